@@ -1,0 +1,13 @@
+# Flags of our own code; a target takes them by linking own_code.
+add_library(own_code INTERFACE)
+target_compile_definitions(own_code INTERFACE
+  UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
+target_compile_options(own_code INTERFACE
+  -fvisibility=hidden -fstack-protector-strong -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.
+  -Wall -Wextra -Wshadow -Wformat=2 -Wformat-signedness -Wundef -Wcast-qual -Wconversion
+  -Wsign-conversion -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wnull-dereference
+  -Wmissing-declarations -Wredundant-decls -Wimplicit-fallthrough=5 -Wvla -Wdouble-promotion
+  -Wdate-time $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual -Wsuggest-override> -Werror)
+# Wine and Windows find no compiler runtime: it goes into each module.
+target_link_options(own_code INTERFACE -static -fstack-protector-strong
+  -Wl,--nxcompat,--dynamicbase,--high-entropy-va,--no-insert-timestamp)

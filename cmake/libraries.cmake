@@ -1,0 +1,32 @@
+# Libraries of other makers. Header-only packages of the build machine are reached through links to
+# just their headers: its /usr/include as a whole must stay off the cross compiler's path.
+set(headers ${CMAKE_BINARY_DIR}/headers)
+file(MAKE_DIRECTORY ${headers})
+foreach(name rapidjson CLI uthash.h)
+  if(NOT EXISTS /usr/include/${name})
+    message(FATAL_ERROR "/usr/include/${name} is missing: run ./dev setup")
+  endif()
+  file(CREATE_LINK /usr/include/${name} ${headers}/${name} SYMBOLIC)
+endforeach()
+add_library(header_packages INTERFACE)
+target_include_directories(header_packages SYSTEM INTERFACE ${headers})
+
+if(NOT EXISTS ${BYPASS_DEPS}/jansson/lib/libjansson.a)
+  message(FATAL_ERROR "${BYPASS_DEPS}/jansson is missing: run ./dev setup")
+endif()
+# Everybody but libwdu_jansson uses only Jansson's header, through the platform's own.
+add_library(jansson_headers INTERFACE)
+target_include_directories(jansson_headers SYSTEM INTERFACE ${BYPASS_DEPS}/jansson/include)
+add_library(jansson STATIC IMPORTED)
+set_target_properties(jansson PROPERTIES IMPORTED_LOCATION ${BYPASS_DEPS}/jansson/lib/libjansson.a)
+target_link_libraries(jansson INTERFACE jansson_headers)
+
+# The contract between platform and plug-ins.
+add_library(oxni_base INTERFACE)
+target_include_directories(oxni_base INTERFACE ${CMAKE_SOURCE_DIR}/oxni_base/include)
+target_link_libraries(oxni_base INTERFACE jansson_headers)
+
+set(gtest_disable_pthreads ON CACHE BOOL "" FORCE)
+set(BUILD_GMOCK OFF CACHE BOOL "" FORCE)
+set(INSTALL_GTEST OFF CACHE BOOL "" FORCE)
+add_subdirectory(/usr/src/googletest ${CMAKE_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
