@@ -1,0 +1,445 @@
+/* The engine's object: translation between the debugger's interfaces and the reader of dumps. One
+ * object is client and control at once. Used from one thread at a time. */
+#include "engine_internal.h"
+#include "kernel_dump.h"
+
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#include <windows.h>
+#include <initguid.h>
+#include <dbgeng.h>
+
+#include "engine_unused.h"
+
+namespace
+{
+enum session_state {
+    SESSION_NONE,
+    SESSION_OPEN,  /* a dump is open, its one event not waited for */
+    SESSION_READY, /* stopped at the crash */
+};
+
+class engine final : public engine_unused_client, public engine_unused_control
+{
+  public:
+    engine();
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override;
+    ULONG STDMETHODCALLTYPE AddRef() override;
+    ULONG STDMETHODCALLTYPE Release() override;
+
+    HRESULT STDMETHODCALLTYPE SetOutputCallbacks(IDebugOutputCallbacks *callbacks) override;
+    HRESULT STDMETHODCALLTYPE OpenDumpFileWide(PCWSTR path, ULONG64 handle) override;
+    HRESULT STDMETHODCALLTYPE EndSession(ULONG flags) override;
+
+    HRESULT STDMETHODCALLTYPE WaitForEvent(ULONG flags, ULONG timeout_ms) override;
+    HRESULT STDMETHODCALLTYPE GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
+                                            ULONG64 instruction_offset, DEBUG_STACK_FRAME *frames,
+                                            ULONG frames_size, ULONG *filled) override;
+    HRESULT STDMETHODCALLTYPE OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames,
+                                               ULONG frames_size, ULONG flags) override;
+
+  private:
+    ~engine();
+    void keep_callbacks(IDebugOutputCallbacks *callbacks);
+    HRESULT open(PCWSTR path);
+    void put(const std::string &text);
+    void put_script_text();
+    void put_column_names(ULONG flags);
+    void put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags);
+    void put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags);
+
+    LONG m_references = 1;
+    IDebugOutputCallbacks *m_callbacks = NULL; /* a reference of our own */
+    enum session_state m_session = SESSION_NONE;
+    kernel_dump m_dump;
+    std::unique_ptr<std::string> m_script_text; /* in place of the dump */
+};
+
+struct error_row {
+    enum kernel_dump_error error;
+    DWORD code;
+};
+} // namespace
+
+static const struct error_row s_errors[] = {
+    {KERNEL_DUMP_NOT_A_DUMP, ERROR_BAD_FORMAT   },
+    {KERNEL_DUMP_USER_MODE,  ERROR_NOT_SUPPORTED},
+    {KERNEL_DUMP_32_BIT,     ERROR_NOT_SUPPORTED},
+    {KERNEL_DUMP_MACHINE,    ERROR_NOT_SUPPORTED},
+    {KERNEL_DUMP_KIND,       ERROR_NOT_SUPPORTED},
+    {KERNEL_DUMP_CUT_OFF,    ERROR_HANDLE_EOF   },
+    {KERNEL_DUMP_DAMAGED,    ERROR_FILE_CORRUPT },
+    {KERNEL_DUMP_NO_CONTEXT, ERROR_INVALID_DATA },
+};
+
+/* What clients have not given back. A leaked client may drop its references from any thread. */
+static volatile LONG s_objects;
+static volatile LONG s_references;
+static volatile LONG s_callbacks;
+
+static HRESULT result_of(enum kernel_dump_error error)
+{
+    for (const error_row &row : s_errors) {
+        if (row.error == error)
+            return HRESULT_FROM_WIN32(row.code);
+    }
+    return S_OK;
+}
+
+static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, std::string *reason)
+{
+    try {
+        return result_of(kernel_dump_read((const uint8_t *)bytes, size, dump, reason));
+    } catch (const std::bad_alloc &) {
+        return E_OUTOFMEMORY;
+    }
+}
+
+/* The file is mapped, since it may be bigger than the memory, and only for the time of reading. */
+static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *reason)
+{
+    HANDLE file = INVALID_HANDLE_VALUE;
+    HANDLE mapping = NULL;
+    const void *view = NULL;
+    LARGE_INTEGER size = {};
+    DWORD error = ERROR_SUCCESS;
+    HRESULT result;
+
+    file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, NULL, OPEN_EXISTING, 0, NULL);
+    if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size))
+        error = GetLastError();
+    /* Windows maps no empty file. */
+    if (error == ERROR_SUCCESS && size.QuadPart > 0) {
+        mapping = CreateFileMappingW(file, NULL, PAGE_READONLY, 0, 0, NULL);
+        if (mapping != NULL)
+            view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
+        if (view == NULL)
+            error = GetLastError();
+    }
+    if (error == ERROR_SUCCESS) {
+        result = read_bytes(view, (uint64_t)size.QuadPart, dump, reason);
+    } else {
+        result = HRESULT_FROM_WIN32(error);
+        *reason = "the file cannot be read, error " + std::to_string(error);
+    }
+    if (view != NULL)
+        UnmapViewOfFile(view);
+    if (mapping != NULL)
+        CloseHandle(mapping);
+    if (file != INVALID_HANDLE_VALUE)
+        CloseHandle(file);
+    return result;
+}
+
+/* Without unwind tables a frame's own parameters are not known; the four places above the return
+ * address are where its function keeps them when it keeps them at all. */
+static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_frame> &walked,
+                        DEBUG_STACK_FRAME *frames)
+{
+    for (size_t i = 0; i < walked.size(); i++) {
+        const bool last = i + 1 == walked.size();
+        DEBUG_STACK_FRAME *frame = &frames[i];
+
+        memset(frame, 0, sizeof *frame);
+        frame->InstructionOffset = walked[i].instruction;
+        frame->StackOffset = walked[i].stack;
+        frame->FrameOffset = walked[i].stack;
+        frame->ReturnOffset = last ? 0 : walked[i + 1].instruction;
+        for (uint64_t k = 0; !last && k < 4; k++)
+            frame->Params[k] = kernel_dump_stack_value(dump, walked[i + 1].stack + 8 * k);
+        frame->Virtual = i > 0;
+        frame->FrameNumber = (ULONG)i;
+    }
+}
+
+engine::engine()
+{
+    InterlockedIncrement(&s_objects);
+    InterlockedIncrement(&s_references);
+}
+
+engine::~engine()
+{
+    keep_callbacks(NULL);
+    InterlockedDecrement(&s_objects);
+}
+
+HRESULT engine::QueryInterface(REFIID iid, void **out)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_QUERY_INTERFACE);
+
+    if (out == NULL)
+        return E_INVALIDARG;
+    *out = NULL;
+    if (IsEqualIID(iid, IID_IDebugControl)) {
+        if (fault != S_OK)
+            return fault;
+        *out = static_cast<IDebugControl *>(this);
+    } else if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDebugClient) ||
+               IsEqualIID(iid, IID_IDebugClient4)) {
+        /* The methods of the first client interface are the first ones of the fourth. */
+        *out = static_cast<IDebugClient4 *>(this);
+    } else {
+        return E_NOINTERFACE;
+    }
+    AddRef();
+    return S_OK;
+}
+
+ULONG engine::AddRef()
+{
+    InterlockedIncrement(&s_references);
+    return (ULONG)InterlockedIncrement(&m_references);
+}
+
+ULONG engine::Release()
+{
+    const LONG left = InterlockedDecrement(&m_references);
+
+    InterlockedDecrement(&s_references);
+    if (left == 0)
+        delete this;
+    return (ULONG)left;
+}
+
+void engine::keep_callbacks(IDebugOutputCallbacks *callbacks)
+{
+    IDebugOutputCallbacks *old = m_callbacks;
+
+    if (callbacks != NULL) {
+        callbacks->AddRef();
+        InterlockedIncrement(&s_callbacks);
+    }
+    m_callbacks = callbacks;
+    if (old != NULL) {
+        InterlockedDecrement(&s_callbacks);
+        old->Release();
+    }
+}
+
+HRESULT engine::SetOutputCallbacks(IDebugOutputCallbacks *callbacks)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_SET_OUTPUT_CALLBACKS);
+
+    /* A client takes its callbacks back with NULL whatever happened before: that always works. */
+    if (callbacks != NULL && fault != S_OK)
+        return fault;
+    keep_callbacks(callbacks);
+    return S_OK;
+}
+
+HRESULT engine::open(PCWSTR path)
+{
+    const std::string *text = engine_script_stack_of(path);
+    std::wstring mapped;
+    std::string reason;
+    HRESULT result;
+
+    if (text != NULL) {
+        m_script_text = std::make_unique<std::string>(*text);
+        return S_OK;
+    }
+    result = engine_script_map_path(path, &mapped);
+    if (result != S_OK)
+        return engine_script_refuse(path, result, "the path leads to no file");
+    result = read_file(mapped.c_str(), &m_dump, &reason);
+    if (result != S_OK)
+        return engine_script_refuse(path, result, reason.c_str());
+    return S_OK;
+}
+
+HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
+{
+    HRESULT result = engine_script_fault_of(ENGINE_CALL_OPEN_DUMP);
+
+    if (result != S_OK)
+        return result;
+    if (path == NULL || handle != 0)
+        return path == NULL ? E_INVALIDARG : E_NOTIMPL;
+    if (m_session != SESSION_NONE)
+        return E_UNEXPECTED;
+    try {
+        result = open(path);
+    } catch (const std::bad_alloc &) {
+        result = E_OUTOFMEMORY;
+    }
+    if (result == S_OK)
+        m_session = SESSION_OPEN;
+    return result;
+}
+
+HRESULT engine::EndSession(ULONG flags)
+{
+    if (flags > DEBUG_END_ACTIVE_DETACH)
+        return E_INVALIDARG;
+    if (m_session == SESSION_NONE)
+        return E_UNEXPECTED;
+    m_session = SESSION_NONE;
+    m_dump = kernel_dump();
+    m_script_text.reset();
+    return S_OK;
+}
+
+HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
+
+    (void)timeout_ms; /* the dump is read already, there is nothing to wait for */
+    if (fault != S_OK)
+        return fault;
+    if (flags != 0)
+        return E_INVALIDARG;
+    if (m_session != SESSION_OPEN)
+        return E_UNEXPECTED;
+    m_session = SESSION_READY;
+    return S_OK;
+}
+
+HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
+                              ULONG64 instruction_offset, DEBUG_STACK_FRAME *frames,
+                              ULONG frames_size, ULONG *filled)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_GET_STACK);
+    std::vector<kernel_dump_frame> walked;
+
+    if (filled != NULL)
+        *filled = 0;
+    if (fault != S_OK)
+        return fault;
+    if (frames == NULL || frames_size == 0)
+        return E_INVALIDARG;
+    if (frame_offset != 0 || stack_offset != 0 || instruction_offset != 0)
+        return E_NOTIMPL;
+    if (m_session != SESSION_READY)
+        return E_UNEXPECTED;
+    try {
+        walked = kernel_dump_walk(m_dump, m_script_text != NULL ? 1 : frames_size);
+    } catch (const std::bad_alloc &) {
+        return E_OUTOFMEMORY;
+    }
+    fill_frames(m_dump, walked, frames);
+    if (filled != NULL)
+        *filled = (ULONG)walked.size();
+    return S_OK;
+}
+
+void engine::put(const std::string &text)
+{
+    m_callbacks->Output(DEBUG_OUTPUT_NORMAL, text.c_str());
+}
+
+/* A line at a time: a client must put the pieces together. */
+void engine::put_script_text()
+{
+    const std::string &text = *m_script_text;
+
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = text.find('\n', start);
+        const size_t next = end == std::string::npos ? text.size() : end + 1;
+
+        put(text.substr(start, next - start));
+        start = next;
+    }
+}
+
+/* The columns before the call site stand in this order. The values of parameters
+ * (DEBUG_STACK_PARAMETERS) come from symbols; there are none, so that flag adds nothing, as in an
+ * engine that finds no symbols. */
+void engine::put_column_names(ULONG flags)
+{
+    if ((flags & DEBUG_STACK_FRAME_NUMBERS) != 0)
+        put(" # ");
+    if ((flags & DEBUG_STACK_FRAME_ADDRESSES) != 0)
+        put("Child-SP          RetAddr           ");
+    if ((flags & DEBUG_STACK_ARGUMENTS) != 0)
+        put(": Args to Child" + std::string(57, ' ') + ": ");
+    put("Call Site\n");
+}
+
+void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
+{
+    if ((flags & DEBUG_STACK_FRAME_NUMBERS) != 0) {
+        char number[16];
+
+        snprintf(number, sizeof number, "%02x ", (unsigned)frame.FrameNumber);
+        put(number);
+    }
+    if ((flags & DEBUG_STACK_FRAME_ADDRESSES) != 0)
+        put(kernel_dump_address_text(frame.StackOffset) + " " +
+            kernel_dump_address_text(frame.ReturnOffset) + " ");
+    if ((flags & DEBUG_STACK_ARGUMENTS) != 0) {
+        put(": ");
+        for (const ULONG64 parameter : frame.Params)
+            put(kernel_dump_address_text(parameter) + " ");
+        put(": ");
+    }
+    put(kernel_dump_call_site(m_dump, frame.InstructionOffset));
+    put("\n");
+}
+
+void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags)
+{
+    if ((flags & DEBUG_STACK_COLUMN_NAMES) != 0)
+        put_column_names(flags);
+    for (ULONG i = 0; i < count; i++) {
+        put_frame(frames[i], flags);
+        if (i == 0 && count > 1)
+            put("Stack unwind information not available. Following frames may be wrong.\n");
+    }
+}
+
+HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames, ULONG frames_size,
+                                 ULONG flags)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_OUTPUT_STACK);
+    const ULONG receivers = output_control & DEBUG_OUTCTL_SEND_MASK;
+
+    if (fault != S_OK)
+        return fault;
+    if (frames == NULL && frames_size > 0)
+        return E_INVALIDARG;
+    if (m_session != SESSION_READY)
+        return E_UNEXPECTED;
+    /* There is one client a session, so "all" is that one. */
+    if (m_callbacks == NULL ||
+        (receivers != DEBUG_OUTCTL_THIS_CLIENT && receivers != DEBUG_OUTCTL_ALL_CLIENTS))
+        return S_OK;
+    try {
+        if (m_script_text != NULL)
+            put_script_text();
+        else
+            put_frames(frames, frames_size, flags);
+    } catch (const std::bad_alloc &) {
+        return E_OUTOFMEMORY;
+    }
+    return S_OK;
+}
+
+extern "C" HRESULT WINAPI DebugCreate(REFIID iid, void **out)
+{
+    const HRESULT fault = engine_script_fault_of(ENGINE_CALL_DEBUG_CREATE);
+    HRESULT result;
+
+    if (out == NULL)
+        return E_INVALIDARG;
+    *out = NULL;
+    if (fault != S_OK)
+        return fault;
+    engine *made = new (std::nothrow) engine;
+
+    if (made == NULL)
+        return E_OUTOFMEMORY;
+    result = made->QueryInterface(iid, out);
+    made->Release();
+    return result;
+}
+
+void engine_counts_get(struct engine_counts *counts)
+{
+    counts->objects = (size_t)s_objects;
+    counts->references = (size_t)s_references;
+    counts->callbacks = (size_t)s_callbacks;
+}

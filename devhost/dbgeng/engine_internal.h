@@ -1,0 +1,32 @@
+/* What the engine's objects ask its script. On the engine's thread. */
+#ifndef DEVHOST_ENGINE_INTERNAL_H
+#define DEVHOST_ENGINE_INTERNAL_H
+
+#include <string>
+
+#include "engine_script.h"
+
+enum engine_call {
+    ENGINE_CALL_DEBUG_CREATE,
+    ENGINE_CALL_QUERY_INTERFACE,
+    ENGINE_CALL_SET_OUTPUT_CALLBACKS,
+    ENGINE_CALL_OPEN_DUMP,
+    ENGINE_CALL_WAIT,
+    ENGINE_CALL_GET_STACK,
+    ENGINE_CALL_OUTPUT_STACK,
+    ENGINE_CALL_COUNT,
+};
+
+/* What the call is to answer instead of working; S_OK: it works. */
+HRESULT engine_script_fault_of(enum engine_call call);
+
+/* The stack text for a dump; NULL: the dump is read. Borrowed until the script changes. */
+const std::string *engine_script_stack_of(const wchar_t *path);
+
+/* Where the dump lies. Result as of the script's map. Throws std::bad_alloc. */
+HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped);
+
+/* Tells the script; result goes through. */
+HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason);
+
+#endif

@@ -1,0 +1,122 @@
+/* The script that the engine plays by, copied from the development host. On the engine's thread. */
+#include "engine_internal.h"
+
+#include <cstring>
+#include <new>
+#include <vector>
+
+/* The longest path that Windows takes, with its terminator. */
+#define PATH_CHARS 32768u
+
+namespace
+{
+struct owned_stack {
+    std::wstring path;
+    std::string text;
+};
+
+struct owned_script {
+    HRESULT faults[ENGINE_CALL_COUNT] = {};
+    std::vector<owned_stack> stacks;
+    engine_script_map_fn map = NULL;
+    engine_script_refused_fn refused = NULL;
+    void *user = NULL;
+};
+} // namespace
+
+/* By enum engine_call. */
+static const char *const s_call_names[ENGINE_CALL_COUNT] = {
+    "DebugCreate",  "QueryInterface", "SetOutputCallbacks", "OpenDumpFileWide",
+    "WaitForEvent", "GetStackTrace",  "OutputStackTrace",
+};
+
+static owned_script s_script;
+
+static HRESULT add_fault(owned_script *script, const struct engine_script_fault &fault)
+{
+    if (fault.call == NULL || fault.result == S_OK)
+        return E_INVALIDARG;
+    for (int i = 0; i < ENGINE_CALL_COUNT; i++) {
+        if (strcmp(s_call_names[i], fault.call) == 0) {
+            script->faults[i] = fault.result;
+            return S_OK;
+        }
+    }
+    return E_INVALIDARG;
+}
+
+static HRESULT copy_script(owned_script *script, const struct engine_script *from)
+{
+    if (from->struct_bytes != sizeof *from || (from->faults == NULL && from->fault_count > 0) ||
+        (from->stacks == NULL && from->stack_count > 0))
+        return E_INVALIDARG;
+    for (size_t i = 0; i < from->fault_count; i++) {
+        const HRESULT result = add_fault(script, from->faults[i]);
+
+        if (result != S_OK)
+            return result;
+    }
+    for (size_t i = 0; i < from->stack_count; i++) {
+        const struct engine_script_stack &stack = from->stacks[i];
+
+        if (stack.path == NULL || stack.text == NULL)
+            return E_INVALIDARG;
+        script->stacks.push_back({stack.path, stack.text});
+    }
+    script->map = from->map;
+    script->refused = from->refused;
+    script->user = from->user;
+    return S_OK;
+}
+
+HRESULT engine_script_set(const struct engine_script *script)
+{
+    HRESULT result = S_OK;
+
+    try {
+        owned_script copy;
+
+        if (script != NULL)
+            result = copy_script(&copy, script);
+        if (result == S_OK)
+            std::swap(s_script, copy);
+    } catch (const std::bad_alloc &) {
+        result = E_OUTOFMEMORY;
+    }
+    return result;
+}
+
+HRESULT engine_script_fault_of(enum engine_call call)
+{
+    return s_script.faults[call];
+}
+
+const std::string *engine_script_stack_of(const wchar_t *path)
+{
+    for (const owned_stack &stack : s_script.stacks) {
+        if (CompareStringOrdinal(stack.path.c_str(), -1, path, -1, TRUE) == CSTR_EQUAL)
+            return &stack.text;
+    }
+    return NULL;
+}
+
+HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped)
+{
+    HRESULT result;
+
+    if (s_script.map == NULL) {
+        *mapped = path;
+        return S_OK;
+    }
+    mapped->assign(PATH_CHARS, L'\0');
+    result = s_script.map(path, &(*mapped)[0], mapped->size(), s_script.user);
+    mapped->resize(wcsnlen(mapped->c_str(), mapped->size()));
+    return result;
+}
+
+HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason)
+{
+    if (s_script.refused != NULL)
+        s_script.refused(path, result, reason, s_script.user);
+    return result;
+}
