@@ -1,4 +1,4 @@
-/* Opening the host's log, time text, and the data folder. Stateless; any thread of the host. */
+/* Opening the host's log, time and JSON text, and the data folder. Stateless; any thread of the host. */
 #include "bypass_log.h"
 
 #include <oxni/base/path.h>
@@ -48,6 +48,21 @@ void bypass_time_text(int64_t seconds, char *buffer, size_t size)
 void bypass_log_now(char *buffer, size_t size)
 {
     bypass_time_text(oxni_time(), buffer, size);
+}
+
+char *bypass_json_text(const json_t *json)
+{
+    return json != NULL ? json_dumps(json, 0) : NULL;
+}
+
+void bypass_json_text_free(char *text)
+{
+    json_free_t free_text = NULL;
+
+    /* Jansson's allocator is the host's choice. */
+    json_get_alloc_funcs(NULL, &free_text);
+    if (text != NULL)
+        free_text(text);
 }
 
 void bypass_data_path(const char *relative, char *buffer, size_t size)

@@ -1,5 +1,5 @@
 /*
- * Log lines of the plug-in, and the two small steps that more than one of its files needs: time
+ * Log lines of the plug-in, and the small steps that several of its files need: time text, JSON
  * text, and the path of a file in the data folder.
  *
  * A line is "[time] [word] [pid:n] [tid:n] [vkl] [file:line] message". It is formatted only when
@@ -10,6 +10,7 @@
 
 #include <windows.h>
 
+#include <oxni/base/json.h>
 #include <oxni/base/log.h>
 
 /* "%d-%02d-%02d %02d:%02d:%02d" fits for any year. */
@@ -42,6 +43,13 @@ void bypass_time_text(int64_t seconds, char *buffer, size_t size);
 /* The same for now. */
 void bypass_log_now(char *buffer, size_t size);
 
+/* A JSON value on one line, separators ", " and ": "; new, freed with bypass_json_text_free. NULL
+ * when memory runs out or json is NULL. */
+char *bypass_json_text(const json_t *json);
+
+/* NULL is harmless. */
+void bypass_json_text_free(char *text);
+
 /*
  * Makes the data folder if it is missing and resolves the path of a file in it.
  *
@@ -64,8 +72,22 @@ void bypass_data_path(const char *relative, char *buffer, size_t size);
 
 #define LOG_FATAL(...) BYPASS_LOG_LINE(OXNI_LOG_FATAL, "fatal", __VA_ARGS__)
 #define LOG_ERROR(...) BYPASS_LOG_LINE(OXNI_LOG_ERROR, "error", __VA_ARGS__)
-#define LOG_WARN(...) BYPASS_LOG_LINE(OXNI_LOG_WARN, "warn", __VA_ARGS__)
-#define LOG_INFO(...) BYPASS_LOG_LINE(OXNI_LOG_INFO, "info", __VA_ARGS__)
+#define LOG_WARN(...)  BYPASS_LOG_LINE(OXNI_LOG_WARN, "warn", __VA_ARGS__)
+#define LOG_INFO(...)  BYPASS_LOG_LINE(OXNI_LOG_INFO, "info", __VA_ARGS__)
 #define LOG_DEBUG(...) BYPASS_LOG_LINE(OXNI_LOG_DEBUG, "debug", __VA_ARGS__)
+
+/* A JSON value on one line as the whole message. */
+#define BYPASS_LOG_JSON(log_line, level, json)                                                     \
+    do {                                                                                           \
+        if (oxni_log_level_get() >= (level)) {                                                     \
+            char *json_text_ = bypass_json_text(json);                                             \
+            if (json_text_ != NULL)                                                                \
+                log_line("%s", json_text_);                                                        \
+            bypass_json_text_free(json_text_);                                                     \
+        }                                                                                          \
+    } while (0)
+
+#define LOG_INFO_JSON(json)  BYPASS_LOG_JSON(LOG_INFO, OXNI_LOG_INFO, json)
+#define LOG_DEBUG_JSON(json) BYPASS_LOG_JSON(LOG_DEBUG, OXNI_LOG_DEBUG, json)
 
 #endif

@@ -1,0 +1,91 @@
+/*
+ * The upload history: which products have had their alarm accepted, and when. One small document on
+ * the disk, loaded and written whole by each operation. Host's callbacks.
+ */
+#include "report_internal.h"
+
+#include <oxni/base/ejs.h>
+#include <oxni/base/time.h>
+
+#include "bypass_log.h"
+
+/* A new document, or NULL; path receives the file's path either way. */
+static json_t *load_history(char *path, size_t size)
+{
+    bypass_data_path("@/../var/bypass_mgr/bypass_mgr_upload.ejs", path, size);
+    return wdu_json_load_file_ejs(path);
+}
+
+int upload_history_need_report(const char *product)
+{
+    char path[BYPASS_PATH_CHARS];
+    json_t *history;
+    int needed = 0;
+
+    if (product == NULL)
+        return 0;
+    history = load_history(path, sizeof(path));
+    if (history == NULL) {
+        LOG_INFO("Failed to open [%s]!", path);
+        return 1;
+    }
+    if (json_object_get(history, product) == NULL) {
+        LOG_INFO("Failed to get [%s] status!", product);
+        needed = 1;
+    }
+    wdu_json_delete_ejs(history);
+    return needed;
+}
+
+int upload_history_save(const char *product)
+{
+    char path[BYPASS_PATH_CHARS], now[BYPASS_TIME_TEXT_CHARS];
+    json_t *history;
+    int written;
+
+    if (product == NULL)
+        return 0;
+    history = load_history(path, sizeof(path));
+    if (history == NULL)
+        history = json_object();
+    bypass_time_text(oxni_time(), now, sizeof(now));
+    (void)json_object_set_new(history, product, json_string(now));
+    written = wdu_json_dump_file_ejs(history, path) == 0;
+    if (!written)
+        LOG_WARN("Failed to save bypass upload the history records! [%s]", product);
+    wdu_json_delete_ejs(history);
+    return written;
+}
+
+int upload_history_delete(const char *product)
+{
+    char path[BYPASS_PATH_CHARS];
+    json_t *history;
+    int deleted = 0;
+
+    if (product == NULL)
+        return 0;
+    history = load_history(path, sizeof(path));
+    if (history == NULL) {
+        LOG_INFO("Failed to open [%s]!", path);
+        return 0;
+    }
+    if (json_object_get(history, product) == NULL) {
+        LOG_INFO("Failed to get [%s] status!", product);
+    } else {
+        (void)json_object_del(history, product);
+        deleted = wdu_json_dump_file_ejs(history, path) == 0;
+        if (!deleted)
+            LOG_WARN("Failed to save bypass upload the history records! Delete [%s]", product);
+    }
+    wdu_json_delete_ejs(history);
+    return deleted;
+}
+
+int report_forget(const char *product)
+{
+    if (product == NULL)
+        return 0;
+    report_pending_forget(product);
+    return upload_history_delete(product);
+}
