@@ -30,9 +30,17 @@ OXNI_API int oxnih_core_run_one(void);
 OXNI_API uint64_t oxnih_core_next_due(void);
 /* Queues a call of the host's own, after delay_ms. */
 OXNI_API void oxnih_core_post(uint64_t delay_ms, void (*fn)(void *user), void *user);
-/* Forgets timers, queued events, replies, services, subscribers, commands and watches, without
- * calling anybody: the agent's process ended. Timer handles are not used again all the same. */
+/* Forgets timers, queued events (the host's own too), replies, services, subscribers, commands and
+ * watches, without calling anybody: the agent's process ended. Timer handles are not used again all
+ * the same. The observer, handlers and resources' states stay. Refused inside a callback, with a
+ * complaint. */
 OXNI_API void oxnih_core_reset(void);
+
+/* Errors that the platform itself puts into replies and answers. */
+enum {
+    OXNIH_ERROR_NOBODY = 2,   /* nobody answers, or the one who would has left */
+    OXNIH_ERROR_REFUSED = 22, /* the message failed the service's schema */
+};
 
 /* --- What happens, for views and expectations. ---------------------------------------------------- */
 
@@ -41,7 +49,7 @@ enum oxnih_event_kind {
     OXNIH_EVENT_REFUSED,    /* a message failed the schema, or its service is missing: text why */
     OXNIH_EVENT_SUBSCRIBED, /* a subscriber was accepted */
     OXNIH_EVENT_LEFT,       /* it left */
-    OXNIH_EVENT_TO_SERVICE, /* a message was delivered to the service */
+    OXNIH_EVENT_TO_SERVICE, /* a message is delivered to the service */
     OXNIH_EVENT_PUSHED,     /* the service pushed a message: queued */
     OXNIH_EVENT_TO_SUBSCRIBER, /* it was delivered */
     OXNIH_EVENT_REPLY,         /* the push was answered: error */
@@ -57,7 +65,8 @@ enum oxnih_event_kind {
     OXNIH_EVENT_TIMER_STOPPED, /* timer; only when it was pending */
 };
 
-/* Unused members are NULL or 0; everything is borrowed for the call. */
+/* Told right before the call that an event stands for. Unused members are NULL or 0; everything is
+ * borrowed for the call. */
 typedef struct oxnih_event {
     enum oxnih_event_kind kind;
     int32_t error;
@@ -76,8 +85,8 @@ OXNI_API void oxnih_core_set_observer(oxnih_observer_fn fn, void *user);
 
 /* Messages that fail the schema are delivered all the same, as a lenient host does. */
 OXNI_API void oxnih_core_set_lenient(int lenient);
-/* The subscriber leaves or dies: its service gets moment 2, once; what is on its way to it gets
- * error replies. The handle stays valid while somebody holds a reference. */
+/* The subscriber leaves or dies: its service gets moment 2, once, queued; what is on its way to it,
+ * delayed replies among it, gets error replies afterwards. The handle stays valid while somebody holds a reference. */
 OXNI_API void oxnih_subscriber_leave(oxni_subscriber *subscriber);
 /* Pushes to it are answered with this error and not delivered; 0 makes it reachable. */
 OXNI_API void oxnih_subscriber_set_unreachable(oxni_subscriber *subscriber, int32_t error);
@@ -87,7 +96,7 @@ OXNI_API void oxnih_subscriber_set_reply_delay(oxni_subscriber *subscriber, uint
  * give back. */
 OXNI_API uint64_t oxnih_subscriber_references(oxni_subscriber *subscriber);
 OXNI_API uint64_t oxnih_core_excess_deletes(void);
-/* Pushes that were neither answered nor given up yet. */
+/* Pushes, in both directions, whose reply has not come yet. */
 OXNI_API uint64_t oxnih_core_pending_replies(void);
 
 /* --- Resources. ------------------------------------------------------------------------------------ */

@@ -25,7 +25,7 @@ OXNI_API void oxnih_set_process_path(const char *path);
 
 /* Simulated from here on: UTC file time now, and milliseconds since Windows started. */
 OXNI_API void oxnih_clock_simulate(uint64_t now_100ns, uint64_t tick_ms);
-/* The machine's clock. tick_base_ms is added to the ticks since this call, boot_100ns unused. */
+/* The machine's clock; the ticks count on from tick_base_ms. */
 OXNI_API void oxnih_clock_real(uint64_t tick_base_ms);
 /* Nonzero when simulated. */
 OXNI_API int oxnih_clock_is_simulated(void);
@@ -65,7 +65,8 @@ OXNI_API void oxnih_complain(const char *format, ...) OXNI_PRINTF(1, 2);
 
 /* --- End of the process by the allocation guard. ----------------------------------------------- */
 
-/* Runs in place of ExitProcess(0); it may throw to leave the callback, and must not return. */
+/* Runs in place of ExitProcess(0), and after a bad free, which was complained about; it may throw to
+ * leave the callback, and must not return. */
 typedef void (*oxnih_exit_fn)(void *user);
 OXNI_API void oxnih_set_exit(oxnih_exit_fn fn, void *user);
 
@@ -95,6 +96,9 @@ OXNI_API void oxnih_memory_get_stats(oxnih_memory_stats *stats);
 OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);
 /* Frees every live block, as the end of the agent's process does. Nothing may use one afterwards. */
 OXNI_API void oxnih_memory_drop_all(void);
+/* Blocks asked for by the library that holds that address are booked on its caller instead; for the
+ * platform's own libraries, once each. */
+OXNI_API void oxnih_memory_see_through(const void *address);
 
 /* --- Identifiers. ------------------------------------------------------------------------------ */
 

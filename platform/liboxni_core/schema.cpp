@@ -1,0 +1,140 @@
+/* Holding messages to a service's JSON Schema. Stateless. */
+#include "core.h"
+
+/* It constructs objects in blocks that it does not test for NULL; inlined here, that is ours. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnull-dereference"
+#include <rapidjson/document.h>
+#include <rapidjson/schema.h>
+#pragma GCC diagnostic pop
+
+struct schema {
+    rapidjson::Document text;
+    std::unique_ptr<rapidjson::SchemaDocument> compiled;
+};
+
+std::shared_ptr<schema> schema_new(const char *text)
+{
+    auto made = std::make_shared<schema>();
+
+    made->text.Parse(text);
+    if (made->text.HasParseError() || !made->text.IsObject())
+        return NULL;
+    made->compiled = std::make_unique<rapidjson::SchemaDocument>(made->text);
+    return made;
+}
+
+/* Tells the validator a value as a parser would read it. */
+class walker
+{
+  public:
+    explicit walker(const schema &rules) : rules_(rules), validator_(*rules.compiled)
+    {
+    }
+
+    /* Result false: refused at place(). */
+    bool value(json_t *value)
+    {
+        bool holds = tell(value);
+
+        if (!holds && refused_ == NULL)
+            refused_ = value;
+        return holds;
+    }
+
+    std::string reason() const
+    {
+        const char *word = validator_.GetInvalidSchemaKeyword();
+        std::string keyword = word == NULL ? "" : word;
+        std::string text = "member \"" + place_ + "\" fails \"" + keyword + "\"";
+
+        return keyword == "required" ? text + ": \"" + missing() + "\" is missing" : text;
+    }
+
+  private:
+    static rapidjson::SizeType size(size_t count)
+    {
+        return static_cast<rapidjson::SizeType>(count);
+    }
+
+    bool tell(json_t *value)
+    {
+        switch (json_typeof(value)) {
+        case JSON_OBJECT: return object(value);
+        case JSON_ARRAY: return array(value);
+        case JSON_STRING:
+            return validator_.String(json_string_value(value), size(json_string_length(value)),
+                                     true);
+        case JSON_INTEGER: return integer(json_integer_value(value));
+        case JSON_REAL: return validator_.Double(json_real_value(value));
+        case JSON_TRUE: return validator_.Bool(true);
+        case JSON_FALSE: return validator_.Bool(false);
+        case JSON_NULL: break;
+        }
+        return validator_.Null();
+    }
+
+    bool integer(json_int_t number)
+    {
+        return number < 0 ? validator_.Int64(number)
+                          : validator_.Uint64(static_cast<uint64_t>(number));
+    }
+
+    bool object(json_t *object)
+    {
+        size_t outside = place_.size();
+        const char *key;
+        json_t *member;
+
+        if (!validator_.StartObject())
+            return false;
+        json_object_foreach(object, key, member)
+        {
+            place_ += std::string("/") + key;
+            if (!validator_.Key(key, size(strlen(key)), true) || !value(member))
+                return false;
+            place_.resize(outside);
+        }
+        return validator_.EndObject(size(json_object_size(object)));
+    }
+
+    bool array(json_t *array)
+    {
+        size_t outside = place_.size();
+
+        if (!validator_.StartArray())
+            return false;
+        for (size_t i = 0; i < json_array_size(array); i++) {
+            place_ += "/" + std::to_string(i);
+            if (!value(json_array_get(array, i)))
+                return false;
+            place_.resize(outside);
+        }
+        return validator_.EndArray(size(json_array_size(array)));
+    }
+
+    /* The first member that the failed part of the schema asks for in vain. */
+    std::string missing() const
+    {
+        const rapidjson::Value *part = validator_.GetInvalidSchemaPointer().Get(rules_.text);
+
+        if (part == NULL || !part->IsObject() || !part->HasMember("required"))
+            return "";
+        for (const auto &name : (*part)["required"].GetArray())
+            if (json_object_get(refused_, name.GetString()) == NULL)
+                return name.GetString();
+        return "";
+    }
+
+    const schema &rules_;
+    rapidjson::SchemaValidator validator_;
+    std::string place_; /* JSON pointer; the empty one is the whole message */
+    json_t *refused_ = NULL;
+};
+
+std::string schema_check(const schema &rules, json_t *message)
+{
+    walker walk(rules);
+
+    return walk.value(message) ? "" : walk.reason();
+}

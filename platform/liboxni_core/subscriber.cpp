@@ -1,0 +1,274 @@
+/* Services, subscriber handles, and how one registers with the other. The host's thread. */
+#include "core.h"
+
+#include <map>
+#include <new>
+#include <set>
+
+#include <oxni/base/memory.h>
+
+struct subscriber_table {
+    std::map<std::string, std::shared_ptr<service>> services;
+    std::set<const oxni_subscriber *> handles;
+    uint64_t excess_deletes = 0;
+    bool lenient = false;
+};
+
+static subscriber_table &s_table = *new subscriber_table;
+
+/* --- Handles --- */
+
+static void free_unreferenced(oxni_subscriber *subscriber)
+{
+    if (subscriber->user_references != 0 || subscriber->platform_references != 0)
+        return;
+    s_table.handles.erase(subscriber);
+    subscriber->~oxni_subscriber();
+    oxni_free_(subscriber);
+}
+
+subscriber_ref::subscriber_ref(oxni_subscriber *subscriber) : subscriber_(subscriber)
+{
+    subscriber_->platform_references++;
+}
+
+subscriber_ref::subscriber_ref(const subscriber_ref &other) : subscriber_ref(other.subscriber_)
+{
+}
+
+subscriber_ref::~subscriber_ref()
+{
+    subscriber_->platform_references--;
+    free_unreferenced(subscriber_);
+}
+
+bool subscriber_is_known(const oxni_subscriber *subscriber, const char *call)
+{
+    bool known = s_table.handles.count(subscriber) != 0;
+
+    if (!known && subscriber != NULL)
+        oxnih_complain("%s: %p is no subscriber, or nobody held a reference of it any more", call,
+                       static_cast<const void *>(subscriber));
+    return known;
+}
+
+oxni_subscriber *oxni_subscriber_new(const oxni_subscriber_attr *attr)
+{
+    void *room;
+
+    if (attr == NULL || attr->ns == NULL || attr->name == NULL)
+        return NULL;
+    /* A block of the agent's, so that a handle never given back shows among the leaks. */
+    room = oxni_zero_malloc_(sizeof(oxni_subscriber));
+    if (room == NULL)
+        return NULL;
+    oxni_subscriber *made = new (room) oxni_subscriber();
+    made->ns = attr->ns;
+    made->name = attr->name;
+    made->attr.ns = made->ns.c_str();
+    made->attr.name = made->name.c_str();
+    made->user_references = 1;
+    s_table.handles.insert(made);
+    return made;
+}
+
+void oxni_subscriber_retain(oxni_subscriber *subscriber)
+{
+    if (subscriber_is_known(subscriber, "oxni_subscriber_retain"))
+        subscriber->user_references++;
+}
+
+void oxni_subscriber_delete(oxni_subscriber *subscriber)
+{
+    if (subscriber == NULL)
+        return;
+    if (!subscriber_is_known(subscriber, "oxni_subscriber_delete")) {
+        s_table.excess_deletes++;
+        return;
+    }
+    if (subscriber->user_references == 0) {
+        s_table.excess_deletes++;
+        oxnih_complain("oxni_subscriber_delete: no reference of subscriber %s/%s is left to give "
+                       "back but the platform's own",
+                       subscriber->attr.ns, subscriber->attr.name);
+        return;
+    }
+    subscriber->user_references--;
+    free_unreferenced(subscriber);
+}
+
+const oxni_subscriber_attr *oxni_subscriber_get_attr(oxni_subscriber *subscriber)
+{
+    return subscriber_is_known(subscriber, "oxni_subscriber_get_attr") ? &subscriber->attr : NULL;
+}
+
+uint64_t oxnih_subscriber_references(oxni_subscriber *subscriber)
+{
+    return s_table.handles.count(subscriber) != 0 ? subscriber->user_references : 0;
+}
+
+uint64_t oxnih_core_excess_deletes(void)
+{
+    return s_table.excess_deletes;
+}
+
+/* --- Services --- */
+
+static void tell(enum oxnih_event_kind kind, oxni_subscriber *subscriber, const std::string &name,
+                 json_t *message, const char *text)
+{
+    oxnih_event event = {};
+
+    event.kind = kind;
+    event.subscriber = subscriber;
+    event.name = name.c_str();
+    event.message = message;
+    event.text = text;
+    dispatcher_tell(event);
+}
+
+int oxni_subscribee_install(const char *name, const char *text, unsigned flags,
+                            oxni_subscribee_fn fn, oxni_subscribee_second_fn second)
+{
+    auto made = std::make_shared<service>();
+
+    (void)flags;
+    (void)second;
+    if (name == NULL || text == NULL || fn == NULL || service_find(name) != NULL)
+        return -1;
+    made->name = name;
+    made->rules = schema_new(text);
+    made->fn = fn;
+    if (made->rules == NULL)
+        return -1;
+    s_table.services[name] = made;
+    tell(OXNIH_EVENT_SERVICE, NULL, made->name, NULL, NULL);
+    return 0;
+}
+
+std::shared_ptr<service> service_find(const std::string &name)
+{
+    auto at = s_table.services.find(name);
+
+    return at == s_table.services.end() ? NULL : at->second;
+}
+
+void oxnih_core_set_lenient(int lenient)
+{
+    s_table.lenient = lenient != 0;
+}
+
+int32_t service_check(const std::shared_ptr<service> &home, const std::string &name,
+                      oxni_subscriber *subscriber, json_t *message)
+{
+    std::string why;
+
+    if (home == NULL)
+        why = "there is no such service";
+    else if (!s_table.lenient)
+        why = schema_check(*home->rules, message);
+    if (why.empty())
+        return 0;
+    tell(OXNIH_EVENT_REFUSED, subscriber, name, message, why.c_str());
+    return home == NULL ? OXNIH_ERROR_NOBODY : OXNIH_ERROR_REFUSED;
+}
+
+void service_receive(const service &home, oxni_subscriber *subscriber, json_t *message)
+{
+    tell(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, NULL);
+    home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
+}
+
+/* --- Registration and leaving --- */
+
+/* The platform's reference for the living subscriber. */
+static void hold(oxni_subscriber *subscriber)
+{
+    subscriber->platform_references++;
+}
+
+static void let_go(oxni_subscriber *subscriber)
+{
+    subscriber->platform_references--;
+    free_unreferenced(subscriber);
+}
+
+/* All of it in one delivery: nothing that is queued meanwhile may come between. */
+static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, json_t *message)
+{
+    if (subscriber->state != SUBSCRIBER_SUBSCRIBING)
+        return;
+    std::shared_ptr<service> home = service_find(name);
+    if (service_check(home, name, subscriber, message) != 0) {
+        subscriber->state = SUBSCRIBER_NEW;
+        let_go(subscriber);
+        return;
+    }
+    subscriber->home = home;
+    subscriber->state = SUBSCRIBER_SUBSCRIBED;
+    service_receive(*home, subscriber, message);
+    tell(OXNIH_EVENT_SUBSCRIBED, subscriber, name, NULL, NULL);
+    home->fn(0, NULL, OXNI_MOMENT_ACCEPTED, NULL, subscriber);
+    if (subscriber->state == SUBSCRIBER_SUBSCRIBED)
+        subscriber->fn(subscriber, 0, NULL, NULL);
+}
+
+int oxni_subscriber_subscribe(oxni_subscriber *subscriber, const char *name, json_t *message,
+                              oxni_subscriber_fn fn)
+{
+    if (!subscriber_is_known(subscriber, "oxni_subscriber_subscribe") || name == NULL ||
+        message == NULL || fn == NULL || subscriber->state != SUBSCRIBER_NEW)
+        return -1;
+    subscriber->state = SUBSCRIBER_SUBSCRIBING;
+    subscriber->fn = fn;
+    hold(subscriber);
+    dispatcher_queue(0, [ref = subscriber_ref(subscriber), to = std::string(name),
+                         kept = json_ref(message)] { run_subscribe(ref.get(), to, kept.get()); });
+    return 0;
+}
+
+static void run_leave(oxni_subscriber *subscriber)
+{
+    subscriber->state = SUBSCRIBER_GONE;
+    tell(OXNIH_EVENT_LEFT, subscriber, subscriber->home->name, NULL, NULL);
+    subscriber->home->fn(0, NULL, OXNI_MOMENT_UNSUBSCRIBE, NULL, subscriber);
+}
+
+void oxnih_subscriber_leave(oxni_subscriber *subscriber)
+{
+    subscriber_state before;
+
+    if (!subscriber_is_known(subscriber, "oxnih_subscriber_leave"))
+        return;
+    before = subscriber->state;
+    if (before == SUBSCRIBER_LEFT || before == SUBSCRIBER_GONE)
+        return;
+    subscriber->state = before == SUBSCRIBER_SUBSCRIBED ? SUBSCRIBER_LEFT : SUBSCRIBER_GONE;
+    if (before == SUBSCRIBER_SUBSCRIBED)
+        dispatcher_queue(0, [ref = subscriber_ref(subscriber)] { run_leave(ref.get()); });
+    if (before != SUBSCRIBER_NEW)
+        let_go(subscriber);
+}
+
+void oxnih_subscriber_set_unreachable(oxni_subscriber *subscriber, int32_t error)
+{
+    if (subscriber_is_known(subscriber, "oxnih_subscriber_set_unreachable"))
+        subscriber->unreachable = error;
+}
+
+void oxnih_subscriber_set_reply_delay(oxni_subscriber *subscriber, uint64_t delay_ms)
+{
+    if (subscriber_is_known(subscriber, "oxnih_subscriber_set_reply_delay"))
+        subscriber->reply_delay_ms = delay_ms;
+}
+
+void subscriber_reset()
+{
+    s_table.services.clear();
+    while (!s_table.handles.empty()) {
+        oxni_subscriber *last = const_cast<oxni_subscriber *>(*s_table.handles.begin());
+        last->user_references = 0;
+        last->platform_references = 0;
+        free_unreferenced(last);
+    }
+}

@@ -1,0 +1,34 @@
+/* Checksums and the byte coding of driver files. Stateless; any thread. */
+#include <oxni/base/algo.h>
+
+#include <cstring>
+
+/* Bit by bit: what is checked here are small files and short ids. */
+uint32_t oxni_crc32_calc(const void *data, size_t length)
+{
+    const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    uint32_t crc = 0xffffffffU;
+
+    for (size_t i = 0; i < length; i++) {
+        crc ^= bytes[i];
+        for (int bit = 0; bit < 8; bit++)
+            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xedb88320U : 0);
+    }
+    return ~crc;
+}
+
+void xor_encry(void *data, size_t length, const char *key)
+{
+    uint8_t *bytes = static_cast<uint8_t *>(data);
+    size_t key_length = key == NULL ? 0 : strlen(key);
+
+    if (data == NULL || key_length == 0)
+        return;
+    for (size_t i = 0; i < length; i++)
+        bytes[i] = static_cast<uint8_t>(bytes[i] ^ static_cast<uint8_t>(key[i % key_length]));
+}
+
+void xor_decry(void *data, size_t length, const char *key)
+{
+    xor_encry(data, length, key);
+}

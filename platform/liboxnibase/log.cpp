@@ -1,0 +1,183 @@
+/* The process's log, complaints, and the end of the process. The host's thread. */
+#include "base.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include <oxni/base/log.h>
+#include <oxni/base/path.h>
+#include <oxni/base/time.h>
+
+/* Beyond this a format that the C runtime cannot print is more likely than a line that long. */
+static constexpr size_t LINE_LIMIT_BYTES = 256 * 1024 * 1024;
+
+struct log_state {
+    bool open = false; /* autolog_init ran; the file may have failed all the same */
+    HANDLE file = INVALID_HANDLE_VALUE;
+    int level = OXNI_LOG_INFO;
+    oxnih_log_sink_fn sink = NULL;
+    void *sink_user = NULL;
+    oxnih_complaint_fn complaint = NULL;
+    void *complaint_user = NULL;
+    oxnih_exit_fn exit = NULL;
+    void *exit_user = NULL;
+};
+
+static log_state s_log;
+
+void oxnih_log_set_sink(oxnih_log_sink_fn sink, void *user)
+{
+    s_log.sink = sink;
+    s_log.sink_user = user;
+}
+
+void oxnih_log_set_level(int level)
+{
+    s_log.level = level;
+}
+
+int oxni_log_level_get(void)
+{
+    return s_log.level;
+}
+
+int oxni_log_is_regestered(void)
+{
+    return s_log.open;
+}
+
+/* The C runtime's own printf, whose %S and %I64d plug-ins use. It says only that a text does not
+ * fit, or that a wide character has no place in the code page: then the text before that stays. */
+static std::vector<char> format_line(const char *format, va_list arguments)
+{
+    std::vector<char> line(1024);
+
+    for (;;) {
+        va_list copy;
+        va_copy(copy, arguments);
+        errno = 0;
+        int length = _vsnprintf(line.data(), line.size(), format, copy);
+        va_end(copy);
+        if (length >= 0 && static_cast<size_t>(length) < line.size())
+            return line;
+        if (length < 0 && (errno == EILSEQ || line.size() >= LINE_LIMIT_BYTES)) {
+            line.back() = '\0';
+            return line;
+        }
+        line.assign(line.size() * 2, '\0');
+    }
+}
+
+void oxni_log_output(int level, const char *format, ...)
+{
+    va_list arguments;
+    DWORD written;
+
+    va_start(arguments, format);
+    std::vector<char> line = format_line(format, arguments);
+    va_end(arguments);
+    if (s_log.file != INVALID_HANDLE_VALUE)
+        /* A full disk must not stop the agent, and there is no other place to report it. */
+        (void)WriteFile(s_log.file, line.data(), static_cast<DWORD>(strlen(line.data())), &written,
+                        NULL);
+    if (s_log.sink != NULL)
+        s_log.sink(level, line.data(), s_log.sink_user);
+}
+
+/* Deletes the oldest log files of a folder so that at most that many remain. Their names are the
+ * times at which they were begun, so the order of names is that of age. */
+static void remove_oldest(const std::wstring &folder, size_t keep)
+{
+    std::vector<std::wstring> names;
+    WIN32_FIND_DATAW found;
+    HANDLE find = FindFirstFileW((folder + L"*-*.log").c_str(), &found);
+
+    if (find == INVALID_HANDLE_VALUE)
+        return;
+    do
+        names.push_back(found.cFileName);
+    while (FindNextFileW(find, &found));
+    FindClose(find);
+    std::sort(names.begin(), names.end());
+    for (size_t i = 0; i + keep < names.size(); i++)
+        (void)DeleteFileW((folder + names[i]).c_str()); /* in use: the next start tries again */
+}
+
+static HANDLE open_log_file(const char *directory, int files)
+{
+    std::string folder;
+    std::wstring wide;
+    struct tm now;
+    char name[64];
+
+    if (!path_resolve(directory, &folder))
+        return INVALID_HANDLE_VALUE;
+    if (folder.back() != '/')
+        folder += '/';
+    if (oxni_dirutils_mkdir(folder.c_str(), 0775) != 0)
+        return INVALID_HANDLE_VALUE;
+    (void)oxni_time_stamp_to_local(oxni_time(), &now); /* all zero is a name as well */
+    snprintf(name, sizeof(name), "%04d%02d%02d-%02d%02d%02d.log", now.tm_year + 1900,
+             now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
+    if (!str_to_wide(folder.c_str(), &wide))
+        return INVALID_HANDLE_VALUE;
+    remove_oldest(wide, static_cast<size_t>(std::max(files, 1)) - 1);
+    return CreateFileW((wide + std::wstring(name, name + strlen(name))).c_str(), FILE_APPEND_DATA,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, NULL, OPEN_ALWAYS,
+                       FILE_ATTRIBUTE_NORMAL, NULL);
+}
+
+int oxni_autolog_init(const char *directory, int files)
+{
+    if (s_log.open)
+        return 0;
+    s_log.open = true;
+    if (directory != NULL)
+        s_log.file = open_log_file(directory, files);
+    return s_log.file == INVALID_HANDLE_VALUE ? -1 : 0;
+}
+
+void oxnih_log_close(void)
+{
+    if (s_log.file != INVALID_HANDLE_VALUE)
+        CloseHandle(s_log.file);
+    s_log.file = INVALID_HANDLE_VALUE;
+    s_log.open = false;
+}
+
+void oxnih_set_complaint(oxnih_complaint_fn fn, void *user)
+{
+    s_log.complaint = fn;
+    s_log.complaint_user = user;
+}
+
+void oxnih_complain(const char *format, ...)
+{
+    va_list arguments;
+
+    va_start(arguments, format);
+    std::vector<char> text = format_line(format, arguments);
+    va_end(arguments);
+    if (s_log.complaint != NULL)
+        s_log.complaint(text.data(), s_log.complaint_user);
+    else
+        fprintf(stderr, "platform: %s\n", text.data());
+}
+
+void oxnih_set_exit(oxnih_exit_fn fn, void *user)
+{
+    s_log.exit = fn;
+    s_log.exit_user = user;
+}
+
+void log_end_process(unsigned exit_code)
+{
+    oxnih_log_close();
+    if (s_log.exit != NULL)
+        s_log.exit(s_log.exit_user);
+    ExitProcess(exit_code);
+}

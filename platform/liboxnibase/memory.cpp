@@ -1,0 +1,386 @@
+/*
+ * The allocator of platform, plug-ins and Jansson. Owns the list of blocks; the host's thread.
+ */
+#include "base.h"
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <unordered_map>
+#include <vector>
+
+#include <oxni/base/log.h>
+#include <oxni/base/memory.h>
+
+static constexpr size_t PAGE_BYTES = 4096;
+/* Address space is reserved in steps of 64 KB at best, so guarded blocks share large pieces. */
+static constexpr size_t ARENA_BYTES = 64 * 1024 * 1024;
+/* Pieces kept back after their last block was freed: 4 GB in which a stale pointer still faults. */
+static constexpr size_t ARENAS_KEPT = 64;
+/* Frames between an allocation and the plug-in's own code; Jansson's deepest way is about ten. */
+static constexpr int CALLER_FRAMES = 24;
+
+struct arena {
+    char *base;
+    size_t bytes, used; /* used: handed out ever, from the start */
+    size_t live;        /* blocks */
+};
+
+struct block {
+    size_t size;
+    const void *caller;
+    const void *freed_by; /* NULL while it lives */
+    arena *guarded_in;    /* NULL: from the C library */
+    char *pages;          /* of a guarded one: the first */
+    size_t page_bytes;    /* without the inaccessible page behind them */
+};
+
+struct module_range {
+    uintptr_t begin, end;
+};
+
+struct memory_state {
+    std::map<uintptr_t, block> blocks; /* guarded ones stay listed when they are freed */
+    std::deque<arena *> arenas;        /* the last one is being filled */
+    std::vector<module_range> seen_through;
+    oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
+    oxnih_memory_stats stats = {};
+    uint64_t fail_in = 0; /* allocations until one fails; 0 never */
+    bool fail_forever = false;
+};
+
+/* Never destroyed: other libraries free blocks while the process unloads them. */
+static memory_state &s_memory = *new memory_state;
+
+static const char *module_base(const void *address)
+{
+    HMODULE module = NULL;
+
+    if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
+                                GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                            static_cast<const wchar_t *>(address), &module))
+        return NULL;
+    return reinterpret_cast<const char *>(module);
+}
+
+static std::string site_text(const void *address)
+{
+    const char *base = module_base(address);
+    wchar_t path[MAX_PATH];
+    char text[64];
+    std::string name;
+
+    if (base != NULL &&
+        GetModuleFileNameW(reinterpret_cast<HMODULE>(const_cast<char *>(base)), path, MAX_PATH)) {
+        name = str_to_utf8(path);
+        name.erase(0, name.find_last_of("/\\") + 1);
+        name += "+";
+    }
+    snprintf(text, sizeof(text), "0x%llx",
+             static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(address) -
+                                             reinterpret_cast<uintptr_t>(base)));
+    return name + text;
+}
+
+static bool is_seen_through(uintptr_t address)
+{
+    for (const module_range &range : s_memory.seen_through)
+        if (address >= range.begin && address < range.end)
+            return true;
+    return false;
+}
+
+/* The first return address outside the platform's libraries: who wanted the JSON value, not where
+ * Jansson asks for memory. The stack is walked only when the direct caller is such a library. */
+static const void *site_of(const void *caller)
+{
+    CONTEXT context;
+    UNWIND_HISTORY_TABLE history = {};
+
+    if (!is_seen_through(reinterpret_cast<uintptr_t>(caller)))
+        return caller;
+    RtlCaptureContext(&context);
+    for (int frame = 0; frame < CALLER_FRAMES && context.Rip != 0; frame++) {
+        DWORD64 image = 0, established = 0;
+        void *handler_data = NULL;
+        PRUNTIME_FUNCTION function = RtlLookupFunctionEntry(context.Rip, &image, &history);
+        if (function == NULL)
+            break;
+        RtlVirtualUnwind(UNW_FLAG_NHANDLER, image, context.Rip, function, &context, &handler_data,
+                         &established, NULL);
+        if (module_base(reinterpret_cast<const void *>(context.Rip)) != module_base(&s_memory) &&
+            !is_seen_through(context.Rip))
+            return reinterpret_cast<const void *>(context.Rip);
+    }
+    return caller;
+}
+
+static bool arena_open(size_t bytes)
+{
+    arena *fresh = new arena{NULL, std::max(bytes, ARENA_BYTES), 0, 0};
+
+    fresh->base = static_cast<char *>(VirtualAlloc(NULL, fresh->bytes, MEM_RESERVE, PAGE_NOACCESS));
+    if (fresh->base == NULL) {
+        delete fresh;
+        return false;
+    }
+    s_memory.arenas.push_back(fresh);
+    return true;
+}
+
+static void arena_close(arena *old)
+{
+    auto first = s_memory.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base));
+    auto last = s_memory.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base) + old->bytes);
+
+    /* Blocks of the C library never lie inside a reserved piece. */
+    s_memory.blocks.erase(first, last);
+    VirtualFree(old->base, 0, MEM_RELEASE);
+    s_memory.arenas.erase(std::find(s_memory.arenas.begin(), s_memory.arenas.end(), old));
+    delete old;
+}
+
+static void arenas_trim()
+{
+    while (s_memory.arenas.size() > ARENAS_KEPT) {
+        auto empty = std::find_if(s_memory.arenas.begin(), s_memory.arenas.end() - 1,
+                                  [](const arena *a) { return a->live == 0; });
+        if (empty == s_memory.arenas.end() - 1)
+            return;
+        arena_close(*empty);
+    }
+}
+
+/* A block that ends where an inaccessible page begins, so that the first byte behind it faults,
+ * whatever that costs in alignment: structures have sizes that keep them aligned. */
+static char *guarded_new(block *made)
+{
+    arena *home;
+    char *end;
+
+    if (made->size > SIZE_MAX - 2 * PAGE_BYTES)
+        return NULL;
+    made->page_bytes = (made->size + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+    home = s_memory.arenas.empty() ? NULL : s_memory.arenas.back();
+    if (home == NULL || home->bytes - home->used < made->page_bytes + PAGE_BYTES) {
+        if (!arena_open(made->page_bytes + PAGE_BYTES))
+            return NULL;
+        arenas_trim();
+        home = s_memory.arenas.back();
+    }
+    made->pages = home->base + home->used;
+    if (made->page_bytes != 0 &&
+        VirtualAlloc(made->pages, made->page_bytes, MEM_COMMIT, PAGE_READWRITE) == NULL)
+        return NULL;
+    home->used += made->page_bytes + PAGE_BYTES;
+    home->live++;
+    made->guarded_in = home;
+    end = made->pages + made->page_bytes;
+    return end - made->size;
+}
+
+static bool must_fail()
+{
+    s_memory.stats.allocations++;
+    if (s_memory.fail_in == 0 || --s_memory.fail_in > 0)
+        return false;
+    s_memory.fail_in = s_memory.fail_forever ? 1 : 0;
+    s_memory.stats.failed++;
+    return true;
+}
+
+void *memory_allocate(size_t size, const void *caller)
+{
+    block made = {size, NULL, NULL, NULL, NULL, 0};
+    char *address;
+
+    if (must_fail())
+        return NULL;
+    if (s_memory.mode == OXNIH_MEMORY_GUARD)
+        address = guarded_new(&made);
+    else
+        address = static_cast<char *>(calloc(1, size == 0 ? 1 : size));
+    if (address == NULL)
+        return NULL;
+    made.caller = site_of(caller);
+    s_memory.blocks[reinterpret_cast<uintptr_t>(address)] = made;
+    s_memory.stats.live_blocks++;
+    s_memory.stats.live_bytes += size;
+    return address;
+}
+
+static void block_release(std::map<uintptr_t, block>::iterator at, const void *caller)
+{
+    block &old = at->second;
+
+    s_memory.stats.live_blocks--;
+    s_memory.stats.live_bytes -= old.size;
+    if (old.guarded_in == NULL) {
+        free(reinterpret_cast<void *>(at->first));
+        s_memory.blocks.erase(at);
+        return;
+    }
+    if (old.page_bytes != 0)
+        VirtualFree(old.pages, old.page_bytes, MEM_DECOMMIT);
+    old.guarded_in->live--;
+    old.freed_by = caller;
+}
+
+/* The run ends here: after a bad free nothing that follows can be trusted. */
+[[noreturn]] static void end_bad_free(const void *address, const void *caller)
+{
+    uintptr_t number = reinterpret_cast<uintptr_t>(address);
+    auto behind = s_memory.blocks.upper_bound(number);
+    const block *below = behind == s_memory.blocks.begin() ? NULL : &std::prev(behind)->second;
+    uintptr_t begin = below == NULL ? 0 : std::prev(behind)->first;
+    std::string by = site_text(site_of(caller));
+
+    if (below != NULL && begin == number && below->freed_by != NULL)
+        oxnih_complain("bad free by %s: block %p of %llu bytes from %s was freed before by %s",
+                       by.c_str(), address, static_cast<unsigned long long>(below->size),
+                       site_text(below->caller).c_str(), site_text(below->freed_by).c_str());
+    else if (below != NULL && number - begin < below->size)
+        oxnih_complain("bad free by %s: %p lies %llu bytes inside block %p of %llu bytes from %s",
+                       by.c_str(), address, static_cast<unsigned long long>(number - begin),
+                       reinterpret_cast<const void *>(begin),
+                       static_cast<unsigned long long>(below->size),
+                       site_text(below->caller).c_str());
+    else
+        oxnih_complain("bad free by %s: no allocation gave %p, or it was freed before", by.c_str(),
+                       address);
+    log_end_process(3);
+}
+
+static std::map<uintptr_t, block>::iterator block_find(const void *address, const void *caller)
+{
+    auto at = s_memory.blocks.find(reinterpret_cast<uintptr_t>(address));
+
+    if (at == s_memory.blocks.end() || at->second.freed_by != NULL)
+        end_bad_free(address, caller);
+    return at;
+}
+
+void memory_free(void *address, const void *caller)
+{
+    if (address != NULL)
+        block_release(block_find(address, caller), caller);
+}
+
+void *oxni_zero_malloc_(size_t size)
+{
+    return memory_allocate(size, BASE_CALLER());
+}
+
+void *oxni_ralloc_(void *address, size_t size)
+{
+    const void *caller = BASE_CALLER();
+    void *fresh;
+
+    if (address == NULL)
+        return memory_allocate(size, caller);
+    block_find(address, caller);
+    /* The block moves each time, so that a pointer to its old place is found out. */
+    fresh = memory_allocate(size, caller);
+    if (fresh == NULL)
+        return NULL;
+    auto old = block_find(address, caller);
+    memcpy(fresh, address, std::min(size, old->second.size));
+    block_release(old, caller);
+    return fresh;
+}
+
+void oxni_free_(void *address)
+{
+    memory_free(address, BASE_CALLER());
+}
+
+char *oxni_strdup(const char *text)
+{
+    size_t bytes = text == NULL ? 0 : strlen(text) + 1;
+    char *copy = text == NULL ? NULL : static_cast<char *>(memory_allocate(bytes, BASE_CALLER()));
+
+    if (copy != NULL)
+        memcpy(copy, text, bytes);
+    return copy;
+}
+
+void oxni_out_of_memory_(const char *file, int line)
+{
+    oxni_log_output(OXNI_LOG_FATAL, "[%s] [fatal] [pid:%d] [tid:%d] [vkl] [%s:%d] Out of memory\n",
+                    time_text_now().c_str(), static_cast<int>(GetCurrentProcessId()),
+                    static_cast<int>(GetCurrentThreadId()), file, line);
+    log_end_process(0);
+}
+
+void oxnih_memory_set_mode(enum oxnih_memory_mode mode)
+{
+    s_memory.mode = mode;
+}
+
+void oxnih_memory_fail(uint64_t nth, int forever)
+{
+    s_memory.fail_in = nth;
+    s_memory.fail_forever = forever != 0;
+}
+
+void oxnih_memory_get_stats(oxnih_memory_stats *stats)
+{
+    *stats = s_memory.stats;
+}
+
+void oxnih_memory_see_through(const void *address)
+{
+    const char *base = module_base(address);
+    IMAGE_DOS_HEADER dos;
+    IMAGE_NT_HEADERS64 nt;
+
+    if (base == NULL)
+        return;
+    memcpy(&dos, base, sizeof(dos));
+    memcpy(&nt, base + dos.e_lfanew, sizeof(nt));
+    uintptr_t begin = reinterpret_cast<uintptr_t>(base);
+    s_memory.seen_through.push_back({begin, begin + nt.OptionalHeader.SizeOfImage});
+}
+
+void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
+{
+    struct leak {
+        std::string site;
+        uint64_t blocks, bytes;
+    };
+    std::unordered_map<const void *, leak> found;
+    std::vector<leak> sorted;
+
+    for (const auto &entry : s_memory.blocks) {
+        if (entry.second.freed_by != NULL)
+            continue;
+        leak &at = found[entry.second.caller];
+        at.blocks++;
+        at.bytes += entry.second.size;
+    }
+    for (auto &entry : found) {
+        entry.second.site = site_text(entry.first);
+        sorted.push_back(entry.second);
+    }
+    std::sort(sorted.begin(), sorted.end(), [](const leak &a, const leak &b) {
+        return a.bytes != b.bytes ? a.bytes > b.bytes : a.site < b.site;
+    });
+    for (const leak &each : sorted)
+        fn(each.site.c_str(), each.blocks, each.bytes, user);
+}
+
+void oxnih_memory_drop_all(void)
+{
+    for (auto &entry : s_memory.blocks)
+        if (entry.second.guarded_in == NULL)
+            free(reinterpret_cast<void *>(entry.first));
+    s_memory.blocks.clear();
+    for (arena *each : s_memory.arenas) {
+        VirtualFree(each->base, 0, MEM_RELEASE);
+        delete each;
+    }
+    s_memory.arenas.clear();
+    s_memory.stats.live_blocks = 0;
+    s_memory.stats.live_bytes = 0;
+}

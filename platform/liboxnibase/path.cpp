@@ -1,0 +1,193 @@
+/* Paths, folders and files. Windows is only ever given UTF-16: its narrow calls read the machine's
+ * code page. The folders of the run belong to the host's thread. */
+#include "base.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include <oxni/base/log.h>
+#include <oxni/base/path.h>
+
+static std::string s_install_dir; /* empty: the executable's folder */
+static std::string s_log_dir;     /* empty: there is none */
+static std::string s_process_path;
+
+static std::string without_end_slash(const char *path)
+{
+    std::string text = path == NULL ? "" : path;
+
+    while (!text.empty() && (text.back() == '/' || text.back() == '\\'))
+        text.pop_back();
+    return text;
+}
+
+void oxnih_set_install_dir(const char *path)
+{
+    s_install_dir = without_end_slash(path);
+}
+
+void oxnih_set_log_dir(const char *path)
+{
+    s_log_dir = without_end_slash(path);
+}
+
+void oxnih_set_process_path(const char *path)
+{
+    s_process_path = path == NULL ? "" : path;
+}
+
+int oxni_log_dir(char *buffer, size_t size)
+{
+    if (!str_fit(s_log_dir, buffer, size))
+        return 0;
+    return !s_log_dir.empty();
+}
+
+static std::string process_path()
+{
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD chars;
+
+    if (!s_process_path.empty())
+        return s_process_path;
+    for (;;) {
+        chars = GetModuleFileNameW(NULL, path.data(), static_cast<DWORD>(path.size()));
+        if (chars < path.size())
+            break;
+        path.resize(path.size() * 2);
+    }
+    path.resize(chars);
+    return str_to_utf8(path.c_str());
+}
+
+static std::string directory_of(const std::string &path)
+{
+    size_t slash = path.find_last_of("/\\");
+
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+bool path_resolve(const char *path, std::string *resolved)
+{
+    std::string text = path == NULL ? "" : path;
+    std::wstring wide, full;
+    DWORD chars;
+
+    resolved->clear();
+    if (text[0] == '@' && (text[1] == '\0' || text[1] == '/' || text[1] == '\\'))
+        text.replace(0, 1, s_install_dir.empty() ? directory_of(process_path()) : s_install_dir);
+    if (!str_to_wide(text.c_str(), &wide))
+        return false;
+    chars = GetFullPathNameW(wide.c_str(), 0, NULL, NULL);
+    if (chars == 0)
+        return false;
+    full.resize(chars);
+    chars = GetFullPathNameW(wide.c_str(), chars, full.data(), NULL);
+    if (chars == 0 || chars >= full.size())
+        return false;
+    *resolved = str_to_utf8(full.c_str());
+    std::replace(resolved->begin(), resolved->end(), '\\', '/');
+    return true;
+}
+
+int oxni_dirutils_path_transform(const char *path, char *buffer, size_t size)
+{
+    std::string resolved;
+
+    if (!path_resolve(path, &resolved)) {
+        (void)str_fit("", buffer, size);
+        return -1;
+    }
+    return str_fit(resolved, buffer, size) ? 0 : -1;
+}
+
+static bool is_folder(const std::wstring &path)
+{
+    DWORD attributes = GetFileAttributesW(path.c_str());
+
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+int oxni_dirutils_mkdir(const char *path, int mode)
+{
+    std::wstring wide;
+
+    (void)mode; /* Windows keeps access lists instead; the parent's are inherited. */
+    if (!str_to_wide(path, &wide) || wide.empty())
+        return -1;
+    for (size_t at = wide.find_first_of(L"/\\", 1); at != std::wstring::npos;
+         at = wide.find_first_of(L"/\\", at + 1))
+        /* A drive or a share cannot be made; whether all is well shows at the end. */
+        (void)CreateDirectoryW(wide.substr(0, at).c_str(), NULL);
+    (void)CreateDirectoryW(wide.c_str(), NULL);
+    return is_folder(wide) ? 0 : -1;
+}
+
+int oxni_path_directory(const char *path, char *buffer, size_t size)
+{
+    if (path == NULL) {
+        (void)str_fit("", buffer, size);
+        return -1;
+    }
+    return str_fit(directory_of(path), buffer, size) ? 0 : -1;
+}
+
+const char *oxni_path_basename(const char *path)
+{
+    const char *name = path;
+
+    for (const char *at = path; at != NULL && *at != '\0'; at++)
+        if (*at == '/' || *at == '\\')
+            name = at + 1;
+    return name;
+}
+
+int oxni_path_is_exist_u(const char *path)
+{
+    std::wstring wide;
+
+    return str_to_wide(path, &wide) && GetFileAttributesW(wide.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+int oxni_path_del_file_u(const char *path)
+{
+    std::wstring wide;
+
+    if (!str_to_wide(path, &wide))
+        return path == NULL ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
+    return DeleteFileW(wide.c_str()) ? 0 : static_cast<int>(GetLastError());
+}
+
+int oxni_file_flush(const char *path)
+{
+    std::wstring wide;
+    HANDLE file;
+    DWORD error = ERROR_SUCCESS;
+
+    if (!str_to_wide(path, &wide))
+        return path == NULL ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
+    file = CreateFileW(wide.c_str(), GENERIC_WRITE,
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, NULL, OPEN_EXISTING,
+                       FILE_ATTRIBUTE_NORMAL, NULL);
+    if (file == INVALID_HANDLE_VALUE)
+        return static_cast<int>(GetLastError());
+    if (!FlushFileBuffers(file))
+        error = GetLastError();
+    CloseHandle(file);
+    return static_cast<int>(error);
+}
+
+FILE *oxni_file_open_w(const wchar_t *path, const wchar_t *mode)
+{
+    return path == NULL || mode == NULL ? NULL : _wfopen(path, mode);
+}
+
+int oxni_process_path(char *buffer, size_t size)
+{
+    return str_fit(process_path(), buffer, size) ? 0 : -1;
+}
+
+int oxni_process_name(char *buffer, size_t size)
+{
+    return str_fit(oxni_path_basename(process_path().c_str()), buffer, size) ? 0 : -1;
+}

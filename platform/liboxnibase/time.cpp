@@ -1,0 +1,173 @@
+/* Conversions of moments. Windows does the calendar and the zone's rules: the C library reads TZ by
+ * itself and has no time before 1970. Stateless. */
+#include "base.h"
+
+#include <cstring>
+
+#include <oxni/base/time.h>
+
+/* FileTimeToSystemTime's last moment: the end of the year 30827. */
+static constexpr uint64_t LAST_100NS = 0x7fffffffffffffffULL;
+
+static FILETIME to_filetime(uint64_t value)
+{
+    FILETIME time;
+
+    time.dwLowDateTime = static_cast<DWORD>(value);
+    time.dwHighDateTime = static_cast<DWORD>(value >> 32);
+    return time;
+}
+
+static uint64_t to_number(const FILETIME *time)
+{
+    return static_cast<uint64_t>(time->dwHighDateTime) << 32 | time->dwLowDateTime;
+}
+
+/* Result false: no FILETIME for that moment. */
+static bool seconds_to_100ns(int64_t seconds, uint64_t *value)
+{
+    const int64_t first = -static_cast<int64_t>(BASE_EPOCH_100NS / BASE_SECOND_100NS);
+    const int64_t last = static_cast<int64_t>((LAST_100NS - BASE_EPOCH_100NS) / BASE_SECOND_100NS);
+
+    if (seconds < first || seconds > last)
+        return false;
+    *value = static_cast<uint64_t>(seconds - first) * BASE_SECOND_100NS;
+    return true;
+}
+
+static bool utc_to_local(uint64_t utc, SYSTEMTIME *local)
+{
+    FILETIME time = to_filetime(utc);
+    SYSTEMTIME broken;
+
+    return FileTimeToSystemTime(&time, &broken) &&
+           SystemTimeToTzSpecificLocalTime(clock_zone(), &broken, local);
+}
+
+/* Local minus UTC at that moment, in 100 ns. */
+static bool offset_at(uint64_t utc, int64_t *offset)
+{
+    SYSTEMTIME local;
+    FILETIME time;
+    uint64_t whole = utc - utc % BASE_SECOND_100NS;
+
+    if (!utc_to_local(whole, &local) || !SystemTimeToFileTime(&local, &time))
+        return false;
+    *offset = static_cast<int64_t>(to_number(&time) - whole);
+    return true;
+}
+
+static bool is_daylight(int64_t offset)
+{
+    TIME_ZONE_INFORMATION own;
+    const TIME_ZONE_INFORMATION *zone = clock_zone();
+
+    if (zone == NULL) {
+        GetTimeZoneInformation(&own);
+        zone = &own;
+    }
+    return zone->DaylightDate.wMonth != 0 &&
+           offset != -(zone->Bias + zone->StandardBias) * 60LL * INT64_C(10000000);
+}
+
+static int day_of_year(const SYSTEMTIME *date)
+{
+    static const int before[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    bool leap = date->wYear % 4 == 0 && (date->wYear % 100 != 0 || date->wYear % 400 == 0);
+
+    return before[(date->wMonth - 1) % 12] + date->wDay - 1 + (leap && date->wMonth > 2);
+}
+
+int oxni_time_stamp_to_local(int64_t seconds, struct tm *local)
+{
+    SYSTEMTIME date;
+    uint64_t utc;
+    int64_t offset;
+
+    if (local == NULL)
+        return -1;
+    memset(local, 0, sizeof(*local));
+    if (!seconds_to_100ns(seconds, &utc) || !utc_to_local(utc, &date) || !offset_at(utc, &offset))
+        return -1;
+    local->tm_sec = date.wSecond;
+    local->tm_min = date.wMinute;
+    local->tm_hour = date.wHour;
+    local->tm_mday = date.wDay;
+    local->tm_mon = date.wMonth - 1;
+    local->tm_year = date.wYear - 1900;
+    local->tm_wday = date.wDayOfWeek;
+    local->tm_yday = day_of_year(&date);
+    local->tm_isdst = is_daylight(offset);
+    return 0;
+}
+
+std::string time_text_now()
+{
+    struct tm now;
+    char text[64];
+
+    if (oxni_time_stamp_to_local(oxni_time(), &now) != 0)
+        return "1970-01-01 00:00:00";
+    snprintf(text, sizeof(text), "%d-%02d-%02d %02d:%02d:%02d", now.tm_year + 1900, now.tm_mon + 1,
+             now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
+    return text;
+}
+
+/* The sum, or 87 when it leaves what a FILETIME may hold. */
+static BOOL shifted(const FILETIME *time, int64_t offset, FILETIME *result)
+{
+    uint64_t value = to_number(time);
+
+    if (value > LAST_100NS || (offset < 0 && value < static_cast<uint64_t>(-offset)) ||
+        (offset > 0 && value > LAST_100NS - static_cast<uint64_t>(offset))) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    *result = to_filetime(value + static_cast<uint64_t>(offset));
+    return TRUE;
+}
+
+static BOOL shifted_by_bias_of_now(const FILETIME *time, int sign, FILETIME *result)
+{
+    int64_t offset;
+
+    if (time == NULL || result == NULL || !offset_at(oxnih_clock_now_100ns(), &offset)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    return shifted(time, sign * offset, result);
+}
+
+BOOL oxnih_filetime_to_local(const FILETIME *utc, FILETIME *local)
+{
+    return shifted_by_bias_of_now(utc, 1, local);
+}
+
+BOOL oxnih_local_to_filetime(const FILETIME *local, FILETIME *utc)
+{
+    return shifted_by_bias_of_now(local, -1, utc);
+}
+
+void oxni_timet_to_filetime(int64_t seconds, FILETIME *local)
+{
+    uint64_t value;
+    FILETIME utc;
+
+    if (local == NULL)
+        return;
+    *local = to_filetime(0);
+    if (!seconds_to_100ns(seconds, &value))
+        return;
+    utc = to_filetime(value);
+    if (!oxnih_filetime_to_local(&utc, local))
+        *local = to_filetime(0);
+}
+
+int64_t oxni_filetime_to_timet(const FILETIME *utc)
+{
+    if (utc == NULL)
+        return 0;
+    /* Unsigned division of a count from 1601 goes toward the past for every date. */
+    return static_cast<int64_t>(to_number(utc) / BASE_SECOND_100NS) -
+           static_cast<int64_t>(BASE_EPOCH_100NS / BASE_SECOND_100NS);
+}

@@ -1,0 +1,186 @@
+/* Hash tables. Every block is the platform's allocator's; a table belongs to its user's thread. */
+#include "base.h"
+
+#include <cstring>
+
+#include <oxni/base/xhash.h>
+
+/* Running out of memory leaves the table as it was; the flag tells xhash_insert. */
+#define HASH_NONFATAL_OOM            1
+#define uthash_nonfatal_oom(element) (added = false)
+#define uthash_malloc(size)          memory_allocate(size, caller)
+#define uthash_free(block, size)     memory_free(block, caller)
+#include <uthash.h>
+
+/* The key's bytes follow in the same block. */
+struct node {
+    oxni_xhash_entry entry;
+    UT_hash_handle hh;
+};
+
+struct oxni_xhash {
+    node *head;
+    oxni_xhash_free_fn value_free;
+    /* The entry that an iteration stands at. Deleted, its block is kept until the iteration moves
+     * on, with the entry to go to. */
+    node *current;
+    bool current_deleted;
+    node *successor;
+};
+
+static node *node_of(const oxni_xhash_entry *entry)
+{
+    return reinterpret_cast<node *>(const_cast<oxni_xhash_entry *>(entry));
+}
+
+static node *find(oxni_xhash *table, const void *key, size_t key_length)
+{
+    node *found = NULL;
+
+    if (table != NULL && key != NULL)
+        HASH_FIND(hh, table->head, key, key_length, found);
+    return found;
+}
+
+static void release_value(oxni_xhash *table, void *value)
+{
+    if (table->value_free != NULL)
+        table->value_free(value);
+}
+
+static void forget_deleted(oxni_xhash *table, const void *caller)
+{
+    if (table->current_deleted)
+        memory_free(table->current, caller);
+    table->current = NULL;
+    table->current_deleted = false;
+    table->successor = NULL;
+}
+
+/* Takes the node out of the table; its block lives on when the iteration stands at it. */
+static void unlink_node(oxni_xhash *table, node *old, const void *caller)
+{
+    if (table->current_deleted && table->successor == old)
+        table->successor = static_cast<node *>(old->hh.next);
+    if (table->current == old) {
+        table->current_deleted = true;
+        table->successor = static_cast<node *>(old->hh.next);
+    }
+    HASH_DELETE(hh, table->head, old);
+    if (table->current != old)
+        memory_free(old, caller);
+}
+
+oxni_xhash *oxni_xhash_create(oxni_xhash_free_fn value_free, unsigned flags)
+{
+    oxni_xhash *table =
+        static_cast<oxni_xhash *>(memory_allocate(sizeof(oxni_xhash), BASE_CALLER()));
+
+    (void)flags;
+    if (table != NULL)
+        table->value_free = value_free;
+    return table;
+}
+
+void oxni_xhash_destroy(oxni_xhash *table)
+{
+    const void *caller = BASE_CALLER();
+
+    if (table == NULL)
+        return;
+    while (table->head != NULL) {
+        node *first = table->head;
+        void *value = first->entry.value;
+        unlink_node(table, first, caller);
+        release_value(table, value);
+    }
+    forget_deleted(table, caller);
+    memory_free(table, caller);
+}
+
+int oxni_xhash_search(oxni_xhash *table, const void *key, size_t key_length, void **value)
+{
+    const node *found = find(table, key, key_length);
+
+    if (value != NULL)
+        *value = found == NULL ? NULL : found->entry.value;
+    return found == NULL ? -1 : 0;
+}
+
+static int add_node(oxni_xhash *table, const void *key, size_t key_length, void *value,
+                    const void *caller)
+{
+    node *fresh = static_cast<node *>(memory_allocate(sizeof(node) + key_length, caller));
+    bool added = true;
+
+    if (fresh == NULL)
+        return -1;
+    memcpy(fresh + 1, key, key_length);
+    fresh->entry = {fresh + 1, key_length, value};
+    HASH_ADD_KEYPTR(hh, table->head, fresh->entry.key, key_length, fresh);
+    if (!added) {
+        memory_free(fresh, caller);
+        return -1;
+    }
+    if (table->current_deleted && table->successor == NULL)
+        table->successor = fresh;
+    return 0;
+}
+
+int oxni_xhash_insert(oxni_xhash *table, const void *key, size_t key_length, void *value)
+{
+    node *found = find(table, key, key_length);
+    void *old;
+
+    if (table == NULL || key == NULL)
+        return -1;
+    if (found == NULL)
+        return add_node(table, key, key_length, value, BASE_CALLER());
+    old = found->entry.value;
+    found->entry.value = value;
+    if (old != value)
+        release_value(table, old);
+    return 0;
+}
+
+int oxni_xhash_delete(oxni_xhash *table, const void *key, size_t key_length)
+{
+    node *found = find(table, key, key_length);
+    void *value;
+
+    if (found == NULL)
+        return -1;
+    value = found->entry.value;
+    unlink_node(table, found, BASE_CALLER());
+    /* Last, so that a value-free function finds the table without the entry. */
+    release_value(table, value);
+    return 0;
+}
+
+size_t oxni_xhash_count(oxni_xhash *table)
+{
+    return table == NULL ? 0 : HASH_COUNT(table->head);
+}
+
+static const oxni_xhash_entry *stand_at(oxni_xhash *table, node *at, const void *caller)
+{
+    forget_deleted(table, caller);
+    table->current = at;
+    return at == NULL ? NULL : &at->entry;
+}
+
+const oxni_xhash_entry *oxni_xhash_first(oxni_xhash *table)
+{
+    return table == NULL ? NULL : stand_at(table, table->head, BASE_CALLER());
+}
+
+const oxni_xhash_entry *oxni_xhash_next(oxni_xhash *table, const oxni_xhash_entry *entry)
+{
+    node *from = node_of(entry);
+
+    if (table == NULL || entry == NULL)
+        return NULL;
+    if (table->current_deleted && table->current == from)
+        return stand_at(table, table->successor, BASE_CALLER());
+    return stand_at(table, static_cast<node *>(from->hh.next), BASE_CALLER());
+}
