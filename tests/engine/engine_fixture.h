@@ -1,0 +1,157 @@
+/*
+ * What the tests of the engine's DLL share: a receiver of its output, and a client that is made and
+ * given back around each test. Each test ends with a look at what the engine still holds.
+ */
+#ifndef TESTS_ENGINE_FIXTURE_H
+#define TESTS_ENGINE_FIXTURE_H
+
+#include "dump_builder.h"
+#include "engine_script.h"
+
+#include <fstream>
+
+#include <windows.h>
+#include <dbgeng.h>
+
+#include <gtest/gtest.h>
+
+/* What the plug-in asks for, and what the engine says between the first row and the others. */
+#define STACK_FLAGS (DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS)
+#define UNWIND_NOTE "Stack unwind information not available. Following frames may be wrong.\n"
+
+/* Collects the text and counts its pieces. Lives on the stack of a test: the references are only
+ * counted, 1 being the test's own. */
+class collector final : public IDebugOutputCallbacks
+{
+  public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **) override
+    {
+        return E_NOINTERFACE;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override
+    {
+        return ++references;
+    }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        return --references;
+    }
+    HRESULT STDMETHODCALLTYPE Output(ULONG, PCSTR piece) override
+    {
+        text += piece;
+        pieces++;
+        return S_OK;
+    }
+
+    ULONG references = 1;
+    int pieces = 0;
+    std::string text;
+};
+
+typedef HRESULT(WINAPI *debug_create_fn)(REFIID iid, void **out);
+
+/* One client and control on the engine's DLL, and a folder of the test's own for dumps. */
+class engine_test : public testing::Test
+{
+  protected:
+    void SetUp() override
+    {
+        wchar_t folder[MAX_PATH];
+
+        m_module = LoadLibraryW(L"dbgeng.dll");
+        ASSERT_NE(m_module, nullptr) << GetLastError();
+        m_create = (debug_create_fn)entry("DebugCreate");
+        m_set = (engine_script_set_fn)entry("engine_script_set");
+        m_counts = (engine_counts_get_fn)entry("engine_counts_get");
+        ASSERT_TRUE(m_create && m_set && m_counts) << "this is not the engine of this project";
+        ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
+        m_path = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
+    }
+
+    void TearDown() override
+    {
+        struct engine_counts counts = {};
+
+        close();
+        if (m_set != nullptr)
+            m_set(NULL);
+        if (m_counts != nullptr)
+            m_counts(&counts);
+        EXPECT_EQ(counts.objects, 0u);
+        EXPECT_EQ(counts.references, 0u);
+        EXPECT_EQ(counts.callbacks, 0u);
+        DeleteFileW(m_path.c_str());
+        FreeLibrary(m_module);
+    }
+
+    void *entry(const char *name)
+    {
+        return (void *)GetProcAddress(m_module, name);
+    }
+
+    /* m_client and m_control; TearDown gives them back. */
+    void create()
+    {
+        ASSERT_EQ(m_create(IID_IDebugClient4, (void **)&m_client), S_OK);
+        ASSERT_EQ(m_client->QueryInterface(IID_IDebugControl, (void **)&m_control), S_OK);
+    }
+
+    void close()
+    {
+        if (m_control != nullptr)
+            m_control->Release();
+        if (m_client != nullptr)
+            m_client->Release();
+        m_control = nullptr;
+        m_client = nullptr;
+    }
+
+    /* The dump at m_path. */
+    void write(const std::vector<uint8_t> &bytes)
+    {
+        std::ofstream file(m_path.c_str(), std::ios::binary);
+
+        file.write((const char *)bytes.data(), (std::streamsize)bytes.size());
+        ASSERT_TRUE(file.good());
+    }
+
+    /* From a dump to its stack text, as the plug-in does it. Result: the first failure. */
+    HRESULT play(const wchar_t *path, ULONG flags, ULONG asked, collector *output)
+    {
+        DEBUG_STACK_FRAME frames[100] = {};
+        HRESULT result = m_client->SetOutputCallbacks(output);
+
+        m_filled = 0;
+        if (result == S_OK)
+            result = m_client->OpenDumpFileWide(path, 0);
+        if (result == S_OK)
+            result = m_control->WaitForEvent(0, 300000);
+        if (result == S_OK)
+            result = m_control->GetStackTrace(0, 0, 0, frames, asked, &m_filled);
+        if (result == S_OK)
+            result = m_control->OutputStackTrace(DEBUG_OUTCTL_ALL_CLIENTS, frames, m_filled, flags);
+        m_client->SetOutputCallbacks(NULL);
+        m_client->EndSession(DEBUG_END_PASSIVE);
+        return result;
+    }
+
+    HMODULE m_module = nullptr;
+    debug_create_fn m_create = nullptr;
+    engine_script_set_fn m_set = nullptr;
+    engine_counts_get_fn m_counts = nullptr;
+    IDebugClient4 *m_client = nullptr;
+    IDebugControl *m_control = nullptr;
+    ULONG m_filled = 0;
+    std::wstring m_path;
+};
+
+/* Three frames: one+0x1234, two+0x1, nt+0x107. */
+inline dump_model crashed_model()
+{
+    dump_model model;
+
+    model.stack = {0x11, 0xFFFFF80100010001, 0x22, 0x33, 0xFFFFF80000000107, 0x44};
+    return model;
+}
+
+#endif
