@@ -83,6 +83,24 @@ static std::string site_text(const void *address)
     return name + text;
 }
 
+void oxnih_memory_see_through(const void *address)
+{
+    const char *base = module_base(address);
+    IMAGE_DOS_HEADER dos;
+    IMAGE_NT_HEADERS64 nt;
+
+    if (base == NULL)
+        return;
+    memcpy(&dos, base, sizeof(dos));
+    memcpy(&nt, base + dos.e_lfanew, sizeof(nt));
+    uintptr_t begin = reinterpret_cast<uintptr_t>(base);
+    s_memory.seen_through.push_back({begin, begin + nt.OptionalHeader.SizeOfImage});
+}
+
+/* This library too: a copied string belongs to who asked for it. */
+[[maybe_unused]] static const bool s_own_registered =
+    (oxnih_memory_see_through(reinterpret_cast<const void *>(&oxni_free_)), true);
+
 static bool is_seen_through(uintptr_t address)
 {
     for (const module_range &range : s_memory.seen_through)
@@ -109,8 +127,7 @@ static const void *site_of(const void *caller)
             break;
         RtlVirtualUnwind(UNW_FLAG_NHANDLER, image, context.Rip, function, &context, &handler_data,
                          &established, NULL);
-        if (module_base(reinterpret_cast<const void *>(context.Rip)) != module_base(&s_memory) &&
-            !is_seen_through(context.Rip))
+        if (!is_seen_through(context.Rip))
             return reinterpret_cast<const void *>(context.Rip);
     }
     return caller;
@@ -327,20 +344,6 @@ void oxnih_memory_fail(uint64_t nth, int forever)
 void oxnih_memory_get_stats(oxnih_memory_stats *stats)
 {
     *stats = s_memory.stats;
-}
-
-void oxnih_memory_see_through(const void *address)
-{
-    const char *base = module_base(address);
-    IMAGE_DOS_HEADER dos;
-    IMAGE_NT_HEADERS64 nt;
-
-    if (base == NULL)
-        return;
-    memcpy(&dos, base, sizeof(dos));
-    memcpy(&nt, base + dos.e_lfanew, sizeof(nt));
-    uintptr_t begin = reinterpret_cast<uintptr_t>(base);
-    s_memory.seen_through.push_back({begin, begin + nt.OptionalHeader.SizeOfImage});
 }
 
 void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
