@@ -80,6 +80,7 @@ static const struct walk_row {
     {"Rsp behind it", ONE,      32, W({TWO, 0, TWO}),           0, 99, "one+0x2a"                 },
     {"Rsp before it", ONE,      -8, W({TWO, TWO}),              0, 99, "one+0x2a"                 },
     {"Rsp unaligned", ONE,      4,  W({TWO << 32, TWO >> 32}),  0, 99, "one+0x2a two+0x1"         },
+    {"across two",    ONE,      0,  W({TWO << 32, TWO >> 32}),  0, 99, "one+0x2a"                 },
     {"half a value",  ONE,      0,  W({NT, TWO}),               1, 99, "one+0x2a nt+0x107"        },
     {"no stack",      ONE,      0,  W(),                        0, 99, "one+0x2a"                 },
     {"value twice",   ONE,      0,  W({TWO, TWO}),              0, 99, "one+0x2a two+0x1 two+0x1" },
@@ -215,10 +216,13 @@ TEST(kernel_dump, test_kernel_by_address)
     kernel_dump dump;
     std::string reason;
 
-    model.loaded_modules = 0xFFFFF80100017FFF;
+    model.loaded_modules = TWO_END - 1;
     ASSERT_EQ(read(dump_build(model), &dump, &reason), KERNEL_DUMP_OK) << reason;
     EXPECT_EQ(kernel_dump_call_site(dump, NT), "ntoskrnl+0x107");
     EXPECT_EQ(kernel_dump_call_site(dump, TWO), "nt+0x1");
+    model.loaded_modules = TWO_END;
+    ASSERT_EQ(read(dump_build(model), &dump, &reason), KERNEL_DUMP_OK) << reason;
+    EXPECT_EQ(kernel_dump_call_site(dump, TWO), "two+0x1");
 }
 
 /* Places in the dump of the model as it stands: offsets of names and a base in the list of modules,
@@ -265,6 +269,7 @@ static const struct refused_row {
     {"stack wraps",     STACK_START,         0 - 63ull,     8, KERNEL_DUMP_DAMAGED,    "space"    },
     {"modules outside", FIELD(DRIVERS),      UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "3 modules"},
     {"too many",        FIELD(DRIVER_COUNT), UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "295"      },
+    {"count wraps",     FIELD(DRIVER_COUNT), 29826162,      4, KERNEL_DUMP_DAMAGED,    "29826162" },
     {"name outside",    NAME_0,              UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "module 0" },
     {"length runs out", NAME_1,              SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "module 1" },
     {"name runs out",   NAME_2,              SIZE - 4,      4, KERNEL_DUMP_DAMAGED,    "module 2" },
