@@ -10,7 +10,7 @@
 #include <oxni/base/path.h>
 
 /* The drivers' own. */
-static char s_record_key[] = "Tz!*#4,k";
+static const char s_record_key[] = "Tz!*#4,k";
 
 int read_crash_config(crash_config_record *record, const wchar_t *path)
 {

@@ -1,0 +1,69 @@
+/* The import table of the running executable. */
+#include "import_patch.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <windows.h>
+
+static void write_entry(uintptr_t *entry, uintptr_t value)
+{
+    DWORD protection = 0;
+
+    if (!VirtualProtect(entry, sizeof(*entry), PAGE_READWRITE, &protection))
+        abort();
+    *entry = value;
+    VirtualProtect(entry, sizeof(*entry), protection, &protection);
+}
+
+/* The entry of that name in one library's part of the table, or NULL. */
+static uintptr_t *find_in_library(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR *library,
+                                  const char *name)
+{
+    const uintptr_t *names = reinterpret_cast<uintptr_t *>(base + library->OriginalFirstThunk);
+    uintptr_t *entries = reinterpret_cast<uintptr_t *>(base + library->FirstThunk);
+
+    for (size_t i = 0; names[i] != 0; i++) {
+        if (IMAGE_SNAP_BY_ORDINAL64(names[i]))
+            continue;
+        const IMAGE_IMPORT_BY_NAME *by_name =
+            reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + names[i]);
+        if (strcmp(reinterpret_cast<const char *>(by_name->Name), name) == 0)
+            return &entries[i];
+    }
+    return NULL;
+}
+
+static uintptr_t *find_entry(const char *name)
+{
+    uint8_t *base = reinterpret_cast<uint8_t *>(GetModuleHandleW(NULL));
+    const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
+    const IMAGE_NT_HEADERS *nt = reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY *directory =
+        &nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    const IMAGE_IMPORT_DESCRIPTOR *library =
+        reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(base + directory->VirtualAddress);
+
+    for (; library->Name != 0; library++) {
+        uintptr_t *entry = find_in_library(base, library, name);
+        if (entry != NULL)
+            return entry;
+    }
+    return NULL;
+}
+
+void import_patch::replace(const char *name, uintptr_t replacement)
+{
+    entry_ = find_entry(name);
+    if (entry_ == nullptr) {
+        fprintf(stderr, "import_patch: nothing imports %s\n", name);
+        abort();
+    }
+    original_ = *entry_;
+    write_entry(entry_, replacement);
+}
+
+import_patch::~import_patch()
+{
+    write_entry(entry_, original_);
+}
