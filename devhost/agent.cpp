@@ -1,0 +1,103 @@
+/* Life and death of the agent's process. */
+#include "agent.h"
+
+#include <windows.h>
+
+#include "../platform/liboxni_core/host.h"
+#include "../platform/liboxnibase/host.h"
+#include "machine/calls.h"
+#include "text.h"
+
+typedef uint64_t (*plugin_init_fn)(void);
+
+/* Thrown through the plug-in's frames in place of the end of the process. */
+struct agent_exit {
+};
+
+static std::string s_folder; /* of the run, with backslashes */
+static std::string s_plugin_path;
+static HMODULE s_plugin;
+static enum agent_state s_state = AGENT_STOPPED;
+
+static void exit_agent(void *user)
+{
+    (void)user;
+    s_state = AGENT_EXITED;
+    throw agent_exit();
+}
+
+void agent_open(const std::string &run_folder, const std::string &plugin_path)
+{
+    s_folder = run_folder;
+    s_plugin_path = plugin_path;
+    CreateDirectoryW(text_wide(run_folder + "\\agent").c_str(), NULL);
+    CreateDirectoryW(text_wide(agent_bin_folder()).c_str(), NULL);
+    CreateDirectoryW(text_wide(agent_base_folder()).c_str(), NULL);
+    oxnih_set_install_dir(agent_bin_folder().c_str());
+    oxnih_set_process_path((agent_bin_folder() + "\\oxni_agent.exe").c_str());
+    oxnih_set_log_dir(agent_base_folder().c_str());
+    oxnih_set_exit(exit_agent, NULL);
+}
+
+void agent_start(void)
+{
+    plugin_init_fn init;
+
+    s_plugin = LoadLibraryW(text_wide(s_plugin_path).c_str());
+    if (s_plugin == NULL)
+        throw devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
+                                                        s_plugin_path.c_str(), GetLastError()));
+    init = reinterpret_cast<plugin_init_fn>(
+        reinterpret_cast<void *>(GetProcAddress(s_plugin, "oxni_plugin_init")));
+    if (init == NULL)
+        throw devhost_error(EXIT_NO_PLUGIN, s_plugin_path + ": does not export oxni_plugin_init");
+    calls_patch(s_plugin);
+    s_state = AGENT_RUNNING;
+    try {
+        (void)init();
+    } catch (const agent_exit &) {
+    }
+}
+
+void agent_stop(void)
+{
+    if (s_plugin == NULL)
+        return;
+    oxnih_core_reset();
+    FreeLibrary(s_plugin);
+    s_plugin = NULL;
+    oxnih_log_close();
+    oxnih_memory_drop_all();
+    if (s_state == AGENT_RUNNING)
+        s_state = AGENT_STOPPED;
+}
+
+enum agent_state agent_state_get(void)
+{
+    return s_state;
+}
+
+void agent_run_until(uint64_t tick_ms)
+{
+    while (oxnih_core_run_until(tick_ms) != 0) {
+        if (s_state != AGENT_EXITED)
+            throw devhost_error(EXIT_EXPECTATION_FAILED,
+                                "an exception of the plug-in reached the host");
+        agent_stop();
+    }
+}
+
+std::string agent_data_path(const std::string &file_name)
+{
+    return s_folder + "\\agent\\var\\bypass_mgr\\" + file_name;
+}
+
+std::string agent_base_folder(void)
+{
+    return s_folder + "\\base";
+}
+
+std::string agent_bin_folder(void)
+{
+    return s_folder + "\\agent\\bin";
+}

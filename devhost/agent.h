@@ -1,0 +1,42 @@
+/*
+ * The agent's process, as far as a plug-in can tell: its folders, the loading of the real plug-in
+ * DLL, and the end of the process. Host's one thread.
+ */
+#ifndef DEVHOST_AGENT_H
+#define DEVHOST_AGENT_H
+
+#include <string>
+
+/* How a start or a stretch of the agent's life ended. */
+enum agent_state {
+    AGENT_RUNNING,
+    AGENT_STOPPED,
+    AGENT_EXITED, /* the plug-in ended the process through the allocation guard */
+};
+
+/* Gives the agent its folders below the run's one, and names the plug-in to load. UTF-8. */
+void agent_open(const std::string &run_folder, const std::string &plugin_path);
+
+/* Loads the plug-in, leads its calls through the machine and calls its entry. Throws devhost_error:
+ * EXIT_NO_PLUGIN when it cannot be loaded or lacks the entry. */
+void agent_start(void);
+
+/* The process ends: everything that was pending is forgotten, the DLL is freed, and every block of
+ * memory with it. Harmless when it is not running. */
+void agent_stop(void);
+
+enum agent_state agent_state_get(void);
+
+/* Delivers everything up to that tick (milliseconds since Windows started). An agent that exits on
+ * the way is stopped, time goes on all the same. Throws devhost_error when an exception of the
+ * plug-in reaches the host. */
+void agent_run_until(uint64_t tick_ms);
+
+/* Path of one of the plug-in's files below its data folder. */
+std::string agent_data_path(const std::string &file_name);
+/* What oxni_log_dir answers. */
+std::string agent_base_folder(void);
+/* Folder of the agent's executable. */
+std::string agent_bin_folder(void);
+
+#endif

@@ -1,0 +1,284 @@
+/* The one place that every call of the plug-in goes through. Host's one thread. */
+#include "calls.h"
+
+#include <stdint.h>
+
+#include <array>
+#include <map>
+#include <utility>
+
+#include <oxni/base/subscriber.h>
+
+#include "../text.h"
+#include "calls_table.h"
+#include "machine.h"
+
+/* More than any call of the table takes, log lines included. Reading the places of arguments that
+ * were not passed gives what lies above them on the caller's stack, and nobody looks at it. */
+#define ARGUMENTS 18
+#define ROWS      (sizeof(s_rows) / sizeof(s_rows[0]))
+
+typedef uint64_t (*any_call_fn)(uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
+                                uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
+                                uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t);
+
+/* A failure to come, counted in calls of its name. */
+struct planned_failure {
+    uint64_t first; /* 1 is the next call */
+    uint64_t last;
+    uint32_t error;
+};
+
+struct call_state {
+    any_call_fn target; /* stand-in or real function; NULL until a plug-in imports it */
+    uint64_t count;
+    std::vector<planned_failure> failures;
+};
+
+static call_state s_calls[ROWS];
+static calls_trace_fn s_trace;
+static void *s_trace_user;
+
+static std::string key_text(uint64_t key)
+{
+    if (reinterpret_cast<HKEY>(key) == HKEY_LOCAL_MACHINE)
+        return "HKLM";
+    return key == 0 ? "null" : "key";
+}
+
+static std::string handle_text(uint64_t handle)
+{
+    if (handle == 0)
+        return "null";
+    return reinterpret_cast<HANDLE>(handle) == INVALID_HANDLE_VALUE ? "invalid" : "handle";
+}
+
+static std::string subscriber_text(uint64_t value)
+{
+    const oxni_subscriber_attr *attr =
+        oxni_subscriber_get_attr(reinterpret_cast<oxni_subscriber *>(value));
+
+    return attr != NULL ? text_format("%s/%s", attr->ns, attr->name) : "null";
+}
+
+static std::string value_text(char letter, uint64_t value)
+{
+    switch (letter) {
+    case 'd': return text_format("%d", static_cast<int32_t>(value));
+    case 'u': return text_format("%u", static_cast<uint32_t>(value));
+    case 'x': return text_format("0x%x", static_cast<uint32_t>(value));
+    case 'U': return text_format("%llu", static_cast<unsigned long long>(value));
+    case 's':
+        return value != 0 ? text_format("\"%s\"", reinterpret_cast<const char *>(value)) : "null";
+    case 'w':
+        return value != 0 ? "\"" + text_narrow(reinterpret_cast<const wchar_t *>(value)) + "\""
+                          : "null";
+    case 'h': return handle_text(value);
+    case 'k': return key_text(value);
+    case 'j': return text_of_json(reinterpret_cast<const json_t *>(value));
+    case 'S': return subscriber_text(value);
+    case 'p': return value != 0 ? "*" : "null";
+    default: return "";
+    }
+}
+
+static std::string arguments_text(const call_row &row, const uint64_t *arguments)
+{
+    std::string text;
+
+    for (size_t i = 0; row.arguments[i] != '\0'; i++)
+        if (row.arguments[i] != '.')
+            text += (text.empty() ? "" : ", ") + value_text(row.arguments[i], arguments[i]);
+    return text;
+}
+
+/* What a call of that row answers when it fails. */
+static uint64_t failed_result(const call_row &row, uint32_t error)
+{
+    switch (row.failing) {
+    case 'I': return reinterpret_cast<uint64_t>(INVALID_HANDLE_VALUE);
+    case 'E': return error;
+    case 'M': return static_cast<uint64_t>(-1);
+    default: return 0;
+    }
+}
+
+/* Whether this call is to fail, and with which error. */
+static bool failure_due(const call_state &state, uint32_t *error)
+{
+    for (const planned_failure &failure : state.failures)
+        if (state.count >= failure.first && state.count <= failure.last) {
+            *error = failure.error;
+            return true;
+        }
+    return false;
+}
+
+static void trace_call(const call_row &row, const std::string &arguments, uint64_t result,
+                       DWORD error, bool planned)
+{
+    std::string text = std::string(row.name) + "(" + arguments + ")";
+
+    if (row.result != 'v')
+        text += " = " + value_text(row.result, result);
+    if (row.failing == 'I' || row.failing == 'B')
+        if (result == failed_result(row, 0))
+            text += text_format(" error %lu", error);
+    s_trace(planned ? text + " (made to fail)" : text, s_trace_user);
+}
+
+static uint64_t run_call(size_t index, const uint64_t *a)
+{
+    const call_row &row = s_rows[index];
+    call_state &state = s_calls[index];
+    std::string arguments;
+    uint32_t planned_error = 0;
+    bool planned;
+    uint64_t result;
+    DWORD error;
+
+    /* Shown as they were on the way in: the call may write over them. */
+    error = GetLastError();
+    if (s_trace != NULL)
+        arguments = arguments_text(row, a);
+    state.count++;
+    planned = failure_due(state, &planned_error);
+    SetLastError(error);
+    if (planned) {
+        result = failed_result(row, planned_error);
+        if (row.failing == 'B' || row.failing == 'I')
+            SetLastError(planned_error);
+    } else {
+        result = state.target(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10],
+                              a[11], a[12], a[13], a[14], a[15], a[16], a[17]);
+    }
+    error = GetLastError();
+    if (s_trace != NULL)
+        trace_call(row, arguments, result, error, planned);
+    SetLastError(error);
+    return result;
+}
+
+template <size_t index>
+static uint64_t thunk(uint64_t a0, uint64_t a1, uint64_t a2, uint64_t a3, uint64_t a4, uint64_t a5,
+                      uint64_t a6, uint64_t a7, uint64_t a8, uint64_t a9, uint64_t a10,
+                      uint64_t a11, uint64_t a12, uint64_t a13, uint64_t a14, uint64_t a15,
+                      uint64_t a16, uint64_t a17)
+{
+    const uint64_t arguments[ARGUMENTS] = {a0, a1,  a2,  a3,  a4,  a5,  a6,  a7,  a8,
+                                           a9, a10, a11, a12, a13, a14, a15, a16, a17};
+
+    return run_call(index, arguments);
+}
+
+template <size_t... indices>
+static constexpr std::array<any_call_fn, sizeof...(indices)> make_thunks(
+    std::index_sequence<indices...>)
+{
+    return {thunk<indices>...};
+}
+
+static const std::array<any_call_fn, ROWS> s_thunks = make_thunks(std::make_index_sequence<ROWS>());
+
+static void *stand_in(const char *name)
+{
+    static void *(*const rooms[])(const char *) = {
+        machine_clock_stand_in, machine_event_log_stand_in, machine_process_stand_in,
+        machine_file_stand_in,  machine_registry_stand_in,  machine_module_stand_in,
+    };
+
+    for (void *(*room)(const char *) : rooms)
+        if (void *function = room(name))
+            return function;
+    return NULL;
+}
+
+/* Row of an import; ROWS when the table has none. */
+static size_t find_row(const std::string &module, const std::string &name)
+{
+    size_t index = 0;
+
+    while (index < ROWS && (module != s_rows[index].module || name != s_rows[index].name))
+        index++;
+    return index;
+}
+
+static void patch_entry(void **entry, size_t index)
+{
+    void *function = stand_in(s_rows[index].name);
+    DWORD protection;
+
+    if (function == NULL)
+        function = *entry;
+    s_calls[index].target = reinterpret_cast<any_call_fn>(function);
+    VirtualProtect(entry, sizeof(*entry), PAGE_READWRITE, &protection);
+    *entry = reinterpret_cast<void *>(s_thunks[index]);
+    VirtualProtect(entry, sizeof(*entry), protection, &protection);
+}
+
+void calls_patch(HMODULE plugin)
+{
+    uint8_t *base = reinterpret_cast<uint8_t *>(plugin);
+    const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
+    const IMAGE_NT_HEADERS *headers = reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew);
+    const IMAGE_DATA_DIRECTORY &directory =
+        headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    const IMAGE_IMPORT_DESCRIPTOR *import =
+        reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(base + directory.VirtualAddress);
+
+    for (; import->Name != 0; import++) {
+        std::string module = text_lower(std::string(reinterpret_cast<char *>(base + import->Name)));
+        const IMAGE_THUNK_DATA *name =
+            reinterpret_cast<IMAGE_THUNK_DATA *>(base + import->OriginalFirstThunk);
+        void **entry = reinterpret_cast<void **>(base + import->FirstThunk);
+
+        for (; name->u1.AddressOfData != 0; name++, entry++) {
+            const IMAGE_IMPORT_BY_NAME *by_name =
+                reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + name->u1.AddressOfData);
+            size_t index = find_row(module, reinterpret_cast<const char *>(by_name->Name));
+
+            if (index < ROWS)
+                patch_entry(entry, index);
+        }
+    }
+}
+
+void calls_set_trace(calls_trace_fn fn, void *user)
+{
+    s_trace = fn;
+    s_trace_user = user;
+}
+
+bool calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error)
+{
+    for (size_t index = 0; index < ROWS; index++) {
+        call_state &state = s_calls[index];
+
+        if (name != s_rows[index].name || s_rows[index].failing == '-')
+            continue;
+        state.failures.push_back(
+            {state.count + nth, times != 0 ? state.count + nth + times - 1 : UINT64_MAX, error});
+        return true;
+    }
+    return false;
+}
+
+void calls_clear_failures(void)
+{
+    for (call_state &state : s_calls)
+        state.failures.clear();
+}
+
+uint64_t calls_count(const std::string &name)
+{
+    for (size_t index = 0; index < ROWS; index++)
+        if (name == s_rows[index].name)
+            return s_calls[index].count;
+    return 0;
+}
+
+void calls_reset_counts(void)
+{
+    for (call_state &state : s_calls)
+        state.count = 0;
+}

@@ -1,0 +1,31 @@
+/*
+ * Every call that the plug-in makes: its import table leads to one place, which counts, traces and
+ * fails calls, and hands them to the stand-ins of the machine or to the real function.
+ */
+#ifndef DEVHOST_CALLS_H
+#define DEVHOST_CALLS_H
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+/* text: one call with its arguments and result, without a line feed. */
+typedef void (*calls_trace_fn)(const std::string &text, void *user);
+
+/* Leads the imports of a loaded plug-in here. */
+void calls_patch(HMODULE plugin);
+
+/* NULL: no tracing, which is the start. */
+void calls_set_trace(calls_trace_fn fn, void *user);
+
+/* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
+ * behind it, times altogether; 0: for ever. Result: whether such a call is known and can fail. */
+bool calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
+void calls_clear_failures(void);
+
+/* Calls of a name since the start or the last reset. */
+uint64_t calls_count(const std::string &name);
+void calls_reset_counts(void);
+
+#endif

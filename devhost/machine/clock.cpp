@@ -1,0 +1,40 @@
+/* Windows time calls by the platform's clock, so that everybody in the process sees one time. */
+#include "machine.h"
+
+#include "../../platform/liboxnibase/host.h"
+#include "stand_in.h"
+
+static void WINAPI stand_in_GetSystemTime(SYSTEMTIME *time)
+{
+    uint64_t now = oxnih_clock_now_100ns();
+    FILETIME filetime = {static_cast<DWORD>(now), static_cast<DWORD>(now >> 32)};
+
+    FileTimeToSystemTime(&filetime, time);
+}
+
+static DWORD WINAPI stand_in_GetTickCount(void)
+{
+    return static_cast<DWORD>(oxnih_clock_tick_ms());
+}
+
+static BOOL WINAPI stand_in_FileTimeToLocalFileTime(const FILETIME *utc, FILETIME *local)
+{
+    return oxnih_filetime_to_local(utc, local);
+}
+
+static BOOL WINAPI stand_in_LocalFileTimeToFileTime(const FILETIME *local, FILETIME *utc)
+{
+    return oxnih_local_to_filetime(local, utc);
+}
+
+void *machine_clock_stand_in(const char *name)
+{
+    static const stand_in_row rows[] = {
+        STAND_IN(GetSystemTime),
+        STAND_IN(GetTickCount),
+        STAND_IN(FileTimeToLocalFileTime),
+        STAND_IN(LocalFileTimeToFileTime),
+    };
+
+    return stand_in_find(rows, name);
+}

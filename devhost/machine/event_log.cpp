@@ -1,0 +1,137 @@
+/*
+ * The System log as ReadEventLogW gives it: whole records in the layout of EVENTLOGRECORD, newest
+ * first, each call going on where the last one stopped.
+ */
+#include "machine.h"
+
+#include <string.h>
+
+#include "../text.h"
+#include "stand_in.h"
+
+#define RECORD_SIGNATURE    0x654c664cu /* "LfLe" */
+#define RECORD_HEADER_BYTES 56u
+
+struct open_log {
+    size_t left; /* records not read yet, the oldest of the log */
+};
+
+static std::map<HANDLE, open_log> s_open_logs;
+
+static void put_u32(std::string &bytes, size_t at, uint32_t value)
+{
+    memcpy(&bytes[at], &value, sizeof(value));
+}
+
+static void put_u16(std::string &bytes, size_t at, uint16_t value)
+{
+    memcpy(&bytes[at], &value, sizeof(value));
+}
+
+static void append_text(std::string &bytes, const std::wstring &text)
+{
+    bytes.append(reinterpret_cast<const char *>(text.c_str()), (text.size() + 1) * sizeof(wchar_t));
+}
+
+/* One EVENTLOGRECORD. */
+static std::string pack_record(const machine_event &event)
+{
+    std::string bytes(RECORD_HEADER_BYTES, '\0');
+    size_t strings_at;
+
+    append_text(bytes, event.source);
+    append_text(bytes, L"DESKTOP");
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+    strings_at = bytes.size();
+    for (const std::wstring &text : event.strings)
+        append_text(bytes, text);
+    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(uint32_t));
+    put_u32(bytes, 0, static_cast<uint32_t>(bytes.size()));
+    put_u32(bytes, 4, RECORD_SIGNATURE);
+    put_u32(bytes, 8, event.number);
+    put_u32(bytes, 12, event.time);
+    put_u32(bytes, 16, event.time);
+    put_u32(bytes, 20, event.id);
+    put_u16(bytes, 24, event.type);
+    put_u16(bytes, 26, static_cast<uint16_t>(event.strings.size()));
+    put_u32(bytes, 36, static_cast<uint32_t>(strings_at)); /* StringOffset */
+    put_u32(bytes, 44, static_cast<uint32_t>(strings_at)); /* UserSidOffset: no SID */
+    put_u32(bytes, 52, static_cast<uint32_t>(strings_at)); /* DataOffset: no data */
+    put_u32(bytes, bytes.size() - sizeof(uint32_t), static_cast<uint32_t>(bytes.size()));
+    return bytes;
+}
+
+static HANDLE WINAPI stand_in_OpenEventLogW(const wchar_t *server, const wchar_t *source)
+{
+    HANDLE handle = machine_new_handle();
+
+    if (server != NULL || source == NULL || text_lower(std::wstring(source)) != L"system") {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return NULL;
+    }
+    s_open_logs[handle] = {machine_get().events.size()};
+    return handle;
+}
+
+static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offset, void *buffer,
+                                          DWORD bytes, DWORD *read, DWORD *needed)
+{
+    auto log = s_open_logs.find(handle);
+    const std::vector<machine_event> &events = machine_get().events;
+    DWORD filled = 0;
+
+    *read = 0;
+    *needed = 0;
+    (void)offset;
+    if (log == s_open_logs.end() || flags != (EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ)) {
+        SetLastError(log == s_open_logs.end() ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (log->second.left == 0) {
+        SetLastError(ERROR_HANDLE_EOF);
+        return FALSE;
+    }
+    for (; log->second.left > 0; log->second.left--) {
+        std::string record = pack_record(events[log->second.left - 1]);
+
+        if (record.size() > bytes - filled) {
+            if (filled != 0)
+                break;
+            *needed = static_cast<DWORD>(record.size());
+            SetLastError(ERROR_INSUFFICIENT_BUFFER);
+            return FALSE;
+        }
+        memcpy(static_cast<char *>(buffer) + filled, record.data(), record.size());
+        filled += static_cast<DWORD>(record.size());
+    }
+    *read = filled;
+    return TRUE;
+}
+
+static BOOL WINAPI stand_in_CloseEventLog(HANDLE handle)
+{
+    if (s_open_logs.erase(handle) != 0)
+        return TRUE;
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+}
+
+void machine_log(machine_event record)
+{
+    std::vector<machine_event> &events = machine_get().events;
+
+    if (record.number == 0)
+        record.number = events.empty() ? 1 : events.back().number + 1;
+    events.push_back(std::move(record));
+}
+
+void *machine_event_log_stand_in(const char *name)
+{
+    static const stand_in_row rows[] = {
+        STAND_IN(OpenEventLogW),
+        STAND_IN(ReadEventLogW),
+        STAND_IN(CloseEventLog),
+    };
+
+    return stand_in_find(rows, name);
+}

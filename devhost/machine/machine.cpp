@@ -1,0 +1,51 @@
+/* The machine as a whole: opened once, started anew for each boot. */
+#include "machine.h"
+
+#include "../text.h"
+
+/* Real handles are small; stand-ins begin far above them. */
+#define FIRST_STAND_IN_HANDLE 0x40000000ull
+
+struct machine &machine_get(void)
+{
+    static struct machine the_machine;
+
+    return the_machine;
+}
+
+HANDLE machine_new_handle(void)
+{
+    static uint64_t last = FIRST_STAND_IN_HANDLE;
+
+    last += 4;
+    return reinterpret_cast<HANDLE>(last);
+}
+
+void machine_open(const std::wstring &run_folder)
+{
+    struct machine &machine = machine_get();
+
+    machine = {};
+    machine.disk_folder = run_folder + L"\\disk";
+    CreateDirectoryW(machine.disk_folder.c_str(), NULL);
+    machine.environment[L"systemroot"] = machine.windows_folder;
+    machine.environment[L"windir"] = machine.windows_folder;
+    machine.environment[L"systemdrive"] = machine.windows_folder.substr(0, 2);
+    machine.privileges.insert("SeSecurityPrivilege");
+    machine.processes = {
+        {0, 0, L"[System Process]", 0},
+        {4, 0, L"System",           0}
+    };
+    machine_open_registry();
+}
+
+void machine_boot(uint64_t now_100ns)
+{
+    struct machine &machine = machine_get();
+
+    machine.boot_100ns = now_100ns;
+    for (machine_process &process : machine.processes)
+        if (process.pid != 0)
+            process.created_100ns = now_100ns;
+    machine_remove_volatile_keys();
+}

@@ -1,0 +1,136 @@
+/*
+ * The machine that a plug-in believes to run on: what Windows keeps of event log, processes,
+ * services, privileges, files and registry, and the stand-ins through which the plug-in's own
+ * Windows calls reach it. One machine a process; it outlives the agents and boots that are played
+ * on it. Host's one thread.
+ */
+#ifndef DEVHOST_MACHINE_H
+#define DEVHOST_MACHINE_H
+
+#include <windows.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+/* One record of the System log. */
+struct machine_event {
+    uint32_t number;     /* record number; they give the order */
+    uint32_t time;       /* TimeGenerated and TimeWritten, seconds since 1970 UTC */
+    uint32_t id;         /* the full EventID, qualifiers in its upper half */
+    uint16_t type;       /* EVENTLOG_INFORMATION_TYPE and so on */
+    std::wstring source; /* EventSourceName where the provider has one, else its name */
+    std::vector<std::wstring> strings;
+};
+
+struct machine_process {
+    uint32_t pid;
+    uint32_t parent;
+    std::wstring name;
+    uint64_t created_100ns;
+};
+
+struct machine {
+    /* Clock. */
+    uint64_t boot_100ns = 0;
+    bool has_tick_count_64 = true;
+
+    /* Event log, oldest first. */
+    std::vector<machine_event> events;
+
+    std::vector<machine_process> processes;
+
+    /* Service name in lower case to the states that its queries give, one after the other; the last
+     * one stays. SERVICE_STOPPED and so on. A missing name is no service. */
+    std::map<std::wstring, std::vector<DWORD>> services;
+
+    /* Privileges that the agent's token holds. */
+    std::set<std::string> privileges;
+
+    /* Where "C:\..." of the machine really lies, and the environment it has. */
+    std::wstring disk_folder;
+    std::wstring windows_folder = L"C:\\Windows";
+    std::map<std::wstring, std::wstring> environment; /* names in lower case */
+    /* Creation time of files by real path in lower case; Wine keeps none. */
+    std::map<std::wstring, uint64_t> created_100ns;
+
+    /* Debugger engine. */
+    bool has_engine = true;
+    std::map<std::string, HRESULT> engine_faults; /* by call */
+    std::map<std::wstring, std::string> stacks;   /* scripted stack text by dump path */
+};
+
+/* The machine of this process. */
+struct machine &machine_get(void);
+
+/* Gives the machine a disk below a folder and a registry of its own, of which the process then
+ * sees only that one as HKEY_LOCAL_MACHINE. Throws devhost_error. */
+void machine_open(const std::wstring &run_folder);
+/* Removes that registry again. */
+void machine_close(void);
+
+/* Windows starts: the volatile keys are gone, the clock says so, System is a new process. */
+void machine_boot(uint64_t now_100ns);
+
+/* Adds a record to the end of the log; number is given here when it is 0. */
+void machine_log(machine_event record);
+
+/* Hands engine faults and stacks to the engine. Called after a change of either. */
+void machine_update_engine(void);
+/* What the engine refused, in words, one text a dump; emptied by the call. */
+std::vector<std::string> machine_engine_refusals(void);
+
+/* --- files.cpp ---------------------------------------------------------------------------------- */
+
+/* Where a path of the machine, "C:\...", really lies. Paths of the run's own folder are what they
+ * are. */
+std::wstring machine_real_path(const std::wstring &path);
+/* Writes a file with those times, folders made; existing content is replaced. Throws
+ * devhost_error. */
+void machine_write_file(const std::wstring &path, const std::string &bytes, uint64_t written_100ns,
+                        uint64_t created_100ns);
+/* Deletes it; a missing file is harmless. */
+void machine_delete_file(const std::wstring &path);
+bool machine_file_exists(const std::wstring &path);
+/* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */
+std::string machine_read_real_file(const std::wstring &real_path, int status);
+
+/* --- registry.cpp --------------------------------------------------------------------------------- */
+
+/* Values of HKEY_LOCAL_MACHINE; data as REG_SZ bytes and so on. Keys are made. */
+void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD type,
+                       const std::string &data);
+void machine_delete_value(const std::wstring &key, const std::wstring &name);
+void machine_delete_key(const std::wstring &key);
+bool machine_key_exists(const std::wstring &key);
+/* The value as text: a string as it stands, a number in decimal. Result: whether there is one. */
+bool machine_get_value(const std::wstring &key, const std::wstring &name, std::string *text);
+
+/* The rules of a time zone by its Windows name, "Tokyo Standard Time", from the real registry.
+ * Result: whether there is one. */
+bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone);
+
+/* --- Stand-ins, for calls.cpp only. NULL when the name has none. ----------------------------------- */
+
+void *machine_clock_stand_in(const char *name);
+void *machine_event_log_stand_in(const char *name);
+void *machine_process_stand_in(const char *name);
+void *machine_file_stand_in(const char *name);
+void *machine_registry_stand_in(const char *name);
+void *machine_module_stand_in(const char *name);
+
+/* --- Between the rooms of the machine. -------------------------------------------------------------- */
+
+/* registry.cpp: makes the run's registry; throws devhost_error. Removes what a restart of Windows
+ * removes. */
+void machine_open_registry(void);
+void machine_remove_volatile_keys(void);
+
+/* processes.cpp: whether the handle was a snapshot, process or token; it is closed then. */
+bool machine_close_process_handle(HANDLE handle);
+
+/* Handles of stand-ins: a number that no real handle has. Each is given once in a process. */
+HANDLE machine_new_handle(void);
+
+#endif

@@ -1,0 +1,147 @@
+/* Modules that the plug-in loads and looks up at run time: kernel32's tick count, the debugger
+ * engine and its presence check. */
+#include "machine.h"
+
+#include <utility>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../dbgeng/engine_script.h"
+#include "../text.h"
+#include "stand_in.h"
+
+/* The engine beside this program; NULL until somebody needs it. */
+static HMODULE s_engine;
+static std::vector<std::string> s_refusals;
+
+static ULONGLONG WINAPI stand_in_GetTickCount64(void)
+{
+    return oxnih_clock_tick_ms();
+}
+
+/* Stands for "dbghelp.dll", which is only looked for. */
+static HMODULE presence_module(void)
+{
+    return GetModuleHandleW(NULL);
+}
+
+static HMODULE engine_module(void)
+{
+    wchar_t path[1024];
+    DWORD chars;
+
+    if (s_engine != NULL)
+        return s_engine;
+    chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
+    while (chars > 0 && path[chars - 1] != L'\\')
+        chars--;
+    path[chars] = L'\0';
+    s_engine = LoadLibraryW((std::wstring(path) + L"dbgeng.dll").c_str());
+    return s_engine;
+}
+
+template <typename function> static function engine_function(const char *name)
+{
+    HMODULE engine = engine_module();
+    function found = NULL;
+
+    if (engine != NULL)
+        found = reinterpret_cast<function>(reinterpret_cast<void *>(GetProcAddress(engine, name)));
+    if (found == NULL)
+        throw devhost_error(EXIT_NO_PLUGIN,
+                            text_format("dbgeng.dll beside oxni_devhost.exe lacks %s (under Wine "
+                                        "it is taken only with WINEDLLOVERRIDES=dbgeng=n,b)",
+                                        name));
+    return found;
+}
+
+static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)
+{
+    std::wstring real_path = machine_real_path(path);
+
+    (void)user;
+    if (real_path.size() >= chars)
+        return HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
+    lstrcpyW(mapped, real_path.c_str());
+    return S_OK;
+}
+
+static void note_refusal(const wchar_t *path, HRESULT result, const char *reason, void *user)
+{
+    (void)user;
+    s_refusals.push_back(text_format("%s: %s (0x%08lx)", text_narrow(path).c_str(), reason,
+                                     static_cast<unsigned long>(result)));
+}
+
+static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
+{
+    std::wstring lower = text_lower(std::wstring(name));
+
+    if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")
+        return LoadLibraryW(name);
+    if (!machine_get().has_engine) {
+        SetLastError(ERROR_MOD_NOT_FOUND);
+        return NULL;
+    }
+    return lower == L"dbgeng.dll" ? engine_module() : presence_module();
+}
+
+static BOOL WINAPI stand_in_FreeLibrary(HMODULE module)
+{
+    if (module == presence_module() || module == s_engine)
+        return TRUE;
+    return FreeLibrary(module);
+}
+
+static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
+{
+    /* By ordinal the name is a small number. */
+    if (reinterpret_cast<uintptr_t>(name) > 0xffff && strcmp(name, "GetTickCount64") == 0) {
+        if (machine_get().has_tick_count_64)
+            return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(stand_in_GetTickCount64));
+        SetLastError(ERROR_PROC_NOT_FOUND);
+        return NULL;
+    }
+    return GetProcAddress(module, name);
+}
+
+void machine_update_engine(void)
+{
+    const machine &machine = machine_get();
+    std::vector<engine_script_fault> faults;
+    std::vector<engine_script_stack> stacks;
+    engine_script script = {};
+    HRESULT result;
+
+    for (const auto &fault : machine.engine_faults)
+        faults.push_back({fault.first.c_str(), fault.second});
+    for (const auto &stack : machine.stacks)
+        stacks.push_back({stack.first.c_str(), stack.second.c_str()});
+    script.struct_bytes = sizeof(script);
+    script.faults = faults.data();
+    script.fault_count = faults.size();
+    script.stacks = stacks.data();
+    script.stack_count = stacks.size();
+    script.map = map_dump;
+    script.refused = note_refusal;
+    result = engine_function<engine_script_set_fn>("engine_script_set")(&script);
+    if (FAILED(result))
+        throw devhost_error(EXIT_BAD_CALL,
+                            text_format("the engine refuses its faults and stacks, 0x%08lx",
+                                        static_cast<unsigned long>(result)));
+}
+
+std::vector<std::string> machine_engine_refusals(void)
+{
+    return std::exchange(s_refusals, {});
+}
+
+void *machine_module_stand_in(const char *name)
+{
+    static const stand_in_row rows[] = {
+        STAND_IN(LoadLibraryW),
+        STAND_IN(FreeLibrary),
+        STAND_IN(GetProcAddress),
+    };
+
+    return stand_in_find(rows, name);
+}

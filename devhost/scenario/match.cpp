@@ -1,0 +1,127 @@
+/* Comparing expected and actual JSON. Stateless. */
+#include "match.h"
+
+#include <oxni/base/time.h>
+
+#include "../text.h"
+
+static std::string local_text(uint64_t filetime, bool event_form)
+{
+    struct tm local;
+
+    if (oxni_time_stamp_to_local(time_unix(filetime), &local) != 0)
+        return "(no date)";
+    if (event_form)
+        return text_format("%d/%d/%d %.2d:%.2d:%.2d", local.tm_mon + 1, local.tm_mday,
+                           local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec);
+    return text_format("%d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1,
+                       local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+/* What a placeholder stands for; false when it is none. */
+static bool expand_one(const std::string &inside, std::string *text)
+{
+    size_t colon = inside.find(':');
+    std::string word = inside.substr(0, colon);
+    uint64_t time;
+
+    if (colon == std::string::npos || !time_parse(inside.substr(colon + 1), &time))
+        return false;
+    if (word == "local" || word == "event")
+        *text = local_text(time, word == "event");
+    else if (word == "filetime")
+        *text = std::to_string(time);
+    else if (word == "unix")
+        *text = std::to_string(time_unix(time));
+    else
+        return false;
+    return true;
+}
+
+std::string match_expand(const std::string &text)
+{
+    std::string expanded = text, replacement;
+    size_t open = 0, end;
+
+    while ((open = expanded.find('{', open)) != std::string::npos &&
+           (end = expanded.find('}', open)) != std::string::npos) {
+        if (expand_one(expanded.substr(open + 1, end - open - 1), &replacement)) {
+            expanded.replace(open, end - open + 1, replacement);
+            open += replacement.size();
+        } else {
+            open++;
+        }
+    }
+    return expanded;
+}
+
+static std::string differs(const json_value &expected, const json_value &actual,
+                           const std::string &where)
+{
+    return where + " is " + node_to_text(actual) + ", expected " + node_to_text(expected);
+}
+
+static std::string match_exactly(const json_value &expected, const json_value &actual,
+                                 const std::string &where)
+{
+    /* As text, so that the order of members counts. */
+    if (text_fits(node_to_text(actual), match_expand(node_to_text(expected))))
+        return "";
+    return where + " is " + node_to_text(actual) + ", expected exactly " +
+           match_expand(node_to_text(expected));
+}
+
+static std::string match_object(const json_value &expected, const json_value &actual,
+                                const std::string &where)
+{
+    if (!actual.IsObject())
+        return differs(expected, actual, where);
+    for (const auto &member : expected.GetObject()) {
+        const char *name = member.name.GetString();
+        const json_value *found = node_member(&actual, name);
+        std::string place = where + "." + name;
+        std::string why;
+
+        if (found == NULL)
+            return place + " is missing, expected " + node_to_text(member.value);
+        why = match_json(member.value, *found, place);
+        if (!why.empty())
+            return why;
+    }
+    return "";
+}
+
+static std::string match_array(const json_value &expected, const json_value &actual,
+                               const std::string &where)
+{
+    if (!actual.IsArray() || actual.Size() != expected.Size())
+        return differs(expected, actual, where);
+    for (rapidjson::SizeType i = 0; i < expected.Size(); i++) {
+        std::string why = match_json(expected[i], actual[i], where + "[" + std::to_string(i) + "]");
+
+        if (!why.empty())
+            return why;
+    }
+    return "";
+}
+
+std::string match_json(const json_value &expected, const json_value &actual,
+                       const std::string &where)
+{
+    const json_value *exactly = node_member(&expected, "exactly");
+    std::string text;
+
+    if (exactly != NULL && expected.MemberCount() == 1)
+        return match_exactly(*exactly, actual, where);
+    if (expected.IsObject())
+        return match_object(expected, actual, where);
+    if (expected.IsArray())
+        return match_array(expected, actual, where);
+    if (!expected.IsString())
+        return expected == actual ? "" : differs(expected, actual, where);
+    text = actual.IsString() ? actual.GetString() : node_to_text(actual);
+    if (text_fits(text, match_expand(expected.GetString())))
+        return "";
+    return where + " is " + node_to_text(actual) + ", expected \"" +
+           match_expand(expected.GetString()) + "\"";
+}

@@ -1,0 +1,289 @@
+/* The boots of a scenario. */
+#include "play.h"
+
+#include <map>
+
+#include <oxni/base/subscriber.h>
+
+#include "../../platform/liboxni_agentid/host.h"
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../agent.h"
+#include "../machine/calls.h"
+#include "../machine/machine.h"
+#include "../text.h"
+#include "record.h"
+
+/* Where the first boot begins when the scenario does not say: any working day. */
+#define DEFAULT_START       "2024-03-07T09:00:00Z"
+#define AGENT_START_SECONDS 10.0
+#define BOOT_SECONDS        600.0
+/* From the end of one run of Windows to the start of the next. */
+#define REBOOT_TICKS (60 * TICKS_PER_SECOND)
+
+/* What is to be done in this boot, by ms since its start. */
+static std::multimap<uint64_t, std::function<void()>> s_plan;
+
+void play_at(uint64_t ms, std::function<void()> action)
+{
+    s_plan.emplace(ms, std::move(action));
+}
+
+uint64_t play_now_ms(void)
+{
+    return oxnih_clock_tick_ms();
+}
+
+uint64_t play_ms(double seconds)
+{
+    return static_cast<uint64_t>(seconds * 1000.0 + 0.5);
+}
+
+uint64_t play_time(const struct scenario &scenario, const std::string &where,
+                   const json_value *value, uint64_t missing)
+{
+    uint64_t time;
+
+    if (value == NULL)
+        return missing;
+    if (value->IsNumber()) {
+        int64_t ticks = static_cast<int64_t>(value->GetDouble() * TICKS_PER_SECOND);
+
+        return machine_get().boot_100ns + static_cast<uint64_t>(ticks);
+    }
+    if (!value->IsString() || !time_parse(value->GetString(), &time))
+        scenario_bad(scenario, where, "expected a time such as 2024-03-07T09:05:41Z, or seconds");
+    return time;
+}
+
+static void log_sink(int level, const char *line, void *user)
+{
+    std::string text = line;
+
+    (void)user;
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    record_add(HAPPENED_LOG, "plug-in", text, "", level);
+}
+
+static void complaint_sink(const char *text, void *user)
+{
+    (void)user;
+    record_add(HAPPENED_COMPLAINT, "platform", text);
+}
+
+static void observe(const oxnih_event *event, void *user)
+{
+    std::string who = event->subscriber != NULL ? product_of(event->subscriber) : "";
+    std::string message = event->message != NULL ? text_of_json(event->message) : "";
+    std::string name = event->name != NULL ? event->name : "";
+    std::string text = event->text != NULL ? event->text : "";
+
+    (void)user;
+    switch (event->kind) {
+    case OXNIH_EVENT_REFUSED:
+        record_add(HAPPENED_REFUSED, who.empty() ? name : who, "refused: " + text, message);
+        break;
+    case OXNIH_EVENT_LEFT: record_add(HAPPENED_LEFT, who, "unsubscribed"); break;
+    case OXNIH_EVENT_TO_SERVICE:
+        record_add(HAPPENED_MESSAGE, who, "tells the plug-in", message);
+        break;
+    case OXNIH_EVENT_PUSHED:
+        record_add(HAPPENED_COMMAND, "plug-in", "orders " + who, message);
+        break;
+    case OXNIH_EVENT_REPLY:
+        record_add(HAPPENED_REPLY, who,
+                   event->error == 0 ? "got it"
+                                     : text_format("not reached, error %d", event->error),
+                   message, event->error);
+        break;
+    case OXNIH_EVENT_LINK:
+        record_add(HAPPENED_LINK, "management", event->error != 0 ? "link is up" : "link is down",
+                   "", event->error);
+        break;
+    case OXNIH_EVENT_REQUEST:
+        record_add(HAPPENED_UPLOAD, "plug-in", "uploads to " + name, message);
+        break;
+    case OXNIH_EVENT_RESPONSE:
+        record_add(HAPPENED_RESPONSE, "management",
+                   event->error == 0 ? "answers" : text_format("transport error %d", event->error),
+                   message, event->error);
+        break;
+    case OXNIH_EVENT_EXEC: record_add(HAPPENED_ASKED, "plug-in", "asks: " + text); break;
+    case OXNIH_EVENT_EXEC_ANSWER:
+        record_add(HAPPENED_ASKED, "management",
+                   event->error == 0 ? "tells: " + text : text_format("error %d", event->error));
+        break;
+    case OXNIH_EVENT_COMMAND: record_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
+    case OXNIH_EVENT_ECHO: record_add(HAPPENED_ECHO, "plug-in", text); break;
+    default: break;
+    }
+}
+
+void play_start_agent(void)
+{
+    if (agent_state_get() == AGENT_RUNNING)
+        return;
+    record_add(HAPPENED_AGENT, "agent", "starts and loads the plug-in");
+    agent_start();
+    if (agent_state_get() == AGENT_EXITED) {
+        agent_stop();
+        record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+        return;
+    }
+    management_agent_started();
+    products_agent_started();
+}
+
+void play_stop_agent(const std::string &why)
+{
+    if (agent_state_get() != AGENT_RUNNING)
+        return;
+    agent_stop();
+    products_agent_stopped();
+    record_add(HAPPENED_AGENT, "agent", why);
+}
+
+/* Delivers everything up to that tick; an agent that ends itself on the way is told once. */
+static void run_until(uint64_t ms)
+{
+    bool was_running = agent_state_get() == AGENT_RUNNING;
+
+    agent_run_until(ms);
+    for (const std::string &refusal : machine_engine_refusals())
+        record_add(HAPPENED_STEP, "windows", "debugger engine refuses " + refusal);
+    if (was_running && agent_state_get() == AGENT_EXITED) {
+        products_agent_stopped();
+        record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+    }
+}
+
+/* Runs the plan up to the end of the boot; actions may add to it. */
+static void run_plan(uint64_t end_ms)
+{
+    while (!s_plan.empty() && s_plan.begin()->first <= end_ms) {
+        uint64_t ms = s_plan.begin()->first;
+        std::function<void()> action = std::move(s_plan.begin()->second);
+
+        s_plan.erase(s_plan.begin());
+        run_until(ms > play_now_ms() ? ms : play_now_ms());
+        action();
+    }
+    run_until(end_ms > play_now_ms() ? end_ms : play_now_ms());
+    s_plan.clear();
+}
+
+/* When this boot begins. last_end: FILETIME at which the run before it ended, 0 for the first. */
+static uint64_t boot_start(const struct scenario &scenario, const std::string &where,
+                           const json_value &boot, uint64_t last_end)
+{
+    uint64_t start;
+    std::string at = node_text_of(&boot, "at", last_end == 0 ? DEFAULT_START : "");
+
+    if (at.empty())
+        return last_end + REBOOT_TICKS;
+    if (!time_parse(at, &start))
+        scenario_bad(scenario, where + "/at", "expected a time such as 2024-03-07T09:05:41Z");
+    return start;
+}
+
+static void start_windows(const json_value &boot, const struct play_options &options,
+                          uint64_t start)
+{
+    uint64_t uptime = play_ms(node_number_of(&boot, "uptime", 0));
+
+    machine_boot(start);
+    if (options.real_time)
+        oxnih_clock_real(uptime);
+    else
+        oxnih_clock_simulate(start + uptime * TICKS_PER_MS, uptime);
+    calls_clear_failures();
+    expect_start_boot();
+    record_add(HAPPENED_BOOT, "windows",
+               "starts at " + time_iso(start) + node_text_of(&boot, "about", ""));
+}
+
+static void plan_boot(const struct scenario &scenario, const std::string &where,
+                      const json_value &boot, std::vector<std::string> &failures)
+{
+    uint64_t begin = play_now_ms();
+    size_t index = 0;
+
+    if (!node_is_null(&boot, "agent_start"))
+        play_at(begin + play_ms(node_number_of(&boot, "agent_start", AGENT_START_SECONDS)),
+                play_start_agent);
+    for (const json_value *step : node_elements(&boot, "steps")) {
+        std::string place = where + "/steps/" + std::to_string(index++);
+
+        play_at(play_ms(node_number_of(step, "at", 0)), [&scenario, place, step, &failures] {
+            step_run(scenario, place, *step, failures);
+        });
+    }
+}
+
+static void end_windows(const std::string &ends)
+{
+    if (ends == "clean") {
+        play_stop_agent("stops, Windows shuts down");
+        evidence_clean_shutdown();
+        record_add(HAPPENED_END, "windows", "shuts down");
+    } else {
+        play_stop_agent("is gone");
+        record_add(HAPPENED_END, "windows",
+                   ends == "blue_screen" ? "crashes with a blue screen" : "loses power");
+    }
+}
+
+static void play_boots(const struct scenario &scenario, const struct play_options &options,
+                       std::vector<std::string> &failures)
+{
+    const json_value *root = &scenario.document, *before = node_member(root, "before");
+    const json_value *crash = node_member(before, "crash");
+    std::string ended = node_text_of(before, "ends", "clean");
+    uint64_t last_end = 0;
+    int number = 0;
+
+    for (const json_value *boot : node_elements(root, "boots")) {
+        std::string where = "/boots/" + std::to_string(number);
+        const json_value *machine = node_member(boot, "machine");
+        uint64_t start = boot_start(scenario, where, *boot, last_end);
+
+        record_set_boot(++number);
+        start_windows(*boot, options, start);
+        if (number == 1 && node_member(root, "machine") != NULL)
+            evidence_set_machine(scenario, "/machine", *node_member(root, "machine"));
+        if (machine != NULL)
+            evidence_set_machine(scenario, where + "/machine", *machine);
+        evidence_plan_boot(scenario, where, boot, ended, crash, last_end);
+        plan_boot(scenario, where, *boot, failures);
+        run_plan(play_ms(node_number_of(boot, "until", BOOT_SECONDS)));
+        if (node_member(boot, "expect") != NULL)
+            expect_check(scenario, where + "/expect", *node_member(boot, "expect"), failures);
+        ended = node_text_of(boot, "ends", "clean");
+        crash = node_member(boot, "crash");
+        end_windows(ended);
+        last_end = oxnih_clock_now_100ns();
+    }
+}
+
+std::vector<std::string> play_scenario(const struct scenario &scenario,
+                                       const struct play_options &options)
+{
+    std::vector<std::string> failures;
+
+    record_clear();
+    record_set_folder(options.run_folder, "<run>");
+    machine_open(text_wide(options.run_folder));
+    agent_open(options.run_folder, options.plugin_path);
+    oxnih_set_device_id("oxni_devhost");
+    oxnih_uuid_fix(1);
+    oxnih_log_set_sink(log_sink, NULL);
+    oxnih_set_complaint(complaint_sink, NULL);
+    oxnih_core_set_observer(observe, NULL);
+    products_open(scenario);
+    management_open(scenario);
+    play_boots(scenario, options, failures);
+    agent_stop();
+    machine_close();
+    return failures;
+}

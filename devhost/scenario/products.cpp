@@ -1,0 +1,317 @@
+/*
+ * The products of a scenario: agent modules that register with the plug-in, keep their own status
+ * and count over restarts, and answer commands.
+ */
+#include "play.h"
+
+#include <list>
+
+#include <oxni/base/json.h>
+#include <oxni/base/subscriber.h>
+
+#include "../../platform/liboxni_core/host.h"
+#include "../agent.h"
+#include "../text.h"
+#include "record.h"
+
+#define REGISTER_SECONDS 5.0
+#define ANSWER_SECONDS   1.0
+
+struct product {
+    std::string key, ns, name, product_name;
+    std::vector<std::string> modules;
+    std::string status;
+    int64_t count;
+    std::string registration; /* JSON text in place of the usual message; empty: the usual one */
+    double registers;         /* seconds after the agent's start; negative: not by itself */
+    int32_t unreachable;
+    double reply_delay; /* negative: never */
+    const json_value *answers;
+    oxni_subscriber *subscriber; /* NULL while it is not registered */
+    int64_t commands;
+    std::string last_command; /* for the summary */
+};
+
+static const struct scenario *s_scenario;
+static std::vector<product> s_products;
+
+static product &product_find(const std::string &key)
+{
+    for (product &product : s_products)
+        if (product.key == key)
+            return product;
+    scenario_bad(*s_scenario, "/products", "there is no product \"" + key + "\"");
+}
+
+static product *product_by_handle(const oxni_subscriber *subscriber)
+{
+    for (product &product : s_products)
+        if (product.subscriber == subscriber)
+            return &product;
+    return NULL;
+}
+
+/* A text as JSON string; the schema of scenarios lets no control characters matter here. */
+static std::string quoted(const std::string &text)
+{
+    json_value value;
+
+    value.SetString(rapidjson::StringRef(text.data(), text.size()));
+    return node_to_text(value);
+}
+
+static std::string usual_message(const product &product, const char *type)
+{
+    std::string modules;
+
+    for (const std::string &module : product.modules)
+        modules += (modules.empty() ? "" : ", ") + quoted(module);
+    return "{\"product_name\": " + quoted(product.product_name) + ", \"type\": \"" + type +
+           "\", \"count\": " + std::to_string(product.count) +
+           ", \"status\": " + quoted(product.status) + ", \"data\": {\"driver_module\": [" +
+           modules + "]}}";
+}
+
+/* Throws when it is no JSON; NULL only when the platform's memory is made to fail. */
+static json_t *message_of(const std::string &text)
+{
+    return json_loadb(text.data(), text.size(), 0, NULL);
+}
+
+static void push_text(product &product, const std::string &text)
+{
+    json_t *message = message_of(text);
+
+    if (message == NULL || product.subscriber == NULL)
+        record_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
+    else
+        (void)oxni_subscriber_pushforward(product.subscriber, message, NULL, NULL);
+    json_decref(message);
+}
+
+/* What a product does about a command when the scenario does not say. */
+static std::string usual_status(const std::string &command, const product &product)
+{
+    if (command == "bypass")
+        return "bypass";
+    return command == "recover" ? "working" : product.status;
+}
+
+struct planned_answer {
+    std::string key, status;
+    int64_t count;
+    bool tells;
+};
+
+/* Answers that are due later; the end of the agent's process drops them. */
+static std::list<planned_answer> s_answers;
+
+/* The moment of an answer has come: the product's state changes, and it tells the plug-in. */
+static void answer_now(void *user)
+{
+    const planned_answer *answer = static_cast<planned_answer *>(user);
+    product &product = product_find(answer->key);
+
+    product.status = answer->status;
+    product.count = answer->count;
+    record_add(HAPPENED_STATE, product.key,
+               text_format("is %s, count %lld", product.status.c_str(),
+                           static_cast<long long>(product.count)));
+    if (answer->tells)
+        push_text(product, usual_message(product, "modify"));
+    s_answers.remove_if([answer](const planned_answer &other) { return &other == answer; });
+}
+
+static void plan_answer(const product &product, const std::string &command, int64_t count)
+{
+    const json_value *said = node_member(product.answers, command.c_str());
+
+    if (said != NULL && said->IsNull())
+        return;
+    s_answers.push_back(
+        {product.key, node_text_of(said, "status", usual_status(command, product)),
+         node_integer_of(said, "count", command == "set_count" ? count : product.count),
+         command != "set_count" || said != NULL});
+    oxnih_core_post(play_ms(node_number_of(said, "after", ANSWER_SECONDS)), answer_now,
+                    &s_answers.back());
+}
+
+static void product_cb(oxni_subscriber *subscriber, uint32_t event, void *arg, json_t *message)
+{
+    product *product = product_by_handle(subscriber);
+    const char *type = json_string_value(json_object_get(message, "type"));
+    const char *reason = json_string_value(json_object_get(message, "reason"));
+
+    (void)arg;
+    if (product == NULL || event != 1 || type == NULL)
+        return;
+    product->commands++;
+    product->last_command = std::string(type);
+    if (reason != NULL && std::string(reason) != "none")
+        product->last_command += std::string(" because of ") + reason;
+    product->last_command +=
+        " at " + time_span(play_now_ms()) + " of boot " + std::to_string(record_boot());
+    plan_answer(*product, type, json_integer_value(json_object_get(message, "count")));
+}
+
+static void apply_delivery(const product &product)
+{
+    if (product.subscriber == NULL)
+        return;
+    oxnih_subscriber_set_unreachable(product.subscriber, product.unreachable);
+    oxnih_subscriber_set_reply_delay(
+        product.subscriber, product.reply_delay < 0 ? UINT64_MAX : play_ms(product.reply_delay));
+}
+
+/* Takes over the members that are given. */
+static void apply_members(product &product, const json_value &said)
+{
+    const json_value *registration = node_member(&said, "registration");
+
+    product.ns = node_text_of(&said, "ns", product.ns);
+    product.name = node_text_of(&said, "name", product.name);
+    product.product_name = node_text_of(&said, "product_name", product.product_name);
+    product.status = node_text_of(&said, "status", product.status);
+    product.count = node_integer_of(&said, "count", product.count);
+    product.unreachable =
+        static_cast<int32_t>(node_integer_of(&said, "unreachable", product.unreachable));
+    product.registers = node_is_null(&said, "registers")
+                            ? -1
+                            : node_number_of(&said, "registers", product.registers);
+    product.reply_delay = node_is_null(&said, "reply_delay")
+                              ? -1
+                              : node_number_of(&said, "reply_delay", product.reply_delay);
+    if (registration != NULL)
+        product.registration = node_to_text(*registration);
+    if (node_member(&said, "answers") != NULL)
+        product.answers = node_member(&said, "answers");
+    if (node_member(&said, "modules") != NULL) {
+        product.modules.clear();
+        for (const json_value *module : node_elements(&said, "modules"))
+            product.modules.push_back(module->GetString());
+    }
+}
+
+void products_open(const struct scenario &scenario)
+{
+    const json_value *said = node_member(&scenario.document, "products");
+
+    s_scenario = &scenario;
+    s_products.clear();
+    if (said == NULL)
+        return;
+    for (const auto &member : said->GetObject()) {
+        product product = {};
+
+        product.key = product.ns = product.name = product.product_name = member.name.GetString();
+        product.status = "working";
+        product.count = 1;
+        product.registers = REGISTER_SECONDS;
+        apply_members(product, member.value);
+        s_products.push_back(std::move(product));
+    }
+}
+
+void products_agent_started(void)
+{
+    for (const product &product : s_products) {
+        std::string key = product.key;
+
+        if (product.registers >= 0)
+            play_at(play_now_ms() + play_ms(product.registers), [key] {
+                if (agent_state_get() == AGENT_RUNNING)
+                    product_register(key);
+            });
+    }
+}
+
+void products_agent_stopped(void)
+{
+    for (product &product : s_products)
+        product.subscriber = NULL;
+    s_answers.clear();
+}
+
+void product_register(const std::string &key)
+{
+    product &product = product_find(key);
+    oxni_subscriber_attr attr = {product.ns.c_str(), product.name.c_str(), NULL};
+    json_t *message;
+
+    if (product.subscriber != NULL) {
+        push_text(product, product.registration.empty() ? usual_message(product, "reg")
+                                                        : product.registration);
+        return;
+    }
+    message = message_of(product.registration.empty() ? usual_message(product, "reg")
+                                                      : product.registration);
+    product.subscriber = oxni_subscriber_new(&attr);
+    apply_delivery(product);
+    (void)oxni_subscriber_subscribe(product.subscriber, "bypass_mgr", message, product_cb);
+    json_decref(message);
+}
+
+void product_send(const std::string &key, const json_value &message)
+{
+    push_text(product_find(key), node_to_text(message));
+}
+
+void product_unsubscribe(const std::string &key)
+{
+    product &product = product_find(key);
+
+    if (product.subscriber == NULL)
+        return;
+    oxnih_subscriber_leave(product.subscriber);
+    oxni_subscriber_delete(product.subscriber);
+    product.subscriber = NULL;
+}
+
+void product_change(const std::string &key, const json_value &changes)
+{
+    product &product = product_find(key);
+
+    apply_members(product, changes);
+    apply_delivery(product);
+}
+
+std::string product_state_text(const std::string &key)
+{
+    const product &product = product_find(key);
+    uint64_t references =
+        product.subscriber != NULL ? oxnih_subscriber_references(product.subscriber) : 0;
+
+    return "{\"status\":" + quoted(product.status) + ",\"count\":" + std::to_string(product.count) +
+           ",\"commands\":" + std::to_string(product.commands) +
+           ",\"references\":" + std::to_string(references) + "}";
+}
+
+std::vector<std::string> product_keys(void)
+{
+    std::vector<std::string> keys;
+
+    for (const product &product : s_products)
+        keys.push_back(product.key);
+    return keys;
+}
+
+std::string product_summary(const std::string &key)
+{
+    const product &product = product_find(key);
+
+    return text_format("%-13s count %lld, %s", product.status.c_str(),
+                       static_cast<long long>(product.count),
+                       product.last_command.empty() ? "never ordered anything"
+                                                    : ("ordered " + product.last_command).c_str());
+}
+
+std::string product_of(oxni_subscriber *subscriber)
+{
+    const product *product = product_by_handle(subscriber);
+    const oxni_subscriber_attr *attr;
+
+    if (product != NULL)
+        return product->key;
+    attr = oxni_subscriber_get_attr(subscriber);
+    return attr != NULL ? text_format("%s/%s", attr->ns, attr->name) : "nobody";
+}

@@ -1,0 +1,73 @@
+/* The list of what happened. */
+#include "record.h"
+
+#include "../../platform/liboxnibase/host.h"
+#include "../text.h"
+
+static const char *const s_kind_names[] = {
+    "boot",    "end",   "agent", "step", "message",   "refused",  "left",
+    "command", "reply", "state", "link", "upload",    "response", "asked",
+    "console", "echo",  "log",   "call", "complaint",
+};
+
+static std::vector<happening> s_all;
+static int s_boot;
+static std::string s_folder, s_folder_slashes, s_folder_json, s_shown;
+static record_view_fn s_view;
+static void *s_view_user;
+
+/* The run's folder in each spelling that texts have of it. */
+static std::string shorten(const std::string &text)
+{
+    return text_replace(text_replace(text_replace(text, s_folder_json, s_shown), s_folder, s_shown),
+                        s_folder_slashes, s_shown);
+}
+
+const std::vector<happening> &record_all(void)
+{
+    return s_all;
+}
+
+void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
+                const std::string &json, int32_t number)
+{
+    s_all.push_back({kind, s_boot, oxnih_clock_tick_ms(), oxnih_clock_now_100ns(), who,
+                     shorten(text), shorten(json), number});
+    if (s_view != NULL)
+        s_view(s_all.back(), s_view_user);
+}
+
+void record_set_boot(int boot)
+{
+    s_boot = boot;
+}
+
+int record_boot(void)
+{
+    return s_boot;
+}
+
+void record_set_folder(const std::string &folder, const std::string &shown)
+{
+    s_folder = folder;
+    s_folder_slashes = text_replace(folder, "\\", "/");
+    s_folder_json = text_replace(folder, "\\", "\\\\");
+    s_shown = shown;
+}
+
+void record_set_view(record_view_fn view, void *user)
+{
+    s_view = view;
+    s_view_user = user;
+}
+
+void record_clear(void)
+{
+    s_all.clear();
+    s_boot = 0;
+}
+
+const char *record_kind_name(enum happening_kind kind)
+{
+    return s_kind_names[kind];
+}

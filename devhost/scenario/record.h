@@ -1,0 +1,69 @@
+/*
+ * What happened in a run, in order: the one list that views print and expectations look at.
+ */
+#ifndef DEVHOST_RECORD_H
+#define DEVHOST_RECORD_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+enum happening_kind {
+    HAPPENED_BOOT,     /* Windows starts */
+    HAPPENED_END,      /* this run of Windows ends */
+    HAPPENED_AGENT,    /* the agent starts, stops, exits */
+    HAPPENED_STEP,     /* something that the scenario does to the machine */
+    HAPPENED_MESSAGE,  /* a product's message reached the plug-in */
+    HAPPENED_REFUSED,  /* the platform refused a message */
+    HAPPENED_LEFT,     /* a product left */
+    HAPPENED_COMMAND,  /* the plug-in pushed a command */
+    HAPPENED_REPLY,    /* the platform answered that push */
+    HAPPENED_STATE,    /* a product changed its state */
+    HAPPENED_LINK,     /* the plug-in was told the management link's state */
+    HAPPENED_UPLOAD,   /* the plug-in delivered a request to the management side */
+    HAPPENED_RESPONSE, /* it was answered */
+    HAPPENED_ASKED,    /* the plug-in called another module's console command, and its answer */
+    HAPPENED_CONSOLE,  /* somebody typed a console command */
+    HAPPENED_ECHO,     /* the plug-in printed to the console */
+    HAPPENED_LOG,      /* a log line of the plug-in */
+    HAPPENED_CALL,     /* a traced call */
+    HAPPENED_COMPLAINT /* somebody broke the platform's rules */
+};
+
+struct happening {
+    enum happening_kind kind;
+    int boot;         /* from 1 */
+    uint64_t ms;      /* since Windows started */
+    uint64_t now;     /* FILETIME */
+    std::string who;  /* "windows", "agent", "plug-in", "management", "person" or a product */
+    std::string text; /* for reading, one line */
+    std::string json; /* the message, when there is one */
+    int32_t number;   /* error of a reply, level of a log line, state of a link */
+};
+
+typedef void (*record_view_fn)(const happening &what, void *user);
+
+/* Everything up to now, oldest first. */
+const std::vector<happening> &record_all(void);
+
+/* Adds a happening of now. */
+void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
+                const std::string &json = "", int32_t number = 0);
+
+/* Which boot it is from here on. */
+void record_set_boot(int boot);
+int record_boot(void);
+
+/* A folder that texts show as a short word: it differs from run to run. */
+void record_set_folder(const std::string &folder, const std::string &shown);
+
+/* Who is shown each happening as it is added. */
+void record_set_view(record_view_fn view, void *user);
+
+void record_clear(void);
+
+/* The name of a kind, for machines. */
+const char *record_kind_name(enum happening_kind kind);
+
+#endif

@@ -1,0 +1,236 @@
+/* The steps of a scenario: one table, a row for each thing that can be done. */
+#include "play.h"
+
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../agent.h"
+#include "../machine/calls.h"
+#include "../machine/machine.h"
+#include "../text.h"
+#include "record.h"
+
+struct step_context {
+    const struct scenario &scenario;
+    const std::string &where;
+    const json_value &step;
+    const json_value &value; /* of the member that names the step */
+    std::vector<std::string> &failures;
+};
+
+static void say(const std::string &text)
+{
+    record_add(HAPPENED_STEP, "windows", text);
+}
+
+static void step_agent(const step_context &context)
+{
+    std::string what = context.value.GetString();
+
+    if (what != "start")
+        play_stop_agent(what == "stop" ? "stops" : "stops to start again");
+    if (what != "stop")
+        play_start_agent();
+}
+
+/* Throws when the agent's modules cannot do anything: its process is not there. */
+static void need_agent(const step_context &context)
+{
+    if (agent_state_get() != AGENT_RUNNING)
+        scenario_bad(context.scenario, context.where, "the agent is not running at this moment");
+}
+
+static void step_register(const step_context &context)
+{
+    need_agent(context);
+    product_register(context.value.GetString());
+}
+
+static void step_send(const step_context &context)
+{
+    const json_value *message = node_member(&context.step, "message");
+
+    need_agent(context);
+    if (message == NULL)
+        scenario_bad(context.scenario, context.where, "member \"message\" is missing");
+    product_send(context.value.GetString(), *message);
+}
+
+static void step_unsubscribe(const step_context &context)
+{
+    need_agent(context);
+    product_unsubscribe(context.value.GetString());
+}
+
+static void step_console(const step_context &context)
+{
+    need_agent(context);
+    oxnih_dbg_run("oxni", context.value.GetString());
+}
+
+static void step_product(const step_context &context)
+{
+    const json_value *set = node_member(&context.step, "set");
+
+    if (set == NULL)
+        scenario_bad(context.scenario, context.where, "member \"set\" is missing");
+    product_change(context.value.GetString(), *set);
+}
+
+static void step_management(const step_context &context)
+{
+    management_change(context.value);
+}
+
+static void step_link(const step_context &context)
+{
+    rapidjson::Document change;
+
+    change.Parse(context.value.GetBool() ? "{\"link\":true}" : "{\"link\":false}");
+    management_change(change);
+}
+
+static void step_event(const step_context &context)
+{
+    say(text_format("logs event %u of %s",
+                    static_cast<unsigned>(node_integer_of(&context.value, "id", 0)) & 0xffff,
+                    node_text_of(&context.value, "source", "").c_str()));
+    evidence_add_event(context.scenario, context.where + "/event", context.value);
+}
+
+static void step_file(const step_context &context)
+{
+    evidence_add_file(context.scenario, context.where + "/file", context.value);
+}
+
+static std::wstring path_of(const std::string &text)
+{
+    std::string path = text_replace(text, "{base}", agent_base_folder());
+
+    return text_wide(text_replace(path, "{bin}", agent_bin_folder()));
+}
+
+static void step_delete_file(const step_context &context)
+{
+    machine_delete_file(path_of(context.value.GetString()));
+    say(std::string("file ") + context.value.GetString() + " is deleted");
+}
+
+/* A copy is a new file: created now, its content as before. */
+static void step_copy_file(const step_context &context)
+{
+    std::string to = node_text_of(&context.step, "to", "");
+    uint64_t now = oxnih_clock_now_100ns();
+
+    if (to.empty())
+        scenario_bad(context.scenario, context.where, "member \"to\" is missing");
+    machine_write_file(path_of(to),
+                       machine_read_real_file(machine_real_path(path_of(context.value.GetString())),
+                                              EXIT_BAD_CALL),
+                       now, now);
+    say(std::string("file ") + context.value.GetString() + " is copied to " + to);
+}
+
+static void step_registry(const step_context &context)
+{
+    evidence_set_value(context.scenario, context.where + "/registry", context.value);
+    say("registry value " + node_text_of(&context.value, "name", "") + " is set");
+}
+
+static void step_delete_value(const step_context &context)
+{
+    machine_delete_value(text_wide(node_text_of(&context.value, "key", "")),
+                         text_wide(node_text_of(&context.value, "name", "")));
+    say("registry value " + node_text_of(&context.value, "name", "") + " is deleted");
+}
+
+static void step_delete_key(const step_context &context)
+{
+    machine_delete_key(text_wide(context.value.GetString()));
+    say(std::string("registry key ") + context.value.GetString() + " is deleted");
+}
+
+static void step_machine(const step_context &context)
+{
+    evidence_set_machine(context.scenario, context.where + "/machine", context.value);
+}
+
+static void step_clock(const step_context &context)
+{
+    uint64_t now = play_time(context.scenario, context.where + "/clock", &context.value, 0);
+
+    oxnih_clock_set_wall(now);
+    say("the clock is set to " + time_iso(now));
+}
+
+static void step_fail(const step_context &context)
+{
+    std::string call = context.value.GetString();
+    uint64_t nth = static_cast<uint64_t>(node_integer_of(&context.step, "nth", 1));
+    uint64_t times = static_cast<uint64_t>(node_integer_of(&context.step, "times", 1));
+    uint32_t error = static_cast<uint32_t>(node_integer_of(&context.step, "error", 0));
+
+    if (!calls_fail(call, nth, times, error))
+        scenario_bad(context.scenario, context.where + "/fail",
+                     "\"" + call + "\" is no call of the plug-in that can fail");
+    say(text_format("from here on call %llu of %s fails with %u",
+                    static_cast<unsigned long long>(nth), call.c_str(), error));
+}
+
+static void step_fail_allocation(const step_context &context)
+{
+    oxnih_memory_fail(context.value.GetUint64(), node_flag_of(&context.step, "forever", false));
+    say(text_format("allocation %llu from here on fails",
+                    static_cast<unsigned long long>(context.value.GetUint64())));
+}
+
+static void step_expect(const step_context &context)
+{
+    expect_check(context.scenario, context.where + "/expect", context.value, context.failures);
+}
+
+static const struct {
+    const char *member;
+    void (*run)(const step_context &context);
+} s_steps[] = {
+    {"agent",           step_agent          },
+    {"register",        step_register       },
+    {"send",            step_send           },
+    {"unsubscribe",     step_unsubscribe    },
+    {"console",         step_console        },
+    {"product",         step_product        },
+    {"management",      step_management     },
+    {"link",            step_link           },
+    {"event",           step_event          },
+    {"file",            step_file           },
+    {"delete_file",     step_delete_file    },
+    {"copy_file",       step_copy_file      },
+    {"registry",        step_registry       },
+    {"delete_value",    step_delete_value   },
+    {"delete_key",      step_delete_key     },
+    {"machine",         step_machine        },
+    {"clock",           step_clock          },
+    {"fail",            step_fail           },
+    {"fail_allocation", step_fail_allocation},
+    {"expect",          step_expect         },
+};
+
+void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
+              std::vector<std::string> &failures)
+{
+    bool done = false;
+
+    for (const auto &row : s_steps) {
+        const json_value *value = node_member(&step, row.member);
+
+        if (value == NULL)
+            continue;
+        if (done)
+            scenario_bad(scenario, where,
+                         std::string("does more than one thing: \"") + row.member +
+                             "\" belongs into a step of its own");
+        row.run({scenario, where, step, *value, failures});
+        done = true;
+    }
+    if (!done)
+        scenario_bad(scenario, where, "does nothing");
+}

@@ -1,0 +1,254 @@
+/* Text and time helpers of the development host. Stateless. */
+#include "text.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <windows.h>
+
+/* 1601 to 1970, in seconds. */
+#define UNIX_EPOCH_SECONDS 11644473600ll
+
+std::string text_narrow(const std::wstring &wide)
+{
+    std::string utf8;
+    int length = static_cast<int>(wide.size());
+    int bytes = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, NULL, 0, NULL, NULL);
+
+    utf8.resize(static_cast<size_t>(bytes));
+    WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(), bytes, NULL, NULL);
+    return utf8;
+}
+
+std::wstring text_wide(const std::string &utf8)
+{
+    std::wstring wide;
+    int length = static_cast<int>(utf8.size());
+    int chars = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, NULL, 0);
+
+    wide.resize(static_cast<size_t>(chars));
+    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, wide.data(), chars);
+    return wide;
+}
+
+std::string text_format(const char *format, ...)
+{
+    va_list arguments, again;
+    std::string text;
+    int length;
+
+    va_start(arguments, format);
+    va_copy(again, arguments);
+    length = vsnprintf(NULL, 0, format, arguments);
+    va_end(arguments);
+    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
+    vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    return text;
+}
+
+std::wstring text_lower(const std::wstring &wide)
+{
+    std::wstring lower = wide;
+
+    CharLowerBuffW(lower.data(), static_cast<DWORD>(lower.size()));
+    return lower;
+}
+
+std::string text_lower(const std::string &ascii)
+{
+    std::string lower = ascii;
+
+    for (char &c : lower)
+        if (c >= 'A' && c <= 'Z')
+            c = static_cast<char>(c - 'A' + 'a');
+    return lower;
+}
+
+std::string text_replace(std::string text, const std::string &from, const std::string &to)
+{
+    size_t at = 0;
+
+    while (!from.empty() && (at = text.find(from, at)) != std::string::npos) {
+        text.replace(at, from.size(), to);
+        at += to.size();
+    }
+    return text;
+}
+
+bool text_fits(const std::string &text, const std::string &pattern)
+{
+    size_t t = 0, p = 0, star = std::string::npos, mark = 0;
+
+    while (t < text.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            mark = t;
+        } else if (p < pattern.size() && pattern[p] == text[t]) {
+            p++;
+            t++;
+        } else if (star != std::string::npos) {
+            p = star + 1;
+            t = ++mark;
+        } else {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == '*')
+        p++;
+    return p == pattern.size();
+}
+
+static void append_json_string(std::string &out, const char *text)
+{
+    out += '"';
+    for (; text != NULL && *text != '\0'; text++) {
+        unsigned char c = static_cast<unsigned char>(*text);
+
+        if (c == '"' || c == '\\')
+            (out += '\\') += *text;
+        else if (c == '\n')
+            out += "\\n";
+        else if (c < 0x20)
+            out += text_format("\\u%04x", c);
+        else
+            out += *text;
+    }
+    out += '"';
+}
+
+static void append_json(std::string &out, const json_t *json)
+{
+    /* Jansson's iterators are declared for changing, too. */
+    json_t *object = const_cast<json_t *>(json);
+    bool first = true;
+
+    switch (json != NULL ? json_typeof(json) : JSON_NULL) {
+    case JSON_OBJECT:
+        out += '{';
+        for (void *it = json_object_iter(object); it != NULL;
+             it = json_object_iter_next(object, it)) {
+            out += first ? "" : ", ";
+            first = false;
+            append_json_string(out, json_object_iter_key(it));
+            out += ": ";
+            append_json(out, json_object_iter_value(it));
+        }
+        out += '}';
+        break;
+    case JSON_ARRAY:
+        out += '[';
+        for (size_t index = 0; index < json_array_size(json); index++) {
+            out += index == 0 ? "" : ", ";
+            append_json(out, json_array_get(json, index));
+        }
+        out += ']';
+        break;
+    case JSON_STRING: append_json_string(out, json_string_value(json)); break;
+    case JSON_INTEGER:
+        out += text_format("%lld", static_cast<long long>(json_integer_value(json)));
+        break;
+    case JSON_REAL: out += text_format("%.17g", json_real_value(json)); break;
+    case JSON_TRUE: out += "true"; break;
+    case JSON_FALSE: out += "false"; break;
+    case JSON_NULL: out += "null"; break;
+    }
+}
+
+std::string text_of_json(const json_t *json)
+{
+    std::string out;
+
+    append_json(out, json);
+    return out;
+}
+
+std::string time_iso(uint64_t filetime_100ns, bool milliseconds)
+{
+    FILETIME time = {static_cast<DWORD>(filetime_100ns), static_cast<DWORD>(filetime_100ns >> 32)};
+    SYSTEMTIME parts;
+
+    if (!FileTimeToSystemTime(&time, &parts))
+        return "(no date)";
+    if (milliseconds)
+        return text_format("%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.wYear, parts.wMonth,
+                           parts.wDay, parts.wHour, parts.wMinute, parts.wSecond,
+                           parts.wMilliseconds);
+    return text_format("%04d-%02d-%02dT%02d:%02d:%02dZ", parts.wYear, parts.wMonth, parts.wDay,
+                       parts.wHour, parts.wMinute, parts.wSecond);
+}
+
+/* Reads digits characters of a decimal number. */
+static bool read_digits(const char **at, int digits, unsigned *number)
+{
+    *number = 0;
+    for (int i = 0; i < digits; i++, (*at)++) {
+        if (**at < '0' || **at > '9')
+            return false;
+        *number = *number * 10 + static_cast<unsigned>(**at - '0');
+    }
+    return true;
+}
+
+/* The part behind the seconds, ".fffffff" with 1 to 9 digits, in 100 ns. */
+static uint64_t read_fraction(const char **at)
+{
+    uint64_t ticks = 0, unit = TICKS_PER_SECOND / 10;
+
+    for ((*at)++; **at >= '0' && **at <= '9'; (*at)++, unit /= 10)
+        ticks += static_cast<uint64_t>(**at - '0') * unit;
+    return ticks;
+}
+
+bool time_parse(const std::string &iso, uint64_t *filetime_100ns)
+{
+    static const struct {
+        int digits;
+        char behind; /* '\0': the fraction or the Z follows */
+    } layout[] = {
+        {4, '-' },
+        {2, '-' },
+        {2, 'T' },
+        {2, ':' },
+        {2, ':' },
+        {2, '\0'}
+    };
+    unsigned part[6];
+    const char *at = iso.c_str();
+    uint64_t fraction = 0;
+    SYSTEMTIME parts = {};
+    FILETIME time;
+
+    for (size_t i = 0; i < 6; i++)
+        if (!read_digits(&at, layout[i].digits, &part[i]) ||
+            (layout[i].behind != '\0' && *at++ != layout[i].behind))
+            return false;
+    if (*at == '.')
+        fraction = read_fraction(&at);
+    if (at[0] != 'Z' || at[1] != '\0')
+        return false;
+    parts.wYear = static_cast<WORD>(part[0]);
+    parts.wMonth = static_cast<WORD>(part[1]);
+    parts.wDay = static_cast<WORD>(part[2]);
+    parts.wHour = static_cast<WORD>(part[3]);
+    parts.wMinute = static_cast<WORD>(part[4]);
+    parts.wSecond = static_cast<WORD>(part[5]);
+    if (!SystemTimeToFileTime(&parts, &time))
+        return false;
+    *filetime_100ns =
+        ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime) + fraction;
+    return true;
+}
+
+std::string time_span(uint64_t ms)
+{
+    unsigned long long seconds = ms / 1000, days = seconds / 86400;
+    std::string text = days != 0 ? text_format("%llud ", days) : "";
+
+    return text + text_format("%02llu:%02llu:%02llu.%03llu", seconds / 3600 % 24, seconds / 60 % 60,
+                              seconds % 60, static_cast<unsigned long long>(ms % 1000));
+}
+
+int64_t time_unix(uint64_t filetime_100ns)
+{
+    return static_cast<int64_t>(filetime_100ns / TICKS_PER_SECOND) - UNIX_EPOCH_SECONDS;
+}

@@ -1,0 +1,66 @@
+/* Text, times and errors that every room of the development host uses. */
+#ifndef DEVHOST_TEXT_H
+#define DEVHOST_TEXT_H
+
+#include <stdint.h>
+
+#include <stdexcept>
+#include <string>
+
+#include <oxni/base/json.h>
+
+/* Exit status of the program. */
+enum devhost_exit {
+    EXIT_ALL_HOLD = 0,
+    EXIT_EXPECTATION_FAILED = 1,
+    EXIT_BAD_CALL = 2, /* command line or scenario */
+    EXIT_BAD_EVIDENCE = 3,
+    EXIT_NO_PLUGIN = 4,
+    EXIT_SKIPPED = 77, /* something that the scenario needs is not on this machine */
+};
+
+/* Ends the run: one line that names the file and place, and the exit status that it means. */
+struct devhost_error : std::runtime_error {
+    int status;
+    devhost_error(int exit_status, const std::string &what)
+        : std::runtime_error(what), status(exit_status)
+    {
+    }
+};
+
+/* UTF-16 and UTF-8; what is not valid becomes U+FFFD. */
+std::string text_narrow(const std::wstring &wide);
+std::wstring text_wide(const std::string &utf8);
+
+/* printf into a string. */
+std::string text_format(const char *format, ...) __attribute__((format(gnu_printf, 1, 2)));
+
+std::wstring text_lower(const std::wstring &wide);
+std::string text_lower(const std::string &ascii);
+
+/* text with every occurrence of one part replaced. */
+std::string text_replace(std::string text, const std::string &from, const std::string &to);
+
+/* Whether pattern, in which * stands for any characters, fits the whole text. */
+bool text_fits(const std::string &text, const std::string &pattern);
+
+/* JSON text of a Jansson value with separators ", " and ": ". Uses no memory of the platform, whose
+ * allocations are counted. NULL gives "null". */
+std::string text_of_json(const json_t *json);
+
+/* "2024-03-07T09:05:41Z", with .000 when asked for, of a UTC FILETIME. */
+std::string time_iso(uint64_t filetime_100ns, bool milliseconds = false);
+
+/* Parses "YYYY-MM-DDTHH:MM:SS[.fffffff]Z". Result: whether it is one. */
+bool time_parse(const std::string &iso, uint64_t *filetime_100ns);
+
+/* "1d 02:03:04.500" of a number of milliseconds. */
+std::string time_span(uint64_t ms);
+
+/* Seconds since 1970 of a FILETIME. */
+int64_t time_unix(uint64_t filetime_100ns);
+
+#define TICKS_PER_SECOND 10000000ull
+#define TICKS_PER_MS     10000ull
+
+#endif

@@ -1,0 +1,131 @@
+/* The timeline on the console: time since Windows started, who, what. */
+#include "view.h"
+
+#include <stdio.h>
+
+#include "../text.h"
+
+/* Escape sequences by kind; none for the usual ones. */
+static const struct {
+    enum happening_kind kind;
+    const char *colour;
+} s_colours[] = {
+    {HAPPENED_BOOT,      "\x1b[1m"   },
+    {HAPPENED_END,       "\x1b[1m"   },
+    {HAPPENED_COMMAND,   "\x1b[1;31m"},
+    {HAPPENED_UPLOAD,    "\x1b[35m"  },
+    {HAPPENED_LOG,       "\x1b[2m"   },
+    {HAPPENED_CALL,      "\x1b[2m"   },
+    {HAPPENED_REFUSED,   "\x1b[33m"  },
+    {HAPPENED_STATE,     "\x1b[36m"  },
+    {HAPPENED_AGENT,     "\x1b[32m"  },
+    {HAPPENED_COMPLAINT, "\x1b[33m"  },
+    {HAPPENED_MESSAGE,   "\x1b[36m"  },
+};
+
+static struct view_options s_options;
+
+static const char *colour_of(enum happening_kind kind)
+{
+    for (const auto &row : s_colours)
+        if (row.kind == kind)
+            return row.colour;
+    return "";
+}
+
+static std::string quoted(const std::string &text)
+{
+    std::string out = "\"";
+
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            (out += '\\') += c;
+        else if (static_cast<unsigned char>(c) < 0x20)
+            out += text_format("\\u%04x", static_cast<unsigned>(c));
+        else
+            out += c;
+    }
+    return out + "\"";
+}
+
+static bool is_shown(const happening &what)
+{
+    if (what.kind == HAPPENED_LOG)
+        return what.number <= s_options.log_level;
+    if (what.kind == HAPPENED_CALL)
+        return s_options.trace;
+    return !s_options.quiet;
+}
+
+static void show_json(const happening &what)
+{
+    printf("{\"boot\": %d, \"ms\": %llu, \"time\": \"%s\", \"kind\": \"%s\", \"who\": %s, "
+           "\"text\": %s%s%s}\n",
+           what.boot, static_cast<unsigned long long>(what.ms), time_iso(what.now, true).c_str(),
+           record_kind_name(what.kind), quoted(what.who).c_str(), quoted(what.text).c_str(),
+           what.json.empty() ? "" : ", \"message\": ", what.json.c_str());
+}
+
+static void show_text(const happening &what)
+{
+    std::string text = what.text;
+
+    if (what.kind == HAPPENED_BOOT)
+        printf("\n");
+    if (!what.json.empty())
+        text += " " + what.json;
+    printf("%s%s  %-11s %s%s\n", s_options.colour ? colour_of(what.kind) : "",
+           time_span(what.ms).c_str(), what.who.c_str(), text_replace(text, "\n", "\\n").c_str(),
+           s_options.colour ? "\x1b[0m" : "");
+}
+
+void view_open(const struct view_options &options)
+{
+    s_options = options;
+}
+
+void view_start(const std::string &file, const std::string &name)
+{
+    if (s_options.json)
+        printf("{\"kind\": \"scenario\", \"file\": %s, \"name\": %s}\n", quoted(file).c_str(),
+               quoted(name).c_str());
+    else if (!s_options.quiet)
+        printf("%s%s%s\n", file.c_str(), name.empty() ? "" : ": ", name.c_str());
+}
+
+void view_happening(const happening &what, void *user)
+{
+    (void)user;
+    if (!is_shown(what))
+        return;
+    if (s_options.json)
+        show_json(what);
+    else
+        show_text(what);
+}
+
+void view_end(const std::string &file, const std::vector<std::string> &summary,
+              const std::vector<std::string> &failures)
+{
+    if (s_options.json) {
+        printf("{\"kind\": \"result\", \"file\": %s, \"holds\": %s, \"failures\": [",
+               quoted(file).c_str(), failures.empty() ? "true" : "false");
+        for (size_t i = 0; i < failures.size(); i++)
+            printf("%s%s", i == 0 ? "" : ", ", quoted(failures[i]).c_str());
+        printf("]}\n");
+        return;
+    }
+    if (!s_options.quiet) {
+        printf("\nAt the end:\n");
+        for (const std::string &line : summary)
+            printf("  %s\n", line.c_str());
+    }
+    fflush(stdout);
+    for (const std::string &failure : failures)
+        fprintf(stderr, "%s\n", failure.c_str());
+    printf("%s: %s\n", file.c_str(),
+           failures.empty()
+               ? "everything holds"
+               : text_format("%u expectations do not hold", static_cast<unsigned>(failures.size()))
+                     .c_str());
+}
