@@ -79,7 +79,9 @@ TEST(test_read_load_driver_value, values)
     for (const auto &row : s_rows) {
         SCOPED_TRACE(row.row);
         uint32_t value = 99;
-        registry.set_value(DRIVER_KEY, L"Count", row.type, row.text.data(),
+        /* Windows adds a terminator of its own when one follows what it is given. */
+        const std::wstring data = row.text + L"!";
+        registry.set_value(DRIVER_KEY, L"Count", row.type, data.data(),
                            row.text.size() * sizeof(wchar_t));
         EXPECT_EQ(read_load_driver_value(L"Count", &value), row.result);
         EXPECT_EQ(value, row.value);

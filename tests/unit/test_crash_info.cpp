@@ -149,7 +149,7 @@ TEST(test_start_bypass_status_check, stories)
         {"blue screen",                                  "SLSLB",               NULL,  "2 nt", 2 },
         {"blue screen and power loss",                   "SLSPLB",              NULL,  "2 nt", 2 },
         {"blue screen, told before the power loss",      "SLSLBP",              NULL,  "2 nt", 2 },
-        {"blue screen told a poll after the power loss", "SLSPL|||B",           NULL,  "2 nt", 4 },
+        {"blue screen told a poll after the power loss", "SLSPL|||B",           NULL,  "2 nt", 3 },
         {"blue screen told at the last poll",            "SLSL|||||||||||||B",  NULL,  "2 nt", 13},
         {"blue screen of an earlier run",                "SPBLSL",              NULL,  "0",    13},
         {"power loss of an earlier run",                 "SPLSL",               NULL,  "0",    13},

@@ -539,7 +539,7 @@ TEST(test_is_file_updated_since_boot, times)
         {-1,        false},
         {0,         true },
         {1,         true },
-        {10000000,  true }
+        {10000000,  true },
     };
     fake_processes machine;
     temporary_folder folder;

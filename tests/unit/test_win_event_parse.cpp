@@ -395,7 +395,7 @@ TEST(test_get_crash_info, searches)
          {"warn get_crash_info failed:13 "}},
         {"empty log", {}, false, 0, 0, 0, {}, {4096}, {}},
         {"in the second read", {other, large, start}, false, 0, 0, 12, {},
-         {4096, 4096, (uint32_t)large.size()}, {captured_start}},
+         {4096, 4096, (uint32_t)large.size(), (uint32_t)large.size()}, {captured_start}},
         {"buffer grows twice and stays", {large, larger, start}, false, 0, 0, 1001, large_string,
          {4096, (uint32_t)large.size(), (uint32_t)large.size(), (uint32_t)larger.size()},
          captured_crash},

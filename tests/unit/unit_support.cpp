@@ -40,7 +40,7 @@ void log_capture::receive(int, const char *line, void *user)
 {
     const std::string text = line;
     const size_t word = text.find("] [") + 3;
-    const size_t message = text.find("] ", text.find("[vkl] [")) + 2;
+    const size_t message = text.find("] ", text.find("[vkl] [") + 7) + 2;
 
     static_cast<log_capture *>(user)->lines_.push_back(
         text.substr(word, text.find(']', word) - word) + " " +
