@@ -120,6 +120,8 @@ void oxni_timer_stop(uint64_t timer)
 
 static void complain_of_exception(const char *what)
 {
+    if (oxnih_exit_taken())
+        return;
     const std::type_info *type = abi::__cxa_current_exception_type();
     int status = -1;
     char *name = type == NULL ? NULL : abi::__cxa_demangle(type->name(), NULL, NULL, &status);
@@ -135,6 +137,7 @@ static int run_guarded(const std::function<void()> &run)
     int result = 1;
 
     s_dispatcher.running = true;
+    (void)oxnih_exit_taken(); /* of an earlier run */
     try {
         run();
     } catch (const std::exception &thrown) {

@@ -21,7 +21,8 @@
  * simulated time from event to event and at last to tick_ms; real time is waited for.
  *
  * Result   0; -1 called from inside a callback (a complaint says so), or an exception left a
- *          callback (a complaint names it): what was due behind it is still queued.
+ *          callback: what was due behind it is still queued. A complaint names the exception,
+ *          unless the host's exit function threw it.
  */
 OXNI_API int oxnih_core_run_until(uint64_t tick_ms);
 /* Delivers the next event if it is due now. Result 1 delivered, 0 nothing due, -1 as above. */

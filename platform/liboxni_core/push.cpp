@@ -3,7 +3,6 @@
 
 #include <map>
 
-
 /* One push, until its reply has been given. */
 struct push {
     subscriber_ref subscriber;

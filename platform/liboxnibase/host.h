@@ -69,6 +69,9 @@ OXNI_API void oxnih_complain(const char *format, ...) OXNI_PRINTF(1, 2);
  * leave the callback, and must not return. */
 typedef void (*oxnih_exit_fn)(void *user);
 OXNI_API void oxnih_set_exit(oxnih_exit_fn fn, void *user);
+/* Nonzero when that function has been called since the last time this one was asked: what leaves a
+ * callback then is the host's own way out. For the platform's own libraries. */
+OXNI_API int oxnih_exit_taken(void);
 
 /* --- Memory. ---------------------------------------------------------------------------------- */
 

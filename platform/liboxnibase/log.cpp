@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include <oxni/base/log.h>
@@ -25,6 +26,7 @@ struct log_state {
     void *complaint_user = NULL;
     oxnih_exit_fn exit = NULL;
     void *exit_user = NULL;
+    bool exit_taken = false;
 };
 
 static log_state s_log;
@@ -174,9 +176,15 @@ void oxnih_set_exit(oxnih_exit_fn fn, void *user)
     s_log.exit_user = user;
 }
 
+int oxnih_exit_taken(void)
+{
+    return std::exchange(s_log.exit_taken, false);
+}
+
 void log_end_process(unsigned exit_code)
 {
     oxnih_log_close();
+    s_log.exit_taken = true;
     if (s_log.exit != NULL)
         s_log.exit(s_log.exit_user);
     ExitProcess(exit_code);

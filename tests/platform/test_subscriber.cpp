@@ -242,6 +242,16 @@ TEST_F(subscribers, leaving_before_the_registration_arrived_is_silent)
     run(0);
     EXPECT_EQ("", notes());
     EXPECT_EQ(1U, oxnih_subscriber_references(a));
+    oxni_subscriber_delete(a);
+    EXPECT_EQ(nullptr, oxni_subscriber_get_attr(a)); /* nobody is left who holds it */
+    EXPECT_NE("", complaints());
+    a = make("a");
+    oxnih_subscriber_leave(a); /* that never tried */
+    EXPECT_STREQ("a", oxni_subscriber_get_attr(a)->name);
+    EXPECT_EQ(-1, oxni_subscriber_subscribe(a, "svc", json_of("{}"), on_event));
+    oxni_subscriber_delete(a);
+    EXPECT_EQ(nullptr, oxni_subscriber_get_attr(a));
+    EXPECT_NE("", complaints());
 }
 
 TEST_F(subscribers, references)
