@@ -22,16 +22,17 @@ typedef uint64_t (*any_call_fn)(uint64_t, uint64_t, uint64_t, uint64_t, uint64_t
                                 uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
                                 uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t);
 
-/* A failure to come, counted in calls of its name. */
+/* A failure to come: calls first to last of its name, counted from the first one ever. */
 struct planned_failure {
-    uint64_t first; /* 1 is the next call */
+    uint64_t first;
     uint64_t last;
     uint32_t error;
 };
 
 struct call_state {
     any_call_fn target; /* stand-in or real function; NULL until a plug-in imports it */
-    uint64_t count;
+    uint64_t total;     /* ever */
+    uint64_t since;     /* total at the last reset of the counts */
     std::vector<planned_failure> failures;
 };
 
@@ -107,7 +108,7 @@ static uint64_t failed_result(const call_row &row, uint32_t error)
 static bool failure_due(const call_state &state, uint32_t *error)
 {
     for (const planned_failure &failure : state.failures)
-        if (state.count >= failure.first && state.count <= failure.last) {
+        if (state.total >= failure.first && state.total <= failure.last) {
             *error = failure.error;
             return true;
         }
@@ -141,7 +142,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     error = GetLastError();
     if (s_trace != NULL)
         arguments = arguments_text(row, a);
-    state.count++;
+    state.total++;
     planned = failure_due(state, &planned_error);
     SetLastError(error);
     if (planned) {
@@ -249,18 +250,30 @@ void calls_set_trace(calls_trace_fn fn, void *user)
     s_trace_user = user;
 }
 
-bool calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error)
+/* Row of a name that can fail; ROWS when there is none. */
+static size_t find_failing(const std::string &name)
 {
-    for (size_t index = 0; index < ROWS; index++) {
-        call_state &state = s_calls[index];
+    size_t index = 0;
 
-        if (name != s_rows[index].name || s_rows[index].failing == '-')
-            continue;
-        state.failures.push_back(
-            {state.count + nth, times != 0 ? state.count + nth + times - 1 : UINT64_MAX, error});
-        return true;
-    }
-    return false;
+    while (index < ROWS && (name != s_rows[index].name || s_rows[index].failing == '-'))
+        index++;
+    return index;
+}
+
+bool calls_can_fail(const std::string &name)
+{
+    return find_failing(name) < ROWS;
+}
+
+void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error)
+{
+    size_t index = find_failing(name);
+
+    if (index == ROWS)
+        return;
+    call_state &state = s_calls[index];
+    state.failures.push_back(
+        {state.total + nth, times != 0 ? state.total + nth + times - 1 : UINT64_MAX, error});
 }
 
 void calls_clear_failures(void)
@@ -273,12 +286,12 @@ uint64_t calls_count(const std::string &name)
 {
     for (size_t index = 0; index < ROWS; index++)
         if (name == s_rows[index].name)
-            return s_calls[index].count;
+            return s_calls[index].total - s_calls[index].since;
     return 0;
 }
 
 void calls_reset_counts(void)
 {
     for (call_state &state : s_calls)
-        state.count = 0;
+        state.since = state.total;
 }

@@ -19,9 +19,11 @@ void calls_patch(HMODULE plugin);
 /* NULL: no tracing, which is the start. */
 void calls_set_trace(calls_trace_fn fn, void *user);
 
+/* Whether a call of that name is known and can fail. */
+bool calls_can_fail(const std::string &name);
 /* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
- * behind it, times altogether; 0: for ever. Result: whether such a call is known and can fail. */
-bool calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
+ * behind it, times altogether; 0: for ever. A name that cannot fail is ignored. */
+void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
 void calls_clear_failures(void);
 
 /* Calls of a name since the start or the last reset. */

@@ -6,6 +6,9 @@
 /* Real handles are small; stand-ins begin far above them. */
 #define FIRST_STAND_IN_HANDLE 0x40000000ull
 
+#define CRASH_CONTROL_KEY     L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+#define SERVICES_KEY          L"SYSTEM\\CurrentControlSet\\Services\\"
+
 struct machine &machine_get(void)
 {
     static struct machine the_machine;
@@ -19,6 +22,27 @@ HANDLE machine_new_handle(void)
 
     last += 4;
     return reinterpret_cast<HANDLE>(last);
+}
+
+/* What a machine with the agent has before anything happens to it. */
+static void set_usual_registry(void)
+{
+    static const struct {
+        const wchar_t *key, *name, *text;
+    } values[] = {
+        {CRASH_CONTROL_KEY,             L"DumpFile",    L"%SystemRoot%\\MEMORY.DMP"            },
+        {CRASH_CONTROL_KEY,             L"MinidumpDir", L"%SystemRoot%\\Minidump"              },
+        {SERVICES_KEY L"load_driver",   L"ImagePath",   L"system32\\drivers\\load_driver.sys"  },
+        {SERVICES_KEY L"oxnisp_driver", L"ImagePath",   L"system32\\drivers\\oxnisp_driver.sys"},
+    };
+
+    for (const auto &value : values) {
+        std::wstring text = value.text;
+
+        machine_set_value(value.key, value.name, REG_EXPAND_SZ,
+                          std::string(reinterpret_cast<const char *>(text.c_str()),
+                                      (text.size() + 1) * sizeof(wchar_t)));
+    }
 }
 
 void machine_open(const std::wstring &run_folder)
@@ -36,7 +60,10 @@ void machine_open(const std::wstring &run_folder)
         {0, 0, L"[System Process]", 0},
         {4, 0, L"System",           0}
     };
+    machine.services[L"load_driver"] = {SERVICE_RUNNING};
+    machine.services[L"oxnisp_driver"] = {SERVICE_RUNNING};
     machine_open_registry();
+    set_usual_registry();
 }
 
 void machine_boot(uint64_t now_100ns)

@@ -385,14 +385,12 @@ static void plan_blue_screen(const struct scenario &scenario, const json_value *
                      L"00000000-0000-0000-0000-000000000000"});
 }
 
-void evidence_plan_boot(const struct scenario &scenario, const std::string &where,
-                        const json_value *boot, const std::string &ended, const json_value *crash,
-                        uint64_t crashed_100ns)
+void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
+                        const std::string &ended, const json_value *crash, uint64_t crashed_100ns)
 {
     const json_value *log = node_member(boot, "log");
     uint64_t start = machine_get().boot_100ns;
 
-    (void)where;
     if (!node_is_null(boot, "log")) {
         if (!node_is_null(log, "start"))
             plan_record(node_number_of(log, "start", START_SECONDS), KERNEL_GENERAL, EVENT_START,

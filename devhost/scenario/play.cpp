@@ -24,6 +24,18 @@
 /* What is to be done in this boot, by ms since its start. */
 static std::multimap<uint64_t, std::function<void()>> s_plan;
 
+/* The scenario that is played. */
+static struct {
+    const struct scenario *scenario;
+    struct play_options options;
+    std::vector<const json_value *> boots;
+    size_t number;           /* of the present boot, from 1 */
+    uint64_t last_end;       /* FILETIME at which the run before ended; 0: not known */
+    std::string ended;       /* how it ended */
+    const json_value *crash; /* and with which crash; NULL: none */
+    std::vector<std::string> failures;
+} s_play;
+
 void play_at(uint64_t ms, std::function<void()> action)
 {
     s_plan.emplace(ms, std::move(action));
@@ -145,32 +157,17 @@ void play_stop_agent(const std::string &why)
 }
 
 /* Delivers everything up to that tick; an agent that ends itself on the way is told once. */
-static void run_until(uint64_t ms)
+static void deliver_until(uint64_t ms)
 {
     bool was_running = agent_state_get() == AGENT_RUNNING;
 
-    agent_run_until(ms);
+    agent_run_until(ms > play_now_ms() ? ms : play_now_ms());
     for (const std::string &refusal : machine_engine_refusals())
         record_add(HAPPENED_STEP, "windows", "debugger engine refuses " + refusal);
     if (was_running && agent_state_get() == AGENT_EXITED) {
         products_agent_stopped();
         record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
     }
-}
-
-/* Runs the plan up to the end of the boot; actions may add to it. */
-static void run_plan(uint64_t end_ms)
-{
-    while (!s_plan.empty() && s_plan.begin()->first <= end_ms) {
-        uint64_t ms = s_plan.begin()->first;
-        std::function<void()> action = std::move(s_plan.begin()->second);
-
-        s_plan.erase(s_plan.begin());
-        run_until(ms > play_now_ms() ? ms : play_now_ms());
-        action();
-    }
-    run_until(end_ms > play_now_ms() ? end_ms : play_now_ms());
-    s_plan.clear();
 }
 
 /* When this boot begins. last_end: FILETIME at which the run before it ended, 0 for the first. */
@@ -191,6 +188,7 @@ static void start_windows(const json_value &boot, const struct play_options &opt
                           uint64_t start)
 {
     uint64_t uptime = play_ms(node_number_of(&boot, "uptime", 0));
+    std::string about = node_text_of(&boot, "about", "");
 
     machine_boot(start);
     if (options.real_time)
@@ -200,11 +198,21 @@ static void start_windows(const json_value &boot, const struct play_options &opt
     calls_clear_failures();
     expect_start_boot();
     record_add(HAPPENED_BOOT, "windows",
-               "starts at " + time_iso(start) + node_text_of(&boot, "about", ""));
+               "starts at " + time_iso(start) + (about.empty() ? "" : ": " + about));
+}
+
+/* Before anything is played: a mistake should not show hours into a run. */
+static void check_steps(const struct scenario &scenario, const std::string &where,
+                        const json_value &boot)
+{
+    size_t index = 0;
+
+    for (const json_value *step : node_elements(&boot, "steps"))
+        step_check(scenario, where + "/steps/" + std::to_string(index++), *step);
 }
 
 static void plan_boot(const struct scenario &scenario, const std::string &where,
-                      const json_value &boot, std::vector<std::string> &failures)
+                      const json_value &boot)
 {
     uint64_t begin = play_now_ms();
     size_t index = 0;
@@ -215,9 +223,8 @@ static void plan_boot(const struct scenario &scenario, const std::string &where,
     for (const json_value *step : node_elements(&boot, "steps")) {
         std::string place = where + "/steps/" + std::to_string(index++);
 
-        play_at(play_ms(node_number_of(step, "at", 0)), [&scenario, place, step, &failures] {
-            step_run(scenario, place, *step, failures);
-        });
+        play_at(play_ms(node_number_of(step, "at", 0)),
+                [&scenario, place, step] { step_run(scenario, place, *step, s_play.failures); });
     }
 }
 
@@ -234,47 +241,26 @@ static void end_windows(const std::string &ends)
     }
 }
 
-static void play_boots(const struct scenario &scenario, const struct play_options &options,
-                       std::vector<std::string> &failures)
+void play_open(const struct scenario &scenario, const struct play_options &options)
 {
-    const json_value *root = &scenario.document, *before = node_member(root, "before");
-    const json_value *crash = node_member(before, "crash");
-    std::string ended = node_text_of(before, "ends", "clean");
-    uint64_t last_end = 0;
-    int number = 0;
+    const json_value *before = node_member(&scenario.document, "before");
 
-    for (const json_value *boot : node_elements(root, "boots")) {
-        std::string where = "/boots/" + std::to_string(number);
-        const json_value *machine = node_member(boot, "machine");
-        uint64_t start = boot_start(scenario, where, *boot, last_end);
-
-        record_set_boot(++number);
-        start_windows(*boot, options, start);
-        if (number == 1 && node_member(root, "machine") != NULL)
-            evidence_set_machine(scenario, "/machine", *node_member(root, "machine"));
-        if (machine != NULL)
-            evidence_set_machine(scenario, where + "/machine", *machine);
-        evidence_plan_boot(scenario, where, boot, ended, crash, last_end);
-        plan_boot(scenario, where, *boot, failures);
-        run_plan(play_ms(node_number_of(boot, "until", BOOT_SECONDS)));
-        if (node_member(boot, "expect") != NULL)
-            expect_check(scenario, where + "/expect", *node_member(boot, "expect"), failures);
-        ended = node_text_of(boot, "ends", "clean");
-        crash = node_member(boot, "crash");
-        end_windows(ended);
-        last_end = oxnih_clock_now_100ns();
-    }
-}
-
-std::vector<std::string> play_scenario(const struct scenario &scenario,
-                                       const struct play_options &options)
-{
-    std::vector<std::string> failures;
-
+    s_play = {&scenario,
+              options,
+              node_elements(&scenario.document, "boots"),
+              0,
+              0,
+              node_text_of(before, "ends", "clean"),
+              node_member(before, "crash"),
+              {}};
+    for (size_t boot = 0; boot < s_play.boots.size(); boot++)
+        check_steps(scenario, "/boots/" + std::to_string(boot), *s_play.boots[boot]);
     record_clear();
     record_set_folder(options.run_folder, "<run>");
     machine_open(text_wide(options.run_folder));
     agent_open(options.run_folder, options.plugin_path);
+    oxnih_clock_set_zone(NULL);
+    oxnih_core_set_lenient(0);
     oxnih_set_device_id("oxni_devhost");
     oxnih_uuid_fix(1);
     oxnih_log_set_sink(log_sink, NULL);
@@ -282,8 +268,67 @@ std::vector<std::string> play_scenario(const struct scenario &scenario,
     oxnih_core_set_observer(observe, NULL);
     products_open(scenario);
     management_open(scenario);
-    play_boots(scenario, options, failures);
+}
+
+bool play_begin_boot(void)
+{
+    const struct scenario &scenario = *s_play.scenario;
+    const json_value *root = &scenario.document;
+
+    if (s_play.number == s_play.boots.size())
+        return false;
+    const json_value *boot = s_play.boots[s_play.number], *machine = node_member(boot, "machine");
+    std::string where = "/boots/" + std::to_string(s_play.number);
+    uint64_t start = boot_start(scenario, where, *boot, s_play.last_end);
+
+    s_play.number++;
+    record_set_boot(static_cast<int>(s_play.number));
+    start_windows(*boot, s_play.options, start);
+    if (s_play.number == 1 && node_member(root, "machine") != NULL)
+        evidence_set_machine(scenario, "/machine", *node_member(root, "machine"));
+    if (machine != NULL)
+        evidence_set_machine(scenario, where + "/machine", *machine);
+    evidence_plan_boot(scenario, boot, s_play.ended, s_play.crash, s_play.last_end);
+    plan_boot(scenario, where, *boot);
+    return true;
+}
+
+void play_run_until(uint64_t end_ms)
+{
+    while (!s_plan.empty() && s_plan.begin()->first <= end_ms) {
+        uint64_t ms = s_plan.begin()->first;
+        std::function<void()> action = std::move(s_plan.begin()->second);
+
+        s_plan.erase(s_plan.begin());
+        deliver_until(ms);
+        action();
+    }
+    deliver_until(end_ms);
+}
+
+uint64_t play_boot_end_ms(void)
+{
+    return play_ms(node_number_of(s_play.boots[s_play.number - 1], "until", BOOT_SECONDS));
+}
+
+void play_end_boot(void)
+{
+    const json_value *boot = s_play.boots[s_play.number - 1];
+    const json_value *expect = node_member(boot, "expect");
+
+    if (expect != NULL)
+        expect_check(*s_play.scenario, "/boots/" + std::to_string(s_play.number - 1) + "/expect",
+                     *expect, s_play.failures);
+    s_plan.clear();
+    s_play.ended = node_text_of(boot, "ends", "clean");
+    s_play.crash = node_member(boot, "crash");
+    end_windows(s_play.ended);
+    s_play.last_end = oxnih_clock_now_100ns();
+}
+
+std::vector<std::string> play_close(void)
+{
     agent_stop();
     machine_close();
-    return failures;
+    return std::move(s_play.failures);
 }

@@ -17,10 +17,21 @@ struct play_options {
     bool real_time;
 };
 
-/* Plays every boot. Result: what did not hold, one text each, empty when everything did. Throws
- * devhost_error when the run cannot go on. */
-std::vector<std::string> play_scenario(const struct scenario &scenario,
-                                       const struct play_options &options);
+/* Opens machine and agent for a scenario, which must live until play_close. Throws devhost_error, as
+ * do all others that play: the run cannot go on then, and only play_close may follow. */
+void play_open(const struct scenario &scenario, const struct play_options &options);
+
+/* Windows starts for the next boot of the scenario. Result: false when there is none. */
+bool play_begin_boot(void);
+/* Plays on to a moment of the present boot. */
+void play_run_until(uint64_t ms);
+/* Where the scenario ends the present boot. */
+uint64_t play_boot_end_ms(void);
+/* The boot's expectations are checked, and Windows ends as the scenario says. */
+void play_end_boot(void);
+
+/* Result: what did not hold, one text each; empty when everything did. */
+std::vector<std::string> play_close(void);
 
 /* --- For the other rooms of a scenario. ------------------------------------------------------------ */
 
@@ -77,9 +88,8 @@ void evidence_set_value(const struct scenario &scenario, const std::string &wher
                         const json_value &value);
 /* Plans the records and dumps that Windows writes in this boot. ended: how the last run ended; crash:
  * of that run, or NULL. */
-void evidence_plan_boot(const struct scenario &scenario, const std::string &where,
-                        const json_value *boot, const std::string &ended, const json_value *crash,
-                        uint64_t crashed_100ns);
+void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
+                        const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
 /* The count in the bytes of a driver's crash record; 0 for another size. */
 uint32_t evidence_record_count(const std::string &bytes);
 /* The record of a clean shutdown. */
@@ -87,6 +97,8 @@ void evidence_clean_shutdown(void);
 
 /* --- steps.cpp ------------------------------------------------------------------------------------------ */
 
+/* Throws devhost_error unless a step does exactly one thing that can be done. */
+void step_check(const struct scenario &scenario, const std::string &where, const json_value &step);
 /* Does one step of a boot. failures receives what an expectation in it finds. */
 void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
               std::vector<std::string> &failures);

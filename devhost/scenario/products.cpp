@@ -112,11 +112,12 @@ static void answer_now(void *user)
     const planned_answer *answer = static_cast<planned_answer *>(user);
     product &product = product_find(answer->key);
 
+    if (product.status != answer->status || product.count != answer->count)
+        record_add(HAPPENED_STATE, product.key,
+                   text_format("is %s now, count %lld", answer->status.c_str(),
+                               static_cast<long long>(answer->count)));
     product.status = answer->status;
     product.count = answer->count;
-    record_add(HAPPENED_STATE, product.key,
-               text_format("is %s, count %lld", product.status.c_str(),
-                           static_cast<long long>(product.count)));
     if (answer->tells)
         push_text(product, usual_message(product, "modify"));
     s_answers.remove_if([answer](const planned_answer &other) { return &other == answer; });

@@ -47,12 +47,8 @@ static void step_register(const step_context &context)
 
 static void step_send(const step_context &context)
 {
-    const json_value *message = node_member(&context.step, "message");
-
     need_agent(context);
-    if (message == NULL)
-        scenario_bad(context.scenario, context.where, "member \"message\" is missing");
-    product_send(context.value.GetString(), *message);
+    product_send(context.value.GetString(), *node_member(&context.step, "message"));
 }
 
 static void step_unsubscribe(const step_context &context)
@@ -69,11 +65,7 @@ static void step_console(const step_context &context)
 
 static void step_product(const step_context &context)
 {
-    const json_value *set = node_member(&context.step, "set");
-
-    if (set == NULL)
-        scenario_bad(context.scenario, context.where, "member \"set\" is missing");
-    product_change(context.value.GetString(), *set);
+    product_change(context.value.GetString(), *node_member(&context.step, "set"));
 }
 
 static void step_management(const step_context &context)
@@ -121,8 +113,6 @@ static void step_copy_file(const step_context &context)
     std::string to = node_text_of(&context.step, "to", "");
     uint64_t now = oxnih_clock_now_100ns();
 
-    if (to.empty())
-        scenario_bad(context.scenario, context.where, "member \"to\" is missing");
     machine_write_file(path_of(to),
                        machine_read_real_file(machine_real_path(path_of(context.value.GetString())),
                                               EXIT_BAD_CALL),
@@ -169,9 +159,7 @@ static void step_fail(const step_context &context)
     uint64_t times = static_cast<uint64_t>(node_integer_of(&context.step, "times", 1));
     uint32_t error = static_cast<uint32_t>(node_integer_of(&context.step, "error", 0));
 
-    if (!calls_fail(call, nth, times, error))
-        scenario_bad(context.scenario, context.where + "/fail",
-                     "\"" + call + "\" is no call of the plug-in that can fail");
+    calls_fail(call, nth, times, error);
     say(text_format("from here on call %llu of %s fails with %u",
                     static_cast<unsigned long long>(nth), call.c_str(), error));
 }
@@ -214,23 +202,46 @@ static const struct {
     {"expect",          step_expect         },
 };
 
+/* Members that belong to a step of another name, and the step. */
+static const struct {
+    const char *step, *member;
+} s_needed[] = {
+    {"send",      "message"},
+    {"product",   "set"    },
+    {"copy_file", "to"     },
+};
+
+void step_check(const struct scenario &scenario, const std::string &where, const json_value &step)
+{
+    std::string does;
+
+    for (const auto &row : s_steps) {
+        if (node_member(&step, row.member) == NULL)
+            continue;
+        if (!does.empty())
+            scenario_bad(scenario, where,
+                         "does both \"" + does + "\" and \"" + row.member +
+                             "\", expected one thing a step");
+        does = row.member;
+    }
+    if (does.empty())
+        scenario_bad(scenario, where, "does nothing, expected a member such as \"register\"");
+    for (const auto &row : s_needed)
+        if (does == row.step && node_member(&step, row.member) == NULL)
+            scenario_bad(scenario, where, std::string("member \"") + row.member + "\" is missing");
+    if (does == "fail" && !calls_can_fail(node_text_of(&step, "fail", "")))
+        scenario_bad(scenario, where + "/fail",
+                     "\"" + node_text_of(&step, "fail", "") +
+                         "\" is no call of the plug-in that can fail");
+}
+
 void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
               std::vector<std::string> &failures)
 {
-    bool done = false;
-
     for (const auto &row : s_steps) {
         const json_value *value = node_member(&step, row.member);
 
-        if (value == NULL)
-            continue;
-        if (done)
-            scenario_bad(scenario, where,
-                         std::string("does more than one thing: \"") + row.member +
-                             "\" belongs into a step of its own");
-        row.run({scenario, where, step, *value, failures});
-        done = true;
+        if (value != NULL)
+            row.run({scenario, where, step, *value, failures});
     }
-    if (!done)
-        scenario_bad(scenario, where, "does nothing");
 }

@@ -66,9 +66,22 @@ static void show_json(const happening &what)
            what.json.empty() ? "" : ", \"message\": ", what.json.c_str());
 }
 
+/* "[warn] file.cpp:12 message" of a line of the plug-in: when, process and thread are the same on
+ * every line, or stand in front of it already. */
+static std::string short_log_line(const std::string &line)
+{
+    size_t level = line.find(" ["), level_end = line.find(']', level);
+    size_t tag = line.find("[vkl] [", level_end), place_end = line.find(']', tag + 6);
+
+    if (level == std::string::npos || tag == std::string::npos || place_end == std::string::npos)
+        return line;
+    return line.substr(level + 1, level_end - level) + " " +
+           line.substr(tag + 7, place_end - tag - 7) + line.substr(place_end + 1);
+}
+
 static void show_text(const happening &what)
 {
-    std::string text = what.text;
+    std::string text = what.kind == HAPPENED_LOG ? short_log_line(what.text) : what.text;
 
     if (what.kind == HAPPENED_BOOT)
         printf("\n");

@@ -1,0 +1,307 @@
+/* Sessions: a scenario played by itself, or by a person at the console. */
+#include "session.h"
+
+#include <stdio.h>
+#include <windows.h>
+
+#include "../platform/liboxni_core/host.h"
+#include "../platform/liboxnibase/host.h"
+#include "agent.h"
+#include "machine/calls.h"
+#include "scenario/play.h"
+#include "scenario/record.h"
+#include "text.h"
+#include "view/view.h"
+
+#define CONSOLE_NAMESPACE "oxni"
+
+/* A new, empty folder below the temporary one, or the one that was asked for. */
+static std::string make_run_folder(const std::string &keep)
+{
+    wchar_t temp[1024], full[1024];
+    std::string folder = keep;
+
+    if (folder.empty()) {
+        GetTempPathW(ARRAYSIZE(temp), temp);
+        folder = text_narrow(temp) +
+                 text_format("oxni_devhost-%lu-%lu", GetCurrentProcessId(), GetTickCount());
+    }
+    GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
+    if (!CreateDirectoryW(full, NULL))
+        throw devhost_error(EXIT_BAD_CALL,
+                            text_format("%s: %s, error %lu", folder.c_str(),
+                                        GetLastError() == ERROR_ALREADY_EXISTS
+                                            ? "is there already, expected a folder to be made"
+                                            : "cannot be made",
+                                        GetLastError()));
+    return text_narrow(full);
+}
+
+static void remove_folder(const std::wstring &folder)
+{
+    WIN32_FIND_DATAW entry;
+    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
+
+    if (find == INVALID_HANDLE_VALUE)
+        return;
+    do {
+        std::wstring name = entry.cFileName, path = folder + L"\\" + name;
+
+        if (name == L"." || name == L"..")
+            continue;
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+            remove_folder(path);
+        else
+            DeleteFileW(path.c_str());
+    } while (FindNextFileW(find, &entry));
+    FindClose(find);
+    RemoveDirectoryW(folder.c_str());
+}
+
+/* A run's folder for as long as the scenario is played. */
+struct run_folder {
+    std::string path;
+    bool kept;
+
+    explicit run_folder(const std::string &keep) : path(make_run_folder(keep)), kept(!keep.empty())
+    {
+    }
+    ~run_folder()
+    {
+        if (!kept)
+            remove_folder(text_wide(path));
+    }
+    run_folder(const run_folder &) = delete;
+    run_folder &operator=(const run_folder &) = delete;
+};
+
+static void trace_sink(const std::string &text, void *user)
+{
+    (void)user;
+    record_add(HAPPENED_CALL, "plug-in", text);
+}
+
+/* Whether a scenario looks at calls, so that they have to be recorded. */
+static bool wants_trace(const json_value &value)
+{
+    if (value.IsObject())
+        for (const auto &member : value.GetObject())
+            if (member.name == "calls" || member.name == "no_calls" || wants_trace(member.value))
+                return true;
+    if (value.IsArray())
+        for (const json_value &element : value.GetArray())
+            if (wants_trace(element))
+                return true;
+    return false;
+}
+
+/* "[BOOT/]SECONDS:LINE" of an option. */
+struct planned_command {
+    unsigned long boot;
+    double seconds;
+    std::string line;
+};
+
+static planned_command parse_command(const std::string &text)
+{
+    planned_command command = {1, 0, ""};
+    size_t colon = text.find(':'), slash = text.find('/');
+    std::string seconds = text.substr(0, colon);
+    char *end;
+
+    if (colon != std::string::npos && slash < colon) {
+        command.boot = strtoul(text.c_str(), NULL, 10);
+        seconds = text.substr(slash + 1, colon - slash - 1);
+    }
+    command.seconds = strtod(seconds.c_str(), &end);
+    if (colon == std::string::npos || seconds.empty() || *end != '\0' || command.seconds < 0)
+        throw devhost_error(EXIT_BAD_CALL, "--console " + text +
+                                               ": expected [BOOT/]SECONDS:COMMAND, for example "
+                                               "300:bypass -p");
+    command.line = text.substr(colon + 1);
+    return command;
+}
+
+static void plan_commands(const struct session_options &options, unsigned long boot)
+{
+    for (const std::string &text : options.commands) {
+        planned_command command = parse_command(text);
+
+        if (command.boot == boot)
+            play_at(play_ms(command.seconds), [command] {
+                if (agent_state_get() == AGENT_RUNNING)
+                    oxnih_dbg_run(CONSOLE_NAMESPACE, command.line.c_str());
+            });
+    }
+}
+
+static void open_scenario(struct scenario &scenario, const std::string &file,
+                          const struct session_options &options, const run_folder &folder)
+{
+    struct play_options play = {folder.path, options.plugin_path, options.real_time};
+
+    for (const std::string &text : options.commands)
+        (void)parse_command(text); /* told before anything is played */
+    oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : NULL, NULL);
+    view_start(file, node_text_of(&scenario.document, "name", ""));
+    play_open(scenario, play);
+}
+
+static std::vector<std::string> summary(void)
+{
+    std::vector<std::string> lines;
+
+    for (const std::string &key : product_keys())
+        lines.push_back(text_format("%-11s ", key.c_str()) + product_summary(key));
+    return lines;
+}
+
+static void play_all(const struct session_options &options)
+{
+    for (unsigned long boot = 1; play_begin_boot(); boot++) {
+        plan_commands(options, boot);
+        play_run_until(play_boot_end_ms());
+        play_end_boot();
+    }
+}
+
+int session_run(const std::string &file, const struct session_options &options)
+{
+    struct scenario scenario;
+    std::vector<std::string> failures;
+
+    scenario_load(scenario, file, options.defines);
+    run_folder folder(options.keep);
+    try {
+        open_scenario(scenario, file, options, folder);
+        play_all(options);
+    } catch (...) {
+        (void)play_close();
+        throw;
+    }
+    failures = play_close();
+    view_end(file, summary(), failures);
+    return failures.empty() ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+static void console_help(void)
+{
+    printf("  +90s +5m +2h +1d  lets that much time pass\n"
+           "  bypass -p         and any other command: runs it on the agent's debug console\n"
+           "  status            shows the products\n"
+           "  restart           the agent restarts\n"
+           "  next              this boot ends as the scenario says, and the next one begins\n"
+           "  help, quit\n");
+}
+
+/* "+90s" in milliseconds. Result: whether it is a span. */
+static bool parse_span(const std::string &word, uint64_t *ms)
+{
+    static const struct {
+        const char *unit;
+        double seconds;
+    } units[] = {
+        {"",  1    },
+        {"s", 1    },
+        {"m", 60   },
+        {"h", 3600 },
+        {"d", 86400}
+    };
+    char *end;
+    double number = strtod(word.c_str() + 1, &end);
+
+    for (const auto &row : units)
+        if (number >= 0 && end != word.c_str() + 1 && std::string(end) == row.unit) {
+            *ms = play_ms(number * row.seconds);
+            return true;
+        }
+    return false;
+}
+
+/* Result: false when there is no next boot. */
+static bool next_boot(void)
+{
+    play_end_boot();
+    if (play_begin_boot())
+        return true;
+    printf("The scenario has no further boot.\n");
+    return false;
+}
+
+static void run_on_agent(const std::string &line)
+{
+    if (agent_state_get() != AGENT_RUNNING) {
+        printf("The agent is not running; let time pass with +10s.\n");
+        return;
+    }
+    oxnih_dbg_run(CONSOLE_NAMESPACE, line.c_str());
+    play_run_until(play_now_ms());
+}
+
+/* One line of the person. Result: whether to go on. */
+static bool console_line(const std::string &line)
+{
+    uint64_t ms;
+
+    if (line.empty())
+        return true;
+    if (line == "quit")
+        return false;
+    if (line == "next")
+        return next_boot();
+    if (line == "help") {
+        console_help();
+    } else if (line == "status") {
+        for (const std::string &text : summary())
+            printf("  %s\n", text.c_str());
+    } else if (line == "restart") {
+        play_stop_agent("stops to start again");
+        play_start_agent();
+        play_run_until(play_now_ms());
+    } else if (line[0] == '+') {
+        if (parse_span(line, &ms))
+            play_run_until(play_now_ms() + ms);
+        else
+            printf("%s: expected a time such as +90s, +5m, +2h or +1d\n", line.c_str());
+    } else {
+        run_on_agent(line);
+    }
+    return true;
+}
+
+static void prompt(void)
+{
+    printf("%s> ", time_span(play_now_ms()).c_str());
+    fflush(stdout);
+}
+
+int session_console(const std::string &file, const struct session_options &options)
+{
+    struct scenario scenario;
+    char buffer[4096];
+    bool going;
+
+    scenario_load(scenario, file, options.defines);
+    run_folder folder(options.keep);
+    try {
+        open_scenario(scenario, file, options, folder);
+        console_help();
+        for (going = play_begin_boot(), prompt();
+             going && fgets(buffer, sizeof(buffer), stdin) != NULL; prompt()) {
+            std::string line = buffer;
+
+            while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+                line.pop_back();
+            going = console_line(line);
+            if (!going)
+                break;
+        }
+    } catch (...) {
+        (void)play_close();
+        throw;
+    }
+    (void)play_close(); /* a person looks for himself; expectations do not count */
+    printf("\n");
+    return EXIT_ALL_HOLD;
+}

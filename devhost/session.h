@@ -1,0 +1,28 @@
+/*
+ * One scenario from opening to closing: the folder of the run, the playing, and what is left to say
+ * at the end. Host's one thread.
+ */
+#ifndef DEVHOST_SESSION_H
+#define DEVHOST_SESSION_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+struct session_options {
+    std::map<std::string, std::string> defines; /* what {NAME} in paths stands for */
+    std::string plugin_path;
+    std::string keep;                  /* folder of the run that is kept; empty: a temporary one */
+    std::vector<std::string> commands; /* console commands, "[BOOT/]SECONDS:LINE" */
+    bool real_time;
+    bool trace;
+    bool guard_memory;
+};
+
+/* Plays a file from its first boot to its last. Result: enum devhost_exit. Throws devhost_error. */
+int session_run(const std::string &file, const struct session_options &options);
+
+/* Lets a person play a file: reads commands from the standard input until "quit" or its end. */
+int session_console(const std::string &file, const struct session_options &options);
+
+#endif
