@@ -33,6 +33,7 @@ static std::string machine_id()
     wchar_t text[64];
     DWORD bytes = sizeof(text), chars = 64;
 
+    /* Stays the same until Windows is set up anew, unlike network addresses. */
     if (RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid",
                      RRF_RT_REG_SZ, NULL, text, &bytes) == ERROR_SUCCESS)
         return to_utf8(text);

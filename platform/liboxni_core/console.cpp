@@ -27,11 +27,12 @@ struct console_handler {
     void *user;
 };
 
+/* Commands and calls are the agent's and end with it; handlers are the host's and stay. */
 struct console_table {
     std::map<std::pair<std::string, std::string>, command> commands; /* by namespace and word */
     std::map<std::string, console_handler> handlers;
     std::map<uint64_t, call> calls;
-    const oxni_dbg_context *running = NULL;
+    const oxni_dbg_context *running = NULL; /* a context is good for one call only */
 };
 
 static console_table &s_console = *new console_table;
@@ -96,6 +97,7 @@ static void run_line(const std::string &ns, const std::string &line)
         tell(OXNIH_EVENT_REFUSED, ns, OXNIH_ERROR_NOBODY, why.c_str());
         return;
     }
+    /* A command may write into its words, as main may. */
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(NULL);
@@ -169,6 +171,7 @@ void oxnih_dbg_answer(oxnih_request *handle, int32_t error, const char *echo, ui
                                 given = echo != NULL] {
         run_answer(asked, error, given ? text.c_str() : NULL);
     });
+    /* From here on the handle is unknown, so that a second answer is found out. */
     s_console.calls.erase(at);
 }
 

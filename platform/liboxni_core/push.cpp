@@ -32,6 +32,7 @@ static void run_reply(uint64_t id, bool to_subscriber, int32_t error)
     auto at = s_pending.find(id);
     push done = at->second;
 
+    /* First, so that the callback finds it answered. */
     s_pending.erase(at);
     /* It left between delivery and reply. */
     if (to_subscriber && error == 0 && done.subscriber->state == SUBSCRIBER_GONE)
@@ -71,6 +72,7 @@ static void run_pushback(uint64_t id)
         queue_reply(id, true, to->unreachable, 0);
         return;
     }
+    /* The reply is queued behind what the subscriber sends in its callback. */
     tell(OXNIH_EVENT_TO_SUBSCRIBER, now, 0);
     to->fn(to, 1, NULL, now.message.get());
     queue_reply(id, true, 0, to->reply_delay_ms);

@@ -24,6 +24,7 @@ struct resource_handler {
     void *user;
 };
 
+/* Watches and requests are the agent's and end with it; states and handlers are the host's. */
 struct resource_table {
     std::map<std::string, int32_t> states;
     std::multimap<std::string, oxni_res_state_fn> watches;
@@ -45,6 +46,7 @@ static void tell(enum oxnih_event_kind kind, const std::string &path, int32_t er
     dispatcher_tell(event);
 }
 
+/* The state goes along: it may have changed again by the time it is told. */
 static void queue_state(const std::string &path, int32_t state, oxni_res_state_fn fn)
 {
     dispatcher_queue(0, [path, state, fn] {
@@ -98,6 +100,7 @@ static void run_request(uint64_t id)
         dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_NOBODY, NULL); });
         return;
     }
+    /* A copy, because the handler may answer at once. */
     request asked = s_table.requests.at(id);
     tell(OXNIH_EVENT_REQUEST, asked.path, 0, asked.message.get());
     at->second.fn(reinterpret_cast<oxnih_request *>(static_cast<uintptr_t>(id)),

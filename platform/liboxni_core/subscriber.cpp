@@ -9,6 +9,7 @@
 
 struct subscriber_table {
     std::map<std::string, std::shared_ptr<service>> services;
+    /* Every handle is looked up here before it is touched: plug-ins may hold on to dead ones. */
     std::set<const oxni_subscriber *> handles;
     uint64_t excess_deletes = 0;
     bool lenient = false;
@@ -86,6 +87,7 @@ void oxni_subscriber_delete(oxni_subscriber *subscriber)
         s_table.excess_deletes++;
         return;
     }
+    /* Freeing it now would leave the platform with a handle that is gone. */
     if (subscriber->user_references == 0) {
         s_table.excess_deletes++;
         oxnih_complain("oxni_subscriber_delete: no reference of subscriber %s/%s is left to give "
@@ -204,6 +206,7 @@ static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, 
         let_go(subscriber);
         return;
     }
+    /* Before the service is told: it may push in its callback, and the host may end the subscriber. */
     subscriber->home = home;
     subscriber->state = SUBSCRIBER_SUBSCRIBED;
     service_receive(*home, subscriber, message);
@@ -244,6 +247,7 @@ void oxnih_subscriber_leave(oxni_subscriber *subscriber)
     if (before == SUBSCRIBER_LEFT || before == SUBSCRIBER_GONE)
         return;
     subscriber->state = before == SUBSCRIBER_SUBSCRIBED ? SUBSCRIBER_LEFT : SUBSCRIBER_GONE;
+    /* A service hears only of the end of what it has accepted. */
     if (before == SUBSCRIBER_SUBSCRIBED)
         dispatcher_queue(0, [ref = subscriber_ref(subscriber)] { run_leave(ref.get()); });
     if (before != SUBSCRIBER_NEW)

@@ -77,7 +77,9 @@ OXNI_API int oxnih_exit_taken(void);
 
 enum oxnih_memory_mode {
     OXNIH_MEMORY_PLAIN = 0,
-    OXNIH_MEMORY_GUARD = 1, /* each block ends at an inaccessible page; freed ones stay so */
+    /* Each block ends at an inaccessible page; freed ones stay so. Good for some ten thousand live
+     * blocks: each one takes pages of its own. */
+    OXNIH_MEMORY_GUARD = 1,
 };
 
 typedef struct oxnih_memory_stats {

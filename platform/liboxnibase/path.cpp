@@ -78,6 +78,7 @@ bool path_resolve(const char *path, std::string *resolved)
         text.replace(0, 1, s_install_dir.empty() ? directory_of(process_path()) : s_install_dir);
     if (!str_to_wide(text.c_str(), &wide))
         return false;
+    /* Windows' own idea of "..", so that the result is the file that it would open. */
     chars = GetFullPathNameW(wide.c_str(), 0, NULL, NULL);
     if (chars == 0)
         return false;

@@ -90,6 +90,7 @@ size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
     if (text == NULL)
         return 0;
     for (; length < limit; length++) {
+        /* Text inside a record of bytes may begin at an odd address. */
         memcpy(&unit, reinterpret_cast<const char *>(text) + length * sizeof(unit), sizeof(unit));
         if (unit == L'\0')
             break;
