@@ -58,6 +58,8 @@ void products_agent_stopped(void);
 /* Throw devhost_error for a name that is no product. */
 void product_register(const std::string &key);
 void product_send(const std::string &key, const json_value &message);
+/* Its present status and count, by "modify". */
+void product_tell(const std::string &key);
 void product_unsubscribe(const std::string &key);
 /* Changes what a "product" of the scenario says; only the members that are given. */
 void product_change(const std::string &key, const json_value &changes);

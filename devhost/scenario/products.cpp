@@ -257,6 +257,13 @@ void product_send(const std::string &key, const json_value &message)
     push_text(product_find(key), node_to_text(message));
 }
 
+void product_tell(const std::string &key)
+{
+    product &product = product_find(key);
+
+    push_text(product, usual_message(product, "modify"));
+}
+
 void product_unsubscribe(const std::string &key)
 {
     product &product = product_find(key);

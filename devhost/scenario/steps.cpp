@@ -51,6 +51,12 @@ static void step_send(const step_context &context)
     product_send(context.value.GetString(), *node_member(&context.step, "message"));
 }
 
+static void step_tell(const step_context &context)
+{
+    need_agent(context);
+    product_tell(context.value.GetString());
+}
+
 static void step_unsubscribe(const step_context &context)
 {
     need_agent(context);
@@ -183,6 +189,7 @@ static const struct {
     {"agent",           step_agent          },
     {"register",        step_register       },
     {"send",            step_send           },
+    {"tell",            step_tell           },
     {"unsubscribe",     step_unsubscribe    },
     {"console",         step_console        },
     {"product",         step_product        },
