@@ -205,6 +205,9 @@ void evidence_add_event(const struct scenario &scenario, const std::string &wher
     record.source = wide_of(&event, "source");
     for (const json_value *text : node_elements(&event, "strings"))
         record.strings.push_back(text_wide(text->IsString() ? text->GetString() : ""));
+    if (node_member(&event, "padding") != NULL)
+        record.strings.push_back(
+            std::wstring(static_cast<size_t>(node_integer_of(&event, "padding", 0)), L'x'));
     machine_log(std::move(record));
 }
 
