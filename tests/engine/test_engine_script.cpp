@@ -68,6 +68,23 @@ TEST_F(engine_test, test_faults)
     }
 }
 
+/* Callbacks can be taken back whatever fails. */
+TEST_F(engine_test, test_fault_spares_clean_up)
+{
+    const struct engine_script_fault fault = {"SetOutputCallbacks", E_FAIL};
+    struct engine_script script = empty_script();
+    collector output;
+
+    script.faults = &fault;
+    script.fault_count = 1;
+    create();
+    ASSERT_EQ(m_client->SetOutputCallbacks(&output), S_OK);
+    ASSERT_EQ(m_set(&script), S_OK);
+    EXPECT_EQ(m_client->SetOutputCallbacks(&output), E_FAIL);
+    EXPECT_EQ(m_client->SetOutputCallbacks(NULL), S_OK);
+    EXPECT_EQ(output.references, 1u);
+}
+
 TEST_F(engine_test, test_scripted_stack)
 {
     static const char text[] = "before!it\nStack unwind\nnt!A+0x1\n\nlast line";
@@ -96,6 +113,27 @@ TEST_F(engine_test, test_scripted_stack)
     write(dump_build(crashed_model()));
     EXPECT_EQ(play(m_path.c_str(), STACK_FLAGS, 99, &nothing), S_OK);
     EXPECT_EQ(m_filled, 3u);
+}
+
+/* Nothing of the dump before it shows in a scripted one. */
+TEST_F(engine_test, test_scripted_stack_after_dump)
+{
+    const struct engine_script_stack stack = {DUMP, "x"};
+    struct engine_script script = empty_script();
+    DEBUG_STACK_FRAME frame;
+    collector output;
+
+    script.stacks = &stack;
+    script.stack_count = 1;
+    write(dump_build(crashed_model()));
+    create();
+    ASSERT_EQ(m_set(&script), S_OK);
+    ASSERT_EQ(play(m_path.c_str(), STACK_FLAGS, 99, &output), S_OK);
+    ASSERT_EQ(m_client->OpenDumpFileWide(DUMP, 0), S_OK);
+    ASSERT_EQ(m_control->WaitForEvent(0, 0), S_OK);
+    ASSERT_EQ(m_control->GetStackTrace(0, 0, 0, &frame, 1, &m_filled), S_OK);
+    EXPECT_EQ(m_filled, 1u);
+    EXPECT_EQ(frame.InstructionOffset, 0u);
 }
 
 /* The tables of a script may go as soon as it is set. */
