@@ -71,6 +71,7 @@ TEST(test_get_dmp_info, calls_and_failures)
          "QueryInterface debug control failed with hr = 0x80004002. "},
         {"set callbacks", E_FAIL, 3, "SetOutputCallbacks failed with hr = 0x80004005. "},
         {"query client4", E_NOINTERFACE, 4, "OpenDumpFileWide failed with hr = 0x80004002. "},
+        {"query client4", S_FALSE, 4, "OpenDumpFileWide failed with hr = 0x00000001. "},
         {"open", (HRESULT)0x80070002, 6, "OpenDumpFileWide failed with hr = 0x80070002. "},
         {"open", S_FALSE, 6, "OpenDumpFileWide failed with hr = 0x00000001. "},
         {"wait", S_FALSE, 7, "WaitForEvent failed with hr = 0x00000001. "},

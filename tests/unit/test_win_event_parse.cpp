@@ -29,7 +29,7 @@ static const expected_event_map s_crash_map = {
 
 static void set_length(block *record, uint32_t length)
 {
-    memcpy(record->data() + offsetof(EVENTLOGRECORD, Length), &length, sizeof(length));
+    memcpy(&record->at(offsetof(EVENTLOGRECORD, Length)), &length, sizeof(length));
 }
 
 /* A record whose length field says something else than its bytes. */
@@ -160,36 +160,66 @@ TEST(test_find_expected_event, null_buffer)
     EXPECT_EQ(event_id, 5u);
 }
 
-/* Every byte of a block set to wrong values, and every cut, right before an inaccessible page: no
- * read leaves the block. */
+/* Memory whose end is the end of an accessible page. */
+class guarded_bytes
+{
+  public:
+    guarded_bytes()
+        : pages_(static_cast<uint8_t *>(
+              VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)))
+    {
+        DWORD protection;
+        VirtualProtect(pages_ + PAGE, PAGE, PAGE_NOACCESS, &protection);
+    }
+    ~guarded_bytes()
+    {
+        VirtualFree(pages_, 0, MEM_RELEASE);
+    }
+    guarded_bytes(const guarded_bytes &) = delete;
+    guarded_bytes &operator=(const guarded_bytes &) = delete;
+
+    /* The first size bytes of a block, moved to the end. */
+    uint8_t *put(const block &bytes, size_t size) const
+    {
+        memcpy(pages_ + PAGE - size, bytes.data(), size);
+        return pages_ + PAGE - size;
+    }
+
+  private:
+    static const size_t PAGE = 4096;
+    uint8_t *pages_;
+};
+
+static uint32_t search(const uint8_t *bytes, size_t size)
+{
+    uint32_t event_id;
+    const wchar_t *provider;
+    const uint8_t *record;
+
+    return find_expected_event(bytes, (uint32_t)size, &event_id, &provider, &record, s_crash_map);
+}
+
+/* Every cut of a block, and in it every byte set to something else: no read leaves the block. */
 TEST(test_find_expected_event, nothing_behind_the_block_is_read)
 {
     const block good = join({event_record(7036, L"Other", MOMENT), event_record(41, L"K", MOMENT),
                              endless_name(1001, 3)});
-    uint8_t *pages = static_cast<uint8_t *>(
-        VirtualAlloc(NULL, 2 * 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    DWORD protection;
-    unsigned searched = 0;
+    const guarded_bytes memory;
+    size_t matched = 0;
 
-    ASSERT_NE(pages, nullptr);
-    ASSERT_TRUE(VirtualProtect(pages + 4096, 4096, PAGE_NOACCESS, &protection));
     oxnih_log_set_level(OXNI_LOG_ERROR);
-    for (size_t size = 0; size <= good.size(); size++) {
-        for (size_t changed = 0; changed < size; changed += 1) {
-            uint8_t *bytes = pages + 4096 - size;
-            uint32_t event_id;
-            const wchar_t *provider;
-            const uint8_t *record;
-            memcpy(bytes, good.data(), size);
-            bytes[changed] ^= (uint8_t)(changed % 3 == 0 ? 0xFF : 1 << changed % 8);
-            const uint32_t result = find_expected_event(bytes, (uint32_t)size, &event_id, &provider,
-                                                        &record, s_crash_map);
-            EXPECT_TRUE(result == 0 || result == NO_MATCH);
-            searched++;
+    for (size_t size = 0; size <= good.size(); size++)
+        for (size_t changed = 0; changed < size; changed++) {
+            uint8_t *bytes = memory.put(good, size);
+            bytes[changed] = (uint8_t)(bytes[changed] ^ 1 << changed % 8);
+            matched += search(bytes, size) == 0;
         }
+    EXPECT_EQ(matched, 0u);
+    /* Lengths that end the name early, or wrap, where nothing ends it. */
+    for (uint32_t length = 1; length <= 64; length++) {
+        const block record = record_of_length(endless_name(1001, 4), length);
+        EXPECT_EQ(search(memory.put(record, record.size()), record.size()), (uint32_t)NO_MATCH);
     }
-    EXPECT_GT(searched, 20000u);
-    VirtualFree(pages, 0, MEM_RELEASE);
 }
 
 /* The text of a key, at an address of its own. */

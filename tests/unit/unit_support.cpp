@@ -16,9 +16,14 @@ static void require(bool condition, const char *what)
     abort();
 }
 
-log_capture::log_capture()
+static int every_level(void)
 {
-    oxnih_log_set_level(OXNI_LOG_DEBUG);
+    SetLastError(0xBAD);
+    return OXNI_LOG_DEBUG;
+}
+
+log_capture::log_capture() : level_patch_("oxni_log_level_get", every_level)
+{
     oxnih_log_set_sink(receive, this);
 }
 

@@ -8,7 +8,11 @@
 #include <stdint.h>
 #include <windows.h>
 
-/* Collects log lines of every level while it lives, as "level message". */
+#include "import_patch.h"
+
+/* Collects log lines of every level while it lives, as "level message". A log statement changes the
+ * thread's last error meanwhile, as opening the log does: what is logged must have been taken
+ * before. */
 class log_capture
 {
   public:
@@ -24,6 +28,7 @@ class log_capture
     static void receive(int level, const char *line, void *user);
 
     std::vector<std::string> lines_;
+    import_patch level_patch_;
 };
 
 /* HKEY_LOCAL_MACHINE is an empty key of this test while it lives. */

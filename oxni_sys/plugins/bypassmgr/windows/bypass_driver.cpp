@@ -70,7 +70,8 @@ static int is_open_service_stopped(SC_HANDLE service, const wchar_t *name, int32
 
     for (;;) {
         if (!QueryServiceStatus(service, &status)) {
-            LOG_WARN("query service %S status failed %x.", name, (unsigned)GetLastError());
+            const DWORD error = GetLastError();
+            LOG_WARN("query service %S status failed %x.", name, (unsigned)error);
             return 1;
         }
         if (!is_pending(status.dwCurrentState) || wait_count < 2)
@@ -139,10 +140,12 @@ int is_service_stopped(int32_t wait_count, const wchar_t *service)
 {
     SC_HANDLE manager = OpenSCManagerW(NULL, NULL, SC_MANAGER_ALL_ACCESS);
     SC_HANDLE handle;
+    DWORD error;
     int stopped = 0;
 
     if (manager == NULL) {
-        LOG_WARN("open manager failed %x.", (unsigned)GetLastError());
+        error = GetLastError();
+        LOG_WARN("open manager failed %x.", (unsigned)error);
         return 0;
     }
     handle = OpenServiceW(manager, service, SERVICE_QUERY_STATUS);
@@ -150,7 +153,7 @@ int is_service_stopped(int32_t wait_count, const wchar_t *service)
         stopped = is_open_service_stopped(handle, service, wait_count);
         CloseServiceHandle(handle);
     } else {
-        const DWORD error = GetLastError();
+        error = GetLastError();
         if (error == ERROR_SERVICE_DOES_NOT_EXIST)
             stopped = 1;
         else

@@ -291,20 +291,24 @@ bool is_file_updated_since_boot(const wchar_t *path)
     BY_HANDLE_FILE_INFORMATION information;
     bool updated = false;
     int64_t boot;
+    DWORD error;
     HANDLE file;
 
     if (path == NULL)
         return false;
     file = open_shared(path);
     if (file == INVALID_HANDLE_VALUE) {
-        LOG_ERROR("open file %S failed %x.", path, (unsigned)GetLastError());
+        error = GetLastError();
+        LOG_ERROR("open file %S failed %x.", path, (unsigned)error);
         return false;
     }
     boot = get_systempro_time();
-    if (GetFileInformationByHandle(file, &information))
+    if (GetFileInformationByHandle(file, &information)) {
         updated = boot <= (int64_t)filetime_value(information.ftLastWriteTime);
-    else
-        LOG_ERROR("get file %S information failed %x.", path, (unsigned)GetLastError());
+    } else {
+        error = GetLastError();
+        LOG_ERROR("get file %S information failed %x.", path, (unsigned)error);
+    }
     CloseHandle(file);
     return updated;
 }

@@ -193,7 +193,8 @@ static void set_token_privilege(HANDLE token, const LUID &luid, int32_t enable)
     privileges.Privileges[0].Luid = luid;
     privileges.Privileges[0].Attributes = enable == 1 ? SE_PRIVILEGE_ENABLED : 0;
     if (!AdjustTokenPrivileges(token, FALSE, &privileges, 0, NULL, NULL)) {
-        LOG_WARN("AdjustTokenPrivileges failed: %d ", (int)GetLastError());
+        error = GetLastError();
+        LOG_WARN("AdjustTokenPrivileges failed: %d ", (int)error);
         return;
     }
     /* Windows calls it a success when the token lacks the privilege, and only this tells. */
@@ -230,16 +231,20 @@ uint32_t win_event_parse::get_crash_info(event_info *info, const expected_event_
 void adjust_process_privilege(const char *name, int32_t enable)
 {
     HANDLE token = NULL;
+    DWORD error;
     LUID luid;
 
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
-        LOG_WARN("OpenProcessToken failed: %d ", (int)GetLastError());
+        error = GetLastError();
+        LOG_WARN("OpenProcessToken failed: %d ", (int)error);
         return;
     }
-    if (!LookupPrivilegeValueA(NULL, name, &luid))
-        LOG_WARN("LookupPrivilegeValue failed: %d ", (int)GetLastError());
-    else
+    if (LookupPrivilegeValueA(NULL, name, &luid)) {
         set_token_privilege(token, luid, enable);
+    } else {
+        error = GetLastError();
+        LOG_WARN("LookupPrivilegeValue failed: %d ", (int)error);
+    }
     CloseHandle(token);
 }
 
