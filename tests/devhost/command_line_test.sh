@@ -1,0 +1,119 @@
+#!/usr/bin/env bash
+# Bad calls, bad scenarios and bad evidence get one clear line and their exit status.
+# usage: command_line_test.sh WINE_RUN PROGRAM SCENARIO_FOLDER
+set -u
+wine=$1 program=$2 scenarios=$3
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+failures=0
+
+# check ROW STATUS PATTERN ARGUMENT...: PATTERN is part of what is said on stderr, in one line.
+check() {
+    local row=$1 status=$2 pattern=$3 got
+    shift 3
+    "$wine" "$program" "$@" >out.txt 2>err.txt
+    got=$?
+    if [ $got != "$status" ]; then
+        echo "FAILED: $row: exit status $got, expected $status: $(cat err.txt)"
+        failures=$((failures + 1))
+    fi
+    if [ -n "$pattern" ] && ! grep -qE -- "$pattern" err.txt; then
+        echo "FAILED: $row: stderr says \"$(cat err.txt)\", expected \"$pattern\""
+        failures=$((failures + 1))
+    fi
+    if [ "$status" != 0 ] && [ "$status" != 1 ] && [ "$(grep -c . err.txt)" -gt 3 ]; then
+        echo "FAILED: $row: more than a line: $(cat err.txt)"
+        failures=$((failures + 1))
+    fi
+}
+
+# bad ROW PATTERN TEXT: a scenario with that text is refused with status 2.
+bad() {
+    printf '%s' "$3" >bad.json
+    check "$1" 2 "bad.json: $2" run bad.json
+}
+
+check "no command" 2 "subcommand is required" 
+check "unknown command" 2 "" fly
+check "unknown option" 2 "--fast" run --fast x.json
+check "no file" 2 "FILE is required" run
+check "missing file" 2 "nowhere.json: cannot be opened, error 2" run nowhere.json
+check "bad level" 2 "--log" run --log loud "$scenarios/default.json"
+check "bad define" 2 "expected NAME=VALUE" run --define shared "$scenarios/default.json"
+check "bad console option" 2 'expected \[BOOT/\]SECONDS:COMMAND' run --console "x bypass" "$scenarios/default.json"
+check "help" 0 "" --help
+check "no plug-in" 4 "none.dll: cannot be loaded, error" run --plugin none.dll "$scenarios/default.json"
+check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32.dll "$scenarios/default.json"
+
+bad "not JSON" "line 2, column 1" $'{"boots": [\n,]}'
+bad "not an object" "/: expected type" '[]'
+bad "no boots" 'member "boots" is missing' '{}'
+bad "unknown member" '/boots/0: unknown member "step"' '{"boots": [{"step": []}]}'
+bad "wrong type" '/boots/0/until: expected type "number"' '{"boots": [{"until": "long"}]}'
+bad "not one of" '/boots/0/ends: expected one of' '{"boots": [{"ends": "badly"}]}'
+bad "below the least" '/boots/0/steps/0/at: expected minimum' '{"boots": [{"steps": [{"at": -1, "link": true}]}]}'
+bad "empty step" '/boots/0/steps/0: does nothing' '{"boots": [{"steps": [{"at": 1}]}]}'
+bad "two things" '/boots/0/steps/0: does both' '{"boots": [{"steps": [{"at": 1, "link": true, "agent": "stop"}]}]}'
+bad "half a step" '/boots/0/steps/0: member "message" is missing' '{"boots": [{"steps": [{"at": 1, "send": "p"}]}]}'
+bad "unknown product" 'there is no product "p"' '{"boots": [{"steps": [{"at": 20, "register": "p"}]}]}'
+bad "unknown call" '/boots/0/steps/0/fail: "Fly" is no call' '{"boots": [{"steps": [{"at": 1, "fail": "Fly"}]}]}'
+bad "no agent" 'the agent is not running' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}'
+bad "bad time" '/boots/0/at: expected a time' '{"boots": [{"at": "yesterday"}]}'
+bad "bad zone" 'unknown time zone "Mars"' '{"machine": {"time_zone": "Mars"}, "boots": [{}]}'
+
+evidence() {
+    printf '%s' "$3" >evidence.json
+    printf '{"machine": {"events_from": "evidence.json"}, "boots": [{}]}' >s.json
+    check "$1" 3 "evidence.json: $2" run s.json
+}
+evidence "events are no JSON" "line 1, column 1" 'no'
+evidence "events are no array" "expected an array" '{}'
+evidence "an event without id" "/0: expected an event record" '[{"source": "x"}]'
+printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots": [{}]}' >s.json
+check "missing dump" 3 "no.dmp: cannot be opened, error 2" run s.json
+printf '{"before": {"ends": "blue_screen", "crash": {"dump": "{place}/no.dmp"}}, "boots": [{}]}' >s.json
+check "evidence that is not here" 77 "needs --define place=" run s.json
+
+# An expectation that does not hold is told with its place, and so is every kind of it.
+printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "p"}], "log": ["never said"], "no_log": ["system boot up"], "uploads": [{}],
+ "echo": ["x"], "complaints": ["x"], "refused": ["x"], "call_counts": {"oxni_sleep": 7}, "calls": ["NoSuchCall"], "no_calls": ["oxni_timer_start"], "products": {"p": {"count": 9}},
+ "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
+ "pending_replies": 3, "messages": [], "log_counts": {"never said": 1}}}]}' >s.json
+check "nothing holds" 1 "/boots/0/expect/commands: \[0\] did not come" run --quiet s.json
+for member in commands messages uploads log no_log log_counts echo refused complaints calls no_calls \
+    call_counts products documents registry keys files agent pending_replies; do
+    grep -q "/boots/0/expect/$member:" err.txt || {
+        echo "FAILED: nothing holds: no word about $member"
+        failures=$((failures + 1))
+    }
+done
+
+# Machines read one object a line; a person's commands work; real time is real.
+check "json" 0 "" run --json --log info "$scenarios/default.json"
+python3 -c 'import json, sys
+kinds = {json.loads(line)["kind"] for line in open("out.txt")}
+sys.exit(0 if {"scenario", "boot", "command", "log", "result"} <= kinds else 1)' || {
+    echo "FAILED: json: the lines are not what they should be"
+    failures=$((failures + 1))
+}
+printf '+70s\nbypass -p\nstatus\nnext\nnext\n' | "$wine" "$program" console "$scenarios/default.json" >out.txt 2>err.txt
+grep -q '"product_name": "guard", "status": 2' out.txt && grep -q 'guard .*ordered bypass because of guard_flt' out.txt &&
+    grep -q "no further boot" out.txt || {
+    echo "FAILED: console: $(cat err.txt)"
+    failures=$((failures + 1))
+}
+check "console command at a time" 0 "" run --console "100:bypass -p" --log none "$scenarios/default.json"
+grep -q 'types: bypass -p' out.txt || {
+    echo "FAILED: console command at a time: it was not typed"
+    failures=$((failures + 1))
+}
+printf '{"boots": [{"agent_start": 0.2, "until": 2}]}' >s.json
+start=$(date +%s%N)
+check "real time" 0 "" run --real-time --log none s.json
+[ $((($(date +%s%N) - start) / 1000000)) -ge 2000 ] || {
+    echo "FAILED: real time: two seconds took less"
+    failures=$((failures + 1))
+}
+[ $failures = 0 ] && echo "the command line behaves"
+exit $((failures > 0))
