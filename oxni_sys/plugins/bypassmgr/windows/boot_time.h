@@ -12,23 +12,13 @@
 
 typedef uint64_t boot_time_filetime;
 
-/*
- * Finds the System process in a snapshot of all processes.
- *
- * process_id  Written when it is found.
- * Result      0 found; ERROR_NOT_FOUND no such process; ERROR_INVALID_PARAMETER for NULL; otherwise
- *             the error of the call that failed.
- */
+/* Finds the System process; its id is written when found. Result: 0; ERROR_NOT_FOUND;
+ * ERROR_INVALID_PARAMETER for NULL; otherwise the error of the call that failed. */
 uint32_t find_system_process_id(uint32_t *process_id);
 
-/*
- * Creation time of the System process.
- *
- * start_time  Written whenever the time could be read, also when the result is not 0.
- * Result      0 only when the process was found and its time read and not zero; ERROR_NOT_SUPPORTED
- *             for a time of zero; otherwise the error of the search or of the failing call. A time
- *             read through the usual process id after a failed search counts as a failure.
- */
+/* Creation time of the System process, written whenever it can be read. Result: 0 only when the
+ * process was found too and the time is not zero (ERROR_NOT_SUPPORTED); otherwise the error of the
+ * search or of the failing call. */
 uint32_t get_system_process_start_time(boot_time_filetime *start_time);
 
 /* Milliseconds since Windows started; wraps after 49.7 days on a system without GetTickCount64. */
@@ -37,12 +27,11 @@ uint64_t get_tick_count_ms(void);
 /* Now less the time since Windows started. */
 boot_time_filetime estimate_boot_filetime(void);
 
-/* The boot moment in seconds since 1970-01-01 00:00 UTC. Tries four times and sleeps 500 ms after
- * each failure, then estimates; never fails. */
+/* The boot moment in seconds since 1970-01-01 00:00 UTC. Never fails: sleeps 500 ms after each of up
+ * to four failed tries, then estimates. */
 uint64_t get_bootup_time(void);
 
-/* The boot moment as a boot_time_filetime, for signed comparisons. One try, then the estimate;
- * never fails. */
+/* The boot moment as a boot_time_filetime. Never fails: one try, then the estimate. */
 int64_t get_systempro_time(void);
 
 #endif

@@ -1,10 +1,6 @@
-/*
- * What load_driver keeps of its crashes: the count in its record file, the error time and the
+/* What load_driver keeps of its crashes: the count in its record file, the error time and the
  * threshold under its service key, and the key that marks it as bypassed until Windows restarts.
- * The parts that hold for any driver's service serve oxnisp_driver too.
- *
- * No state is kept; any thread of the host, one call at a time.
- */
+ * No state is kept; any thread of the host, one call at a time. */
 #ifndef BYPASS_DRIVER_H
 #define BYPASS_DRIVER_H
 
@@ -18,13 +14,8 @@
 int read_load_driver_crash_config(crash_config_record *record);
 int write_load_driver_crash_config(crash_config_record *record);
 
-/*
- * Reads a decimal number that the service key holds as text of at most 30 characters.
- *
- * value    Written when the value is text; no digits give 0.
- * Result   0, also when the value is no text; ERROR_INVALID_PARAMETER for a NULL name; otherwise the
- *          Windows error code.
- */
+/* Reads a decimal number that the service key holds as text of at most 30 characters; no digits give
+ * 0. Result: 0, also when it is no text: value is untouched then; otherwise the Windows error code. */
 uint32_t read_load_driver_value(const wchar_t *name, uint32_t *value);
 
 /* The crash count from which on the driver counts as crashing; 3 unless the service key says
@@ -35,13 +26,9 @@ uint32_t get_load_driver_crash_threshold(void);
  * for is_service_stopped. */
 int check_load_driver_bypass(uint32_t wait_count);
 
-/*
- * Whether a service is stopped.
- *
- * wait_count  A service that is starting or stopping is asked at most so many times, once a second.
- * Result      1 stopped, not installed, or its state cannot be queried; 0 any other state, also
- *             when the service manager or the service cannot be opened.
- */
+/* Whether a service is stopped; one that starts or stops is asked at most wait_count times, once a
+ * second. Result: 1 stopped, not installed, or its state cannot be queried; 0 any other state, also
+ * when the service manager or the service cannot be opened. */
 int is_service_stopped(int32_t wait_count, const wchar_t *service);
 
 /* Time of a driver's last error, a UTC file time, from its service key. Written on success. */
@@ -73,12 +60,8 @@ uint32_t create_crashflag_below(HKEY parent);
  * ERROR_NOT_FOUND; otherwise the last error. */
 uint32_t delete_crashflag_key(const wchar_t *path);
 
-/*
- * Deletes a driver's record file in at most three tries, 10 ms apart.
- *
- * Result   0 deleted at once or not there; the error of the try before when a later one succeeds;
- *          otherwise the last error.
- */
+/* Deletes a driver's record file in at most three tries, 10 ms apart. Result: 0 deleted at once or
+ * not there; the error of the try before when a later one succeeds; otherwise the last error. */
 uint32_t delete_crash_record(const wchar_t *path, const char *driver);
 
 #endif

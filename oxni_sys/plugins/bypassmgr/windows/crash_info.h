@@ -31,25 +31,19 @@ enum status_check_result {
 };
 
 /*
- * What a check found; called exactly once a check.
+ * What a check found; called exactly once a check, everything but user borrowed for the call.
  *
- * result     enum status_check_result.
- * modules    On the crashed stack; empty unless result is STATUS_CHECK_CRASH.
- * dump_path  UTF-8, of the dump that was analysed; may be empty, see find_new_crash_dump.
- * event      Always empty.
- * user       As given at the start. Everything else is borrowed for the call.
- * Result     Ignored.
+ * result              enum status_check_result.
+ * modules, dump_path  As of find_new_crash_dump; empty unless result is STATUS_CHECK_CRASH.
+ * event               Always empty.
+ * Result              Ignored.
  */
 typedef int (*status_check_cb)(int32_t result, const crash_module_set &modules,
                                const std::string &dump_path, const event_info &event, void *user);
 
-/*
- * Starts a check: polls every 30 s, by timers, until the log tells or the polls are used up.
- * Several checks may run side by side; none can be stopped.
- *
- * Result   1 started; 0 callback is NULL, or the check could not start: callback was called with
- *          STATUS_CHECK_FAILED already.
- */
+/* Starts a check: a poll every 30 s, by timers, until the log tells or the polls are used up.
+ * Several may run side by side; none can be stopped. Result: 1 started; 0 callback is NULL, or was
+ * called with STATUS_CHECK_FAILED already. */
 int32_t start_bypass_status_check(status_check_cb callback, void *user);
 
 /* --- Crash dumps. ---------------------------------------------------------------------------- */
@@ -60,13 +54,9 @@ struct crash_dump_info {
     uint64_t write_time;
 };
 
-/*
- * Reads a text value of an open registry key, environment references left as they are.
- *
- * text     Written on success, up to the value's first NUL.
- * Result   0; ERROR_INVALID_PARAMETER key or name is NULL; ERROR_NOT_ENOUGH_MEMORY; ERROR_NOT_FOUND
- *          the value is no text; otherwise the error of the query.
- */
+/* Reads a text value of an open key up to its first NUL, unexpanded; written on success. Result: 0;
+ * ERROR_INVALID_PARAMETER for NULL; ERROR_NOT_ENOUGH_MEMORY; ERROR_NOT_FOUND for another type;
+ * otherwise the error of the query. */
 uint32_t read_reg_string_value(HKEY key, const wchar_t *name, std::wstring *text);
 
 /* The text with its environment references replaced; empty when that fails. */
@@ -75,12 +65,8 @@ std::wstring expand_env_path(const std::wstring &text);
 /* Last-write time of a file, written on success. Result: 0 or the Windows error code. */
 uint32_t get_file_write_time(const wchar_t *path, uint64_t *write_time);
 
-/*
- * The file of a folder that was written last; of equal times the one that Windows lists first.
- *
- * path, write_time  Written on success.
- * Result            0; ERROR_NOT_FOUND the folder holds no file; otherwise the Windows error code.
- */
+/* The file of a folder that was written last; of equal times the one that Windows lists first.
+ * Result: 0; ERROR_NOT_FOUND the folder holds no file; otherwise the Windows error code. */
 uint32_t find_newest_file(const wchar_t *folder, std::wstring *path, uint64_t *write_time);
 
 /* The complete memory dump and the newest minidump, where Windows is set to write them. Each is
@@ -89,16 +75,15 @@ void get_crash_dump_files(crash_dump_info *complete, crash_dump_info *minidump);
 
 /*
  * Finds the dump that was written since Windows started and analyses it: the newest minidump, or
- * only when that is no newer the complete dump.
+ * the complete dump when no minidump is new.
  *
- * timeout_ms  For the analysis.
- * use_record  1: a dump newer than the recorded time counts too. Anything else: no record.
+ * use_record  1: newer than the recorded time is new, too. Anything else: the record is not asked.
  * modules     As analyze_dmp_file leaves it.
- * dump_time   File time of the dump, written when the result is 1.
- * dump_path   Path of the minidump in UTF-8, written when the result is 1; also when the complete
- *             dump was taken, so that it may be empty or name an older minidump.
+ * dump_time, dump_path
+ *             Written when the result is 1. The path is the minidump's, in UTF-8, also when the
+ *             complete dump was taken: it may be empty, or of an older one.
  * Result      1 analysed, with at least one module; 0 otherwise.
- * Throws      std::range_error when the minidump's path is not valid UTF-16.
+ * Throws      std::range_error when the minidump's path is not UTF-16.
  */
 uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_module_set *modules,
                             uint64_t *dump_time, std::string *dump_path);
@@ -106,7 +91,7 @@ uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_modu
 /* Makes the data folder if it is missing and resolves the dump record's path in it. Result 0. */
 int get_dumprecord_path(char *buffer, size_t size);
 
-/* The recorded dump time, a file time. Result: whether there is one; otherwise it is untouched. */
+/* The recorded dump time. Result: whether there is one; otherwise it is untouched. */
 bool get_dumprecord_time(int64_t *dump_time);
 
 /* Replaces the record. Result 1 written, 0 not. */
