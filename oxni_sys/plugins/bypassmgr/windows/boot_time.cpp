@@ -21,11 +21,6 @@
 
 static_assert(sizeof(PROCESSENTRY32W) == 568, "the size that Windows expects");
 
-static uint64_t filetime_value(const FILETIME &filetime)
-{
-    return ((uint64_t)filetime.dwHighDateTime << 32) | filetime.dwLowDateTime;
-}
-
 /* Walks a snapshot whose first entry has been read. Result as of find_system_process_id. */
 static uint32_t walk_snapshot(HANDLE snapshot, PROCESSENTRY32W *entry, uint32_t *process_id)
 {
@@ -68,6 +63,11 @@ static uint32_t read_creation_time(HANDLE process, uint32_t process_id, uint32_t
         return ERROR_NOT_SUPPORTED;
     }
     return found;
+}
+
+boot_time_filetime filetime_value(const FILETIME &filetime)
+{
+    return ((uint64_t)filetime.dwHighDateTime << 32) | filetime.dwLowDateTime;
 }
 
 uint32_t find_system_process_id(uint32_t *process_id)

@@ -9,8 +9,12 @@
 #define BOOT_TIME_H
 
 #include <stdint.h>
+#include <windows.h>
 
 typedef uint64_t boot_time_filetime;
+
+/* The two halves of a Windows file time as one number. */
+boot_time_filetime filetime_value(const FILETIME &filetime);
 
 /* Finds the System process; its id is written when found. Result: 0; ERROR_NOT_FOUND;
  * ERROR_INVALID_PARAMETER for NULL; otherwise the error of the call that failed. */

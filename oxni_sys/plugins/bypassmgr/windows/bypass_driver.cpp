@@ -41,7 +41,7 @@ static void crash_config_path(wchar_t *buffer)
     oxni_str_free(wide);
 }
 
-/* As query_value of read_load_driver_value, below an open key. */
+/* One value of the open service key; result and value as of read_load_driver_value. */
 static uint32_t query_number(HKEY key, const wchar_t *name, uint32_t *value)
 {
     wchar_t text[VALUE_CHARS] = {};

@@ -131,14 +131,12 @@ static bool has_logged_on(event_info *info)
 {
     expected_event_map expected;
     FILETIME logged_on;
-    int64_t boot;
 
     expected[{EVENT_WINLOGON, L"Microsoft-Windows-Winlogon"}] = 0;
     if (!newest_event_is(EVENT_WINLOGON, expected, info))
         return false;
     unix_time_to_filetime(info->time_generated, &logged_on);
-    boot = get_systempro_time();
-    return boot <= (int64_t)(((uint64_t)logged_on.dwHighDateTime << 32) | logged_on.dwLowDateTime);
+    return get_systempro_time() <= (int64_t)filetime_value(logged_on);
 }
 
 /* First phase: until then Windows may not have written what it knows about the last run. */

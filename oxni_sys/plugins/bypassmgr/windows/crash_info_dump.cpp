@@ -22,11 +22,6 @@
 #define DUMPRECORD_FILE  BYPASS_DATA_FOLDER "bypass_mgr_dumprecord.ejs"
 #define DUMPRECORD_TIME  "dump_time"
 
-static uint64_t filetime_value(const FILETIME &filetime)
-{
-    return ((uint64_t)filetime.dwHighDateTime << 32) | filetime.dwLowDateTime;
-}
-
 /* Queries a value into a new buffer with room for a terminator behind it. value is NULL when memory
  * runs out. */
 static LSTATUS query_value(HKEY key, const wchar_t *name, BYTE **value, DWORD *size, DWORD *type)
