@@ -110,8 +110,10 @@ static void prepare(arguments &arguments)
 
 static void add_common_options(CLI::App &command, arguments &arguments)
 {
-    command.add_option("--define", arguments.defines,
-                       "NAME=VALUE: what {NAME} in a path of a scenario stands for");
+    command
+        .add_option("--define", arguments.defines,
+                    "NAME=VALUE: what {NAME} in a path of a scenario stands for")
+        ->allow_extra_args(false);
     command
         .add_option("--log", arguments.log, "Lines of the plug-in that are shown, up to a level")
         ->check(CLI::IsMember({"none", "error", "warn", "info", "debug"}));
@@ -129,8 +131,10 @@ static CLI::App *add_run(CLI::App &app, arguments &arguments)
 
     command->add_option("FILE", arguments.files, "Scenario files")->required();
     add_common_options(*command, arguments);
-    command->add_option("--console", arguments.session.commands,
-                        "[BOOT/]SECONDS:COMMAND: types a debug command at that moment");
+    command
+        ->add_option("--console", arguments.session.commands,
+                     "[BOOT/]SECONDS:COMMAND: types a debug command at that moment")
+        ->allow_extra_args(false);
     command->add_flag("--real-time", arguments.session.real_time, "Waits in real time");
     command->add_flag("--json", arguments.json, "One JSON object a line");
     command->add_flag("--quiet", arguments.quiet, "Shows failures and results only");
@@ -159,6 +163,7 @@ int wmain(int argc, wchar_t **argv)
     SetConsoleOutputCP(CP_UTF8);
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
+    app.allow_windows_style_options(false); /* a path may begin with a slash */
     run = add_run(app, arguments);
     add_console(app, arguments);
     app.require_subcommand(1);

@@ -36,28 +36,23 @@ void scenario_load_json(rapidjson::Document &document, const std::string &file, 
                                         rapidjson::GetParseError_En(document.GetParseError()));
 }
 
-/* What a keyword of the schema wanted, in words. */
-static std::string wanted(const json_value &schema, const json_value *object,
+/* What a keyword of the schema wanted, in words. value: what it was wanted of. */
+static std::string wanted(const json_value &rules, const json_value *value,
                           const std::string &keyword)
 {
-    const json_value *properties = node_member(&schema, "properties");
-    const json_value *rule = node_member(&schema, keyword.c_str());
+    const json_value *rule = node_member(&rules, keyword.c_str());
 
-    if (keyword == "additionalProperties" && object != NULL && object->IsObject())
-        for (const auto &member : object->GetObject())
-            if (node_member(properties, member.name.GetString()) == NULL)
-                return std::string("unknown member \"") + member.name.GetString() + "\"";
-    if (keyword == "required" && rule != NULL && object != NULL)
-        for (const auto &name : rule->GetArray())
-            if (node_member(object, name.GetString()) == NULL)
+    if (keyword == "required" && rule != NULL)
+        for (const json_value &name : rule->GetArray())
+            if (node_member(value, name.GetString()) == NULL)
                 return std::string("member \"") + name.GetString() + "\" is missing";
-    if (rule != NULL && keyword == "type")
+    if (rule == NULL)
+        return "does not fit (" + keyword + ")";
+    if (keyword == "type")
         return "expected type " + node_to_text(*rule);
-    if (rule != NULL && keyword == "enum")
+    if (keyword == "enum")
         return "expected one of " + node_to_text(*rule);
-    if (rule != NULL)
-        return "expected " + keyword + " " + node_to_text(*rule);
-    return "does not fit (" + keyword + ")";
+    return "expected " + keyword + " " + node_to_text(*rule);
 }
 
 static std::string pointer_text(const rapidjson::Pointer &pointer)
@@ -80,11 +75,16 @@ static void check_against_schema(const struct scenario &scenario)
         return;
     rapidjson::Pointer where = validator.GetInvalidDocumentPointer();
     const json_value *rules = validator.GetInvalidSchemaPointer().Get(schema_json);
-    const json_value *object = where.Get(scenario.document);
-    std::string keyword = validator.GetInvalidSchemaKeyword();
+    std::string keyword = validator.GetInvalidSchemaKeyword(), place = pointer_text(where);
 
-    scenario_bad(scenario, pointer_text(where),
-                 rules != NULL ? wanted(*rules, object, keyword) : keyword);
+    if (keyword == "additionalProperties" && where.GetTokenCount() > 0) {
+        size_t slash = place.find_last_of('/');
+
+        scenario_bad(scenario, slash > 0 ? place.substr(0, slash) : "/",
+                     "unknown member \"" + place.substr(slash + 1) + "\"");
+    }
+    scenario_bad(scenario, place,
+                 rules != NULL ? wanted(*rules, where.Get(scenario.document), keyword) : keyword);
 }
 
 void scenario_load(struct scenario &scenario, const std::string &file,

@@ -48,7 +48,7 @@ check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32
 
 bad "not JSON" "line 2, column 1" $'{"boots": [\n,]}'
 bad "not an object" "/: expected type" '[]'
-bad "no boots" 'member "boots" is missing' '{}'
+bad "no boots" '/: member "boots" is missing' '{}'
 bad "unknown member" '/boots/0: unknown member "step"' '{"boots": [{"step": []}]}'
 bad "wrong type" '/boots/0/until: expected type "number"' '{"boots": [{"until": "long"}]}'
 bad "not one of" '/boots/0/ends: expected one of' '{"boots": [{"ends": "badly"}]}'
@@ -56,18 +56,18 @@ bad "below the least" '/boots/0/steps/0/at: expected minimum' '{"boots": [{"step
 bad "empty step" '/boots/0/steps/0: does nothing' '{"boots": [{"steps": [{"at": 1}]}]}'
 bad "two things" '/boots/0/steps/0: does both' '{"boots": [{"steps": [{"at": 1, "link": true, "agent": "stop"}]}]}'
 bad "half a step" '/boots/0/steps/0: member "message" is missing' '{"boots": [{"steps": [{"at": 1, "send": "p"}]}]}'
-bad "unknown product" 'there is no product "p"' '{"boots": [{"steps": [{"at": 20, "register": "p"}]}]}'
+bad "unknown product" '/products: there is no product "p"' '{"boots": [{"steps": [{"at": 20, "register": "p"}]}]}'
 bad "unknown call" '/boots/0/steps/0/fail: "Fly" is no call' '{"boots": [{"steps": [{"at": 1, "fail": "Fly"}]}]}'
-bad "no agent" 'the agent is not running' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}'
+bad "no agent" '/boots/0/steps/0: the agent is not running' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}'
 bad "bad time" '/boots/0/at: expected a time' '{"boots": [{"at": "yesterday"}]}'
-bad "bad zone" 'unknown time zone "Mars"' '{"machine": {"time_zone": "Mars"}, "boots": [{}]}'
+bad "bad zone" '/machine/time_zone: unknown time zone "Mars"' '{"machine": {"time_zone": "Mars"}, "boots": [{}]}'
 
 evidence() {
     printf '%s' "$3" >evidence.json
     printf '{"machine": {"events_from": "evidence.json"}, "boots": [{}]}' >s.json
     check "$1" 3 "evidence.json: $2" run s.json
 }
-evidence "events are no JSON" "line 1, column 1" 'no'
+evidence "events are no JSON" "line 1, column 2" 'no'
 evidence "events are no array" "expected an array" '{}'
 evidence "an event without id" "/0: expected an event record" '[{"source": "x"}]'
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots": [{}]}' >s.json

@@ -59,10 +59,10 @@ void bypass_json_text_free(char *text)
 {
     json_free_t free_text = NULL;
 
-    /* Jansson's allocator is the host's choice. */
-    json_get_alloc_funcs(NULL, &free_text);
-    if (text != NULL)
-        free_text(text);
+    if (text == NULL)
+        return;
+    json_get_alloc_funcs(NULL, &free_text); /* the host's choice */
+    free_text(text);
 }
 
 void bypass_data_path(const char *relative, char *buffer, size_t size)

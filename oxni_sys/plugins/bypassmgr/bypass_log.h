@@ -15,7 +15,7 @@
 
 /* "%d-%02d-%02d %02d:%02d:%02d" fits for any year. */
 #define BYPASS_TIME_TEXT_CHARS 32
-/* Every narrow path buffer of the plug-in. */
+/* A path of the platform, terminator included. */
 #define BYPASS_PATH_CHARS 260
 
 /* The file of the core's state, the dump record and the upload history lie here. */
@@ -70,7 +70,6 @@ void bypass_data_path(const char *relative, char *buffer, size_t size);
         }                                                                                          \
     } while (0)
 
-#define LOG_FATAL(...) BYPASS_LOG_LINE(OXNI_LOG_FATAL, "fatal", __VA_ARGS__)
 #define LOG_ERROR(...) BYPASS_LOG_LINE(OXNI_LOG_ERROR, "error", __VA_ARGS__)
 #define LOG_WARN(...)  BYPASS_LOG_LINE(OXNI_LOG_WARN, "warn", __VA_ARGS__)
 #define LOG_INFO(...)  BYPASS_LOG_LINE(OXNI_LOG_INFO, "info", __VA_ARGS__)

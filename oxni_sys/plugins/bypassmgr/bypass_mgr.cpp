@@ -76,7 +76,7 @@ static const char s_registration_schema[] = "{"
                                             "        \"count\""
                                             "    ]"
                                             "}";
-static_assert(sizeof(s_registration_schema) == 1112 + 1, "hosts compare the schema as text");
+static_assert(sizeof(s_registration_schema) == 1112 + 1, "the schema is one given text");
 
 /* Made once and never taken: the host delivers one callback at a time. */
 static oxni_mutex *s_suber_mutex;

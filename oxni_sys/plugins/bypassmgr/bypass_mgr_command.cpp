@@ -30,17 +30,23 @@ static int32_t command_kind(const char *type)
     return COMMAND_OTHER;
 }
 
-/* A new message; NULL when memory runs out. */
+/* A new message; NULL when memory runs out. A message that lacks a member would be another command,
+ * so there is a whole one or none. */
 static json_t *command_message(const struct bypass_cmd *request)
 {
     json_t *message = json_loads("{\"type\":\"bypass\",\"reason\":\"none\"}", 0, NULL);
+    int failed = 0;
 
     if (request->type != NULL)
-        (void)json_object_set_new(message, "type", json_string(request->type));
+        failed |= json_object_set_new(message, "type", json_string(request->type));
     if (request->reason != NULL)
-        (void)json_object_set_new(message, "reason", json_string(request->reason));
+        failed |= json_object_set_new(message, "reason", json_string(request->reason));
     if (command_kind(request->type) == COMMAND_SET_COUNT)
-        (void)json_object_set_new(message, "count", json_integer(request->count));
+        failed |= json_object_set_new(message, "count", json_integer(request->count));
+    if (failed != 0) {
+        json_decref(message);
+        return NULL;
+    }
     return message;
 }
 
@@ -57,7 +63,7 @@ static void bypass_delivered(struct suber_set *record)
     (void)bypass_mgr_store_product(record);
 }
 
-/* A push that worked; the product's record changes here and nowhere else. */
+/* A push that worked. A "set_count" changes nothing here: the sender changed the count already. */
 static void command_delivered(int32_t kind, oxni_subscriber *subscriber, const char *ns,
                               const char *name)
 {
@@ -156,7 +162,7 @@ void bypass_mgr_calibrate_counts(void)
 
         if (record->status == STATUS_BYPASS || record->count < 2)
             continue;
-        LOG_INFO("Send resetcount %s %d-->%d", record->product_name, (int)record->count,
+        LOG_INFO("Send resetcount %s %d-->%d", suber_set_name(record), (int)record->count,
                  CALIBRATED_COUNT);
         (void)bypass_mgr_send(bypass_mgr_entry_subscriber(entry), &request);
         /* The old count goes into the store: the new one comes in with the product's next

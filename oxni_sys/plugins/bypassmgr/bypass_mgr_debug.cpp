@@ -20,8 +20,8 @@ static void echo_json(oxni_dbg_context *context, const json_t *json)
     bypass_json_text_free(text);
 }
 
-/* Everybody gets the command, bypassed or not; the tag lets the check of a later normal boot do the
- * same. */
+/* Everybody gets the command, bypassed or not. The tag goes on to recover those that are still in
+ * bypass after a later, normal start. */
 static void restore_all(oxni_dbg_context *context)
 {
     static const struct bypass_cmd request = {"recover", NULL, 0};
@@ -38,7 +38,7 @@ static void restore_all(oxni_dbg_context *context)
     (void)bypass_mgr_write_recover_tag(); /* it logs what failed */
 }
 
-/* A new object; NULL when memory runs out. */
+/* A new object; what memory is too short for is left out. */
 static json_t *product_state(const struct suber_set *record)
 {
     json_t *state = json_object(), *data = json_object(), *modules = json_array();

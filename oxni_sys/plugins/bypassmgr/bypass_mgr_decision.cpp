@@ -4,14 +4,16 @@
  */
 #include "bypass_mgr_internal.h"
 
+#include <string_view>
+
 #include <oxni/base/memory.h>
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
 
 /* The first registered module, in the order of registration, that is on the crashed stack. Result 1
- * with its name in matched; 0. */
-static int match_crash_module(const crash_module_set &modules, std::string &matched)
+ * with its name, borrowed from its product's record; 0 with NULL. */
+static int match_crash_module(const crash_module_set &modules, const char **matched)
 {
     const oxni_xhash_entry *entry, *module;
 
@@ -23,9 +25,9 @@ static int match_crash_module(const crash_module_set &modules, std::string &matc
              module = oxni_xhash_next(names, module)) {
             const char *name = (const char *)module->key;
 
-            if (modules.find(name) != modules.end()) {
+            if (modules.find(std::string_view(name)) != modules.end()) {
                 LOG_INFO("find [%s] crach!", name);
-                matched = name;
+                *matched = name;
                 return 1;
             }
         }
@@ -80,7 +82,7 @@ static void decide_blue_screen(struct suber_set *record, const crash_module_set 
                                const char *dump_path)
 {
     char create_time[BYPASS_TIME_TEXT_CHARS];
-    std::string matched;
+    const char *matched;
     int found;
 
     LOG_INFO("It is necessary to delete the tag when encountering a blue screen.dump path[%s]",
@@ -91,11 +93,11 @@ static void decide_blue_screen(struct suber_set *record, const crash_module_set 
         return;
     }
     LOG_INFO("There is a module crash!");
-    found = match_crash_module(modules, matched);
+    found = match_crash_module(modules, &matched);
     bypass_time_text(bypass_mgr_file_creation_time(dump_path), create_time, sizeof(create_time));
     if (found != 0) {
-        bypass_mgr_store_crash(dump_path, create_time, matched.c_str());
-        bypass_everybody(matched.c_str());
+        bypass_mgr_store_crash(dump_path, create_time, matched);
+        bypass_everybody(matched);
         return;
     }
     (void)oxni_strlcpy(record->crash.crash_path, dump_path, sizeof(record->crash.crash_path));
@@ -127,7 +129,7 @@ static void decide_abnormal_shutdown(oxni_subscriber *subscriber, struct suber_s
     bypass_mgr_delete_recover_tag();
     if (record->status == STATUS_BYPASS) {
         LOG_INFO("The product (%s) has already passed and does not need to set a count",
-                 record->product_name);
+                 suber_set_name(record));
         report_if_bypassed(record);
         (void)bypass_mgr_store_product(record);
     } else if (record->count > 1) {

@@ -47,10 +47,16 @@ struct suber_set {
     int32_t status;     /* enum product_status */
     int64_t count;
     oxni_xhash *driver_modules; /* set of module names: keys with their NUL, no values */
-    int32_t recover_sent;       /* 1: a "recover" was delivered; there is no second one */
+    int32_t recover_sent;       /* 1: a "recover" was delivered; the recovery request skips it */
     int32_t parsed;             /* 1: this boot's evidence was applied; reports wait for it */
     struct crash_info crash;    /* the crash blamed in this boot; empty texts when there is none */
 };
+
+/* For log lines: a product without a name has none to show. */
+static inline const char *suber_set_name(const struct suber_set *record)
+{
+    return record->product_name != NULL ? record->product_name : "";
+}
 
 /* A command to send. Borrowed texts. */
 struct bypass_cmd {

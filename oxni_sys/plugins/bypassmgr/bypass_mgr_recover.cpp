@@ -8,6 +8,7 @@
 #include "bypass_mgr_internal.h"
 
 #include <windows.h>
+#include <string.h>
 
 #include <oxni/base/algo.h>
 #include <oxni/base/path.h>
@@ -66,18 +67,19 @@ static int fill_recover_tag(HANDLE file)
 {
     char text[TAG_TEXT_CHARS];
     FILETIME local, created;
-    DWORD written = 0;
+    DWORD written = 0, error;
     int64_t now = oxni_time();
 
     (void)recover_tag_text(now, text, sizeof(text));
     if (!WriteFile(file, text, (DWORD)strlen(text), &written, NULL)) {
-        LOG_WARN("Failed to write data to the file.err(%d)", (int)GetLastError());
+        error = GetLastError();
+        LOG_WARN("Failed to write data to the file.err(%d)", (int)error);
         return -1;
     }
     oxni_timet_to_filetime(now, &local);
-    (void)LocalFileTimeToFileTime(&local, &created);
-    if (!SetFileTime(file, &created, NULL, NULL)) {
-        LOG_WARN("Failed to SetFileTime.err(%d)", (int)GetLastError());
+    if (!LocalFileTimeToFileTime(&local, &created) || !SetFileTime(file, &created, NULL, NULL)) {
+        error = GetLastError();
+        LOG_WARN("Failed to SetFileTime.err(%d)", (int)error);
         return -1;
     }
     return 0;
@@ -148,7 +150,7 @@ int bypass_mgr_check_recover_tag(void)
         LOG_WARN("create path(%s) failed!", path);
         return 0;
     }
-    (void)GetFileTime(file, &created, NULL, NULL); /* time 0 has no valid tag */
+    (void)GetFileTime(file, &created, NULL, NULL); /* without one, no tag fits */
     if (!ReadFile(file, content, sizeof(content) - 1, &bytes, NULL)) {
         LOG_WARN("Failed to read file %s.", path);
     } else {

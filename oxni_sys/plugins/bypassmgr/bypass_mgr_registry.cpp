@@ -190,8 +190,8 @@ static int register_product(oxni_subscriber *subscriber, struct suber_set *recor
     }
     oxni_subscriber_retain(subscriber);
     if (oxni_xhash_insert(s_suber_map, &subscriber, sizeof(subscriber), record) != 0) {
+        /* The reference stays: unsubscribing gives one back whether the handle is filed or not. */
         LOG_WARN("Malloc memory failure");
-        oxni_subscriber_delete(subscriber);
         return -1;
     }
     if (record->status == STATUS_WORKING)
@@ -303,17 +303,20 @@ struct suber_set *bypass_mgr_entry_record(const oxni_xhash_entry *entry)
 json_t *bypass_msg_build(const char *type, const char *status, int32_t count,
                          const char *const *names, int32_t count_of_names)
 {
-    json_t *message = json_object();
-    json_t *data = json_object();
-    json_t *modules = json_array();
+    json_t *message = json_object(), *data = json_object(), *modules = json_array();
+    int failed = 0;
 
     for (int32_t index = 0; index < count_of_names; index++)
-        (void)json_array_append_new(modules, json_string(names[index]));
-    (void)json_object_set_new(message, "product_name", json_string("XNI"));
-    (void)json_object_set_new(message, "type", json_string(type));
-    (void)json_object_set_new(message, "status", json_string(status));
-    (void)json_object_set_new(message, "count", json_integer(count));
-    (void)json_object_set_new(data, "driver_module", modules);
-    (void)json_object_set_new(message, "data", data);
+        failed |= json_array_append_new(modules, json_string(names[index]));
+    failed |= json_object_set_new(message, "product_name", json_string("XNI"));
+    failed |= json_object_set_new(message, "type", json_string(type));
+    failed |= json_object_set_new(message, "status", json_string(status));
+    failed |= json_object_set_new(message, "count", json_integer(count));
+    failed |= json_object_set_new(data, "driver_module", modules);
+    failed |= json_object_set_new(message, "data", data);
+    if (failed != 0) {
+        json_decref(message);
+        return NULL;
+    }
     return message;
 }

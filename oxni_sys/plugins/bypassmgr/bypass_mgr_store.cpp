@@ -41,9 +41,22 @@ static const json_t *data_member(const char *name)
     return json_is_object(member) ? member : NULL;
 }
 
+/* Files a member of "data", whose reference is stolen, in place of an earlier one. incomplete: memory
+ * ran out while it was built, and the earlier one stays: half an entry reads as none. */
+static void set_data_member(const char *name, json_t *member, int incomplete)
+{
+    if (incomplete != 0) {
+        LOG_WARN("Malloc memory failure");
+        json_decref(member);
+        return;
+    }
+    (void)json_object_set_new(json_object_get(s_persist_json, "data"), name, member);
+}
+
 void bypass_mgr_store_load(uint64_t boot_time)
 {
     char path[BYPASS_PATH_CHARS];
+    json_t *data;
 
     (void)persistence_path(path, sizeof(path));
     wdu_json_delete_ejs(s_persist_json); /* of an earlier initialisation */
@@ -53,18 +66,23 @@ void bypass_mgr_store_load(uint64_t boot_time)
     if (json_integer_value(wdu_json_object_get_ejs(s_persist_json, "start_time")) ==
         (json_int_t)boot_time)
         return;
-    (void)json_object_set_new(s_persist_json, "start_time", json_integer((json_int_t)boot_time));
-    (void)json_object_set_new(s_persist_json, "data", json_object());
+    /* Both or none: the time of this boot beside the data of the last one would make its crash this
+     * boot's. */
+    data = json_object();
+    if (data != NULL &&
+        json_object_set_new(s_persist_json, "start_time", json_integer((json_int_t)boot_time)) == 0)
+        (void)json_object_set(s_persist_json, "data", data);
+    json_decref(data);
     (void)wdu_json_dump_file_ejs(s_persist_json, path);
 }
 
 int bypass_mgr_store_product(const struct suber_set *record)
 {
     json_t *entry = json_object();
+    int failed = json_object_set_new(entry, "count", json_integer(record->count));
 
-    (void)json_object_set_new(entry, "count", json_integer(record->count));
-    (void)json_object_set_new(entry, "status", json_integer(record->status));
-    (void)json_object_set_new(json_object_get(s_persist_json, "data"), record->product_name, entry);
+    failed |= json_object_set_new(entry, "status", json_integer(record->status));
+    set_data_member(record->product_name, entry, failed);
     write_document();
     return 0;
 }
@@ -102,10 +120,10 @@ int bypass_mgr_stored_crash(struct crash_info *crash)
 void bypass_mgr_store_crash(const char *path, const char *create_time, const char *module_name)
 {
     json_t *record = json_object();
+    int failed = json_object_set_new(record, "path", json_string(path));
 
-    (void)json_object_set_new(record, "path", json_string(path));
-    (void)json_object_set_new(record, "create_time", json_string(create_time));
-    (void)json_object_set_new(record, "module_name", json_string(module_name));
-    (void)json_object_set_new(json_object_get(s_persist_json, "data"), "crash_info", record);
+    failed |= json_object_set_new(record, "create_time", json_string(create_time));
+    failed |= json_object_set_new(record, "module_name", json_string(module_name));
+    set_data_member("crash_info", record, failed);
     write_document();
 }
