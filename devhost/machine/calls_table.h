@@ -2,10 +2,10 @@
  * The calls of the plug-in, one row each: module, name, how its arguments and its result are shown,
  * how it fails.
  *
- * Letters for a value: d i32, u u32, x hexadecimal u32, U u64, s narrow text, w wide text, h handle,
- * k registry key, j JSON, S subscriber, p pointer (null or not), . not shown, v none.
- * Failing: B returns 0 and sets the last error; I returns INVALID_HANDLE_VALUE and sets it; E returns
- * the error; M returns -1; Z returns 0 or NULL without an error; - cannot fail.
+ * Letters for a value: d i32, u u32, x hexadecimal u32, U u64, s narrow text, w wide text, h
+ * handle, k registry key, j JSON, S subscriber, p pointer (null or not), . not shown, v none.
+ * Failing: B returns 0 and sets the last error; I returns INVALID_HANDLE_VALUE and sets it; E
+ * returns the error; M returns -1; Z returns 0 or NULL without an error; - cannot fail.
  */
 #ifndef DEVHOST_CALLS_TABLE_H
 #define DEVHOST_CALLS_TABLE_H

@@ -1,6 +1,6 @@
 /*
- * Files of the machine. "C:\..." lies in a folder of the run; last-write times are those of the real
- * file, creation times are kept here because Wine keeps none that can be set.
+ * Files of the machine. "C:\..." lies in a folder of the run; last-write times are those of the
+ * real file, creation times are kept here because Wine keeps none that can be set.
  */
 #include "machine.h"
 

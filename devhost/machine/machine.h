@@ -81,7 +81,7 @@ void machine_update_engine(void);
 /* What the engine refused, in words, one text a dump; emptied by the call. */
 std::vector<std::string> machine_engine_refusals(void);
 
-/* --- files.cpp ---------------------------------------------------------------------------------- */
+/* files.cpp */
 
 /* Where a path of the machine, "C:\...", really lies. Paths of the run's own folder are what they
  * are. */
@@ -96,7 +96,7 @@ bool machine_file_exists(const std::wstring &path);
 /* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */
 std::string machine_read_real_file(const std::wstring &real_path, int status);
 
-/* --- registry.cpp --------------------------------------------------------------------------------- */
+/* registry.cpp */
 
 /* Values of HKEY_LOCAL_MACHINE; data as REG_SZ bytes and so on. Keys are made. */
 void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD type,
@@ -111,7 +111,7 @@ bool machine_get_value(const std::wstring &key, const std::wstring &name, std::s
  * Result: whether there is one. */
 bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone);
 
-/* --- Stand-ins, for calls.cpp only. NULL when the name has none. ----------------------------------- */
+/* Stand-ins, for calls.cpp only. NULL when the name has none. */
 
 void *machine_clock_stand_in(const char *name);
 void *machine_event_log_stand_in(const char *name);
@@ -120,7 +120,7 @@ void *machine_file_stand_in(const char *name);
 void *machine_registry_stand_in(const char *name);
 void *machine_module_stand_in(const char *name);
 
-/* --- Between the rooms of the machine. -------------------------------------------------------------- */
+/* Between the rooms of the machine. */
 
 /* registry.cpp: makes the run's registry; throws devhost_error. Removes what a restart of Windows
  * removes. */

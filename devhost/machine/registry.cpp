@@ -1,6 +1,6 @@
 /*
- * The machine's registry: a volatile key of this process that it sees as HKEY_LOCAL_MACHINE, so that
- * nothing of the real one is read or changed.
+ * The machine's registry: a volatile key of this process that it sees as HKEY_LOCAL_MACHINE, so
+ * that nothing of the real one is read or changed.
  */
 #include "machine.h"
 

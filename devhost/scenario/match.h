@@ -1,9 +1,9 @@
 /*
  * Comparing what was expected with what happened.
  *
- * An object is expected as a part: each expected member must be there and fit, others may be too. An
- * array must have as many elements, each fitting its place. {"exactly": value} holds only for the
- * same value, members in the same order. In a text, * stands for any characters, and
+ * An object is expected as a part: each expected member must be there and fit, others may be too.
+ * An array must have as many elements, each fitting its place. {"exactly": value} holds only for
+ * the same value, members in the same order. In a text, * stands for any characters, and
  *   {local:T}     local date and time of T, "%d-%02d-%02d %02d:%02d:%02d"
  *   {event:T}     the same as event-log times are shown, "%d/%d/%d %.2d:%.2d:%.2d"
  *   {filetime:T}  T in 100 ns since 1601

@@ -17,8 +17,8 @@ struct play_options {
     bool real_time;
 };
 
-/* Opens machine and agent for a scenario, which must live until play_close. Throws devhost_error, as
- * do all others that play: the run cannot go on then, and only play_close may follow. */
+/* Opens machine and agent for a scenario, which must live until play_close. Throws devhost_error,
+ * as do all others that play: the run cannot go on then, and only play_close may follow. */
 void play_open(const struct scenario &scenario, const struct play_options &options);
 
 /* Windows starts for the next boot of the scenario. Result: false when there is none. */
@@ -33,10 +33,10 @@ void play_end_boot(void);
 /* Result: what did not hold, one text each; empty when everything did. */
 std::vector<std::string> play_close(void);
 
-/* --- For the other rooms of a scenario. ------------------------------------------------------------ */
+/* For the other rooms of a scenario. */
 
-/* Does something at a moment of this boot, ms since Windows started; what is past happens as soon as
- * it can. Of one moment, in the order of the calls. */
+/* Does something at a moment of this boot, ms since Windows started; what is past happens as soon
+ * as it can. Of one moment, in the order of the calls. */
 void play_at(uint64_t ms, std::function<void()> action);
 uint64_t play_now_ms(void);
 /* Milliseconds of a number of seconds. */
@@ -48,7 +48,7 @@ uint64_t play_time(const struct scenario &scenario, const std::string &where,
 void play_start_agent(void);
 void play_stop_agent(const std::string &why);
 
-/* --- products.cpp: the agent modules that register with the plug-in. ------------------------------- */
+/* products.cpp: the agent modules that register with the plug-in. */
 
 void products_open(const struct scenario &scenario);
 /* Plans the registrations of those that register by themselves. */
@@ -71,13 +71,13 @@ std::string product_summary(const std::string &key);
 /* The product's key for a handle; namespace and name when it is nobody's. */
 std::string product_of(struct oxni_subscriber *subscriber);
 
-/* --- management.cpp: the other end of the link. ----------------------------------------------------- */
+/* management.cpp: the other end of the link. */
 
 void management_open(const struct scenario &scenario);
 void management_agent_started(void);
 void management_change(const json_value &changes);
 
-/* --- evidence.cpp: what Windows leaves of a run, and what a scenario puts there. -------------------- */
+/* evidence.cpp: what Windows leaves of a run, and what a scenario puts there. */
 
 /* Takes over the members of a "machine". */
 void evidence_set_machine(const struct scenario &scenario, const std::string &where,
@@ -88,8 +88,8 @@ void evidence_add_file(const struct scenario &scenario, const std::string &where
                        const json_value &file);
 void evidence_set_value(const struct scenario &scenario, const std::string &where,
                         const json_value &value);
-/* Plans the records and dumps that Windows writes in this boot. ended: how the last run ended; crash:
- * of that run, or NULL. */
+/* Plans the records and dumps that Windows writes in this boot. ended: how the last run ended;
+ * crash: of that run, or NULL. */
 void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
 /* The count in the bytes of a driver's crash record; 0 for another size. */
@@ -97,7 +97,7 @@ uint32_t evidence_record_count(const std::string &bytes);
 /* The record of a clean shutdown. */
 void evidence_clean_shutdown(void);
 
-/* --- steps.cpp ------------------------------------------------------------------------------------------ */
+/* steps.cpp */
 
 /* Throws devhost_error unless a step does exactly one thing that can be done. */
 void step_check(const struct scenario &scenario, const std::string &where, const json_value &step);
@@ -105,7 +105,7 @@ void step_check(const struct scenario &scenario, const std::string &where, const
 void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
               std::vector<std::string> &failures);
 
-/* --- expect.cpp ------------------------------------------------------------------------------------------ */
+/* expect.cpp */
 
 /* Looks at what happened in this boot since its start or its last expectation. */
 void expect_check(const struct scenario &scenario, const std::string &where,

@@ -14,7 +14,7 @@
 #include <oxni/base/json.h>
 #include <oxni/base/subscriber.h>
 
-/* --- Dispatcher. -------------------------------------------------------------------------------- */
+/* Dispatcher. */
 
 /*
  * Delivers everything that is due up to that tick (milliseconds since Windows started), moving
@@ -43,7 +43,7 @@ enum {
     OXNIH_ERROR_REFUSED = 22, /* the message failed the service's schema */
 };
 
-/* --- What happens, for views and expectations. ---------------------------------------------------- */
+/* What happens, for views and expectations. */
 
 enum oxnih_event_kind {
     OXNIH_EVENT_SERVICE,    /* a service was installed: name */
@@ -82,12 +82,13 @@ typedef struct oxnih_event {
 typedef void (*oxnih_observer_fn)(const oxnih_event *event, void *user);
 OXNI_API void oxnih_core_set_observer(oxnih_observer_fn fn, void *user);
 
-/* --- Subscribers. --------------------------------------------------------------------------------- */
+/* Subscribers. */
 
 /* Messages that fail the schema are delivered all the same, as a lenient host does. */
 OXNI_API void oxnih_core_set_lenient(int lenient);
 /* The subscriber leaves or dies: its service gets moment 2, once, queued; what is on its way to it,
- * delayed replies among it, gets error replies afterwards. The handle stays valid while somebody holds a reference. */
+ * delayed replies among it, gets error replies afterwards. The handle stays valid while somebody
+ * holds a reference. */
 OXNI_API void oxnih_subscriber_leave(oxni_subscriber *subscriber);
 /* Pushes to it are answered with this error and not delivered; 0 makes it reachable. */
 OXNI_API void oxnih_subscriber_set_unreachable(oxni_subscriber *subscriber, int32_t error);
@@ -100,21 +101,22 @@ OXNI_API uint64_t oxnih_core_excess_deletes(void);
 /* Pushes, in both directions, whose reply has not come yet. */
 OXNI_API uint64_t oxnih_core_pending_replies(void);
 
-/* --- Resources. ------------------------------------------------------------------------------------ */
+/* Resources. */
 
 typedef struct oxnih_request oxnih_request;
 
 /* Tells the watchers of path, queued, when the state differs from the last one (0 at start). */
 OXNI_API void oxnih_res_set_state(const char *path, int32_t state);
 /* Who answers requests for a path; NULL: nobody, they fail in transport with error 2. message is
- * borrowed for the call. The handler answers with oxnih_res_answer, in the call or later or never. */
+ * borrowed for the call. The handler answers with oxnih_res_answer, in the call or later or
+ * never. */
 typedef void (*oxnih_res_handler_fn)(oxnih_request *request, json_t *message, void *user);
 OXNI_API void oxnih_res_set_handler(const char *path, oxnih_res_handler_fn fn, void *user);
 /* Queues the answer, once a request. answer is kept and may be NULL. */
 OXNI_API void oxnih_res_answer(oxnih_request *request, int32_t error, json_t *answer,
                                uint64_t delay_ms);
 
-/* --- Debug console. ---------------------------------------------------------------------------------- */
+/* Debug console. */
 
 /* Queues a command line for a declared command of that namespace, words separated by blanks. What
  * it prints comes as OXNIH_EVENT_ECHO; an unknown word is an OXNIH_EVENT_REFUSED. */

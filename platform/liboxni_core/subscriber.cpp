@@ -17,7 +17,7 @@ struct subscriber_table {
 
 static subscriber_table &s_table = *new subscriber_table;
 
-/* --- Handles --- */
+/* Handles */
 
 static void free_unreferenced(oxni_subscriber *subscriber)
 {
@@ -114,7 +114,7 @@ uint64_t oxnih_core_excess_deletes(void)
     return s_table.excess_deletes;
 }
 
-/* --- Services --- */
+/* Services */
 
 static void tell(enum oxnih_event_kind kind, oxni_subscriber *subscriber, const std::string &name,
                  json_t *message, const char *text)
@@ -181,7 +181,7 @@ void service_receive(const service &home, oxni_subscriber *subscriber, json_t *m
     home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
 }
 
-/* --- Registration and leaving --- */
+/* Registration and leaving */
 
 /* The platform's reference for the living subscriber. */
 static void hold(oxni_subscriber *subscriber)
@@ -206,7 +206,8 @@ static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, 
         let_go(subscriber);
         return;
     }
-    /* Before the service is told: it may push in its callback, and the host may end the subscriber. */
+    /* Before the service is told: it may push in its callback, and the host may end the
+     * subscriber. */
     subscriber->home = home;
     subscriber->state = SUBSCRIBER_SUBSCRIBED;
     service_receive(*home, subscriber, message);

@@ -12,7 +12,7 @@
 
 #include <oxni/base/api.h>
 
-/* --- Folders of the run. UTF-8, absolute; copied. ------------------------------------------- */
+/* Folders of the run. UTF-8, absolute; copied. */
 
 /* "@": the installation folder. */
 OXNI_API void oxnih_set_install_dir(const char *path);
@@ -21,7 +21,7 @@ OXNI_API void oxnih_set_log_dir(const char *path);
 /* What oxni_process_path answers; NULL goes back to the real executable. */
 OXNI_API void oxnih_set_process_path(const char *path);
 
-/* --- Clock. Real until oxnih_clock_simulate is called. --------------------------------------- */
+/* Clock. Real until oxnih_clock_simulate is called. */
 
 /* Simulated from here on: UTC file time now, and milliseconds since Windows started. */
 OXNI_API void oxnih_clock_simulate(uint64_t now_100ns, uint64_t tick_ms);
@@ -45,7 +45,7 @@ OXNI_API void oxnih_clock_set_zone(const TIME_ZONE_INFORMATION *zone);
 OXNI_API BOOL oxnih_filetime_to_local(const FILETIME *utc, FILETIME *local);
 OXNI_API BOOL oxnih_local_to_filetime(const FILETIME *local, FILETIME *utc);
 
-/* --- Log. ------------------------------------------------------------------------------------ */
+/* Log. */
 
 /* line: as formatted, with its line feed; borrowed for the call. */
 typedef void (*oxnih_log_sink_fn)(int level, const char *line, void *user);
@@ -55,7 +55,7 @@ OXNI_API void oxnih_log_set_level(int level);
 /* Closes the log, so that the next agent opens its own. */
 OXNI_API void oxnih_log_close(void);
 
-/* --- Complaints: something broke the platform's rules. ---------------------------------------- */
+/* Complaints: something broke the platform's rules. */
 
 /* text: one sentence without a line feed. May be called from inside a callback. */
 typedef void (*oxnih_complaint_fn)(const char *text, void *user);
@@ -63,17 +63,17 @@ OXNI_API void oxnih_set_complaint(oxnih_complaint_fn fn, void *user);
 /* Reports one; for the platform's own libraries. Without a receiver it goes to stderr. */
 OXNI_API void oxnih_complain(const char *format, ...) OXNI_PRINTF(1, 2);
 
-/* --- End of the process by the allocation guard. ----------------------------------------------- */
+/* End of the process by the allocation guard. */
 
-/* Runs in place of ExitProcess(0), and after a bad free, which was complained about; it may throw to
- * leave the callback, and must not return. */
+/* Runs in place of ExitProcess(0), and after a bad free, which was complained about; it may throw
+ * to leave the callback, and must not return. */
 typedef void (*oxnih_exit_fn)(void *user);
 OXNI_API void oxnih_set_exit(oxnih_exit_fn fn, void *user);
 /* Nonzero when that function has been called since the last time this one was asked: what leaves a
  * callback then is the host's own way out. For the platform's own libraries. */
 OXNI_API int oxnih_exit_taken(void);
 
-/* --- Memory. ---------------------------------------------------------------------------------- */
+/* Memory. */
 
 enum oxnih_memory_mode {
     OXNIH_MEMORY_PLAIN = 0,
@@ -99,13 +99,14 @@ OXNI_API void oxnih_memory_fail(uint64_t nth, int forever);
 OXNI_API void oxnih_memory_get_stats(oxnih_memory_stats *stats);
 /* Calls fn for each place that live blocks came from, most bytes first. */
 OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);
-/* Frees every live block, as the end of the agent's process does. Nothing may use one afterwards. */
+/* Frees every live block, as the end of the agent's process does. Nothing may use one
+ * afterwards. */
 OXNI_API void oxnih_memory_drop_all(void);
 /* Blocks asked for by the library that holds that address are booked on its caller instead; for the
  * platform's own libraries, once each. */
 OXNI_API void oxnih_memory_see_through(const void *address);
 
-/* --- Identifiers. ------------------------------------------------------------------------------ */
+/* Identifiers. */
 
 /* From here on oxni_uuid_create counts up from a fixed start instead of asking Windows; 0 asks
  * Windows again. */

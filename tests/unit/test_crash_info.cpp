@@ -109,8 +109,8 @@ static std::vector<uint8_t> event(char kind, uint32_t seconds)
 
 /* Stories of one check. Records are written "oldest to newest" as letters: S start, L logon,
  * P unexpected shutdown, B blue screen, x another 1001; what precedes the last S is of an earlier
- * run and a minute older than the boot. "|" stands for the time between two polls, from the start of
- * the check on; the last stretch lasts. */
+ * run and a minute older than the boot. "|" stands for the time between two polls, from the start
+ * of the check on; the last stretch lasts. */
 static void set_log(fake_event_log *system_log, const std::string &story, size_t polls)
 {
     std::string seen;

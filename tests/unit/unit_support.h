@@ -52,7 +52,8 @@ class private_registry
     HKEY root_ = NULL;
 };
 
-/* An empty folder below the system's temporary one; removed with its files, one level of folders. */
+/* An empty folder below the system's temporary one; removed with its files, one level of
+ * folders. */
 class temporary_folder
 {
   public:

@@ -1,4 +1,5 @@
-/* Opening the host's log, time and JSON text, and the data folder. Stateless; any thread of the host. */
+/* Opening the host's log, time and JSON text, and the data folder. Stateless; any thread of the
+ * host. */
 #include "bypass_log.h"
 
 #include <oxni/base/path.h>

@@ -65,7 +65,7 @@ struct bypass_cmd {
     int64_t count;      /* for "set_count" only */
 };
 
-/* --- bypass_mgr_registry.cpp ------------------------------------------------------------------ */
+/* bypass_mgr_registry.cpp */
 
 /* Makes the table of registered products unless it is there. Result 0; -1 no memory. */
 int bypass_mgr_registry_create(void);
@@ -87,7 +87,7 @@ const oxni_xhash_entry *bypass_mgr_next_product(const oxni_xhash_entry *entry);
 oxni_subscriber *bypass_mgr_entry_subscriber(const oxni_xhash_entry *entry);
 struct suber_set *bypass_mgr_entry_record(const oxni_xhash_entry *entry);
 
-/* --- bypass_mgr_store.cpp --------------------------------------------------------------------- */
+/* bypass_mgr_store.cpp */
 
 /* Loads the document, and empties it when Windows has started since it was written. boot_time:
  * seconds since 1970 UTC. */
@@ -108,7 +108,7 @@ int bypass_mgr_stored_crash(struct crash_info *crash);
 /* Files this boot's crash record and writes the document. */
 void bypass_mgr_store_crash(const char *path, const char *create_time, const char *module_name);
 
-/* --- bypass_mgr_command.cpp ------------------------------------------------------------------- */
+/* bypass_mgr_command.cpp */
 
 /* Result 0 sent, or the subscriber is not registered; -1 a null handle or no memory. */
 int bypass_mgr_send(oxni_subscriber *subscriber, const struct bypass_cmd *request);
@@ -119,7 +119,7 @@ void bypass_mgr_send_recovery(void);
 /* "set_count" 1 to every product that is not in bypass and counts 2 or more. */
 void bypass_mgr_calibrate_counts(void);
 
-/* --- bypass_mgr_decision.cpp ------------------------------------------------------------------ */
+/* bypass_mgr_decision.cpp */
 
 /* The verdict on the last run of Windows; a status_check_cb. user: the subscriber handle whose
  * registration started the check; one reference is released. Result 0. */
@@ -130,7 +130,7 @@ int bypass_mgr_check_cb(int32_t kind, const crash_module_set &modules, const std
  * or no memory; -2 not to be reported yet. */
 int bypass_mgr_report_trigger(const struct suber_set *record);
 
-/* --- bypass_mgr_recover.cpp ------------------------------------------------------------------- */
+/* bypass_mgr_recover.cpp */
 
 /* Starts, or starts anew, the check for the recovery tag every 60 seconds. */
 void bypass_mgr_watch_recover_tag(void);
@@ -149,7 +149,7 @@ int bypass_mgr_check_driver_update(void);
 /* Seconds since 1970 UTC; 0 when the file cannot be opened or queried. path: 8-bit characters. */
 int64_t bypass_mgr_file_creation_time(const char *path);
 
-/* --- bypass_mgr_debug.cpp --------------------------------------------------------------------- */
+/* bypass_mgr_debug.cpp */
 
 /* The help text of the debug command. */
 extern const char bypass_mgr_dbg_help[];

@@ -112,7 +112,8 @@ static void start_check(oxni_subscriber *subscriber)
     (void)start_bypass_status_check(bypass_mgr_check_cb, subscriber);
 }
 
-/* The product was examined in this boot and nobody was blamed: its count and the stored one meet. */
+/* The product was examined in this boot and nobody was blamed: its count and the stored one
+ * meet. */
 static void reconcile_count(oxni_subscriber *subscriber, struct suber_set *record,
                             int64_t stored_count)
 {
@@ -168,7 +169,8 @@ static void reconcile(oxni_subscriber *subscriber, struct suber_set *record)
     reconcile_count(subscriber, record, stored_count);
 }
 
-/* A product that registers after ten days of uptime takes part in the calibration that it missed. */
+/* A product that registers after ten days of uptime takes part in the calibration that it
+ * missed. */
 static void calibrate_late_product(oxni_subscriber *subscriber, struct suber_set *record)
 {
     struct bypass_cmd request = {"set_count", NULL, CALIBRATED_COUNT};

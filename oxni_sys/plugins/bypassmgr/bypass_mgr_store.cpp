@@ -41,8 +41,8 @@ static const json_t *data_member(const char *name)
     return json_is_object(member) ? member : NULL;
 }
 
-/* Files a member of "data", whose reference is stolen, in place of an earlier one. incomplete: memory
- * ran out while it was built, and the earlier one stays: half an entry reads as none. */
+/* Files a member of "data", whose reference is stolen, in place of an earlier one. incomplete:
+ * memory ran out while it was built, and the earlier one stays: half an entry reads as none. */
 static void set_data_member(const char *name, json_t *member, int incomplete)
 {
     if (incomplete != 0) {

@@ -31,6 +31,7 @@ static const char *const s_driver_names[] = {
 };
 #define DRIVER_COUNT     5
 #define LOAD_GROUP_COUNT 4
+static_assert(ARRAYSIZE(s_driver_names) == DRIVER_COUNT, "the last one stands alone");
 
 /* Sends every message of this file. Lives as long as the process. */
 static oxni_subscriber *s_bypass_subscriber;

@@ -21,6 +21,7 @@
 #define UPLOAD_DEFER_MS        60000u
 #define REPORT_RESOURCE        "/oxni/quality_opr"
 #define REPORT_PRODUCT_VERSION "16.20.933"
+#define REPORT_TEXT_CHARS      260
 
 /* A report that was accepted and not forgotten. Everything in it is owned. */
 struct drv_info {
@@ -113,9 +114,12 @@ static void drv_info_add(char *const *names, int32_t driver_count, const char *p
     }
     report->driver_names = copies;
     report->driver_count = driver_count;
-    if (drv_info_fill(report, names, product, crash) != 0 ||
-        oxni_xhash_insert(s_drv_info_map, product, strlen(product) + 1, report) != 0)
+    if (drv_info_fill(report, names, product, crash) != 0) {
         drv_info_free(report);
+    } else if (oxni_xhash_insert(s_drv_info_map, product, strlen(product) + 1, report) != 0) {
+        LOG_WARN("Failed to zero_malloc memory");
+        drv_info_free(report);
+    }
 }
 
 /* What happened, as a list with one entry in JSON text; new, NULL when memory runs out. */
@@ -161,7 +165,7 @@ static void set_identity(json_t *data, const char *product)
     set_text(data, "reportProductType", product);
 }
 
-/* The members that are the same for every alarm, up to the time stamps and behind them. */
+/* The members that are the same for every alarm, and the time stamps among them. */
 static void set_description(json_t *data, int64_t timestamp)
 {
     set_text(data, "alarmResultTitle", "Driver Bypass");
@@ -187,7 +191,7 @@ static void set_description(json_t *data, int64_t timestamp)
 
 static void set_reporter(json_t *data)
 {
-    char device_id[CRASH_TEXT_CHARS] = "", device_crc[CRASH_TEXT_CHARS];
+    char device_id[REPORT_TEXT_CHARS] = "", device_crc[REPORT_TEXT_CHARS];
 
     (void)oxni_dev_get_id_md5(device_id, sizeof(device_id)); /* empty on failure */
     (void)oxni_str_snprintf(device_crc, sizeof(device_crc), "%u", oxni_dev_get_id_crc32());
@@ -196,18 +200,18 @@ static void set_reporter(json_t *data)
     LOG_INFO("reportDeviceId [%s], reportDeviceIdCRC[%s]", device_id, device_crc);
 }
 
-/* A new object. The order of the members is the management side's. */
+/* A new object; NULL when memory runs out. The order of the members is the management side's. */
 static json_t *build_alarm_content(char *const *names, int32_t driver_count, const char *product,
                                    const struct crash_info *crash)
 {
     json_t *content = json_object(), *data = json_object();
     boot_time_filetime boot_time;
-    char uuid_text[CRASH_TEXT_CHARS] = "", bypass_time[BYPASS_TIME_TEXT_CHARS];
+    char uuid_text[REPORT_TEXT_CHARS] = "", bypass_time[BYPASS_TIME_TEXT_CHARS];
     oxni_uuid uuid;
     int64_t timestamp;
     char *detail;
 
-    (void)get_system_process_start_time(&boot_time); /* the alarm no longer carries it */
+    (void)get_system_process_start_time(&boot_time); /* for the log lines of a failure only */
     (void)oxni_uuid_create(&uuid);
     (void)oxni_uuid_make_cstr(&uuid, uuid_text, sizeof(uuid_text));
     timestamp = oxni_time();
@@ -216,12 +220,16 @@ static json_t *build_alarm_content(char *const *names, int32_t driver_count, con
     (void)json_object_set_new(data, "v", json_integer(1));
     set_text(data, "uuId", uuid_text);
     set_text(data, "alarmResultDetail", detail);
-    bypass_json_text_free(detail);
     set_text(data, "alarmResultFile", "");
     set_identity(data, product);
     set_description(data, timestamp);
     set_reporter(data);
-    (void)json_object_set_new(content, "data", data);
+    /* An alarm without its detail would be taken for the whole one and never be repeated. */
+    if (json_object_set_new(content, "data", data) != 0 || detail == NULL) {
+        json_decref(content);
+        content = NULL;
+    }
+    bypass_json_text_free(detail);
     set_text(content, "type", "QA_ALERT_LOG");
     return content;
 }
@@ -233,7 +241,7 @@ static void upload_reply_cb(oxnir_rsp *response, void *user)
     int32_t error = oxnir_rsp_get_errno(response);
 
     if (error != 0) {
-        /* The product copy is left: a transport may still deliver its answer late. */
+        /* The product copy is left with the failed request. */
         LOG_WARN("report_abnormal_crash received a failed reply, error: %d", error);
         return;
     }
@@ -273,8 +281,12 @@ static int upload_bypass_report(char *const *names, int32_t driver_count, const 
         LOG_WARN("error: on line %d: %s", error.line, error.text);
         return -1;
     }
-    (void)json_object_set_new(json_object_get(request, "data"), "content",
-                              build_alarm_content(names, driver_count, product, crash));
+    if (json_object_set_new(json_object_get(request, "data"), "content",
+                            build_alarm_content(names, driver_count, product, crash)) != 0) {
+        LOG_WARN("Failed to zero_malloc memory");
+        json_decref(request);
+        return -1;
+    }
     log_request(request);
     user = oxni_strdup(product); /* freed by the answer */
     LOG_INFO("start upload bypass log for [%s]", product);

@@ -49,8 +49,8 @@ int upload_history_save(const char *product)
     if (history == NULL)
         history = json_object();
     bypass_time_text(oxni_time(), now, sizeof(now));
-    (void)json_object_set_new(history, product, json_string(now));
-    written = wdu_json_dump_file_ejs(history, path) == 0;
+    written = json_object_set_new(history, product, json_string(now)) == 0 &&
+              wdu_json_dump_file_ejs(history, path) == 0;
     if (!written)
         LOG_WARN("Failed to save bypass upload the history records! [%s]", product);
     wdu_json_delete_ejs(history);

@@ -16,14 +16,14 @@ struct device_info {
     char *agent_version; /* NULL when it was not told */
 };
 
-/* --- report_abnormal_crash.cpp ----------------------------------------------------------------- */
+/* report_abnormal_crash.cpp */
 
 /* Makes the table of pending reports. */
 void report_pending_create(void);
 /* Drops a product's pending report; harmless when there is none. */
 void report_pending_forget(const char *product);
 
-/* --- report_history.cpp: products whose alarm was accepted, across restarts. -------------------- */
+/* report_history.cpp: products whose alarm was accepted, across restarts. */
 
 /* 1 when the history does not hold the product, else 0; 0 for NULL. */
 int upload_history_need_report(const char *product);
@@ -32,7 +32,7 @@ int upload_history_save(const char *product);
 /* 1 when the product was in the history and was removed, else 0. */
 int upload_history_delete(const char *product);
 
-/* --- report_link.cpp ----------------------------------------------------------------------------- */
+/* report_link.cpp */
 
 /* Whether the management side has told which products it knows. */
 bool report_link_connected(void);
@@ -40,8 +40,8 @@ bool report_link_connected(void);
  * not connected. Borrowed. */
 const struct device_info *report_link_device(const char *product);
 
-/* One timer slot for two timers, the poll of the link and the deferred upload: whoever finds it
- * taken starts nothing, and the link stops whatever is in it. 0: empty. */
+/* One timer slot for two timers, the poll of the link and the deferred upload. The upload starts
+ * only when it is empty; the poll takes it over, and the link stops whatever is in it. 0: empty. */
 uint64_t report_link_timer(void);
 void report_link_set_timer(uint64_t timer);
 

@@ -43,6 +43,14 @@ static void stop_quality_timer(void)
     s_quality_timer = 0;
 }
 
+/* The platform's guard ends the process; its last line should not be lost with it. */
+static void guard_allocation(const void *block)
+{
+    if (block == NULL)
+        bypass_log_open(&s_log_ready);
+    OXNI_ALLOCATION_GUARD(block, bypass_log_base_name(__FILE__));
+}
+
 /* One element of the answer; elements without a product are nobody's. */
 static void save_device(const json_t *element)
 {
@@ -51,15 +59,15 @@ static void save_device(const json_t *element)
 
     if (product == NULL)
         return;
-    /* A table that is half filled would look like a connected management side for good. */
     device = (struct device_info *)oxni_zero_malloc_(sizeof(*device));
-    OXNI_ALLOCATION_GUARD(device, bypass_log_base_name(__FILE__));
+    guard_allocation(device);
     device->product = oxni_strdup(product);
-    OXNI_ALLOCATION_GUARD(device->product, bypass_log_base_name(__FILE__));
+    guard_allocation(device->product);
     device->device_id = oxni_strdup(json_string_value(json_object_get(element, "device_id")));
     device->agent_version =
         oxni_strdup(json_string_value(json_object_get(element, "agent_version")));
     if (oxni_xhash_insert(s_device_info_map, product, strlen(product) + 1, device) != 0) {
+        LOG_WARN("Failed to zero_malloc memory");
         device_info_free(device);
         return;
     }
@@ -117,7 +125,7 @@ static void quality_link_cb(const char *path, int32_t state)
         stop_quality_timer();
         return;
     }
-    if (oxni_xhash_count(s_device_info_map) != 0)
+    if (report_link_connected())
         return;
     ask_management();
     /* Whatever the slot holds is forgotten, not stopped: a second "online" starts a second poll. */
@@ -152,7 +160,7 @@ void report_link_set_timer(uint64_t timer)
 
 void report_init(void)
 {
-    char path[CRASH_TEXT_CHARS];
+    char path[BYPASS_PATH_CHARS];
 
     s_device_info_map = oxni_xhash_create(device_info_free, 0);
     report_pending_create();

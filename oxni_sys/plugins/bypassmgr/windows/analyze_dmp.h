@@ -17,8 +17,8 @@ typedef std::set<std::string, std::less<>> crash_module_set;
  * (a NULL or empty path too). */
 int32_t analyze_dmp_file(const wchar_t *path, uint32_t timeout_ms, crash_module_set *modules);
 
-/* What the engine prints as the stack of a dump. Result: whether every call of the engine succeeded;
- * the one that did not is logged, and text is untouched. */
+/* What the engine prints as the stack of a dump. Result: whether every call of the engine
+ * succeeded; the one that did not is logged, and text is untouched. */
 bool get_dmp_info(const wchar_t *path, uint32_t timeout_ms, std::string *text);
 
 /* Cuts the module names out of a printed stack: what stands before the first '!' of a line, or else

@@ -2,8 +2,8 @@
  * When Windows started: the creation time of the kernel's System process, or an estimate from the
  * tick count.
  *
- * A boot_time_filetime counts 100 ns since 1601-01-01 00:00 UTC. Nothing here keeps state: each call
- * reads the system afresh, on the caller's thread.
+ * A boot_time_filetime counts 100 ns since 1601-01-01 00:00 UTC. Nothing here keeps state: each
+ * call reads the system afresh, on the caller's thread.
  */
 #ifndef BOOT_TIME_H
 #define BOOT_TIME_H
@@ -31,8 +31,8 @@ uint64_t get_tick_count_ms(void);
 /* Now less the time since Windows started. */
 boot_time_filetime estimate_boot_filetime(void);
 
-/* The boot moment in seconds since 1970-01-01 00:00 UTC. Never fails: sleeps 500 ms after each of up
- * to four failed tries, then estimates. */
+/* The boot moment in seconds since 1970-01-01 00:00 UTC. Never fails: sleeps 500 ms after each of
+ * up to four failed tries, then estimates. */
 uint64_t get_bootup_time(void);
 
 /* The boot moment as a boot_time_filetime. Never fails: one try, then the estimate. */

@@ -5,7 +5,6 @@
 #include "bypass_log.h"
 
 #include <stdlib.h>
-#include <string.h>
 #include <wchar.h>
 #include <windows.h>
 
@@ -18,14 +17,13 @@
 #define DRIVER_NAME          L"load_driver"
 #define DRIVER_KEY           SERVICES_KEY DRIVER_NAME
 #define STANDARD_CRASH_COUNT 3
-#define PATH_CHARS           260
 #define VALUE_CHARS          32
 #define TRIES                3
 #define TRY_PAUSE_MS         10
 #define STATE_PAUSE_S        1
 
-/* Path of the record file; empty when the executable's own is not known, so that no other folder is
- * touched in its place. */
+/* Path of the record file; empty when the executable's own is not known or the path does not fit,
+ * so that no other file is touched in its place. */
 static void crash_config_path(wchar_t *buffer)
 {
     char executable[BYPASS_PATH_CHARS], folder[BYPASS_PATH_CHARS];
@@ -35,9 +33,10 @@ static void crash_config_path(wchar_t *buffer)
         oxni_path_directory(executable, folder, sizeof(folder)) != 0)
         return;
     wchar_t *wide = oxni_str_utf8_to_unicode(folder);
-    if (wide != NULL)
-        (void)_snwprintf(buffer, PATH_CHARS - 1, L"%ls\\%ls", wide, CRASH_CONFIG_NAME);
-    buffer[PATH_CHARS - 1] = L'\0';
+    if (wide != NULL &&
+        _snwprintf(buffer, BYPASS_PATH_CHARS - 1, L"%ls\\crash_config.cfg", wide) < 0)
+        buffer[0] = L'\0';
+    buffer[BYPASS_PATH_CHARS - 1] = L'\0';
     oxni_str_free(wide);
 }
 
@@ -83,7 +82,7 @@ static int is_open_service_stopped(SC_HANDLE service, const wchar_t *name, int32
 
 int read_load_driver_crash_config(crash_config_record *record)
 {
-    wchar_t path[PATH_CHARS];
+    wchar_t path[BYPASS_PATH_CHARS];
 
     crash_config_path(path);
     return read_crash_config(record, path);
@@ -91,7 +90,7 @@ int read_load_driver_crash_config(crash_config_record *record)
 
 int write_load_driver_crash_config(crash_config_record *record)
 {
-    wchar_t path[PATH_CHARS];
+    wchar_t path[BYPASS_PATH_CHARS];
 
     crash_config_path(path);
     return write_crash_config(record, path);
@@ -213,13 +212,13 @@ uint32_t set_load_driver_crashflag(void)
 
 uint32_t create_service_crashflag(const wchar_t *service)
 {
-    wchar_t path[PATH_CHARS] = {};
+    wchar_t path[BYPASS_PATH_CHARS] = {};
     HKEY key = NULL;
     LSTATUS error;
 
     if (service == NULL)
         return ERROR_INVALID_PARAMETER;
-    (void)_snwprintf(path, PATH_CHARS - 1, L"%ls%ls", SERVICES_KEY, service);
+    (void)_snwprintf(path, BYPASS_PATH_CHARS - 1, L"%ls%ls", SERVICES_KEY, service);
     error = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_CREATE_SUB_KEY, &key);
     if (error != ERROR_SUCCESS) {
         LOG_ERROR("open reg key %S failed %x.", path, (unsigned)error);
@@ -232,17 +231,18 @@ uint32_t create_service_crashflag(const wchar_t *service)
 
 uint32_t delete_service_crashflag(const wchar_t *service)
 {
-    wchar_t path[PATH_CHARS] = {};
+    wchar_t path[BYPASS_PATH_CHARS] = {};
 
     if (service == NULL)
         return ERROR_INVALID_PARAMETER;
-    (void)_snwprintf(path, PATH_CHARS - 1, L"%ls%ls\\%ls", SERVICES_KEY, service, CRASHFLAG_KEY);
+    (void)_snwprintf(path, BYPASS_PATH_CHARS - 1, L"%ls%ls\\%ls", SERVICES_KEY, service,
+                     CRASHFLAG_KEY);
     return delete_crashflag_key(path);
 }
 
 uint32_t recover_load_driver(void)
 {
-    wchar_t path[PATH_CHARS];
+    wchar_t path[BYPASS_PATH_CHARS];
 
     (void)delete_service_crashflag(DRIVER_NAME); /* the mark goes with the next restart anyway */
     crash_config_path(path);

@@ -14,16 +14,17 @@
 int read_load_driver_crash_config(crash_config_record *record);
 int write_load_driver_crash_config(crash_config_record *record);
 
-/* Reads a decimal number that the service key holds as text of at most 30 characters; no digits give
- * 0. Result: 0, also when it is no text: value is untouched then; otherwise the Windows error code. */
+/* Reads a decimal number that the service key holds as text of at most 30 characters; no digits
+ * give 0. Result: 0, also when it is no text: value is untouched then; otherwise the Windows error
+ * code. */
 uint32_t read_load_driver_value(const wchar_t *name, uint32_t *value);
 
 /* The crash count from which on the driver counts as crashing; 3 unless the service key says
  * otherwise. */
 uint32_t get_load_driver_crash_threshold(void);
 
-/* 1 when the driver has reached its threshold and its service is stopped, otherwise 0. wait_count as
- * for is_service_stopped. */
+/* 1 when the driver has reached its threshold and its service is stopped, otherwise 0. wait_count
+ * as for is_service_stopped. */
 int check_load_driver_bypass(uint32_t wait_count);
 
 /* Whether a service is stopped; one that starts or stops is asked at most wait_count times, once a

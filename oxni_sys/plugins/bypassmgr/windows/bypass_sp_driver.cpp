@@ -16,7 +16,6 @@
 #define DRIVER_KEY          L"SYSTEM\\CurrentControlSet\\Services\\oxnisp_driver"
 #define PRODUCT_KEY         L"SOFTWARE\\QUORVEL\\XNI\\"
 #define CRASH_COUNT         2
-#define PATH_CHARS          260
 
 /* Opens the product's key, or creates it: a machine may hold nothing else of the product's there,
  * and what the mark needs goes with the restart like the mark. */
@@ -57,17 +56,17 @@ int get_oxnisp_crash_config_path(wchar_t *buffer, int32_t size)
 
 int read_oxnisp_crash_config(crash_config_record *record)
 {
-    wchar_t path[PATH_CHARS] = {};
+    wchar_t path[BYPASS_PATH_CHARS] = {};
 
-    (void)get_oxnisp_crash_config_path(path, PATH_CHARS); /* without a path nothing opens */
+    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS); /* without a path nothing opens */
     return read_crash_config(record, path);
 }
 
 int write_oxnisp_crash_config(crash_config_record *record)
 {
-    wchar_t path[PATH_CHARS] = {};
+    wchar_t path[BYPASS_PATH_CHARS] = {};
 
-    (void)get_oxnisp_crash_config_path(path, PATH_CHARS);
+    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS);
     return write_crash_config(record, path);
 }
 
@@ -118,9 +117,9 @@ uint32_t delete_oxnisp_crashflag(void)
 
 uint32_t recover_oxnisp_driver(void)
 {
-    wchar_t path[PATH_CHARS] = {};
+    wchar_t path[BYPASS_PATH_CHARS] = {};
 
     (void)delete_oxnisp_crashflag(); /* the mark goes with the next restart anyway */
-    (void)get_oxnisp_crash_config_path(path, PATH_CHARS);
+    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS);
     return delete_crash_record(path, "oxnisp_driver");
 }

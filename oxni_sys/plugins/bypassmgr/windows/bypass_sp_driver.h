@@ -26,8 +26,8 @@ int write_oxnisp_crash_config(crash_config_record *record);
 /* The crash count from which on the driver counts as crashing; fixed. */
 uint32_t get_oxnisp_driver_crash_threshold(void);
 
-/* 1 when the driver has reached its threshold and its service is stopped, otherwise 0. wait_count as
- * for is_service_stopped. */
+/* 1 when the driver has reached its threshold and its service is stopped, otherwise 0. wait_count
+ * as for is_service_stopped. */
 int check_oxnisp_driver_bypass(uint32_t wait_count);
 
 /* As get_errortime_string, for this driver. */

@@ -1,6 +1,6 @@
 /*
- * How the previous run of Windows ended: the timed check after boot (crash_info.cpp), the crash dump
- * and the record of its time (crash_info_dump.cpp), and the crash records that the platform's
+ * How the previous run of Windows ended: the timed check after boot (crash_info.cpp), the crash
+ * dump and the record of its time (crash_info_dump.cpp), and the crash records that the platform's
  * drivers keep in files (crash_info_record.cpp).
  *
  * Runs on the host's threads that deliver timers and messages, one call at a time. File times count
@@ -18,10 +18,7 @@
 #include "win_event_parse.h"
 #include "analyze_dmp.h"
 
-/* The crash record file of either driver, in its own folder. */
-#define CRASH_CONFIG_NAME L"crash_config.cfg"
-
-/* --- The check after boot. ------------------------------------------------------------------- */
+/* The check after boot. */
 
 enum status_check_result {
     STATUS_CHECK_NORMAL = 0,              /* neither crash nor unexpected shutdown */
@@ -46,7 +43,7 @@ typedef int (*status_check_cb)(int32_t result, const crash_module_set &modules,
  * called with STATUS_CHECK_FAILED already. */
 int32_t start_bypass_status_check(status_check_cb callback, void *user);
 
-/* --- Crash dumps. ---------------------------------------------------------------------------- */
+/* Crash dumps. */
 
 /* One dump file; the path is empty and the time 0 when there is none. */
 struct crash_dump_info {
@@ -100,7 +97,7 @@ int set_dumprecord_time(int64_t dump_time);
 /* Whether a file was written at or after the start of Windows; false when it cannot be read. */
 bool is_file_updated_since_boot(const wchar_t *path);
 
-/* --- Crash records of the platform's drivers. ------------------------------------------------- */
+/* Crash records of the platform's drivers. */
 
 /* A crash_config.cfg after decoding. What the driver keeps for itself is preserved. */
 #pragma pack(push, 1)
