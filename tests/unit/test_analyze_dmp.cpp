@@ -88,7 +88,7 @@ TEST(test_get_dmp_info, calls_and_failures)
         "release client4",
         "wait 0 300000",
         "get stack 0 99",
-        "print stack 0 1234 2 90",
+        "print stack 1 1234 2 90",
     };
     log_capture log;
 

@@ -15,6 +15,8 @@
 #define FRAMES_REQUESTED 99
 /* Each frame's line begins with its call site: neither addresses nor numbers before it. */
 #define STACK_COLUMNS (DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS)
+/* The text is for every client of the session, which has this one only. */
+#define STACK_OUTPUT_CONTROL DEBUG_OUTCTL_ALL_CLIENTS
 /* What stands for the engine's result when there is no engine. */
 #define NO_ENGINE ((HRESULT)1)
 
@@ -52,7 +54,11 @@ class CDebugOutputCallbacks final : public IDebugOutputCallbacks
 
     HRESULT STDMETHODCALLTYPE Output(ULONG, PCSTR text) override
     {
-        text_.append(text);
+        try {
+            text_.append(text);
+        } catch (const std::bad_alloc &) {
+            return E_OUTOFMEMORY; /* nothing may be thrown through the engine */
+        }
         return S_OK;
     }
 
@@ -153,7 +159,7 @@ static HRESULT print_stack(IDebugControl *control, uint32_t timeout_ms)
         LOG_ERROR("GetStackTrace failed with hr = 0x%08x. ", (unsigned)hr);
         return hr;
     }
-    hr = control->OutputStackTrace(DEBUG_OUTCTL_THIS_CLIENT, frames, filled, STACK_COLUMNS);
+    hr = control->OutputStackTrace(STACK_OUTPUT_CONTROL, frames, filled, STACK_COLUMNS);
     if (hr != S_OK)
         LOG_ERROR("OutputStackTrace failed with hr = 0x%08x. ", (unsigned)hr);
     return hr;

@@ -7,6 +7,7 @@
 
 #include <codecvt>
 #include <locale>
+#include <stdexcept>
 
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
@@ -77,10 +78,16 @@ static bool is_dump_newer(const crash_dump_info &dump, int64_t threshold)
     return !dump.path.empty() && threshold < (int64_t)dump.write_time;
 }
 
-/* Throws std::range_error for what is not UTF-16. */
+/* Throws std::range_error for what is not UTF-16. The converter itself says nothing of half a pair at
+ * the very end and leaves it out. */
 static std::string utf8_path(const std::wstring &path)
 {
-    return std::wstring_convert<std::codecvt_utf8_utf16<wchar_t>>().to_bytes(path);
+    std::wstring_convert<std::codecvt_utf8_utf16<wchar_t>> converter;
+    std::string utf8 = converter.to_bytes(path);
+
+    if (converter.converted() != path.size())
+        throw std::range_error("bad conversion");
+    return utf8;
 }
 
 uint32_t read_reg_string_value(HKEY key, const wchar_t *name, std::wstring *text)
@@ -233,7 +240,7 @@ uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_modu
     if (is_dump_newer(complete, threshold)) {
         if (analyze_dmp_file(complete.path.c_str(), timeout_ms, modules) != 1)
             return 0;
-        /* The minidump's path here too: what is reported names the small file of the two. */
+        /* The minidump's path here too: empty, or an older one's. */
         *dump_path = utf8_path(minidump.path);
         *dump_time = complete.write_time;
         return 1;
@@ -270,13 +277,13 @@ int set_dumprecord_time(int64_t dump_time)
 {
     char path[BYPASS_PATH_CHARS];
     json_t *record = json_object();
-    int written;
+    int written = 0;
 
     if (record == NULL)
         return 0;
     (void)get_dumprecord_path(path, sizeof(path));
-    (void)json_object_set_new(record, DUMPRECORD_TIME, json_integer(dump_time));
-    written = wdu_json_dump_file_ejs(record, path) == 0 ? 1 : 0;
+    if (json_object_set_new(record, DUMPRECORD_TIME, json_integer(dump_time)) == 0)
+        written = wdu_json_dump_file_ejs(record, path) == 0 ? 1 : 0;
     wdu_json_delete_ejs(record);
     return written;
 }

@@ -77,12 +77,13 @@ static bool is_expected_record(const EVENTLOGRECORD &header, const wchar_t *prov
     const uint32_t left = (header.Length - (uint32_t)sizeof(header)) / (uint32_t)sizeof(wchar_t);
     /* left is no bound for a Length below the header's: it wraps. */
     const size_t bound = std::min<size_t>(left, available);
-    const size_t length = oxni_wcsnlen(provider, bound);
+    size_t length;
 
     if (provider == NULL) {
         LOG_WARN("event id[%d] provider string is null!", (int)header.EventID);
         return false;
     }
+    length = oxni_wcsnlen(provider, bound);
     if (length >= bound) {
         LOG_WARN(
             "provider string length invalid! event id[%d] provider len[%d] record len[%d] left "
@@ -262,15 +263,16 @@ uint32_t find_expected_event(const uint8_t *buffer, uint32_t size, uint32_t *eve
         const EVENTLOGRECORD header = record_header(at);
         const size_t left = size - offset;
 
-        /* Nothing behind such a record can be found; with a length of zero not even itself. */
-        if (header.Length == 0 || header.Length > left)
-            break;
         if (is_expected_record(header, name, (left - sizeof(header)) / sizeof(wchar_t), expected)) {
             *event_id = header.EventID & 0xFFFF;
             *provider = name;
             *record = at;
             return 0;
         }
+        /* Behind one that reaches beyond the block there is none; behind one without a length it
+         * would be itself, for ever. */
+        if (header.Length == 0 || header.Length > left)
+            break;
         offset += header.Length;
     }
     return ERROR_INVALID_DATA;
