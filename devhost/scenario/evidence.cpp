@@ -248,19 +248,16 @@ uint32_t evidence_record_count(const std::string &bytes)
     return count;
 }
 
-/* Places of the run that a scenario names: "{base}" and "{bin}". */
-static std::wstring place_of(const json_value &file, const char *member)
+std::wstring evidence_place(const std::string &path)
 {
-    std::string path = node_text_of(&file, member, "");
-
-    path = text_replace(path, "{base}", agent_base_folder());
-    return text_wide(text_replace(path, "{bin}", agent_bin_folder()));
+    return text_wide(text_replace(text_replace(path, "{base}", agent_base_folder()), "{bin}",
+                                  agent_bin_folder()));
 }
 
 void evidence_add_file(const struct scenario &scenario, const std::string &where,
                        const json_value &file)
 {
-    std::wstring path = place_of(file, "path");
+    std::wstring path = evidence_place(node_text_of(&file, "path", ""));
     uint64_t written = play_time(scenario, where + "/written", node_member(&file, "written"),
                                  oxnih_clock_now_100ns());
     uint64_t created =

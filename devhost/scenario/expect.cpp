@@ -288,8 +288,7 @@ static void check_keys(const expect_context &context)
 static void check_files(const expect_context &context)
 {
     for (const auto &member : context.value.GetObject()) {
-        std::string path = text_replace(member.name.GetString(), "{base}", agent_base_folder());
-        std::wstring wide = text_wide(text_replace(path, "{bin}", agent_bin_folder()));
+        std::wstring wide = evidence_place(member.name.GetString());
         bool there = machine_file_exists(wide);
         bool wanted = !member.value.IsBool() || member.value.GetBool();
         std::string name = member.name.GetString();

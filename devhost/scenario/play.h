@@ -92,6 +92,8 @@ void evidence_set_value(const struct scenario &scenario, const std::string &wher
  * crash: of that run, or NULL. */
 void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
+/* A path of the machine in which "{base}" and "{bin}" are replaced. */
+std::wstring evidence_place(const std::string &path);
 /* The count in the bytes of a driver's crash record; 0 for another size. */
 uint32_t evidence_record_count(const std::string &bytes);
 /* The record of a clean shutdown. */

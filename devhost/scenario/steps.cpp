@@ -100,16 +100,9 @@ static void step_file(const step_context &context)
     evidence_add_file(context.scenario, context.where + "/file", context.value);
 }
 
-static std::wstring path_of(const std::string &text)
-{
-    std::string path = text_replace(text, "{base}", agent_base_folder());
-
-    return text_wide(text_replace(path, "{bin}", agent_bin_folder()));
-}
-
 static void step_delete_file(const step_context &context)
 {
-    machine_delete_file(path_of(context.value.GetString()));
+    machine_delete_file(evidence_place(context.value.GetString()));
     say(std::string("file ") + context.value.GetString() + " is deleted");
 }
 
@@ -119,10 +112,11 @@ static void step_copy_file(const step_context &context)
     std::string to = node_text_of(&context.step, "to", "");
     uint64_t now = oxnih_clock_now_100ns();
 
-    machine_write_file(path_of(to),
-                       machine_read_real_file(machine_real_path(path_of(context.value.GetString())),
-                                              EXIT_BAD_CALL),
-                       now, now);
+    machine_write_file(
+        evidence_place(to),
+        machine_read_real_file(machine_real_path(evidence_place(context.value.GetString())),
+                               EXIT_BAD_CALL),
+        now, now);
     say(std::string("file ") + context.value.GetString() + " is copied to " + to);
 }
 
