@@ -23,10 +23,11 @@
 struct arguments {
     std::vector<std::string> files;
     std::vector<std::string> defines; /* NAME=VALUE */
-    std::string log = "warn";
+    std::string log = "none";
     std::string memory = "plain";
     bool json = false;
     bool quiet = false;
+    bool messages = false;
     struct session_options session = {};
 };
 
@@ -102,6 +103,7 @@ static void prepare(arguments &arguments)
     view.json = arguments.json;
     view.trace = arguments.session.trace;
     view.colour = !arguments.json && _isatty(_fileno(stdout)) && getenv("NO_COLOR") == NULL;
+    view.messages = arguments.messages;
     view.quiet = arguments.quiet;
     view_open(view);
     record_set_view(view_happening, NULL);
@@ -122,6 +124,7 @@ static void add_common_options(CLI::App &command, arguments &arguments)
     command.add_option("--plugin", arguments.session.plugin_path,
                        "The DLL; else the one beside this program");
     command.add_option("--keep", arguments.session.keep, "Folder for the run's files, kept");
+    command.add_flag("--messages", arguments.messages, "Shows messages as they stand");
     command.add_flag("--trace", arguments.session.trace, "Shows every call of the plug-in");
 }
 

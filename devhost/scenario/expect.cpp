@@ -77,9 +77,7 @@ static void check_messages(const expect_context &context, enum happening_kind ki
             fail(context, place + " did not come, expected " + node_to_text(expected));
             return;
         }
-        std::string whom = kind == HAPPENED_COMMAND
-                               ? text_replace(found[index]->text, "orders ", "")
-                               : found[index]->who;
+        const std::string &whom = kind == HAPPENED_COMMAND ? found[index]->whom : found[index]->who;
         message_json(*found[index], whom_member, whom, actual);
         check(context, match_json(expected, actual, place));
         index++;

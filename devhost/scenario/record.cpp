@@ -29,10 +29,10 @@ const std::vector<happening> &record_all(void)
 }
 
 void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
-                const std::string &json, int32_t number)
+                const std::string &json, int32_t number, const std::string &whom)
 {
     s_all.push_back({kind, s_boot, oxnih_clock_tick_ms(), oxnih_clock_now_100ns(), who,
-                     shorten(text), shorten(json), number});
+                     shorten(text), shorten(json), number, whom});
     if (s_view != NULL)
         s_view(s_all.back(), s_view_user);
 }

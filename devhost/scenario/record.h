@@ -40,6 +40,7 @@ struct happening {
     std::string text; /* for reading, one line */
     std::string json; /* the message, when there is one */
     int32_t number;   /* error of a reply, level of a log line, state of a link */
+    std::string whom; /* the product that a command is for */
 };
 
 typedef void (*record_view_fn)(const happening &what, void *user);
@@ -49,7 +50,7 @@ const std::vector<happening> &record_all(void);
 
 /* Adds a happening of now. */
 void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
-                const std::string &json = "", int32_t number = 0);
+                const std::string &json = "", int32_t number = 0, const std::string &whom = "");
 
 /* Which boot it is from here on. */
 void record_set_boot(int boot);

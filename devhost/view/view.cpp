@@ -85,11 +85,11 @@ static void show_text(const happening &what)
 
     if (what.kind == HAPPENED_BOOT)
         printf("\n");
-    if (!what.json.empty())
-        text += " " + what.json;
+    if (!what.json.empty() && s_options.messages)
+        text += "\n" + what.json;
     printf("%s%s  %-11s %s%s\n", s_options.colour ? colour_of(what.kind) : "",
-           time_span(what.ms).c_str(), what.who.c_str(), text_replace(text, "\n", "\\n").c_str(),
-           s_options.colour ? "\x1b[0m" : "");
+           time_span(what.ms).c_str(), what.who.c_str(),
+           text_replace(text, "\n", "\n              ").c_str(), s_options.colour ? "\x1b[0m" : "");
 }
 
 void view_open(const struct view_options &options)

@@ -11,6 +11,7 @@ struct view_options {
     int log_level; /* plug-in lines up to this enum oxni_log_level are shown; -1: none */
     bool json;     /* one JSON object a line in place of text */
     bool trace;    /* calls are shown */
+    bool messages; /* the JSON of messages stands below its line */
     bool colour;
     bool quiet; /* nothing but failures and the last line */
 };
