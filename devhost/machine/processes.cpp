@@ -18,8 +18,6 @@ static std::set<HANDLE> s_managers;
 static std::set<HANDLE> s_tokens;
 /* Privilege names in the order in which they got a LUID; its low part is the place, from 1. */
 static std::vector<std::string> s_privileges;
-/* Queries of a service so far. */
-static std::map<std::wstring, size_t> s_queries;
 
 static BOOL fail_with(DWORD error)
 {
@@ -173,11 +171,12 @@ static BOOL WINAPI stand_in_QueryServiceStatus(SC_HANDLE handle, SERVICE_STATUS 
 
     if (service == s_services.end())
         return fail_with(ERROR_INVALID_HANDLE);
-    const std::vector<DWORD> &states = machine_get().services[service->second];
-    size_t query = s_queries[service->second]++;
+    std::vector<DWORD> &states = machine_get().services[service->second];
     ZeroMemory(status, sizeof(*status));
     status->dwServiceType = SERVICE_KERNEL_DRIVER;
-    status->dwCurrentState = states[query < states.size() ? query : states.size() - 1];
+    status->dwCurrentState = states.front();
+    if (states.size() > 1)
+        states.erase(states.begin());
     return TRUE;
 }
 

@@ -87,9 +87,13 @@ static void set_services(const json_value &machine_json)
     if (services == NULL)
         return;
     for (const auto &service : services->GetObject()) {
-        std::vector<DWORD> &list =
-            machine_get().services[text_lower(text_wide(service.name.GetString()))];
+        std::wstring name = text_lower(text_wide(service.name.GetString()));
 
+        if (service.value.IsNull()) {
+            machine_get().services.erase(name);
+            continue;
+        }
+        std::vector<DWORD> &list = machine_get().services[name];
         list.clear();
         for (const json_value &state : service.value.GetArray())
             for (DWORD number = 1; number < ARRAYSIZE(states); number++)

@@ -14,7 +14,7 @@
 
 /* How it behaves at present. */
 static struct {
-    bool link;
+    int32_t link;        /* state of the link's resource; 0: down */
     bool silent;         /* answers nothing at all */
     std::string devices; /* JSON array text */
     std::string echo;    /* in place of the usual answer */
@@ -69,6 +69,7 @@ void management_change(const json_value &said)
     const json_value *devices = node_member(&said, "devices");
     const json_value *answer = node_member(&said, "answer");
     const json_value *echo = node_member(&said, "echo");
+    const json_value *link = node_member(&said, "link");
 
     s_management.silent = node_flag_of(&said, "silent", s_management.silent);
     if (devices != NULL)
@@ -85,9 +86,9 @@ void management_change(const json_value &said)
         s_management.answer = answer->IsNull() ? "" : node_to_text(*answer);
     s_management.error = static_cast<int32_t>(node_integer_of(&said, "error", s_management.error));
     s_management.delay = node_number_of(&said, "delay", s_management.delay);
-    if (node_member(&said, "link") != NULL) {
-        s_management.link = node_flag_of(&said, "link", false);
-        oxnih_res_set_state(LINK_PATH, s_management.link ? 1 : 0);
+    if (link != NULL) {
+        s_management.link = link->IsBool() ? link->GetBool() : link->GetInt();
+        oxnih_res_set_state(LINK_PATH, s_management.link);
     }
 }
 
@@ -99,6 +100,7 @@ void management_open(const struct scenario &scenario)
     s_management.devices = "[]";
     s_management.answer = "{\"errcode\": 0}";
     s_management.echo_delay = s_management.delay = 0.1;
+    oxnih_res_set_state(LINK_PATH, 0); /* the platform keeps what the scenario before left */
     if (said != NULL)
         management_change(*said);
 }
@@ -107,5 +109,5 @@ void management_agent_started(void)
 {
     oxnih_res_set_handler(ALARM_PATH, answer_alarm, NULL);
     oxnih_dbg_set_handler("oxni", answer_console, NULL);
-    oxnih_res_set_state(LINK_PATH, s_management.link ? 1 : 0);
+    oxnih_res_set_state(LINK_PATH, s_management.link);
 }

@@ -70,6 +70,9 @@ std::vector<std::string> product_keys(void);
 std::string product_summary(const std::string &key);
 /* The product's key for a handle; namespace and name when it is nobody's. */
 std::string product_of(struct oxni_subscriber *subscriber);
+/* Pushes a message as it stands to a subscriber that product_of calls so, as the plug-in would.
+ * Result: whether it was seen since the agent's start. */
+bool subscriber_order(const std::string &whom, const json_value &message);
 
 /* management.cpp: the other end of the link. */
 

@@ -5,8 +5,10 @@
 #include "play.h"
 
 #include <list>
+#include <map>
 
 #include <oxni/base/json.h>
+#include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
 
 #include "../../platform/liboxni_core/host.h"
@@ -34,6 +36,9 @@ struct product {
 
 static const struct scenario *s_scenario;
 static std::vector<product> s_products;
+/* Handles that were seen since the agent's start, the plug-in's own subscribers among them, by what
+ * product_of calls them. */
+static std::map<std::string, oxni_subscriber *> s_seen;
 
 static product &product_find(const std::string &key)
 {
@@ -230,6 +235,7 @@ void products_agent_stopped(void)
 {
     for (product &product : s_products)
         product.subscriber = NULL;
+    s_seen.clear();
     s_answers.clear();
 }
 
@@ -317,9 +323,28 @@ std::string product_of(oxni_subscriber *subscriber)
 {
     const product *product = product_by_handle(subscriber);
     const oxni_subscriber_attr *attr;
+    std::string name = "nobody";
 
-    if (product != NULL)
-        return product->key;
-    attr = oxni_subscriber_get_attr(subscriber);
-    return attr != NULL ? text_format("%s/%s", attr->ns, attr->name) : "nobody";
+    if (product != NULL) {
+        name = product->key;
+    } else {
+        attr = oxni_subscriber_get_attr(subscriber);
+        if (attr != NULL)
+            name = text_format("%s/%s", attr->ns, attr->name);
+    }
+    s_seen[name] = subscriber;
+    return name;
+}
+
+bool subscriber_order(const std::string &whom, const json_value &message)
+{
+    auto seen = s_seen.find(whom);
+    json_t *json;
+
+    if (seen == s_seen.end())
+        return false;
+    json = message_of(node_to_text(message));
+    (void)oxni_subscribee_pushback(seen->second, json, NULL, NULL);
+    json_decref(json);
+    return true;
 }

@@ -51,6 +51,14 @@ static void step_send(const step_context &context)
     product_send(context.value.GetString(), *node_member(&context.step, "message"));
 }
 
+static void step_order(const step_context &context)
+{
+    need_agent(context);
+    if (!subscriber_order(context.value.GetString(), *node_member(&context.step, "message")))
+        scenario_bad(context.scenario, context.where + "/order",
+                     std::string("nobody has registered as \"") + context.value.GetString() + "\"");
+}
+
 static void step_tell(const step_context &context)
 {
     need_agent(context);
@@ -81,9 +89,10 @@ static void step_management(const step_context &context)
 
 static void step_link(const step_context &context)
 {
-    rapidjson::Document change;
+    rapidjson::Document change(rapidjson::kObjectType);
 
-    change.Parse(context.value.GetBool() ? "{\"link\":true}" : "{\"link\":false}");
+    change.AddMember("link", json_value(context.value, change.GetAllocator()),
+                     change.GetAllocator());
     management_change(change);
 }
 
@@ -183,6 +192,7 @@ static const struct {
     {"agent",           step_agent          },
     {"register",        step_register       },
     {"send",            step_send           },
+    {"order",           step_order          },
     {"tell",            step_tell           },
     {"unsubscribe",     step_unsubscribe    },
     {"console",         step_console        },
@@ -208,6 +218,7 @@ static const struct {
     const char *step, *member;
 } s_needed[] = {
     {"send",      "message"},
+    {"order",     "message"},
     {"product",   "set"    },
     {"copy_file", "to"     },
 };
