@@ -270,7 +270,7 @@ static int upload_bypass_report(char *const *names, int32_t driver_count, const 
         "{\"product_name\": \"KVD\", \"opr\": \"upload\", \"data\": "
         "{\"task_name\": \"XNI\", \"data_type\": \"data\", "
         "\"content\": {}}}";
-    json_error_t error;
+    json_error_t error = {};
     json_t *request;
     char *user;
 
