@@ -1,6 +1,7 @@
 /* The import table of the running executable. */
 #include "import_patch.h"
 
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,25 +17,7 @@ static void write_entry(uintptr_t *entry, uintptr_t value)
     VirtualProtect(entry, sizeof(*entry), protection, &protection);
 }
 
-/* The entry of that name in one library's part of the table, or NULL. */
-static uintptr_t *find_in_library(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR *library,
-                                  const char *name)
-{
-    const uintptr_t *names = reinterpret_cast<uintptr_t *>(base + library->OriginalFirstThunk);
-    uintptr_t *entries = reinterpret_cast<uintptr_t *>(base + library->FirstThunk);
-
-    for (size_t i = 0; names[i] != 0; i++) {
-        if (IMAGE_SNAP_BY_ORDINAL64(names[i]))
-            continue;
-        const IMAGE_IMPORT_BY_NAME *by_name =
-            reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + names[i]);
-        if (strcmp(reinterpret_cast<const char *>(by_name->Name), name) == 0)
-            return &entries[i];
-    }
-    return NULL;
-}
-
-static uintptr_t *find_entry(const char *name)
+static uintptr_t *find_entry(const char *wanted)
 {
     uint8_t *base = reinterpret_cast<uint8_t *>(GetModuleHandleW(NULL));
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
@@ -45,9 +28,14 @@ static uintptr_t *find_entry(const char *name)
         reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(base + directory->VirtualAddress);
 
     for (; library->Name != 0; library++) {
-        uintptr_t *entry = find_in_library(base, library, name);
-        if (entry != NULL)
-            return entry;
+        const uintptr_t *name = reinterpret_cast<uintptr_t *>(base + library->OriginalFirstThunk);
+        uintptr_t *entry = reinterpret_cast<uintptr_t *>(base + library->FirstThunk);
+        for (; *name != 0; name++, entry++) {
+            const uint8_t *text = base + *name + offsetof(IMAGE_IMPORT_BY_NAME, Name);
+            if (!IMAGE_SNAP_BY_ORDINAL64(*name) &&
+                strcmp(reinterpret_cast<const char *>(text), wanted) == 0)
+                return entry;
+        }
     }
     return NULL;
 }

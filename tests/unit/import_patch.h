@@ -23,12 +23,6 @@ class import_patch
     import_patch(const import_patch &) = delete;
     import_patch &operator=(const import_patch &) = delete;
 
-    /* The function that was replaced. */
-    template <typename Function> Function *real() const
-    {
-        return reinterpret_cast<Function *>(original_);
-    }
-
   private:
     void replace(const char *name, uintptr_t replacement);
 

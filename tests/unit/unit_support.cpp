@@ -3,10 +3,16 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+
+#include <gtest/gtest.h>
 
 #include <oxni/base/log.h>
 
 #include "liboxnibase/host.h"
+
+static block s_log_bytes; /* what ReadEventLogW still has to give */
+static std::string s_last_line;
 
 static void require(bool condition, const char *what)
 {
@@ -22,185 +28,153 @@ static int every_level(void)
     return OXNI_LOG_DEBUG;
 }
 
-log_capture::log_capture() : level_patch_("oxni_log_level_get", every_level)
+static void keep_line(int, const char *line, void *)
 {
-    oxnih_log_set_sink(receive, this);
+    s_last_line = line;
 }
 
-log_capture::~log_capture()
-{
-    oxnih_log_set_sink(NULL, NULL);
-}
+static HKEY s_machine_key;
 
-std::vector<std::string> log_capture::take()
-{
-    std::vector<std::string> taken;
+/* For all tests: what is logged stays here, and HKEY_LOCAL_MACHINE is a key of ours. */
+struct unit_environment : public testing::Environment {
+    void SetUp() override
+    {
+        const std::string path = "Software\\bypass_unit_" + std::to_string(GetCurrentProcessId());
 
-    taken.swap(lines_);
-    return taken;
-}
-
-/* line: "[time] [word] [pid:n] [tid:n] [vkl] [file:n] message\n" */
-void log_capture::receive(int, const char *line, void *user)
-{
-    const std::string text = line;
-    const size_t word = text.find("] [") + 3;
-    const size_t message = text.find("] ", text.find("[vkl] [") + 7) + 2;
-
-    static_cast<log_capture *>(user)->lines_.push_back(
-        text.substr(word, text.find(']', word) - word) + " " +
-        text.substr(message, text.size() - message - 1));
-}
-
-private_registry::private_registry()
-{
-    wchar_t path[64];
-
-    _snwprintf(path, 64, L"Software\\bypass_unit_%lu", GetCurrentProcessId());
-    require(RegCreateKeyExW(HKEY_CURRENT_USER, path, 0, NULL, REG_OPTION_NON_VOLATILE,
-                            KEY_ALL_ACCESS, NULL, &root_, NULL) == 0,
-            "private key not created");
-    RegDeleteTreeW(root_, NULL);
-    require(RegOverridePredefKey(HKEY_LOCAL_MACHINE, root_) == 0, "machine key not redirected");
-}
-
-private_registry::~private_registry()
-{
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, NULL);
-    RegDeleteTreeW(root_, NULL);
-    RegDeleteKeyW(root_, L"");
-    RegCloseKey(root_);
-}
-
-void private_registry::set_value(const wchar_t *path, const wchar_t *name, DWORD type,
-                                 const void *data, size_t size)
-{
-    HKEY key;
-
-    require(RegCreateKeyExW(root_, path, 0, NULL, 0, KEY_ALL_ACCESS, NULL, &key, NULL) == 0,
-            "key not created");
-    require(RegSetValueExW(key, name, 0, type, static_cast<const BYTE *>(data), (DWORD)size) == 0,
-            "value not set");
-    RegCloseKey(key);
-}
-
-void private_registry::set_text(const wchar_t *path, const wchar_t *name, DWORD type,
-                                const std::wstring &text)
-{
-    set_value(path, name, type, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
-}
-
-bool private_registry::has_key(const wchar_t *path) const
-{
-    HKEY key;
-
-    if (RegOpenKeyExW(root_, path, 0, KEY_READ, &key) != 0)
-        return false;
-    RegCloseKey(key);
-    return true;
-}
-
-bool private_registry::is_volatile(const wchar_t *path) const
-{
-    HKEY key, child;
-
-    require(RegOpenKeyExW(root_, path, 0, KEY_ALL_ACCESS, &key) == 0, "key not opened");
-    LSTATUS error = RegCreateKeyExW(key, L"probe", 0, NULL, 0, KEY_ALL_ACCESS, NULL, &child, NULL);
-    if (error == 0) {
-        RegCloseKey(child);
-        RegDeleteKeyW(key, L"probe");
+        oxnih_log_set_sink(keep_line, NULL);
+        require(RegCreateKeyA(HKEY_CURRENT_USER, path.c_str(), &s_machine_key) == 0 &&
+                    RegOverridePredefKey(HKEY_LOCAL_MACHINE, s_machine_key) == 0,
+                "machine key not redirected");
     }
-    RegCloseKey(key);
-    return error == ERROR_CHILD_MUST_BE_VOLATILE;
+
+    void TearDown() override
+    {
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, NULL);
+        RegDeleteTreeW(s_machine_key, NULL);
+        RegDeleteKeyW(s_machine_key, L"");
+    }
+
+    import_patch level{"oxni_log_level_get", every_level};
+};
+[[maybe_unused]] static testing::Environment *const s_environment =
+    testing::AddGlobalTestEnvironment(new unit_environment);
+
+const std::string &last_log_line(void)
+{
+    return s_last_line;
 }
 
-static void remove_folder(const std::wstring &folder)
+uint64_t live_blocks(void)
 {
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
+    oxnih_memory_stats stats;
 
-    if (find == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        const std::wstring name = entry.cFileName;
-        if (name == L"." || name == L"..")
-            continue;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-            remove_folder(folder + L"\\" + name);
-        } else {
-            SetFileAttributesW((folder + L"\\" + name).c_str(), FILE_ATTRIBUTE_NORMAL);
-            DeleteFileW((folder + L"\\" + name).c_str());
-        }
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
-    RemoveDirectoryW(folder.c_str());
+    oxnih_memory_get_stats(&stats);
+    return stats.live_blocks;
 }
 
-temporary_folder::temporary_folder()
+void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes)
 {
-    static unsigned s_count;
-    wchar_t base[MAX_PATH], path[2 * MAX_PATH];
+    /* Windows stores a terminator more when one follows what it is given. */
+    const std::string guarded = bytes + "!!";
 
-    GetTempPathW(MAX_PATH, base);
-    _snwprintf(path, 2 * MAX_PATH, L"%lsbypass_unit_%lu_%u", base, GetCurrentProcessId(),
-               s_count++);
-    path_ = path;
-    remove_folder(path_);
-    require(CreateDirectoryW(path, NULL) != 0, "temporary folder not made");
+    require(RegSetKeyValueW(HKEY_LOCAL_MACHINE, path, name, type, guarded.data(),
+                            (DWORD)bytes.size()) == 0,
+            "value not set");
 }
 
-temporary_folder::~temporary_folder()
+std::string wide_bytes(const std::wstring &text)
 {
-    remove_folder(path_);
+    return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
 }
 
-std::string temporary_folder::utf8() const
+static void put_text(block *bytes, const std::wstring &text)
 {
-    return to_utf8(path_);
+    const std::string from = wide_bytes(text + L'\0');
+
+    bytes->insert(bytes->end(), from.begin(), from.end());
 }
 
-std::wstring temporary_folder::file(const wchar_t *name) const
+block event_record(uint32_t event_id, const std::wstring &source,
+                   const std::vector<std::wstring> &strings)
 {
-    return path_ + L"\\" + name;
-}
+    block bytes(sizeof(EVENTLOGRECORD));
+    EVENTLOGRECORD header = {};
 
-std::wstring temporary_folder::write(const wchar_t *name, const std::string &bytes,
-                                     uint64_t write_time) const
-{
-    const FILETIME filetime = {(DWORD)write_time, (DWORD)(write_time >> 32)};
-    DWORD written = 0;
-    HANDLE handle = CreateFileW(file(name).c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
-                                FILE_ATTRIBUTE_NORMAL, NULL);
-
-    require(handle != INVALID_HANDLE_VALUE, "file not created");
-    require(WriteFile(handle, bytes.data(), (DWORD)bytes.size(), &written, NULL) != 0,
-            "file not written");
-    if (write_time != 0)
-        require(SetFileTime(handle, NULL, NULL, &filetime) != 0, "write time not set");
-    CloseHandle(handle);
-    return file(name);
-}
-
-std::string read_whole_file(const std::wstring &path)
-{
-    std::string bytes;
-    char block[256];
-    size_t got;
-    FILE *file = _wfopen(path.c_str(), L"rb");
-
-    require(file != NULL, "file not opened");
-    while ((got = fread(block, 1, sizeof(block), file)) != 0)
-        bytes.append(block, got);
-    fclose(file);
+    put_text(&bytes, source);
+    put_text(&bytes, L"COMPUTER");
+    header.StringOffset = (DWORD)bytes.size();
+    for (const std::wstring &text : strings)
+        put_text(&bytes, text);
+    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
+    header.Length = (DWORD)bytes.size();
+    header.Reserved = 0x654c664c;
+    header.TimeGenerated = header.TimeWritten = MOMENT;
+    header.EventID = event_id;
+    header.NumStrings = (WORD)strings.size();
+    memcpy(bytes.data(), &header, sizeof(header));
+    memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
     return bytes;
 }
 
-std::string to_utf8(const std::wstring &text)
+static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
 {
-    std::string utf8(text.size() * 3, '\0');
-    const int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), (int)text.size(), &utf8[0],
-                                           (int)utf8.size(), NULL, NULL);
+    return &s_log_bytes;
+}
 
-    utf8.resize((size_t)length);
-    return utf8;
+static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
+                            DWORD *needed)
+{
+    if (s_log_bytes.empty() || s_log_bytes.size() > size) {
+        *needed = (DWORD)s_log_bytes.size();
+        SetLastError(s_log_bytes.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    memcpy(buffer, s_log_bytes.data(), s_log_bytes.size());
+    *filled = (DWORD)s_log_bytes.size();
+    s_log_bytes.clear();
+    return TRUE;
+}
+
+static BOOL WINAPI close_log(HANDLE)
+{
+    return TRUE;
+}
+
+system_log::system_log(const block &bytes)
+    : open_("OpenEventLogW", open_log), read_("ReadEventLogW", read_log),
+      close_("CloseEventLog", close_log)
+{
+    s_log_bytes = bytes;
+}
+
+template <typename Function> static Function engine_export(const char *name)
+{
+    const HMODULE engine = LoadLibraryW(L"dbgeng.dll");
+    void *function = reinterpret_cast<void *>(GetProcAddress(engine, name));
+
+    require(function != NULL, "dbgeng.dll is not the stand-in");
+    return reinterpret_cast<Function>(function);
+}
+
+void engine_play(const wchar_t *dump, const char *stack, const char *failing, HRESULT result)
+{
+    const engine_script_stack stacks = {dump, stack};
+    const engine_script_fault fault = {failing, result};
+    engine_script script = {};
+
+    script.struct_bytes = sizeof(script);
+    script.stacks = &stacks;
+    script.stack_count = 1;
+    script.faults = &fault;
+    script.fault_count = failing != NULL ? 1 : 0;
+    require(engine_export<engine_script_set_fn>("engine_script_set")(&script) == S_OK,
+            "the engine refuses its script");
+}
+
+size_t engine_left(void)
+{
+    engine_counts counts;
+
+    engine_export<engine_counts_get_fn>("engine_counts_get")(&counts);
+    return counts.objects + counts.references + counts.callbacks;
 }

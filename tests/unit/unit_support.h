@@ -1,4 +1,5 @@
-/* What several of the unit tests need of the machine: its log, a private registry, a folder. */
+/* What several of the unit tests need of the machine: its log, registry, files, System log and
+ * debugger engine. */
 #ifndef UNIT_SUPPORT_H
 #define UNIT_SUPPORT_H
 
@@ -8,77 +9,46 @@
 #include <stdint.h>
 #include <windows.h>
 
+#include "engine_script.h"
 #include "import_patch.h"
 
-/* Collects log lines of every level while it lives, as "level message". A log statement changes the
- * thread's last error meanwhile, as opening the log does: what is logged must have been taken
- * before. */
-class log_capture
+typedef std::vector<uint8_t> block;
+
+/* 2024-03-07 09:05:41 UTC, in seconds since 1970 and as a file time. */
+#define MOMENT          1709802341
+#define MOMENT_FILETIME 133542759410000000ULL
+
+/* The newest line of the log. Every level is logged; a log statement changes the thread's last error,
+ * as opening the log does: what is used after it must have been taken before. */
+const std::string &last_log_line(void);
+/* Live blocks of the platform's allocator. */
+uint64_t live_blocks(void);
+
+/* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
+ * are stored as they are. */
+void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes);
+/* UTF-16 as the registry stores it, without a terminator. */
+std::string wide_bytes(const std::wstring &text);
+
+/* The bytes of one log record, laid out as Windows does. */
+block event_record(uint32_t event_id, const std::wstring &source,
+                   const std::vector<std::wstring> &strings = {});
+
+/* The System log holds these bytes, given in one read when they fit, while it lives. */
+class system_log
 {
   public:
-    log_capture();
-    ~log_capture();
-    log_capture(const log_capture &) = delete;
-    log_capture &operator=(const log_capture &) = delete;
-
-    /* The lines since the last call. */
-    std::vector<std::string> take();
+    explicit system_log(const block &bytes);
 
   private:
-    static void receive(int level, const char *line, void *user);
-
-    std::vector<std::string> lines_;
-    import_patch level_patch_;
+    import_patch open_, read_, close_;
 };
 
-/* HKEY_LOCAL_MACHINE is an empty key of this test while it lives. */
-class private_registry
-{
-  public:
-    private_registry();
-    ~private_registry();
-    private_registry(const private_registry &) = delete;
-    private_registry &operator=(const private_registry &) = delete;
-
-    /* Creates the key when it is missing. size in bytes. */
-    void set_value(const wchar_t *path, const wchar_t *name, DWORD type, const void *data,
-                   size_t size);
-    void set_text(const wchar_t *path, const wchar_t *name, DWORD type, const std::wstring &text);
-    bool has_key(const wchar_t *path) const;
-    /* Whether the key goes with the next start of Windows: a lasting key below it is refused. */
-    bool is_volatile(const wchar_t *path) const;
-
-  private:
-    HKEY root_ = NULL;
-};
-
-/* An empty folder below the system's temporary one; removed with its files, one level of
- * folders. */
-class temporary_folder
-{
-  public:
-    temporary_folder();
-    ~temporary_folder();
-    temporary_folder(const temporary_folder &) = delete;
-    temporary_folder &operator=(const temporary_folder &) = delete;
-
-    /* Without a slash at the end. */
-    const std::wstring &path() const
-    {
-        return path_;
-    }
-    std::string utf8() const;
-    /* Path of a file in it. */
-    std::wstring file(const wchar_t *name) const;
-    /* Writes a file; write_time is its last-write time unless 0. */
-    std::wstring write(const wchar_t *name, const std::string &bytes,
-                       uint64_t write_time = 0) const;
-
-  private:
-    std::wstring path_;
-};
-
-std::string read_whole_file(const std::wstring &path);
-std::string to_utf8(const std::wstring &text);
+/* How the stand-in engine plays from here on: the dump of that path has this stack text, and the
+ * named call, unless NULL, fails with the result. */
+void engine_play(const wchar_t *dump, const char *stack, const char *failing = NULL,
+                 HRESULT result = E_FAIL);
+/* Objects, references and callbacks that the engine's clients have not given back. */
+size_t engine_left(void);
 
 #endif
