@@ -73,6 +73,7 @@ static const struct error_row s_errors[] = {
     {KERNEL_DUMP_CUT_OFF,    ERROR_HANDLE_EOF   },
     {KERNEL_DUMP_DAMAGED,    ERROR_FILE_CORRUPT },
     {KERNEL_DUMP_NO_CONTEXT, ERROR_INVALID_DATA },
+    {KERNEL_DUMP_NO_MODULES, ERROR_INVALID_DATA },
 };
 
 /* What clients have not given back. A leaked client may drop its references from any thread. */
@@ -380,8 +381,11 @@ void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
     put("\n");
 }
 
+/* What the dump lacks stands before the stack, where no client looks for frames. */
 void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags)
 {
+    for (const std::string &gap : m_dump.gaps)
+        put("The dump is incomplete: " + gap + ".\n");
     if ((flags & DEBUG_STACK_COLUMN_NAMES) != 0)
         put_column_names(flags);
     for (ULONG i = 0; i < count; i++) {

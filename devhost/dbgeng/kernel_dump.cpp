@@ -1,24 +1,18 @@
-/* Reading of kernel dumps. Every offset and length of the file is checked before it is used. */
-#include "kernel_dump.h"
+/* Reading of kernel dumps: the header, and what is made of modules and stack whatever the kind of dump.
+ * Every offset and length of the file is checked before it is used. */
+#include "kernel_dump_internal.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 
-/* The header is two pages; the block of a small dump follows it and starts with its fields. */
-#define HEADER_BYTES       0x2000u
-#define TRIAGE_BYTES       0x50u
-#define DRIVER_ENTRY_BYTES 0x90u
-#define CONTEXT_BYTES      0x4D0u
-#define MACHINE_X64        0x8664u
-#define CONTEXT_CONTROL    0x100001u
-/* The longest name that a file system gives a file. It also bounds the work: thousands of entries
- * may share one name as long as the file. */
-#define FILE_NAME_CHARS 255u
+#define CONTEXT_BYTES   0x4D0u
+#define MACHINE_X64     0x8664u
+#define CONTEXT_CONTROL 0x100001u
 
 /* Places in the header. */
 enum header_field : uint64_t {
     HEADER_BUILD = 0x0C,
+    HEADER_DIRECTORY_TABLE = 0x10,
     HEADER_LOADED_MODULES = 0x20,
     HEADER_MACHINE = 0x30,
     HEADER_PROCESSORS = 0x34,
@@ -29,64 +23,13 @@ enum header_field : uint64_t {
     HEADER_UPTIME = 0x1030,
 };
 
-/* Places in the file of a small dump's fields. */
-enum triage_field : uint64_t {
-    TRIAGE_SIZE_OF_DUMP = HEADER_BYTES + 0x04,
-    TRIAGE_VALID_OFFSET = HEADER_BYTES + 0x08,
-    TRIAGE_CONTEXT_OFFSET = HEADER_BYTES + 0x0C,
-    TRIAGE_STACK_OFFSET = HEADER_BYTES + 0x28,
-    TRIAGE_STACK_BYTES = HEADER_BYTES + 0x2C,
-    TRIAGE_DRIVERS_OFFSET = HEADER_BYTES + 0x30,
-    TRIAGE_DRIVER_COUNT = HEADER_BYTES + 0x34,
-    TRIAGE_STACK_START = HEADER_BYTES + 0x48,
-};
-
 enum context_field : uint64_t {
     CONTEXT_FLAGS = 0x30,
     CONTEXT_RSP = 0x98,
     CONTEXT_RIP = 0xF8,
 };
 
-enum driver_field : uint64_t {
-    DRIVER_NAME_OFFSET = 0x00,
-    DRIVER_BASE = 0x38,
-    DRIVER_BYTES = 0x48,
-};
-
-namespace
-{
-struct dump_file {
-    const uint8_t *bytes;
-    uint64_t size;
-
-    bool holds(uint64_t offset, uint64_t length) const
-    {
-        return offset <= size && length <= size - offset;
-    }
-
-    /* The caller has made sure that the file holds it. */
-    template <typename T> T at(uint64_t offset) const
-    {
-        T value;
-        memcpy(&value, bytes + offset, sizeof value);
-        return value;
-    }
-};
-
-struct kind_row {
-    uint32_t kind;
-    const char *name;
-};
-} // namespace
-
-static const struct kind_row s_kinds[] = {
-    {KERNEL_DUMP_KIND_FULL,          "a complete dump"                                         },
-    {KERNEL_DUMP_KIND_KERNEL,        "a kernel memory dump"                                    },
-    {KERNEL_DUMP_KIND_BITMAP_FULL,   "a complete dump with a bitmap"                           },
-    {KERNEL_DUMP_KIND_BITMAP_KERNEL, "a kernel memory dump, or an automatic one, with a bitmap"},
-};
-
-static std::string hex(uint64_t value)
+std::string kernel_dump_hex(uint64_t value)
 {
     char text[24];
 
@@ -94,15 +37,15 @@ static std::string hex(uint64_t value)
     return text;
 }
 
-static enum kernel_dump_error outside(const dump_file &file, const std::string &what,
-                                      uint64_t offset, uint64_t length, std::string *reason)
+enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::string &what,
+                                           uint64_t offset, uint64_t length, std::string *reason)
 {
-    *reason = what + " (" + std::to_string(length) + " bytes at " + hex(offset) +
+    *reason = what + " (" + std::to_string(length) + " bytes at " + kernel_dump_hex(offset) +
               ") reaches outside the file of " + std::to_string(file.size) + " bytes";
     return KERNEL_DUMP_DAMAGED;
 }
 
-static enum kernel_dump_error check_signature(const dump_file &file, std::string *reason)
+static enum kernel_dump_error check_signature(const dump_span &file, std::string *reason)
 {
     if (file.holds(0, 4) && memcmp(file.bytes, "MDMP", 4) == 0) {
         *reason = "this is a dump of a process, not of the kernel";
@@ -116,39 +59,30 @@ static enum kernel_dump_error check_signature(const dump_file &file, std::string
         *reason = "this is no dump: it does not begin with \"PAGEDU64\"";
         return KERNEL_DUMP_NOT_A_DUMP;
     }
-    if (file.size < HEADER_BYTES) {
+    if (file.size < KERNEL_DUMP_HEADER_BYTES) {
         *reason = "the file is cut off: " + std::to_string(file.size) +
-                  " bytes, and the header alone has " + std::to_string(HEADER_BYTES);
+                  " bytes, and the header alone has " + std::to_string(KERNEL_DUMP_HEADER_BYTES);
         return KERNEL_DUMP_CUT_OFF;
     }
     return KERNEL_DUMP_OK;
 }
 
-static enum kernel_dump_error check_kind(const dump_file &file, std::string *reason)
+static enum kernel_dump_error check_machine(const dump_span &file, std::string *reason)
 {
     const uint32_t machine = file.at<uint32_t>(HEADER_MACHINE);
-    const uint32_t kind = file.at<uint32_t>(HEADER_KIND);
 
-    if (machine != MACHINE_X64) {
-        *reason = "the machine type " + hex(machine) + " is not supported, only x64 (0x8664)";
-        return KERNEL_DUMP_MACHINE;
-    }
-    if (kind == KERNEL_DUMP_KIND_TRIAGE)
+    if (machine == MACHINE_X64)
         return KERNEL_DUMP_OK;
-    for (const kind_row &row : s_kinds) {
-        if (row.kind == kind) {
-            *reason = "this is " + std::string(row.name) + " (type " + std::to_string(kind) +
-                      "), which is not supported, only small dumps (type 4)";
-            return KERNEL_DUMP_KIND;
-        }
-    }
-    *reason = "the dump type " + std::to_string(kind) + " is unknown";
-    return KERNEL_DUMP_KIND;
+    *reason =
+        "the machine type " + kernel_dump_hex(machine) + " is not supported, only x64 (0x8664)";
+    return KERNEL_DUMP_MACHINE;
 }
 
-static void read_header(const dump_file &file, kernel_dump *dump)
+static void read_header(const dump_span &file, kernel_dump *dump)
 {
     dump->kind = file.at<uint32_t>(HEADER_KIND);
+    dump->directory_table = file.at<uint64_t>(HEADER_DIRECTORY_TABLE);
+    dump->loaded_modules = file.at<uint64_t>(HEADER_LOADED_MODULES);
     dump->build = file.at<uint32_t>(HEADER_BUILD);
     dump->processors = file.at<uint32_t>(HEADER_PROCESSORS);
     dump->bug_check = file.at<uint32_t>(HEADER_BUG_CHECK);
@@ -158,69 +92,20 @@ static void read_header(const dump_file &file, kernel_dump *dump)
     dump->uptime_100ns = file.at<uint64_t>(HEADER_UPTIME);
 }
 
-/* Windows writes the mark as the last thing, so a dump that has it was written to its end. */
-static enum kernel_dump_error check_whole(const dump_file &file, std::string *reason)
+enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t offset,
+                                                kernel_dump *dump, std::string *reason)
 {
-    if (!file.holds(HEADER_BYTES, TRIAGE_BYTES)) {
-        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
-                  " bytes, inside the fields that follow the header";
-        return KERNEL_DUMP_CUT_OFF;
-    }
-    const uint32_t size = file.at<uint32_t>(TRIAGE_SIZE_OF_DUMP);
-    const uint32_t valid = file.at<uint32_t>(TRIAGE_VALID_OFFSET);
-
-    if (size > file.size) {
-        *reason = "the file is cut off: " + std::to_string(file.size) + " of " +
-                  std::to_string(size) + " bytes";
-        return KERNEL_DUMP_CUT_OFF;
-    }
-    if (!file.holds(valid, 4))
-        return outside(file, "the mark of a finished dump", valid, 4, reason);
-    if (memcmp(file.bytes + valid, "TRGD", 4) != 0) {
-        *reason = "the mark of a finished dump is missing at " + hex(valid);
-        return KERNEL_DUMP_DAMAGED;
-    }
-    return KERNEL_DUMP_OK;
-}
-
-static enum kernel_dump_error read_context(const dump_file &file, kernel_dump *dump,
-                                           std::string *reason)
-{
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_CONTEXT_OFFSET);
-
-    if (offset == 0) {
-        *reason = "the dump holds no context";
-        return KERNEL_DUMP_NO_CONTEXT;
-    }
     if (!file.holds(offset, CONTEXT_BYTES))
-        return outside(file, "the context", offset, CONTEXT_BYTES, reason);
+        return kernel_dump_outside(file, "the context", offset, CONTEXT_BYTES, reason);
     const uint32_t flags = file.at<uint32_t>(offset + CONTEXT_FLAGS);
 
     if ((flags & CONTEXT_CONTROL) != CONTEXT_CONTROL) {
-        *reason = "the context at " + hex(offset) + " does not hold Rip and Rsp (flags " +
-                  hex(flags) + ")";
+        *reason = "the context at " + kernel_dump_hex(offset) +
+                  " does not hold Rip and Rsp (flags " + kernel_dump_hex(flags) + ")";
         return KERNEL_DUMP_NO_CONTEXT;
     }
     dump->rsp = file.at<uint64_t>(offset + CONTEXT_RSP);
     dump->rip = file.at<uint64_t>(offset + CONTEXT_RIP);
-    return KERNEL_DUMP_OK;
-}
-
-static enum kernel_dump_error read_stack(const dump_file &file, kernel_dump *dump,
-                                         std::string *reason)
-{
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_STACK_OFFSET);
-    const uint32_t length = file.at<uint32_t>(TRIAGE_STACK_BYTES);
-
-    dump->stack_start = file.at<uint64_t>(TRIAGE_STACK_START);
-    if (!file.holds(offset, length))
-        return outside(file, "the stack", offset, length, reason);
-    if (dump->stack_start > UINT64_MAX - length) {
-        *reason = "the stack of " + std::to_string(length) + " bytes at address " +
-                  hex(dump->stack_start) + " does not fit into the address space";
-        return KERNEL_DUMP_DAMAGED;
-    }
-    dump->stack.assign(file.bytes + offset, file.bytes + offset + length);
     return KERNEL_DUMP_OK;
 }
 
@@ -240,13 +125,13 @@ static void append_utf8(std::string *text, uint32_t code)
         text->push_back((char)(0x80 | ((code >> (6 * i)) & 0x3F)));
 }
 
-static std::string utf8_of(const dump_file &file, uint64_t offset, uint32_t chars)
+static std::string utf8_of(const std::u16string &wide)
 {
     std::string text;
 
-    for (uint32_t i = 0; i < chars; i++) {
-        const uint32_t unit = file.at<uint16_t>(offset + 2 * i);
-        const uint32_t next = i + 1 < chars ? file.at<uint16_t>(offset + 2 * (i + 1)) : 0u;
+    for (size_t i = 0; i < wide.size(); i++) {
+        const uint32_t unit = wide[i];
+        const uint32_t next = i + 1 < wide.size() ? wide[i + 1] : 0u;
 
         if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
             append_utf8(&text, 0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
@@ -258,110 +143,70 @@ static std::string utf8_of(const dump_file &file, uint64_t offset, uint32_t char
     return text;
 }
 
-/* The file's name without folders and extension, from the counted text at offset. */
-static enum kernel_dump_error read_name(const dump_file &file, const std::string &who,
-                                        uint32_t offset, std::string *name, std::string *reason)
+bool kernel_dump_file_name(const std::u16string &path_end, std::string *name)
 {
-    if (!file.holds(offset, 4))
-        return outside(file, "the name of " + who, offset, 4, reason);
-    const uint32_t chars = file.at<uint32_t>(offset);
-    const uint64_t text = (uint64_t)offset + 4;
+    const size_t folder = path_end.rfind(u'\\');
+    const std::u16string file =
+        folder == std::u16string::npos ? path_end : path_end.substr(folder + 1);
+    const size_t extension = file.rfind(u'.');
 
-    if (!file.holds(text, 2ull * chars))
-        return outside(file, "the name of " + who, text, 2ull * chars, reason);
-    uint32_t first = chars;
-    uint32_t end = chars;
-
-    while (first > 0 && file.at<uint16_t>(text + 2ull * (first - 1)) != '\\') {
-        first--;
-        if (chars - first > FILE_NAME_CHARS) {
-            *reason = "the name of " + who + " at " + hex(offset) + " is too long";
-            return KERNEL_DUMP_DAMAGED;
-        }
-        if (end == chars && file.at<uint16_t>(text + 2ull * first) == '.')
-            end = first;
-    }
-    if (end == first)
-        end = chars;
-    *name = utf8_of(file, text + 2ull * first, end - first);
-    return KERNEL_DUMP_OK;
+    if (file.size() > KERNEL_DUMP_FILE_NAME_CHARS)
+        return false;
+    /* A name that is an extension as a whole is kept. */
+    *name = utf8_of(extension == 0 ? file : file.substr(0, extension));
+    return true;
 }
 
-static enum kernel_dump_error read_module(const dump_file &file, uint64_t entry,
-                                          const std::string &who, kernel_dump *dump,
-                                          std::string *reason)
+bool kernel_dump_add_module(kernel_dump *dump, uint64_t base, uint32_t bytes,
+                            const std::string &name)
 {
-    const uint64_t loaded_modules = file.at<uint64_t>(HEADER_LOADED_MODULES);
-    kernel_dump_module module = {};
-    enum kernel_dump_error error;
+    if (base > UINT64_MAX - bytes)
+        return false;
+    kernel_dump_module module = {name, base, bytes};
 
-    module.base = file.at<uint64_t>(entry + DRIVER_BASE);
-    module.bytes = file.at<uint32_t>(entry + DRIVER_BYTES);
-    if (module.base > UINT64_MAX - module.bytes) {
-        *reason = who + " of " + std::to_string(module.bytes) + " bytes at address " +
-                  hex(module.base) + " does not fit into the address space";
-        return KERNEL_DUMP_DAMAGED;
-    }
-    error =
-        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &module.name, reason);
-    if (error != KERNEL_DUMP_OK)
-        return error;
     /* The list's head is a variable of the kernel, so the image around it is the kernel's. */
-    if (loaded_modules >= module.base && loaded_modules - module.base < module.bytes)
+    if (dump->loaded_modules >= base && dump->loaded_modules - base < bytes)
         module.name = "nt";
     else if (module.name.empty())
-        module.name = "Unknown_Module_" + kernel_dump_address_text(module.base);
+        module.name = "Unknown_Module_" + kernel_dump_address_text(base);
     dump->modules.push_back(module);
-    return KERNEL_DUMP_OK;
+    return true;
 }
 
-static enum kernel_dump_error read_modules(const dump_file &file, kernel_dump *dump,
-                                           std::string *reason)
+static enum kernel_dump_error read_kind(const dump_span &file, kernel_dump *dump,
+                                        std::string *reason)
 {
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_DRIVERS_OFFSET);
-    const uint32_t count = file.at<uint32_t>(TRIAGE_DRIVER_COUNT);
-    const uint64_t length = (uint64_t)count * DRIVER_ENTRY_BYTES;
-
-    if (!file.holds(offset, length))
-        return outside(file, "the list of " + std::to_string(count) + " modules", offset, length,
-                       reason);
-    for (uint32_t i = 0; i < count; i++) {
-        const std::string who = "module " + std::to_string(i);
-        const enum kernel_dump_error error =
-            read_module(file, offset + (uint64_t)i * DRIVER_ENTRY_BYTES, who, dump, reason);
-
-        if (error != KERNEL_DUMP_OK)
-            return error;
+    switch (dump->kind) {
+    case KERNEL_DUMP_KIND_TRIAGE: return kernel_dump_read_triage(file, dump, reason);
+    case KERNEL_DUMP_KIND_FULL:
+    case KERNEL_DUMP_KIND_KERNEL:
+    case KERNEL_DUMP_KIND_BITMAP_FULL:
+    case KERNEL_DUMP_KIND_BITMAP_KERNEL: return kernel_dump_read_memory(file, dump, reason);
     }
-    std::stable_sort(
-        dump->modules.begin(), dump->modules.end(),
-        [](const kernel_dump_module &a, const kernel_dump_module &b) { return a.base < b.base; });
-    return KERNEL_DUMP_OK;
+    *reason = "the dump type " + std::to_string(dump->kind) + " is unknown";
+    return KERNEL_DUMP_KIND;
 }
 
 enum kernel_dump_error kernel_dump_read(const uint8_t *bytes, uint64_t size, kernel_dump *dump,
                                         std::string *reason)
 {
-    const dump_file file = {bytes, size};
+    const dump_span file = {bytes, size};
     enum kernel_dump_error error;
 
     *dump = kernel_dump();
     reason->clear();
     error = check_signature(file, reason);
     if (error == KERNEL_DUMP_OK)
-        error = check_kind(file, reason);
-    if (error == KERNEL_DUMP_OK)
-        error = check_whole(file, reason);
-    if (error == KERNEL_DUMP_OK)
-        error = read_context(file, dump, reason);
-    if (error == KERNEL_DUMP_OK)
-        error = read_stack(file, dump, reason);
-    if (error == KERNEL_DUMP_OK)
-        error = read_modules(file, dump, reason);
-    if (error == KERNEL_DUMP_OK)
+        error = check_machine(file, reason);
+    if (error == KERNEL_DUMP_OK) {
         read_header(file, dump);
-    else
+        error = read_kind(file, dump, reason);
+    }
+    if (error != KERNEL_DUMP_OK)
         *dump = kernel_dump();
+    std::stable_sort(
+        dump->modules.begin(), dump->modules.end(),
+        [](const kernel_dump_module &a, const kernel_dump_module &b) { return a.base < b.base; });
     return error;
 }
 
@@ -422,5 +267,5 @@ std::string kernel_dump_call_site(const kernel_dump &dump, uint64_t address)
 
     if (module == NULL)
         return "0x" + kernel_dump_address_text(address);
-    return module->name + "+" + hex(address - module->base);
+    return module->name + "+" + kernel_dump_hex(address - module->base);
 }

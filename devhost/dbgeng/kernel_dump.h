@@ -3,10 +3,12 @@
  * of Windows, so it builds and can be tested anywhere.
  *
  * Nothing in a dump is trusted. Whatever cannot be read as it should be is refused with an error
- * and a reason; there is no half-read dump and no guess. The one thing that is a guess by nature is
- * the walk up the stack: a small dump holds no images, so no unwind tables either.
+ * and a reason, except that a dump of the memory may lack pages: then what there is is read, and
+ * gaps says what is not. Nothing is made up for what is missing. The one thing that is a guess by
+ * nature is the walk up the stack, since it goes without unwind tables.
  *
- * Read today: small ("triage") dumps of x64. Thread: any; there is no state.
+ * Read today: dumps of x64 of every kind: small ("triage"), of the kernel's memory, complete.
+ * Thread: any; there is no state.
  */
 #ifndef DEVHOST_KERNEL_DUMP_H
 #define DEVHOST_KERNEL_DUMP_H
@@ -22,10 +24,11 @@ enum kernel_dump_error {
     KERNEL_DUMP_USER_MODE,  /* of a process */
     KERNEL_DUMP_32_BIT,
     KERNEL_DUMP_MACHINE, /* 64 bits, but not x64 */
-    KERNEL_DUMP_KIND,    /* not a small one */
+    KERNEL_DUMP_KIND,    /* of a kind that is not known */
     KERNEL_DUMP_CUT_OFF, /* the file is shorter than it says it is, or than any dump */
     KERNEL_DUMP_DAMAGED, /* a field cannot be right */
     KERNEL_DUMP_NO_CONTEXT,
+    KERNEL_DUMP_NO_MODULES, /* not one entry of the list can be found */
 };
 
 /* Values of kernel_dump.kind. */
@@ -46,7 +49,9 @@ struct kernel_dump_module {
 };
 
 struct kernel_dump {
-    uint32_t kind = 0; /* enum kernel_dump_kind */
+    uint32_t kind = 0;            /* enum kernel_dump_kind */
+    uint64_t directory_table = 0; /* physical address of the topmost page table, and flags */
+    uint64_t loaded_modules = 0;  /* address of the head of the kernel's list of modules */
     uint32_t build = 0;
     uint32_t processors = 0;
     uint32_t bug_check = 0; /* as written: a small dump may carry 0x10000000 added to it */
@@ -58,6 +63,9 @@ struct kernel_dump {
     uint64_t stack_start = 0; /* address of the first saved byte; the last one does not wrap */
     std::vector<uint8_t> stack;
     std::vector<kernel_dump_module> modules; /* by rising base */
+    /* What a dump of the memory lacks of modules and stack, one sentence each without a full stop,
+     * '!', '+' and line feed; empty when all is there. */
+    std::vector<std::string> gaps;
 };
 
 struct kernel_dump_frame {
@@ -68,7 +76,8 @@ struct kernel_dump_frame {
 /*
  * Reads a dump.
  *
- * bytes    size bytes, the whole file. Borrowed for the call; NULL when size is 0.
+ * bytes    size bytes, the whole file; only what is needed of it is touched. Borrowed for the call;
+ *          NULL when size is 0.
  * dump     Filled; empty on failure.
  * reason   One sentence without a full stop that says what is wrong; empty on success.
  *

@@ -1,0 +1,192 @@
+/* Reading of dumps of the memory: the list of modules and the stack as the kernel keeps them. */
+#include "kernel_dump_internal.h"
+#include "memory_dump.h"
+
+#include <algorithm>
+
+#define CONTEXT_OFFSET 0x348u
+/* More than ten times what a Windows with very many drivers loads: it bounds the work. */
+#define MODULES_MAX 4096u
+/* A stack of the kernel has 24 KiB, and a grown one little more than this: what lies further out is
+ * not among the few innermost frames that a client asks for. Where the stack ends is not looked up;
+ * the page behind it is not mapped. */
+#define STACK_BYTES_MAX 0x10000u
+
+/* Places in an entry of the list. */
+enum list_entry_field : uint64_t {
+    ENTRY_LINKS = 0x00, /* next, previous */
+    ENTRY_BASE = 0x30,
+    ENTRY_SIZE = 0x40,
+    ENTRY_PATH = 0x48,
+    ENTRY_NAME = 0x58,
+    ENTRY_BYTES = 0x68,
+};
+
+/* Places in a counted text. */
+enum counted_text_field : uint64_t {
+    TEXT_BYTES = 0x00,
+    TEXT_ROOM = 0x02,
+    TEXT_ADDRESS = 0x08,
+};
+
+/* Which link of an entry leads on. */
+enum list_direction {
+    LIST_FORWARD = 0,
+    LIST_BACKWARD = 1,
+};
+
+static bool read_path_end(const memory_dump &memory, const dump_span &entry, uint64_t field,
+                          std::u16string *end)
+{
+    const size_t bytes = entry.at<uint16_t>(field + TEXT_BYTES);
+    const uint64_t text = entry.at<uint64_t>(field + TEXT_ADDRESS);
+
+    if (bytes % 2 != 0 || bytes > entry.at<uint16_t>(field + TEXT_ROOM))
+        return false;
+    end->assign(std::min<size_t>(bytes / 2, KERNEL_DUMP_PATH_END_CHARS), u'\0');
+    return memory_dump_read(memory, text + bytes - 2 * end->size(), &(*end)[0], 2 * end->size()) ==
+           MEMORY_OK;
+}
+
+/* From the file's name or, where that is missing, from its path; empty when both are. */
+static std::string read_name(const memory_dump &memory, const dump_span &entry)
+{
+    for (const uint64_t field : {ENTRY_NAME, ENTRY_PATH}) {
+        std::u16string end;
+        std::string name;
+
+        if (read_path_end(memory, entry, field, &end) && kernel_dump_file_name(end, &name) &&
+            !name.empty())
+            return name;
+    }
+    return "";
+}
+
+static const char *add_entry(const memory_dump &memory, uint64_t address, kernel_dump *dump,
+                             size_t *nameless)
+{
+    uint8_t bytes[ENTRY_BYTES];
+    const dump_span entry = {bytes, sizeof bytes};
+    const enum memory_result result = memory_dump_read(memory, address, bytes, sizeof bytes);
+
+    if (result != MEMORY_OK)
+        return memory_result_text(result);
+    const std::string name = read_name(memory, entry);
+
+    *nameless += name.empty();
+    if (!kernel_dump_add_module(dump, entry.at<uint64_t>(ENTRY_BASE),
+                                entry.at<uint32_t>(ENTRY_SIZE), name))
+        return "an image does not fit into the address space";
+    return NULL;
+}
+
+/* Adds the entries from the head on in one direction. An entry counts only when it leads back to
+ * the one before it, so a damaged link leads neither off the list nor, since no entry can lead back
+ * to two, round in a circle. Result: why it ended before it was back at the head; NULL: it was. */
+static const char *walk_list(const memory_dump &memory, enum list_direction direction,
+                             kernel_dump *dump, size_t *nameless)
+{
+    const uint64_t head = dump->loaded_modules;
+    uint64_t from = head;
+    uint64_t links[2];
+    enum memory_result result = memory_dump_read(memory, head, links, sizeof links);
+
+    while (result == MEMORY_OK) {
+        const uint64_t at = links[direction];
+        const char *fault;
+
+        result = memory_dump_read(memory, at + ENTRY_LINKS, links, sizeof links);
+        if (result != MEMORY_OK)
+            break;
+        if (links[1 - direction] != from)
+            return "an entry does not lead back to the one before it";
+        if (at == head)
+            return NULL;
+        if (dump->modules.size() == MODULES_MAX)
+            return "there are too many entries";
+        fault = add_entry(memory, at, dump, nameless);
+        if (fault != NULL)
+            return fault;
+        from = at;
+    }
+    return memory_result_text(result);
+}
+
+/* Both ends of a list that is torn are read. */
+static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dump *dump,
+                                           std::string *reason)
+{
+    size_t nameless = 0;
+    const char *fault = walk_list(memory, LIST_FORWARD, dump, &nameless);
+    const size_t from_start = dump->modules.size();
+
+    if (fault != NULL)
+        (void)walk_list(memory, LIST_BACKWARD, dump, &nameless);
+    if (dump->modules.empty()) {
+        *reason = "no entry of the list of modules at " + kernel_dump_hex(dump->loaded_modules) +
+                  " can be read: " + (fault != NULL ? fault : "the list is empty");
+        return KERNEL_DUMP_NO_MODULES;
+    }
+    if (fault != NULL)
+        dump->gaps.push_back("the list of modules is incomplete, " + std::to_string(from_start) +
+                             " are read from its start and " +
+                             std::to_string(dump->modules.size() - from_start) +
+                             " from its end: " + fault);
+    if (nameless > 0)
+        dump->gaps.push_back("the names of " + std::to_string(nameless) +
+                             " modules cannot be read");
+    return KERNEL_DUMP_OK;
+}
+
+static void read_stack(const memory_dump &memory, kernel_dump *dump)
+{
+    std::vector<uint8_t> &stack = dump->stack;
+
+    dump->stack_start = dump->rsp;
+    while (stack.size() < STACK_BYTES_MAX) {
+        const size_t got = stack.size();
+        const uint64_t at = dump->rsp + got;
+        const size_t part = (size_t)std::min<uint64_t>(STACK_BYTES_MAX - got,
+                                                       MEMORY_PAGE_BYTES - at % MEMORY_PAGE_BYTES);
+
+        stack.resize(got + part);
+        const enum memory_result result = memory_dump_read(memory, at, &stack[got], part);
+
+        if (result == MEMORY_OK)
+            continue;
+        stack.resize(got);
+        if (got == 0 || result != MEMORY_UNMAPPED)
+            dump->gaps.push_back("the stack from " + kernel_dump_hex(dump->rsp) +
+                                 " is incomplete, " + std::to_string(got) +
+                                 " bytes are read: " + memory_result_text(result));
+        return;
+    }
+}
+
+enum kernel_dump_error kernel_dump_read_memory(const dump_span &file, kernel_dump *dump,
+                                               std::string *reason)
+{
+    memory_dump memory;
+    enum kernel_dump_error error = kernel_dump_read_context(file, CONTEXT_OFFSET, dump, reason);
+
+    if (error == KERNEL_DUMP_OK)
+        error = memory_dump_open(file, *dump, &memory, reason);
+    if (error != KERNEL_DUMP_OK)
+        return error;
+    const uint64_t whole = memory_dump_whole_bytes(memory);
+    const std::string cut = file.size >= whole
+                                ? ""
+                                : "the file is cut off, " + std::to_string(file.size) + " of " +
+                                      std::to_string(whole) + " bytes";
+
+    if (!cut.empty())
+        dump->gaps.push_back(cut);
+    error = read_modules(memory, dump, reason);
+    if (error == KERNEL_DUMP_OK) {
+        read_stack(memory, dump);
+    } else if (!cut.empty()) {
+        *reason = cut + ": " + *reason;
+        error = KERNEL_DUMP_CUT_OFF;
+    }
+    return error;
+}

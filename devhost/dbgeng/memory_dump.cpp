@@ -1,0 +1,261 @@
+/* Physical pages of a dump's file and translation of addresses. Every place is checked against the
+ * file's size before it is read, every number before it is multiplied. */
+#include "memory_dump.h"
+
+#include <algorithm>
+
+#define RUN_BYTES 16u
+/* The list of runs ends where the context begins. */
+#define RUNS_MAX ((0x348u - RUNS_FIRST) / RUN_BYTES)
+/* The processor has 52 bits of physical address. */
+#define PAGES_MAX 0x10000000000ull
+/* So many bits are counted for one look into the bitmap, at most. */
+#define BLOCK_BITS       4096u
+
+#define ENTRY_PRESENT    0x001u
+#define ENTRY_LARGE      0x080u
+#define ENTRY_PROTOTYPE  0x400u
+#define ENTRY_TRANSITION 0x800u
+#define ENTRY_FRAME      0x000FFFFFFFFFF000ull
+
+/* Places in the file. */
+enum memory_field : uint64_t {
+    RUNS_COUNT = 0x88,
+    RUNS_PAGES = 0x90,
+    RUNS_FIRST = 0x98,
+    BITMAP_SIGNATURE = KERNEL_DUMP_HEADER_BYTES + 0x00,
+    BITMAP_VALID = KERNEL_DUMP_HEADER_BYTES + 0x04,
+    BITMAP_FIRST_PAGE = KERNEL_DUMP_HEADER_BYTES + 0x20,
+    BITMAP_PRESENT = KERNEL_DUMP_HEADER_BYTES + 0x28,
+    BITMAP_BITS = KERNEL_DUMP_HEADER_BYTES + 0x30,
+    BITMAP = KERNEL_DUMP_HEADER_BYTES + 0x38,
+};
+
+static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason)
+{
+    const uint32_t count = memory->file.at<uint32_t>(RUNS_COUNT);
+    const uint64_t pages = memory->file.at<uint64_t>(RUNS_PAGES);
+    uint64_t free_from = 0;
+
+    if (count == 0 || count > RUNS_MAX) {
+        *reason = "the header cannot hold " + std::to_string(count) + " runs of physical memory";
+        return KERNEL_DUMP_DAMAGED;
+    }
+    for (uint32_t i = 0; i < count; i++) {
+        const uint64_t at = RUNS_FIRST + (uint64_t)i * RUN_BYTES;
+        const memory_run run = {memory->file.at<uint64_t>(at), memory->file.at<uint64_t>(at + 8),
+                                memory->pages};
+
+        if (run.first < free_from || run.first > PAGES_MAX || run.count > PAGES_MAX - run.first) {
+            *reason = "run " + std::to_string(i) + " of physical memory (" +
+                      std::to_string(run.count) + " pages from " + kernel_dump_hex(run.first) +
+                      ") cannot be right";
+            return KERNEL_DUMP_DAMAGED;
+        }
+        free_from = run.first + run.count;
+        memory->pages += run.count;
+        memory->runs.push_back(run);
+    }
+    if (pages != memory->pages) {
+        *reason = "the runs of physical memory have " + std::to_string(memory->pages) +
+                  " pages, and the header says " + std::to_string(pages);
+        return KERNEL_DUMP_DAMAGED;
+    }
+    memory->pages_offset = KERNEL_DUMP_HEADER_BYTES;
+    return KERNEL_DUMP_OK;
+}
+
+/* How many bits are set from first, a multiple of 8, up to but not with end. */
+static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
+{
+    uint64_t set = 0;
+
+    for (; end - first >= 64; first += 64)
+        set += (uint64_t)__builtin_popcountll(file.at<uint64_t>(BITMAP + first / 8));
+    while (first < end) {
+        const uint64_t bits = std::min<uint64_t>(end - first, 8);
+        const unsigned mask = (1u << bits) - 1;
+
+        set += (uint64_t)__builtin_popcount(file.at<uint8_t>(BITMAP + first / 8) & mask);
+        first += bits;
+    }
+    return set;
+}
+
+static bool has_bitmap(const dump_span &file)
+{
+    return file.holds(BITMAP_SIGNATURE, 8) &&
+           (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
+            memcmp(file.bytes + BITMAP_SIGNATURE, "FDMP", 4) == 0) &&
+           memcmp(file.bytes + BITMAP_VALID, "DUMP", 4) == 0;
+}
+
+static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::string *reason)
+{
+    const dump_span &file = memory.file;
+    const uint64_t bytes = memory.bits / 8 + (memory.bits % 8 != 0);
+
+    if (memory.bits == 0 || memory.bits > PAGES_MAX) {
+        *reason = "no machine has " + std::to_string(memory.bits) + " pages of memory";
+        return KERNEL_DUMP_DAMAGED;
+    }
+    if (memory.pages_offset < BITMAP + bytes) {
+        *reason = "the bitmap of " + std::to_string(bytes) + " bytes reaches into the pages at " +
+                  kernel_dump_hex(memory.pages_offset);
+        return KERNEL_DUMP_DAMAGED;
+    }
+    if (memory.pages_offset > file.size) {
+        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
+                  " bytes, and its first page is at " + std::to_string(memory.pages_offset);
+        return KERNEL_DUMP_CUT_OFF;
+    }
+    return KERNEL_DUMP_OK;
+}
+
+static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reason)
+{
+    const dump_span &file = memory->file;
+
+    if (!file.holds(KERNEL_DUMP_HEADER_BYTES, BITMAP - KERNEL_DUMP_HEADER_BYTES)) {
+        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
+                  " bytes, inside the header of the bitmap";
+        return KERNEL_DUMP_CUT_OFF;
+    }
+    if (!has_bitmap(file)) {
+        *reason =
+            "the header of the bitmap is missing at " + kernel_dump_hex(KERNEL_DUMP_HEADER_BYTES);
+        return KERNEL_DUMP_DAMAGED;
+    }
+    memory->pages_offset = file.at<uint64_t>(BITMAP_FIRST_PAGE);
+    memory->bits = file.at<uint64_t>(BITMAP_BITS);
+    const enum kernel_dump_error error = check_bitmap(*memory, reason);
+
+    if (error != KERNEL_DUMP_OK)
+        return error;
+    for (uint64_t bit = 0; bit < memory->bits; bit += BLOCK_BITS) {
+        memory->ranks.push_back(memory->pages);
+        memory->pages += bits_set(file, bit, std::min(memory->bits, bit + BLOCK_BITS));
+    }
+    /* A bit too many or too few would shift all pages behind it. */
+    if (memory->pages != file.at<uint64_t>(BITMAP_PRESENT)) {
+        *reason = "the bitmap marks " + std::to_string(memory->pages) +
+                  " pages, and its header says " +
+                  std::to_string(file.at<uint64_t>(BITMAP_PRESENT));
+        return KERNEL_DUMP_DAMAGED;
+    }
+    return KERNEL_DUMP_OK;
+}
+
+enum kernel_dump_error memory_dump_open(const dump_span &file, const kernel_dump &dump,
+                                        memory_dump *memory, std::string *reason)
+{
+    *memory = memory_dump();
+    memory->file = file;
+    memory->directory_table = dump.directory_table & ENTRY_FRAME;
+    if (dump.kind == KERNEL_DUMP_KIND_FULL ||
+        (dump.kind == KERNEL_DUMP_KIND_KERNEL && !has_bitmap(file)))
+        return open_runs(memory, reason);
+    return open_bitmap(memory, reason);
+}
+
+uint64_t memory_dump_whole_bytes(const memory_dump &memory)
+{
+    return memory.pages_offset + memory.pages * MEMORY_PAGE_BYTES;
+}
+
+/* The number of the page in the file; false when the file has no place for it. */
+static bool place_of_page(const memory_dump &memory, uint64_t page, uint64_t *place)
+{
+    for (const memory_run &run : memory.runs) {
+        if (page >= run.first && page - run.first < run.count) {
+            *place = run.place + (page - run.first);
+            return true;
+        }
+    }
+    if (page >= memory.bits ||
+        (memory.file.at<uint8_t>(BITMAP + page / 8) & (1u << (page % 8))) == 0)
+        return false;
+    *place =
+        memory.ranks[page / BLOCK_BITS] + bits_set(memory.file, page - page % BLOCK_BITS, page);
+    return true;
+}
+
+/* Within one page. */
+static bool read_physical(const memory_dump &memory, uint64_t address, void *out, size_t bytes)
+{
+    uint64_t place;
+
+    if (!place_of_page(memory, address / MEMORY_PAGE_BYTES, &place))
+        return false;
+    const uint64_t offset =
+        memory.pages_offset + place * MEMORY_PAGE_BYTES + address % MEMORY_PAGE_BYTES;
+
+    if (!memory.file.holds(offset, bytes))
+        return false;
+    memcpy(out, memory.file.bytes + offset, bytes);
+    return true;
+}
+
+/* Down the four levels, each with 9 bits of the address. A large page ends the way at the second or
+ * third of them. A page in transition is on its way out, but still in its place. */
+static enum memory_result translate(const memory_dump &memory, uint64_t address, uint64_t *physical)
+{
+    const uint64_t sign = address >> 47;
+    uint64_t table = memory.directory_table;
+
+    if (sign != 0 && sign != 0x1FFFF)
+        return MEMORY_UNMAPPED;
+    for (unsigned shift = 39;; shift -= 9) {
+        const bool last = shift == 12;
+        const uint64_t within = ((uint64_t)1 << shift) - 1;
+        uint64_t entry;
+
+        if (!read_physical(memory, table + 8 * ((address >> shift) & 0x1FF), &entry, sizeof entry))
+            return MEMORY_NO_TABLE;
+        const bool in_transition =
+            last && (entry & (ENTRY_TRANSITION | ENTRY_PROTOTYPE)) == ENTRY_TRANSITION;
+
+        if ((entry & ENTRY_PRESENT) == 0 && !in_transition)
+            return MEMORY_UNMAPPED;
+        if (last || (shift < 39 && (entry & ENTRY_LARGE) != 0)) {
+            *physical = (entry & ENTRY_FRAME & ~within) | (address & within);
+            return MEMORY_OK;
+        }
+        table = entry & ENTRY_FRAME;
+    }
+}
+
+enum memory_result memory_dump_read(const memory_dump &memory, uint64_t address, void *out,
+                                    size_t bytes)
+{
+    uint8_t *to = (uint8_t *)out;
+
+    if (address > UINT64_MAX - bytes)
+        return MEMORY_UNMAPPED;
+    while (bytes > 0) {
+        const size_t part =
+            (size_t)std::min<uint64_t>(bytes, MEMORY_PAGE_BYTES - address % MEMORY_PAGE_BYTES);
+        uint64_t physical = 0;
+        const enum memory_result result = translate(memory, address, &physical);
+
+        if (result != MEMORY_OK)
+            return result;
+        if (!read_physical(memory, physical, to, part))
+            return MEMORY_NO_PAGE;
+        to += part;
+        address += part;
+        bytes -= part;
+    }
+    return MEMORY_OK;
+}
+
+const char *memory_result_text(enum memory_result result)
+{
+    switch (result) {
+    case MEMORY_OK: return "nothing is missing";
+    case MEMORY_UNMAPPED: return "the address is not mapped";
+    case MEMORY_NO_PAGE: return "the page is not in the dump";
+    case MEMORY_NO_TABLE: return "a page table is not in the dump";
+    }
+    return "unknown";
+}
