@@ -2,6 +2,9 @@
 #ifndef PLATFORM_TEST_H
 #define PLATFORM_TEST_H
 
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,37 +15,121 @@
 #include <liboxni_core/host.h>
 #include <liboxnibase/host.h>
 #include <oxni/base/json.h>
+#include <oxni/base/time.h>
 
 /* Thrown by the host's exit function, as a host does to leave the plug-in's frames. */
 struct run_ended {
 };
 
-/* Simulated clock at a fixed moment, tick 1000; no subscribers, no log, no failing memory. What was
- * complained about and not looked at fails the test. */
+/* UTC file time of seconds since 1970. */
+constexpr uint64_t to_100ns(int64_t seconds)
+{
+    return static_cast<uint64_t>(seconds + 11644473600) * 10000000;
+}
+
+/* Simulated clock at 2026-03-01 12:00:00 UTC, tick 1000; no subscribers, no log, no failing memory.
+ * What was complained about and not looked at fails the test. */
 class platform_test : public testing::Test
 {
   protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override
+    {
+        TearDown();
+        std::filesystem::create_directories(base_folder());
+        oxnih_clock_set_zone(NULL);
+        oxnih_clock_simulate(to_100ns(1772366400), 1000);
+        oxnih_set_complaint(
+            [](const char *text, void *) {
+                s_complaints += (s_complaints.empty() ? "" : "\n") + std::string(text);
+            },
+            NULL);
+        oxnih_log_set_sink([](int, const char *line, void *) { s_log += line; }, NULL);
+        oxnih_set_exit([](void *) { throw run_ended(); }, NULL);
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ("", complaints()) << "nobody expected this";
+        for (json_t *value : s_values)
+            json_decref(value);
+        s_values.clear();
+        s_notes.clear();
+        s_log.clear();
+        oxnih_core_reset();
+        EXPECT_EQ(0U, memory_stats().live_blocks) << "not given back";
+        oxnih_core_set_observer(NULL, NULL);
+        oxnih_core_set_lenient(0);
+        oxnih_log_close();
+        oxnih_set_install_dir(NULL);
+        oxnih_set_process_path(NULL);
+        oxnih_set_log_dir(NULL);
+        oxnih_memory_fail(0, 0);
+        oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
+        std::filesystem::remove_all(base_folder());
+    }
+    static std::filesystem::path base_folder()
+    {
+        return std::filesystem::temp_directory_path() /
+               ("platform_tests_" + std::to_string(GetCurrentProcessId()));
+    }
 
   public:
     /* Lines that callbacks of the test write, in order, joined by blanks. */
-    static void note(const std::string &text);
-    static std::string notes();
+    static void note(const std::string &text)
+    {
+        s_notes += (s_notes.empty() ? "" : " ") + text;
+    }
+    static std::string notes()
+    {
+        return std::exchange(s_notes, "");
+    }
     /* Complaints since the last call, joined by line feeds. */
-    static std::string complaints();
-    /* A line that the log got and that holds the text; empty when there is none. */
-    static std::string logged(const std::string &text);
-    /* Absolute path below a folder of this process, made empty for each test; forward slashes. */
-    static std::string path(const std::string &name);
-};
+    static std::string complaints()
+    {
+        return std::exchange(s_complaints, "");
+    }
+    static bool logged(const std::string &text)
+    {
+        return s_log.find(text) != std::string::npos;
+    }
+    /* Absolute path below a folder of this process, made empty for each test; UTF-8. */
+    static std::string path(const std::string &name)
+    {
+        return base_folder().generic_u8string() + "/" + name;
+    }
+    /* Plays the next milliseconds. */
+    static void run(uint64_t ms)
+    {
+        EXPECT_EQ(0, oxnih_core_run_until(oxni_time_get_tick_cout() + ms));
+    }
+    static oxnih_memory_stats memory_stats()
+    {
+        oxnih_memory_stats now;
+        oxnih_memory_get_stats(&now);
+        return now;
+    }
+    /* A JSON value that the test owns until its end. */
+    static json_t *json_of(const std::string &text)
+    {
+        s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, NULL));
+        EXPECT_NE(nullptr, s_values.back()) << text;
+        return s_values.back();
+    }
+    /* A file's bytes; "(none)" when it cannot be read. */
+    static std::string file_bytes(const std::string &path)
+    {
+        std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
+        std::ostringstream bytes;
+        bytes << file.rdbuf();
+        return file.is_open() ? bytes.str() : "(none)";
+    }
+    static void file_write(const std::string &path, const std::string &bytes)
+    {
+        std::ofstream(std::filesystem::u8path(path), std::ios::binary) << bytes;
+    }
 
-/* UTC file time of a date. */
-uint64_t utc_100ns(int year, int month, int day, int hour, int minute, int second);
-/* A JSON value that a test owns until its end. */
-json_t *json_of(const char *text);
-/* A file's bytes, by UTF-8 path; "(none)" when it cannot be read. */
-std::string file_bytes(const std::string &path);
-void file_write(const std::string &path, const std::string &bytes);
+  private:
+    static inline std::string s_notes, s_complaints, s_log;
+    static inline std::vector<json_t *> s_values;
+};
 
 #endif
