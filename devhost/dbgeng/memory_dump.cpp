@@ -82,10 +82,10 @@ static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
     return set;
 }
 
+/* The file holds the two marks. */
 static bool has_bitmap(const dump_span &file)
 {
-    return file.holds(BITMAP_SIGNATURE, 8) &&
-           (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
+    return (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
             memcmp(file.bytes + BITMAP_SIGNATURE, "FDMP", 4) == 0) &&
            memcmp(file.bytes + BITMAP_VALID, "DUMP", 4) == 0;
 }
@@ -152,8 +152,10 @@ enum kernel_dump_error memory_dump_open(const dump_span &file, const kernel_dump
     *memory = memory_dump();
     memory->file = file;
     memory->directory_table = dump.directory_table & ENTRY_FRAME;
+    /* A kernel dump tells by its contents which of the two it has, once it is long enough. */
     if (dump.kind == KERNEL_DUMP_KIND_FULL ||
-        (dump.kind == KERNEL_DUMP_KIND_KERNEL && !has_bitmap(file)))
+        (dump.kind == KERNEL_DUMP_KIND_KERNEL && file.holds(BITMAP_SIGNATURE, 8) &&
+         !has_bitmap(file)))
         return open_runs(memory, reason);
     return open_bitmap(memory, reason);
 }

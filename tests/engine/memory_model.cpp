@@ -1,0 +1,301 @@
+/* The memory of a crashed machine and dumps of it. */
+#include "memory_model.h"
+
+#include <cstring>
+
+#define PAGE_BYTES  0x1000u
+#define ENTRY_FRAME 0x000FFFFFFFFFF000ull
+/* The list and its texts: a GiB apart, so that a page of that size holds only the texts. */
+#define LIST_BASE  0xFFFFE00000000000ull
+#define TEXTS_BASE 0xFFFFE00040000000ull
+#define NAME_TEXT  0x800u /* place of the file's name among a module's texts */
+
+memory_model::memory_model(const dump_model &machine, unsigned large) : m_machine(machine)
+{
+    m_directory_table = new_page();
+    if (large > 12) {
+        map(machine.loaded_modules, large);
+        map(TEXTS_BASE, large);
+    }
+    put_list();
+    for (size_t i = 0; i < machine.stack.size(); i++)
+        put(machine.stack_start + 8 * i, machine.stack[i], 8);
+}
+
+uint64_t memory_model::entry_of(size_t module)
+{
+    return LIST_BASE + 2 * PAGE_BYTES * module;
+}
+
+uint64_t memory_model::text_of(size_t module)
+{
+    return TEXTS_BASE + 2 * PAGE_BYTES * module;
+}
+
+/* Not all in a row: what stands in the file does not follow from the number alone. */
+uint64_t memory_model::new_page()
+{
+    const uint64_t number = 0x100 + m_taken + m_taken / 3 * 2;
+
+    m_taken++;
+    m_pages[number] = memory_page(PAGE_BYTES);
+    return number * PAGE_BYTES;
+}
+
+uint64_t memory_model::get_physical(uint64_t place) const
+{
+    const memory_page &page = m_pages.at(place / PAGE_BYTES);
+    uint64_t value;
+
+    memcpy(&value, &page[place % PAGE_BYTES], sizeof value);
+    return value;
+}
+
+void memory_model::put_physical(uint64_t place, uint64_t value)
+{
+    memory_page &page = m_pages.at(place / PAGE_BYTES);
+
+    memcpy(&page[place % PAGE_BYTES], &value, sizeof value);
+}
+
+uint64_t memory_model::entry_place(uint64_t address, unsigned shift) const
+{
+    uint64_t table = m_directory_table;
+
+    for (unsigned level = 39;; level -= 9) {
+        const uint64_t place = table + 8 * ((address >> level) % 512);
+
+        if (level == shift)
+            return place;
+        table = get_physical(place) & ENTRY_FRAME;
+    }
+}
+
+/* Beside the frame stand bits that say nothing about it: access rights and, in the entry of a large
+ * page, a bit at the place of a small frame's lowest one. */
+void memory_model::map(uint64_t address, unsigned shift)
+{
+    for (unsigned level = 39; level > shift; level -= 9) {
+        const uint64_t place = entry_place(address, level);
+
+        if (get_physical(place) == 0)
+            put_physical(place, new_page() | MEMORY_PRESENT | 0x62);
+    }
+    const uint64_t place = entry_place(address, shift);
+
+    if (shift == 12)
+        put_physical(place, new_page() | MEMORY_PRESENT | 0x8000000000000062);
+    else
+        put_physical(place, (++m_large_taken << shift) | MEMORY_PRESENT | MEMORY_LARGE | 0x1000);
+}
+
+bool memory_model::find(uint64_t address, uint64_t *physical) const
+{
+    for (unsigned level = 39;; level -= 9) {
+        const uint64_t entry = get_physical(entry_place(address, level));
+        const uint64_t within = (1ull << level) - 1;
+
+        if (entry == 0)
+            return false;
+        *physical = (entry & ENTRY_FRAME & ~within) | (address & within);
+        if (level == 12 || (entry & MEMORY_LARGE) != 0)
+            return true;
+    }
+}
+
+uint64_t memory_model::physical(uint64_t address) const
+{
+    uint64_t found = 0;
+
+    return find(address, &found) ? found : 0;
+}
+
+void memory_model::put(uint64_t address, uint64_t value, size_t bytes)
+{
+    for (size_t i = 0; i < bytes; i++) {
+        uint64_t place = 0;
+
+        if (!find(address + i, &place)) {
+            map(address + i, 12);
+            place = physical(address + i);
+        }
+        /* Of a large page only what is written comes to be. */
+        memory_page &page = m_pages[place / PAGE_BYTES];
+
+        page.resize(PAGE_BYTES);
+        page[place % PAGE_BYTES] = (uint8_t)(value >> (8 * i));
+    }
+}
+
+void memory_model::put_text(uint64_t field, uint64_t address, const std::u16string &text)
+{
+    put(field, 2 * text.size(), 2);
+    put(field + 2, 2 * text.size() + 2, 2);
+    put(field + 8, address, 8);
+    for (const char16_t unit : text) {
+        put(address, unit, 2);
+        address += 2;
+    }
+}
+
+void memory_model::put_list()
+{
+    const size_t count = m_machine.modules.size();
+
+    for (size_t i = 0; i <= count; i++) {
+        const uint64_t before = i == 0 ? m_machine.loaded_modules : entry_of(i - 1);
+        const uint64_t after = i == count ? m_machine.loaded_modules : entry_of(i);
+
+        put(before + MEMORY_NEXT, after, 8);
+        put(after + MEMORY_PREVIOUS, before, 8);
+    }
+    for (size_t i = 0; i < count; i++) {
+        const std::u16string &path = m_machine.modules[i].path;
+
+        put(entry_of(i) + MEMORY_BASE, m_machine.modules[i].base, 8);
+        put(entry_of(i) + MEMORY_SIZE, m_machine.modules[i].bytes, 4);
+        put_text(entry_of(i) + MEMORY_PATH, text_of(i), path);
+        put_text(entry_of(i) + MEMORY_NAME, text_of(i) + NAME_TEXT,
+                 path.substr(path.rfind(u'\\') + 1));
+    }
+}
+
+void memory_model::drop(uint64_t physical)
+{
+    m_pages.erase(physical / PAGE_BYTES);
+}
+
+std::vector<uint64_t> memory_model::pages() const
+{
+    std::vector<uint64_t> numbers;
+
+    for (const auto &page : m_pages)
+        numbers.push_back(page.first);
+    return numbers;
+}
+
+uint64_t memory_model::first_place(enum memory_layout layout) const
+{
+    const uint64_t bitmap_end = MEMORY_BITS + m_pages.rbegin()->first / 8 + 2;
+
+    return layout == MEMORY_RUNS ? 0x2000 : (bitmap_end + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+}
+
+uint64_t memory_model::place_in_file(uint64_t physical, enum memory_layout layout) const
+{
+    const auto page = m_pages.find(physical / PAGE_BYTES);
+
+    return first_place(layout) + (uint64_t)std::distance(m_pages.begin(), page) * PAGE_BYTES +
+           physical % PAGE_BYTES;
+}
+
+void memory_model::put_runs(std::vector<uint8_t> *dump) const
+{
+    uint64_t place = MEMORY_RUN_FIRST - 16;
+    uint64_t runs = 0;
+    uint64_t next = 0;
+    uint64_t count = 0;
+
+    for (const uint64_t number : pages()) {
+        if (runs == 0 || number != next) {
+            runs++;
+            place += 16;
+            count = 0;
+            dump_put(dump, place, number, 8);
+        }
+        dump_put(dump, place + 8, ++count, 8);
+        next = number + 1;
+    }
+    dump_put(dump, MEMORY_RUN_COUNT, runs, 4);
+    dump_put(dump, MEMORY_RUN_PAGES, m_pages.size(), 8);
+}
+
+/* The number of bits is no multiple of 8, and what follows the last one is set: no page of all. */
+void memory_model::put_bitmap(std::vector<uint8_t> *dump, enum memory_layout layout) const
+{
+    const uint64_t last = m_pages.rbegin()->first;
+    const uint64_t bits = last + 1 + (last % 8 == 7);
+
+    dump_put(dump, MEMORY_BITMAP, layout == MEMORY_SDMP ? 0x504D4453 : 0x504D4446, 4);
+    dump_put(dump, MEMORY_BITMAP + 4, 0x504D5544, 4);
+    dump_put(dump, MEMORY_FIRST_PAGE, first_place(layout), 8);
+    dump_put(dump, MEMORY_BITMAP_PRESENT, m_pages.size(), 8);
+    dump_put(dump, MEMORY_BITMAP_BITS, bits, 8);
+    dump->resize(first_place(layout));
+    for (const uint64_t number : pages())
+        (*dump)[MEMORY_BITS + number / 8] |= (uint8_t)(1u << (number % 8));
+    for (uint64_t bit = bits; bit % 8 != 0; bit++)
+        (*dump)[MEMORY_BITS + bit / 8] |= (uint8_t)(1u << (bit % 8));
+}
+
+std::vector<uint8_t> memory_model::build(uint32_t kind, enum memory_layout layout) const
+{
+    std::vector<uint8_t> dump = dump_build(m_machine);
+
+    dump.resize(0x2000);
+    dump_put(&dump, 0x10, m_directory_table | 0x18, 8);
+    dump_put(&dump, DUMP_KIND, kind, 4);
+    if (layout == MEMORY_RUNS)
+        put_runs(&dump);
+    else
+        put_bitmap(&dump, layout);
+    for (const auto &page : m_pages)
+        dump.insert(dump.end(), page.second.begin(), page.second.end());
+    return dump;
+}
+
+std::vector<uint64_t> memory_model::vital_places(enum memory_layout layout) const
+{
+    std::vector<uint64_t> places = {0x00,
+                                    0x10,
+                                    0x20,
+                                    0x30,
+                                    DUMP_KIND,
+                                    DUMP_CONTEXT + 0x30,
+                                    DUMP_CONTEXT + 0x98,
+                                    DUMP_CONTEXT + 0xF8};
+
+    for (uint64_t place = 0; layout == MEMORY_RUNS && place < 0x100; place += 8)
+        places.push_back(MEMORY_RUN_COUNT + place);
+    for (uint64_t place = 0; layout != MEMORY_RUNS && place < 0x80; place += 8)
+        places.push_back(MEMORY_BITMAP + place);
+    /* Page tables, entries and texts are all that is not zero in the pages. */
+    for (const auto &page : m_pages) {
+        for (uint64_t at = 0; at < PAGE_BYTES; at += 8) {
+            const uint64_t place = page.first * PAGE_BYTES + at;
+
+            if (get_physical(place) != 0)
+                places.push_back(place_in_file(place, layout));
+        }
+    }
+    return places;
+}
+
+static uint64_t value_at(const std::vector<uint8_t> &dump, uint64_t place)
+{
+    uint64_t value = 0;
+
+    if (place + 8 <= dump.size())
+        memcpy(&value, &dump[place], sizeof value);
+    return value;
+}
+
+void memory_mutate(std::vector<uint8_t> *dump, const std::vector<uint64_t> &places,
+                   std::mt19937_64 *random)
+{
+    const uint64_t changes = 1 + (*random)() % 6;
+
+    for (uint64_t i = 0; i < changes; i++) {
+        const uint64_t place = places[(*random)() % places.size()];
+        const uint64_t other = value_at(*dump, places[(*random)() % places.size()]);
+        const uint64_t old = value_at(*dump, place);
+        const uint64_t any = (*random)();
+        const uint64_t off = old ^ (1ull << (any % 64));
+        const uint64_t values[] = {0,   UINT64_MAX, any,   any >> (any % 64),
+                                   off, off,        other, old + any % 0x2000 - 0x1000};
+
+        dump_put(dump, place, values[(*random)() % (sizeof values / sizeof values[0])], 8);
+    }
+    if ((*random)() % 16 == 0)
+        dump->resize((*random)() % dump->size());
+}
