@@ -136,6 +136,9 @@ void view_end(const std::string &file, const std::vector<std::string> &summary,
     fflush(stdout);
     for (const std::string &failure : failures)
         fprintf(stderr, "%s\n", failure.c_str());
+    if (!failures.empty())
+        fprintf(stderr, "again, with the plug-in's lines: oxni_devhost run --log info %s\n",
+                file.c_str());
     printf("%s: %s\n", file.c_str(),
            failures.empty()
                ? "everything holds"

@@ -157,12 +157,15 @@ static uint32_t read_until_expected(HANDLE log, uint8_t **buffer, event_info *in
                 capture_event(found, info);
                 return 0;
             }
+            if (filled == 0) /* would be so for ever */
+                return last_scan;
             continue;
         }
         const DWORD error = GetLastError();
         if (error == ERROR_HANDLE_EOF)
             return last_scan;
-        if (error != ERROR_INSUFFICIENT_BUFFER)
+        /* A call that wants no more room than it has would want it for ever. */
+        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= size)
             return EVENT_READ_FAILED;
         if (!grow_buffer(buffer, &size, needed))
             return EVENT_READ_NO_MEMORY;
