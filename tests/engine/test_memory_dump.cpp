@@ -204,22 +204,41 @@ static const struct entry_row {
 TEST(memory_dump, test_page_table_entry)
 {
     for (const entry_row &row : s_entry_rows) {
-        memory_model memory(machine());
-        kernel_dump dump;
-        std::string reason;
+        for (const kind_row &kind : s_kinds) {
+            memory_model memory(machine());
+            kernel_dump dump;
+            std::string reason;
 
-        for (size_t i = 0; i < 3; i++) {
-            const uint64_t place = memory.entry_place(TEXTS(row.shift == PT ? i : 0), row.shift);
+            for (size_t i = 0; i < (row.shift == PT ? 3 : 1); i++) {
+                const uint64_t place = memory.entry_place(TEXTS(i), row.shift);
+                const uint64_t frame = memory.get_physical(place) & 0x000FFFFFFFFFF000;
 
-            memory.put_physical(place,
-                                (memory.get_physical(place) & 0x000FFFFFFFFFF000) | row.bits);
+                memory.put_physical(place, frame | row.bits);
+            }
+            EXPECT_EQ(read(memory.build(kind.kind, kind.layout), &dump, &reason), KERNEL_DUMP_OK)
+                << row.row << reason;
+            EXPECT_EQ(names_of(dump) == ALL, row.found) << row.row << ": " << names_of(dump);
+            EXPECT_EQ(gaps_of(dump), row.found ? "" : "the names of 3 modules cannot be read\n")
+                << row.row;
         }
-        EXPECT_EQ(read(memory.build(1, MEMORY_RUNS), &dump, &reason), KERNEL_DUMP_OK)
-            << row.row << reason;
-        EXPECT_EQ(names_of(dump) == ALL, row.found) << row.row << ": " << names_of(dump);
-        EXPECT_EQ(gaps_of(dump), row.found ? "" : "the names of 3 modules cannot be read\n")
-            << row.row;
     }
+}
+
+/* The last byte of the bitmap has more bits than the bitmap, and the file may have more bytes. */
+TEST(memory_dump, test_page_behind_bitmap)
+{
+    memory_model memory(machine());
+    const uint64_t behind = memory.pages().back() + 1;
+    kernel_dump dump;
+    std::string reason;
+
+    ASSERT_NE(behind % 8, 0u);
+    memory.put_physical(memory.entry_place(TEXTS(1), PT), behind * SPAN | MEMORY_PRESENT);
+    std::vector<uint8_t> bytes = memory.build(6, MEMORY_SDMP);
+
+    bytes.resize(bytes.size() + SPAN, 'A');
+    EXPECT_EQ(read(bytes, &dump, &reason), KERNEL_DUMP_OK) << reason;
+    EXPECT_EQ(names_of(dump), NO_ONE);
 }
 
 #define NEXT(i)     (ENTRY(i) + MEMORY_NEXT)
@@ -238,22 +257,22 @@ static const struct list_row {
     size_t from_end;
     const char *fault;
 } s_list_rows[] = {
-    {"next is itself",  NEXT(1),                ENTRY(1),            8, 2, 1, "lead back"   },
-    {"last to first",   NEXT(2),                ENTRY(0),            8, 3, 0, "lead back"   },
-    {"past one",        NEXT(0),                ENTRY(2),            8, 1, 2, "lead back"   },
-    {"back to itself",  PREVIOUS(1),            ENTRY(1),            8, 1, 2, "lead back"   },
-    {"next is nowhere", NEXT(0),                0,                   8, 1, 2, "not mapped"  },
-    {"no address",      NEXT(0),                0x800000000000,      8, 1, 2, "not mapped"  },
-    {"next wraps",      NEXT(0),                UINT64_MAX - 7,      8, 1, 2, "not mapped"  },
-    {"head to itself",  HEAD + MEMORY_NEXT,     HEAD,                8, 0, 3, "lead back"   },
-    {"head to first",   HEAD + MEMORY_PREVIOUS, ENTRY(0),            8, 3, 0, "lead back"   },
-    {"image wraps",     BASE(1),                UINT64_MAX - 0xFFFE, 8, 1, 1, "does not fit"},
-    {"no name",         NAME(1),                0,                   2, 3, 0, NULL          },
-    {"odd name",        NAME(1),                3,                   2, 3, 0, NULL          },
-    {"beyond its room", NAME(1) + 2,            2,                   2, 3, 0, NULL          },
-    {"name too long",   NAME(1),                0x4000400,           4, 3, 0, NULL          },
-    {"name nowhere",    NAME(1) + 8,            0,                   8, 3, 0, NULL          },
-    {"name wraps",      NAME(1) + 8,            UINT64_MAX,          8, 3, 0, NULL          },
+    {"next is itself",  NEXT(1),                ENTRY(1),             8, 2, 1, "lead back"   },
+    {"last to first",   NEXT(2),                ENTRY(0),             8, 3, 0, "lead back"   },
+    {"past one",        NEXT(0),                ENTRY(2),             8, 1, 2, "lead back"   },
+    {"back to itself",  PREVIOUS(1),            ENTRY(1),             8, 1, 2, "lead back"   },
+    {"next is nowhere", NEXT(0),                0,                    8, 1, 2, "not mapped"  },
+    {"no address",      NEXT(0),                ENTRY(1) << 16 >> 16, 8, 1, 2, "not mapped"  },
+    {"next wraps",      NEXT(0),                UINT64_MAX - 7,       8, 1, 2, "not mapped"  },
+    {"head to itself",  HEAD + MEMORY_NEXT,     HEAD,                 8, 0, 3, "lead back"   },
+    {"head to first",   HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, 3, 0, "lead back"   },
+    {"image wraps",     BASE(1),                UINT64_MAX - 0xFFFE,  8, 1, 1, "does not fit"},
+    {"no name",         NAME(1),                0,                    2, 3, 0, NULL          },
+    {"odd name",        NAME(1),                3,                    2, 3, 0, NULL          },
+    {"beyond its room", NAME(1),                0x20004,              4, 3, 0, NULL          },
+    {"name too long",   NAME(1),                0x4000400,            4, 3, 0, NULL          },
+    {"name nowhere",    NAME(1) + 8,            0,                    8, 3, 0, NULL          },
+    {"name wraps",      NAME(1) + 8,            UINT64_MAX,           8, 3, 0, NULL          },
 };
 
 TEST(memory_dump, test_list)
@@ -340,6 +359,7 @@ TEST(memory_dump, test_stack)
 
         for (uint64_t page = 2; page < 20; page++)
             memory.put(STACK + page * SPAN, page, 8);
+        memory.put(0 - 8ull, 1, 8); /* the highest page is there, but a stack in it would wrap */
         EXPECT_EQ(read(memory.build(5, MEMORY_FDMP), &dump, &reason), KERNEL_DUMP_OK) << row.row;
         EXPECT_EQ(dump.stack.size(), row.bytes) << row.row;
         EXPECT_EQ(gaps_of(dump).empty(), row.gap[0] == '\0') << row.row << gaps_of(dump);
