@@ -48,6 +48,9 @@ uint64_t play_time(const struct scenario &scenario, const std::string &where,
 void play_start_agent(void);
 void play_stop_agent(const std::string &why);
 
+/* observe.cpp: log lines, complaints and events of the platform are recorded from here on. */
+void observe_platform(void);
+
 /* products.cpp: the agent modules that register with the plug-in. */
 
 void products_open(const struct scenario &scenario);

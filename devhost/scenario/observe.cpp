@@ -1,0 +1,140 @@
+/* What the platform tells of plug-in, products and management side, recorded in words. */
+#include "play.h"
+
+#include <oxni/base/json.h>
+
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../text.h"
+#include "record.h"
+
+static void log_sink(int level, const char *line, void *user)
+{
+    std::string text = line;
+
+    (void)user;
+    while (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    record_add(HAPPENED_LOG, "plug-in", text, "", level);
+}
+
+static void complaint_sink(const char *text, void *user)
+{
+    (void)user;
+    record_add(HAPPENED_COMPLAINT, "platform", text);
+}
+
+static std::string text_member(const json_t *object, const char *name)
+{
+    const char *text = json_string_value(json_object_get(object, name));
+
+    return text != NULL ? text : "";
+}
+
+/* A product's message in words; an odd one as it stands. */
+static std::string message_words(const json_t *message)
+{
+    std::string type = text_member(message, "type"), status = text_member(message, "status");
+    const json_t *modules = json_object_get(json_object_get(message, "data"), "driver_module");
+    std::string words;
+
+    if (status.empty() || (type != "reg" && type != "modify"))
+        return "tells the plug-in " + text_of_json(message);
+    words =
+        (type == "reg" ? "registers as " : "tells that it is ") + status +
+        text_format(", count %lld, modules",
+                    static_cast<long long>(json_integer_value(json_object_get(message, "count"))));
+    for (size_t i = 0; i < json_array_size(modules); i++)
+        words += std::string(" ") + text_of_json(json_array_get(modules, i));
+    return words;
+}
+
+/* A command of the plug-in in words. */
+static std::string command_words(const json_t *message)
+{
+    std::string reason = text_member(message, "reason");
+    const json_t *count = json_object_get(message, "count");
+    std::string words = text_member(message, "type");
+
+    if (count != NULL)
+        words += " " + text_of_json(count);
+    return reason == "none" ? words : words + " because of " + reason;
+}
+
+/* An upload in words. */
+static std::string upload_words(const std::string &path, const json_t *message)
+{
+    const json_t *alarm =
+        json_object_get(json_object_get(json_object_get(message, "data"), "content"), "data");
+
+    return "uploads to " + path + ": " + text_member(alarm, "alarmName") + " of " +
+           text_member(alarm, "productType");
+}
+
+/* What passes between the plug-in and the products. */
+static bool observe_product(const oxnih_event *event, const std::string &who,
+                            const std::string &message)
+{
+    switch (event->kind) {
+    case OXNIH_EVENT_LEFT: record_add(HAPPENED_LEFT, who, "unsubscribes"); return true;
+    case OXNIH_EVENT_TO_SERVICE:
+        record_add(HAPPENED_MESSAGE, who, message_words(event->message), message);
+        return true;
+    case OXNIH_EVENT_PUSHED:
+        record_add(HAPPENED_COMMAND, "plug-in",
+                   "orders " + who + ": " + command_words(event->message), message, 0, who);
+        return true;
+    case OXNIH_EVENT_REPLY:
+        record_add(HAPPENED_REPLY, who,
+                   event->error == 0 ? "got the order"
+                                     : text_format("is not reached, error %d", event->error),
+                   message, event->error);
+        return true;
+    default: return false;
+    }
+}
+
+static void observe(const oxnih_event *event, void *user)
+{
+    std::string who = event->subscriber != NULL ? product_of(event->subscriber) : "";
+    std::string message = event->message != NULL ? text_of_json(event->message) : "";
+    std::string name = event->name != NULL ? event->name : "";
+    std::string text = event->text != NULL ? event->text : "";
+
+    (void)user;
+    if (observe_product(event, who, message))
+        return;
+    switch (event->kind) {
+    case OXNIH_EVENT_REFUSED:
+        record_add(HAPPENED_REFUSED, who.empty() ? name : who, "is refused: " + text, message);
+        break;
+    case OXNIH_EVENT_LINK:
+        record_add(HAPPENED_LINK, "management", event->error != 0 ? "link is up" : "link is down",
+                   "", event->error);
+        break;
+    case OXNIH_EVENT_REQUEST:
+        record_add(HAPPENED_UPLOAD, "plug-in", upload_words(name, event->message), message);
+        break;
+    case OXNIH_EVENT_RESPONSE:
+        record_add(HAPPENED_RESPONSE, "management",
+                   event->error == 0 ? "answers " + message
+                                     : text_format("transport error %d", event->error),
+                   message, event->error);
+        break;
+    case OXNIH_EVENT_EXEC: record_add(HAPPENED_ASKED, "plug-in", "asks: " + text); break;
+    case OXNIH_EVENT_EXEC_ANSWER:
+        record_add(HAPPENED_ASKED, "management",
+                   event->error == 0 ? "tells: " + text : text_format("error %d", event->error));
+        break;
+    case OXNIH_EVENT_COMMAND: record_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
+    case OXNIH_EVENT_ECHO: record_add(HAPPENED_ECHO, "plug-in", text); break;
+    default: break;
+    }
+}
+
+void observe_platform(void)
+{
+    oxnih_log_set_sink(log_sink, NULL);
+    oxnih_set_complaint(complaint_sink, NULL);
+    oxnih_core_set_observer(observe, NULL);
+}
