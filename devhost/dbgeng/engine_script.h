@@ -42,15 +42,16 @@ typedef HRESULT (*engine_script_map_fn)(const wchar_t *path, wchar_t *mapped, si
                                         void *user);
 
 /*
- * Told when a dump is refused.
+ * Told when a dump is refused. One that only lacks pages is not: what is missing of modules and
+ * stack then stands in the output, before the stack.
  *
  * path     As the client gave it. Borrowed for the call, as is reason.
  * result   What OpenDumpFileWide answers: the error of the file system, or as an HRESULT
  *          ERROR_BAD_FORMAT          no dump at all
- *          ERROR_NOT_SUPPORTED       a dump, but not a small one of 64-bit x64 Windows
+ *          ERROR_NOT_SUPPORTED       a dump, but not of 64-bit x64 Windows, or of an unknown kind
  *          ERROR_HANDLE_EOF          the file is cut off
  *          ERROR_FILE_CORRUPT        a field cannot be right
- *          ERROR_INVALID_DATA        the state of the processor is not in it
+ *          ERROR_INVALID_DATA        the state of the processor or the list of modules is not in it
  * reason   One sentence in UTF-8, without a full stop and a line feed.
  */
 typedef void (*engine_script_refused_fn)(const wchar_t *path, HRESULT result, const char *reason,
