@@ -192,7 +192,7 @@ static const struct refusal_row {
     {"a process",    0,                  0x504D444D, 0,      ERROR_NOT_SUPPORTED, "process"},
     {"32 bits",      4,                  0x504D5544, 0,      ERROR_NOT_SUPPORTED, "32-bit" },
     {"Arm64",        0x30,               0xAA64,     0,      ERROR_NOT_SUPPORTED, "0xaa64" },
-    {"complete",     DUMP_KIND,          1,          0,      ERROR_NOT_SUPPORTED, "type 1" },
+    {"unknown kind", DUMP_KIND,          3,          0,      ERROR_NOT_SUPPORTED, "type 3" },
     {"no stack",     DUMP_TRIAGE + 0x28, UINT32_MAX, 0,      ERROR_FILE_CORRUPT,  "stack"  },
     {"no context",   DUMP_TRIAGE + 0x0C, 0,          0,      ERROR_INVALID_DATA,  "context"},
     {"cut off",      0x10,               0,          0x2000, ERROR_HANDLE_EOF,    "8192"   },
