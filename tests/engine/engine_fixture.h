@@ -1,7 +1,4 @@
-/*
- * What the tests of the engine's DLL share: a receiver of its output, and a client that is made and
- * given back around each test. Each test ends with a look at what the engine still holds.
- */
+/* What the tests of the engine's DLL share: a receiver of its output, a client, a dump. */
 #ifndef TESTS_ENGINE_FIXTURE_H
 #define TESTS_ENGINE_FIXTURE_H
 
@@ -48,9 +45,8 @@ class collector final : public IDebugOutputCallbacks
     std::string text;
 };
 
-typedef HRESULT(WINAPI *debug_create_fn)(REFIID iid, void **out);
-
-/* One client and control on the engine's DLL, and a folder of the test's own for dumps. */
+/* A client and control on the engine's DLL, and a file for a dump. Each test ends with a look at
+ * what the engine still holds. */
 class engine_test : public testing::Test
 {
   protected:
@@ -59,10 +55,9 @@ class engine_test : public testing::Test
         wchar_t folder[MAX_PATH];
 
         m_module = LoadLibraryW(L"dbgeng.dll");
-        ASSERT_NE(m_module, nullptr) << GetLastError();
-        m_create = (debug_create_fn)entry("DebugCreate");
-        m_set = (engine_script_set_fn)entry("engine_script_set");
-        m_counts = (engine_counts_get_fn)entry("engine_counts_get");
+        m_create = (decltype(m_create))(void *)GetProcAddress(m_module, "DebugCreate");
+        m_set = (engine_script_set_fn)(void *)GetProcAddress(m_module, "engine_script_set");
+        m_counts = (engine_counts_get_fn)(void *)GetProcAddress(m_module, "engine_counts_get");
         ASSERT_TRUE(m_create && m_set && m_counts) << "this is not the engine of this project";
         ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
         m_path = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
@@ -70,29 +65,17 @@ class engine_test : public testing::Test
 
     void TearDown() override
     {
-        struct engine_counts counts = {};
-
         close();
-        if (m_set != nullptr)
-            m_set(NULL);
-        if (m_counts != nullptr)
-            m_counts(&counts);
-        EXPECT_EQ(counts.objects, 0u);
-        EXPECT_EQ(counts.references, 0u);
-        EXPECT_EQ(counts.callbacks, 0u);
+        m_set(NULL);
+        EXPECT_EQ(held(), "0 objects, 0 references, 0 callbacks");
         DeleteFileW(m_path.c_str());
         FreeLibrary(m_module);
-    }
-
-    void *entry(const char *name)
-    {
-        return (void *)GetProcAddress(m_module, name);
     }
 
     /* m_client and m_control; TearDown gives them back. */
     void create()
     {
-        ASSERT_EQ(m_create(IID_IDebugClient4, (void **)&m_client), S_OK);
+        ASSERT_EQ(m_create(IID_IDebugClient, (void **)&m_client), S_OK);
         ASSERT_EQ(m_client->QueryInterface(IID_IDebugControl, (void **)&m_control), S_OK);
     }
 
@@ -104,6 +87,15 @@ class engine_test : public testing::Test
             m_client->Release();
         m_control = nullptr;
         m_client = nullptr;
+    }
+
+    std::string held()
+    {
+        struct engine_counts counts;
+
+        m_counts(&counts);
+        return std::to_string(counts.objects) + " objects, " + std::to_string(counts.references) +
+               " references, " + std::to_string(counts.callbacks) + " callbacks";
     }
 
     /* The dump at m_path. */
@@ -118,7 +110,6 @@ class engine_test : public testing::Test
     /* From a dump to its stack text, as the plug-in does it. Result: the first failure. */
     HRESULT play(const wchar_t *path, ULONG flags, ULONG asked, collector *output)
     {
-        DEBUG_STACK_FRAME frames[100] = {};
         HRESULT result = m_client->SetOutputCallbacks(output);
 
         m_filled = 0;
@@ -127,20 +118,22 @@ class engine_test : public testing::Test
         if (result == S_OK)
             result = m_control->WaitForEvent(0, 300000);
         if (result == S_OK)
-            result = m_control->GetStackTrace(0, 0, 0, frames, asked, &m_filled);
+            result = m_control->GetStackTrace(0, 0, 0, m_frames, asked, &m_filled);
         if (result == S_OK)
-            result = m_control->OutputStackTrace(DEBUG_OUTCTL_ALL_CLIENTS, frames, m_filled, flags);
+            result =
+                m_control->OutputStackTrace(DEBUG_OUTCTL_ALL_CLIENTS, m_frames, m_filled, flags);
         m_client->SetOutputCallbacks(NULL);
         m_client->EndSession(DEBUG_END_PASSIVE);
         return result;
     }
 
     HMODULE m_module = nullptr;
-    debug_create_fn m_create = nullptr;
+    HRESULT(WINAPI *m_create)(REFIID iid, void **out) = nullptr;
     engine_script_set_fn m_set = nullptr;
     engine_counts_get_fn m_counts = nullptr;
-    IDebugClient4 *m_client = nullptr;
+    IDebugClient4 *m_client = nullptr; /* made as the first interface, as many clients do */
     IDebugControl *m_control = nullptr;
+    DEBUG_STACK_FRAME m_frames[100] = {};
     ULONG m_filled = 0;
     std::wstring m_path;
 };

@@ -1,4 +1,5 @@
-/* The engine's DLL as its clients see it: interfaces, order of calls, text, references. */
+/* The engine's DLL as its clients see it: interfaces, order of calls, text, references; and what a
+ * script changes in it. Scenarios play each call that fails. */
 /* The tables of interfaces are defined here for the whole program. */
 #include <windows.h>
 #include <initguid.h>
@@ -6,258 +7,233 @@
 
 #include "engine_fixture.h"
 
-#define TWO 0xFFFFF80100010001ull
+#define DUMP L"C:\\Windows\\MEMORY.DMP"
 
-static const char s_plain[] = "one+0x1234\n" UNWIND_NOTE "two+0x1\nnt+0x107\n";
-static const char s_named[] = "Call Site\none+0x1234\n" UNWIND_NOTE "two+0x1\nnt+0x107\n";
-static const char s_numbered[] = " # Call Site\n"
-                                 "00 one+0x1234\n" UNWIND_NOTE "01 two+0x1\n"
-                                 "02 nt+0x107\n";
-static const char s_addressed[] = "Child-SP          RetAddr           Call Site\n"
-                                  "ffff8500`00001000 fffff801`00010001 one+0x1234\n" UNWIND_NOTE
-                                  "ffff8500`00001010 fffff800`00000107 two+0x1\n"
-                                  "ffff8500`00001028 00000000`00000000 nt+0x107\n";
-
-#define ZERO "00000000`00000000 "
-#define X44  "00000000`00000044 "
-static const char s_with_arguments[] =
-    ": 00000000`00000022 00000000`00000033 fffff800`00000107 " X44 ": one+0x1234\n" UNWIND_NOTE
-    ": " X44 ZERO ZERO ZERO ": two+0x1\n"
-    ": " ZERO ZERO ZERO ZERO ": nt+0x107\n";
-
-/* flags, the whole text */
-static const struct text_row {
-    const char *row;
-    ULONG flags;
-    const char *text;
-} s_text_rows[] = {
-    {"as the plug-in", STACK_FLAGS,                                            s_named         },
-    {"only rows",      0,                                                      s_plain         },
-    {"numbers",        DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_FRAME_NUMBERS,   s_numbered      },
-    {"addresses",      DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_FRAME_ADDRESSES, s_addressed     },
-    {"arguments",      DEBUG_STACK_ARGUMENTS,                                  s_with_arguments},
+/* With a client, and a dump at m_path. */
+class engine : public engine_test
+{
+  protected:
+    void SetUp() override
+    {
+        engine_test::SetUp();
+        create();
+        write(dump_build(crashed_model()));
+    }
 };
 
-TEST_F(engine_test, test_text)
+#define ZERO "00000000`00000000 "
+
+/* clang-format off */
+/* flags, frames asked for, the whole text */
+static const struct text_row {
+    ULONG flags;
+    ULONG asked;
+    const char *text;
+} s_text_rows[] = {
+    {STACK_FLAGS, 99, "Call Site\none+0x1234\n" UNWIND_NOTE "two+0x1\nnt+0x107\n"},
+    {0, 1, "one+0x1234\n"},
+    {DEBUG_STACK_FRAME_NUMBERS | DEBUG_STACK_FRAME_ADDRESSES | DEBUG_STACK_ARGUMENTS, 2,
+     "00 ffff8500`00001000 fffff801`00010001 : 00000000`00000022 00000000`00000033"
+     " fffff800`00000107 00000000`00000044 : one+0x1234\n" UNWIND_NOTE
+     "01 ffff8500`00001010 " ZERO ": " ZERO ZERO ZERO ZERO ": two+0x1\n"},
+};
+/* clang-format on */
+
+TEST_F(engine, test_text)
 {
-    write(dump_build(crashed_model()));
-    create();
     for (const text_row &row : s_text_rows) {
         collector output;
 
-        EXPECT_EQ(play(m_path.c_str(), row.flags, 99, &output), S_OK) << row.row;
-        EXPECT_EQ(m_filled, 3u) << row.row;
-        EXPECT_EQ(output.text, row.text) << row.row;
-        EXPECT_GT(output.pieces, 3) << row.row;
-        EXPECT_EQ(output.references, 1u) << row.row;
+        memset(m_frames, 0xCC, sizeof m_frames);
+        EXPECT_EQ(play(m_path.c_str(), row.flags, row.asked, &output), S_OK);
+        EXPECT_EQ(m_filled, row.asked < 3 ? row.asked : 3u);
+        EXPECT_EQ(m_frames[m_filled].FrameNumber, 0xCCCCCCCCu);
+        EXPECT_EQ(output.text, row.text);
+        EXPECT_EQ(output.references, 1u);
     }
+    EXPECT_EQ(m_frames[1].InstructionOffset, 0xFFFFF80100010001u);
 }
 
-TEST_F(engine_test, test_frames_asked)
+TEST_F(engine, test_order_of_calls)
 {
-    write(dump_build(crashed_model()));
-    create();
-    for (const ULONG asked : {1u, 2u, 3u, 99u}) {
-        collector output;
-
-        EXPECT_EQ(play(m_path.c_str(), STACK_FLAGS, asked, &output), S_OK);
-        EXPECT_EQ(m_filled, asked < 3 ? asked : 3u);
-        EXPECT_EQ(output.text.find(UNWIND_NOTE) != std::string::npos, asked > 1);
-    }
-}
-
-TEST_F(engine_test, test_frames)
-{
-    DEBUG_STACK_FRAME frames[4];
-
-    write(dump_build(crashed_model()));
-    create();
-    memset(frames, 0xCC, sizeof frames);
-    ASSERT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
-    ASSERT_EQ(m_control->WaitForEvent(0, 0), S_OK);
-    ASSERT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 4, &m_filled), S_OK);
-    ASSERT_EQ(m_filled, 3u);
-    EXPECT_EQ(frames[1].InstructionOffset, TWO);
-    EXPECT_EQ(frames[1].StackOffset, 0xFFFF850000001010u);
-    EXPECT_EQ(frames[1].ReturnOffset, 0xFFFFF80000000107u);
-    EXPECT_EQ(frames[1].FrameNumber, 1u);
-    EXPECT_EQ(frames[2].ReturnOffset, 0u);
-    EXPECT_EQ(frames[3].FrameNumber, 0xCCCCCCCCu);
-    /* The number filled may be left out. */
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 4, NULL), S_OK);
-}
-
-/* Nothing is put out without a receiver, or for others. */
-TEST_F(engine_test, test_output_control)
-{
-    DEBUG_STACK_FRAME frames[4];
-    collector output;
-
-    write(dump_build(crashed_model()));
-    create();
-    ASSERT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
-    ASSERT_EQ(m_control->WaitForEvent(0, 0), S_OK);
-    ASSERT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 4, &m_filled), S_OK);
-    EXPECT_EQ(m_control->OutputStackTrace(DEBUG_OUTCTL_THIS_CLIENT, frames, m_filled, STACK_FLAGS),
-              S_OK);
-    ASSERT_EQ(m_client->SetOutputCallbacks(&output), S_OK);
-    EXPECT_EQ(m_control->OutputStackTrace(DEBUG_OUTCTL_IGNORE, frames, m_filled, STACK_FLAGS),
-              S_OK);
-    EXPECT_EQ(m_control->OutputStackTrace(DEBUG_OUTCTL_ALL_OTHER_CLIENTS, frames, 1, STACK_FLAGS),
-              S_OK);
-    EXPECT_EQ(output.text, "");
-    EXPECT_EQ(m_control->OutputStackTrace(DEBUG_OUTCTL_THIS_CLIENT, frames, m_filled, STACK_FLAGS),
-              S_OK);
-    EXPECT_NE(output.text, "");
-    m_client->SetOutputCallbacks(NULL);
-}
-
-TEST_F(engine_test, test_order_of_calls)
-{
-    DEBUG_STACK_FRAME frames[4];
-
-    write(dump_build(crashed_model()));
-    create();
     EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), E_UNEXPECTED);
     EXPECT_EQ(m_control->WaitForEvent(0, 0), E_UNEXPECTED);
-    EXPECT_EQ(m_client->OpenDumpFileWide(NULL, 0), E_INVALIDARG);
     ASSERT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
     EXPECT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), E_UNEXPECTED);
     m_filled = 7;
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 4, &m_filled), E_UNEXPECTED);
+    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 4, &m_filled), E_UNEXPECTED);
     EXPECT_EQ(m_filled, 0u);
-    EXPECT_EQ(m_control->OutputStackTrace(0, frames, 0, STACK_FLAGS), E_UNEXPECTED);
+    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 0, 0), E_UNEXPECTED);
     EXPECT_EQ(m_control->WaitForEvent(1, 0), E_INVALIDARG);
     EXPECT_EQ(m_control->WaitForEvent(0, 0), S_OK);
     EXPECT_EQ(m_control->WaitForEvent(0, 0), E_UNEXPECTED);
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, NULL, 4, &m_filled), E_INVALIDARG);
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 0, &m_filled), E_INVALIDARG);
-    EXPECT_EQ(m_control->GetStackTrace(0, 1, 0, frames, 4, &m_filled), E_NOTIMPL);
-    EXPECT_EQ(m_control->OutputStackTrace(0, NULL, 1, STACK_FLAGS), E_INVALIDARG);
-    EXPECT_EQ(m_client->EndSession(DEBUG_END_DISCONNECT), E_INVALIDARG);
+    EXPECT_EQ(m_control->GetStackTrace(0, 1, 0, m_frames, 4, &m_filled), E_NOTIMPL);
+    EXPECT_EQ(m_control->OutputStackTrace(0, NULL, 1, 0), E_INVALIDARG);
+    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 1, 0), S_OK); /* nobody receives it */
     EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), S_OK);
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, frames, 4, &m_filled), E_UNEXPECTED);
+    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 4, &m_filled), E_UNEXPECTED);
     EXPECT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
-}
-
-/* A dump that is open can be deleted, as by a clean-up that runs beside the analysis. */
-TEST_F(engine_test, test_file_not_held)
-{
-    write(dump_build(crashed_model()));
-    create();
-    ASSERT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
+    /* The file is not held: a clean-up may run beside the analysis. */
     EXPECT_TRUE(DeleteFileW(m_path.c_str())) << GetLastError();
 }
 
-TEST_F(engine_test, test_interfaces)
+TEST_F(engine, test_interfaces)
 {
     static const struct {
-        const char *row;
         const IID *iid;
         HRESULT result;
     } rows[] = {
-        {"IUnknown",        &IID_IUnknown,              S_OK         },
-        {"IDebugClient",    &IID_IDebugClient,          S_OK         },
-        {"IDebugClient4",   &IID_IDebugClient4,         S_OK         },
-        {"IDebugControl",   &IID_IDebugControl,         S_OK         },
-        {"IDebugSymbols",   &IID_IDebugSymbols,         E_NOINTERFACE},
-        {"IDebugControl3",  &IID_IDebugControl3,        E_NOINTERFACE},
-        {"output callback", &IID_IDebugOutputCallbacks, E_NOINTERFACE},
+        {&IID_IUnknown,      S_OK         },
+        {&IID_IDebugClient4, S_OK         },
+        {&IID_IDebugControl, S_OK         },
+        {&IID_IDebugSymbols, E_NOINTERFACE},
     };
 
     for (const auto &row : rows) {
         IUnknown *made = (IUnknown *)1;
 
-        EXPECT_EQ(m_create(*row.iid, (void **)&made), row.result) << row.row;
-        EXPECT_EQ(made != NULL, row.result == S_OK) << row.row;
-        EXPECT_EQ(made != NULL ? made->Release() : 0u, 0u) << row.row;
+        EXPECT_EQ(m_create(*row.iid, (void **)&made), row.result) << &row - rows;
+        EXPECT_EQ(made != NULL, row.result == S_OK) << &row - rows;
+        EXPECT_EQ(made != NULL ? made->Release() : 0u, 0u) << &row - rows;
     }
     EXPECT_EQ(m_create(IID_IDebugClient, NULL), E_INVALIDARG);
 }
 
-/* Client and control are faces of one object. */
-TEST_F(engine_test, test_identity_and_references)
+/* Client and control are faces of one object; the callbacks are counted for themselves. */
+TEST_F(engine, test_references)
 {
     IUnknown *of_client = NULL;
     IUnknown *of_control = NULL;
-    struct engine_counts counts;
+    collector first, second;
 
-    create();
     ASSERT_EQ(m_client->QueryInterface(IID_IUnknown, (void **)&of_client), S_OK);
     ASSERT_EQ(m_control->QueryInterface(IID_IUnknown, (void **)&of_control), S_OK);
     EXPECT_EQ(of_client, of_control);
-    m_counts(&counts);
-    EXPECT_EQ(counts.objects, 1u);
-    EXPECT_EQ(counts.references, 4u);
-    EXPECT_EQ(of_client->Release(), 3u);
-    EXPECT_EQ(of_control->Release(), 2u);
-    EXPECT_EQ(m_client->AddRef(), 3u);
-    EXPECT_EQ(m_client->Release(), 2u);
-}
-
-/* A client made as the first interface that calls methods of the fourth, as many do. */
-TEST_F(engine_test, test_first_client_interface)
-{
-    collector output;
-
-    ASSERT_EQ(m_create(IID_IDebugClient, (void **)&m_client), S_OK);
-    ASSERT_EQ(m_client->QueryInterface(IID_IDebugControl, (void **)&m_control), S_OK);
-    EXPECT_EQ(((IDebugClient *)m_client)->SetOutputCallbacks(&output), S_OK);
-    EXPECT_EQ(output.references, 2u);
-    EXPECT_EQ(((IDebugClient *)m_client)->SetOutputCallbacks(NULL), S_OK);
-    write(dump_build(crashed_model()));
-    EXPECT_EQ(play(m_path.c_str(), STACK_FLAGS, 99, &output), S_OK);
-}
-
-/* The first, some and the last methods of both tables answer, so the tables are whole. */
-TEST_F(engine_test, test_methods_that_are_not_there)
-{
-    ULONG number;
-
-    create();
-    EXPECT_EQ(m_client->AttachKernel(0, ""), E_NOTIMPL);
-    EXPECT_EQ(m_client->OpenDumpFile("x"), E_NOTIMPL);
-    EXPECT_EQ(m_client->GetDumpFileWide(0, NULL, 0, NULL, NULL, NULL), E_NOTIMPL);
-    EXPECT_EQ(m_control->GetInterrupt(), E_NOTIMPL);
-    EXPECT_EQ(m_control->Output(0, "%d", 1), E_NOTIMPL);
-    EXPECT_EQ(m_control->GetNumberProcessors(&number), E_NOTIMPL);
-    EXPECT_EQ(m_control->GetLastEventInformation(NULL, NULL, NULL, NULL, 0, NULL, NULL, 0, NULL),
-              E_NOTIMPL);
-}
-
-TEST_F(engine_test, test_callbacks_references)
-{
-    collector first;
-    collector second;
-    struct engine_counts counts;
-
-    create();
     EXPECT_EQ(m_client->SetOutputCallbacks(&first), S_OK);
+    EXPECT_EQ(m_client->SetOutputCallbacks(&second), S_OK);
     EXPECT_EQ(m_client->SetOutputCallbacks(&second), S_OK);
     EXPECT_EQ(first.references, 1u);
     EXPECT_EQ(second.references, 2u);
-    EXPECT_EQ(m_client->SetOutputCallbacks(&second), S_OK);
-    EXPECT_EQ(second.references, 2u);
-    m_counts(&counts);
-    EXPECT_EQ(counts.callbacks, 1u);
+    EXPECT_EQ(held(), "1 objects, 4 references, 1 callbacks");
+    EXPECT_EQ(of_client->Release() + of_control->Release(), 3u + 2u);
     /* A client that forgets to take them back gets them back with its last reference. */
     close();
     EXPECT_EQ(second.references, 1u);
 }
 
-TEST_F(engine_test, test_real_dump)
-{
-    const char *folder = getenv("BYPASS_SHARED_DATA");
+/* What a script's functions saw, and where they lead. */
+struct script_calls {
+    std::wstring mapped_to;
+    std::wstring refused_path;
+    std::string reason;
+};
 
-    if (folder == NULL || folder[0] == '\0')
-        GTEST_SKIP() << "BYPASS_SHARED_DATA names no folder with a real dump";
-    const std::string path = std::string(folder) + "/triage_x64.dmp";
+static HRESULT map_path(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)
+{
+    EXPECT_STREQ(path, DUMP);
+    wcsncpy(mapped, ((script_calls *)user)->mapped_to.c_str(), chars - 1);
+    return S_OK;
+}
+
+static void note_refusal(const wchar_t *path, HRESULT, const char *reason, void *user)
+{
+    ((script_calls *)user)->refused_path = path;
+    ((script_calls *)user)->reason = reason;
+}
+
+/* A line at a time, under any case of the path, copied; nothing of the dump before it shows. */
+TEST_F(engine, test_scripted_stack)
+{
+    std::string text = "before!it\nnt!A+0x1\n\nlast line";
+    const std::string expected = text;
+    const struct engine_script_stack stack = {DUMP, text.c_str()};
+    const struct engine_script script = {sizeof script, NULL, 0, &stack, 1, NULL, NULL, NULL};
+    collector before, output;
+
+    ASSERT_EQ(m_set(&script), S_OK);
+    text.assign(text.size(), 'x');
+    EXPECT_EQ(play(m_path.c_str(), 0, 99, &before), S_OK);
+    EXPECT_EQ(play(L"c:\\WINDOWS\\Memory.dmp", STACK_FLAGS, 99, &output), S_OK);
+    EXPECT_EQ(output.text, expected);
+    EXPECT_EQ(output.pieces, 4);
+    EXPECT_EQ(m_filled, 1u);
+    EXPECT_EQ(m_frames[0].InstructionOffset, 0u);
+    EXPECT_EQ(play(L"C:\\Windows\\MEMORY.DM", STACK_FLAGS, 99, &output),
+              HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(play(m_path.c_str(), 0, 99, &before), S_OK);
+    EXPECT_EQ(m_filled, 3u);
+}
+
+/* place in a dump, what is put there, bytes of the file, error, part of the reason */
+static const struct refusal_row {
+    uint64_t place;
+    uint32_t value;
+    size_t size;
+    DWORD error;
+    const char *reason;
+} s_refusal_rows[] = {
+    {0,               0,          0x2400, ERROR_BAD_FORMAT,    "no dump"},
+    {0,               0x504D444D, 0x2400, ERROR_NOT_SUPPORTED, "process"},
+    {4,               0x504D5544, 0x2400, ERROR_NOT_SUPPORTED, "32-bit" },
+    {0x30,            0xAA64,     0x2400, ERROR_NOT_SUPPORTED, "0xaa64" },
+    {DUMP_KIND,       3,          0x2400, ERROR_NOT_SUPPORTED, "type 3" },
+    {DUMP_STACK_AT,   UINT32_MAX, 0x2400, ERROR_FILE_CORRUPT,  "stack"  },
+    {DUMP_CONTEXT_AT, 0,          0x2400, ERROR_INVALID_DATA,  "context"},
+    {0x10,            0,          0,      ERROR_HANDLE_EOF,    "cut off"},
+};
+
+TEST_F(engine, test_refused)
+{
+    script_calls calls = {m_path, L"", ""};
+    const struct engine_script script = {sizeof script, NULL,         0,     NULL, 0,
+                                         map_path,      note_refusal, &calls};
     collector output;
 
-    create();
-    ASSERT_EQ(play(std::wstring(path.begin(), path.end()).c_str(), STACK_FLAGS, 99, &output), S_OK);
-    EXPECT_EQ(m_filled, 64u);
-    EXPECT_EQ(output.text.compare(0, 24, "Call Site\namdppm+0x334c\n"), 0) << output.text;
-    EXPECT_NE(output.text.find("\nWdf01000+0x"), std::string::npos);
-    EXPECT_NE(output.text.find("\nnt+0x"), std::string::npos);
+    ASSERT_EQ(m_set(&script), S_OK);
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), S_OK);
+    EXPECT_EQ(calls.reason, "");
+    output.text.clear();
+    for (const refusal_row &row : s_refusal_rows) {
+        std::vector<uint8_t> bytes = dump_build(crashed_model());
+
+        dump_put(&bytes, row.place, row.value, 4);
+        bytes.resize(row.size);
+        write(bytes);
+        EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), HRESULT_FROM_WIN32(row.error));
+        EXPECT_EQ(calls.refused_path, DUMP) << row.reason;
+        EXPECT_NE(calls.reason.find(row.reason), std::string::npos) << calls.reason;
+    }
+    DeleteFileW(m_path.c_str());
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(calls.reason, "the file cannot be read, error 2");
+    EXPECT_EQ(output.text, "");
+}
+
+/* A script that is refused leaves the one before it in force; callbacks can be taken back whatever
+ * fails. */
+TEST_F(engine, test_bad_scripts)
+{
+    const size_t size = sizeof(struct engine_script);
+    const struct engine_script_fault fails = {"SetOutputCallbacks", E_FAIL};
+    const struct engine_script_fault unknown = {"WaitForEvents", E_FAIL};
+    const struct engine_script_fault success = {"WaitForEvent", S_OK};
+    const struct engine_script_stack no_text = {DUMP, NULL};
+    const struct engine_script good = {size, &fails, 1, NULL, 0, NULL, NULL, NULL};
+    const struct engine_script bad[] = {
+        {size - 8, NULL,     0, NULL,     0, NULL, NULL, NULL},
+        {size,     NULL,     1, NULL,     0, NULL, NULL, NULL},
+        {size,     &unknown, 1, NULL,     0, NULL, NULL, NULL},
+        {size,     &success, 1, NULL,     0, NULL, NULL, NULL},
+        {size,     NULL,     0, NULL,     1, NULL, NULL, NULL},
+        {size,     NULL,     0, &no_text, 1, NULL, NULL, NULL},
+    };
+    collector output;
+
+    ASSERT_EQ(m_client->SetOutputCallbacks(&output), S_OK);
+    ASSERT_EQ(m_set(&good), S_OK);
+    for (const engine_script &script : bad)
+        EXPECT_EQ(m_set(&script), E_INVALIDARG) << &script - bad;
+    EXPECT_EQ(m_client->SetOutputCallbacks(&output), E_FAIL);
+    EXPECT_EQ(m_client->SetOutputCallbacks(NULL), S_OK);
+    EXPECT_EQ(output.references, 1u);
 }
