@@ -81,6 +81,9 @@ TEST_F(ejs, what_cannot_be_written_leaves_the_old_document)
         EXPECT_EQ(-1, wdu_json_dump_file_ejs(document, path("x.ejs").c_str())) << nth;
     }
     oxnih_memory_fail(0, 0);
+    std::filesystem::create_directory(path("x.ejs.tmp")); /* no place for the sibling */
+    EXPECT_EQ(-1, write("{\"b\":2}", "x.ejs"));
+    std::filesystem::remove(path("x.ejs.tmp"));
     HANDLE held = CreateFileA(path("x.ejs").c_str(), GENERIC_READ, FILE_SHARE_READ, NULL,
                               OPEN_EXISTING, 0, NULL);
     EXPECT_EQ(-1, write("{\"b\":2}", "x.ejs"));

@@ -1,5 +1,6 @@
 #include "platform_test.h"
 
+#include <oxni/base/debug_console.h>
 #include <oxni/base/resource.h>
 
 namespace
@@ -73,4 +74,18 @@ TEST_F(resources, requests_are_answered_once_and_released)
     EXPECT_EQ(1U, message->refcount);
 }
 
+TEST_F(resources, a_command_echoes_only_while_it_runs)
+{
+    static oxni_dbg_context *s_context;
+    oxni_dbg_fn fn = [](int32_t argc, char **argv, oxni_dbg_context *context) {
+        EXPECT_EQ(nullptr, argv[argc]);
+        s_context = context;
+    };
+
+    EXPECT_EQ(0, oxni_dbg_decl("oxni", "bypass", "what it does", fn));
+    oxnih_dbg_run("oxni", "bypass");
+    run(0);
+    oxni_dbg_echo(s_context, 0, "too late");
+    EXPECT_EQ("oxni_dbg_echo: no command runs with that context", complaints());
+}
 } // namespace

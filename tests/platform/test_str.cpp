@@ -3,6 +3,7 @@
 #include <liboxni_agentid/host.h>
 #include <oxni/base/agentid.h>
 #include <oxni/base/algo.h>
+#include <oxni/base/registry.h>
 #include <oxni/base/str.h>
 #include <oxni/base/uuid.h>
 
@@ -72,4 +73,16 @@ TEST_F(str, checksum_coding_and_identities)
     EXPECT_STREQ("f96b697d7cb7938d525a2f31aaf161d0", buffer);
 }
 
+TEST_F(str, a_registry_qword_has_eight_bytes)
+{
+    uint64_t value = 5;
+
+    for (DWORD bytes : {4U, 7U, 9U}) {
+        RegSetKeyValueA(HKEY_CURRENT_USER, "Software\\platform", "v", REG_QWORD, "12345678", bytes);
+        EXPECT_EQ(0,
+                  oxni_req_query_qword_w(HKEY_CURRENT_USER, L"Software\\platform", L"v", &value));
+    }
+    EXPECT_EQ(5U, value);
+    RegDeleteKeyW(HKEY_CURRENT_USER, L"Software\\platform");
+}
 } // namespace
