@@ -154,9 +154,7 @@ TEST(test_delete_service_crashflag, tries)
         uint32_t result;
         size_t tries;
     } s_rows[] = {
-        {{1168},          0, 1},
         {{2, 2, 2},       2, 3},
-        {{5, 0},          0, 2},
         {{5, 5, 1168},    0, 3},
         {{5, 1168, 5},    0, 2},
         {{5, 5, 6, 1168}, 6, 3},
@@ -183,7 +181,6 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
         {"C:\\b",        8,  1, L"C:\\b\\Qu"                                                    },
         {"C:\\b",        1,  1, L""                                                             },
         {"C:\\b",        0,  0, L"before"                                                       },
-        {"C:\\b",        -1, 0, L"before"                                                       },
         {NULL,           57, 0, L"before"                                                       },
     };
 
