@@ -56,6 +56,7 @@ class platform_test : public testing::Test
         s_log.clear();
         oxnih_core_reset();
         EXPECT_EQ(0U, memory_stats().live_blocks) << "not given back";
+        oxnih_memory_drop_all();
         oxnih_core_set_observer(NULL, NULL);
         oxnih_core_set_lenient(0);
         oxnih_log_close();

@@ -73,16 +73,24 @@ TEST_F(str, checksum_coding_and_identities)
     EXPECT_STREQ("f96b697d7cb7938d525a2f31aaf161d0", buffer);
 }
 
-TEST_F(str, a_registry_qword_has_eight_bytes)
+TEST_F(str, a_registry_qword_has_its_type_and_eight_bytes)
 {
+    const wchar_t *const path = L"Software\\platform_tests";
+    const struct {
+        DWORD type, bytes;
+    } rows[] = {
+        {REG_QWORD,  4},
+        {REG_QWORD,  9},
+        {REG_BINARY, 8},
+        {REG_NONE,   8}
+    };
     uint64_t value = 5;
 
-    for (DWORD bytes : {4U, 7U, 9U}) {
-        RegSetKeyValueA(HKEY_CURRENT_USER, "Software\\platform", "v", REG_QWORD, "12345678", bytes);
-        EXPECT_EQ(0,
-                  oxni_req_query_qword_w(HKEY_CURRENT_USER, L"Software\\platform", L"v", &value));
+    for (const auto &row : rows) {
+        RegSetKeyValueW(HKEY_CURRENT_USER, path, L"v", row.type, L"123456", row.bytes);
+        EXPECT_EQ(0, oxni_req_query_qword_w(HKEY_CURRENT_USER, path, L"v", &value)) << row.type;
     }
     EXPECT_EQ(5U, value);
-    RegDeleteKeyW(HKEY_CURRENT_USER, L"Software\\platform");
+    RegDeleteKeyW(HKEY_CURRENT_USER, path);
 }
 } // namespace

@@ -103,4 +103,10 @@ TEST_F(times, moments_beyond_the_calendar_are_refused)
     }
 }
 
+TEST_F(times, setting_the_wall_clock_leaves_the_ticks)
+{
+    oxnih_clock_set_wall(to_100ns(WINTER));
+    EXPECT_EQ(WINTER, oxni_time());
+    EXPECT_EQ(1000U, oxni_time_get_tick_cout());
+}
 } // namespace
