@@ -1,4 +1,4 @@
-/* The event-log reader on blocks that no scenario can produce: records that lie about themselves. */
+/* The event-log reader on what no scenario can produce: records that lie about themselves. */
 #include "win_event_parse.h"
 
 #include "unit_support.h"

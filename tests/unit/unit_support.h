@@ -18,8 +18,8 @@ typedef std::vector<uint8_t> block;
 #define MOMENT          1709802341
 #define MOMENT_FILETIME 133542759410000000ULL
 
-/* The newest line of the log. Every level is logged; a log statement changes the thread's last error,
- * as opening the log does: what is used after it must have been taken before. */
+/* The newest line of the log. Every level is logged; a log statement changes the thread's last
+ * error, as opening the log does: what is used after it must have been taken before. */
 const std::string &last_log_line(void);
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
