@@ -6,6 +6,7 @@
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 #include "machine/calls.h"
+#include "machine/machine.h"
 #include "text.h"
 
 typedef uint64_t (*plugin_init_fn)(void);
@@ -28,6 +29,7 @@ static void exit_agent(void *user)
 
 void agent_open(const std::string &run_folder, const std::string &plugin_path)
 {
+    s_state = AGENT_STOPPED;
     s_folder = run_folder;
     s_plugin_path = plugin_path;
     CreateDirectoryW(text_wide(run_folder + "\\agent").c_str(), NULL);
@@ -37,6 +39,8 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path)
     oxnih_set_process_path((agent_bin_folder() + "\\oxni_agent.exe").c_str());
     oxnih_set_log_dir(agent_base_folder().c_str());
     oxnih_set_exit(exit_agent, NULL);
+    /* The plug-in's calls come through this program: blocks are booked on who asked for them. */
+    oxnih_memory_see_through(reinterpret_cast<const void *>(&exit_agent));
 }
 
 void agent_start(void)
@@ -56,6 +60,9 @@ void agent_start(void)
     try {
         (void)init();
     } catch (const agent_exit &) {
+    } catch (...) {
+        throw devhost_error(EXIT_EXPECTATION_FAILED,
+                            "an exception of the plug-in's entry reached the host");
     }
 }
 
@@ -67,6 +74,7 @@ void agent_stop(void)
     FreeLibrary(s_plugin);
     s_plugin = NULL;
     oxnih_log_close();
+    machine_close_agent_files();
     oxnih_memory_drop_all();
     if (s_state == AGENT_RUNNING)
         s_state = AGENT_STOPPED;

@@ -82,6 +82,8 @@ static int run_files(const arguments &arguments)
             status = session_run(file, arguments.session);
         } catch (const devhost_error &error) {
             status = report_error(error);
+        } catch (const std::exception &error) {
+            status = report_error(devhost_error(EXIT_BAD_CALL, file + ": " + error.what()));
         }
         if (status == EXIT_SKIPPED)
             skipped++;

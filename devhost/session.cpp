@@ -176,6 +176,14 @@ int session_run(const std::string &file, const struct session_options &options)
     try {
         open_scenario(scenario, file, options, folder);
         play_all(options);
+    } catch (const devhost_error &error) {
+        failures = play_close();
+        if (failures.empty())
+            throw;
+        /* What was found until then counts, and would be lost. */
+        failures.push_back(file + ": " + error.what());
+        view_end(file, summary(), failures);
+        return EXIT_EXPECTATION_FAILED;
     } catch (...) {
         (void)play_close();
         throw;

@@ -1,6 +1,7 @@
 /*
- * Every call that the plug-in makes: its import table leads to one place, which counts, traces and
- * fails calls, and hands them to the stand-ins of the machine or to the real function.
+ * The plug-in's calls of Windows and of the platform that can fail or that tell what it does (those
+ * of calls_table.h): its import table leads them to one place, which counts, traces and fails them,
+ * and hands them to the stand-ins of the machine or to the real function.
  */
 #ifndef DEVHOST_CALLS_H
 #define DEVHOST_CALLS_H
@@ -19,8 +20,11 @@ void calls_patch(HMODULE plugin);
 /* NULL: no tracing, which is the start. */
 void calls_set_trace(calls_trace_fn fn, void *user);
 
-/* Whether a call of that name is known and can fail. */
-bool calls_can_fail(const std::string &name);
+/* Whether a call of that name is counted. */
+bool calls_known(const std::string &name);
+/* Whether a call of that name is known and can fail with that error: those that tell one cannot fail
+ * with 0. */
+bool calls_can_fail(const std::string &name, uint32_t error);
 /* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
  * behind it, times altogether; 0: for ever. A name that cannot fail is ignored. */
 void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);

@@ -35,9 +35,15 @@ std::wstring machine_real_path(const std::wstring &path)
     std::wstring run_folder = text_lower(disk.substr(0, disk.find_last_of(L'\\')));
     std::wstring full = full_path(path);
 
-    if (path.size() < 3 || path[1] != L':' || text_lower(full).rfind(run_folder, 0) == 0)
+    if (text_lower(full).rfind(run_folder + L"\\", 0) == 0)
         return full;
-    return disk + L"\\" + full[0] + full.substr(2);
+    if (full.size() > 2 && full[1] == L':')
+        return disk + L"\\" + full[0] + full.substr(2);
+    /* "\\\\server\\..." and the like: nobody's place on the developer's machine. */
+    for (wchar_t &c : full)
+        if (c == L'?' || c == L':' || c == L'*')
+            c = L'_';
+    return disk + L"\\other\\" + full;
 }
 
 static void make_parents(const std::wstring &real_path)
@@ -241,6 +247,13 @@ std::string machine_read_real_file(const std::wstring &real_path, int status)
         throw devhost_error(status, text_format("%s: cannot be read, error %lu",
                                                 text_narrow(real_path).c_str(), error));
     return bytes;
+}
+
+void machine_close_agent_files(void)
+{
+    for (const auto &file : s_open_files)
+        CloseHandle(file.first);
+    s_open_files.clear();
 }
 
 void *machine_file_stand_in(const char *name)

@@ -64,6 +64,7 @@ void machine_open(const std::wstring &run_folder)
     machine.services[L"oxnisp_driver"] = {SERVICE_RUNNING};
     machine_open_registry();
     set_usual_registry();
+    machine_reset_engine();
 }
 
 void machine_boot(uint64_t now_100ns)

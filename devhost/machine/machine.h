@@ -78,13 +78,15 @@ void machine_log(machine_event record);
 
 /* Hands engine faults and stacks to the engine. Called after a change of either. */
 void machine_update_engine(void);
+/* An engine that is loaded already forgets what it was told. */
+void machine_reset_engine(void);
 /* What the engine refused, in words, one text a dump; emptied by the call. */
 std::vector<std::string> machine_engine_refusals(void);
 
 /* files.cpp */
 
 /* Where a path of the machine, "C:\...", really lies. Paths of the run's own folder are what they
- * are. */
+ * are; everything else lies in the run's folder too, whatever its form. */
 std::wstring machine_real_path(const std::wstring &path);
 /* Writes a file with those times, folders made; existing content is replaced. Throws
  * devhost_error. */
@@ -93,6 +95,8 @@ void machine_write_file(const std::wstring &path, const std::string &bytes, uint
 /* Deletes it; a missing file is harmless. */
 void machine_delete_file(const std::wstring &path);
 bool machine_file_exists(const std::wstring &path);
+/* The agent's process ended: Windows closes what it left open. */
+void machine_close_agent_files(void);
 /* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */
 std::string machine_read_real_file(const std::wstring &real_path, int status);
 

@@ -130,6 +130,12 @@ void machine_update_engine(void)
                                         static_cast<unsigned long>(result)));
 }
 
+void machine_reset_engine(void)
+{
+    if (s_engine != NULL)
+        machine_update_engine();
+}
+
 std::vector<std::string> machine_engine_refusals(void)
 {
     return std::exchange(s_refusals, {});

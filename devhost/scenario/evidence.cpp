@@ -238,13 +238,13 @@ static std::string crash_record(uint32_t count)
     return bytes;
 }
 
-uint32_t evidence_record_count(const std::string &bytes)
+int64_t evidence_record_count(const std::string &bytes)
 {
     std::string decoded = bytes;
     uint32_t count = 0;
 
     if (bytes.size() != CRASH_RECORD_BYTES)
-        return 0;
+        return -1;
     xor_decry(decoded.data(), decoded.size(), CRASH_RECORD_KEY);
     for (size_t i = 0; i < sizeof(count); i++)
         count |= static_cast<uint32_t>(static_cast<uint8_t>(decoded[CRASH_RECORD_COUNT_AT + i]))
@@ -321,8 +321,15 @@ void evidence_set_value(const struct scenario &scenario, const std::string &wher
     for (const auto &row : types)
         if (name == row.name)
             type = row.type;
-    if (node_member(&value, "data") == NULL)
+    const json_value *data = node_member(&value, "data");
+    bool number = type == REG_DWORD || type == REG_QWORD;
+
+    if (data == NULL)
         scenario_bad(scenario, where, "member \"data\" is missing");
+    if (number ? !data->IsUint64() : !data->IsString())
+        scenario_bad(scenario, where + "/data",
+                     "expected " + std::string(number ? "a number of 0 or more" : "a text") +
+                         " for " + name);
     machine_set_value(wide_of(&value, "key"), wide_of(&value, "name"), type,
                       value_bytes(value, type));
 }

@@ -224,6 +224,8 @@ static void check_call_counts(const expect_context &context)
     for (const auto &member : context.value.GetObject()) {
         uint64_t count = calls_count(member.name.GetString());
 
+        if (!calls_known(member.name.GetString()))
+            fail(context, std::string(member.name.GetString()) + " is no call that is counted");
         if (count != member.value.GetUint64())
             fail(context,
                  text_format("%s was called %llu times, expected %llu", member.name.GetString(),
@@ -380,6 +382,14 @@ void expect_check(const struct scenario &scenario, const std::string &where,
     check_unexpected(scenario, where, expect, failures);
     s_from = record_all().size();
     calls_reset_counts();
+}
+
+void expect_no_complaints(const struct scenario &scenario, const std::string &where,
+                          std::vector<std::string> &failures)
+{
+    for (const happening *what : happenings(HAPPENED_COMPLAINT))
+        failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
+    s_from = record_all().size();
 }
 
 void expect_start_boot(void)

@@ -61,11 +61,44 @@ static std::string differs(const json_value &expected, const json_value &actual,
     return where + " is " + node_to_text(actual) + ", expected " + node_to_text(expected);
 }
 
+/* A text that fits a text, or the digits of a number. */
+static bool text_is(const json_value &expected, const json_value &actual)
+{
+    return text_fits(actual.IsString() ? actual.GetString() : node_to_text(actual),
+                     match_expand(expected.GetString()));
+}
+
+/* The same members in the same order, texts as patterns. */
+static bool is_exactly(const json_value &expected, const json_value &actual)
+{
+    if (expected.IsString())
+        return !actual.IsObject() && !actual.IsArray() && text_is(expected, actual);
+    if (expected.IsObject()) {
+        if (!actual.IsObject() || actual.MemberCount() != expected.MemberCount())
+            return false;
+        auto other = actual.MemberBegin();
+        for (const auto &member : expected.GetObject()) {
+            if (member.name != other->name || !is_exactly(member.value, other->value))
+                return false;
+            ++other;
+        }
+        return true;
+    }
+    if (expected.IsArray()) {
+        if (!actual.IsArray() || actual.Size() != expected.Size())
+            return false;
+        for (rapidjson::SizeType i = 0; i < expected.Size(); i++)
+            if (!is_exactly(expected[i], actual[i]))
+                return false;
+        return true;
+    }
+    return expected == actual;
+}
+
 static std::string match_exactly(const json_value &expected, const json_value &actual,
                                  const std::string &where)
 {
-    /* As text, so that the order of members counts. */
-    if (text_fits(node_to_text(actual), match_expand(node_to_text(expected))))
+    if (is_exactly(expected, actual))
         return "";
     return where + " is " + node_to_text(actual) + ", expected exactly " +
            match_expand(node_to_text(expected));
@@ -109,7 +142,6 @@ std::string match_json(const json_value &expected, const json_value &actual,
                        const std::string &where)
 {
     const json_value *exactly = node_member(&expected, "exactly");
-    std::string text;
 
     if (exactly != NULL && expected.MemberCount() == 1)
         return match_exactly(*exactly, actual, where);
@@ -119,8 +151,7 @@ std::string match_json(const json_value &expected, const json_value &actual,
         return match_array(expected, actual, where);
     if (!expected.IsString())
         return expected == actual ? "" : differs(expected, actual, where);
-    text = actual.IsString() ? actual.GetString() : node_to_text(actual);
-    if (text_fits(text, match_expand(expected.GetString())))
+    if (text_is(expected, actual))
         return "";
     return where + " is " + node_to_text(actual) + ", expected \"" +
            match_expand(expected.GetString()) + "\"";

@@ -111,6 +111,10 @@ static uint64_t boot_start(const struct scenario &scenario, const std::string &w
     uint64_t start;
     std::string at = node_text_of(&boot, "at", last_end == 0 ? DEFAULT_START : "");
 
+    if (s_play.options.real_time) {
+        oxnih_clock_real(0);
+        return oxnih_clock_now_100ns() - play_ms(node_number_of(&boot, "uptime", 0)) * TICKS_PER_MS;
+    }
     if (at.empty())
         return last_end + REBOOT_TICKS;
     if (!time_parse(at, &start))
@@ -130,20 +134,30 @@ static void start_windows(const json_value &boot, const struct play_options &opt
     else
         oxnih_clock_simulate(start + uptime * TICKS_PER_MS, uptime);
     calls_clear_failures();
+    oxnih_memory_fail(0, 0);
     expect_start_boot();
     record_add(HAPPENED_BOOT, "windows",
                text_format("boot %d starts at ", record_boot()) + time_iso(start) +
                    (about.empty() ? "" : ": " + about));
 }
 
-/* Before anything is played: a mistake should not show hours into a run. */
+/* Before anything is played: a mistake should not show hours into a run. A step behind the end of its
+ * boot would never be done. */
 static void check_steps(const struct scenario &scenario, const std::string &where,
                         const json_value &boot)
 {
+    double until = node_number_of(&boot, "until", BOOT_SECONDS);
     size_t index = 0;
 
-    for (const json_value *step : node_elements(&boot, "steps"))
-        step_check(scenario, where + "/steps/" + std::to_string(index++), *step);
+    for (const json_value *step : node_elements(&boot, "steps")) {
+        std::string place = where + "/steps/" + std::to_string(index++);
+
+        step_check(scenario, place, *step);
+        if (node_number_of(step, "at", 0) > until)
+            scenario_bad(scenario, place + "/at", "lies behind the end of the boot, \"until\"");
+    }
+    if (node_member(&boot, "crash") != NULL && node_text_of(&boot, "ends", "") != "blue_screen")
+        scenario_bad(scenario, where + "/crash", "expected \"ends\": \"blue_screen\" beside it");
 }
 
 static void plan_boot(const struct scenario &scenario, const std::string &where,
@@ -180,6 +194,7 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
 {
     const json_value *before = node_member(&scenario.document, "before");
 
+    s_plan.clear();
     s_play = {&scenario,
               options,
               node_elements(&scenario.document, "boots"),
@@ -256,11 +271,15 @@ void play_end_boot(void)
     s_play.ended = node_text_of(boot, "ends", "clean");
     s_play.crash = node_member(boot, "crash");
     end_windows(s_play.ended);
+    expect_no_complaints(*s_play.scenario, "/boots/" + std::to_string(s_play.number - 1),
+                         s_play.failures);
     s_play.last_end = oxnih_clock_now_100ns();
 }
 
 std::vector<std::string> play_close(void)
 {
+    s_plan.clear();
+    oxnih_memory_fail(0, 0);
     agent_stop();
     machine_close();
     return std::move(s_play.failures);

@@ -100,8 +100,8 @@ void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
 /* A path of the machine in which "{base}" and "{bin}" are replaced. */
 std::wstring evidence_place(const std::string &path);
-/* The count in the bytes of a driver's crash record; 0 for another size. */
-uint32_t evidence_record_count(const std::string &bytes);
+/* The count in the bytes of a driver's crash record; -1 for another size. */
+int64_t evidence_record_count(const std::string &bytes);
 /* The record of a clean shutdown. */
 void evidence_clean_shutdown(void);
 
@@ -120,5 +120,8 @@ void expect_check(const struct scenario &scenario, const std::string &where,
                   const json_value &expect, std::vector<std::string> &failures);
 /* A boot begins. */
 void expect_start_boot(void);
+/* A boot ended: whoever broke the platform's rules behind the last expectation fails it, too. */
+void expect_no_complaints(const struct scenario &scenario, const std::string &where,
+                          std::vector<std::string> &failures);
 
 #endif

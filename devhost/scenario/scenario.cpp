@@ -87,6 +87,23 @@ static void check_against_schema(const struct scenario &scenario)
                  rules != NULL ? wanted(*rules, where.Get(scenario.document), keyword) : keyword);
 }
 
+/* A member that stands twice would be read once. */
+static void check_duplicates(const struct scenario &scenario, const std::string &where,
+                             const json_value &value)
+{
+    if (value.IsObject())
+        for (auto member = value.MemberBegin(); member != value.MemberEnd(); ++member) {
+            if (value.FindMember(member->name) != member)
+                scenario_bad(scenario, where.empty() ? "/" : where,
+                             std::string("member \"") + member->name.GetString() +
+                                 "\" stands twice");
+            check_duplicates(scenario, where + "/" + member->name.GetString(), member->value);
+        }
+    if (value.IsArray())
+        for (rapidjson::SizeType i = 0; i < value.Size(); i++)
+            check_duplicates(scenario, where + "/" + std::to_string(i), value[i]);
+}
+
 void scenario_load(struct scenario &scenario, const std::string &file,
                    const std::map<std::string, std::string> &defines)
 {
@@ -96,6 +113,7 @@ void scenario_load(struct scenario &scenario, const std::string &file,
     scenario.folder = slash != std::string::npos ? file.substr(0, slash + 1) : "";
     scenario.defines = defines;
     scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
+    check_duplicates(scenario, "", scenario.document);
     check_against_schema(scenario);
 }
 

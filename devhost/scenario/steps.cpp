@@ -241,10 +241,12 @@ void step_check(const struct scenario &scenario, const std::string &where, const
     for (const auto &row : s_needed)
         if (does == row.step && node_member(&step, row.member) == NULL)
             scenario_bad(scenario, where, std::string("member \"") + row.member + "\" is missing");
-    if (does == "fail" && !calls_can_fail(node_text_of(&step, "fail", "")))
+    if (does == "fail" &&
+        !calls_can_fail(node_text_of(&step, "fail", ""),
+                        static_cast<uint32_t>(node_integer_of(&step, "error", 0))))
         scenario_bad(scenario, where + "/fail",
                      "\"" + node_text_of(&step, "fail", "") +
-                         "\" is no call of the plug-in that can fail");
+                         "\" is no call of the plug-in that can fail, or needs an \"error\"");
 }
 
 void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,

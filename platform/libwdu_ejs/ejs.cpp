@@ -85,8 +85,8 @@ static const char *find_damage(const std::string &bytes)
 static json_t *parse(const std::string &bytes, const char *path)
 {
     json_error_t error;
-    json_t *document =
-        json_loadb(bytes.data() + sizeof(ejs_header), bytes.size() - sizeof(ejs_header), 0, &error);
+    json_t *document = json_loadb(bytes.data() + sizeof(ejs_header),
+                                  bytes.size() - sizeof(ejs_header), JSON_ALLOW_NUL, &error);
 
     if (document == NULL)
         EJS_WARN("ejs: %s: not read: %s\n", path, error.text);

@@ -59,6 +59,11 @@ bad "half a step" '/boots/0/steps/0: member "message" is missing' '{"boots": [{"
 bad "unknown product" '/products: there is no product "p"' '{"boots": [{"steps": [{"at": 20, "register": "p"}]}]}'
 bad "unknown call" '/boots/0/steps/0/fail: "Fly" is no call' '{"boots": [{"steps": [{"at": 1, "fail": "Fly"}]}]}'
 bad "no agent" '/boots/0/steps/0: the agent is not running' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}'
+bad "step behind the end" '/boots/0/steps/0/at: lies behind the end' '{"boots": [{"until": 1, "steps": [{"at": 2, "link": true}]}]}'
+bad "member twice" '/boots/0: member "until" stands twice' '{"boots": [{"until": 1, "until": 2}]}'
+bad "crash of a clean end" '/boots/0/crash: expected "ends"' '{"boots": [{"crash": {}}]}'
+bad "failure without an error" '/boots/0/steps/0/fail: .*needs an "error"' '{"boots": [{"steps": [{"at": 1, "fail": "CreateFileW"}]}]}'
+bad "text for a number" '/machine/registry/data: expected a number' '{"machine": {"registry": [{"key": "K", "name": "n", "type": "REG_DWORD", "data": "x"}]}, "boots": [{}]}'
 bad "bad time" '/boots/0/at: expected a time' '{"boots": [{"at": "yesterday"}]}'
 bad "bad zone" '/machine/time_zone: unknown time zone "Mars"' '{"machine": {"time_zone": "Mars"}, "boots": [{}]}'
 
@@ -74,6 +79,15 @@ printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots"
 check "missing dump" 3 "no.dmp: cannot be opened, error 2" run s.json
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "{place}/no.dmp"}}, "boots": [{}]}' >s.json
 check "evidence that is not here" 77 "needs --define place=" run s.json
+
+# Nothing outside the run's folder is touched, whatever a path looks like.
+echo mine >victim.txt
+printf '{"boots": [{"until": 5, "steps": [{"at": 1, "delete_file": "victim.txt"}, {"at": 2, "file": {"path": "stray.txt", "text": "x"}}, {"at": 3, "delete_file": "%s/victim.txt"}]}]}' "$work" >s.json
+check "paths of this machine" 0 "" run --log none s.json
+[ -f victim.txt ] && [ ! -f stray.txt ] || {
+    echo "FAILED: paths of this machine: a file outside the run was touched"
+    failures=$((failures + 1))
+}
 
 # An expectation that does not hold is told with its place, and so is every kind of it.
 printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "p"}], "log": ["never said"], "no_log": ["system boot up"], "uploads": [{}],

@@ -6,7 +6,7 @@ wine=$1 program=$2
 shift 2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-"$wine" "$program" run --json --log debug "$@" >"$work/lines.json"
+"$wine" "$program" run --json --log debug "$@" >"$work/lines.json" || exit 1
 python3 - "$work/lines.json" <<'END'
 import json, re, sys
 form = re.compile(r'^\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\] \[(fatal|error|warn|info|debug)\] \[pid:\d+\] \[tid:\d+\] '
