@@ -89,7 +89,7 @@ static std::string arguments_text(const call_row &row, const uint64_t *arguments
     std::string text;
 
     for (size_t i = 0; row.arguments[i] != '\0'; i++)
-        if (row.arguments[i] != '.')
+        if (strchr(".onO", row.arguments[i]) == NULL)
             text += (text.empty() ? "" : ", ") + value_text(row.arguments[i], arguments[i]);
     return text;
 }
@@ -102,6 +102,21 @@ static uint64_t failed_result(const call_row &row, uint32_t error)
     case 'E': return error;
     case 'M': return static_cast<uint64_t>(-1);
     default: return 0;
+    }
+}
+
+/* What the contract of a call promises of its outputs when it fails. */
+static void define_outputs(const call_row &row, const uint64_t *arguments)
+{
+    for (size_t i = 0; row.arguments[i] != '\0'; i++) {
+        if (arguments[i] == 0)
+            continue;
+        if (row.arguments[i] == 'o')
+            *reinterpret_cast<char *>(arguments[i]) = '\0';
+        else if (row.arguments[i] == 'n')
+            *reinterpret_cast<uint32_t *>(arguments[i]) = 0;
+        else if (row.arguments[i] == 'O')
+            *reinterpret_cast<void **>(arguments[i]) = NULL;
     }
 }
 
@@ -148,6 +163,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
+        define_outputs(row, a);
         if (row.failing == 'B' || row.failing == 'I')
             SetLastError(planned_error);
     } else {
