@@ -1,5 +1,5 @@
-/* Reading of kernel dumps: the header, and what is made of modules and stack whatever the kind of dump.
- * Every offset and length of the file is checked before it is used. */
+/* Reading of kernel dumps: the header, and what is made of modules and stack whatever the kind of
+ * dump. Every offset and length of the file is checked before it is used. */
 #include "kernel_dump_internal.h"
 
 #include <algorithm>

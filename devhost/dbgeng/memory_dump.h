@@ -51,7 +51,8 @@ enum memory_result {
  * memory   Filled; of no use on failure.
  * reason   As of kernel_dump_read.
  *
- * Result   KERNEL_DUMP_CUT_OFF when the file ends before its first page, KERNEL_DUMP_DAMAGED. A file
+ * Result   KERNEL_DUMP_CUT_OFF when the file ends before its first page, KERNEL_DUMP_DAMAGED. A
+ * file
  *          that ends later only lacks pages. Throws std::bad_alloc, with 1/64 of the bitmap's size
  *          as the most that is asked for.
  */

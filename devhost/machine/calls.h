@@ -22,8 +22,8 @@ void calls_set_trace(calls_trace_fn fn, void *user);
 
 /* Whether a call of that name is counted. */
 bool calls_known(const std::string &name);
-/* Whether a call of that name is known and can fail with that error: those that tell one cannot fail
- * with 0. */
+/* Whether a call of that name is known and can fail with that error: those that tell one cannot
+ * fail with 0. */
 bool calls_can_fail(const std::string &name, uint32_t error);
 /* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
  * behind it, times altogether; 0: for ever. A name that cannot fail is ignored. */

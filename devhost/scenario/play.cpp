@@ -141,8 +141,8 @@ static void start_windows(const json_value &boot, const struct play_options &opt
                    (about.empty() ? "" : ": " + about));
 }
 
-/* Before anything is played: a mistake should not show hours into a run. A step behind the end of its
- * boot would never be done. */
+/* Before anything is played: a mistake should not show hours into a run. A step behind the end of
+ * its boot would never be done. */
 static void check_steps(const struct scenario &scenario, const std::string &where,
                         const json_value &boot)
 {

@@ -1,6 +1,7 @@
 /*
- * Damages dumps again and again and reads them, in one native program, so that the compiler's checks
- * of memory and arithmetic see every access; they do not exist for Windows programs built here:
+ * Damages dumps again and again and reads them, in one native program, so that the compiler's
+ * checks of memory and arithmetic see every access; they do not exist for Windows programs built
+ * here:
  *
  *   g++ -std=c++17 -O1 -g -fsanitize=address,undefined -fno-sanitize-recover -I devhost/dbgeng
  *       tests/engine/{mutate_dump,dump_builder,memory_model}.cpp

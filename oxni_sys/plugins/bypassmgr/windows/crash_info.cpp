@@ -61,8 +61,8 @@ static bool newest_event_is(uint32_t event_id, const expected_event_map &expecte
     return win_event_parse().get_crash_info(info, expected) == 0 && info->event_id == event_id;
 }
 
-/* A path that no converter takes, or memory that runs out in the search, is not worth the check: the
- * verdict matters, and what was found until then counts. */
+/* A path that no converter takes, or memory that runs out in the search, is not worth the check:
+ * the verdict matters, and what was found until then counts. */
 static uint8_t find_dump(crash_module_set *modules, uint64_t *dump_time, std::string *dump_path)
 {
     try {

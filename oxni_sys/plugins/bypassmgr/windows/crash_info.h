@@ -77,7 +77,8 @@ void get_crash_dump_files(crash_dump_info *complete, crash_dump_info *minidump);
  * use_record  1: newer than the recorded time is new, too. Anything else: the record is not asked.
  * modules     As analyze_dmp_file leaves it.
  * dump_time, dump_path
- *             Written when the result is 1; the time also before the path is refused. The path is the minidump's, in UTF-8, also when the
+ *             Written when the result is 1; the time also before the path is refused. The path is
+ *             the minidump's, in UTF-8, also when the
  *             complete dump was taken: it may be empty, or of an older one.
  * Result      1 analysed, with at least one module; 0 otherwise.
  * Throws      std::range_error when the minidump's path is not UTF-16.

@@ -78,8 +78,8 @@ static bool is_dump_newer(const crash_dump_info &dump, int64_t threshold)
     return !dump.path.empty() && threshold < (int64_t)dump.write_time;
 }
 
-/* Throws std::range_error for what is not UTF-16. The converter itself says nothing of half a pair at
- * the very end and leaves it out. */
+/* Throws std::range_error for what is not UTF-16. The converter itself says nothing of half a pair
+ * at the very end and leaves it out. */
 static std::string utf8_path(const std::wstring &path)
 {
     std::wstring_convert<std::codecvt_utf8_utf16<wchar_t>> converter;
