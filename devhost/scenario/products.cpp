@@ -87,10 +87,9 @@ static void push_text(product &product, const std::string &text)
 {
     json_t *message = message_of(text);
 
-    if (message == NULL || product.subscriber == NULL)
+    if (message == NULL || product.subscriber == NULL ||
+        oxni_subscriber_pushforward(product.subscriber, message, NULL, NULL) != 0)
         record_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
-    else
-        (void)oxni_subscriber_pushforward(product.subscriber, message, NULL, NULL);
     json_decref(message);
 }
 

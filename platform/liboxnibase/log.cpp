@@ -90,6 +90,20 @@ void oxni_log_output(int level, const char *format, ...)
         s_log.sink(level, line.data(), s_log.sink_user);
 }
 
+/* Whether a name is one of ours, YYYYMMDD-HHMMSS.log: others may keep files of theirs in the
+ * folder. */
+static bool is_log_name(const std::wstring &name)
+{
+    static const std::wstring form = L"00000000-000000.log";
+
+    if (name.size() != form.size())
+        return false;
+    for (size_t i = 0; i < form.size(); i++)
+        if (form[i] == L'0' ? (name[i] < L'0' || name[i] > L'9') : name[i] != form[i])
+            return false;
+    return true;
+}
+
 /* Deletes the oldest log files of a folder so that at most that many remain. Their names are the
  * times at which they were begun, so the order of names is that of age. */
 static void remove_oldest(const std::wstring &folder, size_t keep)
@@ -100,9 +114,10 @@ static void remove_oldest(const std::wstring &folder, size_t keep)
 
     if (find == INVALID_HANDLE_VALUE)
         return;
-    do
-        names.push_back(found.cFileName);
-    while (FindNextFileW(find, &found));
+    do {
+        if (is_log_name(found.cFileName))
+            names.push_back(found.cFileName);
+    } while (FindNextFileW(find, &found));
     FindClose(find);
     std::sort(names.begin(), names.end());
     for (size_t i = 0; i + keep < names.size(); i++)
