@@ -195,12 +195,16 @@ int session_run(const std::string &file, const struct session_options &options)
 
 static void console_help(void)
 {
+    const char *commands = oxnih_dbg_help(CONSOLE_NAMESPACE, "bypass");
+
     printf("  +90s +5m +2h +1d  lets that much time pass\n"
            "  bypass -p         and any other command: runs it on the agent's debug console\n"
            "  status            shows the products\n"
            "  restart           the agent restarts\n"
            "  next              this boot ends as the scenario says, and the next one begins\n"
            "  help, quit\n");
+    if (commands != NULL) /* the agent runs */
+        printf("The plug-in's own help:\n%s\n", commands);
 }
 
 /* "+90s" in milliseconds. Result: whether it is a span. */

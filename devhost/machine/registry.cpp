@@ -7,8 +7,6 @@
 #include "../text.h"
 #include "stand_in.h"
 
-#define RUNS_KEY L"Software\\oxni_devhost"
-
 static HKEY s_root;
 static std::wstring s_root_path;
 

@@ -157,6 +157,9 @@ static void step_clock(const step_context &context)
 {
     uint64_t now = play_time(context.scenario, context.where + "/clock", &context.value, 0);
 
+    if (!oxnih_clock_is_simulated())
+        scenario_bad(context.scenario, context.where + "/clock",
+                     "in real time the clock is this machine's and is not set");
     oxnih_clock_set_wall(now);
     say("the clock is set to " + time_iso(now));
 }

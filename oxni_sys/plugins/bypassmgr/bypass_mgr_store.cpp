@@ -67,11 +67,13 @@ void bypass_mgr_store_load(uint64_t boot_time)
         (json_int_t)boot_time)
         return;
     /* Both or none: the time of this boot beside the data of the last one would make its crash this
-     * boot's. */
+     * boot's, and beside no data nothing could be stored until the next boot. */
     data = json_object();
     if (data != NULL &&
-        json_object_set_new(s_persist_json, "start_time", json_integer((json_int_t)boot_time)) == 0)
-        (void)json_object_set(s_persist_json, "data", data);
+        json_object_set_new(s_persist_json, "start_time", json_integer((json_int_t)boot_time)) ==
+            0 &&
+        json_object_set(s_persist_json, "data", data) != 0)
+        (void)json_object_del(s_persist_json, "start_time");
     json_decref(data);
     (void)wdu_json_dump_file_ejs(s_persist_json, path);
 }
