@@ -15,6 +15,7 @@
 #include <oxni/base/log.h>
 
 #include "../platform/liboxnibase/host.h"
+#include "replay/commands.h"
 #include "scenario/record.h"
 #include "session.h"
 #include "text.h"
@@ -38,15 +39,6 @@ static const std::map<std::string, int> s_levels = {
     {"info",  OXNI_LOG_INFO },
     {"debug", OXNI_LOG_DEBUG},
 };
-
-static std::string program_folder(void)
-{
-    wchar_t path[1024];
-    DWORD chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
-    std::string text = text_narrow(std::wstring(path, chars));
-
-    return text.substr(0, text.find_last_of('\\'));
-}
 
 static std::map<std::string, std::string> split_defines(const std::vector<std::string> &defines)
 {
@@ -72,6 +64,9 @@ static int report_error(const devhost_error &error)
 /* Every file is played, whatever the one before it said; the worst status counts. */
 static int run_files(const arguments &arguments)
 {
+    if (!arguments.session.html.empty() && arguments.files.size() > 1)
+        throw devhost_error(EXIT_BAD_CALL,
+                            "--html: expected one scenario file, a page shows one run");
     int worst = EXIT_ALL_HOLD;
     size_t skipped = 0;
 
@@ -100,7 +95,7 @@ static void prepare(arguments &arguments)
     arguments.session.defines = split_defines(arguments.defines);
     arguments.session.guard_memory = arguments.memory == "guard";
     if (arguments.session.plugin_path.empty())
-        arguments.session.plugin_path = program_folder() + "\\libbypass_mgr.dll";
+        arguments.session.plugin_path = session_standard_plugin();
     view.log_level = s_levels.at(arguments.log);
     view.json = arguments.json;
     view.trace = arguments.session.trace;
@@ -140,19 +135,22 @@ static CLI::App *add_run(CLI::App &app, arguments &arguments)
         ->add_option("--console", arguments.session.commands,
                      "[BOOT/]SECONDS:COMMAND: types a debug command at that moment")
         ->allow_extra_args(false);
+    command->add_option("--html", arguments.session.html,
+                        "Writes the run as one page, for a browser, to this file");
     command->add_flag("--real-time", arguments.session.real_time, "Waits in real time");
     command->add_flag("--json", arguments.json, "One JSON object a line");
     command->add_flag("--quiet", arguments.quiet, "Shows failures and results only");
     return command;
 }
 
-static void add_console(CLI::App &app, arguments &arguments)
+static CLI::App *add_console(CLI::App &app, arguments &arguments)
 {
     CLI::App *command = app.add_subcommand(
         "console", "Lets a person type debug commands while time runs on request");
 
     command->add_option("FILE", arguments.files, "Scenario file")->required()->expected(1);
     add_common_options(*command, arguments);
+    return command;
 }
 
 int wmain(int argc, wchar_t **argv);
@@ -162,23 +160,27 @@ int wmain(int argc, wchar_t **argv)
     CLI::App app("Plays whole boots through the bypass plug-in.", "oxni_devhost");
     arguments arguments;
     std::vector<std::string> words;
-    const CLI::App *run;
-    int status;
+    const CLI::App *run, *console;
+    int status = EXIT_ALL_HOLD;
 
     SetConsoleOutputCP(CP_UTF8);
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
     run = add_run(app, arguments);
-    add_console(app, arguments);
+    console = add_console(app, arguments);
+    replay_add_commands(app, &status);
     app.require_subcommand(1);
     app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"
                "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped.");
     try {
-        app.parse(words);
-        prepare(arguments);
-        status = run->parsed() ? run_files(arguments)
-                               : session_console(arguments.files.front(), arguments.session);
+        app.parse(words); /* runs the commands of the other rooms */
+        if (run->parsed() || console->parsed())
+            prepare(arguments);
+        if (run->parsed())
+            status = run_files(arguments);
+        else if (console->parsed())
+            status = session_console(arguments.files.front(), arguments.session);
     } catch (const CLI::ParseError &error) {
         status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
     } catch (const devhost_error &error) {

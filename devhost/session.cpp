@@ -7,10 +7,12 @@
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 #include "agent.h"
+#include "evidence/file.h"
 #include "machine/calls.h"
 #include "scenario/play.h"
 #include "scenario/record.h"
 #include "text.h"
+#include "view/page.h"
 #include "view/view.h"
 
 #define CONSOLE_NAMESPACE "oxni"
@@ -37,7 +39,7 @@ static std::string make_run_folder(const std::string &keep)
     return text_narrow(full);
 }
 
-static void remove_folder(const std::wstring &folder)
+static void empty_folder(const std::wstring &folder)
 {
     WIN32_FIND_DATAW entry;
     HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
@@ -50,30 +52,31 @@ static void remove_folder(const std::wstring &folder)
         if (name == L"." || name == L"..")
             continue;
         if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            remove_folder(path);
+            empty_folder(path);
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+            RemoveDirectoryW(path.c_str());
         else
             DeleteFileW(path.c_str());
     } while (FindNextFileW(find, &entry));
     FindClose(find);
-    RemoveDirectoryW(folder.c_str());
 }
 
-/* A run's folder for as long as the scenario is played. */
-struct run_folder {
-    std::string path;
-    bool kept;
+run_folder::run_folder(const std::string &keep) : path(make_run_folder(keep)), kept(!keep.empty())
+{
+}
 
-    explicit run_folder(const std::string &keep) : path(make_run_folder(keep)), kept(!keep.empty())
-    {
-    }
-    ~run_folder()
-    {
-        if (!kept)
-            remove_folder(text_wide(path));
-    }
-    run_folder(const run_folder &) = delete;
-    run_folder &operator=(const run_folder &) = delete;
-};
+run_folder::~run_folder()
+{
+    if (kept)
+        return;
+    empty();
+    RemoveDirectoryW(text_wide(path).c_str());
+}
+
+void run_folder::empty() const
+{
+    empty_folder(text_wide(path));
+}
 
 static void trace_sink(const std::string &text, void *user)
 {
@@ -148,6 +151,15 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     play_open(scenario, play);
 }
 
+std::string session_standard_plugin(void)
+{
+    wchar_t path[1024];
+    const DWORD chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
+    const std::string text = text_narrow(std::wstring(path, chars));
+
+    return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
+}
+
 static std::vector<std::string> summary(void)
 {
     std::vector<std::string> lines;
@@ -166,6 +178,16 @@ static void play_all(const struct session_options &options)
     }
 }
 
+/* The end of a run as a person sees it; the page, too, when one is wanted. */
+static void end_run(const std::string &file, const struct scenario &scenario,
+                    const struct session_options &options, const std::vector<std::string> &failures)
+{
+    if (!options.html.empty())
+        evidence_write(options.html, page_of_run(file, node_text_of(&scenario.document, "name", ""),
+                                                 summary(), failures));
+    view_end(file, summary(), failures);
+}
+
 int session_run(const std::string &file, const struct session_options &options)
 {
     struct scenario scenario;
@@ -182,14 +204,14 @@ int session_run(const std::string &file, const struct session_options &options)
             throw;
         /* What was found until then counts, and would be lost. */
         failures.push_back(file + ": " + error.what());
-        view_end(file, summary(), failures);
+        end_run(file, scenario, options, failures);
         return EXIT_EXPECTATION_FAILED;
     } catch (...) {
         (void)play_close();
         throw;
     }
     failures = play_close();
-    view_end(file, summary(), failures);
+    end_run(file, scenario, options, failures);
     return failures.empty() ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 

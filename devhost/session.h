@@ -17,6 +17,24 @@ struct session_options {
     bool real_time;
     bool trace;
     bool guard_memory;
+    std::string html; /* file for the page of the run; empty: none */
+};
+
+/* The plug-in DLL beside this program. */
+std::string session_standard_plugin(void);
+
+/* A new folder for a run's files, for as long as the object lives, or longer when it is one that was
+ * asked for. UTF-8, absolute. Throws devhost_error. */
+struct run_folder {
+    std::string path;
+    bool kept;
+
+    explicit run_folder(const std::string &keep);
+    ~run_folder();
+    run_folder(const run_folder &) = delete;
+    run_folder &operator=(const run_folder &) = delete;
+    /* Everything in it is deleted. */
+    void empty() const;
 };
 
 /* Plays a file from its first boot to its last. Result: enum devhost_exit. Throws devhost_error. */

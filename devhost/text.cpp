@@ -75,6 +75,34 @@ std::string text_replace(std::string text, const std::string &from, const std::s
     return text;
 }
 
+std::string text_quoted(const std::string &text)
+{
+    std::string out = "\"";
+
+    for (char c : text) {
+        if (c == '"' || c == '\\')
+            (out += '\\') += c;
+        else if (static_cast<unsigned char>(c) < 0x20)
+            out += text_format("\\u%04x", static_cast<unsigned>(c));
+        else
+            out += c;
+    }
+    return out + "\"";
+}
+
+log_line text_log_line(const std::string &line)
+{
+    const std::string tag = "[vkl] [";
+    const size_t level = line.find(" ["), level_end = line.find(']', level);
+    const size_t place = line.find(tag, level_end), place_end = line.find("] ", place + tag.size());
+
+    if (level == std::string::npos || place == std::string::npos || place_end == std::string::npos)
+        return {"", "", line};
+    return {line.substr(level + 2, level_end - level - 2),
+            line.substr(place + tag.size(), place_end - place - tag.size()),
+            line.substr(place_end + 2)};
+}
+
 bool text_fits(const std::string &text, const std::string &pattern)
 {
     size_t t = 0, p = 0, star = std::string::npos, mark = 0;
@@ -251,4 +279,9 @@ std::string time_span(uint64_t ms)
 int64_t time_unix(uint64_t filetime_100ns)
 {
     return static_cast<int64_t>(filetime_100ns / TICKS_PER_SECOND) - UNIX_EPOCH_SECONDS;
+}
+
+uint64_t time_of_unix(int64_t seconds)
+{
+    return static_cast<uint64_t>(seconds + UNIX_EPOCH_SECONDS) * TICKS_PER_SECOND;
 }

@@ -41,6 +41,17 @@ std::string text_lower(const std::string &ascii);
 /* text with every occurrence of one part replaced. */
 std::string text_replace(std::string text, const std::string &from, const std::string &to);
 
+/* A JSON string. text: UTF-8. */
+std::string text_quoted(const std::string &text);
+
+/* The parts of a line as the plug-in logs it. */
+struct log_line {
+    std::string level;   /* "info" */
+    std::string place;   /* "file.cpp:12"; empty for a line of another form */
+    std::string message; /* the whole line then */
+};
+log_line text_log_line(const std::string &line);
+
 /* Whether pattern, in which * stands for any characters, fits the whole text. */
 bool text_fits(const std::string &text, const std::string &pattern);
 
@@ -57,8 +68,9 @@ bool time_parse(const std::string &iso, uint64_t *filetime_100ns);
 /* "1d 02:03:04.500" of a number of milliseconds. */
 std::string time_span(uint64_t ms);
 
-/* Seconds since 1970 of a FILETIME. */
+/* Seconds since 1970 of a FILETIME, and back. */
 int64_t time_unix(uint64_t filetime_100ns);
+uint64_t time_of_unix(int64_t seconds);
 
 #define TICKS_PER_SECOND 10000000ull
 #define TICKS_PER_MS     10000ull

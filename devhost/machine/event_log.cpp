@@ -17,6 +17,7 @@ struct open_log {
 };
 
 static std::map<HANDLE, open_log> s_open_logs;
+static machine_read s_last_read;
 
 static void put_u32(std::string &bytes, size_t at, uint32_t value)
 {
@@ -82,6 +83,7 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
 
     *read = 0;
     *needed = 0;
+    s_last_read = {};
     (void)offset;
     if (log == s_open_logs.end() || flags != (EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ)) {
         SetLastError(log == s_open_logs.end() ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
@@ -103,6 +105,9 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
         }
         memcpy(static_cast<char *>(buffer) + filled, record.data(), record.size());
         filled += static_cast<DWORD>(record.size());
+        if (s_last_read.newest == 0)
+            s_last_read.newest = events[log->second.left - 1].number;
+        s_last_read.oldest = events[log->second.left - 1].number;
     }
     *read = filled;
     return TRUE;
@@ -114,6 +119,11 @@ static BOOL WINAPI stand_in_CloseEventLog(HANDLE handle)
         return TRUE;
     SetLastError(ERROR_INVALID_HANDLE);
     return FALSE;
+}
+
+machine_read machine_last_read(void)
+{
+    return s_last_read;
 }
 
 void machine_log(machine_event record)

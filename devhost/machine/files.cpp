@@ -163,11 +163,10 @@ static UINT WINAPI stand_in_GetWindowsDirectoryW(wchar_t *buffer, UINT size)
 }
 
 /* %NAME% by the machine's environment; names that it does not know stay as they are. */
-static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
-                                                       DWORD size)
+std::wstring machine_expand(const std::wstring &text)
 {
     const auto &environment = machine_get().environment;
-    std::wstring text = source, expanded;
+    std::wstring expanded;
     size_t at = 0, open, end;
 
     while ((open = text.find(L'%', at)) != std::wstring::npos &&
@@ -183,7 +182,14 @@ static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wc
             at = end;
         }
     }
-    expanded += text.substr(at);
+    return expanded + text.substr(at);
+}
+
+static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
+                                                       DWORD size)
+{
+    const std::wstring expanded = machine_expand(source);
+
     if (expanded.size() < size)
         lstrcpyW(buffer, expanded.c_str());
     return static_cast<DWORD>(expanded.size() + 1);

@@ -59,6 +59,9 @@ struct machine {
     bool has_engine = true;
     std::map<std::string, HRESULT> engine_faults; /* by call */
     std::map<std::wstring, std::string> stacks;   /* scripted stack text by dump path */
+    /* Dumps that are too large to copy: path of the machine in lower case to the real file. What
+     * lies at the path itself has the times only. */
+    std::map<std::wstring, std::wstring> dump_files;
 };
 
 /* The machine of this process. */
@@ -80,8 +83,15 @@ void machine_log(machine_event record);
 void machine_update_engine(void);
 /* An engine that is loaded already forgets what it was told. */
 void machine_reset_engine(void);
-/* What the engine refused, in words, one text a dump; emptied by the call. */
-std::vector<std::string> machine_engine_refusals(void);
+/* Who is told, in words, what the engine is given and what it refuses; called inside the call. */
+void machine_watch_engine(void (*fn)(const std::string &news));
+
+/* The records that the last read of the event log gave, as numbers; {0, 0} when it gave none. */
+struct machine_read {
+    uint32_t newest;
+    uint32_t oldest;
+};
+machine_read machine_last_read(void);
 
 /* files.cpp */
 
@@ -95,6 +105,8 @@ void machine_write_file(const std::wstring &path, const std::string &bytes, uint
 /* Deletes it; a missing file is harmless. */
 void machine_delete_file(const std::wstring &path);
 bool machine_file_exists(const std::wstring &path);
+/* A text of the machine with its environment's values in place of %NAME%. */
+std::wstring machine_expand(const std::wstring &text);
 /* The agent's process ended: Windows closes what it left open. */
 void machine_close_agent_files(void);
 /* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */

@@ -2,8 +2,6 @@
  * engine and its presence check. */
 #include "machine.h"
 
-#include <utility>
-
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
 #include "../text.h"
@@ -11,7 +9,7 @@
 
 /* The engine beside this program; NULL until somebody needs it. */
 static HMODULE s_engine;
-static std::vector<std::string> s_refusals;
+static void (*s_watch)(const std::string &news);
 
 static ULONGLONG WINAPI stand_in_GetTickCount64(void)
 {
@@ -56,9 +54,13 @@ template <typename function> static function engine_function(const char *name)
 
 static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)
 {
-    std::wstring real_path = machine_real_path(path);
+    const auto &files = machine_get().dump_files;
+    const auto file = files.find(text_lower(std::wstring(path)));
+    std::wstring real_path = file != files.end() ? file->second : machine_real_path(path);
 
     (void)user;
+    if (s_watch != NULL)
+        s_watch("opens " + text_narrow(path));
     if (real_path.size() >= chars)
         return HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
     lstrcpyW(mapped, real_path.c_str());
@@ -68,8 +70,9 @@ static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void
 static void note_refusal(const wchar_t *path, HRESULT result, const char *reason, void *user)
 {
     (void)user;
-    s_refusals.push_back(text_format("%s: %s (0x%08lx)", text_narrow(path).c_str(), reason,
-                                     static_cast<unsigned long>(result)));
+    if (s_watch != NULL)
+        s_watch(text_format("refuses %s: %s (0x%08lx)", text_narrow(path).c_str(), reason,
+                            static_cast<unsigned long>(result)));
 }
 
 static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
@@ -136,9 +139,9 @@ void machine_reset_engine(void)
         machine_update_engine();
 }
 
-std::vector<std::string> machine_engine_refusals(void)
+void machine_watch_engine(void (*fn)(const std::string &news))
 {
-    return std::exchange(s_refusals, {});
+    s_watch = fn;
 }
 
 void *machine_module_stand_in(const char *name)

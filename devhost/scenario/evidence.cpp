@@ -8,6 +8,7 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent.h"
+#include "../evidence/log.h"
 #include "../machine/machine.h"
 #include "../text.h"
 #include "record.h"
@@ -117,25 +118,13 @@ static void set_engine(const json_value &machine_json)
     machine_update_engine();
 }
 
-static void load_events(const struct scenario &scenario, const std::string &where,
-                        const std::string &path)
+static void load_events(const std::string &file)
 {
-    rapidjson::Document events;
-    std::string file = scenario_path(scenario, path);
-    size_t index = 0;
+    evidence_log log;
 
-    scenario_load_json(events, file, EXIT_BAD_EVIDENCE);
-    if (!events.IsArray())
-        throw devhost_error(EXIT_BAD_EVIDENCE, file + ": expected an array of event records");
-    for (const json_value &event : events.GetArray()) {
-        if (!event.IsObject() || node_member(&event, "source") == NULL ||
-            node_member(&event, "id") == NULL)
-            throw devhost_error(EXIT_BAD_EVIDENCE,
-                                text_format("%s: /%u: expected an event record with source and id",
-                                            file.c_str(), static_cast<unsigned>(index)));
-        evidence_add_event(scenario, where, event);
-        index++;
-    }
+    evidence_log_read(file, EVIDENCE_STANDARD, &log);
+    for (machine_event &event : log.events)
+        machine_log(std::move(event));
 }
 
 void evidence_set_machine(const struct scenario &scenario, const std::string &where,
@@ -160,7 +149,7 @@ void evidence_set_machine(const struct scenario &scenario, const std::string &wh
     for (const json_value *file : node_elements(&said, "files"))
         evidence_add_file(scenario, where + "/files", *file);
     if (node_member(&said, "events_from") != NULL)
-        load_events(scenario, where + "/events_from", node_text_of(&said, "events_from", ""));
+        load_events(scenario_path(scenario, node_text_of(&said, "events_from", "")));
     for (const json_value *event : node_elements(&said, "events"))
         evidence_add_event(scenario, where + "/events", *event);
     if (node_member(&said, "base_folder") != NULL)

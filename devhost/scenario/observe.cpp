@@ -5,6 +5,7 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
+#include "../machine/machine.h"
 #include "../text.h"
 #include "record.h"
 
@@ -132,8 +133,14 @@ static void observe(const oxnih_event *event, void *user)
     }
 }
 
+static void engine_sink(const std::string &news)
+{
+    record_add(HAPPENED_STEP, "windows", "debugger engine " + news);
+}
+
 void observe_platform(void)
 {
+    machine_watch_engine(engine_sink);
     oxnih_log_set_sink(log_sink, NULL);
     oxnih_set_complaint(complaint_sink, NULL);
     oxnih_core_set_observer(observe, NULL);

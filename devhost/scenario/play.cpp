@@ -96,8 +96,6 @@ static void deliver_until(uint64_t ms)
     bool was_running = agent_state_get() == AGENT_RUNNING;
 
     agent_run_until(ms > play_now_ms() ? ms : play_now_ms());
-    for (const std::string &refusal : machine_engine_refusals())
-        record_add(HAPPENED_STEP, "windows", "debugger engine refuses " + refusal);
     if (was_running && agent_state_get() == AGENT_EXITED) {
         products_agent_stopped();
         record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");

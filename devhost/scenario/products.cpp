@@ -56,24 +56,15 @@ static product *product_by_handle(const oxni_subscriber *subscriber)
     return NULL;
 }
 
-/* A text as JSON string; the schema of scenarios lets no control characters matter here. */
-static std::string quoted(const std::string &text)
-{
-    json_value value;
-
-    value.SetString(rapidjson::StringRef(text.data(), text.size()));
-    return node_to_text(value);
-}
-
 static std::string usual_message(const product &product, const char *type)
 {
     std::string modules;
 
     for (const std::string &module : product.modules)
-        modules += (modules.empty() ? "" : ", ") + quoted(module);
-    return "{\"product_name\": " + quoted(product.product_name) + ", \"type\": \"" + type +
+        modules += (modules.empty() ? "" : ", ") + text_quoted(module);
+    return "{\"product_name\": " + text_quoted(product.product_name) + ", \"type\": \"" + type +
            "\", \"count\": " + std::to_string(product.count) +
-           ", \"status\": " + quoted(product.status) + ", \"data\": {\"driver_module\": [" +
+           ", \"status\": " + text_quoted(product.status) + ", \"data\": {\"driver_module\": [" +
            modules + "]}}";
 }
 
@@ -294,7 +285,8 @@ std::string product_state_text(const std::string &key)
     uint64_t references =
         product.subscriber != NULL ? oxnih_subscriber_references(product.subscriber) : 0;
 
-    return "{\"status\":" + quoted(product.status) + ",\"count\":" + std::to_string(product.count) +
+    return "{\"status\":" + text_quoted(product.status) +
+           ",\"count\":" + std::to_string(product.count) +
            ",\"commands\":" + std::to_string(product.commands) +
            ",\"references\":" + std::to_string(references) + "}";
 }

@@ -33,21 +33,6 @@ static const char *colour_of(enum happening_kind kind)
     return "";
 }
 
-static std::string quoted(const std::string &text)
-{
-    std::string out = "\"";
-
-    for (char c : text) {
-        if (c == '"' || c == '\\')
-            (out += '\\') += c;
-        else if (static_cast<unsigned char>(c) < 0x20)
-            out += text_format("\\u%04x", static_cast<unsigned>(c));
-        else
-            out += c;
-    }
-    return out + "\"";
-}
-
 static bool is_shown(const happening &what)
 {
     if (what.kind == HAPPENED_LOG)
@@ -57,26 +42,25 @@ static bool is_shown(const happening &what)
     return !s_options.quiet;
 }
 
-static void show_json(const happening &what)
+std::string view_json(const happening &what)
 {
-    printf("{\"boot\": %d, \"ms\": %llu, \"time\": \"%s\", \"kind\": \"%s\", \"who\": %s, "
-           "\"text\": %s%s%s}\n",
-           what.boot, static_cast<unsigned long long>(what.ms), time_iso(what.now, true).c_str(),
-           record_kind_name(what.kind), quoted(what.who).c_str(), quoted(what.text).c_str(),
-           what.json.empty() ? "" : ", \"message\": ", what.json.c_str());
+    return text_format("{\"boot\": %d, \"ms\": %llu, \"time\": \"%s\", \"kind\": \"%s\", "
+                       "\"who\": ",
+                       what.boot, static_cast<unsigned long long>(what.ms),
+                       time_iso(what.now, true).c_str(), record_kind_name(what.kind)) +
+           text_quoted(what.who) + ", \"text\": " + text_quoted(what.text) +
+           (what.whom.empty() ? "" : ", \"whom\": " + text_quoted(what.whom)) +
+           (what.json.empty() ? "" : ", \"message\": " + what.json) + "}";
 }
 
 /* "[warn] file.cpp:12 message" of a line of the plug-in: when, process and thread are the same on
  * every line, or stand in front of it already. */
 static std::string short_log_line(const std::string &line)
 {
-    size_t level = line.find(" ["), level_end = line.find(']', level);
-    size_t tag = line.find("[vkl] [", level_end), place_end = line.find(']', tag + 6);
+    const log_line parts = text_log_line(line);
 
-    if (level == std::string::npos || tag == std::string::npos || place_end == std::string::npos)
-        return line;
-    return line.substr(level + 1, level_end - level) + " " +
-           line.substr(tag + 7, place_end - tag - 7) + line.substr(place_end + 1);
+    return parts.place.empty() ? line
+                               : "[" + parts.level + "] " + parts.place + " " + parts.message;
 }
 
 static void show_text(const happening &what)
@@ -100,8 +84,8 @@ void view_open(const struct view_options &options)
 void view_start(const std::string &file, const std::string &name)
 {
     if (s_options.json)
-        printf("{\"kind\": \"scenario\", \"file\": %s, \"name\": %s}\n", quoted(file).c_str(),
-               quoted(name).c_str());
+        printf("{\"kind\": \"scenario\", \"file\": %s, \"name\": %s}\n", text_quoted(file).c_str(),
+               text_quoted(name).c_str());
     else if (!s_options.quiet)
         printf("%s%s%s\n", file.c_str(), name.empty() ? "" : ": ", name.c_str());
 }
@@ -112,7 +96,7 @@ void view_happening(const happening &what, void *user)
     if (!is_shown(what))
         return;
     if (s_options.json)
-        show_json(what);
+        printf("%s\n", view_json(what).c_str());
     else
         show_text(what);
 }
@@ -122,9 +106,9 @@ void view_end(const std::string &file, const std::vector<std::string> &summary,
 {
     if (s_options.json) {
         printf("{\"kind\": \"result\", \"file\": %s, \"holds\": %s, \"failures\": [",
-               quoted(file).c_str(), failures.empty() ? "true" : "false");
+               text_quoted(file).c_str(), failures.empty() ? "true" : "false");
         for (size_t i = 0; i < failures.size(); i++)
-            printf("%s%s", i == 0 ? "" : ", ", quoted(failures[i]).c_str());
+            printf("%s%s", i == 0 ? "" : ", ", text_quoted(failures[i]).c_str());
         printf("]}\n");
         return;
     }

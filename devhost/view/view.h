@@ -21,6 +21,9 @@ void view_open(const struct view_options &options);
 /* A scenario begins. */
 void view_start(const std::string &file, const std::string &name);
 
+/* A happening as a JSON object on one line. */
+std::string view_json(const happening &what);
+
 /* A record_view_fn. */
 void view_happening(const happening &what, void *user);
 

@@ -72,9 +72,9 @@ evidence() {
     printf '{"machine": {"events_from": "evidence.json"}, "boots": [{}]}' >s.json
     check "$1" 3 "evidence.json: $2" run s.json
 }
-evidence "events are no JSON" "line 1, column 2" 'no'
+evidence "events are no JSON" "no event log, it does not begin" 'no'
 evidence "events are no array" "expected an array" '{}'
-evidence "an event without id" "/0: expected an event record" '[{"source": "x"}]'
+evidence "an event without id" '/0: member "id" is missing' '[{"source": "x"}]'
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots": [{}]}' >s.json
 check "missing dump" 3 "no.dmp: cannot be opened, error 2" run s.json
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "{place}/no.dmp"}}, "boots": [{}]}' >s.json

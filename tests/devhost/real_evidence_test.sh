@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # A real System log to its verdict, a real dump to its module, and what is no such dump refused.
-# usage: real_evidence_test.sh WINE_RUN PROGRAM EVTX2EVENTS SCENARIO_FOLDER DATA_FOLDER
+# usage: real_evidence_test.sh WINE_RUN PROGRAM SCENARIO_FOLDER
 set -u
-wine=$1 program=$2 convert=$3 scenarios=$4 data=$5
+wine=$1 program=$2 scenarios=$3 data=${BYPASS_SHARED_DATA:-}
 if [ ! -f "$data/system.evtx" ] || [ ! -f "$data/triage_x64.dmp" ]; then
     echo "skipped: no real System log and dump on this machine"
     exit 77
@@ -10,10 +10,8 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 set -e
-"$convert" "$data/system.evtx" >"$work/events.json"
 for zone in UTC Asia/Tokyo America/New_York; do
-    TZ=$zone "$wine" "$program" run --quiet --log none --define "events=$work/events.json" \
-        --define "shared=$data" "$scenarios/log.json" "$scenarios/dump.json"
+    TZ=$zone "$wine" "$program" run --quiet --log none --define "shared=$data" "$scenarios/log.json" "$scenarios/dump.json"
 done
 
 # What the engine refuses is told with the reason, and blames nobody.

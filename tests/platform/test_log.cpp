@@ -24,7 +24,7 @@ TEST_F(logs, the_newest_files_are_kept)
         std::string folder = path(std::to_string(limit) + "/logs"), kept;
         std::filesystem::create_directories(folder);
         std::ofstream(folder + "/1-notes.log") << "N"; /* somebody else's */
-        for (int start = 0; start < 7; start++) { /* an hour apart */
+        for (int start = 0; start < 7; start++) {      /* an hour apart */
             EXPECT_EQ(0, oxni_autolog_init((folder + "/").c_str(), limit));
             EXPECT_EQ(0, oxni_autolog_init(NULL, limit)); /* open already */
             oxni_log_output(OXNI_LOG_DEBUG, "%d", start); /* the caller has asked for the level */

@@ -1,0 +1,96 @@
+/* Runs of Windows. The record of a start is the kernel's own: other providers use its number too. */
+#include "boots.h"
+
+#include "../text.h"
+
+#define KERNEL_GENERAL     L"Microsoft-Windows-Kernel-General"
+
+#define EVENT_CLOCK_CHANGE 1
+#define EVENT_START        12
+#define EVENT_SHUTDOWN     13
+#define EVENT_UNEXPECTED   41
+#define EVENT_BUG_CHECK    1001
+
+/* The place of the boot's moment among the strings of a start record. */
+#define START_TIME_STRING  6
+
+static bool is(const machine_event &event, const wchar_t *source, uint32_t id)
+{
+    return (event.id & 0xffff) == id && event.source == source;
+}
+
+bool evidence_is_start(const machine_event &event)
+{
+    return is(event, KERNEL_GENERAL, EVENT_START);
+}
+
+bool evidence_is_clock_change(const machine_event &event)
+{
+    return is(event, KERNEL_GENERAL, EVENT_CLOCK_CHANGE);
+}
+
+bool evidence_is_bug_check(const machine_event &event)
+{
+    return is(event, L"BugCheck", EVENT_BUG_CHECK);
+}
+
+/* The boot's moment is in the record itself; the record is written a little later. */
+static uint64_t started(const machine_event &event)
+{
+    uint64_t time;
+
+    if (event.strings.size() > START_TIME_STRING &&
+        time_parse(text_narrow(event.strings[START_TIME_STRING]), &time))
+        return time;
+    return time_of_unix(event.time);
+}
+
+/* The records of the next start tell of a crash or a loss of power; a shutdown stands in the run
+ * itself. A run that began to shut down and crashed then did not end clean. */
+static void find_ending(const evidence_log &log, evidence_run *run, const evidence_run *next)
+{
+    for (size_t i = run->begin; i < run->end; i++)
+        if (is(log.events[i], KERNEL_GENERAL, EVENT_SHUTDOWN)) {
+            run->ending = RUN_ENDED_CLEAN;
+            run->told_by = i;
+        }
+    for (size_t i = next != NULL ? next->begin : 0; next != NULL && i < next->end; i++) {
+        const bool bug_check = evidence_is_bug_check(log.events[i]);
+
+        if (bug_check || (is(log.events[i], L"Microsoft-Windows-Kernel-Power", EVENT_UNEXPECTED) &&
+                          run->ending != RUN_ENDED_POWER_LOSS)) {
+            run->ending = bug_check ? RUN_ENDED_BLUE_SCREEN : RUN_ENDED_POWER_LOSS;
+            run->told_by = i;
+        }
+        if (bug_check)
+            return;
+    }
+}
+
+std::vector<evidence_run> evidence_runs(const evidence_log &log)
+{
+    std::vector<evidence_run> runs;
+    size_t number = 0;
+
+    for (size_t i = 0; i < log.events.size(); i++) {
+        const bool start = evidence_is_start(log.events[i]);
+
+        if (start || i == 0) {
+            number += start ? 1 : 0;
+            if (!runs.empty())
+                runs.back().end = i;
+            runs.push_back({number, i, log.events.size(), start ? started(log.events[i]) : 0,
+                            RUN_ENDED_UNKNOWN, NO_RECORD});
+        }
+    }
+    for (size_t i = 0; i < runs.size(); i++)
+        find_ending(log, &runs[i], i + 1 < runs.size() ? &runs[i + 1] : NULL);
+    return runs;
+}
+
+const char *evidence_ending_name(enum run_ending ending)
+{
+    static const char *const names[] = {"unknown", "clean", "blue screen", "power loss"};
+
+    return names[ending];
+}

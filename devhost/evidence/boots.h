@@ -1,0 +1,45 @@
+/*
+ * The runs of Windows in a System log: where each one starts, and how it ended. The numbers of the
+ * records give their order; clocks jump.
+ */
+#ifndef DEVHOST_EVIDENCE_BOOTS_H
+#define DEVHOST_EVIDENCE_BOOTS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "log.h"
+
+enum run_ending {
+    RUN_ENDED_UNKNOWN, /* the log does not tell, or the run goes on */
+    RUN_ENDED_CLEAN,
+    RUN_ENDED_BLUE_SCREEN,
+    RUN_ENDED_POWER_LOSS, /* unexpectedly, and no blue screen was recorded */
+};
+
+#define NO_RECORD SIZE_MAX
+
+/* One run of Windows. Indexes are those of evidence_log.events. */
+struct evidence_run {
+    size_t number;          /* from 1; 0 for what is left of a run that began before the log */
+    size_t begin, end;      /* its records: from its start record to that of the next run */
+    uint64_t started_100ns; /* FILETIME; 0 for number 0 */
+    enum run_ending ending;
+    size_t told_by; /* the record that tells its ending, in this run or the next; NO_RECORD: none */
+};
+
+/* Oldest first; empty when the log is. */
+std::vector<evidence_run> evidence_runs(const evidence_log &log);
+
+/* "clean", "blue screen", "power loss", "unknown". */
+const char *evidence_ending_name(enum run_ending ending);
+
+/* The start of Windows, a change of the clock and a blue screen as the log records them. */
+bool evidence_is_start(const machine_event &event);
+bool evidence_is_clock_change(const machine_event &event);
+bool evidence_is_bug_check(const machine_event &event);
+
+#endif

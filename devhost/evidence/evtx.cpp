@@ -1,0 +1,367 @@
+/* Reading of an .evtx file. The library reads the records; it says nothing of wrong check sums, lost
+ * records and cut-off files, so those are looked for here. */
+#include "log.h"
+
+#include <string.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <oxni/base/algo.h>
+
+#include "../text.h"
+#include "file.h"
+
+/* The library's header wants another library's for functions that are not used here. */
+#include <libevtx/features.h>
+#undef LIBEVTX_HAVE_BFIO
+#include <libevtx.h>
+
+#define HEADER_BYTES       4096u
+#define CHUNK_BYTES        65536u
+#define CHUNK_HEADER_BYTES 512u
+/* A log counts its chunks in 16 bits. */
+#define MOST_BYTES (HEADER_BYTES + 0xffffull * CHUNK_BYTES)
+
+namespace
+{
+struct log_closer {
+    void operator()(libevtx_file_t *file) const
+    {
+        libevtx_file_free(&file, NULL);
+    }
+};
+
+struct record_closer {
+    void operator()(libevtx_record_t *record) const
+    {
+        libevtx_record_free(&record, NULL);
+    }
+};
+
+/* The numbers that the file's chunks say they hold. */
+struct record_range {
+    uint64_t first = UINT64_MAX;
+    uint64_t last = 0;
+};
+} // namespace
+
+template <typename T> static T at(const uint8_t *bytes, size_t offset)
+{
+    T value;
+
+    memcpy(&value, bytes + offset, sizeof value);
+    return value;
+}
+
+/* The CRC-32 of two pieces one behind the other. */
+static uint32_t crc32_of_chunk_header(const uint8_t *chunk)
+{
+    uint8_t pieces[0x78 + CHUNK_HEADER_BYTES - 0x80];
+
+    memcpy(pieces, chunk, 0x78);
+    memcpy(pieces + 0x78, chunk + 0x80, sizeof(pieces) - 0x78);
+    return oxni_crc32_calc(pieces, sizeof(pieces));
+}
+
+static std::string chunk_place(uint64_t number)
+{
+    return "chunk " + std::to_string(number) + " at byte " +
+           std::to_string(HEADER_BYTES + number * CHUNK_BYTES);
+}
+
+static void check_chunk(const uint8_t *chunk, uint64_t number, evidence_log *log,
+                        record_range *range)
+{
+    if (memcmp(chunk, "ElfChnk", 8) != 0) {
+        log->damage.push_back("no chunk where one should be, " + chunk_place(number));
+        return;
+    }
+    if (crc32_of_chunk_header(chunk) != at<uint32_t>(chunk, 0x7C)) {
+        log->damage.push_back("wrong check sum of the header, " + chunk_place(number));
+        return;
+    }
+    const uint64_t first = at<uint64_t>(chunk, 0x18);
+    const uint64_t last = at<uint64_t>(chunk, 0x20);
+
+    /* A chunk without a record says -1. */
+    if (first <= last && last != UINT64_MAX) {
+        range->first = std::min(range->first, first);
+        range->last = std::max(range->last, last);
+    }
+    const uint32_t end = at<uint32_t>(chunk, 0x30);
+
+    if (end < CHUNK_HEADER_BYTES || end > CHUNK_BYTES ||
+        oxni_crc32_calc(chunk + CHUNK_HEADER_BYTES, end - CHUNK_HEADER_BYTES) !=
+            at<uint32_t>(chunk, 0x34))
+        log->damage.push_back("wrong check sum of the records, which are kept, " +
+                              chunk_place(number));
+}
+
+static bool is_unused(const uint8_t *chunk)
+{
+    return std::all_of(chunk, chunk + CHUNK_BYTES, [](uint8_t byte) { return byte == 0; });
+}
+
+static void check_chunks(const evidence_file &file, evidence_log *log, record_range *range,
+                         uint64_t *chunks)
+{
+    bool after_unused = false;
+
+    *chunks = (file.bytes() - HEADER_BYTES) / CHUNK_BYTES;
+    for (uint64_t number = 0; number < *chunks; number++) {
+        const uint8_t *chunk = file.data() + HEADER_BYTES + number * CHUNK_BYTES;
+        /* Looked at only where no chunk begins: most do. */
+        const bool unused = memcmp(chunk, "ElfChnk", 8) != 0 && is_unused(chunk);
+
+        /* Windows lets a log grow by several chunks at a time, which are used one after another. */
+        if (!unused && after_unused)
+            log->damage.push_back("empty chunk before a used one, " + chunk_place(number - 1));
+        if (!unused)
+            check_chunk(chunk, number, log, range);
+        after_unused = unused;
+    }
+    if ((file.bytes() - HEADER_BYTES) % CHUNK_BYTES != 0)
+        log->cut_off = "cut off, inside " + chunk_place(*chunks);
+}
+
+/* The header of a log in use lags behind its chunks: it may say less than there is, never more. */
+static void check_header(const uint8_t *header, uint64_t chunks, evidence_log *log,
+                         record_range *range)
+{
+    const uint64_t next_record = at<uint64_t>(header, 0x18);
+    const uint64_t said = at<uint16_t>(header, 0x2A);
+
+    if (oxni_crc32_calc(header, 0x78) != at<uint32_t>(header, 0x7C)) {
+        log->damage.push_back("wrong check sum of the file's header, at byte 0");
+        return;
+    }
+    if (next_record > 0)
+        range->last = std::max(range->last, next_record - 1);
+    if (chunks < said && log->cut_off.empty())
+        log->cut_off = "cut off, behind " + std::to_string(chunks) + " of " + std::to_string(said) +
+                       " chunks, at byte " + std::to_string(HEADER_BYTES + chunks * CHUNK_BYTES);
+}
+
+static void check_file(const std::string &path, evidence_log *log, record_range *range)
+{
+    const evidence_file file(path, MOST_BYTES);
+    uint64_t chunks = 0;
+
+    if (!evidence_is_evtx(file))
+        evidence_bad(path, "no event log, it does not begin with \"ElfFile\" at byte 0");
+    if (file.bytes() < HEADER_BYTES)
+        evidence_bad(path, "cut off, inside the header at byte " + std::to_string(file.bytes()));
+    check_chunks(file, log, range, &chunks);
+    check_header(file.data(), chunks, log, range);
+}
+
+/* The library's message, which it frees; one line. */
+static std::string library_error(libevtx_error_t **error)
+{
+    char text[512] = "";
+
+    if (*error == NULL || libevtx_error_sprint(*error, text, sizeof(text)) < 0)
+        strcpy(text, "unknown error");
+    libevtx_error_free(error);
+    std::string line = text;
+
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    while (!line.empty() && (line.back() == ' ' || line.back() == '.'))
+        line.pop_back();
+    return line;
+}
+
+/* Size in characters with its NUL from one function, text from the other; 0 for an empty one. */
+template <typename Size, typename Text>
+static bool read_text(Size size_of, Text text_of, std::wstring *text, libevtx_error_t **error)
+{
+    size_t size = 0;
+
+    text->clear();
+    if (size_of(&size, error) == -1)
+        return false;
+    if (size == 0)
+        return true;
+    text->resize(size);
+    if (text_of(reinterpret_cast<uint16_t *>(&(*text)[0]), size, error) == -1)
+        return false;
+    text->resize(wcsnlen(text->c_str(), size));
+    return true;
+}
+
+static bool read_strings(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+{
+    int count = 0;
+
+    if (libevtx_record_get_number_of_strings(record, &count, error) != 1)
+        return false;
+    event->strings.resize(static_cast<size_t>(count));
+    for (int i = 0; i < count; i++) {
+        const auto size_of = [&](size_t *size, libevtx_error_t **e) {
+            return libevtx_record_get_utf16_string_size(record, i, size, e);
+        };
+        const auto text_of = [&](uint16_t *text, size_t size, libevtx_error_t **e) {
+            return libevtx_record_get_utf16_string(record, i, text, size, e);
+        };
+
+        if (!read_text(size_of, text_of, &event->strings[static_cast<size_t>(i)], error))
+            return false;
+    }
+    return true;
+}
+
+/* Whether a text can be binary data as the library shows it. */
+static bool is_hexadecimal(const std::wstring &text)
+{
+    return !text.empty() && text.size() % 2 == 0 &&
+           text.find_first_not_of(L"0123456789abcdefABCDEF") == std::wstring::npos;
+}
+
+/* The library counts an event's binary data as its last string; a classic record keeps it apart.
+ * Whether there is some only the record's XML tells, which costs more than all the rest. */
+static bool drop_binary(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+{
+    std::wstring xml;
+    const auto size_of = [record](size_t *size, libevtx_error_t **e) {
+        return libevtx_record_get_utf16_xml_string_size(record, size, e);
+    };
+    const auto text_of = [record](uint16_t *text, size_t size, libevtx_error_t **e) {
+        return libevtx_record_get_utf16_xml_string(record, text, size, e);
+    };
+
+    if (event->strings.empty() || !is_hexadecimal(event->strings.back()))
+        return true;
+    if (!read_text(size_of, text_of, &xml, error))
+        return false;
+    if (xml.find(L"<Binary") != std::wstring::npos)
+        event->strings.pop_back();
+    return true;
+}
+
+static uint16_t type_of(uint8_t level)
+{
+    switch (level) {
+    case 1: /* critical */
+    case 2: return EVENTLOG_ERROR_TYPE;
+    case 3: return EVENTLOG_WARNING_TYPE;
+    default: return EVENTLOG_INFORMATION_TYPE;
+    }
+}
+
+static bool read_event(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+{
+    uint64_t filetime = 0;
+    uint32_t qualifiers = 0;
+    uint8_t level = 0;
+    const auto size_of = [record](size_t *size, libevtx_error_t **e) {
+        return libevtx_record_get_utf16_source_name_size(record, size, e);
+    };
+    const auto text_of = [record](uint16_t *text, size_t size, libevtx_error_t **e) {
+        return libevtx_record_get_utf16_source_name(record, text, size, e);
+    };
+
+    if (libevtx_record_get_written_time(record, &filetime, error) != 1 ||
+        libevtx_record_get_event_identifier(record, &event->id, error) != 1 ||
+        libevtx_record_get_event_identifier_qualifiers(record, &qualifiers, error) == -1 ||
+        libevtx_record_get_event_level(record, &level, error) != 1 ||
+        !read_text(size_of, text_of, &event->source, error) ||
+        !read_strings(record, event, error) || !drop_binary(record, event, error))
+        return false;
+    event->id = (event->id & 0xFFFF) | qualifiers << 16;
+    event->type = type_of(level);
+    event->time = static_cast<uint32_t>(time_unix(filetime));
+    return true;
+}
+
+/* The library ends with an error at the first part of a record that it cannot read; the record is
+ * left out then, and its number is counted with the missing ones. */
+static void read_record(libevtx_file_t *file, int index, evidence_log *log)
+{
+    libevtx_record_t *got = NULL;
+    libevtx_error_t *error = NULL;
+    machine_event event = {};
+    uint64_t number = 0;
+
+    if (libevtx_file_get_record_by_index(file, index, &got, &error) != 1 ||
+        libevtx_record_get_identifier(got, &number, &error) != 1)
+        log->damage.push_back(library_error(&error) + ", at index " + std::to_string(index));
+    const std::unique_ptr<libevtx_record_t, record_closer> record(got);
+
+    if (number == 0)
+        return;
+    event.number = static_cast<uint32_t>(number);
+    if (read_event(got, &event, &error))
+        log->events.push_back(std::move(event));
+    else
+        log->damage.push_back(library_error(&error) + ", record " + std::to_string(number));
+}
+
+static void read_records(const std::string &path, evidence_log *log)
+{
+    libevtx_file_t *made = NULL;
+    libevtx_error_t *error = NULL;
+    wchar_t full[1024] = L"";
+    int count = 0;
+
+    if (libevtx_file_initialize(&made, &error) != 1)
+        evidence_bad(path, library_error(&error));
+    const std::unique_ptr<libevtx_file_t, log_closer> file(made);
+
+    /* The library knows no path that begins with a slash. */
+    GetFullPathNameW(text_wide(path).c_str(), ARRAYSIZE(full), full, NULL);
+    if (libevtx_file_open_wide(made, full, LIBEVTX_OPEN_READ, &error) != 1 ||
+        libevtx_file_get_number_of_records(made, &count, &error) != 1)
+        evidence_bad(path, library_error(&error));
+    log->events.reserve(static_cast<size_t>(count));
+    for (int i = 0; i < count; i++)
+        read_record(made, i, log);
+}
+
+/* The numbers of a log have no gaps: what is missing between its first and last is lost. */
+static void check_numbers(evidence_log *log, const record_range &range)
+{
+    std::vector<machine_event> &events = log->events;
+    uint64_t next = range.first;
+    size_t kept = 0;
+    const auto missing = [log](uint64_t first, uint64_t end) {
+        if (first >= end)
+            return;
+        log->damage.push_back("records missing, numbers " + std::to_string(first) + " to " +
+                              std::to_string(end - 1));
+        log->lost_records += end - first;
+    };
+
+    std::stable_sort(
+        events.begin(), events.end(),
+        [](const machine_event &a, const machine_event &b) { return a.number < b.number; });
+    for (machine_event &event : events) {
+        if (kept > 0 && event.number == events[kept - 1].number) {
+            log->damage.push_back("record twice, number " + std::to_string(event.number));
+            continue;
+        }
+        missing(next, event.number);
+        next = event.number + 1ull;
+        if (&events[kept] != &event)
+            events[kept] = std::move(event);
+        kept++;
+    }
+    events.resize(kept);
+    missing(next, range.last + 1);
+}
+
+bool evidence_is_evtx(const evidence_file &file)
+{
+    return file.bytes() >= 8 && memcmp(file.data(), "ElfFile", 8) == 0;
+}
+
+void evidence_read_evtx(const std::string &path, evidence_log *log)
+{
+    record_range range;
+
+    *log = {};
+    check_file(path, log, &range);
+    read_records(path, log);
+    check_numbers(log, range);
+}

@@ -1,0 +1,114 @@
+/* Mapping of evidence, and writing of results. */
+#include "file.h"
+
+#include <windows.h>
+
+#include "../text.h"
+
+void evidence_bad(const std::string &path, const std::string &what)
+{
+    throw devhost_error(EXIT_BAD_EVIDENCE, path + ": " + what);
+}
+
+static std::string error_text(DWORD error)
+{
+    switch (error) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+    case ERROR_INVALID_NAME: return "there is no such file";
+    case ERROR_ACCESS_DENIED: return "access is denied";
+    case ERROR_SHARING_VIOLATION: return "another program has it open";
+    default: return text_format("error %lu", error);
+    }
+}
+
+/* A handle that closes itself. */
+struct scoped_handle {
+    HANDLE handle;
+
+    ~scoped_handle()
+    {
+        if (handle != NULL && handle != INVALID_HANDLE_VALUE)
+            CloseHandle(handle);
+    }
+};
+
+evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
+{
+    const std::wstring wide = text_wide(path);
+    const DWORD attributes = GetFileAttributesW(wide.c_str());
+    BY_HANDLE_FILE_INFORMATION facts;
+
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+        evidence_bad(path, "is a folder, expected a file");
+    const scoped_handle file = {CreateFileW(wide.c_str(), GENERIC_READ,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                            NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL)};
+
+    if (file.handle == INVALID_HANDLE_VALUE ||
+        !GetFileInformationByHandle(file.handle, &facts)) {
+        const DWORD error = GetLastError();
+
+        evidence_bad(path, "cannot be opened: " + error_text(error));
+    }
+    bytes_ = static_cast<uint64_t>(facts.nFileSizeHigh) << 32 | facts.nFileSizeLow;
+    written_100ns_ = static_cast<uint64_t>(facts.ftLastWriteTime.dwHighDateTime) << 32 |
+                     facts.ftLastWriteTime.dwLowDateTime;
+    if (bytes_ > most_bytes)
+        evidence_bad(path, text_format("has %llu bytes, expected %llu at most",
+                                       static_cast<unsigned long long>(bytes_),
+                                       static_cast<unsigned long long>(most_bytes)));
+    if (bytes_ == 0)
+        return;
+    const scoped_handle mapping = {
+        CreateFileMappingW(file.handle, NULL, PAGE_READONLY, 0, 0, NULL)};
+
+    if (mapping.handle != NULL)
+        data_ = static_cast<const uint8_t *>(MapViewOfFile(mapping.handle, FILE_MAP_READ, 0, 0, 0));
+    if (data_ == NULL) {
+        const DWORD error = GetLastError();
+
+        evidence_bad(path, "cannot be read: " + error_text(error));
+    }
+}
+
+evidence_file::~evidence_file()
+{
+    if (data_ != NULL)
+        UnmapViewOfFile(data_);
+}
+
+/* Result: ERROR_SUCCESS or what went wrong. */
+static DWORD write_whole(const std::wstring &path, const std::string &text)
+{
+    const scoped_handle file = {
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL)};
+
+    if (file.handle == INVALID_HANDLE_VALUE)
+        return GetLastError();
+    for (size_t at = 0; at < text.size();) {
+        const size_t left = text.size() - at;
+        DWORD written = 0;
+
+        if (!WriteFile(file.handle, text.data() + at,
+                       static_cast<DWORD>(left < 0x1000000 ? left : 0x1000000), &written, NULL))
+            return GetLastError();
+        at += written;
+    }
+    return FlushFileBuffers(file.handle) ? static_cast<DWORD>(ERROR_SUCCESS) : GetLastError();
+}
+
+void evidence_write(const std::string &path, const std::string &text)
+{
+    const std::wstring wide = text_wide(path),
+                       beside = wide + text_wide(text_format(".%lu.new", GetCurrentProcessId()));
+    DWORD error = write_whole(beside, text);
+
+    if (error == ERROR_SUCCESS &&
+        !MoveFileExW(beside.c_str(), wide.c_str(), MOVEFILE_REPLACE_EXISTING))
+        error = GetLastError();
+    if (error == ERROR_SUCCESS)
+        return;
+    DeleteFileW(beside.c_str());
+    throw devhost_error(EXIT_BAD_CALL, path + ": cannot be written: " + error_text(error));
+}

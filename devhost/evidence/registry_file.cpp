@@ -1,0 +1,236 @@
+/* Registry exports. One line is one value; a value of bytes may go on over several, each ended by a
+ * backslash. */
+#include "registry_file.h"
+
+#include <string.h>
+
+#include "../text.h"
+#include "file.h"
+
+/* A whole export of a machine's SYSTEM hive has some tens of megabytes. */
+#define MOST_BYTES (256ull << 20)
+
+#define ROOT       L"HKEY_LOCAL_MACHINE"
+
+namespace
+{
+struct reader {
+    const std::string &path;
+    std::wstring text;
+    size_t at = 0;
+    size_t line = 0; /* number of the line that was read last, its first one */
+
+    [[noreturn]] void bad(const std::string &what) const
+    {
+        evidence_bad(path, "line " + std::to_string(line) + ": " + what);
+    }
+};
+} // namespace
+
+static std::wstring decode(const std::string &path, const evidence_file &file)
+{
+    const char *bytes = reinterpret_cast<const char *>(file.data());
+    const size_t size = static_cast<size_t>(file.bytes());
+
+    if (size == 0)
+        evidence_bad(path, "is empty, expected a registry export");
+    if (size >= 2 && memcmp(bytes, "\xff\xfe", 2) == 0) {
+        std::wstring text((size - 2) / sizeof(wchar_t), L'\0');
+
+        if (size % sizeof(wchar_t) != 0)
+            evidence_bad(path, "cut off, inside the last character");
+        memcpy(&text[0], bytes + 2, size - 2);
+        return text;
+    }
+    const size_t skip = size >= 3 && memcmp(bytes, "\xef\xbb\xbf", 3) == 0 ? 3 : 0;
+
+    return text_wide(std::string(bytes + skip, size - skip));
+}
+
+/* One line without its end. Result: false behind the last one. */
+static bool next_raw_line(reader &from, std::wstring *line)
+{
+    if (from.at >= from.text.size())
+        return false;
+    const size_t end = from.text.find(L'\n', from.at);
+    const size_t stop = end == std::wstring::npos ? from.text.size() : end;
+
+    *line = from.text.substr(from.at, stop - from.at);
+    from.at = stop + 1;
+    from.line++;
+    if (!line->empty() && line->back() == L'\r')
+        line->pop_back();
+    return true;
+}
+
+/* One line with those that it goes on in. */
+static bool next_line(reader &from, std::wstring *line)
+{
+    std::wstring more;
+
+    if (!next_raw_line(from, line))
+        return false;
+    const size_t first = from.line;
+
+    while (!line->empty() && line->back() == L'\\' && line->front() != L'[') {
+        line->pop_back();
+        if (!next_raw_line(from, &more))
+            from.bad("cut off, expected the bytes to go on");
+        const size_t text = more.find_first_not_of(L" \t");
+
+        *line += text == std::wstring::npos ? L"" : more.substr(text);
+    }
+    from.line = first;
+    return true;
+}
+
+/* A quoted text from *at on, which is behind it afterwards. */
+static std::wstring quoted(const reader &from, const std::wstring &line, size_t *at)
+{
+    std::wstring text;
+
+    for (size_t i = *at + 1; i < line.size(); i++) {
+        if (line[i] == L'"') {
+            *at = i + 1;
+            return text;
+        }
+        if (line[i] == L'\\' && i + 1 < line.size())
+            i++;
+        text += line[i];
+    }
+    from.bad("expected a closing quotation mark");
+}
+
+static std::string with_nul(const std::wstring &text)
+{
+    return std::string(reinterpret_cast<const char *>(text.c_str()),
+                       (text.size() + 1) * sizeof(wchar_t));
+}
+
+static uint32_t hexadecimal(const reader &from, const std::wstring &digits, size_t most)
+{
+    if (digits.empty() || digits.size() > most ||
+        digits.find_first_not_of(L"0123456789abcdefABCDEF") != std::wstring::npos)
+        from.bad("expected " + std::to_string(most) + " hexadecimal digits, found \"" +
+                 text_narrow(digits) + "\"");
+    return static_cast<uint32_t>(wcstoul(digits.c_str(), NULL, 16));
+}
+
+static std::string byte_list(const reader &from, const std::wstring &text)
+{
+    std::string bytes;
+
+    for (size_t at = 0; at < text.size();) {
+        const size_t comma = text.find(L',', at);
+        const size_t end = comma == std::wstring::npos ? text.size() : comma;
+
+        bytes += static_cast<char>(hexadecimal(from, text.substr(at, end - at), 2));
+        at = end + 1;
+    }
+    return bytes;
+}
+
+/* What stands behind the "=" of a line. */
+static void parse_data(const reader &from, const std::wstring &text, evidence_value *value)
+{
+    const std::wstring dword = L"dword:", hex = L"hex";
+    size_t at = 0;
+
+    if (!text.empty() && text[0] == L'"') {
+        value->type = REG_SZ;
+        value->data = with_nul(quoted(from, text, &at));
+    } else if (text.rfind(dword, 0) == 0) {
+        const uint32_t number = hexadecimal(from, text.substr(dword.size()), 8);
+
+        value->type = REG_DWORD;
+        value->data.assign(reinterpret_cast<const char *>(&number), sizeof(number));
+    } else if (text.rfind(hex, 0) == 0 && text.find(L':') != std::wstring::npos) {
+        const size_t colon = text.find(L':');
+        const std::wstring type = text.substr(hex.size(), colon - hex.size());
+
+        if (type.empty())
+            value->type = REG_BINARY;
+        else if (type.size() > 2 && type.front() == L'(' && type.back() == L')')
+            value->type = hexadecimal(from, type.substr(1, type.size() - 2), 8);
+        else
+            from.bad("expected hex:, or hex(TYPE):");
+        value->data = byte_list(from, text.substr(colon + 1));
+    } else {
+        from.bad("expected a text in quotation marks, dword: or hex:");
+    }
+}
+
+/* "\SYSTEM\ControlSet001\..." is what the running system calls CurrentControlSet. */
+static std::wstring current(const std::wstring &key)
+{
+    const std::wstring set = L"SYSTEM\\ControlSet";
+
+    if (_wcsnicmp(key.c_str(), set.c_str(), set.size()) != 0 || key.size() < set.size() + 3)
+        return key;
+    return L"SYSTEM\\CurrentControlSet" + key.substr(set.size() + 3);
+}
+
+/* A line in brackets. Result: the key below the root; empty for another root. */
+static std::wstring parse_key(const reader &from, const std::wstring &line)
+{
+    const std::wstring root = ROOT L"\\";
+
+    if (line.back() != L']')
+        from.bad("expected a closing bracket");
+    if (line[1] == L'-')
+        from.bad("expected an export, found a key to delete");
+    const std::wstring key = line.substr(1, line.size() - 2);
+
+    return _wcsnicmp(key.c_str(), root.c_str(), root.size()) == 0 ? current(key.substr(root.size()))
+                                                                  : L"";
+}
+
+static void parse_value(const reader &from, const std::wstring &line, const std::wstring &key,
+                        evidence_registry *registry)
+{
+    evidence_value value = {key, L"", REG_NONE, ""};
+    size_t at = 1;
+
+    if (line[0] == L'"') {
+        at = 0;
+        value.name = quoted(from, line, &at);
+    } else if (line[0] != L'@') {
+        from.bad("expected a key in brackets or a value, \"NAME\"=DATA");
+    }
+    if (at >= line.size() || line[at] != L'=')
+        from.bad("expected \"=\" behind the name");
+    parse_data(from, line.substr(at + 1), &value);
+    if (key.empty())
+        registry->left_out++;
+    else
+        registry->values.push_back(value);
+}
+
+void evidence_registry_read(const std::string &path, evidence_registry *registry)
+{
+    const evidence_file file(path, MOST_BYTES);
+    reader from = {path, decode(path, file)};
+    std::wstring line, key;
+    bool in_key = false;
+
+    *registry = {};
+    if (!next_line(from, &line) ||
+        (line != L"Windows Registry Editor Version 5.00" && line != L"REGEDIT4"))
+        evidence_bad(path, "no registry export, expected \"Windows Registry Editor Version 5.00\" "
+                           "in line 1");
+    while (next_line(from, &line)) {
+        const size_t text = line.find_first_not_of(L" \t");
+
+        if (text == std::wstring::npos || line[text] == L';')
+            continue;
+        line = line.substr(text, line.find_last_not_of(L" \t") + 1 - text);
+        if (line[0] == L'[') {
+            key = parse_key(from, line);
+            in_key = true;
+        } else if (!in_key) {
+            from.bad("expected a key in brackets before the first value");
+        } else {
+            parse_value(from, line, key, registry);
+        }
+    }
+}

@@ -1,0 +1,28 @@
+/*
+ * A registry export (.reg) as evidence: the values below HKEY_LOCAL_MACHINE.
+ */
+#ifndef DEVHOST_EVIDENCE_REGISTRY_FILE_H
+#define DEVHOST_EVIDENCE_REGISTRY_FILE_H
+
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+struct evidence_value {
+    std::wstring key; /* below HKEY_LOCAL_MACHINE; "ControlSetNNN" reads CurrentControlSet */
+    std::wstring name;
+    DWORD type;       /* REG_SZ and so on */
+    std::string data; /* as in the registry: texts are UTF-16 with their NUL */
+};
+
+struct evidence_registry {
+    std::vector<evidence_value> values;
+    size_t left_out = 0; /* values below another root */
+};
+
+/* Reads a file as regedit and "reg export" write it, version 5 (UTF-16 or UTF-8) or 4 (UTF-8).
+ * Throws devhost_error with EXIT_BAD_EVIDENCE that names the line. */
+void evidence_registry_read(const std::string &path, evidence_registry *registry);
+
+#endif

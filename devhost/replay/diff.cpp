@@ -1,0 +1,124 @@
+/* Two results side by side. */
+#include "replay.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+
+#include "../evidence/file.h"
+#include "../scenario/scenario.h"
+#include "../text.h"
+
+#define MOST_BYTES (256ull << 20)
+
+/* Members of a result that are compared, and what an element of a list is called by. */
+static const struct {
+    const char *member;
+    rapidjson::Type type;
+    std::vector<const char *> shown; /* of an element; none: the value as it stands */
+} s_members[] = {
+    {"plugin",   rapidjson::kObjectType, {}                          },
+    {"boot",     rapidjson::kNumberType, {}                          },
+    {"verdict",  rapidjson::kStringType, {}                          },
+    {"blamed",   rapidjson::kNullType,   {}                          }, /* or a text */
+    {"records",  rapidjson::kArrayType,  {"record", "source", "id"}  },
+    {"dumps",    rapidjson::kArrayType,  {"file", "fate"}            },
+    {"stack",    rapidjson::kArrayType,  {"text"}                    },
+    {"commands", rapidjson::kArrayType,  {"to", "message"}           },
+    {"alarms",   rapidjson::kArrayType,  {"message"}                 },
+    {"products", rapidjson::kArrayType,  {"name", "at_the_end"}      },
+    {"reasons",  rapidjson::kArrayType,  {"topic", "text"}           },
+};
+
+static void load_result(const std::string &file, rapidjson::Document *document)
+{
+    const evidence_file evidence(file, MOST_BYTES); /* told as evidence that cannot be read */
+
+    (void)evidence;
+    scenario_load_json(*document, file, EXIT_BAD_EVIDENCE);
+    if (node_text_of(document, "schema", "") != REPLAY_SCHEMA)
+        evidence_bad(file, "expected a result of replay --json, \"schema\": \"" REPLAY_SCHEMA "\"");
+    if (node_integer_of(document, "version", 0) != 1)
+        evidence_bad(file, "/version: expected 1");
+    for (const auto &row : s_members) {
+        const json_value *value = node_member(document, row.member);
+        const bool text_or_null =
+            row.type == rapidjson::kNullType && value != NULL && value->IsString();
+
+        if (value == NULL || (value->GetType() != row.type && !text_or_null))
+            evidence_bad(file, std::string("/") + row.member +
+                                   (value == NULL ? ": member is missing" : ": has another type"));
+    }
+}
+
+/* "to power, message {...}" */
+static std::string element_text(const json_value &element, const std::vector<const char *> &shown)
+{
+    std::string text;
+
+    for (const char *name : shown) {
+        const json_value *value = node_member(&element, name);
+
+        if (value != NULL)
+            text += std::string(text.empty() ? "" : ", ") + name + " " +
+                    (value->IsString() ? value->GetString() : node_to_text(*value));
+    }
+    return text;
+}
+
+static std::vector<std::string> list_texts(const json_value &list,
+                                           const std::vector<const char *> &shown)
+{
+    std::vector<std::string> texts;
+
+    for (const json_value &element : list.GetArray())
+        texts.push_back(element_text(element, shown));
+    return texts;
+}
+
+/* Prints what is in one list and not in the other; of equal elements each counts. */
+static bool show_missing(const char *member, const std::vector<std::string> &texts,
+                         std::vector<std::string> others, char sign)
+{
+    bool any = false;
+
+    for (const std::string &text : texts) {
+        const auto found = std::find(others.begin(), others.end(), text);
+
+        if (found != others.end()) {
+            others.erase(found);
+            continue;
+        }
+        printf("%c %s: %s\n", sign, member, text.c_str());
+        any = true;
+    }
+    return any;
+}
+
+int replay_diff(const std::string &old_file, const std::string &new_file)
+{
+    rapidjson::Document old_result, new_result;
+    bool differs = false;
+
+    load_result(old_file, &old_result);
+    load_result(new_file, &new_result);
+    for (const auto &row : s_members) {
+        const json_value &before = *node_member(&old_result, row.member);
+        const json_value &after = *node_member(&new_result, row.member);
+
+        if (row.type == rapidjson::kArrayType) {
+            const std::vector<std::string> old_texts = list_texts(before, row.shown),
+                                           new_texts = list_texts(after, row.shown);
+
+            differs |= show_missing(row.member, old_texts, new_texts, '-');
+            differs |= show_missing(row.member, new_texts, old_texts, '+');
+        } else if (before != after) {
+            printf("  %s: %s -> %s\n", row.member, node_to_text(before).c_str(),
+                   node_to_text(after).c_str());
+            differs = true;
+        }
+    }
+    if (!differs)
+        printf("Nothing differs.\n");
+    return differs ? EXIT_EXPECTATION_FAILED : EXIT_ALL_HOLD;
+}

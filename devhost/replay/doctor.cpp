@@ -1,0 +1,186 @@
+/* What this machine offers, by real calls: the plug-in itself would be answered so here. */
+#include "replay.h"
+
+#include <stdio.h>
+#include <windows.h>
+
+#include "../machine/machine.h"
+#include "../text.h"
+
+#define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+
+static void say(const char *what, const std::string &found)
+{
+    printf("%-14s %s\n", what, found.c_str());
+}
+
+static void tell_windows(void)
+{
+    typedef LONG(WINAPI * version_fn)(OSVERSIONINFOW *);
+    typedef const char *(*wine_fn)(void);
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    const version_fn version = reinterpret_cast<version_fn>(
+        reinterpret_cast<void *>(GetProcAddress(ntdll, "RtlGetVersion")));
+    const wine_fn wine = reinterpret_cast<wine_fn>(
+        reinterpret_cast<void *>(GetProcAddress(ntdll, "wine_get_version")));
+    OSVERSIONINFOW info = {};
+
+    info.dwOSVersionInfoSize = sizeof(info);
+    if (version != NULL)
+        (void)version(&info); /* fails for a wrong size only */
+    say("Windows", text_format("%lu.%lu build %lu%s%s", info.dwMajorVersion, info.dwMinorVersion,
+                               info.dwBuildNumber, wine != NULL ? ", by Wine " : "",
+                               wine != NULL ? wine() : ""));
+}
+
+/* Result: whether it can be loaded. */
+static bool tell_plugin(void)
+{
+    const std::string path = session_standard_plugin();
+    const HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
+    const DWORD error = GetLastError();
+
+    say("plug-in", path + (plugin != NULL ? ", loads"
+                                          : text_format(", cannot be loaded, error %lu", error)));
+    if (plugin != NULL)
+        FreeLibrary(plugin);
+    return plugin != NULL;
+}
+
+/* The engine that a program here gets by the name, and the one that this program plays with. Result:
+ * whether replay has its engine. */
+static bool tell_engine(void)
+{
+    const HMODULE engine = LoadLibraryW(L"dbgeng.dll");
+    const DWORD error = GetLastError();
+    wchar_t path[1024] = L"";
+
+    if (engine == NULL) {
+        say("engine", text_format("dbgeng.dll is not here, error %lu", error));
+        return false;
+    }
+    const bool own = GetProcAddress(engine, "engine_script_set") != NULL;
+    const bool usable = GetProcAddress(engine, "DebugCreate") != NULL;
+
+    GetModuleFileNameW(engine, path, ARRAYSIZE(path));
+    say("engine", text_narrow(path) + (own ? ", the stand-in that reads kernel dumps"
+                                           : usable ? ", the system's own" : ", without DebugCreate"));
+    FreeLibrary(engine);
+    return own;
+}
+
+static void tell_privilege(void)
+{
+    TOKEN_PRIVILEGES wanted = {};
+    HANDLE token = NULL;
+    DWORD error = ERROR_SUCCESS;
+
+    wanted.PrivilegeCount = 1;
+    wanted.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token) ||
+        !LookupPrivilegeValueW(NULL, L"SeSecurityPrivilege", &wanted.Privileges[0].Luid)) {
+        error = GetLastError();
+    } else {
+        (void)AdjustTokenPrivileges(token, FALSE, &wanted, 0, NULL, NULL);
+        error = GetLastError(); /* says whether all were given, whatever the call returns */
+    }
+    if (token != NULL)
+        CloseHandle(token);
+    say("privilege", error == ERROR_SUCCESS
+                         ? "SeSecurityPrivilege is held"
+                         : text_format("SeSecurityPrivilege is not held, error %lu", error));
+}
+
+static void tell_log(void)
+{
+    const HANDLE log = OpenEventLogW(NULL, L"System");
+    DWORD error = GetLastError(), records = 0;
+
+    if (log == NULL) {
+        say("System log", text_format("cannot be opened, error %lu", error));
+        return;
+    }
+    if (!GetNumberOfEventLogRecords(log, &records)) {
+        error = GetLastError();
+        say("System log", text_format("opens, but tells nothing, error %lu", error));
+    } else {
+        say("System log", text_format("opens, %lu records", records));
+    }
+    CloseEventLog(log);
+}
+
+static std::wstring expanded(const wchar_t *value, const wchar_t *usual)
+{
+    wchar_t text[1024] = L"", full[1024] = L"";
+    DWORD bytes = sizeof(text);
+
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, CRASH_CONTROL_KEY, value,
+                     RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, NULL, text,
+                     &bytes) != ERROR_SUCCESS)
+        lstrcpyW(text, usual);
+    (void)ExpandEnvironmentStringsW(text, full, ARRAYSIZE(full)); /* empty when it is too long */
+    return full;
+}
+
+static void tell_dump_settings(void)
+{
+    static const struct {
+        DWORD value;
+        const char *name;
+    } kinds[] = {
+        {0, "none"  },
+        {1, "complete"},
+        {2, "kernel"},
+        {3, "small" },
+        {7, "automatic"},
+    };
+    DWORD enabled = 0, bytes = sizeof(enabled);
+    std::string name = "by default";
+
+    if (RegGetValueW(HKEY_LOCAL_MACHINE, CRASH_CONTROL_KEY, L"CrashDumpEnabled", RRF_RT_REG_DWORD,
+                     NULL, &enabled, &bytes) == ERROR_SUCCESS) {
+        name = text_format("unknown kind %lu", enabled);
+        for (const auto &kind : kinds)
+            if (kind.value == enabled)
+                name = kind.name;
+    }
+    say("dumps", name);
+}
+
+static void tell_file(const char *what, const std::wstring &pattern)
+{
+    WIN32_FIND_DATAW entry, newest = {};
+    const HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
+    unsigned count = 0;
+
+    if (find != INVALID_HANDLE_VALUE) {
+        do {
+            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+                continue;
+            if (count++ == 0 || CompareFileTime(&entry.ftLastWriteTime, &newest.ftLastWriteTime) > 0)
+                newest = entry;
+        } while (FindNextFileW(find, &entry));
+        FindClose(find);
+    }
+    std::string text = text_narrow(pattern) + ", " + (count == 0 ? "none" : std::to_string(count));
+
+    if (count > 0)
+        text += ", the newest written " +
+                time_iso(static_cast<uint64_t>(newest.ftLastWriteTime.dwHighDateTime) << 32 |
+                         newest.ftLastWriteTime.dwLowDateTime);
+    say(what, text);
+}
+
+int replay_doctor(void)
+{
+    const bool plugin = tell_plugin(), engine = tell_engine();
+
+    tell_windows();
+    tell_privilege();
+    tell_log();
+    tell_dump_settings();
+    tell_file("complete dump", expanded(L"DumpFile", L"%SystemRoot%\\MEMORY.DMP"));
+    tell_file("small dumps", expanded(L"MinidumpDir", L"%SystemRoot%\\Minidump") + L"\\*");
+    say("replay", plugin && engine ? "has what it needs" : "cannot play here");
+    return plugin && engine ? EXIT_ALL_HOLD : EXIT_NO_PLUGIN;
+}

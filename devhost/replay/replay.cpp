@@ -1,0 +1,151 @@
+/* Replay: evidence in, one boot of it on the machine, and what came of it. */
+#include "replay.h"
+
+#include <stdio.h>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../evidence/file.h"
+#include "../machine/calls.h"
+#include "../scenario/play.h"
+#include "../scenario/record.h"
+#include "../text.h"
+#include "../view/page.h"
+#include "../view/view.h"
+
+/* A check takes 13 polls of 30 s; the registry can make it longer, and alarms go out minutes after
+ * it. Beyond a day nobody waits. */
+#define USUAL_MS   (8 * 60 * 1000ull)
+#define STEP_MS    (60 * 1000ull)
+#define BEHIND_MS  (4 * 60 * 1000ull)
+#define LONGEST_MS (24 * 60 * 60 * 1000ull)
+
+static void log_now(const machine_event &event, int64_t clock_change)
+{
+    if (clock_change != 0) {
+        oxnih_clock_set_wall(oxnih_clock_now_100ns() + static_cast<uint64_t>(clock_change));
+        record_add(HAPPENED_STEP, "windows",
+                   "the clock is set to " + time_iso(oxnih_clock_now_100ns()));
+    }
+    record_add(HAPPENED_STEP, "windows",
+               text_format("logs event %u of %s, record %u", event.id & 0xffff,
+                           text_narrow(event.source).c_str(), event.number));
+    machine_log(event);
+}
+
+/* The records up to the boot's start are there already, the others come in their time. */
+static void place_log(replay_evidence *evidence)
+{
+    std::vector<machine_event> &events = evidence->log.events;
+
+    for (size_t i = 0; i <= evidence->boot->begin; i++)
+        machine_log(std::move(events[i]));
+    for (const replay_moment &moment : replay_moments(*evidence, LONGEST_MS)) {
+        const machine_event &event = events[moment.index];
+
+        play_at(moment.ms, [&event, moment] { log_now(event, moment.clock_change_100ns); });
+    }
+}
+
+static void place_registry(const evidence_registry &registry)
+{
+    for (const evidence_value &value : registry.values)
+        machine_set_value(value.key, value.name, value.type, value.data);
+}
+
+/* The file on the machine has its times; the bytes stay where they are. */
+static void place_dumps(replay_evidence *evidence)
+{
+    replay_place_dumps(evidence);
+    for (const replay_dump &dump : evidence->dumps) {
+        if (!dump.there)
+            continue;
+        const std::wstring place = text_wide(dump.place);
+
+        machine_get().dump_files[text_lower(place)] = text_wide(dump.dump.path);
+        machine_write_file(place, "", dump.written_100ns, dump.written_100ns);
+    }
+    machine_update_engine();
+}
+
+/* Until every check has come to its verdict, and some minutes more for what follows from it. */
+static void play(void)
+{
+    uint64_t end = USUAL_MS;
+
+    play_run_until(end);
+    while (explain_ended() < explain_begun() && end < LONGEST_MS)
+        play_run_until(end += STEP_MS);
+    play_run_until(end + BEHIND_MS);
+}
+
+static void note_call(const std::string &text, void *user)
+{
+    (void)user;
+    /* The only ones that a sentence is made of; all of them would be many times the log. */
+    if (text.rfind("CreateFileW", 0) == 0 || text.rfind("FindFirstFileW", 0) == 0)
+        record_add(HAPPENED_CALL, "plug-in", text);
+}
+
+/* {"status": ..., "count": ...} of each product, in their order. */
+static std::vector<std::string> products_now(const replay_evidence &evidence)
+{
+    std::vector<std::string> states;
+
+    for (const replay_product &product : evidence.products)
+        states.push_back(product_state_text(product.name));
+    return states;
+}
+
+/* Plays the boot to its end. */
+static replay_story play_boot(replay_evidence *evidence, const struct session_options &options,
+                              const struct scenario &scenario)
+{
+    const run_folder folder(options.keep);
+    struct play_options play_options = {};
+
+    play_options.run_folder = folder.path;
+    play_options.plugin_path = options.plugin_path;
+    oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    calls_set_trace(note_call, NULL);
+    try {
+        play_open(scenario, play_options);
+        explain_start();
+        (void)play_begin_boot();
+        place_registry(evidence->registry);
+        place_dumps(evidence);
+        place_log(evidence);
+        play();
+        evidence->states = products_now(*evidence);
+    } catch (...) {
+        (void)play_close();
+        throw;
+    }
+    (void)play_close();
+    return explain_story();
+}
+
+int replay_run(const struct replay_options &options)
+{
+    replay_evidence evidence = replay_read(options, true);
+    struct scenario scenario;
+
+    scenario.file = "replay";
+    scenario.document.Parse(replay_scenario(evidence).c_str());
+    const replay_story story = play_boot(&evidence, options.session, scenario);
+    const std::string json = replay_json(evidence, story, options.session.plugin_path);
+
+    if (!options.html.empty())
+        evidence_write(options.html, page_of_replay(json));
+    fputs(options.json ? json.c_str() : replay_text(evidence, story).c_str(), stdout);
+    return EXIT_ALL_HOLD;
+}
+
+int replay_list_boots(const struct replay_options &options)
+{
+    const replay_evidence evidence = replay_read(options, false);
+
+    fputs(options.json ? replay_boots_json(evidence.runs, evidence.log).c_str()
+                       : replay_boots_text(evidence.runs, evidence.log, NULL).c_str(),
+          stdout);
+    return EXIT_ALL_HOLD;
+}

@@ -1,0 +1,324 @@
+/* From lines and calls of the plug-in to sentences. The tables below hold its own words. */
+#include "explain.h"
+
+#include <string.h>
+
+#include "../scenario/record.h"
+#include "../text.h"
+#include "view.h"
+
+#define BLAME_LINE  "find [*] crach!"
+
+/* A line of the plug-in, in which * stands for a value, and what it tells; %1 is the first value.
+ * Only the first row that fits counts. */
+struct line_row {
+    const char *line;
+    enum reason_topic topic;
+    bool ends_check;             /* one such line a check */
+    enum replay_verdict verdict; /* that the line is the beginning of */
+    const char *sentence;
+};
+
+static const line_row s_lines[] = {
+    {"system boot up at [*]", REASON_LOG, false, VERDICT_NONE,
+     "takes %1 (local time) as the moment at which Windows started"},
+    {"windows_winlogin left count[*] time[*]", REASON_LOG, false, VERDICT_NONE,
+     "sees that somebody has logged on in this run, %2 (local time), and begins to look for a "
+     "crash"},
+    {"get_crash_info failed:13 ", REASON_LOG, false, VERDICT_NONE,
+     "read the log to its end without a record that it looked for"},
+    {"get_crash_info failed:* ", REASON_LOG, false, VERDICT_NONE, "could not read the log, result %1"},
+    {"windows_nonomal_shutdown time [*], waitting crash event, left count[*] ", REASON_LOG, false, VERDICT_NONE,
+     "sees the record of an unexpected shutdown, and waits whether a blue screen is recorded, too"},
+    {"dump not found.", REASON_DUMP, false, VERDICT_NONE,
+     "finds no dump that was written after the start of Windows"},
+    {"* failed with hr = *. ", REASON_DUMP, false, VERDICT_NONE, "%1 of the debugger engine failed, %2"},
+    {"* failed with out of memory. ", REASON_DUMP, false, VERDICT_NONE, "runs out of memory: %1"},
+    {"invalid dmp file path. ", REASON_DUMP, false, VERDICT_NONE, "has no path of a dump"},
+    {"dump info is empty. ", REASON_STACK, false, VERDICT_NONE, "got no stack from the debugger engine"},
+    {"can not parse dump info[*] ", REASON_STACK, false, VERDICT_NONE,
+     "finds no module in what the debugger engine printed"},
+    {"parse dump info success with module size=* ", REASON_STACK, false, VERDICT_NONE,
+     "reads the names of %1 modules from the stack"},
+    {"crash module[*]", REASON_STACK, false, VERDICT_NONE,
+     "finds %1 on the stack, which no registered product has named"},
+    {BLAME_LINE, REASON_VERDICT, false, VERDICT_NONE,
+     "blames %1: it is on the stack, and a registered product has named it"},
+    {"not found quorvel crash module!", REASON_VERDICT, false, VERDICT_NONE,
+     "blames nobody: no module of a registered product is on the stack"},
+    {"It is necessary to delete the tag when encountering a blue screen.dump path[]", REASON_VERDICT, true, VERDICT_CRASH, "concludes that the last run ended with a blue screen, without a dump to blame"},
+    {"It is necessary to delete the tag when encountering a blue screen.dump path[*]", REASON_VERDICT, true, VERDICT_CRASH, "concludes that the last run ended with a blue screen, dump %1"},
+    {"It is necessary to delete the tag when encountering a nonormal shutdown!", REASON_VERDICT, true, VERDICT_POWER_LOSS, "concludes that the last run ended unexpectedly, without a blue screen"},
+    {"The previous shutdown was not due to an abnormal poweroff or blue screen, start check "
+     "recover file!",
+     REASON_VERDICT, true, VERDICT_NORMAL, "concludes that the last run ended normally"},
+    {"Failed to query abnormal shutdown information", REASON_VERDICT, true, VERDICT_NOT_KNOWN,
+     "cannot find out how the last run ended"},
+    {"The subscriber may have lost contact", REASON_VERDICT, true, VERDICT_NONE,
+     "drops a verdict: the product has left meanwhile"},
+    {"Upgraded without notification", REASON_VERDICT, false, VERDICT_NONE,
+     "blames nobody: the drivers were updated in this run"},
+    {"Manually restored or upgraded, no longer sending count calibration", REASON_VERDICT, false, VERDICT_NONE, "lowers no count: products were restored or drivers updated by hand"},
+    {"find normal shutdown event, but count[*] <= 1, nothing to do!", REASON_VERDICT, false, VERDICT_NONE,
+     "lowers no count: it is %1 already"},
+    {"The product (*) has already passed and does not need to set a count", REASON_VERDICT, false, VERDICT_NONE, "lowers no count of %1: it is in bypass"},
+};
+
+#define CHECK_BEGINS "start bypass_status_check"
+#define RECORD_LINE  "capture expect event[*][*] provider[*] time[*], stop read event!"
+#define STACK_LINE   "dump info * "
+
+/* The record that a question to the log ended at. */
+struct seen_record {
+    size_t happening; /* the plug-in's line */
+    machine_event event;
+};
+
+static std::vector<seen_record> s_records;
+static size_t s_begun, s_ended;
+
+/* The values that the *s of a pattern stand for, the shortest ones. Result: whether the whole text
+ * fits. */
+static bool captures(const std::string &text, const std::string &pattern,
+                     std::vector<std::string> *values)
+{
+    size_t star = pattern.find('*'), at = star;
+
+    if (star == std::string::npos)
+        return text == pattern;
+    if (text.compare(0, star, pattern, 0, star) != 0)
+        return false;
+    while (star != std::string::npos) {
+        const size_t next = pattern.find('*', star + 1);
+        const std::string literal =
+            pattern.substr(star + 1, next == std::string::npos ? next : next - star - 1);
+        size_t end = text.find(literal, at);
+
+        if (next == std::string::npos) /* the last one ends the text */
+            end = text.size() - at >= literal.size() ? text.size() - literal.size() : text.npos;
+        if (end == std::string::npos || text.compare(end, literal.size(), literal) != 0)
+            return false;
+        values->push_back(text.substr(at, end - at));
+        at = end + literal.size();
+        star = next;
+    }
+    return true;
+}
+
+static std::string filled(const char *sentence, const std::vector<std::string> &values)
+{
+    std::string text = sentence;
+
+    for (size_t i = 0; i < values.size(); i++)
+        text = text_replace(text, "%" + std::to_string(i + 1), values[i]);
+    return text;
+}
+
+/* The newest record of the last read with that number and source: the plug-in names no other. */
+static void note_record(size_t happening, const std::vector<std::string> &values)
+{
+    const machine_read read = machine_last_read();
+    const std::vector<machine_event> &events = machine_get().events;
+    const std::wstring source = text_wide(values[2]);
+    const uint32_t id = static_cast<uint32_t>(strtoul(values[0].c_str(), NULL, 10));
+
+    for (size_t i = events.size(); i > 0; i--) {
+        const machine_event &event = events[i - 1];
+
+        if (event.number <= read.newest && event.number >= read.oldest &&
+            (event.id & 0xffff) == id && event.source == source) {
+            s_records.push_back({happening, event});
+            return;
+        }
+    }
+}
+
+/* The row of a line that begins a verdict, one a check; NULL when it does not. */
+static const line_row *verdict_of(const std::string &line)
+{
+    std::vector<std::string> values;
+
+    for (const line_row &row : s_lines)
+        if (row.ends_check && captures(line, row.line, &values))
+            return &row;
+    return NULL;
+}
+
+static void watch(const happening &what, void *user)
+{
+    std::vector<std::string> values;
+
+    view_happening(what, user);
+    if (what.kind != HAPPENED_LOG)
+        return;
+    const std::string line = text_log_line(what.text).message;
+
+    if (line == CHECK_BEGINS)
+        s_begun++;
+    else if (captures(line, RECORD_LINE, &values))
+        note_record(record_all().size() - 1, values);
+    else if (verdict_of(line) != NULL)
+        s_ended++;
+}
+
+void explain_start(void)
+{
+    s_records.clear();
+    s_begun = s_ended = 0;
+    record_set_view(watch, NULL);
+}
+
+size_t explain_begun(void)
+{
+    return s_begun;
+}
+
+size_t explain_ended(void)
+{
+    return s_ended;
+}
+
+/* What it does once more is no new reason. */
+static void add_reason(replay_story *story, enum reason_topic topic, size_t index,
+                       const std::string &text)
+{
+    const happening &what = record_all()[index];
+
+    for (replay_reason &reason : story->reasons)
+        if (reason.topic == topic && reason.text == text) {
+            reason.times++;
+            reason.last_ms = what.ms;
+            reason.because.push_back(index);
+            return;
+        }
+    story->reasons.push_back({topic, what.ms, what.ms, 1, text, {index}});
+}
+
+static void add_record(replay_story *story, const seen_record &seen, const std::string &word)
+{
+    const machine_event &event = seen.event;
+    std::string text = text_format("stops reading at record %u, %s %u (%s), written %s", event.number,
+                                   text_narrow(event.source).c_str(), event.id & 0xffff,
+                                   word.c_str(), time_iso(time_of_unix(event.time)).c_str());
+
+    add_reason(story, REASON_LOG, seen.happening, text);
+    for (const machine_event &known : story->records)
+        if (known.number == event.number)
+            return;
+    story->records.push_back(event);
+}
+
+/* The stack as the engine printed it; the last one counts. */
+static void take_stack(replay_story *story, const std::string &text)
+{
+    story->stack.clear();
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = text.find('\n', at);
+        const std::string line =
+            text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        size_t cut = line.find('!');
+
+        cut = cut != std::string::npos ? cut : line.find('+');
+        story->stack.push_back({line, cut != std::string::npos ? line.substr(0, cut) : ""});
+        at = end == std::string::npos ? text.size() : end + 1;
+    }
+}
+
+static void explain_line(replay_story *story, size_t index, const std::string &line)
+{
+    std::vector<std::string> values;
+
+    if (captures(line, STACK_LINE, &values)) {
+        take_stack(story, values[0]);
+        add_reason(story, REASON_STACK, index, "got the stack from the debugger engine");
+        return;
+    }
+    for (const auto &row : s_lines) {
+        values.clear();
+        if (!captures(line, row.line, &values))
+            continue;
+        add_reason(story, row.topic, index, filled(row.sentence, values));
+        if (row.verdict != VERDICT_NONE && story->verdict == VERDICT_NONE)
+            story->verdict = row.verdict;
+        if (strcmp(row.line, BLAME_LINE) == 0)
+            story->blamed = values[0];
+        if (strcmp(row.line, "crash module[*]") == 0)
+            story->crash_modules.push_back(values[0]);
+        return;
+    }
+}
+
+/* What it asked Windows about dumps. */
+static void explain_call(replay_story *story, size_t index, const std::string &call)
+{
+    std::vector<std::string> values;
+
+    if (captures(call, "FindFirstFileW(\"*\") = *", &values)) {
+        const std::string folder = values[0].substr(0, values[0].find_last_of('\\'));
+
+        add_reason(story, REASON_DUMP, index,
+                   values[1] == "handle" ? "looks through " + folder + " for its newest file"
+                                         : "finds no folder " + folder);
+        return;
+    }
+    values.clear();
+    if (captures(call, "CreateFileW(\"*\", 0x80000000, 0x7, 3, 0x80) = *", &values) &&
+        text_lower(values[0]).rfind("c:\\", 0) == 0)
+        add_reason(story, REASON_DUMP, index,
+                   values[1] == "handle" ? "looks when " + values[0] + " was written"
+                                         : "finds no file " + values[0]);
+}
+
+std::vector<size_t> explain_decisions(void)
+{
+    const std::vector<happening> &all = record_all();
+    std::vector<size_t> decisions;
+    std::vector<std::string> values;
+
+    for (size_t i = 0; i < all.size(); i++) {
+        if (all[i].kind != HAPPENED_LOG)
+            continue;
+        const std::string line = text_log_line(all[i].text).message;
+
+        if (captures(line, BLAME_LINE, &values) || verdict_of(line) != NULL)
+            decisions.push_back(i);
+    }
+    return decisions;
+}
+
+replay_story explain_story(void)
+{
+    const std::vector<happening> &all = record_all();
+    replay_story story;
+    size_t record = 0;
+
+    story.decisions = explain_decisions();
+    for (size_t i = 0; i < all.size(); i++) {
+        std::vector<std::string> values;
+        const std::string line =
+            all[i].kind == HAPPENED_LOG ? text_log_line(all[i].text).message : all[i].text;
+
+        if (record < s_records.size() && s_records[record].happening == i) {
+            captures(line, RECORD_LINE, &values);
+            add_record(&story, s_records[record++], values[1]);
+        } else if (all[i].kind == HAPPENED_LOG) {
+            explain_line(&story, i, line);
+        } else if (all[i].kind == HAPPENED_CALL) {
+            explain_call(&story, i, line);
+        } else if (all[i].kind == HAPPENED_STEP && line.rfind("debugger engine ", 0) == 0) {
+            if (captures(line, "debugger engine opens *", &values))
+                story.dump = values[0];
+            add_reason(&story, REASON_DUMP, i,
+                       values.empty() ? "is told that the " + line
+                                      : "gives " + values[0] + " to the debugger engine");
+        }
+    }
+    return story;
+}
+
+const char *explain_verdict_name(enum replay_verdict verdict)
+{
+    static const char *const names[] = {"none", "normal", "power loss", "blue screen", "not known"};
+
+    return names[verdict];
+}

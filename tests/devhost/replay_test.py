@@ -1,0 +1,244 @@
+#!/usr/bin/env python3
+"""Replay of evidence: boots of a log, verdicts with their reasons, bad files of each kind, diff and
+redact. A real log and dump are used where BYPASS_SHARED_DATA names their folder.
+
+usage: replay_test.py WINE_RUN PROGRAM          (77: all right, but no real evidence there)
+"""
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+
+WINE, PROGRAM = sys.argv[1:]
+KERNEL = "Microsoft-Windows-Kernel-General"
+POWER = "Microsoft-Windows-Kernel-Power"
+LOGON = "Microsoft-Windows-Winlogon"
+BUG_CHECK = 0x400003E9
+failures = 0
+
+
+def check(row, holds, what):
+    global failures
+    if not holds:
+        print(f"FAILED: {row}: {what}")
+        failures += 1
+
+
+def host(*arguments):
+    done = subprocess.run([WINE, PROGRAM, *map(str, arguments)], capture_output=True, timeout=120)
+    return done.returncode, done.stdout.decode(), done.stderr.decode().replace("\r", "")
+
+
+def record(source, number, time, *strings):
+    return {"source": source, "id": number, "time": time, "strings": list(strings)}
+
+
+def start(time):
+    return record(KERNEL, 12, time, "10", "0", "19041", "1", "0", "0", time)
+
+
+def write(path, content):
+    path.write_bytes(content if isinstance(content, bytes) else json.dumps(content).encode())
+    return path
+
+
+def a_log():
+    """Begins inside a run; then a clean end, a loss of power, a blue screen, and a run that goes on.
+    The clock of the last boot is years behind until the time service sets it."""
+    return [
+        record("EventLog", 6005, "2024-03-01T08:00:00Z"),
+        start("2024-03-02T09:00:00Z"),
+        record("Other", 12, "2024-03-02T09:00:01Z"),
+        record(KERNEL, 13, "2024-03-02T10:00:00Z"),
+        start("2024-03-03T09:00:00Z"),
+        record(LOGON, 7001, "2024-03-03T09:00:20Z", "1", "S-1-5-21-11-22-33-1001"),
+        start("2024-03-04T09:00:00Z"),
+        record(POWER, 41, "2024-03-04T09:00:05Z", "0"),
+        record(LOGON, 7001, "2024-03-04T09:00:20Z", "1", "S-1-5-21-11-22-33-1001"),
+        start("2009-01-01T00:00:00Z"),
+        record(POWER, 41, "2009-01-01T00:00:05Z", "0"),
+        record(KERNEL, 1, "2024-03-05T09:00:12Z", "2024-03-05T09:00:12Z", "2009-01-01T00:00:12Z"),
+        record("BugCheck", BUG_CHECK, "2024-03-05T09:00:15Z", "0x00000050 (0x1, 0x2, 0x3, 0x4)",
+               r"C:\Users\Alice Example\MEMORY.DMP", "11111111-2222-3333-4444-555555555555"),
+        record("Other", 7, "2024-03-05T09:00:16Z", r"ALICE-PC\alice", "ALICE-PC"),
+        record(LOGON, 7001, "2024-03-05T09:00:30Z", "1", "S-1-5-21-11-22-33-1001"),
+    ]
+
+
+def test_boots(folder):
+    log = write(folder / "log.json", a_log())
+    status, out, _ = host("replay", "--events", log, "--boots", "--json")
+    boots = json.loads(out)["boots"]
+    check("boots", status == 0, f"status {status}")
+    told = [(b["boot"], b["first_record"], b["last_record"], b["ended"]) for b in boots]
+    check("boots", told == [(0, 1, 1, "unknown"), (1, 2, 4, "clean"), (2, 5, 6, "power loss"),
+                            (3, 7, 9, "blue screen"), (4, 10, 15, "unknown")], told)
+    check("told by", [b["told_by"] for b in boots] == [None, 4, 8, 13, None], boots)
+    return log
+
+
+def test_verdicts(folder, log):
+    rows = [
+        # boot, verdict, commands to the product, a reason
+        ("1", "normal", [], "concludes that the last run ended normally"),
+        ("2", "normal", [], "stops reading at record 6, Microsoft-Windows-Winlogon 7001 "),
+        ("3", "power loss", [{"type": "set_count", "count": 2, "reason": "none"}],
+         "sees the record of an unexpected shutdown"),
+        ("last", "blue screen", [], "finds no dump that was written after the start of Windows"),
+    ]
+    for boot, verdict, commands, reason in rows:
+        status, out, err = host("replay", "--events", log, "--boot", boot, "--json",
+                                "--product", "guard:guard_flt,guard_net:3")
+        check(boot, status == 0, f"status {status}, {err}")
+        result = json.loads(out)
+        (folder / f"boot_{boot}.json").write_text(out)
+        check(boot, result["verdict"] == verdict, result["verdict"])
+        sent = [c["message"] for c in result["commands"] if c["to"] == "guard"]
+        check(boot, sent == commands, sent)
+        texts = [r["text"] for r in result["reasons"]]
+        check(boot, any(reason in text for text in texts), texts)
+        for one in result["reasons"]: # each is backed by something that the plug-in did
+            backing = [result["timeline"][index]["kind"] for index in one["because"]]
+            check(boot, backing and set(backing) <= {"log", "call", "step"}, one)
+
+
+def test_bad_files(folder, log):
+    cut = folder / "cut.json"
+    cut.write_bytes(log.read_bytes()[:-40])
+    huge = folder / "huge.bin"
+    with open(huge, "wb") as file:
+        file.truncate(5 << 30)
+    empty, text = write(folder / "empty", b""), write(folder / "text", b"not evidence")
+    missing = folder / "missing"
+    utf16 = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\A]\r\n\"b\"=hex:0"
+    cut_reg = write(folder / "cut.reg", b"\xff\xfe" + (utf16 + "1,\\\r\n").encode("utf-16-le"))
+    odd_reg = write(folder / "odd.reg", utf16.replace("hex", "qword").encode())
+    result = folder / "boot_1.json"
+    other = write(folder / "other.json", {"schema": "bypass_mgr.replay", "version": 1})
+    out = folder / "page.html"
+    replay = ["replay", "--html", out, "--product", "p:m", "--events"]
+    rows = [
+        # status, what is said, arguments
+        (3, "empty: is empty, expected an event log", [*replay, empty]),
+        (3, "text: no event log, it does not begin with", [*replay, text]),
+        (3, "huge.bin: no event log", [*replay, huge]),
+        (3, "missing: cannot be opened: there is no such file", [*replay, missing]),
+        (3, "cut.json: byte ", [*replay, cut]),
+        (3, "other.json: expected an array of event records", [*replay, other]),
+        (3, "empty: ", [*replay, log, "--dump", empty]),
+        (3, "text: ", [*replay, log, "--dump", text]),
+        (3, "huge.bin: ", [*replay, log, "--dump", huge]),
+        (3, "missing: cannot be opened", [*replay, log, "--dump", missing]),
+        (3, "empty: is empty, expected a registry export", [*replay, log, "--registry", empty]),
+        (3, "text: no registry export", [*replay, log, "--registry", text]),
+        (3, "huge.bin: has 5368709120 bytes, expected ", [*replay, log, "--registry", huge]),
+        (3, "cut.reg: line 4: cut off", [*replay, log, "--registry", cut_reg]),
+        (3, "odd.reg: line 4: expected a text in quotation marks", [*replay, log, "--registry", odd_reg]),
+        (2, "--product p: 1 parts; expected NAME:MODULE", [*replay, log, "--product", "p"]),
+        (2, '--product q:m:x: count "x" is no number', [*replay, log, "--product", "q:m:x"]),
+        (2, "--product p:n: the name stands twice", [*replay, log, "--product", "p:n"]),
+        (2, "--boot 5: expected", [*replay, log, "--boot", "5"]),
+        (2, "page.html: cannot be written", ["replay", "--html", folder / "no" / "page.html",
+                                             "--events", log, "--boot", "1"]),
+        (3, "empty: ", ["diff", result, empty]),
+        (3, "text: line 1", ["diff", text, result]),
+        (3, "huge.bin: has 5368709120 bytes", ["diff", result, huge]),
+        (3, "other.json: /plugin: member is missing", ["diff", result, other]),
+        (3, 'log.json: expected a result of replay --json', ["diff", result, log]),
+    ]
+    for status, said, arguments in rows:
+        got, printed, err = host(*arguments)
+        check(said, got == status, f"status {got}, expected {status}: {err}")
+        check(said, err.count("\n") == 1 and said in err, err)
+        check(said, printed == "", printed)
+    check("nothing written", not out.exists(), "a page was left")
+
+
+def test_diff(folder):
+    status, out, _ = host("diff", folder / "boot_1.json", folder / "boot_1.json")
+    check("diff of the same", (status, out.strip()) == (0, "Nothing differs."), out)
+    status, out, _ = host("diff", folder / "boot_1.json", folder / "boot_3.json")
+    check("diff", status == 1, f"status {status}")
+    for line in ('  verdict: "normal" -> "power loss"', "+ commands: to guard, message",
+                 '- reasons: topic verdict, text concludes that the last run ended normally',
+                 '- products: name guard, at_the_end'):
+        check("diff", line in out, f"{line} is not in {out}")
+
+
+def test_redact(folder, log):
+    registry = folder / "machine.reg"
+    registry.write_text("REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\CrashControl]\n"
+                        '"DumpFile"="C:\\\\Users\\\\Alice Example\\\\MEMORY.DMP"\n'
+                        "[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\ComputerName]\n"
+                        '"ComputerName"="ALICE-PC"\n')
+    target = folder / "redacted"
+    status, _, err = host("redact", "--events", log, "--registry", registry,
+                          "--product", "guard:guard_flt:3", target)
+    check("redact", status == 0, f"status {status}: {err}")
+    written = "".join(path.read_text() for path in target.iterdir())
+    for name in ("lice", "ALICE", "S-1-5-21-11", "11111111-2222"):
+        check("redact", name not in written, f"{name} is still there")
+    for kept in ("0x00000050 (0x1, 0x2, 0x3, 0x4)", "CrashControl", "guard_flt"):
+        check("redact", kept in written, f"{kept} is gone")
+    status, out, err = host("run", "--log", "info", target / "scenario.json")
+    check("redacted plays", status == 0 and "encountering a blue screen" in out, out + err)
+    status, _, err = host("redact", "--events", log, target)
+    check("redact twice", status == 2 and "is there already" in err, err)
+
+
+def test_real(folder, data):
+    log, dump = data / "system.evtx", data / "triage_x64.dmp"
+    status, out, _ = host("replay", "--events", log, "--boots")
+    check("real boots", status == 0 and out.count("\n") == 5 and out.count("clean, record") == 2, out)
+    status, out, _ = host("replay", "--events", log, "--product", "guard:guard_flt")
+    check("real log", status == 0 and "Verdict: normal; 0 bypass commands" in out, out)
+
+    # The same log with a blue screen before its last start.
+    _, out, _ = host("events", log)
+    events = json.loads(out)
+    at = max(i for i, e in enumerate(events) if e["source"] == KERNEL and e["id"] == 12)
+    events = [e for i, e in enumerate(events) if not (e["source"] == KERNEL and e["id"] == 13 and i > at - 50)]
+    at = max(i for i, e in enumerate(events) if e["source"] == KERNEL and e["id"] == 12)
+    time = events[at + 20]["time"]
+    events.insert(at + 21, record(
+        "BugCheck", BUG_CHECK, time, "0x0000007e (0xffffffffc0000005, 0xfffff8048b58334c, "
+        "0xffff850429891ee8, 0xffff850429891720)", r"C:\Windows\Minidump\022121-5437-01.dmp"))
+    for number, event in enumerate(events):
+        event["record"] = number + 1
+    spliced, page = write(folder / "spliced.json", events), folder / "real.html"
+    status, out, err = host("replay", "--events", spliced, "--dump", dump, "--product", "power:amdppm:2",
+                            "--product", "other:tcpip,ntfs", "--html", page)
+    check("real dump", status == 0, err)
+    for line in ("Verdict: blue screen, bypass by amdppm;", "> amdppm+0x334c", "\n    nt+0x36b110",
+                 "orders other: bypass because of amdppm, which got the order",
+                 "Driver Bypass of power", "power        bypass, count 2"):
+        check("real dump", line in out, f"{line} is not in {out}")
+    check("real page", "bypass by " in page.read_text() and "amdppm+0x334c" in page.read_text(), "no stack")
+
+    cut = write(folder / "cut.dmp", dump.read_bytes()[:20000])
+    status, _, err = host("replay", "--events", spliced, "--dump", cut)
+    check("cut dump", status == 3 and "cut.dmp" in err and err.count("\n") == 1, err)
+
+
+def main():
+    data = pathlib.Path(os.environ.get("BYPASS_SHARED_DATA") or "/none")
+    real = (data / "system.evtx").exists() and (data / "triage_x64.dmp").exists()
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        log = test_boots(folder)
+        test_verdicts(folder, log)
+        test_bad_files(folder, log)
+        test_diff(folder)
+        test_redact(folder, log)
+        if real:
+            test_real(folder, data)
+    if failures:
+        sys.exit(1)
+    print("replay tells what it should" + ("" if real else "; skipped: no real log and dump"))
+    sys.exit(0 if real else 77)
+
+
+if __name__ == "__main__":
+    main()
