@@ -285,3 +285,14 @@ uint64_t time_of_unix(int64_t seconds)
 {
     return static_cast<uint64_t>(seconds + UNIX_EPOCH_SECONDS) * TICKS_PER_SECOND;
 }
+
+double time_real_ms(void)
+{
+    static LARGE_INTEGER s_second; /* the same as long as Windows runs */
+    LARGE_INTEGER now;
+
+    if (s_second.QuadPart == 0)
+        QueryPerformanceFrequency(&s_second);
+    QueryPerformanceCounter(&now);
+    return static_cast<double>(now.QuadPart) * 1000.0 / static_cast<double>(s_second.QuadPart);
+}

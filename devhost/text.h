@@ -72,6 +72,9 @@ std::string time_span(uint64_t ms);
 int64_t time_unix(uint64_t filetime_100ns);
 uint64_t time_of_unix(int64_t seconds);
 
+/* Milliseconds of this machine's own clock since some moment; for measuring only. */
+double time_real_ms(void);
+
 #define TICKS_PER_SECOND 10000000ull
 #define TICKS_PER_MS     10000ull
 

@@ -12,7 +12,7 @@
 #define EVENT_BUG_CHECK    1001
 
 /* The place of the boot's moment among the strings of a start record. */
-#define START_TIME_STRING  6
+#define START_TIME_STRING 6
 
 static bool is(const machine_event &event, const wchar_t *source, uint32_t id)
 {
@@ -39,8 +39,7 @@ static uint64_t started(const machine_event &event)
 {
     uint64_t time;
 
-    if (event.strings.size() > START_TIME_STRING &&
-        time_parse(text_narrow(event.strings[START_TIME_STRING]), &time))
+    if (time_parse(text_narrow(event.strings.at(START_TIME_STRING)), &time))
         return time;
     return time_of_unix(event.time);
 }

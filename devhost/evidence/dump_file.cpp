@@ -13,8 +13,11 @@ void evidence_dump_read(const std::string &path, evidence_dump *dump)
     const size_t slash = path.find_last_of("/\\");
     std::string reason;
 
-    *dump = {path, slash == std::string::npos ? path : path.substr(slash + 1), file.bytes(),
-             file.written_100ns(), {}};
+    *dump = {path,
+             slash == std::string::npos ? path : path.substr(slash + 1),
+             file.bytes(),
+             file.written_100ns(),
+             {}};
     if (kernel_dump_read(file.data(), file.bytes(), &dump->facts, &reason) != KERNEL_DUMP_OK)
         evidence_bad(path, reason);
     dump->facts.stack.clear(); /* up to the size of the memory, and nobody asks for it here */

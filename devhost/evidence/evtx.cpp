@@ -18,9 +18,22 @@
 #undef LIBEVTX_HAVE_BFIO
 #include <libevtx.h>
 
+/* Of that other library, which is a part of this one's archive: a file that lies in memory. */
+extern "C" {
+typedef intptr_t libbfio_handle_t;
+int libbfio_memory_range_initialize(libbfio_handle_t **handle, libevtx_error_t **error);
+int libbfio_memory_range_set(libbfio_handle_t *handle, uint8_t *buffer, size_t size,
+                             libevtx_error_t **error);
+int libbfio_handle_free(libbfio_handle_t **handle, libevtx_error_t **error);
+int libevtx_file_open_file_io_handle(libevtx_file_t *file, libbfio_handle_t *handle, int flags,
+                                     libevtx_error_t **error);
+}
+
 #define HEADER_BYTES       4096u
 #define CHUNK_BYTES        65536u
 #define CHUNK_HEADER_BYTES 512u
+/* What the library has open at a time. */
+#define SLICE_BYTES (64 * CHUNK_BYTES)
 /* A log counts its chunks in 16 bits. */
 #define MOST_BYTES (HEADER_BYTES + 0xffffull * CHUNK_BYTES)
 
@@ -30,6 +43,13 @@ struct log_closer {
     void operator()(libevtx_file_t *file) const
     {
         libevtx_file_free(&file, NULL);
+    }
+};
+
+struct range_closer {
+    void operator()(libbfio_handle_t *range) const
+    {
+        libbfio_handle_free(&range, NULL);
     }
 };
 
@@ -144,9 +164,9 @@ static void check_header(const uint8_t *header, uint64_t chunks, evidence_log *l
                        " chunks, at byte " + std::to_string(HEADER_BYTES + chunks * CHUNK_BYTES);
 }
 
-static void check_file(const std::string &path, evidence_log *log, record_range *range)
+static void check_file(const std::string &path, const evidence_file &file, evidence_log *log,
+                       record_range *range)
 {
-    const evidence_file file(path, MOST_BYTES);
     uint64_t chunks = 0;
 
     if (!evidence_is_evtx(file))
@@ -193,11 +213,11 @@ static bool read_text(Size size_of, Text text_of, std::wstring *text, libevtx_er
 
 static bool read_strings(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
 {
+    std::wstring string;
     int count = 0;
 
     if (libevtx_record_get_number_of_strings(record, &count, error) != 1)
         return false;
-    event->strings.resize(static_cast<size_t>(count));
     for (int i = 0; i < count; i++) {
         const auto size_of = [&](size_t *size, libevtx_error_t **e) {
             return libevtx_record_get_utf16_string_size(record, i, size, e);
@@ -206,8 +226,9 @@ static bool read_strings(libevtx_record_t *record, machine_event *event, libevtx
             return libevtx_record_get_utf16_string(record, i, text, size, e);
         };
 
-        if (!read_text(size_of, text_of, &event->strings[static_cast<size_t>(i)], error))
+        if (!read_text(size_of, text_of, &string, error))
             return false;
+        event->strings.add(string);
     }
     return true;
 }
@@ -231,12 +252,12 @@ static bool drop_binary(libevtx_record_t *record, machine_event *event, libevtx_
         return libevtx_record_get_utf16_xml_string(record, text, size, e);
     };
 
-    if (event->strings.empty() || !is_hexadecimal(event->strings.back()))
+    if (event->strings.count() == 0 || !is_hexadecimal(event->strings.last()))
         return true;
     if (!read_text(size_of, text_of, &xml, error))
         return false;
     if (xml.find(L"<Binary") != std::wstring::npos)
-        event->strings.pop_back();
+        event->strings.drop_last();
     return true;
 }
 
@@ -279,44 +300,69 @@ static bool read_event(libevtx_record_t *record, machine_event *event, libevtx_e
  * left out then, and its number is counted with the missing ones. */
 static void read_record(libevtx_file_t *file, int index, evidence_log *log)
 {
+    const double start = time_real_ms();
     libevtx_record_t *got = NULL;
     libevtx_error_t *error = NULL;
     machine_event event = {};
     uint64_t number = 0;
+    bool sound = false;
 
     if (libevtx_file_get_record_by_index(file, index, &got, &error) != 1 ||
         libevtx_record_get_identifier(got, &number, &error) != 1)
         log->damage.push_back(library_error(&error) + ", at index " + std::to_string(index));
     const std::unique_ptr<libevtx_record_t, record_closer> record(got);
 
+    if (number != 0)
+        sound = read_event(got, &event, &error);
+    log->library_ms += time_real_ms() - start;
     if (number == 0)
         return;
     event.number = static_cast<uint32_t>(number);
-    if (read_event(got, &event, &error))
+    if (sound)
         log->events.push_back(std::move(event));
     else
         log->damage.push_back(library_error(&error) + ", record " + std::to_string(number));
 }
 
-static void read_records(const std::string &path, evidence_log *log)
+/* The records of one slice: a log of its own, in memory. */
+static void read_slice(const std::string &path, std::string *bytes, evidence_log *log)
 {
-    libevtx_file_t *made = NULL;
+    const double start = time_real_ms();
+    libbfio_handle_t *range = NULL;
+    libevtx_file_t *file = NULL;
     libevtx_error_t *error = NULL;
-    wchar_t full[1024] = L"";
     int count = 0;
+    bool sound = libbfio_memory_range_initialize(&range, &error) == 1;
+    const std::unique_ptr<libbfio_handle_t, range_closer> range_owner(range);
 
-    if (libevtx_file_initialize(&made, &error) != 1)
-        evidence_bad(path, library_error(&error));
-    const std::unique_ptr<libevtx_file_t, log_closer> file(made);
+    sound = sound &&
+            libbfio_memory_range_set(range, reinterpret_cast<uint8_t *>(&(*bytes)[0]),
+                                     bytes->size(), &error) == 1 &&
+            libevtx_file_initialize(&file, &error) == 1;
+    const std::unique_ptr<libevtx_file_t, log_closer> file_owner(file);
 
-    /* The library knows no path that begins with a slash. */
-    GetFullPathNameW(text_wide(path).c_str(), ARRAYSIZE(full), full, NULL);
-    if (libevtx_file_open_wide(made, full, LIBEVTX_OPEN_READ, &error) != 1 ||
-        libevtx_file_get_number_of_records(made, &count, &error) != 1)
+    if (!sound || libevtx_file_open_file_io_handle(file, range, LIBEVTX_OPEN_READ, &error) != 1 ||
+        libevtx_file_get_number_of_records(file, &count, &error) != 1)
         evidence_bad(path, library_error(&error));
-    log->events.reserve(static_cast<size_t>(count));
+    log->library_ms += time_real_ms() - start;
     for (int i = 0; i < count; i++)
-        read_record(made, i, log);
+        read_record(file, i, log);
+}
+
+/* The library takes several times the memory of what it has open, so it gets a piece at a time. A
+ * record never goes on in the next chunk. */
+static void read_records(const std::string &path, const evidence_file &file, evidence_log *log)
+{
+    const char *data = reinterpret_cast<const char *>(file.data());
+    std::string slice;
+
+    for (uint64_t at = HEADER_BYTES; at < file.bytes(); at += SLICE_BYTES) {
+        const uint64_t left = file.bytes() - at;
+
+        slice.assign(data, HEADER_BYTES);
+        slice.append(data + at, static_cast<size_t>(left < SLICE_BYTES ? left : SLICE_BYTES));
+        read_slice(path, &slice, log);
+    }
 }
 
 /* The numbers of a log have no gaps: what is missing between its first and last is lost. */
@@ -358,10 +404,11 @@ bool evidence_is_evtx(const evidence_file &file)
 
 void evidence_read_evtx(const std::string &path, evidence_log *log)
 {
+    const evidence_file file(path, MOST_BYTES);
     record_range range;
 
     *log = {};
-    check_file(path, log, &range);
-    read_records(path, log);
+    check_file(path, file, log, &range);
+    read_records(path, file, log);
     check_numbers(log, range);
 }

@@ -45,8 +45,7 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                             NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL)};
 
-    if (file.handle == INVALID_HANDLE_VALUE ||
-        !GetFileInformationByHandle(file.handle, &facts)) {
+    if (file.handle == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(file.handle, &facts)) {
         const DWORD error = GetLastError();
 
         evidence_bad(path, "cannot be opened: " + error_text(error));

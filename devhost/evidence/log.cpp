@@ -85,7 +85,7 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         uint64_t time;
 
         if (m_depth == 3)
-            m_event.strings.push_back(text_wide(value));
+            m_event.strings.add(text_wide(value));
         else if (m_depth == 2 && m_member == "source")
             m_event.source = text_wide(value);
         else if (m_depth == 2 && m_member == "time" && time_parse(value, &time))
@@ -102,7 +102,8 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
             return bad("expected texts in \"strings\"");
         if (m_member == "time")
             return bad("\"time\": expected a time such as 2024-03-07T09:05:41Z");
-        return bad("\"" + m_member + "\": expected " + (m_member == "source" ? "a text" : "a number"));
+        return bad("\"" + m_member + "\": expected " +
+                   (m_member == "source" ? "a text" : "a number"));
     }
 
     std::string reason;
@@ -110,8 +111,7 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
   private:
     bool bad(const std::string &what)
     {
-        reason =
-            (m_depth > 0 ? "/" + std::to_string(m_log->events.size()) + ": " : "") + what;
+        reason = (m_depth > 0 ? "/" + std::to_string(m_log->events.size()) + ": " : "") + what;
         return false;
     }
 
@@ -228,8 +228,8 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
         writer.Uint(event.type);
         writer.Key("strings");
         writer.StartArray();
-        for (const std::wstring &string : event.strings)
-            put_text(writer, string);
+        for (size_t i = 0; i < event.strings.count(); i++)
+            put_text(writer, event.strings.at(i));
         writer.EndArray();
         writer.EndObject();
         text += text.size() == 1 ? "\n" : ",\n";

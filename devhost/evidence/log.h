@@ -18,6 +18,7 @@ struct evidence_log {
     std::vector<std::string> damage;
     std::string cut_off;       /* where the file ends too early; empty when it does not */
     uint64_t lost_records = 0; /* that are known to be lost */
+    double library_ms = 0;     /* time that the library for .evtx files took */
 };
 
 /* How much damage ends the run. */

@@ -11,6 +11,7 @@
 
 #define RECORD_SIGNATURE    0x654c664cu /* "LfLe" */
 #define RECORD_HEADER_BYTES 56u
+#define COMPUTER            L"DESKTOP"
 
 struct open_log {
     size_t left; /* records not read yet, the oldest of the log */
@@ -19,47 +20,57 @@ struct open_log {
 static std::map<HANDLE, open_log> s_open_logs;
 static machine_read s_last_read;
 
-static void put_u32(std::string &bytes, size_t at, uint32_t value)
+static void put_u32(char *bytes, size_t at, uint32_t value)
 {
-    memcpy(&bytes[at], &value, sizeof(value));
+    memcpy(bytes + at, &value, sizeof(value));
 }
 
-static void put_u16(std::string &bytes, size_t at, uint16_t value)
+static void put_u16(char *bytes, size_t at, uint16_t value)
 {
-    memcpy(&bytes[at], &value, sizeof(value));
+    memcpy(bytes + at, &value, sizeof(value));
 }
 
-static void append_text(std::string &bytes, const std::wstring &text)
+static size_t aligned(size_t bytes)
 {
-    bytes.append(reinterpret_cast<const char *>(text.c_str()), (text.size() + 1) * sizeof(wchar_t));
+    return (bytes + 3) / 4 * 4;
 }
 
-/* One EVENTLOGRECORD. */
-static std::string pack_record(const machine_event &event)
+/* Where the strings of a record stand, and its size. */
+static size_t strings_at(const machine_event &event)
 {
-    std::string bytes(RECORD_HEADER_BYTES, '\0');
-    size_t strings_at;
+    return aligned(RECORD_HEADER_BYTES + (event.source.size() + 1) * sizeof(wchar_t) +
+                   sizeof(COMPUTER));
+}
 
-    append_text(bytes, event.source);
-    append_text(bytes, L"DESKTOP");
-    bytes.resize((bytes.size() + 3) / 4 * 4);
-    strings_at = bytes.size();
-    for (const std::wstring &text : event.strings)
-        append_text(bytes, text);
-    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(uint32_t));
-    put_u32(bytes, 0, static_cast<uint32_t>(bytes.size()));
+static size_t record_bytes(const machine_event &event)
+{
+    return aligned(strings_at(event) + event.strings.packed().size() * sizeof(wchar_t)) +
+           sizeof(uint32_t);
+}
+
+/* One EVENTLOGRECORD, of record_bytes. */
+static void pack_record(const machine_event &event, char *bytes)
+{
+    const size_t size = record_bytes(event), strings = strings_at(event);
+    const size_t source = (event.source.size() + 1) * sizeof(wchar_t);
+
+    memset(bytes, 0, size);
+    memcpy(bytes + RECORD_HEADER_BYTES, event.source.c_str(), source);
+    memcpy(bytes + RECORD_HEADER_BYTES + source, COMPUTER, sizeof(COMPUTER));
+    memcpy(bytes + strings, event.strings.packed().data(),
+           event.strings.packed().size() * sizeof(wchar_t));
+    put_u32(bytes, 0, static_cast<uint32_t>(size));
     put_u32(bytes, 4, RECORD_SIGNATURE);
     put_u32(bytes, 8, event.number);
     put_u32(bytes, 12, event.time);
     put_u32(bytes, 16, event.time);
     put_u32(bytes, 20, event.id);
     put_u16(bytes, 24, event.type);
-    put_u16(bytes, 26, static_cast<uint16_t>(event.strings.size()));
-    put_u32(bytes, 36, static_cast<uint32_t>(strings_at)); /* StringOffset */
-    put_u32(bytes, 44, static_cast<uint32_t>(strings_at)); /* UserSidOffset: no SID */
-    put_u32(bytes, 52, static_cast<uint32_t>(strings_at)); /* DataOffset: no data */
-    put_u32(bytes, bytes.size() - sizeof(uint32_t), static_cast<uint32_t>(bytes.size()));
-    return bytes;
+    put_u16(bytes, 26, static_cast<uint16_t>(event.strings.count()));
+    put_u32(bytes, 36, static_cast<uint32_t>(strings)); /* StringOffset */
+    put_u32(bytes, 44, static_cast<uint32_t>(strings)); /* UserSidOffset: no SID */
+    put_u32(bytes, 52, static_cast<uint32_t>(strings)); /* DataOffset: no data */
+    put_u32(bytes, size - sizeof(uint32_t), static_cast<uint32_t>(size));
 }
 
 static HANDLE WINAPI stand_in_OpenEventLogW(const wchar_t *server, const wchar_t *source)
@@ -94,20 +105,21 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
         return FALSE;
     }
     for (; log->second.left > 0; log->second.left--) {
-        std::string record = pack_record(events[log->second.left - 1]);
+        const machine_event &event = events[log->second.left - 1];
+        const DWORD size = static_cast<DWORD>(record_bytes(event));
 
-        if (record.size() > bytes - filled) {
+        if (size > bytes - filled) {
             if (filled != 0)
                 break;
-            *needed = static_cast<DWORD>(record.size());
+            *needed = size;
             SetLastError(ERROR_INSUFFICIENT_BUFFER);
             return FALSE;
         }
-        memcpy(static_cast<char *>(buffer) + filled, record.data(), record.size());
-        filled += static_cast<DWORD>(record.size());
+        pack_record(event, static_cast<char *>(buffer) + filled);
+        filled += size;
         if (s_last_read.newest == 0)
-            s_last_read.newest = events[log->second.left - 1].number;
-        s_last_read.oldest = events[log->second.left - 1].number;
+            s_last_read.newest = event.number;
+        s_last_read.oldest = event.number;
     }
     *read = filled;
     return TRUE;

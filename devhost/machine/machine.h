@@ -14,6 +14,55 @@
 #include <string>
 #include <vector>
 
+/* Insertion strings of a record, one behind the other as the log has them: a log of tens of
+ * thousands of records should not take many times its size. */
+class machine_strings
+{
+  public:
+    machine_strings() = default;
+    machine_strings(std::initializer_list<std::wstring> texts)
+    {
+        for (const std::wstring &text : texts)
+            add(text);
+    }
+    void add(const std::wstring &text)
+    {
+        text_.append(text.c_str(), wcslen(text.c_str()) + 1); /* ends at its first NUL */
+        count_++;
+    }
+    void drop_last()
+    {
+        text_.resize(text_.size() - last().size() - 1);
+        count_--;
+    }
+    size_t count() const
+    {
+        return count_;
+    }
+    /* Empty when there is none. */
+    std::wstring at(size_t index) const
+    {
+        size_t from = 0;
+
+        for (size_t i = 0; i < index && from < text_.size(); i++)
+            from = text_.find(L'\0', from) + 1;
+        return index < count_ ? std::wstring(text_.c_str() + from) : std::wstring();
+    }
+    std::wstring last() const
+    {
+        return at(count_ - 1);
+    }
+    /* Each with its NUL. */
+    const std::wstring &packed() const
+    {
+        return text_;
+    }
+
+  private:
+    std::wstring text_;
+    uint16_t count_ = 0;
+};
+
 /* One record of the System log. */
 struct machine_event {
     uint32_t number;     /* record number; they give the order */
@@ -21,7 +70,7 @@ struct machine_event {
     uint32_t id;         /* the full EventID, qualifiers in its upper half */
     uint16_t type;       /* EVENTLOG_INFORMATION_TYPE and so on */
     std::wstring source; /* EventSourceName where the provider has one, else its name */
-    std::vector<std::wstring> strings;
+    machine_strings strings;
 };
 
 struct machine_process {

@@ -103,6 +103,7 @@ static void add_replay(CLI::App &app, const std::shared_ptr<replay_arguments> &a
     add_evidence_options(*command, *arguments);
     command->add_flag("--boots", arguments->boots, "Lists the boots of the log, and plays none");
     command->add_flag("--json", arguments->options.json, "The result as JSON");
+    command->add_flag("--timing", arguments->options.timing, "Tells on stderr how long it took");
     command->add_option("--html", arguments->options.html,
                         "Writes the result as one page, for a browser, to this file");
     command->add_option("--plugin", session.plugin_path,

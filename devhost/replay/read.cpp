@@ -203,7 +203,7 @@ static const machine_event *bug_check_of(const replay_evidence &evidence)
 
 static std::string string_of(const machine_event &event, size_t index)
 {
-    return index < event.strings.size() ? text_narrow(event.strings[index]) : "";
+    return text_narrow(event.strings.at(index));
 }
 
 /* Whether the dump is of the crash that this boot reports, by the record or by the clock, and how
@@ -288,9 +288,8 @@ static int64_t clock_change_100ns(const machine_event &event)
 {
     uint64_t to, from;
 
-    if (!evidence_is_clock_change(event) || event.strings.size() < 2 ||
-        !time_parse(text_narrow(event.strings[0]), &to) ||
-        !time_parse(text_narrow(event.strings[1]), &from))
+    if (!evidence_is_clock_change(event) || !time_parse(string_of(event, 0), &to) ||
+        !time_parse(string_of(event, 1), &from))
         return 0;
     return static_cast<int64_t>(to - from);
 }

@@ -55,11 +55,11 @@ static machine_event redacted(const machine_event &event)
 {
     machine_event out = event;
 
-    out.strings.clear();
+    out.strings = {};
     for (const auto &kept : s_kept)
         if ((event.id & 0xffff) == kept.id && event.source == kept.source)
-            for (const std::wstring &text : event.strings)
-                out.strings.push_back(text_wide(without_names(text_narrow(text))));
+            for (size_t i = 0; i < event.strings.count(); i++)
+                out.strings.add(text_wide(without_names(text_narrow(event.strings.at(i)))));
     return out;
 }
 

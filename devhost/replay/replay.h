@@ -27,6 +27,7 @@ struct replay_options {
     std::string registry;              /* .reg; empty: none */
     enum evidence_damage damage;
     bool json;
+    bool timing;      /* tells how long it took, and what of it reading the log */
     std::string html; /* file to write the page to; empty: none */
     struct session_options session;
 };

@@ -328,8 +328,8 @@ static std::string record_json(const machine_event &event)
 {
     std::vector<std::string> strings;
 
-    for (const std::wstring &text : event.strings)
-        strings.push_back(text_narrow(text));
+    for (size_t i = 0; i < event.strings.count(); i++)
+        strings.push_back(text_narrow(event.strings.at(i)));
     return text_format("{\"record\": %u, \"source\": %s, \"id\": %u, \"time\": \"%s\", "
                        "\"strings\": %s}",
                        event.number, text_quoted(text_narrow(event.source)).c_str(), event.id,

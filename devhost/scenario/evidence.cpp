@@ -160,7 +160,7 @@ void evidence_set_machine(const struct scenario &scenario, const std::string &wh
 }
 
 static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
-                       std::vector<std::wstring> strings)
+                       machine_strings strings)
 {
     uint16_t type = id == EVENT_UNEXPECTED || id == EVENT_BUG_CHECK ? EVENTLOG_ERROR_TYPE
                                                                     : EVENTLOG_INFORMATION_TYPE;
@@ -173,7 +173,7 @@ static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
 
 /* A record at a moment of this boot; at once when that is past. */
 static void plan_record(double seconds, const wchar_t *source, uint32_t id,
-                        std::vector<std::wstring> strings)
+                        machine_strings strings)
 {
     uint64_t ms = play_ms(seconds);
     uint64_t time = machine_get().boot_100ns + ms * TICKS_PER_MS;
@@ -197,9 +197,9 @@ void evidence_add_event(const struct scenario &scenario, const std::string &wher
     record.type = static_cast<uint16_t>(node_integer_of(&event, "type", EVENTLOG_INFORMATION_TYPE));
     record.source = wide_of(&event, "source");
     for (const json_value *text : node_elements(&event, "strings"))
-        record.strings.push_back(text_wide(text->IsString() ? text->GetString() : ""));
+        record.strings.add(text_wide(text->IsString() ? text->GetString() : ""));
     if (node_member(&event, "padding") != NULL)
-        record.strings.push_back(
+        record.strings.add(
             std::wstring(static_cast<size_t>(node_integer_of(&event, "padding", 0)), L'x'));
     machine_log(std::move(record));
 }

@@ -3,18 +3,11 @@
 
 #include <cstring>
 
-/* Bit by bit: what is checked here are small files and short ids. */
+#include <zlib.h>
+
 uint32_t oxni_crc32_calc(const void *data, size_t length)
 {
-    const uint8_t *bytes = static_cast<const uint8_t *>(data);
-    uint32_t crc = 0xffffffffU;
-
-    for (size_t i = 0; i < length; i++) {
-        crc ^= bytes[i];
-        for (int bit = 0; bit < 8; bit++)
-            crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0xedb88320U : 0);
-    }
-    return ~crc;
+    return static_cast<uint32_t>(crc32_z(0, static_cast<const Bytef *>(data), length));
 }
 
 void xor_encry(void *data, size_t length, const char *key)
