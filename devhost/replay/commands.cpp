@@ -101,11 +101,14 @@ static void add_replay(CLI::App &app, const std::shared_ptr<replay_arguments> &a
     struct session_options &session = arguments->options.session;
 
     add_evidence_options(*command, *arguments);
-    command->add_flag("--boots", arguments->boots, "Lists the boots of the log, and plays none");
+    CLI::Option *boots = command->add_flag("--boots", arguments->boots,
+                                           "Lists the boots of the log, and plays none");
     command->add_flag("--json", arguments->options.json, "The result as JSON");
     command->add_flag("--timing", arguments->options.timing, "Tells on stderr how long it took");
-    command->add_option("--html", arguments->options.html,
-                        "Writes the result as one page, for a browser, to this file");
+    command
+        ->add_option("--html", arguments->options.html,
+                     "Writes the result as one page, for a browser, to this file")
+        ->excludes(boots);
     command->add_option("--plugin", session.plugin_path,
                         "The DLL; else the one beside this program");
     command->add_option("--keep", session.keep, "Folder for the run's files, kept");
@@ -134,12 +137,13 @@ static void add_redact(CLI::App &app, const std::shared_ptr<replay_arguments> &a
 
 static void add_diff(CLI::App &app, const std::shared_ptr<replay_arguments> &arguments, int *status)
 {
-    CLI::App *command = app.add_subcommand(
-        "diff", "Tells what differs between two results of replay --json");
+    CLI::App *command =
+        app.add_subcommand("diff", "Tells what differs between two results of replay --json");
 
     command->add_option("OLD", arguments->first, "Result of replay --json")->required();
     command->add_option("NEW", arguments->second, "Another one")->required();
-    command->footer("Exit status: 0 nothing differs, 1 something does, 3 a file is no such result.");
+    command->footer(
+        "Exit status: 0 nothing differs, 1 something does, 3 a file is no such result.");
     command->callback(
         [arguments, status] { *status = replay_diff(arguments->first, arguments->second); });
 }
