@@ -25,7 +25,8 @@ static int match_crash_module(const crash_module_set &modules, const char **matc
              module = oxni_xhash_next(names, module)) {
             const char *name = (const char *)module->key;
 
-            if (modules.find(std::string_view(name)) != modules.end()) {
+            /* The key's length counts its NUL. */
+            if (modules.find(std::string_view(name, module->key_length - 1)) != modules.end()) {
                 LOG_INFO("find [%s] crach!", name);
                 *matched = name;
                 return 1;

@@ -5,7 +5,9 @@
 #include "bypass_log.h"
 #include "proc_address.h"
 
+#include <algorithm>
 #include <new>
+#include <string_view>
 
 #include <windows.h>
 #include <initguid.h> /* defines the engine's interface ids here: no import library has them */
@@ -165,21 +167,43 @@ static HRESULT print_stack(IDebugControl *control, uint32_t timeout_ms)
     return hr;
 }
 
-static bool is_stack_marker(const std::string &line)
+static bool is_stack_marker(std::string_view line)
 {
-    return line.find("Call Site") != std::string::npos ||
-           line.find("Stack unwind") != std::string::npos;
+    return line.find("Call Site") != std::string_view::npos ||
+           line.find("Stack unwind") != std::string_view::npos;
 }
 
-/* Adds the module of one frame's line; a line without a separator has none. */
-static void add_module_of_line(const std::string &line, crash_module_set *modules)
-{
-    size_t end = line.find('!');
+/* One line and where the module of its frame ends; npos: it has none. */
+struct stack_line {
+    std::string_view text;
+    size_t module_end;
+};
 
-    if (end == std::string::npos)
-        end = line.find('+');
-    if (end != std::string::npos)
-        modules->insert(line.substr(0, end));
+/* The line at the beginning of a text, in one pass over it. */
+static stack_line first_line(std::string_view text)
+{
+    size_t mark = std::string_view::npos, plus = std::string_view::npos, at = 0;
+
+    for (; at < text.size() && text[at] != '\n'; at++) {
+        if (text[at] == '!' && mark == std::string_view::npos)
+            mark = at;
+        else if (text[at] == '+' && plus == std::string_view::npos)
+            plus = at;
+    }
+    return {text.substr(0, at), mark != std::string_view::npos ? mark : plus};
+}
+
+/* Adds a module. last: the one of an earlier line, which most lines repeat; NULL when there is
+ * none. Result: the new last one. */
+static const std::string *add_module(std::string_view name, const std::string *last,
+                                     crash_module_set *modules)
+{
+    if (last != NULL && *last == name)
+        return last;
+    const auto place = modules->lower_bound(name);
+    if (place != modules->end() && *place == name)
+        return &*place;
+    return &*modules->emplace_hint(place, name);
 }
 
 int32_t analyze_dmp_file(const wchar_t *path, uint32_t timeout_ms, crash_module_set *modules)
@@ -233,8 +257,9 @@ bool get_dmp_info(const wchar_t *path, uint32_t timeout_ms, std::string *text)
 
 bool get_module_set_from_dmp_info(const std::string &text, crash_module_set *modules)
 {
+    const std::string *last = NULL;
     bool inside_stack = false;
-    size_t begin = 0;
+    std::string_view rest = text;
 
     modules->clear();
     if (text.empty()) {
@@ -242,14 +267,13 @@ bool get_module_set_from_dmp_info(const std::string &text, crash_module_set *mod
         return false;
     }
     LOG_DEBUG("dump info %s ", text.c_str());
-    while (begin < text.size()) {
-        const size_t end = text.find('\n', begin);
-        const std::string line = text.substr(begin, end - begin);
-        if (inside_stack)
-            add_module_of_line(line, modules);
-        else
-            inside_stack = is_stack_marker(line);
-        begin = end == std::string::npos ? text.size() : end + 1;
+    while (!rest.empty()) {
+        const stack_line line = first_line(rest);
+        if (!inside_stack)
+            inside_stack = is_stack_marker(line.text);
+        else if (line.module_end != std::string_view::npos)
+            last = add_module(line.text.substr(0, line.module_end), last, modules);
+        rest.remove_prefix(std::min(line.text.size() + 1, rest.size()));
     }
     if (modules->empty()) {
         LOG_WARN("can not parse dump info[%s] ", text.c_str());

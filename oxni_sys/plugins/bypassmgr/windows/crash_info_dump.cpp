@@ -5,8 +5,6 @@
 #include "boot_time.h"
 #include "bypass_log.h"
 
-#include <codecvt>
-#include <locale>
 #include <stdexcept>
 
 #include <oxni/base/ejs.h>
@@ -78,15 +76,22 @@ static bool is_dump_newer(const crash_dump_info &dump, int64_t threshold)
     return !dump.path.empty() && threshold < (int64_t)dump.write_time;
 }
 
-/* Throws std::range_error for what is not UTF-16. The converter itself says nothing of half a pair
- * at the very end and leaves it out. */
+/* Throws std::range_error for what is not UTF-16. Windows converts it: the standard library's own
+ * converter brings all locales with it, half a megabyte in the DLL. */
 static std::string utf8_path(const std::wstring &path)
 {
-    std::wstring_convert<std::codecvt_utf8_utf16<wchar_t>> converter;
-    std::string utf8 = converter.to_bytes(path);
+    const int chars = (int)path.size();
+    std::string utf8;
+    int bytes;
 
-    if (converter.converted() != path.size())
+    if (chars == 0) /* an error to Windows */
+        return utf8;
+    bytes = WideCharToMultiByte(CP_UTF8, WC_ERR_INVALID_CHARS, path.c_str(), chars, NULL, 0, NULL,
+                                NULL);
+    if (bytes <= 0)
         throw std::range_error("bad conversion");
+    utf8.resize((size_t)bytes);
+    (void)WideCharToMultiByte(CP_UTF8, 0, path.c_str(), chars, &utf8[0], bytes, NULL, NULL);
     return utf8;
 }
 
