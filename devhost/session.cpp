@@ -146,6 +146,8 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     for (const std::string &text : options.commands)
         (void)parse_command(text); /* told before anything is played */
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    /* With guards, a bad free tells who made the block. */
+    oxnih_memory_find_sites(options.guard_memory);
     calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : NULL, NULL);
     view_start(file, node_text_of(&scenario.document, "name", ""));
     play_open(scenario, play);

@@ -105,6 +105,9 @@ OXNI_API void oxnih_memory_drop_all(void);
 /* Blocks asked for by the library that holds that address are booked on its caller instead; for the
  * platform's own libraries, once each. */
 OXNI_API void oxnih_memory_see_through(const void *address);
+/* Whether that caller is looked for, which is so at start: it walks the stack at each allocation of
+ * such a library and takes most of its time. 0: they are booked on the library. */
+OXNI_API void oxnih_memory_find_sites(int on);
 
 /* Identifiers. */
 

@@ -27,13 +27,25 @@ struct arena {
     size_t live;        /* blocks */
 };
 
+/* A guarded block. */
 struct block {
     size_t size;
     const void *caller;
     const void *freed_by; /* NULL while it lives */
-    arena *guarded_in;    /* NULL: from the C library */
-    char *pages;          /* of a guarded one: the first */
-    size_t page_bytes;    /* without the inaccessible page behind them */
+    arena *guarded_in;
+    char *pages;       /* the first */
+    size_t page_bytes; /* without the inaccessible page behind them */
+};
+
+/* Stands before the bytes of a plain block, from the C library. Plain blocks are many and short
+ * lived: a tree of them would cost more than everything that is done with them. */
+struct alignas(16) plain_block {
+    plain_block *next, *previous; /* a ring of those that live */
+    size_t size;
+    const void *caller;
+    /* Itself while it lives, which no other bytes are likely to say. Volatile: what is written right
+     * before the block is freed would be left out. */
+    const plain_block *volatile self;
 };
 
 struct module_range {
@@ -41,13 +53,15 @@ struct module_range {
 };
 
 struct memory_state {
-    std::map<uintptr_t, block> blocks; /* guarded ones stay listed when they are freed */
+    plain_block plain = {&plain, &plain, 0, NULL, NULL}; /* head of the ring */
+    std::map<uintptr_t, block> blocks; /* guarded ones; they stay listed when they are freed */
     std::deque<arena *> arenas;        /* the last one is being filled */
     std::vector<module_range> seen_through;
     oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
     oxnih_memory_stats stats = {};
     uint64_t fail_in = 0; /* allocations until one fails; 0 never */
     bool fail_forever = false;
+    bool sites = true;
 };
 
 /* Never destroyed: other libraries free blocks while the process unloads them. */
@@ -151,7 +165,6 @@ static void arena_close(arena *old)
     auto first = s_memory.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base));
     auto last = s_memory.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base) + old->bytes);
 
-    /* Blocks of the C library never lie inside a reserved piece. */
     s_memory.blocks.erase(first, last);
     VirtualFree(old->base, 0, MEM_RELEASE);
     s_memory.arenas.erase(std::find(s_memory.arenas.begin(), s_memory.arenas.end(), old));
@@ -207,6 +220,33 @@ static bool must_fail()
     return true;
 }
 
+static char *bytes_of(plain_block *header)
+{
+    return reinterpret_cast<char *>(header + 1);
+}
+
+static char *plain_new(size_t size, const void *site)
+{
+    plain_block *made = size > SIZE_MAX - sizeof(plain_block)
+                            ? NULL
+                            : static_cast<plain_block *>(calloc(1, sizeof(plain_block) + size));
+
+    if (made == NULL)
+        return NULL;
+    *made = {&s_memory.plain, s_memory.plain.previous, size, site, made};
+    made->previous->next = made;
+    made->next->previous = made;
+    return bytes_of(made);
+}
+
+static void plain_release(plain_block *old)
+{
+    old->previous->next = old->next;
+    old->next->previous = old->previous;
+    old->self = NULL;
+    free(old);
+}
+
 void *memory_allocate(size_t size, const void *caller)
 {
     block made = {size, NULL, NULL, NULL, NULL, 0};
@@ -214,68 +254,118 @@ void *memory_allocate(size_t size, const void *caller)
 
     if (must_fail())
         return NULL;
-    if (s_memory.mode == OXNIH_MEMORY_GUARD)
+    made.caller = s_memory.sites ? site_of(caller) : caller;
+    if (s_memory.mode == OXNIH_MEMORY_PLAIN) {
+        address = plain_new(size, made.caller);
+    } else {
         address = guarded_new(&made);
-    else
-        address = static_cast<char *>(calloc(1, size == 0 ? 1 : size));
+        if (address != NULL)
+            s_memory.blocks[reinterpret_cast<uintptr_t>(address)] = made;
+    }
     if (address == NULL)
         return NULL;
-    made.caller = site_of(caller);
-    s_memory.blocks[reinterpret_cast<uintptr_t>(address)] = made;
     s_memory.stats.live_blocks++;
     s_memory.stats.live_bytes += size;
     return address;
 }
 
-static void block_release(std::map<uintptr_t, block>::iterator at, const void *caller)
+static void guarded_release(block *old, const void *caller)
 {
-    block &old = at->second;
+    if (old->page_bytes != 0)
+        VirtualFree(old->pages, old->page_bytes, MEM_DECOMMIT);
+    old->guarded_in->live--;
+    old->freed_by = caller;
+}
 
-    s_memory.stats.live_blocks--;
-    s_memory.stats.live_bytes -= old.size;
-    if (old.guarded_in == NULL) {
-        free(reinterpret_cast<void *>(at->first));
-        s_memory.blocks.erase(at);
-        return;
+/* A block that an address lies in; size 0: there is none. */
+struct block_place {
+    uintptr_t begin;
+    size_t size;
+    const void *caller;
+    const void *freed_by;
+};
+
+static block_place place_of(uintptr_t number)
+{
+    auto behind = s_memory.blocks.upper_bound(number);
+
+    if (behind != s_memory.blocks.begin()) {
+        auto below = std::prev(behind);
+        if (number - below->first < below->second.size)
+            return {below->first, below->second.size, below->second.caller, below->second.freed_by};
     }
-    if (old.page_bytes != 0)
-        VirtualFree(old.pages, old.page_bytes, MEM_DECOMMIT);
-    old.guarded_in->live--;
-    old.freed_by = caller;
+    for (plain_block *at = s_memory.plain.next; at != &s_memory.plain; at = at->next) {
+        uintptr_t begin = reinterpret_cast<uintptr_t>(bytes_of(at));
+        if (number >= begin && number - begin < at->size)
+            return {begin, at->size, at->caller, NULL};
+    }
+    return {};
 }
 
 /* The run ends here: after a bad free nothing that follows can be trusted. */
 [[noreturn]] static void end_bad_free(const void *address, const void *caller)
 {
     uintptr_t number = reinterpret_cast<uintptr_t>(address);
-    auto behind = s_memory.blocks.upper_bound(number);
-    const block *below = behind == s_memory.blocks.begin() ? NULL : &std::prev(behind)->second;
-    uintptr_t begin = below == NULL ? 0 : std::prev(behind)->first;
+    block_place inside = place_of(number);
     std::string by = site_text(site_of(caller));
 
-    if (below != NULL && begin == number && below->freed_by != NULL)
+    if (inside.size != 0 && inside.begin == number && inside.freed_by != NULL)
         oxnih_complain("bad free by %s: block %p of %llu bytes from %s was freed before by %s",
-                       by.c_str(), address, static_cast<unsigned long long>(below->size),
-                       site_text(below->caller).c_str(), site_text(below->freed_by).c_str());
-    else if (below != NULL && number - begin < below->size)
+                       by.c_str(), address, static_cast<unsigned long long>(inside.size),
+                       site_text(inside.caller).c_str(), site_text(inside.freed_by).c_str());
+    else if (inside.size != 0)
         oxnih_complain("bad free by %s: %p lies %llu bytes inside block %p of %llu bytes from %s",
-                       by.c_str(), address, static_cast<unsigned long long>(number - begin),
-                       reinterpret_cast<const void *>(begin),
-                       static_cast<unsigned long long>(below->size),
-                       site_text(below->caller).c_str());
+                       by.c_str(), address, static_cast<unsigned long long>(number - inside.begin),
+                       reinterpret_cast<const void *>(inside.begin),
+                       static_cast<unsigned long long>(inside.size),
+                       site_text(inside.caller).c_str());
     else
         oxnih_complain("bad free by %s: no allocation gave %p, or it was freed before", by.c_str(),
                        address);
     log_end_process(3);
 }
 
-static std::map<uintptr_t, block>::iterator block_find(const void *address, const void *caller)
-{
-    auto at = s_memory.blocks.find(reinterpret_cast<uintptr_t>(address));
+/* A live block; one of the two is NULL. */
+struct found_block {
+    plain_block *plain;
+    block *guarded;
 
-    if (at == s_memory.blocks.end() || at->second.freed_by != NULL)
+    size_t size() const
+    {
+        return plain != NULL ? plain->size : guarded->size;
+    }
+};
+
+static bool is_in_arena(uintptr_t number)
+{
+    for (const arena *each : s_memory.arenas)
+        if (number - reinterpret_cast<uintptr_t>(each->base) < each->bytes)
+            return true;
+    return false;
+}
+
+static found_block block_find(void *address, const void *caller)
+{
+    uintptr_t number = reinterpret_cast<uintptr_t>(address);
+    plain_block *header = reinterpret_cast<plain_block *>(address) - 1;
+    auto guarded = s_memory.blocks.find(number);
+
+    if (guarded != s_memory.blocks.end() && guarded->second.freed_by == NULL)
+        return {NULL, &guarded->second};
+    /* A pointer to nowhere faults here, which tells as much. */
+    if (is_in_arena(number) || header->self != header)
         end_bad_free(address, caller);
-    return at;
+    return {header, NULL};
+}
+
+static void block_release(found_block old, const void *caller)
+{
+    s_memory.stats.live_blocks--;
+    s_memory.stats.live_bytes -= old.size();
+    if (old.plain != NULL)
+        plain_release(old.plain);
+    else
+        guarded_release(old.guarded, caller);
 }
 
 void memory_free(void *address, const void *caller)
@@ -296,13 +386,12 @@ void *oxni_ralloc_(void *address, size_t size)
 
     if (address == NULL)
         return memory_allocate(size, caller);
-    block_find(address, caller);
+    found_block old = block_find(address, caller);
     /* The block moves each time, so that a pointer to its old place is found out. */
     fresh = memory_allocate(size, caller);
     if (fresh == NULL)
         return NULL;
-    auto old = block_find(address, caller);
-    memcpy(fresh, address, std::min(size, old->second.size));
+    memcpy(fresh, address, std::min(size, old.size()));
     block_release(old, caller);
     return fresh;
 }
@@ -335,6 +424,11 @@ void oxnih_memory_set_mode(enum oxnih_memory_mode mode)
     s_memory.mode = mode;
 }
 
+void oxnih_memory_find_sites(int on)
+{
+    s_memory.sites = on != 0;
+}
+
 void oxnih_memory_fail(uint64_t nth, int forever)
 {
     s_memory.fail_in = nth;
@@ -362,6 +456,11 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
         at.blocks++;
         at.bytes += entry.second.size;
     }
+    for (plain_block *each = s_memory.plain.next; each != &s_memory.plain; each = each->next) {
+        leak &at = found[each->caller];
+        at.blocks++;
+        at.bytes += each->size;
+    }
     for (auto &entry : found) {
         entry.second.site = site_text(entry.first);
         sorted.push_back(entry.second);
@@ -375,9 +474,8 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
 
 void oxnih_memory_drop_all(void)
 {
-    for (auto &entry : s_memory.blocks)
-        if (entry.second.guarded_in == NULL)
-            free(reinterpret_cast<void *>(entry.first));
+    while (s_memory.plain.next != &s_memory.plain)
+        plain_release(s_memory.plain.next);
     s_memory.blocks.clear();
     for (arena *each : s_memory.arenas) {
         VirtualFree(each->base, 0, MEM_RELEASE);

@@ -82,18 +82,43 @@ int oxni_str_snprintf(char *buffer, size_t size, const char *format, ...)
     return written >= 0 && static_cast<size_t>(written) < size ? written : -1;
 }
 
+/* Text inside a record of bytes may begin at an odd address. */
+static wchar_t unit_at(const char *bytes, size_t index)
+{
+    wchar_t unit;
+
+    memcpy(&unit, bytes + index * sizeof(unit), sizeof(unit));
+    return unit;
+}
+
+/* Whether one of the four units of a word is zero. */
+static bool has_zero_unit(uint64_t word)
+{
+    static constexpr uint64_t lows = 0x0001000100010001ULL, tops = 0x8000800080008000ULL;
+
+    return ((word - lows) & ~word & tops) != 0;
+}
+
 size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
 {
+    const char *bytes = reinterpret_cast<const char *>(text);
     size_t length = 0;
-    wchar_t unit;
+    uint64_t word;
 
     if (text == NULL)
         return 0;
-    for (; length < limit; length++) {
-        /* Text inside a record of bytes may begin at an odd address. */
-        memcpy(&unit, reinterpret_cast<const char *>(text) + length * sizeof(unit), sizeof(unit));
-        if (unit == L'\0')
+    while (length < limit) {
+        const char *at = bytes + length * sizeof(wchar_t);
+        /* Whole words where they are aligned: none reaches into a page that the text does not. */
+        if (reinterpret_cast<uintptr_t>(at) % sizeof(word) == 0)
+            for (; limit - length >= 4; length += 4, at += sizeof(word)) {
+                memcpy(&word, at, sizeof(word));
+                if (has_zero_unit(word))
+                    break;
+            }
+        if (length == limit || unit_at(bytes, length) == L'\0')
             break;
+        length++;
     }
     return length;
 }

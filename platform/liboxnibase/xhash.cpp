@@ -50,9 +50,9 @@ static void release_value(oxni_xhash *table, void *value)
 
 static void forget_deleted(oxni_xhash *table, const void *caller)
 {
-    if (table->current_deleted)
-        memory_free(table->current, caller);
-    table->current = NULL;
+    if (!table->current_deleted)
+        return;
+    memory_free(table->current, caller);
     table->current_deleted = false;
     table->successor = NULL;
 }

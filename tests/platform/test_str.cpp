@@ -51,6 +51,27 @@ TEST_F(str, wide_text)
     EXPECT_GT(oxni_strcmp("\xc3\xa4", "z"), 0); /* by byte, unsigned */
 }
 
+/* Every place of the NUL, limit and alignment, before a page that cannot be read. */
+TEST_F(str, a_length_is_found_at_every_alignment)
+{
+    static constexpr size_t PAGE = 4096, LONGEST = 11;
+    char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
+    VirtualAlloc(page, PAGE, MEM_COMMIT, PAGE_READWRITE);
+
+    for (size_t skew = 0; skew < 8; skew++)
+        for (size_t length = 0; length <= LONGEST; length++)
+            for (size_t limit = 0; limit <= LONGEST + 1; limit++) {
+                char *text = page + PAGE - skew - (std::min(length + 1, limit)) * sizeof(wchar_t);
+                memset(page, 'x', PAGE);
+                if (length < limit)
+                    memset(text + length * sizeof(wchar_t), 0, sizeof(wchar_t));
+                EXPECT_EQ(std::min(length, limit),
+                          oxni_wcsnlen(reinterpret_cast<const wchar_t *>(text), limit))
+                    << skew << " " << length << " " << limit;
+            }
+    VirtualFree(page, 0, MEM_RELEASE);
+}
+
 TEST_F(str, checksum_coding_and_identities)
 {
     char text[] = "the quick brown fox", buffer[37] = "#";

@@ -18,7 +18,7 @@ OXNI_API int oxni_strcmp(const char *a, const char *b);
 OXNI_API int oxni_str_snprintf(char *buffer, size_t size, const char *format, ...)
     OXNI_PRINTF(3, 4);
 
-/* Number of characters before the first NUL, at most limit; 0 for NULL. Reads nothing behind
+/* Number of characters before the first NUL, at most limit; 0 for NULL. Reads no page behind
  * either. text need not be aligned for any other use. */
 OXNI_API size_t oxni_wcsnlen(const wchar_t *text, size_t limit);
 
