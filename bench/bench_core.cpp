@@ -1,0 +1,284 @@
+/* The core: registering with the store written, the decision, and "bypass" to everybody. */
+#include "bypass_mgr.h"
+#include "bypass_mgr_internal.h"
+
+#include "bench_support.h"
+
+#include <string.h>
+#include <uthash.h>
+#include <windows.h>
+
+#include <oxni/base/ejs.h>
+#include <oxni/base/memory.h>
+
+#include "../devhost/text.h"
+#include "../platform/liboxni_core/host.h"
+#include "../platform/liboxnibase/host.h"
+#include "../tests/unit/import_patch.h"
+
+#define MODULES_EACH  32
+#define CRASH_MODULES 99
+
+/* Answers in place of the file system, while products are set up and where only the look-ups are
+ * to be seen. */
+static int do_not_write(json_t *, const char *)
+{
+    return 0;
+}
+
+static int only_folder_exists(const char *path)
+{
+    return strstr(path, "driver_recover") == NULL;
+}
+
+static HANDLE WINAPI no_such_file(const wchar_t *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD,
+                                  DWORD, HANDLE)
+{
+    return INVALID_HANDLE_VALUE;
+}
+
+static HANDLE WINAPI no_such_file_a(const char *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD, DWORD,
+                                    HANDLE)
+{
+    return INVALID_HANDLE_VALUE;
+}
+
+static void take_message(oxni_subscriber *, uint32_t, void *, json_t *)
+{
+}
+
+static std::string product_name(size_t number)
+{
+    return "product_" + std::to_string(number);
+}
+
+static std::string module_name(size_t product, size_t module)
+{
+    return text_format("drv%u_%u", static_cast<unsigned>(product), static_cast<unsigned>(module));
+}
+
+static json_t *registration(size_t number, size_t modules, const char *status)
+{
+    std::vector<std::string> names;
+    std::vector<const char *> pointers;
+
+    for (size_t module = 0; module < modules; module++)
+        names.push_back(module_name(number, module));
+    for (const std::string &name : names)
+        pointers.push_back(name.c_str());
+    json_t *message =
+        bypass_msg_build("reg", status, 1, pointers.data(), static_cast<int32_t>(modules));
+    json_object_set_new(message, "product_name", json_string(product_name(number).c_str()));
+    return message;
+}
+
+static void deliver(void)
+{
+    bench_require(oxnih_core_run_until(oxnih_clock_tick_ms()) == 0, "a callback failed");
+}
+
+/* The names of a product as the platform's tables hold them, and nothing of the platform. */
+struct bare_name {
+    UT_hash_handle hh;
+    std::string name;
+};
+
+static bare_name *bare_table(size_t product, size_t modules)
+{
+    bare_name *head = NULL;
+
+    for (size_t module = 0; module < modules; module++) {
+        bare_name *made = new bare_name{{}, module_name(product, module)};
+        HASH_ADD_KEYPTR(hh, head, made->name.data(), made->name.size(), made);
+    }
+    return head;
+}
+
+static void free_table(bare_name *head)
+{
+    while (head != NULL) {
+        bare_name *first = head;
+        HASH_DEL(head, first);
+        delete first;
+    }
+}
+
+/* n registered products, each with an entry in the store, for as long as a bench runs. */
+class products
+{
+  public:
+    products(size_t count, size_t modules)
+    {
+        static uint64_t boot_time;
+        import_patch patch("wdu_json_dump_file_ejs", do_not_write);
+
+        if (boot_time == 0)
+            bench_require(bypass_mgr_init() == 0, "the plug-in is not set up");
+        bypass_mgr_store_load(++boot_time); /* another boot: the store is empty */
+        for (size_t number = 0; number < count; number++)
+            add(number, modules);
+    }
+
+    ~products()
+    {
+        for (oxni_subscriber *each : handles) {
+            report_forget(bypass_mgr_find(each)->product_name);
+            oxnih_subscriber_leave(each);
+            oxni_subscriber_delete(each);
+        }
+        for (bare_name *table : tables)
+            free_table(table);
+        deliver();
+        bench_require(bypass_mgr_first_product() == NULL, "a product did not leave");
+    }
+    products(const products &) = delete;
+    products &operator=(const products &) = delete;
+
+    std::vector<oxni_subscriber *> handles;
+    /* Filled at the same moments as the plug-in's, so that they lie in memory as those do. */
+    std::vector<bare_name *> tables;
+
+  private:
+    void add(size_t number, size_t modules)
+    {
+        const std::string name = product_name(number);
+        const oxni_subscriber_attr attr = {"bench", name.c_str(), NULL};
+        oxni_subscriber *made = oxni_subscriber_new(&attr);
+        json_t *message = registration(number, modules, "working");
+
+        oxni_subscriber_subscribe(made, BYPASS_SERVICE_NAME, message, take_message);
+        json_decref(message);
+        deliver();
+        bench_require(bypass_mgr_find(made) != NULL, "a product is not registered");
+        (void)bypass_mgr_store_product(bypass_mgr_find(made));
+        handles.push_back(made);
+        tables.push_back(bare_table(number, modules));
+    }
+};
+
+/* The least that keeping a document takes: its text, on the disk, in one step. */
+static void write_plainly(json_t *document)
+{
+    static const std::wstring path = text_wide(bench_folder() + "/plain.json");
+    static const std::wstring sibling = path + L".tmp";
+    char *text = json_dumps(document, JSON_COMPACT);
+    DWORD written = 0;
+    HANDLE file = CreateFileW(sibling.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, NULL);
+
+    bench_require(WriteFile(file, text, static_cast<DWORD>(strlen(text)), &written, NULL) &&
+                      FlushFileBuffers(file) && CloseHandle(file) &&
+                      MoveFileExW(sibling.c_str(), path.c_str(),
+                                  MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH),
+                  "the document is not written");
+    oxni_free_(text);
+}
+
+/* The store's document as it is now, new. */
+static json_t *stored_document(const products &with)
+{
+    (void)bypass_mgr_store_product(bypass_mgr_find(with.handles.back()));
+    json_t *document = wdu_json_load_file_ejs(
+        (bench_folder() + "/var/bypass_mgr/bypass_mgr_persistence.ejs").c_str());
+
+    bench_require(json_object_size(json_object_get(document, "data")) >= with.handles.size(),
+                  "the store lacks products");
+    return document;
+}
+
+/* The nth product registers in a state that differs from the stored one, which stores it: the
+ * agent was restarted. */
+static void register_nth(benchmark::State &state)
+{
+    products with(static_cast<size_t>(state.range(0)), 4);
+    oxni_subscriber *last = with.handles.back();
+    json_t *document = stored_document(with);
+    json_t *message = registration(with.handles.size() - 1, 4, "working");
+    bench_pair pair(state);
+
+    for (auto _ : state) {
+        bypass_mgr_find(last)->status = STATUS_INITIALIZING;
+        (void)bypass_mgr_store_product(bypass_mgr_find(last));
+        bypass_mgr_unsubscribe(last);
+        const bench_moment begin = bench_now();
+        write_plainly(document);
+        const bench_moment middle = bench_now();
+        bench_require(bypass_mgr_receive(last, message) == 0, "the product is refused");
+        pair.add(1, middle - begin, bench_now() - middle);
+    }
+    bench_require(bypass_mgr_stored_status(bypass_mgr_find(last)->product_name) == STATUS_WORKING,
+                  "the registration is not stored");
+    json_decref(message);
+    json_decref(document);
+}
+BENCHMARK(register_nth)->Arg(10)->Arg(100)->Arg(1000)->UseManualTime();
+
+static crash_module_set crashed_stack(void)
+{
+    crash_module_set modules = {"nt"};
+
+    while (modules.size() < CRASH_MODULES)
+        modules.insert("drv" + std::to_string(modules.size()) + "_sys");
+    return modules;
+}
+
+/* Looks every name up, which nobody's stack holds. */
+static size_t look_up(const std::vector<bare_name *> &tables, const crash_module_set &modules)
+{
+    size_t found = 0;
+
+    for (const bare_name *name : tables)
+        for (; name != NULL; name = static_cast<const bare_name *>(name->hh.next))
+            found += modules.find(name->name) != modules.end();
+    return found;
+}
+
+static void decide(benchmark::State &state)
+{
+    products with(static_cast<size_t>(state.range(0)), MODULES_EACH);
+    import_patch write("wdu_json_dump_file_ejs", do_not_write);
+    import_patch exists("oxni_path_is_exist_u", only_folder_exists);
+    import_patch open("CreateFileW", no_such_file), open_a("CreateFileA", no_such_file_a);
+    const crash_module_set modules = crashed_stack();
+    bench_pair pair(state);
+
+    for (auto _ : state)
+        pair.turn(
+            1, [&] { bench_require(look_up(with.tables, modules) == 0, "a name is found"); },
+            [&] {
+                oxni_subscriber_retain(with.handles[0]); /* given back by the verdict */
+                bypass_mgr_check_cb(STATUS_CHECK_CRASH, modules, "", {}, with.handles[0]);
+            });
+}
+BENCHMARK(decide)->Arg(10)->Arg(100)->Arg(1000)->UseManualTime();
+
+/* A verdict that blames the last product: each gets the order, replies, is to be reported and
+ * stored. */
+static void bypass_all(benchmark::State &state)
+{
+    products with(static_cast<size_t>(state.range(0)), 4);
+    const crash_module_set modules = {"nt", module_name(with.handles.size() - 1, 3)};
+    json_t *document = stored_document(with);
+    bench_pair pair(state);
+
+    for (auto _ : state) {
+        const bench_moment begin = bench_now();
+        for (size_t each = 0; each < with.handles.size(); each++)
+            write_plainly(document);
+        const bench_moment middle = bench_now();
+        oxni_subscriber_retain(with.handles[0]);
+        bypass_mgr_check_cb(STATUS_CHECK_CRASH, modules, "", {}, with.handles[0]);
+        deliver();
+        pair.add(1, middle - begin, bench_now() - middle);
+        for (oxni_subscriber *each : with.handles) {
+            suber_set *record = bypass_mgr_find(each);
+            bench_require(bypass_mgr_stored_status(record->product_name) == STATUS_BYPASS,
+                          "a product is not stored as bypassed");
+            record->status = STATUS_WORKING;
+            record->parsed = 0;
+            report_forget(record->product_name);
+        }
+    }
+    json_decref(document);
+}
+BENCHMARK(bypass_all)->Arg(10)->Arg(100)->Arg(1000)->UseManualTime();

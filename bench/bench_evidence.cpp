@@ -1,0 +1,246 @@
+/* The evidence: scanning log records, a whole query of the System log, cutting a stack's text. */
+#include "analyze_dmp.h"
+#include "win_event_parse.h"
+
+#include "bench_support.h"
+
+#include <set>
+
+#include <string.h>
+
+#include "../devhost/machine/machine.h"
+#include "../devhost/text.h"
+#include "../tests/unit/import_patch.h"
+
+#define LOG_RECORDS    65536
+#define BLOCK_BYTES    4096 /* one read of the log */
+#define FRAMES         99
+#define STACK_TEXT_MIB (1024 * 1024)
+#define NO_MATCH       13
+
+/* What the plug-in looks for, and none of the records below is. */
+static const expected_event_map s_expected = {
+    {{12, L"Microsoft-Windows-Kernel-General"}, 0},
+    {{1001, L"BugCheck"},                       0},
+};
+
+/* What a System log is mostly made of. */
+/* clang-format off */
+static const machine_event s_usual[] = {
+    {0, 1709802341, 0x40001b7c, 4, L"Service Control Manager", {L"Windows Update", L"running"}},
+    {0, 1709802341, 10016, 2, L"DCOM",
+     {L"application-specific", L"Local", L"Activation", L"{2593F8B9-4EAF-457C-B68A-50F6B8EA6B54}",
+      L"{15C20B67-12E7-4BB6-92BB-7AFF07997402}", L"DESKTOP", L"user",
+      L"S-1-5-21-1004336348-1177238915-682003330-512", L"LocalHost"}},
+    {0, 1709802341, 16, 4, L"Microsoft-Windows-Kernel-General",
+     {L"95", L"\\SystemRoot\\System32\\Config\\DRIVERS", L"1", L"1"}},
+    {0, 1709802341, 19, 4, L"Microsoft-Windows-WindowsUpdateClient",
+     {L"Security Intelligence Update - KB2267602 (Version 1.407.511.0)",
+      L"{b6ad2bb4-4b4c-4b2e-9c0f-6a7c1a4b2b77}", L"200"}},
+    {0, 1709802341, 37, 4, L"Microsoft-Windows-Time-Service",
+     {L"time.windows.com,0x9 (ntp.m|0x9|0.0.0.0:123->52.148.114.188:123)", L"0"}},
+    {0, 1709802341, 0x40001b58, 4, L"Service Control Manager",
+     {L"Background Intelligent Transfer Service", L"auto start", L"demand start", L"BITS"}},
+};
+/* clang-format on */
+
+/* The log of the machine, filled once. */
+static const std::vector<machine_event> &usual_log(void)
+{
+    std::vector<machine_event> &events = machine_get().events;
+
+    while (events.size() < LOG_RECORDS)
+        machine_log(s_usual[events.size() % (sizeof(s_usual) / sizeof(s_usual[0]))]);
+    return events;
+}
+
+template <typename Function> static Function stand_in(const char *name)
+{
+    return reinterpret_cast<Function>(machine_event_log_stand_in(name));
+}
+
+/* The log as the reader gets it: a block a read, newest first. */
+static const std::vector<std::string> &log_blocks(void)
+{
+    static std::vector<std::string> blocks;
+    std::string block(BLOCK_BYTES, '\0');
+    DWORD filled = 0, needed = 0;
+
+    if (!blocks.empty())
+        return blocks;
+    bench_require(usual_log().size() == LOG_RECORDS, "the log has another size");
+    const HANDLE log = stand_in<decltype(&OpenEventLogW)>("OpenEventLogW")(NULL, L"System");
+    for (;;) {
+        if (!stand_in<decltype(&ReadEventLogW)>("ReadEventLogW")(
+                log, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ, 0, block.data(),
+                BLOCK_BYTES, &filled, &needed))
+            break;
+        blocks.push_back(block.substr(0, filled));
+    }
+    stand_in<decltype(&CloseEventLog)>("CloseEventLog")(log);
+    return blocks;
+}
+
+/* Blocks of the log one behind the other, as many as fit. */
+static std::string log_block(size_t bytes)
+{
+    std::string joined;
+
+    for (const std::string &block : log_blocks()) {
+        if (joined.size() + block.size() > bytes)
+            break;
+        joined += block;
+    }
+    return joined;
+}
+
+/* Reads Length and EventID and finds the end of the source name, for each record. */
+static uint32_t walk_records(const std::string &block)
+{
+    uint32_t seen = 0;
+
+    for (size_t at = 0; at + sizeof(EVENTLOGRECORD) <= block.size();) {
+        const char *record = block.data() + at;
+        uint32_t length, event_id;
+        const wchar_t *name = reinterpret_cast<const wchar_t *>(record + sizeof(EVENTLOGRECORD));
+        memcpy(&length, record, sizeof(length));
+        memcpy(&event_id, record + offsetof(EVENTLOGRECORD, EventID), sizeof(event_id));
+        while (*name != L'\0')
+            name++;
+        seen += event_id + static_cast<uint32_t>(reinterpret_cast<const char *>(name) - record);
+        at += length;
+    }
+    return seen;
+}
+
+static void scan(benchmark::State &state)
+{
+    const std::string block = log_block(static_cast<size_t>(state.range(0)));
+    const uint8_t *bytes = reinterpret_cast<const uint8_t *>(block.data());
+    bench_pair pair(state);
+
+    for (auto _ : state)
+        pair.turn(
+            100, [&] { benchmark::DoNotOptimize(walk_records(block)); },
+            [&] {
+                uint32_t event_id;
+                const wchar_t *provider;
+                const uint8_t *record;
+                bench_require(find_expected_event(bytes, static_cast<uint32_t>(block.size()),
+                                                  &event_id, &provider, &record,
+                                                  s_expected) == NO_MATCH,
+                              "a record matches");
+            });
+}
+BENCHMARK(scan)->Arg(4096)->Arg(65536)->UseManualTime();
+
+/* Copies the log block by block into a buffer that is filled again and again. */
+static void copy_log(const std::vector<std::string> &blocks)
+{
+    static char buffer[BLOCK_BYTES];
+
+    for (const std::string &block : blocks) {
+        memcpy(buffer, block.data(), block.size());
+        benchmark::DoNotOptimize(buffer);
+        benchmark::ClobberMemory();
+    }
+}
+
+struct stand_in_patch : import_patch {
+    explicit stand_in_patch(const char *name)
+        : import_patch(name, reinterpret_cast<void (*)()>(machine_event_log_stand_in(name)))
+    {
+    }
+};
+
+static void query(benchmark::State &state)
+{
+    stand_in_patch open("OpenEventLogW"), read("ReadEventLogW"), close("CloseEventLog");
+    const std::vector<std::string> &blocks = log_blocks();
+    bench_pair pair(state);
+
+    for (auto _ : state)
+        pair.turn(
+            1, [&] { copy_log(blocks); },
+            [&] {
+                event_info info = {};
+                bench_require(win_event_parse().get_crash_info(&info, s_expected) == NO_MATCH,
+                              "the query does not read the log to its end");
+            });
+}
+BENCHMARK(query)->Arg(LOG_RECORDS)->UseManualTime();
+
+/* A stack of that many frames, as the engine prints it with the symbols of Windows. */
+static std::string stack_text(size_t frames)
+{
+    static const char *const sites[] = {
+        "nt!KeBugCheckEx+0x107",
+        "nt!KiBugCheckDispatch+0x69",
+        "nt!KiPageFault+0x46e",
+        "guard_flt+0x%zx",
+        "guard_flt+0x%zx",
+        "fltmgr!FltpPerformPreCallbacks+0x2fd",
+        "fltmgr!FltpPassThrough+0x184",
+        "fltmgr!FltpDispatch+0x103",
+        "nt!IofCallDriver+0x55",
+        "nt!IopSynchronousServiceTail+0x361",
+        "ntfs!NtfsCommonCreate+0x%zx",
+        "ntfs!NtfsFsdCreate+0x202",
+        "nt!NtCreateFile+0x79",
+        "nt!KiSystemServiceCopyEnd+0x25",
+    };
+    std::string text = "Call Site\n";
+
+    for (size_t frame = 0; frame < frames; frame++)
+        text += text_replace(sites[frame % (sizeof(sites) / sizeof(sites[0]))], "%zx",
+                             text_format("%x", static_cast<unsigned>(0x1a2b + frame))) +
+                "\n";
+    return text;
+}
+
+/* Finds the end of each line and its separator: the first '!', or else the first '+'. */
+static size_t walk_lines(const std::string &text)
+{
+    size_t seen = 0, mark = 0, plus = 0;
+
+    for (size_t at = 0; at < text.size(); at++) {
+        if (text[at] == '\n') {
+            seen += mark != 0 ? mark : plus;
+            mark = plus = 0;
+        } else if (text[at] == '!' && mark == 0) {
+            mark = at;
+        } else if (text[at] == '+' && plus == 0) {
+            plus = at;
+        }
+    }
+    return seen;
+}
+
+static void cut_stack(benchmark::State &state, const std::string &text)
+{
+    const int calls = text.size() > 65536 ? 1 : 100;
+    bench_pair pair(state);
+
+    for (auto _ : state)
+        pair.turn(
+            calls, [&] { benchmark::DoNotOptimize(walk_lines(text)); },
+            [&] {
+                crash_module_set modules;
+                bench_require(get_module_set_from_dmp_info(text, &modules), "no module is found");
+            });
+}
+
+static void stack_frames(benchmark::State &state)
+{
+    cut_stack(state, stack_text(FRAMES));
+}
+BENCHMARK(stack_frames)->Arg(FRAMES)->UseManualTime();
+
+static void stack_bytes(benchmark::State &state)
+{
+    std::string text = stack_text(STACK_TEXT_MIB / 16);
+
+    text.resize(STACK_TEXT_MIB);
+    cut_stack(state, text);
+}
+BENCHMARK(stack_bytes)->Arg(STACK_TEXT_MIB)->UseManualTime();

@@ -1,0 +1,172 @@
+#!/usr/bin/env python3
+"""Runs the benches under Wine and prints one table: figure, floor, ratio, target."""
+import argparse
+import json
+import math
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+MEMORY = "/dev/shm"
+
+# What, its bench, its sizes, the most that the work may take of its floor.
+ROWS = [
+    ("find_expected_event, bytes", "scan", [4096, 65536], 1.2),
+    ("query of the log, records", "query", [65536], 2),
+    ("module set of a stack, frames", "stack_frames", [99], 1.5),
+    ("module set of a text, bytes", "stack_bytes", [1048576], 1.5),
+    ("registering the nth product", "register_nth", [10, 100, 1000], 1.2),
+    ("decision, products", "decide", [10, 100, 1000], 1.2),
+    ("\"bypass\" to products", "bypass_all", [10, 100, 1000], 1.2),
+    ("load, initialise, free", "load_init_free", [None], 2),
+    ("one boot, fresh load", "boot", [None], 3),
+]
+GROWING = ["scan", "register_nth", "decide", "bypass_all"]
+MEMORY_TARGET = 256 * 1024
+SIZE_TARGET = 300 * 1024
+WARM_TARGET_S, COLD_TARGET_S = 60, 8 * 60
+
+
+def fail(text):
+    sys.exit("bench: " + text)
+
+
+def run_program(options, program, name, folder=None):
+    """The results of one program by name; folder is where its files lie, None: on the disk."""
+    out = os.path.join(tempfile.gettempdir(), f"oxni_bench-{os.getpid()}.json")
+    environment = dict(os.environ, WINE_RUN_SECONDS="1200")
+    if folder is not None:
+        environment["BENCH_FOLDER"] = "Z:" + folder + "/"
+    command = [os.path.join(ROOT, "cmake", "wine-run"),
+               os.path.join(options.build, "bin", program), "--benchmark_filter=" + name,
+               "--benchmark_min_time=" + ("0.02" if options.quick else "0.5"),
+               "--benchmark_out=Z:" + out, "--benchmark_out_format=json"]
+    print(f"bench: {program} {name}", file=sys.stderr)
+    done = subprocess.run(command, env=environment, capture_output=True, text=True)
+    if done.returncode != 0:
+        fail(f"{program} {name} ended with {done.returncode}\n{done.stderr}")
+    with open(out, encoding="utf-8") as file:
+        results = json.load(file)["benchmarks"]
+    os.remove(out)
+    return {one["name"].split("/manual_time")[0].split("/iterations")[0]: one for one in results}
+
+
+def run_all(options):
+    # Stores lie on the disk, as an agent's do. What is not about them has its files in memory,
+    # where there is such a folder: a flush of the disk would hide all the rest.
+    memory = MEMORY if os.path.isdir(MEMORY) else None
+    stores = "register_nth|bypass_all/(10|100)/" if options.quick else "register_nth|bypass_all"
+    results = run_program(options, "bench_plugin.exe", "scan|query|stack|decide")
+    results.update(run_program(options, "bench_plugin.exe", stores))
+    results.update(run_program(options, "bench_load.exe", "load_init_free", memory))
+    results.update(run_program(options, "bench_load.exe", "boot", memory))
+    results.update(run_program(options, "bench_load.exe", "memory", memory))
+    return results
+
+
+def stripped_bytes(options):
+    with tempfile.NamedTemporaryFile(suffix=".dll") as file:
+        subprocess.run(["x86_64-w64-mingw32-strip", "-s", "-o", file.name,
+                        os.path.join(options.build, "bin", "libbypass_mgr.dll")], check=True)
+        return os.path.getsize(file.name)
+
+
+def seconds_of(command, **how):
+    begin = time.monotonic()
+    if subprocess.run(command, stdout=subprocess.DEVNULL, **how).returncode != 0:
+        fail(" ".join(command) + " failed")
+    return time.monotonic() - begin
+
+
+def test_times():
+    """Warm, then cold in a clone with nothing built."""
+    dev = os.path.join(ROOT, "dev")
+    seconds_of([dev, "test"])
+    warm = seconds_of([dev, "test"])
+    with tempfile.TemporaryDirectory() as folder:
+        clone = os.path.join(folder, "clone")
+        environment = {key: value for key, value in os.environ.items() if key != "BYPASS_BUILD"}
+        seconds_of(["git", "clone", "-q", ROOT, clone])
+        cold = seconds_of([os.path.join(clone, "dev"), "test"], env=environment)
+    return warm, cold
+
+
+def time_text(ns):
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if ns >= size:
+            return f"{ns / size:.3g} {unit}"
+    return f"{ns:.3g} ns"
+
+
+def print_row(what, figure, floor, ratio, target, holds):
+    print(f"{what:38} {figure:>12} {floor:>12} {ratio:>7} {target:>9}  {'' if holds else 'over'}")
+
+
+def print_table(results, bytes_of_dll):
+    print_row("what", "figure", "floor", "ratio", "target", True)
+    for what, name, sizes, target in ROWS:
+        for size in sizes:
+            one = results.get(name if size is None else f"{name}/{size}")
+            if one is None:
+                continue
+            ratio = one["work_ns"] / one["floor_ns"]
+            print_row(what if size is None else f"{what} {size}", time_text(one["work_ns"]),
+                      time_text(one["floor_ns"]), f"{ratio:.2f}", str(target), ratio <= target)
+    boot = results["boot"]
+    print(f"{'simulated boots a second, one core':38} {1e9 / boot['work_ns']:>12.0f}")
+    memory = results["memory_of_ten_products"]["bytes"]
+    print_row("private bytes, ten products", f"{memory / 1024:.0f} KiB", "", "",
+              f"{MEMORY_TARGET // 1024} KiB", memory < MEMORY_TARGET)
+    print_row("libbypass_mgr.dll, stripped", f"{bytes_of_dll / 1024:.0f} KiB", "", "",
+              f"{SIZE_TARGET // 1024} KiB", bytes_of_dll < SIZE_TARGET)
+
+
+def exponent(points):
+    """The power of n that the times grow with: the slope of the logarithms, by least squares."""
+    logs = [(math.log(n), math.log(t)) for n, t in points]
+    mean_n = sum(n for n, _ in logs) / len(logs)
+    mean_t = sum(t for _, t in logs) / len(logs)
+    return (sum((n - mean_n) * (t - mean_t) for n, t in logs) /
+            sum((n - mean_n) ** 2 for n, _ in logs))
+
+
+def print_growth(results):
+    print("\ngrowth: exponent of n, work and floor")
+    for what, name, sizes, _ in ROWS:
+        found = [(size, results[f"{name}/{size}"]) for size in sizes
+                 if name in GROWING and f"{name}/{size}" in results]
+        if len(found) < 2:
+            continue
+        work = exponent([(size, one["work_ns"]) for size, one in found])
+        floor = exponent([(size, one["floor_ns"]) for size, one in found])
+        print(f"{what:38} {work:>12.2f} {floor:>12.2f}")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__)
+    parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--quick", action="store_true", help="a minute, for trying: rough figures")
+    parser.add_argument("--json", metavar="FILE", help="keeps the raw numbers")
+    parser.add_argument("--tests", action="store_true",
+                        help="also times ./dev test, warm and in a fresh clone")
+    options = parser.parse_args()
+    results = run_all(options)
+    bytes_of_dll = stripped_bytes(options)
+    print_table(results, bytes_of_dll)
+    raw = {"benchmarks": results, "dll_bytes": bytes_of_dll}
+    if options.tests:
+        raw["warm_s"], raw["cold_s"] = test_times()
+        print_row("./dev test, warm", f"{raw['warm_s']:.0f} s", "", "", f"{WARM_TARGET_S} s",
+                  raw["warm_s"] <= WARM_TARGET_S)
+        print_row("./dev test, fresh clone", f"{raw['cold_s']:.0f} s", "", "",
+                  f"{COLD_TARGET_S} s", raw["cold_s"] <= COLD_TARGET_S)
+    print_growth(results)
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump(raw, file, indent=1)
+
+
+main()
