@@ -17,17 +17,17 @@ static const struct {
     rapidjson::Type type;
     std::vector<const char *> shown; /* of an element; none: the value as it stands */
 } s_members[] = {
-    {"plugin",   rapidjson::kObjectType, {}                          },
-    {"boot",     rapidjson::kNumberType, {}                          },
-    {"verdict",  rapidjson::kStringType, {}                          },
-    {"blamed",   rapidjson::kNullType,   {}                          }, /* or a text */
-    {"records",  rapidjson::kArrayType,  {"record", "source", "id"}  },
-    {"dumps",    rapidjson::kArrayType,  {"file", "fate"}            },
-    {"stack",    rapidjson::kArrayType,  {"text"}                    },
-    {"commands", rapidjson::kArrayType,  {"to", "message"}           },
-    {"alarms",   rapidjson::kArrayType,  {"message"}                 },
-    {"products", rapidjson::kArrayType,  {"name", "at_the_end"}      },
-    {"reasons",  rapidjson::kArrayType,  {"topic", "text"}           },
+    {"plugin",   rapidjson::kObjectType, {}                        },
+    {"boot",     rapidjson::kNumberType, {}                        },
+    {"verdict",  rapidjson::kStringType, {}                        },
+    {"blamed",   rapidjson::kNullType,   {}                        }, /* or a text */
+    {"records",  rapidjson::kArrayType,  {"record", "source", "id"}},
+    {"dumps",    rapidjson::kArrayType,  {"file", "fate"}          },
+    {"stack",    rapidjson::kArrayType,  {"text"}                  },
+    {"commands", rapidjson::kArrayType,  {"to", "message"}         },
+    {"alarms",   rapidjson::kArrayType,  {"message"}               },
+    {"products", rapidjson::kArrayType,  {"name", "at_the_end"}    },
+    {"reasons",  rapidjson::kArrayType,  {"topic", "text"}         },
 };
 
 static void load_result(const std::string &file, rapidjson::Document *document)

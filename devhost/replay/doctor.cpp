@@ -40,8 +40,8 @@ static bool tell_plugin(void)
     const HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
     const DWORD error = GetLastError();
 
-    say("plug-in", path + (plugin != NULL ? ", loads"
-                                          : text_format(", cannot be loaded, error %lu", error)));
+    say("plug-in",
+        path + (plugin != NULL ? ", loads" : text_format(", cannot be loaded, error %lu", error)));
     if (plugin != NULL)
         FreeLibrary(plugin);
     return plugin != NULL;
@@ -63,8 +63,9 @@ static bool tell_engine(void)
     const bool usable = GetProcAddress(engine, "DebugCreate") != NULL;
 
     GetModuleFileNameW(engine, path, ARRAYSIZE(path));
-    say("engine", text_narrow(path) + (own ? ", the stand-in that reads kernel dumps"
-                                           : usable ? ", the system's own" : ", without DebugCreate"));
+    say("engine", text_narrow(path) + (own      ? ", the stand-in that reads kernel dumps"
+                                       : usable ? ", the system's own"
+                                                : ", without DebugCreate"));
     FreeLibrary(engine);
     return own;
 }
@@ -128,10 +129,10 @@ static void tell_dump_settings(void)
         DWORD value;
         const char *name;
     } kinds[] = {
-        {0, "none"  },
-        {1, "complete"},
-        {2, "kernel"},
-        {3, "small" },
+        {0, "none"     },
+        {1, "complete" },
+        {2, "kernel"   },
+        {3, "small"    },
         {7, "automatic"},
     };
     DWORD enabled = 0, bytes = sizeof(enabled);
@@ -157,7 +158,8 @@ static void tell_file(const char *what, const std::wstring &pattern)
         do {
             if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
                 continue;
-            if (count++ == 0 || CompareFileTime(&entry.ftLastWriteTime, &newest.ftLastWriteTime) > 0)
+            if (count++ == 0 ||
+                CompareFileTime(&entry.ftLastWriteTime, &newest.ftLastWriteTime) > 0)
                 newest = entry;
         } while (FindNextFileW(find, &entry));
         FindClose(find);

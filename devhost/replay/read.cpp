@@ -6,17 +6,17 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#define CRASH_CONTROL_KEY  L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+#define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 
-#define STANDARD_COUNT     3
-#define STANDARD_STATUS    "working"
+#define STANDARD_COUNT    3
+#define STANDARD_STATUS   "working"
 
 /* Windows writes the dump from the page file soon after the start. */
 #define WRITTEN_AFTER_100NS (6 * TICKS_PER_SECOND)
 
 /* The string of a BugCheck record with code and parameters, and that with the dump's path. */
-#define BUG_CHECK_STRING   0
-#define DUMP_PATH_STRING   1
+#define BUG_CHECK_STRING 0
+#define DUMP_PATH_STRING 1
 
 static std::vector<std::string> split(const std::string &text, char separator)
 {
@@ -84,14 +84,15 @@ static const evidence_run *find_boot(const replay_evidence &evidence, const std:
     const unsigned long number = strtoul(text.c_str(), &end, 10);
 
     if (last == 0)
-        throw devhost_error(EXIT_BAD_EVIDENCE,
-                            evidence.events_file + ": holds no start of Windows, record " +
-                                "Microsoft-Windows-Kernel-General 12");
+        throw devhost_error(EXIT_BAD_EVIDENCE, evidence.events_file +
+                                                   ": holds no start of Windows, record " +
+                                                   "Microsoft-Windows-Kernel-General 12");
     for (const evidence_run &run : evidence.runs)
-        if (run.number != 0 && (text == "last" ? run.number == last
-                                               : *end == '\0' && run.number == number))
+        if (run.number != 0 &&
+            (text == "last" ? run.number == last : *end == '\0' && run.number == number))
             return &run;
-    throw devhost_error(EXIT_BAD_CALL, "--boot " + text + ": expected \"last\" or a number from 1 to " +
+    throw devhost_error(EXIT_BAD_CALL, "--boot " + text +
+                                           ": expected \"last\" or a number from 1 to " +
                                            std::to_string(last) + " (--boots lists them)");
 }
 

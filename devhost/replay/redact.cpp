@@ -68,9 +68,9 @@ static std::string dump_name(const evidence_dump &dump, size_t number)
 {
     static const std::regex usual("[0-9]{6}-[0-9]+-[0-9]+\\.dmp|MEMORY\\.DMP", std::regex::icase);
 
-    return std::regex_match(dump.file_name, usual) ? dump.file_name
-                                                   : text_format("dump%u.dmp",
-                                                                 static_cast<unsigned>(number));
+    return std::regex_match(dump.file_name, usual)
+               ? dump.file_name
+               : text_format("dump%u.dmp", static_cast<unsigned>(number));
 }
 
 /* The stack as call sites, which is all that a dump says here. */
@@ -177,10 +177,11 @@ static std::string scenario_json(const replay_evidence &evidence)
     base.Parse(replay_scenario(evidence).c_str());
     return text_format("{\n  \"name\": \"Evidence of a machine, boot %u of its log\",\n",
                        static_cast<unsigned>(evidence.boot->number)) +
-           "  \"products\": " + node_to_text(base["products"]) + ",\n  \"management\": " +
-           node_to_text(base["management"]) + ",\n  \"machine\": {\n    \"registry\": [\n      " +
-           registry_json(evidence.registry) + "\n    ],\n    \"files\": [\n      " +
-           dumps_json(evidence) + "\n    ],\n    \"events_from\": \"events.json\"\n  },\n" +
+           "  \"products\": " + node_to_text(base["products"]) +
+           ",\n  \"management\": " + node_to_text(base["management"]) +
+           ",\n  \"machine\": {\n    \"registry\": [\n      " + registry_json(evidence.registry) +
+           "\n    ],\n    \"files\": [\n      " + dumps_json(evidence) +
+           "\n    ],\n    \"events_from\": \"events.json\"\n  },\n" +
            "  \"boots\": [{\n    \"at\": \"" + time_iso(evidence.boot->started_100ns, true) +
            text_format("\", \"until\": %d, \"log\": null,\n    \"steps\": [\n", UNTIL_SECONDS) +
            steps_json(evidence) + "\n    ]\n  }]\n}\n";

@@ -106,6 +106,7 @@ static replay_story play_boot(replay_evidence *evidence, const struct session_op
     play_options.run_folder = folder.path;
     play_options.plugin_path = options.plugin_path;
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    oxnih_memory_find_sites(options.guard_memory);
     calls_set_trace(note_call, NULL);
     try {
         play_open(scenario, play_options);

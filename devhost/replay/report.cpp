@@ -41,12 +41,12 @@ std::string replay_boots_text(const std::vector<evidence_run> &runs, const evide
     std::string text = "  boot  started               records        its run ended\n";
 
     for (const evidence_run &run : runs)
-        text += text_format(
-            "%s %4s  %-20s  %6u-%-6u  %s\n", &run == played ? ">" : " ",
-            run.number != 0 ? std::to_string(run.number).c_str() : "-",
-            run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
-            log.events[run.begin].number, log.events[run.end - 1].number,
-            ending_text(run, log).c_str());
+        text +=
+            text_format("%s %4s  %-20s  %6u-%-6u  %s\n", &run == played ? ">" : " ",
+                        run.number != 0 ? std::to_string(run.number).c_str() : "-",
+                        run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
+                        log.events[run.begin].number, log.events[run.end - 1].number,
+                        ending_text(run, log).c_str());
     return text;
 }
 
@@ -76,8 +76,8 @@ static std::string reason_text(const replay_reason &reason)
     std::string text = "  " + time_span(reason.ms) + "  " + reason.text;
 
     if (reason.times > 1)
-        text += text_format(" (%u times, last at %s)", reason.times,
-                            time_span(reason.last_ms).c_str());
+        text +=
+            text_format(" (%u times, last at %s)", reason.times, time_span(reason.last_ms).c_str());
     return text + "\n";
 }
 
@@ -117,10 +117,10 @@ static std::string dumps_text(const replay_evidence &evidence, const replay_stor
     std::string text;
 
     for (const replay_dump &placed : evidence.dumps)
-        text += "  " + (placed.there ? placed.place + ", written " +
-                                           time_iso(placed.written_100ns, true) + " (" +
-                                           placed.why + "),\n    "
-                                     : placed.dump.file_name + " ") +
+        text += "  " +
+                (placed.there ? placed.place + ", written " + time_iso(placed.written_100ns, true) +
+                                    " (" + placed.why + "),\n    "
+                              : placed.dump.file_name + " ") +
                 dump_fate(evidence, placed, story) + "\n";
     return text;
 }
@@ -166,7 +166,8 @@ static std::string commands_text(void)
 
     for (size_t i = 0; i < all.size(); i++)
         if (all[i].kind == HAPPENED_COMMAND)
-            text += "  " + time_span(all[i].ms) + "  " + all[i].text + ", " + reply_to(all, i) + "\n";
+            text +=
+                "  " + time_span(all[i].ms) + "  " + all[i].text + ", " + reply_to(all, i) + "\n";
     return "\nCommands\n" + (text.empty() ? "  none\n" : text);
 }
 
@@ -219,8 +220,8 @@ static std::string verdict_text(const replay_story &story)
         text += ", bypass by " + story.blamed;
     else if (story.verdict == VERDICT_CRASH)
         text += ", nobody is blamed";
-    return text + text_format("; %u bypass command%s", static_cast<unsigned>(bypasses),
-                              many(bypasses)) +
+    return text +
+           text_format("; %u bypass command%s", static_cast<unsigned>(bypasses), many(bypasses)) +
            "\n";
 }
 
@@ -231,8 +232,8 @@ std::string replay_text(const replay_evidence &evidence, const replay_story &sto
            verdict_text(story) + reasons_text(story, REASON_LOG, "Asking the event log") +
            reasons_text(story, REASON_DUMP, "Looking for a dump") + dumps_text(evidence, story) +
            reasons_text(story, REASON_STACK, "Reading the stack") + stack_text(story) +
-           reasons_text(story, REASON_VERDICT, "Deciding") + commands_text() +
-           alarms_text() + products_text(evidence);
+           reasons_text(story, REASON_VERDICT, "Deciding") + commands_text() + alarms_text() +
+           products_text(evidence);
 }
 
 /* JSON: members in the order of docs/replay.md. */
@@ -352,8 +353,8 @@ static std::string reason_json(const replay_reason &reason)
     return text_format("{\"topic\": \"%s\", \"ms\": %llu, \"last_ms\": %llu, \"times\": %u, ",
                        topics[reason.topic], static_cast<unsigned long long>(reason.ms),
                        static_cast<unsigned long long>(reason.last_ms), reason.times) +
-           "\"text\": " + text_quoted(reason.text) +
-           ", \"because\": " + indexes(reason.because) + "}";
+           "\"text\": " + text_quoted(reason.text) + ", \"because\": " + indexes(reason.because) +
+           "}";
 }
 
 static std::string frame_json(const replay_frame &frame)
@@ -369,10 +370,10 @@ static std::string sent_json(enum happening_kind kind)
 
     for (const happening &what : record_all())
         if (what.kind == kind)
-            rows.push_back(text_format("{\"ms\": %llu, ",
-                                       static_cast<unsigned long long>(what.ms)) +
-                           (what.whom.empty() ? "" : "\"to\": " + text_quoted(what.whom) + ", ") +
-                           "\"message\": " + (what.json.empty() ? "null" : what.json) + "}");
+            rows.push_back(
+                text_format("{\"ms\": %llu, ", static_cast<unsigned long long>(what.ms)) +
+                (what.whom.empty() ? "" : "\"to\": " + text_quoted(what.whom) + ", ") +
+                "\"message\": " + (what.json.empty() ? "null" : what.json) + "}");
     return array(rows, ",\n  ");
 }
 

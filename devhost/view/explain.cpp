@@ -7,7 +7,7 @@
 #include "../text.h"
 #include "view.h"
 
-#define BLAME_LINE  "find [*] crach!"
+#define BLAME_LINE "find [*] crach!"
 
 /* A line of the plug-in, in which * stands for a value, and what it tells; %1 is the first value.
  * Only the first row that fits counts. */
@@ -20,48 +20,58 @@ struct line_row {
 };
 
 static const line_row s_lines[] = {
-    {"system boot up at [*]", REASON_LOG, false, VERDICT_NONE,
-     "takes %1 (local time) as the moment at which Windows started"},
-    {"windows_winlogin left count[*] time[*]", REASON_LOG, false, VERDICT_NONE,
+    {"system boot up at [*]",                                                          REASON_LOG,     false, VERDICT_NONE,
+     "takes %1 (local time) as the moment at which Windows started"                                                                                                                                                            },
+    {"windows_winlogin left count[*] time[*]",                                         REASON_LOG,     false, VERDICT_NONE,
      "sees that somebody has logged on in this run, %2 (local time), and begins to look for a "
-     "crash"},
-    {"get_crash_info failed:13 ", REASON_LOG, false, VERDICT_NONE,
-     "read the log to its end without a record that it looked for"},
-    {"get_crash_info failed:* ", REASON_LOG, false, VERDICT_NONE, "could not read the log, result %1"},
-    {"windows_nonomal_shutdown time [*], waitting crash event, left count[*] ", REASON_LOG, false, VERDICT_NONE,
-     "sees the record of an unexpected shutdown, and waits whether a blue screen is recorded, too"},
-    {"dump not found.", REASON_DUMP, false, VERDICT_NONE,
-     "finds no dump that was written after the start of Windows"},
-    {"* failed with hr = *. ", REASON_DUMP, false, VERDICT_NONE, "%1 of the debugger engine failed, %2"},
-    {"* failed with out of memory. ", REASON_DUMP, false, VERDICT_NONE, "runs out of memory: %1"},
-    {"invalid dmp file path. ", REASON_DUMP, false, VERDICT_NONE, "has no path of a dump"},
-    {"dump info is empty. ", REASON_STACK, false, VERDICT_NONE, "got no stack from the debugger engine"},
-    {"can not parse dump info[*] ", REASON_STACK, false, VERDICT_NONE,
-     "finds no module in what the debugger engine printed"},
-    {"parse dump info success with module size=* ", REASON_STACK, false, VERDICT_NONE,
-     "reads the names of %1 modules from the stack"},
-    {"crash module[*]", REASON_STACK, false, VERDICT_NONE,
-     "finds %1 on the stack, which no registered product has named"},
-    {BLAME_LINE, REASON_VERDICT, false, VERDICT_NONE,
-     "blames %1: it is on the stack, and a registered product has named it"},
-    {"not found quorvel crash module!", REASON_VERDICT, false, VERDICT_NONE,
-     "blames nobody: no module of a registered product is on the stack"},
-    {"It is necessary to delete the tag when encountering a blue screen.dump path[]", REASON_VERDICT, true, VERDICT_CRASH, "concludes that the last run ended with a blue screen, without a dump to blame"},
-    {"It is necessary to delete the tag when encountering a blue screen.dump path[*]", REASON_VERDICT, true, VERDICT_CRASH, "concludes that the last run ended with a blue screen, dump %1"},
-    {"It is necessary to delete the tag when encountering a nonormal shutdown!", REASON_VERDICT, true, VERDICT_POWER_LOSS, "concludes that the last run ended unexpectedly, without a blue screen"},
+     "crash"                                                                                                                                                                                                                   },
+    {"get_crash_info failed:13 ",                                                      REASON_LOG,     false, VERDICT_NONE,
+     "read the log to its end without a record that it looked for"                                                                                                                                                             },
+    {"get_crash_info failed:* ",                                                       REASON_LOG,     false, VERDICT_NONE,
+     "could not read the log, result %1"                                                                                                                                                                                       },
+    {"windows_nonomal_shutdown time [*], waitting crash event, left count[*] ",        REASON_LOG,     false,
+     VERDICT_NONE,                                                                                                                "sees the record of an unexpected shutdown, and waits whether a blue screen is recorded, too"},
+    {"dump not found.",                                                                REASON_DUMP,    false, VERDICT_NONE,
+     "finds no dump that was written after the start of Windows"                                                                                                                                                               },
+    {"* failed with hr = *. ",                                                         REASON_DUMP,    false, VERDICT_NONE,
+     "%1 of the debugger engine failed, %2"                                                                                                                                                                                    },
+    {"* failed with out of memory. ",                                                  REASON_DUMP,    false, VERDICT_NONE,       "runs out of memory: %1"                                                                     },
+    {"invalid dmp file path. ",                                                        REASON_DUMP,    false, VERDICT_NONE,       "has no path of a dump"                                                                      },
+    {"dump info is empty. ",                                                           REASON_STACK,   false, VERDICT_NONE,
+     "got no stack from the debugger engine"                                                                                                                                                                                   },
+    {"can not parse dump info[*] ",                                                    REASON_STACK,   false, VERDICT_NONE,
+     "finds no module in what the debugger engine printed"                                                                                                                                                                     },
+    {"parse dump info success with module size=* ",                                    REASON_STACK,   false, VERDICT_NONE,
+     "reads the names of %1 modules from the stack"                                                                                                                                                                            },
+    {"crash module[*]",                                                                REASON_STACK,   false, VERDICT_NONE,
+     "finds %1 on the stack, which no registered product has named"                                                                                                                                                            },
+    {BLAME_LINE,                                                                       REASON_VERDICT, false, VERDICT_NONE,
+     "blames %1: it is on the stack, and a registered product has named it"                                                                                                                                                    },
+    {"not found quorvel crash module!",                                                REASON_VERDICT, false, VERDICT_NONE,
+     "blames nobody: no module of a registered product is on the stack"                                                                                                                                                        },
+    {"It is necessary to delete the tag when encountering a blue screen.dump path[]",
+     REASON_VERDICT,                                                                                   true,  VERDICT_CRASH,
+     "concludes that the last run ended with a blue screen, without a dump to blame"                                                                                                                                           },
+    {"It is necessary to delete the tag when encountering a blue screen.dump path[*]",
+     REASON_VERDICT,                                                                                   true,  VERDICT_CRASH,
+     "concludes that the last run ended with a blue screen, dump %1"                                                                                                                                                           },
+    {"It is necessary to delete the tag when encountering a nonormal shutdown!",       REASON_VERDICT,
+     true,                                                                                                    VERDICT_POWER_LOSS,
+     "concludes that the last run ended unexpectedly, without a blue screen"                                                                                                                                                   },
     {"The previous shutdown was not due to an abnormal poweroff or blue screen, start check "
-     "recover file!",
-     REASON_VERDICT, true, VERDICT_NORMAL, "concludes that the last run ended normally"},
-    {"Failed to query abnormal shutdown information", REASON_VERDICT, true, VERDICT_NOT_KNOWN,
-     "cannot find out how the last run ended"},
-    {"The subscriber may have lost contact", REASON_VERDICT, true, VERDICT_NONE,
-     "drops a verdict: the product has left meanwhile"},
-    {"Upgraded without notification", REASON_VERDICT, false, VERDICT_NONE,
-     "blames nobody: the drivers were updated in this run"},
-    {"Manually restored or upgraded, no longer sending count calibration", REASON_VERDICT, false, VERDICT_NONE, "lowers no count: products were restored or drivers updated by hand"},
-    {"find normal shutdown event, but count[*] <= 1, nothing to do!", REASON_VERDICT, false, VERDICT_NONE,
-     "lowers no count: it is %1 already"},
-    {"The product (*) has already passed and does not need to set a count", REASON_VERDICT, false, VERDICT_NONE, "lowers no count of %1: it is in bypass"},
+     "recover file!",                                                             REASON_VERDICT, true,  VERDICT_NORMAL,     "concludes that the last run ended normally"                                                 },
+    {"Failed to query abnormal shutdown information",                                  REASON_VERDICT, true,  VERDICT_NOT_KNOWN,
+     "cannot find out how the last run ended"                                                                                                                                                                                  },
+    {"The subscriber may have lost contact",                                           REASON_VERDICT, true,  VERDICT_NONE,
+     "drops a verdict: the product has left meanwhile"                                                                                                                                                                         },
+    {"Upgraded without notification",                                                  REASON_VERDICT, false, VERDICT_NONE,
+     "blames nobody: the drivers were updated in this run"                                                                                                                                                                     },
+    {"Manually restored or upgraded, no longer sending count calibration",             REASON_VERDICT, false,
+     VERDICT_NONE,                                                                                                                "lowers no count: products were restored or drivers updated by hand"                         },
+    {"find normal shutdown event, but count[*] <= 1, nothing to do!",                  REASON_VERDICT, false,
+     VERDICT_NONE,                                                                                                                "lowers no count: it is %1 already"                                                          },
+    {"The product (*) has already passed and does not need to set a count",            REASON_VERDICT, false,
+     VERDICT_NONE,                                                                                                                "lowers no count of %1: it is in bypass"                                                     },
 };
 
 #define CHECK_BEGINS "start bypass_status_check"
@@ -197,9 +207,10 @@ static void add_reason(replay_story *story, enum reason_topic topic, size_t inde
 static void add_record(replay_story *story, const seen_record &seen, const std::string &word)
 {
     const machine_event &event = seen.event;
-    std::string text = text_format("stops reading at record %u, %s %u (%s), written %s", event.number,
-                                   text_narrow(event.source).c_str(), event.id & 0xffff,
-                                   word.c_str(), time_iso(time_of_unix(event.time)).c_str());
+    std::string text =
+        text_format("stops reading at record %u, %s %u (%s), written %s", event.number,
+                    text_narrow(event.source).c_str(), event.id & 0xffff, word.c_str(),
+                    time_iso(time_of_unix(event.time)).c_str());
 
     add_reason(story, REASON_LOG, seen.happening, text);
     for (const machine_event &known : story->records)
