@@ -1,4 +1,5 @@
-/* Runs of Windows. The record of a start is the kernel's own: other providers use its number too. */
+/* Runs of Windows. The record of a start is the kernel's own: other providers use its number
+ * too. */
 #include "boots.h"
 
 #include "../text.h"

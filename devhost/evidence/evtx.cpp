@@ -1,5 +1,5 @@
-/* Reading of an .evtx file. The library reads the records; it says nothing of wrong check sums, lost
- * records and cut-off files, so those are looked for here. */
+/* Reading of an .evtx file. The library reads the records; it says nothing of wrong check sums,
+ * lost records and cut-off files, so those are looked for here. */
 #include "log.h"
 
 #include <string.h>

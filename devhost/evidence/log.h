@@ -1,6 +1,7 @@
 /*
  * A System log as evidence: an .evtx file, or the same records as JSON (docs/replay.md), read whole
- * into the records that the classic event-log interface gives. Damage is counted, never passed over.
+ * into the records that the classic event-log interface gives. Damage is counted, never passed
+ * over.
  */
 #ifndef DEVHOST_EVIDENCE_LOG_H
 #define DEVHOST_EVIDENCE_LOG_H

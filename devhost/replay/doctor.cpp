@@ -47,8 +47,8 @@ static bool tell_plugin(void)
     return plugin != NULL;
 }
 
-/* The engine that a program here gets by the name, and the one that this program plays with. Result:
- * whether replay has its engine. */
+/* The engine that a program here gets by the name, and the one that this program plays with.
+ * Result: whether replay has its engine. */
 static bool tell_engine(void)
 {
     const HMODULE engine = LoadLibraryW(L"dbgeng.dll");

@@ -1,6 +1,6 @@
 /*
- * Replay: the boots of a machine's own evidence, one of them played through the plug-in, and what it
- * decided. Host's one thread. All throw devhost_error before anything is written.
+ * Replay: the boots of a machine's own evidence, one of them played through the plug-in, and what
+ * it decided. Host's one thread. All throw devhost_error before anything is written.
  */
 #ifndef DEVHOST_REPLAY_H
 #define DEVHOST_REPLAY_H
