@@ -18,6 +18,7 @@
 #include "replay/commands.h"
 #include "scenario/record.h"
 #include "session.h"
+#include "soak/soak.h"
 #include "text.h"
 #include "view/view.h"
 
@@ -160,7 +161,8 @@ int wmain(int argc, wchar_t **argv)
     CLI::App app("Plays whole boots through the bypass plug-in.", "oxni_devhost");
     arguments arguments;
     std::vector<std::string> words;
-    const CLI::App *run, *console;
+    struct soak_options soak;
+    const CLI::App *run, *console, *soaking;
     int status = EXIT_ALL_HOLD;
 
     SetConsoleOutputCP(CP_UTF8);
@@ -170,6 +172,7 @@ int wmain(int argc, wchar_t **argv)
     run = add_run(app, arguments);
     console = add_console(app, arguments);
     replay_add_commands(app, &status);
+    soaking = add_soak(app, soak);
     app.require_subcommand(1);
     app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"
                "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped.");
@@ -181,6 +184,8 @@ int wmain(int argc, wchar_t **argv)
             status = run_files(arguments);
         else if (console->parsed())
             status = session_console(arguments.files.front(), arguments.session);
+        else if (soaking->parsed())
+            status = soak_run(soak);
     } catch (const CLI::ParseError &error) {
         status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
     } catch (const devhost_error &error) {

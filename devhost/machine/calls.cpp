@@ -35,6 +35,7 @@ struct call_state {
     uint64_t total;     /* ever */
     uint64_t since;     /* total at the last reset of the counts */
     std::vector<planned_failure> failures;
+    calls_watch_fn watch;
 };
 
 static call_state s_calls[ROWS];
@@ -173,6 +174,8 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     error = GetLastError();
     if (s_trace != NULL)
         trace_call(row, arguments, result, error, planned);
+    if (state.watch != NULL)
+        state.watch(a, result);
     SetLastError(error);
     return result;
 }
@@ -265,6 +268,13 @@ void calls_set_trace(calls_trace_fn fn, void *user)
 {
     s_trace = fn;
     s_trace_user = user;
+}
+
+void calls_set_watch(const std::string &name, calls_watch_fn fn)
+{
+    for (size_t index = 0; index < ROWS; index++)
+        if (name == s_rows[index].name)
+            s_calls[index].watch = fn;
 }
 
 /* Row of a name that can fail; ROWS when there is none. */

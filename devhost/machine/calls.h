@@ -6,6 +6,7 @@
 #ifndef DEVHOST_CALLS_H
 #define DEVHOST_CALLS_H
 
+#include <stdint.h>
 #include <windows.h>
 
 #include <string>
@@ -19,6 +20,11 @@ void calls_patch(HMODULE plugin);
 
 /* NULL: no tracing, which is the start. */
 void calls_set_trace(calls_trace_fn fn, void *user);
+
+/* arguments: as on the way in, no more of them than the call has; result as the plug-in gets it. */
+typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
+/* fn is called after each call of a name that the table has; NULL ends it. */
+void calls_set_watch(const std::string &name, calls_watch_fn fn);
 
 /* Whether a call of that name is counted. */
 bool calls_known(const std::string &name);

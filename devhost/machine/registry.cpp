@@ -9,6 +9,7 @@
 
 static HKEY s_root;
 static std::wstring s_root_path;
+static bool s_has_volatile; /* spares a look at every key when no plug-in made one */
 
 /* Below a volatile key Windows makes volatile keys only. Which ones the plug-in wanted so is kept:
  * those alone are gone after a restart of Windows. */
@@ -25,6 +26,7 @@ static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *path, DW
         *disposition = made;
     if (error == ERROR_SUCCESS && made == REG_CREATED_NEW_KEY &&
         (options & REG_OPTION_VOLATILE) != 0) {
+        s_has_volatile = true;
         /* Marked by a value that no plug-in reads; its path is not known from the handle. */
         DWORD one = 1;
 
@@ -99,7 +101,9 @@ void machine_close(void)
 
 void machine_remove_volatile_keys(void)
 {
-    remove_volatile(s_root);
+    if (s_has_volatile)
+        remove_volatile(s_root);
+    s_has_volatile = false;
 }
 
 void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD type,

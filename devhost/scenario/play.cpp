@@ -85,9 +85,10 @@ void play_stop_agent(const std::string &why)
 {
     if (agent_state_get() != AGENT_RUNNING)
         return;
+    /* Told while everything is still there to be looked at. */
+    record_add(HAPPENED_AGENT, "agent", why);
     agent_stop();
     products_agent_stopped();
-    record_add(HAPPENED_AGENT, "agent", why);
 }
 
 /* Delivers everything up to that tick; an agent that ends itself on the way is told once. */

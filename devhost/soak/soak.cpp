@@ -1,0 +1,259 @@
+/* The loop of a long run: play, tell, and make the scenario of a failing machine small. */
+#include "soak.h"
+
+#include <inttypes.h>
+#include <stdio.h>
+#include <windows.h>
+
+#include <functional>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+#include <rapidjson/prettywriter.h>
+#include <rapidjson/stringbuffer.h>
+
+#include <oxni/base/log.h>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../scenario/play.h"
+#include "../scenario/record.h"
+#include "../session.h"
+#include "../text.h"
+#include "machines.h"
+
+#define PROGRESS_MS 10000
+/* One machine in so many is played a second time with noise, and must end alike. */
+#define TWIN_EVERY 8
+
+CLI::App *add_soak(CLI::App &app, struct soak_options &options)
+{
+    CLI::App *command = app.add_subcommand(
+        "soak", "Plays random machines against rules that always hold, see docs/soak.md");
+
+    command->add_option("--boots", options.boots, "At least so many boots")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--seed", options.seed, "Of the first machine; each next one adds 1");
+    command->add_option("--folder", options.folder, "Folder for the run's files, a fast disk");
+    command->add_option("--save", options.save, "Folder for the scenario of a failing machine");
+    command->add_option("--file", options.file, "Plays this scenario in place of random machines");
+    command->add_option("--plugin", options.plugin_path,
+                        "The DLL; else the one beside this program");
+    return command;
+}
+
+/* One run of a machine. */
+struct played {
+    soak_finding finding;
+    std::vector<uint64_t> blocks;
+    uint64_t boots;
+};
+
+static played play_machine(const rapidjson::Document &document, const run_folder &folder,
+                           const struct soak_options &options)
+{
+    struct scenario scenario;
+    struct play_options play = {folder.path, options.plugin_path, false};
+    played played = {};
+
+    scenario.file = "soak";
+    scenario.document.CopyFrom(document, scenario.document.GetAllocator());
+    try {
+        play_open(scenario, play);
+        rules_open();
+        while (rules_finding().rule.empty() && play_begin_boot()) {
+            play_run_until(play_boot_end_ms());
+            play_end_boot();
+            played.boots++;
+        }
+    } catch (...) {
+        rules_close();
+        (void)play_close();
+        throw;
+    }
+    played.finding = rules_finding();
+    played.blocks = rules_blocks();
+    rules_close();
+    (void)play_close();
+    return played;
+}
+
+/* Plays a machine, and now and then its twin. */
+static played play_pair(const rapidjson::Document &document, bool twin, const run_folder &folder,
+                        const struct soak_options &options)
+{
+    folder.empty();
+    played first = play_machine(document, folder, options), second;
+    rapidjson::Document noisy;
+
+    if (!twin || !first.finding.rule.empty())
+        return first;
+    noisy.CopyFrom(document, noisy.GetAllocator());
+    machine_add_noise(noisy, first.boots);
+    folder.empty();
+    second = play_machine(noisy, folder, options);
+    first.boots += second.boots;
+    first.finding = second.finding;
+    if (first.finding.rule.empty() && first.blocks != second.blocks)
+        first.finding = {"equal machines", "commands without effect leave memory behind", 0, 0};
+    return first;
+}
+
+/* Whether a smaller machine still breaks the rule. */
+static bool still_breaks(const rapidjson::Document &document, const std::string &rule,
+                         const run_folder &folder, const struct soak_options &options)
+{
+    try {
+        return play_pair(document, rule == "equal machines", folder, options).finding.rule == rule;
+    } catch (const devhost_error &) {
+        return false; /* it lacks something that another part of it needs */
+    }
+}
+
+/* One round of leaving out, from a value downwards: each member and element that the failure does
+ * not need goes. document is what value belongs to. Result: whether anything went. */
+static bool shrink_value(rapidjson::Document &document, json_value &value,
+                         const std::function<bool(const rapidjson::Document &)> &breaks)
+{
+    bool went = false;
+
+    if (value.IsArray())
+        for (rapidjson::SizeType i = value.Size(); i-- > 0;) {
+            json_value kept(value, document.GetAllocator());
+
+            value.Erase(value.Begin() + i);
+            if (breaks(document)) {
+                went = true;
+                continue;
+            }
+            value = kept;
+            went |= shrink_value(document, value[i], breaks);
+        }
+    if (value.IsObject()) {
+        std::vector<std::string> names;
+
+        for (const auto &member : value.GetObject())
+            names.push_back(member.name.GetString());
+        for (const std::string &name : names) {
+            json_value kept(value, document.GetAllocator());
+
+            value.RemoveMember(name.c_str());
+            if (breaks(document)) {
+                went = true;
+                continue;
+            }
+            value = kept;
+            went |= shrink_value(document, value[name.c_str()], breaks);
+        }
+    }
+    return went;
+}
+
+static void save(const rapidjson::Document &document, const std::string &file)
+{
+    rapidjson::StringBuffer buffer;
+    rapidjson::PrettyWriter<rapidjson::StringBuffer> writer(buffer);
+    FILE *out = _wfopen(text_wide(file).c_str(), L"wb");
+
+    writer.SetIndent(' ', 2);
+    document.Accept(writer);
+    if (out == NULL || fwrite(buffer.GetString(), 1, buffer.GetSize(), out) != buffer.GetSize() ||
+        fclose(out) != 0)
+        throw devhost_error(EXIT_BAD_CALL, file + ": cannot be written");
+}
+
+static void tell_finding(const soak_finding &finding, uint64_t seed)
+{
+    printf("\nbroken: %s: %s\n  at %s of boot %d of machine %" PRIu64
+           "\n  again: ./dev soak --boots 1 --seed %" PRIu64 "\n",
+           finding.rule.c_str(), finding.what.c_str(), time_span(finding.ms).c_str(), finding.boot,
+           seed, seed);
+    fflush(stdout);
+}
+
+static void shrink(rapidjson::Document &document, const soak_finding &finding, uint64_t seed,
+                   const run_folder &folder, const struct soak_options &options)
+{
+    std::string file = options.save + text_format("\\soak-%" PRIu64 ".json", seed);
+    auto breaks = [&](const rapidjson::Document &smaller) {
+        return still_breaks(smaller, finding.rule, folder, options);
+    };
+
+    while (shrink_value(document, document, breaks)) {
+    }
+    document.AddMember(
+        "about", json_value((finding.rule + ": " + finding.what).c_str(), document.GetAllocator()),
+        document.GetAllocator());
+    save(document, file);
+    printf("  made small: %s, shown by ./dev run, judged by ./dev soak --file\n", file.c_str());
+}
+
+struct progress {
+    uint64_t boots, machines, started_ms, told_ms;
+};
+
+static void tell_progress(progress &progress, uint64_t now, const char *what)
+{
+    double seconds = static_cast<double>(now - progress.started_ms) / 1000.0;
+
+    printf("%s%" PRIu64 " boots of %" PRIu64 " machines in %.1f s, %.0f boots/s\n", what,
+           progress.boots, progress.machines, seconds,
+           static_cast<double>(progress.boots) / (seconds > 0 ? seconds : 1));
+    fflush(stdout);
+    progress.told_ms = now;
+}
+
+static int play_random(const run_folder &folder, const struct soak_options &options)
+{
+    progress progress = {0, 0, GetTickCount64(), GetTickCount64()};
+
+    while (progress.boots < options.boots) {
+        uint64_t seed = options.seed + progress.machines;
+        rapidjson::Document document;
+
+        machine_generate(document, seed);
+        oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : OXNI_LOG_ERROR);
+        played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
+        progress.boots += played.boots;
+        progress.machines++;
+        if (!played.finding.rule.empty()) {
+            tell_finding(played.finding, seed);
+            shrink(document, played.finding, seed, folder, options);
+            return EXIT_EXPECTATION_FAILED;
+        }
+        if (GetTickCount64() - progress.told_ms >= PROGRESS_MS)
+            tell_progress(progress, GetTickCount64(), "");
+    }
+    tell_progress(progress, GetTickCount64(), "no rule broken: ");
+    return EXIT_ALL_HOLD;
+}
+
+static int play_file(const run_folder &folder, const struct soak_options &options)
+{
+    struct scenario scenario;
+    played played;
+
+    scenario_load(scenario, options.file, {});
+    played = play_pair(scenario.document, true, folder, options);
+    if (played.finding.rule.empty()) {
+        printf("%s: no rule broken\n", options.file.c_str());
+        return EXIT_ALL_HOLD;
+    }
+    printf("%s: broken: %s: %s\n  at %s of boot %d\n", options.file.c_str(),
+           played.finding.rule.c_str(), played.finding.what.c_str(),
+           time_span(played.finding.ms).c_str(), played.finding.boot);
+    return EXIT_EXPECTATION_FAILED;
+}
+
+int soak_run(const struct soak_options &options)
+{
+    struct soak_options all = options;
+    run_folder folder(options.folder.empty()
+                          ? ""
+                          : options.folder + text_format("\\soak-%lu", GetCurrentProcessId()));
+
+    folder.kept = false;
+    if (all.plugin_path.empty())
+        all.plugin_path = session_standard_plugin();
+    oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
+    return all.file.empty() ? play_random(folder, all) : play_file(folder, all);
+}

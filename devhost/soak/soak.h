@@ -1,0 +1,33 @@
+/*
+ * Long runs: random machines played boot after boot through the real plug-in, against rules that
+ * hold whatever happens to a machine. What is random and which rules: docs/soak.md.
+ */
+#ifndef DEVHOST_SOAK_H
+#define DEVHOST_SOAK_H
+
+#include <stdint.h>
+
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+struct soak_options {
+    uint64_t boots = 1000;   /* at least so many; a machine is played to its end */
+    uint64_t seed = 1;       /* of the first machine; each further one has the next number */
+    std::string folder;      /* where the run's files lie; empty: the temporary one */
+    std::string save = ".";  /* folder that a failing machine's scenario is written to */
+    std::string file;        /* a scenario that is played in place of random machines */
+    std::string plugin_path; /* the DLL to load */
+};
+
+/* Adds the subcommand and its options. Result: borrowed from app. */
+CLI::App *add_soak(CLI::App &app, struct soak_options &options);
+
+/* Plays until a rule is broken or all boots are played, and tells how it goes. Result: enum
+ * devhost_exit. Throws devhost_error. Host's one thread. */
+int soak_run(const struct soak_options &options);
+
+#endif
