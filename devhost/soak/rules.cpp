@@ -97,7 +97,8 @@ struct delivery {
     int verdicts, verdicts_expected;
     std::vector<bool> logs; /* whether each opening of the event log succeeded */
     bool arming_failed;
-    uint64_t plain_timer;    /* function of the last timer without a context */
+    uint64_t plain_timer; /* function of the last timer without a context */
+    bool plain_failed;
     oxni_subscriber *leaves; /* released although it was never filed */
 };
 
@@ -534,7 +535,7 @@ static void check_chain(void)
         model_verdict(subscriber, verdict);
     if (verdict == VERDICT_NORMAL && s_agent.members[subscriber].filed) {
         want(now.plain_timer != 0, "one tag timer", "nothing watches the tag");
-        s_agent.recover_function = now.plain_timer;
+        s_agent.recover_function = now.plain_failed ? 0 : now.plain_timer;
     }
     if (now.context == 0 && now.armed == 1 && now.chains_expected == 1)
         s_agent.members[subscriber].chains++;
@@ -648,8 +649,9 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
         if (ms == 1000) /* the first delay of the hourly one */
             s_agent.uptime_function = a[1];
         now.plain_timer = a[1];
-        if (result == 0 && a[1] == s_agent.recover_function)
-            s_agent.recover_function = 0; /* it ends here */
+        now.plain_failed = result == 0;
+        if (now.plain_failed && a[1] == s_agent.recover_function)
+            s_agent.recover_function = 0; /* the watch ends here */
     } else {
         want(ms == POLL_MS, "timers", text_format("a poll after %u ms", ms));
         if (result == 0)
@@ -795,6 +797,7 @@ static void observe(const oxnih_event *event, void *user)
     case OXNIH_EVENT_LINK:
     case OXNIH_EVENT_RESPONSE:
     case OXNIH_EVENT_EXEC_ANSWER: begin(event); break;
+    case OXNIH_EVENT_DELIVERED: finish(); break;
     case OXNIH_EVENT_PUSHED: on_pushed(event); break;
     case OXNIH_EVENT_REQUEST: on_request(event); break;
     case OXNIH_EVENT_TIMER_STOPPED: s_agent.timers.erase(event->timer); break;

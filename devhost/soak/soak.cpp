@@ -216,6 +216,7 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
         progress.boots += played.boots;
         progress.machines++;
         if (!played.finding.rule.empty()) {
+            tell_progress(progress, GetTickCount64(), "");
             tell_finding(played.finding, seed);
             shrink(document, played.finding, seed, folder, options);
             return EXIT_EXPECTATION_FAILED;

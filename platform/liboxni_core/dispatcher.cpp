@@ -157,7 +157,10 @@ static int run_first()
     std::function<void()> run = std::move(first->second);
 
     s_dispatcher.queue.erase(first);
-    return run_guarded(run);
+    int result = run_guarded(run);
+
+    tell_timer(OXNIH_EVENT_DELIVERED, 0, 0);
+    return result;
 }
 
 /* Whether a callback runs now; then what was asked for is refused. */

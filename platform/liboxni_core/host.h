@@ -64,9 +64,10 @@ enum oxnih_event_kind {
     OXNIH_EVENT_TIMER_ARMED,   /* timer, delay_ms */
     OXNIH_EVENT_TIMER_FIRED,   /* timer; told before the callback runs */
     OXNIH_EVENT_TIMER_STOPPED, /* timer; only when it was pending */
+    OXNIH_EVENT_DELIVERED,     /* what was due has been delivered, its callbacks have returned */
 };
 
-/* Told right before the call that an event stands for. Unused members are NULL or 0; everything is
+/* Told right before the call that an event stands for, but for OXNIH_EVENT_DELIVERED. Unused members are NULL or 0; everything is
  * borrowed for the call. */
 typedef struct oxnih_event {
     enum oxnih_event_kind kind;
