@@ -215,53 +215,60 @@ static void *stand_in(const char *name)
 }
 
 /* Row of an import; ROWS when the table has none. */
-static size_t find_row(const std::string &module, const std::string &name)
+static size_t find_row(const std::string &module, const char *name)
 {
-    size_t index = 0;
+    static std::map<std::string, size_t> rows; /* by both names: each load looks for a hundred */
 
-    while (index < ROWS && (module != s_rows[index].module || name != s_rows[index].name))
-        index++;
-    return index;
+    if (rows.empty())
+        for (size_t index = 0; index < ROWS; index++)
+            rows[std::string(s_rows[index].module) + "/" + s_rows[index].name] = index;
+    auto at = rows.find(module + "/" + name);
+    return at != rows.end() ? at->second : ROWS;
 }
 
 static void patch_entry(void **entry, size_t index)
 {
     void *function = stand_in(s_rows[index].name);
-    DWORD protection;
 
     if (function == NULL)
         function = *entry;
     s_calls[index].target = reinterpret_cast<any_call_fn>(function);
-    VirtualProtect(entry, sizeof(*entry), PAGE_READWRITE, &protection);
     *entry = reinterpret_cast<void *>(s_thunks[index]);
-    VirtualProtect(entry, sizeof(*entry), protection, &protection);
+}
+
+static void patch_module(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR &import)
+{
+    std::string module = text_lower(std::string(reinterpret_cast<char *>(base + import.Name)));
+    const IMAGE_THUNK_DATA *name =
+        reinterpret_cast<IMAGE_THUNK_DATA *>(base + import.OriginalFirstThunk);
+    void **entry = reinterpret_cast<void **>(base + import.FirstThunk);
+
+    for (; name->u1.AddressOfData != 0; name++, entry++) {
+        const IMAGE_IMPORT_BY_NAME *by_name =
+            reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + name->u1.AddressOfData);
+        size_t index = find_row(module, reinterpret_cast<const char *>(by_name->Name));
+
+        if (index < ROWS)
+            patch_entry(entry, index);
+    }
 }
 
 void calls_patch(HMODULE plugin)
 {
     uint8_t *base = reinterpret_cast<uint8_t *>(plugin);
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
-    const IMAGE_NT_HEADERS *headers = reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew);
-    const IMAGE_DATA_DIRECTORY &directory =
-        headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    const IMAGE_IMPORT_DESCRIPTOR *import =
-        reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(base + directory.VirtualAddress);
+    const IMAGE_DATA_DIRECTORY *directories =
+        reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew)->OptionalHeader.DataDirectory;
+    const IMAGE_DATA_DIRECTORY &table = directories[IMAGE_DIRECTORY_ENTRY_IAT];
+    const IMAGE_IMPORT_DESCRIPTOR *import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(
+        base + directories[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
+    DWORD protection;
 
-    for (; import->Name != 0; import++) {
-        std::string module = text_lower(std::string(reinterpret_cast<char *>(base + import->Name)));
-        const IMAGE_THUNK_DATA *name =
-            reinterpret_cast<IMAGE_THUNK_DATA *>(base + import->OriginalFirstThunk);
-        void **entry = reinterpret_cast<void **>(base + import->FirstThunk);
-
-        for (; name->u1.AddressOfData != 0; name++, entry++) {
-            const IMAGE_IMPORT_BY_NAME *by_name =
-                reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + name->u1.AddressOfData);
-            size_t index = find_row(module, reinterpret_cast<const char *>(by_name->Name));
-
-            if (index < ROWS)
-                patch_entry(entry, index);
-        }
-    }
+    /* All entries lie in one table, and changing its protection costs more than all the rest. */
+    VirtualProtect(base + table.VirtualAddress, table.Size, PAGE_READWRITE, &protection);
+    for (; import->Name != 0; import++)
+        patch_module(base, *import);
+    VirtualProtect(base + table.VirtualAddress, table.Size, protection, &protection);
 }
 
 void calls_set_trace(calls_trace_fn fn, void *user)

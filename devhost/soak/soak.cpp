@@ -211,7 +211,7 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
         rapidjson::Document document;
 
         machine_generate(document, seed);
-        oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : OXNI_LOG_ERROR);
+        oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
         played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
         progress.machines++;
@@ -250,7 +250,8 @@ int soak_run(const struct soak_options &options)
     struct soak_options all = options;
     run_folder folder(options.folder.empty()
                           ? ""
-                          : options.folder + text_format("\\soak-%lu", GetCurrentProcessId()));
+                          : options.folder + text_format("\\soak-%lu-%lu", GetCurrentProcessId(),
+                                                         GetTickCount()));
 
     folder.kept = false;
     if (all.plugin_path.empty())
