@@ -67,8 +67,8 @@ enum oxnih_event_kind {
     OXNIH_EVENT_DELIVERED,     /* what was due has been delivered, its callbacks have returned */
 };
 
-/* Told right before the call that an event stands for, but for OXNIH_EVENT_DELIVERED. Unused members are NULL or 0; everything is
- * borrowed for the call. */
+/* Told right before the call that an event stands for, OXNIH_EVENT_DELIVERED behind all of them.
+ * Unused members are NULL or 0; everything is borrowed for the call. */
 typedef struct oxnih_event {
     enum oxnih_event_kind kind;
     int32_t error;
