@@ -63,7 +63,7 @@ static std::string pointer_text(const rapidjson::Pointer &pointer)
     return buffer.GetSize() != 0 ? buffer.GetString() : "/";
 }
 
-static void check_against_schema(const struct scenario &scenario)
+void scenario_check(const struct scenario &scenario)
 {
     rapidjson::Document schema_json;
 
@@ -114,7 +114,7 @@ void scenario_load(struct scenario &scenario, const std::string &file,
     scenario.defines = defines;
     scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
     check_duplicates(scenario, "", scenario.document);
-    check_against_schema(scenario);
+    scenario_check(scenario);
 }
 
 std::string scenario_path(const struct scenario &scenario, const std::string &path)

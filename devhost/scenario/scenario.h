@@ -30,6 +30,9 @@ struct scenario {
 void scenario_load(struct scenario &scenario, const std::string &file,
                    const std::map<std::string, std::string> &defines);
 
+/* Checks a document that was made and not read, as scenario_load does. Throws devhost_error. */
+void scenario_check(const struct scenario &scenario);
+
 /* A JSON file in a form of its own, for evidence that a scenario names. Throws devhost_error with
  * that status. */
 void scenario_load_json(rapidjson::Document &document, const std::string &file, int status);

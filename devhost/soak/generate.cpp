@@ -403,6 +403,8 @@ void machine_add_noise(rapidjson::Document &document, uint64_t seed)
     for (json_value &boot : document["boots"].GetArray()) {
         json_value noisy(rapidjson::kArrayType);
 
+        if (!boot.HasMember("steps"))
+            continue;
         for (json_value &step : boot["steps"].GetArray()) {
             bool needs_agent =
                 node_member(&step, "tell") != NULL || node_member(&step, "console") != NULL;

@@ -102,7 +102,11 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
 static bool still_breaks(const rapidjson::Document &document, const std::string &rule,
                          const run_folder &folder, const struct soak_options &options)
 {
+    struct scenario scenario;
+
+    scenario.document.CopyFrom(document, scenario.document.GetAllocator());
     try {
+        scenario_check(scenario);
         return play_pair(document, rule == "equal machines", folder, options).finding.rule == rule;
     } catch (const devhost_error &) {
         return false; /* it lacks something that another part of it needs */
