@@ -1,5 +1,5 @@
 /* Conversions of moments. Windows does the calendar and the zone's rules: the C library reads TZ by
- * itself and has no time before 1970. Stateless. */
+ * itself and has no time before 1970. One thread. */
 #include "base.h"
 
 #include <cstring>
@@ -35,13 +35,30 @@ static bool seconds_to_100ns(int64_t seconds, uint64_t *value)
     return true;
 }
 
+/* The rules of the machine's own zone are asked for once a second: every line of the log needs
+ * them, and Windows looks them up in the registry. */
+static const TIME_ZONE_INFORMATION *zone_rules()
+{
+    static TIME_ZONE_INFORMATION s_own;
+    static ULONGLONG s_asked_ms;
+    const ULONGLONG now_ms = GetTickCount64();
+
+    if (clock_zone() != NULL)
+        return clock_zone();
+    if (s_asked_ms == 0 || now_ms - s_asked_ms >= 1000) {
+        GetTimeZoneInformation(&s_own);
+        s_asked_ms = now_ms;
+    }
+    return &s_own;
+}
+
 static bool utc_to_local(uint64_t utc, SYSTEMTIME *local)
 {
     FILETIME time = to_filetime(utc);
     SYSTEMTIME broken;
 
     return FileTimeToSystemTime(&time, &broken) &&
-           SystemTimeToTzSpecificLocalTime(clock_zone(), &broken, local);
+           SystemTimeToTzSpecificLocalTime(zone_rules(), &broken, local);
 }
 
 /* Local minus UTC at that moment, in 100 ns. */
@@ -59,13 +76,8 @@ static bool offset_at(uint64_t utc, int64_t *offset)
 
 static bool is_daylight(int64_t offset)
 {
-    TIME_ZONE_INFORMATION own;
-    const TIME_ZONE_INFORMATION *zone = clock_zone();
+    const TIME_ZONE_INFORMATION *zone = zone_rules();
 
-    if (zone == NULL) {
-        GetTimeZoneInformation(&own);
-        zone = &own;
-    }
     return zone->DaylightDate.wMonth != 0 &&
            offset != -(zone->Bias + zone->StandardBias) * 60LL * INT64_C(10000000);
 }
