@@ -19,6 +19,8 @@ static std::string s_folder; /* of the run, with backslashes */
 static std::string s_plugin_path;
 static HMODULE s_plugin;
 static enum agent_state s_state = AGENT_STOPPED;
+static void (*s_end_fn)(const void *plugin);
+static void (*s_start_fn)(HMODULE plugin);
 
 static void exit_agent(void *user)
 {
@@ -56,6 +58,8 @@ void agent_start(void)
     if (init == NULL)
         throw devhost_error(EXIT_NO_PLUGIN, s_plugin_path + ": does not export oxni_plugin_init");
     calls_patch(s_plugin);
+    if (s_start_fn != NULL)
+        s_start_fn(s_plugin);
     s_state = AGENT_RUNNING;
     try {
         (void)init();
@@ -70,6 +74,8 @@ void agent_stop(void)
 {
     if (s_plugin == NULL)
         return;
+    if (s_end_fn != NULL)
+        s_end_fn(s_plugin);
     oxnih_core_reset();
     FreeLibrary(s_plugin);
     s_plugin = NULL;
@@ -78,6 +84,16 @@ void agent_stop(void)
     oxnih_memory_drop_all();
     if (s_state == AGENT_RUNNING)
         s_state = AGENT_STOPPED;
+}
+
+void agent_watch_end(void (*fn)(const void *plugin))
+{
+    s_end_fn = fn;
+}
+
+void agent_watch_start(void (*fn)(HMODULE plugin))
+{
+    s_start_fn = fn;
 }
 
 enum agent_state agent_state_get(void)

@@ -5,6 +5,8 @@
 #ifndef DEVHOST_AGENT_H
 #define DEVHOST_AGENT_H
 
+#include <windows.h>
+
 #include <string>
 
 /* How a start or a stretch of the agent's life ended. */
@@ -24,6 +26,13 @@ void agent_start(void);
 /* The process ends: everything that was pending is forgotten, the DLL is freed, and every block of
  * memory with it. Harmless when it is not running. */
 void agent_stop(void);
+
+/* Called before each end of the agent's process by agent_stop, while all that it holds is there;
+ * plugin: the address of its module. NULL: nobody, which is the start. */
+void agent_watch_end(void (*fn)(const void *plugin));
+
+/* Called at each start with the plug-in, before its entry is. NULL: nobody. */
+void agent_watch_start(void (*fn)(HMODULE plugin));
 
 enum agent_state agent_state_get(void);
 

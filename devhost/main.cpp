@@ -19,6 +19,8 @@
 #include "scenario/record.h"
 #include "session.h"
 #include "soak/soak.h"
+#include "sweep/cut.h"
+#include "sweep/sweep.h"
 #include "text.h"
 #include "view/view.h"
 
@@ -173,6 +175,8 @@ int wmain(int argc, wchar_t **argv)
     console = add_console(app, arguments);
     replay_add_commands(app, &status);
     soaking = add_soak(app, soak);
+    sweep_add_commands(app, &status);
+    cut_add_command(app, &status);
     app.require_subcommand(1);
     app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"
                "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped.");

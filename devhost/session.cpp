@@ -18,14 +18,14 @@
 #define CONSOLE_NAMESPACE "oxni"
 
 /* A new, empty folder below the temporary one, or the one that was asked for. */
-static std::string make_run_folder(const std::string &keep)
+static std::string make_run_folder(const std::string &keep, const std::string &place)
 {
     wchar_t temp[1024], full[1024];
     std::string folder = keep;
 
     if (folder.empty()) {
         GetTempPathW(ARRAYSIZE(temp), temp);
-        folder = text_narrow(temp) +
+        folder = (place.empty() ? text_narrow(temp) : place + "\\") +
                  text_format("oxni_devhost-%lu-%lu", GetCurrentProcessId(), GetTickCount());
     }
     GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
@@ -61,7 +61,8 @@ static void empty_folder(const std::wstring &folder)
     FindClose(find);
 }
 
-run_folder::run_folder(const std::string &keep) : path(make_run_folder(keep)), kept(!keep.empty())
+run_folder::run_folder(const std::string &keep, const std::string &place)
+    : path(make_run_folder(keep, place)), kept(!keep.empty())
 {
 }
 
@@ -141,7 +142,7 @@ static void plan_commands(const struct session_options &options, unsigned long b
 static void open_scenario(struct scenario &scenario, const std::string &file,
                           const struct session_options &options, const run_folder &folder)
 {
-    struct play_options play = {folder.path, options.plugin_path, options.real_time};
+    struct play_options play = {folder.path, options.plugin_path, options.real_time, false};
 
     for (const std::string &text : options.commands)
         (void)parse_command(text); /* told before anything is played */

@@ -24,12 +24,13 @@ struct session_options {
 std::string session_standard_plugin(void);
 
 /* A new folder for a run's files, for as long as the object lives, or longer when it is one that was
- * asked for. UTF-8, absolute. Throws devhost_error. */
+ * asked for; its name is made up below another place than the temporary folder when that is given.
+ * UTF-8, absolute. Throws devhost_error. */
 struct run_folder {
     std::string path;
     bool kept;
 
-    explicit run_folder(const std::string &keep);
+    explicit run_folder(const std::string &keep, const std::string &place = "");
     ~run_folder();
     run_folder(const run_folder &) = delete;
     run_folder &operator=(const run_folder &) = delete;

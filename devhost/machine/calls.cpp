@@ -12,6 +12,7 @@
 
 #include "../text.h"
 #include "calls_table.h"
+#include "imports.h"
 #include "machine.h"
 
 /* More than any call of the table takes, log lines included. Reading the places of arguments that
@@ -32,13 +33,38 @@ struct planned_failure {
 
 struct call_state {
     any_call_fn target; /* stand-in or real function; NULL until a plug-in imports it */
-    uint64_t total;     /* ever */
-    uint64_t since;     /* total at the last reset of the counts */
+    const struct handle_call *handles; /* NULL: neither opens nor closes */
+    uint64_t total;                    /* ever */
+    uint64_t since;                    /* total at the last reset of the counts */
     std::vector<planned_failure> failures;
     calls_watch_fn watch;
 };
 
 static call_state s_calls[ROWS];
+
+/* What is opened and closed again, and how much of it is open. */
+static const struct handle_call {
+    const char *name, *what;
+    int change;
+} s_handle_calls[] = {
+    {"CreateFileA",              "handles",         1 },
+    {"CreateFileW",              "handles",         1 },
+    {"CreateToolhelp32Snapshot", "handles",         1 },
+    {"OpenProcess",              "handles",         1 },
+    {"OpenProcessToken",         "handles",         1 },
+    {"CloseHandle",              "handles",         -1},
+    {"FindFirstFileW",           "searches",        1 },
+    {"FindClose",                "searches",        -1},
+    {"OpenEventLogW",            "logs",            1 },
+    {"CloseEventLog",            "logs",            -1},
+    {"OpenSCManagerW",           "service handles", 1 },
+    {"OpenServiceW",             "service handles", 1 },
+    {"CloseServiceHandle",       "service handles", -1},
+    {"RegOpenKeyExW",            "registry keys",   1 },
+    {"RegCreateKeyExW",          "registry keys",   1 },
+    {"RegCloseKey",              "registry keys",   -1},
+};
+static std::map<std::string, int64_t> s_open;
 static calls_trace_fn s_trace;
 static void *s_trace_user;
 
@@ -145,6 +171,19 @@ static void trace_call(const call_row &row, const std::string &arguments, uint64
     s_trace(planned ? text + " (made to fail)" : text, s_trace_user);
 }
 
+/* Opens and closes count when they did so. */
+static void count_handle(const call_row &row, const handle_call &call, uint64_t result)
+{
+    bool done = static_cast<uint32_t>(result) != 0;
+
+    if (strncmp(row.name, "Reg", 3) == 0)
+        done = static_cast<uint32_t>(result) == ERROR_SUCCESS;
+    else if (row.failing == 'I')
+        done = result != failed_result(row, 0);
+    if (done)
+        s_open[call.what] += call.change;
+}
+
 static uint64_t run_call(size_t index, const uint64_t *a)
 {
     const call_row &row = s_rows[index];
@@ -172,6 +211,10 @@ static uint64_t run_call(size_t index, const uint64_t *a)
                               a[11], a[12], a[13], a[14], a[15], a[16], a[17]);
     }
     error = GetLastError();
+    /* Windows calls the closing of what never was a handle a success, too. */
+    if (state.handles != NULL &&
+        (state.handles->change > 0 || reinterpret_cast<HANDLE>(a[0]) != INVALID_HANDLE_VALUE))
+        count_handle(row, *state.handles, result);
     if (s_trace != NULL)
         trace_call(row, arguments, result, error, planned);
     if (state.watch != NULL)
@@ -229,46 +272,22 @@ static size_t find_row(const std::string &module, const char *name)
 static void patch_entry(void **entry, size_t index)
 {
     void *function = stand_in(s_rows[index].name);
+    void *real = imports_lead(entry, reinterpret_cast<void *>(s_thunks[index]));
 
-    if (function == NULL)
-        function = *entry;
-    s_calls[index].target = reinterpret_cast<any_call_fn>(function);
-    *entry = reinterpret_cast<void *>(s_thunks[index]);
-}
-
-static void patch_module(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR &import)
-{
-    std::string module = text_lower(std::string(reinterpret_cast<char *>(base + import.Name)));
-    const IMAGE_THUNK_DATA *name =
-        reinterpret_cast<IMAGE_THUNK_DATA *>(base + import.OriginalFirstThunk);
-    void **entry = reinterpret_cast<void **>(base + import.FirstThunk);
-
-    for (; name->u1.AddressOfData != 0; name++, entry++) {
-        const IMAGE_IMPORT_BY_NAME *by_name =
-            reinterpret_cast<IMAGE_IMPORT_BY_NAME *>(base + name->u1.AddressOfData);
-        size_t index = find_row(module, reinterpret_cast<const char *>(by_name->Name));
-
-        if (index < ROWS)
-            patch_entry(entry, index);
-    }
+    s_calls[index].target = reinterpret_cast<any_call_fn>(function != NULL ? function : real);
+    for (const handle_call &call : s_handle_calls)
+        if (strcmp(call.name, s_rows[index].name) == 0)
+            s_calls[index].handles = &call;
 }
 
 void calls_patch(HMODULE plugin)
 {
-    uint8_t *base = reinterpret_cast<uint8_t *>(plugin);
-    const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
-    const IMAGE_DATA_DIRECTORY *directories =
-        reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew)->OptionalHeader.DataDirectory;
-    const IMAGE_DATA_DIRECTORY &table = directories[IMAGE_DIRECTORY_ENTRY_IAT];
-    const IMAGE_IMPORT_DESCRIPTOR *import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR *>(
-        base + directories[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress);
-    DWORD protection;
+    imports_each(plugin, [](const std::string &module, const char *name, void **entry) {
+        size_t index = find_row(module, name);
 
-    /* All entries lie in one table, and changing its protection costs more than all the rest. */
-    VirtualProtect(base + table.VirtualAddress, table.Size, PAGE_READWRITE, &protection);
-    for (; import->Name != 0; import++)
-        patch_module(base, *import);
-    VirtualProtect(base + table.VirtualAddress, table.Size, protection, &protection);
+        if (index < ROWS)
+            patch_entry(entry, index);
+    });
 }
 
 void calls_set_trace(calls_trace_fn fn, void *user)
@@ -307,6 +326,40 @@ bool calls_can_fail(const std::string &name, uint32_t error)
     size_t index = find_failing(name);
 
     return index < ROWS && (error != 0 || strchr("BIE", s_rows[index].failing) == NULL);
+}
+
+std::vector<std::string> calls_failing(void)
+{
+    std::vector<std::string> names;
+
+    for (const call_row &row : s_rows)
+        if (row.failing != '-')
+            names.push_back(row.name);
+    return names;
+}
+
+std::vector<uint32_t> calls_errors(const std::string &name)
+{
+    size_t index = find_failing(name);
+
+    if (index == ROWS || strchr("BIE", s_rows[index].failing) == NULL)
+        return {0};
+    for (const call_errors &row : s_errors)
+        if (name == row.name)
+            return row.errors;
+    return {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY};
+}
+
+std::string calls_left_open(void)
+{
+    std::string text;
+
+    for (const auto &open : s_open)
+        if (open.second != 0)
+            text += (text.empty() ? "" : ", ") +
+                    text_format("%lld ", static_cast<long long>(open.second)) + open.first;
+    s_open.clear();
+    return text;
 }
 
 void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error)

@@ -31,6 +31,10 @@ bool calls_known(const std::string &name);
 /* Whether a call of that name is known and can fail with that error: those that tell one cannot
  * fail with 0. */
 bool calls_can_fail(const std::string &name, uint32_t error);
+/* The calls that can fail, and the errors that Windows documents for one: 0 alone where it tells
+ * none. */
+std::vector<std::string> calls_failing(void);
+std::vector<uint32_t> calls_errors(const std::string &name);
 /* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
  * behind it, times altogether; 0: for ever. A name that cannot fail is ignored. */
 void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
@@ -39,5 +43,9 @@ void calls_clear_failures(void);
 /* Calls of a name since the start or the last reset. */
 uint64_t calls_count(const std::string &name);
 void calls_reset_counts(void);
+
+/* What the plug-in opened and did not close since this was asked last, "2 registry keys"; more
+ * closed than opened counts below zero. Empty: everything was closed. */
+std::string calls_left_open(void);
 
 #endif

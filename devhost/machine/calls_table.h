@@ -11,6 +11,10 @@
 #ifndef DEVHOST_CALLS_TABLE_H
 #define DEVHOST_CALLS_TABLE_H
 
+#include <stdint.h>
+
+#include <vector>
+
 struct call_row {
     const char *module;
     const char *name;
@@ -130,6 +134,54 @@ static const struct call_row s_rows[] = {
     {"libwdu_jansson.dll",  "wdu_json_loadb",               ".UUp",             'p', 'Z'},
     {"libwdu_jansson.dll",  "wdu_json_dumps",               "jx",               'p', 'Z'},
     {"libwdu_jansson.dll",  "wdu_json_object",              "",                 'p', 'Z'},
+};
+
+/* The errors with which Windows documents that a call fails, those of broken arguments left out. A
+ * call that is not here: access denied, and no memory. */
+struct call_errors {
+    const char *name;
+    std::vector<uint32_t> errors;
+};
+
+static const struct call_errors s_errors[] = {
+    {"CreateFileA",                {2, 3, 5, 32, 112, 1392}},
+    {"CreateFileW",                {2, 3, 5, 32, 1392}     },
+    {"ReadFile",                   {5, 21, 23, 33, 1117}   },
+    {"WriteFile",                  {5, 19, 33, 112, 1117}  },
+    {"GetFileTime",                {5, 6}                  },
+    {"SetFileTime",                {5, 19}                 },
+    {"GetFileInformationByHandle", {5, 50}                 },
+    {"FindFirstFileW",             {2, 3, 5, 18}           },
+    {"FindNextFileW",              {5, 18}                 },
+    {"DeleteFileW",                {2, 5, 32}              },
+    {"GetWindowsDirectoryW",       {8}                     },
+    {"ExpandEnvironmentStringsW",  {8}                     },
+    {"FileTimeToLocalFileTime",    {87}                    },
+    {"LocalFileTimeToFileTime",    {87}                    },
+    {"FileTimeToSystemTime",       {87}                    },
+    {"SystemTimeToFileTime",       {87}                    },
+    {"GetModuleHandleA",           {126}                   },
+    {"GetProcAddress",             {127}                   },
+    {"LoadLibraryW",               {8, 126, 193, 1114}     },
+    {"CreateToolhelp32Snapshot",   {5, 8, 24}              },
+    {"Process32FirstW",            {18}                    },
+    {"Process32NextW",             {18}                    },
+    {"OpenProcess",                {5, 87}                 },
+    {"GetProcessTimes",            {5}                     },
+    {"OpenProcessToken",           {5}                     },
+    {"LookupPrivilegeValueA",      {1313}                  },
+    {"AdjustTokenPrivileges",      {5, 1300}               },
+    {"OpenEventLogW",              {2, 5, 1722}            },
+    {"ReadEventLogW",              {5, 38, 122, 1500, 1503}},
+    {"OpenSCManagerW",             {5, 1722}               },
+    {"OpenServiceW",               {5, 1060}               },
+    {"QueryServiceStatus",         {5, 1722}               },
+    {"RegOpenKeyExW",              {2, 5, 1018}            },
+    {"RegQueryValueExW",           {2, 5, 234, 1018}       },
+    {"RegCreateKeyExW",            {5, 1018, 1021, 1450}   },
+    {"RegDeleteKeyW",              {2, 5, 1018}            },
+    {"oxni_path_del_file_u",       {2, 5, 32}              },
+    {"oxni_file_flush",            {2, 5, 32, 112}         },
 };
 
 #endif

@@ -82,10 +82,12 @@ static bool observe_product(const oxnih_event *event, const std::string &who,
         record_add(HAPPENED_MESSAGE, who, message_words(event->message), message);
         return true;
     case OXNIH_EVENT_PUSHED:
+        product_pushed(event->subscriber);
         record_add(HAPPENED_COMMAND, "plug-in",
                    "orders " + who + ": " + command_words(event->message), message, 0, who);
         return true;
     case OXNIH_EVENT_REPLY:
+        product_replied(event->subscriber);
         record_add(HAPPENED_REPLY, who,
                    event->error == 0 ? "got the order"
                                      : text_format("is not reached, error %d", event->error),

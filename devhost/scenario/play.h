@@ -15,6 +15,7 @@ struct play_options {
     std::string run_folder;  /* exists, empty; UTF-8, with backslashes */
     std::string plugin_path; /* the DLL to load */
     bool real_time;
+    bool skip_impossible; /* a step that cannot be done at its moment is left out, no error */
 };
 
 /* Opens machine and agent for a scenario, which must live until play_close. Throws devhost_error,
@@ -73,6 +74,14 @@ std::vector<std::string> product_keys(void);
 std::string product_summary(const std::string &key);
 /* The product's key for a handle; namespace and name when it is nobody's. */
 std::string product_of(struct oxni_subscriber *subscriber);
+/* From here on the nth command (1 is the next) finds whoever it is for unreachable with that error,
+ * once or it and all behind it; nth 0: none. */
+void product_disturb(uint64_t nth, bool forever, int32_t error);
+/* Commands in this boot. */
+uint64_t product_pushes(void);
+/* A command is on its way to a handle, and was answered. */
+void product_pushed(struct oxni_subscriber *subscriber);
+void product_replied(struct oxni_subscriber *subscriber);
 /* Pushes a message as it stands to a subscriber that product_of calls so, as the plug-in would.
  * Result: whether it was seen since the agent's start. */
 bool subscriber_order(const std::string &whom, const json_value &message);

@@ -40,6 +40,12 @@ static std::vector<product> s_products;
  * product_of calls them. */
 static std::map<std::string, oxni_subscriber *> s_seen;
 
+/* Commands since the last product_disturb, and those of them that find nobody. */
+static struct {
+    uint64_t pushes, first, last;
+    int32_t error;
+} s_disturbed;
+
 static product &product_find(const std::string &key)
 {
     for (product &product : s_products)
@@ -277,6 +283,31 @@ void product_change(const std::string &key, const json_value &changes)
 
     apply_members(product, changes);
     apply_delivery(product);
+}
+
+void product_disturb(uint64_t nth, bool forever, int32_t error)
+{
+    s_disturbed = {0, nth != 0 ? nth : UINT64_MAX, forever ? UINT64_MAX : nth, error};
+}
+
+uint64_t product_pushes(void)
+{
+    return s_disturbed.pushes;
+}
+
+void product_pushed(oxni_subscriber *subscriber)
+{
+    s_disturbed.pushes++;
+    if (s_disturbed.pushes >= s_disturbed.first && s_disturbed.pushes <= s_disturbed.last)
+        oxnih_subscriber_set_unreachable(subscriber, s_disturbed.error);
+}
+
+void product_replied(oxni_subscriber *subscriber)
+{
+    const product *product = product_by_handle(subscriber);
+
+    if (s_disturbed.error != 0)
+        oxnih_subscriber_set_unreachable(subscriber, product != NULL ? product->unreachable : 0);
 }
 
 std::string product_state_text(const std::string &key)

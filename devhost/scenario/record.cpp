@@ -61,6 +61,11 @@ void record_set_view(record_view_fn view, void *user)
     s_view_user = user;
 }
 
+record_view_fn record_view(void)
+{
+    return s_view;
+}
+
 void record_clear(void)
 {
     s_all.clear();

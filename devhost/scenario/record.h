@@ -61,6 +61,7 @@ void record_set_folder(const std::string &folder, const std::string &shown);
 
 /* Who is shown each happening as it is added. */
 void record_set_view(record_view_fn view, void *user);
+record_view_fn record_view(void);
 
 void record_clear(void);
 

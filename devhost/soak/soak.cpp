@@ -52,7 +52,7 @@ static played play_machine(const rapidjson::Document &document, const run_folder
                            const struct soak_options &options)
 {
     struct scenario scenario;
-    struct play_options play = {folder.path, options.plugin_path, false};
+    struct play_options play = {folder.path, options.plugin_path, false, false};
     played played = {};
 
     scenario.file = "soak";

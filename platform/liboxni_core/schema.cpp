@@ -1,6 +1,12 @@
 /* Holding messages to a service's JSON Schema. Stateless. */
 #include "core.h"
 
+/* What RapidJSON takes for a mistake of its caller can be one of the schema's text, a pattern that
+ * is no expression for example: that schema is refused, and the process goes on. */
+struct broken_schema {
+};
+#define RAPIDJSON_ASSERT(holds) ((holds) ? static_cast<void>(0) : throw broken_schema())
+
 /* It constructs objects in blocks that it does not test for NULL; inlined here, that is ours. */
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnull-dereference"
@@ -20,7 +26,11 @@ std::shared_ptr<schema> schema_new(const char *text)
     made->text.Parse(text);
     if (made->text.HasParseError() || !made->text.IsObject())
         return NULL;
-    made->compiled = std::make_unique<rapidjson::SchemaDocument>(made->text);
+    try {
+        made->compiled = std::make_unique<rapidjson::SchemaDocument>(made->text);
+    } catch (const broken_schema &) {
+        return NULL;
+    }
     return made;
 }
 

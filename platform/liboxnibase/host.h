@@ -96,9 +96,15 @@ typedef void (*oxnih_leak_fn)(const char *site, uint64_t blocks, uint64_t bytes,
 OXNI_API void oxnih_memory_set_mode(enum oxnih_memory_mode mode);
 /* The nth allocation from here on fails (1 is the next), once or it and all later ones. 0: none. */
 OXNI_API void oxnih_memory_fail(uint64_t nth, int forever);
+/* That one too, once, until the next call of the function above. */
+OXNI_API void oxnih_memory_fail_also(uint64_t nth);
 OXNI_API void oxnih_memory_get_stats(oxnih_memory_stats *stats);
 /* Calls fn for each place that live blocks came from, most bytes first. */
 OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);
+/* The same for guarded blocks that nothing points to any more: no data of plugin (the address of
+ * its module) or of the libraries seen through, no heap of the process, no block that is pointed to
+ * itself. Outside callbacks; takes milliseconds. */
+OXNI_API void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user);
 /* Frees every live block, as the end of the agent's process does. Nothing may use one
  * afterwards. */
 OXNI_API void oxnih_memory_drop_all(void);

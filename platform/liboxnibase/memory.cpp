@@ -7,6 +7,8 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <new>
+#include <set>
 #include <unordered_map>
 #include <vector>
 
@@ -52,15 +54,57 @@ struct module_range {
     uintptr_t begin, end;
 };
 
+/* The list of guarded blocks lies in a heap of its own: what it knows of a block must not look like somebody's
+ * pointer to it. */
+static HANDLE own_heap()
+{
+    static const HANDLE heap = HeapCreate(HEAP_NO_SERIALIZE, 0, 0);
+
+    return heap;
+}
+
+template <typename T> struct own_allocator {
+    typedef T value_type;
+
+    own_allocator() = default;
+    template <typename U> own_allocator(const own_allocator<U> &)
+    {
+    }
+    T *allocate(size_t count)
+    {
+        void *room = HeapAlloc(own_heap(), 0, count * sizeof(T));
+
+        if (room == NULL)
+            throw std::bad_alloc();
+        return static_cast<T *>(room);
+    }
+    void deallocate(T *room, size_t)
+    {
+        HeapFree(own_heap(), 0, room);
+    }
+    bool operator==(const own_allocator &) const
+    {
+        return true;
+    }
+    bool operator!=(const own_allocator &) const
+    {
+        return false;
+    }
+};
+
+typedef std::map<uintptr_t, block, std::less<>, own_allocator<std::pair<const uintptr_t, block>>>
+    block_map;
+
 struct memory_state {
     plain_block plain = {&plain, &plain, 0, NULL, NULL}; /* head of the ring */
-    std::map<uintptr_t, block> blocks; /* guarded ones; they stay listed when they are freed */
-    std::deque<arena *> arenas;        /* the last one is being filled */
+    block_map blocks;           /* guarded ones; they stay listed when they are freed */
+    std::deque<arena *> arenas; /* the last one is being filled */
     std::vector<module_range> seen_through;
     oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
     oxnih_memory_stats stats = {};
     uint64_t fail_in = 0; /* allocations until one fails; 0 never */
     bool fail_forever = false;
+    std::set<uint64_t> fail_also; /* counts of allocations that fail as well */
     bool sites = true;
 };
 
@@ -97,13 +141,21 @@ static std::string site_text(const void *address)
     return name + text;
 }
 
+static bool is_seen_through(uintptr_t address)
+{
+    for (const module_range &range : s_memory.seen_through)
+        if (address >= range.begin && address < range.end)
+            return true;
+    return false;
+}
+
 void oxnih_memory_see_through(const void *address)
 {
     const char *base = module_base(address);
     IMAGE_DOS_HEADER dos;
     IMAGE_NT_HEADERS64 nt;
 
-    if (base == NULL)
+    if (base == NULL || is_seen_through(reinterpret_cast<uintptr_t>(address)))
         return;
     memcpy(&dos, base, sizeof(dos));
     memcpy(&nt, base + dos.e_lfanew, sizeof(nt));
@@ -114,14 +166,6 @@ void oxnih_memory_see_through(const void *address)
 /* This library too: a copied string belongs to who asked for it. */
 [[maybe_unused]] static const bool s_own_registered =
     (oxnih_memory_see_through(reinterpret_cast<const void *>(&oxni_free_)), true);
-
-static bool is_seen_through(uintptr_t address)
-{
-    for (const module_range &range : s_memory.seen_through)
-        if (address >= range.begin && address < range.end)
-            return true;
-    return false;
-}
 
 /* The first return address outside the platform's libraries: who wanted the JSON value, not where
  * Jansson asks for memory. The stack is walked only when the direct caller is such a library. */
@@ -213,6 +257,10 @@ static char *guarded_new(block *made)
 static bool must_fail()
 {
     s_memory.stats.allocations++;
+    if (s_memory.fail_also.count(s_memory.stats.allocations) != 0) {
+        s_memory.stats.failed++;
+        return true;
+    }
     if (s_memory.fail_in == 0 || --s_memory.fail_in > 0)
         return false;
     s_memory.fail_in = s_memory.fail_forever ? 1 : 0;
@@ -433,6 +481,12 @@ void oxnih_memory_fail(uint64_t nth, int forever)
 {
     s_memory.fail_in = nth;
     s_memory.fail_forever = forever != 0;
+    s_memory.fail_also.clear();
+}
+
+void oxnih_memory_fail_also(uint64_t nth)
+{
+    s_memory.fail_also.insert(s_memory.stats.allocations + nth);
 }
 
 void oxnih_memory_get_stats(oxnih_memory_stats *stats)
@@ -440,27 +494,25 @@ void oxnih_memory_get_stats(oxnih_memory_stats *stats)
     *stats = s_memory.stats;
 }
 
-void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
+struct leak {
+    std::string site;
+    uint64_t blocks, bytes;
+};
+/* By caller. */
+typedef std::unordered_map<const void *, leak> leak_map;
+
+static void add_leak(leak_map &found, const void *caller, size_t size)
 {
-    struct leak {
-        std::string site;
-        uint64_t blocks, bytes;
-    };
-    std::unordered_map<const void *, leak> found;
+    leak &at = found[caller];
+
+    at.blocks++;
+    at.bytes += size;
+}
+
+static void report_leaks(leak_map &found, oxnih_leak_fn fn, void *user)
+{
     std::vector<leak> sorted;
 
-    for (const auto &entry : s_memory.blocks) {
-        if (entry.second.freed_by != NULL)
-            continue;
-        leak &at = found[entry.second.caller];
-        at.blocks++;
-        at.bytes += entry.second.size;
-    }
-    for (plain_block *each = s_memory.plain.next; each != &s_memory.plain; each = each->next) {
-        leak &at = found[each->caller];
-        at.blocks++;
-        at.bytes += each->size;
-    }
     for (auto &entry : found) {
         entry.second.site = site_text(entry.first);
         sorted.push_back(entry.second);
@@ -470,6 +522,129 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
     });
     for (const leak &each : sorted)
         fn(each.site.c_str(), each.blocks, each.bytes, user);
+}
+
+void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
+{
+    leak_map found;
+
+    for (const auto &entry : s_memory.blocks)
+        if (entry.second.freed_by == NULL)
+            add_leak(found, entry.second.caller, entry.second.size);
+    for (plain_block *each = s_memory.plain.next; each != &s_memory.plain; each = each->next)
+        add_leak(found, each->caller, each->size);
+    report_leaks(found, fn, user);
+}
+
+/* Which of the guarded blocks are pointed to, wherever into them. */
+class reach
+{
+  public:
+    reach()
+    {
+        for (const auto &entry : s_memory.blocks)
+            if (entry.second.freed_by == NULL && entry.second.guarded_in != NULL)
+                targets_.push_back({entry.first, &entry.second, false});
+    }
+
+    /* Whatever looks like a pointer there is one, 8 bytes by 8 from begin on: a guarded block may
+     * begin anywhere. */
+    void scan(uintptr_t begin, uintptr_t end)
+    {
+        for (uintptr_t pointer; begin + sizeof(pointer) <= end; begin += sizeof(pointer)) {
+            memcpy(&pointer, reinterpret_cast<const void *>(begin), sizeof(pointer));
+            mark(pointer);
+        }
+    }
+
+    /* Goes on from the blocks that were found. */
+    void follow()
+    {
+        while (!found_.empty()) {
+            const target at = targets_[found_.back()];
+
+            found_.pop_back();
+            scan(at.begin, at.begin + at.is->size);
+        }
+    }
+
+    void missing(leak_map &leaks) const
+    {
+        for (const target &each : targets_)
+            if (!each.reached)
+                add_leak(leaks, each.is->caller, each.is->size);
+    }
+
+  private:
+    struct target {
+        uintptr_t begin;
+        const block *is;
+        bool reached;
+    };
+
+    void mark(uintptr_t pointer)
+    {
+        if (targets_.empty() || pointer < targets_.front().begin)
+            return;
+        auto behind = std::upper_bound(
+            targets_.begin(), targets_.end(), pointer,
+            [](uintptr_t value, const target &other) { return value < other.begin; });
+        target &at = *std::prev(behind);
+        if (at.reached || (pointer != at.begin && pointer - at.begin >= at.is->size))
+            return;
+        at.reached = true;
+        found_.push_back(static_cast<size_t>(&at - targets_.data()));
+    }
+
+    /* Where they would not be found themselves, nor move what is being walked. */
+    std::vector<target, own_allocator<target>> targets_; /* by address */
+    std::vector<size_t, own_allocator<size_t>> found_;   /* not followed yet */
+};
+
+/* The data of a module that it can write to. */
+static void scan_module(reach &reach, const char *base)
+{
+    const IMAGE_DOS_HEADER *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
+    const IMAGE_NT_HEADERS64 *nt =
+        reinterpret_cast<const IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
+    const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(nt);
+
+    for (WORD i = 0; i < nt->FileHeader.NumberOfSections; i++, section++) {
+        uintptr_t begin = reinterpret_cast<uintptr_t>(base) + section->VirtualAddress;
+
+        if ((section->Characteristics & IMAGE_SCN_MEM_WRITE) != 0)
+            reach.scan(begin, begin + section->Misc.VirtualSize);
+    }
+}
+
+static void scan_heap(reach &reach, HANDLE heap)
+{
+    PROCESS_HEAP_ENTRY entry = {};
+
+    while (HeapWalk(heap, &entry)) {
+        uintptr_t begin = reinterpret_cast<uintptr_t>(entry.lpData);
+
+        if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0)
+            reach.scan(begin, begin + entry.cbData);
+    }
+}
+
+void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
+{
+    HANDLE heaps[64];
+    DWORD count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
+    leak_map lost;
+    reach reach;
+
+    for (const module_range &module : s_memory.seen_through)
+        scan_module(reach, reinterpret_cast<const char *>(module.begin));
+    scan_module(reach, static_cast<const char *>(plugin));
+    for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
+        if (heaps[i] != own_heap())
+            scan_heap(reach, heaps[i]);
+    reach.follow();
+    reach.missing(lost);
+    report_leaks(lost, fn, user);
 }
 
 void oxnih_memory_drop_all(void)

@@ -123,6 +123,7 @@ TEST_F(subscribers, messages_are_held_to_the_schema)
                   notes());
     }
     EXPECT_EQ(-1, oxni_subscribee_install("s2", "{", 0, on_service, NULL));
+    EXPECT_EQ(-1, oxni_subscribee_install("s3", "{\"pattern\": \"(\"}", 0, on_service, NULL));
     EXPECT_EQ(-1, oxni_subscribee_install("svc", SCHEMA, 0, on_service, NULL)); /* in use */
 }
 

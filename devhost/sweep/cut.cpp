@@ -1,0 +1,448 @@
+/* The cuts: one process that is ended for good, and one that plays the same up to there, ends the
+ * agent at the same place, takes the files of the dead one, and plays on. */
+#include "cut.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include <oxni/base/memory.h>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../agent.h"
+#include "../machine/imports.h"
+#include "../machine/machine.h"
+#include "../scenario/play.h"
+#include "../scenario/record.h"
+#include "../session.h"
+#include "../text.h"
+#include "jobs.h"
+#include "sweep.h"
+#include "watch.h"
+
+#define HANG_SECONDS 120
+#define RESTART_MS   5000u
+#define EXIT_CUT     99
+
+struct cut_options {
+    std::vector<std::string> files;
+    std::string plugin_path;
+    std::string place;
+    std::string keep;    /* of the process that is ended: its run's folder */
+    uint64_t at = 0;     /* the operation before which it ends; 0: shares the work out */
+    bool torn = false;   /* in the middle of a write: half of the bytes are there */
+    size_t every = 1;    /* only each so many'th operation */
+    size_t from = 0;     /* first operation */
+    bool worker = false; /* does all cuts of one file */
+};
+
+/* What happens at the operations of this process. */
+static struct {
+    uint64_t count; /* so far */
+    uint64_t at;    /* 0: at none */
+    bool torn;
+    void (*end)(void);           /* ends the agent */
+    void (*before)(bool writes); /* may be NULL */
+    HANDLE held; /* what is open in this operation, which Windows closes with the process */
+    FILE *stream;
+} s_ops;
+
+/* Result: whether this write is to be done by half first. */
+static bool operation(bool writes)
+{
+    s_ops.count++;
+    if (s_ops.before != NULL)
+        s_ops.before(writes);
+    if (s_ops.count != s_ops.at)
+        return false;
+    if (writes && s_ops.torn)
+        return true;
+    s_ops.end();
+    return false;
+}
+
+/* Operations, each with the real function of its module behind it: those of the plug-in go on to
+ * the machine. */
+template <int module> struct operations {
+    static inline decltype(&::CreateFileW) create_w;
+    static inline decltype(&::CreateFileA) create_a;
+    static inline decltype(&::WriteFile) write;
+    static inline decltype(&::FlushFileBuffers) flush;
+    static inline decltype(&::MoveFileExW) move;
+    static inline decltype(&::DeleteFileW) remove;
+    static inline decltype(&::SetFileTime) set_time;
+    static inline decltype(&::fclose) close;
+
+    static HANDLE WINAPI do_create_w(const wchar_t *path, DWORD access, DWORD share,
+                                     SECURITY_ATTRIBUTES *security, DWORD disposition, DWORD flags,
+                                     HANDLE other)
+    {
+        if ((access & GENERIC_WRITE) != 0)
+            (void)operation(false);
+        return create_w(path, access, share, security, disposition, flags, other);
+    }
+    static HANDLE WINAPI do_create_a(const char *path, DWORD access, DWORD share,
+                                     SECURITY_ATTRIBUTES *security, DWORD disposition, DWORD flags,
+                                     HANDLE other)
+    {
+        if ((access & GENERIC_WRITE) != 0)
+            (void)operation(false);
+        return create_a(path, access, share, security, disposition, flags, other);
+    }
+    static BOOL WINAPI do_write(HANDLE file, const void *bytes, DWORD count, DWORD *written,
+                                OVERLAPPED *overlapped)
+    {
+        s_ops.held = module != 0 ? file : NULL;
+        if (operation(true)) {
+            (void)write(file, bytes, count / 2, written, overlapped);
+            s_ops.end();
+        }
+        s_ops.held = NULL;
+        return write(file, bytes, count, written, overlapped);
+    }
+    static BOOL WINAPI do_flush(HANDLE file)
+    {
+        s_ops.held = file;
+        (void)operation(false);
+        s_ops.held = NULL;
+        return flush(file);
+    }
+    static BOOL WINAPI do_move(const wchar_t *from, const wchar_t *to, DWORD flags)
+    {
+        (void)operation(false);
+        return move(from, to, flags);
+    }
+    static BOOL WINAPI do_remove(const wchar_t *path)
+    {
+        (void)operation(false);
+        return remove(path);
+    }
+    static BOOL WINAPI do_set_time(HANDLE file, const FILETIME *created, const FILETIME *accessed,
+                                   const FILETIME *written)
+    {
+        (void)operation(false);
+        return set_time(file, created, accessed, written);
+    }
+    static int do_close(FILE *file)
+    {
+        s_ops.stream = file;
+        (void)operation(false); /* what was written goes to the disk now */
+        s_ops.stream = NULL;
+        return close(file);
+    }
+
+    template <typename Function> static void lead(void **entry, Function *real, Function stand_in)
+    {
+        *real = reinterpret_cast<Function>(imports_lead(entry, reinterpret_cast<void *>(stand_in)));
+    }
+
+    static void lead_name(const std::string &name, void **entry)
+    {
+        if (name == "CreateFileW")
+            lead(entry, &create_w, &do_create_w);
+        if (name == "CreateFileA")
+            lead(entry, &create_a, &do_create_a);
+        if (name == "WriteFile" && module != 2) /* there it is the log's */
+            lead(entry, &write, &do_write);
+        if (name == "FlushFileBuffers")
+            lead(entry, &flush, &do_flush);
+        if (name == "MoveFileExW")
+            lead(entry, &move, &do_move);
+        if (name == "DeleteFileW")
+            lead(entry, &remove, &do_remove);
+        if (name == "SetFileTime")
+            lead(entry, &set_time, &do_set_time);
+        if (name == "fclose")
+            lead(entry, &close, &do_close);
+    }
+
+    static void lead_all(HMODULE of)
+    {
+        imports_each(of, [](const std::string &, const char *name, void **entry) {
+            lead_name(name, entry);
+        });
+    }
+};
+
+/* The platform's libraries once, the plug-in at each start. */
+static void lead_platform(void)
+{
+    operations<1>::lead_all(GetModuleHandleW(L"libwdu_ejs.dll"));
+    operations<2>::lead_all(GetModuleHandleW(L"liboxnibase.dll"));
+}
+
+static void lead_plugin(HMODULE plugin)
+{
+    operations<0>::lead_all(plugin);
+}
+
+[[noreturn]] static void end_process(void)
+{
+    TerminateProcess(GetCurrentProcess(), EXIT_CUT);
+    abort();
+}
+
+/* Leaves the plug-in's frames as the end of its process by the allocation guard does. */
+static void end_agent(void)
+{
+    if (s_ops.held != NULL)
+        CloseHandle(s_ops.held);
+    if (s_ops.stream != NULL)
+        fclose(s_ops.stream);
+    s_ops.held = NULL;
+    s_ops.stream = NULL;
+    oxni_out_of_memory_("cut", 0);
+}
+
+typedef std::map<std::string, std::string> file_set; /* name to bytes; missing ones are not in it */
+
+/* What the plug-in keeps: its documents, the tag, the drivers' crash record. */
+static const std::string s_names[] = {
+    "agent\\var\\bypass_mgr\\bypass_mgr_persistence.ejs",
+    "agent\\var\\bypass_mgr\\bypass_mgr_upload.ejs",
+    "agent\\var\\bypass_mgr\\bypass_mgr_dumprecord.ejs",
+    "base\\Quorvel\\OXNI3_CFG\\driver\\oxni_driver_recover",
+    "agent\\bin\\crash_config.cfg",
+};
+
+static file_set files_of(const std::string &folder)
+{
+    file_set files;
+
+    for (const std::string &name : s_names) {
+        std::wstring path = text_wide(folder + "\\" + name);
+
+        if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+            files[name] = machine_read_real_file(path, EXIT_BAD_CALL);
+    }
+    return files;
+}
+
+/* Whether a name is a document's, of which there is no third state. */
+static bool is_document(const std::string &name)
+{
+    return name.size() > 4 && name.compare(name.size() - 4, 4, ".ejs") == 0;
+}
+
+/* What the uncut run was like: before each operation the files, and whether it writes; at last the
+ * files and the products. */
+struct plain_run {
+    std::vector<file_set> files;
+    std::vector<bool> writes;
+    std::string products;
+};
+
+struct cut_run {
+    const struct scenario &scenario; /* without expectations */
+    const struct cut_options &options;
+    const run_folder &folder, &dead; /* of the process that ends */
+    plain_run plain;
+    uint64_t cuts, violations;
+};
+
+static cut_run *s_run;
+
+static void note_operation(bool writes)
+{
+    s_run->plain.files.push_back(files_of(s_run->folder.path));
+    s_run->plain.writes.push_back(writes);
+}
+
+static std::string products_now(void)
+{
+    std::string all;
+
+    for (const std::string &key : product_keys()) {
+        std::string state = product_state_text(key);
+
+        all += key + state.substr(0, state.find(",\"commands\"")) + "} ";
+    }
+    return all;
+}
+
+/* The files that the ended process left, in place of ours. */
+static void take_over(const cut_run &run)
+{
+    file_set left = files_of(run.dead.path);
+
+    for (const auto &file : files_of(run.folder.path))
+        if (left.count(file.first) == 0)
+            DeleteFileW(text_wide(run.folder.path + "\\" + file.first).c_str());
+    for (const auto &file : left)
+        machine_write_file(text_wide(run.folder.path + "\\" + file.first), file.second,
+                           oxnih_clock_now_100ns(), oxnih_clock_now_100ns());
+}
+
+/* Plays all boots; an agent that was ended on the way starts again in the same boot. */
+static std::string play_all_boots(const struct scenario &scenario, const std::string &plugin_path,
+                                  const std::string &folder)
+{
+    std::string products;
+    bool cut = false;
+
+    s_ops.count = 0;
+    play_open(scenario, {folder, plugin_path, false, true});
+    oxnih_log_set_sink(NULL, NULL);
+    while (play_begin_boot()) {
+        while (play_now_ms() < play_boot_end_ms()) {
+            play_run_until(std::min(play_boot_end_ms(), play_now_ms() + 1000));
+            if (cut || s_ops.at == 0 || s_ops.count < s_ops.at)
+                continue;
+            cut = true;
+            take_over(*s_run);
+            play_at(play_now_ms() + RESTART_MS, play_start_agent);
+        }
+        play_end_boot();
+    }
+    products = products_now();
+    (void)play_close();
+    return products;
+}
+
+static void violation(cut_run &run, const std::string &what)
+{
+    run.violations++;
+    printf("violation: %s: cut %llu%s: %s\n", run.options.files.front().c_str(),
+           static_cast<unsigned long long>(s_ops.at), s_ops.torn ? " in the middle" : "",
+           what.c_str());
+}
+
+/* Each document is the old or the new one. */
+static void check_files(cut_run &run)
+{
+    size_t at = static_cast<size_t>(s_ops.at);
+    file_set left = files_of(run.dead.path);
+    file_set old = run.plain.files[at - 1], fresh = run.plain.files[at];
+
+    for (const std::string &name : s_names) {
+        bool same = left[name] == old[name] || left[name] == fresh[name];
+
+        if (is_document(name) && !same)
+            violation(run, name + " is neither the old nor the new one");
+    }
+}
+
+static void cut_once(cut_run &run, uint64_t at, bool torn)
+{
+    std::vector<std::string> arguments = {
+        "cut",      run.options.files.front(), "--at", std::to_string(at), "--keep", run.dead.path,
+        "--plugin", run.options.plugin_path};
+    std::string output;
+
+    if (torn)
+        arguments.push_back("--torn");
+    run.dead.empty();
+    run.folder.empty();
+    watch_try("oxni_devhost cut " + run.options.files.front() + " --from " + std::to_string(at),
+              at);
+    unsigned status = jobs_run_process(arguments, &output);
+    s_ops = {0, at, torn, end_agent, NULL, NULL, NULL};
+    run.cuts++;
+    if (status != EXIT_CUT)
+        violation(run, text_format("the process ended with status %u", status));
+    check_files(run);
+    std::string products = play_all_boots(run.scenario, run.options.plugin_path, run.folder.path);
+    if (products != run.plain.products)
+        violation(run, "at the end " + products + "in place of " + run.plain.products);
+}
+
+static void cut_file(cut_run &run)
+{
+    s_ops = {0, 0, false, end_agent, note_operation, NULL, NULL};
+    s_run = &run;
+    watch_try("oxni_devhost run " + run.options.files.front(), 0);
+    run.plain.products = play_all_boots(run.scenario, run.options.plugin_path, run.folder.path);
+    run.plain.files.push_back(files_of(run.folder.path));
+    for (uint64_t at = 1; at <= run.plain.writes.size(); at++) {
+        if (at < run.options.from || at % run.options.every != 0)
+            continue;
+        cut_once(run, at, false);
+        if (run.plain.writes[static_cast<size_t>(at - 1)])
+            cut_once(run, at, true);
+    }
+}
+
+/* This process is the one that ends. */
+static int cut_here(const struct scenario &scenario, const struct cut_options &options)
+{
+    s_ops = {0, options.at, options.torn, end_process, NULL, NULL, NULL};
+    (void)play_all_boots(scenario, options.plugin_path, options.keep);
+    return EXIT_EXPECTATION_FAILED; /* there is no such operation */
+}
+
+static int cut_part(const struct cut_options &options)
+{
+    struct scenario scenario;
+
+    watch_open(HANG_SECONDS);
+    lead_platform();
+    agent_watch_start(lead_plugin);
+    scenario_load(scenario, options.files.front(), {});
+    sweep_strip(scenario);
+    if (options.at != 0)
+        return cut_here(scenario, options);
+    run_folder folder("", options.place), dead(folder.path + "-dead");
+    cut_run run = {scenario, options, folder, dead, {}, 0, 0};
+    dead.kept = false;
+    cut_file(run);
+    printf("figures %llu %llu\n", static_cast<unsigned long long>(run.cuts),
+           static_cast<unsigned long long>(run.violations));
+    fflush(stdout);
+    return run.violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+static int cut_shared(const struct cut_options &options)
+{
+    std::vector<std::vector<std::string>> jobs;
+    ULONGLONG began = GetTickCount64();
+    unsigned long long cuts = 0, violations = 0, n[2];
+
+    for (const std::string &file : options.files)
+        jobs.push_back({"cut", file, "--worker", "--plugin", options.plugin_path, "--place",
+                        options.place, "--every", std::to_string(options.every)});
+    for (const std::string &line : jobs_run(jobs)) {
+        if (sscanf(line.c_str(), "figures %llu %llu", &n[0], &n[1]) == 2) {
+            cuts += n[0];
+            continue;
+        }
+        violations += line.rfind("violation:", 0) == 0;
+        printf("%s\n", line.c_str());
+    }
+    printf("%-12s %8s %11s %8s\n%-12s %8llu %11llu %8.1f\n", "", "number", "violations", "seconds",
+           "cuts", cuts, violations, static_cast<double>(GetTickCount64() - began) / 1000.0);
+    return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+void cut_add_command(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<cut_options>();
+    CLI::App *command =
+        app.add_subcommand("cut", "Ends the process at every file operation of scenarios");
+
+    command->add_option("FILE", options->files, "Scenario files")->required();
+    command->add_option("--plugin", options->plugin_path,
+                        "The DLL; else the one beside this program");
+    command->add_option("--place", options->place,
+                        "Folder for the runs' files, best in memory; else the temporary one");
+    command->add_option("--every", options->every, "Only each so many'th operation")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--from", options->from, "From this operation on");
+    command->add_flag("--worker", options->worker, "All cuts of one file, in this process");
+    command->add_option("--at", options->at, "Ends this process before that operation");
+    command->add_flag("--torn", options->torn, "In the middle of it");
+    command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
+    command->callback([options, status] {
+        if (options->plugin_path.empty())
+            options->plugin_path = session_standard_plugin();
+        *status = options->worker || options->at != 0 || options->from != 0 ? cut_part(*options)
+                                                                            : cut_shared(*options);
+    });
+}

@@ -1,0 +1,22 @@
+/*
+ * Work that is done by processes of this program, several at a time: each does one part and may
+ * crash without the others, and is started again behind the trial that it ended in.
+ */
+#ifndef DEVHOST_JOBS_H
+#define DEVHOST_JOBS_H
+
+#include <string>
+#include <vector>
+
+/* Runs this program with those arguments (UTF-8) and waits for its end. output: what it wrote to
+ * its standard output; its errors go where ours do. Result: its exit status; 259 when it cannot be
+ * started. */
+unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string *output);
+
+/* Runs it for every list of arguments, as many at a time as there are processors. A process that
+ * crashed or hung goes on with "--from N" added. Result: the lines that they wrote, without those
+ * by which the watch tells where to go on; a process that cannot be started or ends with a status
+ * that is not its own leaves a line of "violation". */
+std::vector<std::string> jobs_run(const std::vector<std::vector<std::string>> &jobs);
+
+#endif

@@ -1,0 +1,767 @@
+/* The runs of a sweep, and what is looked at in each. */
+#include "sweep.h"
+
+#include <stdio.h>
+#include <string.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+#include <oxni/base/ejs.h>
+#include <oxni/base/log.h>
+
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../agent.h"
+#include "../machine/calls.h"
+#include "../machine/imports.h"
+#include "../machine/machine.h"
+#include "../scenario/play.h"
+#include "../scenario/record.h"
+#include "../session.h"
+#include "../text.h"
+#include "../view/view.h"
+#include "jobs.h"
+#include "watch.h"
+
+/* A run takes less than a second, one of ten days some. */
+#define HANG_SECONDS 120
+/* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
+ * many make each fail once. */
+#define BATCH 32u
+/* Failures that come about once: so many in one boot, and so many places apart in their list at
+ * least, where the ways of one call to fail stand together. */
+#define AT_ONCE ((size_t)8)
+#define APART   ((size_t)40)
+/* Times that a boot comes in a run, and how long it lasts behind the moment from which on everything
+ * fails. */
+#define LIVES     ((size_t)8)
+#define SETTLE_MS 30000u
+/* Longer than any product's name in the scenarios. */
+#define NAME_BYTES 32
+
+/* The machine as it is without faults, whatever the scenario has made of it. */
+static const char s_afterwards[] = R"({
+    "about": "nothing is disturbed any more", "until": 450,
+    "machine": {
+        "privileges": ["SeSecurityPrivilege"], "tick_count_64": true, "base_folder": true,
+        "lenient": false, "services": {"load_driver": ["running"], "oxnisp_driver": ["running"]},
+        "engine": {"present": true, "fails": {}},
+        "processes": [{"pid": 0, "parent": 0, "name": "[System Process]"},
+                      {"pid": 4, "parent": 0, "name": "System"}]
+    },
+    "steps": []
+})";
+
+struct sweep_options {
+    std::string kind; /* "allocations" or "calls" */
+    std::vector<std::string> files;
+    std::string plugin_path;
+    std::string place;          /* where run folders are made; empty: the temporary folder */
+    size_t every = 1;           /* only each so many'th run */
+    size_t part = 0, parts = 0; /* of this process; 0 parts: share them out to processes */
+    size_t from = 0;            /* first run */
+    int64_t only = -1;          /* this run alone, with what happens in it */
+};
+
+enum failure_way {
+    FAILS_ALLOCATION,
+    FAILS_CALL,
+    FAILS_ENGINE, /* a call of the debugger engine, in the whole boot */
+    FAILS_PUSH,   /* a command finds its product unreachable */
+};
+
+struct failure {
+    enum failure_way way;
+    uint64_t nth;
+    uint64_t times; /* each BATCH calls behind the one before; 0: it and all to the boot's end */
+    std::string call;
+    uint32_t error;
+};
+
+/* What a run showed. */
+struct course {
+    std::vector<uint64_t> allocations;                  /* by boot */
+    std::vector<std::map<std::string, uint64_t>> calls; /* by boot */
+    std::vector<uint64_t> pushes;                       /* by boot */
+    std::vector<std::vector<std::string>> states;       /* of the products, at each boot's end */
+    std::vector<std::string> complaints;                /* but for those that are no violation */
+    std::vector<std::string> afterwards; /* what the boot behind it brought the products */
+    std::vector<std::string> problems;   /* violations */
+    uint64_t failures;                   /* that came about */
+    uint64_t exits;                      /* of the agent, by the allocation guard */
+};
+
+typedef std::vector<const failure *> failure_list;
+/* By boot. */
+typedef std::vector<failure_list> failure_set;
+
+/* The part of a file that this process sweeps. */
+struct file_sweep {
+    const struct sweep_options &options;
+    const run_folder &folder;
+    size_t index; /* of the next run */
+    uint64_t runs, failed, exits, violations;
+};
+
+static const struct {
+    const char *call;
+    uint32_t results[3];
+} s_engine_failures[] = {
+    {"DebugCreate",        {0x80004005, 0x8007000e, 0x80004002}},
+    {"QueryInterface",     {0x80004002, 0x8007000e, 0x80004005}},
+    {"SetOutputCallbacks", {0x80004005, 0x80070057, 0x00000001}},
+    {"OpenDumpFileWide",   {0x80070002, 0x80070005, 0x8007000d}},
+    {"WaitForEvent",       {0x80004005, 0x00000001, 0x8000000a}},
+    {"GetStackTrace",      {0x80004005, 0x80004001, 0x8007000e}},
+    {"OutputStackTrace",   {0x80004005, 0x80004001, 0x8007000e}},
+};
+
+static std::vector<std::string> s_lost; /* blocks and handles, at the ends of the agent */
+
+/* Uploads of this life of the agent that failed in transport: the plug-in leaves the name of the
+ * product with each. */
+static uint64_t failed_uploads(void)
+{
+    uint64_t failed = 0;
+
+    for (const happening &what : record_all()) {
+        if (what.kind == HAPPENED_AGENT)
+            failed = 0;
+        failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
+    }
+    return failed;
+}
+
+static void add_lost(const char *site, uint64_t blocks, uint64_t bytes, void *user)
+{
+    uint64_t *names = static_cast<uint64_t *>(user);
+
+    if (blocks <= *names && bytes <= blocks * NAME_BYTES) {
+        *names = 0; /* they come from one place */
+        return;
+    }
+    s_lost.push_back(text_format("%llu blocks of %llu bytes from %s are lost",
+                                 static_cast<unsigned long long>(blocks),
+                                 static_cast<unsigned long long>(bytes), site));
+}
+
+/* An agent that ends itself in the middle of its work leaves all that to Windows. */
+static void look_for_leaks(const void *plugin)
+{
+    std::string open = calls_left_open();
+    uint64_t names = failed_uploads();
+
+    if (agent_state_get() == AGENT_EXITED)
+        return;
+    oxnih_memory_lost(plugin, add_lost, &names);
+    if (!open.empty())
+        s_lost.push_back("left open: " + open);
+}
+
+static json_value &member(json_value &object, const char *name)
+{
+    return object.FindMember(name)->value;
+}
+
+/* A boot without what it expects, and without allocations that it makes fail itself: they would
+ * undo ours. */
+static void strip(json_value &boot)
+{
+    boot.RemoveMember("expect");
+    if (node_member(&boot, "steps") == NULL)
+        return;
+    json_value &steps = member(boot, "steps");
+    for (auto step = steps.Begin(); step != steps.End();)
+        step = step->HasMember("expect") || step->HasMember("fail_allocation") ? steps.Erase(step)
+                                                                               : step + 1;
+}
+
+void sweep_strip(struct scenario &scenario)
+{
+    for (json_value &boot : member(scenario.document, "boots").GetArray())
+        strip(boot);
+}
+
+/* Ends as another one does; NULL: cleanly. */
+static void set_end(json_value &boot, const json_value *other,
+                    rapidjson::Document::AllocatorType &memory)
+{
+    for (const char *name : {"ends", "crash"}) {
+        const json_value *said = node_member(other, name);
+
+        boot.RemoveMember(name);
+        if (said != NULL)
+            boot.AddMember(json_value(name, memory), json_value(*said, memory), memory);
+    }
+}
+
+/* The products' states at the beginning of a boot, set there by steps. */
+static void add_states(json_value &boot, const std::vector<std::string> &states,
+                       rapidjson::Document::AllocatorType &memory)
+{
+    if (node_member(&boot, "steps") == NULL)
+        boot.AddMember("steps", json_value(rapidjson::kArrayType), memory);
+    for (size_t i = 0; i < states.size(); i++) {
+        rapidjson::Document state(&memory);
+        json_value step(rapidjson::kObjectType), set(rapidjson::kObjectType);
+
+        state.Parse(states[i].c_str());
+        set.AddMember("status", state["status"], memory);
+        set.AddMember("count", state["count"], memory);
+        step.AddMember("at", 0, memory);
+        step.AddMember("product", json_value(product_keys()[i].c_str(), memory), memory);
+        step.AddMember("set", set, memory);
+        member(boot, "steps").PushBack(step, memory);
+    }
+}
+
+/* A scenario up to one of its boots, which comes LIVES times, each time behind the same end of
+ * Windows and with the same products; and an undisturbed boot. states: of the products. */
+static void prepare(const struct scenario &whole, size_t boot,
+                    const std::vector<std::string> &states, struct scenario &scenario)
+{
+    auto &memory = scenario.document.GetAllocator();
+    rapidjson::Document afterwards(&memory);
+    std::vector<std::string> usual;
+
+    scenario.file = whole.file;
+    scenario.folder = whole.folder;
+    scenario.defines = whole.defines;
+    scenario.document.CopyFrom(whole.document, memory);
+    json_value &boots = member(scenario.document, "boots");
+    boots.Erase(boots.Begin() + static_cast<int>(boot + 1), boots.End());
+    for (json_value &each : boots.GetArray())
+        strip(each);
+    const json_value *before =
+        boot > 0
+            ? &node_member(&whole.document, "boots")->GetArray()[static_cast<unsigned>(boot - 1)]
+            : node_member(&whole.document, "before");
+    json_value again(boots[static_cast<unsigned>(boot)], memory);
+    set_end(boots[static_cast<unsigned>(boot)], before, memory);
+    again.RemoveMember("at");
+    add_states(again, states, memory);
+    for (size_t life = 1; life < LIVES; life++) {
+        json_value copy(again, memory);
+
+        set_end(copy, life + 1 < LIVES ? before : NULL, memory);
+        boots.PushBack(copy, memory);
+    }
+    afterwards.Parse(s_afterwards);
+    for (size_t i = 0; i < states.size(); i++)
+        usual.push_back("{\"status\": \"working\", \"count\": 1}");
+    add_states(afterwards, usual, memory);
+    boots.PushBack(afterwards.Move(), memory);
+}
+
+/* Unsubscribing gives a reference back whether the handle was filed or not. A registration that was
+ * dropped leaves it unfiled, and the platform counts one delete too many when that product leaves:
+ * one for each leaving, and only of the handle that left. */
+static void note_complaints(course &course)
+{
+    std::map<std::string, size_t> left;
+
+    for (const happening &what : record_all()) {
+        if (what.kind == HAPPENED_LEFT)
+            left[what.who]++;
+        if (what.kind != HAPPENED_COMPLAINT)
+            continue;
+        bool excused = false;
+        for (auto &leaving : left)
+            if (leaving.second > 0 && what.text.find("no reference of subscriber " + leaving.first +
+                                                     " is left to give") != std::string::npos) {
+                leaving.second--;
+                excused = true;
+                break;
+            }
+        if (!excused)
+            course.complaints.push_back(what.text);
+    }
+}
+
+/* How often the platform's drivers crashed is in files of theirs, which failures keep from being
+ * set back. */
+static std::string without_count(const happening &what)
+{
+    size_t at = what.text.find(", count ");
+
+    if (what.kind != HAPPENED_MESSAGE || what.who != "XNI/BYPASS" || at == std::string::npos)
+        return what.text;
+    return what.text.substr(0, at) + what.text.substr(what.text.find(',', at + 1));
+}
+
+static void note_afterwards(course &course, int boot)
+{
+    for (const happening &what : record_all())
+        if (what.boot == boot && (what.kind == HAPPENED_COMMAND || what.kind == HAPPENED_MESSAGE))
+            course.afterwards.push_back(time_span(what.ms) + " " + what.who + " " + what.whom +
+                                        without_count(what));
+    if (agent_state_get() != AGENT_RUNNING)
+        course.problems.push_back("the agent does not run in the boot afterwards");
+}
+
+/* A document that is there loads, and nothing half-written lies beside it. */
+static void check_documents(course &course)
+{
+    static const char *const names[] = {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs",
+                                        "bypass_mgr_dumprecord.ejs"};
+
+    for (const char *name : names) {
+        std::string path = agent_data_path(name);
+
+        if (machine_file_exists(text_wide(path + ".tmp")))
+            course.problems.push_back(std::string(name) + ".tmp is left behind");
+        if (!machine_file_exists(text_wide(path)))
+            continue;
+        json_t *document = wdu_json_load_file_ejs(path.c_str());
+        if (document == NULL)
+            course.problems.push_back(std::string(name) + " does not load");
+        wdu_json_delete_ejs(document);
+    }
+}
+
+/* Those fail in the sweep of allocations. */
+static bool is_allocation(const std::string &call)
+{
+    return call == "oxni_zero_malloc_" || call == "oxni_ralloc_" || call == "oxni_strdup";
+}
+
+static uint64_t allocations(bool failed_only)
+{
+    oxnih_memory_stats stats;
+
+    oxnih_memory_get_stats(&stats);
+    return failed_only ? stats.failed : stats.allocations;
+}
+
+static void arm(const failure &failure)
+{
+    if (failure.way == FAILS_ALLOCATION && failure.times == 0)
+        oxnih_memory_fail(failure.nth, 1);
+    if (failure.way == FAILS_ALLOCATION && failure.times != 0)
+        oxnih_memory_fail_also(failure.nth);
+    if (failure.way == FAILS_CALL)
+        for (uint64_t i = 0; i < std::max<uint64_t>(failure.times, 1); i++)
+            calls_fail(failure.call, failure.nth + i * BATCH, failure.times == 0 ? 0 : 1,
+                       failure.error);
+    if (failure.way == FAILS_PUSH)
+        product_disturb(failure.nth, failure.times == 0, static_cast<int32_t>(failure.error));
+    if (failure.way == FAILS_ENGINE) {
+        machine_get().engine_faults[failure.call] = static_cast<HRESULT>(failure.error);
+        machine_update_engine();
+    }
+}
+
+static void disarm(const failure &failure)
+{
+    oxnih_memory_fail(0, 0);
+    if (failure.way == FAILS_ENGINE) {
+        machine_get().engine_faults.erase(failure.call);
+        machine_update_engine();
+    }
+}
+
+/* Failures of calls that a boot has seen. */
+static uint64_t came_about(const failure &failure, const course &course)
+{
+    if (failure.way == FAILS_ALLOCATION)
+        return 0; /* the platform counts them */
+    if (failure.way == FAILS_ENGINE)
+        return 1;
+    uint64_t calls =
+        failure.way == FAILS_PUSH ? course.pushes.back() : course.calls.back().at(failure.call);
+    if (calls < failure.nth)
+        return 0;
+    return failure.times == 0 ? calls - failure.nth + 1
+                              : std::min(failure.times, (calls - failure.nth) / BATCH + 1);
+}
+
+/* To the end of the boot. Where everything fails from some moment on, nothing new happens for long
+ * behind it. */
+static void run_boot(const failure_list &failures)
+{
+    bool forever = failures.size() == 1 && failures[0]->times == 0;
+    uint64_t failed = allocations(true);
+
+    while (forever && play_now_ms() + SETTLE_MS < play_boot_end_ms()) {
+        bool begun = failures[0]->way == FAILS_ALLOCATION ? allocations(true) > failed
+                     : failures[0]->way == FAILS_CALL
+                         ? calls_count(failures[0]->call) >= failures[0]->nth
+                         : false;
+
+        play_run_until(play_now_ms() + SETTLE_MS);
+        if (begun)
+            return;
+    }
+    play_run_until(play_boot_end_ms());
+}
+
+/* One boot, with failures in it or without. */
+static void play_boot(course &course, const failure_list &failures)
+{
+    uint64_t before = allocations(false), failed = allocations(true);
+
+    course.states.emplace_back();
+    product_disturb(0, false, 0);
+    for (const failure *failure : failures)
+        arm(*failure);
+    run_boot(failures);
+    for (const std::string &key : product_keys())
+        course.states.back().push_back(product_state_text(key));
+    course.allocations.push_back(allocations(false) - before);
+    course.calls.emplace_back();
+    for (const std::string &name : calls_failing())
+        course.calls.back()[name] = calls_count(name);
+    course.pushes.push_back(product_pushes());
+    course.failures += allocations(true) - failed;
+    for (const failure *failure : failures) {
+        disarm(*failure);
+        course.failures += came_about(*failure, course);
+    }
+}
+
+static void play_boots(course &course, const failure_set &failures)
+{
+    for (size_t boot = 0; play_begin_boot(); boot++) {
+        play_boot(course, boot < failures.size() ? failures[boot] : failure_list());
+        course.exits += agent_state_get() == AGENT_EXITED;
+        if (boot > 0 && boot == failures.size())
+            note_afterwards(course, static_cast<int>(boot + 1));
+        play_end_boot();
+    }
+}
+
+/* failures: for each boot of the scenario but the last, undisturbed one. */
+static course play(const file_sweep &sweep, const struct scenario &scenario,
+                   const failure_set &failures)
+{
+    course course = {};
+
+    sweep.folder.empty();
+    s_lost.clear();
+    try {
+        play_open(scenario, {sweep.folder.path, sweep.options.plugin_path, false, true});
+        if (record_view() == NULL)
+            oxnih_log_set_sink(NULL, NULL); /* nobody reads the lines */
+        play_boots(course, failures);
+    } catch (const devhost_error &error) {
+        course.problems.push_back(error.what());
+    }
+    (void)play_close();
+    note_complaints(course);
+    check_documents(course);
+    course.problems.insert(course.problems.end(), s_lost.begin(), s_lost.end());
+    return course;
+}
+
+/* What is to fail in a boot. */
+struct boot_failures {
+    std::vector<failure> once, forever;
+};
+
+/* Both ways of one failure. */
+static void add_both(boot_failures &list, const failure &once)
+{
+    list.once.push_back(once);
+    list.forever.push_back(once);
+    list.forever.back().times = 0;
+}
+
+static void add_calls(boot_failures &list, const std::string &call, uint64_t count)
+{
+    std::vector<uint32_t> errors = calls_errors(call);
+
+    for (uint64_t nth = 1; nth <= std::min<uint64_t>(count, BATCH); nth++)
+        for (size_t i = 0; i < errors.size(); i++)
+            if (nth <= 2 || i == nth % errors.size())
+                add_both(list, {FAILS_CALL, nth, 1, call, errors[i]});
+    /* Behind those it is the same again and again, as in the polls of a driver. */
+    for (uint64_t nth = BATCH + 1; nth <= std::min<uint64_t>(count, 2 * BATCH); nth++)
+        list.once.push_back(
+            {FAILS_CALL, nth, (count - nth) / BATCH + 1, call, errors[nth % errors.size()]});
+    for (uint64_t nth = 2 * BATCH; nth <= count; nth *= 2)
+        list.forever.push_back({FAILS_CALL, nth, 0, call, errors[0]});
+}
+
+/* By what the plain run did in the boot. */
+static boot_failures list_failures(const std::string &kind, const course &plain, size_t boot)
+{
+    boot_failures list;
+
+    if (kind == "allocations") {
+        for (uint64_t nth = 1; nth <= plain.allocations[boot]; nth++)
+            add_both(list, {FAILS_ALLOCATION, nth, 1, "", 0});
+        return list;
+    }
+    for (const auto &call : plain.calls[boot])
+        if (!is_allocation(call.first))
+            add_calls(list, call.first, call.second);
+    for (uint64_t nth = 1; nth <= plain.pushes[boot]; nth++)
+        for (uint32_t error : {2u, 110u})
+            add_both(list, {FAILS_PUSH, nth, 1, "", error});
+    if (plain.calls[boot].at("LoadLibraryW") != 0)
+        for (const auto &row : s_engine_failures)
+            for (uint32_t result : row.results)
+                list.forever.push_back({FAILS_ENGINE, 1, 0, row.call, result});
+    return list;
+}
+
+static std::string describe(const failure &failure)
+{
+    static const char *const ways[] = {"allocation", "call", "every call of the engine's",
+                                       "delivery of command"};
+
+    return text_format("%s %llu %s%s, error 0x%x", ways[failure.way],
+                       static_cast<unsigned long long>(failure.nth), failure.call.c_str(),
+                       failure.times == 0 ? " and all behind it" : "", failure.error);
+}
+
+/* What a disturbed run shows beyond the plain one. */
+static std::vector<std::string> violations(const course &plain, const course &disturbed)
+{
+    std::vector<std::string> found;
+
+    for (const std::string &problem : disturbed.problems)
+        if (std::find(plain.problems.begin(), plain.problems.end(), problem) ==
+            plain.problems.end())
+            found.push_back(problem);
+    for (const std::string &complaint : disturbed.complaints)
+        if (std::count(plain.complaints.begin(), plain.complaints.end(), complaint) <
+            std::count(disturbed.complaints.begin(), disturbed.complaints.end(), complaint))
+            found.push_back(complaint);
+    if (disturbed.afterwards != plain.afterwards) {
+        found.push_back("the boot afterwards is another one:");
+        for (const std::string &line : disturbed.afterwards)
+            found.push_back("  " + line);
+        found.push_back(" in place of");
+        for (const std::string &line : plain.afterwards)
+            found.push_back("  " + line);
+    }
+    return found;
+}
+
+static void print_violation(const file_sweep &sweep, const failure_set &failures,
+                            const std::string &again, const std::vector<std::string> &found)
+{
+    printf("violation: %s\n  again: %s\n", sweep.options.files.front().c_str(), again.c_str());
+    for (size_t boot = 0; boot < failures.size(); boot++)
+        for (const failure *failure : failures[boot])
+            printf("  in boot %u: %s\n", static_cast<unsigned>(boot + 1),
+                   describe(*failure).c_str());
+    for (const std::string &line : found)
+        printf("  %s\n", line.c_str());
+}
+
+/* A boot that is swept: the scenario that leads to it, and its course without failures. */
+struct boot_sweep {
+    struct scenario scenario;
+    course plain;
+    size_t boot;
+};
+
+static void run_failures(file_sweep &sweep, const boot_sweep &now, const failure_set &failures)
+{
+    std::string again =
+        text_format("oxni_devhost sweep %s --only %u %s", sweep.options.kind.c_str(),
+                    static_cast<unsigned>(sweep.index), sweep.options.files.front().c_str());
+
+    watch_try(again, sweep.index);
+    if (sweep.options.only >= 0)
+        record_set_view(view_happening, NULL);
+    course disturbed = play(sweep, now.scenario, failures);
+    std::vector<std::string> found = violations(now.plain, disturbed);
+
+    sweep.runs++;
+    sweep.failed += disturbed.failures;
+    sweep.exits += disturbed.exits;
+    if (found.empty())
+        return;
+    sweep.violations++;
+    print_violation(sweep, failures, again, found);
+}
+
+static bool is_mine(const struct sweep_options &options, size_t index)
+{
+    if (options.only >= 0)
+        return index == static_cast<size_t>(options.only);
+    return index >= options.from && index % options.every == 0 &&
+           index / options.every % options.parts == options.part;
+}
+
+/* Each run takes failures that stand far apart in the list: at_once of them for each life. */
+static void run_list(file_sweep &sweep, const boot_sweep &now, const std::vector<failure> &list,
+                     size_t at_once)
+{
+    size_t lives = (list.size() + at_once - 1) / at_once;
+
+    lives = std::max(lives, std::min(list.size(), APART));
+    size_t runs = (lives + LIVES - 1) / LIVES;
+    for (size_t run = 0; run < runs; run++, sweep.index++) {
+        failure_set failures(now.boot);
+
+        if (!is_mine(sweep.options, sweep.index))
+            continue;
+        for (size_t life = run; life < runs * LIVES; life += runs) {
+            failures.emplace_back();
+            for (size_t at = life; life < lives && at < list.size(); at += lives)
+                failures.back().push_back(&list[at]);
+        }
+        run_failures(sweep, now, failures);
+    }
+}
+
+/* The products as each boot begins with them. */
+static std::vector<std::vector<std::string>> states_at_boots(const file_sweep &sweep,
+                                                             const struct scenario &whole)
+{
+    struct scenario plain;
+
+    products_open(whole);
+    std::vector<std::vector<std::string>> states = {{}};
+    for (const std::string &key : product_keys())
+        states[0].push_back(product_state_text(key));
+    plain.file = whole.file;
+    plain.folder = whole.folder;
+    plain.defines = whole.defines;
+    plain.document.CopyFrom(whole.document, plain.document.GetAllocator());
+    sweep_strip(plain);
+    course course = play(sweep, plain, {});
+    states.insert(states.end(), course.states.begin(), course.states.end());
+    for (const std::string &problem : course.problems)
+        printf("%s, undisturbed: %s\n", sweep.options.files.front().c_str(), problem.c_str());
+    return states;
+}
+
+static void sweep_file(file_sweep &sweep, const struct scenario &whole)
+{
+    size_t boots = node_elements(&whole.document, "boots").size();
+
+    watch_try("oxni_devhost run " + sweep.options.files.front(), 0);
+    std::vector<std::vector<std::string>> states = states_at_boots(sweep, whole);
+    for (size_t boot = 0; boot < boots; boot++) {
+        boot_sweep now = {};
+
+        now.boot = boot;
+        prepare(whole, boot, states.at(boot), now.scenario);
+        now.plain = play(sweep, now.scenario, failure_set(boot + LIVES));
+        boot_failures list = list_failures(sweep.options.kind, now.plain, boot);
+        run_list(sweep, now, list.once, AT_ONCE);
+        run_list(sweep, now, list.forever, 1);
+    }
+}
+
+/* Windows would wait for the disk each time; here nothing outlives the run. */
+static BOOL WINAPI no_flush(HANDLE)
+{
+    return TRUE;
+}
+
+static void skip_flushes(void)
+{
+    for (const wchar_t *library : {L"libwdu_ejs.dll", L"liboxnibase.dll"})
+        imports_each(GetModuleHandleW(library),
+                     [](const std::string &, const char *name, void **entry) {
+                         if (strcmp(name, "FlushFileBuffers") == 0)
+                             imports_lead(entry, reinterpret_cast<void *>(no_flush));
+                     });
+}
+
+/* This process's part of a file. */
+static int sweep_part(const struct sweep_options &options)
+{
+    run_folder folder("", options.place);
+    struct scenario scenario;
+
+    watch_open(HANG_SECONDS);
+    record_set_view(NULL, NULL);
+    agent_watch_end(look_for_leaks);
+    oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
+    skip_flushes();
+    scenario_load(scenario, options.files.front(), {});
+    file_sweep sweep = {options, folder, 0, 0, 0, 0, 0};
+    sweep_file(sweep, scenario);
+    printf("figures %llu %llu %llu\n", static_cast<unsigned long long>(sweep.runs),
+           static_cast<unsigned long long>(sweep.failed),
+           static_cast<unsigned long long>(sweep.exits));
+    fflush(stdout);
+    return sweep.violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+/* All parts, each in a process of its own. */
+static int sweep_shared(const struct sweep_options &options)
+{
+    std::vector<std::vector<std::string>> jobs;
+    ULONGLONG began = GetTickCount64();
+    size_t parts = options.every > 1 ? 1 : 8;
+    unsigned long long runs = 0, failed = 0, exits = 0, violations = 0, n[3];
+
+    for (const std::string &file : options.files)
+        for (size_t part = 0; part < parts; part++)
+            jobs.push_back({"sweep", options.kind, file, "--plugin", options.plugin_path, "--place",
+                            options.place, "--every", std::to_string(options.every), "--part",
+                            std::to_string(part) + "/" + std::to_string(parts)});
+    for (const std::string &line : jobs_run(jobs)) {
+        if (sscanf(line.c_str(), "figures %llu %llu %llu", &n[0], &n[1], &n[2]) == 3) {
+            runs += n[0];
+            failed += n[1];
+            exits += n[2];
+            continue;
+        }
+        violations += line.rfind("violation:", 0) == 0;
+        printf("%s\n", line.c_str());
+    }
+    printf("%-12s %8s %10s %12s %11s %8s\n%-12s %8llu %10llu %12llu %11llu %8.1f\n", "sweep",
+           "runs", "failures", "guard exits", "violations", "seconds", options.kind.c_str(), runs,
+           failed, exits, violations, static_cast<double>(GetTickCount64() - began) / 1000.0);
+    return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+static void set_part(struct sweep_options &options, const std::string &text)
+{
+    size_t slash = text.find('/');
+
+    options.part = strtoul(text.c_str(), NULL, 10);
+    options.parts = slash != std::string::npos ? strtoul(text.c_str() + slash + 1, NULL, 10) : 0;
+    if (options.part >= options.parts)
+        throw CLI::ValidationError("--part " + text, "expected I/N, I below N");
+}
+
+static int sweep_main(struct sweep_options &options)
+{
+    struct view_options view = {};
+
+    if (options.plugin_path.empty())
+        options.plugin_path = session_standard_plugin();
+    view.log_level = OXNI_LOG_INFO;
+    view_open(view);
+    oxnih_log_set_level(OXNI_LOG_DEBUG);
+    return options.parts != 0 || options.only >= 0 ? sweep_part(options) : sweep_shared(options);
+}
+
+void sweep_add_commands(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<sweep_options>();
+    CLI::App *command = app.add_subcommand(
+        "sweep", "Makes every allocation or call of scenarios fail, and looks whether all is well");
+
+    command->add_option("KIND", options->kind, "What fails")
+        ->required()
+        ->check(CLI::IsMember({"allocations", "calls"}));
+    command->add_option("FILE", options->files, "Scenario files")->required();
+    command->add_option("--plugin", options->plugin_path,
+                        "The DLL; else the one beside this program");
+    command->add_option("--place", options->place,
+                        "Folder for the runs' files, best in memory; else the temporary one");
+    command->add_option("--every", options->every, "Only each so many'th run")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--only", options->only, "This run alone, as a violation names it");
+    command->add_option("--from", options->from, "From this run on");
+    command->add_option_function<std::string>(
+        "--part", [options](const std::string &text) { set_part(*options, text); },
+        "I/N: in this process, the runs that are I modulo N");
+    command->callback([options, status] { *status = sweep_main(*options); });
+}

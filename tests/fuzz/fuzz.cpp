@@ -1,0 +1,292 @@
+/* The program: which inputs of which targets, and what damage is. */
+#include "fuzz.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <windows.h>
+
+#include <algorithm>
+
+#include "machine/machine.h"
+#include "session.h"
+#include "sweep/watch.h"
+#include "text.h"
+
+#define HANG_SECONDS 60
+
+static const fuzz_target *const s_targets[] = {
+    &fuzz_events, &fuzz_debugger,  &fuzz_records,  &fuzz_ejs,     &fuzz_states,
+    &fuzz_dumps,  &fuzz_scenarios, &fuzz_messages, &fuzz_answers,
+};
+
+static std::string s_folder;
+
+uint64_t chance::next()
+{
+    uint64_t mixed = (state_ += 0x9e3779b97f4a7c15ull);
+
+    mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9ull;
+    mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebull;
+    return mixed ^ (mixed >> 31);
+}
+
+size_t chance::below(size_t limit)
+{
+    return limit == 0 ? 0 : static_cast<size_t>(next() % limit);
+}
+
+bool chance::one_in(size_t n)
+{
+    return below(n) == 0;
+}
+
+/* A number at which reckoning goes wrong. */
+static uint64_t edge(size_t size, chance &chance)
+{
+    const uint64_t edges[] = {0,
+                              1,
+                              2,
+                              size,
+                              size - 1,
+                              size + 1,
+                              55,
+                              56,
+                              57,
+                              0x7f,
+                              0x80,
+                              0xff,
+                              0x7fff,
+                              0xffff,
+                              0x10000,
+                              0x7fffffff,
+                              0x80000000,
+                              0xfffffff,
+                              0xffffffff,
+                              0xfffffffe,
+                              UINT64_MAX,
+                              INT64_MAX,
+                              chance.below(4096)};
+
+    return chance.of(edges);
+}
+
+static void damage_once(std::string *bytes, const std::string &other, chance &chance)
+{
+    size_t at = chance.below(bytes->size()), count = chance.below(1 + bytes->size() - at);
+    uint64_t number = edge(bytes->size(), chance);
+    size_t width = static_cast<size_t>(1) << chance.below(4);
+
+    count = chance.one_in(4) ? count : std::min<size_t>(count, 16);
+    switch (bytes->empty() ? 5 : chance.below(8)) {
+    case 0: (*bytes)[at] = static_cast<char>((*bytes)[at] ^ 1 << chance.below(8)); break;
+    case 1: (*bytes)[at] = static_cast<char>(chance.next()); break;
+    case 2:
+        at = at / 4 * 4;
+        memcpy(&(*bytes)[at], &number, std::min(width, bytes->size() - at));
+        break;
+    case 3: bytes->erase(at, count); break;
+    case 4:
+        if (bytes->size() < 1 << 16)
+            bytes->insert(at, bytes->substr(at, count));
+        break;
+    case 5: bytes->insert(at, other.substr(chance.below(other.size() + 1), 64)); break;
+    case 6: bytes->resize(at); break;
+    default: bytes->insert(at, 1 + chance.below(8), static_cast<char>(chance.next())); break;
+    }
+}
+
+void damage(std::string *bytes, const std::string &other, chance &chance)
+{
+    for (size_t left = 1 + chance.below(8); left > 0; left--)
+        damage_once(bytes, other, chance);
+}
+
+static std::string odd_text(const std::vector<const char *> &words, chance &chance)
+{
+    static const char *const odd[] = {"",         "\\u0000",     "a\\u0000b",  "\\ud83d\\ude00",
+                                      "%s%n%S",   "../../x",     "crash_info", "\xc3\xa9",
+                                      "C:\\\\x",  "\\\"",        "bypass\\n",  "start_time",
+                                      "\xe2\x82", "\xff\xfe\xfd"};
+
+    if (chance.one_in(400))
+        return std::string(100000, 'n');
+    return chance.one_in(3) ? chance.of(odd) : chance.of(words);
+}
+
+static std::string odd_value(const std::vector<const char *> &keys,
+                             const std::vector<const char *> &words, unsigned depth, chance &chance)
+{
+    static const char *const plain[] = {"null",
+                                        "true",
+                                        "false",
+                                        "0",
+                                        "1",
+                                        "2",
+                                        "-1",
+                                        "9223372036854775807",
+                                        "-9223372036854775808",
+                                        "4294967296",
+                                        "1e308",
+                                        "-0.0",
+                                        "123456789012345678901234567890",
+                                        "{}",
+                                        "[]"};
+    std::string text;
+    size_t kind = chance.below(depth > 4 ? 5 : 8);
+
+    if (kind < 2)
+        return chance.of(plain);
+    if (kind < 5)
+        return "\"" + odd_text(words, chance) + "\"";
+    for (size_t left = chance.below(6); left > 0; left--)
+        text += (text.empty() ? "" : ",") +
+                (kind == 5 ? ""
+                           : "\"" +
+                                 std::string(chance.one_in(8) ? odd_text(words, chance)
+                                                              : chance.of(keys)) +
+                                 "\":") +
+                odd_value(keys, words, depth + 1, chance);
+    return kind == 5 ? "[" + text + "]" : "{" + text + "}";
+}
+
+std::string odd_json(const std::vector<const char *> &keys, const std::vector<const char *> &words,
+                     chance &chance)
+{
+    std::string text;
+
+    if (chance.one_in(500)) {
+        size_t depth = chance.below(4000);
+
+        return std::string(depth, '[') + std::string(chance.one_in(4) ? depth / 2 : depth, ']');
+    }
+    if (chance.one_in(50))
+        return odd_value(keys, words, 0, chance);
+    for (const char *key : keys)
+        if (!chance.one_in(8))
+            text += (text.empty() ? "\"" : ",\"") + std::string(key) +
+                    "\":" + odd_value(keys, words, 1, chance);
+    return "{" + text + "}";
+}
+
+guarded::guarded(size_t most) : most_((most + 4095) / 4096 * 4096)
+{
+    DWORD before;
+
+    end_ = static_cast<uint8_t *>(
+               VirtualAlloc(NULL, most_ + 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) +
+           most_;
+    VirtualProtect(end_, 4096, PAGE_NOACCESS, &before);
+}
+
+const uint8_t *guarded::put(const void *bytes, size_t *size)
+{
+    *size = std::min(*size, most_);
+    if (*size > 0)
+        memcpy(end_ - *size, bytes, *size);
+    return end_ - *size;
+}
+
+void violated(const std::string &what)
+{
+    printf("violation: %s\n", what.c_str());
+    fflush(stdout);
+    abort(); /* the watch says how to repeat it */
+}
+
+const std::string &fuzz_folder(void)
+{
+    return s_folder;
+}
+
+void put_file(const std::string &path, const std::string &bytes)
+{
+    DWORD written = 0;
+    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, NULL);
+
+    if (file == INVALID_HANDLE_VALUE ||
+        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, NULL))
+        throw devhost_error(EXIT_BAD_CALL, text_format("%s: cannot be written, error %lu",
+                                                       path.c_str(), GetLastError()));
+    CloseHandle(file);
+}
+
+struct arguments {
+    const fuzz_target *target = NULL;
+    uint64_t inputs = 10000, seed = 1, from = 0;
+    std::string place;
+};
+
+/* Result: whether they make sense. */
+static bool parse(int argc, char **argv, arguments *arguments)
+{
+    for (const fuzz_target *target : s_targets)
+        if (argc > 1 && strcmp(argv[1], target->name) == 0)
+            arguments->target = target;
+    for (int i = 2; i + 1 < argc; i += 2) {
+        std::string name = argv[i];
+        uint64_t number = strtoull(argv[i + 1], NULL, 10);
+
+        if (name == "--inputs")
+            arguments->inputs = number;
+        else if (name == "--seed")
+            arguments->seed = number;
+        else if (name == "--from")
+            arguments->from = number;
+        else if (name == "--place")
+            arguments->place = argv[i + 1];
+        else
+            return false;
+    }
+    return arguments->target != NULL && argc % 2 == 0;
+}
+
+static void run(const arguments &arguments)
+{
+    const fuzz_target &target = *arguments.target;
+    ULONGLONG began = GetTickCount64();
+
+    target.open();
+    for (uint64_t i = arguments.from; i < arguments.from + arguments.inputs; i++) {
+        uint64_t fresh = i / target.period * target.period;
+        chance chance(arguments.seed << 32 ^ i);
+
+        if (i % 64 == 0 || target.period > 1)
+            watch_try(text_format(
+                          "fuzz %s --seed %llu --from %llu --inputs %llu", target.name,
+                          static_cast<unsigned long long>(arguments.seed),
+                          static_cast<unsigned long long>(fresh),
+                          static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1 : 64)),
+                      i);
+        target.try_one(chance, i);
+    }
+    printf("fuzz %-10s %10llu inputs, 0 violations, %.1f s\n", target.name,
+           static_cast<unsigned long long>(arguments.inputs),
+           static_cast<double>(GetTickCount64() - began) / 1000.0);
+}
+
+int main(int argc, char **argv)
+{
+    arguments arguments;
+
+    if (!parse(argc, argv, &arguments)) {
+        fprintf(stderr, "usage: fuzz TARGET [--inputs N] [--seed S] [--from I] [--place FOLDER]\n"
+                        "targets:");
+        for (const fuzz_target *target : s_targets)
+            fprintf(stderr, " %s", target->name);
+        fprintf(stderr, "\n");
+        return 2;
+    }
+    try {
+        run_folder folder("", arguments.place);
+
+        s_folder = folder.path + "\\";
+        watch_open(HANG_SECONDS);
+        run(arguments);
+    } catch (const std::exception &error) {
+        fprintf(stderr, "fuzz: %s\n", error.what());
+        return 2;
+    }
+    return 0;
+}

@@ -1,0 +1,274 @@
+/*
+ * What comes to the plug-in through the platform: messages of its subscribers and answers of the
+ * management side, to the loaded DLL in a machine of the development host. The agent starts afresh
+ * every so many inputs, and is looked through for what it lost.
+ */
+#include "fuzz.h"
+
+#include <string.h>
+#include <windows.h>
+
+#include <oxni/base/ejs.h>
+#include <oxni/base/json.h>
+#include <oxni/base/subscribee.h>
+#include <oxni/base/subscriber.h>
+
+#include "agent.h"
+#include "liboxni_core/host.h"
+#include "liboxnibase/host.h"
+#include "memory_disk.h"
+#include "scenario/play.h"
+#include "scenario/record.h"
+#include "text.h"
+
+/* Inputs from one start of the agent to the next; reports that wait for an answer add up. */
+#define MESSAGES_PERIOD 128u
+#define ANSWERS_PERIOD  32u
+#define BOOT            1709802000 /* when a scenario without a time begins */
+#define LINK_PATH       "/:broadcast/dbg/oxni/quality_opr"
+#define ALARM_PATH      "/oxni/quality_opr"
+
+static const std::vector<const char *> s_keys = {"product_name", "type", "status",
+                                                 "count",        "data", "driver_module"};
+static const std::vector<const char *> s_words = {
+    "reg",   "modify", "conflict", "working",    "bypass",  "initializing", "guard_flt",
+    "guard", "XNI",    "reg",      "crash_info", "recover", "set_count",    "none",
+    "p1",    "p2",     "p3",       "modify",     "bypass"};
+
+static std::vector<oxni_subscriber *> s_subscribers;
+static chance *s_answers; /* for those given inside of an input */
+
+static void ignore(oxni_subscriber *, uint32_t, void *, json_t *)
+{
+}
+
+static std::string plugin_path(void)
+{
+    wchar_t path[1024];
+    std::string text = text_narrow(std::wstring(path, GetModuleFileNameW(NULL, path, 1024)));
+
+    return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
+}
+
+static void lost(const char *site, uint64_t blocks, uint64_t, void *user)
+{
+    uint64_t *failed = static_cast<uint64_t *>(user);
+
+    /* The product's name is left with an upload that failed in transport. */
+    if (blocks <= *failed)
+        *failed = 0;
+    else
+        violated(text_format("%llu blocks from %s are lost",
+                             static_cast<unsigned long long>(blocks), site));
+}
+
+static void look_through(const void *plugin)
+{
+    uint64_t failed = 0;
+
+    for (const happening &what : record_all())
+        failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
+    oxnih_memory_lost(plugin, lost, &failed);
+}
+
+/* Unsubscribing gives a reference back whether the handle was filed or not. */
+static void complained(const char *text, void *)
+{
+    if (strstr(text, "no reference of subscriber") == NULL)
+        violated(text);
+}
+
+/* This boot's store blames a module, so that every product that registers is ordered into bypass
+ * and reported. */
+static void blame(void)
+{
+    json_t *store = json_loads(R"({"start_time": 0, "data": {"crash_info": {"path": "C:\\x.dmp",
+                                  "create_time": "2024-03-07 09:00:00", "module_name": "m"}}})",
+                               0, NULL);
+
+    json_object_set_new(store, "start_time", json_integer(BOOT));
+    if (wdu_json_dump_file_ejs(store, agent_data_path("bypass_mgr_persistence.ejs").c_str()) != 0)
+        violated("the store cannot be written");
+    json_decref(store);
+    memory_disk_delete(agent_data_path("bypass_mgr_upload.ejs"));
+}
+
+/* period: its number. The guard, and with it the look for what is lost, takes its time. */
+static void start_afresh(bool blamed, uint64_t period)
+{
+    static struct scenario scenario;
+
+    (void)play_close();
+    oxnih_memory_set_mode(period % 4 == 0 ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    s_subscribers.clear();
+    scenario.file = "fuzz";
+    scenario.document.Parse(R"({"boots": [{"agent_start": null, "until": 1000000}]})");
+    play_open(scenario,
+              {fuzz_folder().substr(0, fuzz_folder().size() - 1), plugin_path(), false, true});
+    oxnih_log_set_sink(NULL, NULL);
+    oxnih_set_complaint(complained, NULL);
+    (void)play_begin_boot();
+    if (blamed)
+        blame();
+    play_start_agent();
+    play_run_until(10000);
+}
+
+static void open_host(void)
+{
+    memory_disk_open();
+    record_set_view(NULL, NULL);
+    agent_watch_end(look_through);
+}
+
+/* Either kind of text: made up, or a good one that was damaged. NULL: no JSON. */
+static json_t *odd_message(chance &chance)
+{
+    std::string text = R"({"product_name": "p1", "type": "reg", "count": 2, "status": "bypass",
+                           "data": {"driver_module": ["guard_flt", "m"]}})";
+
+    if (chance.one_in(3))
+        damage(&text, text, chance);
+    else if (!chance.one_in(4))
+        text = odd_json(s_keys, s_words, chance);
+    json_t *message = json_loadb(text.data(), text.size(),
+                                 chance.one_in(2) ? JSON_ALLOW_NUL : JSON_DECODE_ANY, NULL);
+    if (message != NULL && chance.one_in(20))
+        json_object_set_new(message, "product_name", json_stringn_nocheck("\xff\xfe\x80", 3));
+    return message;
+}
+
+static void subscribe(json_t *message, chance &chance)
+{
+    std::string ns = std::string("ns") + std::to_string(chance.below(9)), name = "n";
+    oxni_subscriber_attr attr = {ns.c_str(), name.c_str(), NULL};
+    oxni_subscriber *subscriber = oxni_subscriber_new(&attr);
+
+    (void)oxni_subscriber_subscribe(subscriber, "bypass_mgr", message, ignore);
+    s_subscribers.push_back(subscriber);
+}
+
+/* A command to the plug-in's own subscriber. */
+static void order_driver(chance &chance)
+{
+    static const std::vector<const char *> keys = {"type", "reason", "count", "product_name"};
+    rapidjson::Document order;
+
+    order.Parse(odd_json(keys, s_words, chance).c_str());
+    if (!order.HasParseError())
+        (void)subscriber_order("XNI/BYPASS", order);
+}
+
+static void leave(size_t index)
+{
+    oxnih_subscriber_leave(s_subscribers[index]);
+    oxni_subscriber_delete(s_subscribers[index]);
+    s_subscribers.erase(s_subscribers.begin() + static_cast<int>(index));
+}
+
+static void pass_time(chance &chance)
+{
+    static const uint64_t spans[] = {0, 0, 0, 10, 1000, 5000};
+
+    play_run_until(play_now_ms() + chance.of(spans));
+    if (chance.one_in(100))
+        play_run_until(play_now_ms() + 400000);
+    if (agent_state_get() != AGENT_RUNNING)
+        violated("the agent does not run any more");
+}
+
+static void try_message(chance &chance, uint64_t number)
+{
+    static const char *const commands[] = {"bypass -p",     "bypass -r", "bypass",
+                                           "bypass -x y z", "bypass -h", "bypass -p -p -p"};
+
+    if (agent_state_get() != AGENT_RUNNING || number % MESSAGES_PERIOD == 0)
+        start_afresh(chance.one_in(2), number / MESSAGES_PERIOD);
+    oxnih_core_set_lenient(!chance.one_in(4));
+    json_t *message = odd_message(chance);
+    size_t whom = chance.below(s_subscribers.size());
+
+    if (message != NULL && (s_subscribers.empty() || chance.one_in(3)))
+        subscribe(message, chance);
+    else if (message != NULL && chance.one_in(6))
+        order_driver(chance);
+    else if (message != NULL)
+        (void)oxni_subscriber_pushforward(s_subscribers[whom], message, NULL, NULL);
+    json_decref(message);
+    if (s_subscribers.size() > 8)
+        leave(chance.below(s_subscribers.size()));
+    if (chance.one_in(20))
+        oxnih_dbg_run("oxni", chance.of(commands));
+    if (!s_subscribers.empty() && chance.one_in(10))
+        oxnih_subscriber_set_unreachable(s_subscribers[chance.below(s_subscribers.size())],
+                                         chance.one_in(2) ? 110 : 0);
+    pass_time(chance);
+}
+
+const fuzz_target fuzz_messages = {"messages", open_host, try_message, MESSAGES_PERIOD};
+
+/* What the management side says it knows. */
+static std::string odd_echo(chance &chance)
+{
+    static const std::vector<const char *> keys = {"total", "info", "product_name", "device_id",
+                                                   "agent_version"};
+    static const std::vector<const char *> words = {"KVD", "p1", "d", "16.20.933"};
+    std::string text = R"({"total": 1, "info": [{"product_name": "KVD", "device_id": "d",
+                           "agent_version": "1"}]})";
+
+    if (chance.one_in(2))
+        damage(&text, text, chance);
+    else if (!chance.one_in(4))
+        text = odd_json(keys, words, chance);
+    return text.c_str();
+}
+
+static void answer_echo(oxnih_request *call, const char *, void *)
+{
+    chance &chance = *s_answers;
+    std::string echo = odd_echo(chance);
+
+    if (!chance.one_in(20))
+        oxnih_dbg_answer(call, chance.one_in(10) ? 5 : 0, chance.one_in(20) ? NULL : echo.c_str(),
+                         chance.below(2000));
+}
+
+static void answer_upload(oxnih_request *request, json_t *, void *)
+{
+    static const std::vector<const char *> keys = {"errcode", "data"};
+    chance &chance = *s_answers;
+    std::string text = chance.one_in(3) ? "{\"errcode\": 0}" : odd_json(keys, s_words, chance);
+    json_t *answer = json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, NULL);
+
+    if (!chance.one_in(20))
+        oxnih_res_answer(request, chance.one_in(8) ? 110 : 0, answer, chance.below(2000));
+    json_decref(answer);
+}
+
+static void try_answer(chance &chance, uint64_t number)
+{
+    s_answers = &chance;
+    if (agent_state_get() != AGENT_RUNNING || number % ANSWERS_PERIOD == 0) {
+        start_afresh(true, number / ANSWERS_PERIOD);
+        oxnih_dbg_set_handler("oxni", answer_echo, NULL);
+        oxnih_res_set_handler(ALARM_PATH, answer_upload, NULL);
+    }
+    std::string text = text_format(R"({"product_name": "p%llu", "type": "reg", "count": 2,
+                                       "status": "working", "data": {"driver_module": ["m"]}})",
+                                   static_cast<unsigned long long>(number));
+    json_t *message = json_loadb(text.data(), text.size(), 0, NULL);
+
+    subscribe(message, chance);
+    json_decref(message);
+    if (s_subscribers.size() > 4)
+        leave(0);
+    oxnih_res_set_state(LINK_PATH, static_cast<int32_t>(chance.below(4)));
+    play_run_until(play_now_ms() + chance.below(4000));
+    if (chance.one_in(30))
+        play_run_until(play_now_ms() + 130000);
+    if (agent_state_get() != AGENT_RUNNING)
+        violated("the agent does not run any more");
+    s_answers = NULL;
+}
+
+const fuzz_target fuzz_answers = {"answers", open_host, try_answer, ANSWERS_PERIOD};

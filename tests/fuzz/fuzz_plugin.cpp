@@ -1,0 +1,210 @@
+/* What the plug-in reads of others, by its own objects: the event log, the debugger's text, a
+ * driver's crash record. */
+#include "fuzz.h"
+
+#include <string.h>
+#include <windows.h>
+
+#include "analyze_dmp.h"
+#include "crash_info.h"
+#include "win_event_parse.h"
+
+#include "../unit/import_patch.h"
+#include "liboxnibase/host.h"
+#include "text.h"
+
+#define MOST_EVENT_BYTES (64 * 1024)
+
+static guarded *s_guarded;
+
+static void put_text(std::string *bytes, const std::wstring &text)
+{
+    bytes->append(reinterpret_cast<const char *>(text.c_str()),
+                  (text.size() + 1) * sizeof(wchar_t));
+}
+
+/* A record as Windows lays it out, of an event that somebody expects or of another one. */
+static std::string event(chance &chance)
+{
+    static const wchar_t *const sources[] = {L"BugCheck",
+                                             L"Microsoft-Windows-Kernel-General",
+                                             L"Microsoft-Windows-Kernel-Power",
+                                             L"Microsoft-Windows-Winlogon",
+                                             L"Other",
+                                             L""};
+    static const uint32_t ids[] = {12, 41, 1001, 7001, 7036, 0x400003e9};
+    std::string bytes(sizeof(EVENTLOGRECORD), '\0');
+    EVENTLOGRECORD header = {};
+
+    header.NumStrings = static_cast<WORD>(chance.below(5));
+    header.EventID = chance.of(ids);
+    header.TimeGenerated = static_cast<DWORD>(chance.next());
+    put_text(&bytes, chance.of(sources));
+    put_text(&bytes, L"COMPUTER");
+    header.StringOffset = static_cast<DWORD>(bytes.size());
+    for (unsigned i = 0; i < header.NumStrings; i++)
+        put_text(&bytes, std::wstring(chance.below(chance.one_in(20) ? 3000 : 40), L'x'));
+    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
+    header.Length = static_cast<DWORD>(bytes.size());
+    memcpy(&bytes[0], &header, sizeof(header));
+    memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
+    return bytes;
+}
+
+static std::string s_log; /* what the log still has to give */
+
+static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
+{
+    return &s_log;
+}
+
+static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
+                            DWORD *needed)
+{
+    if (s_log.empty() || s_log.size() > size) {
+        *needed = static_cast<DWORD>(s_log.size());
+        SetLastError(s_log.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    memcpy(buffer, s_log.data(), s_log.size());
+    *filled = static_cast<DWORD>(s_log.size());
+    s_log.clear();
+    return TRUE;
+}
+
+static BOOL WINAPI close_log(HANDLE)
+{
+    return TRUE;
+}
+
+static void open_events(void)
+{
+    static import_patch open("OpenEventLogW", open_log), read("ReadEventLogW", read_log),
+        close("CloseEventLog", close_log);
+
+    s_guarded = new guarded(MOST_EVENT_BYTES);
+    oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
+}
+
+static const expected_event_map s_expected = {
+    {{12, L"Microsoft-Windows-Kernel-General"}, 0},
+    {{41, L"Microsoft-Windows-Kernel-Power"},   0},
+    {{1001, L"BugCheck"},                       0},
+    {{7001, NULL},                              0},
+};
+
+/* What is found must lie inside the block. */
+static void look_through(const uint8_t *bytes, size_t size)
+{
+    uint32_t id = 0;
+    const wchar_t *provider = NULL;
+    const uint8_t *record = NULL;
+
+    if (find_expected_event(bytes, static_cast<uint32_t>(size), &id, &provider, &record,
+                            s_expected) != 0)
+        return;
+    if (record < bytes || record + sizeof(EVENTLOGRECORD) > bytes + size)
+        violated("a record outside the block was found");
+    if (wcsnlen(provider, static_cast<size_t>(bytes + size - record)) == 0 && id != 7001)
+        violated("a record without a source was found");
+}
+
+static void try_event(chance &chance, uint64_t)
+{
+    std::string block, other = event(chance);
+    size_t size;
+
+    for (size_t left = chance.below(4); left > 0; left--)
+        block += event(chance);
+    block += other;
+    if (!chance.one_in(16))
+        damage(&block, other, chance);
+    size = block.size();
+    const uint8_t *bytes = s_guarded->put(block.data(), &size);
+    look_through(bytes, size);
+    /* In the plug-in's own buffer, which ends with the block when it has to grow for it. */
+    if (chance.one_in(4)) {
+        event_info info = {};
+
+        s_log = block;
+        if (chance.one_in(2))
+            s_log.resize(4097 + chance.below(9000), 'y');
+        (void)win_event_parse().get_crash_info(&info, s_expected);
+    }
+    if (chance.one_in(256))
+        oxnih_memory_drop_all();
+}
+
+const fuzz_target fuzz_events = {"events", open_events, try_event, 1};
+
+static void open_nothing(void)
+{
+}
+
+static std::string stack_text(chance &chance)
+{
+    static const char *const pieces[] = {"Call Site\n",
+                                         "Stack unwind",
+                                         "guard_flt+0x1a2b\n",
+                                         "nt!KeBugCheckEx+0x107\n",
+                                         "!",
+                                         "+",
+                                         "\n",
+                                         "\r\n",
+                                         "\t",
+                                         "0x0 : ",
+                                         "vault_fs!x",
+                                         "Child-SP RetAddr ",
+                                         "\xff\xfe",
+                                         "%s%n",
+                                         "Call Site"};
+    std::string text;
+
+    for (size_t left = chance.below(30); left > 0; left--)
+        text += chance.of(pieces);
+    if (chance.one_in(200))
+        text += std::string(100000, 'm') + "!";
+    return text;
+}
+
+static void try_stack(chance &chance, uint64_t)
+{
+    std::string text = stack_text(chance);
+    crash_module_set modules = {"left over"};
+
+    if (chance.one_in(2))
+        damage(&text, "Call Site\nguard!x\n", chance);
+    bool found = get_module_set_from_dmp_info(text, &modules);
+    if (found == modules.empty())
+        violated("the result and the modules do not fit");
+    for (const std::string &module : modules)
+        if (module.find_first_of("!\n") != std::string::npos ||
+            text.find(module) == std::string::npos)
+            violated("a module that is none: " + module);
+}
+
+const fuzz_target fuzz_debugger = {"debugger", open_nothing, try_stack, 1};
+
+static void try_record(chance &chance, uint64_t)
+{
+    std::string path = fuzz_folder() + "crash_config.cfg";
+    std::string bytes(chance.below(120), '\0');
+    crash_config_record record = {};
+
+    for (char &byte : bytes)
+        byte = static_cast<char>(chance.next());
+    put_file(path, bytes);
+    int result = read_crash_config(&record, text_wide(path).c_str());
+    if (result != (bytes.size() < sizeof(record) ? CRASH_CONFIG_TOO_SHORT : CRASH_CONFIG_OK))
+        violated("a record was taken for another length");
+    if (!chance.one_in(16))
+        return;
+    record.count = static_cast<uint32_t>(chance.next());
+    crash_config_record written = record, again = {};
+    if (write_crash_config(&written, text_wide(path).c_str()) != CRASH_CONFIG_OK ||
+        read_crash_config(&again, text_wide(path).c_str()) != CRASH_CONFIG_OK ||
+        memcmp(&again, &record, sizeof(record)) != 0)
+        violated("a record that was written is not read as it was");
+}
+
+const fuzz_target fuzz_records = {"records", open_nothing, try_record, 1};
