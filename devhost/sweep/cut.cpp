@@ -29,6 +29,7 @@
 #include "watch.h"
 
 #define HANG_SECONDS 120
+#define SLICE_MS     1000u
 #define RESTART_MS   5000u
 #define EXIT_CUT     99
 
@@ -220,8 +221,13 @@ static file_set files_of(const std::string &folder)
     for (const std::string &name : s_names) {
         std::wstring path = text_wide(folder + "\\" + name);
 
-        if (GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
+            continue;
+        try {
             files[name] = machine_read_real_file(path, EXIT_BAD_CALL);
+        } catch (const devhost_error &) {
+            files[name] = "(held)"; /* being written just now */
+        }
     }
     return files;
 }
@@ -233,11 +239,27 @@ static bool is_document(const std::string &name)
 }
 
 /* What the uncut run was like: before each operation the files, and whether it writes; at last the
- * files and the products. */
+ * files. */
 struct plain_run {
     std::vector<file_set> files;
     std::vector<bool> writes;
-    std::string products;
+};
+
+/* A slice of time of a run; the agent ends in it, or at one of its ends. */
+struct moment {
+    int boot;
+    uint64_t begin_ms;
+
+    bool operator<(const moment &other) const
+    {
+        return boot != other.boot ? boot < other.boot : begin_ms < other.begin_ms;
+    }
+};
+
+enum ending {
+    ENDS_AT_OPERATION,
+    ENDS_BEFORE_SLICE, /* between two callbacks, as when it is stopped */
+    ENDS_BEHIND_SLICE,
 };
 
 struct cut_run {
@@ -245,6 +267,7 @@ struct cut_run {
     const struct cut_options &options;
     const run_folder &folder, &dead; /* of the process that ends */
     plain_run plain;
+    std::map<moment, std::string> stopped[ENDS_BEHIND_SLICE + 1]; /* products, by ending */
     uint64_t cuts, violations;
 };
 
@@ -281,24 +304,45 @@ static void take_over(const cut_run &run)
                            oxnih_clock_now_100ns(), oxnih_clock_now_100ns());
 }
 
-/* Plays all boots; an agent that was ended on the way starts again in the same boot. */
+/* One slice; result: whether the agent ended in it or at its end. at: where it is to be. */
+static bool play_slice(enum ending ending, moment *at)
+{
+    uint64_t begin = play_now_ms(), end = std::min(play_boot_end_ms(), begin + SLICE_MS);
+    bool here = record_boot() == at->boot && begin == at->begin_ms;
+
+    if (here && ending == ENDS_BEFORE_SLICE)
+        play_stop_agent("is ended");
+    play_run_until(end);
+    if (here && ending == ENDS_BEHIND_SLICE)
+        play_stop_agent("is ended");
+    if (ending != ENDS_AT_OPERATION)
+        return here;
+    if (s_ops.at == 0 || s_ops.count < s_ops.at)
+        return false;
+    *at = {record_boot(), begin};
+    take_over(*s_run);
+    return true;
+}
+
+/* Plays all boots; an agent that was ended on the way starts again in the same boot. at: receives
+ * the slice in which it ended, or says where it is to end. Result: the products at the end. */
 static std::string play_all_boots(const struct scenario &scenario, const std::string &plugin_path,
-                                  const std::string &folder)
+                                  const std::string &folder, enum ending ending, moment *at)
 {
     std::string products;
-    bool cut = false;
+    bool ended = false;
 
     s_ops.count = 0;
     play_open(scenario, {folder, plugin_path, false, true});
     oxnih_log_set_sink(NULL, NULL);
     while (play_begin_boot()) {
         while (play_now_ms() < play_boot_end_ms()) {
-            play_run_until(std::min(play_boot_end_ms(), play_now_ms() + 1000));
-            if (cut || s_ops.at == 0 || s_ops.count < s_ops.at)
-                continue;
-            cut = true;
-            take_over(*s_run);
-            play_at(play_now_ms() + RESTART_MS, play_start_agent);
+            if (ended) {
+                play_run_until(play_boot_end_ms());
+            } else if (play_slice(ending, at)) {
+                ended = true;
+                play_at(play_now_ms() + RESTART_MS, play_start_agent);
+            }
         }
         play_end_boot();
     }
@@ -330,6 +374,39 @@ static void check_files(cut_run &run)
     }
 }
 
+static std::string play_here(const cut_run &run, enum ending ending, moment *at)
+{
+    run.folder.empty();
+    return play_all_boots(run.scenario, run.options.plugin_path, run.folder.path, ending, at);
+}
+
+/* The products at the end when the agent is stopped at that moment; played once. */
+static const std::string &play_stopped(cut_run &run, enum ending ending, moment when)
+{
+    std::string &products = run.stopped[ending][when];
+    uint64_t at = s_ops.at;
+
+    s_ops.at = 0;
+    if (products.empty())
+        products = play_here(run, ending, &when);
+    s_ops.at = at;
+    return products;
+}
+
+/* The products end as they do when the agent is stopped between two callbacks, right before that
+ * moment or right behind it. */
+static void check_products(cut_run &run)
+{
+    moment when = {};
+    std::string cut = play_here(run, ENDS_AT_OPERATION, &when);
+
+    if (cut != play_stopped(run, ENDS_BEFORE_SLICE, when) &&
+        cut != play_stopped(run, ENDS_BEHIND_SLICE, when))
+        violation(run, "at the end " + cut + "in place of " +
+                           play_stopped(run, ENDS_BEFORE_SLICE, when) + "or " +
+                           play_stopped(run, ENDS_BEHIND_SLICE, when));
+}
+
 static void cut_once(cut_run &run, uint64_t at, bool torn)
 {
     std::vector<std::string> arguments = {
@@ -340,7 +417,6 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
     if (torn)
         arguments.push_back("--torn");
     run.dead.empty();
-    run.folder.empty();
     watch_try("oxni_devhost cut " + run.options.files.front() + " --from " + std::to_string(at),
               at);
     unsigned status = jobs_run_process(arguments, &output);
@@ -349,9 +425,7 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
     if (status != EXIT_CUT)
         violation(run, text_format("the process ended with status %u", status));
     check_files(run);
-    std::string products = play_all_boots(run.scenario, run.options.plugin_path, run.folder.path);
-    if (products != run.plain.products)
-        violation(run, "at the end " + products + "in place of " + run.plain.products);
+    check_products(run);
 }
 
 static void cut_file(cut_run &run)
@@ -359,7 +433,8 @@ static void cut_file(cut_run &run)
     s_ops = {0, 0, false, end_agent, note_operation, NULL, NULL};
     s_run = &run;
     watch_try("oxni_devhost run " + run.options.files.front(), 0);
-    run.plain.products = play_all_boots(run.scenario, run.options.plugin_path, run.folder.path);
+    moment nowhere = {};
+    (void)play_here(run, ENDS_AT_OPERATION, &nowhere);
     run.plain.files.push_back(files_of(run.folder.path));
     for (uint64_t at = 1; at <= run.plain.writes.size(); at++) {
         if (at < run.options.from || at % run.options.every != 0)
@@ -374,7 +449,8 @@ static void cut_file(cut_run &run)
 static int cut_here(const struct scenario &scenario, const struct cut_options &options)
 {
     s_ops = {0, options.at, options.torn, end_process, NULL, NULL, NULL};
-    (void)play_all_boots(scenario, options.plugin_path, options.keep);
+    moment nowhere = {};
+    (void)play_all_boots(scenario, options.plugin_path, options.keep, ENDS_AT_OPERATION, &nowhere);
     return EXIT_EXPECTATION_FAILED; /* there is no such operation */
 }
 
@@ -390,7 +466,7 @@ static int cut_part(const struct cut_options &options)
     if (options.at != 0)
         return cut_here(scenario, options);
     run_folder folder("", options.place), dead(folder.path + "-dead");
-    cut_run run = {scenario, options, folder, dead, {}, 0, 0};
+    cut_run run = {scenario, options, folder, dead, {}, {}, 0, 0};
     dead.kept = false;
     cut_file(run);
     printf("figures %llu %llu\n", static_cast<unsigned long long>(run.cuts),

@@ -15,8 +15,8 @@ unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string
 
 /* Runs it for every list of arguments, as many at a time as there are processors. A process that
  * crashed or hung goes on with "--from N" added. Result: the lines that they wrote, without those
- * by which the watch tells where to go on; a process that cannot be started or ends with a status
- * that is not its own leaves a line of "violation". */
+ * by which the watch tells where to go on; a process that cannot be started, or ends
+ * without a line of "figures", leaves a line of "violation". */
 std::vector<std::string> jobs_run(const std::vector<std::vector<std::string>> &jobs);
 
 #endif
