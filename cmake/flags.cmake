@@ -3,7 +3,10 @@ add_library(own_code INTERFACE)
 target_compile_definitions(own_code INTERFACE
   UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
 target_compile_options(own_code INTERFACE
-  -fvisibility=hidden -fstack-protector-strong -ffile-prefix-map=${CMAKE_SOURCE_DIR}=.
+  -fvisibility=hidden -fstack-protector-strong
+  # The last one that fits counts: the build folder may lie in the source folder.
+  -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${BYPASS_DEPS}=deps
+  -ffile-prefix-map=${CMAKE_BINARY_DIR}=build
   -Wall -Wextra -Wshadow -Wformat=2 -Wformat-signedness -Wundef -Wcast-qual -Wconversion
   -Wsign-conversion -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wnull-dereference
   -Wmissing-declarations -Wredundant-decls -Wimplicit-fallthrough=5 -Wvla -Wdouble-promotion

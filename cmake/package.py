@@ -1,0 +1,133 @@
+#!/usr/bin/env python3
+"""Makes the package: everything that a machine without the sources needs, as one zip.
+
+usage: package.py SOURCE BUILD DEPS OUTPUT_FOLDER
+
+The same sources give the same bytes, in whatever folders they lie and whenever it is done.
+"""
+import glob
+import hashlib
+import os
+import subprocess
+import sys
+import zipfile
+
+source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
+LIBRARIES = ["liboxnibase", "liboxni_core", "liboxnialgo", "liboxni_agentid", "libwdu_ejs",
+             "libwdu_jansson"]
+MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + ["oxni_devhost.exe"]
+TIME = (1980, 1, 1, 0, 0, 0)
+
+DOC = "/usr/share/doc"
+# What is linked or brought along: name, what it is in, its licence's text.
+LICENCES = [
+    ("jansson", "libwdu_jansson.dll; its headers are in include/", "MIT",
+     f"{deps}/source/**/jansson-*/LICENSE"),
+    ("uthash", "liboxnibase.dll (headers)", "BSD, one clause", f"{DOC}/uthash-dev/copyright"),
+    ("rapidjson", "liboxni_core.dll, oxni_devhost.exe (headers)", "MIT",
+     f"{DOC}/rapidjson-dev/copyright"),
+    ("cli11", "oxni_devhost.exe (headers)", "BSD, three clauses", f"{DOC}/libcli11-dev/copyright"),
+    ("libevtx", "oxni_devhost.exe (static)", "LGPL 3 or later",
+     f"{deps}/source/**/libevtx-*/COPYING"),
+    ("gpl-3", "the licence that the LGPL 3 adds to", "", "/usr/share/common-licenses/GPL-3"),
+    ("zlib", "liboxnialgo.dll, oxni_devhost.exe (static)", "zlib",
+     f"{DOC}/libz-mingw-w64-dev/copyright"),
+    ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
+     "several, permissive, among them MIT and the Zope licence", f"{DOC}/mingw-w64-x86-64-dev/copyright"),
+    ("gcc", "every module: libgcc, libstdc++, libssp (static)",
+     "GPL 3 or later with the GCC Runtime Library Exception",
+     f"{DOC}/gcc-mingw-w64-base/copyright"),
+]
+ABOUT_LIBEVTX = """
+libevtx is linked into oxni_devhost.exe only; the plug-in and the platform's DLLs do not contain it.
+Under the LGPL 3 who passes that program on must let the receiver change libevtx, link the program
+anew with the changed library, and take it apart for debugging such changes. For this the library's
+unchanged source lies in licences/source/; the program's own sources are the project's, of the same
+version, whose ./dev builds library and program. Pass them on with it, or offer them. The GPL's text
+is here because the LGPL refers to it.
+
+The runtime library exception lets modules that were compiled with GCC carry libgcc, libstdc++ and
+libssp under terms of their maker's choice.
+"""
+
+
+def fail(text):
+    sys.exit(f"package: {text}")
+
+
+def read(path):
+    if not os.path.isfile(path):
+        fail(f"{path} is missing")
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def only(pattern):
+    found = sorted(glob.glob(pattern, recursive=True))
+    if not found:
+        fail(f"there is no {pattern}")
+    return found[0]
+
+
+def tracked(*folders):
+    """Only what belongs to the project: whatever else lies there would change the bytes."""
+    names = subprocess.run(["git", "-C", source, "ls-files", "-z", "--", *folders], check=True,
+                           capture_output=True, text=True).stdout
+    return [name for name in names.split("\0") if name]
+
+
+def modules():
+    for name in MODULES:
+        yield f"bin/{name}", read(f"{build}/bin/{name}")
+        yield f"symbols/{name}.debug", read(f"{build}/bin/{name}.debug")
+    for name in LIBRARIES:
+        yield f"lib/{name}.dll.a", read(f"{build}/lib/{name}.dll.a")
+    yield ("lib/libbypass_mgr.def",
+           read(f"{source}/oxni_sys/plugins/bypassmgr/libbypass_mgr.def"))
+
+
+def headers():
+    for name in tracked("oxni_base/include"):
+        yield name.removeprefix("oxni_base/"), read(f"{source}/{name}")
+    for name in ("jansson.h", "jansson_config.h"):
+        yield f"include/{name}", read(f"{deps}/jansson/include/{name}")
+    for name in tracked("platform/*/host.h"):
+        yield name.replace("platform/", "host/", 1), read(f"{source}/{name}")
+
+
+def licences():
+    rows = ["What the modules of this package contain besides the project's own code.\n"]
+    for name, where, terms, pattern in LICENCES:
+        yield f"licences/{name}.txt", read(only(pattern))
+        rows.append(f"{name}.txt: {where}" + (f"; {terms}" if terms else ""))
+    archive = only(f"{deps}/source/**/libevtx_*.orig.tar.gz")
+    yield f"licences/source/{os.path.basename(archive)}", read(archive)
+    yield "licences/README.txt", ("\n".join(rows) + "\n" + ABOUT_LIBEVTX).encode()
+
+
+def version():
+    for line in read(f"{build}/CMakeCache.txt").decode().splitlines():
+        if line.startswith("CMAKE_PROJECT_VERSION:"):
+            return line.split("=")[1]
+    fail(f"{build}/CMakeCache.txt tells no version")
+
+
+def main():
+    name = f"bypass_mgr-{version()}"
+    files = dict([*modules(), *headers(), *licences()])
+    for path in ["README.md", *tracked("docs", "scenarios", "examples")]:
+        files[path] = read(f"{source}/{path}")
+    os.makedirs(output, exist_ok=True)
+    path = f"{output}/{name}.zip"
+    with zipfile.ZipFile(path, "w") as archive:
+        for member in sorted(files):
+            info = zipfile.ZipInfo(f"{name}/{member}", TIME)
+            info.create_system = 3
+            info.external_attr = (0o755 if member.startswith("bin/") else 0o644) << 16
+            archive.writestr(info, files[member], zipfile.ZIP_DEFLATED, 9)
+    data = read(path)
+    print(f"{path}\n{len(data)} bytes, {len(files)} files\n"
+          f"sha256 {hashlib.sha256(data).hexdigest()}")
+
+
+main()

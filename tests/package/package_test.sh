@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# The package holds all that its users need: the plug-in builds against it as against any other
+# platform's SDK, to the same bytes in another folder, and a program that has nothing else plays.
+# usage: package_test.sh SOURCE BUILD DEPS CXX OBJCOPY
+set -u
+source=$1 build=$2 deps=$3 cxx=$4 objcopy=$5
+work=$build/package_test
+failures=0
+
+check() {
+    local what=$1
+    shift
+    if "$@" >"$work/output.txt" 2>&1; then return; fi
+    echo "FAILED: $what"
+    tail -n 30 "$work/output.txt"
+    failures=$((failures + 1))
+}
+
+# What is loaded, without the link to the symbols: their file tells the headers' folders.
+loaded_bytes() {
+    "$objcopy" -O binary -R .gnu_debuglink "$1" "$2"
+}
+
+rm -rf "$work"
+mkdir -p "$work"
+check "the package is made" python3 "$source/cmake/package.py" "$source" "$build" "$deps" "$work"
+python3 -m zipfile -e "$work"/bypass_mgr-*.zip "$work" || exit 1
+package=$(echo "$work"/bypass_mgr-*/)
+package=${package%/}
+
+check "no path of this machine is in it" sh -c \
+    "! grep -rlF -e '$build' -e '$deps' '$package'"
+
+check "the plug-in is configured for the package" cmake -S "$source" -B "$work/plugin" -G Ninja \
+    -DCMAKE_TOOLCHAIN_FILE="$source/cmake/mingw64.cmake" -DBYPASS_PLATFORM_SDK="$package"
+check "the plug-in builds against the package" cmake --build "$work/plugin"
+loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
+loaded_bytes "$work/plugin/bin/libbypass_mgr.dll" "$work/built.bin"
+check "the plug-in is the same as the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
+
+check "the example builds" "$cxx" -static -I"$package/include" -I"$package/host" \
+    -o "$package/bin/registration.exe" "$package/examples/registration.cpp" \
+    "$package"/lib/lib{oxnibase,oxni_core,wdu_jansson}.dll.a
+(cd "$package/bin" && "$source/cmake/wine-run" registration.exe) |
+    tr -d '\r' >"$work/example.txt"
+cat >"$work/expected.txt" <<'END'
+guard is registered
+the console says: [{"product_name": "guard", "status": 1, "count": 3, "data": {"modules": ["guard_flt"]}}]
+END
+check "the example plays a registration" grep -xFf "$work/expected.txt" "$work/example.txt"
+cat "$work/example.txt"
+exit $failures

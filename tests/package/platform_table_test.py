@@ -1,0 +1,34 @@
+#!/usr/bin/env python3
+"""Every operation of the platform has a row in its document, and no row is of anything else.
+
+usage: platform_table_test.py SOURCE
+"""
+import glob
+import os
+import re
+import sys
+
+source = sys.argv[1]
+
+
+def read(*parts):
+    with open(os.path.join(source, *parts), encoding="utf-8") as file:
+        return file.read()
+
+
+declared = set()
+for header in glob.glob(os.path.join(source, "oxni_base/include/oxni/base/*.h")):
+    text = re.sub(r"/\*.*?\*/", "", read(header), flags=re.S)
+    declared |= set(re.findall(r"^OXNI_API\b[^;(]*?(\w+)\(", text, flags=re.M))
+imported = {line.split()[1] for line in read("tests/plugin/imports.txt").splitlines()
+            if line.startswith(("liboxni", "libwdu"))}
+rows = [line.split("|") for line in read("docs/platform.md").splitlines()
+        if line.startswith("| `")]
+named = [name for row in rows for name in re.findall(r"`(\w+)`", row[1])]
+
+problems = [f"{name}: no row" for name in sorted((declared | imported) - set(named))]
+problems += [f"{name}: a row, but no such operation" for name in sorted(set(named) - declared - imported)]
+problems += [f"{name}: two rows" for name in sorted({n for n in named if named.count(n) > 1})]
+problems += [f"{row[1].strip()}: {len(row) - 2} columns" for row in rows if len(row) != 7]
+print("\n".join(problems) or f"{len(named)} operations, a row for each")
+sys.exit(1 if problems or not named else 0)

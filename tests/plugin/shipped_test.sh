@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# What the modules that ship look like from outside: hardened, no path of the build machine, and the
+# plug-in exports and imports what its lists say.
+# usage: shipped_test.sh OBJDUMP DEF_FILE IMPORTS_LIST VERSION PATHS PLUGIN [MODULE...]
+#   PATHS   folders that no module may name, separated by colons
+set -u
+objdump=$1 def=$2 list=$3 version=$4 paths=$5
+shift 5
+plugin=$1
+failures=0
+
+fail() {
+    echo "FAILED: $*"
+    failures=$((failures + 1))
+}
+
+exports_of() {
+    "$objdump" -p "$1" |
+        awk '/\[Ordinal\/Name Pointer\] Table/ {on=1; next} on && NF==0 {exit} on {print $NF}'
+}
+
+# One line a function: its module and its name.
+imports_of() {
+    "$objdump" -p "$1" | tr -d '\r' | awk '
+        /DLL Name:/ {module = tolower($3); next}
+        /^The Export Tables|^The Function Table/ {module = ""}
+        module != "" && NF == 3 && $1 ~ /^[0-9a-f]+$/ && $2 ~ /^[0-9]+$/ {print module, $3}' |
+        LC_ALL=C sort
+}
+
+check_hardening() {
+    local module=$1 headers property folder
+    headers=$("$objdump" -p "$module") || { fail "$module: not readable"; return; }
+    for property in HIGH_ENTROPY_VA DYNAMIC_BASE NX_COMPAT; do
+        grep -q "^[[:space:]]*$property$" <<<"$headers" || fail "$module: not $property"
+    done
+    # An address space laid out at random needs something to move the module with.
+    awk '/Base Relocation Directory/ && $4 !~ /^0+$/ {found=1} END {exit !found}' <<<"$headers" ||
+        fail "$module: no relocations"
+    "$objdump" -h "$module" | awk '
+        $1 ~ /^[0-9]+$/ {name = $2; next}
+        /CONTENTS/ && / CODE/ && !/READONLY/ {print name}' | grep . >/dev/null &&
+        fail "$module: a section is writable and executable"
+    "$objdump" -h "$module" | grep -F .gnu_debuglink >/dev/null || fail "$module: no debug link"
+    "$objdump" -h "$module" | grep -F .debug_info >/dev/null && fail "$module: symbols are in it"
+    for folder in ${paths//:/ } /usr/src/ /home/ /root/; do
+        grep -F -e "$folder" "$module" "$module.debug" >/dev/null && fail "$module: names $folder"
+    done
+}
+
+for module in "$@"; do
+    check_hardening "$module"
+done
+
+# Not of each module: one without arrays on its stack has nothing to protect.
+"$objdump" -t "$plugin.debug" | grep -w __stack_chk_fail >/dev/null ||
+    fail "$plugin: its stack is not protected"
+
+exports=$(exports_of "$plugin")
+wanted=$(sed -n '/EXPORTS/,$p' "$def" | tail -n +2 | tr -d ' ')
+[ "$exports" = "$wanted" ] || fail "exports are: $exports; expected: $wanted"
+difference=$(diff <(grep -v '^#' "$list") <(imports_of "$plugin")) ||
+    fail "imports differ from $list (< only there, > only in the DLL):
+$difference"
+"${objdump%objdump}strings" -el "$plugin" | grep -A1 -xF FileVersion | grep -xF "$version" >/dev/null ||
+    fail "the version resource does not say $version"
+[ $failures = 0 ] && echo "$# modules are as they must be"
+exit $failures
