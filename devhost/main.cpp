@@ -195,6 +195,10 @@ int wmain(int argc, wchar_t **argv)
     } catch (const devhost_error &error) {
         status = report_error(error);
     }
-    fflush(stdout);
+    /* A result that is not whole is none, whatever it says. */
+    if ((fflush(stdout) != 0 || ferror(stdout) != 0) && status != EXIT_BAD_CALL) {
+        fprintf(stderr, "oxni_devhost: stdout: cannot be written\n");
+        status = EXIT_BAD_CALL;
+    }
     return status;
 }

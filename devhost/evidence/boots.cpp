@@ -45,6 +45,16 @@ static uint64_t started(const machine_event &event)
     return time_of_unix(event.time);
 }
 
+/* The record of an unexpected shutdown has the code of the blue screen that it came by; 0, or none
+ * in older Windows, says that there was none. */
+static enum run_ending unexpected_ending(const machine_event &event)
+{
+    const std::wstring code = event.strings.at(0);
+
+    return code.empty() || wcstoul(code.c_str(), NULL, 0) == 0 ? RUN_ENDED_POWER_LOSS
+                                                               : RUN_ENDED_BLUE_SCREEN;
+}
+
 /* The records of the next start tell of a crash or a loss of power; a shutdown stands in the run
  * itself. A run that began to shut down and crashed then did not end clean. */
 static void find_ending(const evidence_log &log, evidence_run *run, const evidence_run *next)
@@ -55,15 +65,16 @@ static void find_ending(const evidence_log &log, evidence_run *run, const eviden
             run->told_by = i;
         }
     for (size_t i = next != NULL ? next->begin : 0; next != NULL && i < next->end; i++) {
-        const bool bug_check = evidence_is_bug_check(log.events[i]);
-
-        if (bug_check || (is(log.events[i], L"Microsoft-Windows-Kernel-Power", EVENT_UNEXPECTED) &&
-                          run->ending != RUN_ENDED_POWER_LOSS)) {
-            run->ending = bug_check ? RUN_ENDED_BLUE_SCREEN : RUN_ENDED_POWER_LOSS;
+        if (evidence_is_bug_check(log.events[i])) {
+            run->ending = RUN_ENDED_BLUE_SCREEN;
+            run->told_by = i;
+            return;
+        }
+        if (is(log.events[i], L"Microsoft-Windows-Kernel-Power", EVENT_UNEXPECTED) &&
+            (run->told_by == NO_RECORD || run->told_by < next->begin)) {
+            run->ending = unexpected_ending(log.events[i]);
             run->told_by = i;
         }
-        if (bug_check)
-            return;
     }
 }
 

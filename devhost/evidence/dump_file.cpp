@@ -23,19 +23,20 @@ void evidence_dump_read(const std::string &path, evidence_dump *dump)
     dump->facts.stack.clear(); /* up to the size of the memory, and nobody asks for it here */
 }
 
-bool evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check)
+enum evidence_fit evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check)
 {
     unsigned code;
     unsigned long long parameters[4];
 
     if (sscanf(bug_check.c_str(), "%x (%llx, %llx, %llx, %llx)", &code, &parameters[0],
-               &parameters[1], &parameters[2], &parameters[3]) != 5 ||
-        code != (dump.facts.bug_check & ~TRIAGE_CODE_FLAG))
-        return false;
+               &parameters[1], &parameters[2], &parameters[3]) != 5)
+        return EVIDENCE_FIT_UNKNOWN;
+    if ((code & ~TRIAGE_CODE_FLAG) != (dump.facts.bug_check & ~TRIAGE_CODE_FLAG))
+        return EVIDENCE_FITS_NOT;
     for (size_t i = 0; i < 4; i++)
         if (parameters[i] != dump.facts.parameters[i])
-            return false;
-    return true;
+            return EVIDENCE_FITS_NOT;
+    return EVIDENCE_FITS;
 }
 
 const char *evidence_dump_kind(const evidence_dump &dump)

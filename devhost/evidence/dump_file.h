@@ -23,9 +23,15 @@ struct evidence_dump {
 /* Throws devhost_error with EXIT_BAD_EVIDENCE for a file that is no readable kernel dump of x64. */
 void evidence_dump_read(const std::string &path, evidence_dump *dump);
 
+enum evidence_fit {
+    EVIDENCE_FIT_UNKNOWN, /* the text is of another form */
+    EVIDENCE_FITS_NOT,
+    EVIDENCE_FITS,
+};
+
 /* Whether the text of a BugCheck record, "0x0000007e (0x..., 0x..., 0x..., 0x...)", tells of the
- * crash that this dump is of. */
-bool evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check);
+ * crash that this dump is of: code and parameters are the same. */
+enum evidence_fit evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check);
 
 /* "small", "complete" and so on. */
 const char *evidence_dump_kind(const evidence_dump &dump);

@@ -88,7 +88,8 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
             m_event.strings.add(text_wide(value));
         else if (m_depth == 2 && m_member == "source")
             m_event.source = text_wide(value);
-        else if (m_depth == 2 && m_member == "time" && time_parse(value, &time))
+        else if (m_depth == 2 && m_member == "time" && time_parse(value, &time) &&
+                 time_unix(time) >= 0 && time_unix(time) <= UINT32_MAX)
             m_event.time = static_cast<uint32_t>(time_unix(time));
         else
             return Default();
@@ -101,7 +102,9 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         if (m_depth == 3)
             return bad("expected texts in \"strings\"");
         if (m_member == "time")
-            return bad("\"time\": expected a time such as 2024-03-07T09:05:41Z");
+            return bad("\"time\": expected a time from 1970 to 2106 such as 2024-03-07T09:05:41Z");
+        if (m_member == "strings")
+            return bad("\"strings\": expected an array of texts");
         return bad("\"" + m_member + "\": expected " +
                    (m_member == "source" ? "a text" : "a number"));
     }

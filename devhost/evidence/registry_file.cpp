@@ -8,9 +8,10 @@
 #include "file.h"
 
 /* A whole export of a machine's SYSTEM hive has some tens of megabytes. */
-#define MOST_BYTES (256ull << 20)
+#define MOST_BYTES  (256ull << 20)
 
-#define ROOT       L"HKEY_LOCAL_MACHINE"
+#define ROOT        L"HKEY_LOCAL_MACHINE"
+#define CONTROL_SET L"SYSTEM\\ControlSet"
 
 namespace
 {
@@ -63,6 +64,23 @@ static bool next_raw_line(reader &from, std::wstring *line)
     return true;
 }
 
+/* Whether the line ends inside a quoted text. inside: whether it begins there; any other line but
+ * one of a value has none. */
+static bool ends_in_text(const std::wstring &line, bool inside)
+{
+    const size_t text = line.find_first_not_of(L" \t");
+
+    if (!inside && (text == std::wstring::npos || (line[text] != L'"' && line[text] != L'@')))
+        return false;
+    for (size_t i = 0; i < line.size(); i++) {
+        if (line[i] == L'"')
+            inside = !inside;
+        else if (line[i] == L'\\' && inside)
+            i++;
+    }
+    return inside;
+}
+
 /* One line with those that it goes on in. */
 static bool next_line(reader &from, std::wstring *line)
 {
@@ -72,6 +90,14 @@ static bool next_line(reader &from, std::wstring *line)
         return false;
     const size_t first = from.line;
 
+    /* A text that has line ends in it is written with them as they are. */
+    for (bool open = ends_in_text(*line, false); open; open = ends_in_text(more, true)) {
+        if (!next_raw_line(from, &more)) {
+            from.line = first;
+            from.bad("expected a closing quotation mark");
+        }
+        *line += L"\n" + more;
+    }
     while (!line->empty() && line->back() == L'\\' && line->front() != L'[') {
         line->pop_back();
         if (!next_raw_line(from, &more))
@@ -160,14 +186,36 @@ static void parse_data(const reader &from, const std::wstring &text, evidence_va
     }
 }
 
-/* "\SYSTEM\ControlSet001\..." is what the running system calls CurrentControlSet. */
-static std::wstring current(const std::wstring &key)
+/* The number of "SYSTEM\ControlSetNNN\..."; 0 for any other key. */
+static unsigned long control_set_of(const std::wstring &key)
 {
-    const std::wstring set = L"SYSTEM\\ControlSet";
+    const std::wstring set = CONTROL_SET;
+    wchar_t *end = NULL;
 
-    if (_wcsnicmp(key.c_str(), set.c_str(), set.size()) != 0 || key.size() < set.size() + 3)
-        return key;
-    return L"SYSTEM\\CurrentControlSet" + key.substr(set.size() + 3);
+    if (_wcsnicmp(key.c_str(), set.c_str(), set.size()) != 0)
+        return 0;
+    const unsigned long number = wcstoul(key.c_str() + set.size(), &end, 10);
+
+    return end == key.c_str() + set.size() + 3 && (*end == L'\\' || *end == L'\0') ? number : 0;
+}
+
+/* The set that the running system calls CurrentControlSet: as the export says, else its first. */
+static void name_current_set(evidence_registry *registry)
+{
+    uint32_t current = 0;
+    unsigned long first = 0;
+
+    for (const evidence_value &value : registry->values) {
+        if (value.type == REG_DWORD && value.data.size() == sizeof(current) &&
+            _wcsicmp(value.key.c_str(), L"SYSTEM\\Select") == 0 &&
+            _wcsicmp(value.name.c_str(), L"Current") == 0)
+            memcpy(&current, value.data.data(), sizeof(current));
+        first = first != 0 ? first : control_set_of(value.key);
+    }
+    for (evidence_value &value : registry->values)
+        if (control_set_of(value.key) != 0 &&
+            control_set_of(value.key) == (current != 0 ? current : first))
+            value.key = L"SYSTEM\\CurrentControlSet" + value.key.substr(wcslen(CONTROL_SET) + 3);
 }
 
 /* A line in brackets. Result: the key below the root; empty for another root. */
@@ -181,8 +229,7 @@ static std::wstring parse_key(const reader &from, const std::wstring &line)
         from.bad("expected an export, found a key to delete");
     const std::wstring key = line.substr(1, line.size() - 2);
 
-    return _wcsnicmp(key.c_str(), root.c_str(), root.size()) == 0 ? current(key.substr(root.size()))
-                                                                  : L"";
+    return _wcsnicmp(key.c_str(), root.c_str(), root.size()) == 0 ? key.substr(root.size()) : L"";
 }
 
 static void parse_value(const reader &from, const std::wstring &line, const std::wstring &key,
@@ -233,4 +280,5 @@ void evidence_registry_read(const std::string &path, evidence_registry *registry
             parse_value(from, line, key, registry);
         }
     }
+    name_current_set(registry);
 }

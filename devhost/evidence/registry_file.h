@@ -10,7 +10,7 @@
 #include <vector>
 
 struct evidence_value {
-    std::wstring key; /* below HKEY_LOCAL_MACHINE; "ControlSetNNN" reads CurrentControlSet */
+    std::wstring key; /* below HKEY_LOCAL_MACHINE; the control set in use is CurrentControlSet */
     std::wstring name;
     DWORD type;       /* REG_SZ and so on */
     std::string data; /* as in the registry: texts are UTF-16 with their NUL */

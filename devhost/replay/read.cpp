@@ -1,6 +1,8 @@
 /* What was handed in: read, checked, and told where on the machine it belongs. */
 #include "replay.h"
 
+#include <algorithm>
+
 #include "../machine/machine.h"
 #include "../text.h"
 #include <rapidjson/stringbuffer.h>
@@ -185,21 +187,16 @@ static std::wstring dump_place(const wchar_t *value, const wchar_t *usual)
     return machine_expand(text_wide(text));
 }
 
-static std::string place_of(const evidence_dump &dump)
+static bool is_small(const evidence_dump &dump)
 {
-    if (dump.facts.kind != KERNEL_DUMP_KIND_TRIAGE)
-        return text_narrow(dump_place(L"DumpFile", L"\\MEMORY.DMP"));
-    return text_narrow(dump_place(L"MinidumpDir", L"\\Minidump") + L"\\") + dump.file_name;
+    return dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE;
 }
 
-/* The blue screen record of this boot; NULL when there is none. */
-static const machine_event *bug_check_of(const replay_evidence &evidence)
+static std::string place_of(const evidence_dump &dump)
 {
-    const evidence_run *before = evidence.before;
-
-    if (before == NULL || before->ending != RUN_ENDED_BLUE_SCREEN)
-        return NULL;
-    return &evidence.log.events[before->told_by];
+    if (!is_small(dump))
+        return text_narrow(dump_place(L"DumpFile", L"\\MEMORY.DMP"));
+    return text_narrow(dump_place(L"MinidumpDir", L"\\Minidump") + L"\\") + dump.file_name;
 }
 
 static std::string string_of(const machine_event &event, size_t index)
@@ -207,41 +204,95 @@ static std::string string_of(const machine_event &event, size_t index)
     return text_narrow(event.strings.at(index));
 }
 
-/* Whether the dump is of the crash that this boot reports, by the record or by the clock, and how
- * that is known. */
+/* What ties a dump to the crash that this boot reports. */
+struct dump_ties {
+    enum evidence_fit fit;       /* to the boot's blue screen records: the best */
+    const machine_event *record; /* the one that fits, else the first; NULL: there is none */
+    bool named;                  /* by that record */
+    bool in_time;                /* its crash lies between the start before and this one */
+};
+
+static bool names(const machine_event &record, const evidence_dump &dump)
+{
+    const std::string path = "\\" + text_lower(string_of(record, DUMP_PATH_STRING));
+    const std::string file = "\\" + text_lower(dump.file_name);
+
+    return path.size() >= file.size() &&
+           path.compare(path.size() - file.size(), file.size(), file) == 0;
+}
+
+static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &dump)
+{
+    const uint64_t crashed = dump.facts.crash_time_100ns;
+    dump_ties ties = {EVIDENCE_FIT_UNKNOWN, NULL, false, false};
+
+    for (size_t i = evidence.boot->begin; i < evidence.boot->end; i++) {
+        const machine_event &event = evidence.log.events[i];
+
+        if (!evidence_is_bug_check(event))
+            continue;
+        const enum evidence_fit fit = evidence_dump_fits(dump, string_of(event, BUG_CHECK_STRING));
+
+        if (ties.record == NULL || fit > ties.fit) {
+            ties.record = &event;
+            ties.fit = fit;
+        }
+    }
+    ties.named = ties.record != NULL && names(*ties.record, dump);
+    ties.in_time = crashed <= evidence.boot->started_100ns &&
+                   (evidence.before == NULL || crashed >= evidence.before->started_100ns);
+    return ties;
+}
+
+/* A crash that comes back at every boot may have the same code and parameters each time: of such
+ * dumps the one counts that name or time tie to this boot, too. */
+static bool has_better(const replay_evidence &evidence, const replay_dump &placed)
+{
+    for (const replay_dump &other : evidence.dumps) {
+        const dump_ties ties = ties_of(evidence, other.dump);
+
+        if (&other != &placed && is_small(other.dump) == is_small(placed.dump) &&
+            ties.fit == EVIDENCE_FITS && (ties.named || ties.in_time))
+            return true;
+    }
+    return false;
+}
+
+/* Whether the dump is of the crash that this boot reports, and how that is known. */
 static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &placed,
                             std::string *why)
 {
-    const machine_event *bug_check = bug_check_of(evidence);
-    const uint64_t crashed = placed.dump.facts.crash_time_100ns;
+    const dump_ties ties = ties_of(evidence, placed.dump);
+    const unsigned number = ties.record != NULL ? ties.record->number : 0;
 
-    if (bug_check != NULL &&
-        evidence_dump_fits(placed.dump, string_of(*bug_check, BUG_CHECK_STRING))) {
-        *why = text_format("code and parameters are those of record %u", bug_check->number);
-        return true;
+    /* Complete dumps are all named alike, and the run before may have had a crash that nobody
+     * recorded: what the record says of the crash itself counts more. */
+    if (ties.fit == EVIDENCE_FITS_NOT) {
+        *why = text_format("its crash is not that of record %u", number);
+        return false;
     }
-    const std::string named =
-        bug_check != NULL ? text_lower(string_of(*bug_check, DUMP_PATH_STRING)) : "";
-    const std::string file = "\\" + text_lower(placed.dump.file_name);
-
-    if (named.size() >= file.size() &&
-        named.compare(named.size() - file.size(), file.size(), file) == 0) {
-        *why = text_format("record %u names the file", bug_check->number);
-        return true;
+    if (ties.fit == EVIDENCE_FITS) {
+        *why = text_format("code and parameters are those of record %u", number);
+        if ((ties.named && is_small(placed.dump)) || ties.in_time || !has_better(evidence, placed))
+            return true;
+        *why += ", as are those of a dump that fits better";
+        return false;
     }
-    if (crashed <= evidence.boot->started_100ns &&
-        (evidence.before == NULL || crashed >= evidence.before->started_100ns)) {
-        *why = "the crash lies in the run before";
-        return true;
-    }
-    return false;
+    if (ties.named)
+        *why = text_format("record %u names the file", number);
+    else if (ties.in_time)
+        *why = evidence.before != NULL ? "the crash lies in the run before"
+                                       : "the crash lies before this start, where the log begins";
+    else if (placed.dump.facts.crash_time_100ns <= evidence.boot->started_100ns)
+        *why = "the crash lies before the run before";
+    return ties.named || ties.in_time;
 }
 
 /* The file's own time counts when it can be that of the machine: copying may have changed it. */
 static uint64_t written_of(const replay_evidence &evidence, const replay_dump &placed)
 {
     const uint64_t start = evidence.boot->started_100ns, own = placed.dump.written_100ns;
-    const machine_event *bug_check = bug_check_of(evidence);
+    const machine_event *bug_check = ties_of(evidence, placed.dump).record;
     const uint64_t recorded = bug_check != NULL ? time_of_unix(bug_check->time) : 0;
 
     if (own > start && own <= recorded)
@@ -251,7 +302,8 @@ static uint64_t written_of(const replay_evidence &evidence, const replay_dump &p
 
 static void place_dump(const replay_evidence &evidence, replay_dump *placed)
 {
-    const uint64_t crashed = placed->dump.facts.crash_time_100ns;
+    const uint64_t crashed = placed->dump.facts.crash_time_100ns,
+                   start = evidence.boot->started_100ns;
 
     placed->place = place_of(placed->dump);
     placed->there = true;
@@ -260,9 +312,9 @@ static void place_dump(const replay_evidence &evidence, replay_dump *placed)
         placed->why += placed->written_100ns == placed->dump.written_100ns
                            ? "; written when the file says"
                            : "; written soon after the start, which is assumed";
-    } else if (crashed < evidence.boot->started_100ns) {
-        placed->written_100ns = crashed + 60 * TICKS_PER_SECOND;
-        placed->why = "the crash lies before the run before";
+    } else if (crashed < start) {
+        /* By an earlier start than this one, however short the run was. */
+        placed->written_100ns = std::min(crashed + 60 * TICKS_PER_SECOND, start - TICKS_PER_SECOND);
     } else {
         placed->there = false;
         placed->why = "the crash lies behind this start, so it is not there yet";

@@ -4,7 +4,9 @@
 
 #include <stdio.h>
 
-#include <regex>
+#include <string.h>
+
+#include <algorithm>
 
 #include "../evidence/file.h"
 #include "../machine/machine.h"
@@ -16,39 +18,105 @@
 
 #define STACK_FRAMES  99
 
-/* Records whose strings are kept: the plug-in asks for them, or they move the clock. */
+/* What a dump is called whose name is not one of Windows' own. */
+#define OTHER_DUMP "dump.dmp"
+
+/* Records of which strings are kept, and how many of the first: those that the plug-in asks for,
+ * and those that move the clock. Behind them stand programs and accounts. */
 static const struct {
     const wchar_t *source;
     uint32_t id;
+    size_t strings;
 } s_kept[] = {
-    {L"Microsoft-Windows-Kernel-General", 1   },
-    {L"Microsoft-Windows-Kernel-General", 12  },
-    {L"Microsoft-Windows-Kernel-General", 13  },
-    {L"Microsoft-Windows-Kernel-Power",   41  },
-    {L"Microsoft-Windows-Winlogon",       7001},
-    {L"BugCheck",                         1001},
+    {L"Microsoft-Windows-Kernel-General", 1,    2},
+    {L"Microsoft-Windows-Kernel-General", 12,   7},
+    {L"Microsoft-Windows-Kernel-General", 13,   1},
+    {L"Microsoft-Windows-Kernel-Power",   41,   5},
+    {L"BugCheck",                         1001, 2},
 };
 
-/* Keys that the plug-in reads, in lower case, with all below them. */
+/* Keys that the plug-in reads, and the values of them that are kept: those that it reads, and those
+ * that every driver has. In lower case. */
 static const wchar_t *const s_keys[] = {
     L"system\\currentcontrolset\\control\\crashcontrol",
     L"system\\currentcontrolset\\services\\load_driver",
     L"system\\currentcontrolset\\services\\oxnisp_driver",
 };
+static const wchar_t *const s_values[] = {
+    L"dumpfile", L"minidumpdir", L"crashdumpenabled", L"timermaxcount", L"crashcount", L"imagepath",
+    L"start",    L"type",
+};
 
-/* What a person or a computer can be known by, in a text that is kept. */
-static std::string without_names(const std::string &text)
+static bool is_slash(char c)
 {
-    static const std::regex sid("S-1-(5-21|12-1)(-[0-9]+)+");
-    static const std::regex user_folder("([A-Za-z]:\\\\(Users|Documents and Settings)\\\\).*",
-                                        std::regex::icase);
-    static const std::regex server("\\\\\\\\[^\\\\]+\\\\.*");
-    static const std::regex guid("\\{?[0-9A-Fa-f]{8}(-[0-9A-Fa-f]{4}){3}-[0-9A-Fa-f]{12}\\}?");
-    std::string out = std::regex_replace(text, sid, "S-1-5-21-0-0-0-1000");
+    return c == '\\' || c == '/';
+}
 
-    out = std::regex_replace(out, user_folder, "$1user");
-    out = std::regex_replace(out, server, "\\\\server\\share");
-    return std::regex_replace(out, guid, "00000000-0000-0000-0000-000000000000");
+/* Where a part of a path begins that is called so; npos: nowhere. */
+static size_t find_part(const std::string &text, const std::string &part)
+{
+    const std::string lower = text_lower(text);
+
+    for (size_t at = lower.find(part); at != std::string::npos; at = lower.find(part, at + 1)) {
+        const size_t end = at + part.size();
+
+        if (at > 0 && is_slash(text[at - 1]) && end + 1 < text.size() && is_slash(text[end]))
+            return at;
+    }
+    return std::string::npos;
+}
+
+/* A path with what people and servers are called taken out: all behind a folder of users, all from
+ * a SID on, all of a path on a server. The same text gives the same, so that a setting and a file
+ * still agree. */
+static std::string without_names(const std::string &path)
+{
+    for (const char *folder : {"users", "documents and settings", "docume~1"}) {
+        const size_t at = find_part(path, folder);
+
+        if (at != std::string::npos)
+            return path.substr(0, at + strlen(folder) + 1) + "user";
+    }
+    for (const char *account : {"s-1-5-21-", "s-1-12-1-"}) {
+        const size_t at = text_lower(path).find(account);
+
+        if (at != std::string::npos)
+            return path.substr(0, at) + "account";
+    }
+    const bool remote = path.size() > 2 && is_slash(path[0]) && is_slash(path[1]) &&
+                        (path[2] != '?' || find_part(path, "unc") != std::string::npos);
+
+    return remote ? "\\\\server\\share" : path;
+}
+
+/* What Windows writes without naming anybody: times, numbers, "0x0000007e (0x1, 0x2, 0x3, 0x4)". */
+static bool is_numbers(const std::string &text)
+{
+    return text.find_first_not_of("0123456789abcdefABCDEFx(),.:TZ- ") == std::string::npos;
+}
+
+/* A name that Windows gave, "MEMORY.DMP" or "030724-5437-01.dmp", stays; any other may tell
+ * something. */
+static std::string dump_name(const std::string &name, const std::string &other)
+{
+    const std::string lower = text_lower(name);
+    const size_t digits = lower.find_first_not_of("0123456789-");
+
+    return lower == "memory.dmp" || (digits != std::string::npos && digits > 0 &&
+                                     lower.compare(digits, lower.npos, ".dmp") == 0)
+               ? name
+               : other;
+}
+
+/* The path of a dump. other: its name when it has not one of Windows' own. */
+static std::string redacted_file(const std::string &path, const std::string &other)
+{
+    const size_t slash = path.find_last_of("\\/");
+
+    if (slash == std::string::npos)
+        return dump_name(path, other);
+    return without_names(path.substr(0, slash)) + path[slash] +
+           dump_name(path.substr(slash + 1), other);
 }
 
 static machine_event redacted(const machine_event &event)
@@ -56,21 +124,16 @@ static machine_event redacted(const machine_event &event)
     machine_event out = event;
 
     out.strings = {};
+    out.source = text_wide(without_names(text_narrow(event.source)));
     for (const auto &kept : s_kept)
         if ((event.id & 0xffff) == kept.id && event.source == kept.source)
-            for (size_t i = 0; i < event.strings.count(); i++)
-                out.strings.add(text_wide(without_names(text_narrow(event.strings.at(i)))));
+            for (size_t i = 0; i < event.strings.count() && i < kept.strings; i++) {
+                const std::string text = text_narrow(event.strings.at(i));
+
+                out.strings.add(
+                    text_wide(is_numbers(text) ? text : redacted_file(text, OTHER_DUMP)));
+            }
     return out;
-}
-
-/* A name that Windows gave stays; any other may tell something. */
-static std::string dump_name(const evidence_dump &dump, size_t number)
-{
-    static const std::regex usual("[0-9]{6}-[0-9]+-[0-9]+\\.dmp|MEMORY\\.DMP", std::regex::icase);
-
-    return std::regex_match(dump.file_name, usual)
-               ? dump.file_name
-               : text_format("dump%u.dmp", static_cast<unsigned>(number));
 }
 
 /* The stack as call sites, which is all that a dump says here. */
@@ -96,13 +159,13 @@ static std::string dumps_json(const replay_evidence &evidence)
     size_t number = 0;
 
     for (const replay_dump &placed : evidence.dumps) {
-        const std::string folder =
-            without_names(placed.place.substr(0, placed.place.find_last_of('\\')));
+        const std::string name = text_format("dump%u.dmp", static_cast<unsigned>(++number));
+        const bool small = placed.dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE;
 
-        number++;
+        /* The setting names the file of a large dump, and of small ones the folder. */
         if (placed.there)
             text += (text.empty() ? "" : ",\n      ") +
-                    dump_json(placed, folder + "\\" + dump_name(placed.dump, number));
+                    dump_json(placed, redacted_file(placed.place, small ? name : OTHER_DUMP));
     }
     return text;
 }
@@ -117,7 +180,9 @@ static std::string value_json(const evidence_value &value)
                                 value.data.size() / sizeof(wchar_t));
 
         type = value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ";
-        data = text_quoted(without_names(text_narrow(text.c_str())));
+        data = text_quoted(text_lower(value.name) == L"dumpfile"
+                               ? redacted_file(text_narrow(text.c_str()), OTHER_DUMP)
+                               : without_names(text_narrow(text.c_str())));
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(uint32_t)) {
         uint32_t number;
 
@@ -138,14 +203,19 @@ static std::string value_json(const evidence_value &value)
            "\", \"data\": " + data + "}";
 }
 
+template <size_t size>
+static bool is_one_of(const std::wstring &name, const wchar_t *const (&names)[size])
+{
+    return std::find(names, names + size, text_lower(name)) != names + size;
+}
+
 static std::string registry_json(const evidence_registry &registry)
 {
     std::string text;
 
     for (const evidence_value &value : registry.values)
-        for (const wchar_t *key : s_keys)
-            if (text_lower(value.key).rfind(key, 0) == 0)
-                text += (text.empty() ? "" : ",\n      ") + value_json(value);
+        if (is_one_of(value.key, s_keys) && is_one_of(value.name, s_values))
+            text += (text.empty() ? "" : ",\n      ") + value_json(value);
     return text;
 }
 
@@ -153,6 +223,7 @@ static std::string registry_json(const evidence_registry &registry)
 static std::string steps_json(const replay_evidence &evidence)
 {
     std::string text;
+    uint64_t start = evidence.boot->started_100ns; /* as the clock stands at a record */
 
     for (const replay_moment &moment : replay_moments(evidence, UNTIL_SECONDS * 1000ull)) {
         const machine_event event = redacted(evidence.log.events[moment.index]);
@@ -162,6 +233,11 @@ static std::string steps_json(const replay_evidence &evidence)
         std::string record = evidence_log_json(one, 0, UINT64_MAX);
 
         record = record.substr(2, record.size() - 5); /* without the array's brackets */
+        start += static_cast<uint64_t>(moment.clock_change_100ns);
+        if (moment.clock_change_100ns != 0)
+            text += text_format("%s      {\"at\": %.3f, \"clock\": \"%s\"}",
+                                text.empty() ? "" : ",\n", static_cast<double>(moment.ms) / 1000.0,
+                                time_iso(start + moment.ms * TICKS_PER_MS, true).c_str());
         text += text_format("%s      {\"at\": %.3f, \"event\": ", text.empty() ? "" : ",\n",
                             static_cast<double>(moment.ms) / 1000.0) +
                 record + "}";

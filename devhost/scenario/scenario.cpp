@@ -9,6 +9,8 @@
 #include "../machine/machine.h"
 #include "../text.h"
 
+#define MOST_LEVELS 100
+
 /* Made from scenario.schema.json by the build. */
 extern const char scenario_schema_text[];
 
@@ -26,10 +28,34 @@ static std::string place_of(const std::string &text, size_t offset)
                        static_cast<unsigned>(column));
 }
 
+/* Where arrays and objects are nested deeper than anything that is read here; npos: nowhere. The
+ * parser goes down once a level, and the stack has an end. */
+static size_t too_deep(const std::string &text)
+{
+    bool inside = false; /* a text */
+    int depth = 0;
+
+    for (size_t i = 0; i < text.size(); i++) {
+        if (inside && text[i] == '\\')
+            i++;
+        else if (text[i] == '"')
+            inside = !inside;
+        else if (!inside && (text[i] == '[' || text[i] == '{') && ++depth > MOST_LEVELS)
+            return i;
+        else if (!inside && (text[i] == ']' || text[i] == '}'))
+            depth--;
+    }
+    return std::string::npos;
+}
+
 void scenario_load_json(rapidjson::Document &document, const std::string &file, int status)
 {
     std::string text = machine_read_real_file(text_wide(file), status);
+    const size_t deep = too_deep(text);
 
+    if (deep != std::string::npos)
+        throw devhost_error(status, file + ": " + place_of(text, deep) +
+                                        text_format(": expected %d levels at most", MOST_LEVELS));
     document.Parse<rapidjson::kParseValidateEncodingFlag>(text.data(), text.size());
     if (document.HasParseError())
         throw devhost_error(status, file + ": " + place_of(text, document.GetErrorOffset()) + ": " +

@@ -7,7 +7,8 @@
 #include "../text.h"
 #include "view.h"
 
-#define BLAME_LINE "find [*] crach!"
+#define BLAME_LINE       "find [*] crach!"
+#define EMPTY_STACK_LINE "dump info is empty. "
 
 /* A line of the plug-in, in which * stands for a value, and what it tells; %1 is the first value.
  * Only the first row that fits counts. */
@@ -49,7 +50,7 @@ static const line_row s_lines[] = {
     {"invalid dmp file path. ",
      REASON_DUMP, false, VERDICT_NONE,
      "has no path of a dump"},
-    {"dump info is empty. ",
+    {EMPTY_STACK_LINE,
      REASON_STACK, false, VERDICT_NONE,
      "got no stack from the debugger engine"},
     {"can not parse dump info[*] ",
@@ -69,10 +70,10 @@ static const line_row s_lines[] = {
      "blames nobody: no module of a registered product is on the stack"},
     {"It is necessary to delete the tag when encountering a blue screen.dump path[]",
      REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the last run ended with a blue screen, without a dump to blame"},
+     "concludes that the last run ended with a blue screen, and names no small dump"},
     {"It is necessary to delete the tag when encountering a blue screen.dump path[*]",
      REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the last run ended with a blue screen, dump %1"},
+     "concludes that the last run ended with a blue screen, and names the small dump %1"},
     {"It is necessary to delete the tag when encountering a nonormal shutdown!",
      REASON_VERDICT, true, VERDICT_POWER_LOSS,
      "concludes that the last run ended unexpectedly, without a blue screen"},
@@ -101,6 +102,8 @@ static const line_row s_lines[] = {
 };
 /* clang-format on */
 
+/* What the plug-in has of its own lies there; a dump does not. */
+#define RUN_FOLDER   "<run>"
 #define CHECK_BEGINS "start bypass_status_check"
 #define RECORD_LINE  "capture expect event[*][*] provider[*] time[*], stop read event!"
 #define STACK_LINE   "dump info * "
@@ -266,7 +269,7 @@ static void explain_line(replay_story *story, size_t index, const std::string &l
 {
     std::vector<std::string> values;
 
-    if (captures(line, STACK_LINE, &values)) {
+    if (line != EMPTY_STACK_LINE && captures(line, STACK_LINE, &values)) {
         take_stack(story, values[0]);
         add_reason(story, REASON_STACK, index, "got the stack from the debugger engine");
         return;
@@ -276,7 +279,9 @@ static void explain_line(replay_story *story, size_t index, const std::string &l
         if (!captures(line, row.line, &values))
             continue;
         add_reason(story, row.topic, index, filled(row.sentence, values));
-        if (row.verdict != VERDICT_NONE && story->verdict == VERDICT_NONE)
+        /* Of several checks one may have ended before the blue screen's record was there. */
+        if (row.verdict != VERDICT_NONE &&
+            (story->verdict == VERDICT_NONE || row.verdict == VERDICT_CRASH))
             story->verdict = row.verdict;
         if (strcmp(row.line, BLAME_LINE) == 0)
             story->blamed = values[0];
@@ -301,7 +306,7 @@ static void explain_call(replay_story *story, size_t index, const std::string &c
     }
     values.clear();
     if (captures(call, "CreateFileW(\"*\", 0x80000000, 0x7, 3, 0x80) = *", &values) &&
-        text_lower(values[0]).rfind("c:\\", 0) == 0)
+        values[0].rfind(RUN_FOLDER, 0) != 0)
         add_reason(story, REASON_DUMP, index,
                    values[1] == "handle" ? "looks when " + values[0] + " was written"
                                          : "finds no file " + values[0]);

@@ -16,8 +16,9 @@ static std::string page_of(const std::string &json)
     const std::string page = page_html_text;
     const size_t mark = page.find(DATA_MARK);
 
-    /* Inside a script the page would end at "</script>", whatever stands around it. */
-    return page.substr(0, mark) + text_replace(json, "</", "<\\/") +
+    /* Inside a script the page would end at "</script>", and never after "<!--<script>", whatever
+     * stands around them; all that JSON has of this character is in texts. */
+    return page.substr(0, mark) + text_replace(json, "<", "\\u003c") +
            page.substr(mark + sizeof(DATA_MARK) - 1);
 }
 

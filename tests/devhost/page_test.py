@@ -12,6 +12,7 @@ import tempfile
 import time
 import urllib.request
 
+ODD = "<!--<script>,</script><b id=smuggled>,'\""
 PAGE_SCRIPT = "return [performance.getEntriesByType('resource').length, document.title]"
 
 
@@ -71,10 +72,15 @@ def main(wine, program, scenario):
         page = pathlib.Path(folder, "run.html")
         subprocess.run([wine, program, "run", "--quiet", "--log", "none", "--html", str(page), scenario],
                        check=True, stdout=subprocess.DEVNULL)
+        odd = pathlib.Path(folder, "odd.html")
+        subprocess.run([wine, program, "replay", "--html", str(odd), "--product", f"management:{ODD}",
+                        "--events", str(pathlib.Path(scenario).parent / "evidence" / "System.json")],
+                       check=True, stdout=subprocess.DEVNULL)
         with open(pathlib.Path(folder, "driver.log"), "w") as log:
             browser = Browser(log)
             try:
                 look(browser, page)
+                look_at_odd(browser, odd)
             finally:
                 browser.close()
     print("the page shows the decision and answers clicks")
@@ -119,6 +125,15 @@ def look(browser, page):
     errors = [entry["message"] for entry in browser.call("POST", "/se/log", {"type": "browser"})
               if entry["level"] == "SEVERE"]
     check(not errors, f"the browser complains: {errors}")
+
+
+def look_at_odd(browser, page):
+    """Names that would end the page's script, and a product that is called as a lane is."""
+    browser.open(page, "light")
+    check("Verdict: " in browser.text("#verdict"), "odd names break the page")
+    check(browser.run("return document.querySelector('#smuggled') === null"), "a name became a part of the page")
+    lanes = browser.run("return [...document.querySelectorAll('svg > text')].map(t => t.textContent)")
+    check(lanes.count("management") == 2, f"the product has no lane of its own: {lanes}")
 
 
 if __name__ == "__main__":

@@ -7,6 +7,8 @@ usage: replay_test.py WINE_RUN PROGRAM          (77: all right, but no real evid
 import json
 import os
 import pathlib
+import datetime
+import struct
 import subprocess
 import sys
 import tempfile
@@ -45,6 +47,15 @@ def start(time):
 def write(path, content):
     path.write_bytes(content if isinstance(content, bytes) else json.dumps(content).encode())
     return path
+
+
+def a_dump(path, crashed, parameter=2):
+    """The example's small dump as that of another crash: 0x50 (0x1, PARAMETER, 0x3, 0x4)."""
+    time = datetime.datetime.strptime(crashed, "%Y-%m-%dT%H:%M:%SZ") - datetime.datetime(1601, 1, 1)
+    content = bytearray((EVIDENCE / "030724-5437-01.dmp").read_bytes())
+    struct.pack_into("<I4x4Q", content, 0x38, 0x50, 1, parameter, 3, 4)
+    struct.pack_into("<Q", content, 0xFA8, int(time.total_seconds()) * 10**7)
+    return write(path, bytes(content))
 
 
 def a_log():
@@ -107,6 +118,61 @@ def test_verdicts(folder, log):
             check(boot, backing and set(backing) <= {"log", "call", "step"}, one)
 
 
+def test_dumps(folder):
+    """Which of several dumps is of the boot that is played, and where the plug-in looks for them."""
+    crash = ["0x00000050 (0x1, 0x2, 0x3, 0x4)", r"C:\Windows\MEMORY.DMP"]
+    logon = ["1", "S-1-5-21-11-22-33-1001"]
+    events = [
+        start("2024-03-01T09:00:00Z"),
+        start("2024-03-02T09:00:00Z"),
+        record("BugCheck", BUG_CHECK, "2024-03-02T09:00:20Z", *crash),
+        record(LOGON, 7001, "2024-03-02T09:00:30Z", *logon),
+        start("2024-03-03T09:00:00Z"),
+        record(POWER, 41, "2024-03-03T09:00:05Z", "80"), # the code; the record of the crash is late
+        record(LOGON, 7001, "2024-03-03T09:00:30Z", *logon),
+        record("BugCheck", BUG_CHECK, "2024-03-03T09:01:20Z", *crash),
+    ]
+    log, last = write(folder / "dumps.json", events), write(folder / "last.json", events[4:])
+    early, late = write(folder / "code.json", events[:-1]), folder / "late.dmp"
+    first = a_dump(folder / "first.dmp", "2024-03-02T08:59:00Z")
+    second = a_dump(folder / "second.dmp", "2024-03-03T08:59:30Z")
+    other = a_dump(folder / "other.dmp", "2024-03-03T08:59:40Z", 9)
+    a_dump(late, "2024-03-04T08:59:40Z", 9)
+    elsewhere = folder / "elsewhere.reg"
+    elsewhere.write_text('REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\CrashControl]\n'
+                         '"Text"="two\nlines\\\\\n"\n"MinidumpDir"="D:\\\\Dumps"\n"DumpFile"="E:\\\\A.DMP"\n'
+                         '[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Control\\CrashControl]\n'
+                         '"MinidumpDir"="C:\\\\Old"\n')
+    taken, passed = "was given to the debugger engine", "was passed over for C:\\Windows\\Minidump\\"
+    tied, behind = "code and parameters are those of record", "behind this start, so it is not there yet"
+    rows = [
+        # what, log, boot, dumps, then of each: its fate, and why it lies there
+        ("of the boot", log, "2", [first, second], [(taken, tied), ("is not on the machine", behind)]),
+        ("same crash again", log, "3", [first, second],
+         [(passed + "second.dmp", "as are those of a dump that fits better"), (taken, tied)]),
+        ("wrong clock", log, "3", [first], [(taken, tied)]),
+        ("another crash", log, "3", [second, other],
+         [(taken, tied), (passed + "second.dmp", "its crash is not that of record 8")]),
+        ("first record is a start", last, "last", [other, late],
+         [("was not given", "its crash is not that of record 4"), ("is not on", behind)]),
+    ]
+    for what, events, boot, dumps, expected in rows:
+        status, out, err = host("replay", "--events", events, "--boot", boot, "--json", "--product",
+                                "management:guard_flt", *[f"--dump={dump}" for dump in dumps])
+        check(what, status == 0, err)
+        result = json.loads(out)
+        check(what, result["verdict"] == "blue screen", result["verdict"])
+        for dump, (fate, why) in zip(result["dumps"], expected):
+            check(what, fate in dump["fate"] and why in dump["why_there"], dump)
+            check(what, why.startswith("code") or dump["place"] is None or
+                  dump["written"] < result["timeline"][0]["time"], dump)
+    status, out, _ = host("replay", "--events", log, "--dump", second, "--registry", elsewhere)
+    for line in (r"looks through D:\Dumps for its newest file", r"finds no file E:\A.DMP"):
+        check("elsewhere", line in out, f"{line} is not in {out}")
+    status, out, _ = host("replay", "--events", early, "--boots")
+    check("code of record 41", "blue screen, record 6" in out, out)
+
+
 def test_bad_files(folder, log):
     cut = folder / "cut.json"
     cut.write_bytes(log.read_bytes()[:-40])
@@ -114,7 +180,9 @@ def test_bad_files(folder, log):
     with open(huge, "wb") as file:
         file.truncate(5 << 30)
     empty, text = write(folder / "empty", b""), write(folder / "text", b"not evidence")
-    missing = folder / "missing"
+    missing, deep = folder / "missing", write(folder / "deep", b"[" * 1000000)
+    no_text = write(folder / "no_text.json", [dict(start("2024-03-03T09:00:00Z"), strings="10")])
+    ancient = write(folder / "ancient.json", [start("1601-03-03T09:00:00Z")])
     utf16 = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\A]\r\n\"b\"=hex:0"
     cut_reg = write(folder / "cut.reg", b"\xff\xfe" + (utf16 + "1,\\\r\n").encode("utf-16-le"))
     odd_reg = write(folder / "odd.reg", utf16.replace("hex", "qword").encode())
@@ -130,6 +198,9 @@ def test_bad_files(folder, log):
         (3, "missing: cannot be opened: there is no such file", [*replay, missing]),
         (3, "cut.json: byte ", [*replay, cut]),
         (3, "other.json: expected an array of event records", [*replay, other]),
+        (3, 'no_text.json: /0: "strings": expected an array of texts', [*replay, no_text]),
+        (3, 'ancient.json: /0: "time": expected a time from 1970', [*replay, ancient]),
+        (3, "deep: line 1, column 101: expected 100 levels at most", ["diff", result, deep]),
         (3, "empty: ", [*replay, log, "--dump", empty]),
         (3, "text: ", [*replay, log, "--dump", text]),
         (3, "huge.bin: ", [*replay, log, "--dump", huge]),
@@ -174,19 +245,30 @@ def test_redact(folder, log):
     registry = folder / "machine.reg"
     registry.write_text("REGEDIT4\n\n[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\CrashControl]\n"
                         '"DumpFile"="C:\\\\Users\\\\Alice Example\\\\MEMORY.DMP"\n'
+                        '"MinidumpDir"="%SystemDrive%\\\\Users/Alice/Dumps"\n'
+                        '"ImagePath"="C:\\\\s-1-5-21-11\\\\a"\n"ALICE-PC"="ALICE-PC"\n'
+                        "[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\CrashControl\\ALICE-PC]\n"
+                        '"DumpFile"="a"\n'
                         "[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Control\\ComputerName]\n"
                         '"ComputerName"="ALICE-PC"\n')
+    events = a_log()
+    events[10:10] = [record(r"\\ALICE-PC\Source", 1, "2009-01-01T00:00:02Z", "ALICE-PC")]
+    events[12]["strings"] += ["2", r"\Device\HarddiskVolume3\Users\Alice\time.exe"]
+    events[13]["strings"][1] = r"\\?\UNC\ALICE-PC\dumps" + 300000 * r"\a" + r"\Alice.dmp"
+    smuggled = write(folder / "smuggled.json", events)
+    dump = a_dump(folder / "Alice.dmp", "2009-01-01T00:00:00Z")
     target = folder / "redacted"
-    status, _, err = host("redact", "--events", log, "--registry", registry,
+    status, _, err = host("redact", "--events", smuggled, "--registry", registry, "--dump", dump,
                           "--product", "guard:guard_flt:3", target)
     check("redact", status == 0, f"status {status}: {err}")
     written = "".join(path.read_text() for path in target.iterdir())
-    for name in ("lice", "ALICE", "S-1-5-21-11", "11111111-2222"):
+    for name in ("lice", "ALICE", "-21-11", "11111111-2222"):
         check("redact", name not in written, f"{name} is still there")
     for kept in ("0x00000050 (0x1, 0x2, 0x3, 0x4)", "CrashControl", "guard_flt"):
         check("redact", kept in written, f"{kept} is gone")
     status, out, err = host("run", "--log", "info", target / "scenario.json")
-    check("redacted plays", status == 0 and "encountering a blue screen" in out, out + err)
+    check("redacted plays", status == 0 and "find [guard_flt] crach!" in out and
+          "the clock is set to 2024-03-05T09:00:12Z" in out, out + err)
     status, _, err = host("redact", "--events", log, target)
     check("redact twice", status == 2 and "is there already" in err, err)
 
@@ -256,6 +338,7 @@ def main():
         folder = pathlib.Path(name)
         log = test_boots(folder)
         test_verdicts(folder, log)
+        test_dumps(folder)
         test_bad_files(folder, log)
         test_diff(folder)
         test_redact(folder, log)
