@@ -15,7 +15,7 @@
 #define LOG_RECORDS    65536
 #define BLOCK_BYTES    4096 /* one read of the log */
 #define FRAMES         99
-#define STACK_TEXT_MIB (1024 * 1024)
+#define STACK_TEXT_MIB (1024ll * 1024)
 #define NO_MATCH       13
 
 /* What the plug-in looks for, and none of the records below is. */

@@ -135,7 +135,7 @@ BENCHMARK(memory_of_ten_products)->Iterations(1);
 /* Boots of two products that end clean. */
 static std::string scenario_file(void)
 {
-    const std::string path = bench_folder() + "/boots.json";
+    std::string path = bench_folder() + "/boots.json";
     std::string boots;
 
     for (int boot = 0; boot < BOOTS_A_SERIES; boot++)
@@ -152,7 +152,7 @@ static std::string scenario_file(void)
 
 static std::string plugin_path(void)
 {
-    wchar_t path[MAX_PATH];
+    wchar_t path[MAX_PATH] = L"";
 
     HMODULE plugin = load(L"libbypass_mgr.dll");
     GetModuleFileNameW(plugin, path, MAX_PATH);
@@ -164,7 +164,7 @@ static void boot(benchmark::State &state)
 {
     struct scenario scenario;
     const struct play_options options = {text_replace(bench_folder(), "/", "\\"), plugin_path(),
-                                         false};
+                                         false, false};
     bench_pair pair(state);
 
     scenario_load(scenario, scenario_file(), {});

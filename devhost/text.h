@@ -3,6 +3,7 @@
 #define DEVHOST_TEXT_H
 
 #include <stdint.h>
+#include <stdio.h>
 
 #include <stdexcept>
 #include <string>
@@ -33,7 +34,8 @@ std::string text_narrow(const std::wstring &wide);
 std::wstring text_wide(const std::string &utf8);
 
 /* printf into a string. */
-std::string text_format(const char *format, ...) __attribute__((format(gnu_printf, 1, 2)));
+std::string text_format(const char *format, ...)
+    __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)));
 
 std::wstring text_lower(const std::wstring &wide);
 std::string text_lower(const std::string &ascii);

@@ -33,7 +33,7 @@ int libevtx_file_open_file_io_handle(libevtx_file_t *file, libbfio_handle_t *han
 #define CHUNK_BYTES        65536u
 #define CHUNK_HEADER_BYTES 512u
 /* What the library has open at a time. */
-#define SLICE_BYTES (64 * CHUNK_BYTES)
+#define SLICE_BYTES (64ull * CHUNK_BYTES)
 /* A log counts its chunks in 16 bits. */
 #define MOST_BYTES (HEADER_BYTES + 0xffffull * CHUNK_BYTES)
 

@@ -176,13 +176,13 @@ static std::string value_json(const evidence_value &value)
     const char *type = "REG_BINARY";
 
     if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) {
-        const std::wstring text(reinterpret_cast<const wchar_t *>(value.data.data()),
-                                value.data.size() / sizeof(wchar_t));
+        const std::wstring whole(reinterpret_cast<const wchar_t *>(value.data.data()),
+                                 value.data.size() / sizeof(wchar_t));
+        const std::string text = text_narrow(whole.substr(0, whole.find(L'\0')));
 
         type = value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ";
-        data = text_quoted(text_lower(value.name) == L"dumpfile"
-                               ? redacted_file(text_narrow(text.c_str()), OTHER_DUMP)
-                               : without_names(text_narrow(text.c_str())));
+        data = text_quoted(text_lower(value.name) == L"dumpfile" ? redacted_file(text, OTHER_DUMP)
+                                                                 : without_names(text));
     } else if (value.type == REG_DWORD && value.data.size() == sizeof(uint32_t)) {
         uint32_t number;
 

@@ -14,10 +14,10 @@
 
 /* A check takes 13 polls of 30 s; the registry can make it longer, and alarms go out minutes after
  * it. Beyond a day nobody waits. */
-#define USUAL_MS   (8 * 60 * 1000ull)
-#define STEP_MS    (60 * 1000ull)
-#define BEHIND_MS  (4 * 60 * 1000ull)
-#define LONGEST_MS (24 * 60 * 60 * 1000ull)
+#define USUAL_MS   (8ull * 60 * 1000)
+#define STEP_MS    (60ull * 1000)
+#define BEHIND_MS  (4ull * 60 * 1000)
+#define LONGEST_MS (24ull * 60 * 60 * 1000)
 
 static void log_now(const machine_event &event, int64_t clock_change)
 {

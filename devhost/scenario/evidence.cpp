@@ -172,8 +172,7 @@ static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
 }
 
 /* A record at a moment of this boot; at once when that is past. */
-static void plan_record(double seconds, const wchar_t *source, uint32_t id,
-                        machine_strings strings)
+static void plan_record(double seconds, const wchar_t *source, uint32_t id, machine_strings strings)
 {
     uint64_t ms = play_ms(seconds);
     uint64_t time = machine_get().boot_100ns + ms * TICKS_PER_MS;

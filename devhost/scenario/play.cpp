@@ -1,6 +1,8 @@
 /* The boots of a scenario. */
 #include "play.h"
 
+#include <math.h>
+
 #include <map>
 
 #include "../../platform/liboxni_agentid/host.h"
@@ -46,7 +48,7 @@ uint64_t play_now_ms(void)
 
 uint64_t play_ms(double seconds)
 {
-    return static_cast<uint64_t>(seconds * 1000.0 + 0.5);
+    return static_cast<uint64_t>(llround(seconds * 1000.0));
 }
 
 uint64_t play_time(const struct scenario &scenario, const std::string &where,

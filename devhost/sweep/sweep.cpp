@@ -32,7 +32,7 @@
 #define HANG_SECONDS 120
 /* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
  * many make each fail once. */
-#define BATCH 32u
+#define BATCH 32ull
 /* Failures that come about once: so many in one boot, and so many places apart in their list at
  * least, where the ways of one call to fail stand together. */
 #define AT_ONCE ((size_t)8)

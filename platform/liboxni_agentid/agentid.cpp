@@ -45,7 +45,7 @@ static std::string device_id()
     return s_device_id.empty() ? machine_id() : s_device_id;
 }
 
-static bool md5(std::string text, uint8_t digest[MD5_BYTES])
+static bool md5(const std::string &text, uint8_t digest[MD5_BYTES])
 {
     BCRYPT_ALG_HANDLE algorithm = NULL;
     BCRYPT_HASH_HANDLE hash = NULL;
@@ -54,7 +54,7 @@ static bool md5(std::string text, uint8_t digest[MD5_BYTES])
     if (BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_MD5_ALGORITHM, NULL, 0) != 0)
         return false;
     done = BCryptCreateHash(algorithm, &hash, NULL, 0, NULL, 0, 0) == 0 &&
-           BCryptHashData(hash, reinterpret_cast<PUCHAR>(text.data()),
+           BCryptHashData(hash, reinterpret_cast<PUCHAR>(const_cast<char *>(text.data())),
                           static_cast<ULONG>(text.size()), 0) == 0 &&
            BCryptFinishHash(hash, digest, MD5_BYTES, 0) == 0;
     if (hash != NULL)

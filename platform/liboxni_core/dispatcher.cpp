@@ -15,12 +15,12 @@ enum event_rank {
 };
 
 /* In this order things happen: due time, deliveries before timers, first come first served. */
-struct event_key {
+struct queue_key {
     uint64_t due_ms;
     event_rank rank;
     uint64_t id;
 
-    bool operator<(const event_key &other) const
+    bool operator<(const queue_key &other) const
     {
         if (due_ms != other.due_ms)
             return due_ms < other.due_ms;
@@ -29,8 +29,8 @@ struct event_key {
 };
 
 struct dispatcher_state {
-    std::map<event_key, std::function<void()>> queue;
-    std::map<uint64_t, event_key> timers; /* pending ones, by handle */
+    std::map<queue_key, std::function<void()>> queue;
+    std::map<uint64_t, queue_key> timers; /* pending ones, by handle */
     uint64_t last_id = 0;
     bool running = false;
     oxnih_observer_fn observer = NULL;
@@ -51,11 +51,11 @@ uint64_t dispatcher_new_id()
     return ++s_dispatcher.last_id;
 }
 
-static event_key queue_event(uint64_t delay_ms, event_rank rank, uint64_t id,
+static queue_key queue_event(uint64_t delay_ms, event_rank rank, uint64_t id,
                              std::function<void()> run)
 {
     uint64_t now = oxnih_clock_tick_ms();
-    event_key key = {delay_ms > UINT64_MAX - now ? UINT64_MAX : now + delay_ms, rank, id};
+    queue_key key = {delay_ms > UINT64_MAX - now ? UINT64_MAX : now + delay_ms, rank, id};
 
     s_dispatcher.queue.emplace(key, std::move(run));
     return key;

@@ -14,7 +14,7 @@
 #include <oxni/base/time.h>
 
 /* Beyond this a format that the C runtime cannot print is more likely than a line that long. */
-static constexpr size_t LINE_LIMIT_BYTES = 256 * 1024 * 1024;
+static constexpr size_t LINE_LIMIT_BYTES = 256u << 20;
 
 struct log_state {
     bool open = false; /* autolog_init ran; the file may have failed all the same */

@@ -17,7 +17,7 @@
 
 static constexpr size_t PAGE_BYTES = 4096;
 /* Address space is reserved in steps of 64 KB at best, so guarded blocks share large pieces. */
-static constexpr size_t ARENA_BYTES = 64 * 1024 * 1024;
+static constexpr size_t ARENA_BYTES = 64u << 20;
 /* Pieces kept back after their last block was freed: 4 GB in which a stale pointer still faults. */
 static constexpr size_t ARENAS_KEPT = 64;
 /* Frames between an allocation and the plug-in's own code; Jansson's deepest way is about ten. */
@@ -602,11 +602,10 @@ class reach
 };
 
 /* The data of a module that it can write to. */
-static void scan_module(reach &reach, const char *base)
+static void scan_module(reach &reach, char *base)
 {
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
-    const IMAGE_NT_HEADERS64 *nt =
-        reinterpret_cast<const IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
+    IMAGE_NT_HEADERS64 *nt = reinterpret_cast<IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
     const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(nt);
 
     for (WORD i = 0; i < nt->FileHeader.NumberOfSections; i++, section++) {
@@ -637,8 +636,8 @@ void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
     reach reach;
 
     for (const module_range &module : s_memory.seen_through)
-        scan_module(reach, reinterpret_cast<const char *>(module.begin));
-    scan_module(reach, static_cast<const char *>(plugin));
+        scan_module(reach, reinterpret_cast<char *>(module.begin));
+    scan_module(reach, const_cast<char *>(static_cast<const char *>(plugin)));
     for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
         if (heaps[i] != own_heap())
             scan_heap(reach, heaps[i]);

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#define PAGE_BYTES  0x1000u
+#define PAGE_BYTES  0x1000ull
 #define ENTRY_FRAME 0x000FFFFFFFFFF000ull
 /* The list and its texts: a GiB apart, so that a page of that size holds only the texts. */
 #define LIST_BASE  0xFFFFE00000000000ull

@@ -16,7 +16,7 @@
 #define TWO      (TWO_BASE + 1)
 #define INNER    (ONE_BASE + 0x100) /* of a module that lies in another one */
 
-#define ROOM     0x10000
+#define ROOM     0x10000ull
 
 struct outcome {
     kernel_dump dump;

@@ -9,7 +9,7 @@
 #include <winioctl.h>
 
 #define TWO_BASE 0xFFFFF80100010000ull
-#define SPAN     0x1000u
+#define SPAN     0x1000ull
 
 static const struct kind_row {
     const char *row;
@@ -391,7 +391,7 @@ TEST(memory_dump, test_stack)
 #define NOT_LIST KERNEL_DUMP_NO_MODULES
 
 /* kind and layout, place in the file, what is put there, its bytes, result, part of the reason */
-static const struct refused_row {
+static const struct refused_memory_row {
     const char *row;
     uint32_t kind;
     enum memory_layout layout;
@@ -435,7 +435,7 @@ TEST(memory_dump, test_refused)
 {
     const memory_model memory(machine());
 
-    for (const refused_row &row : s_refused_rows) {
+    for (const refused_memory_row &row : s_refused_rows) {
         std::vector<uint8_t> bytes = memory.build(row.kind, row.layout);
         kernel_dump dump;
         std::string reason;

@@ -220,7 +220,7 @@ static std::string odd_echo(chance &chance)
         damage(&text, text, chance);
     else if (!chance.one_in(4))
         text = odd_json(keys, words, chance);
-    return text.c_str();
+    return text.substr(0, text.find('\0'));
 }
 
 static void answer_echo(oxnih_request *call, const char *, void *)

@@ -13,7 +13,7 @@
 #include "liboxnibase/host.h"
 #include "text.h"
 
-#define MOST_EVENT_BYTES (64 * 1024)
+#define MOST_EVENT_BYTES (64ull * 1024)
 
 static guarded *s_guarded;
 

@@ -13,7 +13,7 @@
 typedef uint64_t (*plugin_init_fn)(void);
 
 /* Growth of private bytes from the tenth load to the last that is noise of the heap. */
-#define NOISE_BYTES (256u * 1024u)
+#define NOISE_BYTES (256ull * 1024)
 
 struct usage {
     uint64_t next_handle; /* the lowest free one: it rises when handles are left open */

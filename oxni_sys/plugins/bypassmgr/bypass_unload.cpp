@@ -12,7 +12,7 @@ namespace __gnu_cxx
 {
 void __freeres();
 void __verbose_terminate_handler();
-}
+} // namespace __gnu_cxx
 
 /* Stands for the runtime's own, which prints the exception's name to nobody and needs a demangler
  * of 50 KB for it. */
