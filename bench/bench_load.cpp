@@ -79,7 +79,6 @@ static void load_init_free(benchmark::State &state)
         add_step(state, "free_us", freed - freeing);
         forget_agent();
     }
-    machine_close();
 }
 BENCHMARK(load_init_free)->UseManualTime();
 

@@ -12,5 +12,10 @@ target_compile_options(own_code INTERFACE
   -Wmissing-declarations -Wredundant-decls -Wimplicit-fallthrough=5 -Wvla -Wdouble-promotion
   -Wdate-time $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual -Wsuggest-override> -Werror)
 # Wine and Windows find no compiler runtime: it goes into each module.
-target_link_options(own_code INTERFACE -static -fstack-protector-strong
+target_link_options(own_code INTERFACE -static
   -Wl,--nxcompat,--dynamicbase,--high-entropy-va,--no-insert-timestamp)
+
+add_library(stack_guard STATIC ${CMAKE_CURRENT_LIST_DIR}/stack_guard.cpp)
+target_compile_definitions(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_DEFINITIONS>)
+target_compile_options(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_OPTIONS>)
+target_link_libraries(own_code INTERFACE stack_guard)

@@ -34,7 +34,7 @@ LICENCES = [
      f"{DOC}/libz-mingw-w64-dev/copyright"),
     ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
      "several, permissive, among them MIT and the Zope licence", f"{DOC}/mingw-w64-x86-64-dev/copyright"),
-    ("gcc", "every module: libgcc, libstdc++, libssp (static)",
+    ("gcc", "every module: libgcc, libstdc++ (static)",
      "GPL 3 or later with the GCC Runtime Library Exception",
      f"{DOC}/gcc-mingw-w64-base/copyright"),
 ]
@@ -46,8 +46,8 @@ unchanged source lies in licences/source/; the program's own sources are the pro
 version, whose ./dev builds library and program. Pass them on with it, or offer them. The GPL's text
 is here because the LGPL refers to it.
 
-The runtime library exception lets modules that were compiled with GCC carry libgcc, libstdc++ and
-libssp under terms of their maker's choice.
+The runtime library exception lets modules that were compiled with GCC carry libgcc and libstdc++
+under terms of their maker's choice.
 """
 
 

@@ -7,6 +7,7 @@
 #include "../platform/liboxnibase/host.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
+#include "machine/memory_disk.h"
 #include "text.h"
 
 typedef uint64_t (*plugin_init_fn)(void);
@@ -57,6 +58,7 @@ void agent_start(void)
         reinterpret_cast<void *>(GetProcAddress(s_plugin, "oxni_plugin_init")));
     if (init == NULL)
         throw devhost_error(EXIT_NO_PLUGIN, s_plugin_path + ": does not export oxni_plugin_init");
+    memory_disk_lead(s_plugin, false);
     calls_patch(s_plugin);
     if (s_start_fn != NULL)
         s_start_fn(s_plugin);

@@ -116,11 +116,8 @@ struct machine {
 /* The machine of this process. */
 struct machine &machine_get(void);
 
-/* Gives the machine a disk below a folder and a registry of its own, of which the process then
- * sees only that one as HKEY_LOCAL_MACHINE. Throws devhost_error. */
+/* A new machine: its disk lies below a folder, its registry in memory. */
 void machine_open(const std::wstring &run_folder);
-/* Removes that registry again. */
-void machine_close(void);
 
 /* Windows starts: the volatile keys are gone, the clock says so, System is a new process. */
 void machine_boot(uint64_t now_100ns);
@@ -163,7 +160,8 @@ std::string machine_read_real_file(const std::wstring &real_path, int status);
 
 /* registry.cpp */
 
-/* Values of HKEY_LOCAL_MACHINE; data as REG_SZ bytes and so on. Keys are made. */
+/* Values of HKEY_LOCAL_MACHINE; data as REG_SZ bytes and so on. Keys are made; throws devhost_error
+ * below a volatile one. */
 void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD type,
                        const std::string &data);
 void machine_delete_value(const std::wstring &key, const std::wstring &name);
@@ -187,8 +185,7 @@ void *machine_module_stand_in(const char *name);
 
 /* Between the rooms of the machine. */
 
-/* registry.cpp: makes the run's registry; throws devhost_error. Removes what a restart of Windows
- * removes. */
+/* registry.cpp: an empty registry; removes what a restart of Windows removes. */
 void machine_open_registry(void);
 void machine_remove_volatile_keys(void);
 

@@ -5,6 +5,7 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
 #include "../text.h"
+#include "memory_disk.h"
 #include "stand_in.h"
 
 /* The engine beside this program; NULL until somebody needs it. */
@@ -34,6 +35,8 @@ static HMODULE engine_module(void)
         chars--;
     path[chars] = L'\0';
     s_engine = LoadLibraryW((std::wstring(path) + L"dbgeng.dll").c_str());
+    if (s_engine != NULL)
+        memory_disk_lead(s_engine, true);
     return s_engine;
 }
 

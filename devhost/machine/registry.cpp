@@ -1,170 +1,283 @@
 /*
- * The machine's registry: a volatile key of this process that it sees as HKEY_LOCAL_MACHINE, so
- * that nothing of the real one is read or changed.
+ * The machine's HKEY_LOCAL_MACHINE, kept in this process: nothing of the real one is read or
+ * changed, nothing of it is left when the process dies, and a restart of Windows drops the volatile
+ * keys. Plug-in and platform reach it by their imports.
  */
 #include "machine.h"
 
+#include <memory>
+
 #include "../text.h"
+#include "imports.h"
 #include "stand_in.h"
 
-static HKEY s_root;
-static std::wstring s_root_path;
-static bool s_has_volatile; /* spares a look at every key when no plug-in made one */
+struct registry_value {
+    DWORD type;
+    std::string data;
+};
 
-/* Below a volatile key Windows makes volatile keys only. Which ones the plug-in wanted so is kept:
- * those alone are gone after a restart of Windows. */
-static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *path, DWORD reserved,
-                                            wchar_t *key_class, DWORD options, REGSAM access,
-                                            SECURITY_ATTRIBUTES *security, HKEY *key,
+/* Names are in lower case: Windows does not tell them apart, and nobody lists them here. */
+struct registry_key {
+    bool is_volatile = false;
+    bool deleted = false; /* a handle may outlive it */
+    std::map<std::wstring, registry_value> values;
+    std::map<std::wstring, std::shared_ptr<registry_key>> keys;
+};
+
+static std::shared_ptr<registry_key> s_root;
+static std::map<HKEY, std::shared_ptr<registry_key>> s_open;
+
+/* The first name of a path; path is what is left of it. */
+static std::wstring take_name(std::wstring *path)
+{
+    size_t end = path->find(L'\\');
+    std::wstring name = text_lower(path->substr(0, end));
+
+    *path = end == std::wstring::npos ? L"" : path->substr(end + 1);
+    return name;
+}
+
+static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key, std::wstring path)
+{
+    while (key != NULL && !path.empty()) {
+        auto child = key->keys.find(take_name(&path));
+
+        key = child == key->keys.end() ? NULL : child->second;
+    }
+    return key;
+}
+
+/* Makes what is missing. NULL: a key that stays cannot lie below a volatile one. */
+static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key, std::wstring path,
+                                              bool is_volatile, bool *made)
+{
+    while (!path.empty()) {
+        std::shared_ptr<registry_key> &child = key->keys[take_name(&path)];
+
+        *made = child == NULL;
+        if (*made) {
+            if (key->is_volatile && !is_volatile)
+                return NULL;
+            child = std::make_shared<registry_key>();
+            child->is_volatile = is_volatile;
+        }
+        key = child;
+    }
+    return key;
+}
+
+/* What a handle stands for; NULL and the error when it stands for none. */
+static std::shared_ptr<registry_key> key_of(HKEY handle, LONG *error)
+{
+    auto open = s_open.find(handle);
+
+    *error = ERROR_INVALID_HANDLE;
+    if (handle == HKEY_LOCAL_MACHINE)
+        return s_root;
+    if (open == s_open.end())
+        return NULL;
+    *error = ERROR_KEY_DELETED;
+    return open->second->deleted ? NULL : open->second;
+}
+
+static HKEY open_handle(const std::shared_ptr<registry_key> &key)
+{
+    HKEY handle = reinterpret_cast<HKEY>(machine_new_handle());
+
+    s_open[handle] = key;
+    return handle;
+}
+
+static LONG WINAPI stand_in_RegOpenKeyExW(HKEY parent, const wchar_t *path, DWORD, REGSAM,
+                                          HKEY *key)
+{
+    LONG error;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
+
+    if (from == NULL)
+        return error;
+    from = find_key(from, path != NULL ? path : L"");
+    if (from == NULL)
+        return ERROR_FILE_NOT_FOUND;
+    *key = open_handle(from);
+    return ERROR_SUCCESS;
+}
+
+static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *path, DWORD, wchar_t *,
+                                            DWORD options, REGSAM, SECURITY_ATTRIBUTES *, HKEY *key,
                                             DWORD *disposition)
 {
-    DWORD made = 0;
-    LONG error = RegCreateKeyExW(parent, path, reserved, key_class, options | REG_OPTION_VOLATILE,
-                                 access, security, key, &made);
+    LONG error;
+    bool made = false;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
 
+    if (from == NULL)
+        return error;
+    from = make_key(from, path, (options & REG_OPTION_VOLATILE) != 0, &made);
+    if (from == NULL)
+        return ERROR_CHILD_MUST_BE_VOLATILE;
+    *key = open_handle(from);
     if (disposition != NULL)
-        *disposition = made;
-    if (error == ERROR_SUCCESS && made == REG_CREATED_NEW_KEY &&
-        (options & REG_OPTION_VOLATILE) != 0) {
-        s_has_volatile = true;
-        /* Marked by a value that no plug-in reads; its path is not known from the handle. */
-        DWORD one = 1;
-
-        RegSetValueExW(*key, L"oxni_devhost_volatile", 0, REG_DWORD,
-                       reinterpret_cast<const BYTE *>(&one), sizeof(one));
-    }
-    return error;
+        *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+    return ERROR_SUCCESS;
 }
 
-/* Removes the marked keys below an open one. */
-static void remove_volatile(HKEY key)
+/* Removes a key; one that has keys stays unless they go with it. */
+static LONG delete_key(const std::shared_ptr<registry_key> &from, const std::wstring &path,
+                       bool with_keys)
 {
-    for (DWORD index = 0;;) {
-        wchar_t name[256];
-        DWORD chars = ARRAYSIZE(name);
-        HKEY child;
-        bool marked;
+    size_t last = path.rfind(L'\\');
+    std::shared_ptr<registry_key> parent =
+        last == std::wstring::npos ? from : find_key(from, path.substr(0, last));
+    std::wstring name = text_lower(last == std::wstring::npos ? path : path.substr(last + 1));
 
-        if (RegEnumKeyExW(key, index, name, &chars, NULL, NULL, NULL, NULL) != ERROR_SUCCESS)
-            return;
-        if (RegOpenKeyExW(key, name, 0, KEY_ALL_ACCESS, &child) != ERROR_SUCCESS) {
-            index++;
-            continue;
-        }
-        marked = RegQueryValueExW(child, L"oxni_devhost_volatile", NULL, NULL, NULL, NULL) ==
-                 ERROR_SUCCESS;
-        if (!marked)
-            remove_volatile(child);
-        RegCloseKey(child);
-        if (marked && RegDeleteTreeW(key, name) == ERROR_SUCCESS)
-            continue;
-        index++;
-    }
+    if (parent == NULL || parent->keys.count(name) == 0)
+        return ERROR_FILE_NOT_FOUND;
+    if (!with_keys && !parent->keys[name]->keys.empty())
+        return ERROR_ACCESS_DENIED;
+    parent->keys[name]->deleted = true;
+    parent->keys.erase(name);
+    return ERROR_SUCCESS;
 }
 
-/* An open key below the machine's root, made when make is set; NULL when there is none. */
-static HKEY open_key(const std::wstring &path, bool make)
+static LONG WINAPI stand_in_RegDeleteKeyW(HKEY parent, const wchar_t *path)
 {
-    HKEY key = NULL;
-    LONG error = make ? RegCreateKeyExW(s_root, path.c_str(), 0, NULL, REG_OPTION_VOLATILE,
-                                        KEY_ALL_ACCESS, NULL, &key, NULL)
-                      : RegOpenKeyExW(s_root, path.c_str(), 0, KEY_ALL_ACCESS, &key);
+    LONG error;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
 
-    return error == ERROR_SUCCESS ? key : NULL;
+    return from == NULL ? error : delete_key(from, path, false);
+}
+
+/* As Windows copies a value: the size is told in any case, the bytes only when all have room. */
+static LONG copy_value(const registry_value &value, DWORD *type, void *data, DWORD *bytes)
+{
+    DWORD size = static_cast<DWORD>(value.data.size()), room = bytes != NULL ? *bytes : 0;
+
+    if (type != NULL)
+        *type = value.type;
+    if (bytes != NULL)
+        *bytes = size;
+    if (data == NULL)
+        return ERROR_SUCCESS;
+    if (size > room)
+        return ERROR_MORE_DATA;
+    memcpy(data, value.data.data(), size);
+    return ERROR_SUCCESS;
+}
+
+static LONG WINAPI stand_in_RegQueryValueExW(HKEY handle, const wchar_t *name, DWORD *, DWORD *type,
+                                             BYTE *data, DWORD *bytes)
+{
+    LONG error;
+    std::shared_ptr<registry_key> key = key_of(handle, &error);
+
+    if (key == NULL)
+        return error;
+    auto value = key->values.find(text_lower(std::wstring(name != NULL ? name : L"")));
+    return value == key->values.end() ? ERROR_FILE_NOT_FOUND
+                                      : copy_value(value->second, type, data, bytes);
+}
+
+static LONG WINAPI stand_in_RegCloseKey(HKEY handle)
+{
+    return s_open.erase(handle) != 0 || handle == HKEY_LOCAL_MACHINE ? ERROR_SUCCESS
+                                                                     : ERROR_INVALID_HANDLE;
+}
+
+static const stand_in_row s_stand_ins[] = {
+    STAND_IN(RegOpenKeyExW),    STAND_IN(RegCreateKeyExW), STAND_IN(RegDeleteKeyW),
+    STAND_IN(RegQueryValueExW), STAND_IN(RegCloseKey),
+};
+
+void *machine_registry_stand_in(const char *name)
+{
+    return stand_in_find(s_stand_ins, name);
+}
+
+/* The platform stays loaded while the plug-in comes and goes. */
+static void lead_platform(void)
+{
+    imports_each(GetModuleHandleW(L"liboxnibase.dll"),
+                 [](const std::string &, const char *name, void **entry) {
+                     if (void *function = machine_registry_stand_in(name))
+                         imports_lead(entry, function);
+                 });
 }
 
 void machine_open_registry(void)
 {
-    LONG error;
-
-    s_root_path = text_wide(
-        text_format("Software\\oxni_devhost\\%lu-%lu", GetCurrentProcessId(), GetTickCount()));
-    error = RegCreateKeyExW(HKEY_CURRENT_USER, s_root_path.c_str(), 0, NULL, REG_OPTION_VOLATILE,
-                            KEY_ALL_ACCESS, NULL, &s_root, NULL);
-    if (error == ERROR_SUCCESS)
-        error = RegOverridePredefKey(HKEY_LOCAL_MACHINE, s_root);
-    if (error != ERROR_SUCCESS)
-        throw devhost_error(
-            EXIT_BAD_CALL,
-            text_format("a registry key of the run cannot be made, error %ld", error));
+    if (s_root == NULL)
+        lead_platform();
+    s_root = std::make_shared<registry_key>();
+    s_open.clear();
 }
 
-void machine_close(void)
+static void remove_volatile(registry_key &key)
 {
-    if (s_root == NULL)
-        return;
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, NULL);
-    RegCloseKey(s_root);
-    RegDeleteTreeW(HKEY_CURRENT_USER, s_root_path.c_str());
-    s_root = NULL;
+    for (auto child = key.keys.begin(); child != key.keys.end();) {
+        if (child->second->is_volatile) {
+            child->second->deleted = true;
+            child = key.keys.erase(child);
+        } else {
+            remove_volatile(*child->second);
+            child++;
+        }
+    }
 }
 
 void machine_remove_volatile_keys(void)
 {
-    if (s_has_volatile)
-        remove_volatile(s_root);
-    s_has_volatile = false;
+    remove_volatile(*s_root);
 }
 
 void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD type,
                        const std::string &data)
 {
-    HKEY open = open_key(key, true);
-    LONG error = open == NULL ? ERROR_BADKEY
-                              : RegSetValueExW(open, name.c_str(), 0, type,
-                                               reinterpret_cast<const BYTE *>(data.data()),
-                                               static_cast<DWORD>(data.size()));
+    bool made;
+    std::shared_ptr<registry_key> open = make_key(s_root, key, false, &made);
 
-    if (open != NULL)
-        RegCloseKey(open);
-    if (error != ERROR_SUCCESS)
-        throw devhost_error(
-            EXIT_BAD_CALL, text_format("registry key %s: value %s cannot be set, error %ld",
-                                       text_narrow(key).c_str(), text_narrow(name).c_str(), error));
+    if (open == NULL)
+        throw devhost_error(EXIT_BAD_CALL, text_narrow(key) + ": lies below a volatile key");
+    open->values[text_lower(name)] = {type, data};
 }
 
 void machine_delete_value(const std::wstring &key, const std::wstring &name)
 {
-    HKEY open = open_key(key, false);
+    std::shared_ptr<registry_key> open = find_key(s_root, key);
 
-    if (open == NULL)
-        return;
-    RegDeleteValueW(open, name.c_str());
-    RegCloseKey(open);
+    if (open != NULL)
+        open->values.erase(text_lower(name));
 }
 
 void machine_delete_key(const std::wstring &key)
 {
-    RegDeleteTreeW(s_root, key.c_str());
+    (void)delete_key(s_root, key, true);
 }
 
 bool machine_key_exists(const std::wstring &key)
 {
-    HKEY open = open_key(key, false);
-
-    if (open != NULL)
-        RegCloseKey(open);
-    return open != NULL;
+    return find_key(s_root, key) != NULL;
 }
 
 bool machine_get_value(const std::wstring &key, const std::wstring &name, std::string *text)
 {
-    HKEY open = open_key(key, false);
-    uint64_t buffer[512] = {};
-    DWORD type = 0, bytes = sizeof(buffer) - sizeof(wchar_t);
-    LONG error;
+    std::shared_ptr<registry_key> open = find_key(s_root, key);
 
-    if (open == NULL)
+    if (open == NULL || open->values.count(text_lower(name)) == 0)
         return false;
-    error =
-        RegQueryValueExW(open, name.c_str(), NULL, &type, reinterpret_cast<BYTE *>(buffer), &bytes);
-    RegCloseKey(open);
-    if (error != ERROR_SUCCESS)
-        return false;
-    if (type == REG_SZ || type == REG_EXPAND_SZ)
-        *text = text_narrow(reinterpret_cast<wchar_t *>(buffer));
-    else
-        *text = text_format("%llu", static_cast<unsigned long long>(buffer[0]));
+    const registry_value &value = open->values[text_lower(name)];
+    std::string data = value.data + std::string(sizeof(uint64_t), '\0'); /* an end in any case */
+    if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) {
+        std::wstring wide(data.size() / sizeof(wchar_t), L'\0');
+
+        memcpy(&wide[0], data.data(), wide.size() * sizeof(wchar_t));
+        *text = text_narrow(wide.c_str());
+    } else {
+        uint64_t number = 0;
+
+        memcpy(&number, data.data(), sizeof(number));
+        *text = text_format("%llu", static_cast<unsigned long long>(number));
+    }
     return true;
 }
 
@@ -180,17 +293,19 @@ static_assert(sizeof(registry_zone) == 44, "REG_TZI_FORMAT");
 
 bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
 {
+    static std::map<std::wstring, registry_zone> known; /* long runs ask for few again and again */
     std::wstring path = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Time Zones\\" + name;
     registry_zone rules;
     DWORD bytes = sizeof(rules);
-    LONG error;
 
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, NULL);
-    error = RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"TZI", RRF_RT_REG_BINARY, NULL, &rules,
-                         &bytes);
-    RegOverridePredefKey(HKEY_LOCAL_MACHINE, s_root);
-    if (error != ERROR_SUCCESS || bytes != sizeof(rules))
-        return false;
+    if (known.count(name) == 0) {
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"TZI", RRF_RT_REG_BINARY, NULL, &rules,
+                         &bytes) != ERROR_SUCCESS ||
+            bytes != sizeof(rules))
+            return false;
+        known[name] = rules;
+    }
+    rules = known[name];
     ZeroMemory(zone, sizeof(*zone));
     zone->Bias = rules.bias;
     zone->StandardBias = rules.standard_bias;
@@ -198,13 +313,4 @@ bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
     zone->StandardDate = rules.standard_date;
     zone->DaylightDate = rules.daylight_date;
     return true;
-}
-
-void *machine_registry_stand_in(const char *name)
-{
-    static const stand_in_row rows[] = {
-        STAND_IN(RegCreateKeyExW),
-    };
-
-    return stand_in_find(rows, name);
 }

@@ -272,7 +272,6 @@ static void place_dumps(replay_evidence *evidence)
     for (const evidence_value &value : evidence->registry.values)
         machine_set_value(value.key, value.name, value.type, value.data);
     replay_place_dumps(evidence);
-    machine_close();
 }
 
 int replay_redact(const struct replay_options &options, const std::string &folder)

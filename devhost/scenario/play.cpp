@@ -295,6 +295,5 @@ std::vector<std::string> play_close(void)
     s_plan.clear();
     oxnih_memory_fail(0, 0);
     agent_stop();
-    machine_close();
     return std::move(s_play.failures);
 }

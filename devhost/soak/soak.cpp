@@ -15,6 +15,7 @@
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
+#include "../machine/memory_disk.h"
 #include "../scenario/play.h"
 #include "../scenario/record.h"
 #include "../session.h"
@@ -258,8 +259,10 @@ int soak_run(const struct soak_options &options)
                                                          GetTickCount()));
 
     folder.kept = false;
+    memory_disk_open(text_wide(folder.path));
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
     oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
+    oxnih_memory_find_sites(false); /* their number is what counts */
     return all.file.empty() ? play_random(folder, all) : play_file(folder, all);
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "machine/machine.h"
+#include "machine/memory_disk.h"
 #include "session.h"
 #include "sweep/watch.h"
 #include "text.h"
@@ -282,6 +283,7 @@ int main(int argc, char **argv)
         run_folder folder("", arguments.place);
 
         s_folder = folder.path + "\\";
+        memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);
         run(arguments);
     } catch (const std::exception &error) {

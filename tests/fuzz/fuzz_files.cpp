@@ -15,7 +15,7 @@
 #include "kernel_dump.h"
 #include "liboxnibase/host.h"
 #include "scenario/scenario.h"
-#include "memory_disk.h"
+#include "machine/memory_disk.h"
 #include "text.h"
 
 /* Header and text of an ".ejs" file. */
@@ -29,7 +29,6 @@ static std::string ejs_of(const std::string &text)
 
 static void open_ejs(void)
 {
-    memory_disk_open();
     oxnih_log_set_level(-1);
 }
 

@@ -16,7 +16,7 @@
 #include "agent.h"
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
-#include "memory_disk.h"
+#include "machine/memory_disk.h"
 #include "scenario/play.h"
 #include "scenario/record.h"
 #include "text.h"
@@ -87,6 +87,8 @@ static void blame(void)
                                0, NULL);
 
     json_object_set_new(store, "start_time", json_integer(BOOT));
+    for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
+        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), NULL);
     if (wdu_json_dump_file_ejs(store, agent_data_path("bypass_mgr_persistence.ejs").c_str()) != 0)
         violated("the store cannot be written");
     json_decref(store);
@@ -116,7 +118,6 @@ static void start_afresh(bool blamed, uint64_t period)
 
 static void open_host(void)
 {
-    memory_disk_open();
     record_set_view(NULL, NULL);
     agent_watch_end(look_through);
 }

@@ -15,7 +15,7 @@
 #include "../unit/import_patch.h"
 #include "bypass_mgr_internal.h"
 #include "liboxnibase/host.h"
-#include "memory_disk.h"
+#include "machine/memory_disk.h"
 #include "report_internal.h"
 #include "text.h"
 
@@ -62,7 +62,6 @@ static void open_states(void)
     static import_patch time("GetFileTime", file_time);
     std::string base = fuzz_folder() + "base";
 
-    memory_disk_open();
     oxnih_log_set_level(-1);
     oxnih_clock_simulate(133542756000000000ull, 1000);
     oxnih_set_install_dir((fuzz_folder() + "agent\\bin").c_str());

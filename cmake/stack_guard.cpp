@@ -1,0 +1,38 @@
+/*
+ * What -fstack-protector needs in every module. The compiler's own library asks a cryptographic
+ * provider while the module is being loaded, which loads further modules under the loader's lock;
+ * this guard is made as the Windows C runtime makes its security cookie.
+ */
+#include <stdint.h>
+#include <windows.h>
+
+/* winnt.h, FAST_FAIL_STACK_COOKIE_CHECK_FAILURE. */
+#define STACK_COOKIE_CHECK_FAILURE 2
+
+extern "C" {
+uintptr_t __stack_chk_guard;
+[[noreturn]] void __stack_chk_fail(void);
+}
+
+/* Before all others: a function that is entered with one guard cannot be left with another. */
+__attribute__((constructor(101), no_stack_protector)) static void make_guard(void)
+{
+    FILETIME time;
+    LARGE_INTEGER counter;
+
+    GetSystemTimeAsFileTime(&time);
+    QueryPerformanceCounter(&counter);
+    __stack_chk_guard = (static_cast<uintptr_t>(time.dwLowDateTime) << 32 | time.dwHighDateTime) ^
+                        static_cast<uintptr_t>(counter.QuadPart) ^
+                        (static_cast<uintptr_t>(GetCurrentThreadId()) << 16) ^
+                        GetCurrentProcessId() ^ reinterpret_cast<uintptr_t>(&counter);
+    __stack_chk_guard *= 0x9e3779b97f4a7c15ull; /* spreads what little changes between starts */
+    __stack_chk_guard &= ~UINT64_C(0xff);       /* a text that runs over ends before it */
+}
+
+/* Nothing of this process can be trusted any more, its exception handlers included. */
+void __stack_chk_fail(void)
+{
+    __asm__ volatile("int $0x29" : : "c"(STACK_COOKIE_CHECK_FAILURE)); /* __fastfail */
+    __builtin_unreachable();
+}
