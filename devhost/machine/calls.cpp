@@ -104,7 +104,8 @@ static std::string value_text(char letter, uint64_t value)
                           : "null";
     case 'h': return handle_text(value);
     case 'k': return key_text(value);
-    case 'j': return text_of_json(reinterpret_cast<const json_t *>(value));
+    case 'j':
+    case 'J': return text_of_json(reinterpret_cast<const json_t *>(value));
     case 'S': return subscriber_text(value);
     case 'p': return value != 0 ? "*" : "null";
     default: return "";
@@ -133,7 +134,7 @@ static uint64_t failed_result(const call_row &row, uint32_t error)
 }
 
 /* What the contract of a call promises of its outputs when it fails. */
-static void define_outputs(const call_row &row, const uint64_t *arguments)
+static void set_outputs(const call_row &row, const uint64_t *arguments)
 {
     for (size_t i = 0; row.arguments[i] != '\0'; i++) {
         if (arguments[i] == 0)
@@ -144,6 +145,8 @@ static void define_outputs(const call_row &row, const uint64_t *arguments)
             *reinterpret_cast<uint32_t *>(arguments[i]) = 0;
         else if (row.arguments[i] == 'O')
             *reinterpret_cast<void **>(arguments[i]) = NULL;
+        else if (row.arguments[i] == 'J')
+            json_decref(reinterpret_cast<json_t *>(arguments[i]));
     }
 }
 
@@ -203,7 +206,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
-        define_outputs(row, a);
+        set_outputs(row, a);
         if (row.failing == 'B' || row.failing == 'I')
             SetLastError(planned_error);
     } else {

@@ -3,7 +3,8 @@
  * how it fails.
  *
  * Letters for a value: d i32, u u32, x hexadecimal u32, U u64, s narrow text, w wide text, h
- * handle, k registry key, j JSON, S subscriber, p pointer (null or not), . not shown, v none.
+ * handle, k registry key, j JSON, J JSON that a failing call takes over, too, S subscriber, p
+ * pointer (null or not), . not shown, v none.
  * Not shown, and set by a failing call: o a text, to empty; n a u32, to 0; O a pointer, to NULL.
  * Failing: B returns 0 and sets the last error; I returns INVALID_HANDLE_VALUE and sets it; E
  * returns the error; M returns -1; Z returns 0 or NULL without an error; - cannot fail.
@@ -114,7 +115,7 @@ static const struct call_row s_rows[] = {
     {"liboxni_core.dll",    "oxni_subscriber_delete",       "S",                'v', '-'},
     {"liboxni_core.dll",    "oxni_subscriber_get_attr",     "S",                'p', 'Z'},
     {"liboxni_core.dll",    "oxni_res_require",             "sdp",              'd', 'M'},
-    {"liboxni_core.dll",    "oxni_res_deliver",             "sjppd",            'd', 'M'},
+    {"liboxni_core.dll",    "oxni_res_deliver",             "sJppd",            'd', 'M'},
     {"liboxni_core.dll",    "oxnir_rsp_get_errno",          "p",                'd', '-'},
     {"liboxni_core.dll",    "oxnir_rsp_get_resp",           "p",                'p', 'Z'},
     {"liboxni_core.dll",    "oxni_dbg_decl",                "ss.p",             'd', 'M'},
