@@ -48,7 +48,8 @@ static const char *const s_services[] = {"running", "running", "stopped", "stop_
 struct sketch {
     dice dice;
     int products;
-    bool plain; /* nothing ever goes wrong */
+    bool plain;  /* nothing ever goes wrong */
+    bool sticky; /* products come in bypass and stay there, whoever tells them to recover */
 };
 
 static std::string quoted(const std::string &text)
@@ -94,6 +95,12 @@ static std::string answer(sketch &sketch)
                        sketch.dice.range(0, 90));
 }
 
+static std::string some_status(sketch &sketch)
+{
+    return quoted(sketch.sticky && sketch.dice.chance(70) ? "bypass"
+                                                          : sketch.dice.pick(s_statuses));
+}
+
 /* How it can be reached and how it answers. */
 static void add_manners(sketch &sketch, std::vector<std::string> &members)
 {
@@ -105,7 +112,9 @@ static void add_manners(sketch &sketch, std::vector<std::string> &members)
         members.push_back(sketch.dice.chance(30)
                               ? "\"reply_delay\":null"
                               : text_format("\"reply_delay\":%d", sketch.dice.range(0, 120)));
-    if (sketch.dice.chance(25))
+    if (sketch.sticky && sketch.dice.chance(70))
+        members.push_back("\"answers\":{\"recover\":null}");
+    else if (sketch.dice.chance(25))
         members.push_back("\"answers\":{" + quoted(sketch.dice.pick(commands)) + ":" +
                           answer(sketch) + "}");
 }
@@ -117,7 +126,7 @@ static std::string product(sketch &sketch, int index)
     members.push_back("\"modules\":" + modules(sketch));
     members.push_back(text_format("\"count\":%d", sketch.dice.range(0, 5)));
     if (!sketch.plain)
-        members.push_back("\"status\":" + quoted(sketch.dice.pick(s_statuses)));
+        members.push_back("\"status\":" + some_status(sketch));
     members.push_back(sketch.dice.chance(10)
                           ? "\"registers\":null"
                           : text_format("\"registers\":%d", sketch.dice.range(0, 120)));
@@ -249,6 +258,8 @@ static std::string agent_step(sketch &sketch)
         return "\"send\":" + who + ",\"message\":{\"product_name\":\"z\",\"type\":" +
                (sketch.dice.chance(80) ? "\"conflict\"" : "\"nonsense\"") +
                ",\"count\":1,\"status\":\"working\",\"data\":{\"driver_module\":[]}}";
+    if (sketch.sticky && sketch.dice.chance(40))
+        return "\"console\":\"bypass -r\"";
     return "\"console\":" +
            quoted(sketch.plain ? lines[sketch.dice.range(0, 2)] : sketch.dice.pick(lines));
 }
@@ -259,7 +270,7 @@ static std::string product_change(sketch &sketch)
 
     members.push_back(text_format("\"count\":%d", sketch.dice.range(0, 10)));
     if (!sketch.plain) {
-        members.push_back("\"status\":" + quoted(sketch.dice.pick(s_statuses)));
+        members.push_back("\"status\":" + some_status(sketch));
         add_manners(sketch, members);
     }
     return "\"product\":" + some_product(sketch) + ",\"set\":{" + joined(members) + "}";
@@ -280,7 +291,8 @@ static std::string odd_registration(sketch &sketch)
 /* A step that needs no agent, as members. */
 static std::string machine_step(sketch &sketch)
 {
-    static const char *const calls[] = {"\"oxni_timer_start\"", "\"OpenEventLogW\",\"error\":5"};
+    static const char *const calls[] = {"\"oxni_timer_start\"", "\"OpenEventLogW\",\"error\":5",
+                                        "\"wdu_json_dump_file_ejs\""};
     int which = sketch.dice.range(1, sketch.plain ? 60 : 100);
 
     if (which <= 25)
@@ -358,12 +370,13 @@ static std::string boot(sketch &sketch)
 
 void machine_generate(rapidjson::Document &document, uint64_t seed)
 {
-    sketch sketch = {{seed}, 0, false};
+    sketch sketch = {{seed}, 0, false, false};
     std::vector<std::string> products, boots;
     std::string text;
 
     sketch.products = sketch.dice.range(1, 5);
     sketch.plain = sketch.dice.chance(15);
+    sketch.sticky = !sketch.plain && sketch.dice.chance(15);
     for (int index = 0; index < sketch.products; index++)
         products.push_back(product(sketch, index));
     for (int left = sketch.dice.range(2, 8); left > 0; left--)
@@ -371,6 +384,11 @@ void machine_generate(rapidjson::Document &document, uint64_t seed)
     text = "{\"products\":{" + joined(products) + "},\"management\":" + management(sketch) +
            ",\"before\":{" + how_it_ends(sketch) + "},\"boots\":[" + joined(boots) + "]}";
     document.Parse(text.data(), text.size());
+}
+
+bool machine_is_guarded(uint64_t seed)
+{
+    return seed % 16 == 4;
 }
 
 bool machine_is_talkative(uint64_t seed)

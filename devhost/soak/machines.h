@@ -15,7 +15,9 @@
 void machine_generate(rapidjson::Document &document, uint64_t seed);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
-/* Whether a machine of that seed is played at log level debug, which costs time. */
+/* Whether a machine of that seed is played with guarded blocks, of which none may be lost; and
+ * whether at log level debug. Both cost time. */
+bool machine_is_guarded(uint64_t seed);
 bool machine_is_talkative(uint64_t seed);
 
 /* rules.cpp */

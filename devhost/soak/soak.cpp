@@ -217,6 +217,7 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
 
         machine_generate(document, seed);
         oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
+        oxnih_memory_set_mode(machine_is_guarded(seed) ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
         played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
         progress.machines++;
@@ -262,7 +263,7 @@ int soak_run(const struct soak_options &options)
     memory_disk_open(text_wide(folder.path));
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
-    oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
+    oxnih_memory_set_mode(all.file.empty() ? OXNIH_MEMORY_PLAIN : OXNIH_MEMORY_GUARD);
     oxnih_memory_find_sites(false); /* their number is what counts */
     return all.file.empty() ? play_random(folder, all) : play_file(folder, all);
 }

@@ -26,6 +26,7 @@
 #include "../text.h"
 #include "../view/view.h"
 #include "jobs.h"
+#include "leaks.h"
 #include "watch.h"
 
 /* A run takes less than a second, one of ten days some. */
@@ -44,8 +45,6 @@
  * fails. */
 #define LIVES     ((size_t)8)
 #define SETTLE_MS 30000u
-/* Longer than any product's name in the scenarios. */
-#define NAME_BYTES 32
 
 /* The machine as it is without faults, whatever the scenario has made of it. */
 static const char s_afterwards[] = R"({
@@ -124,46 +123,12 @@ static const struct {
     {"OutputStackTrace",   {0x80004005, 0x80004001, 0x8007000e}},
 };
 
-static std::vector<std::string> s_lost; /* blocks and handles, at the ends of the agent */
+static std::vector<std::string> s_lost; /* at the ends of the agent */
 
-/* Uploads of this life of the agent that failed in transport: the plug-in leaves the name of the
- * product with each. */
-static uint64_t failed_uploads(void)
-{
-    uint64_t failed = 0;
-
-    for (const happening &what : record_all()) {
-        if (what.kind == HAPPENED_AGENT && what.text.rfind("starts", 0) == 0)
-            failed = 0;
-        failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
-    }
-    return failed;
-}
-
-static void add_lost(const char *site, uint64_t blocks, uint64_t bytes, void *user)
-{
-    uint64_t *names = static_cast<uint64_t *>(user);
-
-    if (blocks <= *names && bytes <= blocks * NAME_BYTES) {
-        *names = 0; /* they come from one place */
-        return;
-    }
-    s_lost.push_back(text_format("%llu blocks of %llu bytes from %s are lost",
-                                 static_cast<unsigned long long>(blocks),
-                                 static_cast<unsigned long long>(bytes), site));
-}
-
-/* An agent that ends itself in the middle of its work leaves all that to Windows. */
 static void look_for_leaks(const void *plugin)
 {
-    std::string open = calls_left_open();
-    uint64_t names = failed_uploads();
-
-    if (agent_state_get() == AGENT_EXITED)
-        return;
-    oxnih_memory_lost(plugin, add_lost, &names);
-    if (!open.empty())
-        s_lost.push_back("left open: " + open);
+    for (const std::string &lost : leaks_of_agent(plugin))
+        s_lost.push_back(lost);
 }
 
 static json_value &member(json_value &object, const char *name)
