@@ -264,6 +264,6 @@ int soak_run(const struct soak_options &options)
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
     oxnih_memory_set_mode(all.file.empty() ? OXNIH_MEMORY_PLAIN : OXNIH_MEMORY_GUARD);
-    oxnih_memory_find_sites(false); /* their number is what counts */
+    oxnih_memory_find_sites(!all.file.empty()); /* else their number is what counts */
     return all.file.empty() ? play_random(folder, all) : play_file(folder, all);
 }
