@@ -1,28 +1,13 @@
 /* The agent's blocks and handles at its end. */
 #include "leaks.h"
 
-#include <stdint.h>
-
 #include "../../platform/liboxnibase/host.h"
 #include "../agent.h"
 #include "../machine/calls.h"
-#include "../scenario/record.h"
 #include "../text.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
 #define NAME_BYTES 32
-
-static uint64_t failed_uploads(void)
-{
-    uint64_t failed = 0;
-
-    for (const happening &what : record_all()) {
-        if (what.kind == HAPPENED_AGENT && what.text.rfind("starts", 0) == 0)
-            failed = 0;
-        failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
-    }
-    return failed;
-}
 
 struct search {
     uint64_t names; /* that may be lost */
@@ -42,10 +27,10 @@ static void add_lost(const char *site, uint64_t blocks, uint64_t bytes, void *us
                                        static_cast<unsigned long long>(bytes), site));
 }
 
-std::vector<std::string> leaks_of_agent(const void *plugin)
+std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uploads)
 {
     std::string open = calls_left_open();
-    search search = {failed_uploads(), {}};
+    search search = {failed_uploads, {}};
 
     if (agent_state_get() == AGENT_EXITED)
         return {};

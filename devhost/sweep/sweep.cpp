@@ -125,9 +125,22 @@ static const struct {
 
 static std::vector<std::string> s_lost; /* at the ends of the agent */
 
+/* Of this life of the agent, in transport. */
+static uint64_t failed_uploads(void)
+{
+    uint64_t failed = 0;
+
+    for (const happening &what : record_all()) {
+        if (what.kind == HAPPENED_AGENT && what.text.rfind("starts", 0) == 0)
+            failed = 0;
+        failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
+    }
+    return failed;
+}
+
 static void look_for_leaks(const void *plugin)
 {
-    for (const std::string &lost : leaks_of_agent(plugin))
+    for (const std::string &lost : leaks_of_agent(plugin, failed_uploads()))
         s_lost.push_back(lost);
 }
 
