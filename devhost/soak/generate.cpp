@@ -413,7 +413,18 @@ static json_value noise_step(double at, int which, const std::string &who,
     return json_value(step, allocator);
 }
 
-/* Right behind a step of the same kind the agent runs; half a second later nobody else is due. */
+/* When the step behind one comes, or the boot's end. */
+static double next_moment(const json_value &boot, rapidjson::SizeType index)
+{
+    const json_value &steps = boot["steps"];
+
+    if (index + 1 < steps.Size())
+        return steps[index + 1]["at"].GetDouble();
+    return boot.HasMember("until") ? boot["until"].GetDouble() : steps[index]["at"].GetDouble();
+}
+
+/* Right behind a step of the same kind the agent runs. What that step set going must come to its
+ * end in any case, so nothing may end the agent or the boot at the same moment. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed)
 {
     dice dice = {seed};
@@ -423,14 +434,15 @@ void machine_add_noise(rapidjson::Document &document, uint64_t seed)
 
         if (!boot.HasMember("steps"))
             continue;
-        for (json_value &step : boot["steps"].GetArray()) {
-            bool needs_agent =
-                node_member(&step, "tell") != NULL || node_member(&step, "console") != NULL;
+        for (rapidjson::SizeType i = 0; i < boot["steps"].Size(); i++) {
+            const json_value &step = boot["steps"][i];
             double at = step["at"].GetDouble();
+            bool fits = next_moment(boot, i) >= at + 1 && (node_member(&step, "tell") != NULL ||
+                                                           node_member(&step, "console") != NULL);
             std::string who = node_text_of(&step, "tell", "");
 
-            noisy.PushBack(step, document.GetAllocator());
-            for (int left = needs_agent ? dice.range(1, 4) : 0; left > 0; left--)
+            noisy.PushBack(json_value(step, document.GetAllocator()), document.GetAllocator());
+            for (int left = fits ? dice.range(1, 4) : 0; left > 0; left--)
                 noisy.PushBack(noise_step(at, who.empty() ? 0 : dice.range(0, 1), who,
                                           document.GetAllocator()),
                                document.GetAllocator());
