@@ -52,7 +52,7 @@ struct memory_file {
 };
 typedef std::shared_ptr<memory_file> file_ptr;
 
-struct open_file {
+struct disk_handle {
     file_ptr file;
     DWORD access;
     DWORD share;
@@ -66,7 +66,7 @@ struct open_search {
 
 static std::wstring s_folder; /* in lower case, with a backslash; empty: there is no such disk */
 static std::map<std::wstring, file_ptr> s_files; /* by path in lower case */
-static std::map<HANDLE, open_file> s_open;
+static std::map<HANDLE, disk_handle> s_open;
 static std::map<HANDLE, open_search> s_searches;
 
 /* How a path is filed. Result: whether it is one of ours. */
