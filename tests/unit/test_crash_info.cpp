@@ -143,7 +143,6 @@ TEST(test_read_reg_string_value, values)
     std::wstring text = L"before";
     HKEY key;
 
-    oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
     registry_set(CRASH_KEY, L"long", REG_SZ, std::string(600, 'n'));
     ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, CRASH_KEY, 0, KEY_READ, &key), 0);
     for (const auto &row : rows) {
@@ -162,7 +161,6 @@ TEST(test_read_reg_string_value, values)
     EXPECT_EQ(read_reg_string_value(key, NULL, &text), 87u);
     EXPECT_EQ(text, L"before");
     RegCloseKey(key);
-    oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
     EXPECT_EQ(live_blocks(), blocks);
 }
 

@@ -35,13 +35,15 @@ static void keep_line(int, const char *line, void *)
 
 static HKEY s_machine_key;
 
-/* For all tests: what is logged stays here, and HKEY_LOCAL_MACHINE is a key of ours. */
+/* For all tests: what is logged stays here, blocks are guarded, and HKEY_LOCAL_MACHINE is a key of
+ * ours. */
 struct unit_environment : public testing::Environment {
     void SetUp() override
     {
         const std::string path = "Software\\bypass_unit_" + std::to_string(GetCurrentProcessId());
 
         oxnih_log_set_sink(keep_line, NULL);
+        oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
         require(RegCreateKeyA(HKEY_CURRENT_USER, path.c_str(), &s_machine_key) == 0 &&
                     RegOverridePredefKey(HKEY_LOCAL_MACHINE, s_machine_key) == 0,
                 "machine key not redirected");
