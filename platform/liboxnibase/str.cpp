@@ -6,34 +6,36 @@
 #include <cstdio>
 #include <cstring>
 
+#include <emmintrin.h>
+
 #include <oxni/base/str.h>
+
+static constexpr size_t PAGE_BYTES = 4096, LAST_16_OF_PAGE = PAGE_BYTES - 16;
 
 bool str_to_wide(const char *text, std::wstring *wide)
 {
-    int chars;
+    const size_t bytes = text == NULL ? 0 : strlen(text);
+    int units = 0;
 
-    wide->clear();
-    if (text == NULL)
-        return false;
-    chars = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, -1, NULL, 0);
-    if (chars <= 0)
-        return false;
-    wide->resize(static_cast<size_t>(chars));
-    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, -1, wide->data(), chars);
-    wide->pop_back();
-    return true;
+    /* No byte makes more than one unit: one call of Windows does. */
+    wide->resize(bytes);
+    if (bytes != 0)
+        units = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, static_cast<int>(bytes),
+                                    wide->data(), static_cast<int>(bytes));
+    wide->resize(static_cast<size_t>(units));
+    return text != NULL && (units != 0 || bytes == 0);
 }
 
 std::string str_to_utf8(const wchar_t *text)
 {
-    int bytes = WideCharToMultiByte(CP_UTF8, 0, text, -1, NULL, 0, NULL, NULL);
-    std::string narrow;
+    const size_t units = wcslen(text);
+    std::string narrow(3 * units, '\0'); /* no unit makes more bytes */
+    int bytes = 0;
 
-    if (bytes <= 0)
-        return narrow;
+    if (units != 0)
+        bytes = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(units), narrow.data(),
+                                    static_cast<int>(narrow.size()), NULL, NULL);
     narrow.resize(static_cast<size_t>(bytes));
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, narrow.data(), bytes, NULL, NULL);
-    narrow.pop_back();
     return narrow;
 }
 
@@ -82,42 +84,38 @@ int oxni_str_snprintf(char *buffer, size_t size, const char *format, ...)
     return written >= 0 && static_cast<size_t>(written) < size ? written : -1;
 }
 
-/* Text inside a record of bytes may begin at an odd address. */
-static wchar_t unit_at(const char *bytes, size_t index)
+/* How many of the eight units at an address, aligned or not, come before a zero. */
+static size_t units_before_zero(const char *bytes)
 {
-    wchar_t unit;
+    const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes));
+    const int zeros = _mm_movemask_epi8(_mm_cmpeq_epi16(units, _mm_setzero_si128()));
 
-    memcpy(&unit, bytes + index * sizeof(unit), sizeof(unit));
-    return unit;
-}
-
-/* Whether one of the four units of a word is zero. */
-static bool has_zero_unit(uint64_t word)
-{
-    static constexpr uint64_t lows = 0x0001000100010001ULL, tops = 0x8000800080008000ULL;
-
-    return ((word - lows) & ~word & tops) != 0;
+    return zeros == 0 ? 8 : static_cast<size_t>(__builtin_ctz(static_cast<unsigned>(zeros))) / 2;
 }
 
 size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
 {
+    /* Text inside a record of bytes may begin at an odd address. */
     const char *bytes = reinterpret_cast<const char *>(text);
-    size_t length = 0;
-    uint64_t word;
+    size_t length = 0, found;
+    wchar_t unit;
 
     if (text == NULL)
         return 0;
     while (length < limit) {
-        const char *at = bytes + length * sizeof(wchar_t);
-        /* Whole words where they are aligned: none reaches into a page that the text does not. */
-        if (reinterpret_cast<uintptr_t>(at) % sizeof(word) == 0)
-            for (; limit - length >= 4; length += 4, at += sizeof(word)) {
-                memcpy(&word, at, sizeof(word));
-                if (has_zero_unit(word))
-                    break;
-            }
-        if (length == limit || unit_at(bytes, length) == L'\0')
-            break;
+        const char *at = bytes + length * sizeof(unit);
+        /* Eight at a time, but never into a page that the text may not reach. */
+        if (limit - length >= 8 &&
+            reinterpret_cast<uintptr_t>(at) % PAGE_BYTES <= LAST_16_OF_PAGE) {
+            found = units_before_zero(at);
+            length += found;
+            if (found < 8)
+                return length;
+            continue;
+        }
+        memcpy(&unit, at, sizeof(unit));
+        if (unit == L'\0')
+            return length;
         length++;
     }
     return length;

@@ -4,6 +4,7 @@
  */
 #include "bypass_mgr_internal.h"
 
+#include <bitset>
 #include <string_view>
 
 #include <oxni/base/memory.h>
@@ -11,10 +12,41 @@
 
 #include "bypass_log.h"
 
+/*
+ * Names by their hashes: tells most names that are not among them without a look-up, which compares
+ * text with text. Many products of many modules are asked for, and hardly any name is on a stack.
+ */
+class name_filter
+{
+  public:
+    explicit name_filter(const crash_module_set &names)
+    {
+        for (const std::string &name : names)
+            bits_[bit_of(name)] = true;
+    }
+
+    bool may_hold(std::string_view name) const
+    {
+        return bits_[bit_of(name)];
+    }
+
+  private:
+    /* A stack has a hundred names at most: one in forty others gets past. */
+    static constexpr size_t BITS = 4096;
+
+    static size_t bit_of(std::string_view name)
+    {
+        return std::hash<std::string_view>()(name) % BITS;
+    }
+
+    std::bitset<BITS> bits_;
+};
+
 /* The first registered module, in the order of registration, that is on the crashed stack. Result 1
  * with its name, borrowed from its product's record; 0 with NULL. */
 static int match_crash_module(const crash_module_set &modules, const char **matched)
 {
+    const name_filter filter(modules);
     const oxni_xhash_entry *entry, *module;
 
     for (entry = bypass_mgr_first_product(); entry != NULL;
@@ -23,12 +55,12 @@ static int match_crash_module(const crash_module_set &modules, const char **matc
 
         for (module = oxni_xhash_first(names); module != NULL;
              module = oxni_xhash_next(names, module)) {
-            const char *name = (const char *)module->key;
-
             /* The key's length counts its NUL. */
-            if (modules.find(std::string_view(name, module->key_length - 1)) != modules.end()) {
-                LOG_INFO("find [%s] crach!", name);
-                *matched = name;
+            const std::string_view name((const char *)module->key, module->key_length - 1);
+
+            if (filter.may_hold(name) && modules.find(name) != modules.end()) {
+                LOG_INFO("find [%s] crach!", name.data());
+                *matched = name.data();
                 return 1;
             }
         }

@@ -179,18 +179,18 @@ struct stack_line {
     size_t module_end;
 };
 
-/* The line at the beginning of a text, in one pass over it. */
+/* The line at the beginning of a text, in one pass over it: behind a '!' only its end matters. */
 static stack_line first_line(std::string_view text)
 {
-    size_t mark = std::string_view::npos, plus = std::string_view::npos, at = 0;
+    size_t plus = std::string_view::npos, at = 0;
 
-    for (; at < text.size() && text[at] != '\n'; at++) {
-        if (text[at] == '!' && mark == std::string_view::npos)
-            mark = at;
-        else if (text[at] == '+' && plus == std::string_view::npos)
+    while (at < text.size() && text[at] != '\n' && text[at] != '!') {
+        if (text[at] == '+' && plus == std::string_view::npos)
             plus = at;
+        at++;
     }
-    return {text.substr(0, at), mark != std::string_view::npos ? mark : plus};
+    const size_t module_end = at < text.size() && text[at] == '!' ? at : plus;
+    return {text.substr(0, text.find('\n', at)), module_end};
 }
 
 /* Adds a module. last: the one of an earlier line, which most lines repeat; NULL when there is

@@ -70,28 +70,55 @@ static const wchar_t *wide_at(const uint8_t *bytes)
     return reinterpret_cast<const wchar_t *>(bytes);
 }
 
-/* Whether the record at position is an expected one. Warns of a provider name without an end. */
-static bool is_expected_record(const EVENTLOGRECORD &header, const wchar_t *provider,
-                               size_t available, const expected_event_map &expected)
+/* A 32-bit field of a record; a scan needs two of each header, not a copy of it. */
+static uint32_t field_at(const uint8_t *record, size_t offset)
 {
-    const uint32_t left = (header.Length - (uint32_t)sizeof(header)) / (uint32_t)sizeof(wchar_t);
+    uint32_t value;
+
+    memcpy(&value, record + offset, sizeof(value));
+    return value;
+}
+
+static uint64_t event_id_bit(uint32_t event_id)
+{
+    return 1ULL << (event_id & 63);
+}
+
+/* The bits of all expected ids: nearly every record of a log is told apart by them, for less than
+ * a look-up in the map takes. */
+static uint64_t expected_id_bits(const expected_event_map &expected)
+{
+    uint64_t bits = 0;
+
+    for (const auto &entry : expected)
+        bits |= event_id_bit(entry.first.event_id);
+    return bits;
+}
+
+/* Whether the name of a provider ends inside its record, which it should; warns if not. available:
+ * wide characters from the name to the block's end. */
+static bool is_name_whole(const uint8_t *record, const wchar_t *provider, size_t available)
+{
+    const uint32_t record_length = field_at(record, offsetof(EVENTLOGRECORD, Length));
+    const uint32_t left =
+        (record_length - (uint32_t)sizeof(EVENTLOGRECORD)) / (uint32_t)sizeof(wchar_t);
     /* left is no bound for a Length below the header's: it wraps. */
     const size_t bound = std::min<size_t>(left, available);
     size_t length;
 
     if (provider == NULL) {
-        LOG_WARN("event id[%d] provider string is null!", (int)header.EventID);
+        LOG_WARN("event id[%d] provider string is null!",
+                 (int)field_at(record, offsetof(EVENTLOGRECORD, EventID)));
         return false;
     }
     length = oxni_wcsnlen(provider, bound);
-    if (length >= bound) {
-        LOG_WARN(
-            "provider string length invalid! event id[%d] provider len[%d] record len[%d] left "
-            "len[%d]",
-            (int)header.EventID, (int)length, (int)header.Length, (int)left);
-        return false;
-    }
-    return expected.find({header.EventID & 0xFFFF, provider}) != expected.end();
+    if (length < bound)
+        return true;
+    LOG_WARN("provider string length invalid! event id[%d] provider len[%d] record len[%d] left "
+             "len[%d]",
+             (int)field_at(record, offsetof(EVENTLOGRECORD, EventID)), (int)length,
+             (int)record_length, (int)left);
+    return false;
 }
 
 /* Appends a record's insertion strings. What the record says of them is not trusted: nothing behind
@@ -256,27 +283,29 @@ uint32_t find_expected_event(const uint8_t *buffer, uint32_t size, uint32_t *eve
                              const wchar_t **provider, const uint8_t **record,
                              const expected_event_map &expected)
 {
-    size_t offset = 0;
+    const uint64_t id_bits = expected_id_bits(expected);
+    size_t left = size;
 
     if (buffer == NULL)
         return ERROR_INVALID_DATA;
-    while (size - offset >= sizeof(EVENTLOGRECORD)) {
-        const uint8_t *at = buffer + offset;
+    for (const uint8_t *at = buffer; left >= sizeof(EVENTLOGRECORD);) {
         const wchar_t *name = wide_at(at + sizeof(EVENTLOGRECORD));
-        const EVENTLOGRECORD header = record_header(at);
-        const size_t left = size - offset;
+        const uint32_t id = field_at(at, offsetof(EVENTLOGRECORD, EventID)) & 0xFFFF;
+        const uint32_t length = field_at(at, offsetof(EVENTLOGRECORD, Length));
 
-        if (is_expected_record(header, name, (left - sizeof(header)) / sizeof(wchar_t), expected)) {
-            *event_id = header.EventID & 0xFFFF;
+        if (is_name_whole(at, name, (left - sizeof(EVENTLOGRECORD)) / sizeof(wchar_t)) &&
+            (id_bits & event_id_bit(id)) != 0 && expected.find({id, name}) != expected.end()) {
+            *event_id = id;
             *provider = name;
             *record = at;
             return 0;
         }
         /* Behind one that reaches beyond the block there is none; behind one without a length it
          * would be itself, for ever. */
-        if (header.Length == 0 || header.Length > left)
+        if (length == 0 || length > left)
             break;
-        offset += header.Length;
+        at += length;
+        left -= length;
     }
     return ERROR_INVALID_DATA;
 }
