@@ -79,13 +79,15 @@ bool path_resolve(const char *path, std::string *resolved)
     if (!str_to_wide(text.c_str(), &wide))
         return false;
     /* Windows' own idea of "..", so that the result is the file that it would open. */
-    chars = GetFullPathNameW(wide.c_str(), 0, NULL, NULL);
-    if (chars == 0)
-        return false;
-    full.resize(chars);
-    chars = GetFullPathNameW(wide.c_str(), chars, full.data(), NULL);
+    full.resize(wide.size() + MAX_PATH);
+    chars = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), NULL);
+    if (chars > full.size()) {
+        full.resize(chars);
+        chars = GetFullPathNameW(wide.c_str(), chars, full.data(), NULL);
+    }
     if (chars == 0 || chars >= full.size())
         return false;
+    full.resize(chars);
     *resolved = str_to_utf8(full.c_str());
     std::replace(resolved->begin(), resolved->end(), '\\', '/');
     return true;

@@ -166,7 +166,15 @@ static const oxni_xhash_entry *stand_at(oxni_xhash *table, node *at, const void 
 {
     forget_deleted(table, caller);
     table->current = at;
-    return at == NULL ? NULL : &at->entry;
+    if (at == NULL)
+        return NULL;
+    /* Entries lie anywhere in memory: the next one and its key are on their way while the caller
+     * looks at this one. */
+    if (at->hh.next != NULL) {
+        __builtin_prefetch(at->hh.next);
+        __builtin_prefetch(static_cast<node *>(at->hh.next) + 1);
+    }
+    return &at->entry;
 }
 
 const oxni_xhash_entry *oxni_xhash_first(oxni_xhash *table)
