@@ -48,13 +48,17 @@ static size_t record_bytes(const machine_event &event)
            sizeof(uint32_t);
 }
 
-/* One EVENTLOGRECORD, of record_bytes. */
-static void pack_record(const machine_event &event, char *bytes)
+/* One EVENTLOGRECORD of that size, as record_bytes told. */
+static void pack_record(const machine_event &event, size_t size, char *bytes)
 {
-    const size_t size = record_bytes(event), strings = strings_at(event);
+    const size_t strings = strings_at(event);
     const size_t source = (event.source.size() + 1) * sizeof(wchar_t);
 
-    memset(bytes, 0, size);
+    /* Zeros where nothing is written below: in the header, and in the gaps that aligning leaves
+     * before the strings and before the closing length. A whole log is read by this. */
+    memset(bytes, 0, RECORD_HEADER_BYTES);
+    put_u32(bytes, strings - sizeof(uint32_t), 0);
+    put_u32(bytes, size - 2 * sizeof(uint32_t), 0);
     memcpy(bytes + RECORD_HEADER_BYTES, event.source.c_str(), source);
     memcpy(bytes + RECORD_HEADER_BYTES + source, COMPUTER, sizeof(COMPUTER));
     memcpy(bytes + strings, event.strings.packed().data(),
@@ -115,7 +119,7 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
             SetLastError(ERROR_INSUFFICIENT_BUFFER);
             return FALSE;
         }
-        pack_record(event, static_cast<char *>(buffer) + filled);
+        pack_record(event, size, static_cast<char *>(buffer) + filled);
         filled += size;
         if (s_last_read.newest == 0)
             s_last_read.newest = event.number;
