@@ -54,12 +54,15 @@ class bench_pair
 
         floors_.push_back(floor_s);
         works_.push_back(work_s);
+        ratios_.push_back(work_s / floor_s);
         state_.SetIterationTime(work_s * calls);
     }
 
-    /* Hands the medians to the result as "floor_ns" and "work_ns". */
+    /* Hands the medians to the result as "floor_ns", "work_ns" and "ratio". The latter is that of
+     * the turns' own ratios: what slows the machine down for a while slows both sides of a turn. */
     ~bench_pair()
     {
+        state_.counters["ratio"] = median(&ratios_);
         state_.counters["floor_ns"] = median(&floors_) * 1e9;
         state_.counters["work_ns"] = median(&works_) * 1e9;
     }
@@ -77,7 +80,7 @@ class bench_pair
     }
 
     benchmark::State &state_;
-    std::vector<double> floors_, works_;
+    std::vector<double> floors_, works_, ratios_;
 };
 
 #endif
