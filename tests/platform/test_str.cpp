@@ -54,7 +54,7 @@ TEST_F(str, wide_text)
 /* Every place of the NUL, limit and alignment, before a page that cannot be read. */
 TEST_F(str, a_length_is_found_at_every_alignment)
 {
-    static constexpr size_t PAGE = 4096, LONGEST = 11;
+    static constexpr size_t PAGE = 4096, LONGEST = 20;
     char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
     VirtualAlloc(page, PAGE, MEM_COMMIT, PAGE_READWRITE);
 

@@ -64,6 +64,8 @@ TEST(test_find_expected_event, blocks)
         const char *warning; /* part of a log line, or NULL */
     } rows[] = {
         {"behind one of odd length", odd + crash, odd.size(), NULL},
+        {"behind one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
+         event_record(12 + 64, KERNEL).size(), NULL},
         {"length of zero", with_length(other, 0) + crash, none, NULL},
         {"length of zero, itself expected", with_length(crash, 0), 0, NULL},
         {"beyond the block", with_length(other, other.size() + 1), none, NULL},
