@@ -19,10 +19,13 @@
 #include "../scenario/play.h"
 #include "../scenario/record.h"
 #include "../session.h"
+#include "../sweep/watch.h"
 #include "../text.h"
 #include "machines.h"
 
 #define PROGRESS_MS 10000
+/* A machine takes well under a second, one of ten days some; a busy computer makes it many. */
+#define HANG_SECONDS 600
 /* One machine in so many is played a second time with noise, and must end alike. */
 #define TWIN_EVERY 8
 
@@ -107,6 +110,7 @@ static bool still_breaks(const rapidjson::Document &document, const std::string 
 
     scenario.document.CopyFrom(document, scenario.document.GetAllocator());
     try {
+        watch_try("a machine that was made smaller: the one of the finding above", 0);
         scenario_check(scenario);
         return play_pair(document, rule == "equal machines", folder, options).finding.rule == rule;
     } catch (const devhost_error &) {
@@ -215,6 +219,7 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
         uint64_t seed = options.seed + progress.machines;
         rapidjson::Document document;
 
+        watch_try(text_format("./dev soak --boots 1 --seed %" PRIu64, seed), seed);
         machine_generate(document, seed);
         oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
         oxnih_memory_set_mode(machine_is_guarded(seed) ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
@@ -260,6 +265,7 @@ int soak_run(const struct soak_options &options)
                                                          GetTickCount()));
 
     folder.kept = false;
+    watch_open(HANG_SECONDS);
     memory_disk_open(text_wide(folder.path));
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
