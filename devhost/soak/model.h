@@ -1,0 +1,146 @@
+/*
+ * The model that goes along with the plug-in on a random machine: told only of what passes between
+ * plug-in and platform, it says which commands, chains and entries of the store must come of it.
+ * Host's one thread.
+ */
+#ifndef DEVHOST_SOAK_MODEL_H
+#define DEVHOST_SOAK_MODEL_H
+
+#include <stdint.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <oxni/base/json.h>
+#include <oxni/base/subscriber.h>
+
+#include "../../platform/liboxni_core/host.h"
+
+#define UNIX_EPOCH_SECONDS 11644473600ull
+#define CALIBRATION_MS     864000000ull
+
+enum status {
+    STATUS_NONE,
+    STATUS_WORKING,
+    STATUS_BYPASS,
+    STATUS_INITIALIZING
+};
+
+enum verdict {
+    VERDICT_NORMAL,
+    VERDICT_FAILED,
+    VERDICT_CRASH,
+    VERDICT_POWER,
+    VERDICT_NOT_YET
+};
+
+/* One registered product, or one that could be. */
+struct member {
+    std::string name;
+    std::vector<std::string> modules;
+    int status;
+    int64_t count;
+    bool filed, parsed, recover_sent, left;
+    int64_t references; /* of the plug-in */
+    int chains;
+};
+
+struct chain {
+    oxni_subscriber *subscriber;
+    int left;
+    bool logon_seen;
+};
+
+struct order {
+    oxni_subscriber *to;
+    std::string type, reason;
+    int64_t count;
+
+    bool operator==(const order &other) const
+    {
+        return to == other.to && type == other.type && reason == other.reason &&
+               count == other.count;
+    }
+};
+
+/* What the store must hold. */
+struct entry {
+    int64_t count;
+    int status;
+};
+
+struct timer {
+    uint64_t function;
+    uint64_t context; /* of a chain; 0: none */
+};
+
+/* What is delivered at present, and what it is seen and expected to do. */
+struct delivery {
+    bool open;
+    enum oxnih_event_kind kind;
+    std::vector<order> expected, seen;
+    uint64_t context;           /* of the chain whose timer fired */
+    oxni_subscriber *registers; /* who may start a chain */
+    int armed;                  /* chains armed or armed again */
+    int chains_expected;
+    int verdicts, verdicts_expected;
+    std::vector<bool> logs; /* whether each opening of the event log succeeded */
+    bool arming_failed;
+    uint64_t plain_timer; /* function of the last timer without a context */
+    bool plain_failed;
+    oxni_subscriber *leaves; /* released although it was never filed */
+};
+
+/* Of the agent's process. */
+struct agent_model {
+    std::map<oxni_subscriber *, member> members;
+    std::vector<oxni_subscriber *> table; /* filed ones, in order */
+    std::map<uint64_t, chain> chains;     /* by context */
+    std::map<uint64_t, timer> timers;     /* pending ones by handle */
+    uint64_t recover_function, uptime_function;
+    json_t *document;               /* the plug-in's own, borrowed */
+    std::set<std::string> bypassed; /* names that were in bypass */
+    bool only_normal;
+    uint64_t excess;
+    uint64_t failed_uploads;
+    delivery now;
+};
+
+/* Of the machine, whatever agents come and go. */
+struct machine_model {
+    std::map<std::string, entry> store;
+    bool has_crash;
+    std::string blamed;
+    std::set<std::string> bypassed;
+    std::string on_disk; /* the store's file */
+    bool behind;         /* it could not be written since */
+    std::vector<uint64_t> blocks;
+    uint64_t boot_seconds; /* of the boot that the store is of */
+};
+
+extern struct agent_model model_agent;
+extern struct machine_model model_machine;
+
+/* A member's text; empty when there is none. */
+std::string model_text(const json_t *object, const char *name);
+/* Whether the recovery tag is there. */
+bool model_tag_exists(void);
+/* Polls that a chain has at its start. */
+int model_polls_at_start(void);
+
+/* What was delivered. */
+void model_message(oxni_subscriber *subscriber, const json_t *message);
+void model_leave(oxni_subscriber *subscriber);
+void model_reply(oxni_subscriber *subscriber, int32_t error, const std::string &type);
+
+/* What one poll of a chain finds; moves the chain on. */
+enum verdict model_poll(chain &chain);
+void model_verdict(oxni_subscriber *subscriber, enum verdict verdict);
+/* The ten days are over: everybody's count is called back, and the records stay as they are. */
+void model_calibration(void);
+/* "recover" goes to those who wait for it, or to all. */
+void model_recover(bool all);
+
+#endif
