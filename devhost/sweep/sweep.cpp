@@ -25,18 +25,13 @@
 #include "../session.h"
 #include "../text.h"
 #include "../view/view.h"
+#include "failures.h"
 #include "jobs.h"
 #include "leaks.h"
 #include "watch.h"
 
 /* A run takes less than a second, one of ten days some. */
 #define HANG_SECONDS 120
-/* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
- * many make each fail once. */
-#define BATCH 32ull
-/* "For ever" begins at each of so many calls of a name in a boot, and behind them at the 1,024th,
- * 2,048th and so on: there it is the same poll again and again. */
-#define FOREVER_CALLS 512ull
 /* Failures that come about once: so many in one boot, and so many places apart in their list at
  * least, where the ways of one call to fail stand together. */
 #define AT_ONCE ((size_t)8)
@@ -70,32 +65,15 @@ struct sweep_options {
     int64_t only = -1;          /* this run alone, with what happens in it */
 };
 
-enum failure_way {
-    FAILS_ALLOCATION,
-    FAILS_CALL,
-    FAILS_ENGINE, /* a call of the debugger engine, in the whole boot */
-    FAILS_PUSH,   /* a command finds its product unreachable */
-};
-
-struct failure {
-    enum failure_way way;
-    uint64_t nth;
-    uint64_t times; /* each BATCH calls behind the one before; 0: it and all to the boot's end */
-    std::string call;
-    uint32_t error;
-};
-
 /* What a run showed. */
 struct course {
-    std::vector<uint64_t> allocations;                  /* by boot */
-    std::vector<std::map<std::string, uint64_t>> calls; /* by boot */
-    std::vector<uint64_t> pushes;                       /* by boot */
-    std::vector<std::vector<std::string>> states;       /* of the products, at each boot's end */
-    std::vector<std::string> complaints;                /* but for those that are no violation */
-    std::vector<std::string> afterwards; /* what the boot behind it brought the products */
-    std::vector<std::string> problems;   /* violations */
-    uint64_t failures;                   /* that came about */
-    uint64_t exits;                      /* of the agent, by the allocation guard */
+    std::vector<boot_counts> counts;              /* by boot */
+    std::vector<std::vector<std::string>> states; /* of the products, at each boot's end */
+    std::vector<std::string> complaints;          /* but for those that are no violation */
+    std::vector<std::string> afterwards;          /* what the boot behind it brought the products */
+    std::vector<std::string> problems;            /* violations */
+    uint64_t failures;                            /* that came about */
+    uint64_t exits;                               /* of the agent, by the allocation guard */
 };
 
 typedef std::vector<const failure *> failure_list;
@@ -108,19 +86,6 @@ struct file_sweep {
     const run_folder &folder;
     size_t index; /* of the next run */
     uint64_t runs, failed, exits, violations;
-};
-
-static const struct {
-    const char *call;
-    uint32_t results[3];
-} s_engine_failures[] = {
-    {"DebugCreate",        {0x80004005, 0x8007000e, 0x80004002}},
-    {"QueryInterface",     {0x80004002, 0x8007000e, 0x80004005}},
-    {"SetOutputCallbacks", {0x80004005, 0x80070057, 0x00000001}},
-    {"OpenDumpFileWide",   {0x80070002, 0x80070005, 0x8007000d}},
-    {"WaitForEvent",       {0x80004005, 0x00000001, 0x8000000a}},
-    {"GetStackTrace",      {0x80004005, 0x80004001, 0x8007000e}},
-    {"OutputStackTrace",   {0x80004005, 0x80004001, 0x8007000e}},
 };
 
 static std::vector<std::string> s_lost; /* at the ends of the agent */
@@ -305,60 +270,12 @@ static void check_documents(course &course)
     }
 }
 
-/* Those fail in the sweep of allocations. */
-static bool is_allocation(const std::string &call)
-{
-    return call == "oxni_zero_malloc_" || call == "oxni_ralloc_" || call == "oxni_strdup";
-}
-
 static uint64_t allocations(bool failed_only)
 {
     oxnih_memory_stats stats;
 
     oxnih_memory_get_stats(&stats);
     return failed_only ? stats.failed : stats.allocations;
-}
-
-static void arm(const failure &failure)
-{
-    if (failure.way == FAILS_ALLOCATION && failure.times == 0)
-        oxnih_memory_fail(failure.nth, 1);
-    if (failure.way == FAILS_ALLOCATION && failure.times != 0)
-        oxnih_memory_fail_also(failure.nth);
-    if (failure.way == FAILS_CALL)
-        for (uint64_t i = 0; i < std::max<uint64_t>(failure.times, 1); i++)
-            calls_fail(failure.call, failure.nth + i * BATCH, failure.times == 0 ? 0 : 1,
-                       failure.error);
-    if (failure.way == FAILS_PUSH)
-        product_disturb(failure.nth, failure.times == 0, static_cast<int32_t>(failure.error));
-    if (failure.way == FAILS_ENGINE) {
-        machine_get().engine_faults[failure.call] = static_cast<HRESULT>(failure.error);
-        machine_update_engine();
-    }
-}
-
-static void disarm(const failure &failure)
-{
-    oxnih_memory_fail(0, 0);
-    if (failure.way == FAILS_ENGINE) {
-        machine_get().engine_faults.erase(failure.call);
-        machine_update_engine();
-    }
-}
-
-/* Failures of calls that a boot has seen. */
-static uint64_t came_about(const failure &failure, const course &course)
-{
-    if (failure.way == FAILS_ALLOCATION)
-        return 0; /* the platform counts them */
-    if (failure.way == FAILS_ENGINE)
-        return 1;
-    uint64_t calls =
-        failure.way == FAILS_PUSH ? course.pushes.back() : course.calls.back().at(failure.call);
-    if (calls < failure.nth)
-        return 0;
-    return failure.times == 0 ? calls - failure.nth + 1
-                              : std::min(failure.times, (calls - failure.nth) / BATCH + 1);
 }
 
 /* To the end of the boot. Where everything fails from some moment on, nothing new happens for long
@@ -389,19 +306,17 @@ static void play_boot(course &course, const failure_list &failures)
     course.states.emplace_back();
     product_disturb(0, false, 0);
     for (const failure *failure : failures)
-        arm(*failure);
+        failure_arm(*failure);
     run_boot(failures);
     for (const std::string &key : product_keys())
         course.states.back().push_back(product_state_text(key));
-    course.allocations.push_back(allocations(false) - before);
-    course.calls.emplace_back();
+    course.counts.push_back({allocations(false) - before, {}, product_pushes()});
     for (const std::string &name : calls_failing())
-        course.calls.back()[name] = calls_count(name);
-    course.pushes.push_back(product_pushes());
+        course.counts.back().calls[name] = calls_count(name);
     course.failures += allocations(true) - failed;
     for (const failure *failure : failures) {
-        disarm(*failure);
-        course.failures += came_about(*failure, course);
+        failure_disarm(*failure);
+        course.failures += failure_came_about(*failure, course.counts.back());
     }
 }
 
@@ -439,68 +354,6 @@ static course play(const file_sweep &sweep, const struct scenario &scenario,
     return course;
 }
 
-/* What is to fail in a boot. */
-struct boot_failures {
-    std::vector<failure> once, forever;
-};
-
-/* Both ways of one failure. */
-static void add_both(boot_failures &list, const failure &once)
-{
-    list.once.push_back(once);
-    list.forever.push_back(once);
-    list.forever.back().times = 0;
-}
-
-static void add_calls(boot_failures &list, const std::string &call, uint64_t count)
-{
-    std::vector<uint32_t> errors = calls_errors(call);
-
-    for (uint64_t nth = 1; nth <= std::min<uint64_t>(count, BATCH); nth++)
-        for (size_t i = 0; i < errors.size(); i++)
-            if (nth <= 2 || i == nth % errors.size())
-                add_both(list, {FAILS_CALL, nth, 1, call, errors[i]});
-    /* Behind those it is the same again and again, as in the polls of a driver. */
-    for (uint64_t nth = BATCH + 1; nth <= std::min<uint64_t>(count, 2 * BATCH); nth++)
-        list.once.push_back(
-            {FAILS_CALL, nth, (count - nth) / BATCH + 1, call, errors[nth % errors.size()]});
-    for (uint64_t nth = BATCH + 1; nth <= count; nth = nth < FOREVER_CALLS ? nth + 1 : nth * 2)
-        list.forever.push_back({FAILS_CALL, nth, 0, call, errors[nth % errors.size()]});
-}
-
-/* By what the plain run did in the boot. */
-static boot_failures list_failures(const std::string &kind, const course &plain, size_t boot)
-{
-    boot_failures list;
-
-    if (kind == "allocations") {
-        for (uint64_t nth = 1; nth <= plain.allocations[boot]; nth++)
-            add_both(list, {FAILS_ALLOCATION, nth, 1, "", 0});
-        return list;
-    }
-    for (const auto &call : plain.calls[boot])
-        if (!is_allocation(call.first))
-            add_calls(list, call.first, call.second);
-    for (uint64_t nth = 1; nth <= plain.pushes[boot]; nth++)
-        for (uint32_t error : {2u, 110u})
-            add_both(list, {FAILS_PUSH, nth, 1, "", error});
-    if (plain.calls[boot].at("LoadLibraryW") != 0)
-        for (const auto &row : s_engine_failures)
-            for (uint32_t result : row.results)
-                list.forever.push_back({FAILS_ENGINE, 1, 0, row.call, result});
-    return list;
-}
-
-static std::string describe(const failure &failure)
-{
-    static const char *const ways[] = {"allocation", "call", "every call of the engine's",
-                                       "delivery of command"};
-
-    return text_format("%s %llu %s%s, error 0x%x", ways[failure.way],
-                       static_cast<unsigned long long>(failure.nth), failure.call.c_str(),
-                       failure.times == 0 ? " and all behind it" : "", failure.error);
-}
-
 /* What a disturbed run shows beyond the plain one. */
 static std::vector<std::string> violations(const course &plain, const course &disturbed)
 {
@@ -532,7 +385,7 @@ static void print_violation(const file_sweep &sweep, const failure_set &failures
     for (size_t boot = 0; boot < failures.size(); boot++)
         for (const failure *failure : failures[boot])
             printf("  in boot %u: %s\n", static_cast<unsigned>(boot + 1),
-                   describe(*failure).c_str());
+                   failure_text(*failure).c_str());
     for (const std::string &line : found)
         printf("  %s\n", line.c_str());
 }
@@ -629,7 +482,7 @@ static void sweep_file(file_sweep &sweep, const struct scenario &whole)
         now.boot = boot;
         prepare(whole, boot, states.at(boot), now.scenario);
         now.plain = play(sweep, now.scenario, failure_set(boot + LIVES));
-        boot_failures list = list_failures(sweep.options.kind, now.plain, boot);
+        boot_failures list = failures_list(sweep.options.kind, now.plain.counts[boot]);
         run_list(sweep, now, list.once, AT_ONCE);
         run_list(sweep, now, list.forever, 1);
     }
