@@ -8,6 +8,7 @@ The same sources give the same bytes, in whatever folders they lie and whenever 
 import glob
 import hashlib
 import os
+import re
 import subprocess
 import sys
 import zipfile
@@ -33,7 +34,8 @@ LICENCES = [
     ("zlib", "liboxnialgo.dll, oxni_devhost.exe (static)", "zlib",
      f"{DOC}/libz-mingw-w64-dev/copyright"),
     ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
-     "several, permissive, among them MIT and the Zope licence", f"{DOC}/mingw-w64-x86-64-dev/copyright"),
+     "several, permissive, among them MIT and the Zope licence",
+     f"{DOC}/mingw-w64-x86-64-dev/copyright"),
     ("gcc", "every module: libgcc, libstdc++ (static)",
      "GPL 3 or later with the GCC Runtime Library Exception",
      f"{DOC}/gcc-mingw-w64-base/copyright"),
@@ -105,6 +107,14 @@ def licences():
     yield "licences/README.txt", ("\n".join(rows) + "\n" + ABOUT_LIBEVTX).encode()
 
 
+def documents():
+    """The package's own page is the first to be read: the project's speaks of its sources."""
+    page = read(f"{source}/docs/package.md").decode()
+    yield "README.md", re.sub(r"\]\((?=\w+\.md)", "](docs/", page).encode()
+    for name in tracked("CONTRIBUTING.md", "docs", "scenarios", "examples"):
+        yield name, read(f"{source}/{name}")
+
+
 def version():
     for line in read(f"{build}/CMakeCache.txt").decode().splitlines():
         if line.startswith("CMAKE_PROJECT_VERSION:"):
@@ -114,9 +124,7 @@ def version():
 
 def main():
     name = f"bypass_mgr-{version()}"
-    files = dict([*modules(), *headers(), *licences()])
-    for path in ["README.md", *tracked("docs", "scenarios", "examples")]:
-        files[path] = read(f"{source}/{path}")
+    files = dict([*modules(), *headers(), *licences(), *documents()])
     os.makedirs(output, exist_ok=True)
     path = f"{output}/{name}.zip"
     with zipfile.ZipFile(path, "w") as archive:

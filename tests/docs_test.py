@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
-"""Every command in the documents is run, on evidence of the project where a name is a placeholder.
+"""Every command in the documents is run, on evidence of the project where a name is a placeholder;
+links and paths lead somewhere; every member of a scenario is told.
 
 usage: docs_test.py PROJECT_FOLDER
 """
+import json
 import pathlib
 import re
 import shlex
@@ -24,21 +26,56 @@ SHORT = {
     "fuzz": ["fuzz", "--help"],
     "soak": ["soak", "--help"],
 }
-STATUS = {"diff": (0, 1)} # something may differ
+# Something may differ; the folder that a person would name is not here.
+STATUS = {"diff": (0, 1), "--define": (3,)}
 
 
 def commands(document):
-    """The lines of the code blocks that begin with ./dev."""
-    for block in re.findall(r"^```\w*\n(.*?)^```", document.read_text(), re.S | re.M):
+    """What begins with ./dev: the lines of code blocks, and in a sentence what has arguments."""
+    code = re.compile(r"^```\w*\n(.*?)^```", re.S | re.M)
+    text = document.read_text()
+    for block in code.findall(text):
         for line in block.splitlines():
             if line.startswith("./dev"):
                 yield shlex.split(line.split("  #")[0].split(" > ")[0])
+    for line in re.findall(r"`(\./dev [^`\s]+ [^`\n]+)`", code.sub("", text)):
+        yield shlex.split(line)
+
+
+def dead_ends(root, document):
+    """Links and paths of the project that lead nowhere."""
+    text = document.read_text()
+    folders = "|".join(path.name for path in root.iterdir() if path.is_dir())
+    for link in re.findall(r"\]\(([^)#:]+)\)", text):
+        if not (document.parent / link).exists():
+            yield link
+    for path in re.findall(rf"`((?:{folders})/[^` ]*)`", text):
+        if not path.startswith("build/") and not list(root.glob(path)):
+            yield path
+
+
+def untold_members(root):
+    """Members that a scenario may have and its document does not name."""
+    def members(node):
+        for name, value in node.items():
+            if name == "properties":
+                yield from value
+            if isinstance(value, dict):
+                yield from members(value)
+
+    schema = json.loads((root / "devhost/scenario/scenario.schema.json").read_text())
+    told = set(re.findall(r"`(\w+)`", (root / "docs/scenarios.md").read_text()))
+    return sorted(set(members(schema)) - told)
 
 
 def main(root):
     root = pathlib.Path(root)
     evidence = root / "scenarios" / "evidence"
-    failures, seen = 0, set()
+    documents = [root / "README.md", root / "CONTRIBUTING.md", *sorted((root / "docs").glob("*.md"))]
+    seen = set()
+    problems = [f"{document.name}: there is no {end}" for document in documents
+                for end in dead_ends(root, document)]
+    problems += [f"scenarios.md: does not tell of \"{name}\"" for name in untold_members(root)]
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         shutil.copytree(root / "scenarios", folder / "scenarios")
@@ -52,7 +89,7 @@ def main(root):
                                 capture_output=True, check=True).stdout
         for copy in ("OLD.json", "NEW.json"):
             (folder / copy).write_bytes(result)
-        for document in [root / "README.md", root / "CONTRIBUTING.md", *sorted((root / "docs").glob("*.md"))]:
+        for document in documents:
             for words in commands(document):
                 if tuple(words) in seen:
                     continue
@@ -62,12 +99,10 @@ def main(root):
                                       capture_output=True, text=True, timeout=300)
                 allowed = STATUS.get(words[2] if len(words) > 2 else "", (0,))
                 if done.returncode not in allowed:
-                    failures += 1
-                    print(f"FAILED: {document.name}: {' '.join(words)}: status {done.returncode}\n"
-                          f"{done.stdout[-500:]}{done.stderr[-500:]}")
-    if failures:
-        sys.exit(1)
-    print(f"{len(seen)} commands of the documents run")
+                    problems.append(f"{document.name}: {' '.join(words)}: status {done.returncode}\n"
+                                    f"{done.stdout[-500:]}{done.stderr[-500:]}")
+    print("\n".join(problems) or f"{len(seen)} commands of the documents run")
+    sys.exit(1 if problems else 0)
 
 
 if __name__ == "__main__":

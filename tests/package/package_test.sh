@@ -29,7 +29,9 @@ package=$(echo "$work"/bypass_mgr-*/)
 package=${package%/}
 
 check "no path of this machine is in it" sh -c \
-    "! grep -rlF -e '$build' -e '$deps' '$package'"
+    "! grep -rlF -e '$source/' -e '$build/' -e '$deps/' '$package'"
+check "its host plays its scenario" sh -c \
+    "cd '$package' && '$source/cmake/wine-run' bin/oxni_devhost.exe run scenarios/default.json"
 
 check "the plug-in is configured for the package" cmake -S "$source" -B "$work/plugin" -G Ninja \
     -DCMAKE_TOOLCHAIN_FILE="$source/cmake/mingw64.cmake" -DBYPASS_PLATFORM_SDK="$package"
@@ -45,8 +47,9 @@ check "the example builds" "$cxx" -static -I"$package/include" -I"$package/host"
     tr -d '\r' >"$work/example.txt"
 cat >"$work/expected.txt" <<'END'
 guard is registered
-the console says: [{"product_name": "guard", "status": 1, "count": 3, "data": {"modules": ["guard_flt"]}}]
+the console says: [{"product_name": "XNI", "status": 1, "count": 1, "data": {"modules": ["load_driver", "file_filter", "function_driver", "network_driver", "oxnisp_driver"]}}, {"product_name": "guard", "status": 1, "count": 3, "data": {"modules": ["guard_flt"]}}]
+the console says: ["XNI", "guard"]
+guard recover
 END
-check "the example plays a registration" grep -xFf "$work/expected.txt" "$work/example.txt"
-cat "$work/example.txt"
+check "the example plays a registration" diff "$work/expected.txt" "$work/example.txt"
 exit $failures
