@@ -23,9 +23,9 @@ struct session_options {
 /* The plug-in DLL beside this program. */
 std::string session_standard_plugin(void);
 
-/* A new folder for a run's files, for as long as the object lives, or longer when it is one that was
- * asked for; its name is made up below another place than the temporary folder when that is given.
- * UTF-8, absolute. Throws devhost_error. */
+/* A new folder for a run's files, for as long as the object lives, or longer when it is one that
+ * was asked for; its name is made up below another place than the temporary folder when that is
+ * given. UTF-8, absolute. Throws devhost_error. */
 struct run_folder {
     std::string path;
     bool kept;

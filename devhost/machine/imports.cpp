@@ -7,8 +7,6 @@
 
 #include "../text.h"
 
-typedef std::function<void(const std::string &library, const char *name, void **entry)> import_fn;
-
 static void each_of_library(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR &import,
                             const import_fn &fn)
 {
@@ -26,9 +24,7 @@ static void each_of_library(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR &import
     }
 }
 
-void imports_each(
-    HMODULE module,
-    const std::function<void(const std::string &library, const char *name, void **entry)> &fn)
+void imports_each(HMODULE module, const import_fn &fn)
 {
     uint8_t *base = reinterpret_cast<uint8_t *>(module);
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);

@@ -7,11 +7,12 @@
 #include <functional>
 #include <string>
 
-/* Calls fn for each function that is imported by its name. library: in lower case; entry: where the
- * function's address stands, which can be written for the call. */
-void imports_each(
-    HMODULE module,
-    const std::function<void(const std::string &library, const char *name, void **entry)> &fn);
+/* library: in lower case; entry: where the function's address stands, which can be written for the
+ * call. */
+typedef std::function<void(const std::string &library, const char *name, void **entry)> import_fn;
+
+/* Calls fn for each function that is imported by its name. */
+void imports_each(HMODULE module, const import_fn &fn);
 
 /* Leads an entry to another function, inside of the above. Result: the one before. */
 void *imports_lead(void **entry, void *function);

@@ -5,8 +5,6 @@
 
 #include "../machine/machine.h"
 #include "../text.h"
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 
@@ -124,57 +122,25 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
 
 std::string replay_scenario(const replay_evidence &evidence)
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    std::string products, devices;
 
-    writer.StartObject();
-    writer.Key("products");
-    writer.StartObject();
     for (const replay_product &product : evidence.products) {
-        writer.Key(product.name.c_str());
-        writer.StartObject();
-        writer.Key("modules");
-        writer.StartArray();
+        const std::string comma = products.empty() ? "" : ", ", name = text_quoted(product.name);
+        std::string modules;
+
         for (const std::string &module : product.modules)
-            writer.String(module.c_str());
-        writer.EndArray();
-        writer.Key("count");
-        writer.Int64(product.count);
-        writer.Key("status");
-        writer.String(product.status.c_str());
-        writer.EndObject();
+            modules += (modules.empty() ? "" : ", ") + text_quoted(module);
+        products += comma + name + ": {\"modules\": [" + modules +
+                    "], \"count\": " + std::to_string(product.count) +
+                    ", \"status\": " + text_quoted(product.status) + "}";
+        /* A management side that takes its alarm. */
+        devices += comma + "{\"product\": " + name +
+                   ", \"device_id\": \"replay\", \"agent_version\": \"replay\"}";
     }
-    writer.EndObject();
-    /* A management side that takes alarms: one device for each product. */
-    writer.Key("management");
-    writer.StartObject();
-    writer.Key("link");
-    writer.Bool(true);
-    writer.Key("devices");
-    writer.StartArray();
-    for (const replay_product &product : evidence.products) {
-        writer.StartObject();
-        writer.Key("product");
-        writer.String(product.name.c_str());
-        writer.Key("device_id");
-        writer.String("replay");
-        writer.Key("agent_version");
-        writer.String("replay");
-        writer.EndObject();
-    }
-    writer.EndArray();
-    writer.EndObject();
-    writer.Key("boots");
-    writer.StartArray();
-    writer.StartObject();
-    writer.Key("at");
-    writer.String(time_iso(evidence.boot->started_100ns, true).c_str());
-    writer.Key("log");
-    writer.Null();
-    writer.EndObject();
-    writer.EndArray();
-    writer.EndObject();
-    return buffer.GetString();
+    return "{\"products\": {" + products + "}, \"management\": {\"link\": true, \"devices\": [" +
+           devices +
+           "]}, \"boots\": [{\"at\": " + text_quoted(time_iso(evidence.boot->started_100ns, true)) +
+           ", \"log\": null}]}";
 }
 
 /* Where Windows puts dumps, as the registry says or by itself. */

@@ -1,9 +1,9 @@
 /*
  * What the C++ runtime in this DLL must not bring or leave.
  *
- * It keeps a block of some 70 KB from its first moment on, for exceptions
- * that are thrown when memory is short, and leaves it behind when the DLL is freed. A host that
- * loads the plug-in afresh for each boot that it plays would grow by it each time.
+ * It keeps a block of some 70 KB from its first moment on, for exceptions that are thrown when
+ * memory is short, and leaves it behind when the DLL is freed. A host that loads the plug-in afresh
+ * for each boot that it plays would grow by it each time.
  */
 #include <stdlib.h>
 

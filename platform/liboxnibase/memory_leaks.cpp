@@ -1,0 +1,158 @@
+/* What was not given back: live blocks by who asked for them, and those that nobody points to. */
+#include "memory_internal.h"
+
+#include <algorithm>
+#include <cstring>
+#include <unordered_map>
+
+struct leak {
+    std::string site;
+    uint64_t blocks, bytes;
+};
+/* By caller. */
+typedef std::unordered_map<const void *, leak> leak_map;
+
+static void add_leak(leak_map &found, const void *caller, size_t size)
+{
+    leak &at = found[caller];
+
+    at.blocks++;
+    at.bytes += size;
+}
+
+static void report_leaks(leak_map &found, oxnih_leak_fn fn, void *user)
+{
+    std::vector<leak> sorted;
+
+    for (auto &entry : found) {
+        entry.second.site = memory_site_text(entry.first);
+        sorted.push_back(entry.second);
+    }
+    std::sort(sorted.begin(), sorted.end(), [](const leak &a, const leak &b) {
+        return a.bytes != b.bytes ? a.bytes > b.bytes : a.site < b.site;
+    });
+    for (const leak &each : sorted)
+        fn(each.site.c_str(), each.blocks, each.bytes, user);
+}
+
+void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
+{
+    leak_map found;
+
+    for (const auto &entry : memory_all.blocks)
+        if (entry.second.freed_by == NULL)
+            add_leak(found, entry.second.caller, entry.second.size);
+    for (plain_block *each = memory_all.plain.next; each != &memory_all.plain; each = each->next)
+        add_leak(found, each->caller, each->size);
+    report_leaks(found, fn, user);
+}
+
+/* Which of the guarded blocks are pointed to, wherever into them. */
+class reach
+{
+  public:
+    reach()
+    {
+        for (const auto &entry : memory_all.blocks)
+            if (entry.second.freed_by == NULL && entry.second.guarded_in != NULL)
+                targets_.push_back({entry.first, &entry.second, false});
+    }
+
+    /* Whatever looks like a pointer there is one, 8 bytes by 8 from begin on: a guarded block may
+     * begin anywhere. */
+    void scan(uintptr_t begin, uintptr_t end)
+    {
+        for (uintptr_t pointer; begin + sizeof(pointer) <= end; begin += sizeof(pointer)) {
+            memcpy(&pointer, reinterpret_cast<const void *>(begin), sizeof(pointer));
+            mark(pointer);
+        }
+    }
+
+    /* Goes on from the blocks that were found. */
+    void follow()
+    {
+        while (!found_.empty()) {
+            const target at = targets_[found_.back()];
+
+            found_.pop_back();
+            scan(at.begin, at.begin + at.is->size);
+        }
+    }
+
+    void missing(leak_map &leaks) const
+    {
+        for (const target &each : targets_)
+            if (!each.reached)
+                add_leak(leaks, each.is->caller, each.is->size);
+    }
+
+  private:
+    struct target {
+        uintptr_t begin;
+        const block *is;
+        bool reached;
+    };
+
+    void mark(uintptr_t pointer)
+    {
+        if (targets_.empty() || pointer < targets_.front().begin)
+            return;
+        auto behind = std::upper_bound(
+            targets_.begin(), targets_.end(), pointer,
+            [](uintptr_t value, const target &other) { return value < other.begin; });
+        target &at = *std::prev(behind);
+        if (at.reached || (pointer != at.begin && pointer - at.begin >= at.is->size))
+            return;
+        at.reached = true;
+        found_.push_back(static_cast<size_t>(&at - targets_.data()));
+    }
+
+    /* Where they would not be found themselves, nor move what is being walked. */
+    std::vector<target, own_allocator<target>> targets_; /* by address */
+    std::vector<size_t, own_allocator<size_t>> found_;   /* not followed yet */
+};
+
+/* The data of a module that it can write to. */
+static void scan_module(reach &reach, char *base)
+{
+    const IMAGE_DOS_HEADER *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
+    IMAGE_NT_HEADERS64 *nt = reinterpret_cast<IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
+    const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(nt);
+
+    for (WORD i = 0; i < nt->FileHeader.NumberOfSections; i++, section++) {
+        uintptr_t begin = reinterpret_cast<uintptr_t>(base) + section->VirtualAddress;
+
+        if ((section->Characteristics & IMAGE_SCN_MEM_WRITE) != 0)
+            reach.scan(begin, begin + section->Misc.VirtualSize);
+    }
+}
+
+static void scan_heap(reach &reach, HANDLE heap)
+{
+    PROCESS_HEAP_ENTRY entry = {};
+
+    while (HeapWalk(heap, &entry)) {
+        uintptr_t begin = reinterpret_cast<uintptr_t>(entry.lpData);
+
+        if ((entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0)
+            reach.scan(begin, begin + entry.cbData);
+    }
+}
+
+void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
+{
+    HANDLE heaps[64];
+    DWORD count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
+    leak_map lost;
+    reach reach;
+
+    for (const module_range &module : memory_all.seen_through)
+        scan_module(reach, reinterpret_cast<char *>(module.begin));
+    scan_module(reach, const_cast<char *>(static_cast<const char *>(plugin)));
+    for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
+        if (heaps[i] != memory_own_heap())
+            scan_heap(reach, heaps[i]);
+    reach.follow();
+    reach.missing(lost);
+    report_leaks(lost, fn, user);
+}
