@@ -82,6 +82,8 @@ std::string text_quoted(const std::string &text)
     for (char c : text) {
         if (c == '"' || c == '\\')
             (out += '\\') += c;
+        else if (c == '\n')
+            out += "\\n";
         else if (static_cast<unsigned char>(c) < 0x20)
             out += text_format("\\u%04x", static_cast<unsigned>(c));
         else
@@ -126,24 +128,6 @@ bool text_fits(const std::string &text, const std::string &pattern)
     return p == pattern.size();
 }
 
-static void append_json_string(std::string &out, const char *text)
-{
-    out += '"';
-    for (; text != NULL && *text != '\0'; text++) {
-        unsigned char c = static_cast<unsigned char>(*text);
-
-        if (c == '"' || c == '\\')
-            (out += '\\') += *text;
-        else if (c == '\n')
-            out += "\\n";
-        else if (c < 0x20)
-            out += text_format("\\u%04x", c);
-        else
-            out += *text;
-    }
-    out += '"';
-}
-
 static void append_json(std::string &out, const json_t *json)
 {
     /* Jansson's iterators are declared for changing, too. */
@@ -157,7 +141,7 @@ static void append_json(std::string &out, const json_t *json)
              it = json_object_iter_next(object, it)) {
             out += first ? "" : ", ";
             first = false;
-            append_json_string(out, json_object_iter_key(it));
+            out += text_quoted(json_object_iter_key(it));
             out += ": ";
             append_json(out, json_object_iter_value(it));
         }
@@ -171,7 +155,7 @@ static void append_json(std::string &out, const json_t *json)
         }
         out += ']';
         break;
-    case JSON_STRING: append_json_string(out, json_string_value(json)); break;
+    case JSON_STRING: out += text_quoted(json_string_value(json)); break;
     case JSON_INTEGER:
         out += text_format("%lld", static_cast<long long>(json_integer_value(json)));
         break;
