@@ -7,8 +7,10 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -393,18 +395,27 @@ static const std::string &play_stopped(cut_run &run, enum ending ending, moment 
     return products;
 }
 
-/* The products end as they do when the agent is stopped between two callbacks, right before that
- * moment or right behind it. */
+static std::vector<std::string> words(const std::string &text)
+{
+    std::istringstream stream(text);
+
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
+/* Each product ends as it does when the agent is stopped between two callbacks, right before that
+ * moment or right behind it: several may be told in one moment, and the cut lie between two. */
 static void check_products(cut_run &run)
 {
     moment when = {};
     std::string cut = play_here(run, ENDS_AT_OPERATION, &when);
+    std::vector<std::string> found = words(cut),
+                             before = words(play_stopped(run, ENDS_BEFORE_SLICE, when)),
+                             behind = words(play_stopped(run, ENDS_BEHIND_SLICE, when));
 
-    if (cut != play_stopped(run, ENDS_BEFORE_SLICE, when) &&
-        cut != play_stopped(run, ENDS_BEHIND_SLICE, when))
-        violation(run, "at the end " + cut + "in place of " +
-                           play_stopped(run, ENDS_BEFORE_SLICE, when) + "or " +
-                           play_stopped(run, ENDS_BEHIND_SLICE, when));
+    for (size_t i = 0; i < found.size(); i++)
+        if (found[i] != before[i] && found[i] != behind[i])
+            violation(run,
+                      "at the end " + found[i] + " in place of " + before[i] + " or " + behind[i]);
 }
 
 static void cut_once(cut_run &run, uint64_t at, bool torn)
