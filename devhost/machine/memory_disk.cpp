@@ -167,7 +167,8 @@ static bool write_real(const memory_file &file)
     if (real == INVALID_HANDLE_VALUE)
         return false;
     done = real_WriteFile(real, file.bytes.data(), static_cast<DWORD>(file.bytes.size()), &written,
-                          NULL);
+                          NULL) &&
+           real_SetFileTime(real, NULL, NULL, &file.written); /* its times stay the machine's */
     real_CloseHandle(real);
     return done;
 }
@@ -401,8 +402,8 @@ static BOOL WINAPI stand_in_RemoveDirectoryW(const wchar_t *path)
         return real_RemoveDirectoryW(path);
     if (!is_folder(key))
         return failed(missing(key), FALSE);
-    auto next = s_files.upper_bound(key);
-    if (next != s_files.end() && next->first.rfind(key + L"\\", 0) == 0)
+    auto inside = s_files.lower_bound(key + L"\\");
+    if (inside != s_files.end() && inside->first.rfind(key + L"\\", 0) == 0)
         return failed(ERROR_DIR_NOT_EMPTY, FALSE);
     s_files.erase(key);
     return TRUE;
@@ -442,6 +443,8 @@ static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, 
         return failed(ERROR_ACCESS_DENIED, FALSE);
     if (is_held(file, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
         return failed(ERROR_SHARING_VIOLATION, FALSE);
+    if (replaced != NULL && !replaced->real_path.empty())
+        real_DeleteFileW(replaced->real_path.c_str());
     s_files.erase(old_key);
     make_file(new_key, to, false)->bytes = file->bytes;
     s_files[new_key]->real_path = file->real_path;

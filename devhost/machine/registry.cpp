@@ -52,16 +52,16 @@ static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key,
                                               bool is_volatile, bool *made)
 {
     while (!path.empty()) {
-        std::shared_ptr<registry_key> &child = key->keys[take_name(&path)];
+        std::wstring name = take_name(&path);
 
-        *made = child == NULL;
+        *made = key->keys.count(name) == 0;
         if (*made) {
             if (key->is_volatile && !is_volatile)
                 return NULL;
-            child = std::make_shared<registry_key>();
-            child->is_volatile = is_volatile;
+            key->keys[name] = std::make_shared<registry_key>();
+            key->keys[name]->is_volatile = is_volatile;
         }
-        key = child;
+        key = key->keys[name];
     }
     return key;
 }

@@ -412,6 +412,8 @@ static void check_products(cut_run &run)
                              before = words(play_stopped(run, ENDS_BEFORE_SLICE, when)),
                              behind = words(play_stopped(run, ENDS_BEHIND_SLICE, when));
 
+    if (found.size() != before.size() || found.size() != behind.size())
+        return violation(run, "at the end " + cut + "are not all products");
     for (size_t i = 0; i < found.size(); i++)
         if (found[i] != before[i] && found[i] != behind[i])
             violation(run,
