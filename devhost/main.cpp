@@ -7,6 +7,7 @@
 #include <io.h>
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,17 @@ static void prepare(arguments &arguments)
     oxnih_log_set_level(OXNI_LOG_DEBUG);
 }
 
+static void add_plugin_option(CLI::App &command, std::string &path)
+{
+    command.add_option("--plugin", path, "The DLL; else the one beside this program");
+}
+
+static void add_memory_option(CLI::App &command, std::string &mode)
+{
+    command.add_option("--memory", mode, "Allocator of the plug-in")
+        ->check(CLI::IsMember({"plain", "guard"}));
+}
+
 static void add_common_options(CLI::App &command, arguments &arguments)
 {
     command
@@ -119,41 +131,215 @@ static void add_common_options(CLI::App &command, arguments &arguments)
     command
         .add_option("--log", arguments.log, "Lines of the plug-in that are shown, up to a level")
         ->check(CLI::IsMember({"none", "error", "warn", "info", "debug"}));
-    command.add_option("--memory", arguments.memory, "Allocator of the plug-in")
-        ->check(CLI::IsMember({"plain", "guard"}));
-    command.add_option("--plugin", arguments.session.plugin_path,
-                       "The DLL; else the one beside this program");
+    add_memory_option(command, arguments.memory);
+    add_plugin_option(command, arguments.session.plugin_path);
     command.add_option("--keep", arguments.session.keep, "Folder for the run's files, kept");
     command.add_flag("--messages", arguments.messages, "Shows messages as they stand");
     command.add_flag("--trace", arguments.session.trace, "Shows every call of the plug-in");
 }
 
-static CLI::App *add_run(CLI::App &app, arguments &arguments)
+static void add_run(CLI::App &app, int *status)
 {
+    auto options = std::make_shared<arguments>();
     CLI::App *command = app.add_subcommand("run", "Plays scenario files");
 
-    command->add_option("FILE", arguments.files, "Scenario files")->required();
-    add_common_options(*command, arguments);
+    command->add_option("FILE", options->files, "Scenario files")->required();
+    add_common_options(*command, *options);
     command
-        ->add_option("--console", arguments.session.commands,
+        ->add_option("--console", options->session.commands,
                      "[BOOT/]SECONDS:COMMAND: types a debug command at that moment")
         ->allow_extra_args(false);
-    command->add_option("--html", arguments.session.html,
+    command->add_option("--html", options->session.html,
                         "Writes the run as one page, for a browser, to this file");
-    command->add_flag("--real-time", arguments.session.real_time, "Waits in real time");
-    command->add_flag("--json", arguments.json, "One JSON object a line");
-    command->add_flag("--quiet", arguments.quiet, "Shows failures and results only");
-    return command;
+    command->add_flag("--real-time", options->session.real_time, "Waits in real time");
+    command->add_flag("--json", options->json, "One JSON object a line");
+    command->add_flag("--quiet", options->quiet, "Shows failures and results only");
+    command->callback([options, status] {
+        prepare(*options);
+        *status = run_files(*options);
+    });
 }
 
-static CLI::App *add_console(CLI::App &app, arguments &arguments)
+static void add_console(CLI::App &app, int *status)
 {
+    auto options = std::make_shared<arguments>();
     CLI::App *command = app.add_subcommand(
         "console", "Lets a person type debug commands while time runs on request");
 
-    command->add_option("FILE", arguments.files, "Scenario file")->required()->expected(1);
-    add_common_options(*command, arguments);
-    return command;
+    command->add_option("FILE", options->files, "Scenario file")->required()->expected(1);
+    add_common_options(*command, *options);
+    command->callback([options, status] {
+        prepare(*options);
+        *status = session_console(options->files.front(), options->session);
+    });
+}
+
+static void add_damage_options(CLI::App &command, replay_arguments &arguments)
+{
+    CLI::Option *strict =
+        command.add_flag("--strict", arguments.strict, "Refuses a log with any damage");
+
+    command.add_flag("--lenient", arguments.lenient, "Reads what is left of a log that is cut off")
+        ->excludes(strict);
+}
+
+/* The options that name evidence. */
+static void add_evidence_options(CLI::App &command, replay_arguments &arguments)
+{
+    struct replay_options &options = arguments.options;
+
+    options.boot = "last";
+    command.add_option("--events", options.events, "System log: .evtx, or JSON of \"events\"")
+        ->required();
+    command.add_option("--dump", options.dumps, "Crash dump; may stand several times")
+        ->allow_extra_args(false);
+    command.add_option("--boot", options.boot, "Which start of Windows in the log: N or last");
+    command
+        .add_option("--product", options.products,
+                    "NAME:MODULE,MODULE[:COUNT[:STATUS]]; may stand several times")
+        ->allow_extra_args(false);
+    command.add_option("--registry", options.registry, "Registry export (.reg)");
+    add_damage_options(command, arguments);
+}
+
+static void add_replay(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    struct replay_options &options = arguments->options;
+    CLI::App *command = app.add_subcommand(
+        "replay", "Tells what the plug-in decides on a machine's own evidence, and why");
+
+    add_evidence_options(*command, *arguments);
+    CLI::Option *boots = command->add_flag("--boots", arguments->boots,
+                                           "Lists the boots of the log, and plays none");
+    command->add_flag("--json", options.json, "The result as JSON");
+    command->add_flag("--timing", options.timing, "Tells on stderr how long it took");
+    command
+        ->add_option("--html", options.html,
+                     "Writes the result as one page, for a browser, to this file")
+        ->excludes(boots);
+    add_plugin_option(*command, options.session.plugin_path);
+    command->add_option("--keep", options.session.keep, "Folder for the run's files, kept");
+    add_memory_option(*command, arguments->memory);
+    command->callback([arguments, status] { *status = replay_command(*arguments); });
+}
+
+static void add_redact(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    CLI::App *command = app.add_subcommand(
+        "redact", "Copies evidence as a scenario without names of computers and people");
+
+    add_evidence_options(*command, *arguments);
+    command->add_option("FOLDER", arguments->first, "New folder for the scenario")->required();
+    command->callback([arguments, status] { *status = replay_command_redact(*arguments); });
+}
+
+static void add_diff(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    CLI::App *command =
+        app.add_subcommand("diff", "Tells what differs between two results of replay --json");
+
+    command->add_option("OLD", arguments->first, "Result of replay --json")->required();
+    command->add_option("NEW", arguments->second, "Another one")->required();
+    command->footer(
+        "Exit status: 0 nothing differs, 1 something does, 3 a file is no such result.");
+    command->callback(
+        [arguments, status] { *status = replay_diff(arguments->first, arguments->second); });
+}
+
+static const char s_events_footer[] =
+    "The result is an array in the order of the log, oldest first, one record a line:\n"
+    "  record   number in the log\n"
+    "  source   name of the event's source\n"
+    "  id       event id, qualifiers in the high 16 bits\n"
+    "  time     written, ISO 8601 in UTC, whole seconds\n"
+    "  type     1 error, 2 warning, 4 information\n"
+    "  strings  insertion strings, without binary data\n"
+    "\n"
+    "Damage is never passed over in silence: each finding is a line on stderr. Damaged\n"
+    "records are skipped and counted; a file that is cut off is refused. A log that was in\n"
+    "use when it was copied does not say how long it is: a cut exactly between two of its\n"
+    "chunks is not seen.";
+
+static void add_events(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    CLI::App *command =
+        app.add_subcommand("events", "Prints the records of a log as JSON, for a scenario");
+
+    command->add_option("FILE", arguments->first, "System log: .evtx, or such JSON")->required();
+    command->add_option("-o,--output", arguments->second, "File to write, instead of stdout");
+    command->add_option("--from", arguments->from, "Lowest record number")->type_name("N");
+    command->add_option("--to", arguments->to, "Highest record number")->type_name("N");
+    add_damage_options(*command, *arguments);
+    command->footer(s_events_footer);
+    command->callback([arguments, status] { *status = replay_command_events(*arguments); });
+}
+
+static void add_doctor(CLI::App &app, int *status)
+{
+    app.add_subcommand("doctor", "Tells what this machine offers: engine, rights, dump settings")
+        ->callback([status] { *status = replay_doctor(); });
+}
+
+static void add_soak(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<soak_options>();
+    CLI::App *command = app.add_subcommand(
+        "soak", "Plays random machines against rules that always hold, see docs/soak.md");
+
+    command->add_option("--boots", options->boots, "At least so many boots")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--seed", options->seed, "Of the first machine; each next one adds 1");
+    command->add_option("--folder", options->folder, "Folder for the run's files, a fast disk");
+    command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
+    command->add_option("--file", options->file, "Plays this scenario in place of random machines");
+    add_plugin_option(*command, options->plugin_path);
+    command->callback([options, status] { *status = soak_run(*options); });
+}
+
+/* What sweep and cut have in common. */
+template <typename options> static void add_failure_options(CLI::App &command, options &which)
+{
+    command.add_option("FILE", which.files, "Scenario files")->required();
+    add_plugin_option(command, which.plugin_path);
+    command.add_option("--place", which.place,
+                       "Folder for the runs' files, best in memory; else the temporary one");
+    command.add_option("--every", which.every, "Only each so many'th run or operation")
+        ->check(CLI::PositiveNumber);
+    command.add_option("--from", which.from, "From this run or operation on");
+}
+
+static void add_sweep(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<sweep_options>();
+    CLI::App *command = app.add_subcommand(
+        "sweep", "Makes every allocation or call of scenarios fail, and looks whether all is well");
+
+    command->add_option("KIND", options->kind, "What fails")
+        ->required()
+        ->check(CLI::IsMember({"allocations", "calls"}));
+    add_failure_options(*command, *options);
+    command->add_option("--only", options->only, "This run alone, as a violation names it");
+    command->add_option("--part", options->part, "In this process, one run in --parts");
+    command->add_option("--parts", options->parts, "Processes that share the runs");
+    command->callback([options, status] { *status = sweep_run(*options); });
+}
+
+static void add_cut(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<cut_options>();
+    CLI::App *command =
+        app.add_subcommand("cut", "Ends the process at every file operation of scenarios");
+
+    add_failure_options(*command, *options);
+    command->add_flag("--worker", options->worker, "All cuts of one file, in this process");
+    command->add_option("--at", options->at, "Ends this process before that operation");
+    command->add_flag("--torn", options->torn, "In the middle of it");
+    command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
+    command->callback([options, status] { *status = cut_scenarios(*options); });
 }
 
 int wmain(int argc, wchar_t **argv);
@@ -161,35 +347,21 @@ int wmain(int argc, wchar_t **argv);
 int wmain(int argc, wchar_t **argv)
 {
     CLI::App app("Plays whole boots through the bypass plug-in.", "oxni_devhost");
-    arguments arguments;
     std::vector<std::string> words;
-    struct soak_options soak;
-    const CLI::App *run, *console, *soaking;
     int status = EXIT_ALL_HOLD;
 
     SetConsoleOutputCP(CP_UTF8);
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
-    run = add_run(app, arguments);
-    console = add_console(app, arguments);
-    replay_add_commands(app, &status);
-    soaking = add_soak(app, soak);
-    sweep_add_commands(app, &status);
-    cut_add_command(app, &status);
+    for (void (*add)(CLI::App &, int *) : {add_run, add_console, add_replay, add_diff, add_redact,
+                                           add_events, add_doctor, add_soak, add_sweep, add_cut})
+        add(app, &status);
     app.require_subcommand(1);
     app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"
                "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped.");
     try {
-        app.parse(words); /* runs the commands of the other rooms */
-        if (run->parsed() || console->parsed())
-            prepare(arguments);
-        if (run->parsed())
-            status = run_files(arguments);
-        else if (console->parsed())
-            status = session_console(arguments.files.front(), arguments.session);
-        else if (soaking->parsed())
-            status = soak_run(soak);
+        app.parse(words); /* runs the command */
     } catch (const CLI::ParseError &error) {
         status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
     } catch (const devhost_error &error) {

@@ -8,7 +8,6 @@
 #include <functional>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 
@@ -28,22 +27,6 @@
 #define HANG_SECONDS 600
 /* One machine in so many is played a second time with noise, and must end alike. */
 #define TWIN_EVERY 8
-
-CLI::App *add_soak(CLI::App &app, struct soak_options &options)
-{
-    CLI::App *command = app.add_subcommand(
-        "soak", "Plays random machines against rules that always hold, see docs/soak.md");
-
-    command->add_option("--boots", options.boots, "At least so many boots")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--seed", options.seed, "Of the first machine; each next one adds 1");
-    command->add_option("--folder", options.folder, "Folder for the run's files, a fast disk");
-    command->add_option("--save", options.save, "Folder for the scenario of a failing machine");
-    command->add_option("--file", options.file, "Plays this scenario in place of random machines");
-    command->add_option("--plugin", options.plugin_path,
-                        "The DLL; else the one beside this program");
-    return command;
-}
 
 /* One run of a machine. */
 struct played {

@@ -9,11 +9,6 @@
 
 #include <string>
 
-namespace CLI
-{
-class App;
-}
-
 struct soak_options {
     uint64_t boots = 1000;   /* at least so many; a machine is played to its end */
     uint64_t seed = 1;       /* of the first machine; each further one has the next number */
@@ -22,9 +17,6 @@ struct soak_options {
     std::string file;        /* a scenario that is played in place of random machines */
     std::string plugin_path; /* the DLL to load */
 };
-
-/* Adds the subcommand and its options. Result: borrowed from app. */
-CLI::App *add_soak(CLI::App &app, struct soak_options &options);
 
 /* Plays until a rule is broken or all boots are played, and tells how it goes. Result: enum
  * devhost_exit. Throws devhost_error. Host's one thread. */

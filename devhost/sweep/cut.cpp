@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include <oxni/base/memory.h>
 
 #include "../../platform/liboxnibase/host.h"
@@ -34,18 +32,6 @@
 #define SLICE_MS     1000u
 #define RESTART_MS   5000u
 #define EXIT_CUT     99
-
-struct cut_options {
-    std::vector<std::string> files;
-    std::string plugin_path;
-    std::string place;
-    std::string keep;    /* of the process that is ended: its run's folder */
-    uint64_t at = 0;     /* the operation before which it ends; 0: shares the work out */
-    bool torn = false;   /* in the middle of a write: half of the bytes are there */
-    size_t every = 1;    /* only each so many'th operation */
-    size_t from = 0;     /* first operation */
-    bool worker = false; /* does all cuts of one file */
-};
 
 /* What happens at the operations of this process. */
 static struct {
@@ -510,28 +496,11 @@ static int cut_shared(const struct cut_options &options)
     return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
-void cut_add_command(CLI::App &app, int *status)
+int cut_scenarios(const struct cut_options &options)
 {
-    auto options = std::make_shared<cut_options>();
-    CLI::App *command =
-        app.add_subcommand("cut", "Ends the process at every file operation of scenarios");
+    struct cut_options all = options;
 
-    command->add_option("FILE", options->files, "Scenario files")->required();
-    command->add_option("--plugin", options->plugin_path,
-                        "The DLL; else the one beside this program");
-    command->add_option("--place", options->place,
-                        "Folder for the runs' files, best in memory; else the temporary one");
-    command->add_option("--every", options->every, "Only each so many'th operation")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--from", options->from, "From this operation on");
-    command->add_flag("--worker", options->worker, "All cuts of one file, in this process");
-    command->add_option("--at", options->at, "Ends this process before that operation");
-    command->add_flag("--torn", options->torn, "In the middle of it");
-    command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
-    command->callback([options, status] {
-        if (options->plugin_path.empty())
-            options->plugin_path = session_standard_plugin();
-        *status = options->worker || options->at != 0 || options->from != 0 ? cut_part(*options)
-                                                                            : cut_shared(*options);
-    });
+    if (all.plugin_path.empty())
+        all.plugin_path = session_standard_plugin();
+    return all.worker || all.at != 0 || all.from != 0 ? cut_part(all) : cut_shared(all);
 }

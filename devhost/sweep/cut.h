@@ -5,12 +5,26 @@
 #ifndef DEVHOST_CUT_H
 #define DEVHOST_CUT_H
 
-namespace CLI
-{
-class App;
-}
+#include <stddef.h>
+#include <stdint.h>
 
-/* Its subcommand, as those of sweep.h. */
-void cut_add_command(CLI::App &app, int *status);
+#include <string>
+#include <vector>
+
+struct cut_options {
+    std::vector<std::string> files;
+    std::string plugin_path;
+    std::string place;
+    std::string keep;    /* of the process that is ended: its run's folder */
+    uint64_t at = 0;     /* the operation before which it ends; 0: shares the work out */
+    bool torn = false;   /* in the middle of a write: half of the bytes are there */
+    size_t every = 1;    /* only each so many'th operation */
+    size_t from = 0;     /* first operation */
+    bool worker = false; /* does all cuts of one file */
+};
+
+/* Makes the cuts, and prints violations and a table. Result: enum devhost_exit. Throws
+ * devhost_error. Host's one thread. */
+int cut_scenarios(const struct cut_options &options);
 
 #endif

@@ -7,9 +7,6 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
-
-#include <CLI/CLI.hpp>
 
 #include <oxni/base/ejs.h>
 #include <oxni/base/log.h>
@@ -53,17 +50,6 @@ static const char s_afterwards[] = R"({
     },
     "steps": []
 })";
-
-struct sweep_options {
-    std::string kind; /* "allocations" or "calls" */
-    std::vector<std::string> files;
-    std::string plugin_path;
-    std::string place;          /* where run folders are made; empty: the temporary folder */
-    size_t every = 1;           /* only each so many'th run */
-    size_t part = 0, parts = 0; /* of this process; 0 parts: share them out to processes */
-    size_t from = 0;            /* first run */
-    int64_t only = -1;          /* this run alone, with what happens in it */
-};
 
 /* What a run showed. */
 struct course {
@@ -521,7 +507,7 @@ static int sweep_shared(const struct sweep_options &options)
         for (size_t part = 0; part < parts; part++)
             jobs.push_back({"sweep", options.kind, file, "--plugin", options.plugin_path, "--place",
                             options.place, "--every", std::to_string(options.every), "--part",
-                            std::to_string(part) + "/" + std::to_string(parts)});
+                            std::to_string(part), "--parts", std::to_string(parts)});
     for (const std::string &line : jobs_run(jobs)) {
         if (sscanf(line.c_str(), "figures %llu %llu %llu", &n[0], &n[1], &n[2]) == 3) {
             runs += n[0];
@@ -538,48 +524,17 @@ static int sweep_shared(const struct sweep_options &options)
     return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
-static void set_part(struct sweep_options &options, const std::string &text)
+int sweep_run(const struct sweep_options &options)
 {
-    size_t slash = text.find('/');
-
-    options.part = strtoul(text.c_str(), NULL, 10);
-    options.parts = slash != std::string::npos ? strtoul(text.c_str() + slash + 1, NULL, 10) : 0;
-    if (options.part >= options.parts)
-        throw CLI::ValidationError("--part " + text, "expected I/N, I below N");
-}
-
-static int sweep_main(struct sweep_options &options)
-{
+    struct sweep_options all = options;
     struct view_options view = {};
 
-    if (options.plugin_path.empty())
-        options.plugin_path = session_standard_plugin();
+    if (all.parts != 0 && all.part >= all.parts)
+        throw devhost_error(EXIT_BAD_CALL, "--part: expected a number below that of --parts");
+    if (all.plugin_path.empty())
+        all.plugin_path = session_standard_plugin();
     view.log_level = OXNI_LOG_INFO;
     view_open(view);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
-    return options.parts != 0 || options.only >= 0 ? sweep_part(options) : sweep_shared(options);
-}
-
-void sweep_add_commands(CLI::App &app, int *status)
-{
-    auto options = std::make_shared<sweep_options>();
-    CLI::App *command = app.add_subcommand(
-        "sweep", "Makes every allocation or call of scenarios fail, and looks whether all is well");
-
-    command->add_option("KIND", options->kind, "What fails")
-        ->required()
-        ->check(CLI::IsMember({"allocations", "calls"}));
-    command->add_option("FILE", options->files, "Scenario files")->required();
-    command->add_option("--plugin", options->plugin_path,
-                        "The DLL; else the one beside this program");
-    command->add_option("--place", options->place,
-                        "Folder for the runs' files, best in memory; else the temporary one");
-    command->add_option("--every", options->every, "Only each so many'th run")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--only", options->only, "This run alone, as a violation names it");
-    command->add_option("--from", options->from, "From this run on");
-    command->add_option_function<std::string>(
-        "--part", [options](const std::string &text) { set_part(*options, text); },
-        "I/N: in this process, the runs that are I modulo N");
-    command->callback([options, status] { *status = sweep_main(*options); });
+    return all.parts != 0 || all.only >= 0 ? sweep_part(all) : sweep_shared(all);
 }

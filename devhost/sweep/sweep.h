@@ -6,17 +6,30 @@
 #ifndef DEVHOST_SWEEP_H
 #define DEVHOST_SWEEP_H
 
-namespace CLI
-{
-class App;
-}
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
 
 struct scenario;
+
+struct sweep_options {
+    std::string kind; /* "allocations" or "calls" */
+    std::vector<std::string> files;
+    std::string plugin_path;
+    std::string place;          /* where run folders are made; empty: the temporary folder */
+    size_t every = 1;           /* only each so many'th run */
+    size_t part = 0, parts = 0; /* of this process; 0 parts: share them out to processes */
+    size_t from = 0;            /* first run */
+    int64_t only = -1;          /* this run alone, with what happens in it */
+};
 
 /* Leaves out what a scenario expects, and the allocations that it makes fail itself. */
 void sweep_strip(struct scenario &scenario);
 
-/* Their subcommands; a callback runs the one that the command line names and sets *status. */
-void sweep_add_commands(CLI::App &app, int *status);
+/* Sweeps the files, and prints violations and a table. Result: enum devhost_exit. Throws
+ * devhost_error. Host's one thread. */
+int sweep_run(const struct sweep_options &options);
 
 #endif
