@@ -319,7 +319,20 @@ static std::string machine_step(sketch &sketch)
     return "\"delete_file\":\"{base}\\\\Quorvel\\\\OXNI3_CFG\\\\driver\\\\oxni_driver_updata.cfg\"";
 }
 
-/* Steps in the order of time; agent_at: when it starts. */
+/* Half of all moments are whole seconds, where other things happen, too. */
+static int some_moment(sketch &sketch, int from_ms, int until_ms)
+{
+    int ms = sketch.dice.range(from_ms, until_ms);
+
+    return sketch.dice.chance(50) ? ms / 1000 * 1000 : ms;
+}
+
+static std::string seconds_text(int ms)
+{
+    return text_format("%d.%03d", ms / 1000, ms % 1000);
+}
+
+/* Steps in the order of time; agent_at: when it starts. All in ms. */
 static std::string steps(sketch &sketch, int from, int until, int agent_at)
 {
     std::vector<std::string> texts;
@@ -327,7 +340,7 @@ static std::string steps(sketch &sketch, int from, int until, int agent_at)
     bool running = false, by_itself = agent_at >= 0;
 
     for (int left = sketch.dice.range(0, sketch.dice.chance(30) ? 20 : 6); left > 0; left--)
-        times.push_back(sketch.dice.range(from, until));
+        times.push_back(some_moment(sketch, from, until));
     std::sort(times.begin(), times.end());
     for (int time : times) {
         std::string what;
@@ -344,7 +357,7 @@ static std::string steps(sketch &sketch, int from, int until, int agent_at)
         } else {
             what = running && sketch.dice.chance(60) ? agent_step(sketch) : machine_step(sketch);
         }
-        texts.push_back(text_format("{\"at\":%d,", time) + what + "}");
+        texts.push_back("{\"at\":" + seconds_text(time) + "," + what + "}");
     }
     return "[" + joined(texts) + "]";
 }
@@ -354,17 +367,18 @@ static std::string boot(sketch &sketch)
     int uptime = sketch.dice.chance(6)
                      ? sketch.dice.range(TEN_DAYS_SECONDS - 5000, TEN_DAYS_SECONDS + 100)
                      : 0;
-    int until = sketch.dice.chance(80) ? sketch.dice.range(100, 900) : sketch.dice.range(900, 8000);
+    int until = uptime * 1000 + (sketch.dice.chance(80) ? some_moment(sketch, 100000, 900000)
+                                                        : some_moment(sketch, 900000, 8000000));
     int agent = sketch.dice.range(1, 60);
     std::vector<std::string> members;
 
-    members.push_back(text_format("\"uptime\":%d,\"until\":%d,\"agent_start\":%d", uptime,
-                                  uptime + until, agent));
+    members.push_back(text_format("\"uptime\":%d,\"until\":%s,\"agent_start\":%d", uptime,
+                                  seconds_text(until).c_str(), agent));
     if (sketch.dice.chance(40))
         members.push_back("\"log\":" + log_of_boot(sketch));
     members.push_back("\"machine\":" + machine(sketch));
     members.push_back(how_it_ends(sketch));
-    members.push_back("\"steps\":" + steps(sketch, uptime, uptime + until, uptime + agent));
+    members.push_back("\"steps\":" + steps(sketch, uptime * 1000, until, (uptime + agent) * 1000));
     return "{" + joined(members) + "}";
 }
 

@@ -32,8 +32,6 @@ static int status_of(const std::string &word)
     return STATUS_NONE;
 }
 
-/* The machine */
-
 /* Last-write time of a file of the machine; 0: there is none. */
 static uint64_t write_time(const std::wstring &real_path)
 {
@@ -127,8 +125,6 @@ static std::set<std::string> crashed_modules(void)
         return {};
     return stack_modules(small != NULL ? *small : *complete);
 }
-
-/* Decisions */
 
 static void expect_order(oxni_subscriber *to, const char *type, const std::string &reason,
                          int64_t count)

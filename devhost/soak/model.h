@@ -103,6 +103,8 @@ struct agent_model {
     json_t *document;               /* the plug-in's own, borrowed */
     std::set<std::string> bypassed; /* names that were in bypass */
     bool only_normal;
+    bool calibrated;        /* after ten days, once */
+    size_t records_written; /* crash records, dump records */
     uint64_t excess;
     uint64_t failed_uploads;
     delivery now;

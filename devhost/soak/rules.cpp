@@ -23,9 +23,10 @@
 #include "../text.h"
 #include "model.h"
 
-#define STORE_FILE   "bypass_mgr_persistence.ejs"
-#define HISTORY_FILE "bypass_mgr_upload.ejs"
-#define POLL_MS      30000u
+#define STORE_FILE       "bypass_mgr_persistence.ejs"
+#define HISTORY_FILE     "bypass_mgr_upload.ejs"
+#define DUMP_RECORD_FILE "bypass_mgr_dumprecord.ejs"
+#define POLL_MS          30000u
 
 static soak_finding s_finding;
 
@@ -57,8 +58,6 @@ static std::string orders_text(const std::vector<order> &orders)
         text += (text.empty() ? "" : " ") + order_text(order);
     return text.empty() ? "nothing" : text;
 }
-
-/* After each delivery */
 
 static void check_chain(void)
 {
@@ -189,8 +188,6 @@ static void finish(void)
     model_agent.now = {};
 }
 
-/* Calls of the plug-in */
-
 static void on_timer_start(const uint64_t *a, uint64_t result)
 {
     delivery &now = model_agent.now;
@@ -201,6 +198,8 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
 
         want(std::find(std::begin(periods), std::end(periods), ms) != std::end(periods), "timers",
              text_format("a timer of %u ms", ms));
+        want(!model_agent.calibrated || a[1] != model_agent.uptime_function, "timers",
+             "the uptime is looked at again after ten days were seen");
         if (ms == 1000) /* the first delay of the hourly one */
             model_agent.uptime_function = a[1];
         now.plain_timer = a[1];
@@ -243,17 +242,22 @@ static void on_open_log(const uint64_t *a, uint64_t result)
     model_agent.now.logs.push_back(result != 0);
 }
 
-static bool is_store(uint64_t path)
+static bool ends_with(uint64_t path, const std::string &name)
 {
     std::string text = reinterpret_cast<const char *>(path);
-    std::string name = STORE_FILE;
 
     return text.size() >= name.size() && text.substr(text.size() - name.size()) == name;
 }
 
+static void on_open_record(const uint64_t *a, uint64_t result)
+{
+    (void)result;
+    model_agent.records_written += wcschr(reinterpret_cast<const wchar_t *>(a[1]), L'+') != NULL;
+}
+
 static void on_load(const uint64_t *a, uint64_t result)
 {
-    if (!is_store(a[0]))
+    if (!ends_with(a[0], STORE_FILE))
         return;
     model_agent.document = reinterpret_cast<json_t *>(result);
     model_machine.on_disk = text_of_json(model_agent.document);
@@ -263,7 +267,8 @@ static void on_dump(const uint64_t *a, uint64_t result)
 {
     json_t *read;
 
-    if (!is_store(a[1]))
+    model_agent.records_written += ends_with(a[1], DUMP_RECORD_FILE);
+    if (!ends_with(a[1], STORE_FILE))
         return;
     model_agent.document = reinterpret_cast<json_t *>(a[0]);
     model_machine.behind = static_cast<int>(result) != 0;
@@ -273,8 +278,6 @@ static void on_dump(const uint64_t *a, uint64_t result)
     model_machine.on_disk = text_of_json(read);
     json_decref(read);
 }
-
-/* What the platform delivers */
 
 static void begin(const oxnih_event *event)
 {
@@ -296,8 +299,10 @@ static void on_fired(uint64_t handle)
     model_agent.now.context = fired.context;
     if (fired.function == model_agent.recover_function && model_tag_exists())
         model_recover(false);
-    if (fired.function == model_agent.uptime_function && oxnih_clock_tick_ms() >= CALIBRATION_MS)
+    if (fired.function == model_agent.uptime_function && oxnih_clock_tick_ms() >= CALIBRATION_MS) {
         model_calibration();
+        model_agent.calibrated = true;
+    }
 }
 
 static void on_console(const std::string &line)
@@ -366,8 +371,6 @@ static void observe(const oxnih_event *event, void *user)
     }
 }
 
-/* Life of the agent */
-
 /* Nothing but these is left alone by a plug-in that has seen normal boots only. */
 static void check_idle(void)
 {
@@ -379,6 +382,7 @@ static void check_idle(void)
 
     for (const char *call : calls)
         want(calls_count(call) == 0, "idle", std::string(call) + " was called");
+    want(model_agent.records_written == 0, "idle", "a crash record was written");
 }
 
 static void check_history(void)
@@ -460,6 +464,7 @@ static void look(const happening &what, void *user)
     (void)user;
     if (what.kind != HAPPENED_AGENT)
         return;
+    want(what.text.rfind("was ended", 0) != 0, "no exit", "the allocation guard ended the agent");
     if (what.text.rfind("starts", 0) == 0)
         agent_starts();
     else
@@ -481,6 +486,7 @@ static const struct {
     {"oxni_subscriber_retain", on_retain     },
     {"oxni_subscriber_delete", on_delete     },
     {"OpenEventLogW",          on_open_log   },
+    {"oxni_file_open_w",       on_open_record},
     {"wdu_json_load_file_ejs", on_load       },
     {"wdu_json_dump_file_ejs", on_dump       },
 };

@@ -52,12 +52,15 @@ static played play_machine(const rapidjson::Document &document, const run_folder
             play_end_boot();
             played.boots++;
         }
-    } catch (...) {
-        rules_close();
-        (void)play_close();
-        throw;
+        played.finding = rules_finding();
+    } catch (const devhost_error &error) {
+        if (error.status != EXIT_EXPECTATION_FAILED) {
+            rules_close();
+            (void)play_close();
+            throw;
+        }
+        played.finding = {"no exception", error.what(), oxnih_clock_tick_ms(), record_boot()};
     }
-    played.finding = rules_finding();
     played.blocks = rules_blocks();
     rules_close();
     (void)play_close();
