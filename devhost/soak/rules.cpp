@@ -382,7 +382,8 @@ static void check_idle(void)
 
     for (const char *call : calls)
         want(calls_count(call) == 0, "idle", std::string(call) + " was called");
-    want(model_agent.records_written == 0, "idle", "a crash record was written");
+    want(model_agent.records_written == 0 || model_agent.calibrated, "idle",
+         "a crash record was written");
 }
 
 static void check_history(void)

@@ -65,6 +65,7 @@ static int match_crash_module(const crash_module_set &modules, const char **matc
             }
         }
     }
+    *matched = NULL;
     LOG_INFO("not found quorvel crash module!");
     for (const std::string &name : modules)
         LOG_INFO("crash module[%s]", name.c_str());

@@ -122,85 +122,103 @@ static void drv_info_add(char *const *names, int32_t driver_count, const char *p
     }
 }
 
+/* No text, no member. Result 0; -1 when memory runs out. */
+static int set_text(json_t *object, const char *key, const char *text)
+{
+    return text != NULL ? json_object_set_new(object, key, json_string(text)) : 0;
+}
+
+static int set_crash(json_t *detail, const struct crash_info *crash)
+{
+    json_t *crash_json = json_object();
+    int failed = 0;
+
+    /* Lost when it is no UTF-8, as a name of an old code page can be; the alarm is not. */
+    (void)set_text(crash_json, "dumpPath", crash->crash_path);
+    failed |= set_text(crash_json, "dumpPathCreateTime", crash->crash_create_time);
+    failed |= set_text(crash_json, "crashModuleName", crash->crash_module);
+    failed |= json_object_set_new(detail, "crashInfo", crash_json);
+    return failed;
+}
+
 /* What happened, as a list with one entry in JSON text; new, NULL when memory runs out. */
 static char *alarm_detail_text(char *const *names, int32_t driver_count,
                                const struct crash_info *crash, const char *bypass_time)
 {
     json_t *list = json_array(), *detail = json_object(), *modules = json_array();
-    json_t *crash_json;
-    char *text;
+    char *text = NULL;
+    int failed = 0;
 
     for (int32_t index = 0; index < driver_count; index++)
-        (void)json_array_append_new(modules, json_string(names[index]));
-    (void)json_object_set_new(detail, "bypassTime", json_string(bypass_time));
-    (void)json_object_set_new(detail, "driverName", modules);
-    if (crash != NULL && crash->crash_path[0] != '\0') {
-        crash_json = json_object();
-        (void)json_object_set_new(crash_json, "dumpPath", json_string(crash->crash_path));
-        (void)json_object_set_new(crash_json, "dumpPathCreateTime",
-                                  json_string(crash->crash_create_time));
-        (void)json_object_set_new(crash_json, "crashModuleName", json_string(crash->crash_module));
-        (void)json_object_set_new(detail, "crashInfo", crash_json);
-    }
-    (void)json_array_append_new(list, detail);
-    text = bypass_json_text(list);
+        failed |= json_array_append_new(modules, json_string(names[index]));
+    failed |= set_text(detail, "bypassTime", bypass_time);
+    failed |= json_object_set_new(detail, "driverName", modules);
+    if (crash != NULL && crash->crash_path[0] != '\0')
+        failed |= set_crash(detail, crash);
+    failed |= json_array_append_new(list, detail);
+    if (failed == 0)
+        text = bypass_json_text(list);
     json_decref(list);
     return text;
 }
 
-static void set_text(json_t *object, const char *key, const char *text)
-{
-    (void)json_object_set_new(object, key, json_string(text)); /* no text, no member */
-}
-
-/* The members that name product, device and agent. */
-static void set_identity(json_t *data, const char *product)
+/* The members that name product, device and agent. Result as that of set_text, as below. */
+static int set_identity(json_t *data, const char *product)
 {
     const struct device_info *device = report_link_device(product);
+    int failed = 0;
 
-    set_text(data, "deviceId", device != NULL ? device->device_id : "XNI_DEVICE_ID");
-    set_text(data, "appversion", device != NULL ? device->agent_version : REPORT_PRODUCT_VERSION);
-    set_text(data, "reportProductVer", REPORT_PRODUCT_VERSION);
-    set_text(data, "productType", product);
-    set_text(data, "reportProductType", product);
+    failed |= set_text(data, "deviceId", device != NULL ? device->device_id : "XNI_DEVICE_ID");
+    failed |= set_text(data, "appversion",
+                       device != NULL ? device->agent_version : REPORT_PRODUCT_VERSION);
+    failed |= set_text(data, "reportProductVer", REPORT_PRODUCT_VERSION);
+    failed |= set_text(data, "productType", product);
+    failed |= set_text(data, "reportProductType", product);
+    return failed;
 }
 
 /* The members that are the same for every alarm, and the time stamps among them. */
-static void set_description(json_t *data, int64_t timestamp)
+static int set_description(json_t *data, int64_t timestamp)
 {
-    set_text(data, "alarmResultTitle", "Driver Bypass");
-    set_text(data, "alarmSource", "local");
-    set_text(data, "vendor", "quorvel");
-    set_text(data, "alarmResultAdvice",
-             "The driver has a pass, please pay attention to it in a timely manner by your "
-             "development colleagues");
-    set_text(data, "alarmType", "developer");
-    set_text(data, "productVer", "");
-    (void)json_object_set_new(data, "recordTimestamp", json_integer(timestamp));
-    (void)json_object_set_new(data, "uploadTimestamp", json_integer(timestamp));
-    (void)json_object_set_new(data, "insertTimestamp", json_integer(timestamp));
-    set_text(data, "alarmSeverity", "urgent");
-    set_text(data, "pathList", "");
-    set_text(data, "keyId", "");
-    set_text(data, "alarmName", "Driver Bypass");
-    set_text(data, "alarmResultSummary",
-             "The system encountered a driver pass, please locate the problem based on the "
-             "details");
-    set_text(data, "alarmResult", "failed");
+    int failed = 0;
+
+    failed |= set_text(data, "alarmResultTitle", "Driver Bypass");
+    failed |= set_text(data, "alarmSource", "local");
+    failed |= set_text(data, "vendor", "quorvel");
+    failed |= set_text(data, "alarmResultAdvice",
+                       "The driver has a pass, please pay attention to it in a timely manner by "
+                       "your development colleagues");
+    failed |= set_text(data, "alarmType", "developer");
+    failed |= set_text(data, "productVer", "");
+    failed |= json_object_set_new(data, "recordTimestamp", json_integer(timestamp));
+    failed |= json_object_set_new(data, "uploadTimestamp", json_integer(timestamp));
+    failed |= json_object_set_new(data, "insertTimestamp", json_integer(timestamp));
+    failed |= set_text(data, "alarmSeverity", "urgent");
+    failed |= set_text(data, "pathList", "");
+    failed |= set_text(data, "keyId", "");
+    failed |= set_text(data, "alarmName", "Driver Bypass");
+    failed |= set_text(data, "alarmResultSummary",
+                       "The system encountered a driver pass, please locate the problem based on "
+                       "the details");
+    failed |= set_text(data, "alarmResult", "failed");
+    return failed;
 }
 
-static void set_reporter(json_t *data)
+static int set_reporter(json_t *data)
 {
     char device_id[REPORT_TEXT_CHARS] = "", device_crc[REPORT_TEXT_CHARS];
+    int failed = 0;
 
     (void)oxni_dev_get_id_md5(device_id, sizeof(device_id)); /* empty on failure */
     (void)oxni_str_snprintf(device_crc, sizeof(device_crc), "%u", oxni_dev_get_id_crc32());
-    set_text(data, "reportDeviceId", device_id);
-    set_text(data, "reportDeviceIdCRC", device_crc);
+    failed |= set_text(data, "reportDeviceId", device_id);
+    failed |= set_text(data, "reportDeviceIdCRC", device_crc);
     LOG_INFO("reportDeviceId [%s], reportDeviceIdCRC[%s]", device_id, device_crc);
+    return failed;
 }
 
-/* A new object; NULL when memory runs out. The order of the members is the management side's. */
+/* A new object; NULL when memory runs out: an alarm that lacks something would be taken for the
+ * whole one and never be repeated. The order of the members is the management side's. */
 static json_t *build_alarm_content(char *const *names, int32_t driver_count, const char *product,
                                    const struct crash_info *crash)
 {
@@ -210,6 +228,7 @@ static json_t *build_alarm_content(char *const *names, int32_t driver_count, con
     oxni_uuid uuid;
     int64_t timestamp;
     char *detail;
+    int failed = 0;
 
     (void)get_system_process_start_time(&boot_time); /* for the log lines of a failure only */
     (void)oxni_uuid_create(&uuid);
@@ -217,21 +236,21 @@ static json_t *build_alarm_content(char *const *names, int32_t driver_count, con
     timestamp = oxni_time();
     bypass_time_text(timestamp, bypass_time, sizeof(bypass_time));
     detail = alarm_detail_text(names, driver_count, crash, bypass_time);
-    (void)json_object_set_new(data, "v", json_integer(1));
-    set_text(data, "uuId", uuid_text);
-    set_text(data, "alarmResultDetail", detail);
-    set_text(data, "alarmResultFile", "");
-    set_identity(data, product);
-    set_description(data, timestamp);
-    set_reporter(data);
-    /* An alarm without its detail would be taken for the whole one and never be repeated. */
-    if (json_object_set_new(content, "data", data) != 0 || detail == NULL) {
-        json_decref(content);
-        content = NULL;
-    }
+    failed |= json_object_set_new(data, "v", json_integer(1));
+    failed |= set_text(data, "uuId", uuid_text);
+    failed |= detail == NULL;
+    failed |= set_text(data, "alarmResultDetail", detail);
     bypass_json_text_free(detail);
-    set_text(content, "type", "QA_ALERT_LOG");
-    return content;
+    failed |= set_text(data, "alarmResultFile", "");
+    failed |= set_identity(data, product);
+    failed |= set_description(data, timestamp);
+    failed |= set_reporter(data);
+    failed |= json_object_set_new(content, "data", data);
+    failed |= set_text(content, "type", "QA_ALERT_LOG");
+    if (failed == 0)
+        return content;
+    json_decref(content);
+    return NULL;
 }
 
 /* A failed upload is not repeated: its report stays pending until the product is forgotten. */
@@ -281,14 +300,17 @@ static int upload_bypass_report(char *const *names, int32_t driver_count, const 
         LOG_WARN("error: on line %d: %s", error.line, error.text);
         return -1;
     }
-    if (json_object_set_new(json_object_get(request, "data"), "content",
+    user =
+        oxni_strdup(product); /* freed by the answer; without it nobody notes what was reported */
+    if (user == NULL ||
+        json_object_set_new(json_object_get(request, "data"), "content",
                             build_alarm_content(names, driver_count, product, crash)) != 0) {
         LOG_WARN("Failed to zero_malloc memory");
+        oxni_free_(user);
         json_decref(request);
         return -1;
     }
     log_request(request);
-    user = oxni_strdup(product); /* freed by the answer */
     LOG_INFO("start upload bypass log for [%s]", product);
     if (oxni_res_deliver(REPORT_RESOURCE, request, user, upload_reply_cb, 0) != 0)
         oxni_free_(user);
