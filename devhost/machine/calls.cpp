@@ -34,7 +34,7 @@ struct planned_failure {
 struct call_state {
     any_call_fn target; /* stand-in or real function; NULL until a plug-in imports it */
     const struct handle_call *handles; /* NULL: neither opens nor closes */
-    uint64_t total;                    /* ever */
+    uint64_t total, failed;            /* ever; failed: made to fail */
     uint64_t since;                    /* total at the last reset of the counts */
     std::vector<planned_failure> failures;
     calls_watch_fn watch;
@@ -63,6 +63,8 @@ static const struct handle_call {
     {"RegOpenKeyExW",            "registry keys",   1 },
     {"RegCreateKeyExW",          "registry keys",   1 },
     {"RegCloseKey",              "registry keys",   -1},
+    {"oxni_file_open_w",         "files",           1 },
+    {"fclose",                   "files",           -1},
 };
 static std::map<std::string, int64_t> s_open;
 static calls_trace_fn s_trace;
@@ -117,7 +119,7 @@ static std::string arguments_text(const call_row &row, const uint64_t *arguments
     std::string text;
 
     for (size_t i = 0; row.arguments[i] != '\0'; i++)
-        if (strchr(".onO", row.arguments[i]) == NULL)
+        if (strchr(".onNO", row.arguments[i]) == NULL)
             text += (text.empty() ? "" : ", ") + value_text(row.arguments[i], arguments[i]);
     return text;
 }
@@ -128,14 +130,17 @@ static uint64_t failed_result(const call_row &row, uint32_t error)
     switch (row.failing) {
     case 'I': return reinterpret_cast<uint64_t>(INVALID_HANDLE_VALUE);
     case 'E': return error;
+    case 'A': return error == ERROR_NOT_ALL_ASSIGNED;
     case 'M': return static_cast<uint64_t>(-1);
     default: return 0;
     }
 }
 
 /* What the contract of a call promises of its outputs when it fails. */
-static void set_outputs(const call_row &row, const uint64_t *arguments)
+static void set_outputs(const call_row &row, uint32_t error, const uint64_t *arguments)
 {
+    bool wants_room = error == ERROR_INSUFFICIENT_BUFFER || error == ERROR_MORE_DATA;
+
     for (size_t i = 0; row.arguments[i] != '\0'; i++) {
         if (arguments[i] == 0)
             continue;
@@ -143,6 +148,8 @@ static void set_outputs(const call_row &row, const uint64_t *arguments)
             *reinterpret_cast<char *>(arguments[i]) = '\0';
         else if (row.arguments[i] == 'n')
             *reinterpret_cast<uint32_t *>(arguments[i]) = 0;
+        else if (row.arguments[i] == 'N' && wants_room)
+            *reinterpret_cast<uint32_t *>(arguments[i]) = 0x10000;
         else if (row.arguments[i] == 'O')
             *reinterpret_cast<void **>(arguments[i]) = NULL;
         else if (row.arguments[i] == 'J')
@@ -168,7 +175,7 @@ static void trace_call(const call_row &row, const std::string &arguments, uint64
 
     if (row.result != 'v')
         text += " = " + value_text(row.result, result);
-    if (row.failing == 'I' || row.failing == 'B')
+    if (strchr("BAI", row.failing) != NULL)
         if (result == failed_result(row, 0))
             text += text_format(" error %lu", error);
     s_trace(planned ? text + " (made to fail)" : text, s_trace_user);
@@ -179,7 +186,7 @@ static void count_handle(const call_row &row, const handle_call &call, uint64_t 
 {
     bool done = static_cast<uint32_t>(result) != 0;
 
-    if (strncmp(row.name, "Reg", 3) == 0)
+    if (strncmp(row.name, "Reg", 3) == 0 || strcmp(row.name, "fclose") == 0)
         done = static_cast<uint32_t>(result) == ERROR_SUCCESS;
     else if (row.failing == 'I')
         done = result != failed_result(row, 0);
@@ -206,8 +213,9 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
-        set_outputs(row, a);
-        if (row.failing == 'B' || row.failing == 'I')
+        set_outputs(row, planned_error, a);
+        state.failed++;
+        if (strchr("BAI", row.failing) != NULL)
             SetLastError(planned_error);
     } else {
         result = state.target(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10],
@@ -328,7 +336,7 @@ bool calls_can_fail(const std::string &name, uint32_t error)
 {
     size_t index = find_failing(name);
 
-    return index < ROWS && (error != 0 || strchr("BIE", s_rows[index].failing) == NULL);
+    return index < ROWS && (error != 0 || strchr("BAIE", s_rows[index].failing) == NULL);
 }
 
 std::vector<std::string> calls_failing(void)
@@ -345,7 +353,7 @@ std::vector<uint32_t> calls_errors(const std::string &name)
 {
     size_t index = find_failing(name);
 
-    if (index == ROWS || strchr("BIE", s_rows[index].failing) == NULL)
+    if (index == ROWS || strchr("BAIE", s_rows[index].failing) == NULL)
         return {0};
     for (const call_errors &row : s_errors)
         if (name == row.name)
@@ -387,6 +395,14 @@ uint64_t calls_count(const std::string &name)
     for (size_t index = 0; index < ROWS; index++)
         if (name == s_rows[index].name)
             return s_calls[index].total - s_calls[index].since;
+    return 0;
+}
+
+uint64_t calls_failed(const std::string &name)
+{
+    for (size_t index = 0; index < ROWS; index++)
+        if (name == s_rows[index].name)
+            return s_calls[index].failed;
     return 0;
 }
 

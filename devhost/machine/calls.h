@@ -42,6 +42,8 @@ void calls_clear_failures(void);
 
 /* Calls of a name since the start or the last reset. */
 uint64_t calls_count(const std::string &name);
+/* How many calls of a name were ever made to fail. */
+uint64_t calls_failed(const std::string &name);
 void calls_reset_counts(void);
 
 /* What the plug-in opened and did not close since this was asked last, "2 registry keys"; more

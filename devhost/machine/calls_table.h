@@ -5,9 +5,11 @@
  * Letters for a value: d i32, u u32, x hexadecimal u32, U u64, s narrow text, w wide text, h
  * handle, k registry key, j JSON, J JSON that a failing call takes over, too, S subscriber, p
  * pointer (null or not), . not shown, v none.
- * Not shown, and set by a failing call: o a text, to empty; n a u32, to 0; O a pointer, to NULL.
- * Failing: B returns 0 and sets the last error; I returns INVALID_HANDLE_VALUE and sets it; E
- * returns the error; M returns -1; Z returns 0 or NULL without an error; - cannot fail.
+ * Not shown, and set by a failing call: o a text, to empty; n a u32, to 0; N a u32, to 64 KiB where
+ * the error says that so much room is needed; O a pointer, to NULL.
+ * Failing: B returns 0 and sets the last error; A does so, too, but for ERROR_NOT_ALL_ASSIGNED,
+ * which comes with a success; I returns INVALID_HANDLE_VALUE and sets it; E returns the error; M
+ * returns -1; Z returns 0 or NULL without an error; - cannot fail.
  */
 #ifndef DEVHOST_CALLS_TABLE_H
 #define DEVHOST_CALLS_TABLE_H
@@ -43,6 +45,8 @@ static const struct call_row s_rows[] = {
     {"kernel32.dll",        "LocalFileTimeToFileTime",      "..",               'd', 'B'},
     {"kernel32.dll",        "FileTimeToSystemTime",         "..",               'd', 'B'},
     {"kernel32.dll",        "SystemTimeToFileTime",         "..",               'd', 'B'},
+    {"kernel32.dll",        "MultiByteToWideChar",          "ux.d.d",           'd', 'B'},
+    {"kernel32.dll",        "WideCharToMultiByte",          "ux.d.d..",         'd', 'B'},
     {"kernel32.dll",        "GetSystemTime",                ".",                'v', '-'},
     {"kernel32.dll",        "GetTickCount",                 "",                 'u', '-'},
     {"kernel32.dll",        "GetTickCount64",               "",                 'U', '-'},
@@ -58,19 +62,23 @@ static const struct call_row s_rows[] = {
     {"kernel32.dll",        "GetCurrentProcess",            "",                 'h', '-'},
     {"advapi32.dll",        "OpenProcessToken",             "hx.",              'd', 'B'},
     {"advapi32.dll",        "LookupPrivilegeValueA",        "ss.",              'd', 'B'},
-    {"advapi32.dll",        "AdjustTokenPrivileges",        "hd.u..",           'd', 'B'},
+    {"advapi32.dll",        "AdjustTokenPrivileges",        "hd.u..",           'd', 'A'},
     {"advapi32.dll",        "OpenEventLogW",                "ww",               'h', 'B'},
-    {"advapi32.dll",        "ReadEventLogW",                "hxu.unn",          'd', 'B'},
+    {"advapi32.dll",        "ReadEventLogW",                "hxu.unN",          'd', 'B'},
     {"advapi32.dll",        "CloseEventLog",                "h",                'd', '-'},
     {"advapi32.dll",        "OpenSCManagerW",               "wwx",              'h', 'B'},
     {"advapi32.dll",        "OpenServiceW",                 "hwx",              'h', 'B'},
     {"advapi32.dll",        "QueryServiceStatus",           "h.",               'd', 'B'},
     {"advapi32.dll",        "CloseServiceHandle",           "h",                'd', '-'},
     {"advapi32.dll",        "RegOpenKeyExW",                "kwux.",            'd', 'E'},
-    {"advapi32.dll",        "RegQueryValueExW",             "kw....",           'd', 'E'},
+    {"advapi32.dll",        "RegQueryValueExW",             "kw...N",           'd', 'E'},
     {"advapi32.dll",        "RegCreateKeyExW",              "kw..ux...",        'd', 'E'},
     {"advapi32.dll",        "RegDeleteKeyW",                "kw",               'd', 'E'},
     {"advapi32.dll",        "RegCloseKey",                  "k",                'd', '-'},
+    {"msvcrt.dll",          "fread",                        ".UUp",             'U', 'Z'},
+    {"msvcrt.dll",          "fwrite",                       ".UUp",             'U', 'Z'},
+    {"msvcrt.dll",          "fseek",                        "pdd",              'd', 'M'},
+    {"msvcrt.dll",          "fclose",                       "p",                'd', '-'},
     {"liboxnibase.dll",     "oxni_log_output",              "d...............", 'v', '-'},
     {"liboxnibase.dll",     "oxni_log_is_regestered",       "",                 'd', '-'},
     {"liboxnibase.dll",     "oxni_autolog_init",            "sd",               'd', 'M'},
@@ -116,7 +124,7 @@ static const struct call_row s_rows[] = {
     {"liboxni_core.dll",    "oxni_subscriber_get_attr",     "S",                'p', 'Z'},
     {"liboxni_core.dll",    "oxni_res_require",             "sdp",              'd', 'M'},
     {"liboxni_core.dll",    "oxni_res_deliver",             "sJppd",            'd', 'M'},
-    {"liboxni_core.dll",    "oxnir_rsp_get_errno",          "p",                'd', '-'},
+    {"liboxni_core.dll",    "oxnir_rsp_get_errno",          "p",                'd', 'E'},
     {"liboxni_core.dll",    "oxnir_rsp_get_resp",           "p",                'p', 'Z'},
     {"liboxni_core.dll",    "oxni_dbg_decl",                "ss.p",             'd', 'M'},
     {"liboxni_core.dll",    "oxni_dbg_echo",                "pds",              'v', '-'},
@@ -161,6 +169,8 @@ static const struct call_errors s_errors[] = {
     {"LocalFileTimeToFileTime",    {87}                    },
     {"FileTimeToSystemTime",       {87}                    },
     {"SystemTimeToFileTime",       {87}                    },
+    {"MultiByteToWideChar",        {122, 1113}             },
+    {"WideCharToMultiByte",        {122, 1113}             },
     {"GetModuleHandleA",           {126}                   },
     {"GetProcAddress",             {127}                   },
     {"LoadLibraryW",               {8, 126, 193, 1114}     },
@@ -174,13 +184,14 @@ static const struct call_errors s_errors[] = {
     {"AdjustTokenPrivileges",      {5, 1300}               },
     {"OpenEventLogW",              {2, 5, 1722}            },
     {"ReadEventLogW",              {5, 38, 122, 1500, 1503}},
-    {"OpenSCManagerW",             {5, 1722}               },
+    {"OpenSCManagerW",             {5, 1065, 1722}         },
     {"OpenServiceW",               {5, 1060}               },
     {"QueryServiceStatus",         {5, 1722}               },
     {"RegOpenKeyExW",              {2, 5, 1018}            },
     {"RegQueryValueExW",           {2, 5, 234, 1018}       },
     {"RegCreateKeyExW",            {5, 1018, 1021, 1450}   },
     {"RegDeleteKeyW",              {2, 5, 1018}            },
+    {"oxnir_rsp_get_errno",        {110}                   },
     {"oxni_path_del_file_u",       {2, 5, 32}              },
     {"oxni_file_flush",            {2, 5, 32, 112}         },
 };

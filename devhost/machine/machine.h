@@ -127,6 +127,8 @@ void machine_log(machine_event record);
 
 /* Hands engine faults and stacks to the engine. Called after a change of either. */
 void machine_update_engine(void);
+/* What clients of the engine have not given back; empty: nothing. */
+std::string machine_engine_left(void);
 /* An engine that is loaded already forgets what it was told. */
 void machine_reset_engine(void);
 /* Who is told, in words, what the engine is given and what it refuses; called inside the call. */

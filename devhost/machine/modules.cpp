@@ -157,3 +157,18 @@ void *machine_module_stand_in(const char *name)
 
     return stand_in_find(rows, name);
 }
+
+std::string machine_engine_left(void)
+{
+    struct engine_counts counts;
+
+    if (s_engine == NULL)
+        return "";
+    engine_function<engine_counts_get_fn>("engine_counts_get")(&counts);
+    if (counts.objects == 0 && counts.references == 0 && counts.callbacks == 0)
+        return "";
+    return text_format("%u engine objects, %u references, %u output callbacks",
+                       static_cast<unsigned>(counts.objects),
+                       static_cast<unsigned>(counts.references),
+                       static_cast<unsigned>(counts.callbacks));
+}

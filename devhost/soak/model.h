@@ -104,6 +104,7 @@ struct agent_model {
     std::set<std::string> bypassed; /* names that were in bypass */
     bool only_normal;
     bool calibrated;        /* after ten days, once */
+    bool ordered;           /* anything */
     size_t records_written; /* crash records, dump records */
     uint64_t excess;
     uint64_t failed_uploads;

@@ -25,7 +25,7 @@ struct failure {
 
 /* What the plug-in did in a boot. */
 struct boot_counts {
-    uint64_t allocations;
+    uint64_t allocations;                  /* those that failed, too */
     std::map<std::string, uint64_t> calls; /* by name, those that can fail */
     uint64_t pushes;                       /* commands to products */
 };
@@ -42,7 +42,7 @@ boot_failures failures_list(const std::string &kind, const boot_counts &plain);
 void failure_arm(const failure &failure);
 void failure_disarm(const failure &failure);
 
-/* How often a call of a boot failed by it; allocations that failed are counted by the platform. */
+/* How often something failed in a boot by it; of allocations that fail for ever the first alone. */
 uint64_t failure_came_about(const failure &failure, const boot_counts &counts);
 
 std::string failure_text(const failure &failure);

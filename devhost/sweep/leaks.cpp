@@ -4,6 +4,7 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../agent.h"
 #include "../machine/calls.h"
+#include "../machine/machine.h"
 #include "../text.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
@@ -29,7 +30,7 @@ static void add_lost(const char *site, uint64_t blocks, uint64_t bytes, void *us
 
 std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uploads)
 {
-    std::string open = calls_left_open();
+    std::string open = calls_left_open(), engine = machine_engine_left();
     search search = {failed_uploads, {}};
 
     if (agent_state_get() == AGENT_EXITED)
@@ -37,5 +38,7 @@ std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uplo
     oxnih_memory_lost(plugin, add_lost, &search);
     if (!open.empty())
         search.lost.push_back("left open: " + open);
+    if (!engine.empty())
+        search.lost.push_back("not given back: " + engine);
     return search.lost;
 }

@@ -51,41 +51,51 @@ static const char s_afterwards[] = R"({
     "steps": []
 })";
 
+/* Crash records of the platform's drivers as those write them. */
+static const char s_whole_records[] = R"([
+    {"path": "{bin}\\crash_config.cfg", "record_count": 1},
+    {"path": "{base}\\Quorvel\\OXNI3_CFG\\oxnisp_driver\\crash_config.cfg", "record_count": 1}
+])";
+
+typedef std::vector<const failure *> failure_list;
+/* By boot. */
+typedef std::vector<failure_list> failure_set;
+
 /* What a run showed. */
 struct course {
     std::vector<boot_counts> counts;              /* by boot */
     std::vector<std::vector<std::string>> states; /* of the products, at each boot's end */
     std::vector<std::string> complaints;          /* but for those that are no violation */
-    std::vector<std::string> afterwards;          /* what the boot behind it brought the products */
-    std::vector<std::string> problems;            /* violations */
-    uint64_t failures;                            /* that came about */
-    uint64_t exits;                               /* of the agent, by the allocation guard */
+    std::vector<std::string> afterwards; /* what the boots behind it brought the products */
+    std::vector<std::string> problems;   /* violations */
+    failure_list missed;                 /* failures that did not come about */
+    uint64_t failures;                   /* that came about */
+    uint64_t exits;                      /* of the agent, by the allocation guard */
 };
-
-typedef std::vector<const failure *> failure_list;
-/* By boot. */
-typedef std::vector<failure_list> failure_set;
 
 /* The part of a file that this process sweeps. */
 struct file_sweep {
     const struct sweep_options &options;
     const run_folder &folder;
     size_t index; /* of the next run */
-    uint64_t runs, failed, exits, violations;
+    uint64_t runs, failed, missed, exits, violations;
 };
 
 static std::vector<std::string> s_lost; /* at the ends of the agent */
+static uint64_t s_told;                 /* failed replies that earlier lives were told of */
 
 /* Of this life of the agent, in transport. */
 static uint64_t failed_uploads(void)
 {
-    uint64_t failed = 0;
+    uint64_t told = calls_failed("oxnir_rsp_get_errno"), failed = 0;
 
     for (const happening &what : record_all()) {
         if (what.kind == HAPPENED_AGENT && what.text.rfind("starts", 0) == 0)
             failed = 0;
         failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
     }
+    failed += told - s_told;
+    s_told = told;
     return failed;
 }
 
@@ -152,14 +162,64 @@ static void add_states(json_value &boot, const std::vector<std::string> &states,
     }
 }
 
+/* Whether a text stands somewhere below value. */
+static bool names_text(const json_value &value, const std::string &part)
+{
+    auto names = [&part](const json_value &below) { return names_text(below, part); };
+
+    if (value.IsString())
+        return std::string(value.GetString()).find(part) != std::string::npos;
+    if (value.IsArray())
+        return std::any_of(value.Begin(), value.End(), names);
+    return value.IsObject() && std::any_of(value.MemberBegin(), value.MemberEnd(),
+                                           [&names](const auto &m) { return names(m.value); });
+}
+
+/* A module that somebody registers; "nt" when nobody does. */
+static std::string some_module(const struct scenario &scenario)
+{
+    const json_value *products = node_member(&scenario.document, "products");
+
+    if (products != NULL)
+        for (const auto &product : products->GetObject())
+            for (const json_value *module : node_elements(&product.value, "modules"))
+                if (module->IsString())
+                    return module->GetString();
+    return "nt";
+}
+
+/* The boots behind the disturbed ones: what they decide on is a power loss and a blue screen. */
+static void add_afterwards(struct scenario &scenario, size_t boot, size_t products)
+{
+    auto &memory = scenario.document.GetAllocator();
+    json_value &boots = member(scenario.document, "boots");
+    rapidjson::Document usual(&memory), crash(&memory);
+    /* Crash records that the scenario damages are whole again, if nobody else has seen to it. */
+    bool damages = names_text(boots[static_cast<unsigned>(boot)], "crash_config.cfg");
+
+    usual.Parse(s_afterwards);
+    crash.Parse(("{\"frames\": [\"" + some_module(scenario) + "+0x10\"]}").c_str());
+    if (damages) {
+        rapidjson::Document files(&memory);
+
+        files.Parse(s_whole_records);
+        member(usual, "machine").AddMember("files", files.Move(), memory);
+    }
+    add_states(usual, std::vector<std::string>(products, "{\"status\": \"working\", \"count\": 3}"),
+               memory);
+    json_value second(usual, memory);
+    usual.AddMember("ends", "blue_screen", memory);
+    usual.AddMember("crash", crash.Move(), memory);
+    boots.PushBack(usual.Move(), memory);
+    boots.PushBack(second, memory);
+}
+
 /* A scenario up to one of its boots, which comes LIVES times, each time behind the same end of
- * Windows and with the same products; and an undisturbed boot. states: of the products. */
+ * Windows and with the same products; and two undisturbed boots. states: of the products. */
 static void prepare(const struct scenario &whole, size_t boot,
                     const std::vector<std::string> &states, struct scenario &scenario)
 {
     auto &memory = scenario.document.GetAllocator();
-    rapidjson::Document afterwards(&memory);
-    std::vector<std::string> usual;
 
     scenario.file = whole.file;
     scenario.folder = whole.folder;
@@ -174,20 +234,18 @@ static void prepare(const struct scenario &whole, size_t boot,
             ? &node_member(&whole.document, "boots")->GetArray()[static_cast<unsigned>(boot - 1)]
             : node_member(&whole.document, "before");
     json_value again(boots[static_cast<unsigned>(boot)], memory);
+    json_value power_loss(rapidjson::kObjectType);
+    power_loss.AddMember("ends", "power_loss", memory);
     set_end(boots[static_cast<unsigned>(boot)], before, memory);
     again.RemoveMember("at");
     add_states(again, states, memory);
     for (size_t life = 1; life < LIVES; life++) {
         json_value copy(again, memory);
 
-        set_end(copy, life + 1 < LIVES ? before : NULL, memory);
+        set_end(copy, life + 1 < LIVES ? before : &power_loss, memory);
         boots.PushBack(copy, memory);
     }
-    afterwards.Parse(s_afterwards);
-    for (size_t i = 0; i < states.size(); i++)
-        usual.push_back("{\"status\": \"working\", \"count\": 1}");
-    add_states(afterwards, usual, memory);
-    boots.PushBack(afterwards.Move(), memory);
+    add_afterwards(scenario, boot, states.size());
 }
 
 /* Unsubscribing gives a reference back whether the handle was filed or not. A registration that was
@@ -198,6 +256,8 @@ static void note_complaints(course &course)
     std::map<std::string, size_t> left;
 
     for (const happening &what : record_all()) {
+        if (what.kind == HAPPENED_AGENT)
+            left.clear();
         if (what.kind == HAPPENED_LEFT)
             left[what.who]++;
         if (what.kind != HAPPENED_COMPLAINT)
@@ -229,12 +289,16 @@ static std::string without_count(const happening &what)
 static void note_afterwards(course &course, int boot)
 {
     for (const happening &what : record_all())
-        if (what.boot == boot && (what.kind == HAPPENED_COMMAND || what.kind == HAPPENED_MESSAGE))
+        if (what.boot == boot && (what.kind == HAPPENED_COMMAND || what.kind == HAPPENED_MESSAGE ||
+                                  what.kind == HAPPENED_UPLOAD))
             course.afterwards.push_back(time_span(what.ms) + " " + what.who + " " + what.whom +
                                         without_count(what));
     if (agent_state_get() != AGENT_RUNNING)
         course.problems.push_back("the agent does not run in the boot afterwards");
 }
+
+static const char *const s_documents[] = {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs",
+                                          "bypass_mgr_dumprecord.ejs"};
 
 /* Whether a scenario puts a file with that content on the disk, somewhere below value. */
 static bool puts_text(const json_value &value, const std::string &content)
@@ -245,23 +309,18 @@ static bool puts_text(const json_value &value, const std::string &content)
         return std::any_of(value.Begin(), value.End(), puts);
     if (!value.IsObject())
         return false;
-    return node_text_of(&value, "text", "") == content ||
+    return (node_member(&value, "text") != NULL && node_text_of(&value, "text", "") == content) ||
            std::any_of(value.MemberBegin(), value.MemberEnd(),
                        [&puts](const auto &member) { return puts(member.value); });
 }
 
 /* A document that is there loads, unless it is the damaged one of the scenario that nobody has
- * replaced, and nothing half-written lies beside it. */
+ * replaced. */
 static void check_documents(course &course, const struct scenario &scenario)
 {
-    static const char *const names[] = {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs",
-                                        "bypass_mgr_dumprecord.ejs"};
-
-    for (const char *name : names) {
+    for (const char *name : s_documents) {
         std::string path = agent_data_path(name);
 
-        if (machine_file_exists(text_wide(path + ".tmp")))
-            course.problems.push_back(std::string(name) + ".tmp is left behind");
         if (!machine_file_exists(text_wide(path)))
             continue;
         json_t *document = wdu_json_load_file_ejs(path.c_str());
@@ -271,6 +330,14 @@ static void check_documents(course &course, const struct scenario &scenario)
             course.problems.push_back(std::string(name) + " does not load");
         wdu_json_delete_ejs(document);
     }
+}
+
+/* Behind the undisturbed boots nothing half-written lies beside a document. */
+static void check_left_behind(course &course)
+{
+    for (const char *name : s_documents)
+        if (machine_file_exists(text_wide(agent_data_path(name) + ".tmp")))
+            course.problems.push_back(std::string(name) + ".tmp is left behind");
 }
 
 static uint64_t allocations(bool failed_only)
@@ -318,19 +385,25 @@ static void play_boot(course &course, const failure_list &failures)
         course.counts.back().calls[name] = calls_count(name);
     course.failures += allocations(true) - failed;
     for (const failure *failure : failures) {
+        uint64_t came_about = failure_came_about(*failure, course.counts.back());
+
         failure_disarm(*failure);
-        course.failures += failure_came_about(*failure, course.counts.back());
+        if (failure->way != FAILS_ALLOCATION)
+            course.failures += came_about;
+        if (came_about == 0)
+            course.missed.push_back(failure);
     }
 }
 
-static void play_boots(course &course, const failure_set &failures)
+static void play_boots(course &course, const struct scenario &scenario, const failure_set &failures)
 {
     for (size_t boot = 0; play_begin_boot(); boot++) {
         play_boot(course, boot < failures.size() ? failures[boot] : failure_list());
         course.exits += agent_state_get() == AGENT_EXITED;
-        if (boot > 0 && boot == failures.size())
+        if (!failures.empty() && boot >= failures.size())
             note_afterwards(course, static_cast<int>(boot + 1));
         play_end_boot();
+        check_documents(course, scenario);
     }
 }
 
@@ -346,13 +419,13 @@ static course play(const file_sweep &sweep, const struct scenario &scenario,
         play_open(scenario, {sweep.folder.path, sweep.options.plugin_path, false, true});
         if (record_view() == NULL)
             oxnih_log_set_sink(NULL, NULL); /* nobody reads the lines */
-        play_boots(course, failures);
+        play_boots(course, scenario, failures);
     } catch (const devhost_error &error) {
         course.problems.push_back(error.what());
     }
     (void)play_close();
     note_complaints(course);
-    check_documents(course, scenario);
+    check_left_behind(course);
     course.problems.insert(course.problems.end(), s_lost.begin(), s_lost.end());
     return course;
 }
@@ -400,7 +473,8 @@ struct boot_sweep {
     size_t boot;
 };
 
-static void run_failures(file_sweep &sweep, const boot_sweep &now, const failure_set &failures)
+static failure_list run_failures(file_sweep &sweep, const boot_sweep &now,
+                                 const failure_set &failures)
 {
     std::string again =
         text_format("oxni_devhost sweep %s --only %u %s", sweep.options.kind.c_str(),
@@ -412,13 +486,31 @@ static void run_failures(file_sweep &sweep, const boot_sweep &now, const failure
     course disturbed = play(sweep, now.scenario, failures);
     std::vector<std::string> found = violations(now.plain, disturbed);
 
+    if (sweep.options.kind == "calls" && disturbed.exits > now.plain.exits)
+        found.push_back("the allocation guard ends the agent, and no allocation failed");
     sweep.runs++;
     sweep.failed += disturbed.failures;
     sweep.exits += disturbed.exits;
-    if (found.empty())
-        return;
-    sweep.violations++;
-    print_violation(sweep, failures, again, found);
+    if (!found.empty()) {
+        sweep.violations++;
+        print_violation(sweep, failures, again, found);
+    }
+    return disturbed.missed;
+}
+
+/* A run; what did not come about beside other failures is tried again with none beside it. */
+static void run_index(file_sweep &sweep, const boot_sweep &now, const failure_set &failures)
+{
+    failure_list missed = run_failures(sweep, now, failures);
+
+    for (size_t first = 0; first < missed.size(); first += LIVES) {
+        failure_set alone(now.boot);
+
+        for (size_t i = first; i < std::min(first + LIVES, missed.size()); i++)
+            alone.push_back({missed[i]});
+        alone.resize(now.boot + LIVES);
+        sweep.missed += run_failures(sweep, now, alone).size();
+    }
 }
 
 static bool is_mine(const struct sweep_options &options, size_t index)
@@ -447,12 +539,21 @@ static void run_list(file_sweep &sweep, const boot_sweep &now, const std::vector
             for (size_t at = life; life < lives && at < list.size(); at += lives)
                 failures.back().push_back(&list[at]);
         }
-        run_failures(sweep, now, failures);
+        run_index(sweep, now, failures);
+    }
+}
+
+static void tell_undisturbed(file_sweep &sweep, const course &course)
+{
+    for (const std::string &problem : course.problems) {
+        sweep.violations++;
+        printf("violation: %s, undisturbed: %s\n", sweep.options.files.front().c_str(),
+               problem.c_str());
     }
 }
 
 /* The products as each boot begins with them. */
-static std::vector<std::vector<std::string>> states_at_boots(const file_sweep &sweep,
+static std::vector<std::vector<std::string>> states_at_boots(file_sweep &sweep,
                                                              const struct scenario &whole)
 {
     struct scenario plain;
@@ -468,8 +569,7 @@ static std::vector<std::vector<std::string>> states_at_boots(const file_sweep &s
     sweep_strip(plain);
     course course = play(sweep, plain, {});
     states.insert(states.end(), course.states.begin(), course.states.end());
-    for (const std::string &problem : course.problems)
-        printf("%s, undisturbed: %s\n", sweep.options.files.front().c_str(), problem.c_str());
+    tell_undisturbed(sweep, course);
     return states;
 }
 
@@ -485,6 +585,7 @@ static void sweep_file(file_sweep &sweep, const struct scenario &whole)
         now.boot = boot;
         prepare(whole, boot, states.at(boot), now.scenario);
         now.plain = play(sweep, now.scenario, failure_set(boot + LIVES));
+        tell_undisturbed(sweep, now.plain);
         boot_failures list = failures_list(sweep.options.kind, now.plain.counts[boot]);
         run_list(sweep, now, list.once, AT_ONCE);
         run_list(sweep, now, list.forever, 1);
@@ -503,10 +604,11 @@ static int sweep_part(const struct sweep_options &options)
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
     memory_disk_open(text_wide(folder.path));
     scenario_load(scenario, options.files.front(), {});
-    file_sweep sweep = {options, folder, 0, 0, 0, 0, 0};
+    file_sweep sweep = {options, folder, 0, 0, 0, 0, 0, 0};
     sweep_file(sweep, scenario);
-    printf("figures %llu %llu %llu\n", static_cast<unsigned long long>(sweep.runs),
+    printf("figures %llu %llu %llu %llu\n", static_cast<unsigned long long>(sweep.runs),
            static_cast<unsigned long long>(sweep.failed),
+           static_cast<unsigned long long>(sweep.missed),
            static_cast<unsigned long long>(sweep.exits));
     fflush(stdout);
     return sweep.violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
@@ -518,7 +620,7 @@ static int sweep_shared(const struct sweep_options &options)
     std::vector<std::vector<std::string>> jobs;
     ULONGLONG began = GetTickCount64();
     size_t parts = options.every > 1 ? 1 : 8;
-    unsigned long long runs = 0, failed = 0, exits = 0, violations = 0, n[3];
+    unsigned long long runs = 0, failed = 0, missed = 0, exits = 0, violations = 0, n[4];
 
     for (const std::string &file : options.files)
         for (size_t part = 0; part < parts; part++)
@@ -526,18 +628,20 @@ static int sweep_shared(const struct sweep_options &options)
                             options.place, "--every", std::to_string(options.every), "--part",
                             std::to_string(part), "--parts", std::to_string(parts)});
     for (const std::string &line : jobs_run(jobs)) {
-        if (sscanf(line.c_str(), "figures %llu %llu %llu", &n[0], &n[1], &n[2]) == 3) {
+        if (sscanf(line.c_str(), "figures %llu %llu %llu %llu", &n[0], &n[1], &n[2], &n[3]) == 4) {
             runs += n[0];
             failed += n[1];
-            exits += n[2];
+            missed += n[2];
+            exits += n[3];
             continue;
         }
         violations += line.rfind("violation:", 0) == 0;
         printf("%s\n", line.c_str());
     }
-    printf("%-12s %8s %10s %12s %11s %8s\n%-12s %8llu %10llu %12llu %11llu %8.1f\n", "sweep",
-           "runs", "failures", "guard exits", "violations", "seconds", options.kind.c_str(), runs,
-           failed, exits, violations, static_cast<double>(GetTickCount64() - began) / 1000.0);
+    printf("%-12s %8s %10s %8s %12s %11s %8s\n%-12s %8llu %10llu %8llu %12llu %11llu %8.1f\n",
+           "sweep", "runs", "failures", "missed", "guard exits", "violations", "seconds",
+           options.kind.c_str(), runs, failed, missed, exits, violations,
+           static_cast<double>(GetTickCount64() - began) / 1000.0);
     return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
