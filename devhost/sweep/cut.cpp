@@ -200,6 +200,7 @@ static const std::string s_names[] = {
     "agent\\var\\bypass_mgr\\bypass_mgr_dumprecord.ejs",
     "base\\Quorvel\\OXNI3_CFG\\driver\\oxni_driver_recover",
     "agent\\bin\\crash_config.cfg",
+    "base\\Quorvel\\OXNI3_CFG\\oxnisp_driver\\crash_config.cfg",
 };
 
 static file_set files_of(const std::string &folder)
@@ -279,17 +280,19 @@ static std::string products_now(void)
     return all;
 }
 
-/* The files that the ended process left, in place of ours. */
+/* The files that the ended process left, in place of ours; those that are alike keep their times,
+ * which a recovery tag is judged by. */
 static void take_over(const cut_run &run)
 {
-    file_set left = files_of(run.dead.path);
+    file_set left = files_of(run.dead.path), ours = files_of(run.folder.path);
 
-    for (const auto &file : files_of(run.folder.path))
+    for (const auto &file : ours)
         if (left.count(file.first) == 0)
             DeleteFileW(text_wide(run.folder.path + "\\" + file.first).c_str());
     for (const auto &file : left)
-        machine_write_file(text_wide(run.folder.path + "\\" + file.first), file.second,
-                           oxnih_clock_now_100ns(), oxnih_clock_now_100ns());
+        if (ours.count(file.first) == 0 || ours[file.first] != file.second)
+            machine_write_file(text_wide(run.folder.path + "\\" + file.first), file.second,
+                               oxnih_clock_now_100ns(), oxnih_clock_now_100ns());
 }
 
 /* One slice; result: whether the agent ended in it or at its end. at: where it is to be. */

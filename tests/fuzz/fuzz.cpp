@@ -22,6 +22,7 @@ static const fuzz_target *const s_targets[] = {
 };
 
 static std::string s_folder;
+static const run_folder *s_run_folder;
 
 uint64_t chance::next()
 {
@@ -200,6 +201,11 @@ const std::string &fuzz_folder(void)
     return s_folder;
 }
 
+void fuzz_empty_folder(void)
+{
+    s_run_folder->empty();
+}
+
 void put_file(const std::string &path, const std::string &bytes)
 {
     DWORD written = 0;
@@ -283,6 +289,7 @@ int main(int argc, char **argv)
         run_folder folder("", arguments.place);
 
         s_folder = folder.path + "\\";
+        s_run_folder = &folder;
         memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);
         run(arguments);

@@ -60,6 +60,8 @@ class guarded
 
 /* Where files of the trials lie, with a backslash at the end; UTF-8. */
 const std::string &fuzz_folder(void);
+/* Deletes all of them. */
+void fuzz_empty_folder(void);
 
 /* Replaces a file of the trials by those bytes. */
 void put_file(const std::string &path, const std::string &bytes);

@@ -10,15 +10,16 @@
 
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
+#include <oxni/base/log.h>
 #include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
 
 #include "agent.h"
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
-#include "machine/memory_disk.h"
 #include "scenario/play.h"
 #include "scenario/record.h"
+#include "sweep/leaks.h"
 #include "text.h"
 
 /* Inputs from one start of the agent to the next; reports that wait for an answer add up. */
@@ -36,6 +37,7 @@ static const std::vector<const char *> s_words = {
     "p1",    "p2",     "p3",       "modify",     "bypass"};
 
 static std::vector<oxni_subscriber *> s_subscribers;
+static uint64_t s_left;   /* subscribers, since the agent's start */
 static chance *s_answers; /* for those given inside of an input */
 
 static void ignore(oxni_subscriber *, uint32_t, void *, json_t *)
@@ -50,32 +52,32 @@ static std::string plugin_path(void)
     return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
 }
 
-static void lost(const char *site, uint64_t blocks, uint64_t, void *user)
-{
-    uint64_t *failed = static_cast<uint64_t *>(user);
-
-    /* The product's name is left with an upload that failed in transport. */
-    if (blocks <= *failed)
-        *failed = 0;
-    else
-        violated(text_format("%llu blocks from %s are lost",
-                             static_cast<unsigned long long>(blocks), site));
-}
-
 static void look_through(const void *plugin)
 {
     uint64_t failed = 0;
 
     for (const happening &what : record_all())
         failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
-    oxnih_memory_lost(plugin, lost, &failed);
+    for (const std::string &lost : leaks_of_agent(plugin, failed))
+        violated(lost);
 }
 
-/* Unsubscribing gives a reference back whether the handle was filed or not. */
+/* Unsubscribing gives a reference back whether the handle was filed or not: once for each that
+ * leaves. */
 static void complained(const char *text, void *)
 {
-    if (strstr(text, "no reference of subscriber") == NULL)
+    if (strstr(text, "no reference of subscriber") == NULL || s_left == 0)
         violated(text);
+    s_left--;
+}
+
+static void put_document(const char *name, json_t *document)
+{
+    for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
+        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), NULL);
+    if (document != NULL && wdu_json_dump_file_ejs(document, agent_data_path(name).c_str()) != 0)
+        violated(std::string(name) + " cannot be written");
+    json_decref(document);
 }
 
 /* This boot's store blames a module, so that every product that registers is ordered into bypass
@@ -87,31 +89,56 @@ static void blame(void)
                                0, NULL);
 
     json_object_set_new(store, "start_time", json_integer(BOOT));
-    for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
-        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), NULL);
-    if (wdu_json_dump_file_ejs(store, agent_data_path("bypass_mgr_persistence.ejs").c_str()) != 0)
-        violated("the store cannot be written");
-    json_decref(store);
-    memory_disk_delete(agent_data_path("bypass_mgr_upload.ejs"));
+    put_document("bypass_mgr_persistence.ejs", store);
 }
 
+/* Documents that are whole and hold what nobody wrote; a store that is mostly of this boot. */
+static void put_odd_documents(chance &chance)
+{
+    static const std::vector<const char *> keys = {
+        "start_time", "data", "crash_info", "module_name", "create_time", "path",
+        "count",      "p1",   "p2",         "status",      "dump_time"};
+
+    for (const char *name :
+         {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs", "bypass_mgr_dumprecord.ejs"}) {
+        std::string text = odd_json(keys, s_words, chance);
+        json_t *document = json_loadb(text.data(), text.size(), 0, NULL);
+
+        if (json_is_object(document) && !chance.one_in(4))
+            json_object_set_new(document, "start_time", json_integer(BOOT));
+        put_document(name, document);
+    }
+}
+
+/* What lies on the disk when the agent starts. */
+enum disk {
+    DISK_EMPTY,
+    DISK_BLAMES, /* a module, in the store of this boot */
+    DISK_ODD
+};
+
 /* period: its number. The guard, and with it the look for what is lost, takes its time. */
-static void start_afresh(bool blamed, uint64_t period)
+static void start_afresh(enum disk disk, uint64_t period, chance &chance)
 {
     static struct scenario scenario;
 
     (void)play_close();
-    oxnih_memory_set_mode(period % 4 == 0 ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+    oxnih_memory_set_mode(period % 16 == 0 ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     s_subscribers.clear();
+    s_left = 0;
+    fuzz_empty_folder();
     scenario.file = "fuzz";
     scenario.document.Parse(R"({"boots": [{"agent_start": null, "until": 1000000}]})");
     play_open(scenario,
               {fuzz_folder().substr(0, fuzz_folder().size() - 1), plugin_path(), false, true});
     oxnih_log_set_sink(NULL, NULL);
+    oxnih_log_set_level(period % 8 == 1 ? OXNI_LOG_DEBUG : -1);
     oxnih_set_complaint(complained, NULL);
     (void)play_begin_boot();
-    if (blamed)
+    if (disk == DISK_BLAMES)
         blame();
+    if (disk == DISK_ODD)
+        put_odd_documents(chance);
     play_start_agent();
     play_run_until(10000);
 }
@@ -120,6 +147,44 @@ static void open_host(void)
 {
     record_set_view(NULL, NULL);
     agent_watch_end(look_through);
+}
+
+static json_t *nested(size_t depth)
+{
+    json_t *value = json_array();
+
+    while (depth-- > 0) {
+        json_t *outer = json_array();
+
+        json_array_append_new(outer, value);
+        value = outer;
+    }
+    return value;
+}
+
+/* What the text of a message cannot hold, or holds too seldom. */
+static void make_odder(json_t *message, chance &chance)
+{
+    static const char *const members[] = {"product_name", "type", "status"};
+    static const char *const types[] = {"reg", "reg", "modify"};
+    json_t *data = json_object_get(message, "data");
+    json_t *bytes = json_stringn_nocheck("\xff\xfe\x80", 3);
+
+    if (chance.one_in(3))
+        json_object_set_new(message, "type", json_string(chance.of(types)));
+    if (chance.one_in(20))
+        json_object_set(message, chance.of(members), bytes);
+    if (chance.one_in(20))
+        json_array_append(json_object_get(data, "driver_module"), bytes);
+    if (chance.one_in(30))
+        json_object_set_new(message, "product_name", json_string("crash_info"));
+    if (chance.one_in(300))
+        json_object_set_new(message, "product_name", json_string(std::string(100000, 'n').c_str()));
+    if (chance.one_in(100))
+        json_object_set_new(chance.one_in(2) ? data : message,
+                            chance.one_in(2) ? "driver_module" : "data",
+                            nested(chance.below(1500)));
+    json_decref(bytes);
 }
 
 /* Either kind of text: made up, or a good one that was damaged. NULL: no JSON. */
@@ -134,8 +199,8 @@ static json_t *odd_message(chance &chance)
         text = odd_json(s_keys, s_words, chance);
     json_t *message = json_loadb(text.data(), text.size(),
                                  chance.one_in(2) ? JSON_ALLOW_NUL : JSON_DECODE_ANY, NULL);
-    if (message != NULL && chance.one_in(20))
-        json_object_set_new(message, "product_name", json_stringn_nocheck("\xff\xfe\x80", 3));
+    if (json_is_object(message))
+        make_odder(message, chance);
     return message;
 }
 
@@ -162,6 +227,7 @@ static void order_driver(chance &chance)
 
 static void leave(size_t index)
 {
+    s_left++;
     oxnih_subscriber_leave(s_subscribers[index]);
     oxni_subscriber_delete(s_subscribers[index]);
     s_subscribers.erase(s_subscribers.begin() + static_cast<int>(index));
@@ -184,7 +250,7 @@ static void try_message(chance &chance, uint64_t number)
                                            "bypass -x y z", "bypass -h", "bypass -p -p -p"};
 
     if (agent_state_get() != AGENT_RUNNING || number % MESSAGES_PERIOD == 0)
-        start_afresh(chance.one_in(2), number / MESSAGES_PERIOD);
+        start_afresh(static_cast<enum disk>(chance.below(3)), number / MESSAGES_PERIOD, chance);
     oxnih_core_set_lenient(!chance.one_in(4));
     json_t *message = odd_message(chance);
     size_t whom = chance.below(s_subscribers.size());
@@ -211,10 +277,10 @@ const fuzz_target fuzz_messages = {"messages", open_host, try_message, MESSAGES_
 /* What the management side says it knows. */
 static std::string odd_echo(chance &chance)
 {
-    static const std::vector<const char *> keys = {"total", "info", "product_name", "device_id",
+    static const std::vector<const char *> keys = {"total", "info", "product", "device_id",
                                                    "agent_version"};
     static const std::vector<const char *> words = {"KVD", "p1", "d", "16.20.933"};
-    std::string text = R"({"total": 1, "info": [{"product_name": "KVD", "device_id": "d",
+    std::string text = R"({"total": 1, "info": [{"product": "KVD", "device_id": "d",
                            "agent_version": "1"}]})";
 
     if (chance.one_in(2))
@@ -250,7 +316,7 @@ static void try_answer(chance &chance, uint64_t number)
 {
     s_answers = &chance;
     if (agent_state_get() != AGENT_RUNNING || number % ANSWERS_PERIOD == 0) {
-        start_afresh(true, number / ANSWERS_PERIOD);
+        start_afresh(DISK_BLAMES, number / ANSWERS_PERIOD, chance);
         oxnih_dbg_set_handler("oxni", answer_echo, NULL);
         oxnih_res_set_handler(ALARM_PATH, answer_upload, NULL);
     }

@@ -33,6 +33,7 @@ static std::string event(chance &chance)
                                              L"Other",
                                              L""};
     static const uint32_t ids[] = {12, 41, 1001, 7001, 7036, 0x400003e9};
+    static const DWORD lengths[] = {0, 1, 4, 55, 56, 57, 0x7fffffff, 0xffffffff};
     std::string bytes(sizeof(EVENTLOGRECORD), '\0');
     EVENTLOGRECORD header = {};
 
@@ -46,6 +47,8 @@ static std::string event(chance &chance)
         put_text(&bytes, std::wstring(chance.below(chance.one_in(20) ? 3000 : 40), L'x'));
     bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
     header.Length = static_cast<DWORD>(bytes.size());
+    if (chance.one_in(30))
+        header.Length = chance.of(lengths);
     memcpy(&bytes[0], &header, sizeof(header));
     memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
     return bytes;
