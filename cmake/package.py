@@ -31,7 +31,7 @@ LICENCES = [
     ("libevtx", "oxni_devhost.exe (static)", "LGPL 3 or later",
      f"{deps}/source/**/libevtx-*/COPYING"),
     ("gpl-3", "the licence that the LGPL 3 adds to", "", "/usr/share/common-licenses/GPL-3"),
-    ("zlib", "liboxnialgo.dll, oxni_devhost.exe (static)", "zlib",
+    ("zlib", "liboxnialgo.dll (static)", "zlib",
      f"{DOC}/libz-mingw-w64-dev/copyright"),
     ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
      "several, permissive, among them MIT and the Zope licence",

@@ -231,22 +231,21 @@ static void add_redact(CLI::App &app, int *status)
         "redact", "Copies evidence as a scenario without names of computers and people");
 
     add_evidence_options(*command, *arguments);
-    command->add_option("FOLDER", arguments->first, "New folder for the scenario")->required();
+    command->add_option("FOLDER", arguments->folder, "New folder for the scenario")->required();
     command->callback([arguments, status] { *status = replay_command_redact(*arguments); });
 }
 
 static void add_diff(CLI::App &app, int *status)
 {
-    auto arguments = std::make_shared<replay_arguments>();
+    auto files = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App *command =
         app.add_subcommand("diff", "Tells what differs between two results of replay --json");
 
-    command->add_option("OLD", arguments->first, "Result of replay --json")->required();
-    command->add_option("NEW", arguments->second, "Another one")->required();
+    command->add_option("OLD", files->first, "Result of replay --json")->required();
+    command->add_option("NEW", files->second, "Another one")->required();
     command->footer(
         "Exit status: 0 nothing differs, 1 something does, 3 a file is no such result.");
-    command->callback(
-        [arguments, status] { *status = replay_diff(arguments->first, arguments->second); });
+    command->callback([files, status] { *status = replay_diff(files->first, files->second); });
 }
 
 static const char s_events_footer[] =
@@ -269,8 +268,8 @@ static void add_events(CLI::App &app, int *status)
     CLI::App *command =
         app.add_subcommand("events", "Prints the records of a log as JSON, for a scenario");
 
-    command->add_option("FILE", arguments->first, "System log: .evtx, or such JSON")->required();
-    command->add_option("-o,--output", arguments->second, "File to write, instead of stdout");
+    command->add_option("FILE", arguments->log, "System log: .evtx, or such JSON")->required();
+    command->add_option("-o,--output", arguments->output, "File to write, instead of stdout");
     command->add_option("--from", arguments->from, "Lowest record number")->type_name("N");
     command->add_option("--to", arguments->to, "Highest record number")->type_name("N");
     add_damage_options(*command, *arguments);

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Every command in the documents is run, on evidence of the project where a name is a placeholder;
-links and paths lead somewhere; every member of a scenario is told.
+"""Every ./dev command in the documents is run, on evidence of the project where a name is a
+placeholder, or asked whether it knows its options where it would take long; links and paths lead
+somewhere; every member of a scenario is told.
 
 usage: docs_test.py PROJECT_FOLDER
 """
@@ -13,14 +14,14 @@ import subprocess
 import sys
 import tempfile
 
-# What would take minutes is asked for its help, or made small; a person's console gets no input.
+# What would take minutes is asked for its help, which must tell of the options that a document names.
 SHORT = {
     "test": ["help"],
     "check": ["help"],
     "clean": ["help"],
     "format": ["help"],
     "package": ["help"],
-    "bench": ["help"],
+    "bench": ["bench", "--help"],
     "sweep": ["sweep", "--help"],
     "cut": ["cut", "--help"],
     "fuzz": ["fuzz", "--help"],
@@ -97,6 +98,9 @@ def main(root):
                 arguments = SHORT.get(words[1] if len(words) > 1 else "help", words[1:])
                 done = subprocess.run([root / "dev", *arguments], cwd=folder, stdin=subprocess.DEVNULL,
                                       capture_output=True, text=True, timeout=300)
+                for option in words[2:] if arguments != words[1:] else []:
+                    if option.startswith("--") and option not in done.stdout:
+                        problems.append(f"{document.name}: {' '.join(words)}: no such option {option}")
                 allowed = STATUS.get(words[2] if len(words) > 2 else "", (0,))
                 if done.returncode not in allowed:
                     problems.append(f"{document.name}: {' '.join(words)}: status {done.returncode}\n"

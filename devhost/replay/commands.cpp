@@ -45,19 +45,19 @@ int replay_command(struct replay_arguments &arguments)
 int replay_command_redact(struct replay_arguments &arguments)
 {
     prepare(arguments);
-    return replay_redact(arguments.options, arguments.first);
+    return replay_redact(arguments.options, arguments.folder);
 }
 
 int replay_command_events(const struct replay_arguments &arguments)
 {
-    const std::string &output = arguments.second;
+    const std::string &output = arguments.output;
     evidence_log log;
 
     if (arguments.from > arguments.to)
         throw devhost_error(EXIT_BAD_CALL, "--from is higher than --to");
-    evidence_log_read(arguments.first, allowed(arguments), &log);
+    evidence_log_read(arguments.log, allowed(arguments), &log);
     for (const std::string &line : evidence_log_damage(log, SIZE_MAX))
-        fprintf(stderr, "oxni_devhost: %s: %s\n", arguments.first.c_str(), line.c_str());
+        fprintf(stderr, "oxni_devhost: %s: %s\n", arguments.log.c_str(), line.c_str());
     const std::string text = evidence_log_json(log, arguments.from, arguments.to);
 
     _setmode(_fileno(stdout), _O_BINARY); /* the same bytes as in a file */

@@ -16,7 +16,8 @@ struct replay_arguments {
     bool strict = false;
     bool lenient = false;
     std::string memory = "plain"; /* or "guard" */
-    std::string first, second;    /* names without an option */
+    std::string folder;           /* new one, for a redacted scenario */
+    std::string log, output;      /* of "events": read, and written; empty: stdout */
     uint64_t from = 0, to = UINT64_MAX;
 };
 
