@@ -18,7 +18,7 @@
 
 /* The real calls, by their names: this program's own imports are led here, too. */
 #define REAL(library, name)                                                                        \
-    static const auto real_##name = reinterpret_cast<decltype(&name)>(                             \
+    static const auto real_##name = reinterpret_cast<decltype(&(name))>(                           \
         reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(library), #name)))
 
 REAL(L"kernel32.dll", CreateFileW);

@@ -33,6 +33,12 @@
 #define RESTART_MS   5000u
 #define EXIT_CUT     99
 
+/* Whether a name is a document's, of which there is no third state. */
+static bool is_document(const std::string &name)
+{
+    return name.size() > 4 && name.compare(name.size() - 4, 4, ".ejs") == 0;
+}
+
 /* What happens at the operations of this process. */
 static struct {
     uint64_t count; /* so far */
@@ -42,6 +48,7 @@ static struct {
     void (*before)(bool writes); /* may be NULL */
     HANDLE held; /* what is open in this operation, which Windows closes with the process */
     FILE *stream;
+    std::string deleted; /* a document that was deleted, so that for a while there is none */
 } s_ops;
 
 /* Result: whether this write is to be done by half first. */
@@ -112,6 +119,8 @@ template <int module> struct operations {
     static BOOL WINAPI do_remove(const wchar_t *path)
     {
         (void)operation(false);
+        if (is_document(text_narrow(path)))
+            s_ops.deleted = text_narrow(path);
         return remove(path);
     }
     static BOOL WINAPI do_set_time(HANDLE file, const FILETIME *created, const FILETIME *accessed,
@@ -219,12 +228,6 @@ static file_set files_of(const std::string &folder)
         }
     }
     return files;
-}
-
-/* Whether a name is a document's, of which there is no third state. */
-static bool is_document(const std::string &name)
-{
-    return name.size() > 4 && name.compare(name.size() - 4, 4, ".ejs") == 0;
 }
 
 /* What the uncut run was like: before each operation the files, and whether it writes; at last the
@@ -422,7 +425,7 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
     watch_try("oxni_devhost cut " + run.options.files.front() + " --from " + std::to_string(at),
               at);
     unsigned status = jobs_run_process(arguments, &output);
-    s_ops = {0, at, torn, end_agent, NULL, NULL, NULL};
+    s_ops = {0, at, torn, end_agent, NULL, NULL, NULL, ""};
     run.cuts++;
     if (status != EXIT_CUT)
         violation(run, text_format("the process ended with status %u", status));
@@ -432,12 +435,14 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
 
 static void cut_file(cut_run &run)
 {
-    s_ops = {0, 0, false, end_agent, note_operation, NULL, NULL};
+    s_ops = {0, 0, false, end_agent, note_operation, NULL, NULL, ""};
     s_run = &run;
     watch_try("oxni_devhost run " + run.options.files.front(), 0);
     moment nowhere = {};
     (void)play_here(run, ENDS_AT_OPERATION, &nowhere);
     run.plain.files.push_back(files_of(run.folder.path));
+    if (!s_ops.deleted.empty())
+        violation(run, s_ops.deleted + " is deleted, and a cut behind it finds none");
     for (uint64_t at = 1; at <= run.plain.writes.size(); at++) {
         if (at < run.options.from || at % run.options.every != 0)
             continue;
@@ -450,7 +455,7 @@ static void cut_file(cut_run &run)
 /* This process is the one that ends. */
 static int cut_here(const struct scenario &scenario, const struct cut_options &options)
 {
-    s_ops = {0, options.at, options.torn, end_process, NULL, NULL, NULL};
+    s_ops = {0, options.at, options.torn, end_process, NULL, NULL, NULL, ""};
     moment nowhere = {};
     (void)play_all_boots(scenario, options.plugin_path, options.keep, ENDS_AT_OPERATION, &nowhere);
     return EXIT_EXPECTATION_FAILED; /* there is no such operation */

@@ -17,8 +17,6 @@ struct subscriber_table {
 
 static subscriber_table &s_table = *new subscriber_table;
 
-/* Handles */
-
 static void free_unreferenced(oxni_subscriber *subscriber)
 {
     if (subscriber->user_references != 0 || subscriber->platform_references != 0)
@@ -114,8 +112,6 @@ uint64_t oxnih_core_excess_deletes(void)
     return s_table.excess_deletes;
 }
 
-/* Services */
-
 static void tell(enum oxnih_event_kind kind, oxni_subscriber *subscriber, const std::string &name,
                  json_t *message, const char *text)
 {
@@ -180,8 +176,6 @@ void service_receive(const service &home, oxni_subscriber *subscriber, json_t *m
     tell(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, NULL);
     home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
 }
-
-/* Registration and leaving */
 
 /* The platform's reference for the living subscriber. */
 static void hold(oxni_subscriber *subscriber)
