@@ -20,9 +20,10 @@ target_compile_definitions(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERF
 target_compile_options(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_OPTIONS>)
 target_link_libraries(own_code INTERFACE stack_guard)
 
-# Undefined behaviour ends the program, in a build for tests only. Guarded blocks end where a page
-# does and begin anywhere, which is no fault on this processor.
-option(BYPASS_TRAP "trap on undefined behaviour" OFF)
+# Undefined behaviour ends the program, in a build for tests only, whose development host guards the
+# plug-in's blocks unless told otherwise. Those end where a page does and begin anywhere, which is no
+# fault on this processor.
+option(BYPASS_TRAP "trap on undefined behaviour, and guard blocks" OFF)
 if(BYPASS_TRAP)
   target_compile_options(own_code INTERFACE -O0 -fsanitize=undefined -fno-sanitize=alignment,vptr
     -fsanitize-undefined-trap-on-error -Wno-error)

@@ -29,7 +29,7 @@ struct arguments {
     std::vector<std::string> files;
     std::vector<std::string> defines; /* NAME=VALUE */
     std::string log = "none";
-    std::string memory = "plain";
+    std::string memory = BYPASS_USUAL_MEMORY;
     bool json = false;
     bool quiet = false;
     bool messages = false;
@@ -135,7 +135,8 @@ static void add_common_options(CLI::App &command, arguments &arguments)
     add_plugin_option(command, arguments.session.plugin_path);
     command.add_option("--keep", arguments.session.keep, "Folder for the run's files, kept");
     command.add_flag("--messages", arguments.messages, "Shows messages as they stand");
-    command.add_flag("--trace", arguments.session.trace, "Shows every call of the plug-in");
+    command.add_flag("--trace", arguments.session.trace,
+                     "Shows the calls of the plug-in that can fail or that tell what it does");
 }
 
 static void add_run(CLI::App &app, int *status)

@@ -15,9 +15,9 @@ struct replay_arguments {
     bool boots = false; /* lists the boots, and plays none */
     bool strict = false;
     bool lenient = false;
-    std::string memory = "plain"; /* or "guard" */
-    std::string folder;           /* new one, for a redacted scenario */
-    std::string log, output;      /* of "events": read, and written; empty: stdout */
+    std::string memory = BYPASS_USUAL_MEMORY; /* "plain" or "guard" */
+    std::string folder;                       /* new one, for a redacted scenario */
+    std::string log, output;                  /* of "events": read, and written; empty: stdout */
     uint64_t from = 0, to = UINT64_MAX;
 };
 
