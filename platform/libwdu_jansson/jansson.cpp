@@ -1,6 +1,8 @@
-/* Jansson's set-up in this process, before anybody can call it. Its functions are exported by the
- * .def file beside this one. */
+/* Jansson's set-up in this process, before anybody can call it, and the one function of it that is
+ * replaced. The others are exported by the .def file beside this one. */
 #include <jansson.h>
+
+#include <string.h>
 
 #include <liboxnibase/host.h>
 #include <oxni/base/memory.h>
@@ -14,4 +16,47 @@ __attribute__((constructor)) static void set_up()
     json_set_alloc_funcs(oxni_zero_malloc_, oxni_free_);
     json_object_seed(HASH_SEED);
     oxnih_memory_see_through(reinterpret_cast<const void *>(&set_up));
+}
+
+/* A text in the making. */
+struct text_sink {
+    char *text; /* ends with a NUL; NULL before the first piece */
+    size_t used, size;
+    bool failed;
+};
+
+static int add_piece(const char *piece, size_t length, void *user)
+{
+    text_sink *sink = static_cast<text_sink *>(user);
+    size_t size = sink->size != 0 ? sink->size : 256;
+
+    while (size - sink->used <= length)
+        size *= 2;
+    if (size != sink->size && !sink->failed) {
+        char *grown = static_cast<char *>(oxni_ralloc_(sink->text, size));
+
+        sink->failed = grown == NULL;
+        sink->text = grown != NULL ? grown : sink->text;
+        sink->size = grown != NULL ? size : sink->size;
+    }
+    if (sink->failed)
+        return -1;
+    memcpy(sink->text + sink->used, piece, length);
+    sink->used += length;
+    sink->text[sink->used] = '\0';
+    return 0;
+}
+
+/* Jansson's own goes on when there is no memory for a member's name, and gives a text without it
+ * that nobody can read again. */
+extern "C" char *wdu_json_dumps(const json_t *json, size_t flags);
+
+char *wdu_json_dumps(const json_t *json, size_t flags)
+{
+    text_sink sink = {NULL, 0, 0, false};
+
+    if (json_dump_callback(json, add_piece, &sink, flags) == 0 && !sink.failed)
+        return sink.text;
+    oxni_free_(sink.text);
+    return NULL;
 }
