@@ -498,19 +498,33 @@ static failure_list run_failures(file_sweep &sweep, const boot_sweep &now,
     return disturbed.missed;
 }
 
-/* A run; what did not come about beside other failures is tried again with none beside it. */
+/* Runs of failures that did not come about: at_once of them, each alone in its boot. Result: those
+ * that did not come about again. */
+static failure_list run_again(file_sweep &sweep, const boot_sweep &now, const failure_list &missed,
+                              size_t at_once)
+{
+    failure_list left;
+
+    for (size_t first = 0; first < missed.size(); first += at_once) {
+        failure_set alone(now.boot);
+
+        for (size_t i = first; i < std::min(first + at_once, missed.size()); i++)
+            alone.push_back({missed[i]});
+        alone.resize(now.boot + LIVES);
+        failure_list again = run_failures(sweep, now, alone);
+        left.insert(left.end(), again.begin(), again.end());
+    }
+    return left;
+}
+
+/* A run. What did not come about there comes with none beside it in its boot, and at last with none
+ * in the boots before it either, where all is as in the run without failures. */
 static void run_index(file_sweep &sweep, const boot_sweep &now, const failure_set &failures)
 {
     failure_list missed = run_failures(sweep, now, failures);
 
-    for (size_t first = 0; first < missed.size(); first += LIVES) {
-        failure_set alone(now.boot);
-
-        for (size_t i = first; i < std::min(first + LIVES, missed.size()); i++)
-            alone.push_back({missed[i]});
-        alone.resize(now.boot + LIVES);
-        sweep.missed += run_failures(sweep, now, alone).size();
-    }
+    missed = run_again(sweep, now, missed, LIVES);
+    sweep.missed += run_again(sweep, now, missed, 1).size();
 }
 
 static bool is_mine(const struct sweep_options &options, size_t index)
