@@ -43,6 +43,9 @@ check_hardening() {
         fail "$module: a section is writable and executable"
     "$objdump" -h "$module" | grep -F .gnu_debuglink >/dev/null || fail "$module: no debug link"
     "$objdump" -h "$module" | grep -F .debug_info >/dev/null && fail "$module: symbols are in it"
+    for dated in "$module" "$module.debug"; do
+        "$objdump" -p "$dated" | grep -q "^Time/Date.* 1970$" || fail "$dated: has a date, no two builds are alike"
+    done
     for folder in ${paths//:/ } /usr/src/ /home/ /root/; do
         grep -F -e "$folder" "$module" "$module.debug" >/dev/null && fail "$module: names $folder"
     done
