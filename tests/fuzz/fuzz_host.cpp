@@ -75,7 +75,9 @@ static void put_document(const char *name, json_t *document)
 {
     for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
         CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), NULL);
-    if (document != NULL && wdu_json_dump_file_ejs(document, agent_data_path(name).c_str()) != 0)
+    /* Nothing else is a document. */
+    if (json_is_object(document) &&
+        wdu_json_dump_file_ejs(document, agent_data_path(name).c_str()) != 0)
         violated(std::string(name) + " cannot be written");
     json_decref(document);
 }
