@@ -128,15 +128,23 @@ static int set_text(json_t *object, const char *key, const char *text)
     return text != NULL ? json_object_set_new(object, key, json_string(text)) : 0;
 }
 
+/* As set_text; what is no UTF-8, as a name of an old code page or one that was cut within a
+ * character, has no member either, and the alarm goes out without it. */
+static int set_foreign_text(json_t *object, const char *key, const char *text)
+{
+    if (text == NULL || MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, -1, NULL, 0) == 0)
+        return 0;
+    return set_text(object, key, text);
+}
+
 static int set_crash(json_t *detail, const struct crash_info *crash)
 {
     json_t *crash_json = json_object();
     int failed = 0;
 
-    /* Lost when it is no UTF-8, as a name of an old code page can be; the alarm is not. */
-    (void)set_text(crash_json, "dumpPath", crash->crash_path);
-    failed |= set_text(crash_json, "dumpPathCreateTime", crash->crash_create_time);
-    failed |= set_text(crash_json, "crashModuleName", crash->crash_module);
+    failed |= set_foreign_text(crash_json, "dumpPath", crash->crash_path);
+    failed |= set_foreign_text(crash_json, "dumpPathCreateTime", crash->crash_create_time);
+    failed |= set_foreign_text(crash_json, "crashModuleName", crash->crash_module);
     failed |= json_object_set_new(detail, "crashInfo", crash_json);
     return failed;
 }
@@ -168,9 +176,10 @@ static int set_identity(json_t *data, const char *product)
     const struct device_info *device = report_link_device(product);
     int failed = 0;
 
-    failed |= set_text(data, "deviceId", device != NULL ? device->device_id : "XNI_DEVICE_ID");
-    failed |= set_text(data, "appversion",
-                       device != NULL ? device->agent_version : REPORT_PRODUCT_VERSION);
+    failed |=
+        set_foreign_text(data, "deviceId", device != NULL ? device->device_id : "XNI_DEVICE_ID");
+    failed |= set_foreign_text(data, "appversion",
+                               device != NULL ? device->agent_version : REPORT_PRODUCT_VERSION);
     failed |= set_text(data, "reportProductVer", REPORT_PRODUCT_VERSION);
     failed |= set_text(data, "productType", product);
     failed |= set_text(data, "reportProductType", product);
@@ -300,17 +309,19 @@ static int upload_bypass_report(char *const *names, int32_t driver_count, const 
         LOG_WARN("error: on line %d: %s", error.line, error.text);
         return -1;
     }
-    user =
-        oxni_strdup(product); /* freed by the answer; without it nobody notes what was reported */
-    if (user == NULL ||
-        json_object_set_new(json_object_get(request, "data"), "content",
+    if (json_object_set_new(json_object_get(request, "data"), "content",
                             build_alarm_content(names, driver_count, product, crash)) != 0) {
         LOG_WARN("Failed to zero_malloc memory");
-        oxni_free_(user);
         json_decref(request);
         return -1;
     }
     log_request(request);
+    user = oxni_strdup(product); /* freed by the answer */
+    if (user == NULL) {          /* nobody would note what was reported */
+        LOG_WARN("Failed to strdup memory");
+        json_decref(request);
+        return -1;
+    }
     LOG_INFO("start upload bypass log for [%s]", product);
     if (oxni_res_deliver(REPORT_RESOURCE, request, user, upload_reply_cb, 0) != 0)
         oxni_free_(user);
