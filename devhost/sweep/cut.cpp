@@ -25,7 +25,7 @@
 #include "../session.h"
 #include "../text.h"
 #include "jobs.h"
-#include "sweep.h"
+#include "lives.h"
 #include "watch.h"
 
 #define HANG_SECONDS 120
@@ -469,7 +469,7 @@ static int cut_part(const struct cut_options &options)
     lead_platform();
     agent_watch_start(lead_plugin);
     scenario_load(scenario, options.files.front(), {});
-    sweep_strip(scenario);
+    lives_strip(scenario);
     if (options.at != 0)
         return cut_here(scenario, options);
     run_folder folder("", options.place), dead(folder.path + "-dead");

@@ -12,8 +12,6 @@
 #include <string>
 #include <vector>
 
-struct scenario;
-
 struct sweep_options {
     std::string kind; /* "allocations" or "calls" */
     std::vector<std::string> files;
@@ -24,9 +22,6 @@ struct sweep_options {
     size_t from = 0;            /* first run */
     int64_t only = -1;          /* this run alone, with what happens in it */
 };
-
-/* Leaves out what a scenario expects, and the allocations that it makes fail itself. */
-void sweep_strip(struct scenario &scenario);
 
 /* Sweeps the files, and prints violations and a table. Result: enum devhost_exit. Throws
  * devhost_error. Host's one thread. */
