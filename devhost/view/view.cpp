@@ -48,7 +48,9 @@ std::string view_json(const happening &what)
                        "\"who\": ",
                        what.boot, static_cast<unsigned long long>(what.ms),
                        time_iso(what.now, true).c_str(), record_kind_name(what.kind)) +
-           text_quoted(what.who) + ", \"text\": " + text_quoted(what.text) +
+           text_quoted(what.who) + ", \"text\": " +
+           /* A line of the plug-in may be cut within a character; JSON is whole. */
+           text_quoted(text_narrow(text_wide(what.text))) +
            (what.whom.empty() ? "" : ", \"whom\": " + text_quoted(what.whom)) +
            (what.json.empty() ? "" : ", \"message\": " + what.json) + "}";
 }
