@@ -46,18 +46,32 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path)
     oxnih_memory_see_through(reinterpret_cast<const void *>(&exit_agent));
 }
 
+static HMODULE load_plugin(const std::string &path, plugin_init_fn *init)
+{
+    HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
+
+    if (plugin == NULL)
+        throw devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
+                                                        path.c_str(), GetLastError()));
+    *init = reinterpret_cast<plugin_init_fn>(
+        reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
+    if (*init == NULL)
+        throw devhost_error(EXIT_NO_PLUGIN, path + ": does not export oxni_plugin_init");
+    return plugin;
+}
+
+void agent_check_plugin(const std::string &plugin_path)
+{
+    plugin_init_fn init;
+
+    FreeLibrary(load_plugin(plugin_path, &init));
+}
+
 void agent_start(void)
 {
     plugin_init_fn init;
 
-    s_plugin = LoadLibraryW(text_wide(s_plugin_path).c_str());
-    if (s_plugin == NULL)
-        throw devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
-                                                        s_plugin_path.c_str(), GetLastError()));
-    init = reinterpret_cast<plugin_init_fn>(
-        reinterpret_cast<void *>(GetProcAddress(s_plugin, "oxni_plugin_init")));
-    if (init == NULL)
-        throw devhost_error(EXIT_NO_PLUGIN, s_plugin_path + ": does not export oxni_plugin_init");
+    s_plugin = load_plugin(s_plugin_path, &init);
     memory_disk_lead(s_plugin, false);
     calls_patch(s_plugin);
     if (s_start_fn != NULL)

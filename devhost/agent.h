@@ -19,6 +19,10 @@ enum agent_state {
 /* Gives the agent its folders below the run's one, and names the plug-in to load. UTF-8. */
 void agent_open(const std::string &run_folder, const std::string &plugin_path);
 
+/* Loads a plug-in and frees it again, without a call of its entry. Throws devhost_error with
+ * EXIT_NO_PLUGIN as agent_start does. */
+void agent_check_plugin(const std::string &plugin_path);
+
 /* Loads the plug-in, leads its calls through the machine and calls its entry. Throws devhost_error:
  * EXIT_NO_PLUGIN when it cannot be loaded or lacks the entry. */
 void agent_start(void);

@@ -510,5 +510,6 @@ int cut_scenarios(const struct cut_options &options)
 
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
+    jobs_check(all.files, all.plugin_path);
     return all.worker || all.at != 0 || all.from != 0 ? cut_part(all) : cut_shared(all);
 }

@@ -7,8 +7,20 @@
 #include <mutex>
 #include <thread>
 
+#include "../agent.h"
+#include "../scenario/scenario.h"
 #include "../text.h"
 #include "watch.h"
+
+void jobs_check(const std::vector<std::string> &files, const std::string &plugin_path)
+{
+    for (const std::string &file : files) {
+        struct scenario scenario;
+
+        scenario_load(scenario, file, {});
+    }
+    agent_check_plugin(plugin_path);
+}
 
 /* As the C runtime of the process takes it apart again; our arguments end in no backslash. */
 static std::wstring command_line(const std::vector<std::string> &arguments)

@@ -8,6 +8,10 @@
 #include <string>
 #include <vector>
 
+/* What all of them need, before the first one starts: the scenarios load, and so does the plug-in.
+ * Throws devhost_error with EXIT_BAD_CALL or EXIT_NO_PLUGIN. */
+void jobs_check(const std::vector<std::string> &files, const std::string &plugin_path);
+
 /* Runs this program with those arguments (UTF-8) and waits for its end. output: what it wrote to
  * its standard output; its errors go where ours do. Result: its exit status; 259 when it cannot be
  * started. */

@@ -513,6 +513,7 @@ int sweep_run(const struct sweep_options &options)
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
     view.log_level = OXNI_LOG_INFO;
+    jobs_check(all.files, all.plugin_path);
     view_open(view);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
     return all.parts != 0 || all.only >= 0 ? sweep_part(all) : sweep_shared(all);

@@ -233,7 +233,8 @@ static bool parse(int argc, char **argv, arguments *arguments)
             arguments->target = target;
     for (int i = 2; i + 1 < argc; i += 2) {
         std::string name = argv[i];
-        uint64_t number = strtoull(argv[i + 1], NULL, 10);
+        char *end = NULL;
+        uint64_t number = strtoull(argv[i + 1], &end, 10);
 
         if (name == "--inputs")
             arguments->inputs = number;
@@ -244,6 +245,8 @@ static bool parse(int argc, char **argv, arguments *arguments)
         else if (name == "--place")
             arguments->place = argv[i + 1];
         else
+            return false;
+        if (name != "--place" && (end == argv[i + 1] || *end != '\0'))
             return false;
     }
     return arguments->target != NULL && argc % 2 == 0;
@@ -259,12 +262,12 @@ static void run(const arguments &arguments)
         uint64_t fresh = i / target.period * target.period;
         chance chance(arguments.seed << 32 ^ i);
 
-        if (i % 64 == 0 || target.period > 1)
-            watch_try(text_format(
-                          "fuzz %s --seed %llu --from %llu --inputs %llu", target.name,
-                          static_cast<unsigned long long>(arguments.seed),
-                          static_cast<unsigned long long>(fresh),
-                          static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1 : 64)),
+        if (i % 64 == 0 || i == arguments.from || target.period > 1)
+            watch_try(text_format("fuzz %s --seed %llu --from %llu --inputs %llu", target.name,
+                                  static_cast<unsigned long long>(arguments.seed),
+                                  static_cast<unsigned long long>(fresh),
+                                  static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1
+                                                                                    : 64 - i % 64)),
                       i);
         target.try_one(chance, i);
     }
