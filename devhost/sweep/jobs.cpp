@@ -1,6 +1,7 @@
 /* Processes of this program, and the threads that wait for them. */
 #include "jobs.h"
 
+#include <stdio.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -11,6 +12,8 @@
 #include "../scenario/scenario.h"
 #include "../text.h"
 #include "watch.h"
+
+#define START_TRIES 3
 
 void jobs_check(const std::vector<std::string> &files, const std::string &plugin_path)
 {
@@ -46,34 +49,62 @@ static std::string read_all(HANDLE pipe)
     return all;
 }
 
+/* Of the last call; what comes of it shows in the status, which says that there is none. */
+static void complain(const char *call)
+{
+    fprintf(stderr, "oxni_devhost: %s failed, error %lu\n", call, GetLastError());
+}
+
+/* Result: the process, its handle the caller's; NULL when it cannot be started. Wine's start of a
+ * process fails once in some 16,000 times, with ERROR_INTERNAL_ERROR and before the program runs,
+ * and succeeds when it is tried again. */
+static HANDLE start(std::wstring line, HANDLE output)
+{
+    STARTUPINFOW startup = {};
+    PROCESS_INFORMATION process = {};
+    BOOL started = FALSE;
+
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = INVALID_HANDLE_VALUE;
+    startup.hStdOutput = output;
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    for (int i = 0; i < START_TRIES && !started; i++) {
+        started =
+            CreateProcessW(NULL, line.data(), NULL, NULL, TRUE, 0, NULL, NULL, &startup, &process);
+        if (!started && GetLastError() != ERROR_INTERNAL_ERROR)
+            break;
+    }
+    if (!started) {
+        complain("CreateProcessW");
+        return NULL;
+    }
+    CloseHandle(process.hThread);
+    return process.hProcess;
+}
+
 unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string *output)
 {
     static std::mutex starting; /* else a process would inherit another one's pipe */
     SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
-    std::wstring line = command_line(arguments);
-    STARTUPINFOW startup = {};
-    PROCESS_INFORMATION process = {};
     HANDLE read = NULL, write = NULL;
     DWORD status = STILL_ACTIVE;
     std::unique_lock<std::mutex> lock(starting);
 
-    CreatePipe(&read, &write, &inherited, 0);
+    if (!CreatePipe(&read, &write, &inherited, 0)) {
+        complain("CreatePipe");
+        return status;
+    }
     SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = INVALID_HANDLE_VALUE;
-    startup.hStdOutput = write;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-    bool started = CreateProcessW(NULL, line.data(), NULL, NULL, TRUE, 0, NULL, NULL, &startup,
-                                  &process) != FALSE;
+    HANDLE process = start(command_line(arguments), write);
     CloseHandle(write);
     lock.unlock();
-    if (started) {
+    if (process != NULL) {
         *output = read_all(read);
-        WaitForSingleObject(process.hProcess, INFINITE);
-        GetExitCodeProcess(process.hProcess, &status);
-        CloseHandle(process.hThread);
-        CloseHandle(process.hProcess);
+        if (WaitForSingleObject(process, INFINITE) != WAIT_OBJECT_0 ||
+            !GetExitCodeProcess(process, &status))
+            complain("waiting for the process");
+        CloseHandle(process);
     }
     CloseHandle(read);
     return status;
