@@ -55,8 +55,10 @@ static HMODULE load_plugin(const std::string &path, plugin_init_fn *init)
                                                         path.c_str(), GetLastError()));
     *init = reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
-    if (*init == NULL)
+    if (*init == NULL) {
+        FreeLibrary(plugin);
         throw devhost_error(EXIT_NO_PLUGIN, path + ": does not export oxni_plugin_init");
+    }
     return plugin;
 }
 
