@@ -55,9 +55,9 @@ static void complain(const char *call)
     fprintf(stderr, "oxni_devhost: %s failed, error %lu\n", call, GetLastError());
 }
 
-/* Result: the process, its handle the caller's; NULL when it cannot be started. Wine's start of a
- * process fails once in some 16,000 times, with ERROR_INTERNAL_ERROR and before the program runs,
- * and succeeds when it is tried again. */
+/* Result: the process, its handle the caller's; NULL when it cannot be started. Where Wine's loader
+ * lies at random (cmake/wine-run), one start in some ten thousand fails with ERROR_INTERNAL_ERROR,
+ * before the program runs, and the next one succeeds. */
 static HANDLE start(std::wstring line, HANDLE output)
 {
     STARTUPINFOW startup = {};
