@@ -101,9 +101,10 @@ unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string
     lock.unlock();
     if (process != NULL) {
         *output = read_all(read);
-        if (WaitForSingleObject(process, INFINITE) != WAIT_OBJECT_0 ||
-            !GetExitCodeProcess(process, &status))
-            complain("waiting for the process");
+        if (WaitForSingleObject(process, INFINITE) != WAIT_OBJECT_0)
+            complain("WaitForSingleObject");
+        else if (!GetExitCodeProcess(process, &status))
+            complain("GetExitCodeProcess");
         CloseHandle(process);
     }
     CloseHandle(read);

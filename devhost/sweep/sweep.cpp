@@ -437,13 +437,15 @@ static void sweep_file(file_sweep &sweep, const struct scenario &whole)
 
     watch_try("oxni_devhost run " + sweep.options.files.front(), 0);
     std::vector<std::vector<std::string>> states = states_at_boots(sweep, whole);
-    for (size_t boot = 0; boot < boots; boot++) {
+    for (size_t boot = 0; boot < std::min(boots, states.size()); boot++) {
         boot_sweep now = {};
 
         now.boot = boot;
         lives_prepare(whole, boot, states.at(boot), now.scenario);
         now.plain = play(sweep, now.scenario, failure_set(boot + LIVES));
         tell_undisturbed(sweep, now.plain);
+        if (now.plain.counts.size() <= boot)
+            return; /* it was not played so far, which is told */
         boot_failures list = failures_list(sweep.options.kind, now.plain.counts[boot]);
         run_list(sweep, now, list.once, AT_ONCE);
         run_list(sweep, now, list.forever, 1);

@@ -246,7 +246,7 @@ static bool parse(int argc, char **argv, arguments *arguments)
             arguments->place = argv[i + 1];
         else
             return false;
-        if (name != "--place" && (end == argv[i + 1] || *end != '\0'))
+        if (name != "--place" && (argv[i + 1][0] < '0' || argv[i + 1][0] > '9' || *end != '\0'))
             return false;
     }
     return arguments->target != NULL && argc % 2 == 0;
