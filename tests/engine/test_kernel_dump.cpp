@@ -232,26 +232,3 @@ TEST(kernel_dump, test_cut_off_anywhere)
     }
     EXPECT_EQ(read(std::vector<uint8_t>({'M', 'D', 'M', 'P'})).error, KERNEL_DUMP_USER_MODE);
 }
-
-/* A damaged dump is refused with a reason, or what was read of it holds together. Another seed with
- * every round of --gtest_shuffle --gtest_repeat=N. */
-TEST(kernel_dump, test_damaged)
-{
-    dump_model model;
-    std::mt19937_64 random((uint64_t)testing::UnitTest::GetInstance()->random_seed());
-    int accepted = 0;
-
-    model.stack = {TWO, 0, NT, ONE, 5, TWO, 7, 8};
-    for (int i = 0; i < 20000; i++) {
-        std::vector<uint8_t> bytes = dump_build(model);
-
-        dump_mutate(&bytes, &random);
-        const outcome made = read(bytes);
-
-        ASSERT_EQ(made.reason.empty(), made.error == KERNEL_DUMP_OK) << "dump " << i;
-        accepted += made.error == KERNEL_DUMP_OK;
-        ASSERT_LE(kernel_dump_walk(made.dump, 99).size(), 99u) << "dump " << i;
-        ASSERT_EQ(call_sites(made.dump, 99).find('\n'), std::string::npos) << "dump " << i;
-    }
-    EXPECT_NEAR(accepted, 10000, 9000); /* neither is the reader blind nor all damage deadly */
-}

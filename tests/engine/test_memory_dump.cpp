@@ -497,35 +497,6 @@ TEST(memory_dump, test_hole_anywhere)
     }
 }
 
-/* A damaged dump is refused with a reason, or what was read of it holds together. */
-TEST(memory_dump, test_mutated)
-{
-    const memory_model memory(machine());
-    std::mt19937_64 random(20210222);
-
-    for (const kind_row &row : s_kinds) {
-        const std::vector<uint8_t> whole = memory.build(row.kind, row.layout);
-        const std::vector<uint64_t> places = memory.vital_places(row.layout);
-        int accepted = 0;
-
-        for (int i = 0; i < 2000; i++) {
-            std::vector<uint8_t> bytes = whole;
-            kernel_dump dump;
-            std::string reason;
-
-            memory_mutate(&bytes, places, &random);
-            const enum kernel_dump_error error = read(bytes, &dump, &reason);
-
-            ASSERT_EQ(reason.empty(), error == KERNEL_DUMP_OK) << row.row << i;
-            ASSERT_EQ(sites_of(dump).find('\n'), std::string::npos) << row.row << i;
-            ASSERT_LE(dump.stack.size(), 0x10000u) << row.row << i;
-            accepted += error == KERNEL_DUMP_OK;
-        }
-        EXPECT_GT(accepted, 100) << row.row;
-        EXPECT_LT(accepted, 1900) << row.row;
-    }
-}
-
 /* What is missing stands before the stack. */
 TEST_F(engine_test, test_incomplete_dump)
 {
