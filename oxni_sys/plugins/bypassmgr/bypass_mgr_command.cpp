@@ -10,6 +10,7 @@
 #include <oxni/base/subscribee.h>
 
 #include "bypass_log.h"
+#include "json_text.h"
 
 /* Kept with each command until its reply. */
 enum command_kind {

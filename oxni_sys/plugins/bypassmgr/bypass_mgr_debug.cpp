@@ -7,17 +7,18 @@
 #include <string.h>
 
 #include "bypass_log.h"
+#include "json_text.h"
 
 const char bypass_mgr_dbg_help[] = "details of onxi app bypass\n\t oxni bypass  -r: Restore all "
                                    "drivers\n\t oxni bypass  -p: Output all drive statesn";
 
 static void echo_json(oxni_dbg_context *context, const json_t *json)
 {
-    char *text = bypass_json_text(json);
+    char *text = json_text_dump(json);
 
     if (text != NULL)
         oxni_dbg_echo(context, 0, text);
-    bypass_json_text_free(text);
+    json_text_free(text);
 }
 
 /* Everybody gets the command, bypassed or not. The tag goes on to recover those that are still in

@@ -11,6 +11,7 @@
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
+#include "time_text.h"
 
 /*
  * Names by their hashes: tells most names that are not among them without a look-up, which compares
@@ -115,7 +116,7 @@ static void bypass_everybody(const char *module_name)
 static void decide_blue_screen(struct suber_set *record, const crash_module_set &modules,
                                const char *dump_path)
 {
-    char create_time[BYPASS_TIME_TEXT_CHARS];
+    char create_time[TIME_TEXT_CHARS];
     const char *matched;
     int found;
 
@@ -128,7 +129,7 @@ static void decide_blue_screen(struct suber_set *record, const crash_module_set 
     }
     LOG_INFO("There is a module crash!");
     found = match_crash_module(modules, &matched);
-    bypass_time_text(bypass_mgr_file_creation_time(dump_path), create_time, sizeof(create_time));
+    time_text_local(bypass_mgr_file_creation_time(dump_path), create_time, sizeof(create_time));
     if (found != 0) {
         bypass_mgr_store_crash(dump_path, create_time, matched);
         bypass_everybody(matched);

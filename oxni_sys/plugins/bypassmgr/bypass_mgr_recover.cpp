@@ -17,6 +17,7 @@
 #include <oxni/base/timer.h>
 
 #include "bypass_log.h"
+#include "platform_path.h"
 
 #define RECOVER_CHECK_PERIOD_MS 60000u
 /* A signed 64-bit number and the salt. */
@@ -31,12 +32,12 @@
 /* The one pending check of the tag; 0: none. */
 static uint64_t s_recover_timer;
 /* Another place for the tag; empty: the default one. */
-static char s_recover_tag_path[BYPASS_PATH_CHARS];
+static char s_recover_tag_path[PLATFORM_PATH_CHARS];
 
 /* Result 0; -1 there is no base folder. */
 static int recover_tag_path(char *buffer, size_t size)
 {
-    char base[BYPASS_PATH_CHARS];
+    char base[PLATFORM_PATH_CHARS];
 
     if (s_recover_tag_path[0] != '\0') {
         (void)oxni_strlcpy(buffer, s_recover_tag_path, size);
@@ -105,7 +106,7 @@ void bypass_mgr_watch_recover_tag(void)
 
 int bypass_mgr_write_recover_tag(void)
 {
-    char path[BYPASS_PATH_CHARS], folder[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS], folder[PLATFORM_PATH_CHARS];
     HANDLE file;
     int result;
 
@@ -113,7 +114,7 @@ int bypass_mgr_write_recover_tag(void)
         return -1;
     (void)oxni_path_directory(path, folder, sizeof(folder));
     if (oxni_path_is_exist_u(folder) == 0)
-        (void)oxni_dirutils_mkdir(folder, BYPASS_FOLDER_MODE); /* creating the file tells */
+        (void)oxni_dirutils_mkdir(folder, PLATFORM_FOLDER_MODE); /* creating the file tells */
     file = CreateFileA(path, GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
     if (file == INVALID_HANDLE_VALUE) {
         LOG_WARN("create path(%s) failed!", path);
@@ -130,7 +131,7 @@ int bypass_mgr_write_recover_tag(void)
 
 int bypass_mgr_check_recover_tag(void)
 {
-    char path[BYPASS_PATH_CHARS], content[BYPASS_PATH_CHARS], expected[TAG_TEXT_CHARS];
+    char path[PLATFORM_PATH_CHARS], content[PLATFORM_PATH_CHARS], expected[TAG_TEXT_CHARS];
     FILETIME created = {0, 0};
     DWORD bytes = 0;
     HANDLE file;
@@ -164,7 +165,7 @@ int bypass_mgr_check_recover_tag(void)
 
 void bypass_mgr_delete_recover_tag(void)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
 
     if (recover_tag_path(path, sizeof(path)) != 0) {
         LOG_INFO("Failed to retrieve recovery tag path!");
@@ -180,7 +181,7 @@ void bypass_mgr_delete_recover_tag(void)
 
 int bypass_mgr_check_driver_update(void)
 {
-    char base[BYPASS_PATH_CHARS], path[BYPASS_PATH_CHARS];
+    char base[PLATFORM_PATH_CHARS], path[PLATFORM_PATH_CHARS];
     wchar_t *wide;
     int updated;
 

@@ -10,6 +10,7 @@
 #include <oxni/base/time.h>
 
 #include "bypass_log.h"
+#include "json_text.h"
 #include "bypass_mgr.h"
 
 /* A word of a message and the number that stands for it. */

@@ -8,6 +8,7 @@
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
+#include "platform_path.h"
 
 /* The whole document, {"start_time": boot, "data": {product: entry, "crash_info": crash}}. Lives as
  * long as the process. */
@@ -15,14 +16,15 @@ static json_t *s_persist_json;
 
 static int persistence_path(char *buffer, size_t size)
 {
-    bypass_data_path("@/../var/bypass_mgr/bypass_mgr_persistence.ejs", buffer, size);
+    platform_path_create_data_folder("@/../var/bypass_mgr/bypass_mgr_persistence.ejs", buffer,
+                                     size);
     return 0;
 }
 
 /* A failed write is not noticed: the document in memory goes on to hold. */
 static void write_document(void)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
 
     (void)persistence_path(path, sizeof(path));
     (void)wdu_json_dump_file_ejs(s_persist_json, path);
@@ -55,7 +57,7 @@ static void set_data_member(const char *name, json_t *member, int incomplete)
 
 void bypass_mgr_store_load(uint64_t boot_time)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
     json_t *data;
 
     (void)persistence_path(path, sizeof(path));

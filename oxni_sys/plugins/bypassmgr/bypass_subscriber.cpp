@@ -14,13 +14,15 @@
 
 #include "bypass_driver.h"
 #include "bypass_log.h"
+#include "json_text.h"
+#include "time_text.h"
 #include "bypass_mgr.h"
 #include "bypass_sp_driver.h"
 
-#define CHECK_PERIOD_MS 1800000u
-#define SETTER_TRIES    3
-#define SETTER_PAUSE_MS 10u
-#define TIME_TEXT_CHARS 260
+#define CHECK_PERIOD_MS  1800000u
+#define SETTER_TRIES     3
+#define SETTER_PAUSE_MS  10u
+#define ERROR_TIME_CHARS 260
 /* Passed to the service checks: they ask once and do not wait. */
 #define ASK_ONCE 1u
 
@@ -177,7 +179,7 @@ static void bypass_subscriber_cb(oxni_subscriber *subscriber, uint32_t event, vo
 static int32_t read_start_count(void)
 {
     crash_config_record record, sp_record;
-    char time_text[TIME_TEXT_CHARS] = "", sp_time_text[TIME_TEXT_CHARS] = "";
+    char time_text[ERROR_TIME_CHARS] = "", sp_time_text[ERROR_TIME_CHARS] = "";
     int result;
 
     memset(&record, 0, sizeof(record));

@@ -17,6 +17,8 @@
 
 #include "boot_time.h"
 #include "bypass_log.h"
+#include "json_text.h"
+#include "time_text.h"
 
 #define UPLOAD_DEFER_MS        60000u
 #define REPORT_RESOURCE        "/oxni/quality_opr"
@@ -165,7 +167,7 @@ static char *alarm_detail_text(char *const *names, int32_t driver_count,
         failed |= set_crash(detail, crash);
     failed |= json_array_append_new(list, detail);
     if (failed == 0)
-        text = bypass_json_text(list);
+        text = json_text_dump(list);
     json_decref(list);
     return text;
 }
@@ -233,7 +235,7 @@ static json_t *build_alarm_content(char *const *names, int32_t driver_count, con
 {
     json_t *content = json_object(), *data = json_object();
     boot_time_filetime boot_time;
-    char uuid_text[REPORT_TEXT_CHARS] = "", bypass_time[BYPASS_TIME_TEXT_CHARS];
+    char uuid_text[REPORT_TEXT_CHARS] = "", bypass_time[TIME_TEXT_CHARS];
     oxni_uuid uuid;
     int64_t timestamp;
     char *detail;
@@ -243,13 +245,13 @@ static json_t *build_alarm_content(char *const *names, int32_t driver_count, con
     (void)oxni_uuid_create(&uuid);
     (void)oxni_uuid_make_cstr(&uuid, uuid_text, sizeof(uuid_text));
     timestamp = oxni_time();
-    bypass_time_text(timestamp, bypass_time, sizeof(bypass_time));
+    time_text_local(timestamp, bypass_time, sizeof(bypass_time));
     detail = alarm_detail_text(names, driver_count, crash, bypass_time);
     failed |= json_object_set_new(data, "v", json_integer(1));
     failed |= set_text(data, "uuId", uuid_text);
     failed |= detail == NULL;
     failed |= set_text(data, "alarmResultDetail", detail);
-    bypass_json_text_free(detail);
+    json_text_free(detail);
     failed |= set_text(data, "alarmResultFile", "");
     failed |= set_identity(data, product);
     failed |= set_description(data, timestamp);
@@ -288,7 +290,7 @@ static void log_request(const json_t *request)
         return;
     text = json_dumps(request, JSON_INDENT(4));
     LOG_INFO("crach info %s", text != NULL ? text : "");
-    bypass_json_text_free(text);
+    json_text_free(text);
 }
 
 static int upload_bypass_report(char *const *names, int32_t driver_count, const char *product,

@@ -8,17 +8,19 @@
 #include <oxni/base/time.h>
 
 #include "bypass_log.h"
+#include "platform_path.h"
+#include "time_text.h"
 
 /* A new document, or NULL; path receives the file's path either way. */
 static json_t *load_history(char *path, size_t size)
 {
-    bypass_data_path("@/../var/bypass_mgr/bypass_mgr_upload.ejs", path, size);
+    platform_path_create_data_folder("@/../var/bypass_mgr/bypass_mgr_upload.ejs", path, size);
     return wdu_json_load_file_ejs(path);
 }
 
 int upload_history_need_report(const char *product)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
     json_t *history;
     int needed = 0;
 
@@ -39,7 +41,7 @@ int upload_history_need_report(const char *product)
 
 int upload_history_save(const char *product)
 {
-    char path[BYPASS_PATH_CHARS], now[BYPASS_TIME_TEXT_CHARS];
+    char path[PLATFORM_PATH_CHARS], now[TIME_TEXT_CHARS];
     json_t *history;
     int written;
 
@@ -48,7 +50,7 @@ int upload_history_save(const char *product)
     history = load_history(path, sizeof(path));
     if (history == NULL)
         history = json_object();
-    bypass_time_text(oxni_time(), now, sizeof(now));
+    time_text_local(oxni_time(), now, sizeof(now));
     written = json_object_set_new(history, product, json_string(now)) == 0 &&
               wdu_json_dump_file_ejs(history, path) == 0;
     if (!written)
@@ -59,7 +61,7 @@ int upload_history_save(const char *product)
 
 int upload_history_delete(const char *product)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
     json_t *history;
     int deleted = 0;
 

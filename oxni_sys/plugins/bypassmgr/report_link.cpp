@@ -14,6 +14,8 @@
 #include <oxni/base/timer.h>
 
 #include "bypass_log.h"
+#include "json_text.h"
+#include "platform_path.h"
 
 #define QUALITY_POLL_PERIOD_MS 60000u
 
@@ -160,7 +162,7 @@ void report_link_set_timer(uint64_t timer)
 
 void report_init(void)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
 
     s_device_info_map = oxni_xhash_create(device_info_free, 0);
     report_pending_create();

@@ -2,6 +2,7 @@
 #include "boot_time.h"
 
 #include "bypass_log.h"
+#include "time_text.h"
 #include "proc_address.h"
 
 #include <string.h>
@@ -137,7 +138,7 @@ boot_time_filetime estimate_boot_filetime(void)
 
 uint64_t get_bootup_time(void)
 {
-    char text[BYPASS_TIME_TEXT_CHARS];
+    char text[TIME_TEXT_CHARS];
     boot_time_filetime start_time = 0;
     uint32_t error = ERROR_NOT_FOUND;
     int64_t seconds;
@@ -154,7 +155,7 @@ uint64_t get_bootup_time(void)
         LOG_WARN("use tick count calc boot time!");
     }
     seconds = (int64_t)start_time / TICKS_PER_SECOND - SECONDS_1601_TO_1970;
-    bypass_time_text(seconds, text, sizeof(text));
+    time_text_local(seconds, text, sizeof(text));
     LOG_INFO("system boot up at [%s]", text);
     return (uint64_t)seconds;
 }

@@ -3,6 +3,7 @@
 #include "bypass_driver.h"
 
 #include "bypass_log.h"
+#include "platform_path.h"
 
 #include <stdlib.h>
 #include <wchar.h>
@@ -26,7 +27,7 @@
  * so that no other file is touched in its place. */
 static void crash_config_path(wchar_t *buffer)
 {
-    char executable[BYPASS_PATH_CHARS], folder[BYPASS_PATH_CHARS];
+    char executable[PLATFORM_PATH_CHARS], folder[PLATFORM_PATH_CHARS];
 
     buffer[0] = L'\0';
     if (oxni_process_path(executable, sizeof(executable)) != 0 ||
@@ -34,9 +35,9 @@ static void crash_config_path(wchar_t *buffer)
         return;
     wchar_t *wide = oxni_str_utf8_to_unicode(folder);
     if (wide != NULL &&
-        _snwprintf(buffer, BYPASS_PATH_CHARS - 1, L"%ls\\crash_config.cfg", wide) < 0)
+        _snwprintf(buffer, PLATFORM_PATH_CHARS - 1, L"%ls\\crash_config.cfg", wide) < 0)
         buffer[0] = L'\0';
-    buffer[BYPASS_PATH_CHARS - 1] = L'\0';
+    buffer[PLATFORM_PATH_CHARS - 1] = L'\0';
     oxni_str_free(wide);
 }
 
@@ -82,7 +83,7 @@ static int is_open_service_stopped(SC_HANDLE service, const wchar_t *name, int32
 
 int read_load_driver_crash_config(crash_config_record *record)
 {
-    wchar_t path[BYPASS_PATH_CHARS];
+    wchar_t path[PLATFORM_PATH_CHARS];
 
     crash_config_path(path);
     return read_crash_config(record, path);
@@ -90,7 +91,7 @@ int read_load_driver_crash_config(crash_config_record *record)
 
 int write_load_driver_crash_config(crash_config_record *record)
 {
-    wchar_t path[BYPASS_PATH_CHARS];
+    wchar_t path[PLATFORM_PATH_CHARS];
 
     crash_config_path(path);
     return write_crash_config(record, path);
@@ -212,13 +213,13 @@ uint32_t set_load_driver_crashflag(void)
 
 uint32_t create_service_crashflag(const wchar_t *service)
 {
-    wchar_t path[BYPASS_PATH_CHARS] = {};
+    wchar_t path[PLATFORM_PATH_CHARS] = {};
     HKEY key = NULL;
     LSTATUS error;
 
     if (service == NULL)
         return ERROR_INVALID_PARAMETER;
-    (void)_snwprintf(path, BYPASS_PATH_CHARS - 1, L"%ls%ls", SERVICES_KEY, service);
+    (void)_snwprintf(path, PLATFORM_PATH_CHARS - 1, L"%ls%ls", SERVICES_KEY, service);
     error = RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_CREATE_SUB_KEY, &key);
     if (error != ERROR_SUCCESS) {
         LOG_ERROR("open reg key %S failed %x.", path, (unsigned)error);
@@ -231,18 +232,18 @@ uint32_t create_service_crashflag(const wchar_t *service)
 
 uint32_t delete_service_crashflag(const wchar_t *service)
 {
-    wchar_t path[BYPASS_PATH_CHARS] = {};
+    wchar_t path[PLATFORM_PATH_CHARS] = {};
 
     if (service == NULL)
         return ERROR_INVALID_PARAMETER;
-    (void)_snwprintf(path, BYPASS_PATH_CHARS - 1, L"%ls%ls\\%ls", SERVICES_KEY, service,
+    (void)_snwprintf(path, PLATFORM_PATH_CHARS - 1, L"%ls%ls\\%ls", SERVICES_KEY, service,
                      CRASHFLAG_KEY);
     return delete_crashflag_key(path);
 }
 
 uint32_t recover_load_driver(void)
 {
-    wchar_t path[BYPASS_PATH_CHARS];
+    wchar_t path[PLATFORM_PATH_CHARS];
 
     (void)delete_service_crashflag(DRIVER_NAME); /* the mark goes with the next restart anyway */
     crash_config_path(path);

@@ -4,6 +4,7 @@
 
 #include "bypass_driver.h"
 #include "bypass_log.h"
+#include "platform_path.h"
 
 #include <algorithm>
 
@@ -36,7 +37,7 @@ static LSTATUS open_product_key(HKEY *key)
 
 int get_oxnisp_crash_config_path(wchar_t *buffer, int32_t size)
 {
-    char base[BYPASS_PATH_CHARS], path[2 * BYPASS_PATH_CHARS];
+    char base[PLATFORM_PATH_CHARS], path[2 * PLATFORM_PATH_CHARS];
 
     if (buffer == NULL || size < 1) {
         LOG_WARN("invalid parameter");
@@ -56,17 +57,17 @@ int get_oxnisp_crash_config_path(wchar_t *buffer, int32_t size)
 
 int read_oxnisp_crash_config(crash_config_record *record)
 {
-    wchar_t path[BYPASS_PATH_CHARS] = {};
+    wchar_t path[PLATFORM_PATH_CHARS] = {};
 
-    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS); /* without a path nothing opens */
+    (void)get_oxnisp_crash_config_path(path, PLATFORM_PATH_CHARS); /* without a path nothing opens */
     return read_crash_config(record, path);
 }
 
 int write_oxnisp_crash_config(crash_config_record *record)
 {
-    wchar_t path[BYPASS_PATH_CHARS] = {};
+    wchar_t path[PLATFORM_PATH_CHARS] = {};
 
-    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS);
+    (void)get_oxnisp_crash_config_path(path, PLATFORM_PATH_CHARS);
     return write_crash_config(record, path);
 }
 
@@ -117,9 +118,9 @@ uint32_t delete_oxnisp_crashflag(void)
 
 uint32_t recover_oxnisp_driver(void)
 {
-    wchar_t path[BYPASS_PATH_CHARS] = {};
+    wchar_t path[PLATFORM_PATH_CHARS] = {};
 
     (void)delete_oxnisp_crashflag(); /* the mark goes with the next restart anyway */
-    (void)get_oxnisp_crash_config_path(path, BYPASS_PATH_CHARS);
+    (void)get_oxnisp_crash_config_path(path, PLATFORM_PATH_CHARS);
     return delete_crash_record(path, "oxnisp_driver");
 }

@@ -4,6 +4,7 @@
 
 #include "boot_time.h"
 #include "bypass_log.h"
+#include "platform_path.h"
 
 #include <stdexcept>
 
@@ -18,7 +19,7 @@
 #define EXPANDED_CHARS   260
 #define DIRECTORY_CHARS  520
 
-#define DUMPRECORD_FILE  BYPASS_DATA_FOLDER "bypass_mgr_dumprecord.ejs"
+#define DUMPRECORD_FILE  PLATFORM_DATA_FOLDER "bypass_mgr_dumprecord.ejs"
 #define DUMPRECORD_TIME  "dump_time"
 
 /* Queries a value into a new buffer with room for a terminator behind it. value is NULL when memory
@@ -256,13 +257,13 @@ uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_modu
 
 int get_dumprecord_path(char *buffer, size_t size)
 {
-    bypass_data_path(DUMPRECORD_FILE, buffer, size);
+    platform_path_create_data_folder(DUMPRECORD_FILE, buffer, size);
     return 0;
 }
 
 bool get_dumprecord_time(int64_t *dump_time)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
     json_t *record, *value;
     bool found;
 
@@ -280,7 +281,7 @@ bool get_dumprecord_time(int64_t *dump_time)
 
 int set_dumprecord_time(int64_t dump_time)
 {
-    char path[BYPASS_PATH_CHARS];
+    char path[PLATFORM_PATH_CHARS];
     json_t *record = json_object();
     int written = 0;
 

@@ -1,0 +1,17 @@
+/* Logging of exceptions that would otherwise leave the plug-in. Any thread of the host. */
+#include "exception_boundary.h"
+
+#include <exception>
+
+#include "bypass_log.h"
+
+void exception_boundary_log(const char *function) noexcept
+{
+    try {
+        throw;
+    } catch (const std::exception &error) {
+        LOG_ERROR("%s: exception %s", function, error.what());
+    } catch (...) {
+        LOG_ERROR("%s: unknown exception", function);
+    }
+}
