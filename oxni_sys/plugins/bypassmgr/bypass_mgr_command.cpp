@@ -2,7 +2,7 @@
  * Commands to products: building and sending one, what its delivery reply changes, and the two
  * broadcasts. Host's subscriber, timer and console callbacks.
  */
-#include "bypass_mgr_internal.h"
+#include "bypass_mgr_command.h"
 
 #include <string.h>
 
@@ -10,6 +10,10 @@
 #include <oxni/base/subscribee.h>
 
 #include "bypass_log.h"
+#include "bypass_mgr_report.h"
+#include "bypass_mgr_store.h"
+#include "bypass_mgr_table.h"
+#include "exception_boundary.h"
 #include "json_text.h"
 
 /* Kept with each command until its reply. */
@@ -20,7 +24,7 @@ enum command_kind {
     COMMAND_SET_COUNT = 3,
 };
 
-static int32_t command_kind(const char *type)
+static enum command_kind kind_of_type(const char *type)
 {
     if (type == NULL || strcmp(type, "bypass") == 0)
         return COMMAND_BYPASS;
@@ -31,23 +35,28 @@ static int32_t command_kind(const char *type)
     return COMMAND_OTHER;
 }
 
-/* A new message; NULL when memory runs out. A message that lacks a member would be another command,
- * so there is a whole one or none. */
+/* A new message; NULL, logged, when it cannot be built. A message that lacks type or count would be
+ * another command; a reason that is no UTF-8, as a name that was truncated within a character,
+ * leaves "none": the order matters more than its reason. */
 static json_t *command_message(const struct bypass_cmd *request)
 {
     json_t *message = json_loads("{\"type\":\"bypass\",\"reason\":\"none\"}", 0, NULL);
-    int failed = 0;
+    const char *failed = message == NULL ? "message" : NULL;
 
-    if (request->type != NULL)
-        failed |= json_object_set_new(message, "type", json_string(request->type));
-    if (request->reason != NULL)
-        failed |= json_object_set_new(message, "reason", json_string(request->reason));
-    if (command_kind(request->type) == COMMAND_SET_COUNT)
-        failed |= json_object_set_new(message, "count", json_integer(request->count));
-    if (failed != 0) {
+    if (request->type != NULL &&
+        json_object_set_new(message, "type", json_string(request->type)) != 0)
+        failed = "type";
+    if (kind_of_type(request->type) == COMMAND_SET_COUNT &&
+        json_object_set_new(message, "count", json_integer(request->count)) != 0)
+        failed = "count";
+    if (failed != NULL) {
+        LOG_WARN("Malloc memory failure, command without %s is not sent", failed);
         json_decref(message);
         return NULL;
     }
+    if (request->reason != NULL &&
+        json_object_set_new(message, "reason", json_string(request->reason)) != 0)
+        LOG_WARN("command is sent without its reason");
     return message;
 }
 
@@ -61,14 +70,14 @@ static void bypass_delivered(struct suber_set *record)
               record->crash.crash_create_time, record->crash.crash_path);
     record->parsed = 1;
     (void)bypass_mgr_report_trigger(record);
-    (void)bypass_mgr_store_product(record);
+    bypass_mgr_store_product(record);
 }
 
 /* A push that worked. A "set_count" changes nothing here: the sender changed the count already. */
 static void command_delivered(int32_t kind, oxni_subscriber *subscriber, const char *ns,
                               const char *name)
 {
-    struct suber_set *record = bypass_mgr_find(subscriber);
+    struct suber_set *record = bypass_mgr_table_find(subscriber);
 
     if (record == NULL) {
         LOG_INFO("The subscriber may have lost contact");
@@ -83,39 +92,52 @@ static void command_delivered(int32_t kind, oxni_subscriber *subscriber, const c
     }
 }
 
-static void command_reply_cb(int32_t error, void *cookie, oxni_subscriber *subscriber,
-                             void *reserved)
+static void command_replied(int32_t error, int32_t kind, oxni_subscriber *subscriber)
 {
-    const oxni_subscriber_attr *attr;
-    const char *ns, *name;
-    int32_t kind;
+    const oxni_subscriber_attr *attr = oxni_subscriber_get_attr(subscriber);
+    const char *ns = attr != NULL ? attr->ns : "";
+    const char *name = attr != NULL ? attr->name : "";
 
-    (void)reserved;
-    if (cookie == NULL || subscriber == NULL)
-        return;
-    attr = oxni_subscriber_get_attr(subscriber);
-    ns = attr != NULL ? attr->ns : "";
-    name = attr != NULL ? attr->name : "";
-    kind = *(const int32_t *)cookie;
     if (error != 0)
         LOG_INFO("Sending notification failed, type(%d), ns(%s), name(%s), error(%d)", kind, ns,
                  name, error);
     else
         command_delivered(kind, subscriber, ns, name);
+}
+
+static void command_reply_cb(int32_t error, void *cookie, oxni_subscriber *subscriber,
+                             void *reserved)
+{
+    (void)reserved;
+    if (cookie == NULL || subscriber == NULL)
+        return;
+    exception_boundary("command reply",
+                       [&] { command_replied(error, *(const int32_t *)cookie, subscriber); });
     oxni_free_(cookie);
+}
+
+/* Pushes a message; kind is given back by the reply. A refused push gets no reply. */
+static void push_command(oxni_subscriber *subscriber, json_t *message, int32_t *kind)
+{
+    const oxni_subscriber_attr *attr = oxni_subscriber_get_attr(subscriber);
+
+    if (oxni_subscribee_pushback(subscriber, message, kind, command_reply_cb) == 0)
+        return;
+    LOG_WARN("push refused, type(%d), ns(%s), name(%s)", *kind, attr != NULL ? attr->ns : "",
+             attr != NULL ? attr->name : "");
+    oxni_free_(kind);
 }
 
 int bypass_mgr_send(oxni_subscriber *subscriber, const struct bypass_cmd *request)
 {
     int32_t *kind;
     json_t *message;
-    int result = 0;
 
     if (subscriber == NULL) {
         LOG_WARN("invalid parameter");
         return -1;
     }
-    if (bypass_mgr_find(subscriber) == NULL) {
+    if (bypass_mgr_table_find(subscriber) == NULL) {
         LOG_INFO("The subscriber may have lost contact");
         return 0;
     }
@@ -124,16 +146,16 @@ int bypass_mgr_send(oxni_subscriber *subscriber, const struct bypass_cmd *reques
         LOG_WARN("Malloc memory failure");
         return -1;
     }
-    *kind = command_kind(request->type);
+    *kind = kind_of_type(request->type);
     message = command_message(request);
-    LOG_INFO_JSON(message);
-    if (oxni_subscribee_pushback(subscriber, message, kind, command_reply_cb) != 0) {
-        LOG_WARN("Malloc memory failure");
-        oxni_free_(kind); /* no reply will come for it */
-        result = -1;
+    if (message == NULL) {
+        oxni_free_(kind);
+        return -1;
     }
+    LOG_INFO_JSON(message);
+    push_command(subscriber, message, kind);
     json_decref(message);
-    return result;
+    return 0;
 }
 
 void bypass_mgr_send_recovery(void)
@@ -142,12 +164,11 @@ void bypass_mgr_send_recovery(void)
     const oxni_xhash_entry *entry;
 
     LOG_INFO("Send recovery request");
-    for (entry = bypass_mgr_first_product(); entry != NULL;
-         entry = bypass_mgr_next_product(entry)) {
-        const struct suber_set *record = bypass_mgr_entry_record(entry);
+    for (entry = bypass_mgr_table_first(); entry != NULL; entry = bypass_mgr_table_next(entry)) {
+        const struct suber_set *record = bypass_mgr_table_record(entry);
 
         if (record->recover_sent == 0 && record->status == STATUS_BYPASS && record->parsed == 1)
-            (void)bypass_mgr_send(bypass_mgr_entry_subscriber(entry), &request);
+            (void)bypass_mgr_send(bypass_mgr_table_subscriber(entry), &request);
     }
 }
 
@@ -157,17 +178,16 @@ void bypass_mgr_calibrate_counts(void)
     const oxni_xhash_entry *entry;
 
     LOG_DEBUG("Send resetcount");
-    for (entry = bypass_mgr_first_product(); entry != NULL;
-         entry = bypass_mgr_next_product(entry)) {
-        const struct suber_set *record = bypass_mgr_entry_record(entry);
+    for (entry = bypass_mgr_table_first(); entry != NULL; entry = bypass_mgr_table_next(entry)) {
+        const struct suber_set *record = bypass_mgr_table_record(entry);
 
         if (record->status == STATUS_BYPASS || record->count < 2)
             continue;
         LOG_INFO("Send resetcount %s %d-->%d", suber_set_name(record), (int)record->count,
                  CALIBRATED_COUNT);
-        (void)bypass_mgr_send(bypass_mgr_entry_subscriber(entry), &request);
+        (void)bypass_mgr_send(bypass_mgr_table_subscriber(entry), &request);
         /* The old count goes into the store: the new one comes in with the product's next
          * registration. */
-        (void)bypass_mgr_store_product(record);
+        bypass_mgr_store_product(record);
     }
 }

@@ -2,15 +2,21 @@
  * The debug command "bypass": restores every product, or prints the state of each. Host's console
  * callbacks.
  */
-#include "bypass_mgr_internal.h"
+#include "bypass_mgr_debug.h"
 
 #include <string.h>
 
-#include "bypass_log.h"
-#include "json_text.h"
+#include <oxni/base/json.h>
 
-const char bypass_mgr_dbg_help[] = "details of onxi app bypass\n\t oxni bypass  -r: Restore all "
-                                   "drivers\n\t oxni bypass  -p: Output all drive statesn";
+#include "bypass_mgr_command.h"
+#include "bypass_mgr_table.h"
+#include "exception_boundary.h"
+#include "json_text.h"
+#include "recover_tag.h"
+
+const char bypass_mgr_dbg_help[] = R"(details of onxi app bypass
+	 oxni bypass  -r: Restore all drivers
+	 oxni bypass  -p: Output all drive statesn)";
 
 static void echo_json(oxni_dbg_context *context, const json_t *json)
 {
@@ -21,7 +27,7 @@ static void echo_json(oxni_dbg_context *context, const json_t *json)
     json_text_free(text);
 }
 
-/* Everybody gets the command, bypassed or not. The tag goes on to recover those that are still in
+/* Every product gets the command, bypassed or not. The tag recovers products that are still in
  * bypass after a later, normal start. */
 static void restore_all(oxni_dbg_context *context)
 {
@@ -29,17 +35,17 @@ static void restore_all(oxni_dbg_context *context)
     const oxni_xhash_entry *entry;
     json_t *names = json_array();
 
-    for (entry = bypass_mgr_first_product(); entry != NULL; entry = bypass_mgr_next_product(entry))
-        (void)bypass_mgr_send(bypass_mgr_entry_subscriber(entry), &request);
-    for (entry = bypass_mgr_first_product(); entry != NULL; entry = bypass_mgr_next_product(entry))
+    for (entry = bypass_mgr_table_first(); entry != NULL; entry = bypass_mgr_table_next(entry))
+        (void)bypass_mgr_send(bypass_mgr_table_subscriber(entry), &request);
+    for (entry = bypass_mgr_table_first(); entry != NULL; entry = bypass_mgr_table_next(entry))
         (void)json_array_append_new(names,
-                                    json_string(bypass_mgr_entry_record(entry)->product_name));
+                                    json_string(bypass_mgr_table_record(entry)->product_name));
     echo_json(context, names);
     json_decref(names);
-    (void)bypass_mgr_write_recover_tag(); /* it logs what failed */
+    (void)recover_tag_write(); /* it logs what failed */
 }
 
-/* A new object; what memory is too short for is left out. */
+/* A new object; members that memory is too short for are left out. */
 static json_t *product_state(const struct suber_set *record)
 {
     json_t *state = json_object(), *data = json_object(), *modules = json_array();
@@ -61,14 +67,14 @@ static void print_all(oxni_dbg_context *context)
     const oxni_xhash_entry *entry;
     json_t *states = json_array();
 
-    for (entry = bypass_mgr_first_product(); entry != NULL; entry = bypass_mgr_next_product(entry))
-        if (bypass_mgr_entry_record(entry) != NULL)
-            (void)json_array_append_new(states, product_state(bypass_mgr_entry_record(entry)));
+    for (entry = bypass_mgr_table_first(); entry != NULL; entry = bypass_mgr_table_next(entry))
+        if (bypass_mgr_table_record(entry) != NULL)
+            (void)json_array_append_new(states, product_state(bypass_mgr_table_record(entry)));
     echo_json(context, states);
     json_decref(states);
 }
 
-void bypass_mgr_dbg_cmd(int32_t argc, char **argv, oxni_dbg_context *context)
+static void run_command(int32_t argc, char **argv, oxni_dbg_context *context)
 {
     if (argc < 2) {
         oxni_dbg_echo(context, 0, bypass_mgr_dbg_help);
@@ -82,4 +88,9 @@ void bypass_mgr_dbg_cmd(int32_t argc, char **argv, oxni_dbg_context *context)
         print_all(context);
     else
         oxni_dbg_echo(context, 0, bypass_mgr_dbg_help);
+}
+
+void bypass_mgr_dbg_cmd(int32_t argc, char **argv, oxni_dbg_context *context)
+{
+    exception_boundary("debug command", [&] { run_command(argc, argv, context); });
 }

@@ -2,31 +2,32 @@
  * The store: what this boot knows of each product, and the crash that was blamed in it. Held as one
  * document, written whole where a change must survive a restart of the agent. Host's callbacks.
  */
-#include "bypass_mgr_internal.h"
+#include "bypass_mgr_store.h"
 
 #include <oxni/base/ejs.h>
+#include <oxni/base/json.h>
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
 #include "platform_path.h"
 
+#define PERSISTENCE_FILE PLATFORM_DATA_FOLDER "bypass_mgr_persistence.ejs"
+
 /* The whole document, {"start_time": boot, "data": {product: entry, "crash_info": crash}}. Lives as
- * long as the process. */
+ * long as the process; NULL while memory is too short for it. */
 static json_t *s_persist_json;
+/* Start of this boot of Windows, seconds since 1970 UTC. */
+static json_int_t s_start_time;
 
-static int persistence_path(char *buffer, size_t size)
-{
-    platform_path_create_data_folder("@/../var/bypass_mgr/bypass_mgr_persistence.ejs", buffer,
-                                     size);
-    return 0;
-}
-
-/* A failed write is not noticed: the document in memory goes on to hold. */
+/* Writes the document. A failed write is not noticed: the document in memory remains
+ * authoritative. */
 static void write_document(void)
 {
     char path[PLATFORM_PATH_CHARS];
 
-    (void)persistence_path(path, sizeof(path));
+    if (s_persist_json == NULL)
+        return;
+    platform_path_create_data_folder(PERSISTENCE_FILE, path, sizeof(path));
     (void)wdu_json_dump_file_ejs(s_persist_json, path);
 }
 
@@ -43,44 +44,89 @@ static const json_t *data_member(const char *name)
     return json_is_object(member) ? member : NULL;
 }
 
-/* Files a member of "data", whose reference is stolen, in place of an earlier one. incomplete:
- * memory ran out while it was built, and the earlier one stays: half an entry reads as none. */
+/* The document of this boot belongs to it. An integer that is there is set in place, which needs no
+ * memory. Result 0; -1 no memory. */
+static int set_start_time(void)
+{
+    json_t *start_time = json_object_get(s_persist_json, "start_time");
+
+    if (json_is_integer(start_time))
+        return json_integer_set(start_time, s_start_time);
+    return json_object_set_new(s_persist_json, "start_time", json_integer(s_start_time));
+}
+
+/* Makes the document complete again after memory was too short for a part of it, or after a
+ * document of this boot was loaded whose "data" is missing or no object. Result: "data", borrowed;
+ * NULL, logged, when members cannot be stored now. */
+static json_t *complete_data(void)
+{
+    json_t *data;
+
+    if (s_persist_json == NULL)
+        s_persist_json = json_object();
+    data = json_object_get(s_persist_json, "data");
+    if (!json_is_object(data)) {
+        LOG_WARN("store has no data object, starting an empty one");
+        (void)json_object_set_new(s_persist_json, "data", json_object());
+        data = json_object_get(s_persist_json, "data");
+    }
+    if (set_start_time() == 0 && json_is_object(data))
+        return data;
+    LOG_WARN("Malloc memory failure");
+    return NULL;
+}
+
+/* Stores a member of "data", whose reference is stolen, in place of an earlier one. A member that
+ * memory was too short to build does not replace the earlier one: half an entry reads as none. A
+ * product without a name has no entry. */
 static void set_data_member(const char *name, json_t *member, int incomplete)
 {
-    if (incomplete != 0) {
+    json_t *data = complete_data();
+
+    if (incomplete != 0)
         LOG_WARN("Malloc memory failure");
+    if (incomplete != 0 || data == NULL || name == NULL)
         json_decref(member);
-        return;
-    }
-    (void)json_object_set_new(json_object_get(s_persist_json, "data"), name, member);
+    else if (json_object_set_new(data, name, member) != 0)
+        LOG_WARN("Malloc memory failure");
+}
+
+/* Empties the document for this boot. Nothing of the previous boot may stay in force when memory
+ * runs out, so what is there is cleared in place, which needs none. */
+static void reset_document(void)
+{
+    json_t *data = json_object_get(s_persist_json, "data");
+    int failed = set_start_time();
+
+    if (json_is_object(data))
+        failed |= json_object_clear(data);
+    else
+        failed |= json_object_set_new(s_persist_json, "data", json_object());
+    if (failed != 0)
+        LOG_WARN("Malloc memory failure");
 }
 
 void bypass_mgr_store_load(uint64_t boot_time)
 {
     char path[PLATFORM_PATH_CHARS];
-    json_t *data;
 
-    (void)persistence_path(path, sizeof(path));
+    s_start_time = (json_int_t)boot_time;
+    platform_path_create_data_folder(PERSISTENCE_FILE, path, sizeof(path));
     wdu_json_delete_ejs(s_persist_json); /* of an earlier initialisation */
     s_persist_json = wdu_json_load_file_ejs(path);
     if (s_persist_json == NULL)
         s_persist_json = json_object();
-    if (json_integer_value(wdu_json_object_get_ejs(s_persist_json, "start_time")) ==
-        (json_int_t)boot_time)
+    if (s_persist_json == NULL) {
+        LOG_WARN("Malloc memory failure");
         return;
-    /* Both or none: the time of this boot beside the data of the last one would make its crash this
-     * boot's, and beside no data nothing could be stored until the next boot. */
-    data = json_object();
-    if (data != NULL &&
-        json_object_set_new(s_persist_json, "start_time", json_integer((json_int_t)boot_time)) ==
-            0 &&
-        json_object_set(s_persist_json, "data", data) != 0)
-        (void)json_object_del(s_persist_json, "start_time");
-    json_decref(data);
+    }
+    if (json_integer_value(wdu_json_object_get_ejs(s_persist_json, "start_time")) == s_start_time)
+        return;
+    reset_document();
     (void)wdu_json_dump_file_ejs(s_persist_json, path);
 }
 
-int bypass_mgr_store_product(const struct suber_set *record)
+void bypass_mgr_store_product(const struct suber_set *record)
 {
     json_t *entry = json_object();
     int failed = json_object_set_new(entry, "count", json_integer(record->count));
@@ -88,7 +134,6 @@ int bypass_mgr_store_product(const struct suber_set *record)
     failed |= json_object_set_new(entry, "status", json_integer(record->status));
     set_data_member(record->product_name, entry, failed);
     write_document();
-    return 0;
 }
 
 int64_t bypass_mgr_stored_count(const char *product_name)

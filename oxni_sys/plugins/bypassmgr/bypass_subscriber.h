@@ -4,8 +4,8 @@
 
 #include <stdint.h>
 
-/* Registers the platform's drivers and starts watching them. Once, behind the core's
- * initialisation. Always 0. */
+/* Registers the platform's drivers and starts watching them. Called once, after the core's
+ * initialisation. Result 0; failures are logged. */
 int32_t bypass_subscriber_init(void);
 
 #endif

@@ -2,55 +2,55 @@
  * The upload history: which products have had their alarm accepted, and when. One small document on
  * the disk, loaded and written whole by each operation. Host's callbacks.
  */
-#include "report_internal.h"
+#include "report_history.h"
 
 #include <oxni/base/ejs.h>
-#include <oxni/base/time.h>
+#include <oxni/base/json.h>
 
 #include "bypass_log.h"
 #include "platform_path.h"
 #include "time_text.h"
 
-/* A new document, or NULL; path receives the file's path either way. */
+/* A new document, or NULL when none can be loaded; path receives the file's path either way. */
 static json_t *load_history(char *path, size_t size)
 {
     platform_path_create_data_folder("@/../var/bypass_mgr/bypass_mgr_upload.ejs", path, size);
     return wdu_json_load_file_ejs(path);
 }
 
-int upload_history_need_report(const char *product)
+bool upload_history_need_report(const char *product)
 {
     char path[PLATFORM_PATH_CHARS];
     json_t *history;
-    int needed = 0;
+    bool needed = false;
 
     if (product == NULL)
-        return 0;
+        return false;
     history = load_history(path, sizeof(path));
     if (history == NULL) {
         LOG_INFO("Failed to open [%s]!", path);
-        return 1;
+        return true;
     }
     if (json_object_get(history, product) == NULL) {
         LOG_INFO("Failed to get [%s] status!", product);
-        needed = 1;
+        needed = true;
     }
     wdu_json_delete_ejs(history);
     return needed;
 }
 
-int upload_history_save(const char *product)
+bool upload_history_save(const char *product)
 {
     char path[PLATFORM_PATH_CHARS], now[TIME_TEXT_CHARS];
     json_t *history;
-    int written;
+    bool written;
 
     if (product == NULL)
-        return 0;
+        return false;
     history = load_history(path, sizeof(path));
     if (history == NULL)
         history = json_object();
-    time_text_local(oxni_time(), now, sizeof(now));
+    time_text_now(now, sizeof(now));
     written = json_object_set_new(history, product, json_string(now)) == 0 &&
               wdu_json_dump_file_ejs(history, path) == 0;
     if (!written)
@@ -59,18 +59,18 @@ int upload_history_save(const char *product)
     return written;
 }
 
-int upload_history_delete(const char *product)
+bool upload_history_delete(const char *product)
 {
     char path[PLATFORM_PATH_CHARS];
     json_t *history;
-    int deleted = 0;
+    bool deleted = false;
 
     if (product == NULL)
-        return 0;
+        return false;
     history = load_history(path, sizeof(path));
     if (history == NULL) {
         LOG_INFO("Failed to open [%s]!", path);
-        return 0;
+        return false;
     }
     if (json_object_get(history, product) == NULL) {
         LOG_INFO("Failed to get [%s] status!", product);
@@ -82,12 +82,4 @@ int upload_history_delete(const char *product)
     }
     wdu_json_delete_ejs(history);
     return deleted;
-}
-
-int report_forget(const char *product)
-{
-    if (product == NULL)
-        return 0;
-    report_pending_forget(product);
-    return upload_history_delete(product);
 }

@@ -1,8 +1,8 @@
 /*
- * The link to the management side: while it is up and has told nothing yet, it is asked once a
+ * The link to the management side: while it is up and has named no product, it is asked once a
  * minute which products it knows. Host's resource, console and timer callbacks.
  */
-#include "report_internal.h"
+#include "report_link.h"
 
 #include <string.h>
 
@@ -11,16 +11,18 @@
 #include <oxni/base/memory.h>
 #include <oxni/base/resource.h>
 #include <oxni/base/str.h>
-#include <oxni/base/timer.h>
+#include <oxni/base/xhash.h>
 
 #include "bypass_log.h"
+#include "exception_boundary.h"
 #include "json_text.h"
 #include "platform_path.h"
+#include "watch_timer.h"
 
 #define QUALITY_POLL_PERIOD_MS 60000u
 
 /* Products that the management side knows. Key: the name with its NUL; value: its struct
- * device_info, owned. Empty: not connected. Once filled it stays so. */
+ * device_info, owned. Empty: not connected. Once filled it is never emptied. */
 static oxni_xhash *s_device_info_map;
 /* The slot that the poll and the deferred upload share; 0: empty. */
 static uint64_t s_quality_timer;
@@ -37,23 +39,29 @@ static void device_info_free(void *value)
     oxni_free_(device);
 }
 
+/* The platform's guard ends the process. Its line names the place of the failed allocation, and the
+ * log is open for it. */
+#define GUARD_ALLOCATION(block)                                                                    \
+    do {                                                                                           \
+        if ((block) == NULL)                                                                       \
+            bypass_log_open(&s_log_ready);                                                         \
+        OXNI_ALLOCATION_GUARD(block, bypass_log_base_name(__FILE__));                              \
+    } while (0)
+
+static void quality_info_poll_timer(void *timer, void *arg);
+
 static void stop_quality_timer(void)
 {
-    if (s_quality_timer == 0)
-        return;
-    oxni_timer_stop(s_quality_timer);
-    s_quality_timer = 0;
+    watch_timer_stop(&s_quality_timer, quality_info_poll_timer);
 }
 
-/* The platform's guard ends the process; its last line should not be lost with it. */
-static void guard_allocation(const void *block)
+static void start_quality_timer(void)
 {
-    if (block == NULL)
-        bypass_log_open(&s_log_ready);
-    OXNI_ALLOCATION_GUARD(block, bypass_log_base_name(__FILE__));
+    watch_timer_start("management link poll", QUALITY_POLL_PERIOD_MS, quality_info_poll_timer,
+                      &s_quality_timer);
 }
 
-/* One element of the answer; elements without a product are nobody's. */
+/* One element of the answer; one without a product is skipped. */
 static void save_device(const json_t *element)
 {
     const char *product = json_string_value(json_object_get(element, "product"));
@@ -62,9 +70,9 @@ static void save_device(const json_t *element)
     if (product == NULL)
         return;
     device = (struct device_info *)oxni_zero_malloc_(sizeof(*device));
-    guard_allocation(device);
+    GUARD_ALLOCATION(device);
     device->product = oxni_strdup(product);
-    guard_allocation(device->product);
+    GUARD_ALLOCATION(device->product);
     device->device_id = oxni_strdup(json_string_value(json_object_get(element, "device_id")));
     device->agent_version =
         oxni_strdup(json_string_value(json_object_get(element, "agent_version")));
@@ -89,7 +97,7 @@ static void save_devices(const json_t *answer)
         save_device(element);
 }
 
-static void quality_info_reply_cb(int32_t error, const char *echo)
+static void take_answer(int32_t error, const char *echo)
 {
     json_t *answer;
 
@@ -107,6 +115,11 @@ static void quality_info_reply_cb(int32_t error, const char *echo)
     json_decref(answer);
 }
 
+static void quality_info_reply_cb(int32_t error, const char *echo)
+{
+    exception_boundary("management answer", [&] { take_answer(error, echo); });
+}
+
 static void ask_management(void)
 {
     (void)oxni_dbg_exec("oxni", "quality_opr info", 0, quality_info_reply_cb);
@@ -117,7 +130,7 @@ static void quality_info_poll_timer(void *timer, void *arg)
     (void)timer;
     (void)arg;
     ask_management();
-    s_quality_timer = oxni_timer_start(QUALITY_POLL_PERIOD_MS, quality_info_poll_timer, NULL);
+    start_quality_timer();
 }
 
 static void quality_link_cb(const char *path, int32_t state)
@@ -130,8 +143,22 @@ static void quality_link_cb(const char *path, int32_t state)
     if (report_link_connected())
         return;
     ask_management();
-    /* Whatever the slot holds is forgotten, not stopped: a second "online" starts a second poll. */
-    s_quality_timer = oxni_timer_start(QUALITY_POLL_PERIOD_MS, quality_info_poll_timer, NULL);
+    /* The timer in the slot is forgotten, not stopped: a second "online" starts a second poll. */
+    start_quality_timer();
+}
+
+void report_link_create(void)
+{
+    s_device_info_map = oxni_xhash_create(device_info_free, 0);
+}
+
+void report_link_watch(void)
+{
+    char path[PLATFORM_PATH_CHARS];
+
+    (void)oxni_str_snprintf(path, sizeof(path), "%s/%s/%s", "/:broadcast/dbg", "oxni",
+                            "quality_opr");
+    (void)oxni_res_require(path, 0, quality_link_cb);
 }
 
 bool report_link_connected(void)
@@ -150,23 +177,7 @@ const struct device_info *report_link_device(const char *product)
     return entry != NULL ? (const struct device_info *)entry->value : NULL;
 }
 
-uint64_t report_link_timer(void)
+uint64_t *report_link_timer_slot(void)
 {
-    return s_quality_timer;
-}
-
-void report_link_set_timer(uint64_t timer)
-{
-    s_quality_timer = timer;
-}
-
-void report_init(void)
-{
-    char path[PLATFORM_PATH_CHARS];
-
-    s_device_info_map = oxni_xhash_create(device_info_free, 0);
-    report_pending_create();
-    (void)oxni_str_snprintf(path, sizeof(path), "%s/%s/%s", "/:broadcast/dbg", "oxni",
-                            "quality_opr");
-    (void)oxni_res_require(path, 0, quality_link_cb);
+    return &s_quality_timer;
 }

@@ -18,6 +18,15 @@
 #include "win_event_parse.h"
 #include "analyze_dmp.h"
 
+#define CRASH_TEXT_CHARS 260
+
+/* The crash that was blamed; every text is empty when there is none. */
+struct crash_info {
+    char crash_path[CRASH_TEXT_CHARS];        /* of the dump that was analysed */
+    char crash_create_time[CRASH_TEXT_CHARS]; /* of the dump, local date and time */
+    char crash_module[CRASH_TEXT_CHARS];      /* the registered module; empty when none is blamed */
+};
+
 /* The check after boot. */
 
 enum status_check_result {
