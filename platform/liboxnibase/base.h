@@ -2,6 +2,7 @@
 #ifndef OXNIBASE_BASE_H
 #define OXNIBASE_BASE_H
 
+#include <cstdarg>
 #include <string>
 
 #include <windows.h>
@@ -35,6 +36,10 @@ const TIME_ZONE_INFORMATION *clock_zone();
 
 /* Local time now as the agent's lines carry it: "2026-01-31 23:59:59". */
 std::string time_text_now();
+
+/* A formatted line: the C runtime's printf, whose %I64d plug-ins use, but with wide texts as UTF-8.
+ * Precisions of wide texts count UTF-16 units, widths count bytes. */
+std::string log_format(const char *format, va_list arguments);
 
 /* Ends the agent: the log is closed, then the host's function or ExitProcess(exit_code). */
 [[noreturn]] void log_end_process(unsigned exit_code);

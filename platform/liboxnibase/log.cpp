@@ -2,7 +2,6 @@
 #include "base.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -12,9 +11,6 @@
 #include <oxni/base/log.h>
 #include <oxni/base/path.h>
 #include <oxni/base/time.h>
-
-/* Beyond this a format that the C runtime cannot print is more likely than a line that long. */
-static constexpr size_t LINE_LIMIT_BYTES = 256u << 20;
 
 struct log_state {
     bool open = false; /* autolog_init ran; the file may have failed all the same */
@@ -52,42 +48,21 @@ int oxni_log_is_regestered(void)
     return s_log.open;
 }
 
-/* The C runtime's own printf, whose %S and %I64d plug-ins use. It says only that a text does not
- * fit, or that a wide character has no place in the code page: then the text before that stays. */
-static std::vector<char> format_line(const char *format, va_list arguments)
-{
-    std::vector<char> line(1024);
-
-    for (;;) {
-        va_list copy;
-        va_copy(copy, arguments);
-        errno = 0;
-        int length = _vsnprintf(line.data(), line.size(), format, copy);
-        va_end(copy);
-        if (length >= 0 && static_cast<size_t>(length) < line.size())
-            return line;
-        if (length < 0 && (errno == EILSEQ || line.size() >= LINE_LIMIT_BYTES)) {
-            line.back() = '\0';
-            return line;
-        }
-        line.assign(line.size() * 2, '\0');
-    }
-}
-
 void oxni_log_output(int level, const char *format, ...)
 {
     va_list arguments;
     DWORD written;
 
     va_start(arguments, format);
-    std::vector<char> line = format_line(format, arguments);
+    std::string line = log_format(format, arguments);
     va_end(arguments);
+    if (line.empty() || line.back() != '\n')
+        line += '\n';
     if (s_log.file != INVALID_HANDLE_VALUE)
         /* A full disk must not stop the agent, and there is no other place to report it. */
-        (void)WriteFile(s_log.file, line.data(), static_cast<DWORD>(strlen(line.data())), &written,
-                        NULL);
+        (void)WriteFile(s_log.file, line.data(), static_cast<DWORD>(line.size()), &written, NULL);
     if (s_log.sink != NULL)
-        s_log.sink(level, line.data(), s_log.sink_user);
+        s_log.sink(level, line.c_str(), s_log.sink_user);
 }
 
 /* Whether a name is one of ours, YYYYMMDD-HHMMSS.log: others may keep files of theirs in the
@@ -177,12 +152,12 @@ void oxnih_complain(const char *format, ...)
     va_list arguments;
 
     va_start(arguments, format);
-    std::vector<char> text = format_line(format, arguments);
+    const std::string text = log_format(format, arguments);
     va_end(arguments);
     if (s_log.complaint != NULL)
-        s_log.complaint(text.data(), s_log.complaint_user);
+        s_log.complaint(text.c_str(), s_log.complaint_user);
     else
-        fprintf(stderr, "platform: %s\n", text.data());
+        fprintf(stderr, "platform: %s\n", text.c_str());
 }
 
 void oxnih_set_exit(oxnih_exit_fn fn, void *user)

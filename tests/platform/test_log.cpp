@@ -13,9 +13,25 @@ TEST_F(logs, a_line_of_any_length_survives)
         oxni_log_output(OXNI_LOG_INFO, "<%s|%S>\n", text.c_str(), L"a");
         EXPECT_TRUE(logged("<" + text + "|a>\n")) << length;
     }
-    /* A wide character without a place in the code page ends the line, not the run. */
-    oxni_log_output(OXNI_LOG_INFO, "before %S after\n", L"a\x65e5");
-    EXPECT_TRUE(logged("before "));
+}
+
+TEST_F(logs, wide_texts_are_utf8_and_lines_end)
+{
+    static const wchar_t path[] = L"C:\\\x65e5\x672c\xd83d\xde00.dmp";
+    static const char utf8[] = "C:\\\xe6\x97\xa5\xe6\x9c\xac\xf0\x9f\x98\x80.dmp";
+
+    const wchar_t *volatile none = NULL;
+
+    oxni_log_output(OXNI_LOG_INFO, "open %S failed %x %%%d.\n", path, 5U, -7);
+    EXPECT_TRUE(logged(std::string("open ") + utf8 + " failed 5 %-7.\n"));
+    oxni_log_output(OXNI_LOG_INFO, "[%ls] [%s] %I64d %.1f", path, utf8, 1LL << 40, 2.5);
+    EXPECT_TRUE(logged(std::string("[") + utf8 + "] [" + utf8 + "] 1099511627776 2.5\n"));
+    oxni_log_output(OXNI_LOG_INFO, "[%.4S] [%.*S] [%*d] [%-4S] [%S] [%C]\n", path, 3, L"abcd", 4, 5,
+                    L"x", none, 0x65e5);
+    EXPECT_TRUE(logged("[C:\\\xe6\x97\xa5] [abc] [   5] [x   ] [(null)] "
+                       "[\xe6\x97\xa5]\n"));
+    oxni_log_output(OXNI_LOG_INFO, "lone %S\n", L"\xd83d.");
+    EXPECT_TRUE(logged("lone \xef\xbf\xbd.\n"));
 }
 
 TEST_F(logs, the_newest_files_are_kept)
@@ -33,6 +49,7 @@ TEST_F(logs, the_newest_files_are_kept)
         }
         for (const auto &file : std::filesystem::directory_iterator(folder))
             kept += file_bytes(file.path().u8string());
+        kept.erase(std::remove(kept.begin(), kept.end(), '\n'), kept.end());
         std::sort(kept.begin(), kept.end());
         EXPECT_EQ(limit == 0 ? "6N" : limit == 3 ? "456N" : "0123456N", kept) << limit;
     }

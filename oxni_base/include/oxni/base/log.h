@@ -17,9 +17,13 @@ enum oxni_log_level {
 OXNI_API int oxni_log_level_get(void);
 
 /*
- * Formats one line and hands it to the log. The caller has asked oxni_log_level_get() before; the
- * line is written whatever its level. The text should end in a line feed. Lines before
- * oxni_autolog_init reach the host's sink only.
+ * Formats one line and writes it to the log. The caller has asked oxni_log_level_get() before; the
+ * line is written whatever its level. Lines before oxni_autolog_init reach the host's sink only.
+ *
+ * format   As for the Windows C runtime's printf, %I64d and %S (a wide text) included. The platform
+ *          writes wide texts as UTF-8, whatever the machine's code page, so that a path in any
+ *          language leaves the rest of its line intact. A line that does not end in a line feed
+ *          gets one.
  */
 OXNI_API void oxni_log_output(int level, const char *format, ...) OXNI_PRINTF(2, 3);
 

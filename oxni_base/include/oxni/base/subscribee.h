@@ -37,9 +37,13 @@ OXNI_API int oxni_subscribee_install(const char *name, const char *schema, unsig
                                      oxni_subscribee_fn fn, oxni_subscribee_second_fn second);
 
 /*
- * Sends a message to one subscriber. Queued; as oxni_subscriber_pushforward in the other direction.
- * The reply comes after the subscriber's callback has returned. A subscriber that is unreachable,
- * or vanishes in between, gives a nonzero error.
+ * Sends a message to one subscriber. Queued. The reply is called after the subscriber's callback has
+ * returned; a subscriber that is unreachable, or leaves in between, gives a nonzero error.
+ *
+ * message  Kept. NULL is refused.
+ * reply    Gets exactly one call, with cookie; may be NULL.
+ * Result   0 queued; -1 refused: message is NULL, or no living handle of that value exists. reply is
+ *          not called, and cookie stays the caller's.
  */
 OXNI_API int oxni_subscribee_pushback(oxni_subscriber *subscriber, json_t *message, void *cookie,
                                       oxni_push_reply_fn reply);

@@ -1,0 +1,146 @@
+/* Formatting of log lines. Wide texts become UTF-8: the C runtime converts them to the machine's
+ * code page, and ends the line at the first character without a place in it. Stateless. */
+#include "base.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <vector>
+
+/* The arguments of a variadic call on this target: a slot of 8 bytes each. */
+static_assert(sizeof(va_list) == sizeof(char *), "a va_list points to the first slot");
+
+/* One conversion of a format, "%-*.3lls". */
+struct conversion {
+    std::string lead;      /* "%", flags and width */
+    std::string precision; /* with its point; empty when there is none */
+    std::string modifiers;
+    char type;
+    size_t length; /* characters in the format */
+};
+
+static size_t digits_or_star(const char *text)
+{
+    return *text == '*' ? 1 : strspn(text, "0123456789");
+}
+
+/* format points to "%". */
+static conversion read_conversion(const char *format)
+{
+    const char *at = format + 1;
+    conversion found = {};
+
+    at += strspn(at, "-+ #0");
+    at += digits_or_star(at);
+    found.lead.assign(format, at);
+    if (*at == '.') {
+        size_t length = 1 + digits_or_star(at + 1);
+        found.precision.assign(at, length);
+        at += length;
+    }
+    const size_t length = strspn(at, "hlLqjztwI0123456789");
+    found.modifiers.assign(at, length);
+    at += length;
+    found.type = *at;
+    found.length = static_cast<size_t>(at - format) + (*at != '\0' ? 1 : 0);
+    return found;
+}
+
+/* Whether the argument is wide: %S, %ls, %ws and the characters of the same names. */
+static bool is_wide(const conversion &conversion)
+{
+    const bool narrow = conversion.modifiers.find('h') != std::string::npos;
+    const bool wide = conversion.modifiers.find_first_of("lw") != std::string::npos;
+
+    return ((conversion.type == 'S' || conversion.type == 'C') && !narrow) ||
+           ((conversion.type == 's' || conversion.type == 'c') && wide);
+}
+
+/* A format and its arguments with every wide one converted to UTF-8. */
+class narrowed_call
+{
+  public:
+    narrowed_call(const char *format, va_list arguments)
+    {
+        while (*format != '\0') {
+            const size_t plain = strcspn(format, "%");
+
+            format_.append(format, plain);
+            format += plain;
+            if (*format == '%')
+                format += add(read_conversion(format), format, &arguments);
+        }
+    }
+
+    const char *format() const
+    {
+        return format_.c_str();
+    }
+
+    va_list arguments() const
+    {
+        return reinterpret_cast<va_list>(const_cast<uint64_t *>(slots_.data()));
+    }
+
+  private:
+    /* Adds one conversion with its arguments. Result: its length in the format. */
+    size_t add(const conversion &conversion, const char *format, va_list *arguments)
+    {
+        if (conversion.lead.back() == '*')
+            slots_.push_back(va_arg(*arguments, uint64_t));
+        if (is_wide(conversion)) {
+            add_wide(conversion, arguments);
+            return conversion.length;
+        }
+        if (!conversion.precision.empty() && conversion.precision.back() == '*')
+            slots_.push_back(va_arg(*arguments, uint64_t));
+        if (conversion.type != '%' && conversion.type != '\0')
+            slots_.push_back(va_arg(*arguments, uint64_t));
+        format_.append(format, conversion.length);
+        return conversion.length;
+    }
+
+    /* A precision counts wide characters, so it is applied before the conversion. */
+    void add_wide(const conversion &conversion, va_list *arguments)
+    {
+        size_t limit = SIZE_MAX;
+        std::wstring text;
+
+        if (!conversion.precision.empty())
+            limit = static_cast<size_t>(conversion.precision.back() == '*'
+                                            ? va_arg(*arguments, int)
+                                            : atoi(conversion.precision.c_str() + 1));
+        if (conversion.type == 'S' || conversion.type == 's') {
+            const wchar_t *wide = va_arg(*arguments, const wchar_t *);
+            wide = wide != NULL ? wide : L"(null)";
+            text.assign(wide, wcsnlen(wide, limit));
+        } else {
+            text.assign(1, static_cast<wchar_t>(va_arg(*arguments, int)));
+        }
+        texts_.push_back(str_to_utf8(text.c_str()));
+        slots_.push_back(reinterpret_cast<uint64_t>(texts_.back().c_str()));
+        format_ += conversion.lead + "s";
+    }
+
+    std::string format_;
+    std::vector<uint64_t> slots_;
+    std::deque<std::string> texts_; /* their places stay while more are added */
+};
+
+std::string log_format(const char *format, va_list arguments)
+{
+    const narrowed_call call(format, arguments);
+    std::string line(1024, '\0');
+
+    for (;;) {
+        const int length = _vsnprintf(line.data(), line.size(), call.format(), call.arguments());
+
+        if (length >= 0 && static_cast<size_t>(length) < line.size()) {
+            line.resize(static_cast<size_t>(length));
+            return line;
+        }
+        line.resize(line.size() * 2);
+    }
+}
