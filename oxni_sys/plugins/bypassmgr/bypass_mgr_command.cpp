@@ -35,29 +35,38 @@ static enum command_kind kind_of_type(const char *type)
     return COMMAND_OTHER;
 }
 
-/* A new message; NULL, logged, when it cannot be built. A message that lacks type or count would be
- * another command; a reason that is no UTF-8, as a name that was truncated within a character,
- * leaves "none": the order matters more than its reason. */
-static json_t *command_message(const struct bypass_cmd *request)
+/* Sets the members of a message that the template cannot know. Result: NULL, or the name of the
+ * member that a command must not lack and memory was too short for. */
+static const char *set_command(json_t *message, const struct bypass_cmd *request)
 {
-    json_t *message = json_loads("{\"type\":\"bypass\",\"reason\":\"none\"}", 0, NULL);
-    const char *failed = message == NULL ? "message" : NULL;
-
+    if (message == NULL)
+        return "message";
     if (request->type != NULL &&
         json_object_set_new(message, "type", json_string(request->type)) != 0)
-        failed = "type";
+        return "type";
     if (kind_of_type(request->type) == COMMAND_SET_COUNT &&
         json_object_set_new(message, "count", json_integer(request->count)) != 0)
-        failed = "count";
-    if (failed != NULL) {
-        LOG_WARN("Malloc memory failure, command without %s is not sent", failed);
-        json_decref(message);
-        return NULL;
-    }
+        return "count";
+    /* No UTF-8, as a name that was truncated within a character: the template's "none" remains. The
+     * order matters more than its reason. */
     if (request->reason != NULL &&
         json_object_set_new(message, "reason", json_string(request->reason)) != 0)
         LOG_WARN("command is sent without its reason");
-    return message;
+    return NULL;
+}
+
+/* A new message; NULL, logged, when it cannot be built: without type or count it would be another
+ * command. */
+static json_t *command_message(const struct bypass_cmd *request)
+{
+    json_t *message = json_loads(R"({"type":"bypass","reason":"none"})", 0, NULL);
+    const char *failed = set_command(message, request);
+
+    if (failed == NULL)
+        return message;
+    LOG_WARN("Malloc memory failure, command without %s is not sent", failed);
+    json_decref(message);
+    return NULL;
 }
 
 /* A delivered "bypass": from here on the product counts as bypassed, with this boot's crash as its

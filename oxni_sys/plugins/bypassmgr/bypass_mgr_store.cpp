@@ -61,16 +61,18 @@ static int set_start_time(void)
 static json_t *complete_data(void)
 {
     json_t *data;
+    int failed;
 
     if (s_persist_json == NULL)
         s_persist_json = json_object();
+    failed = set_start_time();
     data = json_object_get(s_persist_json, "data");
     if (!json_is_object(data)) {
         LOG_WARN("store has no data object, starting an empty one");
-        (void)json_object_set_new(s_persist_json, "data", json_object());
+        failed |= json_object_set_new(s_persist_json, "data", json_object());
         data = json_object_get(s_persist_json, "data");
     }
-    if (set_start_time() == 0 && json_is_object(data))
+    if (failed == 0)
         return data;
     LOG_WARN("Malloc memory failure");
     return NULL;
