@@ -1,6 +1,10 @@
 /* The core: registering with the store written, the decision, and "bypass" to everybody. */
 #include "bypass_mgr.h"
-#include "bypass_mgr_internal.h"
+#include "bypass_mgr_decision.h"
+#include "bypass_mgr_registry.h"
+#include "bypass_mgr_store.h"
+#include "bypass_mgr_table.h"
+#include "report_pending.h"
 
 #include "bench_support.h"
 
@@ -122,14 +126,14 @@ class products
     ~products()
     {
         for (oxni_subscriber *each : handles) {
-            report_forget(bypass_mgr_find(each)->product_name);
+            report_forget(bypass_mgr_table_find(each)->product_name);
             oxnih_subscriber_leave(each);
             oxni_subscriber_delete(each);
         }
         for (bare_name *table : tables)
             free_table(table);
         deliver();
-        bench_require(bypass_mgr_first_product() == NULL, "a product did not leave");
+        bench_require(bypass_mgr_table_first() == NULL, "a product did not leave");
     }
     products(const products &) = delete;
     products &operator=(const products &) = delete;
@@ -149,8 +153,8 @@ class products
         oxni_subscriber_subscribe(made, BYPASS_SERVICE_NAME, message, take_message);
         json_decref(message);
         deliver();
-        bench_require(bypass_mgr_find(made) != NULL, "a product is not registered");
-        (void)bypass_mgr_store_product(bypass_mgr_find(made));
+        bench_require(bypass_mgr_table_find(made) != NULL, "a product is not registered");
+        bypass_mgr_store_product(bypass_mgr_table_find(made));
         handles.push_back(made);
         tables.push_back(bare_table(number, modules));
     }
@@ -189,7 +193,7 @@ static json_t *stored_document(const products &with)
 {
     import_patch patch("wdu_json_dump_file_ejs", keep_document);
 
-    (void)bypass_mgr_store_product(bypass_mgr_find(with.handles.back()));
+    bypass_mgr_store_product(bypass_mgr_table_find(with.handles.back()));
     bench_require(json_object_size(json_object_get(s_written, "data")) >= with.handles.size(),
                   "the store lacks products");
     return s_written;
@@ -206,8 +210,8 @@ static void register_nth(benchmark::State &state)
     bench_pair pair(state);
 
     for (auto _ : state) {
-        bypass_mgr_find(last)->status = STATUS_INITIALIZING;
-        (void)bypass_mgr_store_product(bypass_mgr_find(last));
+        bypass_mgr_table_find(last)->status = STATUS_INITIALIZING;
+        bypass_mgr_store_product(bypass_mgr_table_find(last));
         bypass_mgr_unsubscribe(last);
         const bench_moment begin = bench_now();
         write_plainly(document);
@@ -215,7 +219,8 @@ static void register_nth(benchmark::State &state)
         bench_require(bypass_mgr_receive(last, message) == 0, "the product is refused");
         pair.add(1, middle - begin, bench_now() - middle);
     }
-    bench_require(bypass_mgr_stored_status(bypass_mgr_find(last)->product_name) == STATUS_WORKING,
+    bench_require(bypass_mgr_stored_status(bypass_mgr_table_find(last)->product_name) ==
+                      STATUS_WORKING,
                   "the registration is not stored");
     json_decref(message);
 }
@@ -279,7 +284,7 @@ static void bypass_all(benchmark::State &state)
         deliver();
         pair.add(1, middle - begin, bench_now() - middle);
         for (oxni_subscriber *each : with.handles) {
-            suber_set *record = bypass_mgr_find(each);
+            suber_set *record = bypass_mgr_table_find(each);
             bench_require(bypass_mgr_stored_status(record->product_name) == STATUS_BYPASS,
                           "a product is not stored as bypassed");
             record->status = STATUS_WORKING;

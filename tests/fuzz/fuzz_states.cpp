@@ -13,10 +13,11 @@
 #include <oxni/base/time.h>
 
 #include "../unit/import_patch.h"
-#include "bypass_mgr_internal.h"
+#include "bypass_mgr_store.h"
 #include "liboxnibase/host.h"
 #include "machine/memory_disk.h"
-#include "report_internal.h"
+#include "recover_tag.h"
+#include "report_history.h"
 #include "text.h"
 
 #define SECTOR_BYTES 512
@@ -54,7 +55,7 @@ static void store(const char *product, int64_t count)
     record.product_name = &name[0];
     record.status = STATUS_WORKING;
     record.count = count;
-    (void)bypass_mgr_store_product(&record);
+    bypass_mgr_store_product(&record);
 }
 
 static void open_states(void)
@@ -85,7 +86,7 @@ static void open_states(void)
     s_record[0] = memory_disk_file(s_data + "bypass_mgr_dumprecord.ejs");
     (void)set_dumprecord_time(6);
     s_record[1] = memory_disk_file(s_data + "bypass_mgr_dumprecord.ejs");
-    if (bypass_mgr_write_recover_tag() != 0)
+    if (recover_tag_write() != 0)
         violated("the tag was not written");
 }
 
@@ -163,9 +164,9 @@ static void try_history(chance &chance)
 {
     enum state state = put_state(s_data + "bypass_mgr_upload.ejs", s_history, chance);
 
-    require(upload_history_need_report("guard") == (state == STATE_DAMAGED ? 1 : 0),
+    require(upload_history_need_report("guard") == (state == STATE_DAMAGED),
             "the history is a third one");
-    require(upload_history_need_report("product7") == (state == STATE_NEW ? 0 : 1),
+    require(upload_history_need_report("product7") == (state != STATE_NEW),
             "half of the history was read");
 }
 
@@ -194,7 +195,7 @@ static void try_tag(chance &chance)
     if (!dated)
         s_created.dwHighDateTime += 1 + static_cast<DWORD>(chance.below(9));
     put_file(s_tag, left);
-    require(bypass_mgr_check_recover_tag() == (dated && left == text ? 1 : 0),
+    require(recover_tag_check() == (dated && left == text),
             "a tag that is not whole counts, or a whole one does not");
 }
 
