@@ -63,17 +63,12 @@ static std::string module_name(size_t product, size_t module)
 
 static json_t *registration(size_t number, size_t modules, const char *status)
 {
-    std::vector<std::string> names;
-    std::vector<const char *> pointers;
+    json_t *names = json_array();
 
     for (size_t module = 0; module < modules; module++)
-        names.push_back(module_name(number, module));
-    for (const std::string &name : names)
-        pointers.push_back(name.c_str());
-    json_t *message =
-        bypass_msg_build("reg", status, 1, pointers.data(), static_cast<int32_t>(modules));
-    json_object_set_new(message, "product_name", json_string(product_name(number).c_str()));
-    return message;
+        json_array_append_new(names, json_string(module_name(number, module).c_str()));
+    return json_pack("{s:s, s:s, s:s, s:i, s:{s:o}}", "product_name", product_name(number).c_str(),
+                     "type", "reg", "status", status, "count", 1, "data", "driver_module", names);
 }
 
 static void deliver(void)
