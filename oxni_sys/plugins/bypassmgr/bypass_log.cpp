@@ -4,15 +4,13 @@
 #include <oxni/base/path.h>
 #include <oxni/base/str.h>
 
-#include "platform_path.h"
-
 /* Log files that are kept of one process. */
-#define LOG_FILES 5
+#define LOG_FILES      5
+#define LOG_PATH_CHARS 260
 
 void bypass_log_open(bool *ready)
 {
-    char base[PLATFORM_PATH_CHARS], process[PLATFORM_PATH_CHARS],
-        directory[3 * PLATFORM_PATH_CHARS];
+    char base[LOG_PATH_CHARS], process[LOG_PATH_CHARS], directory[3 * LOG_PATH_CHARS];
 
     if (*ready)
         return;
