@@ -59,7 +59,8 @@ int read_oxnisp_crash_config(crash_config_record *record)
 {
     wchar_t path[PLATFORM_PATH_CHARS] = {};
 
-    (void)get_oxnisp_crash_config_path(path, PLATFORM_PATH_CHARS); /* without a path nothing opens */
+    (void)get_oxnisp_crash_config_path(path,
+                                       PLATFORM_PATH_CHARS); /* without a path nothing opens */
     return read_crash_config(record, path);
 }
 
