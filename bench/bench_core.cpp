@@ -1,6 +1,7 @@
 /* The core: registering with the store written, the decision, and "bypass" to everybody. */
 #include "bypass_mgr.h"
 #include "bypass_mgr_internal.h"
+#include "win_event_parse.h"
 
 #include "bench_support.h"
 

@@ -15,9 +15,9 @@
 #include <oxni/base/subscriber.h>
 #include <oxni/base/xhash.h>
 
-#include "analyze_dmp.h"
 #include "crash_info.h"
 #include "report_abnormal_crash.h"
+#include "status_check.h"
 
 #define BYPASS_SERVICE_NAME "bypass_mgr"
 

@@ -17,6 +17,7 @@
 #include <oxni/base/timer.h>
 
 #include "bypass_log.h"
+#include "crash_dump.h"
 #include "platform_path.h"
 
 #define RECOVER_CHECK_PERIOD_MS 60000u

@@ -6,7 +6,9 @@
 
 #include <stdint.h>
 
-#include "crash_info.h"
+#include <windows.h>
+
+#include "crash_config.h"
 
 #define CRASHFLAG_KEY L"crashflag"
 

@@ -9,7 +9,7 @@
 
 #include <stdint.h>
 
-#include "crash_info.h"
+#include "crash_config.h"
 
 /*
  * Path of the record file.
