@@ -5,6 +5,7 @@
 #include "bypass_mgr_store.h"
 #include "bypass_mgr_table.h"
 #include "report_pending.h"
+#include "win_event_parse.h"
 
 #include "bench_support.h"
 

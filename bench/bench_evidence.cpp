@@ -19,10 +19,11 @@
 #define NO_MATCH       13
 
 /* What the plug-in looks for, and none of the records below is. */
-static const expected_event_map s_expected = {
-    {{12, L"Microsoft-Windows-Kernel-General"}, 0},
-    {{1001, L"BugCheck"},                       0},
+static const event_key s_expected_keys[] = {
+    {12,   L"Microsoft-Windows-Kernel-General"},
+    {1001, L"BugCheck"                        },
 };
+static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expected_keys)};
 
 /* What a System log is mostly made of. */
 /* clang-format off */

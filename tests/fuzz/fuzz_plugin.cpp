@@ -6,7 +6,7 @@
 #include <windows.h>
 
 #include "analyze_dmp.h"
-#include "crash_info.h"
+#include "crash_config.h"
 #include "win_event_parse.h"
 
 #include "../unit/import_patch.h"
@@ -89,12 +89,13 @@ static void open_events(void)
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
 }
 
-static const expected_event_map s_expected = {
-    {{12, L"Microsoft-Windows-Kernel-General"}, 0},
-    {{41, L"Microsoft-Windows-Kernel-Power"},   0},
-    {{1001, L"BugCheck"},                       0},
-    {{7001, NULL},                              0},
+static const event_key s_expected_keys[] = {
+    {12,   L"Microsoft-Windows-Kernel-General"},
+    {41,   L"Microsoft-Windows-Kernel-Power"  },
+    {1001, L"BugCheck"                        },
+    {7001, NULL                               },
 };
+static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expected_keys)};
 
 /* What is found must lie inside the block. */
 static void look_through(const uint8_t *bytes, size_t size)

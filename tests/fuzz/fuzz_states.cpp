@@ -14,6 +14,8 @@
 
 #include "../unit/import_patch.h"
 #include "bypass_mgr_store.h"
+#include "crash_config.h"
+#include "dump_record.h"
 #include "liboxnibase/host.h"
 #include "machine/memory_disk.h"
 #include "recover_tag.h"

@@ -25,12 +25,13 @@ static const wchar_t *s_missing_module; /* that cannot be loaded */
 static void *s_watched[WATCHED_SLOTS];  /* the client's functions, one of them of the test */
 static create_fn s_create;              /* the engine's own, as is the next */
 static set_callbacks_fn s_set_callbacks;
-static IDebugOutputCallbacks *s_callbacks; /* with a reference of the test's own */
+static bool s_keep_callbacks;
+static IDebugOutputCallbacks *s_callbacks; /* with a reference of the test's own, if kept */
 
 static HRESULT STDMETHODCALLTYPE set_callbacks(IDebugClient *client,
                                                IDebugOutputCallbacks *callbacks)
 {
-    if (callbacks != NULL) {
+    if (callbacks != NULL && s_keep_callbacks) {
         s_callbacks = callbacks;
         callbacks->AddRef();
     }
@@ -86,7 +87,6 @@ struct engine_search : public testing::Environment {
         import_patch address_patch("GetProcAddress", watched_address);
         EXPECT_TRUE(get_dmp_info(DUMP, 1, &text));
         EXPECT_EQ(text, STACK);
-        s_callbacks->Release();
     }
 };
 [[maybe_unused]] static testing::Environment *const s_search =
@@ -102,9 +102,11 @@ TEST(test_get_dmp_info, references)
         std::string text = "untouched";
         engine_play(DUMP, STACK, failing, S_FALSE);
         s_callbacks = NULL;
+        s_keep_callbacks = true;
         EXPECT_EQ(get_dmp_info(DUMP, 1, &text), failing == NULL);
         EXPECT_EQ(text, failing == NULL ? STACK : "untouched");
         EXPECT_EQ(engine_left(), 0u);
+        s_keep_callbacks = false;
         if (s_callbacks != NULL) {
             EXPECT_EQ(s_callbacks->Release(), 0u);
         }
@@ -117,7 +119,9 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
     void *out = &text;
 
     engine_play(DUMP, STACK);
+    s_keep_callbacks = true;
     ASSERT_TRUE(get_dmp_info(DUMP, 1, &text));
+    s_keep_callbacks = false;
     EXPECT_EQ(s_callbacks->QueryInterface(IID_IDebugClient, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     for (const IID *iid : {&IID_IUnknown, &IID_IDebugOutputCallbacks}) {
@@ -126,6 +130,41 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
         EXPECT_EQ(s_callbacks->Release(), 1u);
     }
     EXPECT_EQ(s_callbacks->Release(), 0u);
+}
+
+/* A text that lost a part is no text: the rest of a line would name another module. */
+TEST(test_get_dmp_info, no_memory_for_the_text)
+{
+    static const char stack[] = "Call Site\na_driver_with_a_long_name+0x107\n";
+    bool reached = true, stopped = false; /* an exception, before it reached the engine */
+
+    engine_play(DUMP, stack);
+    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
+        std::string text = "untouched";
+        bool taken;
+        log_forget();
+        {
+            failing_allocations failing(nth, false);
+            taken = get_dmp_info(DUMP, 1, &text);
+            reached = failing.reached();
+        }
+        EXPECT_EQ(taken, !reached);
+        EXPECT_EQ(text, taken ? stack : "untouched");
+        EXPECT_EQ(log_contains("[error]"), reached) << "allocation " << nth;
+        stopped |= log_contains("Output: exception ");
+        EXPECT_EQ(engine_left(), 0u);
+    }
+    EXPECT_FALSE(reached);
+    EXPECT_TRUE(stopped);
+}
+
+TEST(test_analyze_dmp_file, no_path)
+{
+    crash_module_set modules = {"before"};
+
+    EXPECT_FALSE(analyze_dmp_file(NULL, 1, &modules));
+    EXPECT_FALSE(analyze_dmp_file(L"", 1, &modules));
+    EXPECT_EQ(modules, crash_module_set{"before"});
 }
 
 TEST(test_get_module_set_from_dmp_info, texts)

@@ -95,8 +95,11 @@ TEST(test_find_system_process_id, no_snapshot)
     import_patch snapshot("CreateToolhelp32Snapshot", no_snapshot);
     uint32_t id;
 
+    log_forget();
     EXPECT_EQ(find_system_process_id(&id), 5u);
-    EXPECT_NE(last_log_line().find("Snapshot failed 5. "), std::string::npos);
+    EXPECT_TRUE(log_contains("Snapshot failed 5. "));
+    EXPECT_EQ(find_system_process_id(NULL), 87u);
+    EXPECT_EQ(get_system_process_start_time(NULL), 87u);
 }
 
 /* A time is taken as a signed number and cut toward zero. */

@@ -1,12 +1,10 @@
-/* What the platform's two drivers keep of their crashes, where scenarios do not reach: odd registry
- * values, waits for a service, sizes of buffers, null arguments. */
+/* The crash state of the platform's two drivers, where scenarios do not reach: odd registry values,
+ * sizes of buffers, long paths, null arguments. */
 #include "bypass_driver.h"
 
-#include "boot_time.h"
 #include "bypass_sp_driver.h"
+#include "platform_driver.h"
 #include "unit_support.h"
-
-#include <algorithm>
 
 #include <gtest/gtest.h>
 
@@ -39,68 +37,6 @@ TEST(test_read_load_driver_value, values)
     }
     EXPECT_EQ(read_load_driver_value(L"Missing", &value), 2u);
     EXPECT_EQ(read_load_driver_value(NULL, &value), 87u);
-}
-
-/* What the queries of a service answer, the last one again and again; 0 is a query that fails. */
-static std::vector<DWORD> s_states;
-static size_t s_queries;
-static unsigned s_slept; /* seconds */
-
-static SC_HANDLE WINAPI open_manager(const wchar_t *, const wchar_t *, DWORD)
-{
-    return reinterpret_cast<SC_HANDLE>(&s_states);
-}
-
-static SC_HANDLE WINAPI open_service(SC_HANDLE manager, const wchar_t *, DWORD)
-{
-    return manager;
-}
-
-static BOOL WINAPI query_service(SC_HANDLE, SERVICE_STATUS *status)
-{
-    status->dwCurrentState = s_states[std::min(s_queries++, s_states.size() - 1)];
-    return status->dwCurrentState != 0;
-}
-
-static BOOL WINAPI close_service(SC_HANDLE)
-{
-    return TRUE;
-}
-
-static void note_sleep(unsigned seconds)
-{
-    s_slept += seconds;
-}
-
-TEST(test_is_service_stopped, waits)
-{
-    static const DWORD stopped = SERVICE_STOPPED, stopping = SERVICE_STOP_PENDING,
-                       starting = SERVICE_START_PENDING;
-    /* clang-format off */
-    static const struct {
-        std::vector<DWORD> states;
-        int32_t wait_count;
-        int result;
-        unsigned slept;
-    } s_rows[] = {
-        {{SERVICE_PAUSE_PENDING, stopped}, 9, 0, 0}, /* no change to wait for */
-        {{stopping, stopped}, 2, 1, 1},
-        {{starting}, 4, 0, 3},
-        {{starting, SERVICE_RUNNING}, 4, 0, 1},
-        {{stopping, 0}, 3, 1, 1},
-        {{stopping}, INT32_MIN, 0, 0},
-    };
-    /* clang-format on */
-    import_patch manager("OpenSCManagerW", open_manager), open("OpenServiceW", open_service);
-    import_patch query("QueryServiceStatus", query_service);
-    import_patch close("CloseServiceHandle", close_service), sleep("oxni_sleep", note_sleep);
-
-    for (const auto &row : s_rows) {
-        s_states = row.states;
-        s_queries = s_slept = 0;
-        EXPECT_EQ(is_service_stopped(row.wait_count, L"drv"), row.result) << &row - s_rows;
-        EXPECT_EQ(s_slept, row.slept) << &row - s_rows;
-    }
 }
 
 TEST(test_get_errortime_string, times)
@@ -137,7 +73,11 @@ TEST(test_get_errortime_string, times)
     EXPECT_EQ(time, 5u);
 }
 
-/* What the tries to delete a key answer, and their number. */
+static void do_not_sleep(unsigned)
+{
+}
+
+/* Results of the attempts to delete a key, and the number of attempts. */
 static const DWORD *s_answers;
 static size_t s_tries;
 
@@ -146,7 +86,7 @@ static LSTATUS WINAPI delete_key(HKEY, const wchar_t *)
     return (LSTATUS)s_answers[s_tries++];
 }
 
-/* Nobody is told of a mark that stays, so only here the result shows. */
+/* No message reports a mark that stays, so only here the result shows. */
 TEST(test_delete_service_crashflag, tries)
 {
     static const struct {
@@ -159,7 +99,7 @@ TEST(test_delete_service_crashflag, tries)
         {{5, 1168, 5},    0, 2},
         {{5, 5, 6, 1168}, 6, 3},
     };
-    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", note_sleep);
+    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
 
     for (const auto &row : s_rows) {
         s_answers = row.answers;
@@ -169,38 +109,131 @@ TEST(test_delete_service_crashflag, tries)
     }
 }
 
+/* Of the keys' paths one character fits, the next one does not: no other key is touched. */
+TEST(test_service_crashflag, long_names)
+{
+    static const DWORD s_missing[] = {5, 5, 5};
+    static const struct {
+        size_t chars;
+        uint32_t created, deleted;
+        size_t tries; /* to delete */
+    } s_rows[] = {
+        {215, 2,   5,   3},
+        {216, 2,   206, 0},
+        {225, 2,   206, 0},
+        {226, 206, 206, 0},
+        {500, 206, 206, 0},
+    };
+    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
+
+    s_answers = s_missing;
+    for (const auto &row : s_rows) {
+        const std::wstring service(row.chars, L's');
+        s_tries = 0;
+        log_forget();
+        EXPECT_EQ(create_service_crashflag(service.c_str()), row.created) << row.chars;
+        EXPECT_EQ(delete_service_crashflag(service.c_str()), row.deleted) << row.chars;
+        EXPECT_EQ(s_tries, row.tries) << row.chars;
+        EXPECT_EQ(log_contains(" is too long"), row.deleted == 206) << row.chars;
+    }
+}
+
+static std::wstring s_opened; /* the file that was opened or deleted last */
+
+static FILE *open_no_file(const wchar_t *path, const wchar_t *)
+{
+    s_opened = path;
+    return NULL;
+}
+
+static BOOL WINAPI delete_no_file(const wchar_t *path)
+{
+    s_opened = path;
+    SetLastError(ERROR_FILE_NOT_FOUND);
+    return FALSE;
+}
+
+#define SP_SUFFIX "\\Quorvel\\OXNI3_CFG\\oxnisp_driver\\crash_config.cfg"
+
+/* A record whose path does not fit, or is not UTF-8, is not there: no other file is touched. */
+TEST(test_record_path, long_and_odd_folders)
+{
+    static const struct {
+        const char *row;
+        size_t letters;   /* of the folder of executable and platform, after "C:\\" */
+        const char *last; /* ends its name */
+        bool has_path, has_sp_path;
+    } s_rows[] = {
+        {"ordinary",                      1,   "",         true,  true },
+        {"other scripts",                 1,   "\xC3\xA9", true,  true },
+        {"the longest of the platform",   207, "",         true,  true },
+        {"one character more",            208, "",         true,  false},
+        {"the longest of the executable", 239, "",         true,  false},
+        {"another character more",        240, "",         false, false},
+        {"longer than the platform's",    300, "",         false, false},
+        {"not UTF-8",                     1,   "\xFF",     false, false},
+    };
+    import_patch open("oxni_file_open_w", open_no_file), remove("DeleteFileW", delete_no_file);
+    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
+    static const DWORD s_deleted[ARRAYSIZE(s_rows) * 2] = {};
+
+    s_answers = s_deleted;
+    s_tries = 0;
+    for (const auto &row : s_rows) {
+        SCOPED_TRACE(row.row);
+        const std::string name = "C:\\" + std::string(row.letters, 'b') + row.last;
+        const std::wstring folder = std::filesystem::u8path(row.has_path ? name : "").wstring();
+        const std::wstring path = row.has_path ? folder + L"\\crash_config.cfg" : L"";
+        const std::wstring sp_path = row.has_sp_path ? folder + L"" SP_SUFFIX : L"";
+        crash_config_record record = {};
+        log_forget();
+        oxnih_set_process_path((name + "\\x.exe").c_str());
+        oxnih_set_log_dir(name.c_str());
+        EXPECT_EQ(read_load_driver_crash_config(&record), CRASH_CONFIG_NOT_OPEN);
+        EXPECT_EQ(s_opened, path);
+        EXPECT_EQ(recover_load_driver(), 0u);
+        EXPECT_EQ(s_opened, path);
+        EXPECT_EQ(log_contains("too long\n"), !row.has_path);
+        log_forget();
+        EXPECT_EQ(write_oxnisp_crash_config(&record), CRASH_CONFIG_NOT_OPEN);
+        EXPECT_EQ(s_opened, sp_path);
+        EXPECT_EQ(recover_oxnisp_driver(), 0u);
+        EXPECT_EQ(s_opened, sp_path);
+        EXPECT_EQ(log_contains("too long\n") || log_contains("get log dir is error\n"),
+                  !row.has_sp_path);
+    }
+    oxnih_set_process_path(NULL);
+    oxnih_set_log_dir(NULL);
+}
+
 TEST(test_get_oxnisp_crash_config_path, sizes)
 {
     static const struct {
         const char *base;
         int32_t size;
-        int result;
+        bool result;
         const wchar_t *path;
     } s_rows[] = {
-        {"C:\\\xC3\xA9", 57, 1, L"C:\\\xE9\\Quorvel\\OXNI3_CFG\\oxnisp_driver\\crash_config.cfg"},
-        {"C:\\b",        8,  1, L"C:\\b\\Qu"                                                    },
-        {"C:\\b",        1,  1, L""                                                             },
-        {"C:\\b",        0,  0, L"before"                                                       },
-        {NULL,           57, 0, L"before"                                                       },
+        {"C:\\b", 54, true,  L"C:\\b" SP_SUFFIX},
+        {"C:\\b", 53, false, L""               },
+        {"C:\\b", 1,  false, L""               },
+        {"C:\\b", 0,  false, L"before"         },
+        {NULL,    54, false, L""               },
     };
 
     for (const auto &row : s_rows) {
-        wchar_t path[57] = L"before";
+        wchar_t path[54] = L"before";
         oxnih_set_log_dir(row.base);
         EXPECT_EQ(get_oxnisp_crash_config_path(path, row.size), row.result) << &row - s_rows;
         EXPECT_STREQ(path, row.path);
     }
-    EXPECT_EQ(get_oxnisp_crash_config_path(NULL, 57), 0);
+    EXPECT_FALSE(get_oxnisp_crash_config_path(NULL, 54));
     oxnih_set_log_dir(NULL);
 }
 
-/* Of this module and the ones below it. */
-TEST(test_null_arguments, are_refused)
+TEST(test_bypass_driver, null_arguments)
 {
     crash_config_record record = {};
-    crash_module_set modules = {"before"};
-    std::wstring path;
-    uint64_t time;
 
     EXPECT_EQ(read_crash_config(NULL, L"a"), 1);
     EXPECT_EQ(read_crash_config(&record, NULL), 1);
@@ -208,12 +241,4 @@ TEST(test_null_arguments, are_refused)
     EXPECT_EQ(write_crash_config(&record, NULL), 1);
     EXPECT_EQ(create_service_crashflag(NULL), 87u);
     EXPECT_EQ(delete_service_crashflag(NULL), 87u);
-    EXPECT_EQ(find_system_process_id(NULL), 87u);
-    EXPECT_EQ(get_system_process_start_time(NULL), 87u);
-    EXPECT_EQ(find_newest_file(NULL, &path, &time), 87u);
-    EXPECT_EQ(get_file_write_time(NULL, &time), 87u);
-    EXPECT_FALSE(is_file_updated_since_boot(NULL));
-    EXPECT_EQ(analyze_dmp_file(NULL, 1, &modules), 0);
-    EXPECT_EQ(analyze_dmp_file(L"", 1, &modules), 0);
-    EXPECT_EQ(modules, crash_module_set{"before"});
 }

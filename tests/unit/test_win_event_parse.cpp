@@ -3,6 +3,8 @@
 
 #include "unit_support.h"
 
+#include <stdexcept>
+
 #include <stddef.h>
 #include <string.h>
 
@@ -13,10 +15,11 @@
 #define NO_MATCH 13
 #define KERNEL   L"Microsoft-Windows-Kernel-General"
 
-static const expected_event_map s_crash_map = {
-    {{12, KERNEL},        0},
-    {{1001, L"BugCheck"}, 0},
+static const event_key s_crash_keys[] = {
+    {12,   KERNEL     },
+    {1001, L"BugCheck"},
 };
+static const expected_event_map s_crash_map = {s_crash_keys, ARRAYSIZE(s_crash_keys)};
 
 /* The record with another number in one of its fields. */
 template <typename Number> static block with(block record, size_t field, Number value)
@@ -87,13 +90,14 @@ TEST(test_find_expected_event, blocks)
         uint32_t event_id = 0;
         const wchar_t *provider = NULL;
         const uint8_t *record = NULL;
+        log_forget();
         const uint32_t result = find_expected_event(row.bytes.data(), (uint32_t)row.bytes.size(),
                                                     &event_id, &provider, &record, s_crash_map);
         EXPECT_EQ(result, row.found == none ? NO_MATCH : 0u);
         EXPECT_EQ(record, row.found == none ? NULL : row.bytes.data() + row.found);
         EXPECT_EQ((const void *)provider, record == NULL ? NULL : record + 56);
         if (row.warning != NULL) {
-            EXPECT_NE(last_log_line().find(row.warning), std::string::npos) << last_log_line();
+            EXPECT_TRUE(log_contains(row.warning));
         }
     }
 }
@@ -135,27 +139,53 @@ TEST(test_find_expected_event, nothing_behind_the_block_is_read)
     VirtualFree(pages, 0, MEM_RELEASE);
 }
 
-TEST(test_event_key_less, look_ups)
+/* One entry per id: a record is found exactly when its id is expected, of that provider or of
+ * any. */
+TEST(test_find_expected_event, look_ups)
 {
-    static const wchar_t other_b[] = {'B', 0}; /* equal text at another place */
-    /* clang-format off */
+    static const event_key s_keys[] = {
+        {0x80000001, L"A"}, /* ids are signed; none of a record is */
+        {12,         L"A"},
+        {41,         L"B"},
+        {1001,       NULL},
+    };
     static const struct {
-        expected_event_map map;
-        event_key key;
+        uint32_t id;
+        const wchar_t *provider;
+        size_t count; /* entries of the map */
         bool found;
     } s_rows[] = {
-        {{{{12, L"A"}, 0}, {{41, L"B"}, 0}}, {41, other_b}, true},
-        {{{{12, L"A"}, 0}, {{41, L"B"}, 0}}, {41, L"C"}, false},
-        {{{{12, L"A"}, 0}, {{41, L"B"}, 0}}, {41, L"A"}, false},
-        {{{{12, NULL}, 0}, {{41, L"B"}, 0}}, {12, L"whoever"}, true},
+        {12,   L"A",   4, true },
+        {12,   L"B",   4, false},
+        {41,   L"B",   4, true },
+        {41,   L"b",   4, false},
+        {41,   L"A",   4, false},
+        {1001, L"any", 4, true },
+        {1001, L"any", 3, false},
+        {1,    L"A",   4, false},
+        {13,   L"A",   4, false},
+        {7001, L"A",   4, false},
+        {12,   L"A",   0, false},
     };
-    /* clang-format on */
 
-    for (const auto &row : s_rows)
-        EXPECT_EQ(row.map.count(row.key) != 0, row.found) << &row - s_rows;
-    EXPECT_TRUE(event_key_less()({0x80000001, L"A"}, {1, L"A"})) << "ids are signed";
-    EXPECT_TRUE(event_key_less()({1, L"A"}, {1, L"B"}));
-    EXPECT_TRUE(event_key_less()({1, L"B"}, {1, L"A"}));
+    for (const auto &row : s_rows) {
+        const block bytes = event_record(row.id, row.provider);
+        uint32_t id;
+        const wchar_t *provider;
+        const uint8_t *record;
+        uint32_t result;
+        bool allocated;
+        {
+            failing_allocations failing(1, true);
+            result = find_expected_event(bytes.data(), (uint32_t)bytes.size(), &id, &provider,
+                                         &record, {s_keys, row.count});
+            allocated = failing.reached();
+        }
+        EXPECT_EQ(result, row.found ? 0u : NO_MATCH) << &row - s_rows;
+        EXPECT_FALSE(allocated);
+    }
+    EXPECT_TRUE(event_key_less()({1, L"A"}, {1, L"B"})) << "no order of providers";
+    EXPECT_TRUE(event_key_less()({1, L"B"}, {1, L"A"})) << "no order of providers";
 }
 
 TEST(test_unix_time_to_filetime, seconds_are_unsigned)
@@ -214,4 +244,31 @@ TEST(test_get_crash_info, no_memory)
         oxnih_memory_fail(0, 0);
         EXPECT_EQ(live_blocks(), blocks);
     }
+}
+
+static bool s_privilege_enabled;
+
+static BOOL WINAPI adjust_privileges(HANDLE, BOOL, TOKEN_PRIVILEGES *privileges, DWORD,
+                                     TOKEN_PRIVILEGES *, DWORD *)
+{
+    s_privilege_enabled = privileges->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED;
+    SetLastError(ERROR_SUCCESS);
+    return TRUE;
+}
+
+/* An exception leaves the privilege disabled, the log closed and the buffer freed. */
+TEST(test_get_crash_info, exception)
+{
+    import_patch adjust("AdjustTokenPrivileges", adjust_privileges);
+    system_log log({});
+    event_info info = {};
+    const uint64_t blocks = live_blocks();
+
+    system_log::read_throws = true;
+    log_forget();
+    EXPECT_THROW(win_event_parse().get_crash_info(&info, s_crash_map), std::range_error);
+    EXPECT_TRUE(log_contains("adjust process privilege success with 1 "));
+    EXPECT_FALSE(s_privilege_enabled);
+    EXPECT_EQ(system_log::logs_open, 0);
+    EXPECT_EQ(live_blocks(), blocks);
 }

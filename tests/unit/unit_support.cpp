@@ -1,6 +1,9 @@
 /* The machine as the unit tests arrange it. */
 #include "unit_support.h"
 
+#include <algorithm>
+#include <stdexcept>
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -10,9 +13,12 @@
 #include <oxni/base/log.h>
 
 #include "liboxnibase/host.h"
+#include "proc_address.h"
 
-static block s_log_bytes; /* what ReadEventLogW still has to give */
-static std::string s_last_line;
+static block s_log_bytes; /* what ReadEventLogW still has to return */
+/* Of fixed size: lines arrive while allocations fail. */
+static char s_lines[1 << 16];
+static size_t s_lines_bytes;
 
 static void require(bool condition, const char *what)
 {
@@ -30,7 +36,10 @@ static int every_level(void)
 
 static void keep_line(int, const char *line, void *)
 {
-    s_last_line = line;
+    const size_t bytes = std::min(strlen(line), sizeof(s_lines) - s_lines_bytes);
+
+    memcpy(s_lines + s_lines_bytes, line, bytes);
+    s_lines_bytes += bytes;
 }
 
 static HKEY s_machine_key;
@@ -61,9 +70,14 @@ struct unit_environment : public testing::Environment {
 [[maybe_unused]] static testing::Environment *const s_environment =
     testing::AddGlobalTestEnvironment(new unit_environment);
 
-const std::string &last_log_line(void)
+bool log_contains(const std::string &text)
 {
-    return s_last_line;
+    return std::string(s_lines, s_lines_bytes).find(text) != std::string::npos;
+}
+
+void log_forget(void)
+{
+    s_lines_bytes = 0;
 }
 
 uint64_t live_blocks(void)
@@ -72,6 +86,47 @@ uint64_t live_blocks(void)
 
     oxnih_memory_get_stats(&stats);
     return stats.live_blocks;
+}
+
+static uint64_t failed_blocks(void)
+{
+    oxnih_memory_stats stats;
+
+    oxnih_memory_get_stats(&stats);
+    return stats.failed;
+}
+
+static uint64_t s_fail_in; /* calls of malloc until one fails; 0: none */
+static bool s_malloc_failed;
+
+static void *(*s_real_malloc)(size_t bytes);
+
+static void *failing_malloc(size_t bytes)
+{
+    if (s_fail_in == 0 || --s_fail_in > 0)
+        return s_real_malloc(bytes);
+    s_malloc_failed = true;
+    return NULL;
+}
+
+failing_allocations::failing_allocations(uint64_t nth, bool forever)
+    : malloc_("malloc", failing_malloc), failed_before_(failed_blocks())
+{
+    s_real_malloc =
+        proc_address<decltype(s_real_malloc)>(GetModuleHandleW(L"msvcrt.dll"), "malloc");
+    s_fail_in = nth;
+    s_malloc_failed = false;
+    oxnih_memory_fail(nth, forever);
+}
+
+failing_allocations::~failing_allocations()
+{
+    oxnih_memory_fail(0, 0);
+}
+
+bool failing_allocations::reached() const
+{
+    return s_malloc_failed || failed_blocks() != failed_before_;
 }
 
 void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes)
@@ -87,6 +142,43 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
 std::string wide_bytes(const std::wstring &text)
 {
     return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
+}
+
+temporary_folder::~temporary_folder()
+{
+    std::filesystem::remove_all(path);
+}
+
+int listed_file::finds_open;
+static const wchar_t *s_name;
+static uint64_t s_written;
+
+static HANDLE WINAPI find_first(const wchar_t *, WIN32_FIND_DATAW *data)
+{
+    listed_file::finds_open++;
+    data->dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
+    data->ftLastWriteTime = {(DWORD)s_written, (DWORD)(s_written >> 32)};
+    wcscpy(data->cFileName, s_name);
+    return &s_name;
+}
+
+static BOOL WINAPI find_next(HANDLE, WIN32_FIND_DATAW *)
+{
+    return FALSE;
+}
+
+static BOOL WINAPI find_close(HANDLE)
+{
+    listed_file::finds_open--;
+    return TRUE;
+}
+
+listed_file::listed_file(const wchar_t *name, uint64_t written)
+    : first_("FindFirstFileW", find_first), next_("FindNextFileW", find_next),
+      close_("FindClose", find_close)
+{
+    s_name = name;
+    s_written = written;
 }
 
 static void put_text(block *bytes, const std::wstring &text)
@@ -118,14 +210,20 @@ block event_record(uint32_t event_id, const std::wstring &source,
     return bytes;
 }
 
+int system_log::logs_open;
+bool system_log::read_throws;
+
 static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
 {
+    system_log::logs_open++;
     return &s_log_bytes;
 }
 
 static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
                             DWORD *needed)
 {
+    if (system_log::read_throws)
+        throw std::range_error("read");
     if (s_log_bytes.empty() || s_log_bytes.size() > size) {
         *needed = (DWORD)s_log_bytes.size();
         SetLastError(s_log_bytes.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
@@ -139,6 +237,7 @@ static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWOR
 
 static BOOL WINAPI close_log(HANDLE)
 {
+    system_log::logs_open--;
     return TRUE;
 }
 
@@ -147,6 +246,7 @@ system_log::system_log(const block &bytes)
       close_("CloseEventLog", close_log)
 {
     s_log_bytes = bytes;
+    read_throws = false;
 }
 
 template <typename Function> static Function engine_export(const char *name)

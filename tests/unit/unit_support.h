@@ -1,8 +1,9 @@
-/* What several of the unit tests need of the machine: its log, registry, files, System log and
- * debugger engine. */
+/* What several of the unit tests need of the machine: its log, registry, files, System log,
+ * allocator and debugger engine. */
 #ifndef UNIT_SUPPORT_H
 #define UNIT_SUPPORT_H
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -18,11 +19,30 @@ typedef std::vector<uint8_t> block;
 #define MOMENT          1709802341
 #define MOMENT_FILETIME 133542759410000000ULL
 
-/* The newest line of the log. Every level is logged; a log statement changes the thread's last
- * error, as opening the log does: what is used after it must have been taken before. */
-const std::string &last_log_line(void);
+/* Whether a line of the log contains the text; lines are kept from the last log_forget on, as many
+ * as fit. Every level is logged. A log statement changes the thread's last error, as opening the log
+ * does: code that uses it must take it before. */
+bool log_contains(const std::string &text);
+void log_forget(void);
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
+
+/* While it lives, the nth call of malloc in this executable fails, and so does the nth allocation of
+ * the platform's allocator: C++ code may use either. forever: all later ones of the platform's, too;
+ * without malloc the C++ library could not even throw. Test code that runs meanwhile must not
+ * allocate. */
+class failing_allocations
+{
+  public:
+    failing_allocations(uint64_t nth, bool forever);
+    ~failing_allocations();
+    /* Whether any allocation has failed. */
+    bool reached() const;
+
+  private:
+    import_patch malloc_;
+    uint64_t failed_before_;
+};
 
 /* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
  * are stored as they are. */
@@ -30,15 +50,39 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
 /* UTF-16 as the registry stores it, without a terminator. */
 std::string wide_bytes(const std::wstring &text);
 
+/* A folder below the system's temporary one, removed with its content. */
+struct temporary_folder {
+    ~temporary_folder();
+
+    const std::filesystem::path path = std::filesystem::temp_directory_path() /
+                                       ("bypass_unit_" + std::to_string(GetCurrentProcessId()));
+};
+
+/* While it lives, every folder lists one file, which is not there. */
+class listed_file
+{
+  public:
+    listed_file(const wchar_t *name, uint64_t written);
+    /* Searches that were not closed, of all objects. */
+    static int finds_open;
+
+  private:
+    import_patch first_, next_, close_;
+};
+
 /* The bytes of one log record, laid out as Windows does. */
 block event_record(uint32_t event_id, const std::wstring &source,
                    const std::vector<std::wstring> &strings = {});
 
-/* The System log holds these bytes, given in one read when they fit, while it lives. */
+/* While it lives, the System log holds these bytes, returned in one read when they fit. */
 class system_log
 {
   public:
     explicit system_log(const block &bytes);
+    /* Logs that were not closed, of all objects. */
+    static int logs_open;
+    /* Whether a read throws std::runtime_error("read"). */
+    static bool read_throws;
 
   private:
     import_patch open_, read_, close_;
@@ -48,7 +92,7 @@ class system_log
  * named call, unless NULL, fails with the result. */
 void engine_play(const wchar_t *dump, const char *stack, const char *failing = NULL,
                  HRESULT result = E_FAIL);
-/* Objects, references and callbacks that the engine's clients have not given back. */
+/* Objects, references and callbacks that the engine's clients have not released. */
 size_t engine_left(void);
 
 #endif

@@ -6,7 +6,7 @@
 
 #include <stdint.h>
 
-#include "crash_info.h"
+#include "status_check.h"
 
 /*
  * Takes the verdict on the last run of Windows; a status_check_cb.

@@ -16,10 +16,10 @@
 #include "bypass_mgr_report.h"
 #include "bypass_mgr_store.h"
 #include "bypass_mgr_table.h"
-#include "crash_info.h"
 #include "driver_update.h"
 #include "json_text.h"
 #include "report_pending.h"
+#include "status_check.h"
 
 /* A word of a message and its number. */
 struct word_number {

@@ -4,7 +4,7 @@
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
-#include "crash_info.h"
+#include "crash_dump.h"
 #include "platform_path.h"
 
 /* The component that writes the file spells it so. */

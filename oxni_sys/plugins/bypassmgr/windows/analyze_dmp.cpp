@@ -2,9 +2,6 @@
  * once and kept; runs on the host's timer thread. */
 #include "analyze_dmp.h"
 
-#include "bypass_log.h"
-#include "proc_address.h"
-
 #include <algorithm>
 #include <new>
 #include <string_view>
@@ -13,13 +10,17 @@
 #include <initguid.h> /* defines the engine's interface ids here: no import library has them */
 #include <dbgeng.h>
 
+#include "bypass_log.h"
+#include "exception_boundary.h"
+#include "proc_address.h"
+
 #define FRAMES_CAPACITY  100
 #define FRAMES_REQUESTED 99
 /* Each frame's line begins with its call site: neither addresses nor numbers before it. */
 #define STACK_COLUMNS (DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS)
 /* The text is for every client of the session, which has this one only. */
 #define STACK_OUTPUT_CONTROL DEBUG_OUTCTL_ALL_CLIENTS
-/* What stands for the engine's result when there is no engine. */
+/* Takes the place of the engine's result when there is no engine. */
 #define NO_ENGINE ((HRESULT)1)
 
 typedef HRESULT(STDAPICALLTYPE *debug_create_fn)(REFIID iid, PVOID *client);
@@ -35,7 +36,7 @@ class CDebugOutputCallbacks final : public IDebugOutputCallbacks
         *out = NULL;
         if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IDebugOutputCallbacks))
             return E_NOINTERFACE;
-        *out = static_cast<IDebugOutputCallbacks *>(this);
+        *out = (IDebugOutputCallbacks *)this;
         AddRef();
         return S_OK;
     }
@@ -56,15 +57,20 @@ class CDebugOutputCallbacks final : public IDebugOutputCallbacks
 
     HRESULT STDMETHODCALLTYPE Output(ULONG, PCSTR text) override
     {
-        try {
-            text_.append(text);
-        } catch (const std::bad_alloc &) {
-            return E_OUTOFMEMORY; /* nothing may be thrown through the engine */
-        }
-        return S_OK;
+        if (exception_boundary("Output", [&] { text_.append(text); }))
+            return S_OK;
+        result_ = E_OUTOFMEMORY;
+        return result_;
     }
 
     virtual ~CDebugOutputCallbacks() = default;
+
+    /* S_OK while no part of the text was lost. The engine ignores what Output returns, and a line
+     * without its beginning would name another module. */
+    HRESULT result() const
+    {
+        return result_;
+    }
 
     void take_text(std::string *text)
     {
@@ -74,10 +80,35 @@ class CDebugOutputCallbacks final : public IDebugOutputCallbacks
   private:
     LONG references_ = 1;
     std::string text_;
+    HRESULT result_ = S_OK;
 };
 
-/* The engine's entry point, or NULL; a failure is tried again at the next call. The engine stays
- * loaded for the life of the process. */
+/* A session of the engine; ends on every path. */
+struct engine_session {
+    IDebugClient *client = NULL;
+    IDebugControl *control = NULL;
+    CDebugOutputCallbacks *callbacks = NULL;
+
+    engine_session() = default;
+    engine_session(const engine_session &) = delete;
+    engine_session &operator=(const engine_session &) = delete;
+
+    ~engine_session()
+    {
+        if (callbacks != NULL)
+            callbacks->Release();
+        if (control != NULL)
+            control->Release();
+        if (client == NULL)
+            return;
+        (void)client->SetOutputCallbacks(NULL); /* the session ends whatever these return */
+        (void)client->EndSession(DEBUG_END_PASSIVE);
+        client->Release();
+    }
+};
+
+/* The engine's entry point, or NULL; a failure is retried at the next call. The engine stays loaded
+ * for the life of the process. */
 static debug_create_fn debug_create(void)
 {
     HMODULE helper;
@@ -99,7 +130,7 @@ static HRESULT create_client(IDebugClient **client)
     HRESULT hr = NO_ENGINE;
 
     if (create != NULL)
-        hr = create(IID_IDebugClient, reinterpret_cast<PVOID *>(client));
+        hr = create(IID_IDebugClient, (PVOID *)client);
     if (hr != S_OK)
         LOG_ERROR("DebugCreate debug client failed with hr = 0x%08x. ", (unsigned)hr);
     return hr;
@@ -107,7 +138,7 @@ static HRESULT create_client(IDebugClient **client)
 
 static HRESULT query_control(IDebugClient *client, IDebugControl **control)
 {
-    HRESULT hr = client->QueryInterface(IID_IDebugControl, reinterpret_cast<PVOID *>(control));
+    HRESULT hr = client->QueryInterface(IID_IDebugControl, (PVOID *)control);
 
     if (hr != S_OK)
         LOG_ERROR("QueryInterface debug control failed with hr = 0x%08x. ", (unsigned)hr);
@@ -134,7 +165,7 @@ static HRESULT collect_output(IDebugClient *client, CDebugOutputCallbacks **call
 static HRESULT open_dump(IDebugClient *client, const wchar_t *path)
 {
     IDebugClient4 *client4 = NULL;
-    HRESULT hr = client->QueryInterface(IID_IDebugClient4, reinterpret_cast<PVOID *>(&client4));
+    HRESULT hr = client->QueryInterface(IID_IDebugClient4, (PVOID *)&client4);
 
     if (hr == S_OK)
         hr = client4->OpenDumpFileWide(path, 0);
@@ -173,108 +204,84 @@ static bool is_stack_marker(std::string_view line)
            line.find("Stack unwind") != std::string_view::npos;
 }
 
-/* One line and where the module of its frame ends; npos: it has none. */
-struct stack_line {
-    std::string_view text;
-    size_t module_end;
-};
-
-/* The line at the beginning of a text, in one pass over it: behind a '!' only its end matters. */
-static stack_line first_line(std::string_view text)
+/* Adds the module of a frame's line. Some lines have none. */
+static void add_frame_module(std::string_view line, crash_module_set *modules)
 {
-    size_t plus = std::string_view::npos, at = 0;
+    size_t end = line.find('!');
 
-    while (at < text.size() && text[at] != '\n' && text[at] != '!') {
-        if (text[at] == '+' && plus == std::string_view::npos)
-            plus = at;
-        at++;
+    if (end == std::string_view::npos)
+        end = line.find('+');
+    if (end == std::string_view::npos)
+        return;
+    const std::string_view name = line.substr(0, end);
+    if (modules->find(name) == modules->end())
+        modules->emplace(name);
+}
+
+static void add_stack_modules(std::string_view text, crash_module_set *modules)
+{
+    bool inside_stack = false;
+
+    for (size_t begin = 0; begin < text.size();) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        const std::string_view line = text.substr(begin, end - begin);
+
+        if (inside_stack)
+            add_frame_module(line, modules);
+        else
+            inside_stack = is_stack_marker(line);
+        begin = end + 1;
     }
-    const size_t module_end = at < text.size() && text[at] == '!' ? at : plus;
-    return {text.substr(0, text.find('\n', at)), module_end};
 }
 
-/* Adds a module. last: the one of an earlier line, which most lines repeat; NULL when there is
- * none. Result: the new last one. */
-static const std::string *add_module(std::string_view name, const std::string *last,
-                                     crash_module_set *modules)
-{
-    if (last != NULL && *last == name)
-        return last;
-    const auto place = modules->lower_bound(name);
-    if (place != modules->end() && *place == name)
-        return &*place;
-    return &*modules->emplace_hint(place, name);
-}
-
-int32_t analyze_dmp_file(const wchar_t *path, uint32_t timeout_ms, crash_module_set *modules)
+bool analyze_dmp_file(const wchar_t *path, uint32_t timeout_ms, crash_module_set *modules)
 {
     std::string text;
 
     if (path == NULL || path[0] == L'\0') {
         LOG_ERROR("invalid dmp file path. ");
-        return 0;
+        return false;
     }
     if (!get_dmp_info(path, timeout_ms, &text)) {
         LOG_WARN("parse dmp info failed. ");
-        return 0;
+        return false;
     }
     if (!get_module_set_from_dmp_info(text, modules)) {
         LOG_WARN("get module set from dmp info failed. ");
-        return 0;
+        return false;
     }
-    return 1;
+    return true;
 }
 
 bool get_dmp_info(const wchar_t *path, uint32_t timeout_ms, std::string *text)
 {
-    IDebugClient *client = NULL;
-    IDebugControl *control = NULL;
-    CDebugOutputCallbacks *callbacks = NULL;
-    HRESULT hr = create_client(&client);
+    engine_session session;
+    HRESULT hr = create_client(&session.client);
 
     if (hr == S_OK)
-        hr = query_control(client, &control);
+        hr = query_control(session.client, &session.control);
     if (hr == S_OK)
-        hr = collect_output(client, &callbacks);
+        hr = collect_output(session.client, &session.callbacks);
     if (hr == S_OK)
-        hr = open_dump(client, path);
+        hr = open_dump(session.client, path);
     if (hr == S_OK)
-        hr = print_stack(control, timeout_ms);
+        hr = print_stack(session.control, timeout_ms);
     if (hr == S_OK)
-        callbacks->take_text(text);
-
-    if (callbacks != NULL)
-        callbacks->Release();
-    if (control != NULL)
-        control->Release();
-    if (client != NULL) {
-        (void)client->SetOutputCallbacks(NULL); /* the session ends whatever these answer */
-        (void)client->EndSession(DEBUG_END_PASSIVE);
-        client->Release();
-    }
+        hr = session.callbacks->result();
+    if (hr == S_OK)
+        session.callbacks->take_text(text);
     return hr == S_OK;
 }
 
 bool get_module_set_from_dmp_info(const std::string &text, crash_module_set *modules)
 {
-    const std::string *last = NULL;
-    bool inside_stack = false;
-    std::string_view rest = text;
-
     modules->clear();
     if (text.empty()) {
         LOG_WARN("dump info is empty. ");
         return false;
     }
     LOG_DEBUG("dump info %s ", text.c_str());
-    while (!rest.empty()) {
-        const stack_line line = first_line(rest);
-        if (!inside_stack)
-            inside_stack = is_stack_marker(line.text);
-        else if (line.module_end != std::string_view::npos)
-            last = add_module(line.text.substr(0, line.module_end), last, modules);
-        rest.remove_prefix(std::min(line.text.size() + 1, rest.size()));
-    }
+    add_stack_modules(text, modules);
     if (modules->empty()) {
         LOG_WARN("can not parse dump info[%s] ", text.c_str());
         return false;

@@ -1,24 +1,23 @@
 /* The moment at which Windows started. Stateless; any thread of the host. */
 #include "boot_time.h"
 
-#include "bypass_log.h"
-#include "time_text.h"
-#include "proc_address.h"
-
-#include <string.h>
 #include <wchar.h>
 #include <windows.h>
 #include <tlhelp32.h>
 
 #include <oxni/base/time.h>
 
+#include "bypass_log.h"
+#include "filetime.h"
+#include "proc_address.h"
+#include "time_text.h"
+#include "windows_owner.h"
+
 /* The System process has had this id for as long as there are 64-bit versions of Windows. */
 #define USUAL_SYSTEM_PROCESS_ID 4
 #define QUERY_ATTEMPTS          4
 #define QUERY_PAUSE_MS          500
 #define TICKS_PER_MILLISECOND   10000ULL
-#define TICKS_PER_SECOND        10000000LL
-#define SECONDS_1601_TO_1970    11644473600LL
 
 static_assert(sizeof(PROCESSENTRY32W) == 568, "the size that Windows expects");
 
@@ -26,7 +25,7 @@ static_assert(sizeof(PROCESSENTRY32W) == 568, "the size that Windows expects");
 static uint32_t walk_snapshot(HANDLE snapshot, PROCESSENTRY32W *entry, uint32_t *process_id)
 {
     do {
-        /* A process of that name with a parent is somebody else's. */
+        /* A process of that name with a parent is not the kernel's. */
         if (entry->th32ParentProcessID == 0 && _wcsicmp(entry->szExeFile, L"System") == 0) {
             *process_id = entry->th32ProcessID;
             return ERROR_SUCCESS;
@@ -36,7 +35,7 @@ static uint32_t walk_snapshot(HANDLE snapshot, PROCESSENTRY32W *entry, uint32_t 
     return ERROR_NOT_FOUND;
 }
 
-/* NULL when the process cannot be opened at all; the last error tells why. */
+/* NULL when the process cannot be opened at all; the last error gives the reason. */
 static HANDLE open_process_for_times(uint32_t process_id)
 {
     HANDLE process = OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, process_id);
@@ -66,55 +65,45 @@ static uint32_t read_creation_time(HANDLE process, uint32_t process_id, uint32_t
     return found;
 }
 
-boot_time_filetime filetime_value(const FILETIME &filetime)
-{
-    return ((uint64_t)filetime.dwHighDateTime << 32) | filetime.dwLowDateTime;
-}
-
 uint32_t find_system_process_id(uint32_t *process_id)
 {
     PROCESSENTRY32W entry = {};
-    HANDLE snapshot;
     DWORD error;
 
     if (process_id == NULL)
         return ERROR_INVALID_PARAMETER;
-    snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-    /* A snapshot that failed with INVALID_HANDLE_VALUE is told by the first read, below. */
-    if (snapshot == NULL) {
+    /* Compared with NULL only: the first read below reports a snapshot that failed with
+     * INVALID_HANDLE_VALUE. */
+    const owned_handle snapshot(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    if (!snapshot.is_valid()) {
         error = GetLastError();
         LOG_ERROR("Snapshot failed %x. ", (unsigned)error);
         return error;
     }
     entry.dwSize = sizeof(entry);
-    if (!Process32FirstW(snapshot, &entry)) {
+    if (!Process32FirstW(snapshot.get(), &entry)) {
         error = GetLastError();
         LOG_ERROR("process first failed %x.", (unsigned)error);
-    } else {
-        error = walk_snapshot(snapshot, &entry, process_id);
+        return error;
     }
-    CloseHandle(snapshot);
-    return error;
+    return walk_snapshot(snapshot.get(), &entry, process_id);
 }
 
 uint32_t get_system_process_start_time(boot_time_filetime *start_time)
 {
     uint32_t process_id = USUAL_SYSTEM_PROCESS_ID;
     uint32_t result;
-    HANDLE process;
 
     if (start_time == NULL)
         return ERROR_INVALID_PARAMETER;
     result = find_system_process_id(&process_id);
-    process = open_process_for_times(process_id);
-    if (process == NULL) {
+    const owned_handle process(open_process_for_times(process_id));
+    if (!process.is_valid()) {
         result = GetLastError();
         LOG_ERROR("open process failed %d %x.", (int)process_id, result);
         return result;
     }
-    result = read_creation_time(process, process_id, result, start_time);
-    CloseHandle(process);
-    return result;
+    return read_creation_time(process.get(), process_id, result, start_time);
 }
 
 uint64_t get_tick_count_ms(void)
@@ -154,7 +143,7 @@ uint64_t get_bootup_time(void)
         start_time = estimate_boot_filetime();
         LOG_WARN("use tick count calc boot time!");
     }
-    seconds = (int64_t)start_time / TICKS_PER_SECOND - SECONDS_1601_TO_1970;
+    seconds = (int64_t)start_time / FILETIME_TICKS_PER_SECOND - FILETIME_SECONDS_1601_TO_1970;
     time_text_local(seconds, text, sizeof(text));
     LOG_INFO("system boot up at [%s]", text);
     return (uint64_t)seconds;

@@ -9,12 +9,8 @@
 #define BOOT_TIME_H
 
 #include <stdint.h>
-#include <windows.h>
 
 typedef uint64_t boot_time_filetime;
-
-/* The two halves of a Windows file time as one number. */
-boot_time_filetime filetime_value(const FILETIME &filetime);
 
 /* Finds the System process; its id is written when found. Result: 0; ERROR_NOT_FOUND;
  * ERROR_INVALID_PARAMETER for NULL; otherwise the error of the call that failed. */
@@ -32,10 +28,10 @@ uint64_t get_tick_count_ms(void);
 boot_time_filetime estimate_boot_filetime(void);
 
 /* The boot moment in seconds since 1970-01-01 00:00 UTC. Never fails: sleeps 500 ms after each of
- * up to four failed tries, then estimates. */
+ * up to four failed attempts, then estimates. */
 uint64_t get_bootup_time(void);
 
-/* The boot moment as a boot_time_filetime. Never fails: one try, then the estimate. */
+/* The boot moment as a boot_time_filetime. Never fails: one attempt, then the estimate. */
 int64_t get_systempro_time(void);
 
 #endif

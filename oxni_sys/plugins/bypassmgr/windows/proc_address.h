@@ -4,14 +4,14 @@
 
 #include <windows.h>
 
-/* An exported function as a pointer of its real type; NULL when module is NULL or lacks it. Not for
- * DllMain. */
+/* An exported function as a pointer of its real type; NULL when module is NULL or does not export
+ * it. Not for DllMain. */
 template <typename Function> Function proc_address(HMODULE module, const char *name)
 {
     if (module == NULL)
         return NULL;
-    /* By way of void *: Windows declares every export as one and the same type. */
-    return reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module, name)));
+    /* By way of void *: Windows declares every export with one and the same type. */
+    return (Function)(void *)GetProcAddress(module, name);
 }
 
 #endif

@@ -2,22 +2,22 @@
  * Stateless; runs on the thread of the timer that asks. */
 #include "win_event_parse.h"
 
-#include "bypass_log.h"
-
 #include <algorithm>
 
-#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <oxni/base/memory.h>
 #include <oxni/base/str.h>
 
+#include "bypass_log.h"
+#include "filetime.h"
+#include "process_privilege.h"
+#include "system_events.h"
+#include "windows_owner.h"
+
 /* Holds a few dozen ordinary records; grown only for a record that does not fit. */
-#define READ_BUFFER_BYTES    4096
-#define EVENT_ID_BUGCHECK    1001
-#define SECONDS_1601_TO_1970 11644473600ULL
-#define TICKS_PER_SECOND     10000000ULL
+#define READ_BUFFER_BYTES 4096
 
 enum event_read_result {
     EVENT_READ_OPEN_FAILED = 1,
@@ -42,10 +42,10 @@ static const struct event_kind {
     uint32_t event_id;
     const char *word;
 } s_event_kinds[] = {
-    {12,                "windows_start"           },
-    {41,                "windows_nonomal_shutdown"},
-    {EVENT_ID_BUGCHECK, "windows_system_crash"    },
-    {7001,              "windows_winlogin"        },
+    {EVENT_WINDOWS_START,       WORD_WINDOWS_START      },
+    {EVENT_UNEXPECTED_SHUTDOWN, WORD_UNEXPECTED_SHUTDOWN},
+    {EVENT_BUGCHECK,            WORD_BUGCHECK           },
+    {EVENT_WINLOGON,            WORD_WINLOGON           },
 };
 
 static const char *event_kind_word(uint32_t event_id)
@@ -54,6 +54,14 @@ static const char *event_kind_word(uint32_t event_id)
         if (kind.event_id == event_id)
             return kind.word;
     return "unknown";
+}
+
+static bool is_expected(const expected_event_map &expected, const event_key &key)
+{
+    const event_key *end = expected.keys + expected.count;
+    const event_key *candidate = std::lower_bound(expected.keys, end, key, event_key_less());
+
+    return candidate != end && !event_key_less()(key, *candidate);
 }
 
 /* Records need not be aligned, so their header is copied out. */
@@ -67,48 +75,21 @@ static EVENTLOGRECORD record_header(const uint8_t *record)
 
 static const wchar_t *wide_at(const uint8_t *bytes)
 {
-    return reinterpret_cast<const wchar_t *>(bytes);
+    return (const wchar_t *)bytes;
 }
 
-/* A 32-bit field of a record; a scan needs two of each header, not a copy of it. */
-static uint32_t field_at(const uint8_t *record, size_t offset)
-{
-    uint32_t value;
-
-    memcpy(&value, record + offset, sizeof(value));
-    return value;
-}
-
-static uint64_t event_id_bit(uint32_t event_id)
-{
-    return 1ULL << (event_id & 63);
-}
-
-/* The bits of all expected ids: nearly every record of a log is told apart by them, for less than
- * a look-up in the map takes. */
-static uint64_t expected_id_bits(const expected_event_map &expected)
-{
-    uint64_t bits = 0;
-
-    for (const auto &entry : expected)
-        bits |= event_id_bit(entry.first.event_id);
-    return bits;
-}
-
-/* Whether the name of a provider ends inside its record, which it should; warns if not. available:
+/* Whether the name of a provider ends inside its record, as it should; warns if not. available:
  * wide characters from the name to the block's end. */
-static bool is_name_whole(const uint8_t *record, const wchar_t *provider, size_t available)
+static bool is_name_whole(const EVENTLOGRECORD &header, const wchar_t *provider, size_t available)
 {
-    const uint32_t record_length = field_at(record, offsetof(EVENTLOGRECORD, Length));
     const uint32_t left =
-        (record_length - (uint32_t)sizeof(EVENTLOGRECORD)) / (uint32_t)sizeof(wchar_t);
+        (header.Length - (uint32_t)sizeof(EVENTLOGRECORD)) / (uint32_t)sizeof(wchar_t);
     /* left is no bound for a Length below the header's: it wraps. */
     const size_t bound = std::min<size_t>(left, available);
     size_t length;
 
     if (provider == NULL) {
-        LOG_WARN("event id[%d] provider string is null!",
-                 (int)field_at(record, offsetof(EVENTLOGRECORD, EventID)));
+        LOG_WARN("event id[%d] provider string is null!", (int)header.EventID);
         return false;
     }
     length = oxni_wcsnlen(provider, bound);
@@ -116,13 +97,12 @@ static bool is_name_whole(const uint8_t *record, const wchar_t *provider, size_t
         return true;
     LOG_WARN("provider string length invalid! event id[%d] provider len[%d] record len[%d] left "
              "len[%d]",
-             (int)field_at(record, offsetof(EVENTLOGRECORD, EventID)), (int)length,
-             (int)record_length, (int)left);
+             (int)header.EventID, (int)length, (int)header.Length, (int)left);
     return false;
 }
 
-/* Appends a record's insertion strings. What the record says of them is not trusted: nothing behind
- * its end is read, and a string without a terminator ends there. */
+/* Appends a record's insertion strings. The record's own fields are not trusted: nothing after its
+ * end is read, and a string without a terminator ends there. */
 static void append_insertion_strings(const found_event &found, std::vector<std::wstring> *strings)
 {
     const EVENTLOGRECORD header = record_header(found.record);
@@ -144,7 +124,7 @@ static void capture_event(const found_event &found, event_info *info)
     info->time_generated = record_header(found.record).TimeGenerated;
     info->event_id = found.event_id;
     (void)format_event_time(info->time_generated, info->time_text); /* always fits */
-    if (found.event_id == EVENT_ID_BUGCHECK) {
+    if (found.event_id == EVENT_BUGCHECK) {
         append_insertion_strings(found, &info->strings);
         LOG_INFO("system crash time:%s", info->time_text);
     }
@@ -153,19 +133,20 @@ static void capture_event(const found_event &found, event_info *info)
 }
 
 /* Makes room for the record that did not fit. On failure the buffer stays as it was. */
-static bool grow_buffer(uint8_t **buffer, DWORD *size, DWORD needed)
+static bool grow_buffer(owned_block *buffer, DWORD *size, DWORD needed)
 {
-    uint8_t *grown = static_cast<uint8_t *>(oxni_ralloc_(*buffer, needed));
+    void *grown = oxni_ralloc_(buffer->get(), needed);
 
     if (grown == NULL)
         return false;
-    *buffer = grown;
+    (void)buffer->release(); /* stolen by the call above */
+    buffer->reset(grown);
     *size = needed;
     return true;
 }
 
 /* Reads block after block until a record is expected. Result as of get_crash_info. */
-static uint32_t read_until_expected(HANDLE log, uint8_t **buffer, event_info *info,
+static uint32_t read_until_expected(HANDLE log, owned_block *buffer, event_info *info,
                                     const expected_event_map &expected)
 {
     DWORD size = READ_BUFFER_BYTES;
@@ -173,25 +154,25 @@ static uint32_t read_until_expected(HANDLE log, uint8_t **buffer, event_info *in
     uint32_t last_scan = 0; /* an empty log thus ends with success and an empty record */
 
     for (;;) {
-        if (ReadEventLogW(log, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ, 0, *buffer, size,
-                          &filled, &needed)) {
+        if (ReadEventLogW(log, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ, 0, buffer->get(),
+                          size, &filled, &needed)) {
+            const uint8_t *block = (const uint8_t *)buffer->get();
             found_event found = {};
-            found.block_end = *buffer + filled;
-            last_scan = find_expected_event(*buffer, filled, &found.event_id, &found.provider,
+            found.block_end = block + filled;
+            last_scan = find_expected_event(block, filled, &found.event_id, &found.provider,
                                             &found.record, expected);
-            if (last_scan == 0 &&
-                expected.find({found.event_id, found.provider}) != expected.end()) {
+            if (last_scan == 0 && is_expected(expected, {found.event_id, found.provider})) {
                 capture_event(found, info);
                 return 0;
             }
-            if (filled == 0) /* would be so for ever */
+            if (filled == 0) /* a read of nothing would repeat without end */
                 return last_scan;
             continue;
         }
         const DWORD error = GetLastError();
         if (error == ERROR_HANDLE_EOF)
             return last_scan;
-        /* A call that wants no more room than it has would want it for ever. */
+        /* A call that needs no more room than it has would fail so without end. */
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= size)
             return EVENT_READ_FAILED;
         if (!grow_buffer(buffer, &size, needed))
@@ -201,39 +182,14 @@ static uint32_t read_until_expected(HANDLE log, uint8_t **buffer, event_info *in
 
 static uint32_t search_system_log(event_info *info, const expected_event_map &expected)
 {
-    uint32_t result = EVENT_READ_NO_MEMORY;
-    uint8_t *buffer;
-    HANDLE log = OpenEventLogW(NULL, L"System");
+    const owned_event_log log(OpenEventLogW(NULL, L"System"));
 
-    if (log == NULL)
+    if (!log.is_valid())
         return EVENT_READ_OPEN_FAILED;
-    buffer = static_cast<uint8_t *>(oxni_zero_malloc_(READ_BUFFER_BYTES));
-    if (buffer != NULL)
-        result = read_until_expected(log, &buffer, info, expected);
-    oxni_free_(buffer);
-    CloseEventLog(log);
-    return result;
-}
-
-static void set_token_privilege(HANDLE token, const LUID &luid, int32_t enable)
-{
-    TOKEN_PRIVILEGES privileges = {};
-    DWORD error;
-
-    privileges.PrivilegeCount = 1;
-    privileges.Privileges[0].Luid = luid;
-    privileges.Privileges[0].Attributes = enable == 1 ? SE_PRIVILEGE_ENABLED : 0;
-    if (!AdjustTokenPrivileges(token, FALSE, &privileges, 0, NULL, NULL)) {
-        error = GetLastError();
-        LOG_WARN("AdjustTokenPrivileges failed: %d ", (int)error);
-        return;
-    }
-    /* Windows calls it a success when the token lacks the privilege, and only this tells. */
-    error = GetLastError();
-    if (error == ERROR_NOT_ALL_ASSIGNED)
-        LOG_WARN("The token does not have the specified privilege: %d ", (int)error);
-    else
-        LOG_INFO("adjust process privilege success with %d ", enable);
+    owned_block buffer(oxni_zero_malloc_(READ_BUFFER_BYTES));
+    if (!buffer.is_valid())
+        return EVENT_READ_NO_MEMORY;
+    return read_until_expected(log.get(), &buffer, info, expected);
 }
 
 bool event_key_less::operator()(const event_key &a, const event_key &b) const
@@ -249,75 +205,50 @@ bool event_key_less::operator()(const event_key &a, const event_key &b) const
 
 uint32_t win_event_parse::get_crash_info(event_info *info, const expected_event_map &expected) const
 {
-    uint32_t result;
+    const enabled_privilege privilege("SeSecurityPrivilege");
+    const uint32_t result = search_system_log(info, expected);
 
-    adjust_process_privilege("SeSecurityPrivilege", 1);
-    result = search_system_log(info, expected);
     if (result != 0)
         LOG_WARN("get_crash_info failed:%d ", (int)result);
-    adjust_process_privilege("SeSecurityPrivilege", 0);
     return result;
-}
-
-void adjust_process_privilege(const char *name, int32_t enable)
-{
-    HANDLE token = NULL;
-    DWORD error;
-    LUID luid;
-
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
-        error = GetLastError();
-        LOG_WARN("OpenProcessToken failed: %d ", (int)error);
-        return;
-    }
-    if (LookupPrivilegeValueA(NULL, name, &luid)) {
-        set_token_privilege(token, luid, enable);
-    } else {
-        error = GetLastError();
-        LOG_WARN("LookupPrivilegeValue failed: %d ", (int)error);
-    }
-    CloseHandle(token);
 }
 
 uint32_t find_expected_event(const uint8_t *buffer, uint32_t size, uint32_t *event_id,
                              const wchar_t **provider, const uint8_t **record,
                              const expected_event_map &expected)
 {
-    const uint64_t id_bits = expected_id_bits(expected);
     size_t left = size;
 
     if (buffer == NULL)
         return ERROR_INVALID_DATA;
     for (const uint8_t *at = buffer; left >= sizeof(EVENTLOGRECORD);) {
+        const EVENTLOGRECORD header = record_header(at);
         const wchar_t *name = wide_at(at + sizeof(EVENTLOGRECORD));
-        const uint32_t id = field_at(at, offsetof(EVENTLOGRECORD, EventID)) & 0xFFFF;
-        const uint32_t length = field_at(at, offsetof(EVENTLOGRECORD, Length));
+        const uint32_t id = header.EventID & 0xFFFF;
 
-        if (is_name_whole(at, name, (left - sizeof(EVENTLOGRECORD)) / sizeof(wchar_t)) &&
-            (id_bits & event_id_bit(id)) != 0 && expected.find({id, name}) != expected.end()) {
+        if (is_name_whole(header, name, (left - sizeof(EVENTLOGRECORD)) / sizeof(wchar_t)) &&
+            is_expected(expected, {id, name})) {
             *event_id = id;
             *provider = name;
             *record = at;
             return 0;
         }
-        /* Behind one that reaches beyond the block there is none; behind one without a length it
-         * would be itself, for ever. */
-        if (length == 0 || length > left)
+        /* A record that reaches beyond the block is the last one; a length of zero would lead to
+         * the same record without end. */
+        if (header.Length == 0 || header.Length > left)
             break;
-        at += length;
-        left -= length;
+        at += header.Length;
+        left -= header.Length;
     }
     return ERROR_INVALID_DATA;
 }
 
 void unix_time_to_filetime(uint32_t seconds, FILETIME *filetime)
 {
-    const uint64_t ticks = (seconds + SECONDS_1601_TO_1970) * TICKS_PER_SECOND;
-
     if (filetime == NULL)
         return;
-    filetime->dwLowDateTime = (DWORD)ticks;
-    filetime->dwHighDateTime = (DWORD)(ticks >> 32);
+    *filetime = filetime_of_value(
+        (uint64_t)((seconds + FILETIME_SECONDS_1601_TO_1970) * FILETIME_TICKS_PER_SECOND));
 }
 
 int format_event_time(uint32_t seconds, char *buffer)

@@ -6,17 +6,17 @@
 #ifndef WIN_EVENT_PARSE_H
 #define WIN_EVENT_PARSE_H
 
-#include <map>
 #include <string>
 #include <vector>
 
+#include <stddef.h>
 #include <stdint.h>
 #include <windows.h>
 
-/* "12/31/2106 23:59:59" and its terminator, with room for any number Windows may give. */
+/* "12/31/2106 23:59:59" and its terminator, with room for any number that Windows may return. */
 #define EVENT_TIME_TEXT_CHARS 24
 
-/* Which record is expected. */
+/* Identifies an expected event. */
 struct event_key {
     uint32_t event_id;       /* low 16 bits of a record's EventID; ordered as a signed number */
     const wchar_t *provider; /* its source name, borrowed; NULL in a map stands for any */
@@ -31,10 +31,13 @@ struct event_key_less {
     bool operator()(const event_key &a, const event_key &b) const;
 };
 
-/* Only the keys count. */
-typedef std::map<event_key, uint32_t, event_key_less> expected_event_map;
+/* The events that a search expects. A constant array: a look-up allocates nothing. */
+struct expected_event_map {
+    const event_key *keys; /* borrowed; ascending by event id, at most one entry per id */
+    size_t count;
+};
 
-/* A record that was found. The caller hands it in zeroed and empty. */
+/* A record that was found. The caller passes it zeroed and empty. */
 struct event_info {
     char time_text[EVENT_TIME_TEXT_CHARS]; /* TimeGenerated as local time, month/day/year */
     uint32_t time_generated;               /* seconds since 1970-01-01 00:00 UTC */
@@ -46,29 +49,26 @@ class win_event_parse
 {
   public:
     /*
-     * Finds the newest record that the map expects. Holds "SeSecurityPrivilege" for the time of the
-     * call, as far as the process has it.
+     * Finds the newest record that the map expects. Enables "SeSecurityPrivilege" for the time of
+     * the call, if the process has it.
      *
      * info      Filled when a record is found; strings are appended. Otherwise untouched.
      * Result    0 found, or the log is empty: info->event_id is still 0 then; 1 the log cannot be
      *           opened; 2 no memory for a record; 3 a read failed; ERROR_INVALID_DATA (13) the log
      *           was read to its end without a match.
+     * Throws    std::bad_alloc when memory runs out for the insertion strings.
      */
     uint32_t get_crash_info(event_info *info, const expected_event_map &expected) const;
 };
 
-/* Switches a privilege of the whole process on (enable 1) or off (anything else). Failures are only
- * logged: what needs the privilege fails by itself. */
-void adjust_process_privilege(const char *name, int32_t enable);
-
 /*
- * Looks through log records as Windows delivers them, back to back, newest first.
+ * Scans log records as Windows delivers them, back to back, newest first.
  *
- * buffer       size valid bytes; need not be aligned. A record that does not lie inside ends the
- *              look; a name without an end inside its record is skipped with a warning.
+ * buffer       size valid bytes; need not be aligned. A record that does not end inside is the last
+ *              one scanned; a name that does not end inside its record is skipped with a warning.
  * event_id, provider, record
  *              Written only on a match; the pointers point into buffer.
- * Result       0 matched; ERROR_INVALID_DATA (13) not, or buffer is NULL.
+ * Result       0 matched; ERROR_INVALID_DATA (13) no match, or buffer is NULL.
  */
 uint32_t find_expected_event(const uint8_t *buffer, uint32_t size, uint32_t *event_id,
                              const wchar_t **provider, const uint8_t **record,
@@ -78,7 +78,7 @@ uint32_t find_expected_event(const uint8_t *buffer, uint32_t size, uint32_t *eve
 void unix_time_to_filetime(uint32_t seconds, FILETIME *filetime);
 
 /* The same seconds as local time, "%d/%d/%d %.2d:%.2d:%.2d" from the month on, by the bias in force
- * now. buffer: EVENT_TIME_TEXT_CHARS. Result: that of the formatting, the characters written. */
+ * now. buffer: EVENT_TIME_TEXT_CHARS. Result: of the formatting, the number of characters. */
 int format_event_time(uint32_t seconds, char *buffer);
 
 #endif

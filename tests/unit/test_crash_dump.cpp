@@ -1,125 +1,20 @@
-/* How the last run ended, where scenarios do not reach: odd poll counts, refused timers, no memory,
- * a search that throws; odd settings and names, and the record of a dump's time. */
-#include "crash_info.h"
+/* Crash dumps and the record of a dump's time, where scenarios do not reach: odd settings, names,
+ * times and records, no memory. */
+#include "crash_dump.h"
 
+#include "dump_record.h"
 #include "unit_support.h"
 
-#include <filesystem>
 #include <stdexcept>
 
 #include <gtest/gtest.h>
 
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
-#include <oxni/base/timer.h>
 
 #include "liboxnibase/host.h"
 
-#define CRASH_KEY  L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
-#define DRIVER_KEY L"SYSTEM\\CurrentControlSet\\Services\\load_driver"
-
-/* The one timer that is pending. */
-static struct {
-    oxni_timer_fn fn;
-    void *arg;
-    unsigned armed;
-    unsigned refused; /* the number of the one that cannot be armed; 0: none */
-} s_timer;
-
-static std::string s_verdicts; /* result and modules, a blank before each */
-
-static uint64_t arm_timer(uint32_t, oxni_timer_fn fn, void *arg)
-{
-    if (++s_timer.armed == s_timer.refused)
-        return 0;
-    s_timer.fn = fn;
-    s_timer.arg = arg;
-    return s_timer.armed;
-}
-
-static int note_verdict(int32_t result, const crash_module_set &modules,
-                        const std::string &dump_path, const event_info &, void *)
-{
-    s_verdicts += " " + std::to_string(result);
-    for (const std::string &module : modules)
-        s_verdicts += " " + module;
-    EXPECT_EQ(dump_path, "");
-    return 99;
-}
-
-/* Starts a check and lets its timers fire until there is none. Result: that of the start. */
-static int32_t play_check(unsigned refused)
-{
-    import_patch timer("oxni_timer_start", arm_timer);
-
-    s_timer = {NULL, NULL, 0, refused};
-    s_verdicts.clear();
-    const int32_t started = start_bypass_status_check(note_verdict, NULL);
-    while (s_timer.fn != NULL && s_timer.armed < 40) {
-        const oxni_timer_fn fn = s_timer.fn;
-        s_timer.fn = NULL;
-        fn(NULL, s_timer.arg);
-    }
-    return started;
-}
-
-TEST(test_start_bypass_status_check, polls)
-{
-    static const struct {
-        const wchar_t *polls;
-        unsigned armed;
-    } s_rows[] = {
-        {L"-5", 1},
-        {L"x",  1},
-    };
-
-    for (const auto &row : s_rows) {
-        system_log log({});
-        const uint64_t blocks = live_blocks();
-        registry_set(DRIVER_KEY, L"TimerMaxCount", REG_SZ, wide_bytes(row.polls));
-        EXPECT_EQ(play_check(0), 1);
-        EXPECT_EQ(s_verdicts, " 0");
-        EXPECT_EQ(s_timer.armed, row.armed);
-        EXPECT_EQ(live_blocks(), blocks);
-    }
-}
-
-/* Wherever the check cannot go on it says so, once. */
-TEST(test_start_bypass_status_check, cannot_go_on)
-{
-    const uint64_t blocks = live_blocks();
-
-    registry_set(DRIVER_KEY, L"TimerMaxCount", REG_SZ, wide_bytes(L"12"));
-    for (unsigned refused = 1; refused <= 13; refused += 4) {
-        system_log log({});
-        EXPECT_EQ(play_check(refused), refused == 1 ? 0 : 1);
-        EXPECT_EQ(s_verdicts, " 1");
-    }
-    oxnih_memory_fail(1, 0);
-    EXPECT_EQ(play_check(0), 0);
-    oxnih_memory_fail(0, 0);
-    EXPECT_EQ(s_verdicts, " 1");
-    EXPECT_EQ(start_bypass_status_check(NULL, NULL), 0);
-    EXPECT_EQ(live_blocks(), blocks);
-}
-
-/* What a search for dumps throws does not reach the host's timer. */
-static HANDLE WINAPI find_throws(const wchar_t *, WIN32_FIND_DATAW *)
-{
-    throw std::range_error("bad conversion");
-}
-
-TEST(test_start_bypass_status_check, search_that_throws)
-{
-    system_log log(event_record(1001, L"BugCheck"));
-    import_patch find("FindFirstFileW", find_throws);
-    const uint64_t blocks = live_blocks();
-
-    registry_set(DRIVER_KEY, L"TimerMaxCount", REG_SZ, wide_bytes(L"0"));
-    EXPECT_EQ(play_check(0), 1);
-    EXPECT_EQ(s_verdicts, " 2");
-    EXPECT_EQ(live_blocks(), blocks);
-}
+#define CRASH_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 
 TEST(test_read_reg_string_value, values)
 {
@@ -186,48 +81,6 @@ TEST(test_expand_env_path, lengths)
     oxnih_memory_fail(0, 0);
 }
 
-/* Every folder lists one file. */
-static const wchar_t *s_name;
-static uint64_t s_written;
-static int s_finds_open;
-
-static HANDLE WINAPI find_first(const wchar_t *, WIN32_FIND_DATAW *data)
-{
-    s_finds_open++;
-    data->dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
-    data->ftLastWriteTime = {(DWORD)s_written, (DWORD)(s_written >> 32)};
-    wcscpy(data->cFileName, s_name);
-    return &s_name;
-}
-
-static BOOL WINAPI find_next(HANDLE, WIN32_FIND_DATAW *)
-{
-    return FALSE;
-}
-
-static BOOL WINAPI find_close(HANDLE)
-{
-    s_finds_open--;
-    return TRUE;
-}
-
-class listed_folder
-{
-    import_patch first_{"FindFirstFileW", find_first}, next_{"FindNextFileW", find_next};
-    import_patch close_{"FindClose", find_close};
-};
-
-/* A folder below the system's temporary one, removed with what is in it. */
-struct temporary_folder {
-    ~temporary_folder()
-    {
-        std::filesystem::remove_all(path);
-    }
-
-    const std::filesystem::path path = std::filesystem::temp_directory_path() /
-                                       ("bypass_unit_" + std::to_string(GetCurrentProcessId()));
-};
-
 /* The one minidump is listed with a time long before, or long after the start of this machine; no
  * scenario has the record asked for. */
 TEST(test_find_new_crash_dump, record_and_names)
@@ -258,7 +111,6 @@ TEST(test_find_new_crash_dump, record_and_names)
     };
     /* clang-format on */
     temporary_folder folder;
-    listed_folder listing;
     const std::filesystem::path dumps = folder.path / "none";
 
     oxnih_set_install_dir((folder.path / "agent").u8string().c_str());
@@ -266,17 +118,16 @@ TEST(test_find_new_crash_dump, record_and_names)
     registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes(dumps.wstring()));
     for (const auto &row : s_rows) {
         SCOPED_TRACE(&row - s_rows);
+        listed_file dump(row.name, row.written);
         crash_module_set modules;
         std::string path = "before";
         uint64_t time = 77;
-        s_name = row.name;
-        s_written = row.written;
         if (row.record != no_record) {
-            ASSERT_EQ(set_dumprecord_time(row.record), 1);
+            ASSERT_TRUE(set_dumprecord_time(row.record));
         }
         engine_play((dumps / row.name).c_str(), "Call Site\ndrv+1\n");
         try {
-            const bool taken = find_new_crash_dump(5, row.use_record, &modules, &time, &path) == 1;
+            const bool taken = find_new_crash_dump(5, row.use_record, &modules, &time, &path);
             EXPECT_EQ(taken, row.path != NULL);
             EXPECT_EQ(path, row.path != NULL ? dumps.u8string() + row.path : "before");
         } catch (const std::range_error &) {
@@ -284,9 +135,19 @@ TEST(test_find_new_crash_dump, record_and_names)
         }
         EXPECT_EQ(time, row.path != NULL ? row.written : 77u);
         EXPECT_EQ(modules.size(), row.path != NULL ? 1u : 0u);
-        EXPECT_EQ(s_finds_open, 0);
+        EXPECT_EQ(listed_file::finds_open, 0);
     }
     oxnih_set_install_dir(NULL);
+}
+
+TEST(test_crash_dump, null_arguments)
+{
+    std::wstring path;
+    uint64_t time;
+
+    EXPECT_EQ(find_newest_file(NULL, &path, &time), 87u);
+    EXPECT_EQ(get_file_write_time(NULL, &time), 87u);
+    EXPECT_FALSE(is_file_updated_since_boot(NULL));
 }
 
 TEST(test_dumprecord, round_trip_and_wrong_records)
@@ -315,11 +176,11 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
         EXPECT_EQ(get_dumprecord_time(&time), row.time != 7) << row.json;
         EXPECT_EQ(time, row.time);
     }
-    EXPECT_EQ(set_dumprecord_time(INT64_MAX), 1);
+    EXPECT_TRUE(set_dumprecord_time(INT64_MAX));
     EXPECT_TRUE(get_dumprecord_time(&time));
     EXPECT_EQ(time, INT64_MAX);
     oxnih_memory_fail(1, 1);
-    EXPECT_EQ(set_dumprecord_time(5), 0);
+    EXPECT_FALSE(set_dumprecord_time(5));
     oxnih_memory_fail(0, 0);
     oxnih_set_install_dir(NULL);
 }

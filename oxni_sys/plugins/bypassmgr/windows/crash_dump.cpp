@@ -1,17 +1,18 @@
-/* Where Windows writes its crash dumps, which of them is new, and the record of the last one's
- * time. Nothing is cached between calls; the host's timer thread, and the core. */
-#include "crash_info.h"
-
-#include "boot_time.h"
-#include "bypass_log.h"
-#include "platform_path.h"
+/* Where Windows writes its crash dumps, and which of them is new. Nothing is cached between calls;
+ * the host's timer thread, and the core. */
+#include "crash_dump.h"
 
 #include <stdexcept>
 
-#include <oxni/base/ejs.h>
-#include <oxni/base/json.h>
 #include <oxni/base/memory.h>
 #include <oxni/base/str.h>
+
+#include "analyze_dmp.h"
+#include "boot_time.h"
+#include "bypass_log.h"
+#include "dump_record.h"
+#include "filetime.h"
+#include "windows_owner.h"
 
 /* Text of a registry value at first; a terminator more is allocated, as Windows may store none. */
 #define VALUE_BYTES      520
@@ -19,19 +20,18 @@
 #define EXPANDED_CHARS   260
 #define DIRECTORY_CHARS  520
 
-#define DUMPRECORD_FILE  PLATFORM_DATA_FOLDER "bypass_mgr_dumprecord.ejs"
-#define DUMPRECORD_TIME  "dump_time"
-
-/* Queries a value into a new buffer with room for a terminator behind it. value is NULL when memory
- * runs out. */
-static LSTATUS query_value(HKEY key, const wchar_t *name, BYTE **value, DWORD *size, DWORD *type)
+/* Queries a value into a new buffer with room for a terminator after it. value is not valid when
+ * memory runs out. */
+static LSTATUS query_value(HKEY key, const wchar_t *name, owned_block *value, DWORD *size,
+                           DWORD *type)
 {
-    *value = static_cast<BYTE *>(oxni_zero_malloc_(*size + TERMINATOR_BYTES));
-    if (*value == NULL) {
+    value->reset();
+    value->reset(oxni_zero_malloc_(*size + TERMINATOR_BYTES));
+    if (!value->is_valid()) {
         LOG_ERROR("malloc failed %x.", (unsigned)ERROR_NOT_ENOUGH_MEMORY);
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    return RegQueryValueExW(key, name, NULL, type, *value, size);
+    return RegQueryValueExW(key, name, NULL, type, (BYTE *)value->get(), size);
 }
 
 /* Opens a file that others may read, write and delete meanwhile. */
@@ -54,8 +54,8 @@ static std::wstring crash_path_setting(HKEY key, const wchar_t *name, const wcha
     return text;
 }
 
-/* The time that a dump has to be newer than: the boot moment, or with the record on the recorded
- * time when that is earlier. */
+/* The time that a dump has to be newer than: the boot moment, or the recorded time when that is
+ * used and earlier. */
 static int64_t dump_threshold(uint32_t use_record)
 {
     int64_t threshold = get_systempro_time();
@@ -78,7 +78,7 @@ static bool is_dump_newer(const crash_dump_info &dump, int64_t threshold)
 }
 
 /* Throws std::range_error for what is not UTF-16. Windows converts it: the standard library's own
- * converter brings all locales with it, half a megabyte in the DLL. */
+ * converter would add all locales, half a megabyte, to the DLL. */
 static std::string utf8_path(const std::wstring &path)
 {
     const int chars = (int)path.size();
@@ -98,7 +98,7 @@ static std::string utf8_path(const std::wstring &path)
 
 uint32_t read_reg_string_value(HKEY key, const wchar_t *name, std::wstring *text)
 {
-    BYTE *value = NULL;
+    owned_block value;
     DWORD size = VALUE_BYTES;
     DWORD type = REG_NONE;
     LSTATUS error;
@@ -106,22 +106,19 @@ uint32_t read_reg_string_value(HKEY key, const wchar_t *name, std::wstring *text
     if (key == NULL || name == NULL)
         return ERROR_INVALID_PARAMETER;
     error = query_value(key, name, &value, &size, &type);
-    if (error == ERROR_MORE_DATA) {
-        oxni_free_(value);
+    if (error == ERROR_MORE_DATA)
         error = query_value(key, name, &value, &size, &type);
-    }
-    if (value == NULL)
+    if (!value.is_valid())
         return ERROR_NOT_ENOUGH_MEMORY;
     if (error != ERROR_SUCCESS) {
         LOG_ERROR("query failed %x.", (unsigned)error);
     } else if (type == REG_SZ || type == REG_EXPAND_SZ) {
-        const wchar_t *chars = reinterpret_cast<const wchar_t *>(value);
+        const wchar_t *chars = (const wchar_t *)value.get();
         text->assign(chars, oxni_wcsnlen(chars, (size + TERMINATOR_BYTES) / sizeof(wchar_t)));
     } else {
         error = ERROR_NOT_FOUND;
         LOG_ERROR("type not match %d %x.", (int)type, (unsigned)error);
     }
-    oxni_free_(value);
     return (uint32_t)error;
 }
 
@@ -129,7 +126,6 @@ std::wstring expand_env_path(const std::wstring &text)
 {
     wchar_t buffer[EXPANDED_CHARS] = {};
     std::wstring expanded;
-    wchar_t *longer;
     DWORD chars = ExpandEnvironmentStringsW(text.c_str(), buffer, EXPANDED_CHARS);
 
     if (chars == 0)
@@ -137,39 +133,36 @@ std::wstring expand_env_path(const std::wstring &text)
     if (chars <= EXPANDED_CHARS)
         return buffer;
     chars++;
-    longer = static_cast<wchar_t *>(oxni_zero_malloc_(chars * sizeof(wchar_t)));
-    if (longer == NULL)
+    const owned_block longer(oxni_zero_malloc_(chars * sizeof(wchar_t)));
+    if (!longer.is_valid())
         return expanded;
-    const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), longer, chars);
+    const DWORD needed = ExpandEnvironmentStringsW(text.c_str(), (wchar_t *)longer.get(), chars);
     /* The environment may have grown meanwhile. */
     if (needed != 0 && needed <= chars)
-        expanded = longer;
-    oxni_free_(longer);
+        expanded = (const wchar_t *)longer.get();
     return expanded;
 }
 
 uint32_t get_file_write_time(const wchar_t *path, uint64_t *write_time)
 {
     BY_HANDLE_FILE_INFORMATION information;
-    DWORD error = ERROR_SUCCESS;
-    HANDLE file;
+    DWORD error;
 
     if (path == NULL)
         return ERROR_INVALID_PARAMETER;
-    file = open_shared(path);
-    if (file == INVALID_HANDLE_VALUE) {
+    const owned_file file(open_shared(path));
+    if (!file.is_valid()) {
         error = GetLastError();
         LOG_WARN("open file %S failed %x.", path, (unsigned)error);
         return error;
     }
-    if (GetFileInformationByHandle(file, &information)) {
-        *write_time = filetime_value(information.ftLastWriteTime);
-    } else {
+    if (!GetFileInformationByHandle(file.get(), &information)) {
         error = GetLastError();
         LOG_WARN("get file %S information failed %x.", path, (unsigned)error);
+        return error;
     }
-    CloseHandle(file);
-    return error;
+    *write_time = filetime_value(information.ftLastWriteTime);
+    return ERROR_SUCCESS;
 }
 
 uint32_t find_newest_file(const wchar_t *folder, std::wstring *path, uint64_t *write_time)
@@ -177,12 +170,12 @@ uint32_t find_newest_file(const wchar_t *folder, std::wstring *path, uint64_t *w
     WIN32_FIND_DATAW entry;
     std::wstring name;
     uint64_t newest = 0;
-    HANDLE find;
 
     if (folder == NULL)
         return ERROR_INVALID_PARAMETER;
-    find = FindFirstFileW((std::wstring(folder) + L"\\*").c_str(), &entry);
-    if (find == INVALID_HANDLE_VALUE) {
+    const std::wstring pattern = std::wstring(folder) + L"\\*";
+    const owned_find find(FindFirstFileW(pattern.c_str(), &entry));
+    if (!find.is_valid()) {
         const DWORD error = GetLastError();
         LOG_WARN("find failed %x.", (unsigned)error);
         return error;
@@ -193,8 +186,7 @@ uint32_t find_newest_file(const wchar_t *folder, std::wstring *path, uint64_t *w
             continue;
         newest = written;
         name = entry.cFileName;
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
+    } while (FindNextFileW(find.get(), &entry));
     if (newest == 0)
         return ERROR_NOT_FOUND;
     *path = std::wstring(folder) + L"\\" + name;
@@ -210,13 +202,14 @@ void get_crash_dump_files(crash_dump_info *complete, crash_dump_info *minidump)
     HKEY key = NULL;
 
     (void)GetWindowsDirectoryW(windows, DIRECTORY_CHARS); /* cannot be that long */
-    /* Without the key each query is to fail by itself, and say so. A null key would not even be
-     * asked, and whatever a failed open leaves behind is not to be closed. */
+    /* Without the key each query is to fail by itself, and to log that. A null key would not even
+     * be queried, and whatever a failed open leaves behind is not to be closed. */
     const bool opened =
         RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\CrashControl", 0,
                       KEY_READ, &key) == ERROR_SUCCESS;
+    const owned_key owner(opened ? key : NULL);
     if (!opened)
-        key = static_cast<HKEY>(INVALID_HANDLE_VALUE);
+        key = (HKEY)INVALID_HANDLE_VALUE;
 
     path = crash_path_setting(key, L"DumpFile", windows, L"\\MEMORY.DMP");
     if (get_file_write_time(path.c_str(), &write_time) == ERROR_SUCCESS)
@@ -224,12 +217,10 @@ void get_crash_dump_files(crash_dump_info *complete, crash_dump_info *minidump)
     path = crash_path_setting(key, L"MinidumpDir", windows, L"\\Minidump");
     if (find_newest_file(path.c_str(), &newest, &write_time) == ERROR_SUCCESS)
         *minidump = {newest, write_time};
-    if (opened)
-        RegCloseKey(key);
 }
 
-uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_module_set *modules,
-                            uint64_t *dump_time, std::string *dump_path)
+bool find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_module_set *modules,
+                         uint64_t *dump_time, std::string *dump_path)
 {
     crash_dump_info complete = {}, minidump = {};
     int64_t threshold;
@@ -237,86 +228,43 @@ uint8_t find_new_crash_dump(uint32_t timeout_ms, uint32_t use_record, crash_modu
     get_crash_dump_files(&complete, &minidump);
     threshold = dump_threshold(use_record);
     if (is_dump_newer(minidump, threshold)) {
-        if (analyze_dmp_file(minidump.path.c_str(), timeout_ms, modules) != 1)
-            return 0;
+        if (!analyze_dmp_file(minidump.path.c_str(), timeout_ms, modules))
+            return false;
         *dump_time = minidump.write_time;
         *dump_path = utf8_path(minidump.path);
-        return 1;
+        return true;
     }
     if (is_dump_newer(complete, threshold)) {
-        if (analyze_dmp_file(complete.path.c_str(), timeout_ms, modules) != 1)
-            return 0;
+        if (!analyze_dmp_file(complete.path.c_str(), timeout_ms, modules))
+            return false;
         /* The minidump's path here too: empty, or an older one's. */
         *dump_path = utf8_path(minidump.path);
         *dump_time = complete.write_time;
-        return 1;
+        return true;
     }
     LOG_WARN("dump not found.");
-    return 0;
-}
-
-int get_dumprecord_path(char *buffer, size_t size)
-{
-    platform_path_create_data_folder(DUMPRECORD_FILE, buffer, size);
-    return 0;
-}
-
-bool get_dumprecord_time(int64_t *dump_time)
-{
-    char path[PLATFORM_PATH_CHARS];
-    json_t *record, *value;
-    bool found;
-
-    (void)get_dumprecord_path(path, sizeof(path));
-    record = wdu_json_load_file_ejs(path);
-    if (record == NULL)
-        return false;
-    value = wdu_json_object_get_ejs(record, DUMPRECORD_TIME);
-    found = json_is_integer(value);
-    if (found)
-        *dump_time = json_integer_value(value);
-    wdu_json_delete_ejs(record);
-    return found;
-}
-
-int set_dumprecord_time(int64_t dump_time)
-{
-    char path[PLATFORM_PATH_CHARS];
-    json_t *record = json_object();
-    int written = 0;
-
-    if (record == NULL)
-        return 0;
-    (void)get_dumprecord_path(path, sizeof(path));
-    if (json_object_set_new(record, DUMPRECORD_TIME, json_integer(dump_time)) == 0)
-        written = wdu_json_dump_file_ejs(record, path) == 0 ? 1 : 0;
-    wdu_json_delete_ejs(record);
-    return written;
+    return false;
 }
 
 bool is_file_updated_since_boot(const wchar_t *path)
 {
     BY_HANDLE_FILE_INFORMATION information;
-    bool updated = false;
     int64_t boot;
     DWORD error;
-    HANDLE file;
 
     if (path == NULL)
         return false;
-    file = open_shared(path);
-    if (file == INVALID_HANDLE_VALUE) {
+    const owned_file file(open_shared(path));
+    if (!file.is_valid()) {
         error = GetLastError();
         LOG_ERROR("open file %S failed %x.", path, (unsigned)error);
         return false;
     }
     boot = get_systempro_time();
-    if (GetFileInformationByHandle(file, &information)) {
-        updated = boot <= (int64_t)filetime_value(information.ftLastWriteTime);
-    } else {
+    if (!GetFileInformationByHandle(file.get(), &information)) {
         error = GetLastError();
         LOG_ERROR("get file %S information failed %x.", path, (unsigned)error);
+        return false;
     }
-    CloseHandle(file);
-    return updated;
+    return boot <= (int64_t)filetime_value(information.ftLastWriteTime);
 }

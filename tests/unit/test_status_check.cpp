@@ -1,0 +1,220 @@
+/* The timed check, where scenarios do not reach: odd poll counts, refused timers, no memory, and
+ * exceptions from below and from the callback. */
+#include "status_check.h"
+
+#include "crash_dump.h"
+#include "proc_address.h"
+#include "unit_support.h"
+
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include <oxni/base/timer.h>
+
+#include "liboxnibase/host.h"
+
+#define CRASH_KEY  L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+#define DRIVER_KEY L"SYSTEM\\CurrentControlSet\\Services\\load_driver"
+
+/* The one timer that is pending. */
+static struct {
+    oxni_timer_fn fn;
+    void *arg;
+    unsigned armed;
+    unsigned refused; /* the number of the one that cannot be armed; 0: none */
+} s_timer;
+
+/* Verdicts of one check; nothing here allocates. */
+static struct {
+    int count;
+    int32_t result; /* of the last one */
+    size_t modules;
+    bool has_path;
+    bool throws; /* whether the callback throws */
+} s_verdict;
+
+static uint64_t arm_timer(uint32_t, oxni_timer_fn fn, void *arg)
+{
+    if (++s_timer.armed == s_timer.refused)
+        return 0;
+    s_timer.fn = fn;
+    s_timer.arg = arg;
+    return s_timer.armed;
+}
+
+static int note_verdict(int32_t result, const crash_module_set &modules,
+                        const std::string &dump_path, const event_info &, void *)
+{
+    s_verdict.count++;
+    s_verdict.result = result;
+    s_verdict.modules = modules.size();
+    s_verdict.has_path = !dump_path.empty();
+    if (s_verdict.throws)
+        throw std::range_error("callback");
+    return 99;
+}
+
+/* Starts a check and lets its timers fire until none is pending. Result: that of the start. */
+static int32_t play_check(unsigned refused)
+{
+    import_patch timer("oxni_timer_start", arm_timer);
+
+    s_timer = {NULL, NULL, 0, refused};
+    s_verdict = {0, -1, 0, false, s_verdict.throws};
+    const int32_t started = start_bypass_status_check(note_verdict, NULL);
+    while (s_timer.fn != NULL && s_timer.armed < 40) {
+        const oxni_timer_fn fn = s_timer.fn;
+        s_timer.fn = NULL;
+        fn(NULL, s_timer.arg);
+    }
+    return started;
+}
+
+static void set_polls(const wchar_t *polls)
+{
+    registry_set(DRIVER_KEY, L"TimerMaxCount", REG_SZ, wide_bytes(polls));
+}
+
+TEST(test_start_bypass_status_check, polls)
+{
+    for (const wchar_t *polls : {L"-5", L"x"}) {
+        system_log log({});
+        const uint64_t blocks = live_blocks();
+        set_polls(polls);
+        EXPECT_EQ(play_check(0), 1);
+        EXPECT_EQ(s_verdict.result, STATUS_CHECK_NORMAL);
+        EXPECT_EQ(s_verdict.count, 1);
+        EXPECT_EQ(s_timer.armed, 1u);
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+}
+
+/* Wherever the check cannot go on it says so, once. */
+TEST(test_start_bypass_status_check, cannot_go_on)
+{
+    const uint64_t blocks = live_blocks();
+
+    set_polls(L"12");
+    for (unsigned refused = 1; refused <= 13; refused += 4) {
+        system_log log({});
+        EXPECT_EQ(play_check(refused), refused == 1 ? 0 : 1);
+        EXPECT_EQ(s_verdict.result, STATUS_CHECK_FAILED);
+        EXPECT_EQ(s_verdict.count, 1);
+    }
+    oxnih_memory_fail(1, 0);
+    EXPECT_EQ(play_check(0), 0);
+    oxnih_memory_fail(0, 0);
+    EXPECT_EQ(s_verdict.result, STATUS_CHECK_FAILED);
+    EXPECT_EQ(s_verdict.count, 1);
+    EXPECT_EQ(start_bypass_status_check(NULL, NULL), 0);
+    EXPECT_EQ(live_blocks(), blocks);
+}
+
+static HANDLE WINAPI find_throws(const wchar_t *, WIN32_FIND_DATAW *)
+{
+    throw std::range_error("bad conversion");
+}
+
+/* No exception reaches the host's timer: one below a poll ends the check, one in the search for a
+ * dump or in the callback does not change the verdict. */
+TEST(test_start_bypass_status_check, exceptions)
+{
+    static const struct {
+        const wchar_t *polls;
+        bool read_throws; /* otherwise the search for a dump */
+        bool callback_throws;
+        int32_t result;
+        const char *logged;
+    } s_rows[] = {
+        {L"0", false, false, STATUS_CHECK_CRASH,  "find_new_crash_dump: exception bad conversion"},
+        {L"0", false, true,  STATUS_CHECK_CRASH,  "status_check_cb: exception callback"          },
+        {L"0", true,  false, STATUS_CHECK_FAILED, "bypass_check_timer: exception read"           },
+        {L"5", true,  false, STATUS_CHECK_FAILED, "winlogin_check_timer: exception read"         },
+        {L"5", true,  true,  STATUS_CHECK_FAILED, "status_check_cb: exception callback"          },
+    };
+    import_patch find("FindFirstFileW", find_throws);
+
+    for (const auto &row : s_rows) {
+        SCOPED_TRACE(row.logged);
+        system_log log(event_record(1001, L"BugCheck"));
+        const uint64_t blocks = live_blocks();
+        system_log::read_throws = row.read_throws;
+        s_verdict.throws = row.callback_throws;
+        set_polls(row.polls);
+        log_forget();
+        EXPECT_EQ(play_check(0), 1);
+        EXPECT_EQ(s_verdict.result, row.result);
+        EXPECT_EQ(s_verdict.count, 1);
+        EXPECT_EQ(s_timer.armed, 1u);
+        EXPECT_TRUE(log_contains(row.logged));
+        EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_EQ(system_log::logs_open, 0);
+    }
+    s_verdict.throws = false;
+}
+
+static int s_keys_open; /* registry keys that were not closed */
+
+static LSTATUS WINAPI open_key(HKEY parent, const wchar_t *path, DWORD options, REGSAM access,
+                               HKEY *key)
+{
+    static const auto real =
+        proc_address<decltype(&RegOpenKeyExW)>(GetModuleHandleW(L"advapi32.dll"), "RegOpenKeyExW");
+    const LSTATUS error = real(parent, path, options, access, key);
+
+    s_keys_open += error == ERROR_SUCCESS ? 1 : 0;
+    return error;
+}
+
+static LSTATUS WINAPI close_key(HKEY key)
+{
+    static const auto real =
+        proc_address<decltype(&RegCloseKey)>(GetModuleHandleW(L"advapi32.dll"), "RegCloseKey");
+
+    s_keys_open--;
+    return real(key);
+}
+
+/* A check of a blue screen with a dump, in which one allocation fails. Result: whether any did. */
+static bool play_without_memory(uint64_t nth, bool forever)
+{
+    system_log log(event_record(1001, L"BugCheck", {L"0x0000007e, longer than a small string"}));
+    import_patch open("RegOpenKeyExW", open_key), close("RegCloseKey", close_key);
+    failing_allocations failing(nth, forever);
+
+    (void)play_check(0);
+    return failing.reached();
+}
+
+/* Whichever allocation fails: there is one verdict, and everything that was opened is closed. */
+TEST(test_start_bypass_status_check, no_memory)
+{
+    listed_file dump(L"a minidump with a long name.dmp", INT64_MAX / 2);
+    const std::wstring folder = L"C:\\dumps that are not there";
+    const std::wstring path = folder + L"\\a minidump with a long name.dmp";
+    bool results[4] = {}, reached = true;
+
+    set_polls(L"0");
+    registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(path));
+    registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes(folder));
+    engine_play(path.c_str(), "Call Site\na_driver_with_a_long_name+1\nnt!x\n");
+    play_check(0); /* whatever is created once and kept */
+    for (uint64_t nth = 1; nth < 200 && reached; nth++)
+        for (const bool forever : {true, false}) {
+            SCOPED_TRACE(testing::Message() << "allocation " << nth << " forever " << forever);
+            const uint64_t blocks = live_blocks();
+            reached = play_without_memory(nth, forever);
+            ASSERT_EQ(s_verdict.count, 1);
+            results[s_verdict.result] = true;
+            EXPECT_EQ(live_blocks(), blocks);
+            EXPECT_EQ(system_log::logs_open, 0);
+            EXPECT_EQ(listed_file::finds_open, 0);
+            EXPECT_EQ(s_keys_open, 0);
+            EXPECT_EQ(engine_left(), 0u);
+        }
+    EXPECT_FALSE(reached);
+    EXPECT_TRUE(s_verdict.modules == 2 && s_verdict.has_path) << "nothing failed in the last one";
+    EXPECT_TRUE(results[STATUS_CHECK_FAILED]) << "no memory for the record";
+    EXPECT_TRUE(results[STATUS_CHECK_NORMAL]) << "no memory for the read";
+}
