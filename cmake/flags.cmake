@@ -15,7 +15,7 @@ target_compile_options(own_code INTERFACE
 target_link_options(own_code INTERFACE -static
   -Wl,--nxcompat,--dynamicbase,--high-entropy-va,--no-insert-timestamp)
 
-add_library(stack_guard STATIC ${CMAKE_CURRENT_LIST_DIR}/stack_guard.cpp)
+add_library(stack_guard STATIC ${CMAKE_SOURCE_DIR}/runtime/stack_guard.cpp)
 target_compile_definitions(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_DEFINITIONS>)
 target_compile_options(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_OPTIONS>)
 target_link_libraries(own_code INTERFACE stack_guard)

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "../dbgeng/kernel_dump.h"
+#include "../kernel_dump/kernel_dump.h"
 
 struct evidence_dump {
     std::string path;      /* as given; UTF-8 */
