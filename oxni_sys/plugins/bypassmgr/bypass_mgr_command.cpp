@@ -82,7 +82,8 @@ static void bypass_delivered(struct suber_set *record)
     bypass_mgr_store_product(record);
 }
 
-/* A push that worked. A "set_count" changes nothing here: the sender changed the count already. */
+/* A push that was delivered. A "set_count" changes nothing here: its sender decided what the record
+ * keeps. */
 static void command_delivered(int32_t kind, oxni_subscriber *subscriber, const char *ns,
                               const char *name)
 {

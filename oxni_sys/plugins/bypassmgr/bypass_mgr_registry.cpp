@@ -104,8 +104,8 @@ static void start_check(oxni_subscriber *subscriber)
     (void)start_bypass_status_check(bypass_mgr_check_cb, subscriber);
 }
 
-/* The product was examined in this boot and no module was blamed: compares its count with the
- * stored one. */
+/* This boot's store knows the product and no crash record: compares its count with the stored
+ * one. */
 static void reconcile_count(oxni_subscriber *subscriber, struct suber_set *record,
                             int64_t stored_count)
 {

@@ -1,5 +1,4 @@
-/* The JSON Schema of registration messages. Other components compare the text, so it is kept byte by
- * byte, misspelling and blanks included. */
+/* The JSON Schema of registration messages. The text is fixed, misspelling and blanks included. */
 #include "bypass_mgr_schema.h"
 
 const char bypass_mgr_registration_schema[] = R"({)"

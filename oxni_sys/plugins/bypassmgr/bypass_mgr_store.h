@@ -13,7 +13,8 @@
  * seconds since 1970 UTC. */
 void bypass_mgr_store_load(uint64_t boot_time);
 
-/* Replaces a product's entry and writes the document. Failures are logged. */
+/* Replaces a product's entry and writes the document. An entry that cannot be built is logged; a
+ * failed write is not noticed. */
 void bypass_mgr_store_product(const struct suber_set *record);
 
 /* The stored count; -1 when this boot's store has none for the product. */
@@ -25,7 +26,7 @@ int32_t bypass_mgr_stored_status(const char *product_name);
 /* Reads this boot's crash record. Result 0; -1 there is none, and crash is untouched. */
 int bypass_mgr_stored_crash(struct crash_info *crash);
 
-/* Stores this boot's crash record and writes the document. Failures are logged. */
+/* Stores this boot's crash record and writes the document, as above. */
 void bypass_mgr_store_crash(const char *path, const char *create_time, const char *module_name);
 
 #endif

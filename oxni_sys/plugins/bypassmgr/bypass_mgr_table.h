@@ -36,7 +36,7 @@ struct suber_set {
     oxni_xhash *driver_modules; /* set of module names: keys with their NUL, no values */
     int32_t recover_sent;       /* 1: a "recover" was delivered; the recovery request skips it */
     int32_t parsed;             /* 1: this boot's evidence was applied; reports wait for it */
-    struct crash_info crash;    /* the crash blamed in this boot; empty texts when there is none */
+    struct crash_info crash;    /* the crash of the last run; empty texts without one */
 };
 
 /* Frees a record and what it owns; NULL is logged. */

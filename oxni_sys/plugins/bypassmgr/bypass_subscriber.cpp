@@ -260,6 +260,8 @@ static void bypass_subscriber_cb(oxni_subscriber *subscriber, uint32_t event, vo
 int32_t bypass_subscriber_init(void)
 {
     s_start_count = read_start_count();
+    s_bypass_subscriber = NULL; /* of an earlier initialisation; it lives on */
+    s_subscribed = false;
     watch_timer_start("platform drivers' check", CHECK_PERIOD_MS, bypass_subscriber_check_timer,
                       NULL);
     subscribe();

@@ -3,7 +3,7 @@
 
 #include "bypass_log.h"
 
-void exception_boundary_log(const char *function, const std::exception &error)
+void exception_boundary_log(const char *work, const std::exception &error)
 {
-    LOG_ERROR("%s: exception %s", function, error.what());
+    LOG_ERROR("%s: exception %s", work, error.what());
 }

@@ -132,8 +132,7 @@ int report_abnormal_crash(char *const *names, int32_t driver_count, const char *
     if (report_link_connected())
         return upload_bypass_report(names, driver_count, product, crash);
     LOG_INFO("MGR not connected, waiting for access, task for %s", product);
-    if (*report_link_timer_slot() == 0)
-        watch_timer_start("deferred upload", UPLOAD_DEFER_MS, upload_pending_reports_timer,
-                          report_link_timer_slot());
+    watch_timer_start_if_empty("deferred upload", UPLOAD_DEFER_MS, upload_pending_reports_timer,
+                               report_link_timer_slot());
     return 0;
 }

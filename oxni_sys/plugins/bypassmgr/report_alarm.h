@@ -13,8 +13,8 @@
  *
  * names    driver_count names of the product's modules.
  * crash    May be NULL.
- * Result   A new object; NULL when memory runs out: an alarm that lacks a member would be taken for
- *          a complete one and never be repeated.
+ * Result   A new object; NULL when memory runs out: an alarm that lacks a member would count as a
+ *          complete one.
  */
 json_t *build_alarm_content(char *const *names, int32_t driver_count, const char *product,
                             const struct crash_info *crash);

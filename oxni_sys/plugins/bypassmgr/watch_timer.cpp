@@ -11,6 +11,7 @@ struct missed_timer {
     uint32_t milliseconds;
     oxni_timer_fn fn; /* NULL: the row is free */
     uint64_t *slot;
+    bool if_empty; /* another timer in the slot is not replaced */
 };
 
 /* Timers to be armed at the next opportunity; a function has one row at most. */
@@ -36,16 +37,32 @@ static void remember_missed(const struct missed_timer &timer)
     }
 }
 
+static void start(const struct missed_timer &timer)
+{
+    uint64_t handle;
+
+    if (timer.if_empty && *timer.slot != 0) {
+        forget_missed(timer.fn);
+        return;
+    }
+    handle = oxni_timer_start(timer.milliseconds, timer.fn, NULL);
+    if (timer.slot != NULL)
+        *timer.slot = handle;
+    if (handle != 0)
+        forget_missed(timer.fn);
+    else
+        remember_missed(timer);
+}
+
 void watch_timer_start(const char *name, uint32_t milliseconds, oxni_timer_fn fn, uint64_t *slot)
 {
-    const uint64_t handle = oxni_timer_start(milliseconds, fn, NULL);
+    start({name, milliseconds, fn, slot, false});
+}
 
-    if (slot != NULL)
-        *slot = handle;
-    if (handle != 0)
-        forget_missed(fn);
-    else
-        remember_missed({name, milliseconds, fn, slot});
+void watch_timer_start_if_empty(const char *name, uint32_t milliseconds, oxni_timer_fn fn,
+                                uint64_t *slot)
+{
+    start({name, milliseconds, fn, slot, true});
 }
 
 void watch_timer_stop(uint64_t *slot, oxni_timer_fn fn)
@@ -63,6 +80,6 @@ void watch_timer_resume(void)
         const struct missed_timer timer = missed;
 
         if (timer.fn != NULL)
-            watch_timer_start(timer.name, timer.milliseconds, timer.fn, timer.slot);
+            start(timer);
     }
 }

@@ -11,7 +11,7 @@ typedef std::set<std::string, std::less<>> crash_module_set;
 
 #define CRASH_TEXT_CHARS 260
 
-/* The crash that was blamed; every text is empty when there is none. */
+/* The crash of the last run, as a product's record keeps it; texts are empty without one. */
 struct crash_info {
     char crash_path[CRASH_TEXT_CHARS];        /* of the dump that was analysed */
     char crash_create_time[CRASH_TEXT_CHARS]; /* of the dump, local date and time */
