@@ -5,10 +5,10 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import shlex
 import shutil
 import subprocess
-import time
 
 import lexer
 
@@ -17,6 +17,7 @@ DLL = "bin/libbypass_mgr.dll"
 UNIT_TESTS = "bin/unit_tests.exe"
 # A fault may cause a warning, or a line that differs only in what a debugger shows.
 NOT_FOR_FAULTS = {"-Werror", "-g1", "-g"}
+INCLUDE = re.compile(r"#\s*include\s*([<\"])([^>\"]+)")
 
 
 class Failed(Exception):
@@ -24,15 +25,14 @@ class Failed(Exception):
 
 
 class Processes:
-    """Every process that is started here, so that an interruption can end them all."""
+    """Every process that is started here, so that an interruption ends them all."""
 
     def __init__(self):
         self.live = set()
         self.stopped = False
 
     def run(self, command, **options):
-        """Result: exit status, output (both streams), seconds."""
-        start = time.monotonic()
+        """Result: exit status, and output of both streams."""
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                    stderr=subprocess.STDOUT, start_new_session=True, **options)
         self.live.add(process)
@@ -40,7 +40,7 @@ class Processes:
             self.kill(process)
         output = process.communicate()[0].decode("utf-8", "replace").replace("\r", "")
         self.live.discard(process)
-        return process.returncode, output, time.monotonic() - start
+        return process.returncode, output
 
     @staticmethod
     def kill(process):
@@ -70,9 +70,12 @@ class Build:
             if output in linked:
                 self.compile[output] = (pathlib.Path(one["file"]).resolve(), words)
         self.depends = self.dependencies()
-        used = {path for depends in self.depends.values() for path in depends}
-        self.files = {str(path.relative_to(self.plugins)): path.read_text()
-                      for path in sorted(used) if path.is_relative_to(self.plugins)}
+        # Read once: a source that is edited during the run changes nothing.
+        self.texts = {path: path.read_text(errors="replace")
+                      for path in sorted(set().union(*self.depends.values()))
+                      if path.is_relative_to(root)}
+        self.files = {str(path.relative_to(self.plugins)): text
+                      for path, text in self.texts.items() if path.is_relative_to(self.plugins)}
         if not self.files:
             raise Failed(f"{folder} has no object of a source in {PLUGINS}")
 
@@ -100,6 +103,48 @@ class Build:
             if output in self.compile:
                 found[output] = {(self.folder / line.strip()).resolve() for line in lines[1:]}
         return found
+
+    def command(self, object_name, output):
+        """The build's command for an object, for another output."""
+        words = [word for word in self.compile[object_name][1] if word not in NOT_FOR_FAULTS]
+        words[words.index("-o") + 1] = str(output)
+        return [*words, "-w", "-g0"]
+
+    def outside_includes(self, object_name):
+        """Names in angle brackets that an object's source and its plug-in headers include, in the
+        order in which the compiler meets them."""
+        found, seen = {}, set()
+
+        def read(path):
+            seen.add(path)
+            for token in lexer.tokens_of(self.texts[path]):
+                match = INCLUDE.match(token.text) if token.kind == "directive" else None
+                if match and match.group(1) == "<":
+                    found.setdefault(match.group(2))
+                elif match:
+                    for header in sorted(self.depends[object_name] - seen):
+                        if header.match(match.group(2)) and header.is_relative_to(self.plugins):
+                            read(header)
+
+        read(self.compile[object_name][0])
+        return list(found)
+
+    def key_of(self, object_name):
+        """Names what is made from all of an object's sources."""
+        return self.key(object_name, self.depends[object_name], [])
+
+    def key_of_outside(self, object_name):
+        """Names what is made from those that are not the plug-in's."""
+        return self.key(object_name, {path for path in self.depends[object_name]
+                                      if not path.is_relative_to(self.plugins)},
+                        self.outside_includes(object_name))
+
+    def key(self, object_name, sources, parts):
+        """Sources that are not the project's do not change."""
+        words = self.command(object_name, "")
+        del words[words.index("-c"):words.index("-c") + 2]
+        texts = [self.texts[path] for path in sorted(sources) if path in self.texts]
+        return hashlib.sha1("\0".join([*words, *parts, *texts]).encode()).hexdigest()
 
 
 class Worker:
@@ -132,127 +177,75 @@ class Worker:
         for name in self.changed():
             self.write(name, self.build.files[name])
 
-    def compiler(self, object_name, source, output):
-        words = [word for word in self.build.compile[object_name][1] if word not in NOT_FOR_FAULTS]
-        words[words.index("-o") + 1] = str(output)
-        words[words.index("-c") + 1] = str(source)
-        return [*words, "-w", "-g0"]
-
     def run_compiler(self, words):
-        return self.processes.run(words, cwd=self.build.folder)[:2]
+        return self.processes.run(words, cwd=self.build.folder)
 
-    def compile_copy(self, object_name, output):
-        """Compiles from the copied sources, headers included."""
-        source = str(self.build.compile[object_name][0])
+    def compile(self, object_name, output):
+        """Compiles from the copied sources, whose place is in no object."""
         words = [word.replace(str(self.build.plugins), str(self.tree))
-                 for word in self.compiler(object_name, source, output)]
-        return self.run_compiler([*words, f"-ffile-prefix-map={self.folder}/tree=."])
+                 for word in self.build.command(object_name, output)]
+        return self.run_compiler([*words, "-include", self.outside(object_name),
+                                  f"-ffile-prefix-map={self.folder}/tree=."])
 
-    def compile_quickly(self, object_name, text, output):
-        """Compiles a source whose includes are as they were: they take most of the time, and are
-        compiled once."""
-        preamble, rest = split_preamble(text)
-        source = self.build.compile[object_name][0]
-        header = self.precompiled(object_name, preamble)
-        copy = self.folder / "source.cpp"
-        copy.write_text(f'#include "{header}"\n#line {preamble.count(chr(10)) + 1} "{source}"\n{rest}')
-        return self.run_compiler([*self.compiler(object_name, copy, output), "-iquote", source.parent])
-
-    def key(self, object_name, *parts):
-        """Of something made from an object's unchanged sources."""
-        parts = [*self.compiler(object_name, "", ""), *parts]
-        parts += [path.read_text(errors="replace") for path in sorted(self.build.depends[object_name])
-                  if path.is_relative_to(self.build.root)]
-        return hashlib.sha1("\0".join(map(str, parts)).encode()).hexdigest()
-
-    def forget_old(self):
-        """Removes what was kept of sources that have changed since."""
-        wanted = set()
-        for name, (source, _) in self.build.compile.items():
-            preamble = split_preamble(source.read_text())[0]
-            wanted |= {self.key(name, part) for part in (preamble, "quick", "copy")}
-        for path in self.kept.iterdir():
-            if path.name.split(".")[0] not in wanted:
-                path.unlink()
-
-    def precompiled(self, object_name, preamble):
-        header = self.kept / (self.key(object_name, preamble) + ".h")
-        made = self.folder / "preamble.gch"
-        final = header.with_suffix(".h.gch")
-        if not final.exists():
-            header.write_text(preamble)
-            words = self.compiler(object_name, header, made)
-            words[words.index("-c"):words.index("-c") + 1] = ["-x", "c++-header"]
-            source = self.build.compile[object_name][0]
-            status, output = self.run_compiler([*words, "-iquote", source.parent])
+    def outside(self, object_name):
+        """A header with all that an object includes from outside of the plug-in: it takes most of
+        the time, no fault changes it, and it is compiled once."""
+        includes = self.build.outside_includes(object_name)
+        header = self.kept / (self.build.key_of_outside(object_name) + ".h")
+        if not header.with_suffix(".h.gch").exists():
+            header.write_text("".join(f"#include <{name}>\n" for name in includes))
+            made = self.folder / "outside.gch"
+            words = self.build.command(object_name, made)
+            words[words.index("-c"):words.index("-c") + 2] = ["-x", "c++-header", str(header)]
+            status, output = self.run_compiler(words)
             if status != 0:
-                raise Failed(f"the includes of {source} do not compile:\n{output}")
-            made.replace(final)
+                raise Failed(f"the includes of {object_name} do not compile:\n{output}")
+            made.replace(header.with_suffix(".h.gch"))
         return header
 
-    def compile(self, object_name, changed, output):
-        """changed: texts by name. Result: the compiler's exit status, and what it printed."""
-        source = self.build.compile[object_name][0]
-        name = str(source.relative_to(self.build.plugins)) if source.is_relative_to(
-            self.build.plugins) else None
-        text = changed.get(name, self.build.files.get(name))
-        if name and set(changed) <= {name} and \
-                split_preamble(text)[0] == split_preamble(self.build.files[name])[0]:
-            return "quick", self.compile_quickly(object_name, text, output)
-        return "copy", self.compile_copy(object_name, output)
-
-    def unchanged_object(self, object_name, way):
-        """The object without a fault, compiled in the same way."""
-        kept = self.kept / (self.key(object_name, way) + ".obj")
-        made = self.folder / "unchanged.obj"
+    def unchanged_object(self, object_name):
+        """The object without a fault, compiled in the same way; the copied sources have none."""
+        kept = self.kept / (self.build.key_of(object_name) + ".obj")
         if not kept.exists():
-            source = self.build.compile[object_name][0]
-            if way == "quick":
-                status, output = self.compile_quickly(object_name, source.read_text(), made)
-            else:
-                status, output = self.compile_copy(object_name, made)
+            made = self.folder / "unchanged.obj"
+            status, output = self.compile(object_name, made)
             if status != 0:
                 raise Failed(f"{object_name} does not compile without a fault:\n{output}")
             made.replace(kept)
         return kept
 
+    def forget_old(self):
+        """Removes what was kept of sources that have changed since."""
+        wanted = {key(name) for name in self.build.compile
+                  for key in (self.build.key_of, self.build.key_of_outside)}
+        for path in self.kept.iterdir():
+            if path.name.split(".")[0] not in wanted:
+                path.unlink()
+
     def compile_changed(self, apply):
         """Puts a fault into the copied sources and compiles what depends on them. Result: the new
         objects by their names in the build, None when one does not compile; whether any differs
         from that without the fault; what the compiler printed."""
-        objects, ways = {}, {}
+        objects = {}
         try:
             apply()
-            changed = self.changed()
-            paths = {self.build.plugins / name for name in changed}
+            changed = {self.build.plugins / name for name in self.changed()}
             for name, depends in self.build.depends.items():
-                if not depends & paths:
-                    continue
-                objects[name] = self.folder / "objects" / name
-                objects[name].parent.mkdir(parents=True, exist_ok=True)
-                ways[name], (status, output) = self.compile(name, changed, objects[name])
-                if status != 0:
-                    return None, False, output
+                if depends & changed:
+                    objects[name] = self.folder / "objects" / name
+                    objects[name].parent.mkdir(parents=True, exist_ok=True)
+                    status, output = self.compile(name, objects[name])
+                    if status != 0:
+                        return None, False, output
         finally:
             self.restore()
-        differs = any(objects[name].read_bytes() != self.unchanged_object(name, way).read_bytes()
-                      for name, way in ways.items())
+        differs = any(path.read_bytes() != self.unchanged_object(name).read_bytes()
+                      for name, path in objects.items())
         return objects, differs, ""
 
     def link(self, target, objects):
-        """Result: the linked program, None when it cannot be linked."""
-        output = self.folder / target
+        """Links a program or the DLL. Result: empty, or what the linker printed when it failed."""
         words = [str(objects.get(word, word)) for word in self.build.links[target]]
-        words[words.index("-o") + 1] = str(output)
-        return output if self.run_compiler([*words, "-s"])[0] == 0 else None
-
-
-def split_preamble(text):
-    """A source's text up to the end of its last include before any code, and the rest."""
-    end = 0
-    for token in lexer.tokens_of(text):
-        if token.kind != "directive":
-            break
-        if token.text[1:].split()[0].startswith("include"):
-            end = token.end + 1
-    return text[:end], text[end:]
+        words[words.index("-o") + 1] = str(self.folder / target)
+        status, output = self.run_compiler([*words, "-s"])
+        return "" if status == 0 else output or f"status {status}"

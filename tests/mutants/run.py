@@ -7,6 +7,8 @@ equivalents is wrong, or the tests fail without a fault.
 import argparse
 import collections
 import concurrent.futures
+import contextlib
+import fcntl
 import json
 import os
 import pathlib
@@ -18,6 +20,7 @@ import time
 
 import build
 import generate
+import results
 import stages
 
 HERE = pathlib.Path(__file__).resolve().parent
@@ -56,6 +59,7 @@ class Fault:
     def __init__(self, key, text, apply, identity=None, was=None):
         self.key, self.text, self.apply = key, text, apply
         self.identity = identity or {"patch": text}
+        self.is_patch = identity is None
         self.was = was  # the result of an earlier run
 
 
@@ -79,16 +83,6 @@ def patch_fault(name):
     return Fault((name,), name, apply)
 
 
-def read_results(name):
-    with open(name, encoding="utf-8") as file:
-        return [json.loads(line) for line in file if line.strip()]
-
-
-def key_of(record):
-    return (record["patch"],) if "patch" in record else \
-        tuple(record[name] for name in generate.IDENTITY if name != "after")
-
-
 def equivalents(finder):
     """Reasons by key of the mutants in the list, and what is wrong with it."""
     reasons, wrong = {}, []
@@ -104,10 +98,17 @@ def equivalents(finder):
     return reasons, wrong
 
 
+@contextlib.contextmanager
+def timed(seconds, step):
+    start = time.monotonic()
+    yield
+    seconds[step] = round(seconds.get(step, 0) + time.monotonic() - start, 2)
+
+
 class Run:
     """Faults in order, taken by two workers until enough of them compiled."""
 
-    def __init__(self, faults, count, reasons, options):
+    def __init__(self, project, faults, count, reasons, options):
         self.faults = collections.deque(faults)
         self.wanted = count
         self.reasons = reasons
@@ -116,8 +117,14 @@ class Run:
         self.records = []
         self.errors = []
         self.processes = build.Processes()
-        self.build = build.Build(ROOT, pathlib.Path(options.build).resolve() / "win")
+        self.build = project
         self.folder = pathlib.Path(options.build).resolve() / "mutants"
+        self.folder.mkdir(exist_ok=True)
+        self.alone = open(self.folder / "lock", "w", encoding="utf-8")
+        try:
+            fcntl.flock(self.alone, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError as error:
+            raise build.Failed(f"another run uses {self.folder}") from error
         self.stages = stages.Stages(ROOT, self.folder, self.processes)
         self.results = open(options.results, "a", encoding="utf-8") if options.results else None
 
@@ -153,35 +160,37 @@ class Run:
         """The record of one fault."""
         seconds = {}
 
-        def timed(name, work):
-            start = time.monotonic()
-            done = work()
-            seconds[name] = round(seconds.get(name, 0) + time.monotonic() - start, 2)
-            return done
-
         def record(result, by="", stage=""):
-            return {**fault.identity, "result": result, "stage": stage, "by": by, "seconds": seconds}
+            return {**fault.identity, "result": result, "stage": stage,
+                    "by": generate.short(by, 200), "seconds": seconds}
 
-        objects, differs, output = timed("compile", lambda: worker.compile_changed(
-            lambda: fault.apply(worker)))
+        with timed(seconds, "compile"):
+            objects, differs, output = worker.compile_changed(lambda: fault.apply(worker))
         if objects is None:
-            if "patch" in fault.identity and not self.processes.stopped:
-                raise build.Failed(f"{fault.text} does not compile:\n{output}")
-            return record("dropped", "does not compile")
-        if not differs and "patch" not in fault.identity:
+            return record("dropped", self.unusable(fault, "does not compile", output))
+        if not differs and not fault.is_patch:
             return record("equivalent", "compiles to the same code")
         linked = set()
         for stage in self.stages.all:
             if stage.program not in linked:
-                if timed("link", lambda: worker.link(stage.program, objects)) is None:
-                    return record("dropped", "does not link")
                 linked.add(stage.program)
-            by = timed(stage.name, lambda: self.stages.run(stage, worker.folder))[0]
+                with timed(seconds, "link"):
+                    output = worker.link(stage.program, objects)
+                if output:
+                    return record("dropped", self.unusable(fault, "does not link", output))
+            with timed(seconds, stage.name):
+                by = self.stages.run(stage, worker.folder)
             if by:
-                return record("killed", generate.short(f"{stage.name}: {by}", 200), stage.name)
+                return record("killed", f"{stage.name}: {by}", stage.name)
         if fault.key in self.reasons:
             return record("equivalent", self.reasons[fault.key])
         return record("survived")
+
+    def unusable(self, fault, why, output):
+        """A mutant may be none, a patch has to be one."""
+        if fault.is_patch and not self.processes.stopped:
+            raise build.Failed(f"{fault.text} {why}:\n{output}")
+        return why
 
     def work(self, number):
         try:
@@ -197,8 +206,9 @@ class Run:
         worker = build.Worker(self.build, self.folder / "0", self.processes)
         worker.forget_old()
         for target in self.build.links:
-            if worker.link(target, {}) is None:
-                raise build.Failed(f"{target} cannot be linked without a fault")
+            output = worker.link(target, {})
+            if output:
+                raise build.Failed(f"{target} cannot be linked without a fault:\n{output}")
         self.stages.start_wine()
         self.stages.measure(worker.folder)
 
@@ -229,7 +239,7 @@ def faults_of_options(options, mutants, finder):
         return [patch_fault(name) for name in options.patch], 0
     if options.again:
         faults, gone = {}, 0
-        for record in read_results(options.again):
+        for record in results.read(options.again):
             if record["result"] == "dropped" or "patch" in record or \
                     options.file and options.file not in record["file"]:
                 continue
@@ -248,48 +258,6 @@ def faults_of_options(options, mutants, finder):
     return [mutant_fault(one) for one in generate.sample(chosen, options.seed)], 0
 
 
-def report(records, was, wrong, gone):
-    """The end of a run. Result: the exit status."""
-    counted = [one for one in records if one["result"] != "dropped"]
-    sums = collections.Counter(one["result"] for one in counted)
-    found = collections.Counter(one["stage"] for one in counted if one["result"] == "killed")
-    by_kind = collections.Counter(one["by"].split(": ")[1] for one in counted
-                                  if one["result"] == "killed"
-                                  and one["by"].split(": ")[1] in ("timeout", "crash"))
-    survivors = [one for one in counted if one["result"] == "survived"]
-    if survivors:
-        print("\nSurvived:")
-    for one in survivors:
-        print("  " + text_of(one))
-    better = [one for one in counted
-              if one["result"] == "killed" and was.get(key_of(one)) == "survived"]
-    if better:
-        print(f"\n{len(better)} that survived before {'is' if len(better) == 1 else 'are'} killed now")
-    worse = [one for one in survivors if was.get(key_of(one)) == "killed"]
-    if worse:
-        print("\nKILLED BEFORE, SURVIVES NOW:")
-    for one in worse:
-        print("  " + text_of(one))
-    print()
-    for text in wrong:
-        print(f"equivalents.json: {text}")
-    if found:
-        print("killed by " + ", ".join(f"{name}: {number}" for name, number in found.most_common()) +
-              "".join(f"; {number} by {name}" for name, number in by_kind.items()))
-    if gone:
-        print(f"{gone} no longer {'applies' if gone == 1 else 'apply'}")
-    print(f"{len(counted)} mutants: {sums['killed']} killed, {sums['equivalent']} equivalent, "
-          f"{sums['survived']} survived")
-    return 1 if survivors else 2 if wrong else 0
-
-
-def text_of(record):
-    if "patch" in record:
-        return record["patch"]
-    return str(generate.Mutant(**{name: record[name] for name in generate.IDENTITY},
-                               line=record["line"]))
-
-
 def main():
     options = arguments()
     project = build.Build(ROOT, pathlib.Path(options.build).resolve() / "win")
@@ -303,24 +271,24 @@ def main():
             print(fault.text)
         return 0
     was = {fault.key: fault.was for fault in faults}
-    earlier = read_results(options.results) if options.resume and os.path.exists(
+    earlier = results.read(options.results) if options.resume and os.path.exists(
         options.results) else []
-    known = {key_of(record) for record in earlier}
+    known = {results.key_of(record) for record in earlier}
     counted = sum(record["result"] != "dropped" for record in earlier)
     todo = [fault for fault in faults if fault.key not in known]
     count = None if options.count is None else max(0, options.count - counted)
-    run = Run(todo, count, reasons, options)
+    records, interrupted = earlier, False
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    interrupted = False
     if todo and count != 0:
+        run = Run(project, todo, count, reasons, options)
         try:
             run.go()
         except KeyboardInterrupt:
             interrupted = True
-    records = earlier + run.records
-    wrong += [f"an entry is killed by {one['by']}: {text_of(one)}" for one in records
-              if one["result"] == "killed" and key_of(one) in reasons]
-    status = report(records, was, wrong, gone)
+        records = earlier + run.records
+    wrong += [f"an entry is killed by {one['by']}: {results.text_of(one)}" for one in records
+              if one["result"] == "killed" and results.key_of(one) in reasons]
+    status = results.report(records, was, wrong, gone)
     return 130 if interrupted else status
 
 

@@ -4,7 +4,11 @@ import math
 import os
 import re
 import resource
+import shutil
+import signal
 import subprocess
+import tempfile
+import time
 
 import build
 
@@ -14,6 +18,8 @@ FIRST = ("registration", "default", "reconcile", "status_check", "alarm", "platf
 # A fault that makes things slower is none: what takes so much longer does not end.
 CPU_FACTOR, CPU_SECONDS = 3, 1
 WALL_FACTOR, WALL_SECONDS = 10, 30  # the computer may be busy
+# The limit of wine-run, and the signal of the limit of processor time.
+TIMEOUTS = (124, 137, -signal.SIGKILL, -signal.SIGXCPU, 128 + signal.SIGXCPU)
 MEMORY_BYTES = 4 << 30
 SOAK_BOOTS = 100
 CRASH_KEY = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
@@ -48,11 +54,14 @@ class Stage:
     program  target of the build that has to be linked with the fault
     failing  the first test that failed, from the output; "" when there is none
     running  the test that ran last, for a crash
+    memory   how the host runs a scenario; zone: where, empty for the developer's own
     """
     name: str
     program: str
     failing: object
     running: object
+    memory: str = "plain"
+    zone: str = ""
     cpu_seconds: float = 0
     wall_seconds: float = 0
 
@@ -68,13 +77,16 @@ class Stages:
     def __init__(self, root, folder, processes):
         self.root, self.processes = root, processes
         self.files = sorted((root / "scenarios").glob("*.json"), key=scenario_order)
-        self.place = "Z:" + ("/dev/shm" if os.access("/dev/shm", os.W_OK) else str(folder)).replace(
-            "/", "\\")
+        # In memory where that is possible: nobody waits for flushed files.
+        self.place = tempfile.mkdtemp(
+            prefix="mutants-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else folder)
         self.environment = {**os.environ, "WINEPREFIX": str(folder / "wineprefix")}
         self.all = [
             Stage("scenarios", build.DLL, failing_scenario, self.running_scenario),
             Stage("unit tests", build.UNIT_TESTS, failing_test, running_test),
             Stage("soak", build.DLL, failing_rule, lambda output: "a random machine"),
+            Stage("guarded scenarios", build.DLL, failing_scenario, self.running_scenario, "guard",
+                  "Asia/Tokyo"),
         ]
 
     def running_scenario(self, output):
@@ -82,23 +94,29 @@ class Stages:
                 if line.endswith(": everything holds")}
         return next((path.name for path in self.files if path.name not in held), "its end")
 
+    def windows_place(self):
+        return "Z:" + self.place.replace("/", "\\")
+
     def command(self, stage, folder):
         host, plugin = folder / "bin/oxni_devhost.exe", folder / build.DLL
-        if stage.name == "scenarios":
-            return [host, "run", "--quiet", "--stop", "--log", "none", "--place", self.place,
-                    "--plugin", plugin, *self.files]
-        if stage.name == "unit tests":
+        if stage.program == build.UNIT_TESTS:
             return [folder / build.UNIT_TESTS, "--gtest_fail_fast"]
-        return [host, "soak", "--boots", str(SOAK_BOOTS), "--seed", "1", "--no-shrink",
-                "--folder", self.place, "--plugin", plugin]
+        if stage.name == "soak":
+            return [host, "soak", "--boots", str(SOAK_BOOTS), "--seed", "1", "--no-shrink",
+                    "--folder", self.windows_place(), "--plugin", plugin]
+        return [host, "run", "--quiet", "--stop", "--log", "none", "--memory", stage.memory,
+                "--place", self.windows_place(), "--plugin", plugin, *self.files]
 
-    def wine(self, arguments, cpu_seconds=0, wall_seconds=0):
-        limits = ["prlimit", f"--data={MEMORY_BYTES}"]
+    def wine(self, stage, folder, cpu_seconds=0, wall_seconds=600):
+        limits = [f"--data={MEMORY_BYTES}"]
         if cpu_seconds:
             limits.append(f"--cpu={math.ceil(cpu_seconds)}")
+        environment = {**self.environment, "WINE_RUN_SECONDS": str(math.ceil(wall_seconds))}
+        if stage.zone:
+            environment["TZ"] = stage.zone
         return self.processes.run(
-            [*limits, self.root / "cmake/wine-run", *arguments],
-            env={**self.environment, "WINE_RUN_SECONDS": str(math.ceil(wall_seconds or 600))})
+            ["prlimit", *limits, self.root / "cmake/wine-run", *self.command(stage, folder)],
+            env=environment)
 
     def start_wine(self):
         """One server for all runs, and Windows' own services, outside of every limit."""
@@ -115,6 +133,7 @@ class Stages:
 
     def stop_wine(self):
         self.quietly("wineserver", "--kill")
+        shutil.rmtree(self.place, ignore_errors=True)  # what killed processes have left
 
     def quietly(self, *command):
         """Windows' services stay, and would hold a pipe open."""
@@ -124,8 +143,9 @@ class Stages:
     def measure(self, folder):
         """Runs every stage without a fault: it must pass, and its time sets the limits."""
         for stage in self.all:
-            before = resource.getrusage(resource.RUSAGE_CHILDREN)
-            status, output, seconds = self.wine(self.command(stage, folder))
+            before, start = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic()
+            status, output = self.wine(stage, folder)
+            seconds = time.monotonic() - start
             after = resource.getrusage(resource.RUSAGE_CHILDREN)
             if status != 0:
                 raise build.Failed(f"{stage.name} fail without a fault (status {status}):\n{output}")
@@ -134,16 +154,14 @@ class Stages:
             stage.wall_seconds = WALL_FACTOR * seconds + WALL_SECONDS
 
     def run(self, stage, folder):
-        """Result: what found the fault, "" when nothing did; and seconds."""
+        """Result: what found the fault, empty when nothing did."""
         for _ in range(2):
-            status, output, seconds = self.wine(self.command(stage, folder), stage.cpu_seconds,
-                                                stage.wall_seconds)
+            status, output = self.wine(stage, folder, stage.cpu_seconds, stage.wall_seconds)
             # A program that Wine did not start prints nothing.
             if status == 0 or re.sub(r"^wine: .*", "", output, flags=re.M).strip():
                 break
         if status == 0:
-            return "", seconds
-        # 124: the limit of wine-run; 24: the signal of the limit of processor time.
-        if status in (124, 137, -9, -24, 152):
-            return f"timeout: {stage.running(output)}", seconds
-        return stage.failing(output) or f"crash: {stage.running(output)}, status {status}", seconds
+            return ""
+        if status in TIMEOUTS:
+            return f"timeout: {stage.running(output)}"
+        return stage.failing(output) or f"crash: {stage.running(output)}, status {status}"
