@@ -21,7 +21,7 @@ INCLUDE = re.compile(r"#\s*include\s*([<\"])([^>\"]+)")
 
 
 class Failed(Exception):
-    """Something that the user has to put right."""
+    """An error for the user to fix, with its message."""
 
 
 class Processes:
@@ -56,7 +56,7 @@ class Processes:
 
 
 class Build:
-    """What the project's build knows: objects, how each is compiled, and what they depend on."""
+    """The project's build: its objects, their commands, and the files that they depend on."""
 
     def __init__(self, root, folder):
         self.root, self.folder = root, folder
@@ -70,7 +70,7 @@ class Build:
             if output in linked:
                 self.compile[output] = (pathlib.Path(one["file"]).resolve(), words)
         self.depends = self.dependencies()
-        # Read once: a source that is edited during the run changes nothing.
+        # Read once, so that editing a source during the run has no effect.
         self.texts = {path: path.read_text(errors="replace")
                       for path in sorted(set().union(*self.depends.values()))
                       if path.is_relative_to(root)}
@@ -130,17 +130,17 @@ class Build:
         return list(found)
 
     def key_of(self, object_name):
-        """Names what is made from all of an object's sources."""
+        """Returns a name for what is made from all of an object's sources."""
         return self.key(object_name, self.depends[object_name], [])
 
     def key_of_outside(self, object_name):
-        """Names what is made from those that are not the plug-in's."""
+        """Returns a name for what is made from the sources outside of the plug-in."""
         return self.key(object_name, {path for path in self.depends[object_name]
                                       if not path.is_relative_to(self.plugins)},
                         self.outside_includes(object_name))
 
     def key(self, object_name, sources, parts):
-        """Sources that are not the project's do not change."""
+        """Hashes commands and texts. Headers of the system count as unchanged."""
         words = self.command(object_name, "")
         del words[words.index("-c"):words.index("-c") + 2]
         texts = [self.texts[path] for path in sorted(sources) if path in self.texts]
@@ -148,7 +148,7 @@ class Build:
 
 
 class Worker:
-    """A copy of the plug-in's sources, objects and programs that one fault at a time is put into."""
+    """Copies of the plug-in's sources, and objects and programs with one fault at a time."""
 
     def __init__(self, build, folder, processes):
         self.build, self.folder, self.processes = build, folder, processes
@@ -181,15 +181,15 @@ class Worker:
         return self.processes.run(words, cwd=self.build.folder)
 
     def compile(self, object_name, output):
-        """Compiles from the copied sources, whose place is in no object."""
+        """Compiles from the copied sources. Objects of equal sources are equal on every worker."""
         words = [word.replace(str(self.build.plugins), str(self.tree))
                  for word in self.build.command(object_name, output)]
         return self.run_compiler([*words, "-include", self.outside(object_name),
                                   f"-ffile-prefix-map={self.folder}/tree=."])
 
     def outside(self, object_name):
-        """A header with all that an object includes from outside of the plug-in: it takes most of
-        the time, no fault changes it, and it is compiled once."""
+        """Returns a header with everything that an object includes from outside of the plug-in,
+        precompiled: compiling it takes nine tenths of the time, and no fault changes it."""
         includes = self.build.outside_includes(object_name)
         header = self.kept / (self.build.key_of_outside(object_name) + ".h")
         if not header.with_suffix(".h.gch").exists():
@@ -204,7 +204,7 @@ class Worker:
         return header
 
     def unchanged_object(self, object_name):
-        """The object without a fault, compiled in the same way; the copied sources have none."""
+        """Returns the object without a fault. The copied sources must have none."""
         kept = self.kept / (self.build.key_of(object_name) + ".obj")
         if not kept.exists():
             made = self.folder / "unchanged.obj"
@@ -215,7 +215,7 @@ class Worker:
         return kept
 
     def forget_old(self):
-        """Removes what was kept of sources that have changed since."""
+        """Removes precompiled headers and objects of sources that have changed since."""
         wanted = {key(name) for name in self.build.compile
                   for key in (self.build.key_of, self.build.key_of_outside)}
         for path in self.kept.iterdir():

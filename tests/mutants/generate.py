@@ -1,10 +1,9 @@
-"""Makes mutants of sources, names each in a way that outlives changes around it, and finds named
-ones again.
+"""Makes mutants of sources, and finds a mutant again after the sources around it have changed.
 
-A mutant's identity never has a line number: it is file, function, operator, the statement's text
-with one blank between tokens, which of several such statements in the function it is, the token in
-it, and what replaces what. "after" is the statement before it, which tells equal ones apart when
-a function was renamed.
+A mutant's identity has no line number. It consists of file, function, operator, the statement's
+text with one blank between tokens, its number among equal statements of the function, the index of
+the token in it, the original text and the replacement. "after", the previous statement,
+distinguishes equal statements after a function was renamed.
 """
 import dataclasses
 import random
@@ -29,7 +28,7 @@ IDENTITY = ("file", "function", "operator", "statement", "occurrence", "at", "or
 
 @dataclasses.dataclass(frozen=True)
 class Mutant:
-    """start, end  what of the file's text is replaced, and where that is for a person: line."""
+    """start, end  the part of the file's text that is replaced; line: for messages only."""
     file: str
     function: str
     operator: str
@@ -52,7 +51,7 @@ class Mutant:
         return tuple(self.identity[name] for name in IDENTITY if name != "after")
 
     def apply(self, text):
-        """The file's text with the fault. Every other line keeps its number: it is in log lines."""
+        """Returns the file's text with the fault. Other lines keep their numbers: logs have them."""
         lines = text.count("\n", self.start, self.end) - self.replacement.count("\n")
         return text[:self.start] + self.replacement + "\n" * lines + text[self.end:]
 
@@ -69,7 +68,7 @@ def short(text, most=70):
 
 
 def neighbours_of_integer(text):
-    """The literals above and below one, in its own base."""
+    """Returns the literals one above and one below, in the same base."""
     match = INTEGER.match(text.replace("'", ""))
     if match is None:
         return ()
@@ -81,13 +80,13 @@ def neighbours_of_integer(text):
 
 
 def on_tokens(unit):
-    """Faults of single tokens: operator's kind, index of the token, what replaces it."""
+    """Yields faults of single tokens: operator, index of the token, replacement."""
     tokens = unit.tokens
     for index, token in enumerate(tokens):
         before = tokens[index - 1].text if index else ""
         for kind, table in (("relational", RELATIONAL), ("logical", LOGICAL),
                             ("arithmetic", ARITHMETIC)):
-            # Unary, of a type or of a template when there are no blanks around it.
+            # Without blanks it is unary, or belongs to a type or a template.
             if token.text in table and (token.spaced or token.text in ("++", "--")):
                 yield from ((kind, index, new) for new in table[token.text])
         if token.text == "!" and token.kind == "operator":
@@ -107,11 +106,11 @@ def sizes_an_array(unit, index):
 
 
 def is_declaration(unit):
-    """Whether a statement begins with a type and a name."""
+    """Returns whether a statement begins with a type and a name."""
     words = [token.text for token in unit.tokens]
     if not words or unit.tokens[0].kind != "word" or words[0] in JUMPS or unit.kind != "statement":
         return False
-    if words[0] in ("const", "static", "auto", "struct", "enum", "unsigned", "constexpr", "typedef"):
+    if words[0] in ("const", "static", "auto", "struct", "enum", "unsigned", "constexpr"):
         return True
     at = 1
     while at + 1 < len(words) and words[at] == "::":
@@ -124,7 +123,7 @@ def is_declaration(unit):
 
 
 def plain_call(unit):
-    """Whether a statement does nothing but call, perhaps with (void) before."""
+    """Returns whether a statement only calls, with or without (void)."""
     words = [token.text for token in unit.tokens]
     if unit.kind != "statement" or words[:1] == ["delete"]:
         return unit.kind == "statement"
@@ -157,7 +156,7 @@ def has_operator(tokens):
 
 
 def on_condition(unit):
-    """A condition without an operator of its own is negated as a whole."""
+    """Negates a condition that has no operator to mutate."""
     tokens = unit.tokens[2:-1]
     if unit.kind == "header" and unit.tokens[0].text in ("if", "while") and tokens and \
             tokens[0].text != "!" and not has_operator(tokens):
@@ -176,8 +175,7 @@ def on_return(unit):
         if value[0].text not in ("true", "false", "!") and not has_operator(value):
             yield "return", 1, len(tokens) - 2, "!({})"
         return
-    if len(value) == 1 and value[0].kind == "word" and re.match(r"[A-Z][A-Z0-9_]+$", value[0].text) \
-            and value[0].text != "NULL":
+    if len(value) == 1 and re.match(r"(?!NULL$)[A-Z][A-Z0-9_]+$", value[0].text):
         yield "return", 1, 1, "{} + 1"
     if not (len(value) == 1 and (value[0].kind == "number" or value[0].text in ("NULL", "nullptr"))
             or [token.text for token in value] == ["{", "}"]
@@ -186,16 +184,16 @@ def on_return(unit):
 
 
 def swappable(first, second):
-    """Neighbours in one block that do something, one of them a call: what only sets two variables
-    is the same in either order."""
+    """Returns whether two statements of one block can change places with an effect. One of them
+    must be a call: two assignments give the same in either order."""
     return first.block == second.block and first.text != second.text and \
         all(plain_call(unit) or assignment(unit) for unit in (first, second)) and \
         (plain_call(first) or plain_call(second))
 
 
 def faults_of(units):
-    """All faults: unit, operator's kind, first and last token, and what replaces them, in which
-    {} is what stands there. A swap replaces two units."""
+    """Yields all faults: unit, operator, first and last token, and their replacement, in which {}
+    is the original text. A swap replaces two units."""
     for number, unit in enumerate(units):
         for kind, index, new in on_tokens(unit):
             yield unit, kind, unit.tokens[index], unit.tokens[index], new
@@ -211,13 +209,13 @@ def faults_of(units):
 
 
 def swapped(text, unit, other):
-    """Both statements with what lies between them in place."""
+    """Returns both statements in the other order; the text between them stays."""
     first, second = ((one.tokens[0].start, one.tokens[-1].end) for one in (unit, other))
     return text[slice(*second)] + text[first[1]:second[0]] + text[slice(*first)]
 
 
 def mutants_of(file, text):
-    """All mutants of one file's text."""
+    """Returns all mutants of one file's text."""
     units = lexer.units_of(text)
     seen, occurrence, before = {}, {}, {}
     last = None
@@ -246,7 +244,7 @@ def normal(text):
 
 
 def sample(mutants, seed):
-    """The mutants in an order of which every beginning is spread over all files."""
+    """Returns the mutants in an order whose every prefix is spread over all files in proportion."""
     by_file = {}
     for mutant in mutants:
         by_file.setdefault(mutant.file, []).append(mutant)
@@ -258,8 +256,8 @@ def sample(mutants, seed):
 
 
 class Finder:
-    """Finds mutants by their identity: in the same function of the same file, in that function of
-    another file, and anywhere when there is only one that fits."""
+    """Finds mutants by their identity: in the same function of the same file, then in that function
+    in another file, then anywhere if exactly one fits."""
 
     def __init__(self, mutants):
         self.same, self.elsewhere, self.anywhere = {}, {}, {}
@@ -275,7 +273,7 @@ class Finder:
             (normal(identity["replacement"]),)
 
     def find(self, identity):
-        """The mutant, or None when it no longer applies."""
+        """Returns the mutant, or None when it no longer applies."""
         fault = self.fault(identity)
         place = (identity["function"], identity["occurrence"], *fault)
         exact = self.same.get((identity["file"], *place))

@@ -1,8 +1,8 @@
 """Splits C++ text into tokens and into the units that mutants are made of: statements, headers of
 control statements, rows of tables, macros.
 
-clang-format settles the layout of the sources, which spares a parser: an operator with a blank on
-both sides is binary, and a '<' without them belongs to a template.
+A full parser is not necessary because clang-format settles the layout of the sources: an operator
+with a blank on both sides is binary, and a '<' without them belongs to a template.
 """
 import re
 
@@ -17,11 +17,12 @@ TOKEN = re.compile(r"""
   | (?P<operator><<=|>>=|\.\.\.|->\*|::|->|\+\+|--|<<|>>|<=|>=|==|!=|&&|\|\||[-+*/%&|^]=|\#\#|.)
 """, re.S | re.X)
 DIRECTIVE = re.compile(r"#[ \t]*(\w+)((?:\\\n|/\*.*?\*/|//[^\n]*|[^\n])*)", re.S)
+NOT_CODE = {"static_assert", "typedef", "using"}
 CLOSING = {"(": ")", "[": "]", "{": "}"}
 
 
 class Token:
-    """One token: its text, where it lies, and whether blanks stand on both sides of it."""
+    """One token: its text, its place, and whether it has blanks on both sides."""
 
     def __init__(self, kind, text, start, spaced):
         self.kind, self.text, self.start, self.spaced = kind, text, start, spaced
@@ -29,8 +30,8 @@ class Token:
 
 
 class Unit:
-    """Tokens that are mutated together. What they nest (rows, bodies of lambdas) is a unit of its
-    own, and "{}" here.
+    """Tokens that are mutated together. Nested rows and bodies of lambdas are units of their own;
+    the outer unit contains "{}" for them.
 
     kind      "statement", "header", "row" or "macro"
     function  name, with its class; "" outside of functions
@@ -47,7 +48,7 @@ class Unit:
 
 
 def tokens_of(text, start=0, end=None):
-    """Comments and blanks are left out; a directive is one token."""
+    """Returns the tokens without comments and blanks; a directive is one token."""
     found = []
     end = len(text) if end is None else end
     line_start = True
@@ -94,7 +95,7 @@ class Parser:
         return self.tokens[self.at - 1]
 
     def skip_group(self):
-        """Past the group that opens here. Result: its tokens."""
+        """Skips the group that opens here and returns its tokens."""
         first = self.at
         depth = 0
         while self.at < len(self.tokens):
@@ -103,6 +104,10 @@ class Parser:
             if depth == 0:
                 break
         return self.tokens[first:self.at]
+
+    def skip_statement(self):
+        while self.at < len(self.tokens) and self.take().text != ";":
+            pass
 
     def new_block(self):
         self.blocks += 1
@@ -114,7 +119,7 @@ class Parser:
         return unit
 
     def macro(self, directive):
-        """The body of a macro, whose name counts as the text before it."""
+        """Adds the body of a macro. Its name and parameters are the first token."""
         head = re.match(r"#[ \t]*define[ \t]+\w+(\([^)]*\))?", directive.text)
         if head is None:
             return
@@ -127,7 +132,7 @@ class Parser:
         self.add(unit)
 
     def scope(self, prefix):
-        """Declarations up to the end of a namespace, a class or the file."""
+        """Reads declarations up to the end of a namespace, a class or the file."""
         while self.at < len(self.tokens):
             if self.peek() == "}":
                 self.take()
@@ -145,9 +150,8 @@ class Parser:
             if text == ";":
                 self.take()
                 return
-            if text in ("static_assert", "typedef", "using"):
-                while self.at < len(self.tokens) and self.take().text != ";":
-                    pass
+            if text in NOT_CODE:
+                self.skip_statement()
                 return
             if text in ("__attribute__", "alignas", "decltype", "noexcept") and self.peek(1) == "(":
                 self.take()
@@ -177,7 +181,7 @@ class Parser:
                 head.append(self.take())
 
     def enumerators(self, head):
-        """Each is a unit, so that a new one leaves the others' names alone."""
+        """Adds each as a unit, so that a new enumerator leaves the identity of the others alone."""
         self.take()
         while self.at < len(self.tokens) and self.peek() != "}":
             unit = Unit("row", "", "", self.new_block())
@@ -194,8 +198,8 @@ class Parser:
         if parameters is None:
             self.take()
             kind = next((word for word in ("class", "struct", "union") if word in words), None)
-            name = words[words.index(kind) + 1] if kind and len(words) > words.index(kind) + 1 else ""
-            self.scope(prefix + name + "::" if name else prefix)
+            name = words[words.index(kind) + 1:][:1] if kind else []
+            self.scope(prefix + "".join(word + "::" for word in name))
             return
         # Members that a constructor initialises in braces.
         while ":" in words and self.peek() == "{" and re.match(r"\w", self.tokens[self.at - 1].text):
@@ -209,7 +213,7 @@ class Parser:
         self.block(name, " ".join(words[:first]))
 
     def block(self, function, result):
-        """Statements in braces."""
+        """Reads statements in braces."""
         block = self.new_block()
         self.take()
         while self.at < len(self.tokens) and self.peek() != "}":
@@ -231,9 +235,8 @@ class Parser:
                 unit.tokens.append(self.take())
             self.take()
             self.add(unit)
-        elif text == "static_assert":
-            while self.take().text != ";":
-                pass
+        elif text in NOT_CODE:
+            self.skip_statement()
         else:
             self.rest_of_statement(Unit("statement", function, result, block))
 
@@ -250,7 +253,7 @@ class Parser:
             self.statement(function, result, self.new_block())
 
     def rest_of_statement(self, unit):
-        """Up to the semicolon that ends it."""
+        """Reads up to the semicolon that ends it."""
         nested = []
         depth = 0
         while self.at < len(self.tokens):
@@ -275,7 +278,7 @@ class Parser:
         unit.tokens[-1].end = group[-1].end
 
     def row(self, outer):
-        """A row of a table, which may nest others."""
+        """Reads a row of a table, which may nest others."""
         unit = Unit("row", outer.function, outer.result, self.new_block())
         first = self.at
         unit.tokens.append(self.take())

@@ -1,4 +1,4 @@
-"""Results: an object a mutant or patch, and the report at the end of a run."""
+"""Results: one object per mutant or patch, and the report at the end of a run."""
 import collections
 import json
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Puts one fault after another into the plug-in and looks whether the tests find it.
+"""Puts one fault after another into the plug-in and checks whether the tests find it.
 
-Exit status: 0 every fault is found or listed as equivalent; 1 one is not; 2 a bad call, the list of
-equivalents is wrong, or the tests fail without a fault.
+Exit status: 0 every mutant is killed or equivalent; 1 one survived; 2 the command line or the list
+of equivalents is wrong, or a test fails without a fault.
 """
 import argparse
 import collections
@@ -37,11 +37,11 @@ def arguments():
     parser.add_argument("--patch", action="append", default=[], metavar="FILE",
                         help="the fault of a unified diff instead; may be repeated")
     parser.add_argument("--list", action="store_true", help="prints the mutants and runs none")
-    parser.add_argument("--results", metavar="FILE", help="writes a JSON object a mutant")
+    parser.add_argument("--results", metavar="FILE", help="writes one JSON object per mutant")
     parser.add_argument("--continue", dest="resume", action="store_true",
-                        help="with --results: skips what FILE has already, and counts it")
+                        help="with --results: skips the mutants in FILE; the sums include them")
     parser.add_argument("--again", metavar="FILE",
-                        help="the mutants of these earlier results, wherever they are now")
+                        help="the mutants of earlier results, on the sources as they are now")
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     options = parser.parse_args()
     if options.resume and not options.results:
@@ -106,7 +106,7 @@ def timed(seconds, step):
 
 
 class Run:
-    """Faults in order, taken by two workers until enough of them compiled."""
+    """Runs faults in order, on one worker per processor, until enough of them compiled."""
 
     def __init__(self, project, faults, count, reasons, options):
         self.faults = collections.deque(faults)
@@ -129,7 +129,8 @@ class Run:
         self.results = open(options.results, "a", encoding="utf-8") if options.results else None
 
     def next(self):
-        """The next fault; None when there are enough. Those that do not compile are replaced."""
+        """Returns the next fault; None when there are enough. A mutant that does not compile is
+        replaced by the next one."""
         with self.lock:
             while self.faults and not self.processes.stopped:
                 if self.wanted is None or self.counted + self.flying < self.wanted:
@@ -145,7 +146,7 @@ class Run:
             self.flying -= 1
             self.counted += record["result"] != "dropped"
             self.lock.notify_all()
-            if self.processes.stopped:  # what was interrupted has no result
+            if self.processes.stopped:  # an interrupted mutant has no result
                 return
             self.records.append(record)
             if self.results:
@@ -187,7 +188,7 @@ class Run:
         return record("survived")
 
     def unusable(self, fault, why, output):
-        """A mutant may be none, a patch has to be one."""
+        """A mutant that cannot be built is dropped; for a patch that is an error."""
         if fault.is_patch and not self.processes.stopped:
             raise build.Failed(f"{fault.text} {why}:\n{output}")
         return why
@@ -213,7 +214,7 @@ class Run:
         self.stages.measure(worker.folder)
 
     def go(self):
-        """Plays all; an interruption ends every process and keeps the results."""
+        """Runs all; an interruption ends every process and keeps the results."""
         workers = os.cpu_count() or 1
         try:
             self.check_baseline()
@@ -296,4 +297,5 @@ if __name__ == "__main__":
     try:
         sys.exit(main())
     except build.Failed as error:
-        sys.exit(f"mutants: {error}")
+        print(f"mutants: {error}", file=sys.stderr)
+        sys.exit(2)

@@ -12,10 +12,10 @@ import time
 
 import build
 
-# The scenarios that find most come first; what is not named here follows.
+# The scenarios that kill most come first; the others follow by name.
 FIRST = ("registration", "default", "reconcile", "status_check", "alarm", "platform_driver_checks",
          "commands", "dump_discovery", "dump_analysis", "boot_time", "decision_blue_screen")
-# A fault that makes things slower is none: what takes so much longer does not end.
+# A mutant that takes so much longer than the plug-in without a fault hangs.
 CPU_FACTOR, CPU_SECONDS = 3, 1
 WALL_FACTOR, WALL_SECONDS = 10, 30  # the computer may be busy
 # The limit of wine-run, and the signal of the limit of processor time.
@@ -50,11 +50,12 @@ def failing_rule(output):
 
 @dataclasses.dataclass
 class Stage:
-    """name     as results tell it
-    program  target of the build that has to be linked with the fault
-    failing  the first test that failed, from the output; "" when there is none
-    running  the test that ran last, for a crash
-    memory   how the host runs a scenario; zone: where, empty for the developer's own
+    """name     in the results
+    program  the build's target to link with the fault
+    failing  returns the first test that failed, from the output; "" when there is none
+    running  returns the test that was running, for a crash or a timeout
+    memory   the host's allocator for scenarios
+    zone     time zone; empty for the developer's own
     """
     name: str
     program: str
@@ -77,7 +78,7 @@ class Stages:
     def __init__(self, root, folder, processes):
         self.root, self.processes = root, processes
         self.files = sorted((root / "scenarios").glob("*.json"), key=scenario_order)
-        # In memory where that is possible: nobody waits for flushed files.
+        # In memory if possible: flushing files to a disk takes longer than the rest of a scenario.
         self.place = tempfile.mkdtemp(
             prefix="mutants-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else folder)
         self.environment = {**os.environ, "WINEPREFIX": str(folder / "wineprefix")}
@@ -119,11 +120,11 @@ class Stages:
             env=environment)
 
     def start_wine(self):
-        """One server for all runs, and Windows' own services, outside of every limit."""
+        """Starts one server for all runs, and Windows' own services, outside of every limit."""
         prefix = self.environment["WINEPREFIX"]
         if not os.path.exists(os.path.join(prefix, "system.reg")):
             self.quietly(self.root / "cmake/wine-run", "wineboot", "--init")
-            # Wine's debugger would take many seconds for each crash.
+            # Wine's debugger takes 15 s for each crash.
             self.quietly(self.root / "cmake/wine-run", "reg", "add", CRASH_KEY, "/v", "Debugger",
                          "/d", "none", "/f")
             self.quietly("wineserver", "--wait")
@@ -133,10 +134,10 @@ class Stages:
 
     def stop_wine(self):
         self.quietly("wineserver", "--kill")
-        shutil.rmtree(self.place, ignore_errors=True)  # what killed processes have left
+        shutil.rmtree(self.place, ignore_errors=True)  # killed processes leave files
 
     def quietly(self, *command):
-        """Windows' services stay, and would hold a pipe open."""
+        """Runs a command without pipes: Windows' services stay and would hold them open."""
         return subprocess.run(command, env=self.environment, stdin=subprocess.DEVNULL, check=False,
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
 
@@ -154,10 +155,10 @@ class Stages:
             stage.wall_seconds = WALL_FACTOR * seconds + WALL_SECONDS
 
     def run(self, stage, folder):
-        """Result: what found the fault, empty when nothing did."""
+        """Result: what killed the mutant, empty when it passed."""
         for _ in range(2):
             status, output = self.wine(stage, folder, stage.cpu_seconds, stage.wall_seconds)
-            # A program that Wine did not start prints nothing.
+            # A program that Wine failed to start prints nothing of its own.
             if status == 0 or re.sub(r"^wine: .*", "", output, flags=re.M).strip():
                 break
         if status == 0:
