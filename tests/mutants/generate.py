@@ -51,7 +51,7 @@ class Mutant:
         return tuple(self.identity[name] for name in IDENTITY if name != "after")
 
     def apply(self, text):
-        """Returns the file's text with the fault. Other lines keep their numbers: logs have them."""
+        """Returns the file's text with the fault. Other lines keep their number for the log."""
         lines = text.count("\n", self.start, self.end) - self.replacement.count("\n")
         return text[:self.start] + self.replacement + "\n" * lines + text[self.end:]
 

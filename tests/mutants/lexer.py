@@ -202,7 +202,7 @@ class Parser:
             self.scope(prefix + "".join(word + "::" for word in name))
             return
         # Members that a constructor initialises in braces.
-        while ":" in words and self.peek() == "{" and re.match(r"\w", self.tokens[self.at - 1].text):
+        while ":" in words and self.peek() == "{" and self.tokens[self.at - 1].kind == "word":
             self.skip_group()
             while self.peek() not in ("{", ""):
                 self.take()

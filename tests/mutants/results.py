@@ -34,7 +34,8 @@ def show_stages(killed):
     by_stage = collections.Counter(one["stage"] for one in killed)
     ends = collections.Counter(one["by"].split(": ")[1] for one in killed)
     if killed:
-        print("killed by " + ", ".join(f"{name}: {number}" for name, number in by_stage.most_common())
+        print("killed by "
+              + ", ".join(f"{name}: {number}" for name, number in by_stage.most_common())
               + "".join(f"; {ends[name]} by {name}" for name in ("timeout", "crash") if ends[name]))
 
 

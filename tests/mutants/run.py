@@ -79,7 +79,8 @@ def patch_fault(name):
                                "--reject-file=-", f"--directory={worker.folder / 'tree'}",
                                f"--input={path}"], capture_output=True, text=True)
         if done.returncode != 0:
-            raise build.Failed(f"{name} does not apply to {build.PLUGINS}: {done.stdout.strip()}")
+            raise build.Failed(f"{name} does not apply to {build.PLUGINS}: "
+                               f"{(done.stdout + done.stderr).strip()}")
     return Fault((name,), name, apply)
 
 
@@ -153,9 +154,9 @@ class Run:
                 self.results.write(json.dumps(record) + "\n")
                 self.results.flush()
             if record["result"] != "dropped":
-                print(f"{record['result']:10} {sum(record['seconds'].values()):5.1f} s  {fault.text}"
-                      f"{'  <- ' + generate.short(record['by'], 100) if record['by'] else ''}",
-                      flush=True)
+                by = f"  <- {generate.short(record['by'], 100)}" if record["by"] else ""
+                print(f"{record['result']:10} {sum(record['seconds'].values()):5.1f} s  "
+                      f"{fault.text}{by}", flush=True)
 
     def try_one(self, worker, fault):
         """The record of one fault."""
