@@ -33,6 +33,7 @@ struct arguments {
     bool json = false;
     bool quiet = false;
     bool messages = false;
+    bool stop = false;
     struct session_options session = {};
 };
 
@@ -65,7 +66,8 @@ static int report_error(const devhost_error &error)
     return error.status;
 }
 
-/* Every file is played, whatever the one before it said; the worst status counts. */
+/* Every file is played, whatever the previous one returned, unless the user wants to stop there; the
+ * worst status counts. */
 static int run_files(const arguments &arguments)
 {
     if (!arguments.session.html.empty() && arguments.files.size() > 1)
@@ -88,6 +90,8 @@ static int run_files(const arguments &arguments)
             skipped++;
         else if (status > worst)
             worst = status;
+        if (arguments.stop && worst != EXIT_ALL_HOLD)
+            break;
     }
     return worst == EXIT_ALL_HOLD && skipped == arguments.files.size() ? EXIT_SKIPPED : worst;
 }
@@ -152,9 +156,12 @@ static void add_run(CLI::App &app, int *status)
         ->allow_extra_args(false);
     command->add_option("--html", options->session.html,
                         "Writes the run as one page, for a browser, to this file");
+    command->add_option("--place", options->session.place,
+                        "Folder for the run's files, best in memory; else the temporary one");
     command->add_flag("--real-time", options->session.real_time, "Waits in real time");
     command->add_flag("--json", options->json, "One JSON object a line");
     command->add_flag("--quiet", options->quiet, "Shows failures and results only");
+    command->add_flag("--stop", options->stop, "Plays no further file after one that fails");
     command->callback([options, status] {
         prepare(*options);
         *status = run_files(*options);
@@ -295,6 +302,7 @@ static void add_soak(CLI::App &app, int *status)
     command->add_option("--seed", options->seed, "Of the first machine; each next one adds 1");
     command->add_option("--folder", options->folder, "Folder for the run's files, a fast disk");
     command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
+    command->add_flag("!--no-shrink", options->shrink, "Does not make a failing machine small");
     command->add_option("--file", options->file, "Plays this scenario in place of random machines");
     add_plugin_option(*command, options->plugin_path);
     command->callback([options, status] { *status = soak_run(*options); });

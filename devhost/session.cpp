@@ -197,7 +197,7 @@ int session_run(const std::string &file, const struct session_options &options)
     std::vector<std::string> failures;
 
     scenario_load(scenario, file, options.defines);
-    run_folder folder(options.keep);
+    run_folder folder(options.keep, options.place);
     try {
         open_scenario(scenario, file, options, folder);
         play_all(options);

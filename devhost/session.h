@@ -13,6 +13,7 @@ struct session_options {
     std::map<std::string, std::string> defines; /* what {NAME} in paths stands for */
     std::string plugin_path;
     std::string keep;                  /* folder of the run that is kept; empty: a temporary one */
+    std::string place;                 /* where a temporary one lies; empty: Windows' own place */
     std::vector<std::string> commands; /* console commands, "[BOOT/]SECONDS:LINE" */
     bool real_time;
     bool trace;

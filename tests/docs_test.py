@@ -25,6 +25,7 @@ SHORT = {
     "sweep": ["sweep", "--help"],
     "cut": ["cut", "--help"],
     "fuzz": ["fuzz", "--help"],
+    "mutants": ["mutants", "--help"],
     "soak": ["soak", "--help"],
 }
 # Something may differ; the folder that a person would name is not here.

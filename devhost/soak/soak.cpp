@@ -215,7 +215,8 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
         if (!played.finding.rule.empty()) {
             tell_progress(progress, GetTickCount64(), "");
             tell_finding(played.finding, seed);
-            shrink(document, played.finding, seed, folder, options);
+            if (options.shrink)
+                shrink(document, played.finding, seed, folder, options);
             return EXIT_EXPECTATION_FAILED;
         }
         if (GetTickCount64() - progress.told_ms >= PROGRESS_MS)

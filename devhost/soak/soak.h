@@ -13,6 +13,7 @@ struct soak_options {
     uint64_t boots = 1000;   /* at least so many; a machine is played to its end */
     uint64_t seed = 1;       /* of the first machine; each further one has the next number */
     std::string folder;      /* where the run's files lie; empty: the temporary one */
+    bool shrink = true;      /* makes a failing machine small and saves its scenario */
     std::string save = ".";  /* folder that a failing machine's scenario is written to */
     std::string file;        /* a scenario that is played in place of random machines */
     std::string plugin_path; /* the DLL to load */

@@ -130,4 +130,5 @@ void view_end(const std::string &file, const std::vector<std::string> &summary,
                ? "everything holds"
                : text_format("%u expectations do not hold", static_cast<unsigned>(failures.size()))
                      .c_str());
+    fflush(stdout); /* a crash in the next file must not take this line with it */
 }

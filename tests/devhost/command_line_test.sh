@@ -104,6 +104,11 @@ for member in commands messages uploads log no_log log_counts echo refused compl
         failures=$((failures + 1))
     }
 done
+check "stops at the first failure" 1 "" run --quiet --stop s.json "$scenarios/default.json"
+grep -q 'default.json' out.txt && {
+    echo "FAILED: stops at the first failure: the next file was played"
+    failures=$((failures + 1))
+}
 
 # Machines read one object a line; a person's commands work; real time is real.
 check "json" 0 "" run --json --log info "$scenarios/default.json"

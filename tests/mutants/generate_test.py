@@ -1,0 +1,189 @@
+#!/usr/bin/env python3
+"""Mutants are made where they belong, and are found again after sources changed around them.
+
+usage: generate_test.py PROJECT_FOLDER
+"""
+import json
+import pathlib
+import random
+import re
+import sys
+
+import generate
+import lexer
+
+SAMPLE = r'''
+/* a < b && "text" in a comment */
+#define LIMIT 10 // 11
+#define IS_SMALL(x) ((x) < LIMIT)
+#ifdef NOT_CODE_3
+#endif
+enum kind { KIND_A = 1, KIND_B };
+static const struct row { int id; const char *word; } s_rows[] = {
+    {12, "a == b"},
+    {LIMIT, R"x(1 " 2)x"},
+};
+static_assert(sizeof(int) == 4, "4");
+class box final : public base<int>
+{
+  public:
+    box() : size_{0}
+    {
+    }
+    bool operator<(const box &other) const
+    {
+        return size_ < other.size_;
+    }
+    int operator()(int a) const
+    {
+        static_assert(sizeof(int) == 4, "4");
+        typedef int(WINAPI * convert_fn)(void);
+        return a ^ size_;
+    }
+
+  private:
+    int size_ = 7;
+};
+bool whole(const std::vector<std::string> &names, char **out)
+{
+    char text[32];
+    std::map<int, char> *map = make<int, char>(names);
+
+    if (names.empty() || !map)
+        return false;
+    for (size_t i = 0; i < names.size(); i++)
+        (void)put(map, [&](int a) { done(a); return a * 2; });
+    LOG_WARN("1 < 2 && %d",
+             names.size() - 1);
+    *out = text;
+    close(map);
+    if (names[0] == '\'')
+        LOG_INFO_JSON(map);
+    else
+        close(map);
+    return ready(map);
+}
+const char *name(int kind)
+{
+    if (kind == KIND_A)
+        return NULL;
+    if (kind == KIND_B)
+        return "b";
+    return NULL;
+}
+'''
+# All mutants of the sample but swaps: function, operator, original, replacement.
+WANTED = {
+    ("", "constant", "10", "11"), ("", "constant", "10", "9"),
+    ("", "relational", "<", "<="), ("", "relational", "<", ">="),
+    ("", "constant", "1", "2"), ("", "constant", "1", "0"),
+    ("", "constant", "12", "13"), ("", "constant", "12", "11"),
+    ("", "constant", "7", "8"), ("", "constant", "7", "6"),
+    ("box::operator<", "relational", "<", "<="), ("box::operator<", "relational", "<", ">="),
+    ("box::operator()", "arithmetic", "^", "&"), ("box::operator()", "return", "a ^ size_", "{}"),
+    ("whole", "logical", "||", "&&"), ("whole", "negation", "!", ""),
+    ("whole", "constant", "false", "true"),
+    ("whole", "constant", "0", "1"), ("whole", "constant", "0", "-1"),
+    ("whole", "relational", "<", "<="), ("whole", "relational", "<", ">="),
+    ("whole", "arithmetic", "++", "--"), ("whole", "remove", "done ( a )", ""),
+    ("whole", "remove",
+     "( void ) put ( map , [ & ] ( int a ) { done ( a ) ; return a * 2 ; } )", ""),
+    ("whole", "arithmetic", "*", "/"), ("whole", "constant", "2", "3"),
+    ("whole", "constant", "2", "1"), ("whole", "return", "a * 2", "{}"),
+    ("whole", "level", "LOG_WARN", "LOG_ERROR"), ("whole", "arithmetic", "-", "+"),
+    ("whole", "constant", "1", "2"), ("whole", "constant", "1", "0"),
+    ("whole", "remove", 'LOG_WARN ( "1 < 2 && %d" , names . size ( ) - 1 )', ""),
+    ("whole", "remove", "* out = text", ""), ("whole", "remove", "close ( map )", ""),
+    ("whole", "relational", "==", "!="), ("whole", "level", "LOG_INFO_JSON", "LOG_DEBUG_JSON"),
+    ("whole", "remove", "LOG_INFO_JSON ( map )", ""),
+    ("whole", "return", "ready ( map )", "!(ready(map))"),
+    ("name", "relational", "==", "!="), ("name", "return", '"b"', "{}"),
+}
+problems = []
+
+
+def check(row, holds, what=""):
+    if not holds:
+        problems.append(f"{row}: {what}")
+
+
+def check_sample():
+    mutants = generate.mutants_of("sample.cpp", SAMPLE)
+    made = {(one.function, one.operator, one.original, one.replacement)
+            for one in mutants if one.operator != "swap"}
+    check("too many", made <= WANTED, sorted(made - WANTED))
+    check("too few", WANTED <= made, sorted(WANTED - made))
+    swaps = [one.replacement.split("\n")[0] for one in mutants if one.operator == "swap"]
+    check("swaps", sorted(swaps) == ["*out = text;", "close(map);"], swaps)
+    twice = [one for one in mutants if one.operator == "remove" and one.original == "close ( map )"]
+    check("equal statements", [one.occurrence for one in twice] == [0, 1], twice)
+    finder = generate.Finder(mutants)
+    for one in twice:
+        check("equal statements of a renamed function",
+              finder.find({**one.identity, "function": "renamed"}) is one, one)
+    gone = {**twice[0].identity, "statement": "gone ;"}
+    check("no statement of that text", finder.find(gone) is None)
+    for one in mutants:
+        text = one.apply(SAMPLE)
+        check("lines", text.count("\n") == SAMPLE.count("\n") and text != SAMPLE, one)
+
+
+def check_finding(files):
+    """Every mutant is found where it is; and in moved, renamed and extended functions."""
+    mutants = [one for name, text in files.items() for one in generate.mutants_of(name, text)]
+    finder = generate.Finder(mutants)
+    lost = [one for one in mutants if finder.find(one.identity) is not one]
+    check("every mutant is found by its name", not lost, lost[:3])
+    check("names are unique", len({one.key for one in mutants}) == len(mutants))
+
+    # All in one file, in another order of lines and layout.
+    changed = {"new/all.cpp": "".join(
+        re.sub(r";\n( +)(?=[a-z])", r";\n\n\1/* new 1 < 2 */ ", text) for text in files.values())}
+    moved = generate.Finder([one for name, text in changed.items()
+                             for one in generate.mutants_of(name, text)])
+    functions = [one for one in mutants if one.function]
+    found = [one for one in functions if moved.find(one.identity) is not None]
+    check("functions in another file", len(found) > 0.95 * len(functions),
+          f"{len(found)} of {len(functions)}")
+    wrong = [one for one in found if moved.find(one.identity).statement != one.statement
+             or moved.find(one.identity).operator != one.operator]
+    check("the same fault", not wrong, wrong[:3])
+
+    return mutants
+
+
+def check_order(mutants):
+    files = {one.file for one in mutants}
+    first = generate.sample(mutants, "1")
+    check("all of them", sorted(one.key for one in first) == sorted(one.key for one in mutants))
+    check("the same seed", first == generate.sample(random.sample(mutants, len(mutants)), "1")
+          or first == generate.sample(mutants, "1"))
+    check("another seed", first != generate.sample(mutants, "2"))
+    for file in files:
+        own = sum(one.file == file for one in mutants)
+        part = sum(one.file == file for one in first[:len(first) // 4])
+        check("spread", abs(part - own / 4) <= 1, f"{file}: {part} of {own}")
+
+
+def check_equivalents(finder):
+    for entry in json.loads((pathlib.Path(__file__).parent / "equivalents.json").read_text()):
+        check("equivalents.json", finder.find(entry) is not None, f"no longer applies: {entry}")
+        check("equivalents.json", bool(entry.get("reason")), f"no reason: {entry}")
+
+
+def main(root):
+    plugins = pathlib.Path(root) / "oxni_sys" / "plugins"
+    files = {str(path.relative_to(plugins)): path.read_text()
+             for path in sorted(plugins.rglob("*")) if path.suffix in (".cpp", ".h")}
+    check_sample()
+    mutants = check_finding(files)
+    check_order(mutants)
+    check_equivalents(generate.Finder(mutants))
+    for problem in problems[:20]:
+        print("FAILED:", problem)
+    print(f"{len(mutants)} mutants in {len(files)} files")
+    sys.exit(1 if problems else 0)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])
