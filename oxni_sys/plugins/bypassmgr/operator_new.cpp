@@ -1,6 +1,7 @@
 /*
- * The C++ heap of the plug-in is the host's allocator, as for every other block of the plug-in: the
- * host counts, guards and limits all of it in one place. Any thread of the host.
+ * The C++ heap of the plug-in is the host's allocator, as for its other blocks: the host counts,
+ * guards and limits them in one place. The runtime's own blocks for exceptions remain apart. Any
+ * thread of the host.
  */
 #include <new>
 

@@ -12,7 +12,7 @@
  * Local date and time of a moment; "1970-01-01 00:00:00" when it cannot be converted.
  *
  * seconds  Since 1970-01-01 00:00 UTC.
- * buffer   size characters, at least TIME_TEXT_CHARS; a smaller one is truncated and terminated.
+ * buffer   size characters; the text is truncated and terminated in one below TIME_TEXT_CHARS.
  */
 void time_text_local(int64_t seconds, char *buffer, size_t size);
 

@@ -1,5 +1,5 @@
 /* Names the modules on the crashed stack of a dump, which the debugger engine of Windows prints. The
- * host's timer thread, one analysis at a time. All functions throw std::bad_alloc. */
+ * host's timer thread, one analysis at a time. Functions that fill a set throw std::bad_alloc. */
 #ifndef ANALYZE_DMP_H
 #define ANALYZE_DMP_H
 

@@ -10,7 +10,8 @@
 int read_load_driver_crash_config(crash_config_record *record);
 int write_load_driver_crash_config(crash_config_record *record);
 
-/* Reads a decimal number that the service key holds as text of at most 30 characters; no digits
+/* Reads a decimal number that the service key holds as text of at most 30 characters with a terminator, 31
+ * without; no digits
  * give 0. Result: 0, also when it is no text: value is untouched then; otherwise the Windows error
  * code. */
 uint32_t read_load_driver_value(const wchar_t *name, uint32_t *value);

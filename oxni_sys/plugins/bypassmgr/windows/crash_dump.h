@@ -49,8 +49,8 @@ void get_crash_dump_files(crash_dump_info *complete, crash_dump_info *minidump);
  *             read.
  * modules     As analyze_dmp_file leaves it.
  * dump_time, dump_path
- *             Written when the result is true; the time also before the path is refused. The path
- *             is the minidump's, in UTF-8, also when the complete dump was taken: it may be empty,
+ *             Written when the result is true; a minidump's time also when its path is refused. The
+ *             path is the minidump's, in UTF-8, also when the complete dump was taken: it may be empty,
  *             or of an older one.
  * Result      Whether a dump was analysed and has at least one module.
  * Throws      std::range_error when the minidump's path is not UTF-16; std::bad_alloc.

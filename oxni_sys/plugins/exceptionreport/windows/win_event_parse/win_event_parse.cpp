@@ -11,6 +11,7 @@
 #include <oxni/base/str.h>
 
 #include "bypass_log.h"
+#include "exception_boundary.h"
 #include "filetime.h"
 #include "process_privilege.h"
 #include "system_events.h"
@@ -125,7 +126,9 @@ static void capture_event(const found_event &found, event_info *info)
     info->event_id = found.event_id;
     (void)format_event_time(info->time_generated, info->time_text); /* always fits */
     if (found.event_id == EVENT_BUGCHECK) {
-        append_insertion_strings(found, &info->strings);
+        /* What the record says of the crash matters less than that there was one. */
+        exception_boundary("insertion strings",
+                           [&] { append_insertion_strings(found, &info->strings); });
         LOG_INFO("system crash time:%s", info->time_text);
     }
     LOG_INFO("capture expect event[%d][%s] provider[%S] time[%s], stop read event!",

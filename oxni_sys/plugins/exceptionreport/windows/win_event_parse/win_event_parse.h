@@ -37,7 +37,7 @@ struct expected_event_map {
     size_t count;
 };
 
-/* A record that was found. The caller passes it zeroed and empty. */
+/* A record that was found. The caller passes it zeroed and empty for its first search. */
 struct event_info {
     char time_text[EVENT_TIME_TEXT_CHARS]; /* TimeGenerated as local time, month/day/year */
     uint32_t time_generated;               /* seconds since 1970-01-01 00:00 UTC */
@@ -52,11 +52,11 @@ class win_event_parse
      * Finds the newest record that the map expects. Enables "SeSecurityPrivilege" for the time of
      * the call, if the process has it.
      *
-     * info      Filled when a record is found; strings are appended. Otherwise untouched.
-     * Result    0 found, or the log is empty: info->event_id is still 0 then; 1 the log cannot be
+     * info      Filled when a record is found; strings are appended as far as memory goes. Otherwise
+     *           untouched.
+     * Result    0 found, or the log is empty: info is untouched then, too; 1 the log cannot be
      *           opened; 2 no memory for a record; 3 a read failed; ERROR_INVALID_DATA (13) the log
      *           was read to its end without a match.
-     * Throws    std::bad_alloc when memory runs out for the insertion strings.
      */
     uint32_t get_crash_info(event_info *info, const expected_event_map &expected) const;
 };
