@@ -58,6 +58,11 @@ class reach
                 targets_.push_back({entry.first, &entry.second, false});
     }
 
+    bool has_targets() const
+    {
+        return !targets_.empty();
+    }
+
     /* Whatever looks like a pointer there is one, 8 bytes by 8 from begin on: a guarded block may
      * begin anywhere. */
     void scan(uintptr_t begin, uintptr_t end)
@@ -95,7 +100,9 @@ class reach
 
     void mark(uintptr_t pointer)
     {
-        if (targets_.empty() || pointer < targets_.front().begin)
+        /* Most values are no address among the blocks: those skip the search. */
+        if (targets_.empty() || pointer < targets_.front().begin ||
+            pointer > targets_.back().begin + targets_.back().is->size)
             return;
         auto behind = std::upper_bound(
             targets_.begin(), targets_.end(), pointer,
@@ -142,13 +149,17 @@ static void scan_heap(reach &reach, HANDLE heap)
 void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
 {
     HANDLE heaps[64];
-    DWORD count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
+    DWORD count;
     leak_map lost;
     reach reach;
 
+    /* Walking the heaps costs more than a simulated boot, and most agents have no guarded block. */
+    if (!reach.has_targets())
+        return;
     for (const module_range &module : memory_all.seen_through)
         scan_module(reach, reinterpret_cast<char *>(module.begin));
     scan_module(reach, const_cast<char *>(static_cast<const char *>(plugin)));
+    count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
     for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
         if (heaps[i] != memory_own_heap())
             scan_heap(reach, heaps[i]);

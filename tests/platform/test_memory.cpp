@@ -1,6 +1,7 @@
 #include "platform_test.h"
 
 #include <oxni/base/memory.h>
+#include <oxni/base/mutex.h>
 #include <oxni/base/str.h>
 
 namespace
@@ -64,6 +65,27 @@ TEST_F(memory, dropping_all_takes_blocks_of_both_modes)
     oxnih_memory_drop_all();
     EXPECT_EQ(0U, memory_stats().live_blocks);
     EXPECT_FALSE(readable(block));
+}
+
+/* Nobody destroys the mutexes of a process that ends. */
+TEST_F(memory, dropping_all_leaves_nothing_of_a_mutex)
+{
+    auto heap_blocks = [] {
+        PROCESS_HEAP_ENTRY entry = {};
+        int blocks = 0;
+
+        while (HeapWalk(GetProcessHeap(), &entry))
+            blocks += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0;
+        return blocks;
+    };
+    const int before = heap_blocks();
+
+    for (int i = 0; i < 100; i++) {
+        oxni_mutex *mutex;
+        EXPECT_EQ(0, oxni_mutex_init(&mutex));
+    }
+    oxnih_memory_drop_all();
+    EXPECT_LT(heap_blocks(), before + 50);
 }
 
 TEST_F(memory, the_nth_allocation_fails)
