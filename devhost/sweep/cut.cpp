@@ -467,7 +467,7 @@ static int cut_part(const struct cut_options &options)
 
     watch_open(HANG_SECONDS);
     lead_platform();
-    agent_watch_start(lead_plugin);
+    agent_watch_load(lead_plugin);
     scenario_load(scenario, options.files.front(), {});
     lives_strip(scenario);
     if (options.at != 0)
