@@ -49,8 +49,16 @@ std::string text_format(const char *format, ...)
 std::wstring text_lower(const std::wstring &wide)
 {
     std::wstring lower = wide;
+    bool ascii = true;
 
-    CharLowerBuffW(lower.data(), static_cast<DWORD>(lower.size()));
+    for (wchar_t &c : lower) {
+        if (c >= L'A' && c <= L'Z')
+            c = static_cast<wchar_t>(c - L'A' + L'a');
+        ascii = ascii && c < 0x80;
+    }
+    /* Paths and keys are compared all the time, and hardly any has other characters. */
+    if (!ascii)
+        CharLowerBuffW(lower.data(), static_cast<DWORD>(lower.size()));
     return lower;
 }
 
@@ -156,9 +164,7 @@ static void append_json(std::string &out, const json_t *json)
         out += ']';
         break;
     case JSON_STRING: out += text_quoted(json_string_value(json)); break;
-    case JSON_INTEGER:
-        out += text_format("%lld", static_cast<long long>(json_integer_value(json)));
-        break;
+    case JSON_INTEGER: out += std::to_string(json_integer_value(json)); break;
     case JSON_REAL: out += text_format("%.17g", json_real_value(json)); break;
     case JSON_TRUE: out += "true"; break;
     case JSON_FALSE: out += "false"; break;
