@@ -54,7 +54,7 @@ class reach
     reach()
     {
         for (const auto &entry : memory_all.blocks)
-            if (entry.second.freed_by == NULL && entry.second.guarded_in != NULL)
+            if (entry.second.freed_by == NULL)
                 targets_.push_back({entry.first, &entry.second, false});
     }
 
