@@ -5,6 +5,7 @@
 
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
+#include "heap.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
@@ -79,6 +80,7 @@ void agent_check_plugin(const std::string &plugin_path)
 
 static void redirect_imports(HMODULE plugin)
 {
+    heap_redirect(plugin);
     memory_disk_lead(plugin, false);
     calls_patch(plugin);
     if (s_load_fn != NULL)

@@ -14,6 +14,7 @@
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
+#include "../heap.h"
 #include "../machine/calls.h"
 #include "../machine/memory_disk.h"
 #include "../plugin_image.h"
@@ -289,6 +290,7 @@ int soak_run(const struct soak_options &options)
                                                          GetCurrentProcessId(), GetTickCount()));
 
     folder.kept = false;
+    heap_open();
     image_keep_mapped(!options.reload);
     watch_open(HANG_SECONDS);
     memory_disk_open(text_wide(folder.path));

@@ -14,6 +14,7 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent.h"
+#include "../heap.h"
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../machine/memory_disk.h"
@@ -459,6 +460,7 @@ static int sweep_part(const struct sweep_options &options)
     run_folder folder("", options.place);
     struct scenario scenario;
 
+    heap_open();
     image_keep_mapped(!options.reload);
     watch_open(HANG_SECONDS);
     record_set_view(NULL, NULL);

@@ -109,6 +109,10 @@ OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);
  * its module) or of the libraries seen through, no heap of the process, no block that is pointed to
  * itself. Outside callbacks; takes milliseconds. */
 OXNI_API void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user);
+/* A heap of the host in which such pointers are looked for, too: each_block calls fn for each block
+ * that is given out. One heap a process; NULL: none. */
+typedef void (*oxnih_range_fn)(const void *begin, size_t bytes, void *user);
+OXNI_API void oxnih_memory_search_also(void (*each_block)(oxnih_range_fn fn, void *user));
 /* Frees every live block, as the end of the agent's process does. Nothing may use one
  * afterwards. */
 OXNI_API void oxnih_memory_drop_all(void);

@@ -146,6 +146,20 @@ static void scan_heap(reach &reach, HANDLE heap)
     }
 }
 
+static void (*s_each_block_of_host)(oxnih_range_fn fn, void *user);
+
+void oxnih_memory_search_also(void (*each_block)(oxnih_range_fn fn, void *user))
+{
+    s_each_block_of_host = each_block;
+}
+
+static void scan_range(const void *begin, size_t bytes, void *user)
+{
+    const uintptr_t first = reinterpret_cast<uintptr_t>(begin);
+
+    static_cast<reach *>(user)->scan(first, first + bytes);
+}
+
 void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
 {
     HANDLE heaps[64];
@@ -163,6 +177,8 @@ void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
     for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
         if (heaps[i] != memory_own_heap())
             scan_heap(reach, heaps[i]);
+    if (s_each_block_of_host != NULL)
+        s_each_block_of_host(scan_range, &reach);
     reach.follow();
     reach.missing(lost);
     report_leaks(lost, fn, user);
