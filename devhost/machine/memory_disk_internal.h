@@ -32,8 +32,9 @@ extern std::map<std::wstring, file_ptr> memory_files; /* by key */
 bool memory_files_are_open(void);
 void memory_files_open(const std::wstring &folder);
 
-/* The key of a path: in lower case, without a backslash at its end. Result: whether the path is
- * below the folder. */
+/* The key of a path: what follows the disk's folder, in lower case, with a backslash at its begin
+ * and none at its end. The folder itself has the empty key. Result: whether the path is below the
+ * folder. */
 bool memory_file_key(const wchar_t *path, std::wstring *key);
 /* NULL: there is none. */
 file_ptr memory_file_find(const std::wstring &key);

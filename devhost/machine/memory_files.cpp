@@ -1,8 +1,6 @@
 /* The files themselves: a map from paths to bytes. */
 #include "memory_disk_internal.h"
 
-#include <string.h>
-
 #include <algorithm>
 
 #include "../../platform/liboxnibase/host.h"
@@ -26,23 +24,41 @@ void memory_files_open(const std::wstring &folder)
     s_folder = text_lower(folder) + L"\\";
 }
 
+/* In lower case, with backslashes, in one pass: this is done for each file operation of a boot.
+ * Result: false for a path that needs Windows for that. */
+static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
+{
+    wchar_t previous = L'\0';
+
+    normal->clear();
+    for (; *path != L'\0'; path++) {
+        const wchar_t c = *path == L'/' ? L'\\' : *path;
+
+        if (c >= 0x80 || (previous == L'\\' && (c == L'\\' || c == L'.')))
+            return false;
+        normal->push_back(c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c);
+        previous = c;
+    }
+    return true;
+}
+
 bool memory_file_key(const wchar_t *path, std::wstring *key)
 {
     wchar_t full[1024];
 
     if (s_folder.empty())
         return false;
-    *key = path;
-    std::replace(key->begin(), key->end(), L'/', L'\\');
-    if (key->find(L"\\.") != std::wstring::npos || key->find(L"\\\\") != std::wstring::npos) {
+    if (!normalize_ascii(path, key)) {
         DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, NULL);
 
-        *key = chars < ARRAYSIZE(full) ? full : L"";
+        *key = text_lower(std::wstring(chars < ARRAYSIZE(full) ? full : L""));
     }
-    *key = text_lower(*key);
     while (!key->empty() && key->back() == L'\\')
         key->pop_back();
-    return key->size() > s_folder.size() && key->rfind(s_folder, 0) == 0;
+    if (key->size() <= s_folder.size() || key->compare(0, s_folder.size(), s_folder) != 0)
+        return false;
+    key->erase(0, s_folder.size() - 1);
+    return true;
 }
 
 file_ptr memory_file_find(const std::wstring &key)
@@ -61,7 +77,7 @@ bool memory_is_folder(const std::wstring &key)
 {
     file_ptr file = memory_file_find(key);
 
-    return key + L"\\" == s_folder || (file != NULL && file->is_folder);
+    return key.empty() || (file != NULL && file->is_folder);
 }
 
 DWORD memory_missing(const std::wstring &key)
