@@ -80,9 +80,9 @@ enum oxnih_memory_mode {
     /* Each block ends at an inaccessible page; freed ones stay so. Good for some ten thousand live
      * blocks: each one takes pages of its own. */
     OXNIH_MEMORY_GUARD = 1,
-    /* The same for many agents, with pages that are set up once: a freed block can be read, as a
-     * pattern, and writing to it is reported by oxnih_memory_drop_all. Blocks of more than a page,
-     * and those beyond the 16,384th of an agent, are guarded. */
+    /* The same without a call of Windows for a block, for hosts of many agents: a freed block can be
+     * read, as a pattern, and writing to it is reported by oxnih_memory_drop_all. Blocks of more
+     * than a page, and those beyond the 16,384th of an agent, are guarded. */
     OXNIH_MEMORY_FENCE = 2,
 };
 

@@ -13,8 +13,8 @@ static constexpr size_t ARENA_BYTES = 64u << 20;
 /* Pieces kept back after their last block was freed: 4 GB in which a stale pointer still faults. */
 static constexpr size_t ARENAS_KEPT = 64;
 
-/* A slot is a page and an inaccessible one behind it, for a fenced block of a page at most. It is
- * given out once until all blocks are dropped, so that a freed block keeps its bytes. Limited since
+/* A slot is a page and an inaccessible one behind it, for a block of a page at most. It is given out
+ * once until all blocks are dropped, so that a stale pointer leads to no other block. Limited since
  * each slot takes two entries of the kernel's table of mappings, which has 65,530 by default. */
 static constexpr size_t SLOT_BYTES = 2 * PAGE_BYTES;
 static constexpr size_t SLOTS = 1u << 14;
@@ -24,6 +24,7 @@ static constexpr char FREED = '\xdd';
 static struct {
     char *base;
     size_t used, committed;
+    bool closed[SLOTS]; /* inaccessible until they are given out again */
 } s_slots;
 
 static bool arena_open(size_t bytes)
@@ -100,6 +101,16 @@ static bool slot_commit()
     return true;
 }
 
+static void slot_set_closed(char *pages, bool closed)
+{
+    bool &is_closed = s_slots.closed[static_cast<size_t>(pages - s_slots.base) / SLOT_BYTES];
+    DWORD before;
+
+    if (is_closed != closed)
+        VirtualProtect(pages, PAGE_BYTES, closed ? PAGE_NOACCESS : PAGE_READWRITE, &before);
+    is_closed = closed;
+}
+
 /* NULL: the block does not fit, or no slot is left. */
 static char *slot_block_new(block *made)
 {
@@ -109,6 +120,7 @@ static char *slot_block_new(block *made)
         (s_slots.used == s_slots.committed && !slot_commit()))
         return NULL;
     made->pages = s_slots.base + s_slots.used++ * SLOT_BYTES;
+    slot_set_closed(made->pages, false);
     address = made->pages + PAGE_BYTES - made->size;
     memset(address, 0, made->size);
     return address;
@@ -120,9 +132,20 @@ static bool is_slot(uintptr_t number)
            number - reinterpret_cast<uintptr_t>(s_slots.base) < SLOTS * SLOT_BYTES;
 }
 
+/* A fenced block stays accessible after its free, since closing its page takes longer than all else
+ * that is done with it; what is written to it then is found at the end. */
+static void slot_release(const block &old)
+{
+    if (memory_all.mode == OXNIH_MEMORY_GUARD)
+        slot_set_closed(old.pages, true);
+    else
+        memset(old.pages + PAGE_BYTES - old.size, FREED, old.size);
+}
+
 static void check_freed(const char *bytes, const block &freed)
 {
-    if (std::all_of(bytes, bytes + freed.size, [](char c) { return c == FREED; }))
+    if (s_slots.closed[static_cast<size_t>(freed.pages - s_slots.base) / SLOT_BYTES] ||
+        std::all_of(bytes, bytes + freed.size, [](char c) { return c == FREED; }))
         return;
     oxnih_complain("block %p of %llu bytes from %s was written to after its free by %s", bytes,
                    static_cast<unsigned long long>(freed.size),
@@ -134,21 +157,19 @@ static void check_freed(const char *bytes, const block &freed)
 static void slots_end()
 {
     for (const auto &entry : memory_all.blocks) {
-        char *bytes = reinterpret_cast<char *>(entry.first);
-
         if (entry.second.guarded_in != NULL)
             continue;
         if (entry.second.freed_by != NULL)
-            check_freed(bytes, entry.second);
+            check_freed(reinterpret_cast<const char *>(entry.first), entry.second);
         else
-            memset(bytes, FREED, entry.second.size);
+            slot_release(entry.second);
     }
     s_slots.used = 0;
 }
 
 char *guard_new(block *made)
 {
-    char *address = memory_all.mode == OXNIH_MEMORY_FENCE ? slot_block_new(made) : NULL;
+    char *address = slot_block_new(made);
 
     return address != NULL ? address : arena_block_new(made);
 }
@@ -157,7 +178,7 @@ void guard_release(block *old, const void *caller)
 {
     old->freed_by = caller;
     if (old->guarded_in == NULL) {
-        memset(old->pages + PAGE_BYTES - old->size, FREED, old->size);
+        slot_release(*old);
         return;
     }
     if (old->page_bytes != 0)

@@ -21,7 +21,7 @@ struct block {
     size_t size;
     const void *caller;
     const void *freed_by; /* NULL while it lives */
-    arena *guarded_in;    /* NULL: it is fenced, in a slot */
+    arena *guarded_in;    /* NULL: it is in a slot */
     char *pages;          /* the first */
     size_t page_bytes;    /* without the inaccessible page behind them */
 };
