@@ -5,7 +5,6 @@
 #include "machines.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
 #include <map>
@@ -120,38 +119,40 @@ static void check_handles(void)
     model_agent.excess = excess;
 }
 
-/* FNV-1a. */
-static uint64_t hash_bytes(uint64_t hash, const void *bytes, size_t count)
+/* One step of FNV-1a, with 64 bits at a time. */
+static uint64_t hash_step(uint64_t hash, uint64_t value)
 {
-    for (size_t i = 0; i < count; i++)
-        hash = (hash ^ static_cast<const uint8_t *>(bytes)[i]) * 0x100000001b3ull;
-    return hash;
+    return (hash ^ value) * 0x100000001b3ull;
 }
 
-/* Of everything that the text of a value shows, without making the text. */
+static uint64_t hash_text(uint64_t hash, const char *text)
+{
+    for (; *text != '\0'; text++)
+        hash = hash_step(hash, static_cast<uint8_t>(*text));
+    return hash_step(hash, 0x100); /* no byte: the end */
+}
+
+/* Of all that the text of a value shows, but for reals, of which the store has none. */
 static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
 {
-    const int type = value != NULL ? json_typeof(value) : JSON_NULL;
-    const json_int_t integer = json_integer_value(value);
-    const double real = json_real_value(value);
-    const char *text = json_string_value(value), *name;
+    const char *name;
     json_t *inner;
     size_t index;
 
-    hash = hash_bytes(hash, &type, sizeof(type));
-    hash = hash_bytes(hash, &integer, sizeof(integer));
-    hash = hash_bytes(hash, &real, sizeof(real));
-    if (text != NULL)
-        hash = hash_bytes(hash, text, json_string_length(value) + 1);
+    hash = hash_step(hash, value != NULL ? json_typeof(value) : JSON_NULL);
+    if (json_is_string(value))
+        return hash_text(hash, json_string_value(value));
+    if (json_is_integer(value))
+        return hash_step(hash, static_cast<uint64_t>(json_integer_value(value)));
+    json_object_foreach(value, name, inner)
+    {
+        hash = hash_of(inner, hash_text(hash, name));
+    }
     json_array_foreach(value, index, inner)
     {
         hash = hash_of(inner, hash);
     }
-    json_object_foreach(value, name, inner)
-    {
-        hash = hash_of(inner, hash_bytes(hash, name, strlen(name) + 1));
-    }
-    return hash_bytes(hash, &type, sizeof(type)); /* where its elements end */
+    return hash_step(hash, 0x100);
 }
 
 static void check_store(void)
