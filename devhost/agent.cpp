@@ -81,7 +81,7 @@ void agent_check_plugin(const std::string &plugin_path)
 static void redirect_imports(HMODULE plugin)
 {
     heap_redirect(plugin);
-    memory_disk_lead(plugin, false);
+    memory_disk_redirect(plugin, false);
     calls_patch(plugin);
     if (s_load_fn != NULL)
         s_load_fn(plugin);

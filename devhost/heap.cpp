@@ -229,7 +229,7 @@ void heap_redirect(HMODULE module)
         if (library != "msvcrt.dll")
             return;
         if (void *function = stand_in_find(rows, name))
-            imports_lead(entry, function);
+            imports_redirect(entry, function);
     });
 }
 

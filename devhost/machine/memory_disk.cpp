@@ -431,7 +431,7 @@ static void redirect(HMODULE module, bool maps)
                              : stand_in_find(s_stand_ins, name);
 
         if (function != NULL)
-            imports_lead(entry, function);
+            imports_redirect(entry, function);
     });
 }
 
@@ -447,7 +447,7 @@ void memory_disk_open(const std::wstring &folder)
     memory_files_open(folder);
 }
 
-void memory_disk_lead(HMODULE module, bool maps)
+void memory_disk_redirect(HMODULE module, bool maps)
 {
     if (memory_files_are_open())
         redirect(module, maps);

@@ -141,9 +141,9 @@ void memory_streams_redirect(HMODULE module, bool in_memory)
 
     imports_each(module, [in_memory](const std::string &, const char *name, void **entry) {
         if (void *function = stand_in_find(rows, name))
-            imports_lead(entry, function);
+            imports_redirect(entry, function);
         if (strcmp(name, "_wfopen") == 0)
-            imports_lead(
+            imports_redirect(
                 entry, reinterpret_cast<void *>(in_memory ? open_memory_stream : open_real_stream));
     });
 }

@@ -38,7 +38,7 @@ static HMODULE engine_module(void)
     s_engine = LoadLibraryW((std::wstring(path) + L"dbgeng.dll").c_str());
     if (s_engine != NULL) {
         heap_redirect(s_engine);
-        memory_disk_lead(s_engine, true);
+        memory_disk_redirect(s_engine, true);
     }
     return s_engine;
 }

@@ -139,7 +139,8 @@ template <int module> struct operations {
 
     template <typename Function> static void lead(void **entry, Function *real, Function stand_in)
     {
-        *real = reinterpret_cast<Function>(imports_lead(entry, reinterpret_cast<void *>(stand_in)));
+        *real =
+            reinterpret_cast<Function>(imports_redirect(entry, reinterpret_cast<void *>(stand_in)));
     }
 
     static void lead_name(const std::string &name, void **entry)

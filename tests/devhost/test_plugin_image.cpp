@@ -26,9 +26,9 @@ void redirect(HMODULE module)
     s_redirects++;
     imports_each(module, [](const std::string &, const char *name, void **entry) {
         if (strcmp(name, "GetTickCount") == 0)
-            imports_lead(entry, reinterpret_cast<void *>(redirected_tick));
+            imports_redirect(entry, reinterpret_cast<void *>(redirected_tick));
         if (strcmp(name, "Sleep") == 0)
-            imports_lead(entry, reinterpret_cast<void *>(note_end));
+            imports_redirect(entry, reinterpret_cast<void *>(note_end));
     });
 }
 
