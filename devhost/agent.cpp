@@ -5,9 +5,11 @@
 
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
+#include "heap.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
+#include "plugin_image.h"
 #include "text.h"
 
 typedef uint64_t (*plugin_init_fn)(void);
@@ -21,7 +23,7 @@ static std::string s_plugin_path;
 static HMODULE s_plugin;
 static enum agent_state s_state = AGENT_STOPPED;
 static void (*s_end_fn)(const void *plugin);
-static void (*s_start_fn)(HMODULE plugin);
+static void (*s_load_fn)(HMODULE plugin);
 
 static void exit_agent(void *user)
 {
@@ -46,38 +48,57 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path)
     oxnih_memory_see_through(reinterpret_cast<const void *>(&exit_agent));
 }
 
-static HMODULE load_plugin(const std::string &path, plugin_init_fn *init)
+/* The entry of a loaded plug-in; NULL: it is another DLL. */
+static plugin_init_fn init_of(HMODULE plugin)
 {
-    HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
-
-    if (plugin == NULL)
-        throw devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
-                                                        path.c_str(), GetLastError()));
-    *init = reinterpret_cast<plugin_init_fn>(
+    return reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
-    if (*init == NULL) {
-        FreeLibrary(plugin);
-        throw devhost_error(EXIT_NO_PLUGIN, path + ": does not export oxni_plugin_init");
-    }
-    return plugin;
+}
+
+static devhost_error not_loaded(const std::string &path)
+{
+    return devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
+                                                     path.c_str(), GetLastError()));
+}
+
+static devhost_error no_plugin(const std::string &path)
+{
+    return devhost_error(EXIT_NO_PLUGIN, path + ": does not export oxni_plugin_init");
 }
 
 void agent_check_plugin(const std::string &plugin_path)
 {
-    plugin_init_fn init;
+    HMODULE plugin = LoadLibraryW(text_wide(plugin_path).c_str());
 
-    FreeLibrary(load_plugin(plugin_path, &init));
+    if (plugin == NULL)
+        throw not_loaded(plugin_path);
+    const bool has_entry = init_of(plugin) != NULL;
+    FreeLibrary(plugin);
+    if (!has_entry)
+        throw no_plugin(plugin_path);
+}
+
+static void redirect_imports(HMODULE plugin)
+{
+    heap_redirect(plugin);
+    memory_disk_redirect(plugin, false);
+    calls_patch(plugin);
+    if (s_load_fn != NULL)
+        s_load_fn(plugin);
 }
 
 void agent_start(void)
 {
-    plugin_init_fn init;
+    HMODULE plugin = image_start(text_wide(s_plugin_path), redirect_imports);
 
-    s_plugin = load_plugin(s_plugin_path, &init);
-    memory_disk_lead(s_plugin, false);
-    calls_patch(s_plugin);
-    if (s_start_fn != NULL)
-        s_start_fn(s_plugin);
+    if (plugin == NULL)
+        throw not_loaded(s_plugin_path);
+    plugin_init_fn init = init_of(plugin);
+    if (init == NULL) {
+        image_unload();
+        throw no_plugin(s_plugin_path);
+    }
+    s_plugin = plugin;
     s_state = AGENT_RUNNING;
     try {
         (void)init();
@@ -95,7 +116,7 @@ void agent_stop(void)
     if (s_end_fn != NULL)
         s_end_fn(s_plugin);
     oxnih_core_reset();
-    FreeLibrary(s_plugin);
+    image_end();
     s_plugin = NULL;
     oxnih_log_close();
     machine_close_agent_files();
@@ -109,9 +130,9 @@ void agent_watch_end(void (*fn)(const void *plugin))
     s_end_fn = fn;
 }
 
-void agent_watch_start(void (*fn)(HMODULE plugin))
+void agent_watch_load(void (*fn)(HMODULE plugin))
 {
-    s_start_fn = fn;
+    s_load_fn = fn;
 }
 
 enum agent_state agent_state_get(void)

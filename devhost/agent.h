@@ -23,20 +23,21 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path);
  * EXIT_NO_PLUGIN as agent_start does. */
 void agent_check_plugin(const std::string &plugin_path);
 
-/* Loads the plug-in, leads its calls through the machine and calls its entry. Throws devhost_error:
- * EXIT_NO_PLUGIN when it cannot be loaded or lacks the entry. */
+/* Starts the plug-in's DLL (plugin_image.h), redirects its calls to the machine and calls its entry.
+ * Throws devhost_error: EXIT_NO_PLUGIN when it cannot be loaded or lacks the entry. */
 void agent_start(void);
 
-/* The process ends: everything that was pending is forgotten, the DLL is freed, and every block of
- * memory with it. Harmless when it is not running. */
+/* The process ends: everything that was pending is forgotten, the DLL is ended, and every block of
+ * memory is freed. Harmless when it is not running. */
 void agent_stop(void);
 
 /* Called before each end of the agent's process by agent_stop, while all that it holds is there;
  * plugin: the address of its module. NULL: nobody, which is the start. */
 void agent_watch_end(void (*fn)(const void *plugin));
 
-/* Called at each start with the plug-in, before its entry is. NULL: nobody. */
-void agent_watch_start(void (*fn)(HMODULE plugin));
+/* Called with the plug-in after the host has redirected the imports of a freshly loaded DLL, and
+ * before its entry is called. NULL: nothing is called. */
+void agent_watch_load(void (*fn)(HMODULE plugin));
 
 enum agent_state agent_state_get(void);
 

@@ -126,6 +126,13 @@ static void add_memory_option(CLI::App &command, std::string &mode)
         ->check(CLI::IsMember({"plain", "guard"}));
 }
 
+static void add_reload_option(CLI::App &command, bool &reload)
+{
+    command.add_flag(
+        "--reload", reload,
+        "Loads the DLL from its file at each start of the agent; else it stays mapped");
+}
+
 static void add_common_options(CLI::App &command, arguments &arguments)
 {
     command
@@ -304,7 +311,10 @@ static void add_soak(CLI::App &app, int *status)
     command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
     command->add_flag("!--no-shrink", options->shrink, "Does not make a failing machine small");
     command->add_option("--file", options->file, "Plays this scenario in place of random machines");
+    command->add_flag("--hash-calls", options->hash_calls,
+                      "Prints a hash of each machine's calls with their arguments and results");
     add_plugin_option(*command, options->plugin_path);
+    add_reload_option(*command, options->reload);
     command->callback([options, status] { *status = soak_run(*options); });
 }
 
@@ -331,6 +341,7 @@ static void add_sweep(CLI::App &app, int *status)
         ->check(CLI::IsMember({"allocations", "calls"}));
     add_failure_options(*command, *options);
     command->add_option("--only", options->only, "This run alone, as a violation names it");
+    add_reload_option(*command, options->reload);
     command->add_option("--part", options->part, "In this process, one run in --parts");
     command->add_option("--parts", options->parts, "Processes that share the runs");
     command->callback([options, status] { *status = sweep_run(*options); });

@@ -17,7 +17,8 @@
 
 #define CONSOLE_NAMESPACE "oxni"
 
-/* A new, empty folder below the temporary one, or the one that was asked for. */
+/* A new, empty folder below the temporary one, or the one that was asked for. The name of one that
+ * was not asked for has the same length each time, since the plug-in's calls depend on it. */
 static std::string make_run_folder(const std::string &keep, const std::string &place)
 {
     wchar_t temp[1024], full[1024];
@@ -26,7 +27,7 @@ static std::string make_run_folder(const std::string &keep, const std::string &p
     if (folder.empty()) {
         GetTempPathW(ARRAYSIZE(temp), temp);
         folder = (place.empty() ? text_narrow(temp) : place + "\\") +
-                 text_format("oxni_devhost-%lu-%lu", GetCurrentProcessId(), GetTickCount());
+                 text_format("oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
     }
     GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
     if (!CreateDirectoryW(full, NULL))

@@ -5,12 +5,29 @@
 #include <stdio.h>
 #include <windows.h>
 
+#include <algorithm>
+#include <type_traits>
+
 /* 1601 to 1970, in seconds. */
 #define UNIX_EPOCH_SECONDS 11644473600ll
+
+/* Most texts are, and need no call of Windows. */
+template <typename Char> static bool is_ascii(const std::basic_string<Char> &text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](Char c) { return static_cast<std::make_unsigned_t<Char>>(c) < 0x80; });
+}
 
 std::string text_narrow(const std::wstring &wide)
 {
     std::string utf8;
+
+    if (is_ascii(wide)) {
+        utf8.resize(wide.size());
+        std::transform(wide.begin(), wide.end(), utf8.begin(),
+                       [](wchar_t c) { return static_cast<char>(c); });
+        return utf8;
+    }
     int length = static_cast<int>(wide.size());
     int bytes = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, NULL, 0, NULL, NULL);
 
@@ -22,6 +39,9 @@ std::string text_narrow(const std::wstring &wide)
 std::wstring text_wide(const std::string &utf8)
 {
     std::wstring wide;
+
+    if (is_ascii(utf8))
+        return std::wstring(utf8.begin(), utf8.end());
     int length = static_cast<int>(utf8.size());
     int chars = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, NULL, 0);
 
@@ -50,7 +70,11 @@ std::wstring text_lower(const std::wstring &wide)
 {
     std::wstring lower = wide;
 
-    CharLowerBuffW(lower.data(), static_cast<DWORD>(lower.size()));
+    for (wchar_t &c : lower)
+        if (c >= L'A' && c <= L'Z')
+            c = static_cast<wchar_t>(c - L'A' + L'a');
+    if (!is_ascii(lower))
+        CharLowerBuffW(lower.data(), static_cast<DWORD>(lower.size()));
     return lower;
 }
 
@@ -156,9 +180,7 @@ static void append_json(std::string &out, const json_t *json)
         out += ']';
         break;
     case JSON_STRING: out += text_quoted(json_string_value(json)); break;
-    case JSON_INTEGER:
-        out += text_format("%lld", static_cast<long long>(json_integer_value(json)));
-        break;
+    case JSON_INTEGER: out += std::to_string(json_integer_value(json)); break;
     case JSON_REAL: out += text_format("%.17g", json_real_value(json)); break;
     case JSON_TRUE: out += "true"; break;
     case JSON_FALSE: out += "false"; break;

@@ -283,7 +283,7 @@ static size_t find_row(const std::string &module, const char *name)
 static void patch_entry(void **entry, size_t index)
 {
     void *function = stand_in(s_rows[index].name);
-    void *real = imports_lead(entry, reinterpret_cast<void *>(s_thunks[index]));
+    void *real = imports_redirect(entry, reinterpret_cast<void *>(s_thunks[index]));
 
     s_calls[index].target = reinterpret_cast<any_call_fn>(function != NULL ? function : real);
     for (const handle_call &call : s_handle_calls)

@@ -42,7 +42,7 @@ void imports_each(HMODULE module, const import_fn &fn)
     VirtualProtect(base + table.VirtualAddress, table.Size, protection, &protection);
 }
 
-void *imports_lead(void **entry, void *function)
+void *imports_redirect(void **entry, void *function)
 {
     return std::exchange(*entry, function);
 }

@@ -1,4 +1,4 @@
-/* The import table of a loaded module, through which its calls can be led elsewhere. */
+/* The import table of a loaded module, through which its calls can be redirected. */
 #ifndef DEVHOST_IMPORTS_H
 #define DEVHOST_IMPORTS_H
 
@@ -14,7 +14,8 @@ typedef std::function<void(const std::string &library, const char *name, void **
 /* Calls fn for each function that is imported by its name. */
 void imports_each(HMODULE module, const import_fn &fn);
 
-/* Leads an entry to another function, inside of the above. Result: the one before. */
-void *imports_lead(void **entry, void *function);
+/* Redirects an entry to another function; called by fn of imports_each. Result: the previous
+ * function. */
+void *imports_redirect(void **entry, void *function);
 
 #endif

@@ -14,9 +14,9 @@
 /* From now on the folder's files, which is there and empty, are in memory. One folder a process. */
 void memory_disk_open(const std::wstring &folder);
 
-/* Leads the file calls of a module that was loaded behind the above; maps: it maps what it opens.
- * Does nothing when no such disk is open. */
-void memory_disk_lead(HMODULE module, bool maps);
+/* Redirects the file calls of a module that was loaded after memory_disk_open; maps: it maps what it
+ * opens. Does nothing when no such disk is open. */
+void memory_disk_redirect(HMODULE module, bool maps);
 
 /* The bytes of a file, made when it is not there; and its end, harmless when it is not there. */
 std::string &memory_disk_file(const std::string &path);

@@ -4,6 +4,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
+#include "../heap.h"
 #include "../text.h"
 #include "memory_disk.h"
 #include "stand_in.h"
@@ -35,8 +36,10 @@ static HMODULE engine_module(void)
         chars--;
     path[chars] = L'\0';
     s_engine = LoadLibraryW((std::wstring(path) + L"dbgeng.dll").c_str());
-    if (s_engine != NULL)
-        memory_disk_lead(s_engine, true);
+    if (s_engine != NULL) {
+        heap_redirect(s_engine);
+        memory_disk_redirect(s_engine, true);
+    }
     return s_engine;
 }
 

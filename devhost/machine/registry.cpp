@@ -200,7 +200,7 @@ static void lead_platform(void)
     imports_each(GetModuleHandleW(L"liboxnibase.dll"),
                  [](const std::string &, const char *name, void **entry) {
                      if (void *function = machine_registry_stand_in(name))
-                         imports_lead(entry, function);
+                         imports_redirect(entry, function);
                  });
 }
 

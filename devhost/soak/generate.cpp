@@ -400,9 +400,11 @@ void machine_generate(rapidjson::Document &document, uint64_t seed)
     document.Parse(text.data(), text.size());
 }
 
-bool machine_is_guarded(uint64_t seed)
+enum oxnih_memory_mode machine_memory_mode(uint64_t seed)
 {
-    return seed % 16 == 4;
+    if (seed % 128 == 4)
+        return OXNIH_MEMORY_GUARD;
+    return seed % 16 == 4 ? OXNIH_MEMORY_FENCE : OXNIH_MEMORY_PLAIN;
 }
 
 bool machine_is_talkative(uint64_t seed)

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "../../platform/liboxnibase/host.h"
 #include "../scenario/scenario.h"
 
 /* generate.cpp */
@@ -15,9 +16,9 @@
 void machine_generate(rapidjson::Document &document, uint64_t seed);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
-/* Whether a machine of that seed is played with guarded blocks, of which none may be lost; and
- * whether at log level debug. Both cost time. */
-bool machine_is_guarded(uint64_t seed);
+/* How the blocks of a machine of that seed are kept: one machine in sixteen has fenced or guarded
+ * blocks, of which none may be lost. And whether it is played at log level debug. Both cost time. */
+enum oxnih_memory_mode machine_memory_mode(uint64_t seed);
 bool machine_is_talkative(uint64_t seed);
 
 /* rules.cpp */

@@ -117,8 +117,9 @@ struct machine_model {
     bool has_crash;
     std::string blamed;
     std::set<std::string> bypassed;
-    std::string on_disk; /* the store's file */
-    bool behind;         /* it could not be written since */
+    std::string on_disk; /* the document in the store's file */
+    uint64_t on_disk_hash;
+    bool behind; /* it could not be written since */
     std::vector<uint64_t> blocks;
     uint64_t boot_seconds; /* of the boot that the store is of */
 };

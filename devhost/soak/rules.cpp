@@ -36,11 +36,8 @@ static void broken(const char *rule, const std::string &what)
         s_finding = {rule, what, oxnih_clock_tick_ms(), record_boot()};
 }
 
-static void want(bool holds, const char *rule, const std::string &what)
-{
-    if (!holds)
-        broken(rule, what);
-}
+/* Builds the text only when the rule is broken: rules are checked some hundred times a boot. */
+#define WANT(holds, rule, what) ((holds) ? (void)0 : broken(rule, what))
 
 static std::string order_text(const order &order)
 {
@@ -84,18 +81,18 @@ static void check_chain(void)
         model_verdict(subscriber, verdict);
     if ((verdict == VERDICT_CRASH || verdict == VERDICT_POWER) && subscriber != NULL &&
         model_agent.members[subscriber].filed)
-        want(!model_tag_exists(), "tag", "a recovery tag is left after a crash or a power loss");
+        WANT(!model_tag_exists(), "tag", "a recovery tag is left after a crash or a power loss");
     if (verdict == VERDICT_NORMAL && model_agent.members[subscriber].filed) {
-        want(now.plain_timer != 0, "one tag timer", "nothing watches the tag");
+        WANT(now.plain_timer != 0, "one tag timer", "nothing watches the tag");
         model_agent.recover_function = now.plain_failed ? 0 : now.plain_timer;
     }
     if (now.context == 0 && now.armed == 1 && now.chains_expected == 1)
         model_agent.members[subscriber].chains++;
     if (now.context != 0 && verdict != VERDICT_NOT_YET)
         model_agent.members[subscriber].chains--;
-    want(now.armed == now.chains_expected, "one chain",
+    WANT(now.armed == now.chains_expected, "one chain",
          text_format("%d chains go on, expected %d", now.armed, now.chains_expected));
-    want(now.verdicts == now.verdicts_expected, "one verdict",
+    WANT(now.verdicts == now.verdicts_expected, "one verdict",
          text_format("%d verdicts, expected %d", now.verdicts, now.verdicts_expected));
 }
 
@@ -109,7 +106,7 @@ static void check_handles(void)
 
         if (model_agent.now.leaves == at->first)
             due = -1;
-        want(member.references == due, "handles",
+        WANT(member.references == due, "handles",
              text_format("%s: %lld references, expected %lld", member.name.c_str(),
                          static_cast<long long>(member.references), static_cast<long long>(due)));
         if (member.left && member.chains == 0)
@@ -117,9 +114,45 @@ static void check_handles(void)
         else
             ++at;
     }
-    want(excess - model_agent.excess == (model_agent.now.leaves != NULL ? 1 : 0), "handles",
+    WANT(excess - model_agent.excess == (model_agent.now.leaves != NULL ? 1 : 0), "handles",
          "deletes without a reference");
     model_agent.excess = excess;
+}
+
+/* One step of FNV-1a, with 64 bits at a time. */
+static uint64_t hash_step(uint64_t hash, uint64_t value)
+{
+    return (hash ^ value) * 0x100000001b3ull;
+}
+
+static uint64_t hash_text(uint64_t hash, const char *text)
+{
+    for (; *text != '\0'; text++)
+        hash = hash_step(hash, static_cast<uint8_t>(*text));
+    return hash_step(hash, 0x100); /* no byte: the end */
+}
+
+/* Of all that the text of a value shows, but for reals, of which the store has none. */
+static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
+{
+    const char *name;
+    json_t *inner;
+    size_t index;
+
+    hash = hash_step(hash, value != NULL ? json_typeof(value) : JSON_NULL);
+    if (json_is_string(value))
+        return hash_text(hash, json_string_value(value));
+    if (json_is_integer(value))
+        return hash_step(hash, static_cast<uint64_t>(json_integer_value(value)));
+    json_object_foreach(value, name, inner)
+    {
+        hash = hash_of(inner, hash_text(hash, name));
+    }
+    json_array_foreach(value, index, inner)
+    {
+        hash = hash_of(inner, hash);
+    }
+    return hash_step(hash, 0x100);
 }
 
 static void check_store(void)
@@ -128,21 +161,21 @@ static void check_store(void)
     const char *name;
     json_t *value;
 
-    want(model_machine.behind || text_of_json(model_agent.document) == model_machine.on_disk,
+    WANT(model_machine.behind || hash_of(model_agent.document) == model_machine.on_disk_hash,
          "store on disk", "the file holds " + model_machine.on_disk);
-    want(json_object_size(data) == model_machine.store.size() + (model_machine.has_crash ? 1 : 0),
+    WANT(json_object_size(data) == model_machine.store.size() + (model_machine.has_crash ? 1 : 0),
          "store", "it holds " + text_of_json(data));
     json_object_foreach(data, name, value)
     {
         auto at = model_machine.store.find(name);
 
         if (std::string(name) == "crash_info") {
-            want(model_machine.has_crash &&
+            WANT(model_machine.has_crash &&
                      model_text(value, "module_name") == model_machine.blamed,
                  "blame", "the store blames " + text_of_json(value));
             continue;
         }
-        want(at != model_machine.store.end() &&
+        WANT(at != model_machine.store.end() &&
                  json_integer_value(json_object_get(value, "count")) == at->second.count &&
                  json_integer_value(json_object_get(value, "status")) == at->second.status,
              "store", std::string(name) + " is stored as " + text_of_json(value));
@@ -169,7 +202,7 @@ static void check_recover_timer(void)
     for (const auto &timer : model_agent.timers)
         if (timer.second.function == model_agent.recover_function)
             pending++;
-    want(model_agent.recover_function == 0 || pending == 1, "one tag timer",
+    WANT(model_agent.recover_function == 0 || pending == 1, "one tag timer",
          text_format("%u timers watch the tag", static_cast<unsigned>(pending)));
 }
 
@@ -179,7 +212,7 @@ static void finish(void)
         return;
     if (model_agent.now.context != 0 || model_agent.now.registers != NULL)
         check_chain();
-    want(model_agent.now.seen == model_agent.now.expected, order_rule(),
+    WANT(model_agent.now.seen == model_agent.now.expected, order_rule(),
          orders_text(model_agent.now.seen) + " ordered, expected " +
              orders_text(model_agent.now.expected));
     check_handles();
@@ -196,9 +229,9 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
     if (a[2] == 0) {
         static const uint32_t periods[] = {1000, 60000, 1800000, 3600000};
 
-        want(std::find(std::begin(periods), std::end(periods), ms) != std::end(periods), "timers",
+        WANT(std::find(std::begin(periods), std::end(periods), ms) != std::end(periods), "timers",
              text_format("a timer of %u ms", ms));
-        want(!model_agent.calibrated || a[1] != model_agent.uptime_function, "timers",
+        WANT(!model_agent.calibrated || a[1] != model_agent.uptime_function, "timers",
              "the uptime is looked at again after ten days were seen");
         if (ms == 1000) /* the first delay of the hourly one */
             model_agent.uptime_function = a[1];
@@ -207,14 +240,14 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
         if (now.plain_failed && a[1] == model_agent.recover_function)
             model_agent.recover_function = 0; /* the watch ends here */
     } else {
-        want(ms == POLL_MS, "timers", text_format("a poll after %u ms", ms));
+        WANT(ms == POLL_MS, "timers", text_format("a poll after %u ms", ms));
         if (result == 0)
             now.arming_failed = true;
         else
             now.armed++;
         if (result != 0 && now.context == 0 && now.registers != NULL)
             model_agent.chains[a[2]] = {now.registers, model_polls_at_start(), false};
-        want(now.context == 0 || a[2] == now.context, "one chain", "a chain arms another one");
+        WANT(now.context == 0 || a[2] == now.context, "one chain", "a chain arms another one");
     }
     if (result != 0)
         model_agent.timers[result] = {a[1], a[2]};
@@ -255,12 +288,18 @@ static void on_open_record(const uint64_t *a, uint64_t result)
     model_agent.records_written += wcschr(reinterpret_cast<const wchar_t *>(a[1]), L'+') != NULL;
 }
 
+static void set_on_disk(json_t *document)
+{
+    model_machine.on_disk = text_of_json(document);
+    model_machine.on_disk_hash = hash_of(document);
+}
+
 static void on_load(const uint64_t *a, uint64_t result)
 {
     if (!ends_with(a[0], STORE_FILE))
         return;
     model_agent.document = reinterpret_cast<json_t *>(result);
-    model_machine.on_disk = text_of_json(model_agent.document);
+    set_on_disk(model_agent.document);
 }
 
 static void on_dump(const uint64_t *a, uint64_t result)
@@ -275,7 +314,7 @@ static void on_dump(const uint64_t *a, uint64_t result)
     if (model_machine.behind)
         return;
     read = wdu_json_load_file_ejs(reinterpret_cast<const char *>(a[1]));
-    model_machine.on_disk = text_of_json(read);
+    set_on_disk(read);
     json_decref(read);
 }
 
@@ -329,7 +368,7 @@ static void on_request(const oxnih_event *event)
         json_object_get(json_object_get(event->message, "data"), "content"), "data");
     std::string name = model_text(content, "productType");
 
-    want(model_agent.bypassed.count(name) != 0, "alarms",
+    WANT(model_agent.bypassed.count(name) != 0, "alarms",
          "an alarm of " + name + ", never in bypass");
 }
 
@@ -382,8 +421,8 @@ static void check_idle(void)
     };
 
     for (const char *call : calls)
-        want(calls_count(call) == 0, "idle", std::string(call) + " was called");
-    want(model_agent.records_written == 0 || model_agent.ordered, "idle",
+        WANT(calls_count(call) == 0, "idle", std::string(call) + " was called");
+    WANT(model_agent.records_written == 0 || model_agent.ordered, "idle",
          "a crash record was written");
 }
 
@@ -394,7 +433,7 @@ static void check_history(void)
 
     json_object_foreach(history, name, value)
     {
-        want(model_machine.bypassed.count(name) != 0, "alarms",
+        WANT(model_machine.bypassed.count(name) != 0, "alarms",
              std::string(name) + " stands in the history and was never in bypass");
     }
     json_decref(history);
@@ -466,7 +505,7 @@ static void look(const happening &what, void *user)
     (void)user;
     if (what.kind != HAPPENED_AGENT)
         return;
-    want(what.text.rfind("was ended", 0) != 0, "no exit", "the allocation guard ended the agent");
+    WANT(what.text.rfind("was ended", 0) != 0, "no exit", "the allocation guard ended the agent");
     if (what.text.rfind("starts", 0) == 0)
         agent_starts();
     else

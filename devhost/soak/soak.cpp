@@ -14,7 +14,10 @@
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
+#include "../heap.h"
+#include "../machine/calls.h"
 #include "../machine/memory_disk.h"
+#include "../plugin_image.h"
 #include "../scenario/play.h"
 #include "../scenario/record.h"
 #include "../session.h"
@@ -182,6 +185,38 @@ static void shrink(rapidjson::Document &document, const soak_finding &finding, u
     printf("  made small: %s, shown by ./dev run, judged by ./dev soak --file\n", file.c_str());
 }
 
+/* A machine's hash: of all calls of its plug-in with arguments and results, and of the number of
+ * live blocks at each end of an agent. The path of the run's folder is left out. */
+static struct {
+    uint64_t value;
+    std::string folder, folder_with_slashes;
+} s_hash;
+
+static void hash_add(const std::string &text)
+{
+    for (char c : text)
+        s_hash.value = (s_hash.value ^ static_cast<uint8_t>(c)) * 0x100000001b3ull; /* FNV-1a */
+}
+
+static void hash_call(const std::string &text, void *)
+{
+    hash_add(text_replace(text_replace(text, s_hash.folder, ""), s_hash.folder_with_slashes, "") +
+             "\n");
+}
+
+static void hash_begin(const run_folder &folder)
+{
+    s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/")};
+    calls_set_trace(hash_call, NULL);
+}
+
+static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)
+{
+    for (uint64_t count : blocks)
+        hash_add(std::to_string(count) + "\n");
+    printf("machine %" PRIu64 " %016" PRIx64 "\n", seed, s_hash.value);
+}
+
 struct progress {
     uint64_t boots, machines, started_ms, told_ms;
 };
@@ -205,13 +240,17 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
         uint64_t seed = options.seed + progress.machines;
         rapidjson::Document document;
 
+        if (options.hash_calls)
+            hash_begin(folder);
         watch_try(text_format("./dev soak --boots 1 --seed %" PRIu64, seed), seed);
         machine_generate(document, seed);
         oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
-        oxnih_memory_set_mode(machine_is_guarded(seed) ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
+        oxnih_memory_set_mode(machine_memory_mode(seed));
         played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
         progress.machines++;
+        if (options.hash_calls)
+            hash_print(seed, played.blocks);
         if (!played.finding.rule.empty()) {
             tell_progress(progress, GetTickCount64(), "");
             tell_finding(played.finding, seed);
@@ -248,10 +287,12 @@ int soak_run(const struct soak_options &options)
     struct soak_options all = options;
     run_folder folder(options.folder.empty()
                           ? ""
-                          : options.folder + text_format("\\soak-%lu-%lu", GetCurrentProcessId(),
-                                                         GetTickCount()));
+                          : options.folder + text_format("\\soak-%08lu-%010lu",
+                                                         GetCurrentProcessId(), GetTickCount()));
 
     folder.kept = false;
+    heap_open();
+    image_keep_mapped(!options.reload);
     watch_open(HANG_SECONDS);
     memory_disk_open(text_wide(folder.path));
     if (all.plugin_path.empty())

@@ -17,6 +17,8 @@ struct soak_options {
     std::string save = ".";  /* folder that a failing machine's scenario is written to */
     std::string file;        /* a scenario that is played in place of random machines */
     std::string plugin_path; /* the DLL to load */
+    bool reload = false;     /* it is loaded from its file at each start of the agent */
+    bool hash_calls = false; /* each machine's hash of its plug-in's calls is printed */
 };
 
 /* Plays until a rule is broken or all boots are played, and tells how it goes. Result: enum

@@ -139,7 +139,8 @@ template <int module> struct operations {
 
     template <typename Function> static void lead(void **entry, Function *real, Function stand_in)
     {
-        *real = reinterpret_cast<Function>(imports_lead(entry, reinterpret_cast<void *>(stand_in)));
+        *real =
+            reinterpret_cast<Function>(imports_redirect(entry, reinterpret_cast<void *>(stand_in)));
     }
 
     static void lead_name(const std::string &name, void **entry)
@@ -467,7 +468,7 @@ static int cut_part(const struct cut_options &options)
 
     watch_open(HANG_SECONDS);
     lead_platform();
-    agent_watch_start(lead_plugin);
+    agent_watch_load(lead_plugin);
     scenario_load(scenario, options.files.front(), {});
     lives_strip(scenario);
     if (options.at != 0)

@@ -14,9 +14,11 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent.h"
+#include "../heap.h"
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../machine/memory_disk.h"
+#include "../plugin_image.h"
 #include "../scenario/play.h"
 #include "../scenario/record.h"
 #include "../session.h"
@@ -458,6 +460,8 @@ static int sweep_part(const struct sweep_options &options)
     run_folder folder("", options.place);
     struct scenario scenario;
 
+    heap_open();
+    image_keep_mapped(!options.reload);
     watch_open(HANG_SECONDS);
     record_set_view(NULL, NULL);
     agent_watch_end(look_for_leaks);
@@ -483,10 +487,13 @@ static int sweep_shared(const struct sweep_options &options)
     unsigned long long runs = 0, failed = 0, missed = 0, exits = 0, violations = 0, n[4];
 
     for (const std::string &file : options.files)
-        for (size_t part = 0; part < parts; part++)
+        for (size_t part = 0; part < parts; part++) {
             jobs.push_back({"sweep", options.kind, file, "--plugin", options.plugin_path, "--place",
                             options.place, "--every", std::to_string(options.every), "--part",
                             std::to_string(part), "--parts", std::to_string(parts)});
+            if (options.reload)
+                jobs.back().push_back("--reload");
+        }
     for (const std::string &line : jobs_run(jobs)) {
         if (sscanf(line.c_str(), "figures %llu %llu %llu %llu", &n[0], &n[1], &n[2], &n[3]) == 4) {
             runs += n[0];

@@ -21,6 +21,7 @@ struct sweep_options {
     size_t part = 0, parts = 0; /* of this process; 0 parts: share them out to processes */
     size_t from = 0;            /* first run */
     int64_t only = -1;          /* this run alone, with what happens in it */
+    bool reload = false;        /* the DLL is loaded from its file at each start of the agent */
 };
 
 /* Sweeps the files, and prints violations and a table. Result: enum devhost_exit. Throws

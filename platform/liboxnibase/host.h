@@ -80,6 +80,10 @@ enum oxnih_memory_mode {
     /* Each block ends at an inaccessible page; freed ones stay so. Good for some ten thousand live
      * blocks: each one takes pages of its own. */
     OXNIH_MEMORY_GUARD = 1,
+    /* The same without a call of Windows for a block, for hosts of many agents: a freed block can be
+     * read, as a pattern, and writing to it is reported by oxnih_memory_drop_all. Blocks of more
+     * than a page, and those beyond the 16,384th of an agent, are guarded. */
+    OXNIH_MEMORY_FENCE = 2,
 };
 
 typedef struct oxnih_memory_stats {
@@ -105,6 +109,10 @@ OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);
  * its module) or of the libraries seen through, no heap of the process, no block that is pointed to
  * itself. Outside callbacks; takes milliseconds. */
 OXNI_API void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user);
+/* A heap of the host in which such pointers are looked for, too: each_block calls fn for each block
+ * that is given out. One heap a process; NULL: none. */
+typedef void (*oxnih_range_fn)(const void *begin, size_t bytes, void *user);
+OXNI_API void oxnih_memory_search_also(void (*each_block)(oxnih_range_fn fn, void *user));
 /* Frees every live block, as the end of the agent's process does. Nothing may use one
  * afterwards. */
 OXNI_API void oxnih_memory_drop_all(void);

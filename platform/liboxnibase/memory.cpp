@@ -9,12 +9,6 @@
 #include <oxni/base/log.h>
 #include <oxni/base/memory.h>
 
-static constexpr size_t PAGE_BYTES = 4096;
-/* Address space is reserved in steps of 64 KB at best, so guarded blocks share large pieces. */
-static constexpr size_t ARENA_BYTES = 64u << 20;
-/* Pieces kept back after their last block was freed: 4 GB in which a stale pointer still faults. */
-static constexpr size_t ARENAS_KEPT = 64;
-
 memory_state &memory_all = *new memory_state;
 
 /* This library too: a copied string belongs to who asked for it. */
@@ -26,69 +20,6 @@ HANDLE memory_own_heap()
     static const HANDLE heap = HeapCreate(HEAP_NO_SERIALIZE, 0, 0);
 
     return heap;
-}
-
-static bool arena_open(size_t bytes)
-{
-    arena *fresh = new arena{NULL, std::max(bytes, ARENA_BYTES), 0, 0};
-
-    fresh->base = static_cast<char *>(VirtualAlloc(NULL, fresh->bytes, MEM_RESERVE, PAGE_NOACCESS));
-    if (fresh->base == NULL) {
-        delete fresh;
-        return false;
-    }
-    memory_all.arenas.push_back(fresh);
-    return true;
-}
-
-static void arena_close(arena *old)
-{
-    auto first = memory_all.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base));
-    auto last = memory_all.blocks.lower_bound(reinterpret_cast<uintptr_t>(old->base) + old->bytes);
-
-    memory_all.blocks.erase(first, last);
-    VirtualFree(old->base, 0, MEM_RELEASE);
-    memory_all.arenas.erase(std::find(memory_all.arenas.begin(), memory_all.arenas.end(), old));
-    delete old;
-}
-
-static void arenas_trim()
-{
-    while (memory_all.arenas.size() > ARENAS_KEPT) {
-        auto empty = std::find_if(memory_all.arenas.begin(), memory_all.arenas.end() - 1,
-                                  [](const arena *a) { return a->live == 0; });
-        if (empty == memory_all.arenas.end() - 1)
-            return;
-        arena_close(*empty);
-    }
-}
-
-/* A block that ends where an inaccessible page begins, so that the first byte behind it faults,
- * whatever that costs in alignment: structures have sizes that keep them aligned. */
-static char *guarded_new(block *made)
-{
-    arena *home;
-    char *end;
-
-    if (made->size > SIZE_MAX - 2 * PAGE_BYTES)
-        return NULL;
-    made->page_bytes = (made->size + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
-    home = memory_all.arenas.empty() ? NULL : memory_all.arenas.back();
-    if (home == NULL || home->bytes - home->used < made->page_bytes + PAGE_BYTES) {
-        if (!arena_open(made->page_bytes + PAGE_BYTES))
-            return NULL;
-        arenas_trim();
-        home = memory_all.arenas.back();
-    }
-    made->pages = home->base + home->used;
-    if (made->page_bytes != 0 &&
-        VirtualAlloc(made->pages, made->page_bytes, MEM_COMMIT, PAGE_READWRITE) == NULL)
-        return NULL;
-    home->used += made->page_bytes + PAGE_BYTES;
-    home->live++;
-    made->guarded_in = home;
-    end = made->pages + made->page_bytes;
-    return end - made->size;
 }
 
 static bool must_fail()
@@ -143,7 +74,7 @@ void *memory_allocate(size_t size, const void *caller)
     if (memory_all.mode == OXNIH_MEMORY_PLAIN) {
         address = plain_new(size, made.caller);
     } else {
-        address = guarded_new(&made);
+        address = guard_new(&made);
         if (address != NULL)
             memory_all.blocks[reinterpret_cast<uintptr_t>(address)] = made;
     }
@@ -152,14 +83,6 @@ void *memory_allocate(size_t size, const void *caller)
     memory_all.stats.live_blocks++;
     memory_all.stats.live_bytes += size;
     return address;
-}
-
-static void guarded_release(block *old, const void *caller)
-{
-    if (old->page_bytes != 0)
-        VirtualFree(old->pages, old->page_bytes, MEM_DECOMMIT);
-    old->guarded_in->live--;
-    old->freed_by = caller;
 }
 
 /* A block that an address lies in; size 0: there is none. */
@@ -222,14 +145,6 @@ struct found_block {
     }
 };
 
-static bool is_in_arena(uintptr_t number)
-{
-    for (const arena *each : memory_all.arenas)
-        if (number - reinterpret_cast<uintptr_t>(each->base) < each->bytes)
-            return true;
-    return false;
-}
-
 static found_block block_find(void *address, const void *caller)
 {
     uintptr_t number = reinterpret_cast<uintptr_t>(address);
@@ -239,7 +154,7 @@ static found_block block_find(void *address, const void *caller)
     if (guarded != memory_all.blocks.end() && guarded->second.freed_by == NULL)
         return {NULL, &guarded->second};
     /* A pointer to nowhere faults here, which tells as much. */
-    if (is_in_arena(number) || header->self != header)
+    if (guard_contains(number) || header->self != header)
         end_bad_free(address, caller);
     return {header, NULL};
 }
@@ -251,7 +166,7 @@ static void block_release(found_block old, const void *caller)
     if (old.plain != NULL)
         plain_release(old.plain);
     else
-        guarded_release(old.guarded, caller);
+        guard_release(old.guarded, caller);
 }
 
 void memory_free(void *address, const void *caller)
@@ -336,12 +251,7 @@ void oxnih_memory_drop_all(void)
 {
     while (memory_all.plain.next != &memory_all.plain)
         plain_release(memory_all.plain.next);
-    memory_all.blocks.clear();
-    for (arena *each : memory_all.arenas) {
-        VirtualFree(each->base, 0, MEM_RELEASE);
-        delete each;
-    }
-    memory_all.arenas.clear();
+    guard_drop_all();
     memory_all.stats.live_blocks = 0;
     memory_all.stats.live_bytes = 0;
 }

@@ -21,9 +21,9 @@ struct block {
     size_t size;
     const void *caller;
     const void *freed_by; /* NULL while it lives */
-    arena *guarded_in;
-    char *pages;       /* the first */
-    size_t page_bytes; /* without the inaccessible page behind them */
+    arena *guarded_in;    /* NULL: it is in a slot */
+    char *pages;          /* the first */
+    size_t page_bytes;    /* without the inaccessible page behind them */
 };
 
 /* Stands before the bytes of a plain block, from the C library. Plain blocks are many and short
@@ -93,6 +93,17 @@ struct memory_state {
 /* memory.cpp. Never destroyed: other libraries free blocks while the process unloads them. */
 extern memory_state &memory_all;
 char *memory_bytes_of(plain_block *header);
+
+/* memory_guard.cpp */
+
+/* A new block in the mode that is set, guarded or fenced, zeroed. Result: its first byte, and what
+ * the table must say of it. NULL: no memory. */
+char *guard_new(block *made);
+void guard_release(block *old, const void *caller);
+/* Whether an address is in what guarded blocks are made of. */
+bool guard_contains(uintptr_t number);
+/* Frees all of them, and complains about each fenced one that was written to after its free. */
+void guard_drop_all();
 
 /* memory_sites.cpp */
 

@@ -54,8 +54,13 @@ class reach
     reach()
     {
         for (const auto &entry : memory_all.blocks)
-            if (entry.second.freed_by == NULL && entry.second.guarded_in != NULL)
+            if (entry.second.freed_by == NULL)
                 targets_.push_back({entry.first, &entry.second, false});
+    }
+
+    bool has_targets() const
+    {
+        return !targets_.empty();
     }
 
     /* Whatever looks like a pointer there is one, 8 bytes by 8 from begin on: a guarded block may
@@ -95,7 +100,9 @@ class reach
 
     void mark(uintptr_t pointer)
     {
-        if (targets_.empty() || pointer < targets_.front().begin)
+        /* Most values are no address among the blocks: those skip the search. */
+        if (targets_.empty() || pointer < targets_.front().begin ||
+            pointer > targets_.back().begin + targets_.back().is->size)
             return;
         auto behind = std::upper_bound(
             targets_.begin(), targets_.end(), pointer,
@@ -139,19 +146,39 @@ static void scan_heap(reach &reach, HANDLE heap)
     }
 }
 
+static void (*s_each_block_of_host)(oxnih_range_fn fn, void *user);
+
+void oxnih_memory_search_also(void (*each_block)(oxnih_range_fn fn, void *user))
+{
+    s_each_block_of_host = each_block;
+}
+
+static void scan_range(const void *begin, size_t bytes, void *user)
+{
+    const uintptr_t first = reinterpret_cast<uintptr_t>(begin);
+
+    static_cast<reach *>(user)->scan(first, first + bytes);
+}
+
 void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
 {
     HANDLE heaps[64];
-    DWORD count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
+    DWORD count;
     leak_map lost;
     reach reach;
 
+    /* Walking the heaps costs more than a simulated boot, and most agents have no guarded block. */
+    if (!reach.has_targets())
+        return;
     for (const module_range &module : memory_all.seen_through)
         scan_module(reach, reinterpret_cast<char *>(module.begin));
     scan_module(reach, const_cast<char *>(static_cast<const char *>(plugin)));
+    count = GetProcessHeaps(ARRAYSIZE(heaps), heaps);
     for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
         if (heaps[i] != memory_own_heap())
             scan_heap(reach, heaps[i]);
+    if (s_each_block_of_host != NULL)
+        s_each_block_of_host(scan_range, &reach);
     reach.follow();
     reach.missing(lost);
     report_leaks(lost, fn, user);

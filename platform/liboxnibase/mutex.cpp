@@ -14,7 +14,9 @@ int oxni_mutex_init(oxni_mutex **mutex)
     *mutex = static_cast<oxni_mutex *>(memory_allocate(sizeof(oxni_mutex), BASE_CALLER()));
     if (*mutex == NULL)
         return -1;
-    InitializeCriticalSection(&(*mutex)->section);
+    /* Without debug information, which is a heap block of its own: the end of the agent's process
+     * frees the mutex's block and nothing else. */
+    (void)InitializeCriticalSectionEx(&(*mutex)->section, 0, CRITICAL_SECTION_NO_DEBUG_INFO);
     return VKL_E_SUCCESS;
 }
 

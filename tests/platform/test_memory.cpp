@@ -1,6 +1,7 @@
 #include "platform_test.h"
 
 #include <oxni/base/memory.h>
+#include <oxni/base/mutex.h>
 #include <oxni/base/str.h>
 
 namespace
@@ -25,7 +26,7 @@ TEST_F(memory, blocks_are_zero_and_growing_keeps_bytes)
 {
     const size_t sizes[] = {0, 1, 15, 4096, 4097, 200000};
 
-    for (enum oxnih_memory_mode mode : {OXNIH_MEMORY_PLAIN, OXNIH_MEMORY_GUARD})
+    for (enum oxnih_memory_mode mode : {OXNIH_MEMORY_PLAIN, OXNIH_MEMORY_GUARD, OXNIH_MEMORY_FENCE})
         for (size_t size : sizes)
             for (size_t then : sizes) {
                 oxnih_memory_set_mode(mode);
@@ -56,6 +57,51 @@ TEST_F(memory, guarded_blocks_end_at_an_inaccessible_page)
     }
 }
 
+TEST_F(memory, fenced_blocks_end_at_an_inaccessible_page)
+{
+    oxnih_memory_set_mode(OXNIH_MEMORY_FENCE);
+    for (int agent = 1; agent <= 2; agent++) {
+        for (size_t size : {1U, 780U, 4095U, 4096U, 4097U}) {
+            char *block = make(size);
+            EXPECT_TRUE(readable(block) && readable(block + size - 1)) << size;
+            EXPECT_FALSE(readable(block + size)) << size;
+            EXPECT_EQ(std::string(size, '\0'), std::string(block, size)) << agent;
+            memset(block, 'x', size);
+        }
+        oxnih_memory_drop_all(); /* the pages are given out again */
+    }
+    std::vector<char *> blocks;
+    for (int i = 0; i < 20000; i++) /* more than there are pages to be given out again */
+        blocks.push_back(make(24));
+    for (char *block : blocks) {
+        EXPECT_FALSE(readable(block + 24));
+        oxni_free_(block);
+    }
+    EXPECT_EQ(0U, memory_stats().live_blocks);
+}
+
+TEST_F(memory, writing_to_a_freed_fenced_block_is_reported_at_the_end)
+{
+    for (size_t at : {0U, 23U}) {
+        oxnih_memory_set_mode(OXNIH_MEMORY_FENCE);
+        char *block = make(24), *other = make(24);
+        oxni_free_(other);
+        oxni_free_(block);
+        EXPECT_EQ(std::string(24, '\xdd'), std::string(block, 24));
+        block[at] = 'x';
+        oxnih_memory_drop_all();
+        std::string said = complaints();
+        EXPECT_EQ(0U, said.find("block ")) << said;
+        EXPECT_NE(std::string::npos, said.find(" of 24 bytes from platform_tests.exe+0x")) << said;
+        EXPECT_NE(std::string::npos,
+                  said.find(" was written to after its free by platform_tests.exe+0x"))
+            << said;
+        EXPECT_EQ(said.find("block "), said.rfind("block ")) << said;
+        oxnih_memory_drop_all();
+        EXPECT_EQ("", complaints());
+    }
+}
+
 TEST_F(memory, dropping_all_takes_blocks_of_both_modes)
 {
     make(10);
@@ -64,6 +110,27 @@ TEST_F(memory, dropping_all_takes_blocks_of_both_modes)
     oxnih_memory_drop_all();
     EXPECT_EQ(0U, memory_stats().live_blocks);
     EXPECT_FALSE(readable(block));
+}
+
+/* Nobody destroys the mutexes of a process that ends. */
+TEST_F(memory, dropping_all_leaves_nothing_of_a_mutex)
+{
+    auto heap_blocks = [] {
+        PROCESS_HEAP_ENTRY entry = {};
+        int blocks = 0;
+
+        while (HeapWalk(GetProcessHeap(), &entry))
+            blocks += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0;
+        return blocks;
+    };
+    const int before = heap_blocks();
+
+    for (int i = 0; i < 100; i++) {
+        oxni_mutex *mutex;
+        EXPECT_EQ(0, oxni_mutex_init(&mutex));
+    }
+    oxnih_memory_drop_all();
+    EXPECT_LT(heap_blocks(), before + 50);
 }
 
 TEST_F(memory, the_nth_allocation_fails)
@@ -100,6 +167,8 @@ TEST_F(memory, a_bad_free_ends_the_run_and_says_what_it_was)
          "or it was freed before"},
         {OXNIH_MEMORY_GUARD, [](char *block) { oxni_free_(block); oxni_ralloc_(block, 50); },
          " of 24 bytes from platform_tests.exe+0x"},
+        {OXNIH_MEMORY_FENCE, [](char *block) { oxni_free_(block); oxni_free_(block); },
+         " was freed before by platform_tests.exe+0x"},
         {OXNIH_MEMORY_PLAIN, [](char *block) { oxni_free_(block + 4); }, "lies 4 bytes inside"},
         {OXNIH_MEMORY_GUARD, [](char *) { oxni_free_(elsewhere); }, "no allocation gave"},
     };

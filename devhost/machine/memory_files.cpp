@@ -1,0 +1,135 @@
+/* The files themselves: a map from paths to bytes. */
+#include "memory_disk_internal.h"
+
+#include <algorithm>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../text.h"
+
+REAL(L"kernel32.dll", CreateFileW);
+REAL(L"kernel32.dll", WriteFile);
+REAL(L"kernel32.dll", SetFileTime);
+REAL(L"kernel32.dll", CloseHandle);
+
+std::map<std::wstring, file_ptr> memory_files;
+static std::wstring s_folder; /* in lower case, with a backslash; empty: there is no such disk */
+
+bool memory_files_are_open(void)
+{
+    return !s_folder.empty();
+}
+
+void memory_files_open(const std::wstring &folder)
+{
+    s_folder = text_lower(folder) + L"\\";
+}
+
+/* In lower case, with backslashes, in one pass: this is done for each file operation of a boot.
+ * Result: false for a path that needs Windows for that. */
+static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
+{
+    wchar_t previous = L'\0';
+
+    normal->clear();
+    for (; *path != L'\0'; path++) {
+        const wchar_t c = *path == L'/' ? L'\\' : *path;
+
+        if (c >= 0x80 || (previous == L'\\' && (c == L'\\' || c == L'.')))
+            return false;
+        normal->push_back(c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c);
+        previous = c;
+    }
+    return true;
+}
+
+bool memory_file_key(const wchar_t *path, std::wstring *key)
+{
+    wchar_t full[1024];
+
+    if (s_folder.empty())
+        return false;
+    if (!normalize_ascii(path, key)) {
+        DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, NULL);
+
+        *key = text_lower(std::wstring(chars < ARRAYSIZE(full) ? full : L""));
+    }
+    while (!key->empty() && key->back() == L'\\')
+        key->pop_back();
+    if (key->size() <= s_folder.size() || key->compare(0, s_folder.size(), s_folder) != 0)
+        return false;
+    key->erase(0, s_folder.size() - 1);
+    return true;
+}
+
+file_ptr memory_file_find(const std::wstring &key)
+{
+    auto file = memory_files.find(key);
+
+    return file == memory_files.end() ? NULL : file->second;
+}
+
+std::wstring memory_parent(const std::wstring &key)
+{
+    return key.substr(0, key.rfind(L'\\'));
+}
+
+bool memory_is_folder(const std::wstring &key)
+{
+    file_ptr file = memory_file_find(key);
+
+    return key.empty() || (file != NULL && file->is_folder);
+}
+
+DWORD memory_missing(const std::wstring &key)
+{
+    return memory_is_folder(memory_parent(key)) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+}
+
+FILETIME memory_now(void)
+{
+    uint64_t time = oxnih_clock_now_100ns();
+
+    return {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+}
+
+file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool folder)
+{
+    const wchar_t *name = std::max(wcsrchr(path, L'\\'), wcsrchr(path, L'/'));
+    file_ptr file = std::make_shared<memory_file>();
+
+    file->name = name != NULL ? name + 1 : path;
+    file->is_folder = folder;
+    file->written = memory_now();
+    memory_files[key] = file;
+    return file;
+}
+
+static bool write_real(const memory_file &file)
+{
+    HANDLE real =
+        real_CreateFileW(file.real_path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL);
+    DWORD written = 0;
+    bool done;
+
+    if (real == INVALID_HANDLE_VALUE)
+        return false;
+    done = real_WriteFile(real, file.bytes.data(), static_cast<DWORD>(file.bytes.size()), &written,
+                          NULL) &&
+           real_SetFileTime(real, NULL, NULL, &file.written); /* its times stay the machine's */
+    real_CloseHandle(real);
+    return done;
+}
+
+bool memory_file_make_real(const file_ptr &file)
+{
+    static unsigned s_count;
+
+    if (!file->real_path.empty())
+        return true;
+    file->real_path = s_folder + std::to_wstring(++s_count);
+    if (!write_real(*file))
+        file->real_path.clear();
+    else
+        file->bytes.clear();
+    return !file->real_path.empty();
+}
