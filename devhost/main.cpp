@@ -19,9 +19,6 @@
 #include "replay/commands.h"
 #include "scenario/record.h"
 #include "session.h"
-#include "soak/soak.h"
-#include "sweep/cut.h"
-#include "sweep/sweep.h"
 #include "text.h"
 #include "view/view.h"
 
@@ -124,13 +121,6 @@ static void add_memory_option(CLI::App &command, std::string &mode)
 {
     command.add_option("--memory", mode, "Allocator of the plug-in")
         ->check(CLI::IsMember({"plain", "guard"}));
-}
-
-static void add_reload_option(CLI::App &command, bool &reload)
-{
-    command.add_flag(
-        "--reload", reload,
-        "Loads the DLL from its file at each start of the agent; else it stays mapped");
 }
 
 static void add_common_options(CLI::App &command, arguments &arguments)
@@ -298,69 +288,6 @@ static void add_doctor(CLI::App &app, int *status)
         ->callback([status] { *status = replay_doctor(); });
 }
 
-static void add_soak(CLI::App &app, int *status)
-{
-    auto options = std::make_shared<soak_options>();
-    CLI::App *command = app.add_subcommand(
-        "soak", "Plays random machines against rules that always hold, see docs/soak.md");
-
-    command->add_option("--boots", options->boots, "At least so many boots")
-        ->check(CLI::PositiveNumber);
-    command->add_option("--seed", options->seed, "Of the first machine; each next one adds 1");
-    command->add_option("--folder", options->folder, "Folder for the run's files, a fast disk");
-    command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
-    command->add_flag("!--no-shrink", options->shrink, "Does not make a failing machine small");
-    command->add_option("--file", options->file, "Plays this scenario in place of random machines");
-    command->add_flag("--hash-calls", options->hash_calls,
-                      "Prints a hash of each machine's calls with their arguments and results");
-    add_plugin_option(*command, options->plugin_path);
-    add_reload_option(*command, options->reload);
-    command->callback([options, status] { *status = soak_run(*options); });
-}
-
-/* What sweep and cut have in common. */
-template <typename options> static void add_failure_options(CLI::App &command, options &which)
-{
-    command.add_option("FILE", which.files, "Scenario files")->required();
-    add_plugin_option(command, which.plugin_path);
-    command.add_option("--place", which.place,
-                       "Folder for the runs' files, best in memory; else the temporary one");
-    command.add_option("--every", which.every, "Only each so many'th run or operation")
-        ->check(CLI::PositiveNumber);
-    command.add_option("--from", which.from, "From this run or operation on");
-}
-
-static void add_sweep(CLI::App &app, int *status)
-{
-    auto options = std::make_shared<sweep_options>();
-    CLI::App *command = app.add_subcommand(
-        "sweep", "Makes every allocation or call of scenarios fail, and looks whether all is well");
-
-    command->add_option("KIND", options->kind, "What fails")
-        ->required()
-        ->check(CLI::IsMember({"allocations", "calls"}));
-    add_failure_options(*command, *options);
-    command->add_option("--only", options->only, "This run alone, as a violation names it");
-    add_reload_option(*command, options->reload);
-    command->add_option("--part", options->part, "In this process, one run in --parts");
-    command->add_option("--parts", options->parts, "Processes that share the runs");
-    command->callback([options, status] { *status = sweep_run(*options); });
-}
-
-static void add_cut(CLI::App &app, int *status)
-{
-    auto options = std::make_shared<cut_options>();
-    CLI::App *command =
-        app.add_subcommand("cut", "Ends the process at every file operation of scenarios");
-
-    add_failure_options(*command, *options);
-    command->add_flag("--worker", options->worker, "All cuts of one file, in this process");
-    command->add_option("--at", options->at, "Ends this process before that operation");
-    command->add_flag("--torn", options->torn, "In the middle of it");
-    command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
-    command->callback([options, status] { *status = cut_scenarios(*options); });
-}
-
 int wmain(int argc, wchar_t **argv);
 
 int wmain(int argc, wchar_t **argv)
@@ -373,8 +300,8 @@ int wmain(int argc, wchar_t **argv)
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
-    for (void (*add)(CLI::App &, int *) : {add_run, add_console, add_replay, add_diff, add_redact,
-                                           add_events, add_doctor, add_soak, add_sweep, add_cut})
+    for (void (*add)(CLI::App &, int *) :
+         {add_run, add_console, add_replay, add_diff, add_redact, add_events, add_doctor})
         add(app, &status);
     app.require_subcommand(1);
     app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"

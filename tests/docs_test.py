@@ -22,11 +22,11 @@ SHORT = {
     "format": ["help"],
     "package": ["help"],
     "bench": ["bench", "--help"],
-    "sweep": ["sweep", "--help"],
-    "cut": ["cut", "--help"],
+    "faults": ["faults", "--help"],
+    "crashpoints": ["crashpoints", "--help"],
     "fuzz": ["fuzz", "--help"],
     "mutants": ["mutants", "--help"],
-    "soak": ["soak", "--help"],
+    "simulate": ["simulate", "--help"],
 }
 # Something may differ; the folder that a person would name is not here.
 STATUS = {"diff": (0, 1), "--define": (3,)}

@@ -45,8 +45,6 @@ check "bad console option" 2 'expected \[BOOT/\]SECONDS:COMMAND' run --console "
 check "help" 0 "" --help
 check "no plug-in" 4 "none.dll: cannot be loaded, error" run --plugin none.dll "$scenarios/default.json"
 check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32.dll "$scenarios/default.json"
-check "no plug-in to sweep" 4 "none.dll: cannot be loaded, error" sweep calls --plugin none.dll "$scenarios/default.json"
-check "nothing to cut" 2 "nowhere.json: cannot be opened, error 2" cut nowhere.json
 
 bad "not JSON" "line 2, column 1" $'{"boots": [\n,]}'
 bad "not an object" "/: expected type" '[]'

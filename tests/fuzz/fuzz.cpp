@@ -11,7 +11,7 @@
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
 #include "session.h"
-#include "sweep/watch.h"
+#include "harness/watch.h"
 #include "text.h"
 
 #define HANG_SECONDS 60

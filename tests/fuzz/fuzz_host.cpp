@@ -19,7 +19,7 @@
 #include "liboxnibase/host.h"
 #include "scenario/play.h"
 #include "scenario/record.h"
-#include "sweep/leaks.h"
+#include "harness/leaks.h"
 #include "text.h"
 
 /* Inputs from one start of the agent to the next; reports that wait for an answer add up. */

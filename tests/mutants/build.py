@@ -160,7 +160,7 @@ class Worker:
         for name, text in build.files.items():
             self.write(name, text)
         for path in (build.folder / "bin").glob("*"):  # Windows takes DLLs from a program's folder
-            if path.suffix == ".dll" or path.name == "oxni_devhost.exe":
+            if path.suffix == ".dll" or path.name in ("oxni_devhost.exe", "harness.exe"):
                 shutil.copy(path, folder / "bin")
 
     def write(self, name, text):

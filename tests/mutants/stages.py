@@ -21,7 +21,7 @@ WALL_FACTOR, WALL_SECONDS = 10, 30  # the computer may be busy
 # The limit of wine-run, and the signal of the limit of processor time.
 TIMEOUTS = (124, 137, -signal.SIGKILL, -signal.SIGXCPU, 128 + signal.SIGXCPU)
 MEMORY_BYTES = 4 << 30
-SOAK_BOOTS = 100
+SIMULATED_BOOTS = 100
 CRASH_KEY = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
 
 
@@ -85,7 +85,7 @@ class Stages:
         self.all = [
             Stage("scenarios", build.DLL, failing_scenario, self.running_scenario),
             Stage("unit tests", build.UNIT_TESTS, failing_test, running_test),
-            Stage("soak", build.DLL, failing_rule, lambda output: "a random machine"),
+            Stage("simulation", build.DLL, failing_rule, lambda output: "a random machine"),
             Stage("guarded scenarios", build.DLL, failing_scenario, self.running_scenario, "guard",
                   "Asia/Tokyo"),
         ]
@@ -102,8 +102,8 @@ class Stages:
         host, plugin = folder / "bin/oxni_devhost.exe", folder / build.DLL
         if stage.program == build.UNIT_TESTS:
             return [folder / build.UNIT_TESTS, "--gtest_fail_fast"]
-        if stage.name == "soak":
-            return [host, "soak", "--boots", str(SOAK_BOOTS), "--seed", "1", "--no-shrink",
+        if stage.name == "simulation":
+            return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS), "--seed", "1", "--no-shrink",
                     "--folder", self.windows_place(), "--plugin", plugin]
         return [host, "run", "--quiet", "--stop", "--log", "none", "--memory", stage.memory,
                 "--place", self.windows_place(), "--plugin", plugin, *self.files]

@@ -3,8 +3,8 @@
  * plug-in and platform, it says which commands, chains and entries of the store must come of it.
  * Host's one thread.
  */
-#ifndef DEVHOST_SOAK_MODEL_H
-#define DEVHOST_SOAK_MODEL_H
+#ifndef SIMULATION_MODEL_H
+#define SIMULATION_MODEL_H
 
 #include <stdint.h>
 
@@ -16,7 +16,7 @@
 #include <oxni/base/json.h>
 #include <oxni/base/subscriber.h>
 
-#include "../../platform/liboxni_core/host.h"
+#include "liboxni_core/host.h"
 
 #define UNIX_EPOCH_SECONDS 11644473600ull
 #define CALIBRATION_MS     864000000ull

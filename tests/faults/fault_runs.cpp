@@ -1,5 +1,5 @@
 /* The runs of a sweep, and what is looked at in each. */
-#include "sweep.h"
+#include "fault_runs.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -11,24 +11,24 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/log.h>
 
-#include "../../platform/liboxni_core/host.h"
-#include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
-#include "../heap.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../machine/memory_disk.h"
+#include "liboxni_core/host.h"
+#include "liboxnibase/host.h"
+#include "agent.h"
+#include "heap.h"
+#include "machine/calls.h"
+#include "machine/machine.h"
+#include "machine/memory_disk.h"
 #include "../plugin_image.h"
-#include "../scenario/play.h"
-#include "../scenario/record.h"
-#include "../session.h"
-#include "../text.h"
-#include "../view/view.h"
+#include "scenario/play.h"
+#include "scenario/record.h"
+#include "session.h"
+#include "text.h"
+#include "view/view.h"
 #include "failures.h"
-#include "jobs.h"
-#include "leaks.h"
-#include "lives.h"
-#include "watch.h"
+#include "harness/jobs.h"
+#include "harness/leaks.h"
+#include "fault_scenario.h"
+#include "harness/watch.h"
 
 /* A run takes less than a second, one of ten days some. */
 #define HANG_SECONDS 120
@@ -57,7 +57,7 @@ struct course {
 
 /* The part of a file that this process sweeps. */
 struct file_sweep {
-    const struct sweep_options &options;
+    const struct fault_options &options;
     const run_folder &folder;
     size_t index; /* of the next run */
     uint64_t runs, failed, missed, exits, violations;
@@ -323,7 +323,7 @@ static failure_list run_failures(file_sweep &sweep, const boot_sweep &now,
                                  const failure_set &failures)
 {
     std::string again =
-        text_format("oxni_devhost sweep %s --only %u %s", sweep.options.kind.c_str(),
+        text_format("harness faults %s --only %u %s", sweep.options.kind.c_str(),
                     static_cast<unsigned>(sweep.index), sweep.options.files.front().c_str());
 
     watch_try(again, sweep.index);
@@ -373,7 +373,7 @@ static void run_index(file_sweep &sweep, const boot_sweep &now, const failure_se
     sweep.missed += run_again(sweep, now, missed, 1).size();
 }
 
-static bool is_mine(const struct sweep_options &options, size_t index)
+static bool is_mine(const struct fault_options &options, size_t index)
 {
     if (options.only >= 0)
         return index == static_cast<size_t>(options.only);
@@ -426,14 +426,14 @@ static std::vector<std::vector<std::string>> states_at_boots(file_sweep &sweep,
     plain.folder = whole.folder;
     plain.defines = whole.defines;
     plain.document.CopyFrom(whole.document, plain.document.GetAllocator());
-    lives_strip(plain);
+    fault_scenario_strip(plain);
     course course = play(sweep, plain, {});
     states.insert(states.end(), course.states.begin(), course.states.end());
     tell_undisturbed(sweep, course);
     return states;
 }
 
-static void sweep_file(file_sweep &sweep, const struct scenario &whole)
+static void fault_runs_file(file_sweep &sweep, const struct scenario &whole)
 {
     size_t boots = node_elements(&whole.document, "boots").size();
 
@@ -443,7 +443,7 @@ static void sweep_file(file_sweep &sweep, const struct scenario &whole)
         boot_sweep now = {};
 
         now.boot = boot;
-        lives_prepare(whole, boot, states.at(boot), now.scenario);
+        fault_scenario_prepare(whole, boot, states.at(boot), now.scenario);
         now.plain = play(sweep, now.scenario, failure_set(boot + LIVES));
         tell_undisturbed(sweep, now.plain);
         if (now.plain.counts.size() <= boot)
@@ -455,7 +455,7 @@ static void sweep_file(file_sweep &sweep, const struct scenario &whole)
 }
 
 /* This process's part of a file. */
-static int sweep_part(const struct sweep_options &options)
+static int fault_runs_part(const struct fault_options &options)
 {
     run_folder folder("", options.place);
     struct scenario scenario;
@@ -469,7 +469,7 @@ static int sweep_part(const struct sweep_options &options)
     memory_disk_open(text_wide(folder.path));
     scenario_load(scenario, options.files.front(), {});
     file_sweep sweep = {options, folder, 0, 0, 0, 0, 0, 0};
-    sweep_file(sweep, scenario);
+    fault_runs_file(sweep, scenario);
     printf("figures %llu %llu %llu %llu\n", static_cast<unsigned long long>(sweep.runs),
            static_cast<unsigned long long>(sweep.failed),
            static_cast<unsigned long long>(sweep.missed),
@@ -479,7 +479,7 @@ static int sweep_part(const struct sweep_options &options)
 }
 
 /* All parts, each in a process of its own. */
-static int sweep_shared(const struct sweep_options &options)
+static int fault_runs_shared(const struct fault_options &options)
 {
     std::vector<std::vector<std::string>> jobs;
     ULONGLONG began = GetTickCount64();
@@ -488,9 +488,9 @@ static int sweep_shared(const struct sweep_options &options)
 
     for (const std::string &file : options.files)
         for (size_t part = 0; part < parts; part++) {
-            jobs.push_back({"sweep", options.kind, file, "--plugin", options.plugin_path, "--place",
-                            options.place, "--every", std::to_string(options.every), "--part",
-                            std::to_string(part), "--parts", std::to_string(parts)});
+            jobs.push_back({"faults", options.kind, file, "--plugin", options.plugin_path,
+                            "--place", options.place, "--every", std::to_string(options.every),
+                            "--part", std::to_string(part), "--parts", std::to_string(parts)});
             if (options.reload)
                 jobs.back().push_back("--reload");
         }
@@ -512,9 +512,9 @@ static int sweep_shared(const struct sweep_options &options)
     return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
-int sweep_run(const struct sweep_options &options)
+int fault_runs_of(const struct fault_options &options)
 {
-    struct sweep_options all = options;
+    struct fault_options all = options;
     struct view_options view = {};
 
     if (all.parts != 0 && all.part >= all.parts)
@@ -525,5 +525,5 @@ int sweep_run(const struct sweep_options &options)
     jobs_check(all.files, all.plugin_path);
     view_open(view);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
-    return all.parts != 0 || all.only >= 0 ? sweep_part(all) : sweep_shared(all);
+    return all.parts != 0 || all.only >= 0 ? fault_runs_part(all) : fault_runs_shared(all);
 }

@@ -1,11 +1,11 @@
 /* The agent's blocks and handles at its end. */
 #include "leaks.h"
 
-#include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../text.h"
+#include "liboxnibase/host.h"
+#include "agent.h"
+#include "machine/calls.h"
+#include "machine/machine.h"
+#include "text.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
 #define NAME_BYTES 32

@@ -2,14 +2,14 @@
  * Long runs: random machines played boot after boot through the real plug-in, against rules that
  * hold whatever happens to a machine. What is random and which rules: docs/soak.md.
  */
-#ifndef DEVHOST_SOAK_H
-#define DEVHOST_SOAK_H
+#ifndef SIMULATE_H
+#define SIMULATE_H
 
 #include <stdint.h>
 
 #include <string>
 
-struct soak_options {
+struct simulate_options {
     uint64_t boots = 1000;   /* at least so many; a machine is played to its end */
     uint64_t seed = 1;       /* of the first machine; each further one has the next number */
     std::string folder;      /* where the run's files lie; empty: the temporary one */
@@ -23,6 +23,6 @@ struct soak_options {
 
 /* Plays until a rule is broken or all boots are played, and tells how it goes. Result: enum
  * devhost_exit. Throws devhost_error. Host's one thread. */
-int soak_run(const struct soak_options &options);
+int simulate_run(const struct simulate_options &options);
 
 #endif

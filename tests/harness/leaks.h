@@ -1,6 +1,6 @@
 /* What the plug-in leaves behind when its agent ends. Host's one thread. */
-#ifndef DEVHOST_LEAKS_H
-#define DEVHOST_LEAKS_H
+#ifndef LEAKS_H
+#define LEAKS_H
 
 #include <stdint.h>
 

@@ -1,9 +1,9 @@
 /* Scenarios of a sweep, made of another one. */
-#include "lives.h"
+#include "fault_scenario.h"
 
 #include <algorithm>
 
-#include "../scenario/play.h"
+#include "scenario/play.h"
 
 /* The machine as it is without faults, whatever the scenario has made of it. */
 static const char s_afterwards[] = R"({
@@ -42,7 +42,7 @@ static void strip(json_value &boot)
                                                                                : step + 1;
 }
 
-void lives_strip(struct scenario &scenario)
+void fault_scenario_strip(struct scenario &scenario)
 {
     for (json_value &boot : member(scenario.document, "boots").GetArray())
         strip(boot);
@@ -138,8 +138,8 @@ static void add_afterwards(struct scenario &scenario, size_t boot, size_t produc
     boots.PushBack(second, memory);
 }
 
-void lives_prepare(const struct scenario &whole, size_t boot,
-                   const std::vector<std::string> &states, struct scenario &scenario)
+void fault_scenario_prepare(const struct scenario &whole, size_t boot,
+                            const std::vector<std::string> &states, struct scenario &scenario)
 {
     auto &memory = scenario.document.GetAllocator();
 

@@ -1,14 +1,14 @@
 /* The rooms of a long run. Host's one thread. */
-#ifndef DEVHOST_SOAK_MACHINES_H
-#define DEVHOST_SOAK_MACHINES_H
+#ifndef SIMULATION_MACHINES_H
+#define SIMULATION_MACHINES_H
 
 #include <stdint.h>
 
 #include <string>
 #include <vector>
 
-#include "../../platform/liboxnibase/host.h"
-#include "../scenario/scenario.h"
+#include "liboxnibase/host.h"
+#include "scenario/scenario.h"
 
 /* generate.cpp */
 
@@ -23,7 +23,7 @@ bool machine_is_talkative(uint64_t seed);
 
 /* rules.cpp */
 
-struct soak_finding {
+struct simulate_finding {
     std::string rule; /* its short name in docs/soak.md; empty: none is broken */
     std::string what;
     uint64_t ms; /* since the start of Windows */
@@ -33,7 +33,7 @@ struct soak_finding {
 /* Looks on from here; called between play_open and the first boot. */
 void rules_open(void);
 /* The first rule that was broken. */
-const soak_finding &rules_finding(void);
+const simulate_finding &rules_finding(void);
 /* Live blocks at each end of the agent's process so far. */
 const std::vector<uint64_t> &rules_blocks(void);
 void rules_close(void);

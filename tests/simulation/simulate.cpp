@@ -1,5 +1,5 @@
 /* The loop of a long run: play, tell, and make the scenario of a failing machine small. */
-#include "soak.h"
+#include "simulate.h"
 
 #include <inttypes.h>
 #include <stdio.h>
@@ -13,16 +13,16 @@
 
 #include <oxni/base/log.h>
 
-#include "../../platform/liboxnibase/host.h"
-#include "../heap.h"
-#include "../machine/calls.h"
-#include "../machine/memory_disk.h"
+#include "liboxnibase/host.h"
+#include "heap.h"
+#include "machine/calls.h"
+#include "machine/memory_disk.h"
 #include "../plugin_image.h"
-#include "../scenario/play.h"
-#include "../scenario/record.h"
-#include "../session.h"
-#include "../sweep/watch.h"
-#include "../text.h"
+#include "scenario/play.h"
+#include "scenario/record.h"
+#include "session.h"
+#include "harness/watch.h"
+#include "text.h"
 #include "machines.h"
 
 #define PROGRESS_MS 10000
@@ -33,13 +33,13 @@
 
 /* One run of a machine. */
 struct played {
-    soak_finding finding;
+    simulate_finding finding;
     std::vector<uint64_t> blocks;
     uint64_t boots;
 };
 
 static played play_machine(const rapidjson::Document &document, const run_folder &folder,
-                           const struct soak_options &options)
+                           const struct simulate_options &options)
 {
     struct scenario scenario;
     struct play_options play = {folder.path, options.plugin_path, false, false};
@@ -72,7 +72,7 @@ static played play_machine(const rapidjson::Document &document, const run_folder
 
 /* Plays a machine, and now and then its twin. */
 static played play_pair(const rapidjson::Document &document, bool twin, const run_folder &folder,
-                        const struct soak_options &options)
+                        const struct simulate_options &options)
 {
     folder.empty();
     played first = play_machine(document, folder, options), second;
@@ -93,7 +93,7 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
 
 /* Whether a smaller machine still breaks the rule. */
 static bool still_breaks(const rapidjson::Document &document, const std::string &rule,
-                         const run_folder &folder, const struct soak_options &options)
+                         const run_folder &folder, const struct simulate_options &options)
 {
     struct scenario scenario;
 
@@ -159,7 +159,7 @@ static void save(const rapidjson::Document &document, const std::string &file)
         throw devhost_error(EXIT_BAD_CALL, file + ": cannot be written");
 }
 
-static void tell_finding(const soak_finding &finding, uint64_t seed)
+static void tell_finding(const simulate_finding &finding, uint64_t seed)
 {
     printf("\nbroken: %s: %s\n  at %s of boot %d of machine %" PRIu64
            "\n  again: ./dev soak --boots 1 --seed %" PRIu64 "\n",
@@ -168,8 +168,8 @@ static void tell_finding(const soak_finding &finding, uint64_t seed)
     fflush(stdout);
 }
 
-static void shrink(rapidjson::Document &document, const soak_finding &finding, uint64_t seed,
-                   const run_folder &folder, const struct soak_options &options)
+static void shrink(rapidjson::Document &document, const simulate_finding &finding, uint64_t seed,
+                   const run_folder &folder, const struct simulate_options &options)
 {
     std::string file = options.save + text_format("\\soak-%" PRIu64 ".json", seed);
     auto breaks = [&](const rapidjson::Document &smaller) {
@@ -232,7 +232,7 @@ static void tell_progress(progress &progress, uint64_t now, const char *what)
     progress.told_ms = now;
 }
 
-static int play_random(const run_folder &folder, const struct soak_options &options)
+static int play_random(const run_folder &folder, const struct simulate_options &options)
 {
     progress progress = {0, 0, GetTickCount64(), GetTickCount64()};
 
@@ -265,7 +265,7 @@ static int play_random(const run_folder &folder, const struct soak_options &opti
     return EXIT_ALL_HOLD;
 }
 
-static int play_file(const run_folder &folder, const struct soak_options &options)
+static int play_file(const run_folder &folder, const struct simulate_options &options)
 {
     struct scenario scenario;
     played played;
@@ -282,9 +282,9 @@ static int play_file(const run_folder &folder, const struct soak_options &option
     return EXIT_EXPECTATION_FAILED;
 }
 
-int soak_run(const struct soak_options &options)
+int simulate_run(const struct simulate_options &options)
 {
-    struct soak_options all = options;
+    struct simulate_options all = options;
     run_folder folder(options.folder.empty()
                           ? ""
                           : options.folder + text_format("\\soak-%08lu-%010lu",

@@ -6,7 +6,7 @@
 set -u
 wine=$1 program=$2 boots=$3
 hashes() {
-    "$wine" "$program" soak --boots "$boots" --seed 1 --hash-calls "$@" | tr -d '\r' | grep '^machine '
+    "$wine" "$program" simulate --boots "$boots" --seed 1 --hash-calls "$@" | tr -d '\r' | grep '^machine '
 }
 mapped=$(hashes)
 loaded=$(hashes --reload)

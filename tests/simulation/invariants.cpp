@@ -13,14 +13,14 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 
-#include "../../platform/liboxni_core/host.h"
-#include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../scenario/record.h"
-#include "../sweep/leaks.h"
-#include "../text.h"
+#include "liboxni_core/host.h"
+#include "liboxnibase/host.h"
+#include "agent.h"
+#include "machine/calls.h"
+#include "machine/machine.h"
+#include "scenario/record.h"
+#include "harness/leaks.h"
+#include "text.h"
 #include "model.h"
 
 #define STORE_FILE       "bypass_mgr_persistence.ejs"
@@ -28,7 +28,7 @@
 #define DUMP_RECORD_FILE "bypass_mgr_dumprecord.ejs"
 #define POLL_MS          30000u
 
-static soak_finding s_finding;
+static simulate_finding s_finding;
 
 static void broken(const char *rule, const std::string &what)
 {
@@ -546,7 +546,7 @@ void rules_open(void)
         calls_set_watch(row.name, row.watch);
 }
 
-const soak_finding &rules_finding(void)
+const simulate_finding &rules_finding(void)
 {
     return s_finding;
 }

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 
-#include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
-#include "../machine/machine.h"
-#include "../text.h"
+#include "liboxnibase/host.h"
+#include "agent.h"
+#include "machine/machine.h"
+#include "text.h"
 
 #define POLLS 12
 

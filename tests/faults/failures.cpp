@@ -3,11 +3,11 @@
 
 #include <algorithm>
 
-#include "../../platform/liboxnibase/host.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../scenario/play.h"
-#include "../text.h"
+#include "liboxnibase/host.h"
+#include "machine/calls.h"
+#include "machine/machine.h"
+#include "scenario/play.h"
+#include "text.h"
 
 /* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
  * many make each fail once. */

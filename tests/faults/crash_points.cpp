@@ -1,6 +1,6 @@
 /* The cuts: one process that is ended for good, and one that plays the same up to there, ends the
  * agent at the same place, takes the files of the dead one, and plays on. */
-#include "cut.h"
+#include "crash_points.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -16,17 +16,17 @@
 
 #include <oxni/base/memory.h>
 
-#include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
-#include "../machine/imports.h"
-#include "../machine/machine.h"
-#include "../scenario/play.h"
-#include "../scenario/record.h"
-#include "../session.h"
-#include "../text.h"
-#include "jobs.h"
-#include "lives.h"
-#include "watch.h"
+#include "liboxnibase/host.h"
+#include "agent.h"
+#include "machine/imports.h"
+#include "machine/machine.h"
+#include "scenario/play.h"
+#include "scenario/record.h"
+#include "session.h"
+#include "text.h"
+#include "harness/jobs.h"
+#include "fault_scenario.h"
+#include "harness/watch.h"
 
 #define HANG_SECONDS 120
 #define SLICE_MS     1000u
@@ -255,16 +255,16 @@ enum ending {
     ENDS_BEHIND_SLICE,
 };
 
-struct cut_run {
+struct crash_point_run {
     const struct scenario &scenario; /* without expectations */
-    const struct cut_options &options;
+    const struct crash_point_options &options;
     const run_folder &folder, &dead; /* of the process that ends */
     plain_run plain;
     std::map<moment, std::string> stopped[ENDS_BEHIND_SLICE + 1]; /* products, by ending */
     uint64_t cuts, violations;
 };
 
-static cut_run *s_run;
+static crash_point_run *s_run;
 
 static void note_operation(bool writes)
 {
@@ -286,7 +286,7 @@ static std::string products_now(void)
 
 /* The files that the ended process left, in place of ours; those that are alike keep their times,
  * which a recovery tag is judged by. */
-static void take_over(const cut_run &run)
+static void take_over(const crash_point_run &run)
 {
     file_set left = files_of(run.dead.path), ours = files_of(run.folder.path);
 
@@ -346,7 +346,7 @@ static std::string play_all_boots(const struct scenario &scenario, const std::st
     return products;
 }
 
-static void violation(cut_run &run, const std::string &what)
+static void violation(crash_point_run &run, const std::string &what)
 {
     run.violations++;
     printf("violation: %s: cut %llu%s: %s\n", run.options.files.front().c_str(),
@@ -355,7 +355,7 @@ static void violation(cut_run &run, const std::string &what)
 }
 
 /* Each document is the old or the new one. */
-static void check_files(cut_run &run)
+static void check_files(crash_point_run &run)
 {
     size_t at = static_cast<size_t>(s_ops.at);
     file_set left = files_of(run.dead.path);
@@ -369,14 +369,14 @@ static void check_files(cut_run &run)
     }
 }
 
-static std::string play_here(const cut_run &run, enum ending ending, moment *at)
+static std::string play_here(const crash_point_run &run, enum ending ending, moment *at)
 {
     run.folder.empty();
     return play_all_boots(run.scenario, run.options.plugin_path, run.folder.path, ending, at);
 }
 
 /* The products at the end when the agent is stopped at that moment; played once. */
-static const std::string &play_stopped(cut_run &run, enum ending ending, moment when)
+static const std::string &play_stopped(crash_point_run &run, enum ending ending, moment when)
 {
     std::string &products = run.stopped[ending][when];
     uint64_t at = s_ops.at;
@@ -397,7 +397,7 @@ static std::vector<std::string> words(const std::string &text)
 
 /* Each product ends as it does when the agent is stopped between two callbacks, right before that
  * moment or right behind it: several may be told in one moment, and the cut lie between two. */
-static void check_products(cut_run &run)
+static void check_products(crash_point_run &run)
 {
     moment when = {};
     std::string cut = play_here(run, ENDS_AT_OPERATION, &when);
@@ -413,7 +413,7 @@ static void check_products(cut_run &run)
                       "at the end " + found[i] + " in place of " + before[i] + " or " + behind[i]);
 }
 
-static void cut_once(cut_run &run, uint64_t at, bool torn)
+static void crash_point_once(crash_point_run &run, uint64_t at, bool torn)
 {
     std::vector<std::string> arguments = {
         "cut",      run.options.files.front(), "--at", std::to_string(at), "--keep", run.dead.path,
@@ -423,7 +423,7 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
     if (torn)
         arguments.push_back("--torn");
     run.dead.empty();
-    watch_try("oxni_devhost cut " + run.options.files.front() + " --from " + std::to_string(at),
+    watch_try("harness crashpoints " + run.options.files.front() + " --from " + std::to_string(at),
               at);
     unsigned status = jobs_run_process(arguments, &output);
     s_ops = {0, at, torn, end_agent, NULL, NULL, NULL, ""};
@@ -434,7 +434,7 @@ static void cut_once(cut_run &run, uint64_t at, bool torn)
     check_products(run);
 }
 
-static void cut_file(cut_run &run)
+static void crash_point_file(crash_point_run &run)
 {
     s_ops = {0, 0, false, end_agent, note_operation, NULL, NULL, ""};
     s_run = &run;
@@ -447,14 +447,15 @@ static void cut_file(cut_run &run)
     for (uint64_t at = 1; at <= run.plain.writes.size(); at++) {
         if (at < run.options.from || at % run.options.every != 0)
             continue;
-        cut_once(run, at, false);
+        crash_point_once(run, at, false);
         if (run.plain.writes[static_cast<size_t>(at - 1)])
-            cut_once(run, at, true);
+            crash_point_once(run, at, true);
     }
 }
 
 /* This process is the one that ends. */
-static int cut_here(const struct scenario &scenario, const struct cut_options &options)
+static int crash_point_here(const struct scenario &scenario,
+                            const struct crash_point_options &options)
 {
     s_ops = {0, options.at, options.torn, end_process, NULL, NULL, NULL, ""};
     moment nowhere = {};
@@ -462,7 +463,7 @@ static int cut_here(const struct scenario &scenario, const struct cut_options &o
     return EXIT_EXPECTATION_FAILED; /* there is no such operation */
 }
 
-static int cut_part(const struct cut_options &options)
+static int crash_point_part(const struct crash_point_options &options)
 {
     struct scenario scenario;
 
@@ -470,27 +471,27 @@ static int cut_part(const struct cut_options &options)
     lead_platform();
     agent_watch_load(lead_plugin);
     scenario_load(scenario, options.files.front(), {});
-    lives_strip(scenario);
+    fault_scenario_strip(scenario);
     if (options.at != 0)
-        return cut_here(scenario, options);
+        return crash_point_here(scenario, options);
     run_folder folder("", options.place), dead(folder.path + "-dead");
-    cut_run run = {scenario, options, folder, dead, {}, {}, 0, 0};
+    crash_point_run run = {scenario, options, folder, dead, {}, {}, 0, 0};
     dead.kept = false;
-    cut_file(run);
+    crash_point_file(run);
     printf("figures %llu %llu\n", static_cast<unsigned long long>(run.cuts),
            static_cast<unsigned long long>(run.violations));
     fflush(stdout);
     return run.violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
-static int cut_shared(const struct cut_options &options)
+static int crash_point_shared(const struct crash_point_options &options)
 {
     std::vector<std::vector<std::string>> jobs;
     ULONGLONG began = GetTickCount64();
     unsigned long long cuts = 0, violations = 0, n[2];
 
     for (const std::string &file : options.files)
-        jobs.push_back({"cut", file, "--worker", "--plugin", options.plugin_path, "--place",
+        jobs.push_back({"crashpoints", file, "--worker", "--plugin", options.plugin_path, "--place",
                         options.place, "--every", std::to_string(options.every)});
     for (const std::string &line : jobs_run(jobs)) {
         if (sscanf(line.c_str(), "figures %llu %llu", &n[0], &n[1]) == 2) {
@@ -505,12 +506,13 @@ static int cut_shared(const struct cut_options &options)
     return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }
 
-int cut_scenarios(const struct cut_options &options)
+int crash_points_of(const struct crash_point_options &options)
 {
-    struct cut_options all = options;
+    struct crash_point_options all = options;
 
     if (all.plugin_path.empty())
         all.plugin_path = session_standard_plugin();
     jobs_check(all.files, all.plugin_path);
-    return all.worker || all.at != 0 || all.from != 0 ? cut_part(all) : cut_shared(all);
+    return all.worker || all.at != 0 || all.from != 0 ? crash_point_part(all)
+                                                      : crash_point_shared(all);
 }

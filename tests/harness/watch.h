@@ -3,8 +3,8 @@
  * no orderly one prints what was tried and how to repeat it, and has an exit status of its own, so
  * that whoever started the program goes on behind it. Host's one thread; the watch has its own.
  */
-#ifndef DEVHOST_WATCH_H
-#define DEVHOST_WATCH_H
+#ifndef WATCH_H
+#define WATCH_H
 
 #include <stdint.h>
 

@@ -2,8 +2,8 @@
  * Work that is done by processes of this program, several at a time: each does one part and may
  * crash without the others, and is started again behind the trial that it ended in.
  */
-#ifndef DEVHOST_JOBS_H
-#define DEVHOST_JOBS_H
+#ifndef JOBS_H
+#define JOBS_H
 
 #include <string>
 #include <vector>

@@ -1,6 +1,6 @@
 /* What a sweep makes fail, one failure at a time. Host's one thread. */
-#ifndef DEVHOST_FAILURES_H
-#define DEVHOST_FAILURES_H
+#ifndef FAILURES_H
+#define FAILURES_H
 
 #include <stdint.h>
 

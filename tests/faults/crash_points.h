@@ -2,8 +2,8 @@
  * Cut power: the agent's process is really ended at every file operation of plug-in and platform,
  * and goes on with the files that it left. docs/faults.md tells what is required.
  */
-#ifndef DEVHOST_CUT_H
-#define DEVHOST_CUT_H
+#ifndef CRASH_POINTS_H
+#define CRASH_POINTS_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-struct cut_options {
+struct crash_point_options {
     std::vector<std::string> files;
     std::string plugin_path;
     std::string place;
@@ -25,6 +25,6 @@ struct cut_options {
 
 /* Makes the cuts, and prints violations and a table. Result: enum devhost_exit. Throws
  * devhost_error. Host's one thread. */
-int cut_scenarios(const struct cut_options &options);
+int crash_points_of(const struct crash_point_options &options);
 
 #endif

@@ -8,9 +8,9 @@
 #include <mutex>
 #include <thread>
 
-#include "../agent.h"
-#include "../scenario/scenario.h"
-#include "../text.h"
+#include "agent.h"
+#include "scenario/scenario.h"
+#include "text.h"
 #include "watch.h"
 
 #define START_TRIES 3
@@ -52,7 +52,7 @@ static std::string read_all(HANDLE pipe)
 /* Of the last call; what comes of it shows in the status, which says that there is none. */
 static void complain(const char *call)
 {
-    fprintf(stderr, "oxni_devhost: %s failed, error %lu\n", call, GetLastError());
+    fprintf(stderr, "harness: %s failed, error %lu\n", call, GetLastError());
 }
 
 /* Result: the process, its handle the caller's; NULL when it cannot be started. Where Wine's loader

@@ -3,8 +3,8 @@
  * fail, once and from there on to the end of that boot; each boot of a run has one failure, and an
  * undisturbed boot follows. docs/faults.md tells what is required of a run.
  */
-#ifndef DEVHOST_SWEEP_H
-#define DEVHOST_SWEEP_H
+#ifndef FAULT_RUNS_H
+#define FAULT_RUNS_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-struct sweep_options {
+struct fault_options {
     std::string kind; /* "allocations" or "calls" */
     std::vector<std::string> files;
     std::string plugin_path;
@@ -26,6 +26,6 @@ struct sweep_options {
 
 /* Sweeps the files, and prints violations and a table. Result: enum devhost_exit. Throws
  * devhost_error. Host's one thread. */
-int sweep_run(const struct sweep_options &options);
+int fault_runs_of(const struct fault_options &options);
 
 #endif

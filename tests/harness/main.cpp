@@ -1,0 +1,123 @@
+/*
+ * The test harness: random machines against invariants, failing allocations and calls, and crash
+ * points, all through the development host's library and the real plug-in DLL. This file: the
+ * command line, and what the exit status means.
+ */
+#include <stdio.h>
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "faults/crash_points.h"
+#include "faults/fault_runs.h"
+#include "simulation/simulate.h"
+#include "text.h"
+
+static void add_plugin_option(CLI::App &command, std::string &path)
+{
+    command.add_option("--plugin", path, "The DLL; else the one beside this program");
+}
+
+static void add_reload_option(CLI::App &command, bool &reload)
+{
+    command.add_flag(
+        "--reload", reload,
+        "Loads the DLL from its file at each start of the agent; else it stays mapped");
+}
+
+static void add_simulate(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<simulate_options>();
+    CLI::App *command = app.add_subcommand(
+        "simulate", "Plays random machines against invariants, see docs/simulation.md");
+
+    command->add_option("--boots", options->boots, "Number of boots, at least")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--seed", options->seed, "Seed of the first machine; each further one adds 1");
+    command->add_option("--folder", options->folder, "Folder for the run's files, a fast disk");
+    command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
+    command->add_flag("!--no-shrink", options->shrink, "Does not shrink a failing machine");
+    command->add_option("--file", options->file, "Plays this scenario instead of random machines");
+    command->add_flag("--hash-calls", options->hash_calls,
+                      "Prints a hash of each machine's calls with their arguments and results");
+    add_plugin_option(*command, options->plugin_path);
+    add_reload_option(*command, options->reload);
+    command->callback([options, status] { *status = simulate_run(*options); });
+}
+
+/* Options of fault runs and crash points. */
+template <typename options> static void add_failure_options(CLI::App &command, options &which)
+{
+    command.add_option("FILE", which.files, "Scenario files")->required();
+    add_plugin_option(command, which.plugin_path);
+    command.add_option("--place", which.place,
+                       "Folder for the runs' files, best in memory; else the temporary one");
+    command.add_option("--every", which.every, "Only every Nth run or operation")
+        ->check(CLI::PositiveNumber);
+    command.add_option("--from", which.from, "From this run or operation on");
+}
+
+static void add_faults(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<fault_options>();
+    CLI::App *command = app.add_subcommand(
+        "faults", "Makes every allocation or call of scenarios fail, and checks what follows");
+
+    command->add_option("KIND", options->kind, "What fails")
+        ->required()
+        ->check(CLI::IsMember({"allocations", "calls"}));
+    add_failure_options(*command, *options);
+    command->add_option("--only", options->only, "Only this run, as a violation names it");
+    add_reload_option(*command, options->reload);
+    command->add_option("--part", options->part, "In this process, one run in --parts");
+    command->add_option("--parts", options->parts, "Processes that share the runs");
+    command->callback([options, status] { *status = fault_runs_of(*options); });
+}
+
+static void add_crash_points(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<crash_point_options>();
+    CLI::App *command =
+        app.add_subcommand("crashpoints", "Ends the process at every file operation of scenarios");
+
+    add_failure_options(*command, *options);
+    command->add_flag("--worker", options->worker, "All crash points of one file, in this process");
+    command->add_option("--at", options->at, "Ends this process before that operation");
+    command->add_flag("--torn", options->torn, "In the middle of it, with half of the bytes written");
+    command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
+    command->callback([options, status] { *status = crash_points_of(*options); });
+}
+
+int wmain(int argc, wchar_t **argv);
+
+int wmain(int argc, wchar_t **argv)
+{
+    CLI::App app("Looks for faults of the bypass plug-in.", "harness");
+    std::vector<std::string> words;
+    int status = EXIT_ALL_HOLD;
+
+    SetConsoleOutputCP(CP_UTF8);
+    for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
+        words.push_back(text_narrow(argv[i]));
+    app.allow_windows_style_options(false); /* a path may begin with a slash */
+    add_simulate(app, &status);
+    add_faults(app, &status);
+    add_crash_points(app, &status);
+    app.require_subcommand(1);
+    app.footer("Exit status: 0 no violation, 1 a violation, 2 bad call or scenario, 4 the plug-in\n"
+               "cannot be loaded, 70 the program crashed, 71 it hung.");
+    try {
+        app.parse(words); /* runs the command */
+    } catch (const CLI::ParseError &error) {
+        status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
+    } catch (const devhost_error &error) {
+        fflush(stdout);
+        fprintf(stderr, "harness: %s\n", error.what());
+        status = error.status;
+    }
+    return fflush(stdout) == 0 ? status : EXIT_BAD_CALL;
+}
