@@ -267,6 +267,9 @@ static BOOL WINAPI stand_in_CreateDirectoryW(const wchar_t *path, SECURITY_ATTRI
 {
     std::wstring key;
 
+    /* Each start of an agent makes all folders down to its own. */
+    if (memory_disk_is_below(path))
+        return failed(ERROR_ALREADY_EXISTS, FALSE);
     if (!memory_file_key(path, &key))
         return real_CreateDirectoryW(path, security);
     if (memory_file_find(key) != NULL)

@@ -61,6 +61,14 @@ bool memory_file_key(const wchar_t *path, std::wstring *key)
     return true;
 }
 
+bool memory_disk_is_below(const wchar_t *path)
+{
+    std::wstring normal;
+
+    return normalize_ascii(path, &normal) && normal.size() < s_folder.size() &&
+           s_folder[normal.size()] == L'\\' && s_folder.compare(0, normal.size(), normal) == 0;
+}
+
 file_ptr memory_file_find(const std::wstring &key)
 {
     auto file = memory_files.find(key);
