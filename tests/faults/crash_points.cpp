@@ -415,9 +415,10 @@ static void check_products(crash_point_run &run)
 
 static void crash_point_once(crash_point_run &run, uint64_t at, bool torn)
 {
-    std::vector<std::string> arguments = {
-        "cut",      run.options.files.front(), "--at", std::to_string(at), "--keep", run.dead.path,
-        "--plugin", run.options.plugin_path};
+    std::vector<std::string> arguments = {"crashpoints", run.options.files.front(),
+                                          "--at",        std::to_string(at),
+                                          "--keep",      run.dead.path,
+                                          "--plugin",    run.options.plugin_path};
     std::string output;
 
     if (torn)

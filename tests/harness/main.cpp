@@ -37,7 +37,8 @@ static void add_simulate(CLI::App &app, int *status)
 
     command->add_option("--boots", options->boots, "Number of boots, at least")
         ->check(CLI::PositiveNumber);
-    command->add_option("--seed", options->seed, "Seed of the first machine; each further one adds 1");
+    command->add_option("--seed", options->seed,
+                        "Seed of the first machine; each further one adds 1");
     command->add_option("--folder", options->folder, "Folder for the run's files, a fast disk");
     command->add_option("--save", options->save, "Folder for the scenario of a failing machine");
     command->add_flag("!--no-shrink", options->shrink, "Does not shrink a failing machine");
@@ -87,7 +88,8 @@ static void add_crash_points(CLI::App &app, int *status)
     add_failure_options(*command, *options);
     command->add_flag("--worker", options->worker, "All crash points of one file, in this process");
     command->add_option("--at", options->at, "Ends this process before that operation");
-    command->add_flag("--torn", options->torn, "In the middle of it, with half of the bytes written");
+    command->add_flag("--torn", options->torn,
+                      "In the middle of it, with half of the bytes written");
     command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
     command->callback([options, status] { *status = crash_points_of(*options); });
 }
