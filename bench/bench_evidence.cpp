@@ -27,7 +27,7 @@ static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expec
 
 /* What a System log is mostly made of. */
 /* clang-format off */
-static const machine_event s_usual[] = {
+static const event_record s_usual[] = {
     {0, 1709802341, 0x40001b7c, 4, L"Service Control Manager", {L"Windows Update", L"running"}},
     {0, 1709802341, 10016, 2, L"DCOM",
      {L"application-specific", L"Local", L"Activation", L"{2593F8B9-4EAF-457C-B68A-50F6B8EA6B54}",
@@ -46,9 +46,9 @@ static const machine_event s_usual[] = {
 /* clang-format on */
 
 /* The log of the machine, filled once. */
-static const std::vector<machine_event> &usual_log(void)
+static const std::vector<event_record> &usual_log(void)
 {
-    std::vector<machine_event> &events = machine_get().events;
+    std::vector<event_record> &events = machine_get().events;
 
     while (events.size() < LOG_RECORDS)
         machine_log(s_usual[events.size() % (sizeof(s_usual) / sizeof(s_usual[0]))]);

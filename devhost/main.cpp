@@ -17,7 +17,7 @@
 
 #include "../platform/liboxnibase/host.h"
 #include "replay/commands.h"
-#include "scenario/record.h"
+#include "scenario/journal.h"
 #include "session.h"
 #include "text.h"
 #include "view/view.h"
@@ -108,7 +108,7 @@ static void prepare(arguments &arguments)
     view.messages = arguments.messages;
     view.quiet = arguments.quiet;
     view_open(view);
-    record_set_view(view_happening, NULL);
+    journal_set_view(view_happening, NULL);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
 }
 

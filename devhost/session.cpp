@@ -9,8 +9,11 @@
 #include "agent.h"
 #include "evidence/file.h"
 #include "machine/calls.h"
+#include "scenario/agent_process.h"
 #include "scenario/play.h"
-#include "scenario/record.h"
+#include "scenario/products.h"
+#include "scenario/timeline.h"
+#include "scenario/journal.h"
 #include "text.h"
 #include "view/page.h"
 #include "view/view.h"
@@ -83,7 +86,7 @@ void run_folder::empty() const
 static void trace_sink(const std::string &text, void *user)
 {
     (void)user;
-    record_add(HAPPENED_CALL, "plug-in", text);
+    journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
 /* Whether a scenario looks at calls, so that they have to be recorded. */
@@ -133,7 +136,7 @@ static void plan_commands(const struct session_options &options, unsigned long b
         planned_command command = parse_command(text);
 
         if (command.boot == boot)
-            play_at(play_ms(command.seconds), [command] {
+            timeline_at(timeline_ms(command.seconds), [command] {
                 if (agent_state_get() == AGENT_RUNNING)
                     oxnih_dbg_run(CONSOLE_NAMESPACE, command.line.c_str());
             });
@@ -251,7 +254,7 @@ static bool parse_span(const std::string &word, uint64_t *ms)
 
     for (const auto &row : units)
         if (number >= 0 && end != word.c_str() + 1 && std::string(end) == row.unit) {
-            *ms = play_ms(number * row.seconds);
+            *ms = timeline_ms(number * row.seconds);
             return true;
         }
     return false;
@@ -274,7 +277,7 @@ static void run_on_agent(const std::string &line)
         return;
     }
     oxnih_dbg_run(CONSOLE_NAMESPACE, line.c_str());
-    play_run_until(play_now_ms());
+    play_run_until(timeline_now_ms());
 }
 
 /* One line of the person. Result: whether to go on. */
@@ -294,12 +297,12 @@ static bool console_line(const std::string &line)
         for (const std::string &text : summary())
             printf("  %s\n", text.c_str());
     } else if (line == "restart") {
-        play_stop_agent("stops to start again");
-        play_start_agent();
-        play_run_until(play_now_ms());
+        agent_process_stop("stops to start again");
+        agent_process_start();
+        play_run_until(timeline_now_ms());
     } else if (line[0] == '+') {
         if (parse_span(line, &ms))
-            play_run_until(play_now_ms() + ms);
+            play_run_until(timeline_now_ms() + ms);
         else
             printf("%s: expected a time such as +90s, +5m, +2h or +1d\n", line.c_str());
     } else {
@@ -310,7 +313,7 @@ static bool console_line(const std::string &line)
 
 static void prompt(void)
 {
-    printf("%s> ", time_span(play_now_ms()).c_str());
+    printf("%s> ", time_span(timeline_now_ms()).c_str());
     fflush(stdout);
 }
 

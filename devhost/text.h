@@ -1,33 +1,15 @@
-/* Text, times and errors that every room of the development host uses. */
+/* Texts and times that every directory of the development host uses. */
 #ifndef DEVHOST_TEXT_H
 #define DEVHOST_TEXT_H
 
 #include <stdint.h>
 #include <stdio.h>
 
-#include <stdexcept>
 #include <string>
 
 #include <oxni/base/json.h>
 
-/* Exit status of the program. */
-enum devhost_exit {
-    EXIT_ALL_HOLD = 0,
-    EXIT_EXPECTATION_FAILED = 1,
-    EXIT_BAD_CALL = 2, /* command line or scenario */
-    EXIT_BAD_EVIDENCE = 3,
-    EXIT_NO_PLUGIN = 4,
-    EXIT_SKIPPED = 77, /* something that the scenario needs is not on this machine */
-};
-
-/* Ends the run: one line that names the file and place, and the exit status that it means. */
-struct devhost_error : std::runtime_error {
-    int status;
-    devhost_error(int exit_status, const std::string &what)
-        : std::runtime_error(what), status(exit_status)
-    {
-    }
-};
+#include "exit_status.h"
 
 /* UTF-16 and UTF-8; what is not valid becomes U+FFFD. */
 std::string text_narrow(const std::wstring &wide);

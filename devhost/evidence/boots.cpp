@@ -3,40 +3,33 @@
 #include "boots.h"
 
 #include "../text.h"
-
-#define KERNEL_GENERAL     L"Microsoft-Windows-Kernel-General"
-
-#define EVENT_CLOCK_CHANGE 1
-#define EVENT_START        12
-#define EVENT_SHUTDOWN     13
-#define EVENT_UNEXPECTED   41
-#define EVENT_BUG_CHECK    1001
+#include "system_events.h"
 
 /* The place of the boot's moment among the strings of a start record. */
 #define START_TIME_STRING 6
 
-static bool is(const machine_event &event, const wchar_t *source, uint32_t id)
+static bool is(const event_record &event, const wchar_t *source, uint32_t id)
 {
     return (event.id & 0xffff) == id && event.source == source;
 }
 
-bool evidence_is_start(const machine_event &event)
+bool evidence_is_start(const event_record &event)
 {
-    return is(event, KERNEL_GENERAL, EVENT_START);
+    return is(event, SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START);
 }
 
-bool evidence_is_clock_change(const machine_event &event)
+bool evidence_is_clock_change(const event_record &event)
 {
-    return is(event, KERNEL_GENERAL, EVENT_CLOCK_CHANGE);
+    return is(event, SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE);
 }
 
-bool evidence_is_bug_check(const machine_event &event)
+bool evidence_is_bug_check(const event_record &event)
 {
-    return is(event, L"BugCheck", EVENT_BUG_CHECK);
+    return is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK);
 }
 
 /* The boot's moment is in the record itself; the record is written a little later. */
-static uint64_t started(const machine_event &event)
+static uint64_t started(const event_record &event)
 {
     uint64_t time;
 
@@ -47,7 +40,7 @@ static uint64_t started(const machine_event &event)
 
 /* The record of an unexpected shutdown has the code of the blue screen that it came by; 0, or none
  * in older Windows, says that there was none. */
-static enum run_ending unexpected_ending(const machine_event &event)
+static enum run_ending unexpected_ending(const event_record &event)
 {
     const std::wstring code = event.strings.at(0);
 
@@ -60,7 +53,7 @@ static enum run_ending unexpected_ending(const machine_event &event)
 static void find_ending(const evidence_log &log, evidence_run *run, const evidence_run *next)
 {
     for (size_t i = run->begin; i < run->end; i++)
-        if (is(log.events[i], KERNEL_GENERAL, EVENT_SHUTDOWN)) {
+        if (is(log.events[i], SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN)) {
             run->ending = RUN_ENDED_CLEAN;
             run->told_by = i;
         }
@@ -70,7 +63,7 @@ static void find_ending(const evidence_log &log, evidence_run *run, const eviden
             run->told_by = i;
             return;
         }
-        if (is(log.events[i], L"Microsoft-Windows-Kernel-Power", EVENT_UNEXPECTED) &&
+        if (is(log.events[i], SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN) &&
             (run->told_by == NO_RECORD || run->told_by < next->begin)) {
             run->ending = unexpected_ending(log.events[i]);
             run->told_by = i;

@@ -38,8 +38,8 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log);
 const char *evidence_ending_name(enum run_ending ending);
 
 /* The start of Windows, a change of the clock and a blue screen as the log records them. */
-bool evidence_is_start(const machine_event &event);
-bool evidence_is_clock_change(const machine_event &event);
-bool evidence_is_bug_check(const machine_event &event);
+bool evidence_is_start(const event_record &event);
+bool evidence_is_clock_change(const event_record &event);
+bool evidence_is_bug_check(const event_record &event);
 
 #endif

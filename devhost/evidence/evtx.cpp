@@ -2,6 +2,8 @@
  * lost records and cut-off files, so those are looked for here. */
 #include "log.h"
 
+#include <windows.h>
+
 #include <string.h>
 
 #include <algorithm>
@@ -211,7 +213,7 @@ static bool read_text(Size size_of, Text text_of, std::wstring *text, libevtx_er
     return true;
 }
 
-static bool read_strings(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+static bool read_strings(libevtx_record_t *record, event_record *event, libevtx_error_t **error)
 {
     std::wstring string;
     int count = 0;
@@ -242,7 +244,7 @@ static bool is_hexadecimal(const std::wstring &text)
 
 /* The library counts an event's binary data as its last string; a classic record keeps it apart.
  * Whether there is some only the record's XML tells, which costs more than all the rest. */
-static bool drop_binary(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+static bool drop_binary(libevtx_record_t *record, event_record *event, libevtx_error_t **error)
 {
     std::wstring xml;
     const auto size_of = [record](size_t *size, libevtx_error_t **e) {
@@ -271,7 +273,7 @@ static uint16_t type_of(uint8_t level)
     }
 }
 
-static bool read_event(libevtx_record_t *record, machine_event *event, libevtx_error_t **error)
+static bool read_event(libevtx_record_t *record, event_record *event, libevtx_error_t **error)
 {
     uint64_t filetime = 0;
     uint32_t qualifiers = 0;
@@ -303,7 +305,7 @@ static void read_record(libevtx_file_t *file, int index, evidence_log *log)
     const double start = time_real_ms();
     libevtx_record_t *got = NULL;
     libevtx_error_t *error = NULL;
-    machine_event event = {};
+    event_record event = {};
     uint64_t number = 0;
     bool sound = false;
 
@@ -368,7 +370,7 @@ static void read_records(const std::string &path, const evidence_file &file, evi
 /* The numbers of a log have no gaps: what is missing between its first and last is lost. */
 static void check_numbers(evidence_log *log, const record_range &range)
 {
-    std::vector<machine_event> &events = log->events;
+    std::vector<event_record> &events = log->events;
     uint64_t next = range.first;
     size_t kept = 0;
     const auto missing = [log](uint64_t first, uint64_t end) {
@@ -381,8 +383,8 @@ static void check_numbers(evidence_log *log, const record_range &range)
 
     std::stable_sort(
         events.begin(), events.end(),
-        [](const machine_event &a, const machine_event &b) { return a.number < b.number; });
-    for (machine_event &event : events) {
+        [](const event_record &a, const event_record &b) { return a.number < b.number; });
+    for (event_record &event : events) {
         if (kept > 0 && event.number == events[kept - 1].number) {
             log->damage.push_back("record twice, number " + std::to_string(event.number));
             continue;

@@ -1,6 +1,10 @@
 /* Logs of either form, and what is said of their damage. */
 #include "log.h"
 
+#include <windows.h>
+
+#include <set>
+
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/memorystream.h>
@@ -122,7 +126,7 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
     int m_depth = 0; /* 1 in the array, 2 in a record, 3 in its strings */
     std::string m_member;
     std::set<std::string> m_seen;
-    machine_event m_event = {};
+    event_record m_event = {};
 };
 } // namespace
 
@@ -212,7 +216,7 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
 {
     std::string text = "[";
 
-    for (const machine_event &event : log.events) {
+    for (const event_record &event : log.events) {
         if (event.number < from || event.number > to)
             continue;
         rapidjson::StringBuffer line;
@@ -241,7 +245,7 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
     return text + "\n]\n";
 }
 
-std::string evidence_event_name(const machine_event &event)
+std::string evidence_event_name(const event_record &event)
 {
     return text_narrow(event.source) + " " + std::to_string(event.id & 0xffff);
 }

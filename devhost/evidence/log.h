@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "../machine/machine.h"
+#include "event_record.h"
 
 struct evidence_log {
-    std::vector<machine_event> events; /* by rising record number, each number once */
+    std::vector<event_record> events; /* by rising record number, each number once */
     /* What is damaged and where, one line each; texts are in English, without a full stop. */
     std::vector<std::string> damage;
     std::string cut_off;       /* where the file ends too early; empty when it does not */
@@ -46,7 +46,7 @@ std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t mos
 std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t to);
 
 /* The source and event of a record: "BugCheck 1001". */
-std::string evidence_event_name(const machine_event &event);
+std::string evidence_event_name(const event_record &event);
 
 /* evtx.cpp: the two kinds of file. */
 class evidence_file;

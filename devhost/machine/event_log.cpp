@@ -36,20 +36,20 @@ static size_t aligned(size_t bytes)
 }
 
 /* Where the strings of a record stand, and its size. */
-static size_t strings_at(const machine_event &event)
+static size_t strings_at(const event_record &event)
 {
     return aligned(RECORD_HEADER_BYTES + (event.source.size() + 1) * sizeof(wchar_t) +
                    sizeof(COMPUTER));
 }
 
-static size_t record_bytes(const machine_event &event)
+static size_t record_bytes(const event_record &event)
 {
     return aligned(strings_at(event) + event.strings.packed().size() * sizeof(wchar_t)) +
            sizeof(uint32_t);
 }
 
 /* One EVENTLOGRECORD of that size, as record_bytes told. */
-static void pack_record(const machine_event &event, size_t size, char *bytes)
+static void pack_record(const event_record &event, size_t size, char *bytes)
 {
     const size_t strings = strings_at(event);
     const size_t source = (event.source.size() + 1) * sizeof(wchar_t);
@@ -93,7 +93,7 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
                                           DWORD bytes, DWORD *read, DWORD *needed)
 {
     auto log = s_open_logs.find(handle);
-    const std::vector<machine_event> &events = machine_get().events;
+    const std::vector<event_record> &events = machine_get().events;
     DWORD filled = 0;
 
     *read = 0;
@@ -109,7 +109,7 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
         return FALSE;
     }
     for (; log->second.left > 0; log->second.left--) {
-        const machine_event &event = events[log->second.left - 1];
+        const event_record &event = events[log->second.left - 1];
         const DWORD size = static_cast<DWORD>(record_bytes(event));
 
         if (size > bytes - filled) {
@@ -142,9 +142,9 @@ machine_read machine_last_read(void)
     return s_last_read;
 }
 
-void machine_log(machine_event record)
+void machine_log(event_record record)
 {
-    std::vector<machine_event> &events = machine_get().events;
+    std::vector<event_record> &events = machine_get().events;
 
     if (record.number == 0)
         record.number = events.empty() ? 1 : events.back().number + 1;

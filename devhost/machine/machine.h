@@ -14,64 +14,7 @@
 #include <string>
 #include <vector>
 
-/* Insertion strings of a record, one behind the other as the log has them: a log of tens of
- * thousands of records should not take many times its size. */
-class machine_strings
-{
-  public:
-    machine_strings() = default;
-    machine_strings(std::initializer_list<std::wstring> texts)
-    {
-        for (const std::wstring &text : texts)
-            add(text);
-    }
-    void add(const std::wstring &text)
-    {
-        text_.append(text.c_str(), wcslen(text.c_str()) + 1); /* ends at its first NUL */
-        count_++;
-    }
-    void drop_last()
-    {
-        text_.resize(text_.size() - last().size() - 1);
-        count_--;
-    }
-    size_t count() const
-    {
-        return count_;
-    }
-    /* Empty when there is none. */
-    std::wstring at(size_t index) const
-    {
-        size_t from = 0;
-
-        for (size_t i = 0; i < index && from < text_.size(); i++)
-            from = text_.find(L'\0', from) + 1;
-        return index < count_ ? std::wstring(text_.c_str() + from) : std::wstring();
-    }
-    std::wstring last() const
-    {
-        return at(count_ - 1);
-    }
-    /* Each with its NUL. */
-    const std::wstring &packed() const
-    {
-        return text_;
-    }
-
-  private:
-    std::wstring text_;
-    uint16_t count_ = 0;
-};
-
-/* One record of the System log. */
-struct machine_event {
-    uint32_t number;     /* record number; they give the order */
-    uint32_t time;       /* TimeGenerated and TimeWritten, seconds since 1970 UTC */
-    uint32_t id;         /* the full EventID, qualifiers in its upper half */
-    uint16_t type;       /* EVENTLOG_INFORMATION_TYPE and so on */
-    std::wstring source; /* EventSourceName where the provider has one, else its name */
-    machine_strings strings;
-};
+#include "../evidence/event_record.h"
 
 struct machine_process {
     uint32_t pid;
@@ -86,7 +29,7 @@ struct machine {
     bool has_tick_count_64 = true;
 
     /* Event log, oldest first. */
-    std::vector<machine_event> events;
+    std::vector<event_record> events;
 
     std::vector<machine_process> processes;
 
@@ -123,7 +66,7 @@ void machine_open(const std::wstring &run_folder);
 void machine_boot(uint64_t now_100ns);
 
 /* Adds a record to the end of the log; number is given here when it is 0. */
-void machine_log(machine_event record);
+void machine_log(event_record record);
 
 /* Hands engine faults and stacks to the engine. Called after a change of either. */
 void machine_update_engine(void);

@@ -165,20 +165,20 @@ static std::string place_of(const evidence_dump &dump)
     return text_narrow(dump_place(L"MinidumpDir", L"\\Minidump") + L"\\") + dump.file_name;
 }
 
-static std::string string_of(const machine_event &event, size_t index)
+static std::string string_of(const event_record &event, size_t index)
 {
     return text_narrow(event.strings.at(index));
 }
 
 /* What ties a dump to the crash that this boot reports. */
 struct dump_ties {
-    enum evidence_fit fit;       /* to the boot's blue screen records: the best */
-    const machine_event *record; /* the one that fits, else the first; NULL: there is none */
-    bool named;                  /* by that record */
-    bool in_time;                /* its crash lies between the start before and this one */
+    enum evidence_fit fit;      /* to the boot's blue screen records: the best */
+    const event_record *record; /* the one that fits, else the first; NULL: there is none */
+    bool named;                 /* by that record */
+    bool in_time;               /* its crash lies between the start before and this one */
 };
 
-static bool names(const machine_event &record, const evidence_dump &dump)
+static bool names(const event_record &record, const evidence_dump &dump)
 {
     const std::string path = "\\" + text_lower(string_of(record, DUMP_PATH_STRING));
     const std::string file = "\\" + text_lower(dump.file_name);
@@ -193,7 +193,7 @@ static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &d
     dump_ties ties = {EVIDENCE_FIT_UNKNOWN, NULL, false, false};
 
     for (size_t i = evidence.boot->begin; i < evidence.boot->end; i++) {
-        const machine_event &event = evidence.log.events[i];
+        const event_record &event = evidence.log.events[i];
 
         if (!evidence_is_bug_check(event))
             continue;
@@ -258,7 +258,7 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
 static uint64_t written_of(const replay_evidence &evidence, const replay_dump &placed)
 {
     const uint64_t start = evidence.boot->started_100ns, own = placed.dump.written_100ns;
-    const machine_event *bug_check = ties_of(evidence, placed.dump).record;
+    const event_record *bug_check = ties_of(evidence, placed.dump).record;
     const uint64_t recorded = bug_check != NULL ? time_of_unix(bug_check->time) : 0;
 
     if (own > start && own <= recorded)
@@ -303,7 +303,7 @@ void replay_place_dumps(replay_evidence *evidence)
 }
 
 /* A change of the clock as its record tells it: the strings are the new and the old time. */
-static int64_t clock_change_100ns(const machine_event &event)
+static int64_t clock_change_100ns(const event_record &event)
 {
     uint64_t to, from;
 
@@ -321,7 +321,7 @@ std::vector<replay_moment> replay_moments(const replay_evidence &evidence, uint6
     uint64_t start = boot.started_100ns, ms = 0;
 
     for (size_t i = boot.begin + 1; i < boot.end; i++) {
-        const machine_event &event = evidence.log.events[i];
+        const event_record &event = evidence.log.events[i];
         const int64_t change = clock_change_100ns(event);
         const uint64_t time = time_of_unix(event.time);
 

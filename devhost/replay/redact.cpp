@@ -9,6 +9,7 @@
 #include <algorithm>
 
 #include "../evidence/file.h"
+#include "../evidence/system_events.h"
 #include "../machine/machine.h"
 #include "../scenario/scenario.h"
 #include "../text.h"
@@ -28,11 +29,11 @@ static const struct {
     uint32_t id;
     size_t strings;
 } s_kept[] = {
-    {L"Microsoft-Windows-Kernel-General", 1,    2},
-    {L"Microsoft-Windows-Kernel-General", 12,   7},
-    {L"Microsoft-Windows-Kernel-General", 13,   1},
-    {L"Microsoft-Windows-Kernel-Power",   41,   5},
-    {L"BugCheck",                         1001, 2},
+    {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE,        2},
+    {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START,       7},
+    {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN,      1},
+    {SOURCE_KERNEL_POWER,   EVENT_UNEXPECTED_SHUTDOWN, 5},
+    {SOURCE_BUG_CHECK,      EVENT_BUG_CHECK,           2},
 };
 
 /* Keys that the plug-in reads, and the values of them that are kept: those that it reads, and those
@@ -119,9 +120,9 @@ static std::string redacted_file(const std::string &path, const std::string &oth
            dump_name(path.substr(slash + 1), other);
 }
 
-static machine_event redacted(const machine_event &event)
+static event_record redacted(const event_record &event)
 {
-    machine_event out = event;
+    event_record out = event;
 
     out.strings = {};
     out.source = text_wide(without_names(text_narrow(event.source)));
@@ -226,7 +227,7 @@ static std::string steps_json(const replay_evidence &evidence)
     uint64_t start = evidence.boot->started_100ns; /* as the clock stands at a record */
 
     for (const replay_moment &moment : replay_moments(evidence, UNTIL_SECONDS * 1000ull)) {
-        const machine_event event = redacted(evidence.log.events[moment.index]);
+        const event_record event = redacted(evidence.log.events[moment.index]);
         evidence_log one;
 
         one.events.push_back(event);

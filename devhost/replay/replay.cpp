@@ -7,7 +7,9 @@
 #include "../evidence/file.h"
 #include "../machine/calls.h"
 #include "../scenario/play.h"
-#include "../scenario/record.h"
+#include "../scenario/products.h"
+#include "../scenario/timeline.h"
+#include "../scenario/journal.h"
 #include "../text.h"
 #include "../view/page.h"
 #include "../view/view.h"
@@ -19,30 +21,30 @@
 #define BEHIND_MS  (4ull * 60 * 1000)
 #define LONGEST_MS (24ull * 60 * 60 * 1000)
 
-static void log_now(const machine_event &event, int64_t clock_change)
+static void log_now(const event_record &event, int64_t clock_change)
 {
     if (clock_change != 0) {
         oxnih_clock_set_wall(oxnih_clock_now_100ns() + static_cast<uint64_t>(clock_change));
-        record_add(HAPPENED_STEP, "windows",
-                   "the clock is set to " + time_iso(oxnih_clock_now_100ns()));
+        journal_add(HAPPENED_STEP, "windows",
+                    "the clock is set to " + time_iso(oxnih_clock_now_100ns()));
     }
-    record_add(HAPPENED_STEP, "windows",
-               text_format("logs event %u of %s, record %u", event.id & 0xffff,
-                           text_narrow(event.source).c_str(), event.number));
+    journal_add(HAPPENED_STEP, "windows",
+                text_format("logs event %u of %s, record %u", event.id & 0xffff,
+                            text_narrow(event.source).c_str(), event.number));
     machine_log(event);
 }
 
 /* The records up to the boot's start are there already, the others come in their time. */
 static void place_log(replay_evidence *evidence)
 {
-    std::vector<machine_event> &events = evidence->log.events;
+    std::vector<event_record> &events = evidence->log.events;
 
     for (size_t i = 0; i <= evidence->boot->begin; i++)
         machine_log(std::move(events[i]));
     for (const replay_moment &moment : replay_moments(*evidence, LONGEST_MS)) {
-        const machine_event &event = events[moment.index];
+        const event_record &event = events[moment.index];
 
-        play_at(moment.ms, [&event, moment] { log_now(event, moment.clock_change_100ns); });
+        timeline_at(moment.ms, [&event, moment] { log_now(event, moment.clock_change_100ns); });
     }
 }
 
@@ -83,7 +85,7 @@ static void note_call(const std::string &text, void *user)
     (void)user;
     /* The only ones that a sentence is made of; all of them would be many times the log. */
     if (text.rfind("CreateFileW", 0) == 0 || text.rfind("FindFirstFileW", 0) == 0)
-        record_add(HAPPENED_CALL, "plug-in", text);
+        journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
 /* {"status": ..., "count": ...} of each product, in their order. */

@@ -6,7 +6,7 @@
 #include <oxni/base/algo.h>
 
 #include "../evidence/file.h"
-#include "../scenario/record.h"
+#include "../scenario/journal.h"
 #include "../scenario/scenario.h"
 #include "../text.h"
 #include "../view/view.h"
@@ -161,7 +161,7 @@ static std::string reply_to(const std::vector<happening> &all, size_t command)
 
 static std::string commands_text(void)
 {
-    const std::vector<happening> &all = record_all();
+    const std::vector<happening> &all = journal_all();
     std::string text;
 
     for (size_t i = 0; i < all.size(); i++)
@@ -176,7 +176,7 @@ static std::string alarms_text(void)
 {
     std::string text;
 
-    for (const happening &what : record_all()) {
+    for (const happening &what : journal_all()) {
         rapidjson::Document message;
 
         if (what.kind != HAPPENED_UPLOAD)
@@ -210,7 +210,7 @@ static std::string verdict_text(const replay_story &story)
 {
     size_t bypasses = 0;
 
-    for (const happening &what : record_all())
+    for (const happening &what : journal_all())
         if (what.kind == HAPPENED_COMMAND &&
             what.json.find("\"type\": \"bypass\"") != std::string::npos)
             bypasses++;
@@ -325,7 +325,7 @@ static std::string product_json(const replay_product &product, const std::string
                        state.c_str());
 }
 
-static std::string record_json(const machine_event &event)
+static std::string record_json(const event_record &event)
 {
     std::vector<std::string> strings;
 
@@ -368,7 +368,7 @@ static std::string sent_json(enum happening_kind kind)
 {
     std::vector<std::string> rows;
 
-    for (const happening &what : record_all())
+    for (const happening &what : journal_all())
         if (what.kind == kind)
             rows.push_back(
                 text_format("{\"ms\": %llu, ", static_cast<unsigned long long>(what.ms)) +
@@ -419,5 +419,5 @@ std::string replay_json(const replay_evidence &evidence, const replay_story &sto
            ",\n \"products\": " + array(products, ",\n  ") +
            ",\n \"reasons\": " + rows(story.reasons, reason_json) +
            ",\n \"decisions\": " + indexes(story.decisions) +
-           ",\n \"timeline\": " + rows(record_all(), view_json) + "}\n";
+           ",\n \"timeline\": " + rows(journal_all(), view_json) + "}\n";
 }

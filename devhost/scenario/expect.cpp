@@ -2,7 +2,7 @@
  * Expectations: each member of an "expect" looks at one side of what happened since the boot's
  * start or its last expectation.
  */
-#include "play.h"
+#include "expect.h"
 
 #include <oxni/base/ejs.h>
 
@@ -12,7 +12,9 @@
 #include "../machine/machine.h"
 #include "../text.h"
 #include "match.h"
-#include "record.h"
+#include "journal.h"
+#include "machine_setup.h"
+#include "products.h"
 
 struct expect_context {
     const struct scenario &scenario;
@@ -37,11 +39,11 @@ static void check(const expect_context &context, const std::string &why)
 
 static std::vector<const happening *> happenings(enum happening_kind kind)
 {
-    const std::vector<happening> &all = record_all();
+    const std::vector<happening> &all = journal_all();
     std::vector<const happening *> found;
 
     for (size_t i = s_from; i < all.size(); i++)
-        if (all[i].kind == kind && all[i].boot == record_boot())
+        if (all[i].kind == kind && all[i].boot == journal_boot())
             found.push_back(&all[i]);
     return found;
 }
@@ -288,7 +290,7 @@ static void check_keys(const expect_context &context)
 static void check_files(const expect_context &context)
 {
     for (const auto &member : context.value.GetObject()) {
-        std::wstring wide = evidence_place(member.name.GetString());
+        std::wstring wide = machine_setup_path(member.name.GetString());
         bool there = machine_file_exists(wide);
         bool wanted = !member.value.IsBool() || member.value.GetBool();
         std::string name = member.name.GetString();
@@ -302,7 +304,7 @@ static void check_files(const expect_context &context)
             continue;
         content = machine_read_real_file(machine_real_path(wide), EXIT_BAD_CALL);
         if (member.value.IsInt64())
-            content = std::to_string(evidence_record_count(content));
+            content = std::to_string(machine_setup_record_count(content));
         std::string expected = member.value.IsString() ? match_expand(member.value.GetString())
                                                        : node_to_text(member.value);
         if (!text_fits(content, expected))
@@ -380,7 +382,7 @@ void expect_check(const struct scenario &scenario, const std::string &where,
             row.check({scenario, where + "/" + row.member, *value, failures});
     }
     check_unexpected(scenario, where, expect, failures);
-    s_from = record_all().size();
+    s_from = journal_all().size();
     calls_reset_counts();
 }
 
@@ -389,11 +391,11 @@ void expect_no_complaints(const struct scenario &scenario, const std::string &wh
 {
     for (const happening *what : happenings(HAPPENED_COMPLAINT))
         failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
-    s_from = record_all().size();
+    s_from = journal_all().size();
 }
 
 void expect_start_boot(void)
 {
-    s_from = record_all().size();
+    s_from = journal_all().size();
     calls_reset_counts();
 }

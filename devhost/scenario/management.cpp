@@ -2,12 +2,13 @@
  * The management side of a scenario: the link, the console command that tells the known products,
  * and the resource that takes alarms.
  */
-#include "play.h"
+#include "management.h"
 
 #include <oxni/base/json.h>
 
 #include "../../platform/liboxni_core/host.h"
 #include "../text.h"
+#include "timeline.h"
 
 #define LINK_PATH  "/:broadcast/dbg/oxni/quality_opr"
 #define ALARM_PATH "/oxni/quality_opr"
@@ -47,7 +48,7 @@ static void answer_console(oxnih_request *call, const char *command_line, void *
     if (!s_management.silent)
         oxnih_dbg_answer(call, s_management.echo_error,
                          s_management.null_echo ? NULL : echo.c_str(),
-                         play_ms(s_management.echo_delay));
+                         timeline_ms(s_management.echo_delay));
 }
 
 static void answer_alarm(oxnih_request *request, json_t *message, void *user)
@@ -60,7 +61,7 @@ static void answer_alarm(oxnih_request *request, json_t *message, void *user)
         return;
     if (!s_management.answer.empty())
         answer = json_loadb(s_management.answer.data(), s_management.answer.size(), 0, NULL);
-    oxnih_res_answer(request, s_management.error, answer, play_ms(s_management.delay));
+    oxnih_res_answer(request, s_management.error, answer, timeline_ms(s_management.delay));
     json_decref(answer);
 }
 

@@ -1,5 +1,5 @@
 /* What the platform tells of plug-in, products and management side, recorded in words. */
-#include "play.h"
+#include "observe.h"
 
 #include <oxni/base/json.h>
 
@@ -7,7 +7,8 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../machine/machine.h"
 #include "../text.h"
-#include "record.h"
+#include "journal.h"
+#include "products.h"
 
 static void log_sink(int level, const char *line, void *user)
 {
@@ -16,13 +17,13 @@ static void log_sink(int level, const char *line, void *user)
     (void)user;
     while (!text.empty() && text.back() == '\n')
         text.pop_back();
-    record_add(HAPPENED_LOG, "plug-in", text, "", level);
+    journal_add(HAPPENED_LOG, "plug-in", text, "", level);
 }
 
 static void complaint_sink(const char *text, void *user)
 {
     (void)user;
-    record_add(HAPPENED_COMPLAINT, "platform", text);
+    journal_add(HAPPENED_COMPLAINT, "platform", text);
 }
 
 static std::string text_member(const json_t *object, const char *name)
@@ -77,21 +78,21 @@ static bool observe_product(const oxnih_event *event, const std::string &who,
                             const std::string &message)
 {
     switch (event->kind) {
-    case OXNIH_EVENT_LEFT: record_add(HAPPENED_LEFT, who, "unsubscribes"); return true;
+    case OXNIH_EVENT_LEFT: journal_add(HAPPENED_LEFT, who, "unsubscribes"); return true;
     case OXNIH_EVENT_TO_SERVICE:
-        record_add(HAPPENED_MESSAGE, who, message_words(event->message), message);
+        journal_add(HAPPENED_MESSAGE, who, message_words(event->message), message);
         return true;
     case OXNIH_EVENT_PUSHED:
         product_pushed(event->subscriber);
-        record_add(HAPPENED_COMMAND, "plug-in",
-                   "orders " + who + ": " + command_words(event->message), message, 0, who);
+        journal_add(HAPPENED_COMMAND, "plug-in",
+                    "orders " + who + ": " + command_words(event->message), message, 0, who);
         return true;
     case OXNIH_EVENT_REPLY:
         product_replied(event->subscriber);
-        record_add(HAPPENED_REPLY, who,
-                   event->error == 0 ? "got the order"
-                                     : text_format("is not reached, error %d", event->error),
-                   message, event->error);
+        journal_add(HAPPENED_REPLY, who,
+                    event->error == 0 ? "got the order"
+                                      : text_format("is not reached, error %d", event->error),
+                    message, event->error);
         return true;
     default: return false;
     }
@@ -109,35 +110,35 @@ static void observe(const oxnih_event *event, void *user)
         return;
     switch (event->kind) {
     case OXNIH_EVENT_REFUSED:
-        record_add(HAPPENED_REFUSED, who.empty() ? name : who, "is refused: " + text, message);
+        journal_add(HAPPENED_REFUSED, who.empty() ? name : who, "is refused: " + text, message);
         break;
     case OXNIH_EVENT_LINK:
-        record_add(HAPPENED_LINK, "management", event->error != 0 ? "link is up" : "link is down",
-                   "", event->error);
+        journal_add(HAPPENED_LINK, "management", event->error != 0 ? "link is up" : "link is down",
+                    "", event->error);
         break;
     case OXNIH_EVENT_REQUEST:
-        record_add(HAPPENED_UPLOAD, "plug-in", upload_words(name, event->message), message);
+        journal_add(HAPPENED_UPLOAD, "plug-in", upload_words(name, event->message), message);
         break;
     case OXNIH_EVENT_RESPONSE:
-        record_add(HAPPENED_RESPONSE, "management",
-                   event->error == 0 ? "answers " + message
-                                     : text_format("transport error %d", event->error),
-                   message, event->error);
+        journal_add(HAPPENED_RESPONSE, "management",
+                    event->error == 0 ? "answers " + message
+                                      : text_format("transport error %d", event->error),
+                    message, event->error);
         break;
-    case OXNIH_EVENT_EXEC: record_add(HAPPENED_ASKED, "plug-in", "asks: " + text); break;
+    case OXNIH_EVENT_EXEC: journal_add(HAPPENED_ASKED, "plug-in", "asks: " + text); break;
     case OXNIH_EVENT_EXEC_ANSWER:
-        record_add(HAPPENED_ASKED, "management",
-                   event->error == 0 ? "tells: " + text : text_format("error %d", event->error));
+        journal_add(HAPPENED_ASKED, "management",
+                    event->error == 0 ? "tells: " + text : text_format("error %d", event->error));
         break;
-    case OXNIH_EVENT_COMMAND: record_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
-    case OXNIH_EVENT_ECHO: record_add(HAPPENED_ECHO, "plug-in", text); break;
+    case OXNIH_EVENT_COMMAND: journal_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
+    case OXNIH_EVENT_ECHO: journal_add(HAPPENED_ECHO, "plug-in", text); break;
     default: break;
     }
 }
 
 static void engine_sink(const std::string &news)
 {
-    record_add(HAPPENED_STEP, "windows", "debugger engine " + news);
+    journal_add(HAPPENED_STEP, "windows", "debugger engine " + news);
 }
 
 void observe_platform(void)

@@ -1,10 +1,6 @@
 /* The boots of a scenario. */
 #include "play.h"
 
-#include <math.h>
-
-#include <map>
-
 #include "../../platform/liboxni_agentid/host.h"
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
@@ -12,7 +8,16 @@
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../text.h"
-#include "record.h"
+#include "agent_process.h"
+#include "expect.h"
+#include "machine_setup.h"
+#include "management.h"
+#include "observe.h"
+#include "products.h"
+#include "journal.h"
+#include "steps.h"
+#include "timeline.h"
+#include "windows_traces.h"
 
 /* Where the first boot begins when the scenario does not say: any working day. */
 #define DEFAULT_START       "2024-03-07T09:00:00Z"
@@ -20,9 +25,6 @@
 #define BOOT_SECONDS        600.0
 /* From the end of one run of Windows to the start of the next. */
 #define REBOOT_TICKS (60 * TICKS_PER_SECOND)
-
-/* What is to be done in this boot, by ms since its start. */
-static std::multimap<uint64_t, std::function<void()>> s_plan;
 
 /* The scenario that is played. */
 static struct {
@@ -36,75 +38,6 @@ static struct {
     std::vector<std::string> failures;
 } s_play;
 
-void play_at(uint64_t ms, std::function<void()> action)
-{
-    s_plan.emplace(ms, std::move(action));
-}
-
-uint64_t play_now_ms(void)
-{
-    return oxnih_clock_tick_ms();
-}
-
-uint64_t play_ms(double seconds)
-{
-    return static_cast<uint64_t>(llround(seconds * 1000.0));
-}
-
-uint64_t play_time(const struct scenario &scenario, const std::string &where,
-                   const json_value *value, uint64_t missing)
-{
-    uint64_t time;
-
-    if (value == NULL)
-        return missing;
-    if (value->IsNumber()) {
-        int64_t ticks = static_cast<int64_t>(value->GetDouble() * TICKS_PER_SECOND);
-
-        return machine_get().boot_100ns + static_cast<uint64_t>(ticks);
-    }
-    if (!value->IsString() || !time_parse(value->GetString(), &time))
-        scenario_bad(scenario, where, "expected a time such as 2024-03-07T09:05:41Z, or seconds");
-    return time;
-}
-
-void play_start_agent(void)
-{
-    if (agent_state_get() == AGENT_RUNNING)
-        return;
-    record_add(HAPPENED_AGENT, "agent", "starts and loads the plug-in");
-    agent_start();
-    if (agent_state_get() == AGENT_EXITED) {
-        agent_stop();
-        record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
-        return;
-    }
-    management_agent_started();
-    products_agent_started();
-}
-
-void play_stop_agent(const std::string &why)
-{
-    if (agent_state_get() != AGENT_RUNNING)
-        return;
-    /* Told while everything is still there to be looked at. */
-    record_add(HAPPENED_AGENT, "agent", why);
-    agent_stop();
-    products_agent_stopped();
-}
-
-/* Delivers everything up to that tick; an agent that ends itself on the way is told once. */
-static void deliver_until(uint64_t ms)
-{
-    bool was_running = agent_state_get() == AGENT_RUNNING;
-
-    agent_run_until(ms > play_now_ms() ? ms : play_now_ms());
-    if (was_running && agent_state_get() == AGENT_EXITED) {
-        products_agent_stopped();
-        record_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
-    }
-}
-
 /* When this boot begins. last_end: FILETIME at which the run before it ended, 0 for the first. */
 static uint64_t boot_start(const struct scenario &scenario, const std::string &where,
                            const json_value &boot, uint64_t last_end)
@@ -114,7 +47,8 @@ static uint64_t boot_start(const struct scenario &scenario, const std::string &w
 
     if (s_play.options.real_time) {
         oxnih_clock_real(0);
-        return oxnih_clock_now_100ns() - play_ms(node_number_of(&boot, "uptime", 0)) * TICKS_PER_MS;
+        return oxnih_clock_now_100ns() -
+               timeline_ms(node_number_of(&boot, "uptime", 0)) * TICKS_PER_MS;
     }
     if (at.empty())
         return last_end + REBOOT_TICKS;
@@ -126,7 +60,7 @@ static uint64_t boot_start(const struct scenario &scenario, const std::string &w
 static void start_windows(const json_value &boot, const struct play_options &options,
                           uint64_t start)
 {
-    uint64_t uptime = play_ms(node_number_of(&boot, "uptime", 0));
+    uint64_t uptime = timeline_ms(node_number_of(&boot, "uptime", 0));
     std::string about = node_text_of(&boot, "about", "");
 
     machine_boot(start);
@@ -137,9 +71,9 @@ static void start_windows(const json_value &boot, const struct play_options &opt
     calls_clear_failures();
     oxnih_memory_fail(0, 0);
     expect_start_boot();
-    record_add(HAPPENED_BOOT, "windows",
-               text_format("boot %d starts at ", record_boot()) + time_iso(start) +
-                   (about.empty() ? "" : ": " + about));
+    journal_add(HAPPENED_BOOT, "windows",
+                text_format("boot %d starts at ", journal_boot()) + time_iso(start) +
+                    (about.empty() ? "" : ": " + about));
 }
 
 /* Before anything is played: a mistake should not show hours into a run. A step behind the end of
@@ -170,37 +104,37 @@ static void run_step(const struct scenario &scenario, const std::string &where,
     } catch (const devhost_error &error) {
         if (!s_play.options.skip_impossible || error.status != EXIT_BAD_CALL)
             throw;
-        record_add(HAPPENED_STEP, "windows", std::string("cannot be done: ") + error.what());
+        journal_add(HAPPENED_STEP, "windows", std::string("cannot be done: ") + error.what());
     }
 }
 
 static void plan_boot(const struct scenario &scenario, const std::string &where,
                       const json_value &boot)
 {
-    uint64_t begin = play_now_ms();
+    uint64_t begin = timeline_now_ms();
     size_t index = 0;
 
     if (!node_is_null(&boot, "agent_start"))
-        play_at(begin + play_ms(node_number_of(&boot, "agent_start", AGENT_START_SECONDS)),
-                play_start_agent);
+        timeline_at(begin + timeline_ms(node_number_of(&boot, "agent_start", AGENT_START_SECONDS)),
+                    agent_process_start);
     for (const json_value *step : node_elements(&boot, "steps")) {
         std::string place = where + "/steps/" + std::to_string(index++);
 
-        play_at(play_ms(node_number_of(step, "at", 0)),
-                [&scenario, place, step] { run_step(scenario, place, *step); });
+        timeline_at(timeline_ms(node_number_of(step, "at", 0)),
+                    [&scenario, place, step] { run_step(scenario, place, *step); });
     }
 }
 
 static void end_windows(const std::string &ends)
 {
     if (ends == "clean") {
-        play_stop_agent("stops, Windows shuts down");
-        evidence_clean_shutdown();
-        record_add(HAPPENED_END, "windows", "shuts down");
+        agent_process_stop("stops, Windows shuts down");
+        windows_traces_shutdown();
+        journal_add(HAPPENED_END, "windows", "shuts down");
     } else {
-        play_stop_agent("is gone");
-        record_add(HAPPENED_END, "windows",
-                   ends == "blue_screen" ? "crashes with a blue screen" : "loses power");
+        agent_process_stop("is gone");
+        journal_add(HAPPENED_END, "windows",
+                    ends == "blue_screen" ? "crashes with a blue screen" : "loses power");
     }
 }
 
@@ -208,7 +142,7 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
 {
     const json_value *before = node_member(&scenario.document, "before");
 
-    s_plan.clear();
+    timeline_clear();
     s_play = {&scenario,
               options,
               node_elements(&scenario.document, "boots"),
@@ -219,8 +153,8 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
               {}};
     for (size_t boot = 0; boot < s_play.boots.size(); boot++)
         check_steps(scenario, "/boots/" + std::to_string(boot), *s_play.boots[boot]);
-    record_clear();
-    record_set_folder(options.run_folder, "<run>");
+    journal_clear();
+    journal_set_folder(options.run_folder, "<run>");
     machine_open(text_wide(options.run_folder));
     agent_open(options.run_folder, options.plugin_path);
     oxnih_clock_set_zone(NULL);
@@ -244,33 +178,32 @@ bool play_begin_boot(void)
     uint64_t start = boot_start(scenario, where, *boot, s_play.last_end);
 
     s_play.number++;
-    record_set_boot(static_cast<int>(s_play.number));
+    journal_set_boot(static_cast<int>(s_play.number));
     start_windows(*boot, s_play.options, start);
     if (s_play.number == 1 && node_member(root, "machine") != NULL)
-        evidence_set_machine(scenario, "/machine", *node_member(root, "machine"));
+        machine_setup_apply(scenario, "/machine", *node_member(root, "machine"));
     if (machine != NULL)
-        evidence_set_machine(scenario, where + "/machine", *machine);
-    evidence_plan_boot(scenario, boot, s_play.ended, s_play.crash, s_play.last_end);
+        machine_setup_apply(scenario, where + "/machine", *machine);
+    windows_traces_plan(scenario, boot, s_play.ended, s_play.crash, s_play.last_end);
     plan_boot(scenario, where, *boot);
     return true;
 }
 
 void play_run_until(uint64_t end_ms)
 {
-    while (!s_plan.empty() && s_plan.begin()->first <= end_ms) {
-        uint64_t ms = s_plan.begin()->first;
-        std::function<void()> action = std::move(s_plan.begin()->second);
+    std::function<void()> action;
+    uint64_t ms;
 
-        s_plan.erase(s_plan.begin());
-        deliver_until(ms);
+    while (timeline_take(end_ms, &ms, &action)) {
+        agent_process_run_until(ms);
         action();
     }
-    deliver_until(end_ms);
+    agent_process_run_until(end_ms);
 }
 
 uint64_t play_boot_end_ms(void)
 {
-    return play_ms(node_number_of(s_play.boots[s_play.number - 1], "until", BOOT_SECONDS));
+    return timeline_ms(node_number_of(s_play.boots[s_play.number - 1], "until", BOOT_SECONDS));
 }
 
 void play_end_boot(void)
@@ -281,7 +214,7 @@ void play_end_boot(void)
     if (expect != NULL)
         expect_check(*s_play.scenario, "/boots/" + std::to_string(s_play.number - 1) + "/expect",
                      *expect, s_play.failures);
-    s_plan.clear();
+    timeline_clear();
     s_play.ended = node_text_of(boot, "ends", "clean");
     s_play.crash = node_member(boot, "crash");
     end_windows(s_play.ended);
@@ -292,7 +225,7 @@ void play_end_boot(void)
 
 std::vector<std::string> play_close(void)
 {
-    s_plan.clear();
+    timeline_clear();
     oxnih_memory_fail(0, 0);
     agent_stop();
     return std::move(s_play.failures);

@@ -2,7 +2,7 @@
  * The products of a scenario: agent modules that register with the plug-in, keep their own status
  * and count over restarts, and answer commands.
  */
-#include "play.h"
+#include "products.h"
 
 #include <list>
 #include <map>
@@ -14,7 +14,8 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../agent.h"
 #include "../text.h"
-#include "record.h"
+#include "journal.h"
+#include "timeline.h"
 
 #define REGISTER_SECONDS 5.0
 #define ANSWER_SECONDS   1.0
@@ -86,7 +87,7 @@ static void push_text(product &product, const std::string &text)
 
     if (message == NULL || product.subscriber == NULL ||
         oxni_subscriber_pushforward(product.subscriber, message, NULL, NULL) != 0)
-        record_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
+        journal_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
     json_decref(message);
 }
 
@@ -114,9 +115,9 @@ static void answer_now(void *user)
     product &product = product_find(answer->key);
 
     if (product.status != answer->status || product.count != answer->count)
-        record_add(HAPPENED_STATE, product.key,
-                   text_format("is %s now, count %lld", answer->status.c_str(),
-                               static_cast<long long>(answer->count)));
+        journal_add(HAPPENED_STATE, product.key,
+                    text_format("is %s now, count %lld", answer->status.c_str(),
+                                static_cast<long long>(answer->count)));
     product.status = answer->status;
     product.count = answer->count;
     if (answer->tells)
@@ -134,7 +135,7 @@ static void plan_answer(const product &product, const std::string &command, int6
         {product.key, node_text_of(said, "status", usual_status(command, product)),
          node_integer_of(said, "count", command == "set_count" ? count : product.count),
          command != "set_count" || said != NULL});
-    oxnih_core_post(play_ms(node_number_of(said, "after", ANSWER_SECONDS)), answer_now,
+    oxnih_core_post(timeline_ms(node_number_of(said, "after", ANSWER_SECONDS)), answer_now,
                     &s_answers.back());
 }
 
@@ -152,7 +153,7 @@ static void product_cb(oxni_subscriber *subscriber, uint32_t event, void *arg, j
     if (reason != NULL && std::string(reason) != "none")
         product->last_command += std::string(" because of ") + reason;
     product->last_command +=
-        " at " + time_span(play_now_ms()) + " of boot " + std::to_string(record_boot());
+        " at " + time_span(timeline_now_ms()) + " of boot " + std::to_string(journal_boot());
     plan_answer(*product, type, json_integer_value(json_object_get(message, "count")));
 }
 
@@ -161,8 +162,9 @@ static void apply_delivery(const product &product)
     if (product.subscriber == NULL)
         return;
     oxnih_subscriber_set_unreachable(product.subscriber, product.unreachable);
-    oxnih_subscriber_set_reply_delay(
-        product.subscriber, product.reply_delay < 0 ? UINT64_MAX : play_ms(product.reply_delay));
+    oxnih_subscriber_set_reply_delay(product.subscriber, product.reply_delay < 0
+                                                             ? UINT64_MAX
+                                                             : timeline_ms(product.reply_delay));
 }
 
 /* Takes over the members that are given. */
@@ -220,7 +222,7 @@ void products_agent_started(void)
         std::string key = product.key;
 
         if (product.registers >= 0)
-            play_at(play_now_ms() + play_ms(product.registers), [key] {
+            timeline_at(timeline_now_ms() + timeline_ms(product.registers), [key] {
                 if (agent_state_get() == AGENT_RUNNING)
                     product_register(key);
             });

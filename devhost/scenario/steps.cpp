@@ -1,5 +1,5 @@
 /* The steps of a scenario: one table, a row for each thing that can be done. */
-#include "play.h"
+#include "steps.h"
 
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
@@ -7,7 +7,13 @@
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../text.h"
-#include "record.h"
+#include "journal.h"
+#include "agent_process.h"
+#include "expect.h"
+#include "machine_setup.h"
+#include "management.h"
+#include "products.h"
+#include "timeline.h"
 
 struct step_context {
     const struct scenario &scenario;
@@ -19,7 +25,7 @@ struct step_context {
 
 static void say(const std::string &text)
 {
-    record_add(HAPPENED_STEP, "windows", text);
+    journal_add(HAPPENED_STEP, "windows", text);
 }
 
 static void step_agent(const step_context &context)
@@ -27,9 +33,9 @@ static void step_agent(const step_context &context)
     std::string what = context.value.GetString();
 
     if (what != "start")
-        play_stop_agent(what == "stop" ? "stops" : "stops to start again");
+        agent_process_stop(what == "stop" ? "stops" : "stops to start again");
     if (what != "stop")
-        play_start_agent();
+        agent_process_start();
 }
 
 /* Throws when the agent's modules cannot do anything: its process is not there. */
@@ -101,17 +107,17 @@ static void step_event(const step_context &context)
     say(text_format("logs event %u of %s",
                     static_cast<unsigned>(node_integer_of(&context.value, "id", 0)) & 0xffff,
                     node_text_of(&context.value, "source", "").c_str()));
-    evidence_add_event(context.scenario, context.where + "/event", context.value);
+    machine_setup_event(context.scenario, context.where + "/event", context.value);
 }
 
 static void step_file(const step_context &context)
 {
-    evidence_add_file(context.scenario, context.where + "/file", context.value);
+    machine_setup_file(context.scenario, context.where + "/file", context.value);
 }
 
 static void step_delete_file(const step_context &context)
 {
-    machine_delete_file(evidence_place(context.value.GetString()));
+    machine_delete_file(machine_setup_path(context.value.GetString()));
     say(std::string("file ") + context.value.GetString() + " is deleted");
 }
 
@@ -122,8 +128,8 @@ static void step_copy_file(const step_context &context)
     uint64_t now = oxnih_clock_now_100ns();
 
     machine_write_file(
-        evidence_place(to),
-        machine_read_real_file(machine_real_path(evidence_place(context.value.GetString())),
+        machine_setup_path(to),
+        machine_read_real_file(machine_real_path(machine_setup_path(context.value.GetString())),
                                EXIT_BAD_CALL),
         now, now);
     say(std::string("file ") + context.value.GetString() + " is copied to " + to);
@@ -131,7 +137,7 @@ static void step_copy_file(const step_context &context)
 
 static void step_registry(const step_context &context)
 {
-    evidence_set_value(context.scenario, context.where + "/registry", context.value);
+    machine_setup_value(context.scenario, context.where + "/registry", context.value);
     say("registry value " + node_text_of(&context.value, "name", "") + " is set");
 }
 
@@ -150,12 +156,12 @@ static void step_delete_key(const step_context &context)
 
 static void step_machine(const step_context &context)
 {
-    evidence_set_machine(context.scenario, context.where + "/machine", context.value);
+    machine_setup_apply(context.scenario, context.where + "/machine", context.value);
 }
 
 static void step_clock(const step_context &context)
 {
-    uint64_t now = play_time(context.scenario, context.where + "/clock", &context.value, 0);
+    uint64_t now = timeline_time(context.scenario, context.where + "/clock", &context.value, 0);
 
     if (!oxnih_clock_is_simulated())
         scenario_bad(context.scenario, context.where + "/clock",

@@ -3,7 +3,7 @@
 
 #include <string.h>
 
-#include "../scenario/record.h"
+#include "../scenario/journal.h"
 #include "../text.h"
 #include "view.h"
 
@@ -111,7 +111,7 @@ static const line_row s_lines[] = {
 /* The record that a question to the log ended at. */
 struct seen_record {
     size_t happening; /* the plug-in's line */
-    machine_event event;
+    event_record event;
 };
 
 static std::vector<seen_record> s_records;
@@ -158,12 +158,12 @@ static std::string filled(const char *sentence, const std::vector<std::string> &
 static void note_record(size_t happening, const std::vector<std::string> &values)
 {
     const machine_read read = machine_last_read();
-    const std::vector<machine_event> &events = machine_get().events;
+    const std::vector<event_record> &events = machine_get().events;
     const std::wstring source = text_wide(values[2]);
     const uint32_t id = static_cast<uint32_t>(strtoul(values[0].c_str(), NULL, 10));
 
     for (size_t i = events.size(); i > 0; i--) {
-        const machine_event &event = events[i - 1];
+        const event_record &event = events[i - 1];
 
         if (event.number <= read.newest && event.number >= read.oldest &&
             (event.id & 0xffff) == id && event.source == source) {
@@ -196,7 +196,7 @@ static void watch(const happening &what, void *user)
     if (line == CHECK_BEGINS)
         s_begun++;
     else if (captures(line, RECORD_LINE, &values))
-        note_record(record_all().size() - 1, values);
+        note_record(journal_all().size() - 1, values);
     else if (verdict_of(line) != NULL)
         s_ended++;
 }
@@ -205,7 +205,7 @@ void explain_start(void)
 {
     s_records.clear();
     s_begun = s_ended = 0;
-    record_set_view(watch, NULL);
+    journal_set_view(watch, NULL);
 }
 
 size_t explain_begun(void)
@@ -222,7 +222,7 @@ size_t explain_ended(void)
 static void add_reason(replay_story *story, enum reason_topic topic, size_t index,
                        const std::string &text)
 {
-    const happening &what = record_all()[index];
+    const happening &what = journal_all()[index];
 
     for (replay_reason &reason : story->reasons)
         if (reason.topic == topic && reason.text == text) {
@@ -236,14 +236,14 @@ static void add_reason(replay_story *story, enum reason_topic topic, size_t inde
 
 static void add_record(replay_story *story, const seen_record &seen, const std::string &word)
 {
-    const machine_event &event = seen.event;
+    const event_record &event = seen.event;
     std::string text =
         text_format("stops reading at record %u, %s %u (%s), written %s", event.number,
                     text_narrow(event.source).c_str(), event.id & 0xffff, word.c_str(),
                     time_iso(time_of_unix(event.time)).c_str());
 
     add_reason(story, REASON_LOG, seen.happening, text);
-    for (const machine_event &known : story->records)
+    for (const event_record &known : story->records)
         if (known.number == event.number)
             return;
     story->records.push_back(event);
@@ -314,7 +314,7 @@ static void explain_call(replay_story *story, size_t index, const std::string &c
 
 std::vector<size_t> explain_decisions(void)
 {
-    const std::vector<happening> &all = record_all();
+    const std::vector<happening> &all = journal_all();
     std::vector<size_t> decisions;
     std::vector<std::string> values;
 
@@ -331,7 +331,7 @@ std::vector<size_t> explain_decisions(void)
 
 replay_story explain_story(void)
 {
-    const std::vector<happening> &all = record_all();
+    const std::vector<happening> &all = journal_all();
     replay_story story;
     size_t record = 0;
 

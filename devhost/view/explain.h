@@ -38,7 +38,7 @@ struct replay_reason {
     uint64_t last_ms;
     unsigned times; /* that it did so */
     std::string text;
-    std::vector<size_t> because; /* indexes in record_all() */
+    std::vector<size_t> because; /* indexes in journal_all() */
 };
 
 struct replay_frame {
@@ -50,11 +50,11 @@ struct replay_story {
     enum replay_verdict verdict = VERDICT_NONE;
     std::string blamed; /* module; empty: nobody */
     std::vector<replay_reason> reasons;
-    std::vector<machine_event> records; /* that a question to the log ended at, each once */
-    std::string dump;                   /* that the engine was given last; empty: none */
+    std::vector<event_record> records; /* that a question to the log ended at, each once */
+    std::string dump;                  /* that the engine was given last; empty: none */
     std::vector<replay_frame> stack;
     std::vector<std::string> crash_modules; /* the plug-in's own names for those of nobody */
-    std::vector<size_t> decisions;          /* indexes in record_all() of verdicts and blames */
+    std::vector<size_t> decisions;          /* indexes in journal_all() of verdicts and blames */
 };
 
 /* Watches what happens from here on, and hands it to the view. Once a run, before it is played. */
@@ -64,7 +64,7 @@ size_t explain_begun(void);
 size_t explain_ended(void);
 /* What was seen since the start. */
 replay_story explain_story(void);
-/* The indexes in record_all() of verdicts and blames alone. */
+/* The indexes in journal_all() of verdicts and blames alone. */
 std::vector<size_t> explain_decisions(void);
 
 const char *explain_verdict_name(enum replay_verdict verdict);

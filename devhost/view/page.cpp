@@ -1,7 +1,7 @@
 /* Pages: the template with the data in it. */
 #include "page.h"
 
-#include "../scenario/record.h"
+#include "../scenario/journal.h"
 #include "../text.h"
 #include "explain.h"
 #include "view.h"
@@ -42,7 +42,7 @@ std::string page_of_run(const std::string &file, const std::string &name,
 {
     std::string timeline, decisions;
 
-    for (const happening &what : record_all())
+    for (const happening &what : journal_all())
         timeline += (timeline.empty() ? "" : ",\n") + view_json(what);
     for (const size_t index : explain_decisions())
         decisions += (decisions.empty() ? "" : ", ") + std::to_string(index);

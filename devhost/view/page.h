@@ -11,7 +11,7 @@
 /* The page of a replay. json: what replay_json gives. */
 std::string page_of_replay(const std::string &json);
 
-/* The page of a scenario that was just played, of everything in record_all(). failures: what did
+/* The page of a scenario that was just played, of everything in journal_all(). failures: what did
  * not hold. */
 std::string page_of_run(const std::string &file, const std::string &name,
                         const std::vector<std::string> &summary,

@@ -47,7 +47,7 @@ std::string view_json(const happening &what)
     return text_format("{\"boot\": %d, \"ms\": %llu, \"time\": \"%s\", \"kind\": \"%s\", "
                        "\"who\": ",
                        what.boot, static_cast<unsigned long long>(what.ms),
-                       time_iso(what.now, true).c_str(), record_kind_name(what.kind)) +
+                       time_iso(what.now, true).c_str(), journal_kind_name(what.kind)) +
            text_quoted(what.who) + ", \"text\": " +
            /* A line of the plug-in may be cut within a character; JSON is whole. */
            text_quoted(text_narrow(text_wide(what.text))) +

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "../scenario/record.h"
+#include "../scenario/journal.h"
 
 struct view_options {
     int log_level; /* plug-in lines up to this enum oxni_log_level are shown; -1: none */
@@ -24,7 +24,7 @@ void view_start(const std::string &file, const std::string &name);
 /* A happening as a JSON object on one line. */
 std::string view_json(const happening &what);
 
-/* A record_view_fn. */
+/* A journal_view_fn. */
 void view_happening(const happening &what, void *user);
 
 /* The end of a scenario: who is in which state and why, and what did not hold. */

@@ -20,8 +20,11 @@
 #include "agent.h"
 #include "machine/imports.h"
 #include "machine/machine.h"
+#include "scenario/agent_process.h"
 #include "scenario/play.h"
-#include "scenario/record.h"
+#include "scenario/products.h"
+#include "scenario/timeline.h"
+#include "scenario/journal.h"
 #include "session.h"
 #include "text.h"
 #include "harness/jobs.h"
@@ -302,19 +305,19 @@ static void take_over(const crash_point_run &run)
 /* One slice; result: whether the agent ended in it or at its end. at: where it is to be. */
 static bool play_slice(enum ending ending, moment *at)
 {
-    uint64_t begin = play_now_ms(), end = std::min(play_boot_end_ms(), begin + SLICE_MS);
-    bool here = record_boot() == at->boot && begin == at->begin_ms;
+    uint64_t begin = timeline_now_ms(), end = std::min(play_boot_end_ms(), begin + SLICE_MS);
+    bool here = journal_boot() == at->boot && begin == at->begin_ms;
 
     if (here && ending == ENDS_BEFORE_SLICE)
-        play_stop_agent("is ended");
+        agent_process_stop("is ended");
     play_run_until(end);
     if (here && ending == ENDS_BEHIND_SLICE)
-        play_stop_agent("is ended");
+        agent_process_stop("is ended");
     if (ending != ENDS_AT_OPERATION)
         return here;
     if (s_ops.at == 0 || s_ops.count < s_ops.at)
         return false;
-    *at = {record_boot(), begin};
+    *at = {journal_boot(), begin};
     take_over(*s_run);
     return true;
 }
@@ -331,12 +334,12 @@ static std::string play_all_boots(const struct scenario &scenario, const std::st
     play_open(scenario, {folder, plugin_path, false, true});
     oxnih_log_set_sink(NULL, NULL);
     while (play_begin_boot()) {
-        while (play_now_ms() < play_boot_end_ms()) {
+        while (timeline_now_ms() < play_boot_end_ms()) {
             if (ended) {
                 play_run_until(play_boot_end_ms());
             } else if (play_slice(ending, at)) {
                 ended = true;
-                play_at(play_now_ms() + RESTART_MS, play_start_agent);
+                timeline_at(timeline_now_ms() + RESTART_MS, agent_process_start);
             }
         }
         play_end_boot();

@@ -6,7 +6,7 @@
 #include "liboxnibase/host.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
-#include "scenario/play.h"
+#include "scenario/products.h"
 #include "text.h"
 
 /* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so

@@ -20,7 +20,9 @@
 #include "machine/memory_disk.h"
 #include "../plugin_image.h"
 #include "scenario/play.h"
-#include "scenario/record.h"
+#include "scenario/products.h"
+#include "scenario/timeline.h"
+#include "scenario/journal.h"
 #include "session.h"
 #include "text.h"
 #include "view/view.h"
@@ -71,7 +73,7 @@ static uint64_t failed_uploads(void)
 {
     uint64_t told = calls_failed("oxnir_rsp_get_errno"), failed = 0;
 
-    for (const happening &what : record_all()) {
+    for (const happening &what : journal_all()) {
         if (what.kind == HAPPENED_AGENT && what.text.rfind("starts", 0) == 0)
             failed = 0;
         failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
@@ -94,7 +96,7 @@ static void note_complaints(course &course)
 {
     std::map<std::string, size_t> left;
 
-    for (const happening &what : record_all()) {
+    for (const happening &what : journal_all()) {
         if (what.kind == HAPPENED_AGENT)
             left.clear();
         if (what.kind == HAPPENED_LEFT)
@@ -135,7 +137,7 @@ static bool is_compared(const happening &what)
 
 static void note_afterwards(course &course, int boot)
 {
-    for (const happening &what : record_all())
+    for (const happening &what : journal_all())
         if (what.boot == boot && is_compared(what))
             course.afterwards.push_back(time_span(what.ms) + " " + what.who + " " + what.whom +
                                         without_count(what));
@@ -201,13 +203,13 @@ static void run_boot(const failure_list &failures)
     bool forever = failures.size() == 1 && failures[0]->times == 0;
     uint64_t failed = allocations(true);
 
-    while (forever && play_now_ms() + SETTLE_MS < play_boot_end_ms()) {
+    while (forever && timeline_now_ms() + SETTLE_MS < play_boot_end_ms()) {
         bool begun = failures[0]->way == FAILS_ALLOCATION ? allocations(true) > failed
                      : failures[0]->way == FAILS_CALL
                          ? calls_count(failures[0]->call) >= failures[0]->nth
                          : false;
 
-        play_run_until(play_now_ms() + SETTLE_MS);
+        play_run_until(timeline_now_ms() + SETTLE_MS);
         if (begun)
             return;
     }
@@ -263,7 +265,7 @@ static course play(const file_sweep &sweep, const struct scenario &scenario,
     s_lost.clear();
     try {
         play_open(scenario, {sweep.folder.path, sweep.options.plugin_path, false, true});
-        if (record_view() == NULL)
+        if (journal_view() == NULL)
             oxnih_log_set_sink(NULL, NULL); /* nobody reads the lines */
         play_boots(course, scenario, failures);
     } catch (const devhost_error &error) {
@@ -328,7 +330,7 @@ static failure_list run_failures(file_sweep &sweep, const boot_sweep &now,
 
     watch_try(again, sweep.index);
     if (sweep.options.only >= 0)
-        record_set_view(view_happening, NULL);
+        journal_set_view(view_happening, NULL);
     course disturbed = play(sweep, now.scenario, failures);
     std::vector<std::string> found = violations(now.plain, disturbed);
 
@@ -463,7 +465,7 @@ static int fault_runs_part(const struct fault_options &options)
     heap_open();
     image_keep_mapped(!options.reload);
     watch_open(HANG_SECONDS);
-    record_set_view(NULL, NULL);
+    journal_set_view(NULL, NULL);
     agent_watch_end(look_for_leaks);
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
     memory_disk_open(text_wide(folder.path));

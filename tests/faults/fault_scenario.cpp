@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "scenario/play.h"
+#include "scenario/products.h"
 
 /* The machine as it is without faults, whatever the scenario has made of it. */
 static const char s_afterwards[] = R"({

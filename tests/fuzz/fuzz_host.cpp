@@ -17,8 +17,11 @@
 #include "agent.h"
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
+#include "scenario/agent_process.h"
 #include "scenario/play.h"
-#include "scenario/record.h"
+#include "scenario/products.h"
+#include "scenario/timeline.h"
+#include "scenario/journal.h"
 #include "harness/leaks.h"
 #include "text.h"
 
@@ -56,7 +59,7 @@ static void look_through(const void *plugin)
 {
     uint64_t failed = 0;
 
-    for (const happening &what : record_all())
+    for (const happening &what : journal_all())
         failed += what.kind == HAPPENED_RESPONSE && what.number != 0;
     for (const std::string &lost : leaks_of_agent(plugin, failed))
         violated(lost);
@@ -141,13 +144,13 @@ static void start_afresh(enum disk disk, uint64_t period, chance &chance)
         blame();
     if (disk == DISK_ODD)
         put_odd_documents(chance);
-    play_start_agent();
+    agent_process_start();
     play_run_until(10000);
 }
 
 static void open_host(void)
 {
-    record_set_view(NULL, NULL);
+    journal_set_view(NULL, NULL);
     agent_watch_end(look_through);
 }
 
@@ -239,9 +242,9 @@ static void pass_time(chance &chance)
 {
     static const uint64_t spans[] = {0, 0, 0, 10, 1000, 5000};
 
-    play_run_until(play_now_ms() + chance.of(spans));
+    play_run_until(timeline_now_ms() + chance.of(spans));
     if (chance.one_in(100))
-        play_run_until(play_now_ms() + 400000);
+        play_run_until(timeline_now_ms() + 400000);
     if (agent_state_get() != AGENT_RUNNING)
         violated("the agent does not run any more");
 }
@@ -332,9 +335,9 @@ static void try_answer(chance &chance, uint64_t number)
     if (s_subscribers.size() > 4)
         leave(0);
     oxnih_res_set_state(LINK_PATH, static_cast<int32_t>(chance.below(4)));
-    play_run_until(play_now_ms() + chance.below(4000));
+    play_run_until(timeline_now_ms() + chance.below(4000));
     if (chance.one_in(30))
-        play_run_until(play_now_ms() + 130000);
+        play_run_until(timeline_now_ms() + 130000);
     if (agent_state_get() != AGENT_RUNNING)
         violated("the agent does not run any more");
     s_answers = NULL;

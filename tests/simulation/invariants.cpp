@@ -18,7 +18,7 @@
 #include "agent.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
-#include "scenario/record.h"
+#include "scenario/journal.h"
 #include "harness/leaks.h"
 #include "text.h"
 #include "model.h"
@@ -33,7 +33,7 @@ static simulate_finding s_finding;
 static void broken(const char *rule, const std::string &what)
 {
     if (s_finding.rule.empty())
-        s_finding = {rule, what, oxnih_clock_tick_ms(), record_boot()};
+        s_finding = {rule, what, oxnih_clock_tick_ms(), journal_boot()};
 }
 
 /* Builds the text only when the rule is broken: rules are checked some hundred times a boot. */
@@ -537,7 +537,7 @@ void rules_open(void)
     model_agent = {};
     model_machine = {};
     s_finding = {};
-    record_set_view(look, NULL);
+    journal_set_view(look, NULL);
     agent_watch_end(check_leaks);
     oxnih_core_set_observer(observe, NULL);
     oxnih_set_complaint(complain, NULL);
@@ -561,5 +561,5 @@ void rules_close(void)
     for (const auto &row : s_watches)
         calls_set_watch(row.name, NULL);
     agent_watch_end(NULL);
-    record_set_view(NULL, NULL);
+    journal_set_view(NULL, NULL);
 }

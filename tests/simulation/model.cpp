@@ -7,6 +7,7 @@
 
 #include "liboxnibase/host.h"
 #include "agent.h"
+#include "evidence/system_events.h"
 #include "machine/machine.h"
 #include "text.h"
 
@@ -62,10 +63,10 @@ bool model_tag_exists(void)
 
 /* Newest record of either event; NULL when there is none or the log could not be opened. query: how
  * many were made before in this delivery. */
-static const machine_event *newest(uint32_t id, const wchar_t *source, uint32_t other,
-                                   const wchar_t *other_source, size_t query)
+static const event_record *newest(uint32_t id, const wchar_t *source, uint32_t other,
+                                  const wchar_t *other_source, size_t query)
 {
-    const std::vector<machine_event> &events = machine_get().events;
+    const std::vector<event_record> &events = machine_get().events;
 
     if (query >= model_agent.now.logs.size() || !model_agent.now.logs[query])
         return NULL;
@@ -76,7 +77,7 @@ static const machine_event *newest(uint32_t id, const wchar_t *source, uint32_t 
     return NULL;
 }
 
-static bool is_event(const machine_event *event, uint32_t id)
+static bool is_event(const event_record *event, uint32_t id)
 {
     return event != NULL && (event->id & 0xffff) == id;
 }
@@ -313,25 +314,28 @@ int model_polls_at_start(void)
 
 enum verdict model_poll(chain &chain)
 {
-    static const wchar_t start[] = L"Microsoft-Windows-Kernel-General";
-    const machine_event *event;
+    const event_record *event;
 
     if (!chain.logon_seen && chain.left >= 1) {
         chain.left--;
-        event = newest(7001, L"Microsoft-Windows-Winlogon", 7001, L"", 0);
+        event = newest(EVENT_LOGON, SOURCE_WINLOGON, EVENT_LOGON, L"", 0);
         chain.logon_seen =
-            is_event(event, 7001) &&
+            is_event(event, EVENT_LOGON) &&
             machine_get().boot_100ns <= (event->time + UNIX_EPOCH_SECONDS) * TICKS_PER_SECOND;
         return VERDICT_NOT_YET;
     }
     chain.logon_seen = true;
-    if (is_event(newest(1001, L"BugCheck", 12, start, 0), 1001))
+    if (is_event(newest(EVENT_BUG_CHECK, SOURCE_BUG_CHECK, EVENT_WINDOWS_START,
+                        SOURCE_KERNEL_GENERAL, 0),
+                 EVENT_BUG_CHECK))
         return VERDICT_CRASH;
     if (chain.left >= 1) {
         chain.left--;
         return VERDICT_NOT_YET;
     }
-    return is_event(newest(41, L"Microsoft-Windows-Kernel-Power", 12, start, 1), 41)
+    return is_event(newest(EVENT_UNEXPECTED_SHUTDOWN, SOURCE_KERNEL_POWER, EVENT_WINDOWS_START,
+                           SOURCE_KERNEL_GENERAL, 1),
+                    EVENT_UNEXPECTED_SHUTDOWN)
                ? VERDICT_POWER
                : VERDICT_NORMAL;
 }

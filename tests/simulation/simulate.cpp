@@ -19,7 +19,7 @@
 #include "machine/memory_disk.h"
 #include "../plugin_image.h"
 #include "scenario/play.h"
-#include "scenario/record.h"
+#include "scenario/journal.h"
 #include "session.h"
 #include "harness/watch.h"
 #include "text.h"
@@ -62,7 +62,7 @@ static played play_machine(const rapidjson::Document &document, const run_folder
             (void)play_close();
             throw;
         }
-        played.finding = {"no exception", error.what(), oxnih_clock_tick_ms(), record_boot()};
+        played.finding = {"no exception", error.what(), oxnih_clock_tick_ms(), journal_boot()};
     }
     played.blocks = rules_blocks();
     rules_close();

@@ -1,8 +1,8 @@
 /*
  * What happened in a run, in order: the one list that views print and expectations look at.
  */
-#ifndef DEVHOST_RECORD_H
-#define DEVHOST_RECORD_H
+#ifndef DEVHOST_JOURNAL_H
+#define DEVHOST_JOURNAL_H
 
 #include <stdint.h>
 
@@ -43,29 +43,29 @@ struct happening {
     std::string whom; /* the product that a command is for */
 };
 
-typedef void (*record_view_fn)(const happening &what, void *user);
+typedef void (*journal_view_fn)(const happening &what, void *user);
 
 /* Everything up to now, oldest first. */
-const std::vector<happening> &record_all(void);
+const std::vector<happening> &journal_all(void);
 
 /* Adds a happening of now. */
-void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
-                const std::string &json = "", int32_t number = 0, const std::string &whom = "");
+void journal_add(enum happening_kind kind, const std::string &who, const std::string &text,
+                 const std::string &json = "", int32_t number = 0, const std::string &whom = "");
 
 /* Which boot it is from here on. */
-void record_set_boot(int boot);
-int record_boot(void);
+void journal_set_boot(int boot);
+int journal_boot(void);
 
 /* A folder that texts show as a short word: it differs from run to run. */
-void record_set_folder(const std::string &folder, const std::string &shown);
+void journal_set_folder(const std::string &folder, const std::string &shown);
 
 /* Who is shown each happening as it is added. */
-void record_set_view(record_view_fn view, void *user);
-record_view_fn record_view(void);
+void journal_set_view(journal_view_fn view, void *user);
+journal_view_fn journal_view(void);
 
-void record_clear(void);
+void journal_clear(void);
 
 /* The name of a kind, for machines. */
-const char *record_kind_name(enum happening_kind kind);
+const char *journal_kind_name(enum happening_kind kind);
 
 #endif

@@ -1,8 +1,5 @@
-/*
- * Evidence of a scenario: the records and dumps that Windows leaves of a run and writes in the next
- * one, and whatever a scenario puts on the machine itself.
- */
-#include "play.h"
+/* What a scenario does to the machine. */
+#include "machine_setup.h"
 
 #include <oxni/base/algo.h>
 #include "../../platform/liboxni_core/host.h"
@@ -11,37 +8,15 @@
 #include "../evidence/log.h"
 #include "../machine/machine.h"
 #include "../text.h"
-#include "record.h"
-
-/* Seconds after the start of Windows at which it writes these. */
-#define START_SECONDS      0.0
-#define UNEXPECTED_SECONDS 3.0
-#define DUMP_SECONDS       6.0
-#define WINLOGON_SECONDS   20.0
-#define BUG_CHECK_SECONDS  25.0
-
-/* EventIDs with their qualifiers. */
-enum {
-    EVENT_START = 12,
-    EVENT_SHUTDOWN = 13,
-    EVENT_UNEXPECTED = 41,
-    EVENT_LOGON = 7001,
-    EVENT_BUG_CHECK = 0x400003e9,
-};
-
-#define KERNEL_GENERAL L"Microsoft-Windows-Kernel-General"
-#define KERNEL_POWER   L"Microsoft-Windows-Kernel-Power"
-#define WINLOGON       L"Microsoft-Windows-Winlogon"
-#define BUG_CHECK      L"BugCheck"
-#define DEFAULT_BUG_CHECK                                                                          \
-    "0x0000007e (0xffffffffc0000005, 0xfffff8048b58334c, 0xffff850429891ee8, 0xffff850429891720)"
+#include "journal.h"
+#include "timeline.h"
 
 /* Layout of a driver's crash_config.cfg, coded with the drivers' key. */
 #define CRASH_RECORD_BYTES    50
 #define CRASH_RECORD_COUNT_AT 30
 #define CRASH_RECORD_KEY      "Tz!*#4,k"
 
-/* What the plug-in's user would see of a scripted dump's file; nobody reads it. */
+/* Content of the file of a scripted dump, which nothing reads. */
 #define SCRIPTED_DUMP_BYTES "(the stack of this dump is in the scenario)"
 
 static std::wstring wide_of(const json_value *object, const char *name)
@@ -74,7 +49,7 @@ static void set_processes(const struct scenario &scenario, const std::string &wh
         machine.processes.push_back(
             {static_cast<uint32_t>(node_integer_of(process, "pid", 0)),
              static_cast<uint32_t>(node_integer_of(process, "parent", 0)), wide_of(process, "name"),
-             play_time(scenario, where + "/processes/created", node_member(process, "created"),
+             timeline_time(scenario, where + "/processes/created", node_member(process, "created"),
                        machine.boot_100ns)});
 }
 
@@ -123,11 +98,11 @@ static void load_events(const std::string &file)
     evidence_log log;
 
     evidence_log_read(file, EVIDENCE_STANDARD, &log);
-    for (machine_event &event : log.events)
+    for (event_record &event : log.events)
         machine_log(std::move(event));
 }
 
-void evidence_set_machine(const struct scenario &scenario, const std::string &where,
+void machine_setup_apply(const struct scenario &scenario, const std::string &where,
                           const json_value &said)
 {
     struct machine &machine = machine_get();
@@ -145,13 +120,13 @@ void evidence_set_machine(const struct scenario &scenario, const std::string &wh
     set_services(said);
     set_engine(said);
     for (const json_value *value : node_elements(&said, "registry"))
-        evidence_set_value(scenario, where + "/registry", *value);
+        machine_setup_value(scenario, where + "/registry", *value);
     for (const json_value *file : node_elements(&said, "files"))
-        evidence_add_file(scenario, where + "/files", *file);
+        machine_setup_file(scenario, where + "/files", *file);
     if (node_member(&said, "events_from") != NULL)
         load_events(scenario_path(scenario, node_text_of(&said, "events_from", "")));
     for (const json_value *event : node_elements(&said, "events"))
-        evidence_add_event(scenario, where + "/events", *event);
+        machine_setup_event(scenario, where + "/events", *event);
     if (node_member(&said, "base_folder") != NULL)
         oxnih_set_log_dir(node_flag_of(&said, "base_folder", true) ? agent_base_folder().c_str()
                                                                    : NULL);
@@ -159,36 +134,12 @@ void evidence_set_machine(const struct scenario &scenario, const std::string &wh
         oxnih_core_set_lenient(node_flag_of(&said, "lenient", false));
 }
 
-static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
-                       machine_strings strings)
-{
-    uint16_t type = id == EVENT_UNEXPECTED || id == EVENT_BUG_CHECK ? EVENTLOG_ERROR_TYPE
-                                                                    : EVENTLOG_INFORMATION_TYPE;
-
-    record_add(HAPPENED_STEP, "windows",
-               text_format("logs event %u of %s", id & 0xffff, text_narrow(source).c_str()));
-    machine_log(
-        {0, static_cast<uint32_t>(time_unix(time_100ns)), id, type, source, std::move(strings)});
-}
-
-/* A record at a moment of this boot; at once when that is past. */
-static void plan_record(double seconds, const wchar_t *source, uint32_t id, machine_strings strings)
-{
-    uint64_t ms = play_ms(seconds);
-    uint64_t time = machine_get().boot_100ns + ms * TICKS_PER_MS;
-
-    if (ms <= play_now_ms())
-        log_record(source, id, time, std::move(strings));
-    else
-        play_at(ms, [=] { log_record(source, id, oxnih_clock_now_100ns(), strings); });
-}
-
-void evidence_add_event(const struct scenario &scenario, const std::string &where,
+void machine_setup_event(const struct scenario &scenario, const std::string &where,
                         const json_value &event)
 {
-    machine_event record = {};
+    event_record record = {};
     uint64_t time =
-        play_time(scenario, where + "/time", node_member(&event, "time"), oxnih_clock_now_100ns());
+        timeline_time(scenario, where + "/time", node_member(&event, "time"), oxnih_clock_now_100ns());
 
     record.number = static_cast<uint32_t>(node_integer_of(&event, "record", 0));
     record.time = static_cast<uint32_t>(time_unix(time));
@@ -203,8 +154,7 @@ void evidence_add_event(const struct scenario &scenario, const std::string &wher
     machine_log(std::move(record));
 }
 
-/* Text as the engine prints a stack, of call sites. */
-static std::string stack_text(const json_value *said)
+std::string machine_setup_stack(const json_value *said)
 {
     std::string text = node_text_of(said, "stack", "");
 
@@ -226,7 +176,7 @@ static std::string crash_record(uint32_t count)
     return bytes;
 }
 
-int64_t evidence_record_count(const std::string &bytes)
+int64_t machine_setup_record_count(const std::string &bytes)
 {
     std::string decoded = bytes;
     uint32_t count = 0;
@@ -240,20 +190,20 @@ int64_t evidence_record_count(const std::string &bytes)
     return count;
 }
 
-std::wstring evidence_place(const std::string &path)
+std::wstring machine_setup_path(const std::string &path)
 {
     return text_wide(text_replace(text_replace(path, "{base}", agent_base_folder()), "{bin}",
                                   agent_bin_folder()));
 }
 
-void evidence_add_file(const struct scenario &scenario, const std::string &where,
+void machine_setup_file(const struct scenario &scenario, const std::string &where,
                        const json_value &file)
 {
-    std::wstring path = evidence_place(node_text_of(&file, "path", ""));
-    uint64_t written = play_time(scenario, where + "/written", node_member(&file, "written"),
+    std::wstring path = machine_setup_path(node_text_of(&file, "path", ""));
+    uint64_t written = timeline_time(scenario, where + "/written", node_member(&file, "written"),
                                  oxnih_clock_now_100ns());
     uint64_t created =
-        play_time(scenario, where + "/created", node_member(&file, "created"), written);
+        timeline_time(scenario, where + "/created", node_member(&file, "created"), written);
     std::string bytes = node_text_of(&file, "text", "");
 
     if (node_member(&file, "from") != NULL)
@@ -263,13 +213,13 @@ void evidence_add_file(const struct scenario &scenario, const std::string &where
         bytes = crash_record(static_cast<uint32_t>(node_integer_of(&file, "record_count", 0)));
     if (node_member(&file, "stack") != NULL || node_member(&file, "frames") != NULL) {
         bytes = SCRIPTED_DUMP_BYTES;
-        machine_get().stacks[path] = stack_text(&file);
+        machine_get().stacks[path] = machine_setup_stack(&file);
         machine_update_engine();
     }
     bytes.resize(
         static_cast<size_t>(node_integer_of(&file, "size", static_cast<int64_t>(bytes.size()))));
     machine_write_file(path, bytes, written, created);
-    record_add(HAPPENED_STEP, "windows", "file " + text_narrow(path) + " is written");
+    journal_add(HAPPENED_STEP, "windows", "file " + text_narrow(path) + " is written");
 }
 
 /* Bytes of a value as the registry holds them. */
@@ -289,7 +239,7 @@ static std::string value_bytes(const json_value &value, DWORD type)
                        (wide.size() + 1) * sizeof(wchar_t));
 }
 
-void evidence_set_value(const struct scenario &scenario, const std::string &where,
+void machine_setup_value(const struct scenario &scenario, const std::string &where,
                         const json_value &value)
 {
     static const struct {
@@ -320,95 +270,4 @@ void evidence_set_value(const struct scenario &scenario, const std::string &wher
                          " for " + name);
     machine_set_value(wide_of(&value, "key"), wide_of(&value, "name"), type,
                       value_bytes(value, type));
-}
-
-/* Where a dump lies: a path, or true for Windows' own place. Empty: there is none. */
-static std::wstring dump_path(const json_value *crash, const char *member, bool usual,
-                              const std::wstring &place)
-{
-    const json_value *said = node_member(crash, member);
-
-    if (said != NULL && said->IsString())
-        return text_wide(said->GetString());
-    return (said != NULL ? said->GetBool() : usual) ? place : L"";
-}
-
-static std::wstring usual_minidump(uint64_t crashed_100ns)
-{
-    std::string date = time_iso(crashed_100ns); /* YYYY-MM-DD... */
-
-    return machine_get().windows_folder + L"\\Minidump\\" +
-           text_wide(date.substr(5, 2) + date.substr(8, 2) + date.substr(2, 2) + "-5437-01.dmp");
-}
-
-static void write_dump(const struct scenario &scenario, const std::wstring &path,
-                       const json_value *crash)
-{
-    std::string bytes = SCRIPTED_DUMP_BYTES, from = node_text_of(crash, "dump", "");
-    uint64_t now = oxnih_clock_now_100ns();
-
-    if (path.empty())
-        return;
-    machine_get().stacks.erase(path);
-    if (!from.empty())
-        bytes = machine_read_real_file(text_wide(scenario_path(scenario, from)), EXIT_BAD_EVIDENCE);
-    else
-        machine_get().stacks[path] = stack_text(crash);
-    machine_update_engine();
-    machine_write_file(path, bytes, now, now);
-    record_add(HAPPENED_STEP, "windows", "writes the dump " + text_narrow(path));
-}
-
-/* The dump files and the BugCheck record of a blue screen. */
-static void plan_blue_screen(const struct scenario &scenario, const json_value *crash,
-                             uint64_t crashed_100ns)
-{
-    bool has_dump = node_member(crash, "frames") != NULL || node_member(crash, "stack") != NULL ||
-                    node_member(crash, "dump") != NULL;
-    std::wstring minidump = dump_path(crash, "minidump", has_dump, usual_minidump(crashed_100ns));
-    std::wstring complete =
-        dump_path(crash, "complete", false, machine_get().windows_folder + L"\\MEMORY.DMP");
-    std::wstring named = minidump.empty() ? complete : minidump;
-
-    if (!node_text_of(crash, "dump", "").empty())
-        (void)scenario_path(scenario, node_text_of(crash, "dump", "")); /* told now, not later */
-    play_at(play_ms(node_number_of(crash, "written", DUMP_SECONDS)),
-            [&scenario, minidump, complete, crash] {
-                write_dump(scenario, minidump, crash);
-                write_dump(scenario, complete, crash);
-            });
-    if (!node_is_null(crash, "recorded"))
-        plan_record(node_number_of(crash, "recorded", BUG_CHECK_SECONDS), BUG_CHECK,
-                    static_cast<uint32_t>(EVENT_BUG_CHECK),
-                    {text_wide(node_text_of(crash, "bug_check", DEFAULT_BUG_CHECK)), named,
-                     L"00000000-0000-0000-0000-000000000000"});
-}
-
-void evidence_plan_boot(const struct scenario &scenario, const json_value *boot,
-                        const std::string &ended, const json_value *crash, uint64_t crashed_100ns)
-{
-    const json_value *log = node_member(boot, "log");
-    uint64_t start = machine_get().boot_100ns;
-
-    if (!node_is_null(boot, "log")) {
-        if (!node_is_null(log, "start"))
-            plan_record(node_number_of(log, "start", START_SECONDS), KERNEL_GENERAL, EVENT_START,
-                        {L"10", L"0", L"19041", L"1", L"0", L"0", text_wide(time_iso(start))});
-        if (ended != "clean" && !node_is_null(log, "unexpected"))
-            plan_record(node_number_of(log, "unexpected", UNEXPECTED_SECONDS), KERNEL_POWER,
-                        EVENT_UNEXPECTED, {L"0", L"0x0", L"0x0", L"0x0", L"0x0", L"false", L"0"});
-        if (!node_is_null(log, "winlogon"))
-            plan_record(node_number_of(log, "winlogon", WINLOGON_SECONDS), WINLOGON, EVENT_LOGON,
-                        {L"1", L"S-1-5-21-1-2-3-1001"});
-    }
-    if (ended == "blue_screen")
-        plan_blue_screen(scenario, crash,
-                         crashed_100ns != 0 ? crashed_100ns : start - 60 * TICKS_PER_SECOND);
-}
-
-void evidence_clean_shutdown(void)
-{
-    uint64_t now = oxnih_clock_now_100ns();
-
-    log_record(KERNEL_GENERAL, EVENT_SHUTDOWN, now, {text_wide(time_iso(now))});
 }

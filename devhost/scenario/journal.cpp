@@ -1,5 +1,5 @@
 /* The list of what happened. */
-#include "record.h"
+#include "journal.h"
 
 #include "../../platform/liboxnibase/host.h"
 #include "../text.h"
@@ -13,7 +13,7 @@ static const char *const s_kind_names[] = {
 static std::vector<happening> s_all;
 static int s_boot;
 static std::string s_folder, s_folder_slashes, s_folder_json, s_shown;
-static record_view_fn s_view;
+static journal_view_fn s_view;
 static void *s_view_user;
 
 /* The run's folder in each spelling that texts have of it. */
@@ -23,13 +23,13 @@ static std::string shorten(const std::string &text)
                         s_folder_slashes, s_shown);
 }
 
-const std::vector<happening> &record_all(void)
+const std::vector<happening> &journal_all(void)
 {
     return s_all;
 }
 
-void record_add(enum happening_kind kind, const std::string &who, const std::string &text,
-                const std::string &json, int32_t number, const std::string &whom)
+void journal_add(enum happening_kind kind, const std::string &who, const std::string &text,
+                 const std::string &json, int32_t number, const std::string &whom)
 {
     s_all.push_back({kind, s_boot, oxnih_clock_tick_ms(), oxnih_clock_now_100ns(), who,
                      shorten(text), shorten(json), number, whom});
@@ -37,17 +37,17 @@ void record_add(enum happening_kind kind, const std::string &who, const std::str
         s_view(s_all.back(), s_view_user);
 }
 
-void record_set_boot(int boot)
+void journal_set_boot(int boot)
 {
     s_boot = boot;
 }
 
-int record_boot(void)
+int journal_boot(void)
 {
     return s_boot;
 }
 
-void record_set_folder(const std::string &folder, const std::string &shown)
+void journal_set_folder(const std::string &folder, const std::string &shown)
 {
     s_folder = folder;
     s_folder_slashes = text_replace(folder, "\\", "/");
@@ -55,24 +55,24 @@ void record_set_folder(const std::string &folder, const std::string &shown)
     s_shown = shown;
 }
 
-void record_set_view(record_view_fn view, void *user)
+void journal_set_view(journal_view_fn view, void *user)
 {
     s_view = view;
     s_view_user = user;
 }
 
-record_view_fn record_view(void)
+journal_view_fn journal_view(void)
 {
     return s_view;
 }
 
-void record_clear(void)
+void journal_clear(void)
 {
     s_all.clear();
     s_boot = 0;
 }
 
-const char *record_kind_name(enum happening_kind kind)
+const char *journal_kind_name(enum happening_kind kind)
 {
     return s_kind_names[kind];
 }

@@ -1,0 +1,70 @@
+/* A record of the System log, as the classic event-log interface of Windows gives it. */
+#ifndef DEVHOST_EVENT_RECORD_H
+#define DEVHOST_EVENT_RECORD_H
+
+#include <stdint.h>
+#include <wchar.h>
+
+#include <initializer_list>
+#include <string>
+
+/* Insertion strings of a record, one after the other as the log has them: a log of tens of
+ * thousands of records should not take many times its size. */
+class event_strings
+{
+  public:
+    event_strings() = default;
+    event_strings(std::initializer_list<std::wstring> texts)
+    {
+        for (const std::wstring &text : texts)
+            add(text);
+    }
+    void add(const std::wstring &text)
+    {
+        text_.append(text.c_str(), wcslen(text.c_str()) + 1); /* ends at its first NUL */
+        count_++;
+    }
+    void drop_last()
+    {
+        text_.resize(text_.size() - last().size() - 1);
+        count_--;
+    }
+    size_t count() const
+    {
+        return count_;
+    }
+    /* Empty when there is none. */
+    std::wstring at(size_t index) const
+    {
+        size_t from = 0;
+
+        for (size_t i = 0; i < index && from < text_.size(); i++)
+            from = text_.find(L'\0', from) + 1;
+        return index < count_ ? std::wstring(text_.c_str() + from) : std::wstring();
+    }
+    std::wstring last() const
+    {
+        return at(count_ - 1);
+    }
+    /* Each with its NUL. */
+    const std::wstring &packed() const
+    {
+        return text_;
+    }
+
+  private:
+    std::wstring text_;
+    uint16_t count_ = 0;
+};
+
+/* One record of the System log. */
+struct event_record {
+    uint32_t number;     /* record number; they give the order */
+    uint32_t time;       /* TimeGenerated and TimeWritten, seconds since 1970 UTC */
+    uint32_t id;         /* the full EventID, qualifiers in its upper half */
+    uint16_t type;       /* EVENTLOG_INFORMATION_TYPE and so on */
+    std::wstring source; /* EventSourceName where the provider has one, else its name */
+    event_strings strings;
+};
+
+#endif

@@ -1,0 +1,27 @@
+/*
+ * The records of the System log by which Windows reports its starts and ends: event ids and sources,
+ * as their providers' manifests define them.
+ */
+#ifndef DEVHOST_SYSTEM_EVENTS_H
+#define DEVHOST_SYSTEM_EVENTS_H
+
+/* The low 16 bits of an EventID. */
+enum system_event {
+    EVENT_CLOCK_CHANGE = 1,
+    EVENT_WINDOWS_START = 12,
+    EVENT_CLEAN_SHUTDOWN = 13,
+    EVENT_UNEXPECTED_SHUTDOWN = 41,
+    EVENT_BUG_CHECK = 1001,
+    EVENT_LOGON = 7001,
+};
+
+/* The whole EventID of a BugCheck record, qualifiers included. */
+#define BUG_CHECK_EVENT_ID 0x400003e9u
+
+/* Sources: EventSourceName where the provider has one, otherwise its name. */
+#define SOURCE_KERNEL_GENERAL L"Microsoft-Windows-Kernel-General"
+#define SOURCE_KERNEL_POWER   L"Microsoft-Windows-Kernel-Power"
+#define SOURCE_WINLOGON       L"Microsoft-Windows-Winlogon"
+#define SOURCE_BUG_CHECK      L"BugCheck"
+
+#endif

@@ -1,0 +1,63 @@
+/* The timeline of a boot. */
+#include "timeline.h"
+
+#include <math.h>
+
+#include <map>
+#include <utility>
+
+#include "../../platform/liboxnibase/host.h"
+#include "../machine/machine.h"
+#include "../text.h"
+
+/* What is planned in this boot, by ms since its start. */
+static std::multimap<uint64_t, std::function<void()>> s_plan;
+
+void timeline_at(uint64_t ms, std::function<void()> action)
+{
+    s_plan.emplace(ms, std::move(action));
+}
+
+bool timeline_take(uint64_t end_ms, uint64_t *ms, std::function<void()> *action)
+{
+    auto first = s_plan.begin();
+
+    if (first == s_plan.end() || first->first > end_ms)
+        return false;
+    *ms = first->first;
+    *action = std::move(first->second);
+    s_plan.erase(first);
+    return true;
+}
+
+void timeline_clear(void)
+{
+    s_plan.clear();
+}
+
+uint64_t timeline_now_ms(void)
+{
+    return oxnih_clock_tick_ms();
+}
+
+uint64_t timeline_ms(double seconds)
+{
+    return static_cast<uint64_t>(llround(seconds * 1000.0));
+}
+
+uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
+                   const json_value *value, uint64_t missing)
+{
+    uint64_t time;
+
+    if (value == NULL)
+        return missing;
+    if (value->IsNumber()) {
+        int64_t ticks = static_cast<int64_t>(value->GetDouble() * TICKS_PER_SECOND);
+
+        return machine_get().boot_100ns + static_cast<uint64_t>(ticks);
+    }
+    if (!value->IsString() || !time_parse(value->GetString(), &time))
+        scenario_bad(scenario, where, "expected a time such as 2024-03-07T09:05:41Z, or seconds");
+    return time;
+}

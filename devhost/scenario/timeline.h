@@ -1,0 +1,37 @@
+/*
+ * The timeline of a boot: what happens when, the present moment, and the times of a scenario. It uses
+ * none of the other files here but the scenario.
+ */
+#ifndef DEVHOST_TIMELINE_H
+#define DEVHOST_TIMELINE_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <string>
+
+#include "scenario.h"
+
+/* Plans an action at a moment of this boot, ms since Windows started; one in the past happens as soon
+ * as it can. Actions of one moment happen in the order of the calls. */
+void timeline_at(uint64_t ms, std::function<void()> action);
+
+/* Removes the first action that is planned up to that moment, inclusive, from the plan. Result:
+ * whether there is one. */
+bool timeline_take(uint64_t end_ms, uint64_t *ms, std::function<void()> *action);
+
+/* Forgets all that is planned. */
+void timeline_clear(void);
+
+/* Milliseconds since Windows started. */
+uint64_t timeline_now_ms(void);
+
+/* Milliseconds of a number of seconds. */
+uint64_t timeline_ms(double seconds);
+
+/* A time of the scenario, ISO 8601 or seconds since this boot's start, as a FILETIME. missing: the
+ * result for no value. Throws devhost_error that names where. */
+uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
+                       const json_value *value, uint64_t missing);
+
+#endif
