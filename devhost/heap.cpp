@@ -15,15 +15,15 @@
 
 /* A span is cut into blocks of one class, which is a size: steps of 16 bytes up to 512, and above it
  * four to each doubling. */
-#define SPAN_SHIFT    18
+#define SPAN_SHIFT    18u
 #define SPAN_BYTES    (static_cast<size_t>(1) << SPAN_SHIFT)
 #define SPANS         (static_cast<size_t>(1) << 14) /* 4 GiB of address space */
 #define STEP_BYTES    16u
-#define SMALL_SHIFT   9
+#define SMALL_SHIFT   9u
 #define SMALL_BYTES   (static_cast<size_t>(1) << SMALL_SHIFT)
 #define SMALL_CLASSES (SMALL_BYTES / STEP_BYTES)
 #define LARGEST_BYTES (SPAN_BYTES / 2)
-#define CLASSES       (SMALL_CLASSES + 4 * (SPAN_SHIFT - 1 - SMALL_SHIFT))
+#define CLASSES       (SMALL_CLASSES + static_cast<size_t>(4) * (SPAN_SHIFT - 1 - SMALL_SHIFT))
 
 struct free_block {
     free_block *next;

@@ -1,7 +1,7 @@
 /*
- * A heap for hosts of many boots, in place of the C runtime's, which is slow under Wine. The import
- * tables of this program, of the platform's libraries and of the plug-in
- * lead malloc, calloc, realloc and free here.
+ * A heap for hosts of many boots, in place of the C runtime's, which is slow under Wine. malloc,
+ * calloc, realloc and free of this program, of the platform's libraries, of the debugger engine and
+ * of the plug-in are redirected to it through their import tables.
  *
  * It serves the thread that opened it. Other threads get the C runtime's blocks, and so does anyone
  * who asks for more than 128 KiB; either may free the other's, but a block of this heap that another

@@ -41,9 +41,9 @@ static struct {
     saved_bytes imports, redirected;
 } s_image;
 
-static const IMAGE_NT_HEADERS *headers_of(const uint8_t *base)
+static IMAGE_NT_HEADERS *headers_of(uint8_t *base)
 {
-    return reinterpret_cast<const IMAGE_NT_HEADERS *>(
+    return reinterpret_cast<IMAGE_NT_HEADERS *>(
         base + reinterpret_cast<const IMAGE_DOS_HEADER *>(base)->e_lfanew);
 }
 
@@ -65,7 +65,7 @@ static void restore(const saved_bytes &saved)
 /* Calls fn for each section with that characteristic. */
 template <typename Function> static void each_section(uint8_t *base, DWORD wanted, Function fn)
 {
-    const IMAGE_NT_HEADERS *headers = headers_of(base);
+    IMAGE_NT_HEADERS *headers = headers_of(base);
     const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(headers);
 
     for (WORD i = 0; i < headers->FileHeader.NumberOfSections; i++, section++)

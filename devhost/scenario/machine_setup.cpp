@@ -50,7 +50,7 @@ static void set_processes(const struct scenario &scenario, const std::string &wh
             {static_cast<uint32_t>(node_integer_of(process, "pid", 0)),
              static_cast<uint32_t>(node_integer_of(process, "parent", 0)), wide_of(process, "name"),
              timeline_time(scenario, where + "/processes/created", node_member(process, "created"),
-                       machine.boot_100ns)});
+                           machine.boot_100ns)});
 }
 
 static void set_services(const json_value &machine_json)
@@ -103,7 +103,7 @@ static void load_events(const std::string &file)
 }
 
 void machine_setup_apply(const struct scenario &scenario, const std::string &where,
-                          const json_value &said)
+                         const json_value &said)
 {
     struct machine &machine = machine_get();
     std::string zone = node_text_of(&said, "time_zone", "");
@@ -135,11 +135,11 @@ void machine_setup_apply(const struct scenario &scenario, const std::string &whe
 }
 
 void machine_setup_event(const struct scenario &scenario, const std::string &where,
-                        const json_value &event)
+                         const json_value &event)
 {
     event_record record = {};
-    uint64_t time =
-        timeline_time(scenario, where + "/time", node_member(&event, "time"), oxnih_clock_now_100ns());
+    uint64_t time = timeline_time(scenario, where + "/time", node_member(&event, "time"),
+                                  oxnih_clock_now_100ns());
 
     record.number = static_cast<uint32_t>(node_integer_of(&event, "record", 0));
     record.time = static_cast<uint32_t>(time_unix(time));
@@ -197,11 +197,11 @@ std::wstring machine_setup_path(const std::string &path)
 }
 
 void machine_setup_file(const struct scenario &scenario, const std::string &where,
-                       const json_value &file)
+                        const json_value &file)
 {
     std::wstring path = machine_setup_path(node_text_of(&file, "path", ""));
     uint64_t written = timeline_time(scenario, where + "/written", node_member(&file, "written"),
-                                 oxnih_clock_now_100ns());
+                                     oxnih_clock_now_100ns());
     uint64_t created =
         timeline_time(scenario, where + "/created", node_member(&file, "created"), written);
     std::string bytes = node_text_of(&file, "text", "");
@@ -240,7 +240,7 @@ static std::string value_bytes(const json_value &value, DWORD type)
 }
 
 void machine_setup_value(const struct scenario &scenario, const std::string &where,
-                        const json_value &value)
+                         const json_value &value)
 {
     static const struct {
         const char *name;

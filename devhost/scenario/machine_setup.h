@@ -10,13 +10,13 @@
 
 /* Applies the members of a "machine". */
 void machine_setup_apply(const struct scenario &scenario, const std::string &where,
-                          const json_value &machine);
+                         const json_value &machine);
 void machine_setup_event(const struct scenario &scenario, const std::string &where,
-                        const json_value &event);
+                         const json_value &event);
 void machine_setup_file(const struct scenario &scenario, const std::string &where,
-                       const json_value &file);
+                        const json_value &file);
 void machine_setup_value(const struct scenario &scenario, const std::string &where,
-                        const json_value &value);
+                         const json_value &value);
 /* A path of the machine in which "{base}" and "{bin}" are replaced. */
 std::wstring machine_setup_path(const std::string &path);
 /* The count in the bytes of a driver's crash record; -1 for another size. */

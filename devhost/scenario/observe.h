@@ -2,7 +2,6 @@
 #ifndef DEVHOST_OBSERVE_H
 #define DEVHOST_OBSERVE_H
 
-
 /* From here on they are recorded. */
 void observe_platform(void);
 

@@ -46,7 +46,7 @@ uint64_t timeline_ms(double seconds)
 }
 
 uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
-                   const json_value *value, uint64_t missing)
+                       const json_value *value, uint64_t missing)
 {
     uint64_t time;
 

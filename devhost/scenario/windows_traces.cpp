@@ -27,11 +27,12 @@
 static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
                        event_strings strings)
 {
-    uint16_t type = id == EVENT_UNEXPECTED_SHUTDOWN || id == BUG_CHECK_EVENT_ID ? EVENTLOG_ERROR_TYPE
-                                                                    : EVENTLOG_INFORMATION_TYPE;
+    uint16_t type = id == EVENT_UNEXPECTED_SHUTDOWN || id == BUG_CHECK_EVENT_ID
+                        ? EVENTLOG_ERROR_TYPE
+                        : EVENTLOG_INFORMATION_TYPE;
 
     journal_add(HAPPENED_STEP, "windows",
-               text_format("logs event %u of %s", id & 0xffff, text_narrow(source).c_str()));
+                text_format("logs event %u of %s", id & 0xffff, text_narrow(source).c_str()));
     machine_log(
         {0, static_cast<uint32_t>(time_unix(time_100ns)), id, type, source, std::move(strings)});
 }
@@ -99,10 +100,10 @@ static void plan_blue_screen(const struct scenario &scenario, const json_value *
     if (!node_text_of(crash, "dump", "").empty())
         (void)scenario_path(scenario, node_text_of(crash, "dump", "")); /* told now, not later */
     timeline_at(timeline_ms(node_number_of(crash, "written", DUMP_SECONDS)),
-            [&scenario, minidump, complete, crash] {
-                write_dump(scenario, minidump, crash);
-                write_dump(scenario, complete, crash);
-            });
+                [&scenario, minidump, complete, crash] {
+                    write_dump(scenario, minidump, crash);
+                    write_dump(scenario, complete, crash);
+                });
     if (!node_is_null(crash, "recorded"))
         plan_record(node_number_of(crash, "recorded", BUG_CHECK_SECONDS), SOURCE_BUG_CHECK,
                     BUG_CHECK_EVENT_ID,
@@ -111,21 +112,23 @@ static void plan_blue_screen(const struct scenario &scenario, const json_value *
 }
 
 void windows_traces_plan(const struct scenario &scenario, const json_value *boot,
-                        const std::string &ended, const json_value *crash, uint64_t crashed_100ns)
+                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns)
 {
     const json_value *log = node_member(boot, "log");
     uint64_t start = machine_get().boot_100ns;
 
     if (!node_is_null(boot, "log")) {
         if (!node_is_null(log, "start"))
-            plan_record(node_number_of(log, "start", START_SECONDS), SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START,
+            plan_record(node_number_of(log, "start", START_SECONDS), SOURCE_KERNEL_GENERAL,
+                        EVENT_WINDOWS_START,
                         {L"10", L"0", L"19041", L"1", L"0", L"0", text_wide(time_iso(start))});
         if (ended != "clean" && !node_is_null(log, "unexpected"))
             plan_record(node_number_of(log, "unexpected", UNEXPECTED_SECONDS), SOURCE_KERNEL_POWER,
-                        EVENT_UNEXPECTED_SHUTDOWN, {L"0", L"0x0", L"0x0", L"0x0", L"0x0", L"false", L"0"});
+                        EVENT_UNEXPECTED_SHUTDOWN,
+                        {L"0", L"0x0", L"0x0", L"0x0", L"0x0", L"false", L"0"});
         if (!node_is_null(log, "winlogon"))
-            plan_record(node_number_of(log, "winlogon", WINLOGON_SECONDS), SOURCE_WINLOGON, EVENT_LOGON,
-                        {L"1", L"S-1-5-21-1-2-3-1001"});
+            plan_record(node_number_of(log, "winlogon", WINLOGON_SECONDS), SOURCE_WINLOGON,
+                        EVENT_LOGON, {L"1", L"S-1-5-21-1-2-3-1001"});
     }
     if (ended == "blue_screen")
         plan_blue_screen(scenario, crash,

@@ -11,7 +11,7 @@
 /* Plans the records and dumps that Windows writes in this boot. ended: how the last run ended;
  * crash: of that run, or NULL. */
 void windows_traces_plan(const struct scenario &scenario, const json_value *boot,
-                        const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
+                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
 /* The record of a clean shutdown. */
 void windows_traces_shutdown(void);
 

@@ -17,7 +17,8 @@ SILENT = """
     oxni_wcscmp oxni_wcsnlen oxni_xhash_count oxni_xhash_first oxni_xhash_next oxni_xhash_search
     wdu_json_object_get_ejs wdu_json_array wdu_json_array_append_new wdu_json_array_get
     wdu_json_array_size wdu_json_delete wdu_json_get_alloc_funcs wdu_json_integer
-    wdu_json_integer_value wdu_json_object_del wdu_json_object_get wdu_json_object_set_new
+    wdu_json_integer_set wdu_json_integer_value wdu_json_object_clear wdu_json_object_del
+    wdu_json_object_get wdu_json_object_set_new
     wdu_json_string wdu_json_string_value
 """.split()
 
