@@ -16,7 +16,7 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/memory.h>
 
-#include "../devhost/text.h"
+#include "../devhost/base/text.h"
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 #include "../tests/unit/import_patch.h"

@@ -9,7 +9,7 @@
 #include <string.h>
 
 #include "../devhost/machine/machine.h"
-#include "../devhost/text.h"
+#include "../devhost/base/text.h"
 #include "../tests/unit/import_patch.h"
 
 #define LOG_RECORDS    65536

@@ -9,7 +9,7 @@
 #include "../devhost/machine/calls.h"
 #include "../devhost/machine/machine.h"
 #include "../devhost/scenario/play.h"
-#include "../devhost/text.h"
+#include "../devhost/base/text.h"
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 

@@ -7,7 +7,7 @@
 #include <stdlib.h>
 #include <windows.h>
 
-#include "../devhost/text.h"
+#include "../devhost/base/text.h"
 #include "../platform/liboxnibase/host.h"
 
 /* 2024-03-07T09:00:10Z, ten seconds after the start of Windows. */

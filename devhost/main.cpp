@@ -15,11 +15,11 @@
 
 #include <oxni/base/log.h>
 
-#include "../platform/liboxnibase/host.h"
+#include "../../platform/liboxnibase/host.h"
 #include "replay/commands.h"
 #include "scenario/journal.h"
-#include "session.h"
-#include "text.h"
+#include "run/session.h"
+#include "base/text.h"
 #include "view/view.h"
 
 struct arguments {
@@ -31,7 +31,7 @@ struct arguments {
     bool quiet = false;
     bool messages = false;
     bool stop = false;
-    struct session_options session = {};
+    struct run_options session = {};
 };
 
 static const std::map<std::string, int> s_levels = {
@@ -100,7 +100,7 @@ static void prepare(arguments &arguments)
     arguments.session.defines = split_defines(arguments.defines);
     arguments.session.guard_memory = arguments.memory == "guard";
     if (arguments.session.plugin_path.empty())
-        arguments.session.plugin_path = session_standard_plugin();
+        arguments.session.plugin_path = run_standard_plugin();
     view.log_level = s_levels.at(arguments.log);
     view.json = arguments.json;
     view.trace = arguments.session.trace;

@@ -1,6 +1,6 @@
 /* The engine's object: translation between the debugger's interfaces and the reader of dumps. One
  * object is client and control at once. Used from one thread at a time. */
-#include "engine_internal.h"
+#include "engine_script_internal.h"
 #include "kernel_dump.h"
 
 #include <cstdio>

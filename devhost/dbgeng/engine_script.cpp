@@ -1,5 +1,5 @@
 /* The script that the engine plays by, copied from the development host. On the engine's thread. */
-#include "engine_internal.h"
+#include "engine_script_internal.h"
 
 #include <cstring>
 #include <new>

@@ -2,7 +2,7 @@
  * too. */
 #include "boots.h"
 
-#include "../text.h"
+#include "../base/text.h"
 #include "system_events.h"
 
 /* The place of the boot's moment among the strings of a start record. */

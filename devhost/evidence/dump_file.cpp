@@ -1,7 +1,7 @@
 /* Crash dumps as they are handed in. */
 #include "dump_file.h"
 
-#include "../text.h"
+#include "../base/text.h"
 #include "file.h"
 
 /* What a small dump that Windows wrote may carry on top of the code. */

@@ -12,7 +12,7 @@
 
 #include <oxni/base/algo.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "file.h"
 
 /* The library's header wants another library's for functions that are not used here. */

@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "../text.h"
+#include "../base/text.h"
 
 void evidence_bad(const std::string &path, const std::string &what)
 {

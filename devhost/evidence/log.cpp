@@ -11,7 +11,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "file.h"
 
 /* More than any System log in this form; a file of another kind should not fill the memory. */

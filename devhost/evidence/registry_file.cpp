@@ -4,7 +4,7 @@
 
 #include <string.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "file.h"
 
 /* A whole export of a machine's SYSTEM hive has some tens of megabytes. */

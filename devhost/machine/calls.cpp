@@ -10,7 +10,7 @@
 
 #include <oxni/base/subscriber.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "calls_table.h"
 #include "imports.h"
 #include "machine.h"

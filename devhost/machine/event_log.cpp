@@ -6,7 +6,7 @@
 
 #include <string.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "stand_in.h"
 
 #define RECORD_SIGNATURE    0x654c664cu /* "LfLe" */

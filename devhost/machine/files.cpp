@@ -5,7 +5,7 @@
 #include "machine.h"
 
 #include "../../platform/liboxnibase/host.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "stand_in.h"
 
 struct open_file {

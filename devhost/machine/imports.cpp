@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "../text.h"
+#include "../base/text.h"
 
 static void each_of_library(uint8_t *base, const IMAGE_IMPORT_DESCRIPTOR &import,
                             const import_fn &fn)

@@ -1,7 +1,7 @@
 /* The machine as a whole: opened once, started anew for each boot. */
 #include "machine.h"
 
-#include "../text.h"
+#include "../base/text.h"
 
 /* Real handles are small; stand-ins begin far above them. */
 #define FIRST_STAND_IN_HANDLE 0x40000000ull

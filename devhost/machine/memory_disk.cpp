@@ -7,7 +7,7 @@
 #include <map>
 #include <vector>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "imports.h"
 #include "machine.h"
 #include "memory_disk_internal.h"

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../text.h"
+#include "../base/text.h"
 
 REAL(L"kernel32.dll", CreateFileW);
 REAL(L"kernel32.dll", WriteFile);

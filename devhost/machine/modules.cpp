@@ -4,8 +4,8 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
-#include "../heap.h"
-#include "../text.h"
+#include "heap.h"
+#include "../base/text.h"
 #include "memory_disk.h"
 #include "stand_in.h"
 

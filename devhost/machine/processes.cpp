@@ -3,7 +3,7 @@
 
 #include <tlhelp32.h>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "stand_in.h"
 
 enum {

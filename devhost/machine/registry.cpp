@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "../text.h"
+#include "../base/text.h"
 #include "imports.h"
 #include "stand_in.h"
 

@@ -9,7 +9,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../evidence/file.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "../view/view.h"
 #include "replay.h"
 
@@ -24,12 +24,12 @@ static enum evidence_damage allowed(const replay_arguments &arguments)
 static void prepare(replay_arguments &arguments)
 {
     struct view_options view = {};
-    struct session_options &session = arguments.options.session;
+    struct run_options &session = arguments.options.session;
 
     arguments.options.damage = allowed(arguments);
     session.guard_memory = arguments.memory == "guard";
     if (session.plugin_path.empty())
-        session.plugin_path = session_standard_plugin();
+        session.plugin_path = run_standard_plugin();
     view.log_level = -1;
     view.quiet = true;
     view_open(view);

@@ -7,7 +7,7 @@
 
 #include "../evidence/file.h"
 #include "../scenario/scenario.h"
-#include "../text.h"
+#include "../base/text.h"
 
 #define MOST_BYTES (256ull << 20)
 

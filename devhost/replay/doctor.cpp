@@ -5,7 +5,7 @@
 #include <windows.h>
 
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 
 #define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 
@@ -36,7 +36,7 @@ static void tell_windows(void)
 /* Result: whether it can be loaded. */
 static bool tell_plugin(void)
 {
-    const std::string path = session_standard_plugin();
+    const std::string path = run_standard_plugin();
     const HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
     const DWORD error = GetLastError();
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 
 #define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 

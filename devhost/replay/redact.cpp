@@ -12,7 +12,7 @@
 #include "../evidence/system_events.h"
 #include "../machine/machine.h"
 #include "../scenario/scenario.h"
-#include "../text.h"
+#include "../base/text.h"
 
 /* A check with the standard number of polls is over by then. */
 #define UNTIL_SECONDS 900

@@ -6,11 +6,12 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../evidence/file.h"
 #include "../machine/calls.h"
+#include "../machine/machine.h"
 #include "../scenario/play.h"
 #include "../scenario/products.h"
 #include "../scenario/timeline.h"
 #include "../scenario/journal.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "../view/page.h"
 #include "../view/view.h"
 
@@ -99,7 +100,7 @@ static std::vector<std::string> products_now(const replay_evidence &evidence)
 }
 
 /* Plays the boot to its end. */
-static replay_story play_boot(replay_evidence *evidence, const struct session_options &options,
+static replay_story play_boot(replay_evidence *evidence, const struct run_options &options,
                               const struct scenario &scenario)
 {
     const run_folder folder(options.keep);

@@ -12,8 +12,8 @@
 #include "../evidence/dump_file.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
-#include "../session.h"
-#include "../view/explain.h"
+#include "../base/run_folder.h"
+#include "explain.h"
 
 /* Names of the forms of --json. */
 #define REPLAY_SCHEMA       "bypass_mgr.replay"
@@ -29,7 +29,7 @@ struct replay_options {
     bool json;
     bool timing;      /* tells how long it took, and what of it reading the log */
     std::string html; /* file to write the page to; empty: none */
-    struct session_options session;
+    struct run_options session;
 };
 
 struct replay_product {

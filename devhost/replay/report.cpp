@@ -8,7 +8,7 @@
 #include "../evidence/file.h"
 #include "../scenario/journal.h"
 #include "../scenario/scenario.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "../view/view.h"
 
 #define MOST_DAMAGE_LINES 5

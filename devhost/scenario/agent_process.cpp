@@ -1,7 +1,7 @@
 /* The agent in a scenario. */
 #include "agent_process.h"
 
-#include "../agent.h"
+#include "../agent/agent.h"
 #include "management.h"
 #include "products.h"
 #include "journal.h"

@@ -7,10 +7,10 @@
 #include <oxni/base/ejs.h>
 
 #include "../../platform/liboxni_core/host.h"
-#include "../agent.h"
+#include "../agent/agent.h"
 #include "../machine/calls.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "match.h"
 #include "journal.h"
 #include "machine_setup.h"

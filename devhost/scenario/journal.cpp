@@ -2,7 +2,7 @@
 #include "journal.h"
 
 #include "../../platform/liboxnibase/host.h"
-#include "../text.h"
+#include "../base/text.h"
 
 static const char *const s_kind_names[] = {
     "boot",    "end",   "agent", "step", "message",   "refused",  "left",

@@ -4,10 +4,10 @@
 #include <oxni/base/algo.h>
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
+#include "../agent/agent.h"
 #include "../evidence/log.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "journal.h"
 #include "timeline.h"
 

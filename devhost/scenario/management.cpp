@@ -7,7 +7,7 @@
 #include <oxni/base/json.h>
 
 #include "../../platform/liboxni_core/host.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "timeline.h"
 
 #define LINK_PATH  "/:broadcast/dbg/oxni/quality_opr"

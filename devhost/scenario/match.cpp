@@ -3,7 +3,7 @@
 
 #include <oxni/base/time.h>
 
-#include "../text.h"
+#include "../base/text.h"
 
 static std::string local_text(uint64_t filetime, bool event_form)
 {

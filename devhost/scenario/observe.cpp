@@ -6,7 +6,7 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "journal.h"
 #include "products.h"
 

@@ -12,8 +12,8 @@
 #include <oxni/base/subscriber.h>
 
 #include "../../platform/liboxni_core/host.h"
-#include "../agent.h"
-#include "../text.h"
+#include "../agent/agent.h"
+#include "../base/text.h"
 #include "journal.h"
 #include "timeline.h"
 

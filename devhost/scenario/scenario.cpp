@@ -7,7 +7,7 @@
 #include <rapidjson/writer.h>
 
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 
 #define MOST_LEVELS 100
 

@@ -3,10 +3,10 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
-#include "../agent.h"
+#include "../agent/agent.h"
 #include "../machine/calls.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "journal.h"
 #include "agent_process.h"
 #include "expect.h"

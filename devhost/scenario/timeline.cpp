@@ -8,7 +8,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 
 /* What is planned in this boot, by ms since its start. */
 static std::multimap<uint64_t, std::function<void()>> s_plan;

@@ -6,7 +6,7 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../evidence/system_events.h"
 #include "../machine/machine.h"
-#include "../text.h"
+#include "../base/text.h"
 #include "machine_setup.h"
 #include "journal.h"
 #include "timeline.h"

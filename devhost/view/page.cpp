@@ -2,8 +2,7 @@
 #include "page.h"
 
 #include "../scenario/journal.h"
-#include "../text.h"
-#include "explain.h"
+#include "../base/text.h"
 #include "view.h"
 
 /* Made from page.html by the build. */
@@ -38,13 +37,14 @@ static std::string texts(const std::vector<std::string> &values)
 
 std::string page_of_run(const std::string &file, const std::string &name,
                         const std::vector<std::string> &summary,
-                        const std::vector<std::string> &failures)
+                        const std::vector<std::string> &failures,
+                        const std::vector<size_t> &highlighted)
 {
     std::string timeline, decisions;
 
     for (const happening &what : journal_all())
         timeline += (timeline.empty() ? "" : ",\n") + view_json(what);
-    for (const size_t index : explain_decisions())
+    for (const size_t index : highlighted)
         decisions += (decisions.empty() ? "" : ", ") + std::to_string(index);
     return page_of("{\"title\": " + text_quoted(file) + ", \"about\": " + text_quoted(name) +
                    ", \"summary\": " + texts(summary) + ", \"failures\": " + texts(failures) +

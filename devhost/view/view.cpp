@@ -3,7 +3,7 @@
 
 #include <stdio.h>
 
-#include "../text.h"
+#include "../base/text.h"
 
 /* Escape sequences by kind; none for the usual ones. */
 static const struct {

@@ -1,4 +1,4 @@
-#include "../../devhost/heap.h"
+#include "machine/heap.h"
 
 #include <stdint.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-#include "../../devhost/machine/memory_disk.h"
+#include "machine/memory_disk.h"
 
 #include <stdio.h>
 
@@ -8,7 +8,7 @@
 
 #include <oxni/base/path.h>
 
-#include "../../devhost/text.h"
+#include "base/text.h"
 
 namespace
 {

@@ -1,10 +1,10 @@
-#include "../../devhost/plugin_image.h"
+#include "agent/plugin_image.h"
 
 #include <string.h>
 
 #include <gtest/gtest.h>
 
-#include "../../devhost/machine/imports.h"
+#include "machine/imports.h"
 
 namespace
 {

@@ -17,7 +17,7 @@
 #include <oxni/base/memory.h>
 
 #include "liboxnibase/host.h"
-#include "agent.h"
+#include "agent/agent.h"
 #include "machine/imports.h"
 #include "machine/machine.h"
 #include "scenario/agent_process.h"
@@ -25,8 +25,8 @@
 #include "scenario/products.h"
 #include "scenario/timeline.h"
 #include "scenario/journal.h"
-#include "session.h"
-#include "text.h"
+#include "base/run_folder.h"
+#include "base/text.h"
 #include "harness/jobs.h"
 #include "fault_scenario.h"
 #include "harness/watch.h"
@@ -515,7 +515,7 @@ int crash_points_of(const struct crash_point_options &options)
     struct crash_point_options all = options;
 
     if (all.plugin_path.empty())
-        all.plugin_path = session_standard_plugin();
+        all.plugin_path = run_standard_plugin();
     jobs_check(all.files, all.plugin_path);
     return all.worker || all.at != 0 || all.from != 0 ? crash_point_part(all)
                                                       : crash_point_shared(all);

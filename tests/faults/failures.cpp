@@ -7,7 +7,7 @@
 #include "machine/calls.h"
 #include "machine/machine.h"
 #include "scenario/products.h"
-#include "text.h"
+#include "base/text.h"
 
 /* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
  * many make each fail once. */

@@ -13,18 +13,18 @@
 
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
-#include "agent.h"
-#include "heap.h"
+#include "agent/agent.h"
+#include "machine/heap.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
-#include "../plugin_image.h"
+#include "agent/plugin_image.h"
 #include "scenario/play.h"
 #include "scenario/products.h"
 #include "scenario/timeline.h"
 #include "scenario/journal.h"
-#include "session.h"
-#include "text.h"
+#include "base/run_folder.h"
+#include "base/text.h"
 #include "view/view.h"
 #include "failures.h"
 #include "harness/jobs.h"
@@ -522,7 +522,7 @@ int fault_runs_of(const struct fault_options &options)
     if (all.parts != 0 && all.part >= all.parts)
         throw devhost_error(EXIT_BAD_CALL, "--part: expected a number below that of --parts");
     if (all.plugin_path.empty())
-        all.plugin_path = session_standard_plugin();
+        all.plugin_path = run_standard_plugin();
     view.log_level = OXNI_LOG_INFO;
     jobs_check(all.files, all.plugin_path);
     view_open(view);

@@ -10,9 +10,9 @@
 
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
-#include "session.h"
+#include "base/run_folder.h"
 #include "harness/watch.h"
-#include "text.h"
+#include "base/text.h"
 
 #define HANG_SECONDS 60
 

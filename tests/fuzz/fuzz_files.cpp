@@ -16,7 +16,7 @@
 #include "liboxnibase/host.h"
 #include "scenario/scenario.h"
 #include "machine/memory_disk.h"
-#include "text.h"
+#include "base/text.h"
 
 /* Header and text of an ".ejs" file. */
 static std::string ejs_of(const std::string &text)

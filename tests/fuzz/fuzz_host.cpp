@@ -14,7 +14,7 @@
 #include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
 
-#include "agent.h"
+#include "agent/agent.h"
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
 #include "scenario/agent_process.h"
@@ -23,7 +23,7 @@
 #include "scenario/timeline.h"
 #include "scenario/journal.h"
 #include "harness/leaks.h"
-#include "text.h"
+#include "base/text.h"
 
 /* Inputs from one start of the agent to the next; reports that wait for an answer add up. */
 #define MESSAGES_PERIOD 128u

@@ -11,7 +11,7 @@
 
 #include "../unit/import_patch.h"
 #include "liboxnibase/host.h"
-#include "text.h"
+#include "base/text.h"
 
 #define MOST_EVENT_BYTES (64ull * 1024)
 

@@ -20,7 +20,7 @@
 #include "machine/memory_disk.h"
 #include "recover_tag.h"
 #include "report_history.h"
-#include "text.h"
+#include "base/text.h"
 
 #define SECTOR_BYTES 512
 #define BOOT         1709802000

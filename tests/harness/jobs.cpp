@@ -8,9 +8,9 @@
 #include <mutex>
 #include <thread>
 
-#include "agent.h"
+#include "agent/agent.h"
 #include "scenario/scenario.h"
-#include "text.h"
+#include "base/text.h"
 #include "watch.h"
 
 #define START_TRIES 3

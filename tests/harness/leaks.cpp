@@ -2,10 +2,10 @@
 #include "leaks.h"
 
 #include "liboxnibase/host.h"
-#include "agent.h"
+#include "agent/agent.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
-#include "text.h"
+#include "base/text.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
 #define NAME_BYTES 32

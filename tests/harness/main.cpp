@@ -15,7 +15,7 @@
 #include "faults/crash_points.h"
 #include "faults/fault_runs.h"
 #include "simulation/simulate.h"
-#include "text.h"
+#include "base/text.h"
 
 static void add_plugin_option(CLI::App &command, std::string &path)
 {

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "text.h"
+#include "base/text.h"
 
 #define TEN_DAYS_SECONDS 864000
 

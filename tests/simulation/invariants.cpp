@@ -15,12 +15,12 @@
 
 #include "liboxni_core/host.h"
 #include "liboxnibase/host.h"
-#include "agent.h"
+#include "agent/agent.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
 #include "scenario/journal.h"
 #include "harness/leaks.h"
-#include "text.h"
+#include "base/text.h"
 #include "model.h"
 
 #define STORE_FILE       "bypass_mgr_persistence.ejs"

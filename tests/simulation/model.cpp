@@ -6,10 +6,10 @@
 #include <algorithm>
 
 #include "liboxnibase/host.h"
-#include "agent.h"
+#include "agent/agent.h"
 #include "evidence/system_events.h"
 #include "machine/machine.h"
-#include "text.h"
+#include "base/text.h"
 
 #define POLLS 12
 

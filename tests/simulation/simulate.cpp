@@ -14,15 +14,15 @@
 #include <oxni/base/log.h>
 
 #include "liboxnibase/host.h"
-#include "heap.h"
+#include "machine/heap.h"
 #include "machine/calls.h"
 #include "machine/memory_disk.h"
-#include "../plugin_image.h"
+#include "agent/plugin_image.h"
 #include "scenario/play.h"
 #include "scenario/journal.h"
-#include "session.h"
+#include "base/run_folder.h"
 #include "harness/watch.h"
-#include "text.h"
+#include "base/text.h"
 #include "machines.h"
 
 #define PROGRESS_MS 10000
@@ -296,7 +296,7 @@ int simulate_run(const struct simulate_options &options)
     watch_open(HANG_SECONDS);
     memory_disk_open(text_wide(folder.path));
     if (all.plugin_path.empty())
-        all.plugin_path = session_standard_plugin();
+        all.plugin_path = run_standard_plugin();
     oxnih_memory_set_mode(all.file.empty() ? OXNIH_MEMORY_PLAIN : OXNIH_MEMORY_GUARD);
     oxnih_memory_find_sites(!all.file.empty()); /* else their number is what counts */
     return all.file.empty() ? play_random(folder, all) : play_file(folder, all);

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "../machine/machine.h"
+#include "../evidence/event_record.h"
 
 /* Which part of the story a reason belongs to, in the order of the story. */
 enum reason_topic {

@@ -4,84 +4,22 @@
 #include <stdio.h>
 #include <windows.h>
 
-#include "../platform/liboxni_core/host.h"
-#include "../platform/liboxnibase/host.h"
-#include "agent.h"
-#include "evidence/file.h"
-#include "machine/calls.h"
-#include "scenario/agent_process.h"
-#include "scenario/play.h"
-#include "scenario/products.h"
-#include "scenario/timeline.h"
-#include "scenario/journal.h"
-#include "text.h"
-#include "view/page.h"
-#include "view/view.h"
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../agent/agent.h"
+#include "../evidence/file.h"
+#include "../machine/calls.h"
+#include "../replay/explain.h"
+#include "../scenario/agent_process.h"
+#include "../scenario/play.h"
+#include "../scenario/products.h"
+#include "../scenario/timeline.h"
+#include "../scenario/journal.h"
+#include "../base/text.h"
+#include "../view/page.h"
+#include "../view/view.h"
 
 #define CONSOLE_NAMESPACE "oxni"
-
-/* A new, empty folder below the temporary one, or the one that was asked for. The name of one that
- * was not asked for has the same length each time, since the plug-in's calls depend on it. */
-static std::string make_run_folder(const std::string &keep, const std::string &place)
-{
-    wchar_t temp[1024], full[1024];
-    std::string folder = keep;
-
-    if (folder.empty()) {
-        GetTempPathW(ARRAYSIZE(temp), temp);
-        folder = (place.empty() ? text_narrow(temp) : place + "\\") +
-                 text_format("oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
-    }
-    GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
-    if (!CreateDirectoryW(full, NULL))
-        throw devhost_error(EXIT_BAD_CALL,
-                            text_format("%s: %s, error %lu", folder.c_str(),
-                                        GetLastError() == ERROR_ALREADY_EXISTS
-                                            ? "is there already, expected a folder to be made"
-                                            : "cannot be made",
-                                        GetLastError()));
-    return text_narrow(full);
-}
-
-static void empty_folder(const std::wstring &folder)
-{
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-
-    if (find == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        std::wstring name = entry.cFileName, path = folder + L"\\" + name;
-
-        if (name == L"." || name == L"..")
-            continue;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            empty_folder(path);
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            RemoveDirectoryW(path.c_str());
-        else
-            DeleteFileW(path.c_str());
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
-}
-
-run_folder::run_folder(const std::string &keep, const std::string &place)
-    : path(make_run_folder(keep, place)), kept(!keep.empty())
-{
-}
-
-run_folder::~run_folder()
-{
-    if (kept)
-        return;
-    empty();
-    RemoveDirectoryW(text_wide(path).c_str());
-}
-
-void run_folder::empty() const
-{
-    empty_folder(text_wide(path));
-}
 
 static void trace_sink(const std::string &text, void *user)
 {
@@ -130,7 +68,7 @@ static planned_command parse_command(const std::string &text)
     return command;
 }
 
-static void plan_commands(const struct session_options &options, unsigned long boot)
+static void plan_commands(const struct run_options &options, unsigned long boot)
 {
     for (const std::string &text : options.commands) {
         planned_command command = parse_command(text);
@@ -144,7 +82,7 @@ static void plan_commands(const struct session_options &options, unsigned long b
 }
 
 static void open_scenario(struct scenario &scenario, const std::string &file,
-                          const struct session_options &options, const run_folder &folder)
+                          const struct run_options &options, const run_folder &folder)
 {
     struct play_options play = {folder.path, options.plugin_path, options.real_time, false};
 
@@ -158,15 +96,6 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     play_open(scenario, play);
 }
 
-std::string session_standard_plugin(void)
-{
-    wchar_t path[1024];
-    const DWORD chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
-    const std::string text = text_narrow(std::wstring(path, chars));
-
-    return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
-}
-
 static std::vector<std::string> summary(void)
 {
     std::vector<std::string> lines;
@@ -176,7 +105,7 @@ static std::vector<std::string> summary(void)
     return lines;
 }
 
-static void play_all(const struct session_options &options)
+static void play_all(const struct run_options &options)
 {
     for (unsigned long boot = 1; play_begin_boot(); boot++) {
         plan_commands(options, boot);
@@ -187,15 +116,15 @@ static void play_all(const struct session_options &options)
 
 /* The end of a run as a person sees it; the page, too, when one is wanted. */
 static void end_run(const std::string &file, const struct scenario &scenario,
-                    const struct session_options &options, const std::vector<std::string> &failures)
+                    const struct run_options &options, const std::vector<std::string> &failures)
 {
     if (!options.html.empty())
         evidence_write(options.html, page_of_run(file, node_text_of(&scenario.document, "name", ""),
-                                                 summary(), failures));
+                                                 summary(), failures, explain_decisions()));
     view_end(file, summary(), failures);
 }
 
-int session_run(const std::string &file, const struct session_options &options)
+int session_run(const std::string &file, const struct run_options &options)
 {
     struct scenario scenario;
     std::vector<std::string> failures;
@@ -317,7 +246,7 @@ static void prompt(void)
     fflush(stdout);
 }
 
-int session_console(const std::string &file, const struct session_options &options)
+int session_console(const std::string &file, const struct run_options &options)
 {
     struct scenario scenario;
     char buffer[4096];

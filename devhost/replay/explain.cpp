@@ -3,9 +3,10 @@
 
 #include <string.h>
 
+#include "../machine/machine.h"
 #include "../scenario/journal.h"
-#include "../text.h"
-#include "view.h"
+#include "../base/text.h"
+#include "../view/view.h"
 
 #define BLAME_LINE       "find [*] crach!"
 #define EMPTY_STACK_LINE "dump info is empty. "

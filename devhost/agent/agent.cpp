@@ -3,14 +3,14 @@
 
 #include <windows.h>
 
-#include "../platform/liboxni_core/host.h"
-#include "../platform/liboxnibase/host.h"
-#include "heap.h"
-#include "machine/calls.h"
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
+#include "../../platform/liboxni_core/host.h"
+#include "../../platform/liboxnibase/host.h"
+#include "../machine/heap.h"
+#include "../machine/calls.h"
+#include "../machine/machine.h"
+#include "../machine/memory_disk.h"
 #include "plugin_image.h"
-#include "text.h"
+#include "../base/text.h"
 
 typedef uint64_t (*plugin_init_fn)(void);
 

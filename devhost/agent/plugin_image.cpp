@@ -7,7 +7,7 @@
 
 #include <vector>
 
-#include "text.h"
+#include "../base/text.h"
 
 /* As the loader passes them; mingw's headers lack them. */
 struct unicode_string {

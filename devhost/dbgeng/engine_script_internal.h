@@ -1,6 +1,6 @@
 /* What the engine's objects ask its script. On the engine's thread. */
-#ifndef DEVHOST_ENGINE_INTERNAL_H
-#define DEVHOST_ENGINE_INTERNAL_H
+#ifndef DEVHOST_ENGINE_SCRIPT_INTERNAL_H
+#define DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 
 #include <string>
 
