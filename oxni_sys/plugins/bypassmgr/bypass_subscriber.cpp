@@ -152,7 +152,7 @@ static void check_load_group(void)
 {
     crash_config_record record = {};
 
-    s_driver_bypass_sent = check_load_driver_bypass(ASK_ONCE) > 0;
+    s_driver_bypass_sent = check_load_driver_bypass(ASK_ONCE);
     if (!s_driver_bypass_sent)
         return;
     (void)read_load_driver_crash_config(&record);
@@ -164,7 +164,7 @@ static void check_sp_driver(void)
 {
     crash_config_record record = {};
 
-    s_sp_driver_bypass_sent = check_oxnisp_driver_bypass(ASK_ONCE) != 0;
+    s_sp_driver_bypass_sent = check_oxnisp_driver_bypass(ASK_ONCE);
     if (!s_sp_driver_bypass_sent)
         return;
     (void)read_oxnisp_crash_config(&record);

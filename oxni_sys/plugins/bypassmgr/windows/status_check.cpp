@@ -96,11 +96,12 @@ static void end_check_of_crash(status_check_ctx *ctx, const event_info &info)
     uint64_t dump_time = 0;
     const bool parsed = find_dump(&modules, &dump_time, &dump_path);
 
-    LOG_INFO(WORD_BUGCHECK " left count[%d] time[%s] parse ret[%d]", ctx->left, info.time_text,
-             parsed);
+    LOG_INFO("windows_system_crash left count[%d] time[%s] parse ret[%d]", ctx->left,
+             info.time_text, parsed);
     report_verdict(ctx, STATUS_CHECK_CRASH, modules, dump_path);
     const bool recorded = set_dumprecord_time((int64_t)dump_time);
-    LOG_INFO(WORD_BUGCHECK " set record ret[%d] timestamp[%I64d]", recorded, (int64_t)dump_time);
+    LOG_INFO("windows_system_crash set record ret[%d] timestamp[%I64d]", recorded,
+             (int64_t)dump_time);
     oxni_free_(ctx);
 }
 
@@ -113,7 +114,7 @@ static int32_t find_end_of_previous_run(const status_check_ctx *ctx, event_info 
     if (!newest_event_is(EVENT_UNEXPECTED_SHUTDOWN, s_power_events, info))
         return STATUS_CHECK_NORMAL;
     /* A blue screen leaves this record too, and its own is often written later. */
-    LOG_WARN(WORD_UNEXPECTED_SHUTDOWN " time [%s], waitting crash event, left count[%d] ",
+    LOG_WARN("windows_nonomal_shutdown time [%s], waitting crash event, left count[%d] ",
              info->time_text, ctx->left);
     return STATUS_CHECK_UNEXPECTED_SHUTDOWN;
 }
@@ -174,7 +175,7 @@ static void winlogin_check_timer(void *timer, void *arg)
         return;
     }
     if (logged_on)
-        LOG_WARN(WORD_WINLOGON " left count[%d] time[%s]", ctx->left, info.time_text);
+        LOG_WARN("windows_winlogin left count[%d] time[%s]", ctx->left, info.time_text);
     (void)arm_poll(logged_on ? bypass_check_timer : winlogin_check_timer, ctx);
 }
 

@@ -1,5 +1,4 @@
-/* The events of the System log that describe starts and ends of Windows: id, provider, and the word
- * that stands for the event in log lines. */
+/* The events of the System log that describe starts and ends of Windows: ids and providers. */
 #ifndef SYSTEM_EVENTS_H
 #define SYSTEM_EVENTS_H
 
@@ -15,11 +14,5 @@ enum system_event_id {
 #define PROVIDER_UNEXPECTED_SHUTDOWN L"Microsoft-Windows-Kernel-Power"
 #define PROVIDER_BUGCHECK            L"BugCheck"
 #define PROVIDER_WINLOGON            L"Microsoft-Windows-Winlogon"
-
-/* Fixed texts, misspellings included: log readers search for them. */
-#define WORD_WINDOWS_START       "windows_start"
-#define WORD_UNEXPECTED_SHUTDOWN "windows_nonomal_shutdown"
-#define WORD_BUGCHECK            "windows_system_crash"
-#define WORD_WINLOGON            "windows_winlogin"
 
 #endif

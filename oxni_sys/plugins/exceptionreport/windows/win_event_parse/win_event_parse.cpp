@@ -43,10 +43,10 @@ static const struct event_kind {
     uint32_t event_id;
     const char *word;
 } s_event_kinds[] = {
-    {EVENT_WINDOWS_START,       WORD_WINDOWS_START      },
-    {EVENT_UNEXPECTED_SHUTDOWN, WORD_UNEXPECTED_SHUTDOWN},
-    {EVENT_BUGCHECK,            WORD_BUGCHECK           },
-    {EVENT_WINLOGON,            WORD_WINLOGON           },
+    {EVENT_WINDOWS_START,       "windows_start"           },
+    {EVENT_UNEXPECTED_SHUTDOWN, "windows_nonomal_shutdown"},
+    {EVENT_BUGCHECK,            "windows_system_crash"    },
+    {EVENT_WINLOGON,            "windows_winlogin"        },
 };
 
 static const char *event_kind_word(uint32_t event_id)
