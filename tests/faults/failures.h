@@ -34,14 +34,13 @@ struct boot_counts {
  * or "calls". */
 std::vector<failure> failures_of(const std::string &kind, const boot_counts &plain);
 
-/* Makes the next boot's failure due, or none for NULL, and counts from here. Called right after
- * Windows has started. */
+/* Makes a failure due, or none for NULL, and counts from here. Called right after Windows has
+ * started. */
 void failure_arm(const failure *failure);
-/* Ends the failure. Result: the counts since it was armed. */
+/* Whether it has occurred since; calls of the engine are not counted, and it always has. */
+bool failure_fired(const failure &failure);
+/* Ends it. Result: the counts since it was armed. */
 boot_counts failure_disarm(const failure *failure);
-
-/* Whether a boot with those counts reached the failure. */
-bool failure_fired(const failure &failure, const boot_counts &counts);
 
 std::string failure_text(const failure &failure);
 

@@ -204,8 +204,8 @@ static std::vector<std::vector<std::string>> jobs_of(const struct job_options &o
             for (const std::string &argument :
                  {file, std::string("--plugin"), options.plugin_path, std::string("--place"),
                   options.place, std::string("--every"), std::to_string(options.every),
-                  std::string("--part"), std::to_string(part), std::string("--parts"),
-                  std::to_string(PARTS)})
+                  std::string("--from"), std::to_string(options.from), std::string("--part"),
+                  std::to_string(part), std::string("--parts"), std::to_string(PARTS)})
                 jobs.back().push_back(argument);
         }
     return jobs;
@@ -237,9 +237,6 @@ int jobs_run(const struct job_options &options, const std::vector<std::string> &
 
 int jobs_end(const std::vector<uint64_t> &counts, uint64_t violations)
 {
-    FILETIME c, e, k, u; /* TEMP */
-    GetProcessTimes(GetCurrentProcess(), &c, &e, &k, &u); /* TEMP */
-    fprintf(stderr, "cpu kernel %.2f user %.2f\n", k.dwLowDateTime / 1e7, u.dwLowDateTime / 1e7); /* TEMP */
     printf("counts");
     for (uint64_t count : counts)
         printf(" %" PRIu64, count);

@@ -59,7 +59,7 @@ static void add_job_options(CLI::App &command, struct job_options &job)
                        "Folder for the runs' files, best in memory; else the temporary one");
     command.add_option("--every", job.every, "Only every Nth run or operation")
         ->check(CLI::PositiveNumber);
-    command.add_option("--from", job.from, "From this run or operation on");
+    command.add_option("--from", job.from, "From this run or operation on")->take_last();
     command.add_option("--part", job.part, "In this process, one run or operation in --parts");
     command.add_option("--parts", job.parts, "Number of processes that share the first file");
 }
