@@ -60,7 +60,7 @@
 #include "harness/watch.h"
 
 #define HANG_SECONDS 120
-/* The boot of an allocation or call that fails persistently ends so long after its first failure:
+/* The boot of an allocation or call that fails persistently ends 60 to 120 s after the first failure:
  * ten days of nothing but failures show nothing new. */
 #define SETTLE_MS 60000u
 
