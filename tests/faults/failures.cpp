@@ -1,7 +1,5 @@
-/* Lists of failures, and how each is brought about. */
+/* The list of failures, and how each is injected. */
 #include "failures.h"
-
-#include <algorithm>
 
 #include "liboxnibase/host.h"
 #include "machine/calls.h"
@@ -9,12 +7,11 @@
 #include "scenario/products.h"
 #include "base/text.h"
 
-/* So many calls of a name in a boot fail each in a run of its own; of those behind them, runs of so
- * many make each fail once. */
-#define BATCH 32ull
-/* "For ever" begins at each of so many calls of a name in a boot, and behind them at the 1,024th,
- * 2,048th and so on: there it is the same poll again and again. */
-#define FOREVER_CALLS 512ull
+/* Calls of a name that fail with each of their errors; the later ones take one error in turn. */
+#define ALL_ERRORS_CALLS 2u
+/* So many calls of a name in a boot fail each; later ones repeat the polls of a driver or of ten
+ * days. */
+#define FIRST_CALLS 128u
 
 static const struct {
     const char *call;
@@ -29,104 +26,120 @@ static const struct {
     {"OutputStackTrace",   {0x80004005, 0x80004001, 0x8007000e}},
 };
 
-/* Those fail in the sweep of allocations. */
+/* Total of the allocations before the boot. */
+static uint64_t s_allocations_before;
+
+/* These fail as allocations. */
 static bool is_allocation(const std::string &call)
 {
     return call == "oxni_zero_malloc_" || call == "oxni_ralloc_" || call == "oxni_strdup";
 }
 
-/* Both ways of one failure. */
-static void add_both(boot_failures &list, const failure &once)
-{
-    list.once.push_back(once);
-    list.forever.push_back(once);
-    list.forever.back().times = 0;
-}
-
-static void add_calls(boot_failures &list, const std::string &call, uint64_t count)
+static void add_calls(std::vector<failure> &list, const std::string &call, uint64_t count)
 {
     std::vector<uint32_t> errors = calls_errors(call);
 
-    for (uint64_t nth = 1; nth <= std::min<uint64_t>(count, BATCH); nth++)
+    for (uint64_t nth = 1; nth <= count; nth = nth < FIRST_CALLS ? nth + 1 : nth * 2)
         for (size_t i = 0; i < errors.size(); i++)
-            if (nth <= 2 || i == nth % errors.size())
-                add_both(list, {FAILS_CALL, nth, 1, call, errors[i]});
-    /* Behind those it is the same again and again, as in the polls of a driver. */
-    for (uint64_t nth = BATCH + 1; nth <= std::min<uint64_t>(count, 2 * BATCH); nth++)
-        list.once.push_back(
-            {FAILS_CALL, nth, (count - nth) / BATCH + 1, call, errors[nth % errors.size()]});
-    for (uint64_t nth = BATCH + 1; nth <= count; nth = nth < FOREVER_CALLS ? nth + 1 : nth * 2)
-        list.forever.push_back({FAILS_CALL, nth, 0, call, errors[nth % errors.size()]});
+            if (nth <= ALL_ERRORS_CALLS || i == nth % errors.size())
+                list.push_back({FAILS_CALL, nth, false, call, errors[i]});
 }
 
-boot_failures failures_list(const std::string &kind, const boot_counts &plain)
+static void add_engine(std::vector<failure> &list)
 {
-    boot_failures list;
+    for (const auto &row : s_engine_failures)
+        for (uint32_t result : row.results)
+            list.push_back({FAILS_ENGINE, 1, true, row.call, result});
+}
+
+std::vector<failure> failures_of(const std::string &kind, const boot_counts &plain)
+{
+    std::vector<failure> list;
 
     if (kind == "allocations") {
         for (uint64_t nth = 1; nth <= plain.allocations; nth++)
-            add_both(list, {FAILS_ALLOCATION, nth, 1, "", 0});
-        return list;
+            list.push_back({FAILS_ALLOCATION, nth, false, "", 0});
+    } else {
+        for (const auto &call : plain.calls)
+            if (!is_allocation(call.first))
+                add_calls(list, call.first, call.second);
+        for (uint64_t nth = 1; nth <= plain.commands; nth++)
+            for (uint32_t error : {2u, 110u})
+                list.push_back({FAILS_DELIVERY, nth, false, "", error});
     }
-    for (const auto &call : plain.calls)
-        if (!is_allocation(call.first))
-            add_calls(list, call.first, call.second);
-    for (uint64_t nth = 1; nth <= plain.pushes; nth++)
-        for (uint32_t error : {2u, 110u})
-            add_both(list, {FAILS_PUSH, nth, 1, "", error});
-    if (plain.calls.at("LoadLibraryW") != 0)
-        for (const auto &row : s_engine_failures)
-            for (uint32_t result : row.results)
-                list.forever.push_back({FAILS_ENGINE, 1, 0, row.call, result});
+    for (size_t i = 0, once = list.size(); i < once; i++) {
+        list.push_back(list[i]);
+        list.back().persistent = true;
+    }
+    if (kind == "calls" && plain.calls.at("LoadLibraryW") != 0)
+        add_engine(list);
     return list;
 }
 
-void failure_arm(const failure &failure)
+static uint64_t allocations(void)
 {
-    if (failure.way == FAILS_ALLOCATION && failure.times == 0)
-        oxnih_memory_fail(failure.nth, 1);
-    if (failure.way == FAILS_ALLOCATION && failure.times != 0)
-        oxnih_memory_fail_also(failure.nth);
-    if (failure.way == FAILS_CALL)
-        for (uint64_t i = 0; i < std::max<uint64_t>(failure.times, 1); i++)
-            calls_fail(failure.call, failure.nth + i * BATCH, failure.times == 0 ? 0 : 1,
-                       failure.error);
-    if (failure.way == FAILS_PUSH)
-        product_disturb(failure.nth, failure.times == 0, static_cast<int32_t>(failure.error));
-    if (failure.way == FAILS_ENGINE) {
-        machine_get().engine_faults[failure.call] = static_cast<HRESULT>(failure.error);
+    oxnih_memory_stats stats;
+
+    oxnih_memory_get_stats(&stats);
+    return stats.allocations;
+}
+
+void failure_arm(const failure *failure)
+{
+    s_allocations_before = allocations();
+    product_disturb(0, false, 0);
+    if (failure == NULL)
+        return;
+    switch (failure->kind) {
+    case FAILS_ALLOCATION: oxnih_memory_fail(failure->nth, failure->persistent); break;
+    case FAILS_CALL:
+        calls_fail(failure->call, failure->nth, failure->persistent ? 0 : 1, failure->error);
+        break;
+    case FAILS_DELIVERY:
+        product_disturb(failure->nth, failure->persistent, static_cast<int32_t>(failure->error));
+        break;
+    case FAILS_ENGINE:
+        machine_get().engine_faults[failure->call] = static_cast<HRESULT>(failure->error);
         machine_update_engine();
+        break;
     }
 }
 
-void failure_disarm(const failure &failure)
+bool failure_fired(const failure &failure)
 {
+    switch (failure.kind) {
+    case FAILS_ALLOCATION: return allocations() - s_allocations_before >= failure.nth;
+    case FAILS_CALL: return calls_count(failure.call) >= failure.nth;
+    case FAILS_DELIVERY: return product_pushes() >= failure.nth;
+    default: return true;
+    }
+}
+
+boot_counts failure_disarm(const failure *failure)
+{
+    boot_counts counts = {allocations() - s_allocations_before, {}, product_pushes()};
+
+    for (const std::string &name : calls_failing())
+        counts.calls[name] = calls_count(name);
     oxnih_memory_fail(0, 0);
-    if (failure.way == FAILS_ENGINE) {
-        machine_get().engine_faults.erase(failure.call);
+    if (failure != NULL && failure->kind == FAILS_ENGINE) {
+        machine_get().engine_faults.erase(failure->call);
         machine_update_engine();
     }
-}
-
-uint64_t failure_came_about(const failure &failure, const boot_counts &counts)
-{
-    if (failure.way == FAILS_ALLOCATION)
-        return counts.allocations >= failure.nth; /* of "for ever" the first one */
-    if (failure.way == FAILS_ENGINE)
-        return 1;
-    uint64_t calls = failure.way == FAILS_PUSH ? counts.pushes : counts.calls.at(failure.call);
-    if (calls < failure.nth)
-        return 0;
-    return failure.times == 0 ? calls - failure.nth + 1
-                              : std::min(failure.times, (calls - failure.nth) / BATCH + 1);
+    return counts;
 }
 
 std::string failure_text(const failure &failure)
 {
-    static const char *const ways[] = {"allocation", "call", "every call of the engine's",
-                                       "delivery of command"};
+    static const char *const kinds[] = {"allocation", "call", "delivery of command",
+                                        "every call of the engine's"};
+    std::string text = kinds[failure.kind];
 
-    return text_format("%s %llu %s%s, error 0x%x", ways[failure.way],
-                       static_cast<unsigned long long>(failure.nth), failure.call.c_str(),
-                       failure.times == 0 ? " and all behind it" : "", failure.error);
+    if (failure.kind != FAILS_ENGINE)
+        text += text_format(" %llu", static_cast<unsigned long long>(failure.nth));
+    if (!failure.call.empty())
+        text += (failure.kind == FAILS_CALL ? " of " : " ") + failure.call;
+    text += failure.persistent ? " fails persistently" : " fails once";
+    return failure.kind == FAILS_ALLOCATION ? text
+                                            : text + text_format(", error 0x%x", failure.error);
 }

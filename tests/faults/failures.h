@@ -1,4 +1,4 @@
-/* What a sweep makes fail, one failure at a time. Host's one thread. */
+/* What fails in the boot of a fault run, and how. Host's one thread. */
 #ifndef FAILURES_H
 #define FAILURES_H
 
@@ -8,42 +8,39 @@
 #include <string>
 #include <vector>
 
-enum failure_way {
+enum failure_kind {
     FAILS_ALLOCATION,
     FAILS_CALL,
-    FAILS_ENGINE, /* a call of the debugger engine, in the whole boot */
-    FAILS_PUSH,   /* a command finds its product unreachable */
+    FAILS_DELIVERY, /* a command finds its product unreachable */
+    FAILS_ENGINE,   /* every call of a name of the debugger engine */
 };
 
 struct failure {
-    enum failure_way way;
-    uint64_t nth;
-    uint64_t times; /* every 32 calls behind the one before; 0: it and all to the boot's end */
+    enum failure_kind kind;
+    uint64_t nth;    /* in the boot, from 1 */
+    bool persistent; /* the nth and all later ones */
     std::string call;
     uint32_t error;
 };
 
-/* What the plug-in did in a boot. */
+/* What the plug-in did in a boot, failed calls included. */
 struct boot_counts {
-    uint64_t allocations;                  /* those that failed, too */
+    uint64_t allocations;
     std::map<std::string, uint64_t> calls; /* by name, those that can fail */
-    uint64_t pushes;                       /* commands to products */
+    uint64_t commands;
 };
 
-/* What is to fail in a boot. */
-struct boot_failures {
-    std::vector<failure> once, forever;
-};
+/* Every failure of a boot in order, by the counts of the same boot without one. kind: "allocations"
+ * or "calls". */
+std::vector<failure> failures_of(const std::string &kind, const boot_counts &plain);
 
-/* Every failure of a boot, by what it did without one. kind: "allocations" or "calls". */
-boot_failures failures_list(const std::string &kind, const boot_counts &plain);
-
-/* From here on it is due, counted from here; and no longer. */
-void failure_arm(const failure &failure);
-void failure_disarm(const failure &failure);
-
-/* How often something failed in a boot by it; of allocations that fail for ever the first alone. */
-uint64_t failure_came_about(const failure &failure, const boot_counts &counts);
+/* Makes a failure due, or none for NULL, and counts from here. Called right after Windows has
+ * started. */
+void failure_arm(const failure *failure);
+/* Whether it has occurred since; calls of the engine are not counted, and it always has. */
+bool failure_fired(const failure &failure);
+/* Ends it. Result: the counts since it was armed. */
+boot_counts failure_disarm(const failure *failure);
 
 std::string failure_text(const failure &failure);
 

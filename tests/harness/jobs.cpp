@@ -1,11 +1,13 @@
-/* Processes of this program, and the threads that wait for them. */
+/* Processes of this program, and threads that wait for them. */
 #include "jobs.h"
 
+#include <inttypes.h>
 #include <stdio.h>
 #include <windows.h>
 
 #include <algorithm>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 #include "agent/agent.h"
@@ -14,18 +16,16 @@
 #include "watch.h"
 
 #define START_TRIES 3
+/* Jobs of one file: so many that the processors finish at about the same time. */
+#define PARTS ((size_t)4)
 
-void jobs_check(const std::vector<std::string> &files, const std::string &plugin_path)
+bool jobs_is_mine(const struct job_options &options, uint64_t index)
 {
-    for (const std::string &file : files) {
-        struct scenario scenario;
-
-        scenario_load(scenario, file, {});
-    }
-    agent_check_plugin(plugin_path);
+    return index >= options.from && index % options.every == 0 &&
+           (options.parts == 0 || index / options.every % options.parts == options.part);
 }
 
-/* As the C runtime of the process takes it apart again; our arguments end in no backslash. */
+/* Quoted for the C runtime of the process; none of our arguments ends in a backslash. */
 static std::wstring command_line(const std::vector<std::string> &arguments)
 {
     wchar_t path[1024];
@@ -49,15 +49,15 @@ static std::string read_all(HANDLE pipe)
     return all;
 }
 
-/* Of the last call; what comes of it shows in the status, which says that there is none. */
+/* Reports the last call's error; the caller returns STILL_ACTIVE as the status. */
 static void complain(const char *call)
 {
     fprintf(stderr, "harness: %s failed, error %lu\n", call, GetLastError());
 }
 
-/* Result: the process, its handle the caller's; NULL when it cannot be started. Where Wine's loader
- * lies at random (cmake/wine-run), one start in some ten thousand fails with ERROR_INTERNAL_ERROR,
- * before the program runs, and the next one succeeds. */
+/* Result: the process, its handle owned by the caller; NULL when it cannot be started. Where Wine's
+ * loader has a random address (cmake/wine-run), one start in some ten thousand fails with
+ * ERROR_INTERNAL_ERROR before the program runs, and the next one succeeds. */
 static HANDLE start(std::wstring line, HANDLE output)
 {
     STARTUPINFOW startup = {};
@@ -85,7 +85,7 @@ static HANDLE start(std::wstring line, HANDLE output)
 
 unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string *output)
 {
-    static std::mutex starting; /* else a process would inherit another one's pipe */
+    static std::mutex starting; /* a process must not inherit another one's pipe */
     SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
     HANDLE read = NULL, write = NULL;
     DWORD status = STILL_ACTIVE;
@@ -111,61 +111,79 @@ unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string
     return status;
 }
 
-/* The lines of one job, however many processes it takes. */
-static void run_job(std::vector<std::string> job, std::string *lines)
+/* The lines of one job. A process that crashed or hung is followed by one from the next trial on. */
+static std::string run_job(std::vector<std::string> job)
 {
+    std::string lines;
+    int64_t last = -1;
+
     for (size_t size = job.size();;) {
         std::string output;
         unsigned status = jobs_run_process(job, &output);
         int64_t trial = watch_ended_in(output);
 
-        *lines += output;
-        if (status <= 1 && output.find("figures ") != std::string::npos)
-            return;
-        if ((status != WATCH_CRASHED && status != WATCH_HUNG) || trial < 0) {
-            *lines += text_format("violation: a process ended with status %u: %s\n", status,
-                                  text_narrow(command_line(job)).c_str());
-            return;
-        }
-        *lines += "violation: it crashed or hung\n";
+        lines += output;
+        if (status <= 1 && output.find("counts ") != std::string::npos)
+            return lines;
+        if ((status != WATCH_CRASHED && status != WATCH_HUNG) || trial <= last)
+            return lines + text_format("violation: a process ended with status %u: %s\n", status,
+                                       text_narrow(command_line(job)).c_str());
+        lines += "violation: the process crashed or hung\n";
+        last = trial;
         job.resize(size);
         job.push_back("--from");
         job.push_back(std::to_string(trial + 1));
     }
 }
 
-static std::vector<std::string> split(const std::string &text)
-{
-    std::vector<std::string> lines;
+/* What all jobs have printed so far. */
+struct totals {
+    std::vector<uint64_t> counts;
+    uint64_t violations;
+};
 
-    for (size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = std::min(text.find('\n', at), text.size());
-        lines.push_back(text.substr(at, end - at));
-        if (!lines.back().empty() && lines.back().back() == '\r')
-            lines.back().pop_back();
-        if (watch_ended_in(lines.back()) >= 0)
-            lines.pop_back();
+static void print_lines(const std::string &text, totals &totals)
+{
+    std::istringstream stream(text);
+    std::string line, first;
+
+    while (std::getline(stream, line)) {
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        std::istringstream fields(line);
+        if (watch_ended_in(line) >= 0)
+            continue;
+        totals.violations += line.rfind("violation:", 0) == 0;
+        if (line.rfind("counts ", 0) != 0) {
+            printf("%s\n", line.c_str());
+            continue;
+        }
+        fields >> first;
+        for (uint64_t &count : totals.counts) {
+            uint64_t more = 0;
+
+            fields >> more;
+            count += more;
+        }
     }
-    return lines;
+    fflush(stdout);
 }
 
-std::vector<std::string> jobs_run(const std::vector<std::vector<std::string>> &jobs)
+static void run_all(const std::vector<std::vector<std::string>> &jobs, totals &totals)
 {
     std::vector<std::thread> workers;
-    std::string all;
     std::mutex mutex;
     size_t next = 0;
     auto work = [&] {
-        for (;;) {
-            std::unique_lock<std::mutex> lock(mutex);
-            if (next == jobs.size())
-                return;
+        std::unique_lock<std::mutex> lock(mutex);
+
+        while (next < jobs.size()) {
             const std::vector<std::string> &job = jobs[next++];
+
             lock.unlock();
-            std::string lines;
-            run_job(job, &lines);
+            std::string lines = run_job(job);
             lock.lock();
-            all += lines;
+            print_lines(lines, totals);
         }
     };
 
@@ -173,5 +191,56 @@ std::vector<std::string> jobs_run(const std::vector<std::vector<std::string>> &j
         workers.emplace_back(work);
     for (std::thread &worker : workers)
         worker.join();
-    return split(all);
+}
+
+static std::vector<std::vector<std::string>> jobs_of(const struct job_options &options,
+                                                     const std::vector<std::string> &command)
+{
+    std::vector<std::vector<std::string>> jobs;
+
+    for (const std::string &file : options.files)
+        for (size_t part = 0; part < PARTS; part++) {
+            jobs.push_back(command);
+            for (const std::string &argument :
+                 {file, std::string("--plugin"), options.plugin_path, std::string("--place"),
+                  options.place, std::string("--every"), std::to_string(options.every),
+                  std::string("--from"), std::to_string(options.from), std::string("--part"),
+                  std::to_string(part), std::string("--parts"), std::to_string(PARTS)})
+                jobs.back().push_back(argument);
+        }
+    return jobs;
+}
+
+int jobs_run(const struct job_options &options, const std::vector<std::string> &command,
+             const std::vector<std::string> &columns)
+{
+    totals totals = {std::vector<uint64_t>(columns.size()), 0};
+    ULONGLONG began = GetTickCount64();
+
+    for (const std::string &file : options.files) {
+        struct scenario scenario;
+
+        scenario_load(scenario, file, {});
+    }
+    agent_check_plugin(options.plugin_path);
+    run_all(jobs_of(options, command), totals);
+    printf("%-12s", "");
+    for (const std::string &column : columns)
+        printf(" %12s", column.c_str());
+    printf(" %12s %9s\n%-12s", "violations", "seconds", command.back().c_str());
+    for (uint64_t count : totals.counts)
+        printf(" %12" PRIu64, count);
+    printf(" %12" PRIu64 " %9.1f\n", totals.violations,
+           static_cast<double>(GetTickCount64() - began) / 1000.0);
+    return totals.violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
+}
+
+int jobs_end(const std::vector<uint64_t> &counts, uint64_t violations)
+{
+    printf("counts");
+    for (uint64_t count : counts)
+        printf(" %" PRIu64, count);
+    printf("\n");
+    fflush(stdout);
+    return violations == 0 ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }

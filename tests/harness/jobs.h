@@ -1,26 +1,48 @@
 /*
- * Work that is done by processes of this program, several at a time: each does one part and may
- * crash without the others, and is started again behind the trial that it ended in.
+ * Runs over scenario files, shared among processes of this program, as many at a time as there are
+ * processors. Each process may crash or hang without the others: another one continues with the run
+ * after the one that ended it.
  */
 #ifndef JOBS_H
 #define JOBS_H
 
+#include <stddef.h>
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 
-/* What all of them need, before the first one starts: the scenarios load, and so does the plug-in.
- * Throws devhost_error with EXIT_BAD_CALL or EXIT_NO_PLUGIN. */
-void jobs_check(const std::vector<std::string> &files, const std::string &plugin_path);
+/* Options of every command that runs jobs. */
+struct job_options {
+    std::vector<std::string> files;
+    std::string plugin_path;    /* empty: the DLL beside this program */
+    std::string place;          /* where run folders are made; empty: the temporary folder */
+    size_t every = 1;           /* only every so many-th run */
+    size_t from = 0;            /* first run */
+    size_t part = 0, parts = 0; /* this process does part of parts; 0 parts: starts the processes */
+};
 
-/* Runs this program with those arguments (UTF-8) and waits for its end. output: what it wrote to
- * its standard output; its errors go where ours do. Result: its exit status; 259 when it cannot be
+/* Whether this process does that run of its file. */
+bool jobs_is_mine(const struct job_options &options, uint64_t index);
+
+/* Runs this program with those arguments (UTF-8) and waits for its end. output: receives its
+ * standard output; its standard error is ours. Result: its exit status; 259 when it cannot be
  * started. */
 unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string *output);
 
-/* Runs it for every list of arguments, as many at a time as there are processors. A process that
- * crashed or hung goes on with "--from N" added. Result: the lines that they wrote, without those
- * by which the watch tells where to go on; a process that cannot be started, or ends
- * without a line of "figures", leaves a line of "violation". */
-std::vector<std::string> jobs_run(const std::vector<std::vector<std::string>> &jobs);
+/*
+ * Runs a command for all parts of all files. Prints what the processes print, and a table of their
+ * summed counts.
+ *
+ * command  Its words; the last one names the row of the table.
+ * columns  Headings of the counts.
+ *
+ * Result   enum devhost_exit. Throws devhost_error for a scenario or plug-in that does not load.
+ */
+int jobs_run(const struct job_options &options, const std::vector<std::string> &command,
+             const std::vector<std::string> &columns);
+
+/* Ends a part: prints its counts for jobs_run. Result: its exit status. */
+int jobs_end(const std::vector<uint64_t> &counts, uint64_t violations);
 
 #endif

@@ -11,7 +11,7 @@
 #define NAME_BYTES 32
 
 struct search {
-    uint64_t names; /* that may be lost */
+    uint64_t names; /* of products, that may be lost */
     std::vector<std::string> lost;
 };
 
@@ -39,6 +39,6 @@ std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uplo
     if (!open.empty())
         search.lost.push_back("left open: " + open);
     if (!engine.empty())
-        search.lost.push_back("not given back: " + engine);
+        search.lost.push_back("not released: " + engine);
     return search.lost;
 }

@@ -51,32 +51,32 @@ static void add_simulate(CLI::App &app, int *status)
 }
 
 /* Options of fault runs and crash points. */
-template <typename options> static void add_failure_options(CLI::App &command, options &which)
+static void add_job_options(CLI::App &command, struct job_options &job)
 {
-    command.add_option("FILE", which.files, "Scenario files")->required();
-    add_plugin_option(command, which.plugin_path);
-    command.add_option("--place", which.place,
+    command.add_option("FILE", job.files, "Scenario files")->required();
+    add_plugin_option(command, job.plugin_path);
+    command.add_option("--place", job.place,
                        "Folder for the runs' files, best in memory; else the temporary one");
-    command.add_option("--every", which.every, "Only every Nth run or operation")
+    command.add_option("--every", job.every, "Only every Nth run or operation")
         ->check(CLI::PositiveNumber);
-    command.add_option("--from", which.from, "From this run or operation on");
+    command.add_option("--from", job.from, "From this run or operation on")->take_last();
+    command.add_option("--part", job.part, "In this process, one run or operation in --parts");
+    command.add_option("--parts", job.parts, "Number of processes that share the first file");
 }
 
 static void add_faults(CLI::App &app, int *status)
 {
     auto options = std::make_shared<fault_options>();
     CLI::App *command = app.add_subcommand(
-        "faults", "Makes every allocation or call of scenarios fail, and checks what follows");
+        "faults", "Makes every allocation or call of scenarios fail, see docs/faults.md");
 
     command->add_option("KIND", options->kind, "What fails")
         ->required()
         ->check(CLI::IsMember({"allocations", "calls"}));
-    add_failure_options(*command, *options);
+    add_job_options(*command, options->job);
     command->add_option("--only", options->only, "Only this run, as a violation names it");
     add_reload_option(*command, options->reload);
-    command->add_option("--part", options->part, "In this process, one run in --parts");
-    command->add_option("--parts", options->parts, "Processes that share the runs");
-    command->callback([options, status] { *status = fault_runs_of(*options); });
+    command->callback([options, status] { *status = fault_runs_main(*options); });
 }
 
 static void add_crash_points(CLI::App &app, int *status)
@@ -85,13 +85,12 @@ static void add_crash_points(CLI::App &app, int *status)
     CLI::App *command =
         app.add_subcommand("crashpoints", "Ends the process at every file operation of scenarios");
 
-    add_failure_options(*command, *options);
-    command->add_flag("--worker", options->worker, "All crash points of one file, in this process");
+    add_job_options(*command, options->job);
     command->add_option("--at", options->at, "Ends this process before that operation");
     command->add_flag("--torn", options->torn,
                       "In the middle of it, with half of the bytes written");
     command->add_option("--keep", options->keep, "With --at: folder of the run, there and empty");
-    command->callback([options, status] { *status = crash_points_of(*options); });
+    command->callback([options, status] { *status = crash_points_main(*options); });
 }
 
 int wmain(int argc, wchar_t **argv);

@@ -1,5 +1,5 @@
-/* Seeing crashes and hangs. What is printed at the end of the process needs no memory of its own:
- * nothing in the process can be trusted by then. */
+/* Detects crashes and hangs. The last lines of the process are printed without allocating: its heap
+ * may be damaged. */
 #include "watch.h"
 
 #include <signal.h>
@@ -64,7 +64,7 @@ static LONG WINAPI crashed(EXCEPTION_POINTERS *pointers)
     end_process(text, WATCH_CRASHED);
 }
 
-/* The last chance comes too late for it: there is no stack left to run on. */
+/* The filter for unhandled exceptions would need stack, of which nothing remains. */
 static LONG WINAPI overflowed(EXCEPTION_POINTERS *pointers)
 {
     if (pointers->ExceptionRecord->ExceptionCode == EXCEPTION_STACK_OVERFLOW)
@@ -84,7 +84,7 @@ static DWORD WINAPI watch(void *)
         LONG64 began = s_began;
 
         if (began != 0 && static_cast<LONG64>(GetTickCount64()) - began > s_limit_ms)
-            end_process("hang: it does not come to an end", WATCH_HUNG);
+            end_process("hang: the trial takes too long", WATCH_HUNG);
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "scenario/products.h"
 #include "base/text.h"
 
 #define TEN_DAYS_SECONDS 864000

@@ -20,6 +20,7 @@
 #include "machine/machine.h"
 #include "scenario/journal.h"
 #include "harness/leaks.h"
+#include "harness/previous_boot.h"
 #include "base/text.h"
 #include "model.h"
 
@@ -321,6 +322,7 @@ static void on_dump(const uint64_t *a, uint64_t result)
 static void begin(const oxnih_event *event)
 {
     finish();
+    previous_boot_initialised();
     model_agent.now = {};
     model_agent.now.open = true;
     model_agent.now.kind = event->kind;
@@ -486,6 +488,8 @@ static void agent_ends(void)
     oxnih_memory_stats stats;
 
     finish();
+    for (const std::string &found : previous_boot_violations())
+        broken("previous boot", found);
     if (model_agent.only_normal)
         check_idle();
     else
@@ -503,6 +507,7 @@ static void check_leaks(const void *plugin)
 static void look(const happening &what, void *user)
 {
     (void)user;
+    previous_boot_note(what);
     if (what.kind != HAPPENED_AGENT)
         return;
     WANT(what.text.rfind("was ended", 0) != 0, "no exit", "the allocation guard ended the agent");
@@ -544,6 +549,7 @@ void rules_open(void)
     oxnih_log_set_sink(NULL, NULL);
     for (const auto &row : s_watches)
         calls_set_watch(row.name, row.watch);
+    previous_boot_open();
 }
 
 const simulate_finding &rules_finding(void)
@@ -560,6 +566,7 @@ void rules_close(void)
 {
     for (const auto &row : s_watches)
         calls_set_watch(row.name, NULL);
+    previous_boot_close();
     agent_watch_end(NULL);
     journal_set_view(NULL, NULL);
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "liboxnibase/host.h"
+#include "scenario/play.h"
 #include "scenario/scenario.h"
 
 /* generate.cpp */
@@ -24,7 +25,7 @@ bool machine_is_talkative(uint64_t seed);
 /* rules.cpp */
 
 struct simulate_finding {
-    std::string rule; /* its short name in docs/soak.md; empty: none is broken */
+    std::string rule; /* its short name in docs/simulation.md; empty: none is broken */
     std::string what;
     uint64_t ms; /* since the start of Windows */
     int boot;    /* from 1 */

@@ -45,7 +45,7 @@ static played play_machine(const rapidjson::Document &document, const run_folder
     struct play_options play = {folder.path, options.plugin_path, false, false};
     played played = {};
 
-    scenario.file = "soak";
+    scenario.file = "simulation";
     scenario.document.CopyFrom(document, scenario.document.GetAllocator());
     try {
         play_open(scenario, play);
@@ -162,7 +162,7 @@ static void save(const rapidjson::Document &document, const std::string &file)
 static void tell_finding(const simulate_finding &finding, uint64_t seed)
 {
     printf("\nbroken: %s: %s\n  at %s of boot %d of machine %" PRIu64
-           "\n  again: ./dev soak --boots 1 --seed %" PRIu64 "\n",
+           "\n  again: ./dev simulate --boots 1 --seed %" PRIu64 "\n",
            finding.rule.c_str(), finding.what.c_str(), time_span(finding.ms).c_str(), finding.boot,
            seed, seed);
     fflush(stdout);
@@ -171,7 +171,7 @@ static void tell_finding(const simulate_finding &finding, uint64_t seed)
 static void shrink(rapidjson::Document &document, const simulate_finding &finding, uint64_t seed,
                    const run_folder &folder, const struct simulate_options &options)
 {
-    std::string file = options.save + text_format("\\soak-%" PRIu64 ".json", seed);
+    std::string file = options.save + text_format("\\simulated-%" PRIu64 ".json", seed);
     auto breaks = [&](const rapidjson::Document &smaller) {
         return still_breaks(smaller, finding.rule, folder, options);
     };
@@ -182,7 +182,7 @@ static void shrink(rapidjson::Document &document, const simulate_finding &findin
         "about", json_value((finding.rule + ": " + finding.what).c_str(), document.GetAllocator()),
         document.GetAllocator());
     save(document, file);
-    printf("  made small: %s, shown by ./dev run, judged by ./dev soak --file\n", file.c_str());
+    printf("  made small: %s, shown by ./dev run, judged by ./dev simulate --file\n", file.c_str());
 }
 
 /* A machine's hash: of all calls of its plug-in with arguments and results, and of the number of
@@ -242,7 +242,7 @@ static int play_random(const run_folder &folder, const struct simulate_options &
 
         if (options.hash_calls)
             hash_begin(folder);
-        watch_try(text_format("./dev soak --boots 1 --seed %" PRIu64, seed), seed);
+        watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
         machine_generate(document, seed);
         oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
         oxnih_memory_set_mode(machine_memory_mode(seed));
@@ -287,7 +287,7 @@ int simulate_run(const struct simulate_options &options)
     struct simulate_options all = options;
     run_folder folder(options.folder.empty()
                           ? ""
-                          : options.folder + text_format("\\soak-%08lu-%010lu",
+                          : options.folder + text_format("\\simulated-%08lu-%010lu",
                                                          GetCurrentProcessId(), GetTickCount()));
 
     folder.kept = false;

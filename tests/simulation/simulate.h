@@ -1,6 +1,6 @@
 /*
  * Long runs: random machines played boot after boot through the real plug-in, against rules that
- * hold whatever happens to a machine. What is random and which rules: docs/soak.md.
+ * hold whatever happens to a machine. What is random and which rules: docs/simulation.md.
  */
 #ifndef SIMULATE_H
 #define SIMULATE_H
