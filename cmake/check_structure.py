@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks the structure of our sources: who includes whom, circles, and the dialect of the plug-in.
+"""Checks our sources: allowed includes, include cycles, and the plug-in's C++ dialect.
 
 usage: check_structure.py SOURCE
 """
@@ -10,8 +10,8 @@ import sys
 
 source = os.path.abspath(sys.argv[1])
 
-# Which directories a directory may include from, itself apart. Headers of the contract and of
-# Windows are open to all.
+# Directories that a directory may include from, besides itself. All may include the contract's and
+# Windows' headers.
 MAY_INCLUDE = {
     "oxni_sys": [],
     "platform": [],
@@ -21,10 +21,10 @@ MAY_INCLUDE = {
     "examples": ["platform"],
 }
 
-# Directories whose files do not include each other in circles.
+# Directories in which include cycles are errors.
 WITHOUT_CIRCLE = ["oxni_sys"]
 
-# What the plug-in's sources do not contain: pattern, what to write.
+# Constructs that the plug-in's sources must not contain: pattern, replacement.
 DIALECT = [
     (r"\b(static|reinterpret|const)_cast\b", "a cast as (type)value"),
     (r"\bnullptr\b", "NULL"),
@@ -36,7 +36,7 @@ DIALECT = [
 
 
 def sources():
-    """Our C and C++ files, relative to the source directory."""
+    """Returns our C and C++ files, relative to the source directory."""
     names = subprocess.run(["git", "-C", source, "ls-files", "-co", "--exclude-standard", "--",
                             "*.cpp", "*.h"], capture_output=True, text=True, check=True).stdout
     return [name for name in names.splitlines() if os.path.exists(os.path.join(source, name))]
@@ -48,7 +48,7 @@ def read(name):
 
 
 def included(name, text, files):
-    """The files of ours that a file includes, relative to the source directory."""
+    """Yields the project's files that a file includes, relative to the source directory."""
     by_base = {}
     for other in files:
         by_base.setdefault(os.path.basename(other), []).append(other)
@@ -64,7 +64,7 @@ def included(name, text, files):
 
 
 def circles(graph):
-    """The strongly connected parts of more than one node (Tarjan)."""
+    """Returns the strongly connected components of more than one node (Tarjan)."""
     index, low, stack, found = {}, {}, [], []
 
     def visit(node):
@@ -100,7 +100,7 @@ def main():
         for other in included(name, text, set(files)):
             other_top = other.split("/")[0]
             if other_top not in (top, "oxni_base") and other_top not in MAY_INCLUDE.get(top, []):
-                complaints.append(f"{name}: includes {other}, which {top}/ may not")
+                complaints.append(f"{name}: includes {other}, which {top}/ must not include")
             if os.path.splitext(other)[0] != unit:
                 graph[unit].add(os.path.splitext(other)[0])
         if top == "oxni_sys":
@@ -112,8 +112,8 @@ def main():
         others &= graph.keys()
     for circle in circles(graph):
         if circle[0].split("/")[0] in WITHOUT_CIRCLE:
-            complaints.append("circle of includes: " + " ".join(circle))
-    print("\n".join(complaints + [f"{len(files)} files, {len(complaints)} findings of structure"]))
+            complaints.append("include cycle: " + " ".join(circle))
+    print("\n".join(complaints + [f"{len(files)} files, {len(complaints)} structural findings"]))
     sys.exit(1 if complaints else 0)
 
 
