@@ -1,4 +1,5 @@
-/* The core: registering with the store written, the decision, and "bypass" to everybody. */
+/* Benchmarks of the core: a registration that writes the store, the decision, and "bypass" to all
+ * products. */
 #include "bypass_mgr.h"
 #include "bypass_mgr_decision.h"
 #include "bypass_mgr_registry.h"
@@ -24,8 +25,7 @@
 #define MODULES_EACH  32
 #define CRASH_MODULES 99
 
-/* Answers in place of the file system, while products are set up and where only the look-ups are
- * to be seen. */
+/* Replacements of file system calls, used during set-up and where only look-ups are measured. */
 static int do_not_write(json_t *, const char *)
 {
     return 0;
@@ -77,7 +77,7 @@ static void deliver(void)
     bench_require(oxnih_core_run_until(oxnih_clock_tick_ms()) == 0, "a callback failed");
 }
 
-/* The names of a product as the platform's tables hold them, and nothing of the platform. */
+/* A module name of a product in a bare hash table, for the floor. */
 struct bare_name {
     UT_hash_handle hh;
     std::string name;
@@ -103,7 +103,7 @@ static void free_table(bare_name *head)
     }
 }
 
-/* n registered products, each with an entry in the store, for as long as a bench runs. */
+/* Registered products, each with an entry in the store, for the duration of a benchmark. */
 class products
 {
   public:
@@ -114,7 +114,7 @@ class products
 
         if (boot_time == 0)
             bench_require(bypass_mgr_init() == 0, "the plug-in is not set up");
-        bypass_mgr_store_load(++boot_time); /* another boot: the store is empty */
+        bypass_mgr_store_load(++boot_time); /* a new boot empties the store */
         for (size_t number = 0; number < count; number++)
             add(number, modules);
     }
@@ -135,7 +135,7 @@ class products
     products &operator=(const products &) = delete;
 
     std::vector<oxni_subscriber *> handles;
-    /* Filled at the same moments as the plug-in's, so that they lie in memory as those do. */
+    /* Filled together with the plug-in's tables, so that both have the same memory layout. */
     std::vector<bare_name *> tables;
 
   private:
@@ -156,8 +156,8 @@ class products
     }
 };
 
-/* The least that keeping a document takes: its text, on the disk, in one step. It lies beside the
- * store: Wine looks into each folder on the way. */
+/* The floor of storing a document: writes its text to the disk atomically. The file is in the
+ * store's directory, because Wine searches each directory of a path. */
 static void write_plainly(json_t *document)
 {
     static const std::wstring path = text_wide(bench_folder() + "/var/bypass_mgr/plain.json");
@@ -183,8 +183,8 @@ static int keep_document(json_t *document, const char *)
     return 0;
 }
 
-/* The store's own document, borrowed: a copy of it would lie in memory in one piece, and be written
- * faster for that. */
+/* Returns the store's own document, borrowed. A copy would be contiguous in memory and therefore
+ * faster to serialise. */
 static json_t *stored_document(const products &with)
 {
     import_patch patch("wdu_json_dump_file_ejs", keep_document);
@@ -195,8 +195,8 @@ static json_t *stored_document(const products &with)
     return s_written;
 }
 
-/* The nth product registers in a state that differs from the stored one, which stores it: the
- * agent was restarted. */
+/* Times the registration of the nth product after a restart of the agent, with a status that
+ * differs from the stored one, so that the plug-in writes the store. */
 static void register_nth(benchmark::State &state)
 {
     products with(static_cast<size_t>(state.range(0)), 4);
@@ -212,7 +212,7 @@ static void register_nth(benchmark::State &state)
         const bench_moment begin = bench_now();
         write_plainly(document);
         const bench_moment middle = bench_now();
-        bench_require(bypass_mgr_receive(last, message) == 0, "the product is refused");
+        bench_require(bypass_mgr_receive(last, message) == 0, "the registration is rejected");
         pair.add(1, middle - begin, bench_now() - middle);
     }
     bench_require(bypass_mgr_stored_status(bypass_mgr_table_find(last)->product_name) ==
@@ -231,7 +231,7 @@ static crash_module_set crashed_stack(void)
     return modules;
 }
 
-/* Looks every name up, which nobody's stack holds. */
+/* Looks every module name up in the modules of the stack and returns the number of matches. */
 static size_t look_up(const std::vector<bare_name *> &tables, const crash_module_set &modules)
 {
     size_t found = 0;
@@ -255,14 +255,14 @@ static void decide(benchmark::State &state)
         pair.turn(
             1, [&] { bench_require(look_up(with.tables, modules) == 0, "a name is found"); },
             [&] {
-                oxni_subscriber_retain(with.handles[0]); /* given back by the verdict */
+                oxni_subscriber_retain(with.handles[0]); /* the callback releases it */
                 bypass_mgr_check_cb(STATUS_CHECK_CRASH, modules, "", {}, with.handles[0]);
             });
 }
 BENCHMARK(decide)->Arg(10)->Arg(100)->Arg(1000)->UseManualTime();
 
-/* A verdict that blames the last product: each gets the order, replies, is to be reported and
- * stored. */
+/* Times a verdict that blames the last product: each product gets the order and replies, and the
+ * plug-in stores it and queues its report. */
 static void bypass_all(benchmark::State &state)
 {
     products with(static_cast<size_t>(state.range(0)), 4);
@@ -290,5 +290,5 @@ static void bypass_all(benchmark::State &state)
     }
 }
 BENCHMARK(bypass_all)->Arg(10)->Arg(100)->UseManualTime();
-/* A turn writes two thousand documents of a thousand products. */
+/* Few iterations: each writes 2,000 documents of 1,000 products. */
 BENCHMARK(bypass_all)->Arg(1000)->Iterations(3)->UseManualTime();

@@ -1,4 +1,5 @@
-/* The evidence: scanning log records, a whole query of the System log, cutting a stack's text. */
+/* Benchmarks of the evidence: scanning event records, a whole query of the System log, and parsing
+ * a stack's text. */
 #include "analyze_dmp.h"
 #include "win_event_parse.h"
 
@@ -18,14 +19,14 @@
 #define STACK_TEXT_MIB (1024ll * 1024)
 #define NO_MATCH       13
 
-/* What the plug-in looks for, and none of the records below is. */
+/* The events that the plug-in expects; none of the records below matches. */
 static const event_key s_expected_keys[] = {
     {12,   L"Microsoft-Windows-Kernel-General"},
     {1001, L"BugCheck"                        },
 };
 static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expected_keys)};
 
-/* What a System log is mostly made of. */
+/* The most common records of a System log. */
 /* clang-format off */
 static const event_record s_usual[] = {
     {0, 1709802341, 0x40001b7c, 4, L"Service Control Manager", {L"Windows Update", L"running"}},
@@ -45,7 +46,7 @@ static const event_record s_usual[] = {
 };
 /* clang-format on */
 
-/* The log of the machine, filled once. */
+/* Returns the machine's log; the first call fills it. */
 static const std::vector<event_record> &usual_log(void)
 {
     std::vector<event_record> &events = machine_get().events;
@@ -60,7 +61,7 @@ template <typename Function> static Function stand_in(const char *name)
     return reinterpret_cast<Function>(machine_event_log_stand_in(name));
 }
 
-/* The log as the reader gets it: a block a read, newest first. */
+/* Returns the log as the reader receives it: one block per read, newest first. */
 static const std::vector<std::string> &log_blocks(void)
 {
     static std::vector<std::string> blocks;
@@ -82,7 +83,7 @@ static const std::vector<std::string> &log_blocks(void)
     return blocks;
 }
 
-/* Blocks of the log one behind the other, as many as fit. */
+/* Returns as many concatenated blocks of the log as fit into bytes. */
 static std::string log_block(size_t bytes)
 {
     std::string joined;
@@ -95,7 +96,8 @@ static std::string log_block(size_t bytes)
     return joined;
 }
 
-/* Reads Length and EventID and finds the end of the source name, for each record. */
+/* The floor of a scan: reads Length and EventID and finds the end of the source name of each
+ * record. */
 static uint32_t walk_records(const std::string &block)
 {
     uint32_t seen = 0;
@@ -135,7 +137,7 @@ static void scan(benchmark::State &state)
 }
 BENCHMARK(scan)->Arg(4096)->Arg(65536)->UseManualTime();
 
-/* Copies the log block by block into a buffer that is filled again and again. */
+/* The floor of a query: copies the log block by block into one buffer. */
 static void copy_log(const std::vector<std::string> &blocks)
 {
     static char buffer[BLOCK_BYTES];
@@ -171,7 +173,7 @@ static void query(benchmark::State &state)
 }
 BENCHMARK(query)->Arg(LOG_RECORDS)->UseManualTime();
 
-/* A stack of that many frames, as the engine prints it with the symbols of Windows. */
+/* Returns a stack of that many frames, as the engine prints it with Windows' symbols. */
 static std::string stack_text(size_t frames)
 {
     static const char *const sites[] = {
@@ -199,7 +201,8 @@ static std::string stack_text(size_t frames)
     return text;
 }
 
-/* Finds the end of each line and its separator: the first '!', or else the first '+'. */
+/* The floor of parsing: finds the end of each line and its separator, the first '!' or else the
+ * first '+'. */
 static size_t walk_lines(const std::string &text)
 {
     size_t seen = 0, mark = 0, plus = 0;
@@ -217,7 +220,7 @@ static size_t walk_lines(const std::string &text)
     return seen;
 }
 
-/* The sets are the caller's: they are emptied between the turns. */
+/* Times parsing. Clears the sets between the turns, since that is the caller's work. */
 static void cut_stack(benchmark::State &state, const std::string &text)
 {
     std::vector<crash_module_set> sets(text.size() > 65536 ? 1 : 100);

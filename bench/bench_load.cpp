@@ -1,4 +1,4 @@
-/* The shipped DLL: its loading, the memory it takes, and whole boots played with it. */
+/* Benchmarks of the shipped DLL: loading it, its memory use, and whole boots. */
 #include "bench_support.h"
 
 #include <stdio.h>
@@ -14,7 +14,7 @@
 #include "../platform/liboxnibase/host.h"
 
 #define PRODUCTS       10
-#define BOOTS_A_SERIES 50 /* of one scenario; what is recorded of a boot is kept until its end */
+#define BOOTS_A_SERIES 50 /* boots of one scenario, which keeps the events of all its boots */
 
 typedef uint64_t (*plugin_init_fn)(void);
 
@@ -34,7 +34,7 @@ static void call_entry(HMODULE plugin)
     bench_require(entry != NULL && entry() == 0, "the entry is missing or failed");
 }
 
-/* The agent's process ends: what the plug-in left with the platform is gone. */
+/* Ends the agent's process: drops the plug-in's state in the platform. */
 static void forget_agent(void)
 {
     oxnih_core_reset();
@@ -42,7 +42,7 @@ static void forget_agent(void)
     oxnih_memory_drop_all();
 }
 
-/* The mean of a step goes into the raw numbers. */
+/* Adds the mean time of a step to the raw results. */
 static void add_step(benchmark::State &state, const char *name, bench_moment::duration time)
 {
     benchmark::Counter &counter = state.counters[name];
@@ -55,7 +55,8 @@ static void load_init_free(benchmark::State &state)
 {
     bench_pair pair(state);
 
-    /* Wine's own process list and service manager take longer than everything else. */
+    /* The machine replaces Wine's process list and service manager, which would dominate the
+     * time. */
     machine_open(text_wide(text_replace(bench_folder(), "/", "\\")));
     machine_boot(oxnih_clock_now_100ns());
     for (auto _ : state) {
@@ -82,7 +83,7 @@ static void load_init_free(benchmark::State &state)
 }
 BENCHMARK(load_init_free)->UseManualTime();
 
-/* Counted here: Wine answers 0 where Windows tells a process's private bytes. */
+/* Counts the private bytes by region, because Wine reports 0 for a process's private bytes. */
 static uint64_t private_bytes(void)
 {
     MEMORY_BASIC_INFORMATION region;
@@ -115,7 +116,7 @@ static void register_product(int number)
     json_decref(message);
 }
 
-/* To be the only bench of its process: memory that others gave back would be taken again. */
+/* Must be the only benchmark of its process: memory that another one freed would be reused. */
 static void memory_of_ten_products(benchmark::State &state)
 {
     for (auto _ : state) {
@@ -131,7 +132,7 @@ static void memory_of_ten_products(benchmark::State &state)
 }
 BENCHMARK(memory_of_ten_products)->Iterations(1);
 
-/* Boots of two products that end clean. */
+/* Writes a scenario of boots with two products and clean shutdowns. Returns its path. */
 static std::string scenario_file(void)
 {
     std::string path = bench_folder() + "/boots.json";

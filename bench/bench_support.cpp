@@ -1,4 +1,4 @@
-/* The platform as a bench needs it, and the one main program of the benches. */
+/* The platform's set-up for benchmarks, and their main program. */
 #include "bench_support.h"
 
 #include <filesystem>
@@ -31,13 +31,13 @@ const std::string &bench_folder(void)
 
 static void remove_files(void)
 {
-    std::error_code ignored; /* what is left lies in the temporary folder */
+    std::error_code ignored; /* remaining files are in the temporary directory */
 
     std::filesystem::remove_all(s_folder, ignored);
 }
 
-/* Loads what an agent has loaded, gives it folders in a new one of its own, starts simulated time
- * and switches log and search for leaks off: they are not what is measured. */
+/* Loads the libraries of an agent, creates its directories and starts simulated time. Disables the
+ * log and the search for allocation sites, which must not be measured. */
 static void open_platform(void)
 {
     static const wchar_t *const libraries[] = {L"liboxnialgo.dll", L"liboxni_agentid.dll",
@@ -51,7 +51,8 @@ static void open_platform(void)
     s_folder = (parent != NULL ? parent : text_narrow(temp)) +
                text_format("oxni_bench-%lu-%lu", GetCurrentProcessId(), GetTickCount());
     std::replace(s_folder.begin(), s_folder.end(), '\\', '/');
-    bench_require(CreateDirectoryW(text_wide(s_folder).c_str(), NULL), "no folder can be made");
+    bench_require(CreateDirectoryW(text_wide(s_folder).c_str(), NULL),
+                  "the directory of this run cannot be created");
     atexit(remove_files);
     oxnih_set_install_dir((s_folder + "/bin").c_str());
     oxnih_set_process_path((s_folder + "/bin/oxni_agent.exe").c_str());

@@ -1,6 +1,6 @@
 /*
- * What the benches share: the pair of a floor and a work that are timed in turns, and the main
- * program, which sets the platform up before any of them runs. One thread.
+ * Shared by the benchmarks: the timed pair of a work and its floor, and the main program, which
+ * sets the platform up before the first benchmark runs. One thread.
  */
 #ifndef BENCH_SUPPORT_H
 #define BENCH_SUPPORT_H
@@ -12,11 +12,12 @@
 
 #include <benchmark/benchmark.h>
 
-/* The folder of this run, with slashes; below BENCH_FOLDER or the temporary one, and removed at the
- * end of the program. */
+/* Returns the directory of this run, with forward slashes. It is below BENCH_FOLDER or the
+ * temporary directory and is removed at the end of the program. */
 const std::string &bench_folder(void);
 
-/* Ends the program: a bench that measures something else than it claims is worse than none. */
+/* Ends the program with a message unless condition is true: the benchmark would not measure what it
+ * claims. */
 void bench_require(bool condition, const char *what);
 
 typedef std::chrono::steady_clock::time_point bench_moment;
@@ -26,7 +27,7 @@ static inline bench_moment bench_now(void)
     return std::chrono::steady_clock::now();
 }
 
-/* Times of the two sides in seconds, one a turn. */
+/* Times of the work and its floor in seconds, one pair per turn. */
 class bench_pair
 {
   public:
@@ -34,7 +35,7 @@ class bench_pair
     {
     }
 
-    /* One turn: calls of each side, as many as make the clock's grain harmless. */
+    /* Times one turn: calls calls of each side, enough for the resolution of the clock. */
     template <typename Floor, typename Work> void turn(int calls, Floor floor, Work work)
     {
         const bench_moment begin = bench_now();
@@ -46,7 +47,7 @@ class bench_pair
         add(calls, middle - begin, bench_now() - middle);
     }
 
-    /* A turn that the bench timed itself. */
+    /* Adds a turn that the benchmark timed itself. */
     void add(int calls, bench_moment::duration floor, bench_moment::duration work)
     {
         const double floor_s = std::chrono::duration<double>(floor).count() / calls;
@@ -58,8 +59,8 @@ class bench_pair
         state_.SetIterationTime(work_s * calls);
     }
 
-    /* Hands the medians to the result as "floor_ns", "work_ns" and "ratio". The latter is that of
-     * the turns' own ratios: what slows the machine down for a while slows both sides of a turn. */
+    /* Reports the medians as "floor_ns", "work_ns" and "ratio". "ratio" is the median of the ratios
+     * per turn, because a temporary slowdown of the machine affects both sides of a turn. */
     ~bench_pair()
     {
         state_.counters["ratio"] = median(&ratios_);

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# The source of a DLL that has the imports of another one, the entry, and nothing else.
+# Prints the source of a DLL with the imports of another DLL, an empty entry point and nothing else.
+# usage: empty_plugin.sh OBJDUMP DLL
 set -eu -o pipefail
 echo 'unsigned long long __declspec(dllexport) oxni_plugin_init(void) { return 0; }'
-# Symbols of the import libraries: their addresses hold the imported functions' ones.
+# References the import libraries' __imp_ symbols, which contain the functions' addresses.
 "$1" -p "$2" | awk '
     /^The Import Tables/ { inside = 1 }
     /^The Export Tables|^The Function Table/ { inside = 0 }

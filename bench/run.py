@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the benches under Wine and prints one table: figure, floor, ratio, target."""
+"""Runs the benchmarks under Wine and prints one table: measured, floor, ratio, target."""
 import argparse
 import json
 import math
@@ -12,7 +12,7 @@ import time
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 MEMORY = "/dev/shm"
 
-# What, its bench, its sizes, the most that the work may take of its floor.
+# Row, benchmark, sizes, target: the highest allowed ratio of the work to its floor.
 ROWS = [
     ("find_expected_event, bytes", "scan", [4096, 65536], 1.2),
     ("query of the log, records", "query", [65536], 2),
@@ -35,8 +35,8 @@ def fail(text):
 
 
 def run_program(options, program, name, folder=None, seconds=0.5):
-    """The results of one program by name. folder: where its files lie, None: on the disk.
-    seconds: the least that the work of a row is timed for."""
+    """Returns the results of one program by benchmark name. folder is the directory of its files,
+    None for the temporary one on the disk. seconds is the minimum time per row."""
     out = os.path.join(tempfile.gettempdir(), f"oxni_bench-{os.getpid()}.json")
     environment = dict(os.environ, WINE_RUN_SECONDS="1200")
     if folder is not None:
@@ -56,12 +56,12 @@ def run_program(options, program, name, folder=None, seconds=0.5):
 
 
 def run_all(options):
-    # Stores lie on the disk, as an agent's do. What is not about them has its files in memory,
-    # where there is such a folder: a flush of the disk would hide all the rest.
+    # Benchmarks of the store write to the disk, as an agent does. The others use files in memory
+    # where possible: a disk flush would dominate their times.
     memory = MEMORY if os.path.isdir(MEMORY) else None
     stores = "register_nth|bypass_all/(10|100)/" if options.quick else "register_nth|bypass_all"
     results = run_program(options, "bench_plugin.exe", "scan|query|stack|decide")
-    # Flushes of the disk differ by more than the target: it takes many turns to see through them.
+    # Times of disk flushes vary by more than the target, so these rows need many iterations.
     results.update(run_program(options, "bench_plugin.exe", stores, seconds=5))
     results.update(run_program(options, "bench_load.exe", "load_init_free", memory))
     results.update(run_program(options, "bench_load.exe", "boot", memory))
@@ -84,7 +84,7 @@ def seconds_of(command, **how):
 
 
 def test_times():
-    """Warm, then cold in a clone with nothing built."""
+    """Returns the seconds of ./dev test: warm, and cold in a fresh clone without a build."""
     dev = os.path.join(ROOT, "dev")
     seconds_of([dev, "test"])
     warm = seconds_of([dev, "test"])
@@ -93,7 +93,7 @@ def test_times():
         seconds_of(["git", "clone", "-q", ROOT, clone])
         cold = seconds_of([os.path.join(clone, "dev"), "test"],
                           env=dict(os.environ, BYPASS_BUILD=build))
-        # Its server writes into the folder when it ends.
+        # The Wine server writes to the directory when it ends.
         seconds_of(["wineserver", "--wait"],
                    env=dict(os.environ, WINEPREFIX=os.path.join(build, "wineprefix")))
     return warm, cold
@@ -111,7 +111,7 @@ def print_row(what, figure, floor, ratio, target, holds):
 
 
 def print_table(results, bytes_of_dll):
-    print_row("what", "figure", "floor", "ratio", "target", True)
+    print_row("work", "measured", "floor", "ratio", "target", True)
     for what, name, sizes, target in ROWS:
         for size in sizes:
             one = results.get(name if size is None else f"{name}/{size}")
@@ -121,7 +121,7 @@ def print_table(results, bytes_of_dll):
             print_row(what if size is None else f"{what} {size}", time_text(one["work_ns"]),
                       time_text(one["floor_ns"]), f"{ratio:.2f}", str(target), ratio <= target)
     boot = results["boot"]
-    print(f"{'simulated boots a second':38} {1e9 / boot['work_ns']:>12.0f}")
+    print(f"{'simulated boots per second':38} {1e9 / boot['work_ns']:>12.0f}")
     memory = results["memory_of_ten_products"]["bytes"]
     print_row("private bytes, ten products", f"{memory / 1024:.0f} KiB", "", "",
               f"{MEMORY_TARGET // 1024} KiB", memory < MEMORY_TARGET)
@@ -130,7 +130,8 @@ def print_table(results, bytes_of_dll):
 
 
 def exponent(points):
-    """The power of n that the times grow with: the slope of the logarithms, by least squares."""
+    """Returns the exponent of n in the growth of the times: the least-squares slope of the
+    logarithms."""
     logs = [(math.log(n), math.log(t)) for n, t in points]
     mean_n = sum(n for n, _ in logs) / len(logs)
     mean_t = sum(t for _, t in logs) / len(logs)
@@ -153,8 +154,9 @@ def print_growth(results):
 def main():
     parser = argparse.ArgumentParser(prog="./dev bench", description=__doc__)
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
-    parser.add_argument("--quick", action="store_true", help="a minute, for trying: rough figures")
-    parser.add_argument("--json", metavar="FILE", help="keeps the raw numbers")
+    parser.add_argument("--quick", action="store_true",
+                        help="takes about a minute, with imprecise results")
+    parser.add_argument("--json", metavar="FILE", help="writes the raw results to FILE")
     parser.add_argument("--tests", action="store_true",
                         help="also times ./dev test, warm and in a fresh clone")
     options = parser.parse_args()

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Looks at our own sources with clang's warnings and clang-tidy for the same target, and cppcheck.
+"""Checks our own sources with clang's warnings and clang-tidy for the same target, and cppcheck.
 
-usage: check.py SOURCE BUILD [NAME]   BUILD holds compile_commands.json; NAME: only files with it
+usage: check.py SOURCE BUILD [NAME]
+
+BUILD contains compile_commands.json. With NAME, checks only files whose name contains it.
 """
 import concurrent.futures
 import json
@@ -15,13 +17,13 @@ wanted = sys.argv[3] if len(sys.argv) > 3 else ""
 COMPILERS = {"x86_64-w64-mingw32-gcc-posix": "clang", "x86_64-w64-mingw32-g++-posix": "clang++"}
 
 LEFT_OUT = [
-    "-Wno-unknown-warning-option",  # those that only the other compiler knows
-    "-Wno-microsoft-exception-spec",  # Windows' headers promise of interfaces what that one ignores
+    "-Wno-unknown-warning-option",  # the build uses options that only GCC knows
+    "-Wno-microsoft-exception-spec",  # from Windows' headers; GCC ignores such specifications
 ]
 
 
 def standard_library():
-    """Where the cross compiler has its C++ headers, as arguments: clang would not find them."""
+    """Returns the arguments for the cross compiler's C++ headers, which clang does not find."""
     text = subprocess.run(["x86_64-w64-mingw32-g++-posix", "-xc++", "-E", "-v", os.devnull],
                           capture_output=True, text=True, check=True).stderr
     lines = text.split("search starts here:")[-1].splitlines()
@@ -30,7 +32,7 @@ def standard_library():
 
 
 def ours():
-    """The commands of the build for files of ours, as clang takes them."""
+    """Returns the compile commands of our own files, converted for clang."""
     cxx_headers = standard_library()
     with open(os.path.join(build, "compile_commands.json")) as file:
         commands = json.load(file)
@@ -50,7 +52,7 @@ def ours():
 
 
 def run(name, command):
-    """Prints what a tool says when it finds something."""
+    """Runs a tool and prints its output if it fails. Returns whether it succeeded."""
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                           cwd=source)
     if done.returncode == 0:
@@ -62,8 +64,8 @@ def run(name, command):
 def main():
     commands = ours()
     if not commands:
-        sys.exit(f"check.py: no file of ours in {build}/compile_commands.json"
-                 + (f" has '{wanted}' in its name" if wanted else ""))
+        sys.exit(f"check.py: {build}/compile_commands.json lists no file of the project"
+                 + (f" whose name contains '{wanted}'" if wanted else ""))
     folder = os.path.join(build, "check")
     os.makedirs(folder, exist_ok=True)
     with open(os.path.join(folder, "compile_commands.json"), "w") as file:
@@ -79,7 +81,7 @@ def main():
     jobs.insert(0, ("cppcheck", cppcheck + list(commands)))
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         clean = [*pool.map(lambda job: run(*job), jobs)]
-    print(f"{len(commands)} files, {clean.count(False)} of {len(clean)} checks found something")
+    print(f"{len(commands)} files, {clean.count(False)} of {len(clean)} checks failed")
     sys.exit(0 if all(clean) else 1)
 
 

@@ -1,17 +1,17 @@
-# Flags of our own code; a target takes them by linking own_code.
+# Flags of our own code. A target gets them by linking own_code.
 add_library(own_code INTERFACE)
 target_compile_definitions(own_code INTERFACE
   UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
 target_compile_options(own_code INTERFACE
   -fvisibility=hidden -fstack-protector-strong
-  # The last one that fits counts: the build folder may lie in the source folder.
+  # The last matching prefix wins, since the build directory may be inside the source directory.
   -ffile-prefix-map=${CMAKE_SOURCE_DIR}=. -ffile-prefix-map=${BYPASS_DEPS}=deps
   -ffile-prefix-map=${CMAKE_BINARY_DIR}=build
   -Wall -Wextra -Wshadow -Wformat=2 -Wformat-signedness -Wundef -Wcast-qual -Wconversion
   -Wsign-conversion -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wnull-dereference
   -Wmissing-declarations -Wredundant-decls -Wimplicit-fallthrough=5 -Wvla -Wdouble-promotion
   -Wdate-time $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual -Wsuggest-override> -Werror)
-# Wine and Windows find no compiler runtime: it goes into each module.
+# Each module links the compiler runtime statically: Wine and Windows do not provide it.
 target_link_options(own_code INTERFACE -static
   -Wl,--nxcompat,--dynamicbase,--high-entropy-va,--no-insert-timestamp)
 
@@ -20,9 +20,9 @@ target_compile_definitions(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERF
 target_compile_options(stack_guard PRIVATE $<TARGET_PROPERTY:own_code,INTERFACE_COMPILE_OPTIONS>)
 target_link_libraries(own_code INTERFACE stack_guard)
 
-# Undefined behaviour ends the program, in a build for tests only, whose development host guards the
-# plug-in's blocks unless told otherwise. Those end where a page does and begin anywhere, which is no
-# fault on this processor.
+# A test-only build that traps on undefined behaviour. Its development host guards the plug-in's
+# blocks by default. Guarded blocks end at a page boundary and may start unaligned. This processor
+# allows that, so alignment is not checked.
 option(BYPASS_TRAP "trap on undefined behaviour, and guard blocks" OFF)
 if(BYPASS_TRAP)
   target_compile_options(own_code INTERFACE -O0 -fsanitize=undefined -fno-sanitize=alignment,vptr

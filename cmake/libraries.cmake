@@ -1,5 +1,5 @@
-# Libraries of other makers. Header-only packages of the build machine are reached through links to
-# just their headers: its /usr/include as a whole must stay off the cross compiler's path.
+# Third-party libraries. Header-only packages of the build machine are included through symbolic
+# links to their headers: the cross compiler must not search all of /usr/include.
 set(headers ${CMAKE_BINARY_DIR}/headers)
 file(MAKE_DIRECTORY ${headers})
 foreach(name rapidjson CLI uthash.h)
@@ -14,7 +14,7 @@ target_include_directories(header_packages SYSTEM INTERFACE ${headers})
 if(NOT EXISTS ${BYPASS_DEPS}/jansson/lib/libjansson.a)
   message(FATAL_ERROR "${BYPASS_DEPS}/jansson is missing: run ./dev setup")
 endif()
-# Everybody but libwdu_jansson uses only Jansson's header, through the platform's own.
+# All targets except libwdu_jansson use only Jansson's header, through the platform's json.h.
 add_library(jansson_headers INTERFACE)
 target_include_directories(jansson_headers SYSTEM INTERFACE ${BYPASS_DEPS}/jansson/include)
 add_library(jansson STATIC IMPORTED)

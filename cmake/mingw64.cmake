@@ -1,4 +1,4 @@
-# 64-bit Windows with mingw-w64, POSIX threads; test programs run under Wine.
+# Toolchain: 64-bit Windows with mingw-w64 and POSIX threads. Test programs run under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Makes the package: everything that a machine without the sources needs, as one zip.
+"""Builds the package: one zip file that is usable without the sources.
 
-usage: package.py SOURCE BUILD DEPS OUTPUT_FOLDER
+usage: package.py SOURCE BUILD DEPS OUTPUT_DIRECTORY
 
-The same sources give the same bytes, in whatever folders they lie and whenever it is done.
+The result is reproducible: the same sources give the same bytes, in any directory and at any time.
 """
 import glob
 import hashlib
@@ -20,7 +20,7 @@ MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + 
 TIME = (1980, 1, 1, 0, 0, 0)
 
 DOC = "/usr/share/doc"
-# What is linked or brought along: name, what it is in, its licence's text.
+# Third-party code that is linked or included: name, where it is used, licence, licence text.
 LICENCES = [
     ("jansson", "libwdu_jansson.dll; its headers are in include/", "MIT",
      f"{deps}/source/**/jansson-*/LICENSE"),
@@ -42,14 +42,15 @@ LICENCES = [
 ]
 ABOUT_LIBEVTX = """
 libevtx is linked into oxni_devhost.exe only; the plug-in and the platform's DLLs do not contain it.
-Under the LGPL 3 who passes that program on must let the receiver change libevtx, link the program
-anew with the changed library, and take it apart for debugging such changes. For this the library's
-unchanged source lies in licences/source/; the program's own sources are the project's, of the same
-version, whose ./dev builds library and program. Pass them on with it, or offer them. The GPL's text
-is here because the LGPL refers to it.
+The LGPL 3 requires that anyone who distributes that program lets the recipient modify libevtx,
+relink the program with the modified library, and reverse-engineer the program to debug such
+modifications. For this purpose, licences/source/ contains the library's unmodified source. The
+program's own sources are those of the project in the same version; its ./dev builds the library and
+the program. Distribute them with the program, or offer them. The package contains the text of the
+GPL because the LGPL refers to it.
 
-The runtime library exception lets modules that were compiled with GCC carry libgcc and libstdc++
-under terms of their maker's choice.
+The GCC Runtime Library Exception lets modules that were compiled with GCC include libgcc and
+libstdc++ under terms of the author's choice.
 """
 
 
@@ -67,12 +68,12 @@ def read(path):
 def only(pattern):
     found = sorted(glob.glob(pattern, recursive=True))
     if not found:
-        fail(f"there is no {pattern}")
+        fail(f"{pattern} is missing")
     return found[0]
 
 
 def tracked(*folders):
-    """Only what belongs to the project: whatever else lies there would change the bytes."""
+    """Returns the tracked files: untracked ones would make the package irreproducible."""
     names = subprocess.run(["git", "-C", source, "ls-files", "-z", "--", *folders], check=True,
                            capture_output=True, text=True).stdout
     return [name for name in names.split("\0") if name]
@@ -98,7 +99,7 @@ def headers():
 
 
 def licences():
-    rows = ["What the modules of this package contain besides the project's own code.\n"]
+    rows = ["Third-party code in the modules of this package.\n"]
     for name, where, terms, pattern in LICENCES:
         yield f"licences/{name}.txt", read(only(pattern))
         rows.append(f"{name}.txt: {where}" + (f"; {terms}" if terms else ""))
@@ -108,7 +109,7 @@ def licences():
 
 
 def documents():
-    """The package's own page is the first to be read: the project's speaks of its sources."""
+    """Uses docs/package.md as README.md: the project's own README describes the sources."""
     page = read(f"{source}/docs/package.md").decode()
     yield "README.md", re.sub(r"\]\((?=\w+\.md)", "](docs/", page).encode()
     for name in tracked("CONTRIBUTING.md", "docs", "scenarios", "examples"):
@@ -119,7 +120,7 @@ def version():
     for line in read(f"{build}/CMakeCache.txt").decode().splitlines():
         if line.startswith("CMAKE_PROJECT_VERSION:"):
             return line.split("=")[1]
-    fail(f"{build}/CMakeCache.txt tells no version")
+    fail(f"{build}/CMakeCache.txt contains no version")
 
 
 def main():

@@ -1,5 +1,5 @@
-# A platform that is given as a folder: include/ with oxni/base/*.h and jansson.h, lib/ with an
-# import library for each of its DLLs, made for this compiler or by another maker's.
+# A platform SDK, given as a directory: include/ with oxni/base/*.h and jansson.h, lib/ with an
+# import library for each DLL, from this or another toolchain.
 add_library(oxni_base INTERFACE)
 target_include_directories(oxni_base SYSTEM INTERFACE ${BYPASS_PLATFORM_SDK}/include)
 target_compile_options(oxni_base INTERFACE -ffile-prefix-map=${BYPASS_PLATFORM_SDK}=sdk)
@@ -15,8 +15,8 @@ foreach(library ${platform_libraries})
     message(FATAL_ERROR "BYPASS_PLATFORM_SDK: ${BYPASS_PLATFORM_SDK}/lib has neither "
       "${library}.dll.a nor ${library}.lib")
   endif()
-  # The linker orders imports by the paths of their libraries: from here, the DLL is the same
-  # wherever the SDK lies.
+  # The linker orders imports by the paths of the import libraries. Copying them makes the DLL
+  # independent of the SDK's location.
   file(COPY ${${library}_import} DESTINATION ${CMAKE_BINARY_DIR}/lib)
   get_filename_component(name ${${library}_import} NAME)
   add_library(${library} SHARED IMPORTED GLOBAL)

@@ -1,6 +1,6 @@
-# What is handed out: a module without symbols, and beside it the file that a debugger takes them
-# from. It happens at the build, so that the file that is tested is the one that ships. The date that
-# is kept is that in the module's header, none, without which two builds would differ.
+# Splits a module into the stripped module that ships and a file with its debug symbols. The build
+# does this, so that the tests run the modules that ship. --preserve-dates keeps the empty timestamp
+# in the module's header, without which two builds would differ.
 function(split_symbols target)
   add_custom_command(TARGET ${target} POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} --only-keep-debug --preserve-dates $<TARGET_FILE:${target}>

@@ -1,7 +1,7 @@
 /*
- * The smallest host: loads the plug-in on the reference platform, registers a product with it, asks
- * for everybody's state on the debug console and prints what comes back. It is built against the
- * package alone and started in its bin folder; docs/package.md has the two lines.
+ * A minimal host: loads the plug-in on the reference platform, registers a product, queries the
+ * state of all products on the debug console and prints the output. It needs only the package and
+ * runs in its bin directory; docs/package.md contains the commands.
  */
 #include <windows.h>
 #include <stdio.h>
@@ -36,7 +36,7 @@ static void product_callback(oxni_subscriber *subscriber, uint32_t event, void *
                              : command);
 }
 
-/* Everything that the plug-in writes lies below the current folder. */
+/* Creates the directories of the run below the current one; the plug-in writes only there. */
 static void make_folders(void)
 {
     char folder[MAX_PATH];

@@ -1,7 +1,8 @@
 /*
- * What -fstack-protector needs in every module. The compiler's own library asks a cryptographic
- * provider while the module is being loaded, which loads further modules under the loader's lock;
- * this guard is made as the Windows C runtime makes its security cookie.
+ * The symbols that -fstack-protector needs in every module. The compiler's own library calls a
+ * cryptographic provider while the module is being loaded, which loads further modules under the
+ * loader lock. This file generates the guard as the Windows C runtime generates its security
+ * cookie.
  */
 #include <stdint.h>
 #include <windows.h>
@@ -14,7 +15,8 @@ uintptr_t __stack_chk_guard;
 [[noreturn]] void __stack_chk_fail(void);
 }
 
-/* Before all others: a function that is entered with one guard cannot be left with another. */
+/* Runs before all other constructors: the guard must not change between a function's entry and its
+ * return. */
 __attribute__((constructor(101), no_stack_protector)) static void make_guard(void)
 {
     FILETIME time;
@@ -26,11 +28,11 @@ __attribute__((constructor(101), no_stack_protector)) static void make_guard(voi
                         static_cast<uintptr_t>(counter.QuadPart) ^
                         (static_cast<uintptr_t>(GetCurrentThreadId()) << 16) ^
                         GetCurrentProcessId() ^ reinterpret_cast<uintptr_t>(&counter);
-    __stack_chk_guard *= 0x9e3779b97f4a7c15ull; /* spreads what little changes between starts */
-    __stack_chk_guard &= ~UINT64_C(0xff);       /* a text that runs over ends before it */
+    __stack_chk_guard *= 0x9e3779b97f4a7c15ull; /* spreads the few bits that change per start */
+    __stack_chk_guard &= ~UINT64_C(0xff);       /* its NUL byte ends a string that overflows */
 }
 
-/* Nothing of this process can be trusted any more, its exception handlers included. */
+/* Uses __fastfail: the process, including its exception handlers, can no longer be trusted. */
 void __stack_chk_fail(void)
 {
     __asm__ volatile("int $0x29" : : "c"(STACK_COOKIE_CHECK_FAILURE)); /* __fastfail */

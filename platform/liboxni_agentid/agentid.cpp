@@ -13,7 +13,7 @@
 
 static constexpr size_t MD5_BYTES = 16;
 
-static std::string s_device_id; /* empty: the machine's own */
+static std::string s_device_id; /* empty: use the machine's own id */
 
 void oxnih_set_device_id(const char *id)
 {
@@ -33,7 +33,7 @@ static std::string machine_id()
     wchar_t text[64];
     DWORD bytes = sizeof(text), chars = 64;
 
-    /* Stays the same until Windows is set up anew, unlike network addresses. */
+    /* Unlike network addresses, it does not change until Windows is reinstalled. */
     if (RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid",
                      RRF_RT_REG_SZ, NULL, text, &bytes) == ERROR_SUCCESS)
         return to_utf8(text);

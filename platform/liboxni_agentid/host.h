@@ -1,11 +1,11 @@
-/* The reference platform's other side of the device identity. A plug-in never includes this. */
+/* Host interface of the device identity. Plug-ins never include this header. */
 #ifndef OXNIH_AGENTID_HOST_H
 #define OXNIH_AGENTID_HOST_H
 
 #include <oxni/base/api.h>
 
-/* The device id from here on, copied; UTF-8. NULL goes back to the machine's own: the GUID that
- * Windows' set-up gave it, or the computer's name. */
+/* Sets the device id; UTF-8, copied. NULL restores the machine's own id: the GUID that Windows
+ * set-up created, or the computer name. */
 OXNI_API void oxnih_set_device_id(const char *id);
 
 #endif

@@ -1,4 +1,4 @@
-/* The debug console: declared commands, and calls of other modules' ones. The host's thread. */
+/* The debug console: declared commands, and calls to other modules' commands. The host's thread. */
 #include "core.h"
 
 #include <map>
@@ -16,7 +16,7 @@ struct command {
     oxni_dbg_fn fn;
 };
 
-/* One call of another module, until it is answered. Its handle is its number. */
+/* One call to another module without an answer so far. Its handle is its number. */
 struct call {
     std::string ns;
     oxni_dbg_echo_fn fn;
@@ -27,12 +27,13 @@ struct console_handler {
     void *user;
 };
 
-/* Commands and calls are the agent's and end with it; handlers are the host's and stay. */
+/* Commands and calls belong to the agent's process and end with it. Handlers belong to the host and
+ * stay. */
 struct console_table {
-    std::map<std::pair<std::string, std::string>, command> commands; /* by namespace and word */
+    std::map<std::pair<std::string, std::string>, command> commands; /* by namespace and name */
     std::map<std::string, console_handler> handlers;
     std::map<uint64_t, call> calls;
-    const oxni_dbg_context *running = NULL; /* a context is good for one call only */
+    const oxni_dbg_context *running = NULL; /* a context is valid for one call only */
 };
 
 static console_table &s_console = *new console_table;
@@ -66,7 +67,7 @@ void oxni_dbg_echo(oxni_dbg_context *context, int reserved, const char *text)
         tell(OXNIH_EVENT_ECHO, context->ns, 0, text);
 }
 
-/* Puts back that no command runs, also when an exception leaves it. */
+/* Clears the running command at the end of its scope, also after an exception. */
 class running_command
 {
   public:
@@ -97,7 +98,7 @@ static void run_line(const std::string &ns, const std::string &line)
         tell(OXNIH_EVENT_REFUSED, ns, OXNIH_ERROR_NOBODY, why.c_str());
         return;
     }
-    /* A command may write into its words, as main may. */
+    /* A command may modify its arguments, as main may. */
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(NULL);
@@ -171,7 +172,7 @@ void oxnih_dbg_answer(oxnih_request *handle, int32_t error, const char *echo, ui
                                 given = echo != NULL] {
         run_answer(asked, error, given ? text.c_str() : NULL);
     });
-    /* From here on the handle is unknown, so that a second answer is found out. */
+    /* The handle becomes unknown, so that a second answer is detected. */
     s_console.calls.erase(at);
 }
 

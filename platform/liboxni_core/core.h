@@ -1,4 +1,4 @@
-/* What the files of this library share. Never included from outside. */
+/* Declarations that the files of this library share. Other libraries never include this header. */
 #ifndef OXNICORE_CORE_H
 #define OXNICORE_CORE_H
 
@@ -10,7 +10,7 @@
 #include <liboxnibase/host.h>
 #include <oxni/base/subscribee.h>
 
-/* A counted reference of a JSON value that copies with its owner. */
+/* Owns one reference to a JSON value; copies take their own. */
 class json_ref
 {
   public:
@@ -39,24 +39,24 @@ class json_ref
     json_t *value_ = NULL;
 };
 
-/* A number for a handle: never 0, never given twice in the process. */
+/* Returns a number for a handle: never 0, unique in the process. */
 uint64_t dispatcher_new_id();
 /* Queues a delivery after delay_ms. */
 void dispatcher_queue(uint64_t delay_ms, std::function<void()> run);
-/* Tells the host's observer. */
+/* Calls the host's observer. */
 void dispatcher_tell(const oxnih_event &event);
 
-/* Forget what the agent's process held; no calls. */
+/* Drop the state of the agent's process without calling any callback. */
 void console_reset();
 void push_reset();
 void resource_reset();
 void subscriber_reset();
 
-/* A JSON Schema, ready to hold messages to. */
+/* A compiled JSON Schema. */
 struct schema;
-/* New; empty for a text that is no schema. */
+/* Compiles a schema. Returns an empty pointer for an invalid one. */
 std::shared_ptr<schema> schema_new(const char *text);
-/* Empty when the message holds; otherwise why not, naming the member. */
+/* Returns the empty text when the message is valid; otherwise the reason, with the member. */
 std::string schema_check(const schema &rules, json_t *message);
 
 struct service {
@@ -65,36 +65,36 @@ struct service {
     oxni_subscribee_fn fn;
 };
 
-/* NULL when there is no such service. */
+/* Returns NULL when no service of that name is installed. */
 std::shared_ptr<service> service_find(const std::string &name);
-/* 0 when the service takes the message; otherwise the error for its sender, and the host is told.
- * home may be empty: there is no service of that name. */
+/* Returns 0 when the service accepts the message; otherwise reports the rejection to the host and
+ * returns the error for the sender. home is empty when no service of that name is installed. */
 int32_t service_check(const std::shared_ptr<service> &home, const std::string &name,
                       oxni_subscriber *subscriber, json_t *message);
-/* Moment 1. */
+/* Calls the service with OXNI_MOMENT_MESSAGE. */
 void service_receive(const service &home, oxni_subscriber *subscriber, json_t *message);
 
 enum subscriber_state {
-    SUBSCRIBER_NEW,         /* or refused: it may try again */
-    SUBSCRIBER_SUBSCRIBING, /* the registration message is on its way */
+    SUBSCRIBER_NEW,         /* or rejected: it may subscribe again */
+    SUBSCRIBER_SUBSCRIBING, /* the registration message is queued */
     SUBSCRIBER_SUBSCRIBED,
-    SUBSCRIBER_LEFT, /* nothing is delivered to it any more */
-    SUBSCRIBER_GONE, /* and its service knows */
+    SUBSCRIBER_LEFT, /* receives nothing any more */
+    SUBSCRIBER_GONE, /* and its service was notified */
 };
 
 struct oxni_subscriber {
     oxni_subscriber_attr attr; /* points into the two texts */
     std::string ns, name;
-    uint64_t user_references;     /* of everybody but the platform */
-    uint64_t platform_references; /* one while it lives, one for each delivery on its way */
+    uint64_t user_references;     /* those that the platform does not hold */
+    uint64_t platform_references; /* one while it is live, one per queued delivery */
     subscriber_state state;
-    std::shared_ptr<service> home; /* set once it is subscribed */
+    std::shared_ptr<service> home; /* set when it is subscribed */
     oxni_subscriber_fn fn;
     int32_t unreachable;
     uint64_t reply_delay_ms; /* UINT64_MAX: never */
 };
 
-/* The platform's reference of a subscriber, for as long as a delivery needs it. */
+/* Owns a platform reference to a subscriber for the duration of a delivery. */
 class subscriber_ref
 {
   public:
@@ -115,7 +115,8 @@ class subscriber_ref
     oxni_subscriber *subscriber_;
 };
 
-/* Whether it is a handle that lives; otherwise a complaint names the call that it was given to. */
+/* Returns whether it is a live handle. Complains, with the name of the call, when it is not; NULL
+ * gives no complaint. */
 bool subscriber_is_known(const oxni_subscriber *subscriber, const char *call);
 
 #endif

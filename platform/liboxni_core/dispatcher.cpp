@@ -1,4 +1,4 @@
-/* The one queue of everything that happens, and the timers in it. The host's thread. */
+/* The event queue and the timers in it. The host's thread. */
 #include "core.h"
 
 #include <cstdlib>
@@ -14,7 +14,7 @@ enum event_rank {
     RANK_TIMER
 };
 
-/* In this order things happen: due time, deliveries before timers, first come first served. */
+/* Order of events: by due time, deliveries before timers, then first in, first out. */
 struct queue_key {
     uint64_t due_ms;
     event_rank rank;
@@ -37,8 +37,8 @@ struct dispatcher_state {
     void *observer_user = NULL;
 };
 
-/* Never destroyed, like all state of this library: what it holds needs libraries that may be gone
- * when the process unloads this one. */
+/* Never destroyed, like all state of this library: its destructors need libraries that may be
+ * unloaded before this one. */
 static dispatcher_state &s_dispatcher = *new dispatcher_state;
 
 __attribute__((constructor)) static void set_up()
@@ -131,13 +131,14 @@ static void complain_of_exception(const char *what)
     free(name);
 }
 
-/* The border between plug-ins and platform: nothing that was thrown gets across. */
+/* The boundary between plug-ins and platform: no exception crosses it. Result 1; -1 an
+ * exception. */
 static int run_guarded(const std::function<void()> &run)
 {
     int result = 1;
 
     s_dispatcher.running = true;
-    (void)oxnih_exit_taken(); /* of an earlier run */
+    (void)oxnih_exit_taken(); /* clears the flag of an earlier run */
     try {
         run();
     } catch (const std::exception &thrown) {
@@ -163,7 +164,7 @@ static int run_first()
     return result;
 }
 
-/* Whether a callback runs now; then what was asked for is refused. */
+/* Returns true and complains when a callback is running: the call must be rejected. */
 static bool refuse_nested(const char *call)
 {
     if (s_dispatcher.running)
@@ -173,7 +174,7 @@ static bool refuse_nested(const char *call)
 
 static void wait_until(uint64_t tick_ms)
 {
-    /* A real clock may wake a little early. */
+    /* A real sleep may end slightly early. */
     for (uint64_t now = oxnih_clock_tick_ms(); now < tick_ms; now = oxnih_clock_tick_ms())
         oxnih_clock_advance(tick_ms - now);
 }

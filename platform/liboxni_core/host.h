@@ -1,10 +1,10 @@
 /*
- * The reference platform's other side: the dispatcher of liboxni_core, and what a host of plug-ins
- * plays through it. A plug-in never includes this.
+ * Host interface of liboxni_core: the dispatcher, subscribers, resources and the debug console.
+ * Plug-ins never include this header.
  *
- * One dispatcher delivers everything, one at a time, ordered by due time; of what is due at the
- * same millisecond, queued deliveries go before timers, and each kind in the order in which it was
- * queued or armed. All functions are called on the host's one thread; those that only queue may be
+ * One dispatcher delivers all events, one at a time, ordered by due time. Among events due at the
+ * same millisecond, queued deliveries run before timers, and each kind runs in the order in which
+ * it was queued or armed. Call all functions on the host's thread. Functions that only queue may be
  * called from inside a callback.
  */
 #ifndef OXNIH_CORE_HOST_H
@@ -17,58 +17,58 @@
 /* Dispatcher. */
 
 /*
- * Delivers everything that is due up to that tick (milliseconds since Windows started), moving
- * simulated time from event to event and at last to tick_ms; real time is waited for.
+ * Delivers all events due at or before tick_ms (milliseconds since Windows started). Advances
+ * simulated time from event to event and finally to tick_ms; waits for real time.
  *
- * Result   0; -1 called from inside a callback (a complaint says so), or an exception left a
- *          callback: what was due behind it is still queued. A complaint names the exception,
+ * Result   0; -1 when called from inside a callback, which the platform complains about, or when an
+ *          exception left a callback: later events remain queued. A complaint names the exception
  *          unless the host's exit function threw it.
  */
 OXNI_API int oxnih_core_run_until(uint64_t tick_ms);
 /* Delivers the next event if it is due now. Result 1 delivered, 0 nothing due, -1 as above. */
 OXNI_API int oxnih_core_run_one(void);
-/* Tick of the next event; UINT64_MAX when there is none. */
+/* Returns the tick of the next event; UINT64_MAX when the queue is empty. */
 OXNI_API uint64_t oxnih_core_next_due(void);
-/* Queues a call of the host's own, after delay_ms. */
+/* Queues a call to a function of the host after delay_ms. */
 OXNI_API void oxnih_core_post(uint64_t delay_ms, void (*fn)(void *user), void *user);
-/* Forgets timers, queued events (the host's own too), replies, services, subscribers, commands and
- * watches, without calling anybody: the agent's process ended. Timer handles are not used again all
- * the same. The observer, handlers and resources' states stay. Refused inside a callback, with a
- * complaint. */
+/* Drops timers, queued events (including the host's), replies, services, subscribers, commands and
+ * watches without calling any callback, as the end of the agent's process does. Timer handles are
+ * still not reused. Keeps the observer, the handlers and the states of resources. Rejected with a
+ * complaint inside a callback. */
 OXNI_API void oxnih_core_reset(void);
 
-/* Errors that the platform itself puts into replies and answers. */
+/* Errors that the platform itself sets in replies and responses. */
 enum {
-    OXNIH_ERROR_NOBODY = 2,   /* nobody answers, or the one who would has left */
-    OXNIH_ERROR_REFUSED = 22, /* the message failed the service's schema */
+    OXNIH_ERROR_NOBODY = 2,   /* no receiver exists, or it has left */
+    OXNIH_ERROR_REFUSED = 22, /* the message does not match the service's schema */
 };
 
-/* What happens, for views and expectations. */
+/* Events, for views and expectations. */
 
 enum oxnih_event_kind {
-    OXNIH_EVENT_SERVICE,    /* a service was installed: name */
-    OXNIH_EVENT_REFUSED,    /* a message failed the schema, or its service is missing: text why */
-    OXNIH_EVENT_SUBSCRIBED, /* a subscriber was accepted */
-    OXNIH_EVENT_LEFT,       /* it left */
-    OXNIH_EVENT_TO_SERVICE, /* a message is delivered to the service */
-    OXNIH_EVENT_PUSHED,     /* the service pushed a message: queued */
-    OXNIH_EVENT_TO_SUBSCRIBER, /* it was delivered */
-    OXNIH_EVENT_REPLY,         /* the push was answered: error */
-    OXNIH_EVENT_LINK,     /* a watcher was told a resource's state: name, error holds the state */
-    OXNIH_EVENT_REQUEST,  /* a request for a resource was delivered: name, message */
-    OXNIH_EVENT_RESPONSE, /* it was answered: name, error, message or NULL */
-    OXNIH_EVENT_COMMAND,  /* a console command line ran: name, text the line */
-    OXNIH_EVENT_ECHO,     /* it printed: text */
-    OXNIH_EVENT_EXEC,     /* a plug-in called a command of another module: name, text the line */
-    OXNIH_EVENT_EXEC_ANSWER,   /* it was answered: error, text or NULL */
+    OXNIH_EVENT_SERVICE,       /* a service was installed: name */
+    OXNIH_EVENT_REFUSED,       /* a message was rejected or its service is missing: text is why */
+    OXNIH_EVENT_SUBSCRIBED,    /* a subscriber was accepted */
+    OXNIH_EVENT_LEFT,          /* a subscriber left */
+    OXNIH_EVENT_TO_SERVICE,    /* a message is delivered to the service */
+    OXNIH_EVENT_PUSHED,        /* the service queued a push */
+    OXNIH_EVENT_TO_SUBSCRIBER, /* a push is delivered to the subscriber */
+    OXNIH_EVENT_REPLY,         /* a push is replied to: error */
+    OXNIH_EVENT_LINK,          /* a watcher receives a resource's state: name; error is the state */
+    OXNIH_EVENT_REQUEST,       /* a request to a resource is delivered: name, message */
+    OXNIH_EVENT_RESPONSE,      /* a response is delivered: name, error, message or NULL */
+    OXNIH_EVENT_COMMAND,       /* a console command runs: name; text is the command line */
+    OXNIH_EVENT_ECHO,          /* a console command printed: text */
+    OXNIH_EVENT_EXEC,          /* a plug-in runs another module's command: name; text is the line */
+    OXNIH_EVENT_EXEC_ANSWER,   /* its answer is delivered: error, text or NULL */
     OXNIH_EVENT_TIMER_ARMED,   /* timer, delay_ms */
-    OXNIH_EVENT_TIMER_FIRED,   /* timer; told before the callback runs */
+    OXNIH_EVENT_TIMER_FIRED,   /* timer; reported before the callback runs */
     OXNIH_EVENT_TIMER_STOPPED, /* timer; only when it was pending */
-    OXNIH_EVENT_DELIVERED,     /* what was due has been delivered, its callbacks have returned */
+    OXNIH_EVENT_DELIVERED,     /* the callbacks of a due event have returned */
 };
 
-/* Told right before the call that an event stands for, OXNIH_EVENT_DELIVERED behind all of them.
- * Unused members are NULL or 0; everything is borrowed for the call. */
+/* Passed to the observer right before the callback of the event; OXNIH_EVENT_DELIVERED follows
+ * after the callbacks. Unused members are NULL or 0. All pointers are borrowed for the call. */
 typedef struct oxnih_event {
     enum oxnih_event_kind kind;
     int32_t error;
@@ -85,49 +85,51 @@ OXNI_API void oxnih_core_set_observer(oxnih_observer_fn fn, void *user);
 
 /* Subscribers. */
 
-/* Messages that fail the schema are delivered all the same, as a lenient host does. */
+/* Nonzero delivers messages that do not match the schema too, as a lenient host does. */
 OXNI_API void oxnih_core_set_lenient(int lenient);
-/* The subscriber leaves or dies: its service gets moment 2, once, queued; what is on its way to it,
- * delayed replies among it, gets error replies afterwards. The handle stays valid while somebody
- * holds a reference. */
+/* Makes the subscriber leave, as its death does. Queues OXNI_MOMENT_UNSUBSCRIBE to its service,
+ * once. Pending pushes to it, including those with delayed replies, then get error replies. The
+ * handle stays valid while a reference exists. */
 OXNI_API void oxnih_subscriber_leave(oxni_subscriber *subscriber);
-/* Pushes to it are answered with this error and not delivered; 0 makes it reachable. */
+/* Makes pushes to the subscriber fail with this error, undelivered; 0 makes it reachable. */
 OXNI_API void oxnih_subscriber_set_unreachable(oxni_subscriber *subscriber, int32_t error);
-/* The reply for a push to it comes this much after the delivery; UINT64_MAX: never. */
+/* Delays the replies to pushes to the subscriber after the delivery; UINT64_MAX: no reply. */
 OXNI_API void oxnih_subscriber_set_reply_delay(oxni_subscriber *subscriber, uint64_t delay_ms);
-/* References held at present by everybody but the platform, and deletes that had no reference to
- * give back. */
+/* Return the number of references that the platform does not hold, and the number of deletes
+ * without such a reference. */
 OXNI_API uint64_t oxnih_subscriber_references(oxni_subscriber *subscriber);
 OXNI_API uint64_t oxnih_core_excess_deletes(void);
-/* Pushes, in both directions, whose reply has not come yet. */
+/* Returns the number of pushes, in both directions, without a reply so far. */
 OXNI_API uint64_t oxnih_core_pending_replies(void);
 
 /* Resources. */
 
 typedef struct oxnih_request oxnih_request;
 
-/* Tells the watchers of path, queued, when the state differs from the last one (0 at start). */
+/* Sets a resource's state (initially 0). Queues the state to the watchers of path when it
+ * changed. */
 OXNI_API void oxnih_res_set_state(const char *path, int32_t state);
-/* Who answers requests for a path; NULL: nobody, they fail in transport with error 2. message is
- * borrowed for the call. The handler answers with oxnih_res_answer, in the call or later or
- * never. */
+/* Sets the handler of requests to a path. Without one (NULL), requests fail in transport with error
+ * 2. message is borrowed for the call. The handler may call oxnih_res_answer in the call, later, or
+ * not at all. */
 typedef void (*oxnih_res_handler_fn)(oxnih_request *request, json_t *message, void *user);
 OXNI_API void oxnih_res_set_handler(const char *path, oxnih_res_handler_fn fn, void *user);
-/* Queues the answer, once a request. answer is kept and may be NULL. */
+/* Queues the response, once per request. answer is kept and may be NULL. */
 OXNI_API void oxnih_res_answer(oxnih_request *request, int32_t error, json_t *answer,
                                uint64_t delay_ms);
 
 /* Debug console. */
 
-/* Queues a command line for a declared command of that namespace, words separated by blanks. What
- * it prints comes as OXNIH_EVENT_ECHO; an unknown word is an OXNIH_EVENT_REFUSED. */
+/* Queues a command line for a declared command of that namespace; arguments are separated by
+ * blanks. Output arrives as OXNIH_EVENT_ECHO, an unknown command as OXNIH_EVENT_REFUSED. */
 OXNI_API void oxnih_dbg_run(const char *ns, const char *command_line);
-/* The help text of a declared command, borrowed; NULL when there is none. */
+/* Returns the help text of a declared command, borrowed; NULL for an unknown command. */
 OXNI_API const char *oxnih_dbg_help(const char *ns, const char *command);
-/* Who answers oxni_dbg_exec calls for a namespace; NULL: nobody, they get error 2. */
+/* Sets the handler of oxni_dbg_exec calls for a namespace. Without one (NULL), calls get error
+ * 2. */
 typedef void (*oxnih_dbg_handler_fn)(oxnih_request *call, const char *command_line, void *user);
 OXNI_API void oxnih_dbg_set_handler(const char *ns, oxnih_dbg_handler_fn fn, void *user);
-/* Queues the answer, once a call. echo is copied and may be NULL. */
+/* Queues the answer, once per call. echo is copied and may be NULL. */
 OXNI_API void oxnih_dbg_answer(oxnih_request *call, int32_t error, const char *echo,
                                uint64_t delay_ms);
 

@@ -3,7 +3,7 @@
 
 #include <map>
 
-/* One push, until its reply has been given. */
+/* One push without a reply so far. */
 struct push {
     subscriber_ref subscriber;
     json_ref message;
@@ -11,7 +11,7 @@ struct push {
     oxni_push_reply_fn reply;
 };
 
-/* Those whose reply has not come yet. */
+/* Pushes by id. */
 static std::map<uint64_t, push> &s_pending = *new std::map<uint64_t, push>;
 
 static void tell(enum oxnih_event_kind kind, const push &told, int32_t error)
@@ -32,9 +32,9 @@ static void run_reply(uint64_t id, bool to_subscriber, int32_t error)
     auto at = s_pending.find(id);
     push done = at->second;
 
-    /* First, so that the callback finds it answered. */
+    /* Before the callback, which must not see its own push as pending. */
     s_pending.erase(at);
-    /* It left between delivery and reply. */
+    /* The subscriber left between delivery and reply. */
     if (to_subscriber && error == 0 && done.subscriber->state == SUBSCRIBER_GONE)
         error = OXNIH_ERROR_NOBODY;
     if (to_subscriber)
@@ -72,7 +72,7 @@ static void run_pushback(uint64_t id)
         queue_reply(id, true, to->unreachable, 0);
         return;
     }
-    /* The reply is queued behind what the subscriber sends in its callback. */
+    /* The reply must follow the messages that the subscriber sends in its callback. */
     tell(OXNIH_EVENT_TO_SUBSCRIBER, now, 0);
     to->fn(to, 1, NULL, now.message.get());
     queue_reply(id, true, 0, to->reply_delay_ms);
@@ -95,7 +95,7 @@ static void run_pushforward(uint64_t id)
 {
     push now = s_pending.at(id);
     std::shared_ptr<service> home = now.subscriber->home;
-    int32_t error = OXNIH_ERROR_NOBODY; /* its registration was refused meanwhile */
+    int32_t error = OXNIH_ERROR_NOBODY; /* the registration was rejected meanwhile */
 
     if (home != NULL)
         error = service_check(home, home->name, now.subscriber.get(), now.message.get());

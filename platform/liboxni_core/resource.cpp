@@ -1,4 +1,4 @@
-/* Resources reached by path: who watches them, requests and answers. The host's thread. */
+/* Resources addressed by path: watches, requests and responses. The host's thread. */
 #include "core.h"
 
 #include <map>
@@ -11,7 +11,7 @@ struct oxnir_rsp {
     json_t *answer;
 };
 
-/* One request, until somebody answers it. Its handle is its number, never given twice. */
+/* One request without a response so far. Its handle is its unique number. */
 struct request {
     std::string path;
     json_ref message;
@@ -24,7 +24,8 @@ struct resource_handler {
     void *user;
 };
 
-/* Watches and requests are the agent's and end with it; states and handlers are the host's. */
+/* Watches and requests belong to the agent's process and end with it. States and handlers belong to
+ * the host and stay. */
 struct resource_table {
     std::map<std::string, int32_t> states;
     std::multimap<std::string, oxni_res_state_fn> watches;
@@ -46,7 +47,7 @@ static void tell(enum oxnih_event_kind kind, const std::string &path, int32_t er
     dispatcher_tell(event);
 }
 
-/* The state goes along: it may have changed again by the time it is told. */
+/* Queues the state by value: it may have changed again by the time of the delivery. */
 static void queue_state(const std::string &path, int32_t state, oxni_res_state_fn fn)
 {
     dispatcher_queue(0, [path, state, fn] {
@@ -100,7 +101,7 @@ static void run_request(uint64_t id)
         dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_NOBODY, NULL); });
         return;
     }
-    /* A copy, because the handler may answer at once. */
+    /* A copy, because the handler may answer immediately, which erases the request. */
     request asked = s_table.requests.at(id);
     tell(OXNIH_EVENT_REQUEST, asked.path, 0, asked.message.get());
     at->second.fn(reinterpret_cast<oxnih_request *>(static_cast<uintptr_t>(id)),

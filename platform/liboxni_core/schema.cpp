@@ -1,13 +1,14 @@
-/* Holding messages to a service's JSON Schema. Stateless. */
+/* Validation of messages against a service's JSON Schema. Stateless. */
 #include "core.h"
 
-/* What RapidJSON takes for a mistake of its caller can be one of the schema's text, a pattern that
- * is no expression for example: that schema is refused, and the process goes on. */
+/* RapidJSON asserts on some errors in a schema's text, an invalid regular expression for example.
+ * The assertion becomes an exception, so that the schema is rejected and the process continues. */
 struct broken_schema {
 };
 #define RAPIDJSON_ASSERT(holds) ((holds) ? static_cast<void>(0) : throw broken_schema())
 
-/* It constructs objects in blocks that it does not test for NULL; inlined here, that is ours. */
+/* RapidJSON constructs objects in blocks that it does not test for NULL. The warning appears in
+ * this file because those functions are inlined here. */
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wnull-dereference"
 #include <rapidjson/document.h>
@@ -34,7 +35,7 @@ std::shared_ptr<schema> schema_new(const char *text)
     return made;
 }
 
-/* Tells the validator a value as a parser would read it. */
+/* Feeds a value to the validator as a parser would. */
 class walker
 {
   public:
@@ -42,7 +43,7 @@ class walker
     {
     }
 
-    /* Result false: refused at place(). */
+    /* Returns false for an invalid value; reason() then describes it. */
     bool value(json_t *value)
     {
         bool holds = tell(value);
@@ -123,7 +124,7 @@ class walker
         return validator_.EndArray(size(json_array_size(array)));
     }
 
-    /* The first member that the failed part of the schema asks for in vain. */
+    /* Returns the first required member that is missing. */
     std::string missing() const
     {
         const rapidjson::Value *part = validator_.GetInvalidSchemaPointer().Get(rules_.text);
@@ -138,7 +139,7 @@ class walker
 
     const schema &rules_;
     rapidjson::SchemaValidator validator_;
-    std::string place_; /* JSON pointer; the empty one is the whole message */
+    std::string place_; /* JSON pointer; empty for the whole message */
     json_t *refused_ = NULL;
 };
 

@@ -1,4 +1,4 @@
-/* Services, subscriber handles, and how one registers with the other. The host's thread. */
+/* Services, subscriber handles and registration. The host's thread. */
 #include "core.h"
 
 #include <map>
@@ -9,7 +9,7 @@
 
 struct subscriber_table {
     std::map<std::string, std::shared_ptr<service>> services;
-    /* Every handle is looked up here before it is touched: plug-ins may hold on to dead ones. */
+    /* Live handles. Every handle is looked up here before use: plug-ins may pass stale ones. */
     std::set<const oxni_subscriber *> handles;
     uint64_t excess_deletes = 0;
     bool lenient = false;
@@ -46,7 +46,7 @@ bool subscriber_is_known(const oxni_subscriber *subscriber, const char *call)
     bool known = s_table.handles.count(subscriber) != 0;
 
     if (!known && subscriber != NULL)
-        oxnih_complain("%s: %p is no subscriber, or nobody held a reference of it any more", call,
+        oxnih_complain("%s: %p is not a live subscriber handle", call,
                        static_cast<const void *>(subscriber));
     return known;
 }
@@ -57,7 +57,8 @@ oxni_subscriber *oxni_subscriber_new(const oxni_subscriber_attr *attr)
 
     if (attr == NULL || attr->ns == NULL || attr->name == NULL)
         return NULL;
-    /* A block of the agent's, so that a handle never given back shows among the leaks. */
+    /* Allocated with the agent's allocator, so that a handle that is never released counts as a
+     * leak. */
     room = oxni_zero_malloc_(sizeof(oxni_subscriber));
     if (room == NULL)
         return NULL;
@@ -85,7 +86,7 @@ void oxni_subscriber_delete(oxni_subscriber *subscriber)
         s_table.excess_deletes++;
         return;
     }
-    /* Freeing it now would leave the platform with a handle that is gone. */
+    /* The platform still uses the handle. */
     if (subscriber->user_references == 0) {
         s_table.excess_deletes++;
         oxnih_complain("oxni_subscriber_delete: no reference of subscriber %s/%s is left to give "
@@ -177,7 +178,7 @@ void service_receive(const service &home, oxni_subscriber *subscriber, json_t *m
     home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
 }
 
-/* The platform's reference for the living subscriber. */
+/* Takes the platform's reference to a live subscriber. */
 static void hold(oxni_subscriber *subscriber)
 {
     subscriber->platform_references++;
@@ -189,7 +190,7 @@ static void let_go(oxni_subscriber *subscriber)
     free_unreferenced(subscriber);
 }
 
-/* All of it in one delivery: nothing that is queued meanwhile may come between. */
+/* Runs the whole registration in one delivery, so that no other event comes between its steps. */
 static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, json_t *message)
 {
     if (subscriber->state != SUBSCRIBER_SUBSCRIBING)
@@ -200,8 +201,8 @@ static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, 
         let_go(subscriber);
         return;
     }
-    /* Before the service is told: it may push in its callback, and the host may end the
-     * subscriber. */
+    /* Set before the service's callback, which may push, and in which the host may make the
+     * subscriber leave. */
     subscriber->home = home;
     subscriber->state = SUBSCRIBER_SUBSCRIBED;
     service_receive(*home, subscriber, message);
@@ -242,7 +243,7 @@ void oxnih_subscriber_leave(oxni_subscriber *subscriber)
     if (before == SUBSCRIBER_LEFT || before == SUBSCRIBER_GONE)
         return;
     subscriber->state = before == SUBSCRIBER_SUBSCRIBED ? SUBSCRIBER_LEFT : SUBSCRIBER_GONE;
-    /* A service hears only of the end of what it has accepted. */
+    /* A service is notified only about subscribers that it has accepted. */
     if (before == SUBSCRIBER_SUBSCRIBED)
         dispatcher_queue(0, [ref = subscriber_ref(subscriber)] { run_leave(ref.get()); });
     if (before != SUBSCRIBER_NEW)

@@ -1,4 +1,4 @@
-/* Checksums and the byte coding of driver files. Stateless; any thread. */
+/* CRC-32 and the XOR encoding of driver files. Stateless; any thread. */
 #include <oxni/base/algo.h>
 
 #include <cstring>

@@ -1,7 +1,4 @@
-/*
- * The one clock that everything in the process tells time by, and the zone it is shown in. The
- * host's thread.
- */
+/* The clock of the whole process, and its time zone. The host's thread. */
 #include "base.h"
 
 #include <algorithm>
@@ -11,7 +8,7 @@
 struct clock_state {
     bool simulated;
     uint64_t now_100ns, tick_ms;         /* simulated */
-    uint64_t base_tick_ms, real_base_ms; /* real: tick and machine's tick at the start */
+    uint64_t base_tick_ms, real_base_ms; /* real: our tick and the machine's tick at the start */
     bool zone_set;
     TIME_ZONE_INFORMATION zone;
 };
@@ -68,7 +65,7 @@ void oxnih_clock_advance(uint64_t ms)
         return;
     }
     while (ms > 0) {
-        /* Just below Sleep's word for "forever". */
+        /* INFINITE would sleep forever. */
         DWORD part = static_cast<DWORD>(std::min<uint64_t>(ms, INFINITE - 1));
         Sleep(part);
         ms -= part;

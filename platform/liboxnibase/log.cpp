@@ -13,7 +13,7 @@
 #include <oxni/base/time.h>
 
 struct log_state {
-    bool open = false; /* autolog_init ran; the file may have failed all the same */
+    bool open = false; /* oxni_autolog_init was called, even if the file could not be opened */
     HANDLE file = INVALID_HANDLE_VALUE;
     int level = OXNI_LOG_INFO;
     oxnih_log_sink_fn sink = NULL;
@@ -65,8 +65,8 @@ void oxni_log_output(int level, const char *format, ...)
         s_log.sink(level, line.c_str(), s_log.sink_user);
 }
 
-/* Whether a name is one of ours, YYYYMMDD-HHMMSS.log: others may keep files of theirs in the
- * folder. */
+/* Returns whether the log created a file of that name, YYYYMMDD-HHMMSS.log. The directory may
+ * contain other files. */
 static bool is_log_name(const std::wstring &name)
 {
     static const std::wstring form = L"00000000-000000.log";
@@ -79,8 +79,8 @@ static bool is_log_name(const std::wstring &name)
     return true;
 }
 
-/* Deletes the oldest log files of a folder so that at most that many remain. Their names are the
- * times at which they were begun, so the order of names is that of age. */
+/* Deletes the oldest log files of a directory so that at most keep remain. File names are creation
+ * times, so sorting by name sorts by age. */
 static void remove_oldest(const std::wstring &folder, size_t keep)
 {
     std::vector<std::wstring> names;
@@ -96,7 +96,7 @@ static void remove_oldest(const std::wstring &folder, size_t keep)
     FindClose(find);
     std::sort(names.begin(), names.end());
     for (size_t i = 0; i + keep < names.size(); i++)
-        (void)DeleteFileW((folder + names[i]).c_str()); /* in use: the next start tries again */
+        (void)DeleteFileW((folder + names[i]).c_str()); /* if in use, the next start retries */
 }
 
 static HANDLE open_log_file(const char *directory, int files)
@@ -112,7 +112,7 @@ static HANDLE open_log_file(const char *directory, int files)
         folder += '/';
     if (oxni_dirutils_mkdir(folder.c_str(), 0775) != 0)
         return INVALID_HANDLE_VALUE;
-    (void)oxni_time_stamp_to_local(oxni_time(), &now); /* all zero is a name as well */
+    (void)oxni_time_stamp_to_local(oxni_time(), &now); /* on failure, zeros are a usable name */
     snprintf(name, sizeof(name), "%04d%02d%02d-%02d%02d%02d.log", now.tm_year + 1900,
              now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
     if (!str_to_wide(folder.c_str(), &wide))

@@ -1,5 +1,5 @@
-/* Formatting of log lines. Wide texts become UTF-8: the C runtime converts them to the machine's
- * code page, and ends the line at the first character without a place in it. Stateless. */
+/* Formatting of log lines. Wide text is converted to UTF-8, because the C runtime converts it to
+ * the machine's code page and truncates the line at the first unmappable character. Stateless. */
 #include "base.h"
 
 #include <cstdarg>
@@ -9,13 +9,13 @@
 #include <deque>
 #include <vector>
 
-/* The arguments of a variadic call on this target: a slot of 8 bytes each. */
+/* On this target each variadic argument takes a slot of 8 bytes. */
 static_assert(sizeof(va_list) == sizeof(char *), "a va_list points to the first slot");
 
 /* One conversion of a format, "%-*.3lls". */
 struct conversion {
     std::string lead;      /* "%", flags and width */
-    std::string precision; /* with its point; empty when there is none */
+    std::string precision; /* with its point; may be empty */
     std::string modifiers;
     char type;
     size_t length; /* characters in the format */
@@ -48,7 +48,7 @@ static conversion read_conversion(const char *format)
     return found;
 }
 
-/* Whether the argument is wide: %S, %ls, %ws and the characters of the same names. */
+/* Returns whether the argument is wide: %S, %ls, %ws and the same forms of %c. */
 static bool is_wide(const conversion &conversion)
 {
     const bool narrow = conversion.modifiers.find('h') != std::string::npos;
@@ -58,7 +58,7 @@ static bool is_wide(const conversion &conversion)
            ((conversion.type == 's' || conversion.type == 'c') && wide);
 }
 
-/* A format and its arguments with every wide one converted to UTF-8. */
+/* A format and its arguments, with each wide argument converted to UTF-8. */
 class narrowed_call
 {
   public:
@@ -85,7 +85,7 @@ class narrowed_call
     }
 
   private:
-    /* Adds one conversion with its arguments. Result: its length in the format. */
+    /* Adds one conversion with its arguments. Returns its length in the format. */
     size_t add(const conversion &conversion, const char *format, va_list *arguments)
     {
         if (conversion.lead.back() == '*')
@@ -126,7 +126,7 @@ class narrowed_call
 
     std::string format_;
     std::vector<uint64_t> slots_;
-    std::deque<std::string> texts_; /* their places stay while more are added */
+    std::deque<std::string> texts_; /* a deque, since slots_ points into its elements */
 };
 
 std::string log_format(const char *format, va_list arguments)

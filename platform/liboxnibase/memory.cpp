@@ -1,6 +1,4 @@
-/*
- * The allocator of platform, plug-ins and Jansson. Owns the blocks; the host's thread.
- */
+/* The allocator of platform, plug-ins and Jansson. Owns the blocks. The host's thread. */
 #include "memory_internal.h"
 
 #include <algorithm>
@@ -11,7 +9,7 @@
 
 memory_state &memory_all = *new memory_state;
 
-/* This library too: a copied string belongs to who asked for it. */
+/* This library is transparent too: a copied string is attributed to the caller of oxni_strdup. */
 [[maybe_unused]] static const bool s_own_registered =
     (oxnih_memory_see_through(reinterpret_cast<const void *>(&oxni_free_)), true);
 
@@ -85,7 +83,7 @@ void *memory_allocate(size_t size, const void *caller)
     return address;
 }
 
-/* A block that an address lies in; size 0: there is none. */
+/* The block that contains an address; size is 0 when no block does. */
 struct block_place {
     uintptr_t begin;
     size_t size;
@@ -110,7 +108,7 @@ static block_place place_of(uintptr_t number)
     return {};
 }
 
-/* The run ends here: after a bad free nothing that follows can be trusted. */
+/* Ends the run: after a bad free later results cannot be trusted. */
 [[noreturn]] static void end_bad_free(const void *address, const void *caller)
 {
     uintptr_t number = reinterpret_cast<uintptr_t>(address);
@@ -134,7 +132,7 @@ static block_place place_of(uintptr_t number)
     log_end_process(3);
 }
 
-/* A live block; one of the two is NULL. */
+/* A live block. Exactly one of the two pointers is NULL. */
 struct found_block {
     plain_block *plain;
     block *guarded;
@@ -153,7 +151,7 @@ static found_block block_find(void *address, const void *caller)
 
     if (guarded != memory_all.blocks.end() && guarded->second.freed_by == NULL)
         return {NULL, &guarded->second};
-    /* A pointer to nowhere faults here, which tells as much. */
+    /* An invalid pointer faults here, which reports the bad free as well. */
     if (guard_contains(number) || header->self != header)
         end_bad_free(address, caller);
     return {header, NULL};
@@ -188,7 +186,7 @@ void *oxni_ralloc_(void *address, size_t size)
     if (address == NULL)
         return memory_allocate(size, caller);
     found_block old = block_find(address, caller);
-    /* The block moves each time, so that a pointer to its old place is found out. */
+    /* Always moves the block, so that stale pointers to it are detected. */
     fresh = memory_allocate(size, caller);
     if (fresh == NULL)
         return NULL;

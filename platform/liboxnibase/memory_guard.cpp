@@ -1,6 +1,6 @@
 /*
- * Guarded blocks: each ends where an inaccessible page begins, so that the first byte behind it
- * faults. That costs alignment: structures have sizes that keep them aligned. The host's thread.
+ * Guarded blocks: each ends where an inaccessible page begins, so that an access to the first byte
+ * after it faults. Blocks are therefore aligned only as far as their size is. The host's thread.
  */
 #include "memory_internal.h"
 
@@ -8,23 +8,23 @@
 #include <cstring>
 
 static constexpr size_t PAGE_BYTES = 4096;
-/* Address space is reserved in steps of 64 KB at best, so guarded blocks share large pieces. */
+/* Windows reserves address space in units of 64 KB, so guarded blocks share large arenas. */
 static constexpr size_t ARENA_BYTES = 64u << 20;
-/* Pieces kept back after their last block was freed: 4 GB in which a stale pointer still faults. */
+/* Arenas kept after their last block was freed: 4 GB in which a stale pointer still faults. */
 static constexpr size_t ARENAS_KEPT = 64;
 
-/* A slot is a page and an inaccessible one behind it, for a block of a page at most. It is given out
- * once until all blocks are dropped, so that a stale pointer leads to no other block. Limited since
- * each slot takes two entries of the kernel's table of mappings, which has 65,530 by default. */
+/* A slot is a page followed by an inaccessible page, for a block of at most one page. It is not
+ * reused until all blocks are dropped, so that a stale pointer reaches no other block. The number
+ * is limited because each slot takes two of the kernel's memory mappings, 65,530 by default. */
 static constexpr size_t SLOT_BYTES = 2 * PAGE_BYTES;
 static constexpr size_t SLOTS = 1u << 14;
-/* Fills a freed block. No address looks like it. */
+/* Fills a freed block. No valid address consists of it. */
 static constexpr char FREED = '\xdd';
 
 static struct {
     char *base;
     size_t used, committed;
-    bool closed[SLOTS]; /* inaccessible until they are given out again */
+    bool closed[SLOTS]; /* first page inaccessible until the slot is reused */
 } s_slots;
 
 static bool arena_open(size_t bytes)
@@ -111,7 +111,7 @@ static void slot_set_closed(char *pages, bool closed)
     is_closed = closed;
 }
 
-/* NULL: the block does not fit, or no slot is left. */
+/* Returns NULL when the block does not fit or all slots are used. */
 static char *slot_block_new(block *made)
 {
     char *address;
@@ -132,8 +132,8 @@ static bool is_slot(uintptr_t number)
            number - reinterpret_cast<uintptr_t>(s_slots.base) < SLOTS * SLOT_BYTES;
 }
 
-/* A fenced block stays accessible after its free, since closing its page takes longer than all else
- * that is done with it; what is written to it then is found at the end. */
+/* A fenced block stays accessible after its free: protecting its page would take longer than all
+ * other operations on it. Writes to it are detected at the end. */
 static void slot_release(const block &old)
 {
     if (memory_all.mode == OXNIH_MEMORY_GUARD)
@@ -153,7 +153,7 @@ static void check_freed(const char *bytes, const block &freed)
                    memory_site_text(freed.freed_by).c_str());
 }
 
-/* The slots are given out anew from here on. */
+/* Checks and releases all slots, so that they can be reused. */
 static void slots_end()
 {
     for (const auto &entry : memory_all.blocks) {

@@ -1,4 +1,4 @@
-/* What the files of the allocator share: its blocks, and who asked for them. */
+/* Declarations that the files of the allocator share: blocks and allocation sites. */
 #ifndef OXNIBASE_MEMORY_INTERNAL_H
 #define OXNIBASE_MEMORY_INTERNAL_H
 
@@ -12,28 +12,28 @@
 
 struct arena {
     char *base;
-    size_t bytes, used; /* used: handed out ever, from the start */
-    size_t live;        /* blocks */
+    size_t bytes, used; /* used: bytes allocated so far, from base on; never reused */
+    size_t live;        /* number of live blocks */
 };
 
 /* A guarded block. */
 struct block {
     size_t size;
     const void *caller;
-    const void *freed_by; /* NULL while it lives */
-    arena *guarded_in;    /* NULL: it is in a slot */
-    char *pages;          /* the first */
-    size_t page_bytes;    /* without the inaccessible page behind them */
+    const void *freed_by; /* NULL while it is live */
+    arena *guarded_in;    /* NULL: the block is in a slot */
+    char *pages;          /* its first page */
+    size_t page_bytes;    /* without the inaccessible page after them */
 };
 
-/* Stands before the bytes of a plain block, from the C library. Plain blocks are many and short
- * lived: a tree of them would cost more than everything that is done with them. */
+/* Header of a plain block, which comes from the C library. Plain blocks are many and short-lived: a
+ * tree of them would cost more than all other operations on them. */
 struct alignas(16) plain_block {
-    plain_block *next, *previous; /* a ring of those that live */
+    plain_block *next, *previous; /* a ring of the live blocks */
     size_t size;
     const void *caller;
-    /* Itself while it lives, which no other bytes are likely to say. Volatile: what is written
-     * right before the block is freed would be left out. */
+    /* Points to the header itself while the block is live, which other bytes are unlikely to do.
+     * Volatile, since the compiler would drop a write right before the block is freed. */
     const plain_block *volatile self;
 };
 
@@ -41,8 +41,8 @@ struct module_range {
     uintptr_t begin, end;
 };
 
-/* The list of guarded blocks lies in a heap of its own: what it knows of a block must not look like
- * somebody's pointer to it. */
+/* Returns the heap of the list of guarded blocks. The search for lost blocks skips this heap: its
+ * addresses of blocks must not count as pointers to them. */
 HANDLE memory_own_heap();
 
 template <typename T> struct own_allocator {
@@ -79,38 +79,39 @@ typedef std::map<uintptr_t, block, std::less<>, own_allocator<std::pair<const ui
 
 struct memory_state {
     plain_block plain = {&plain, &plain, 0, NULL, NULL}; /* head of the ring */
-    block_map blocks;           /* guarded ones; they stay listed when they are freed */
-    std::deque<arena *> arenas; /* the last one is being filled */
+    block_map blocks;                                    /* guarded blocks, including freed ones */
+    std::deque<arena *> arenas;                          /* new blocks come from the last one */
     std::vector<module_range> seen_through;
     oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
     oxnih_memory_stats stats = {};
-    uint64_t fail_in = 0; /* allocations until one fails; 0 never */
+    uint64_t fail_in = 0; /* allocations until one fails; 0: none fails */
     bool fail_forever = false;
-    std::set<uint64_t> fail_also; /* counts of allocations that fail as well */
+    std::set<uint64_t> fail_also; /* further allocations that fail, by stats.allocations */
     bool sites = true;
 };
 
-/* memory.cpp. Never destroyed: other libraries free blocks while the process unloads them. */
+/* memory.cpp. Never destroyed: other libraries still free blocks while they are unloaded. */
 extern memory_state &memory_all;
 char *memory_bytes_of(plain_block *header);
 
 /* memory_guard.cpp */
 
-/* A new block in the mode that is set, guarded or fenced, zeroed. Result: its first byte, and what
- * the table must say of it. NULL: no memory. */
+/* Allocates a zeroed block of made->size bytes, guarded or fenced by the current mode, and fills
+ * the other members of made. Returns its first byte; NULL when memory runs out. */
 char *guard_new(block *made);
 void guard_release(block *old, const void *caller);
-/* Whether an address is in what guarded blocks are made of. */
+/* Returns whether an address is in the address space of guarded blocks. */
 bool guard_contains(uintptr_t number);
-/* Frees all of them, and complains about each fenced one that was written to after its free. */
+/* Frees all guarded blocks. Complains about each fenced block that was written to after its
+ * free. */
 void guard_drop_all();
 
 /* memory_sites.cpp */
 
-/* "module+0xoffset" of an address of code. */
+/* Returns "module+0xoffset" of a code address. */
 std::string memory_site_text(const void *address);
-/* Who a call from there is booked on: the first return address outside the modules that are seen
- * through. The stack is walked only when caller lies in one. */
+/* Returns the address to which an allocation is attributed: the first return address outside the
+ * transparent modules. Walks the stack only when caller is in one of them. */
 const void *memory_site_of(const void *caller);
 
 #endif

@@ -1,4 +1,4 @@
-/* What was not given back: live blocks by who asked for them, and those that nobody points to. */
+/* Leaks: live blocks by allocation site, and unreachable blocks. */
 #include "memory_internal.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@ struct leak {
     std::string site;
     uint64_t blocks, bytes;
 };
-/* By caller. */
+/* Leaks by caller. */
 typedef std::unordered_map<const void *, leak> leak_map;
 
 static void add_leak(leak_map &found, const void *caller, size_t size)
@@ -47,7 +47,8 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
     report_leaks(found, fn, user);
 }
 
-/* Which of the guarded blocks are pointed to, wherever into them. */
+/* Finds the reachable guarded blocks. Pointers into a block count as well as pointers to its
+ * start. */
 class reach
 {
   public:
@@ -63,8 +64,8 @@ class reach
         return !targets_.empty();
     }
 
-    /* Whatever looks like a pointer there is one, 8 bytes by 8 from begin on: a guarded block may
-     * begin anywhere. */
+    /* Treats every 8 bytes from begin on as a pointer. begin may be unaligned, since a guarded
+     * block may start anywhere. */
     void scan(uintptr_t begin, uintptr_t end)
     {
         for (uintptr_t pointer; begin + sizeof(pointer) <= end; begin += sizeof(pointer)) {
@@ -73,7 +74,7 @@ class reach
         }
     }
 
-    /* Goes on from the blocks that were found. */
+    /* Scans the blocks that were found, until no new one is. */
     void follow()
     {
         while (!found_.empty()) {
@@ -100,7 +101,7 @@ class reach
 
     void mark(uintptr_t pointer)
     {
-        /* Most values are no address among the blocks: those skip the search. */
+        /* Most values are outside the range of the blocks: they skip the search. */
         if (targets_.empty() || pointer < targets_.front().begin ||
             pointer > targets_.back().begin + targets_.back().is->size)
             return;
@@ -114,12 +115,13 @@ class reach
         found_.push_back(static_cast<size_t>(&at - targets_.data()));
     }
 
-    /* Where they would not be found themselves, nor move what is being walked. */
-    std::vector<target, own_allocator<target>> targets_; /* by address */
-    std::vector<size_t, own_allocator<size_t>> found_;   /* not followed yet */
+    /* In a heap of their own: they must neither count as pointers nor change a heap during its
+     * walk. */
+    std::vector<target, own_allocator<target>> targets_; /* sorted by address */
+    std::vector<size_t, own_allocator<size_t>> found_;   /* not scanned yet */
 };
 
-/* The data of a module that it can write to. */
+/* Scans the writable sections of a module. */
 static void scan_module(reach &reach, char *base)
 {
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
@@ -167,7 +169,8 @@ void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
     leak_map lost;
     reach reach;
 
-    /* Walking the heaps costs more than a simulated boot, and most agents have no guarded block. */
+    /* Walking the heaps takes longer than a simulated boot, and most agents have no guarded
+     * block. */
     if (!reach.has_targets())
         return;
     for (const module_range &module : memory_all.seen_through)

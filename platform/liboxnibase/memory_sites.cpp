@@ -1,12 +1,13 @@
 /*
- * Who asked for a block: the place in the code that wanted the JSON value, not where Jansson asks
- * for memory.
+ * Attribution of allocations: to the code that creates a JSON value, for example, not to the place
+ * where Jansson allocates.
  */
 #include "memory_internal.h"
 
 #include <cstring>
 
-/* Frames between an allocation and the plug-in's own code; Jansson's deepest way is about ten. */
+/* Maximum number of frames between an allocation and the plug-in's code; Jansson needs about
+ * ten. */
 static constexpr int CALLER_FRAMES = 24;
 
 static const char *module_base(const void *address)

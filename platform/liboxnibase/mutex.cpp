@@ -14,8 +14,8 @@ int oxni_mutex_init(oxni_mutex **mutex)
     *mutex = static_cast<oxni_mutex *>(memory_allocate(sizeof(oxni_mutex), BASE_CALLER()));
     if (*mutex == NULL)
         return -1;
-    /* Without debug information, which is a heap block of its own: the end of the agent's process
-     * frees the mutex's block and nothing else. */
+    /* The debug information would be a separate heap block, and oxnih_memory_drop_all frees only
+     * the mutex's own block. */
     (void)InitializeCriticalSectionEx(&(*mutex)->section, 0, CRITICAL_SECTION_NO_DEBUG_INFO);
     return VKL_E_SUCCESS;
 }

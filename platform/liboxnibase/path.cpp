@@ -1,5 +1,5 @@
-/* Paths, folders and files. Windows is only ever given UTF-16: its narrow calls read the machine's
- * code page. The folders of the run belong to the host's thread. */
+/* Paths, directories and files. Calls only the UTF-16 functions of Windows, since the narrow ones
+ * use the machine's code page. The directories of the run belong to the host's thread. */
 #include "base.h"
 
 #include <algorithm>
@@ -8,8 +8,8 @@
 #include <oxni/base/log.h>
 #include <oxni/base/path.h>
 
-static std::string s_install_dir; /* empty: the executable's folder */
-static std::string s_log_dir;     /* empty: there is none */
+static std::string s_install_dir; /* empty: use the executable's directory */
+static std::string s_log_dir;     /* empty: none */
 static std::string s_process_path;
 
 static std::string without_end_slash(const char *path)
@@ -78,7 +78,7 @@ bool path_resolve(const char *path, std::string *resolved)
         text.replace(0, 1, s_install_dir.empty() ? directory_of(process_path()) : s_install_dir);
     if (!str_to_wide(text.c_str(), &wide))
         return false;
-    /* Windows' own idea of "..", so that the result is the file that it would open. */
+    /* Windows resolves "..", so that the result is the file that Windows would open. */
     full.resize(wide.size() + MAX_PATH);
     chars = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), NULL);
     if (chars > full.size()) {
@@ -115,12 +115,12 @@ int oxni_dirutils_mkdir(const char *path, int mode)
 {
     std::wstring wide;
 
-    (void)mode; /* Windows keeps access lists instead; the parent's are inherited. */
+    (void)mode; /* Windows has access control lists instead, inherited from the parent. */
     if (!str_to_wide(path, &wide) || wide.empty())
         return -1;
     for (size_t at = wide.find_first_of(L"/\\", 1); at != std::wstring::npos;
          at = wide.find_first_of(L"/\\", at + 1))
-        /* A drive or a share cannot be made; whether all is well shows at the end. */
+        /* Fails for a drive or share and for existing directories; only the last result counts. */
         (void)CreateDirectoryW(wide.substr(0, at).c_str(), NULL);
     (void)CreateDirectoryW(wide.c_str(), NULL);
     return is_folder(wide) ? 0 : -1;

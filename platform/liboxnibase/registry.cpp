@@ -1,4 +1,4 @@
-/* Registry reading. Stateless. */
+/* Registry reads. Stateless. */
 #include "base.h"
 
 #include <oxni/base/registry.h>

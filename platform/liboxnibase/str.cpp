@@ -1,4 +1,4 @@
-/* Strings, and the two conversions that the library itself needs. Stateless. */
+/* Strings, and the library's internal conversions. Stateless. */
 #include "base.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ bool str_to_wide(const char *text, std::wstring *wide)
     const size_t bytes = text == NULL ? 0 : strlen(text);
     int units = 0;
 
-    /* No byte makes more than one unit: one call of Windows does. */
+    /* A UTF-8 byte yields at most one UTF-16 unit, so one Windows call suffices. */
     wide->resize(bytes);
     if (bytes != 0)
         units = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, static_cast<int>(bytes),
@@ -29,7 +29,7 @@ bool str_to_wide(const char *text, std::wstring *wide)
 std::string str_to_utf8(const wchar_t *text)
 {
     const size_t units = wcslen(text);
-    std::string narrow(3 * units, '\0'); /* no unit makes more bytes */
+    std::string narrow(3 * units, '\0'); /* a unit yields at most 3 bytes */
     int bytes = 0;
 
     if (units != 0)
@@ -79,12 +79,13 @@ int oxni_str_snprintf(char *buffer, size_t size, const char *format, ...)
     va_start(arguments, format);
     written = _vsnprintf(buffer, size, format, arguments);
     va_end(arguments);
-    /* The C runtime neither terminates nor fails when the text fills the buffer exactly. */
+    /* When the text fills the buffer exactly, the C runtime does not terminate it and does not
+     * fail. */
     buffer[size - 1] = '\0';
     return written >= 0 && static_cast<size_t>(written) < size ? written : -1;
 }
 
-/* How many of the eight units at an address, aligned or not, come before a zero. */
+/* Returns how many of the eight units at an address come before a zero. Need not be aligned. */
 static size_t units_before_zero(const char *bytes)
 {
     const __m128i units = _mm_loadu_si128(reinterpret_cast<const __m128i *>(bytes));
@@ -95,7 +96,7 @@ static size_t units_before_zero(const char *bytes)
 
 size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
 {
-    /* Text inside a record of bytes may begin at an odd address. */
+    /* Text inside a record of bytes may start at an odd address. */
     const char *bytes = reinterpret_cast<const char *>(text);
     size_t length = 0, found;
     wchar_t unit;
@@ -104,7 +105,7 @@ size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
         return 0;
     while (length < limit) {
         const char *at = bytes + length * sizeof(unit);
-        /* Eight at a time, but never into a page that the text may not reach. */
+        /* Eight units at a time, but never across a page boundary: the text may end before it. */
         if (limit - length >= 8 &&
             reinterpret_cast<uintptr_t>(at) % PAGE_BYTES <= LAST_16_OF_PAGE) {
             found = units_before_zero(at);

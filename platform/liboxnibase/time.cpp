@@ -1,12 +1,12 @@
-/* Conversions of moments. Windows does the calendar and the zone's rules: the C library reads TZ by
- * itself and has no time before 1970. One thread. */
+/* Time conversions. Windows computes dates and zone rules, because the C library reads TZ and does
+ * not support times before 1970. One thread. */
 #include "base.h"
 
 #include <cstring>
 
 #include <oxni/base/time.h>
 
-/* FileTimeToSystemTime's last moment: the end of the year 30827. */
+/* The last time that FileTimeToSystemTime accepts, the end of the year 30827. */
 static constexpr uint64_t LAST_100NS = 0x7fffffffffffffffULL;
 
 static FILETIME to_filetime(uint64_t value)
@@ -23,7 +23,7 @@ static uint64_t to_number(const FILETIME *time)
     return static_cast<uint64_t>(time->dwHighDateTime) << 32 | time->dwLowDateTime;
 }
 
-/* Result false: no FILETIME for that moment. */
+/* Returns false when FILETIME cannot represent the time. */
 static bool seconds_to_100ns(int64_t seconds, uint64_t *value)
 {
     const int64_t first = -static_cast<int64_t>(BASE_EPOCH_100NS / BASE_SECOND_100NS);
@@ -35,8 +35,8 @@ static bool seconds_to_100ns(int64_t seconds, uint64_t *value)
     return true;
 }
 
-/* The rules of the machine's own zone are asked for once a second: every line of the log needs
- * them, and Windows looks them up in the registry. */
+/* Returns the zone's rules. Caches those of the machine's own zone for one second: every log line
+ * needs them, and Windows reads them from the registry. */
 static const TIME_ZONE_INFORMATION *zone_rules()
 {
     static TIME_ZONE_INFORMATION s_own;
@@ -61,7 +61,7 @@ static bool utc_to_local(uint64_t utc, SYSTEMTIME *local)
            SystemTimeToTzSpecificLocalTime(zone_rules(), &broken, local);
 }
 
-/* Local minus UTC at that moment, in 100 ns. */
+/* Computes local time minus UTC at that time, in 100 ns. */
 static bool offset_at(uint64_t utc, int64_t *offset)
 {
     SYSTEMTIME local;
@@ -125,7 +125,7 @@ std::string time_text_now()
     return text;
 }
 
-/* The sum, or 87 when it leaves what a FILETIME may hold. */
+/* Adds offset. Fails with error 87 when the result is no valid FILETIME. */
 static BOOL shifted(const FILETIME *time, int64_t offset, FILETIME *result)
 {
     uint64_t value = to_number(time);
@@ -179,7 +179,7 @@ int64_t oxni_filetime_to_timet(const FILETIME *utc)
 {
     if (utc == NULL)
         return 0;
-    /* Unsigned division of a count from 1601 goes toward the past for every date. */
+    /* Unsigned division of a count from 1601 rounds toward the past for every date. */
     return static_cast<int64_t>(to_number(utc) / BASE_SECOND_100NS) -
            static_cast<int64_t>(BASE_EPOCH_100NS / BASE_SECOND_100NS);
 }

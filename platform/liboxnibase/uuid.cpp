@@ -1,4 +1,4 @@
-/* Unique identifiers; counted ones for runs that must repeat. The host's thread. */
+/* Unique identifiers, or sequential ones for reproducible runs. The host's thread. */
 #include "base.h"
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 
 static_assert(sizeof(oxni_uuid) == sizeof(GUID), "a UUID has the layout of a Windows GUID");
 
-static uint32_t s_next; /* 0: Windows makes them */
+static uint32_t s_next; /* 0: Windows creates identifiers */
 
 void oxnih_uuid_fix(uint32_t start)
 {
@@ -25,7 +25,7 @@ int oxni_uuid_create(oxni_uuid *uuid)
     if (uuid == NULL)
         return -1;
     if (s_next != 0) {
-        /* Version and variant bits as of a random identifier. */
+        /* With the version and variant bits of a random identifier. */
         *uuid = {
             s_next++, 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0}
         };

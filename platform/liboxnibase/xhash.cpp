@@ -1,18 +1,18 @@
-/* Hash tables. Every block is the platform's allocator's; a table belongs to its user's thread. */
+/* Hash tables, allocated with the platform's allocator. A table belongs to its user's thread. */
 #include "base.h"
 
 #include <cstring>
 
 #include <oxni/base/xhash.h>
 
-/* Running out of memory leaves the table as it was; the flag tells xhash_insert. */
+/* Without memory uthash leaves the table unchanged and clears the flag, which add_node checks. */
 #define HASH_NONFATAL_OOM            1
 #define uthash_nonfatal_oom(element) (added = false)
 #define uthash_malloc(size)          memory_allocate(size, caller)
 #define uthash_free(block, size)     memory_free(block, caller)
 #include <uthash.h>
 
-/* The key's bytes follow in the same block. */
+/* The key's bytes follow the node in the same block. */
 struct node {
     oxni_xhash_entry entry;
     UT_hash_handle hh;
@@ -21,8 +21,8 @@ struct node {
 struct oxni_xhash {
     node *head;
     oxni_xhash_free_fn value_free;
-    /* The entry that an iteration stands at. Deleted, its block is kept until the iteration moves
-     * on, with the entry to go to. */
+    /* The current entry of an iteration. When it is deleted, its block and its successor are kept
+     * until the iteration advances. */
     node *current;
     bool current_deleted;
     node *successor;
@@ -57,7 +57,7 @@ static void forget_deleted(oxni_xhash *table, const void *caller)
     table->successor = NULL;
 }
 
-/* Takes the node out of the table; its block lives on when the iteration stands at it. */
+/* Removes the node from the table. Keeps its block when it is the iteration's current entry. */
 static void unlink_node(oxni_xhash *table, node *old, const void *caller)
 {
     if (table->current_deleted && table->successor == old)
@@ -152,7 +152,7 @@ int oxni_xhash_delete(oxni_xhash *table, const void *key, size_t key_length)
         return -1;
     value = found->entry.value;
     unlink_node(table, found, BASE_CALLER());
-    /* Last, so that a value-free function finds the table without the entry. */
+    /* Last, so that the value_free function sees the table without the entry. */
     release_value(table, value);
     return 0;
 }
@@ -168,8 +168,8 @@ static const oxni_xhash_entry *stand_at(oxni_xhash *table, node *at, const void 
     table->current = at;
     if (at == NULL)
         return NULL;
-    /* Entries lie anywhere in memory: the next one and its key are on their way while the caller
-     * looks at this one. */
+    /* Entries are scattered in memory: prefetch the next one and its key while the caller uses this
+     * one. */
     if (at->hh.next != NULL) {
         __builtin_prefetch(at->hh.next);
         __builtin_prefetch(static_cast<node *>(at->hh.next) + 1);

@@ -1,4 +1,4 @@
-/* ".ejs" files: reading that trusts nothing, writing that a stop cannot tear. Stateless. */
+/* ".ejs" files: validated reads and atomic writes. Stateless. */
 #include <oxni/base/ejs.h>
 
 #include <cstring>
@@ -15,14 +15,14 @@
 static const char MAGIC[4] = {'E', 'J', 'S', '\x1a'};
 static constexpr uint32_t VERSION = 1;
 
-/* Opens the file; numbers are little-endian. The JSON text follows, without a terminator. */
+/* Starts the file; numbers are little-endian. The JSON text follows without a terminator. */
 struct ejs_header {
     char magic[4];
     uint32_t version;
     uint32_t length; /* bytes of the text */
     uint32_t crc;    /* CRC-32 of the text */
 };
-static_assert(sizeof(ejs_header) == 16, "the header has no gaps");
+static_assert(sizeof(ejs_header) == 16, "the header has no padding");
 
 __attribute__((constructor)) static void set_up()
 {
@@ -49,7 +49,7 @@ static DWORD read_whole(HANDLE file, std::string *bytes)
     }
 }
 
-/* Result ERROR_SUCCESS or why there are no bytes. */
+/* Result ERROR_SUCCESS or the Windows error code. */
 static DWORD read_file(const wchar_t *path, std::string *bytes)
 {
     DWORD error;
@@ -63,7 +63,7 @@ static DWORD read_file(const wchar_t *path, std::string *bytes)
     return error;
 }
 
-/* What is wrong with a file's bytes; NULL when the text in them may be read. */
+/* Returns what is wrong with a file's bytes; NULL when its text may be parsed. */
 static const char *find_damage(const std::string &bytes)
 {
     ejs_header header;
@@ -120,7 +120,7 @@ json_t *wdu_json_load_file_ejs(const char *path)
     return parse(bytes, path);
 }
 
-/* On the disk, not only handed to Windows, when it returns ERROR_SUCCESS. */
+/* Writes and flushes: after ERROR_SUCCESS the bytes are on the disk. */
 static DWORD write_file(const wchar_t *path, const std::string &bytes)
 {
     DWORD error = ERROR_SUCCESS, written = 0;
@@ -139,7 +139,7 @@ static DWORD write_file(const wchar_t *path, const std::string &bytes)
     return error;
 }
 
-/* The new bytes stand whole beside the old file before they take its place in one step. */
+/* Writes a temporary file completely before it atomically replaces the old one. */
 static DWORD replace_file(const std::wstring &path, const std::string &bytes)
 {
     std::wstring sibling = path + L".tmp";
@@ -149,11 +149,11 @@ static DWORD replace_file(const std::wstring &path, const std::string &bytes)
                                                MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
         error = GetLastError();
     if (error != ERROR_SUCCESS)
-        (void)DeleteFileW(sibling.c_str()); /* the next write begins it anew in any case */
+        (void)DeleteFileW(sibling.c_str()); /* the next write truncates it in any case */
     return error;
 }
 
-/* Result false: no object, or no memory. */
+/* Returns false when the document is no object or memory runs out. */
 static bool serialise(json_t *document, std::string *bytes)
 {
     ejs_header header;

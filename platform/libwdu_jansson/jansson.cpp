@@ -1,5 +1,5 @@
-/* Jansson's set-up in this process, before anybody can call it, and the one function of it that is
- * replaced. The others are exported by the .def file beside this one. */
+/* Sets Jansson up when the library is loaded, and replaces one of its functions. The .def file in
+ * this directory exports the others. */
 #include <jansson.h>
 
 #include <string.h>
@@ -7,10 +7,10 @@
 #include <liboxnibase/host.h>
 #include <oxni/base/memory.h>
 
-/* Any value but 0, which would ask for a random one: runs must repeat. */
+/* Not 0, which would select a random seed: runs must be reproducible. */
 static constexpr size_t HASH_SEED = 1;
 
-/* Runs when the library is loaded; liboxnibase, which it imports, is ready by then. */
+/* liboxnibase, which this library imports, is initialised first. */
 __attribute__((constructor)) static void set_up()
 {
     json_set_alloc_funcs(oxni_zero_malloc_, oxni_free_);
@@ -18,9 +18,9 @@ __attribute__((constructor)) static void set_up()
     oxnih_memory_see_through(reinterpret_cast<const void *>(&set_up));
 }
 
-/* A text in the making. */
+/* A text that grows. */
 struct text_sink {
-    char *text; /* ends with a NUL; NULL before the first piece */
+    char *text; /* terminated; NULL before the first piece */
     size_t used, size;
     bool failed;
 };
@@ -47,8 +47,8 @@ static int add_piece(const char *piece, size_t length, void *user)
     return 0;
 }
 
-/* Jansson's own goes on when there is no memory for a member's name, and gives a text without it
- * that nobody can read again. */
+/* Jansson's json_dumps ignores a failed allocation for a member's name: it returns a text without
+ * that name, which cannot be parsed. */
 extern "C" char *wdu_json_dumps(const json_t *json, size_t flags);
 
 char *wdu_json_dumps(const json_t *json, size_t flags)

@@ -1,4 +1,4 @@
-/* Makes small kernel dumps from a model of a crashed machine. Plain bytes, no call of Windows. */
+/* Builds small kernel dumps from a model of a crashed machine. Makes no Windows calls. */
 #ifndef TESTS_DUMP_BUILDER_H
 #define TESTS_DUMP_BUILDER_H
 
@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-/* Places in every built dump. The list of modules, their names and the mark at the end follow the
+/* Offsets in every built dump. The list of modules, their names and the end mark follow the
  * stack. */
 enum dump_place : uint32_t {
     DUMP_CONTEXT = 0x348,
     DUMP_KIND = 0xF98,
-    DUMP_TRIAGE = 0x2000, /* 32-bit fields, these among them */
+    DUMP_TRIAGE = 0x2000, /* 32-bit fields, including the following ones */
     DUMP_SIZE = 0x2004,
     DUMP_VALID = 0x2008,
     DUMP_CONTEXT_AT = 0x200C,
@@ -30,15 +30,15 @@ struct dump_module {
     uint32_t bytes;
 };
 
-/* As it stands: the kernel and two drivers, crashed in the first driver, 64 bytes of stack, no
- * stack value that points into a module. */
+/* The default: the kernel and two drivers, a crash in the first driver, 64 bytes of stack without
+ * values that point into a module. */
 struct dump_model {
-    uint64_t loaded_modules = 0xFFFFF80000200000; /* in the kernel */
+    uint64_t loaded_modules = 0xFFFFF80000200000; /* head of the module list, in the kernel */
     uint64_t rip = 0xFFFFF80100001234;
     uint64_t rsp = 0xFFFF850000001000;
     uint64_t stack_start = 0xFFFF850000001000;
     std::vector<uint64_t> stack = std::vector<uint64_t>(8);
-    uint32_t stack_cut = 0; /* bytes that the last value lacks */
+    uint32_t stack_cut = 0; /* bytes missing from the last value */
     std::vector<dump_module> modules = {
         {u"\\SystemRoot\\system32\\ntoskrnl.exe",     0xFFFFF80000000000, 0x1000000},
         {u"\\SystemRoot\\System32\\drivers\\one.sys", 0xFFFFF80100000000, 0x10000  },
@@ -48,11 +48,11 @@ struct dump_model {
 
 std::vector<uint8_t> dump_build(const dump_model &model);
 
-/* bytes 1 to 8 of value, low ones first; the dump grows when they lie behind its end. */
+/* Writes the low 1 to 8 bytes of value, little-endian. Extends the dump if necessary. */
 void dump_put(std::vector<uint8_t> *dump, uint64_t offset, uint64_t value, size_t bytes);
 
-/* Up to eight values at or near a limit, put where the reader looks; in one of sixteen cases also
- * another length. dump not empty. */
+/* Writes up to eight boundary or random values to fields that the reader uses. Changes the length
+ * in one of sixteen cases. dump must not be empty. */
 void dump_mutate(std::vector<uint8_t> *dump, std::mt19937_64 *random);
 
 #endif

@@ -1,4 +1,4 @@
-/* What the tests of the engine's DLL share: a receiver of its output, a client, a dump. */
+/* Fixture of the tests of the engine's DLL: output callbacks, a client, and a dump file. */
 #ifndef TESTS_ENGINE_FIXTURE_H
 #define TESTS_ENGINE_FIXTURE_H
 
@@ -12,12 +12,12 @@
 
 #include <gtest/gtest.h>
 
-/* What the plug-in asks for, and what the engine says between the first row and the others. */
+/* The plug-in's flags, and the engine's note between the first frame and the others. */
 #define STACK_FLAGS (DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS)
 #define UNWIND_NOTE "Stack unwind information not available. Following frames may be wrong.\n"
 
-/* Collects the text and counts its pieces. Lives on the stack of a test: the references are only
- * counted, 1 being the test's own. */
+/* Collects the text and counts its pieces. It is on the stack of a test, so references are only
+ * counted; 1 is the test's own. */
 class collector final : public IDebugOutputCallbacks
 {
   public:
@@ -45,8 +45,8 @@ class collector final : public IDebugOutputCallbacks
     std::string text;
 };
 
-/* A client and control on the engine's DLL, and a file for a dump. Each test ends with a look at
- * what the engine still holds. */
+/* A client and control of the engine's DLL, and a dump file. TearDown checks that the engine holds
+ * no objects, references or callbacks. */
 class engine_test : public testing::Test
 {
   protected:
@@ -72,7 +72,7 @@ class engine_test : public testing::Test
         FreeLibrary(m_module);
     }
 
-    /* m_client and m_control; TearDown gives them back. */
+    /* Creates m_client and m_control. TearDown releases them. */
     void create()
     {
         ASSERT_EQ(m_create(IID_IDebugClient, (void **)&m_client), S_OK);
@@ -98,7 +98,7 @@ class engine_test : public testing::Test
                " references, " + std::to_string(counts.callbacks) + " callbacks";
     }
 
-    /* The dump at m_path. */
+    /* Writes a dump to m_path. */
     void write(const std::vector<uint8_t> &bytes)
     {
         std::ofstream file(m_path.c_str(), std::ios::binary);
@@ -107,7 +107,7 @@ class engine_test : public testing::Test
         ASSERT_TRUE(file.good());
     }
 
-    /* From a dump to its stack text, as the plug-in does it. Result: the first failure. */
+    /* Opens a dump and outputs its stack, as the plug-in does. Returns the first failure. */
     HRESULT play(const wchar_t *path, ULONG flags, ULONG asked, collector *output)
     {
         HRESULT result = m_client->SetOutputCallbacks(output);
@@ -131,14 +131,14 @@ class engine_test : public testing::Test
     HRESULT(WINAPI *m_create)(REFIID iid, void **out) = nullptr;
     engine_script_set_fn m_set = nullptr;
     engine_counts_get_fn m_counts = nullptr;
-    IDebugClient4 *m_client = nullptr; /* made as the first interface, as many clients do */
+    IDebugClient4 *m_client = nullptr; /* created as IDebugClient, as many clients do */
     IDebugControl *m_control = nullptr;
     DEBUG_STACK_FRAME m_frames[100] = {};
     ULONG m_filled = 0;
     std::wstring m_path;
 };
 
-/* Three frames: one+0x1234, two+0x1, nt+0x107. */
+/* Returns a model with three frames: one+0x1234, two+0x1, nt+0x107. */
 inline dump_model crashed_model()
 {
     dump_model model;

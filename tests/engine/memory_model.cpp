@@ -1,14 +1,14 @@
-/* The memory of a crashed machine and dumps of it. */
+/* The memory of a crashed machine and its dumps. */
 #include "memory_model.h"
 
 #include <cstring>
 
 #define PAGE_BYTES  0x1000ull
 #define ENTRY_FRAME 0x000FFFFFFFFFF000ull
-/* The list and its texts: a GiB apart, so that a page of that size holds only the texts. */
+/* The list and its texts are 1 GiB apart, so that a page of that size contains only the texts. */
 #define LIST_BASE  0xFFFFE00000000000ull
 #define TEXTS_BASE 0xFFFFE00040000000ull
-#define NAME_TEXT  0x800u /* place of the file's name among a module's texts */
+#define NAME_TEXT  0x800u /* offset of the file name in a module's page of texts */
 
 memory_model::memory_model(const dump_model &machine, unsigned large) : m_machine(machine)
 {
@@ -32,7 +32,7 @@ uint64_t memory_model::text_of(size_t module)
     return TEXTS_BASE + 2 * PAGE_BYTES * module;
 }
 
-/* Not all in a row: what stands in the file does not follow from the number alone. */
+/* Leaves gaps between page numbers, so that file offsets do not follow from the number alone. */
 uint64_t memory_model::new_page()
 {
     const uint64_t number = 0x100 + m_taken + m_taken / 3 * 2;
@@ -71,8 +71,8 @@ uint64_t memory_model::entry_place(uint64_t address, unsigned shift) const
     }
 }
 
-/* Beside the frame stand bits that say nothing about it: access rights and, in the entry of a large
- * page, a bit at the place of a small frame's lowest one. */
+/* Sets bits that the reader must ignore: access rights and, in the entry of a large page, the
+ * lowest bit of a small page's frame number. */
 void memory_model::map(uint64_t address, unsigned shift)
 {
     for (unsigned level = 39; level > shift; level -= 9) {
@@ -119,7 +119,7 @@ void memory_model::put(uint64_t address, uint64_t value, size_t bytes)
             map(address + i, 12);
             place = physical(address + i);
         }
-        /* Of a large page only what is written comes to be. */
+        /* A large page contains only the 4 KiB parts that are written. */
         memory_page &page = m_pages[place / PAGE_BYTES];
 
         page.resize(PAGE_BYTES);
@@ -210,7 +210,8 @@ void memory_model::put_runs(std::vector<uint8_t> *dump) const
     dump_put(dump, MEMORY_RUN_PAGES, m_pages.size(), 8);
 }
 
-/* The number of bits is no multiple of 8, and what follows the last one is set: no page of all. */
+/* The number of bits is not a multiple of 8. The unused bits of the last byte are set, although no
+ * page exists for them. */
 void memory_model::put_bitmap(std::vector<uint8_t> *dump, enum memory_layout layout) const
 {
     const uint64_t last = m_pages.rbegin()->first;
@@ -259,7 +260,7 @@ std::vector<uint64_t> memory_model::vital_places(enum memory_layout layout) cons
         places.push_back(MEMORY_RUN_COUNT + place);
     for (uint64_t place = 0; layout != MEMORY_RUNS && place < 0x80; place += 8)
         places.push_back(MEMORY_BITMAP + place);
-    /* Page tables, entries and texts are all that is not zero in the pages. */
+    /* All nonzero values in the pages belong to page tables, entries, texts or the stack. */
     for (const auto &page : m_pages) {
         for (uint64_t at = 0; at < PAGE_BYTES; at += 8) {
             const uint64_t place = page.first * PAGE_BYTES + at;

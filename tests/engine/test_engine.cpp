@@ -1,6 +1,5 @@
-/* The engine's DLL as its clients see it: interfaces, order of calls, text, references; and what a
- * script changes in it. Scenarios play each call that fails. */
-/* The tables of interfaces are defined here for the whole program. */
+/* Tests of the engine's client interface: interfaces, order of calls, text, references, scripts.
+ * Scenarios cover each failing call. This file defines the interface ids for the whole program. */
 #include <windows.h>
 #include <initguid.h>
 #include <dbgeng.h>
@@ -9,7 +8,7 @@
 
 #define DUMP L"C:\\Windows\\MEMORY.DMP"
 
-/* With a client, and a dump at m_path. */
+/* Creates a client, and a dump at m_path. */
 class engine : public engine_test
 {
   protected:
@@ -24,7 +23,7 @@ class engine : public engine_test
 #define ZERO "00000000`00000000 "
 
 /* clang-format off */
-/* flags, frames asked for, the whole text */
+/* flags, frames requested, the whole text */
 static const struct text_row {
     ULONG flags;
     ULONG asked;
@@ -69,11 +68,11 @@ TEST_F(engine, test_order_of_calls)
     EXPECT_EQ(m_control->WaitForEvent(0, 0), E_UNEXPECTED);
     EXPECT_EQ(m_control->GetStackTrace(0, 1, 0, m_frames, 4, &m_filled), E_NOTIMPL);
     EXPECT_EQ(m_control->OutputStackTrace(0, NULL, 1, 0), E_INVALIDARG);
-    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 1, 0), S_OK); /* nobody receives it */
+    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 1, 0), S_OK); /* without callbacks */
     EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), S_OK);
     EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 4, &m_filled), E_UNEXPECTED);
     EXPECT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
-    /* The file is not held: a clean-up may run beside the analysis. */
+    /* The file is not kept open: a clean-up may delete it during the analysis. */
     EXPECT_TRUE(DeleteFileW(m_path.c_str())) << GetLastError();
 }
 
@@ -99,7 +98,8 @@ TEST_F(engine, test_interfaces)
     EXPECT_EQ(m_create(IID_IDebugClient, NULL), E_INVALIDARG);
 }
 
-/* Client and control are faces of one object; the callbacks are counted for themselves. */
+/* Client and control are interfaces of one object; the callbacks have a reference count of their
+ * own. */
 TEST_F(engine, test_references)
 {
     IUnknown *of_client = NULL;
@@ -116,12 +116,12 @@ TEST_F(engine, test_references)
     EXPECT_EQ(second.references, 2u);
     EXPECT_EQ(held(), "1 objects, 4 references, 1 callbacks");
     EXPECT_EQ(of_client->Release() + of_control->Release(), 3u + 2u);
-    /* A client that forgets to take them back gets them back with its last reference. */
+    /* Releasing the last reference to a client releases its callbacks. */
     close();
     EXPECT_EQ(second.references, 1u);
 }
 
-/* What a script's functions saw, and where they lead. */
+/* The path that map_path returns, and the arguments that note_refusal received. */
 struct script_calls {
     std::wstring mapped_to;
     std::wstring refused_path;
@@ -141,7 +141,8 @@ static void note_refusal(const wchar_t *path, HRESULT, const char *reason, void 
     ((script_calls *)user)->reason = reason;
 }
 
-/* A line at a time, under any case of the path, copied; nothing of the dump before it shows. */
+/* A scripted stack is copied, found case-insensitively and output line by line. Nothing of the
+ * previous dump appears. */
 TEST_F(engine, test_scripted_stack)
 {
     std::string text = "before!it\nnt!A+0x1\n\nlast line";
@@ -164,7 +165,7 @@ TEST_F(engine, test_scripted_stack)
     EXPECT_EQ(m_filled, 3u);
 }
 
-/* place in a dump, what is put there, bytes of the file, error, part of the reason */
+/* offset in the dump, value, bytes of the file, error, part of the reason */
 static const struct refusal_row {
     uint64_t place;
     uint32_t value;
@@ -182,7 +183,7 @@ static const struct refusal_row {
     {0x10,            0,          0,      ERROR_HANDLE_EOF,    "cut off"},
 };
 
-TEST_F(engine, test_refused)
+TEST_F(engine, test_rejected_dumps)
 {
     script_calls calls = {m_path, L"", ""};
     const struct engine_script script = {sizeof script, NULL,         0,     NULL, 0,
@@ -209,9 +210,9 @@ TEST_F(engine, test_refused)
     EXPECT_EQ(output.text, "");
 }
 
-/* A script that is refused leaves the one before it in force; callbacks can be taken back whatever
+/* A rejected script leaves the previous one active. Callbacks can be released even if setting them
  * fails. */
-TEST_F(engine, test_bad_scripts)
+TEST_F(engine, test_rejected_scripts)
 {
     const size_t size = sizeof(struct engine_script);
     const struct engine_script_fault fails = {"SetOutputCallbacks", E_FAIL};

@@ -1,4 +1,4 @@
-/* The reader of dumps: what it finds, where it stops, what it refuses. */
+/* Tests of the reader of small dumps: stack walk, names, and rejected files. */
 #include "dump_builder.h"
 #include "kernel_dump.h"
 
@@ -14,7 +14,7 @@
 #define NT       (NT_BASE + 0x107)
 #define ONE      (ONE_BASE + 0x2A)
 #define TWO      (TWO_BASE + 1)
-#define INNER    (ONE_BASE + 0x100) /* of a module that lies in another one */
+#define INNER    (ONE_BASE + 0x100) /* a module inside another one */
 
 #define ROOM     0x10000ull
 
@@ -24,7 +24,7 @@ struct outcome {
     std::string reason;
 };
 
-/* The bytes end at an inaccessible page: a read behind them ends the program. */
+/* Reads a dump whose bytes end at an inaccessible page: an access after them ends the program. */
 static outcome read(const std::vector<uint8_t> &bytes)
 {
     static uint8_t *const s_end =
@@ -38,7 +38,7 @@ static outcome read(const std::vector<uint8_t> &bytes)
     return made;
 }
 
-/* A dump that must be right. */
+/* Reads a dump that must be valid. */
 static kernel_dump read(const dump_model &model)
 {
     const outcome made = read(dump_build(model));
@@ -59,8 +59,8 @@ static std::string call_sites(const kernel_dump &dump, size_t limit)
 
 typedef std::vector<uint64_t> W;
 
-/* Rip, Rsp from the saved stack's start, its values, bytes that the last one lacks, frames asked
- * for, call sites */
+/* Rip, Rsp relative to the start of the saved stack, its values, bytes missing from the last value,
+ * frames requested, call sites */
 static const struct walk_row {
     const char *row;
     uint64_t rip;
@@ -77,14 +77,14 @@ static const struct walk_row {
     {"Rsp unaligned", ONE,      4,  W({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a two+0x1"         },
     {"across two",    ONE,      0,  W({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a"                 },
     {"half a value",  ONE,      0,  W({NT, TWO}),              1, 99, "one+0x2a nt+0x107"        },
-    {"none asked",    ONE,      0,  W({TWO}),                  0, 0,  ""                         },
-    {"two asked",     ONE,      0,  W({TWO, NT}),              0, 2,  "one+0x2a two+0x1"         },
+    {"none wanted",   ONE,      0,  W({TWO}),                  0, 0,  ""                         },
+    {"two wanted",    ONE,      0,  W({TWO, NT}),              0, 2,  "one+0x2a two+0x1"         },
     {"last byte",     ONE,      0,  W({TWO_END - 1}),          0, 99, "one+0x2a two+0x7fff"      },
     {"overlapping",   INNER,    0,  W({INNER + 4, INNER - 1}), 0, 99, "in+0x0 in+0x4 one+0xff"   },
-    {"behind all",    ONE,      0,  W({TWO_END}),              0, 99, "one+0x2a"                 },
+    {"after all",     ONE,      0,  W({TWO_END}),              0, 99, "one+0x2a"                 },
     {"before all",    ONE,      0,  W({NT_BASE - 1}),          0, 99, "one+0x2a"                 },
     {"neighbours",    TWO_BASE, 0,  W({TWO_BASE - 1}),         0, 99, "two+0x0 in+0xfeff"        },
-    {"Rip nowhere",   16,       0,  W({}),                     0, 99, "0x00000000`00000010"      },
+    {"Rip unmapped",  16,       0,  W({}),                     0, 99, "0x00000000`00000010"      },
 };
 
 TEST(kernel_dump, test_walk)
@@ -101,7 +101,7 @@ TEST(kernel_dump, test_walk)
     }
 }
 
-/* A stack and a module that reach up to the last address but one. */
+/* A stack and a module that end at the last address but one. */
 TEST(kernel_dump, test_walk_top_of_address_space)
 {
     dump_model model;
@@ -124,14 +124,14 @@ static const struct name_row {
     std::u16string path;
     const char *name;
 } s_name_rows[] = {
-    {"neither folder nor extension", u"one",                 "one"                             },
-    {"case is kept",                 u"\\a\\FLTMGR.SYS",     "FLTMGR"                          },
-    {"only an extension",            u"\\a\\.sys",           ".sys"                            },
-    {"three bytes",                  u"\\a\\\u9A71.sys",     "\xE9\xA9\xB1"                    },
-    {"four bytes",                   u"\\a\\\U0001F600.sys", "\xF0\x9F\x98\x80"                },
-    {"half a pair",                  u16({0xD800, 'x'}),     "\xEF\xBF\xBDx"                   },
-    {"line feed, ! and +",           u"\\a\\x\ny!z+w.sys",   "x_y_z_w"                         },
-    {"only a folder",                u"\\a\\",               "Unknown_Module_ffffd000`00000000"},
+    {"neither path nor extension", u"one",                 "one"                             },
+    {"case is kept",               u"\\a\\FLTMGR.SYS",     "FLTMGR"                          },
+    {"only an extension",          u"\\a\\.sys",           ".sys"                            },
+    {"three bytes",                u"\\a\\\u9A71.sys",     "\xE9\xA9\xB1"                    },
+    {"four bytes",                 u"\\a\\\U0001F600.sys", "\xF0\x9F\x98\x80"                },
+    {"half a pair",                u16({0xD800, 'x'}),     "\xEF\xBF\xBDx"                   },
+    {"line feed, ! and +",         u"\\a\\x\ny!z+w.sys",   "x_y_z_w"                         },
+    {"only a directory",           u"\\a\\",               "Unknown_Module_ffffd000`00000000"},
 };
 
 TEST(kernel_dump, test_names)
@@ -147,7 +147,7 @@ TEST(kernel_dump, test_names)
         ASSERT_EQ(dump.modules.size(), 1u) << row.row;
         EXPECT_EQ(dump.modules[0].name, row.name) << row.row;
     }
-    /* As long as a file system takes, and one more. */
+    /* The maximum length in a file system, and one more. */
     for (const size_t chars : {255u, 256u}) {
         dump_model model;
 
@@ -156,7 +156,7 @@ TEST(kernel_dump, test_names)
     }
 }
 
-/* The kernel is the module that holds the list of modules, whatever its name. */
+/* The kernel is the module that contains the head of the list of modules, whatever its name is. */
 TEST(kernel_dump, test_kernel_by_address)
 {
     dump_model model;
@@ -169,15 +169,15 @@ TEST(kernel_dump, test_kernel_by_address)
     EXPECT_EQ(call_sites(read(model), 99), "ntoskrnl+0x107 two+0x1");
 }
 
-/* Places in the dump of the model as it stands: offsets of names and a base in the list of modules,
- * and the file's size. */
+/* Offsets in the default model's dump: names and a base in the list of modules; and the file
+ * size. */
 #define NAME_0 (DUMP_STACK + 64)
 #define NAME_1 (NAME_0 + 0x90)
 #define NAME_2 (NAME_1 + 0x90)
 #define BASE_1 (NAME_1 + 0x38)
 #define SIZE   0x2336
 
-/* place in the file, what is put there, its bytes, result, part of the reason */
+/* offset in the file, value, its bytes, result, part of the reason */
 static const struct refused_row {
     const char *row;
     uint64_t place;
@@ -202,7 +202,7 @@ static const struct refused_row {
     {"module wraps",    BASE_1,              0 - 0xFFFFull, 8, KERNEL_DUMP_DAMAGED,    "space"   },
 };
 
-TEST(kernel_dump, test_refused)
+TEST(kernel_dump, test_rejected)
 {
     const std::vector<uint8_t> whole = dump_build(dump_model());
 
@@ -219,8 +219,8 @@ TEST(kernel_dump, test_refused)
     }
 }
 
-/* No beginning of a dump passes for one; what follows a whole dump does no harm. */
-TEST(kernel_dump, test_cut_off_anywhere)
+/* A truncated dump is always rejected. Bytes after a complete dump are ignored. */
+TEST(kernel_dump, test_truncated_anywhere)
 {
     const std::vector<uint8_t> whole = dump_build(dump_model());
 

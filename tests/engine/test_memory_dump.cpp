@@ -1,5 +1,5 @@
-/* Dumps of the memory: the same machine shows the same in every kind of dump, and what a file lacks
- * is told and not made up. */
+/* Tests of memory dumps: every kind of dump of one machine gives the same result, and missing data
+ * is reported, not invented. */
 #include "engine_fixture.h"
 #include "kernel_dump.h"
 #include "memory_model.h"
@@ -25,7 +25,7 @@ static const struct kind_row {
 
 static const char s_sites[] = "one+0x1234 two+0x1 nt+0x107 two+0x22";
 
-/* Shows s_sites, the last one from the page behind that of Rsp. */
+/* Returns a machine whose call sites are s_sites. The last one is on the page after Rsp's. */
 static dump_model machine()
 {
     dump_model model = crashed_model();
@@ -68,7 +68,7 @@ static std::string gaps_of(const kernel_dump &dump)
     return text;
 }
 
-/* Nothing is there that is not in whole, and no gap would pass for a frame. */
+/* Expects that part contains only data of whole, and that no gap could be parsed as a frame. */
 static void expect_part_of(const kernel_dump &part, const kernel_dump &whole, uint64_t row)
 {
     ASSERT_LE(part.stack.size(), whole.stack.size()) << row;
@@ -86,7 +86,7 @@ static void expect_part_of(const kernel_dump &part, const kernel_dump &whole, ui
         EXPECT_EQ(gap.find_first_of("!+\n"), std::string::npos) << row << ": " << gap;
 }
 
-TEST(memory_dump, test_same_as_small)
+TEST(memory_dump, test_same_result_as_small_dump)
 {
     kernel_dump small;
     std::string reason;
@@ -113,7 +113,7 @@ TEST(memory_dump, test_same_as_small)
     }
 }
 
-/* Short for the rows: places in the machine's virtual memory, and tables that lead there. */
+/* Abbreviations for the rows: virtual addresses of the machine, and levels of its page tables. */
 #define HEAD     0xFFFFF80000200000ull
 #define ENTRY(i) memory_model::entry_of(i)
 #define TEXTS(i) memory_model::text_of(i)
@@ -131,8 +131,8 @@ TEST(memory_dump, test_same_as_small)
 #define NAMELESS "Unknown_Module_fffff801`00000000"
 #define NO_ONE   "nt " NAMELESS " two"
 
-/* The page at address is not in the file, or the table that has its entry of a level. What is left:
- * names of the modules, call sites; part of the gap or, without names, of the reason. */
+/* The page at address, or the table that contains its entry of a level, is missing from the file.
+ * Expected: names of the modules, call sites, part of the gap or, without names, of the reason. */
 static const struct missing_row {
     const char *row;
     uint64_t address;
@@ -156,7 +156,7 @@ static const struct missing_row {
     {"its table",     STACK,    PT,   ALL,       RIP,                     "read: a page table"},
 };
 
-TEST(memory_dump, test_missing)
+TEST(memory_dump, test_missing_pages)
 {
     for (const missing_row &row : s_missing_rows) {
         for (const kind_row &kind : s_kinds) {
@@ -181,8 +181,8 @@ TEST(memory_dump, test_missing)
     }
 }
 
-/* What the page table entries of the modules' texts, or of the directory above them, say beside the
- * place of the page. */
+/* Bits of the page table entries of the modules' texts, or of the directory above them, besides the
+ * frame number. */
 static const struct entry_row {
     const char *row;
     unsigned shift;
@@ -191,7 +191,7 @@ static const struct entry_row {
 } s_entry_rows[] = {
     {"present",                 PT, MEMORY_PRESENT,                       true },
     {"present and transition",  PT, MEMORY_PRESENT | 0xC00,               true },
-    {"bits that mean nothing",  PT, MEMORY_PRESENT | 0xFFF0000000000F7E,  true },
+    {"ignored bits",            PT, MEMORY_PRESENT | 0xFFF0000000000F7E,  true },
     {"transition",              PT, MEMORY_TRANSITION,                    true },
     {"prototype",               PT, MEMORY_PROTOTYPE,                     false},
     {"transition, prototype",   PT, MEMORY_TRANSITION | MEMORY_PROTOTYPE, false},
@@ -224,8 +224,9 @@ TEST(memory_dump, test_page_table_entry)
     }
 }
 
-/* The last byte of the bitmap has more bits than the bitmap, and the file may have more bytes. */
-TEST(memory_dump, test_page_behind_bitmap)
+/* The unused bits of the bitmap's last byte are set, and the file is longer than its pages. The
+ * reader must ignore both. */
+TEST(memory_dump, test_page_after_bitmap)
 {
     memory_model memory(machine());
     const uint64_t behind = memory.pages().back() + 1;
@@ -246,8 +247,8 @@ TEST(memory_dump, test_page_behind_bitmap)
 #define BASE(i)     (ENTRY(i) + MEMORY_BASE)
 #define NAME(i)     (ENTRY(i) + MEMORY_NAME)
 
-/* What is put into the list; how many modules are then read from its start and from its end, and
- * why not all from its start. */
+/* address and value of a change to the list, its bytes; modules read from its start and from its
+ * end; the reason why reading from the start stopped */
 static const struct list_row {
     const char *row;
     uint64_t address;
@@ -269,7 +270,7 @@ static const struct list_row {
     {"image wraps",     BASE(1),                UINT64_MAX - 0xFFFE,  8, 1, 1, "does not fit"},
     {"no name",         NAME(1),                0,                    2, 3, 0, NULL          },
     {"odd name",        NAME(1),                3,                    2, 3, 0, NULL          },
-    {"beyond its room", NAME(1),                0x20004,              4, 3, 0, NULL          },
+    {"beyond capacity", NAME(1),                0x20004,              4, 3, 0, NULL          },
     {"name too long",   NAME(1),                0x4000400,            4, 3, 0, NULL          },
     {"name nowhere",    NAME(1) + 8,            0,                    8, 3, 0, NULL          },
     {"name wraps",      NAME(1) + 8,            UINT64_MAX,           8, 3, 0, NULL          },
@@ -326,8 +327,7 @@ TEST(memory_dump, test_list_length)
     }
 }
 
-/* From the start of a stack of 20 pages to where Rsp points, bytes that are read, part of the
- * gap. */
+/* Rsp relative to the start of a stack of 20 pages, bytes that are read, part of the gap. */
 static const struct stack_row {
     const char *row;
     uint64_t rsp;
@@ -340,7 +340,7 @@ static const struct stack_row {
     {"limit at its end",  0x4000,                     0x10000, ""          },
     {"less than limit",   0x4008,                     0xFFF8,  ""          },
     {"last value",        0x13FF8,                    8,       ""          },
-    {"behind it",         0x14000,                    0,       "not mapped"},
+    {"after it",          0x14000,                    0,       "not mapped"},
     {"before it",         0 - 8ull,                   0,       "not mapped"},
     {"nowhere",           0 - STACK,                  0,       "not mapped"},
     {"no address",        0x800000000000 - STACK,     0,       "not mapped"},
@@ -359,7 +359,7 @@ TEST(memory_dump, test_stack)
 
         for (uint64_t page = 2; page < 20; page++)
             memory.put(STACK + page * SPAN, page, 8);
-        memory.put(0 - 8ull, 1, 8); /* the highest page is there, but a stack in it would wrap */
+        memory.put(0 - 8ull, 1, 8); /* the highest page exists, but a stack in it would wrap */
         EXPECT_EQ(read(memory.build(5, MEMORY_FDMP), &dump, &reason), KERNEL_DUMP_OK) << row.row;
         EXPECT_EQ(dump.stack.size(), row.bytes) << row.row;
         EXPECT_EQ(gaps_of(dump).empty(), row.gap[0] == '\0') << row.row << gaps_of(dump);
@@ -390,7 +390,7 @@ TEST(memory_dump, test_stack)
 #define NOT_CTX  KERNEL_DUMP_NO_CONTEXT
 #define NOT_LIST KERNEL_DUMP_NO_MODULES
 
-/* kind and layout, place in the file, what is put there, its bytes, result, part of the reason */
+/* kind and layout, offset in the file, value, its bytes, result, part of the reason */
 static const struct refused_memory_row {
     const char *row;
     uint32_t kind;
@@ -431,7 +431,7 @@ static const struct refused_memory_row {
     {"list nowhere",      RUNS_1, LIST,        UINT64_MAX,   8, NOT_LIST, "not mapped"           },
 };
 
-TEST(memory_dump, test_refused)
+TEST(memory_dump, test_rejected)
 {
     const memory_model memory(machine());
 
@@ -447,8 +447,9 @@ TEST(memory_dump, test_refused)
     }
 }
 
-/* A beginning of a dump shows a part of it and says so, or is refused as cut off. */
-TEST(memory_dump, test_cut_off_anywhere)
+/* A truncated dump gives partial results and reports the truncation, or is rejected as
+ * truncated. */
+TEST(memory_dump, test_truncated_anywhere)
 {
     const memory_model memory(machine());
 
@@ -477,8 +478,8 @@ TEST(memory_dump, test_cut_off_anywhere)
     }
 }
 
-/* Every page of the model counts: without it something is missing, and is told. */
-TEST(memory_dump, test_hole_anywhere)
+/* Each page of the model is needed: without it, the dump is rejected or reports a gap. */
+TEST(memory_dump, test_missing_page_anywhere)
 {
     const memory_model memory(machine());
     kernel_dump whole;
@@ -497,7 +498,7 @@ TEST(memory_dump, test_hole_anywhere)
     }
 }
 
-/* What is missing stands before the stack. */
+/* The gaps precede the stack. */
 TEST_F(engine_test, test_incomplete_dump)
 {
     memory_model memory(machine());
@@ -514,7 +515,8 @@ TEST_F(engine_test, test_incomplete_dump)
               "Call Site\none+0x1234\n" UNWIND_NOTE "two+0x1\nnt+0x107\n");
 }
 
-/* Of a file as big as memory only what is needed is read. The middle of it is never written. */
+/* The reader reads only the needed parts of a file as large as memory. The test never writes the
+ * middle of the file. */
 TEST_F(engine_test, test_dump_of_several_gib)
 {
     const uint64_t far_out = 0x180001000;
@@ -532,7 +534,7 @@ TEST_F(engine_test, test_dump_of_several_gib)
     HANDLE file = CreateFileW(m_path.c_str(), GENERIC_WRITE, 0, NULL, OPEN_EXISTING, 0, NULL);
 
     ASSERT_NE(file, INVALID_HANDLE_VALUE) << GetLastError();
-    /* Where that is not known, files are sparse anyway or the test takes the space for a moment. */
+    /* If this fails, files are sparse by default, or the test uses the space temporarily. */
     (void)DeviceIoControl(file, FSCTL_SET_SPARSE, NULL, 0, NULL, 0, &written, NULL);
     place.QuadPart = (LONGLONG)far_out;
     EXPECT_TRUE(SetFilePointerEx(file, place, NULL, FILE_BEGIN)) << GetLastError();

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The package holds all that its users need: the plug-in builds against it as against any other
-# platform's SDK, to the same bytes out of sources in another folder, and a program that has nothing
-# else plays. The commands are those of its document.
+# Tests that the package is complete. The plug-in builds against it as an SDK, from sources in
+# another directory, to identical bytes. The host and the example need no other files. The commands
+# come from the package's document.
 # usage: package_test.sh SOURCE BUILD DEPS OBJCOPY
 set -u
 source=$1 build=$2 deps=$3 objcopy=$4
@@ -19,13 +19,14 @@ check() {
     failures=$((failures + 1))
 }
 
-# What is loaded, without the link to the symbols: their file tells the headers' folders.
+# Extracts the loaded sections, without the debug link: its checksum covers the symbols, which
+# contain the paths of the headers.
 loaded_bytes() {
     "$objcopy" -O binary -R .gnu_debuglink "$1" "$2"
 }
 
-# The lines of the document that begin so, in a folder.
-told() {
+# Runs the commands of the document that start with $2, in directory $1.
+documented() {
     local folder=$1 begin=$2 lines
     lines=$(grep -- "^$begin" "$document" | sed "s|build/mine|$work/plugin|g; s|FOLDER|$package|")
     [ -n "$lines" ] && cd "$folder" && timeout 300 bash -ec "$lines"
@@ -33,22 +34,22 @@ told() {
 
 rm -rf "$work"
 mkdir -p "$work/sources"
-check "the package is made" python3 "$source/cmake/package.py" "$source" "$build" "$deps" "$work"
+check "package.py succeeds" python3 "$source/cmake/package.py" "$source" "$build" "$deps" "$work"
 python3 -m zipfile -e "$work"/bypass_mgr-*.zip "$work" || exit 1
 package=$(echo "$work"/bypass_mgr-*/)
 package=${package%/}
 
-check "no path of this machine is in it" sh -c \
+check "no file contains a path of this machine" sh -c \
     "! grep -rlF -e '$source/' -e '$build/' -e '$deps/' '$package'"
-check "its host plays its scenario" told "$package" "WINEDLLOVERRIDES="
+check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
 
 git -C "$source" ls-files -z | (cd "$source" && tar c --null -T -) | tar x -C "$work/sources"
-check "the plug-in builds against the package" told "$work/sources" "cmake "
+check "the plug-in builds against the package" documented "$work/sources" "cmake "
 loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
 loaded_bytes "$work/plugin/bin/libbypass_mgr.dll" "$work/built.bin"
-check "the plug-in is the same as the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
+check "the plug-in is identical to the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
 
-check "the example builds" told "$package" "x86_64-w64-mingw32-g++"
+check "the example builds" documented "$package" "x86_64-w64-mingw32-g++"
 (cd "$package/bin" && timeout 300 wine registration.exe) | tr -d '\r' >"$work/example.txt"
 cat >"$work/expected.txt" <<'END'
 guard is registered

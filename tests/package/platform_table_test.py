@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Every operation of the platform has a row in its document, and no row is of anything else.
+"""Checks that docs/platform.md has exactly one row for each operation of the platform.
 
 usage: platform_table_test.py SOURCE
 """
@@ -27,8 +27,8 @@ rows = [line.split("|") for line in read("docs/platform.md").splitlines()
 named = [name for row in rows for name in re.findall(r"`(\w+)`", row[1])]
 
 problems = [f"{name}: no row" for name in sorted((declared | imported) - set(named))]
-problems += [f"{name}: a row, but no such operation" for name in sorted(set(named) - declared - imported)]
+problems += [f"{name}: a row without an operation" for name in sorted(set(named) - declared - imported)]
 problems += [f"{name}: two rows" for name in sorted({n for n in named if named.count(n) > 1})]
 problems += [f"{row[1].strip()}: {len(row) - 2} columns" for row in rows if len(row) != 7]
-print("\n".join(problems) or f"{len(named)} operations, a row for each")
+print("\n".join(problems) or f"{len(named)} operations, each with a row")
 sys.exit(1 if problems or not named else 0)

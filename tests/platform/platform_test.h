@@ -1,4 +1,4 @@
-/* What the platform's tests share: a fresh platform for each test, and notes of what happened. */
+/* Fixture of the platform's tests: resets the platform before each test and records events. */
 #ifndef PLATFORM_TEST_H
 #define PLATFORM_TEST_H
 
@@ -17,18 +17,18 @@
 #include <oxni/base/json.h>
 #include <oxni/base/time.h>
 
-/* Thrown by the host's exit function, as a host does to leave the plug-in's frames. */
+/* Thrown by the exit function, as a host does to unwind the plug-in's frames. */
 struct run_ended {
 };
 
-/* UTC file time of seconds since 1970. */
+/* Converts seconds since 1970 to a UTC file time. */
 constexpr uint64_t to_100ns(int64_t seconds)
 {
     return static_cast<uint64_t>(seconds + 11644473600) * 10000000;
 }
 
-/* Simulated clock at 2026-03-01 12:00:00 UTC, tick 1000; no subscribers, no log, no failing memory.
- * What was complained about and not looked at fails the test. */
+/* Sets the simulated clock to 2026-03-01 12:00:00 UTC, tick 1000 ms, without subscribers, log file
+ * or failing allocations. Unexpected complaints fail the test. */
 class platform_test : public testing::Test
 {
   protected:
@@ -48,14 +48,14 @@ class platform_test : public testing::Test
     }
     void TearDown() override
     {
-        EXPECT_EQ("", complaints()) << "nobody expected this";
+        EXPECT_EQ("", complaints()) << "unexpected complaints";
         for (json_t *value : s_values)
             json_decref(value);
         s_values.clear();
         s_notes.clear();
         s_log.clear();
         oxnih_core_reset();
-        EXPECT_EQ(0U, memory_stats().live_blocks) << "not given back";
+        EXPECT_EQ(0U, memory_stats().live_blocks) << "memory leak";
         oxnih_memory_drop_all();
         oxnih_core_set_observer(NULL, NULL);
         oxnih_core_set_lenient(0);
@@ -74,7 +74,8 @@ class platform_test : public testing::Test
     }
 
   public:
-    /* Lines that callbacks of the test write, in order, joined by blanks. */
+    /* Records an event of a callback. notes() returns them in order, joined by blanks, and clears
+     * them. */
     static void note(const std::string &text)
     {
         s_notes += (s_notes.empty() ? "" : " ") + text;
@@ -83,7 +84,7 @@ class platform_test : public testing::Test
     {
         return std::exchange(s_notes, "");
     }
-    /* Complaints since the last call, joined by line feeds. */
+    /* Returns the complaints since the last call, joined by line feeds. */
     static std::string complaints()
     {
         return std::exchange(s_complaints, "");
@@ -92,12 +93,13 @@ class platform_test : public testing::Test
     {
         return s_log.find(text) != std::string::npos;
     }
-    /* Absolute path below a folder of this process, made empty for each test; UTF-8. */
+    /* Returns an absolute path below this process's directory, which is empty at the start of each
+     * test; UTF-8. */
     static std::string path(const std::string &name)
     {
         return base_folder().generic_u8string() + "/" + name;
     }
-    /* Plays the next milliseconds. */
+    /* Delivers the events of the next milliseconds. */
     static void run(uint64_t ms)
     {
         EXPECT_EQ(0, oxnih_core_run_until(oxni_time_get_tick_cout() + ms));
@@ -108,14 +110,14 @@ class platform_test : public testing::Test
         oxnih_memory_get_stats(&now);
         return now;
     }
-    /* A JSON value that the test owns until its end. */
+    /* Returns a JSON value that the fixture owns until the end of the test. */
     static json_t *json_of(const std::string &text)
     {
         s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, NULL));
         EXPECT_NE(nullptr, s_values.back()) << text;
         return s_values.back();
     }
-    /* A file's bytes; "(none)" when it cannot be read. */
+    /* Returns a file's bytes; "(none)" when it cannot be opened. */
     static std::string file_bytes(const std::string &path)
     {
         std::ifstream file(std::filesystem::u8path(path), std::ios::binary);

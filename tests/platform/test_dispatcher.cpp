@@ -10,7 +10,7 @@ namespace
 class dispatcher : public platform_test
 {
   protected:
-    /* Timers and posts of a test note their name. */
+    /* Arms a timer, or queues a post, that records its name. */
     static uint64_t arm(uint32_t ms, const char *name)
     {
         return oxni_timer_start(
@@ -22,7 +22,7 @@ class dispatcher : public platform_test
         oxnih_core_post(
             ms, [](void *arg) { note(static_cast<const char *>(arg)); }, const_cast<char *>(name));
     }
-    /* A timer that runs code of the test. */
+    /* Arms a timer that runs code. */
     static uint64_t at(uint32_t ms, void (*code)())
     {
         return oxni_timer_start(
@@ -31,7 +31,7 @@ class dispatcher : public platform_test
     }
 };
 
-TEST_F(dispatcher, due_time_then_deliveries_then_timers_then_first_come)
+TEST_F(dispatcher, order_is_due_time_then_deliveries_then_timers_then_fifo)
 {
     at(100, [] {
         note("t100a");
@@ -48,7 +48,7 @@ TEST_F(dispatcher, due_time_then_deliveries_then_timers_then_first_come)
     EXPECT_EQ("", notes()); /* never inside the call that arms it */
     EXPECT_EQ(1, oxnih_core_run_one());
     EXPECT_EQ(1, oxnih_core_run_one());
-    EXPECT_EQ(0, oxnih_core_run_one()); /* nothing else is due, and time does not move */
+    EXPECT_EQ(0, oxnih_core_run_one()); /* nothing else is due, and time does not advance */
     EXPECT_EQ("p0 t0", notes());
     run(99);
     EXPECT_EQ("t50", notes());
@@ -56,7 +56,7 @@ TEST_F(dispatcher, due_time_then_deliveries_then_timers_then_first_come)
     EXPECT_EQ("p100a p100b t100a p100c t100b queued", notes());
 }
 
-TEST_F(dispatcher, time_stands_at_each_event_sleeping_delivers_nothing)
+TEST_F(dispatcher, clock_stops_at_each_event_and_sleeping_delivers_nothing)
 {
     at(390000, [] {
         note(std::to_string(oxni_time_get_tick_cout()));
@@ -66,10 +66,10 @@ TEST_F(dispatcher, time_stands_at_each_event_sleeping_delivers_nothing)
     arm(390050, "t50");
     run(390060);
     EXPECT_EQ("391000 woke t50", notes());
-    EXPECT_EQ(391100U, oxni_time_get_tick_cout()); /* it never goes back */
+    EXPECT_EQ(391100U, oxni_time_get_tick_cout()); /* run(390060) does not set it back */
 }
 
-TEST_F(dispatcher, stopping)
+TEST_F(dispatcher, stopped_timers_do_not_fire)
 {
     static uint64_t s_own, s_other;
     uint64_t a = arm(10, "a"), b = arm(10, "b");
@@ -91,10 +91,10 @@ TEST_F(dispatcher, stopping)
     arm(5, "forgotten");
     oxnih_core_reset();
     EXPECT_EQ(UINT64_MAX, oxnih_core_next_due());
-    EXPECT_GT(arm(5, "t"), s_other); /* handles are never used again */
+    EXPECT_GT(arm(5, "t"), s_other); /* handles are not reused */
 }
 
-TEST_F(dispatcher, nested_calls_are_refused)
+TEST_F(dispatcher, nested_calls_are_rejected)
 {
     at(0, [] {
         post(0, "queued");
@@ -109,9 +109,9 @@ TEST_F(dispatcher, nested_calls_are_refused)
     EXPECT_EQ(2, std::count(said.begin(), said.end(), '\n')) << said;
 }
 
-/* The exception starts in this program, or in liboxnibase at the end of the process, and leaves
- * frames of both on its way to the dispatcher, each module with a C++ runtime of its own. */
-TEST_F(dispatcher, exceptions_end_the_run_at_its_border)
+/* The exceptions are thrown in this program or in liboxnibase. They unwind frames of several
+ * modules, each with its own C++ runtime, before the dispatcher catches them. */
+TEST_F(dispatcher, exceptions_end_the_run)
 {
     struct frame {
         ~frame()

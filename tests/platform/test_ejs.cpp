@@ -18,7 +18,7 @@ class ejs : public platform_test
         return "EJS\x1a" + number(1) + number(text.size()) +
                number(oxni_crc32_calc(text.data(), text.size())) + text;
     }
-    /* The document that is read from such a file, as text; "(none)" without one. */
+    /* Returns the document read from a file with these bytes, as text; "(none)" for NULL. */
     static std::string read(const std::string &bytes)
     {
         file_write(path("x.ejs"), bytes);
@@ -37,12 +37,12 @@ class ejs : public platform_test
 
 const char ONE[] = "{\"z\":1,\"a\":[true,null,\"\xe6\x97\xa5\"],\"data\":{\"k\":-5}}";
 
-TEST_F(ejs, a_document_comes_back_in_its_order)
+TEST_F(ejs, round_trip_keeps_the_order_of_members)
 {
     EXPECT_EQ(0, write(ONE, "\xe6\x97\xa5.ejs"));
     EXPECT_EQ(framed(ONE), file_bytes(path("\xe6\x97\xa5.ejs")));
     EXPECT_EQ(ONE, read(framed(ONE)));
-    /* Remains of a write that was torn neither count nor hinder. */
+    /* A temporary file of an interrupted write affects neither reading nor writing. */
     file_write(path("x.ejs.tmp"), framed("{\"b\":2}").substr(0, 20));
     EXPECT_EQ(ONE, read(framed(ONE)));
     EXPECT_EQ(0, write("{}", "x.ejs"));
@@ -50,12 +50,12 @@ TEST_F(ejs, a_document_comes_back_in_its_order)
     EXPECT_EQ("(none)", file_bytes(path("x.ejs.tmp")));
 }
 
-TEST_F(ejs, a_file_torn_or_changed_at_any_byte_is_none)
+TEST_F(ejs, a_file_truncated_or_changed_at_any_byte_is_rejected)
 {
     const std::string good = framed("{\"start_time\":1768478400}");
 
     EXPECT_EQ(nullptr, wdu_json_load_file_ejs(path("none/none.ejs").c_str()));
-    EXPECT_FALSE(logged("ejs")); /* a missing one is usual */
+    EXPECT_FALSE(logged("ejs")); /* a missing file is no error */
     for (size_t at = 0; at < good.size(); at++) {
         std::string changed = good;
         changed[at] = static_cast<char>(changed[at] ^ 0x10);
@@ -70,7 +70,7 @@ TEST_F(ejs, a_file_torn_or_changed_at_any_byte_is_none)
     EXPECT_TRUE(logged("holds no object"));
 }
 
-TEST_F(ejs, what_cannot_be_written_leaves_the_old_document)
+TEST_F(ejs, a_failed_write_keeps_the_old_document)
 {
     EXPECT_EQ(0, write("{\"a\":1}", "x.ejs"));
     EXPECT_EQ(-1, write("[]", "x.ejs"));
@@ -79,7 +79,7 @@ TEST_F(ejs, what_cannot_be_written_leaves_the_old_document)
     oxnih_memory_fail(1, 0);
     EXPECT_EQ(-1, wdu_json_dump_file_ejs(document, path("x.ejs").c_str()));
     oxnih_memory_fail(0, 0);
-    std::filesystem::create_directory(path("x.ejs.tmp")); /* no place for the sibling */
+    std::filesystem::create_directory(path("x.ejs.tmp")); /* blocks the temporary file */
     EXPECT_EQ(-1, write("{\"b\":2}", "x.ejs"));
     std::filesystem::remove(path("x.ejs.tmp"));
     HANDLE held = CreateFileA(path("x.ejs").c_str(), GENERIC_READ, FILE_SHARE_READ, NULL,
@@ -90,9 +90,9 @@ TEST_F(ejs, what_cannot_be_written_leaves_the_old_document)
     EXPECT_EQ("(none)", file_bytes(path("x.ejs.tmp")));
 }
 
-/* Room for names and values grows again and again; whichever piece finds none, nothing is written
- * without it. */
-TEST_F(ejs, a_document_without_memory_for_a_piece_is_not_written)
+/* The text's buffer grows several times. Whichever allocation fails, no partial document is
+ * written. */
+TEST_F(ejs, a_failed_allocation_writes_no_partial_document)
 {
     std::string text = "{\"a\":1";
     int failed = 0, written = -1;

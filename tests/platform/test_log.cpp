@@ -6,7 +6,7 @@ namespace
 {
 using logs = platform_test;
 
-TEST_F(logs, a_line_of_any_length_survives)
+TEST_F(logs, lines_of_any_length_are_complete)
 {
     for (size_t length : {0U, 1019U, 1020U, 1021U, 3000000U}) {
         std::string text(length, 'x');
@@ -15,7 +15,7 @@ TEST_F(logs, a_line_of_any_length_survives)
     }
 }
 
-TEST_F(logs, wide_texts_are_utf8_and_lines_end)
+TEST_F(logs, wide_text_is_utf8_and_a_missing_line_feed_is_added)
 {
     static const wchar_t path[] = L"C:\\\x65e5\x672c\xd83d\xde00.dmp";
     static const char utf8[] = "C:\\\xe6\x97\xa5\xe6\x9c\xac\xf0\x9f\x98\x80.dmp";
@@ -39,11 +39,11 @@ TEST_F(logs, the_newest_files_are_kept)
     for (int limit : {0, 3, 10}) {
         std::string folder = path(std::to_string(limit) + "/logs"), kept;
         std::filesystem::create_directories(folder);
-        std::ofstream(folder + "/1-notes.log") << "N"; /* somebody else's */
-        for (int start = 0; start < 7; start++) {      /* an hour apart */
+        std::ofstream(folder + "/1-notes.log") << "N"; /* not a file of the log */
+        for (int start = 0; start < 7; start++) {      /* one hour apart */
             EXPECT_EQ(0, oxni_autolog_init((folder + "/").c_str(), limit));
-            EXPECT_EQ(0, oxni_autolog_init(NULL, limit)); /* open already */
-            oxni_log_output(OXNI_LOG_DEBUG, "%d", start); /* the caller has asked for the level */
+            EXPECT_EQ(0, oxni_autolog_init(NULL, limit)); /* already open */
+            oxni_log_output(OXNI_LOG_DEBUG, "%d", start); /* the caller filters by level */
             oxnih_log_close();
             oxni_sleep(3600);
         }

@@ -13,7 +13,7 @@ class memory : public platform_test
     {
         return static_cast<char *>(oxni_zero_malloc_(size));
     }
-    /* Asks for the page's state, because a fault could not be caught. */
+    /* Queries the page's state, because a fault could not be caught. */
     static bool readable(const void *address)
     {
         MEMORY_BASIC_INFORMATION page;
@@ -22,7 +22,7 @@ class memory : public platform_test
     }
 };
 
-TEST_F(memory, blocks_are_zero_and_growing_keeps_bytes)
+TEST_F(memory, blocks_are_zero_and_resizing_keeps_bytes)
 {
     const size_t sizes[] = {0, 1, 15, 4096, 4097, 200000};
 
@@ -32,7 +32,7 @@ TEST_F(memory, blocks_are_zero_and_growing_keeps_bytes)
                 oxnih_memory_set_mode(mode);
                 char *block = make(size), *other = make(0);
                 EXPECT_EQ(std::string(size, '\0'), std::string(block, size));
-                EXPECT_NE(other, block); /* also when it has no bytes */
+                EXPECT_NE(other, block); /* also for 0 bytes */
                 oxni_free_(other);
                 memset(block, 'x', size);
                 block = static_cast<char *>(oxni_ralloc_(block, then));
@@ -68,10 +68,10 @@ TEST_F(memory, fenced_blocks_end_at_an_inaccessible_page)
             EXPECT_EQ(std::string(size, '\0'), std::string(block, size)) << agent;
             memset(block, 'x', size);
         }
-        oxnih_memory_drop_all(); /* the pages are given out again */
+        oxnih_memory_drop_all(); /* the next agent reuses the pages */
     }
     std::vector<char *> blocks;
-    for (int i = 0; i < 20000; i++) /* more than there are pages to be given out again */
+    for (int i = 0; i < 20000; i++) /* more than the fence mode has slots */
         blocks.push_back(make(24));
     for (char *block : blocks) {
         EXPECT_FALSE(readable(block + 24));
@@ -102,7 +102,7 @@ TEST_F(memory, writing_to_a_freed_fenced_block_is_reported_at_the_end)
     }
 }
 
-TEST_F(memory, dropping_all_takes_blocks_of_both_modes)
+TEST_F(memory, drop_all_frees_blocks_of_both_modes)
 {
     make(10);
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
@@ -112,8 +112,8 @@ TEST_F(memory, dropping_all_takes_blocks_of_both_modes)
     EXPECT_FALSE(readable(block));
 }
 
-/* Nobody destroys the mutexes of a process that ends. */
-TEST_F(memory, dropping_all_leaves_nothing_of_a_mutex)
+/* A process that ends does not destroy its mutexes. */
+TEST_F(memory, drop_all_frees_mutexes_completely)
 {
     auto heap_blocks = [] {
         PROCESS_HEAP_ENTRY entry = {};
@@ -154,7 +154,7 @@ TEST_F(memory, the_nth_allocation_fails)
     EXPECT_EQ(nullptr, json_object());
 }
 
-TEST_F(memory, a_bad_free_ends_the_run_and_says_what_it_was)
+TEST_F(memory, a_bad_free_is_described_and_ends_the_run)
 {
     static char elsewhere[16];
     /* clang-format off */
@@ -187,8 +187,8 @@ TEST_F(memory, a_bad_free_ends_the_run_and_says_what_it_was)
     EXPECT_TRUE(logged("] [vkl] [x.cpp:12] Out of memory\n"));
 }
 
-/* Text of Jansson and of the platform is not theirs, but of who called them. */
-TEST_F(memory, leaks_are_booked_on_who_asked)
+/* Allocations by Jansson and by the platform are attributed to their callers. */
+TEST_F(memory, leaks_are_attributed_to_the_caller)
 {
     void *block = make(100000);
     json_t *value = json_string(std::string(90000, 'x').c_str());

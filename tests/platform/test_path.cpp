@@ -11,7 +11,7 @@ TEST_F(paths, transform)
 {
     const struct {
         const char *path;
-        const char *resolved; /* empty: refused */
+        const char *resolved; /* empty: rejected */
     } rows[] = {
         {"@\\x\\y",                 "C:/run/agent/x/y"                  },
         {"@/../var/./a/../b/",      "C:/run/var/b/"                     },
@@ -31,14 +31,14 @@ TEST_F(paths, transform)
         EXPECT_STREQ(row.resolved, buffer);
     }
     EXPECT_EQ(0, oxni_dirutils_path_transform("@x", buffer, sizeof(buffer)));
-    EXPECT_STREQ("@x", oxni_path_basename(buffer)); /* a name, in the present folder */
+    EXPECT_STREQ("@x", oxni_path_basename(buffer)); /* "@x" is a file name, not the directory */
 }
 
 TEST_F(paths, a_result_that_does_not_fit_is_empty)
 {
     char buffer[16] = "#";
 
-    EXPECT_EQ(0, oxni_log_dir(buffer, 16));   /* there is none */
+    EXPECT_EQ(0, oxni_log_dir(buffer, 16));   /* none is set */
     oxnih_set_install_dir("C:/abcdef/ghijk"); /* 15 characters */
     oxnih_set_log_dir("C:/abcdef/ghijk/");
     oxnih_set_process_path("C:/abcdef/ghijk");
@@ -52,7 +52,7 @@ TEST_F(paths, a_result_that_does_not_fit_is_empty)
     EXPECT_STREQ("", buffer);
 }
 
-TEST_F(paths, parts)
+TEST_F(paths, directory_and_basename)
 {
     const struct {
         const char *path, *directory, *name;
@@ -68,20 +68,20 @@ TEST_F(paths, parts)
         EXPECT_STREQ(row.directory, buffer) << row.path;
         EXPECT_STREQ(row.name, oxni_path_basename(row.path));
     }
-    /* "@" is the folder of this program as long as nobody says otherwise. */
+    /* "@" is this program's directory by default. */
     EXPECT_EQ(0, oxni_dirutils_path_transform("@/platform_tests.exe", buffer, sizeof(buffer)));
     EXPECT_NE(0, oxni_path_is_exist_u(buffer)) << buffer;
 }
 
-TEST_F(paths, folders_and_files)
+TEST_F(paths, directories_and_files)
 {
     std::string deep = path("\xe6\x97\xa5/b/c/"), file = path("\xe6\x97\xa5/b/\xc3\xa4.txt");
 
     EXPECT_EQ(0, oxni_dirutils_mkdir(deep.c_str(), 0775));
     EXPECT_NE(0, oxni_path_is_exist_u(deep.c_str()));
-    EXPECT_EQ(0, oxni_dirutils_mkdir(deep.c_str(), 0775)); /* there already */
+    EXPECT_EQ(0, oxni_dirutils_mkdir(deep.c_str(), 0775)); /* already exists */
     file_write(file, "text");
-    EXPECT_EQ(-1, oxni_dirutils_mkdir(file.c_str(), 0775)); /* a file is in the way */
+    EXPECT_EQ(-1, oxni_dirutils_mkdir(file.c_str(), 0775)); /* exists as a file */
     EXPECT_EQ(-1, oxni_dirutils_mkdir((file + "/x").c_str(), 0775));
     EXPECT_EQ(0, oxni_file_flush(file.c_str()));
     HANDLE held = CreateFileW(std::filesystem::u8path(file).c_str(), GENERIC_WRITE, 0, NULL,

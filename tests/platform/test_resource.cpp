@@ -23,7 +23,7 @@ class resources : public platform_test
         note(std::string("q:") + json_string_value(message));
         s_asked = asked;
     }
-    /* Keeps a reference of the message, to see what the platform does with its own. */
+    /* Keeps a reference to the message, so that the test can check the platform's references. */
     static int request(const char *path, json_t *message)
     {
         return oxni_res_deliver(path, json_incref(message), NULL, on_reply, 0);
@@ -32,7 +32,7 @@ class resources : public platform_test
     static inline oxnih_request *s_asked;
 };
 
-TEST_F(resources, the_state_is_told_once_and_at_each_change)
+TEST_F(resources, the_state_is_delivered_once_and_at_each_change)
 {
     EXPECT_EQ(0, oxni_res_require("/l", 0, on_state));
     oxnih_res_set_state("/l", 1);
@@ -40,7 +40,7 @@ TEST_F(resources, the_state_is_told_once_and_at_each_change)
     EXPECT_EQ("", notes());
     run(0);
     EXPECT_EQ("/l=0 /l=1", notes());
-    oxnih_core_reset(); /* the watches are the agent's, the state is the link's */
+    oxnih_core_reset(); /* drops the watches and keeps the state */
     oxnih_res_set_state("/l", 3);
     oxni_res_require("/l", 0, on_state);
     run(0);
@@ -69,7 +69,7 @@ TEST_F(resources, requests_are_answered_once_and_released)
     EXPECT_EQ(1U, message->refcount);
     request("/r", message);
     run(0);
-    EXPECT_EQ(2U, message->refcount); /* until the answer, or the agent's end */
+    EXPECT_EQ(2U, message->refcount); /* until the answer, or the end of the agent's process */
     oxnih_core_reset();
     EXPECT_EQ(1U, message->refcount);
 }

@@ -11,12 +11,12 @@ namespace
 {
 using str = platform_test;
 
-TEST_F(str, strlcpy_and_snprintf_cut_and_terminate)
+TEST_F(str, strlcpy_and_snprintf_truncate_and_terminate)
 {
     const struct {
         size_t size;
         const char *copy;
-        int printed; /* what snprintf answers */
+        int printed; /* result of snprintf */
     } rows[] = {
         {4, "abc", 3 },
         {3, "ab",  -1},
@@ -51,8 +51,8 @@ TEST_F(str, wide_text)
     EXPECT_GT(oxni_strcmp("\xc3\xa4", "z"), 0); /* by byte, unsigned */
 }
 
-/* Every place of the NUL, limit and alignment, before a page that cannot be read. */
-TEST_F(str, a_length_is_found_at_every_alignment)
+/* Every length, limit and alignment, before an inaccessible page. */
+TEST_F(str, wcsnlen_at_every_alignment)
 {
     static constexpr size_t PAGE = 4096, LONGEST = 20;
     char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
@@ -72,7 +72,7 @@ TEST_F(str, a_length_is_found_at_every_alignment)
     VirtualFree(page, 0, MEM_RELEASE);
 }
 
-TEST_F(str, checksum_coding_and_identities)
+TEST_F(str, checksum_encoding_and_identifiers)
 {
     char text[] = "the quick brown fox", buffer[37] = "#";
     oxni_uuid uuid = {
@@ -94,7 +94,7 @@ TEST_F(str, checksum_coding_and_identities)
     EXPECT_STREQ("f96b697d7cb7938d525a2f31aaf161d0", buffer);
 }
 
-TEST_F(str, a_registry_qword_has_its_type_and_eight_bytes)
+TEST_F(str, a_registry_qword_needs_its_type_and_eight_bytes)
 {
     const wchar_t *const path = L"Software\\platform_tests";
     const struct {

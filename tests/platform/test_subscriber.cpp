@@ -14,7 +14,7 @@ const char REG[] = R"({"type": "reg", "count": 1})", MODIFY[] = R"({"type": "mod
 class subscribers : public platform_test
 {
   protected:
-    /* Answers every message with a push. */
+    /* Replies to every message with a push. */
     static void on_service(int32_t, void *, int32_t moment, json_t *message, oxni_subscriber *who)
     {
         note("m" + std::to_string(moment) + ":" + oxni_subscriber_get_attr(who)->name);
@@ -75,7 +75,7 @@ class subscribers : public platform_test
     }
 };
 
-TEST_F(subscribers, the_service_is_told_first)
+TEST_F(subscribers, the_service_is_called_first)
 {
     oxni_subscriber *a = make("a"), *b = make("b");
 
@@ -88,17 +88,17 @@ TEST_F(subscribers, the_service_is_told_first)
     EXPECT_EQ("m1:a reg m3:a e0:a m1:a modify m1:b reg m3:b e0:b "
               "e1:a=cmd e1:a=cmd r0:f@a e1:b=cmd r0:cmd@a r0:cmd@a r0:cmd@b",
               notes());
-    push(b, "ask"); /* what it sends in its callback goes before the reply */
+    push(b, "ask"); /* messages sent in the callback precede the reply */
     run(0);
     EXPECT_EQ("e1:b=ask m1:b modify r0:ask@b e1:b=cmd r0:f@b r0:cmd@b", notes());
 }
 
-TEST_F(subscribers, messages_are_held_to_the_schema)
+TEST_F(subscribers, messages_are_validated_against_the_schema)
 {
     /* clang-format off */
     const struct {
         const char *message;
-        const char *why; /* empty: it holds */
+        const char *why; /* empty: valid */
     } rows[] = {
         {R"({"type": "reg", "count": 10, "data": {"list": []}, "more": null})", ""},
         {R"({"type": "reg", "count": 11})",  R"(member "/count" fails "maximum")"},
@@ -127,7 +127,7 @@ TEST_F(subscribers, messages_are_held_to_the_schema)
     EXPECT_EQ(-1, oxni_subscribee_install("svc", SCHEMA, 0, on_service, NULL)); /* in use */
 }
 
-TEST_F(subscribers, a_refused_registration_may_be_tried_again)
+TEST_F(subscribers, a_rejected_registration_can_be_retried)
 {
     oxni_subscriber *a = make("a");
 
@@ -143,7 +143,7 @@ TEST_F(subscribers, a_refused_registration_may_be_tried_again)
               notes());
 }
 
-TEST_F(subscribers, who_leaves_is_reported_once_before_the_error_replies)
+TEST_F(subscribers, leaving_is_reported_once_before_the_error_replies)
 {
     oxni_subscriber *a = subscribed("a"), *b = make("b"), *c = make("c");
 
@@ -154,7 +154,8 @@ TEST_F(subscribers, who_leaves_is_reported_once_before_the_error_replies)
     oxnih_subscriber_leave(a);
     push(a, "after");
     EXPECT_EQ(-1, forward(a, MODIFY));
-    /* Who leaves before its registration arrived, or without one, is not reported. */
+    /* A subscriber that leaves before its registration is delivered, or without one, is not
+     * reported. */
     EXPECT_EQ(0, subscribe(b, REG));
     oxnih_subscriber_leave(b);
     oxnih_subscriber_leave(c);
@@ -173,11 +174,11 @@ TEST_F(subscribers, references)
     oxni_subscriber_delete(a);
     EXPECT_EQ(1U, oxnih_subscriber_references(a));
     oxni_subscriber_delete(a);
-    EXPECT_STREQ("ns", oxni_subscriber_get_attr(a)->ns); /* the platform holds it */
+    EXPECT_STREQ("ns", oxni_subscriber_get_attr(a)->ns); /* the platform holds a reference */
     EXPECT_EQ("", complaints());
     oxni_subscriber_delete(a);
     EXPECT_EQ(0U, complaints().find("oxni_subscriber_delete: no reference of subscriber ns/a "));
-    /* A push that is on its way holds it until the reply; then it is gone. */
+    /* A pending push holds a reference until its reply; then the handle is freed. */
     push(a, "x");
     oxnih_subscriber_leave(a);
     oxnih_subscriber_leave(a);
@@ -190,7 +191,7 @@ TEST_F(subscribers, references)
     EXPECT_EQ(excess + 2, oxnih_core_excess_deletes());
 }
 
-TEST_F(subscribers, a_reset_forgets_all_without_calling_anybody)
+TEST_F(subscribers, a_reset_drops_all_state_without_callbacks)
 {
     json_t *message = json_of(MODIFY);
     oxni_subscriber *a = subscribed("a");

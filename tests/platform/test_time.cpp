@@ -3,7 +3,8 @@
 namespace
 {
 /* clang-format off */
-/* Bias; the end and the begin of summer time: month, day of the week, week (5: last), hour. */
+/* Bias in minutes; end and start of daylight saving time: month, day of week, week (5: last),
+ * hour. */
 const TIME_ZONE_INFORMATION
     UTC = {},
     NEPAL = {-345, L"", {}, 0, L"", {}, 0},
@@ -13,16 +14,16 @@ const TIME_ZONE_INFORMATION
 /* clang-format on */
 
 constexpr int64_t WINTER = 1768478400, SUMMER = 1784116800; /* of 2026, both at 12:00 UTC */
-constexpr int64_t SPRING = 1774746000, AUTUMN = 1792890000; /* when Berlin's clocks change */
+constexpr int64_t SPRING = 1774746000, AUTUMN = 1792890000; /* clock changes in Berlin */
 
 using times = platform_test;
 
-TEST_F(times, local_time_goes_by_the_date)
+TEST_F(times, local_time_uses_the_rules_of_the_date)
 {
     const struct {
         const TIME_ZONE_INFORMATION *where;
         int64_t seconds;
-        const char *local; /* with the day of the week, of the year, and daylight saving */
+        const char *local; /* with day of week, day of year and daylight saving flag */
     } rows[] = {
         {&NEW_YORK, -1,           "1969-12-31 18:59:59 3 364 0"},
         {&UTC,      -11644473600, "1601-01-01 00:00:00 1 0 0"  },
@@ -47,7 +48,7 @@ TEST_F(times, local_time_goes_by_the_date)
     }
 }
 
-/* A moment comes back whatever the zone and now are; its local file time has the bias of now. */
+/* A local file time has the current bias. Converting it back gives the same time in every zone. */
 TEST_F(times, local_file_times)
 {
     const struct {
@@ -74,7 +75,7 @@ TEST_F(times, local_file_times)
         }
 }
 
-TEST_F(times, file_times_are_cut_toward_the_past)
+TEST_F(times, file_times_are_rounded_toward_the_past)
 {
     for (int64_t second : {INT64_C(0), INT64_C(-1), INT64_C(-11644473600), WINTER})
         for (uint32_t part : {0U, 1U, 9999999U}) {
@@ -84,7 +85,7 @@ TEST_F(times, file_times_are_cut_toward_the_past)
         }
 }
 
-TEST_F(times, moments_beyond_the_calendar_are_refused)
+TEST_F(times, times_out_of_range_are_rejected)
 {
     FILETIME first = {0, 0}, last = {0xffffffff, 0x7fffffff}, beyond = {0, 0x80000000}, out;
     struct tm tm;
@@ -103,7 +104,7 @@ TEST_F(times, moments_beyond_the_calendar_are_refused)
     }
 }
 
-TEST_F(times, setting_the_wall_clock_leaves_the_ticks)
+TEST_F(times, setting_the_wall_clock_keeps_the_ticks)
 {
     oxnih_clock_set_wall(to_100ns(WINTER));
     EXPECT_EQ(WINTER, oxni_time());

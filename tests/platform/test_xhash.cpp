@@ -27,7 +27,7 @@ class xhash : public platform_test
     void SetUp() override
     {
         platform_test::SetUp();
-        oxnih_memory_set_mode(OXNIH_MEMORY_GUARD); /* a freed entry that is touched faults */
+        oxnih_memory_set_mode(OXNIH_MEMORY_GUARD); /* an access to a freed entry faults */
     }
 };
 
@@ -59,9 +59,9 @@ TEST_F(xhash, values_are_freed_once)
     EXPECT_EQ(0, put(table, "n", NULL));
     EXPECT_EQ(0, put(table, "m", "b"));
     EXPECT_EQ(0, put(table, "n", "a"));
-    EXPECT_EQ("n m ", keys(table)); /* it keeps its place */
+    EXPECT_EQ("n m ", keys(table)); /* "n" keeps its position */
     EXPECT_EQ(0, put(table, "n", same));
-    EXPECT_EQ(0, put(table, "n", same)); /* the value that is there stays */
+    EXPECT_EQ(0, put(table, "n", same)); /* the same value is not freed */
     EXPECT_EQ("null a", notes());
     EXPECT_EQ(0, oxni_xhash_delete(table, "n", 1));
     EXPECT_EQ(-1, oxni_xhash_delete(table, "n", 1));
@@ -73,9 +73,9 @@ TEST_F(xhash, values_are_freed_once)
 TEST_F(xhash, entries_deleted_while_iterating)
 {
     const struct {
-        char at;             /* when the iteration stands there */
-        const char *deleted; /* these go, in this order */
-        const char *added;   /* and this comes */
+        char at;             /* current entry of the iteration at the change */
+        const char *deleted; /* deleted in this order */
+        const char *added;   /* then inserted */
         const char *visited;
     } rows[] = {
         {'b', "b",    "",  "abcd" },
@@ -109,9 +109,9 @@ TEST_F(xhash, entries_deleted_while_iterating)
     }
 }
 
-/* Each allocation fails once, beyond the first growth of the buckets, until there is none left to
- * fail: the table stays as it was, in the order of insertion. */
-TEST_F(xhash, a_failing_allocation_leaves_the_table_as_it_was)
+/* Each allocation fails once, including those of bucket growth. The table is unchanged, in
+ * insertion order. */
+TEST_F(xhash, a_failed_allocation_leaves_the_table_unchanged)
 {
     uint64_t nth = 0;
 
@@ -128,11 +128,11 @@ TEST_F(xhash, a_failing_allocation_leaves_the_table_as_it_was)
                 failures++;
         EXPECT_LE(failures, 1) << nth;
         EXPECT_EQ(expected, table == NULL ? "" : keys(table)) << nth;
-        EXPECT_EQ("", notes()) << nth; /* a refused value stays the caller's */
+        EXPECT_EQ("", notes()) << nth; /* the caller still owns a value that was not inserted */
         oxni_xhash_destroy(table);
         notes();
         ASSERT_EQ(0U, memory_stats().live_blocks) << nth;
     }
-    EXPECT_GT(nth, 404U); /* the table, its buckets and their growth, 400 entries */
+    EXPECT_GT(nth, 404U); /* the table, its buckets, their growth, and 400 entries */
 }
 } // namespace

@@ -1,7 +1,7 @@
 /*
- * Loads, initialises and frees the plug-in again and again, as an agent that restarts does, and
- * measures what remains: blocks of the platform, handles, and memory of the process. Or ends the
- * process with the plug-in loaded.
+ * Loads, initialises and frees the plug-in repeatedly, as a restarting agent does, and measures
+ * leaks: the platform's blocks, handles, and private memory of the process. With "exit", it ends
+ * the process with the plug-in loaded.
  */
 #include <windows.h>
 #include <stdio.h>
@@ -13,15 +13,15 @@
 
 typedef uint64_t (*plugin_init_fn)(void);
 
-/* Growth of private bytes from the tenth load to the last that is noise of the heap. */
+/* Allowed growth of private bytes from the tenth to the last load: noise of the heap. */
 #define NOISE_BYTES (256ull * 1024)
 
 struct usage {
-    uint64_t next_handle; /* the lowest free one: it rises when handles are left open */
+    uint64_t next_handle; /* the lowest free handle, which rises when handles leak */
     uint64_t private_bytes;
 };
 
-/* Counted here: Wine answers 0 where Windows tells a process's handles and private bytes. */
+/* Measures handles and private bytes itself, because Wine reports 0 for both. */
 static usage measure(void)
 {
     HANDLE event = CreateEventW(NULL, TRUE, FALSE, NULL);
@@ -36,8 +36,9 @@ static usage measure(void)
     return usage;
 }
 
-/* Result: what went wrong; NULL when nothing did. live_blocks: of the platform's, when the agent's
- * process would end; its table, store and timers live until then, and equal lives keep as many. */
+/* Returns an error text, or NULL on success. live_blocks receives the platform's live blocks at the
+ * end of the agent's process. The plug-in keeps its table, store and timers until then, so the
+ * number is the same for each load. */
 static const char *load_once(uint64_t *live_blocks)
 {
     HMODULE plugin = LoadLibraryW(L"libbypass_mgr.dll");
@@ -49,9 +50,9 @@ static const char *load_once(uint64_t *live_blocks)
     init = reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
     if (init == NULL || init() != 0)
-        return "has no entry, or that did not answer 0";
+        return "has no entry point, or its entry point did not return 0";
     if (oxnih_core_run_until(60000) != 0)
-        return "did not survive its first minute";
+        return "failed in its first minute";
     oxnih_memory_get_stats(&stats);
     *live_blocks = stats.live_blocks;
     oxnih_core_reset();
@@ -62,18 +63,19 @@ static const char *load_once(uint64_t *live_blocks)
     return NULL;
 }
 
-/* The runtime's block for exceptions has some 70 KB; all else that a module frees is smaller. */
+/* The C++ runtime's emergency pool for exceptions has about 70 KB; other blocks that a module frees
+ * are smaller. */
 #define POOL_BYTES 60000
 
-/* Stands for free in the plug-in while the process ends: another thread that is gone by now may have
- * held the heap's lock. */
+/* Replaces free in the plug-in while the process ends. Freeing the pool then would be an error: a
+ * terminated thread may still hold the heap's lock. */
 static void free_at_exit(void *block)
 {
     if (block != NULL && _msize(block) > POOL_BYTES)
         TerminateProcess(GetCurrentProcess(), 3);
 }
 
-/* Replaces an imported function of a module. Result: whether the module imports it. */
+/* Replaces an imported function of a module. Returns whether the module imports it. */
 static bool replace_import(HMODULE module, const char *name, void *function)
 {
     uint8_t *base = reinterpret_cast<uint8_t *>(module);
@@ -95,19 +97,20 @@ static bool replace_import(HMODULE module, const char *name, void *function)
     return false;
 }
 
-/* Leaves the plug-in loaded; whether its end touches the heap is the process's exit status. */
+/* Leaves the plug-in loaded. The process exits with status 3 if the plug-in frees its pool at the
+ * end. */
 static int leave_loaded(void)
 {
     HMODULE plugin = LoadLibraryW(L"libbypass_mgr.dll");
 
     if (plugin == NULL || !replace_import(plugin, "free", reinterpret_cast<void *>(free_at_exit))) {
-        fprintf(stderr, "the plug-in cannot be loaded, or does not free\n");
+        fprintf(stderr, "the plug-in cannot be loaded, or does not import free\n");
         return 2;
     }
     return 0;
 }
 
-/* An agent has its platform loaded, whatever it does with plug-ins. */
+/* Loads the platform as an agent does, so that unloading the plug-in does not unload it. */
 static void load_platform(void)
 {
     static const wchar_t *const libraries[] = {L"liboxnialgo.dll", L"liboxni_agentid.dll",
@@ -145,7 +148,7 @@ int wmain(int argc, wchar_t **argv)
     }
     load_platform();
     use_temporary_folder();
-    oxnih_log_set_level(-1); /* the log's file is not what is measured */
+    oxnih_log_set_level(-1); /* the log file must not be part of the measurement */
     for (int i = 0; i < times; i++) {
         oxnih_clock_simulate(133542540000000000ull, 10000);
         if (const char *wrong = load_once(&blocks)) {
@@ -163,12 +166,12 @@ int wmain(int argc, wchar_t **argv)
            static_cast<unsigned long long>(late.next_handle),
            static_cast<unsigned long long>(early.private_bytes),
            static_cast<unsigned long long>(late.private_bytes));
-    printf("live blocks at the end of a life: %llu -> %llu\n",
+    printf("live blocks at the end of a process: %llu -> %llu\n",
            static_cast<unsigned long long>(early_blocks), static_cast<unsigned long long>(blocks));
     if (early.private_bytes == 0 || early_blocks == 0 || blocks != early_blocks ||
         late.next_handle > early.next_handle ||
         late.private_bytes > early.private_bytes + NOISE_BYTES) {
-        fprintf(stderr, "it grew\n");
+        fprintf(stderr, "the plug-in leaks: these values must not grow\n");
         return 1;
     }
     return 0;

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# What the modules that ship look like from outside: hardened, no path of the build machine, and the
-# plug-in exports and imports what its lists say.
+# Checks the shipped modules: hardening, no path of the build machine, and the plug-in's exports,
+# imports and version.
 # usage: shipped_test.sh OBJDUMP DEF_FILE IMPORTS_LIST VERSION PATHS PLUGIN [MODULE...]
-#   PATHS   folders that no module may name, separated by colons
+#   PATHS   directories that no module may contain, separated by colons
 set -u
 objdump=$1 def=$2 list=$3 version=$4 paths=$5
 shift 5
@@ -19,7 +19,7 @@ exports_of() {
         awk '/\[Ordinal\/Name Pointer\] Table/ {on=1; next} on && NF==0 {exit} on {print $NF}'
 }
 
-# One line a function: its module and its name.
+# Prints one line per function: its module and its name.
 imports_of() {
     "$objdump" -p "$1" | tr -d '\r' | awk '
         /DLL Name:/ {module = tolower($3); next}
@@ -30,11 +30,11 @@ imports_of() {
 
 check_hardening() {
     local module=$1 headers property folder
-    headers=$("$objdump" -p "$module") || { fail "$module: not readable"; return; }
+    headers=$("$objdump" -p "$module") || { fail "$module: objdump cannot read it"; return; }
     for property in HIGH_ENTROPY_VA DYNAMIC_BASE NX_COMPAT; do
-        grep -q "^[[:space:]]*$property$" <<<"$headers" || fail "$module: not $property"
+        grep -q "^[[:space:]]*$property$" <<<"$headers" || fail "$module: $property is not set"
     done
-    # An address space laid out at random needs something to move the module with.
+    # Address space randomisation needs relocations.
     awk '/Base Relocation Directory/ && $4 !~ /^0+$/ {found=1} END {exit !found}' <<<"$headers" ||
         fail "$module: no relocations"
     "$objdump" -h "$module" | awk '
@@ -42,12 +42,14 @@ check_hardening() {
         /CONTENTS/ && / CODE/ && !/READONLY/ {print name}' | grep . >/dev/null &&
         fail "$module: a section is writable and executable"
     "$objdump" -h "$module" | grep -F .gnu_debuglink >/dev/null || fail "$module: no debug link"
-    "$objdump" -h "$module" | grep -F .debug_info >/dev/null && fail "$module: symbols are in it"
+    "$objdump" -h "$module" | grep -F .debug_info >/dev/null && fail "$module: contains symbols"
     for dated in "$module" "$module.debug"; do
-        "$objdump" -p "$dated" | grep -q "^Time/Date.* 1970$" || fail "$dated: has a date, no two builds are alike"
+        "$objdump" -p "$dated" | grep -q "^Time/Date.* 1970$" ||
+            fail "$dated: contains a date, so builds are not reproducible"
     done
     for folder in ${paths//:/ } /usr/src/ /home/ /root/; do
-        grep -F -e "$folder" "$module" "$module.debug" >/dev/null && fail "$module: names $folder"
+        grep -F -e "$folder" "$module" "$module.debug" >/dev/null &&
+            fail "$module: contains $folder"
     done
 }
 
@@ -55,19 +57,20 @@ for module in "$@"; do
     check_hardening "$module"
 done
 
-# Not of each module: one without arrays on its stack has nothing to protect. In the plug-in some
-# hundred functions have some; a few are there whatever the flags of the rest.
+# Only for the plug-in: modules without arrays on the stack have nothing to protect. About a hundred
+# functions of the plug-in have such arrays; a few are protected whatever its own flags are.
 guard=$("${objdump%objdump}nm" "$plugin.debug" | awk '$3 == "__stack_chk_fail" {print $1}' | sed 's/^0*//')
 guarded=$("$objdump" -d "$plugin" | grep -c "call .*${guard:-none}")
-[ "$guarded" -ge 80 ] || fail "$plugin: the stacks of $guarded functions are protected, expected 80"
+[ "$guarded" -ge 80 ] ||
+    fail "$plugin: $guarded functions have a stack protector, expected at least 80"
 
 exports=$(exports_of "$plugin")
 wanted=$(sed -n '/EXPORTS/,$p' "$def" | tail -n +2 | tr -d ' ')
 [ "$exports" = "$wanted" ] || fail "exports are: $exports; expected: $wanted"
 difference=$(diff <(grep -v '^#' "$list") <(imports_of "$plugin")) ||
-    fail "imports differ from $list (< only there, > only in the DLL):
+    fail "imports differ from $list (< only in the list, > only in the DLL):
 $difference"
 "${objdump%objdump}strings" -el "$plugin" | grep -A1 -xF FileVersion | grep -xF "$version" >/dev/null ||
-    fail "the version resource does not say $version"
-[ $failures = 0 ] && echo "$# modules are as they must be"
+    fail "the version resource is not $version"
+[ $failures = 0 ] && echo "$# modules checked"
 exit $failures

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Every call of Windows and of the platform that the plug-in's own sources make is one that the
-development host watches and can make fail, or stands below.
+"""Checks that the development host watches, and can fail, each call of Windows and of the platform
+in the plug-in's own sources. The lists below contain the exceptions.
 
 usage: watched_calls_test.py NM CALLS_TABLE OBJECT...
 """
@@ -8,9 +8,10 @@ import re
 import subprocess
 import sys
 
-# Of the C runtime and of Windows' headers, to look at memory or to end.
+# Symbols of the C runtime and of Windows' headers: memory and text functions, abort, interface ids.
 RUNTIME = "strlen strcmp memcpy memcmp memchr memset wcslen abort IID_IUnknown".split()
-# They look at what the caller has, or fail for want of memory only, which the allocator sees to.
+# Functions that cannot fail, or fail only without memory, which the allocator's fault injection
+# covers.
 SILENT = """
     GetCurrentProcessId GetCurrentThreadId GetLastError _snwprintf _wcsicmp _wtoi
     oxni_log_level_get oxni_path_basename oxni_str_free oxni_str_snprintf oxni_strcmp oxni_strlcpy
@@ -29,7 +30,8 @@ called = set(re.findall(r"^ +U (?:__imp_)?(_?[A-Za-z]\w*)$", symbols, flags=re.M
 called = {name for name in called if not name.startswith(("_Z", "_Unwind"))}
 with open(table, encoding="utf-8") as file:
     watched = set(re.findall(r'^    \{"\w+\.dll", +"(\w+)"', file.read(), flags=re.M))
-problems = [f"{name}: called, and neither watched nor silent" for name in sorted(called - watched - set(SILENT + RUNTIME))]
-problems += [f"{name}: silent, and not called" for name in sorted(set(SILENT) - called)]
+problems = [f"{name}: is called, but is neither watched nor in SILENT"
+            for name in sorted(called - watched - set(SILENT + RUNTIME))]
+problems += [f"{name}: is in SILENT, but is not called" for name in sorted(set(SILENT) - called)]
 print("\n".join(problems) or f"{len(called)} calls, {len(called & watched)} of them watched")
 sys.exit(1 if problems or not called else 0)

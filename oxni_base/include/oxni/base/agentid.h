@@ -4,11 +4,11 @@
 
 #include <oxni/base/api.h>
 
-/* The device id as MD5 text: 32 lower-case hexadecimal digits. Result 0; -1 no room: buffer is
- * empty then. */
+/* Writes the MD5 hash of the device id, as 32 lower-case hexadecimal digits. Result 0; -1 when the
+ * buffer is too small or the hash fails: buffer is then empty. */
 OXNI_API int oxni_dev_get_id_md5(char *buffer, size_t size);
 
-/* CRC-32 of the same device id. */
+/* Returns the CRC-32 of the same device id. */
 OXNI_API uint32_t oxni_dev_get_id_crc32(void);
 
 #endif

@@ -1,13 +1,13 @@
 /*
- * How the platform's functions are declared. Every header of this folder includes it.
+ * Declaration macros of the platform's functions. Every header of this directory includes it.
  *
- * Conventions that hold for all of them, where a declaration does not say otherwise:
+ * Conventions, unless a declaration states otherwise:
  *   text       zero-terminated UTF-8; wide text is UTF-16.
- *   size       of an output buffer, in its own characters, the terminator included.
- *   ownership  "new" belongs to the caller, "borrowed" stays with its owner, "kept" means that the
- *              callee takes a reference of its own, "stolen" that it takes the caller's.
- *   thread     the platform delivers every callback of a plug-in one at a time, on one thread at a
- *              time; the functions may be called from there and never from DllMain.
+ *   size       of an output buffer, in its own characters, including the terminator.
+ *   ownership  "new": the caller owns it. "borrowed": its owner keeps it. "kept": the callee takes
+ *              its own reference. "stolen": the callee takes over the caller's reference.
+ *   thread     the platform serialises the callbacks of a plug-in: one at a time, on one thread at
+ *              a time. The functions may be called from callbacks and never from DllMain.
  */
 #ifndef OXNI_BASE_API_H
 #define OXNI_BASE_API_H
@@ -21,14 +21,14 @@
 #    define OXNI_EXTERN_C extern
 #endif
 
-/* The library that defines a function sets OXNI_EXPORTING for its own sources. */
+/* A library defines OXNI_EXPORTING when it compiles the functions that it exports. */
 #ifdef OXNI_EXPORTING
 #    define OXNI_API OXNI_EXTERN_C __declspec(dllexport)
 #else
 #    define OXNI_API OXNI_EXTERN_C __declspec(dllimport)
 #endif
 
-/* The formats are those of the Microsoft C runtime: %S is wide text, %I64d a 64-bit number. */
+/* Formats follow the Microsoft C runtime: %S is wide text, %I64d a 64-bit integer. */
 #if defined(__clang__)
 #    define OXNI_PRINTF(format_index, first_index)                                                 \
         __attribute__((format(printf, format_index, first_index)))
@@ -37,7 +37,7 @@
         __attribute__((format(ms_printf, format_index, first_index)))
 #endif
 
-/* Success of the functions that answer with a result number. */
+/* Success of the functions that return a result code. */
 #define VKL_E_SUCCESS 0
 
 #endif

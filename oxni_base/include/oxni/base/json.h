@@ -1,11 +1,11 @@
 /*
- * Jansson, as the platform exports it: every function of its API under the prefix "wdu_", from
- * libwdu_jansson. Sources use Jansson's own names and include this header in place of jansson.h;
- * the names are mapped before Jansson's header declares them, so that its inline functions call
- * the exported ones too.
+ * Jansson as the platform exports it: libwdu_jansson exports every function of its API under the
+ * prefix "wdu_". Sources use Jansson's own names and include this header instead of jansson.h.
+ * The names are mapped before Jansson's header declares them, so that its inline functions call
+ * the exported functions too.
  *
- * The allocator hooks are the platform's and process-wide: json_set_alloc_funcs is not for
- * plug-ins. Text from json_dumps is freed with the function that json_get_alloc_funcs reports.
+ * The platform sets the process-wide allocator hooks: plug-ins must not call json_set_alloc_funcs.
+ * Free text from json_dumps with the function that json_get_alloc_funcs returns.
  */
 #ifndef OXNI_BASE_JSON_H
 #define OXNI_BASE_JSON_H

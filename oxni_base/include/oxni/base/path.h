@@ -1,4 +1,4 @@
-/* Paths, folders and files. Paths are UTF-8 unless the name of a function says "w". */
+/* Paths, directories and files. Paths are UTF-8; functions whose name ends in "_w" take UTF-16. */
 #ifndef OXNI_BASE_PATH_H
 #define OXNI_BASE_PATH_H
 
@@ -8,46 +8,47 @@
 #include <oxni/base/api.h>
 
 /*
- * Resolves a path that may begin with "@", the agent's installation folder, to an absolute one with
- * forward slashes and without "." and ".." parts. A trailing slash is kept.
+ * Converts a path to an absolute one with forward slashes and without "." and ".." components. A
+ * leading "@" is the agent's installation directory. A trailing slash is kept.
  *
- * Result   0 done; -1 a null argument or the result does not fit: buffer is empty then.
+ * Result   0; -1 for a null argument or a result that does not fit: buffer is then empty.
  */
 OXNI_API int oxni_dirutils_path_transform(const char *path, char *buffer, size_t size);
 
 /*
- * Makes a folder and its missing parents.
+ * Creates a directory and its missing parents.
  *
- * mode     Access bits as of chmod; only kept for systems that know them.
- * Result   0 made or there already; -1 not.
+ * mode     Access bits as for chmod; ignored on Windows.
+ * Result   0 created or already present; -1 failed.
  */
 OXNI_API int oxni_dirutils_mkdir(const char *path, int mode);
 
-/* The path up to its last slash or backslash, that one left out; a path without one gives the
- * empty text. Result 0; -1 a null argument or no room: buffer is empty then. */
+/* Writes the path before its last slash or backslash; the empty text for a path without one.
+ * Result 0; -1 for a null argument or a result that does not fit: buffer is then empty. */
 OXNI_API int oxni_path_directory(const char *path, char *buffer, size_t size);
 
-/* The part behind the last slash or backslash, borrowed from path; NULL for NULL. */
+/* Returns the part after the last slash or backslash, borrowed from path; NULL for NULL. */
 OXNI_API const char *oxni_path_basename(const char *path);
 
-/* Nonzero when a file or folder of that path exists. */
+/* Returns nonzero when a file or directory of that path exists. */
 OXNI_API int oxni_path_is_exist_u(const char *path);
 
-/* Deletes a file. Result 0 deleted; otherwise the Windows error code. */
+/* Deletes a file. Result 0; otherwise the Windows error code. */
 OXNI_API int oxni_path_del_file_u(const char *path);
 
-/* Writes the file's cached data to the disk. Result 0; otherwise the Windows error code: opening
- * the file once more fails with 32 while somebody holds it without sharing. */
+/* Flushes the file's cached data to the disk. Result 0; otherwise the Windows error code. The
+ * function opens the file again, which fails with 32 while the file is open without sharing. */
 OXNI_API int oxni_file_flush(const char *path);
 
-/* fopen with a wide path and mode, of the C runtime that all modules share; NULL when the file
- * cannot be opened. Closed with fclose. */
+/* Opens a file as fopen does, with a wide path and mode, in the C runtime that all modules share.
+ * Returns NULL when the file cannot be opened. Close it with fclose. */
 OXNI_API FILE *oxni_file_open_w(const wchar_t *path, const wchar_t *mode);
 
-/* Absolute path of the running executable. Result 0; -1 it does not fit: buffer is empty then. */
+/* Writes the absolute path of the running executable. Result 0; -1 when it does not fit: buffer is
+ * then empty. */
 OXNI_API int oxni_process_path(char *buffer, size_t size);
 
-/* Its file name with the extension, in the same way. */
+/* Writes its file name with the extension. Result as above. */
 OXNI_API int oxni_process_name(char *buffer, size_t size);
 
 #endif

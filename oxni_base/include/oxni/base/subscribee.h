@@ -6,44 +6,44 @@
 #include <oxni/base/json.h>
 #include <oxni/base/subscriber.h>
 
-/* Moments of a service's callback. */
+/* Why the platform calls a service's callback. */
 enum oxni_subscribee_moment {
     OXNI_MOMENT_NONE = 0,
-    OXNI_MOMENT_MESSAGE = 1,     /* a subscriber sent a message, the first one to register */
-    OXNI_MOMENT_UNSUBSCRIBE = 2, /* it left or died; once */
-    OXNI_MOMENT_ACCEPTED = 3,    /* it is subscribed now */
+    OXNI_MOMENT_MESSAGE = 1,     /* a subscriber sent a message; its first one registers it */
+    OXNI_MOMENT_UNSUBSCRIBE = 2, /* a subscriber left or died; once per subscriber */
+    OXNI_MOMENT_ACCEPTED = 3,    /* a subscriber is now subscribed */
 };
 
 /*
- * error       0; another value tells that the event failed.
- * message     For moment 1, borrowed for the call; otherwise NULL.
- * subscriber  Borrowed for the call: who keeps it retains it.
+ * error       0; nonzero when the event failed.
+ * message     For OXNI_MOMENT_MESSAGE, borrowed for the call; otherwise NULL.
+ * subscriber  Borrowed for the call. Retain it to keep it longer.
  */
 typedef void (*oxni_subscribee_fn)(int32_t error, void *arg, int32_t moment, json_t *message,
                                    oxni_subscriber *subscriber);
 
-/* A second callback that this platform never calls. */
+/* A second callback, which this platform never calls. */
 typedef void (*oxni_subscribee_second_fn)(void);
 
 /*
- * Offers a service.
+ * Installs a service.
  *
- * schema   JSON Schema that the messages of subscribers are held to: one that fails is refused to
- *          its sender and not delivered.
+ * schema   JSON Schema for the messages of subscribers. A message that does not match is rejected:
+ *          the sender gets an error and the service does not receive it.
  * flags    Reserved, 0.
- * Result   0 installed; -1 a null argument, a text that is no schema, or a name in use.
+ * Result   0 installed; -1 for a null argument, an invalid schema, or a name in use.
  */
 OXNI_API int oxni_subscribee_install(const char *name, const char *schema, unsigned flags,
                                      oxni_subscribee_fn fn, oxni_subscribee_second_fn second);
 
 /*
- * Sends a message to one subscriber. Queued. The reply is called after the subscriber's callback has
- * returned; a subscriber that is unreachable, or leaves in between, gives a nonzero error.
+ * Queues a message to one subscriber. The reply is called after the subscriber's callback has
+ * returned. Its error is nonzero when the subscriber is unreachable or leaves before the delivery.
  *
- * message  Kept. NULL is refused.
- * reply    Gets exactly one call, with cookie; may be NULL.
- * Result   0 queued; -1 refused: message is NULL, or no living handle of that value exists. reply is
- *          not called, and cookie stays the caller's.
+ * message  Kept. NULL is rejected.
+ * reply    Called exactly once, with cookie. May be NULL.
+ * Result   0 queued; -1 when message is NULL or subscriber is not a live handle: reply is not
+ *          called and the caller still owns cookie.
  */
 OXNI_API int oxni_subscribee_pushback(oxni_subscriber *subscriber, json_t *message, void *cookie,
                                       oxni_push_reply_fn reply);

@@ -12,11 +12,11 @@ typedef struct oxni_uuid {
     uint8_t data4[8];
 } oxni_uuid;
 
-/* Makes a new identifier. Result 0; -1 it could not be made: uuid is all zero then. */
+/* Creates a new identifier. Result 0; -1 failed: uuid is then all zero. */
 OXNI_API int oxni_uuid_create(oxni_uuid *uuid);
 
-/* Its text, 36 lower-case characters grouped 8-4-4-4-12. Result 0; -1 no room: buffer is empty
- * then. */
+/* Writes its text, 36 lower-case characters grouped 8-4-4-4-12. Result 0; -1 when it does not fit:
+ * buffer is then empty. */
 OXNI_API int oxni_uuid_make_cstr(const oxni_uuid *uuid, char *buffer, size_t size);
 
 #endif

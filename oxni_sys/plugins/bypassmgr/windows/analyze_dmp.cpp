@@ -213,9 +213,7 @@ static void add_frame_module(std::string_view line, crash_module_set *modules)
         end = line.find('+');
     if (end == std::string_view::npos)
         return;
-    const std::string_view name = line.substr(0, end);
-    if (modules->find(name) == modules->end())
-        modules->emplace(name);
+    modules->emplace(line.substr(0, end));
 }
 
 static void add_stack_modules(std::string_view text, crash_module_set *modules)
