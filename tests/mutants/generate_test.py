@@ -63,6 +63,10 @@ bool whole(const std::vector<std::string> &names, char **out)
         close(map);
     return ready(map);
 }
+static enum kind kind_of(int a)
+{
+    return a < 3 ? KIND_A : KIND_B;
+}
 const char *name(int kind)
 {
     if (kind == KIND_A)
@@ -97,6 +101,9 @@ WANTED = {
     ("whole", "relational", "==", "!="), ("whole", "level", "LOG_INFO_JSON", "LOG_DEBUG_JSON"),
     ("whole", "remove", "LOG_INFO_JSON ( map )", ""),
     ("whole", "return", "ready ( map )", "!(ready(map))"),
+    ("kind_of", "relational", "<", "<="), ("kind_of", "relational", "<", ">="),
+    ("kind_of", "constant", "3", "4"), ("kind_of", "constant", "3", "2"),
+    ("kind_of", "return", "a < 3 ? KIND_A : KIND_B", "{}"),
     ("name", "relational", "==", "!="), ("name", "return", '"b"', "{}"),
 }
 problems = []
