@@ -11,6 +11,7 @@ import sys
 
 import generate
 import lexer
+import named
 
 SAMPLE = r'''
 /* a < b && "text" in a comment */
@@ -178,6 +179,13 @@ def check_equivalents(finder):
         check("equivalents.json", bool(entry.get("reason")), f"no reason: {entry}")
 
 
+def check_named(root, files):
+    scenarios = {path.name for path in (root / "scenarios").glob("*.json")}
+    unit_tests = "".join(path.read_text() for path in (root / "tests/unit").glob("*.cpp"))
+    for problem in named.problems(files, scenarios, unit_tests):
+        check("named.json", False, problem)
+
+
 def main(root):
     plugins = pathlib.Path(root) / "oxni_sys" / "plugins"
     files = {str(path.relative_to(plugins)): path.read_text()
@@ -186,6 +194,7 @@ def main(root):
     mutants = check_finding(files)
     check_order(mutants)
     check_equivalents(generate.Finder(mutants))
+    check_named(pathlib.Path(root), files)
     for problem in problems[:20]:
         print("FAILED:", problem)
     print(f"{len(mutants)} mutants in {len(files)} files")
