@@ -27,9 +27,9 @@
 
 #include "liboxnibase/host.h"
 #include "scenario/agent_process.h"
-#include "scenario/play.h"
 #include "scenario/products.h"
 #include "scenario/timeline.h"
+#include "scenario/play.h"
 #include "machine/machine.h"
 #include "scenario/journal.h"
 #include "base/run_folder.h"

@@ -11,6 +11,7 @@ import sys
 
 import generate
 import lexer
+import named
 
 SAMPLE = r'''
 /* a < b && "text" in a comment */
@@ -63,6 +64,10 @@ bool whole(const std::vector<std::string> &names, char **out)
         close(map);
     return ready(map);
 }
+static enum kind kind_of(int a)
+{
+    return a < 3 ? KIND_A : KIND_B;
+}
 const char *name(int kind)
 {
     if (kind == KIND_A)
@@ -97,6 +102,9 @@ WANTED = {
     ("whole", "relational", "==", "!="), ("whole", "level", "LOG_INFO_JSON", "LOG_DEBUG_JSON"),
     ("whole", "remove", "LOG_INFO_JSON ( map )", ""),
     ("whole", "return", "ready ( map )", "!(ready(map))"),
+    ("kind_of", "relational", "<", "<="), ("kind_of", "relational", "<", ">="),
+    ("kind_of", "constant", "3", "4"), ("kind_of", "constant", "3", "2"),
+    ("kind_of", "return", "a < 3 ? KIND_A : KIND_B", "{}"),
     ("name", "relational", "==", "!="), ("name", "return", '"b"', "{}"),
 }
 problems = []
@@ -171,6 +179,13 @@ def check_equivalents(finder):
         check("equivalents.json", bool(entry.get("reason")), f"no reason: {entry}")
 
 
+def check_named(root, files):
+    scenarios = {path.name for path in (root / "scenarios").glob("*.json")}
+    unit_tests = "".join(path.read_text() for path in (root / "tests/unit").glob("*.cpp"))
+    for problem in named.problems(files, scenarios, unit_tests):
+        check("named.json", False, problem)
+
+
 def main(root):
     plugins = pathlib.Path(root) / "oxni_sys" / "plugins"
     files = {str(path.relative_to(plugins)): path.read_text()
@@ -179,6 +194,7 @@ def main(root):
     mutants = check_finding(files)
     check_order(mutants)
     check_equivalents(generate.Finder(mutants))
+    check_named(pathlib.Path(root), files)
     for problem in problems[:20]:
         print("FAILED:", problem)
     print(f"{len(mutants)} mutants in {len(files)} files")

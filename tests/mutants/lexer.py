@@ -167,7 +167,7 @@ class Parser:
                 if text == "(" and parameters is None:
                     parameters = len(head)
                 head += self.skip_group()
-            elif text == "{" and any(token.text == "enum" for token in head):
+            elif text == "{" and parameters is None and any(one.text == "enum" for one in head):
                 self.enumerators(head)
             elif text == "=":
                 unit = Unit("statement", "", "", self.new_block())

@@ -98,17 +98,19 @@ class Stages:
     def windows_place(self):
         return "Z:" + self.place.replace("/", "\\")
 
-    def command(self, stage, folder):
+    def command(self, stage, folder, test=""):
         host, plugin = folder / "bin/oxni_devhost.exe", folder / build.DLL
         if stage.program == build.UNIT_TESTS:
-            return [folder / build.UNIT_TESTS, "--gtest_fail_fast"]
+            return [folder / build.UNIT_TESTS, "--gtest_fail_fast",
+                    *([f"--gtest_filter={test}"] if test else [])]
         if stage.name == "simulation":
             return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS), "--seed", "1", "--no-shrink",
                     "--folder", self.windows_place(), "--plugin", plugin]
         return [host, "run", "--quiet", "--stop", "--log", "none", "--memory", stage.memory,
-                "--place", self.windows_place(), "--plugin", plugin, *self.files]
+                "--place", self.windows_place(), "--plugin", plugin,
+                *(path for path in self.files if test in ("", path.name))]
 
-    def wine(self, stage, folder, cpu_seconds=0, wall_seconds=600):
+    def wine(self, stage, folder, cpu_seconds=0, wall_seconds=600, test=""):
         limits = [f"--data={MEMORY_BYTES}"]
         if cpu_seconds:
             limits.append(f"--cpu={math.ceil(cpu_seconds)}")
@@ -116,7 +118,7 @@ class Stages:
         if stage.zone:
             environment["TZ"] = stage.zone
         return self.processes.run(
-            ["prlimit", *limits, self.root / "cmake/wine-run", *self.command(stage, folder)],
+            ["prlimit", *limits, self.root / "cmake/wine-run", *self.command(stage, folder, test)],
             env=environment)
 
     def start_wine(self):
@@ -155,10 +157,10 @@ class Stages:
             stage.cpu_seconds = CPU_FACTOR * used + CPU_SECONDS
             stage.wall_seconds = WALL_FACTOR * seconds + WALL_SECONDS
 
-    def run(self, stage, folder):
-        """Result: what killed the mutant, empty when it passed."""
+    def run(self, stage, folder, test=""):
+        """Result: what killed the mutant, empty when it passed. test: the only one to run."""
         for _ in range(2):
-            status, output = self.wine(stage, folder, stage.cpu_seconds, stage.wall_seconds)
+            status, output = self.wine(stage, folder, stage.cpu_seconds, stage.wall_seconds, test)
             # A program that Wine failed to start prints nothing of its own.
             if status == 0 or re.sub(r"^wine: .*", "", output, flags=re.M).strip():
                 break

@@ -3,13 +3,17 @@
 #include "analyze_dmp.h"
 
 #include "proc_address.h"
+#include "status_check.h"
 #include "unit_support.h"
+#include "win_event_parse.h"
 
 #include <string.h>
 
 #include <initguid.h>
 #include <dbgeng.h>
 #include <gtest/gtest.h>
+
+#include <oxni/base/timer.h>
 
 #define DUMP  L"C:\\d.dmp"
 #define STACK "Call Site\nnt+0x107\n"
@@ -156,6 +160,160 @@ TEST(test_get_dmp_info, no_memory_for_the_text)
     }
     EXPECT_FALSE(reached);
     EXPECT_TRUE(stopped);
+}
+
+/* An engine of the test's own, which writes down what it is asked. */
+#define ENGINE_SLOTS 128
+
+struct recording_object {
+    void **functions;
+    const char *name;
+};
+
+static void *s_client_functions[ENGINE_SLOTS], *s_control_functions[ENGINE_SLOTS];
+static recording_object s_client = {s_client_functions, "client"};
+static recording_object s_control = {s_control_functions, "control"};
+static std::string s_asked;
+
+static void note(const std::string &word)
+{
+    s_asked += word + "; ";
+}
+
+static HRESULT STDMETHODCALLTYPE note_query(recording_object *, REFIID iid, void **out)
+{
+    const bool control = IsEqualIID(iid, IID_IDebugControl);
+
+    note(control ? "query control" : IsEqualIID(iid, IID_IDebugClient4) ? "query client" : "query");
+    *out = control ? &s_control : &s_client;
+    return S_OK;
+}
+
+static ULONG STDMETHODCALLTYPE note_release(recording_object *object)
+{
+    note(std::string("release ") + object->name);
+    return 1;
+}
+
+/* The engine keeps no reference of its own, so releasing the callbacks frees them. */
+static HRESULT STDMETHODCALLTYPE note_callbacks(recording_object *, IDebugOutputCallbacks *given)
+{
+    note(given != NULL ? "callbacks" : "no callbacks");
+    s_callbacks = given;
+    return S_OK;
+}
+
+static HRESULT STDMETHODCALLTYPE note_open(recording_object *, const wchar_t *path, ULONG64 handle)
+{
+    note("open " + std::to_string(wcscmp(path, DUMP)) + " " + std::to_string(handle));
+    return S_OK;
+}
+
+static HRESULT STDMETHODCALLTYPE note_wait(recording_object *, ULONG flags, ULONG timeout)
+{
+    note("wait " + std::to_string(flags) + " " + std::to_string(timeout));
+    return S_OK;
+}
+
+static HRESULT STDMETHODCALLTYPE note_frames(recording_object *, ULONG64 frame, ULONG64 stack,
+                                             ULONG64 instruction, DEBUG_STACK_FRAME *frames,
+                                             ULONG size, ULONG *filled)
+{
+    note("frames " + std::to_string(frame + stack + instruction) + " of " + std::to_string(size));
+    EXPECT_EQ(frames[size].InstructionOffset,
+              0u); /* there is room for one more, and it is zeroed */
+    *filled = 7;
+    return S_OK;
+}
+
+static HRESULT STDMETHODCALLTYPE note_print(recording_object *, ULONG control, DEBUG_STACK_FRAME *,
+                                            ULONG frames, ULONG flags)
+{
+    note("print " + std::to_string(frames) + " to " + std::to_string(control) + " as " +
+         std::to_string(flags));
+    return s_callbacks->Output(DEBUG_OUTPUT_NORMAL, STACK);
+}
+
+static HRESULT STDMETHODCALLTYPE note_end(recording_object *, ULONG flags)
+{
+    note("end " + std::to_string(flags));
+    return S_OK;
+}
+
+static HRESULT WINAPI note_create(REFIID iid, void **client)
+{
+    note(IsEqualIID(iid, IID_IDebugClient) ? "create client" : "create");
+    s_client.functions = s_client_functions;
+    *client = &s_client;
+    return S_OK;
+}
+
+/* Puts a function into the slot of a virtual one. */
+template <typename Member, typename Function>
+static void put(void **functions, Member member, Function *function)
+{
+    uintptr_t slot; /* one more than its offset, as this compiler has it */
+
+    memcpy(&slot, &member, sizeof(slot));
+    functions[(slot - 1) / sizeof(void *)] = reinterpret_cast<void *>(function);
+}
+
+TEST(test_get_dmp_info, what_the_engine_is_asked)
+{
+    const create_fn engines_own = s_create;
+    std::string text;
+
+    put(s_client_functions, &IDebugClient::QueryInterface, note_query);
+    put(s_client_functions, &IDebugClient::Release, note_release);
+    put(s_client_functions, &IDebugClient::SetOutputCallbacks, note_callbacks);
+    put(s_client_functions, &IDebugClient::EndSession, note_end);
+    put(s_client_functions, &IDebugClient4::OpenDumpFileWide, note_open);
+    put(s_control_functions, &IDebugControl::Release, note_release);
+    put(s_control_functions, &IDebugControl::WaitForEvent, note_wait);
+    put(s_control_functions, &IDebugControl::GetStackTrace, note_frames);
+    put(s_control_functions, &IDebugControl::OutputStackTrace, note_print);
+    s_create = note_create;
+    s_asked.clear();
+    EXPECT_TRUE(get_dmp_info(DUMP, 300001, &text));
+    s_create = engines_own;
+    EXPECT_EQ(text, STACK);
+    EXPECT_EQ(s_asked, "create client; query control; callbacks; query client; open 0 0; "
+                       "release client; wait 0 300001; frames 0 of 99; print 7 to 1 as 144; "
+                       "release control; no callbacks; end 0; release client; ");
+}
+
+static oxni_timer_fn s_poll;
+static void *s_poll_argument;
+
+static uint64_t keep_poll(uint32_t, oxni_timer_fn poll, void *argument)
+{
+    s_poll = poll;
+    s_poll_argument = argument;
+    return 1;
+}
+
+static int ignore_verdict(int32_t, const crash_module_set &, const std::string &,
+                          const event_info &, void *)
+{
+    return 0;
+}
+
+/* A check waits at most five minutes for the engine. */
+TEST(test_get_dmp_info, time_of_a_check)
+{
+    const create_fn engines_own = s_create;
+    import_patch timer("oxni_timer_start", keep_poll);
+    system_log log(event_record(1001, L"BugCheck"));
+    listed_file dump(L"a.dmp", INT64_MAX / 2);
+
+    registry_set(L"SYSTEM\\CurrentControlSet\\Services\\load_driver", L"TimerMaxCount", REG_SZ,
+                 wide_bytes(L"0"));
+    s_create = note_create;
+    s_asked.clear();
+    EXPECT_EQ(start_bypass_status_check(ignore_verdict, NULL), 1);
+    s_poll(NULL, s_poll_argument);
+    s_create = engines_own;
+    EXPECT_NE(s_asked.find("wait 0 300000; "), std::string::npos) << s_asked;
 }
 
 TEST(test_analyze_dmp_file, no_path)

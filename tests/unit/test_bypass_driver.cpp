@@ -24,6 +24,7 @@ TEST(test_read_load_driver_value, values)
         {REG_SZ, L"", 0, 0},
         {REG_SZ, L"41", 0, 41}, /* no terminator */
         {REG_SZ, std::wstring(30, L'0') + L"7", 0, 7}, /* as long as it may be */
+        {REG_SZ, std::wstring(31, L'0') + L"7", 234, 99},
         {REG_MULTI_SZ, std::wstring(L"5\0\0", 3), 0, 99},
     };
     /* clang-format on */
@@ -62,10 +63,18 @@ TEST(test_get_errortime_string, times)
         EXPECT_EQ(get_load_driver_errortime(text, row.size), row.text != NULL) << &row - s_rows;
         EXPECT_STREQ(text, row.text != NULL ? row.text : "before");
     }
+    time = MOMENT_FILETIME;
+    registry_set(DRIVER_KEY, L"errortime", REG_QWORD,
+                 std::string(reinterpret_cast<const char *>(&time), sizeof(time)));
+    time = 5;
     EXPECT_FALSE(get_load_driver_errortime(NULL, 20));
-    EXPECT_FALSE(get_oxnisp_driver_errortime(NULL, 20));
+    log_forget();
     EXPECT_FALSE(get_oxnisp_driver_errortime(text, -1));
+    EXPECT_TRUE(log_contains("[bypass_sp_driver.cpp:")); /* refused here, not below */
+    EXPECT_FALSE(get_oxnisp_driver_errortime(NULL, 20));
     EXPECT_FALSE(get_errortime_string(text, 20, NULL));
+    EXPECT_FALSE(get_errortime_string(NULL, 20, DRIVER_KEY));
+    EXPECT_FALSE(get_errortime_string(text, 0, DRIVER_KEY));
     EXPECT_FALSE(query_errortime(NULL, DRIVER_KEY));
     EXPECT_FALSE(query_errortime(&time, NULL));
     registry_set(DRIVER_KEY, L"errortime", REG_BINARY, "12345678");
@@ -219,6 +228,7 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
         {"C:\\b", 1,  false, L""               },
         {"C:\\b", 0,  false, L"before"         },
         {NULL,    54, false, L""               },
+        {"\xFF:", 54, false, L""               },
     };
 
     for (const auto &row : s_rows) {

@@ -162,3 +162,26 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
     EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
     s_link("path", 0);
 }
+
+/* A product that is named twice has the later ids, and nothing of the earlier ones is left. */
+TEST(report_link, a_product_named_twice)
+{
+    static const char answer[] =
+        R"({"total": 2, "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
+    const import_patch require("oxni_res_require", keep_link), exec("oxni_dbg_exec", keep_reply);
+
+    report_link_create();
+    report_link_watch();
+    s_link("path", 1);
+    EXPECT_FALSE(report_link_connected());
+    s_reply(0, answer);
+    EXPECT_TRUE(report_link_connected());
+    const uint64_t blocks = live_blocks();
+    for (int again = 0; again < 3; again++)
+        s_reply(0, answer);
+    EXPECT_EQ(blocks, live_blocks());
+    EXPECT_STREQ("1", report_link_device("a")->device_id);
+    EXPECT_STREQ("1", report_link_device("b")->device_id);
+    s_link("path", 0);
+    report_link_create();
+}

@@ -3,6 +3,7 @@
 #include "crash_dump.h"
 
 #include "dump_record.h"
+#include "filetime.h"
 #include "unit_support.h"
 
 #include <stdexcept>
@@ -138,6 +139,42 @@ TEST(test_find_new_crash_dump, record_and_names)
         EXPECT_EQ(listed_file::finds_open, 0);
     }
     oxnih_set_install_dir(NULL);
+}
+
+static BOOL WINAPI two_times(HANDLE, BY_HANDLE_FILE_INFORMATION *information)
+{
+    information->ftCreationTime = {1, 1};
+    information->ftLastAccessTime = {3, 3};
+    information->ftLastWriteTime = {2, 2};
+    return TRUE;
+}
+
+TEST(test_get_file_write_time, last_write)
+{
+    const FILETIME created = filetime_of_value(MOMENT_FILETIME - 10000000),
+                   written = filetime_of_value(MOMENT_FILETIME);
+    temporary_folder folder;
+    const std::wstring path = (folder.path / "d.dmp").wstring();
+    std::wstring found;
+    uint64_t time = 0;
+
+    std::filesystem::create_directories(folder.path);
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, NULL);
+    ASSERT_TRUE(SetFileTime(file, &created, &created, &written));
+    CloseHandle(file);
+    EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 0u);
+    EXPECT_EQ(found, path);
+    EXPECT_EQ(time, MOMENT_FILETIME);
+    time = 0;
+    {
+        import_patch times("GetFileInformationByHandle", two_times);
+        EXPECT_EQ(get_file_write_time(path.c_str(), &time), 0u);
+        EXPECT_EQ(time, (2ULL << 32) + 2);
+    }
+    ASSERT_TRUE(DeleteFileW(path.c_str()));
+    EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 1168u);
+    EXPECT_EQ(found, path);
 }
 
 TEST(test_crash_dump, null_arguments)

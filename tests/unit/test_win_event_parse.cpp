@@ -272,3 +272,31 @@ TEST(test_get_crash_info, exception)
     EXPECT_EQ(system_log::logs_open, 0);
     EXPECT_EQ(live_blocks(), blocks);
 }
+
+/* The word of an event depends on its id alone. */
+TEST(test_get_crash_info, words)
+{
+    static const struct {
+        uint32_t id;
+        const char *word;
+    } s_rows[] = {
+        {12,   "event[12][windows_start] provider[x]"           },
+        {41,   "event[41][windows_nonomal_shutdown] provider[x]"},
+        {1001, "event[1001][windows_system_crash] provider[x]"  },
+        {7001, "event[7001][windows_winlogin] provider[x]"      },
+        {5,    "event[5][unknown] provider[x]"                  },
+    };
+
+    for (const auto &row : s_rows) {
+        const event_key key = {row.id, NULL};
+        const expected_event_map expected = {&key, 1};
+        system_log log(event_record(row.id, L"x", {L"text"}));
+        event_info info = {};
+        log_forget();
+        EXPECT_EQ(win_event_parse().get_crash_info(&info, expected), 0u);
+        EXPECT_EQ(info.event_id, row.id);
+        EXPECT_EQ(info.time_generated, (uint32_t)MOMENT);
+        EXPECT_EQ(info.strings.size(), row.id == 1001 ? 1u : 0u);
+        EXPECT_TRUE(log_contains(row.word));
+    }
+}

@@ -80,6 +80,16 @@ void log_forget(void)
     s_lines_bytes = 0;
 }
 
+log_sink::log_sink(void (*sink)(int level, const char *line, void *user))
+{
+    oxnih_log_set_sink(sink, NULL);
+}
+
+log_sink::~log_sink()
+{
+    oxnih_log_set_sink(keep_line, NULL);
+}
+
 uint64_t live_blocks(void)
 {
     oxnih_memory_stats stats;
@@ -127,6 +137,21 @@ failing_allocations::~failing_allocations()
 bool failing_allocations::reached() const
 {
     return s_malloc_failed || failed_blocks() != failed_before_;
+}
+
+failing_memory::failing_memory(uint64_t nth) : failed_before_(failed_blocks())
+{
+    oxnih_memory_fail(nth, 0);
+}
+
+failing_memory::~failing_memory()
+{
+    oxnih_memory_fail(0, 0);
+}
+
+bool failing_memory::reached() const
+{
+    return failed_blocks() != failed_before_;
 }
 
 void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes)

@@ -24,6 +24,14 @@ typedef std::vector<uint8_t> block;
  * does: code that uses it must take it before. */
 bool log_contains(const std::string &text);
 void log_forget(void);
+/* While it lives, lines go elsewhere. */
+class log_sink
+{
+  public:
+    explicit log_sink(void (*sink)(int level, const char *line, void *user));
+    ~log_sink();
+};
+
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
 
@@ -41,6 +49,18 @@ class failing_allocations
 
   private:
     import_patch malloc_;
+    uint64_t failed_before_;
+};
+
+/* The same for the platform's allocator alone, once: test code may allocate. */
+class failing_memory
+{
+  public:
+    explicit failing_memory(uint64_t nth);
+    ~failing_memory();
+    bool reached() const;
+
+  private:
     uint64_t failed_before_;
 };
 

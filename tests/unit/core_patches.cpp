@@ -1,0 +1,251 @@
+/* The platform of the core's unit tests. */
+#include "core_patches.h"
+
+#include <algorithm>
+
+#include <string.h>
+#include <windows.h>
+
+#include <oxni/base/debug_console.h>
+#include <oxni/base/memory.h>
+#include <oxni/base/resource.h>
+#include <oxni/base/timer.h>
+
+#include "bypass_mgr_recover.h"
+#include "bypass_mgr_store.h"
+#include "liboxnibase/host.h"
+#include "report_link.h"
+#include "report_pending.h"
+
+core_state s_core;
+
+static const oxni_subscriber_attr s_attrs[] = {
+    {"space", "a", NULL},
+    {"space", "b", NULL},
+    {"space", "c", NULL},
+    {"space", "d", NULL},
+};
+
+static void note(const std::string &word)
+{
+    s_core.calls.push_back(word);
+}
+
+static std::string name_of(const oxni_subscriber *subscriber)
+{
+    return reinterpret_cast<const oxni_subscriber_attr *>(subscriber)->name;
+}
+
+static std::string text_of(const json_t *json)
+{
+    char *text = json_dumps(json, JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY);
+    std::string copy = text != NULL ? text : "nothing";
+    json_free_t free_text = NULL;
+
+    json_get_alloc_funcs(NULL, &free_text);
+    free_text(text);
+    std::replace(copy.begin(), copy.end(), '"', '\'');
+    return copy;
+}
+
+static int push(oxni_subscriber *subscriber, json_t *message, void *cookie,
+                oxni_push_reply_fn reply)
+{
+    note("push " + name_of(subscriber) + " " + text_of(message));
+    if (s_core.cookie != NULL)
+        oxni_free_(s_core.cookie);
+    s_core.reply = reply;
+    s_core.cookie = cookie;
+    s_core.pushed_to = subscriber;
+    return 0;
+}
+
+static int dump_document(json_t *document, const char *path)
+{
+    if (strstr(path, "dumprecord") != NULL)
+        note("record " + text_of(json_object_get(document, "dump_time")));
+    else if (strstr(path, "persistence") != NULL)
+        note("store " + text_of(json_object_get(document, "data")));
+    else
+        note("save " + text_of(document));
+    return 0;
+}
+
+static json_t *load_document(const char *path)
+{
+    if (strstr(path, "persistence") != NULL)
+        return json_incref(s_core.document);
+    note("history");
+    return NULL;
+}
+
+static const oxni_subscriber_attr *get_attr(oxni_subscriber *subscriber)
+{
+    return reinterpret_cast<oxni_subscriber_attr *>(subscriber);
+}
+
+static void retain(oxni_subscriber *)
+{
+}
+
+static void release(oxni_subscriber *subscriber)
+{
+    note("release " + name_of(subscriber));
+}
+
+static uint64_t start_timer(uint32_t ms, oxni_timer_fn fn, void *argument)
+{
+    s_core.last_timer = fn;
+    note("timer " + std::to_string(ms));
+    if (ms == 30000) /* a check's context, which the timer would own */
+        oxni_free_(argument);
+    return s_core.calls.size();
+}
+
+static void stop_timer(uint64_t)
+{
+    note("stop");
+}
+
+static int is_there(const char *path)
+{
+    if (strstr(path, "oxni_driver_recover") == NULL)
+        return 1;
+    note("tag?");
+    return s_core.tag;
+}
+
+static int delete_tag(const char *)
+{
+    note("tag-");
+    s_core.tag = false;
+    return 0;
+}
+
+static HANDLE WINAPI open_wide(const wchar_t *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
+                               HANDLE)
+{
+    note("update?");
+    return s_core.updated ? &s_core : INVALID_HANDLE_VALUE;
+}
+
+static HANDLE WINAPI open_narrow(const char *path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD,
+                                 DWORD, HANDLE)
+{
+    note(strstr(path, "oxni_driver_recover") != NULL ? "tag=" : "dump?");
+    return INVALID_HANDLE_VALUE;
+}
+
+/* Written long after any boot. */
+static BOOL WINAPI get_information(HANDLE, BY_HANDLE_FILE_INFORMATION *information)
+{
+    information->ftLastWriteTime = {0, 0x7FFFFFFF};
+    return TRUE;
+}
+
+static BOOL WINAPI close_handle(HANDLE)
+{
+    return TRUE;
+}
+
+static uint64_t get_ticks(void)
+{
+    return s_core.uptime_seconds * 1000;
+}
+
+static int watch_resource(const char *, unsigned, oxni_res_state_fn)
+{
+    return 0;
+}
+
+static int install(const char *, const char *, unsigned, oxni_subscribee_fn fn,
+                   oxni_subscribee_second_fn)
+{
+    s_core.install_cb = fn;
+    return 0;
+}
+
+static int declare_command(const char *, const char *, const char *, oxni_dbg_fn)
+{
+    return 0;
+}
+
+static void do_not_sleep(unsigned)
+{
+}
+
+static void forget_everything(void)
+{
+    for (size_t number = 0; number < ARRAYSIZE(s_attrs); number++)
+        bypass_mgr_table_delete(core_subscriber(number));
+    for (const oxni_subscriber_attr &attr : s_attrs)
+        report_forget(attr.name);
+    *report_link_timer_slot() = 0;
+    if (s_core.cookie != NULL)
+        oxni_free_(s_core.cookie);
+    json_decref(s_core.document);
+    s_core = {};
+}
+
+core_patches::core_patches()
+    : push_("oxni_subscribee_pushback", push), dump_("wdu_json_dump_file_ejs", dump_document),
+      load_("wdu_json_load_file_ejs", load_document), attr_("oxni_subscriber_get_attr", get_attr),
+      retain_("oxni_subscriber_retain", retain), release_("oxni_subscriber_delete", release),
+      start_("oxni_timer_start", start_timer), stop_("oxni_timer_stop", stop_timer),
+      exist_("oxni_path_is_exist_u", is_there), delete_("oxni_path_del_file_u", delete_tag),
+      open_wide_("CreateFileW", open_wide), open_narrow_("CreateFileA", open_narrow),
+      information_("GetFileInformationByHandle", get_information),
+      close_("CloseHandle", close_handle), tick_("oxni_time_get_tick_cout", get_ticks),
+      require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
+      declare_("oxni_dbg_decl", declare_command), sleep_("oxni_msleep", do_not_sleep)
+{
+    (void)bypass_mgr_table_create();
+    oxnih_set_log_dir("C:\\base");
+    report_init();
+    bypass_mgr_watch_recover_tag(); /* pending from here on */
+    forget_everything();
+    bypass_mgr_store_load(5);
+    s_core.calls.clear();
+}
+
+core_patches::~core_patches()
+{
+    forget_everything();
+    oxnih_set_log_dir(NULL);
+}
+
+oxni_subscriber *core_subscriber(size_t number)
+{
+    return reinterpret_cast<oxni_subscriber *>(
+        const_cast<oxni_subscriber_attr *>(&s_attrs[number]));
+}
+
+struct suber_set *core_product(size_t number, int32_t status, int64_t count)
+{
+    struct suber_set *record = (struct suber_set *)oxni_zero_malloc_(sizeof(*record));
+    const std::string module = std::string("m") + s_attrs[number].name;
+
+    record->product_name = oxni_strdup(s_attrs[number].name);
+    record->status = status;
+    record->count = count;
+    record->driver_modules = oxni_xhash_create(NULL, 0);
+    (void)oxni_xhash_insert(record->driver_modules, module.c_str(), module.size() + 1, NULL);
+    (void)bypass_mgr_table_insert(core_subscriber(number), record);
+    return record;
+}
+
+std::string core_calls(void)
+{
+    std::string all;
+
+    for (const std::string &word : s_core.calls)
+        all += (all.empty() ? "" : "; ") + word;
+    s_core.calls.clear();
+    return all;
+}
+
+json_t *core_json(std::string text)
+{
+    std::replace(text.begin(), text.end(), '\'', '"');
+    return json_loads(text.c_str(), 0, NULL);
+}

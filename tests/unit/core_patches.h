@@ -1,0 +1,63 @@
+/* The core without a platform: its calls of the host and of Windows are recorded in order and
+ * answered as a test prepares them. */
+#ifndef CORE_PATCHES_H
+#define CORE_PATCHES_H
+
+#include <string>
+#include <vector>
+
+#include <oxni/base/json.h>
+#include <oxni/base/subscribee.h>
+#include <oxni/base/subscriber.h>
+#include <oxni/base/timer.h>
+
+#include "bypass_mgr_table.h"
+#include "import_patch.h"
+
+/* Input and calls of the core. */
+struct core_state {
+    bool tag;                /* there is a recovery tag; deleting it clears this */
+    bool updated;            /* the drivers were updated in this boot */
+    uint64_t uptime_seconds; /* of Windows */
+    json_t *document;        /* what the store's file holds, owned; NULL: no file */
+    /* Recorded calls. "tag?" looks whether the tag exists, "tag-" deletes it, "update?" asks for
+     * the update file, "dump?" for a dump's creation time, "history" loads the upload history,
+     * "store DATA" writes the store's "data", "record TIME" the dump record, "push NAME MESSAGE",
+     * "timer MS", "stop", "release NAME". */
+    std::vector<std::string> calls;
+    /* The last push's reply and what it needs. */
+    oxni_push_reply_fn reply;
+    void *cookie;
+    oxni_subscriber *pushed_to;
+    oxni_subscribee_fn install_cb;
+    oxni_timer_fn last_timer; /* the one that was started last */
+};
+extern core_state s_core;
+
+/* While it lives, nothing of the core reaches the host or the disk. Starts and ends with an empty
+ * table, an empty store and no report. */
+class core_patches
+{
+  public:
+    core_patches();
+    ~core_patches();
+
+  private:
+    import_patch push_, dump_, load_, attr_, retain_, release_, start_, stop_, exist_, delete_,
+        open_wide_, open_narrow_, information_, close_, tick_, require_, install_, declare_, sleep_;
+};
+
+/* Handle number 0 to 3; their names are "a" to "d". */
+oxni_subscriber *core_subscriber(size_t number);
+
+/* Registers a product under a handle. Its name is the handle's; its module is "m" and the name.
+ * The result is borrowed. */
+struct suber_set *core_product(size_t number, int32_t status, int64_t count);
+
+/* Returns the recorded calls as one line and clears them. */
+std::string core_calls(void);
+
+/* Parses a JSON text that has apostrophes in place of quotes. The result is new. */
+json_t *core_json(std::string text);
+
+#endif

@@ -1,0 +1,132 @@
+/* Reports and alarms: what they hold, and what is left when memory runs out. */
+#include "core_patches.h"
+
+#include <gtest/gtest.h>
+
+#include <oxni/base/resource.h>
+
+#include "liboxnibase/host.h"
+#include "report_abnormal_crash.h"
+#include "report_alarm.h"
+#include "report_pending.h"
+#include "unit_support.h"
+
+static int s_deliveries;
+
+static int refuse_request(const char *, json_t *request, void *, oxni_res_reply_fn, unsigned)
+{
+    s_deliveries++;
+    json_decref(request); /* taken over all the same */
+    return -1;
+}
+
+/* A report and what it owns; whichever allocation fails, none of it is lost and the line says what
+ * was missing. */
+TEST(test_report_pending, memory)
+{
+    static const char *const s_lines[] = {
+        "Failed to zero_malloc memory", /* the names */
+        "Failed to zero_malloc memory", /* the report */
+        "Failed to strdup memory",
+        "strdup filed!",
+        "strdup filed!",
+        "expr[drv_info->crash_info] false! zero_malloc fail",
+    };
+    const core_patches patches;
+    const struct crash_info crash = {"C:\\d", "then", "ma"};
+    char first[] = "ma", second[] = "mb", *names[] = {first, second};
+    const uint64_t blocks = live_blocks();
+
+    for (uint64_t nth = 1; nth <= ARRAYSIZE(s_lines); nth++) {
+        SCOPED_TRACE(nth);
+        log_forget();
+        oxnih_memory_fail(nth, 0);
+        drv_info_add(names, 2, "a", &crash);
+        oxnih_memory_fail(0, 0);
+        EXPECT_TRUE(log_contains(s_lines[nth - 1]));
+        EXPECT_FALSE(report_pending_has("a"));
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+    for (const struct crash_info *given : {&crash, (const struct crash_info *)NULL}) {
+        drv_info_add(names, 2, "a", given);
+        EXPECT_TRUE(report_pending_has("a"));
+        drv_info_add(names, 2, "a", given);
+        report_forget("a");
+        EXPECT_FALSE(report_pending_has("a"));
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+}
+
+/* The upload of a report that the host refuses gives everything back. */
+TEST(test_report_abnormal_crash, results)
+{
+    const core_patches patches;
+    import_patch deliver("oxni_res_deliver", refuse_request);
+    char module[] = "ma", *names[] = {module}, *none[] = {NULL};
+
+    EXPECT_EQ(report_abnormal_crash(NULL, 1, "a", NULL), -1);
+    EXPECT_EQ(report_abnormal_crash(none, 1, "a", NULL), -1);
+    EXPECT_EQ(report_abnormal_crash(names, 0, "a", NULL), -1);
+    EXPECT_EQ(report_abnormal_crash(names, 1, NULL, NULL), -1);
+    EXPECT_EQ(core_calls(), "");
+    EXPECT_EQ(report_abnormal_crash(names, 1, "a", NULL), 0);
+    EXPECT_EQ(report_abnormal_crash(names, 1, "a", NULL), 0);
+    EXPECT_EQ(report_abnormal_crash(names, 1, "b", NULL), 0);
+    EXPECT_EQ(core_calls(), "history; timer 60000; history; history"); /* its timer waits already */
+    const uint64_t blocks = live_blocks();
+    s_deliveries = 0;
+    s_core.last_timer(NULL, NULL); /* there is no device: armed again */
+    EXPECT_EQ(core_calls(), "timer 60000");
+    EXPECT_EQ(s_deliveries, 0);
+    EXPECT_EQ(live_blocks(), blocks);
+}
+
+/* Whichever allocation fails, an alarm has all its members or there is none. */
+TEST(test_alarm, memory)
+{
+    const core_patches patches;
+    const struct crash_info crash = {"C:\\d", "then", "ma"};
+    char module[] = "ma", *names[] = {module};
+    const uint64_t blocks = live_blocks();
+    bool reached = true;
+
+    for (uint64_t nth = 1; nth < 300 && reached; nth++) {
+        SCOPED_TRACE(nth);
+        json_t *content;
+        {
+            failing_memory failing(nth);
+            content = build_alarm_content(names, 1, "a", &crash);
+            reached = failing.reached();
+        }
+        const json_t *data = json_object_get(content, "data");
+        const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
+        EXPECT_EQ(content != NULL, !reached);
+        if (content != NULL) {
+            EXPECT_EQ(json_object_size(data), 26u);
+            EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
+            EXPECT_NE(strstr(detail, "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": "
+                                     "\"C:\\\\d\", \"dumpPathCreateTime\": \"then\", "
+                                     "\"crashModuleName\": \"ma\"}}]"),
+                      nullptr)
+                << detail;
+        }
+        json_decref(content);
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+    EXPECT_FALSE(reached);
+}
+
+/* Before the management side has named a device, constants take its place. */
+TEST(test_alarm, without_a_device)
+{
+    const core_patches patches;
+    char module[] = "ma", *names[] = {module};
+    const uint64_t blocks = live_blocks();
+    json_t *content = build_alarm_content(names, 1, "a", NULL);
+    const json_t *data = json_object_get(content, "data");
+
+    EXPECT_STREQ(json_string_value(json_object_get(data, "deviceId")), "XNI_DEVICE_ID");
+    EXPECT_STREQ(json_string_value(json_object_get(data, "appversion")), "16.20.933");
+    json_decref(content);
+    EXPECT_EQ(live_blocks(), blocks);
+}

@@ -1,0 +1,122 @@
+/* The documents on the disk: odd content, another boot, texts that are too long; the recovery tag that cannot be reached. */
+#include "core_patches.h"
+
+#include <gtest/gtest.h>
+
+#include "bypass_mgr_store.h"
+#include "liboxnibase/host.h"
+#include "recover_tag.h"
+#include "unit_support.h"
+
+#define CRASH "'crash_info':{'path':'C:\\\\d','create_time':'then','module_name':'mx'}"
+
+TEST(test_store, odd_content)
+{
+    /* clang-format off */
+    static const struct {
+        const char *data;
+        int64_t count;
+        int32_t status;
+        bool crash;
+    } s_rows[] = {
+        {"'a':{'count':3,'status':3}", 3, 3, false},
+        {"'a':{'count':-1,'status':1}", -1, 1, false},
+        {"'a':{'count':'3','status':'1'}", -1, 0, false},
+        {"'a':{'count':3.0,'status':2.0}", -1, 0, false},
+        {"'a':{'count':3,'status':4}", 3, 0, false},
+        {"'a':{'count':3,'status':0}", 3, 0, false},
+        {"'a':{'count':3,'status':-1}", 3, 0, false},
+        {"'a':{'count':3,'status':4294967297}", 3, 0, false},
+        {"'a':[3,1]", -1, 0, false},
+        {"'a':{}", -1, 0, false},
+        {"'A':{'count':3,'status':1}", -1, 0, false},
+        {CRASH, -1, 0, true},
+        {"'crash_info':{'path':'p','create_time':'t'}", -1, 0, false},
+        {"'crash_info':{'path':'p','module_name':'m'}", -1, 0, false},
+        {"'crash_info':{'create_time':'t','module_name':'m'}", -1, 0, false},
+        {"'crash_info':{'path':'p','create_time':5,'module_name':'m'}", -1, 0, false},
+        {"'crash_info':{'path':'','create_time':'','module_name':''}", -1, 0, true},
+        {"'crash_info':['p','t','m']", -1, 0, false},
+    };
+    /* clang-format on */
+
+    for (const auto &row : s_rows) {
+        SCOPED_TRACE(row.data);
+        const core_patches patches;
+        struct crash_info crash = {"before", "before", "before"};
+
+        s_core.document = core_json(std::string("{'start_time':9,'data':{") + row.data + "}}");
+        bypass_mgr_store_load(9);
+        EXPECT_EQ(bypass_mgr_stored_count("a"), row.count);
+        EXPECT_EQ(bypass_mgr_stored_status("a"), row.status);
+        EXPECT_EQ(bypass_mgr_stored_crash(&crash), row.crash ? 0 : -1);
+        EXPECT_EQ(strcmp(crash.crash_path, "before") == 0, !row.crash);
+        EXPECT_EQ(strcmp(crash.crash_module, "before") == 0, !row.crash);
+        EXPECT_EQ(core_calls(), "");
+    }
+}
+
+/* Which documents are of this boot, 9; and what of another boot's document stays. */
+TEST(test_store, reset)
+{
+    static const struct {
+        const char *document, *calls, *after;
+    } s_rows[] = {
+        {"{'start_time':9,'data':{'a':{'count':3}}}",    "",
+         "{'start_time':9,'data':{'a':{'count':3}}}"                                             },
+        {"{'start_time':8,'data':{'a':{'count':3}}}",    "store {}", "{'start_time':9,'data':{}}"},
+        {"{'start_time':9.0,'data':{'a':{'count':3}}}",  "store {}", "{'start_time':9,'data':{}}"},
+        {"{'start_time':'9','data':{'a':{'count':3}}}",  "store {}", "{'start_time':9,'data':{}}"},
+        {"{'data':{'a':{'count':3}}}",                   "store {}", "{'start_time':9,'data':{}}"},
+        {"{'start_time':8,'data':[1],'more':{'a':[1]}}", "store {}",
+         "{'start_time':9,'data':{},'more':{'a':[1]}}"                                           },
+    };
+
+    for (const auto &row : s_rows) {
+        SCOPED_TRACE(row.document);
+        const core_patches patches;
+        json_t *after = core_json(row.after);
+
+        s_core.document = core_json(row.document);
+        bypass_mgr_store_load(9);
+        EXPECT_EQ(core_calls(), row.calls);
+        EXPECT_TRUE(json_equal(s_core.document, after));
+        json_decref(after);
+    }
+}
+
+/* A text that fills its field, and one that does not fit. */
+TEST(test_store, long_crash_texts)
+{
+    const core_patches patches;
+    struct crash_info crash = {};
+
+    bypass_mgr_store_crash(std::string(259, 'p').c_str(), std::string(260, 't').c_str(),
+                           std::string(300, 'm').c_str());
+    EXPECT_EQ(bypass_mgr_stored_crash(&crash), 0);
+    EXPECT_EQ(crash.crash_path, std::string(259, 'p'));
+    EXPECT_EQ(crash.crash_create_time, std::string(259, 't'));
+    EXPECT_EQ(crash.crash_module, std::string(259, 'm'));
+}
+
+TEST(test_recover_tag, results)
+{
+    const core_patches patches;
+
+    EXPECT_EQ(recover_tag_write(), -1);
+    EXPECT_FALSE(recover_tag_check());
+    s_core.tag = true;
+    EXPECT_FALSE(recover_tag_check());
+    EXPECT_EQ(core_calls(), "tag=; tag?; tag?; tag=");
+    recover_tag_delete();
+    EXPECT_EQ(core_calls(), "tag?; tag-");
+    oxnih_set_log_dir(NULL);
+    log_forget();
+    recover_tag_delete();
+    EXPECT_TRUE(log_contains("Failed to retrieve recovery tag path!"));
+    log_forget();
+    EXPECT_FALSE(recover_tag_check());
+    EXPECT_TRUE(log_contains("Failed to retrieve recovery tag path!"));
+    EXPECT_EQ(recover_tag_write(), -1);
+    EXPECT_EQ(core_calls(), "");
+}
