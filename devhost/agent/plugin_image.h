@@ -18,13 +18,13 @@
  * end frees the module. Set while no plug-in is started. */
 void image_keep_mapped(bool on);
 
-/* Starts the plug-in of that path: its entry point is told that a process attaches and runs with
+/* Starts the plug-in of that path: its entry point gets DLL_PROCESS_ATTACH and runs with
  * the real imports, as under the loader; after it the imports are redirected. redirect is called
  * for a module that was loaded from its file; later starts repeat what it did to the import table.
  * Result: the module; NULL: not started, the reason is the last error. */
 HMODULE image_start(const std::wstring &path, void (*redirect)(HMODULE plugin));
 
-/* Ends it: the entry point is told that the process detaches. No code of it can run until the next
+/* Ends it: the entry point gets DLL_PROCESS_DETACH. No code of it can run until the next
  * start. */
 void image_end(void);
 

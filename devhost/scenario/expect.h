@@ -7,12 +7,12 @@
 
 #include "scenario.h"
 
-/* Looks at what happened in this boot since its start or its last expectation. */
+/* Checks what happened in this boot since its start or its last expectation. */
 void expect_check(const struct scenario &scenario, const std::string &where,
                   const json_value &expect, std::vector<std::string> &failures);
-/* A boot begins. */
+/* Begins a boot. */
 void expect_start_boot(void);
-/* A boot ended: whoever broke the platform's rules behind the last expectation fails it, too. */
+/* A boot ended: a complaint of the platform after the last expectation fails it, too. */
 void expect_no_complaints(const struct scenario &scenario, const std::string &where,
                           std::vector<std::string> &failures);
 

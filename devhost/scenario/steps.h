@@ -7,7 +7,7 @@
 
 #include "scenario.h"
 
-/* Throws devhost_error unless a step does exactly one thing that can be done. */
+/* Checks that a step does exactly one thing that can be done. Throws devhost_error. */
 void step_check(const struct scenario &scenario, const std::string &where, const json_value &step);
 /* Does one step of a boot. failures receives what an expectation in it finds. */
 void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
