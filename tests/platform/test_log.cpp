@@ -26,8 +26,8 @@ TEST_F(logs, wide_text_is_utf8_and_a_missing_line_feed_is_added)
     EXPECT_TRUE(logged(std::string("open ") + utf8 + " failed 5 %-7.\n"));
     oxni_log_output(OXNI_LOG_INFO, "[%ls] [%s] %I64d %.1f", path, utf8, 1LL << 40, 2.5);
     EXPECT_TRUE(logged(std::string("[") + utf8 + "] [" + utf8 + "] 1099511627776 2.5\n"));
-    oxni_log_output(OXNI_LOG_INFO, "[%.4S] [%.*S] [%*d] [%-4S] [%S] [%C]\n", path, 3, L"abcd", 4, 5,
-                    L"x", none, 0x65e5);
+    oxni_log_output(OXNI_LOG_INFO, "[%.4ls] [%.*ls] [%*d] [%-4S] [%S] [%C]\n", path, 3, L"abcd", 4,
+                    5, L"x", none, L'\x65e5');
     EXPECT_TRUE(logged("[C:\\\xe6\x97\xa5] [abc] [   5] [x   ] [(null)] "
                        "[\xe6\x97\xa5]\n"));
     oxni_log_output(OXNI_LOG_INFO, "lone %S\n", L"\xd83d.");
