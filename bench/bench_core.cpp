@@ -146,7 +146,7 @@ class products
         oxni_subscriber *made = oxni_subscriber_new(&attr);
         json_t *message = registration(number, modules, "working");
 
-        oxni_subscriber_subscribe(made, BYPASS_SERVICE_NAME, message, take_message);
+        oxni_subscriber_subscribe(made, "bypass_mgr", message, take_message);
         json_decref(message);
         deliver();
         bench_require(bypass_mgr_table_find(made) != NULL, "a product is not registered");
