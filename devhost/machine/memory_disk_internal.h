@@ -36,7 +36,7 @@ void memory_files_open(const std::wstring &folder);
  * and none at its end. The folder itself has the empty key. Result: whether the path is below the
  * folder. */
 bool memory_file_key(const wchar_t *path, std::wstring *key);
-/* Whether a path is the disk's folder or one of those that it is in. */
+/* Whether a path is the disk's folder or a parent of it. */
 bool memory_disk_is_below(const wchar_t *path);
 /* NULL: there is none. */
 file_ptr memory_file_find(const std::wstring &key);
