@@ -63,8 +63,11 @@ static const struct handle_call {
     {"RegOpenKeyExW",            "registry keys",   1 },
     {"RegCreateKeyExW",          "registry keys",   1 },
     {"RegCloseKey",              "registry keys",   -1},
+ /* The counters in the plug-in close files, too, and open them by another call. */
+#ifndef BYPASS_COVERAGE
     {"oxni_file_open_w",         "files",           1 },
     {"fclose",                   "files",           -1},
+#endif
 };
 static std::map<std::string, int64_t> s_open;
 static calls_trace_fn s_trace;

@@ -159,9 +159,10 @@ static int watch_resource(const char *, unsigned, oxni_res_state_fn)
 }
 
 static int install(const char *, const char *, unsigned, oxni_subscribee_fn fn,
-                   oxni_subscribee_second_fn)
+                   oxni_subscribee_second_fn second)
 {
     s_core.install_cb = fn;
+    s_core.install_second = second;
     return 0;
 }
 

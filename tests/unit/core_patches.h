@@ -30,6 +30,7 @@ struct core_state {
     void *cookie;
     oxni_subscriber *pushed_to;
     oxni_subscribee_fn install_cb;
+    oxni_subscribee_second_fn install_second;
     oxni_timer_fn last_timer; /* the one that was started last */
 };
 extern core_state s_core;

@@ -51,7 +51,7 @@ static int note_verdict(int32_t result, const crash_module_set &modules,
     s_verdict.modules = modules.size();
     s_verdict.has_path = !dump_path.empty();
     if (s_verdict.throws)
-        throw std::range_error("callback");
+        throw std::length_error("callback");
     return 99;
 }
 

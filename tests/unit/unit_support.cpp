@@ -139,9 +139,9 @@ bool failing_allocations::reached() const
     return s_malloc_failed || failed_blocks() != failed_before_;
 }
 
-failing_memory::failing_memory(uint64_t nth) : failed_before_(failed_blocks())
+failing_memory::failing_memory(uint64_t nth, bool forever) : failed_before_(failed_blocks())
 {
-    oxnih_memory_fail(nth, 0);
+    oxnih_memory_fail(nth, forever);
 }
 
 failing_memory::~failing_memory()

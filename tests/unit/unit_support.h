@@ -52,11 +52,11 @@ class failing_allocations
     uint64_t failed_before_;
 };
 
-/* The same for the platform's allocator alone, once: test code may allocate. */
+/* The same for the platform's allocator alone: test code may allocate. */
 class failing_memory
 {
   public:
-    explicit failing_memory(uint64_t nth);
+    explicit failing_memory(uint64_t nth, bool forever = false);
     ~failing_memory();
     bool reached() const;
 
