@@ -82,10 +82,12 @@ static void check_chain(void)
         model_verdict(subscriber, verdict);
     if ((verdict == VERDICT_CRASH || verdict == VERDICT_POWER) && subscriber != NULL &&
         model_agent.members[subscriber].filed)
-        WANT(!model_tag_exists(), "tag", "a recovery tag is left after a crash or a power loss");
+        WANT(now.undeletable || !model_tag_exists(), "tag",
+             "a recovery tag remains after a crash or a power loss");
     if (verdict == VERDICT_NORMAL && model_agent.members[subscriber].filed) {
         WANT(now.plain_timer != 0, "one tag timer", "nothing watches the tag");
-        model_agent.recover_function = now.plain_failed ? 0 : now.plain_timer;
+        model_agent.recover_function = now.plain_timer;
+        model_agent.recover_missed = now.plain_failed;
     }
     if (now.context == 0 && now.armed == 1 && now.chains_expected == 1)
         model_agent.members[subscriber].chains++;
@@ -172,7 +174,8 @@ static void check_store(void)
 
         if (std::string(name) == "crash_info") {
             WANT(model_machine.has_crash &&
-                     model_text(value, "module_name") == model_machine.blamed,
+                     model_text(value, "module_name") == model_machine.blamed &&
+                     model_text(value, "create_time") == model_machine.dump_created,
                  "blame", "the store blames " + text_of_json(value));
             continue;
         }
@@ -203,8 +206,8 @@ static void check_recover_timer(void)
     for (const auto &timer : model_agent.timers)
         if (timer.second.function == model_agent.recover_function)
             pending++;
-    WANT(model_agent.recover_function == 0 || pending == 1, "one tag timer",
-         text_format("%u timers watch the tag", static_cast<unsigned>(pending)));
+    WANT(model_agent.recover_function == 0 || pending == (model_agent.recover_missed ? 0 : 1),
+         "one tag timer", text_format("%u timers watch the tag", static_cast<unsigned>(pending)));
 }
 
 static void finish(void)
@@ -238,8 +241,8 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
             model_agent.uptime_function = a[1];
         now.plain_timer = a[1];
         now.plain_failed = result == 0;
-        if (now.plain_failed && a[1] == model_agent.recover_function)
-            model_agent.recover_function = 0; /* the watch ends here */
+        if (a[1] == model_agent.recover_function)
+            model_agent.recover_missed = now.plain_failed;
     } else {
         WANT(ms == POLL_MS, "timers", text_format("a poll after %u ms", ms));
         if (result == 0)
@@ -274,6 +277,12 @@ static void on_open_log(const uint64_t *a, uint64_t result)
 {
     (void)a;
     model_agent.now.logs.push_back(result != 0);
+}
+
+static void on_delete_file(const uint64_t *a, uint64_t result)
+{
+    (void)a;
+    model_agent.now.undeletable |= static_cast<int>(result) != 0;
 }
 
 static bool ends_with(uint64_t path, const std::string &name)
@@ -463,6 +472,7 @@ static void fall_back(void)
         }
         model_machine.has_crash = true;
         model_machine.blamed = model_text(value, "module_name");
+        model_machine.dump_created = model_text(value, "create_time");
     }
     json_decref(document);
 }
@@ -535,6 +545,7 @@ static const struct {
     {"oxni_file_open_w",       on_open_record},
     {"wdu_json_load_file_ejs", on_load       },
     {"wdu_json_dump_file_ejs", on_dump       },
+    {"oxni_path_del_file_u",   on_delete_file},
 };
 
 void rules_open(void)

@@ -18,9 +18,10 @@ void machine_generate(rapidjson::Document &document, uint64_t seed);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
 /* How the blocks of a machine of that seed are kept: one machine in sixteen has fenced or guarded
- * blocks, of which none may be lost. And whether it is played at log level debug. Both cost time. */
+ * blocks, of which none may be lost, and its log level: one in 16 logs at each level, the others log
+ * nothing. Both cost time. */
 enum oxnih_memory_mode machine_memory_mode(uint64_t seed);
-bool machine_is_talkative(uint64_t seed);
+int machine_log_level(uint64_t seed);
 
 /* rules.cpp */
 

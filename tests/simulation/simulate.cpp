@@ -244,7 +244,7 @@ static int play_random(const run_folder &folder, const struct simulate_options &
             hash_begin(folder);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
         machine_generate(document, seed);
-        oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
+        oxnih_log_set_level(machine_log_level(seed));
         oxnih_memory_set_mode(machine_memory_mode(seed));
         played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
