@@ -19,7 +19,7 @@ import sys
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.dirname(os.path.dirname(HERE))
 BRANCHES_PERCENT = 95
-SEED_BOOTS = ["--boots", "100", "--seed", "1"]
+BOOTS = ["--boots", "1000", "--seed", "1"]
 
 
 def play(build):
@@ -32,7 +32,7 @@ def play(build):
             ("unit_tests", ["--gtest_brief=1"]),
             ("load_plugin", ["20"]),
             ("load_plugin", ["exit"]),
-            ("harness", ["simulate", *SEED_BOOTS])]:
+            ("harness", ["simulate", *BOOTS])]:
         run = subprocess.run([SOURCE + "/cmake/wine-run", f"{build}/bin/{program}.exe", *arguments],
                              capture_output=True, text=True, errors="replace", check=False)
         if run.returncode != 0:

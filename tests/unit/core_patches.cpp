@@ -81,7 +81,7 @@ static json_t *load_document(const char *path)
 
 static const oxni_subscriber_attr *get_attr(oxni_subscriber *subscriber)
 {
-    return reinterpret_cast<oxni_subscriber_attr *>(subscriber);
+    return s_core.nameless ? NULL : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
 }
 
 static void retain(oxni_subscriber *)

@@ -18,6 +18,7 @@
 struct core_state {
     bool tag;                /* there is a recovery tag; deleting it clears this */
     bool updated;            /* the drivers were updated in this boot */
+    bool nameless;           /* no handle has attributes */
     uint64_t uptime_seconds; /* of Windows */
     json_t *document;        /* what the store's file holds, owned; NULL: no file */
     /* Recorded calls. "tag?" looks whether the tag exists, "tag-" deletes it, "update?" asks for

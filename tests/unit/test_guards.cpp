@@ -10,6 +10,7 @@
 #include <oxni/base/resource.h>
 
 #include "bypass_mgr.h"
+#include "bypass_mgr_command.h"
 #include "bypass_mgr_debug.h"
 #include "bypass_mgr_decision.h"
 #include "bypass_mgr_registry.h"
@@ -57,6 +58,30 @@ TEST(test_guards, missing_arguments)
     EXPECT_NE(bypass_mgr_table_find(core_subscriber(0)), nullptr);
 }
 
+/* A product and a handle without names have empty ones in log lines, and no entry in the store. */
+TEST(test_guards, missing_names)
+{
+    const core_patches patches;
+    const struct bypass_cmd request = {"bypass", "m", 0};
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+
+    oxni_free_(record->product_name);
+    record->product_name = NULL;
+    s_core.nameless = true;
+    log_forget();
+    (void)bypass_mgr_check_cb(3, {}, "", {}, core_subscriber(0));
+    EXPECT_TRUE(log_contains("The product () has already passed"));
+    EXPECT_EQ(core_calls(), "tag?; store {}; release a");
+    for (const int32_t error : {5, 0}) {
+        (void)bypass_mgr_send(core_subscriber(0), &request);
+        s_core.reply(error, s_core.cookie, s_core.pushed_to, NULL);
+        s_core.cookie = NULL;
+    }
+    EXPECT_TRUE(log_contains("Successfully send bypass command, ns(), name()"));
+    bypass_mgr_unsubscribe(core_subscriber(0));
+    EXPECT_TRUE(log_contains("bypass_mgr subscriber ns() name :  unsubscribe!"));
+}
+
 template <typename... Arguments> static BOOL WINAPI refuse(Arguments...)
 {
     SetLastError(ERROR_ACCESS_DENIED);
@@ -89,9 +114,14 @@ static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *fill
     return TRUE;
 }
 
-static DWORD WINAPI expand_nothing(const wchar_t *, wchar_t *, DWORD)
+static std::vector<DWORD> s_expanded; /* results of the next calls, the last one first */
+
+static DWORD WINAPI expand(const wchar_t *, wchar_t *, DWORD)
 {
-    return 0;
+    const DWORD chars = s_expanded.back();
+
+    s_expanded.pop_back();
+    return chars;
 }
 
 TEST(test_guards, calls_of_windows)
@@ -107,9 +137,15 @@ TEST(test_guards, calls_of_windows)
     EXPECT_EQ(get_file_write_time(path.c_str(), &time), (uint32_t)ERROR_ACCESS_DENIED);
     EXPECT_EQ(time, 7u);
     EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
-    {
-        const import_patch expand("ExpandEnvironmentStringsW", expand_nothing);
+    for (const std::vector<DWORD> &results : {
+             std::vector<DWORD>{0   },
+             { 0, 300},
+             { 400, 300}
+    }) {
+        const import_patch patch("ExpandEnvironmentStringsW", expand);
+        s_expanded = results;
         EXPECT_EQ(expand_env_path(L"%A%"), L"");
+        EXPECT_TRUE(s_expanded.empty());
     }
     {
         const system_log log({});
