@@ -16,12 +16,21 @@
 
 #define HANG_SECONDS 60
 
-static const fuzz_target *const s_targets[] = {
-    &fuzz_events, &fuzz_debugger,  &fuzz_records,  &fuzz_ejs,     &fuzz_states,
-    &fuzz_dumps,  &fuzz_scenarios, &fuzz_messages, &fuzz_answers,
-};
+/* Of the program; made by the first target that is added. */
+static std::vector<fuzz_target> &targets(void)
+{
+    static std::vector<fuzz_target> all;
 
-static std::string s_folder;
+    return all;
+}
+
+bool fuzz_add(const fuzz_target &target)
+{
+    targets().push_back(target);
+    return true;
+}
+
+static std::string s_folder, s_real_folder;
 static const run_folder *s_run_folder;
 
 uint64_t chance::next()
@@ -201,6 +210,11 @@ const std::string &fuzz_folder(void)
     return s_folder;
 }
 
+const std::string &fuzz_real_folder(void)
+{
+    return s_real_folder;
+}
+
 void fuzz_empty_folder(void)
 {
     s_run_folder->empty();
@@ -228,9 +242,9 @@ struct arguments {
 /* Result: whether they make sense. */
 static bool parse(int argc, char **argv, arguments *arguments)
 {
-    for (const fuzz_target *target : s_targets)
-        if (argc > 1 && strcmp(argv[1], target->name) == 0)
-            arguments->target = target;
+    for (const fuzz_target &target : targets())
+        if (argc > 1 && strcmp(argv[1], target.name) == 0)
+            arguments->target = &target;
     for (int i = 2; i + 1 < argc; i += 2) {
         std::string name = argv[i];
         char *end = NULL;
@@ -283,15 +297,17 @@ int main(int argc, char **argv)
     if (!parse(argc, argv, &arguments)) {
         fprintf(stderr, "usage: fuzz TARGET [--inputs N] [--seed S] [--from I] [--place FOLDER]\n"
                         "targets:");
-        for (const fuzz_target *target : s_targets)
-            fprintf(stderr, " %s", target->name);
+        for (const fuzz_target &target : targets())
+            fprintf(stderr, " %s", target.name);
         fprintf(stderr, "\n");
         return 2;
     }
     try {
-        run_folder folder("", arguments.place);
+        run_folder folder("", arguments.place), real(folder.path + "-real");
 
+        real.kept = false;
         s_folder = folder.path + "\\";
+        s_real_folder = real.path + "\\";
         s_run_folder = &folder;
         memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);

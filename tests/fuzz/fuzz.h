@@ -60,6 +60,8 @@ class guarded
 
 /* Where files of the trials lie, with a backslash at the end; UTF-8. */
 const std::string &fuzz_folder(void);
+/* The same on the disk, for files that are mapped: those of the other folder are in memory. */
+const std::string &fuzz_real_folder(void);
 /* Deletes all of them. */
 void fuzz_empty_folder(void);
 
@@ -71,10 +73,15 @@ struct fuzz_target {
     void (*open)(void);
     /* number: of the input, for targets that start afresh now and then. */
     void (*try_one)(chance &chance, uint64_t number);
-    uint64_t period; /* inputs from one fresh start to the next; 1: each stands for itself */
+    uint64_t period; /* inputs from one fresh start to the next; 1: each is independent */
 };
 
-extern const fuzz_target fuzz_events, fuzz_debugger, fuzz_records, fuzz_ejs, fuzz_states,
-    fuzz_dumps, fuzz_scenarios, fuzz_messages, fuzz_answers;
+/* Adds a target to the program. */
+bool fuzz_add(const fuzz_target &target);
+
+/* Defines a target and adds it, on one line: the build and ./dev fuzz read names and the number of
+ * inputs in the test run from these lines. */
+#define FUZZ_TARGET(name, open, try_one, period, inputs)                                           \
+    [[maybe_unused]] static const bool s_##name##_added = fuzz_add({#name, open, try_one, period});
 
 #endif

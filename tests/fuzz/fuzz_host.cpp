@@ -276,8 +276,7 @@ static void try_message(chance &chance, uint64_t number)
                                          chance.one_in(2) ? 110 : 0);
     pass_time(chance);
 }
-
-const fuzz_target fuzz_messages = {"messages", open_host, try_message, MESSAGES_PERIOD};
+FUZZ_TARGET(messages, open_host, try_message, MESSAGES_PERIOD, 400)
 
 /* What the management side says it knows. */
 static std::string odd_echo(chance &chance)
@@ -342,5 +341,4 @@ static void try_answer(chance &chance, uint64_t number)
         violated("the agent does not run any more");
     s_answers = NULL;
 }
-
-const fuzz_target fuzz_answers = {"answers", open_host, try_answer, ANSWERS_PERIOD};
+FUZZ_TARGET(answers, open_host, try_answer, ANSWERS_PERIOD, 400)

@@ -138,8 +138,7 @@ static void try_event(chance &chance, uint64_t)
     if (chance.one_in(256))
         oxnih_memory_drop_all();
 }
-
-const fuzz_target fuzz_events = {"events", open_events, try_event, 1};
+FUZZ_TARGET(events, open_events, try_event, 1, 400)
 
 static void open_nothing(void)
 {
@@ -186,8 +185,7 @@ static void try_stack(chance &chance, uint64_t)
             text.find(module) == std::string::npos)
             violated("a module that is none: " + module);
 }
-
-const fuzz_target fuzz_debugger = {"debugger", open_nothing, try_stack, 1};
+FUZZ_TARGET(debugger, open_nothing, try_stack, 1, 400)
 
 static void try_record(chance &chance, uint64_t)
 {
@@ -210,5 +208,4 @@ static void try_record(chance &chance, uint64_t)
         memcmp(&again, &record, sizeof(record)) != 0)
         violated("a record that was written is not read as it was");
 }
-
-const fuzz_target fuzz_records = {"records", open_nothing, try_record, 1};
+FUZZ_TARGET(records, open_nothing, try_record, 1, 400)

@@ -223,5 +223,4 @@ static void try_state(chance &chance, uint64_t)
     else
         chance.one_in(2) ? try_history(chance) : try_dump_record(chance);
 }
-
-const fuzz_target fuzz_states = {"states", open_states, try_state, 1};
+FUZZ_TARGET(states, open_states, try_state, 1, 400)
