@@ -7,6 +7,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <iterator>
+#include <sstream>
 
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
@@ -52,34 +54,28 @@ bool chance::one_in(size_t n)
     return below(n) == 0;
 }
 
-/* A number at which reckoning goes wrong. */
+std::string chance::word(const char *words)
+{
+    std::istringstream stream(words);
+    const std::vector<std::string> all{std::istream_iterator<std::string>(stream), {}};
+
+    return of(all);
+}
+
+/* A number at which calculations overflow or miss by one. */
 static uint64_t edge(size_t size, chance &chance)
 {
-    const uint64_t edges[] = {0,
-                              1,
-                              2,
-                              size,
-                              size - 1,
-                              size + 1,
-                              55,
-                              56,
-                              57,
-                              0x7f,
-                              0x80,
-                              0xff,
-                              0x7fff,
-                              0xffff,
-                              0x10000,
-                              0x7fffffff,
-                              0x80000000,
-                              0xfffffff,
-                              0xffffffff,
-                              0xfffffffe,
-                              UINT64_MAX,
-                              INT64_MAX,
-                              chance.below(4096)};
-
-    return chance.of(edges);
+    switch (chance.below(8)) {
+    case 0: return size + chance.below(3) - 1;
+    case 1: return chance.below(4096);
+    default:
+        return strtoull(chance
+                            .word("0 1 2 55 56 57 0x7f 0x80 0xff 0x7fff 0xffff 0x10000 0xfffffff "
+                                  "0x7fffffff 0x80000000 0xfffffffe 0xffffffff "
+                                  "0x7fffffffffffffff 0xffffffffffffffff")
+                            .c_str(),
+                        NULL, 0);
+    }
 }
 
 static void damage_once(std::string *bytes, const std::string &other, chance &chance)
@@ -128,26 +124,12 @@ static std::string odd_text(const std::vector<const char *> &words, chance &chan
 static std::string odd_value(const std::vector<const char *> &keys,
                              const std::vector<const char *> &words, unsigned depth, chance &chance)
 {
-    static const char *const plain[] = {"null",
-                                        "true",
-                                        "false",
-                                        "0",
-                                        "1",
-                                        "2",
-                                        "-1",
-                                        "9223372036854775807",
-                                        "-9223372036854775808",
-                                        "4294967296",
-                                        "1e308",
-                                        "-0.0",
-                                        "123456789012345678901234567890",
-                                        "{}",
-                                        "[]"};
     std::string text;
     size_t kind = chance.below(depth > 4 ? 5 : 8);
 
     if (kind < 2)
-        return chance.of(plain);
+        return chance.word("null true false 0 1 2 -1 9223372036854775807 -9223372036854775808 "
+                           "4294967296 1e308 -0.0 123456789012345678901234567890 {} []");
     if (kind < 5)
         return "\"" + odd_text(words, chance) + "\"";
     for (size_t left = chance.below(6); left > 0; left--)

@@ -23,6 +23,8 @@ class chance
     size_t below(size_t limit);
     /* Once in n. */
     bool one_in(size_t n);
+    /* One of the words, which blanks separate. */
+    std::string word(const char *words);
     /* An element of an array or a vector. */
     template <typename List> const auto &of(const List &list)
     {

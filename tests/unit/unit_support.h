@@ -12,8 +12,7 @@
 
 #include "engine_script.h"
 #include "import_patch.h"
-
-typedef std::vector<uint8_t> block;
+#include "system_log.h"
 
 /* 2024-03-07 09:05:41 UTC, in seconds since 1970 and as a file time. */
 #define MOMENT          1709802341
@@ -67,8 +66,6 @@ class failing_memory
 /* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
  * are stored as they are. */
 void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes);
-/* UTF-16 as the registry stores it, without a terminator. */
-std::string wide_bytes(const std::wstring &text);
 
 /* A folder below the system's temporary one, removed with its content. */
 struct temporary_folder {
@@ -88,24 +85,6 @@ class listed_file
 
   private:
     import_patch first_, next_, close_;
-};
-
-/* The bytes of one log record, laid out as Windows does. */
-block event_record(uint32_t event_id, const std::wstring &source,
-                   const std::vector<std::wstring> &strings = {});
-
-/* While it lives, the System log holds these bytes, returned in one read when they fit. */
-class system_log
-{
-  public:
-    explicit system_log(const block &bytes);
-    /* Logs that were not closed, of all objects. */
-    static int logs_open;
-    /* Whether a read throws std::runtime_error("read"). */
-    static bool read_throws;
-
-  private:
-    import_patch open_, read_, close_;
 };
 
 /* How the stand-in engine plays from here on: the dump of that path has this stack text, and the
