@@ -187,22 +187,7 @@ TEST(test_guards, store_without_memory)
     EXPECT_EQ(bypass_mgr_stored_count("a"), 3);
 }
 
-static oxni_res_state_fn s_link;
-static oxni_dbg_echo_fn s_answer;
 static int s_alarms, s_deliver_result;
-static std::vector<void *> s_users;
-
-static int keep_link(const char *, unsigned, oxni_res_state_fn fn)
-{
-    s_link = fn;
-    return 0;
-}
-
-static int keep_answer(const char *, const char *, unsigned, oxni_dbg_echo_fn answer)
-{
-    s_answer = answer;
-    return 0;
-}
 
 static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_fn, unsigned)
 {
@@ -228,22 +213,21 @@ TEST(test_guards, alarm_without_memory)
 {
     static const char answer[] = R"({"total": 1, "info": [{"product": "a"}]})";
     const core_patches patches;
-    const import_patch require("oxni_res_require", keep_link), exec("oxni_dbg_exec", keep_answer),
-        deliver("oxni_res_deliver", keep_alarm);
+    const import_patch deliver("oxni_res_deliver", keep_alarm);
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
     bool reached = true;
 
     report_link_create();
     report_link_watch();
-    s_link("path", 1);
+    s_core.link("path", 1);
     {
         const import_patch insert("oxni_xhash_insert", insert_nothing);
         const uint64_t blocks = live_blocks();
-        s_answer(0, answer);
+        s_core.answer(0, answer);
         EXPECT_EQ(live_blocks(), blocks);
         EXPECT_FALSE(report_link_connected());
     }
-    s_answer(0, answer);
+    s_core.answer(0, answer);
     record->parsed = 1;
     for (uint64_t nth = 1; nth < 300 && reached; nth++) {
         SCOPED_TRACE(nth);
@@ -272,7 +256,7 @@ TEST(test_guards, alarm_without_memory)
         EXPECT_FALSE(report_pending_has("a"));
         s_deliver_result = 0;
     }
-    s_link("path", 0);
+    s_core.link("path", 0);
     report_link_create();
 }
 
