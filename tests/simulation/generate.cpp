@@ -5,8 +5,6 @@
 
 #include <algorithm>
 
-#include <oxni/base/log.h>
-
 #include "scenario/products.h"
 #include "base/text.h"
 
@@ -440,18 +438,6 @@ void machine_generate(rapidjson::Document &document, uint64_t seed)
     text = "{\"products\":{" + joined(products) + "},\"management\":" + management(sketch) +
            ",\"before\":{" + how_it_ends(sketch) + "},\"boots\":[" + joined(boots) + "]}";
     document.Parse(text.data(), text.size());
-}
-
-enum oxnih_memory_mode machine_memory_mode(uint64_t seed)
-{
-    if (seed % 128 == 4)
-        return OXNIH_MEMORY_GUARD;
-    return seed % 16 == 4 ? OXNIH_MEMORY_FENCE : OXNIH_MEMORY_PLAIN;
-}
-
-int machine_log_level(uint64_t seed)
-{
-    return seed % 16 <= OXNI_LOG_DEBUG ? OXNI_LOG_DEBUG - static_cast<int>(seed % 16) : -1;
 }
 
 /* A step that must not change anything. who: a product of the machine. */

@@ -1,4 +1,4 @@
-/* The rooms of a long run. Host's one thread. */
+/* Random machines and the invariants that they are checked against. Host's one thread. */
 #ifndef SIMULATION_MACHINES_H
 #define SIMULATION_MACHINES_H
 
@@ -17,13 +17,7 @@
 void machine_generate(rapidjson::Document &document, uint64_t seed);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
-/* How the blocks of a machine of that seed are kept: one machine in sixteen has fenced or guarded
- * blocks, of which none may be lost, and its log level: one in 16 logs at each level, the others log
- * nothing. Both cost time. */
-enum oxnih_memory_mode machine_memory_mode(uint64_t seed);
-int machine_log_level(uint64_t seed);
-
-/* rules.cpp */
+/* invariants.cpp */
 
 struct simulate_finding {
     std::string rule; /* its short name in docs/simulation.md; empty: none is broken */

@@ -101,7 +101,7 @@ struct agent_model {
     std::map<uint64_t, chain> chains;     /* by context */
     std::map<uint64_t, timer> timers;     /* pending ones by handle */
     uint64_t recover_function, uptime_function;
-    bool recover_missed; /* the timer that watches the tag could not be armed */
+    bool recover_missed;            /* the timer that watches the tag could not be armed */
     json_t *document;               /* the plug-in's own, borrowed */
     std::set<std::string> bypassed; /* names that were in bypass */
     bool only_normal;
