@@ -1,4 +1,4 @@
-/* The program: which inputs of which targets, and what damage is. */
+/* The program: its command line, and the damage of inputs. */
 #include "fuzz.h"
 
 #include <stdio.h>
@@ -184,7 +184,7 @@ void violated(const std::string &what)
 {
     printf("violation: %s\n", what.c_str());
     fflush(stdout);
-    abort(); /* the watch says how to repeat it */
+    abort(); /* the watch prints the command to reproduce */
 }
 
 const std::string &fuzz_folder(void)

@@ -1,7 +1,6 @@
 /*
- * Bad input: programs of one process that hand made-up and damaged input to what reads it, and look
- * whether it holds. Every input follows from a seed and its number, so that one alone can be tried
- * again.
+ * Bad input: passes generated and damaged input to the code that reads it, and checks the results.
+ * Every input follows from the seed and its number, so that each can be repeated alone.
  */
 #ifndef TESTS_FUZZ_H
 #define TESTS_FUZZ_H
@@ -39,8 +38,8 @@ class chance
  * taken from other. */
 void damage(std::string *bytes, const std::string &other, chance &chance);
 
-/* A JSON text: members of an object that somebody reads among any others, any types, deep and
- * long ones now and then. keys: the names that somebody reads, words: texts that mean something. */
+/* A JSON text: an object with the keys that the reader knows and others, values of all types,
+ * sometimes deep or long. words: texts that mean something to the reader. */
 std::string odd_json(const std::vector<const char *> &keys, const std::vector<const char *> &words,
                      chance &chance);
 
@@ -49,7 +48,7 @@ class guarded
 {
   public:
     explicit guarded(size_t most);
-    /* Where the copy stands, until the next one. size at most the most; larger is cut. */
+    /* Returns the copy, valid until the next one. A larger size is reduced to the maximum. */
     const uint8_t *put(const void *bytes, size_t *size);
 
   private:

@@ -167,7 +167,7 @@ static void open_scenarios(void)
     s_scenarios.assign(std::begin(texts), std::end(texts));
 }
 
-/* Either it holds, or one line says why not. */
+/* A scenario loads, or one line names the file and the mistake. */
 static void try_scenario(chance &chance, uint64_t)
 {
     static const std::vector<const char *> keys = {"name",  "machine", "products", "management",

@@ -141,7 +141,7 @@ static void try_stack(chance &chance, uint64_t)
     for (const std::string &module : modules)
         if (module.find_first_of("!\n") != std::string::npos ||
             text.find(module) == std::string::npos)
-            violated("a module that is none: " + module);
+            violated("a module that is not in the text: " + module);
 }
 FUZZ_TARGET(debugger, open_nothing, try_stack, 1, 400)
 

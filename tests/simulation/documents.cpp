@@ -123,7 +123,7 @@ void documents_check_history(void)
     json_object_foreach(history, name, value)
     {
         WANT(model_machine.bypassed.count(name) != 0, "alarms",
-             std::string(name) + " stands in the history and was never in bypass");
+             std::string(name) + " is in the history and was never in bypass");
     }
     json_decref(history);
 }

@@ -49,7 +49,7 @@ static const char *const s_services[] = {"running", "running", "stopped", "stop_
 struct sketch {
     dice dice;
     int products;
-    bool plain;  /* nothing ever goes wrong */
+    bool plain;  /* nothing fails */
     bool sticky; /* products start in bypass and remain there, whatever they are ordered */
     bool blamed; /* most boots end with a blue screen of a driver, and recovery is requested */
 };
@@ -87,7 +87,7 @@ static std::string modules(sketch &sketch)
     return "[" + joined(names) + "]";
 }
 
-/* How a product answers a command when it does not do as it is told. */
+/* How a product answers a command that it does not obey. */
 static std::string answer(sketch &sketch)
 {
     if (sketch.dice.chance(40))
@@ -313,7 +313,7 @@ static std::string product_change(sketch &sketch)
     return "\"product\":" + some_product(sketch) + ",\"set\":{" + joined(members) + "}";
 }
 
-/* A registration that files nobody: the next one of the product is the usual again. */
+/* A registration without effect. The next one of the product is an ordinary one. */
 static std::string odd_registration(sketch &sketch)
 {
     return "\"product\":" + some_product(sketch) +
@@ -457,7 +457,7 @@ static json_value noise_step(double at, int which, const std::string &who,
     return json_value(step, allocator);
 }
 
-/* When the step behind one comes, or the boot's end. */
+/* The time of the step after one, or of the end of the boot. */
 static double next_moment(const json_value &boot, rapidjson::SizeType index)
 {
     const json_value &steps = boot["steps"];
@@ -467,8 +467,8 @@ static double next_moment(const json_value &boot, rapidjson::SizeType index)
     return boot.HasMember("until") ? boot["until"].GetDouble() : steps[index]["at"].GetDouble();
 }
 
-/* Right behind a step of the same kind the agent runs. What that step set going must come to its
- * end in any case, so nothing may end the agent or the boot at the same moment. */
+/* After a step of the same kind, the agent runs. What that step started must complete with and
+ * without the noise, so neither the agent nor the boot may end at the same moment. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed)
 {
     dice dice = {seed};

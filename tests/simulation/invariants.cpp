@@ -1,6 +1,6 @@
 /*
- * The rules of a long run. A model of products, chains and store goes along with the plug-in, told
- * only of what passes between it and the platform; after each delivery both must agree.
+ * The invariants of random machines. A model of products, chains and store follows what passes
+ * between plug-in and platform; after each delivery both must agree.
  */
 #include "machines.h"
 
@@ -29,10 +29,10 @@
 
 static simulate_finding s_finding;
 
-void broken(const char *rule, const std::string &what)
+void broken(const char *invariant, const std::string &what)
 {
-    if (s_finding.rule.empty())
-        s_finding = {rule, what, oxnih_clock_tick_ms(), journal_boot()};
+    if (s_finding.invariant.empty())
+        s_finding = {invariant, what, oxnih_clock_tick_ms(), journal_boot()};
 }
 
 static std::string order_text(const order &order)
@@ -117,7 +117,7 @@ static void check_handles(void)
     model_agent.excess = excess;
 }
 
-static const char *order_rule(void)
+static const char *order_invariant(void)
 {
     for (const order &order : model_agent.now.seen) {
         auto at = model_agent.members.find(order.to);
@@ -147,7 +147,7 @@ static void finish(void)
         return;
     if (model_agent.now.context != 0 || model_agent.now.registers != NULL)
         check_chain();
-    WANT(model_agent.now.seen == model_agent.now.expected, order_rule(),
+    WANT(model_agent.now.seen == model_agent.now.expected, order_invariant(),
          orders_text(model_agent.now.seen) + " ordered, expected " +
              orders_text(model_agent.now.expected));
     check_handles();
@@ -402,7 +402,7 @@ static const struct {
     {"oxni_path_del_file_u",   on_delete_file   },
 };
 
-void rules_open(void)
+void invariants_open(void)
 {
     model_agent = {};
     model_machine = {};
@@ -417,17 +417,17 @@ void rules_open(void)
     previous_boot_open();
 }
 
-const simulate_finding &rules_finding(void)
+const simulate_finding &invariants_finding(void)
 {
     return s_finding;
 }
 
-const std::vector<uint64_t> &rules_blocks(void)
+const std::vector<uint64_t> &invariants_blocks(void)
 {
     return model_machine.blocks;
 }
 
-void rules_close(void)
+void invariants_close(void)
 {
     for (const auto &row : s_watches)
         calls_set_watch(row.name, NULL);

@@ -7,10 +7,10 @@
 #include <string>
 
 /* Keeps the first invariant that is broken. */
-void broken(const char *rule, const std::string &what);
+void broken(const char *invariant, const std::string &what);
 
 /* Builds the text only when the invariant is broken: they are checked some hundred times a boot. */
-#define WANT(holds, rule, what) ((holds) ? (void)0 : broken(rule, what))
+#define WANT(holds, invariant, what) ((holds) ? (void)0 : broken(invariant, what))
 
 /* documents.cpp: store and upload history. Watches of calls, and checks after a delivery and at the
  * end of an agent. */

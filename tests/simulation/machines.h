@@ -20,18 +20,18 @@ void machine_add_noise(rapidjson::Document &document, uint64_t seed);
 /* invariants.cpp */
 
 struct simulate_finding {
-    std::string rule; /* its short name in docs/simulation.md; empty: none is broken */
+    std::string invariant; /* its name in docs/simulation.md; empty: none is broken */
     std::string what;
     uint64_t ms; /* since the start of Windows */
     int boot;    /* from 1 */
 };
 
-/* Looks on from here; called between play_open and the first boot. */
-void rules_open(void);
-/* The first rule that was broken. */
-const simulate_finding &rules_finding(void);
+/* Checks from here on; called between play_open and the first boot. */
+void invariants_open(void);
+/* The first invariant that was broken. */
+const simulate_finding &invariants_finding(void);
 /* Live blocks at each end of the agent's process so far. */
-const std::vector<uint64_t> &rules_blocks(void);
-void rules_close(void);
+const std::vector<uint64_t> &invariants_blocks(void);
+void invariants_close(void);
 
 #endif

@@ -1,6 +1,6 @@
 /*
- * The model that goes along with the plug-in on a random machine: told only of what passes between
- * plug-in and platform, it says which commands, chains and entries of the store must come of it.
+ * The model of the plug-in on a random machine: from what passes between plug-in and platform, it
+ * predicts commands, chains and entries of the store.
  * Host's one thread.
  */
 #ifndef SIMULATION_MODEL_H
@@ -113,7 +113,7 @@ struct agent_model {
     delivery now;
 };
 
-/* Of the machine, whatever agents come and go. */
+/* Of the machine; outlives the agents. */
 struct machine_model {
     std::map<std::string, entry> store;
     bool has_crash;
@@ -122,7 +122,7 @@ struct machine_model {
     std::set<std::string> bypassed;
     std::string on_disk; /* the document in the store's file */
     uint64_t on_disk_hash;
-    bool behind; /* it could not be written since */
+    bool behind; /* the document changed, and its last write failed */
     std::vector<uint64_t> blocks;
     uint64_t boot_seconds; /* of the boot that the store is of */
 };

@@ -141,7 +141,7 @@ TEST(test_find_new_crash_dump, record_and_names)
     oxnih_set_install_dir(NULL);
 }
 
-/* Without a minidump the complete dump counts, and its path is not told. */
+/* Without a minidump the complete dump counts, and its path stays unknown. */
 TEST(test_find_new_crash_dump, complete_dump)
 {
     temporary_folder folder;

@@ -20,7 +20,7 @@ static int refuse_request(const char *, json_t *request, void *, oxni_res_reply_
     return -1;
 }
 
-/* A report and what it owns; whichever allocation fails, none of it is lost and the line says what
+/* A report and what it owns; whichever allocation fails, nothing of it leaks and the log line names what
  * was missing. */
 TEST(test_report_pending, memory)
 {
@@ -81,7 +81,7 @@ TEST(test_report_abnormal_crash, results)
     EXPECT_EQ(live_blocks(), blocks);
 }
 
-/* Whichever allocation fails, an alarm has all its members or there is none. */
+/* Whichever allocation fails, there is an alarm with all its members, or no alarm. */
 TEST(test_alarm, memory)
 {
     const core_patches patches;
