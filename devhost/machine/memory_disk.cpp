@@ -293,7 +293,8 @@ static BOOL WINAPI stand_in_RemoveDirectoryW(const wchar_t *path)
     if (!memory_file_key(path, &key))
         return real_RemoveDirectoryW(path);
     if (!memory_is_folder(key))
-        return stand_in_fail(memory_missing(key), FALSE);
+        return stand_in_fail<BOOL>(
+            memory_file_find(key) != NULL ? ERROR_DIRECTORY : memory_missing(key), FALSE);
     auto inside = memory_files.lower_bound(key + L"\\");
     if (inside != memory_files.end() && inside->first.rfind(key + L"\\", 0) == 0)
         return stand_in_fail(ERROR_DIR_NOT_EMPTY, FALSE);
@@ -320,6 +321,18 @@ static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
     return TRUE;
 }
 
+/* Whether a file, or one in a folder, is open. */
+static bool is_open(const std::wstring &key)
+{
+    for (const auto &open : s_open)
+        for (auto at = memory_files.lower_bound(key);
+             at != memory_files.end() && at->first.rfind(key, 0) == 0; at++)
+            if (open.second.file == at->second &&
+                (at->first.size() == key.size() || at->first[key.size()] == L'\\'))
+                return true;
+    return false;
+}
+
 /* The error with which Windows refuses a move; ERROR_SUCCESS when it does not. */
 static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key, DWORD flags)
 {
@@ -328,16 +341,17 @@ static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key
 
     if (file == NULL)
         return memory_missing(old_key);
-    if (!memory_is_folder(memory_parent(new_key)))
-        return memory_missing(new_key);
     if (is_held(file, DELETE, all))
         return ERROR_SHARING_VIOLATION;
-    if (replaced == NULL || replaced == file)
-        return ERROR_SUCCESS;
+    if (!memory_is_folder(memory_parent(new_key)))
+        return memory_missing(new_key);
+    if (file->is_folder && is_open(old_key))
+        return ERROR_ACCESS_DENIED;
+    if (replaced == NULL || replaced == file) /* nor a folder into itself */
+        return new_key.rfind(old_key + L"\\", 0) == 0 ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
     if ((flags & MOVEFILE_REPLACE_EXISTING) == 0)
         return ERROR_ALREADY_EXISTS;
-    if (file->is_folder || replaced->is_folder ||
-        is_held(replaced, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE))
+    if (file->is_folder || replaced->is_folder || is_open(new_key))
         return ERROR_ACCESS_DENIED;
     return ERROR_SUCCESS;
 }
