@@ -162,7 +162,7 @@ class products
     }
 };
 
-/* The floor of storing a document: writes its text to the disk atomically. The file is in the
+/* The baseline of storing a document: writes its text to the disk atomically. The file is in the
  * store's directory, because Wine searches each directory of a path. */
 static void write_plainly(json_t *document)
 {

@@ -97,7 +97,7 @@ static std::string log_block(size_t bytes)
     return joined;
 }
 
-/* The floor of a scan: reads Length and EventID and finds the end of the source name of each
+/* The baseline of a scan: reads Length and EventID and finds the end of the source name of each
  * record. */
 static uint32_t walk_records(const std::string &block)
 {
@@ -138,7 +138,7 @@ static void scan(benchmark::State &state)
 }
 BENCHMARK(scan)->Arg(4096)->Arg(65536)->UseManualTime();
 
-/* The floor of a query: copies the log block by block into one buffer. */
+/* The baseline of a query: copies the log block by block into one buffer. */
 static void copy_log(const std::vector<std::string> &blocks)
 {
     static char buffer[BLOCK_BYTES];
