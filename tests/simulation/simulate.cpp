@@ -102,8 +102,8 @@ static bool still_breaks(const rapidjson::Document &document, const std::string 
     try {
         watch_try("a shrunk machine of the finding above", 0);
         scenario_check(scenario);
-        return play_pair(document, rule == "equal machines", folder, options).finding.invariant ==
-               rule;
+        return play_pair(document, invariant == "equal machines", folder, options)
+                   .finding.invariant == invariant;
     } catch (const devhost_error &) {
         return false; /* it lacks something that another part of it needs */
     }
