@@ -191,7 +191,20 @@ static int s_alarms, s_deliver_result;
 
 static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_fn, unsigned)
 {
+    const json_t *content = json_object_get(json_object_get(request, "data"), "content");
+    const json_t *data = json_object_get(content, "data");
+    const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
+
     s_alarms++;
+    EXPECT_EQ(json_object_size(data), 26u);
+    EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
+    EXPECT_NE(detail == NULL
+                  ? NULL
+                  : strstr(detail,
+                           "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": \"C:\\\\d\", "
+                           "\"dumpPathCreateTime\": \"then\", \"crashModuleName\": \"ma\"}}]"),
+              nullptr)
+        << detail;
     json_decref(request);
     if (s_deliver_result == 0)
         oxni_free_(user);
@@ -208,10 +221,12 @@ static int info_level(void)
     return OXNI_LOG_INFO;
 }
 
-/* An alarm is delivered once or not at all, and nothing of one is lost. */
+/* Whichever allocation fails, an alarm is delivered once with all its members, or not at all, and
+ * nothing of it leaks. */
 TEST(test_guards, alarm_without_memory)
 {
-    static const char answer[] = R"({"total": 1, "info": [{"product": "a"}]})";
+    static const char answer[] = R"({"total": 1, "info": [{"product": "a", "device_id": "d",
+                                                          "agent_version": "1"}]})";
     const core_patches patches;
     const import_patch deliver("oxni_res_deliver", keep_alarm);
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
@@ -229,6 +244,7 @@ TEST(test_guards, alarm_without_memory)
     }
     s_core.answer(0, answer);
     record->parsed = 1;
+    record->crash = {"C:\\d", "then", "ma"};
     for (uint64_t nth = 1; nth < 300 && reached; nth++) {
         SCOPED_TRACE(nth);
         const uint64_t blocks = live_blocks();

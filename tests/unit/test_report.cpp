@@ -81,41 +81,6 @@ TEST(test_report_abnormal_crash, results)
     EXPECT_EQ(live_blocks(), blocks);
 }
 
-/* Whichever allocation fails, there is an alarm with all its members, or no alarm. */
-TEST(test_alarm, memory)
-{
-    const core_patches patches;
-    const struct crash_info crash = {"C:\\d", "then", "ma"};
-    char module[] = "ma", *names[] = {module};
-    const uint64_t blocks = live_blocks();
-    bool reached = true;
-
-    for (uint64_t nth = 1; nth < 300 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        json_t *content;
-        {
-            failing_memory failing(nth);
-            content = build_alarm_content(names, 1, "a", &crash);
-            reached = failing.reached();
-        }
-        const json_t *data = json_object_get(content, "data");
-        const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
-        EXPECT_EQ(content != NULL, !reached);
-        if (content != NULL) {
-            EXPECT_EQ(json_object_size(data), 26u);
-            EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
-            EXPECT_NE(strstr(detail, "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": "
-                                     "\"C:\\\\d\", \"dumpPathCreateTime\": \"then\", "
-                                     "\"crashModuleName\": \"ma\"}}]"),
-                      nullptr)
-                << detail;
-        }
-        json_decref(content);
-        EXPECT_EQ(live_blocks(), blocks);
-    }
-    EXPECT_FALSE(reached);
-}
-
 /* Before the management side has named a device, constants take its place. */
 TEST(test_alarm, without_a_device)
 {

@@ -119,23 +119,17 @@ static void *failing_malloc(size_t bytes)
 }
 
 failing_allocations::failing_allocations(uint64_t nth, bool forever)
-    : malloc_("malloc", failing_malloc), failed_before_(failed_blocks())
+    : failing_memory(nth, forever), malloc_("malloc", failing_malloc)
 {
     s_real_malloc =
         proc_address<decltype(s_real_malloc)>(GetModuleHandleW(L"msvcrt.dll"), "malloc");
     s_fail_in = nth;
     s_malloc_failed = false;
-    oxnih_memory_fail(nth, forever);
-}
-
-failing_allocations::~failing_allocations()
-{
-    oxnih_memory_fail(0, 0);
 }
 
 bool failing_allocations::reached() const
 {
-    return s_malloc_failed || failed_blocks() != failed_before_;
+    return s_malloc_failed || failing_memory::reached();
 }
 
 failing_memory::failing_memory(uint64_t nth, bool forever) : failed_before_(failed_blocks())

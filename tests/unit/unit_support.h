@@ -34,33 +34,30 @@ class log_sink
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
 
-/* While it lives, the nth call of malloc in this executable fails, and so does the nth allocation of
- * the platform's allocator: C++ code may use either. forever: all later ones of the platform's, too;
- * without malloc the C++ library could not even throw. Test code that runs meanwhile must not
- * allocate. */
-class failing_allocations
-{
-  public:
-    failing_allocations(uint64_t nth, bool forever);
-    ~failing_allocations();
-    /* Whether any allocation has failed. */
-    bool reached() const;
-
-  private:
-    import_patch malloc_;
-    uint64_t failed_before_;
-};
-
-/* The same for the platform's allocator alone: test code may allocate. */
+/* While it lives, the nth allocation of the platform's allocator fails; forever: all later ones, too.
+ * Test code may allocate by other means. */
 class failing_memory
 {
   public:
     explicit failing_memory(uint64_t nth, bool forever = false);
     ~failing_memory();
+    /* Whether any allocation has failed. */
     bool reached() const;
 
   private:
     uint64_t failed_before_;
+};
+
+/* The nth call of malloc in this executable fails, too, once: C++ code may use either. Test code that
+ * runs meanwhile must not allocate. */
+class failing_allocations : public failing_memory
+{
+  public:
+    failing_allocations(uint64_t nth, bool forever);
+    bool reached() const;
+
+  private:
+    import_patch malloc_;
 };
 
 /* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
