@@ -34,10 +34,10 @@ static bool accepts(const std::string &named, const std::function<void()> &read)
     }
 }
 
-/* A good file that is damaged, or JSON; written to that name. */
-static std::string put_damaged(const char *name, const std::string &text)
+/* Writes an input. Result: its path. */
+static std::string put_input(const char *name, const std::string &text)
 {
-    const std::string path = fuzz_real_folder() + name;
+    std::string path = fuzz_real_folder() + name;
 
     put_file(path, text);
     return path;
@@ -105,11 +105,11 @@ static void try_evtx(chance &chance, uint64_t)
     } else {
         std::string records = log.substr(4096, 4096);
         damage(&records, s_good[0].substr(4608, 2048), chance);
-        log = log.substr(0, 4096) + records + log.substr(8192);
+        log.replace(4096, 4096, records);
     }
     if (!chance.one_in(4))
         evtx_seal(&log);
-    read_log(put_damaged("fuzz.evtx", log), chance);
+    read_log(put_input("fuzz.evtx", log), chance);
 }
 FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
 
@@ -132,7 +132,7 @@ static void try_json_log(chance &chance, uint64_t)
 
     for (size_t left = chance.below(4); left > 0; left--)
         text += (text.empty() ? "" : ",") + odd_json(s_log_keys, s_log_words, chance);
-    read_log(put_damaged("fuzz.json", chance.one_in(2) ? damaged_good(chance) : "[" + text + "]"),
+    read_log(put_input("fuzz.json", chance.one_in(2) ? damaged_good(chance) : "[" + text + "]"),
              chance);
 }
 FUZZ_TARGET(json_log, open_json_log, try_json_log, 1, 1000)
@@ -157,7 +157,7 @@ static void open_registry(void)
 
 static void try_registry(chance &chance, uint64_t)
 {
-    const std::string path = put_damaged("fuzz.reg", damaged_good(chance));
+    const std::string path = put_input("fuzz.reg", damaged_good(chance));
     evidence_registry registry;
 
     if (accepts(path, [&] { evidence_registry_read(path, &registry); }))
@@ -204,8 +204,8 @@ static int diff_silently(const std::string &old_file, const std::string &new_fil
 
 static void try_results(chance &chance, uint64_t)
 {
-    const std::string good = put_damaged("good.json", chance.of(s_good));
-    const std::string text = damaged_good(chance), path = put_damaged("fuzz.json", text);
+    const std::string good = put_input("good.json", chance.of(s_good));
+    const std::string text = damaged_good(chance), path = put_input("fuzz.json", text);
     const int result = diff_silently(path, path);
 
     if (result > 0)
