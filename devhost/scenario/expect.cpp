@@ -17,18 +17,16 @@
 #include "products.h"
 
 struct expect_context {
-    const struct scenario &scenario;
-    std::string where; /* of the member */
-    const json_value &value;
+    const node &value; /* of the member */
     std::vector<std::string> &failures;
 };
 
-/* First happening that the next expectation looks at. */
+/* The first journal entry that the next expectation covers. */
 static size_t s_from;
 
 static void fail(const expect_context &context, const std::string &why)
 {
-    context.failures.push_back(context.scenario.file + ": " + context.where + ": " + why);
+    context.failures.push_back(context.value.place() + ": " + why);
 }
 
 static void check(const expect_context &context, const std::string &why)
@@ -71,17 +69,17 @@ static void check_messages(const expect_context &context, enum happening_kind ki
     std::vector<const happening *> found = happenings(kind);
     size_t index = 0;
 
-    for (const json_value &expected : context.value.GetArray()) {
+    for (const node &expected : context.value.elements()) {
         rapidjson::Document actual;
         std::string place = "[" + std::to_string(index) + "]";
 
         if (index == found.size()) {
-            fail(context, place + " did not come, expected " + node_to_text(expected));
+            fail(context, place + " did not come, expected " + node_to_text(*expected));
             return;
         }
         const std::string &whom = kind == HAPPENED_COMMAND ? found[index]->whom : found[index]->who;
         message_json(*found[index], whom_member, whom, actual);
-        check(context, match_json(expected, actual, place));
+        check(context, match_json(*expected, actual, place));
         index++;
     }
     if (index < found.size())
@@ -107,14 +105,14 @@ static void check_uploads(const expect_context &context)
     std::vector<const happening *> found = happenings(HAPPENED_UPLOAD);
     size_t index = 0;
 
-    if (found.size() != context.value.Size())
+    if (found.size() != context.value->Size())
         fail(context, text_format("%u came, expected %u", static_cast<unsigned>(found.size()),
-                                  context.value.Size()));
-    for (; index < found.size() && index < context.value.Size(); index++) {
+                                  context.value->Size()));
+    for (; index < found.size() && index < context.value->Size(); index++) {
         rapidjson::Document actual;
 
         actual.Parse(found[index]->json.c_str());
-        check(context, match_json(context.value[static_cast<rapidjson::SizeType>(index)], actual,
+        check(context, match_json((*context.value)[static_cast<rapidjson::SizeType>(index)], actual,
                                   "[" + std::to_string(index) + "]"));
     }
 }
@@ -125,15 +123,15 @@ static void check_in_order(const expect_context &context, enum happening_kind ki
     std::vector<const happening *> found = happenings(kind);
     size_t at = 0;
 
-    for (const json_value &expected : context.value.GetArray()) {
-        std::string pattern = "*" + match_expand(expected.GetString()) + "*";
+    for (const node &expected : context.value.elements()) {
+        std::string pattern = "*" + match_expand(expected->GetString()) + "*";
         size_t start = at;
 
         while (at < found.size() && !text_fits(found[at]->text, pattern))
             at++;
         if (at == found.size()) {
             fail(context,
-                 text_format("no \"%s\" behind number %u of %u", expected.GetString(),
+                 text_format("no \"%s\" behind number %u of %u", expected->GetString(),
                              static_cast<unsigned>(start), static_cast<unsigned>(found.size())));
             return;
         }
@@ -143,9 +141,9 @@ static void check_in_order(const expect_context &context, enum happening_kind ki
 
 static void check_none(const expect_context &context, enum happening_kind kind)
 {
-    for (const json_value &pattern : context.value.GetArray())
+    for (const node &pattern : context.value.elements())
         for (const happening *what : happenings(kind))
-            if (text_fits(what->text, "*" + match_expand(pattern.GetString()) + "*")) {
+            if (text_fits(what->text, "*" + match_expand(pattern->GetString()) + "*")) {
                 fail(context, "came although it should not: " + what->text);
                 return;
             }
@@ -156,18 +154,18 @@ static void check_list(const expect_context &context, enum happening_kind kind)
 {
     std::vector<const happening *> found = happenings(kind);
 
-    if (found.size() != context.value.Size()) {
+    if (found.size() != context.value->Size()) {
         fail(context, text_format("%u came, expected %u%s%s", static_cast<unsigned>(found.size()),
-                                  context.value.Size(), found.empty() ? "" : "; the first is ",
+                                  context.value->Size(), found.empty() ? "" : "; the first is ",
                                   found.empty() ? "" : found[0]->text.c_str()));
         return;
     }
     for (size_t i = 0; i < found.size(); i++) {
-        const json_value &expected = context.value[static_cast<rapidjson::SizeType>(i)];
+        const json_value *expected = &(*context.value)[static_cast<rapidjson::SizeType>(i)];
 
-        if (!text_fits(found[i]->text, match_expand(expected.GetString())))
+        if (!text_fits(found[i]->text, match_expand(expected->GetString())))
             fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text + "\", expected \"" +
-                              match_expand(expected.GetString()) + "\"");
+                              match_expand(expected->GetString()) + "\"");
     }
 }
 
@@ -183,16 +181,16 @@ static void check_no_log(const expect_context &context)
 
 static void check_log_counts(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        std::string pattern = std::string("*") + match_expand(member.name.GetString()) + "*";
+    for (const auto &[name, value] : context.value.members()) {
+        std::string pattern = "*" + match_expand(name) + "*";
         int64_t count = 0;
 
         for (const happening *what : happenings(HAPPENED_LOG))
             count += text_fits(what->text, pattern) ? 1 : 0;
-        if (count != member.value.GetInt64())
-            fail(context, text_format("\"%s\" came %lld times, expected %lld",
-                                      member.name.GetString(), static_cast<long long>(count),
-                                      static_cast<long long>(member.value.GetInt64())));
+        if (count != value->GetInt64())
+            fail(context, text_format("\"%s\" occurs %lld times, expected %lld", name.c_str(),
+                                      static_cast<long long>(count),
+                                      static_cast<long long>(value->GetInt64())));
     }
 }
 
@@ -223,56 +221,54 @@ static void check_no_calls(const expect_context &context)
 
 static void check_call_counts(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        uint64_t count = calls_count(member.name.GetString());
+    for (const auto &[name, value] : context.value.members()) {
+        uint64_t count = calls_count(name);
 
-        if (!calls_known(member.name.GetString()))
-            fail(context, std::string(member.name.GetString()) + " is no call that is counted");
-        if (count != member.value.GetUint64())
-            fail(context,
-                 text_format("%s was called %llu times, expected %llu", member.name.GetString(),
-                             static_cast<unsigned long long>(count),
-                             static_cast<unsigned long long>(member.value.GetUint64())));
+        if (!calls_known(name))
+            fail(context, name + " is not a call that is counted");
+        if (count != value->GetUint64())
+            fail(context, text_format("%s was called %llu times, expected %llu", name.c_str(),
+                                      static_cast<unsigned long long>(count),
+                                      static_cast<unsigned long long>(value->GetUint64())));
     }
 }
 
 static void check_products(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
+    for (const auto &[name, value] : context.value.members()) {
         rapidjson::Document actual;
 
-        actual.Parse(product_state_text(member.name.GetString()).c_str());
-        check(context, match_json(member.value, actual, member.name.GetString()));
+        actual.Parse(product_state_text(name).c_str());
+        check(context, match_json(*value, actual, name));
     }
 }
 
 /* Documents of the plug-in by file name; null: the file must not be there. */
 static void check_documents(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        std::string name = member.name.GetString();
+    for (const auto &[name, value] : context.value.members()) {
         json_t *document = wdu_json_load_file_ejs(agent_data_path(name).c_str());
         rapidjson::Document actual;
 
         actual.Parse(text_of_json(document).c_str());
         wdu_json_delete_ejs(document);
-        check(context, match_json(member.value, actual, name));
+        check(context, match_json(*value, actual, name));
     }
 }
 
 static void check_registry(const expect_context &context)
 {
-    for (const json_value &expected : context.value.GetArray()) {
-        std::string key = node_text_of(&expected, "key", ""), text;
-        std::string name = node_text_of(&expected, "name", "");
+    for (const node &expected : context.value.elements()) {
+        std::string key = expected.text("key"), name = expected.text("name"), text;
         bool there = machine_get_value(text_wide(key), text_wide(name), &text);
-        const json_value *data = node_member(&expected, "data");
-        std::string wanted =
-            data == NULL ? "" : (data->IsString() ? data->GetString() : node_to_text(*data));
+        node data = expected["data"];
+        std::string wanted = !data              ? ""
+                             : data->IsString() ? data->GetString()
+                                                : node_to_text(*data);
 
-        if (data == NULL && there)
+        if (!data && there)
             fail(context, key + ": " + name + " is \"" + text + "\", expected no such value");
-        else if (data != NULL && (!there || !text_fits(text, match_expand(wanted))))
+        else if (data && (!there || !text_fits(text, match_expand(wanted))))
             fail(context, key + ": " + name + (there ? " is \"" + text + "\"" : " is missing") +
                               ", expected \"" + wanted + "\"");
     }
@@ -280,35 +276,33 @@ static void check_registry(const expect_context &context)
 
 static void check_keys(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject())
-        if (machine_key_exists(text_wide(member.name.GetString())) != member.value.GetBool())
-            fail(context, std::string(member.name.GetString()) +
-                              (member.value.GetBool() ? " is missing" : " is there"));
+    for (const auto &[name, value] : context.value.members())
+        if (machine_key_exists(text_wide(name)) != value->GetBool())
+            fail(context, name + (value->GetBool() ? " is missing" : " exists"));
 }
 
 /* true or false: there or not; a text: its content; a number: the count of a crash record. */
 static void check_files(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        std::wstring wide = machine_setup_path(member.name.GetString());
+    for (const auto &[name, value] : context.value.members()) {
+        std::wstring wide = machine_setup_path(name);
         bool there = machine_file_exists(wide);
-        bool wanted = !member.value.IsBool() || member.value.GetBool();
-        std::string name = member.name.GetString();
+        bool wanted = !value->IsBool() || value->GetBool();
         std::string content;
 
         if (there != wanted) {
-            fail(context, name + (wanted ? " is missing" : " is there"));
+            fail(context, name + (wanted ? " is missing" : " exists"));
             continue;
         }
-        if (member.value.IsBool())
+        if (value->IsBool())
             continue;
         content = machine_read_real_file(machine_real_path(wide), EXIT_BAD_CALL);
-        if (member.value.IsInt64())
+        if (value->IsInt64())
             content = std::to_string(machine_setup_record_count(content));
-        std::string expected = member.value.IsString() ? match_expand(member.value.GetString())
-                                                       : node_to_text(member.value);
+        std::string expected =
+            value->IsString() ? match_expand(value->GetString()) : node_to_text(*value);
         if (!text_fits(content, expected))
-            fail(context, name + " holds \"" + content + "\", expected \"" + expected + "\"");
+            fail(context, name + " contains \"" + content + "\", expected \"" + expected + "\"");
     }
 }
 
@@ -316,17 +310,17 @@ static void check_agent(const expect_context &context)
 {
     static const char *const words[] = {"running", "stopped", "exited"};
 
-    if (words[agent_state_get()] != std::string(context.value.GetString()))
+    if (words[agent_state_get()] != std::string(context.value->GetString()))
         fail(context, std::string("is ") + words[agent_state_get()] + ", expected " +
-                          context.value.GetString());
+                          context.value->GetString());
 }
 
 static void check_pending_replies(const expect_context &context)
 {
-    if (oxnih_core_pending_replies() != context.value.GetUint64())
+    if (oxnih_core_pending_replies() != context.value->GetUint64())
         fail(context, text_format("%llu, expected %llu",
                                   static_cast<unsigned long long>(oxnih_core_pending_replies()),
-                                  static_cast<unsigned long long>(context.value.GetUint64())));
+                                  static_cast<unsigned long long>(context.value->GetUint64())));
 }
 
 static const struct {
@@ -354,43 +348,28 @@ static const struct {
     {"pending_replies", check_pending_replies },
 };
 
-/* A complaint or a refused message that nobody expects is a failure of its own. */
-static void check_unexpected(const struct scenario &scenario, const std::string &where,
-                             const json_value &expect, std::vector<std::string> &failures)
+static void check_unexpected(const node &where, enum happening_kind kind,
+                             std::vector<std::string> &failures)
 {
-    static const struct {
-        const char *member;
-        enum happening_kind kind;
-    } kinds[] = {
-        {"complaints", HAPPENED_COMPLAINT},
-        {"refused",    HAPPENED_REFUSED  }
-    };
-
-    for (const auto &row : kinds)
-        if (node_member(&expect, row.member) == NULL)
-            for (const happening *what : happenings(row.kind))
-                failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
+    for (const happening *what : happenings(kind))
+        failures.push_back(where.place() + ": not expected: " + what->text);
 }
 
-void expect_check(const struct scenario &scenario, const std::string &where,
-                  const json_value &expect, std::vector<std::string> &failures)
+void expect_check(const node &expect, std::vector<std::string> &failures)
 {
-    for (const auto &row : s_checks) {
-        const json_value *value = node_member(&expect, row.member);
-
-        if (value != NULL)
-            row.check({scenario, where + "/" + row.member, *value, failures});
-    }
-    check_unexpected(scenario, where, expect, failures);
-    s_from = journal_all().size();
-    calls_reset_counts();
+    for (const auto &row : s_checks)
+        if (node value = expect[row.member])
+            row.check({value, failures});
+    if (!expect["complaints"])
+        check_unexpected(expect, HAPPENED_COMPLAINT, failures);
+    if (!expect["refused"])
+        check_unexpected(expect, HAPPENED_REFUSED, failures);
+    expect_start_boot();
 }
 
-void expect_no_complaints(const struct scenario &scenario, const std::string &where,
-                          std::vector<std::string> &failures)
+void expect_no_complaints(const node &boot, std::vector<std::string> &failures)
 {
-    for (const happening *what : happenings(HAPPENED_COMPLAINT))
-        failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
+    check_unexpected(boot, HAPPENED_COMPLAINT, failures);
     s_from = journal_all().size();
 }
 

@@ -9,7 +9,8 @@
 
 #include "scenario.h"
 
-void products_open(const struct scenario &scenario);
+/* products: of the scenario, may be missing. */
+void products_open(const node &products);
 /* Plans the registrations of the products that register by themselves. */
 void products_agent_started(void);
 /* Forgets their handles, which end with the agent. */
@@ -21,7 +22,7 @@ void product_send(const std::string &key, const json_value &message);
 void product_tell(const std::string &key);
 void product_unsubscribe(const std::string &key);
 /* Changes the members of a product that are given. */
-void product_change(const std::string &key, const json_value &changes);
+void product_change(const std::string &key, const node &changes);
 /* {"status": ..., "count": ..., "commands": ..., "references": ...} as JSON text. */
 std::string product_state_text(const std::string &key);
 std::vector<std::string> product_keys(void);

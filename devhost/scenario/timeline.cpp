@@ -45,12 +45,11 @@ uint64_t timeline_ms(double seconds)
     return static_cast<uint64_t>(llround(seconds * 1000.0));
 }
 
-uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
-                       const json_value *value, uint64_t missing)
+uint64_t timeline_time(const node &value, uint64_t missing)
 {
     uint64_t time;
 
-    if (value == NULL)
+    if (!value)
         return missing;
     if (value->IsNumber()) {
         int64_t ticks = static_cast<int64_t>(value->GetDouble() * TICKS_PER_SECOND);
@@ -58,6 +57,6 @@ uint64_t timeline_time(const struct scenario &scenario, const std::string &where
         return machine_get().boot_100ns + static_cast<uint64_t>(ticks);
     }
     if (!value->IsString() || !time_parse(value->GetString(), &time))
-        scenario_bad(scenario, where, "expected a time such as 2024-03-07T09:05:41Z, or seconds");
+        value.bad("expected a time such as 2024-03-07T09:05:41Z, or seconds");
     return time;
 }

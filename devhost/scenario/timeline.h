@@ -1,6 +1,6 @@
 /*
- * The timeline of a boot: what happens when, the present moment, and the times of a scenario. It uses
- * none of the other files here but the scenario.
+ * The timeline of a boot: planned actions, the present moment, and the times of a scenario. Of this
+ * directory it uses only the scenario.
  */
 #ifndef DEVHOST_TIMELINE_H
 #define DEVHOST_TIMELINE_H
@@ -29,9 +29,12 @@ uint64_t timeline_now_ms(void);
 /* Milliseconds of a number of seconds. */
 uint64_t timeline_ms(double seconds);
 
-/* A time of the scenario, ISO 8601 or seconds since this boot's start, as a FILETIME. missing: the
- * result for no value. Throws devhost_error that names where. */
-uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
-                       const json_value *value, uint64_t missing);
+/* Returns a time of the scenario, ISO 8601 or seconds since this boot's start, as a FILETIME.
+ * missing: the result for a missing value. Throws devhost_error. */
+uint64_t timeline_time(const node &value, uint64_t missing);
+
+/* Defaults of a boot. */
+#define AGENT_START_SECONDS 10.0
+#define BOOT_SECONDS        600.0
 
 #endif
