@@ -109,6 +109,11 @@ void agent_start(void)
     }
 }
 
+uint64_t agent_init_again(void)
+{
+    return init_of(s_plugin)();
+}
+
 void agent_stop(void)
 {
     if (s_plugin == NULL)

@@ -35,9 +35,11 @@ bool calls_can_fail(const std::string &name, uint32_t error);
  * none. */
 std::vector<std::string> calls_failing(void);
 std::vector<uint32_t> calls_errors(const std::string &name);
-/* The nth call from here on (1 is the next) of a name fails with that error, and so do the ones
- * behind it, times altogether; 0: for ever. A name that cannot fail is ignored. */
-void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
+/* The nth call from now on (1 is the next) of a name fails with that error, and so do the following
+ * ones, times altogether; 0: persistently. with: only calls with these arguments count, as traces
+ * print them, * for any characters; empty: all. A name that cannot fail is ignored. */
+void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error,
+                const std::string &with = "");
 void calls_clear_failures(void);
 
 /* Calls of a name since the start or the last reset. */

@@ -2,6 +2,7 @@
 #include "session.h"
 
 #include <stdio.h>
+#include <string.h>
 #include <windows.h>
 
 #include "../../platform/liboxni_core/host.h"
@@ -32,7 +33,8 @@ static bool wants_trace(const json_value &value)
 {
     if (value.IsObject())
         for (const auto &member : value.GetObject())
-            if (member.name == "calls" || member.name == "no_calls" || wants_trace(member.value))
+            if (member.name == "calls" || member.name == "no_calls" || member.name == "sequence" ||
+                strchr(member.name.GetString(), '(') != NULL || wants_trace(member.value))
                 return true;
     if (value.IsArray())
         for (const json_value &element : value.GetArray())

@@ -2,10 +2,20 @@
 #include "agent_process.h"
 
 #include "../agent/agent.h"
+#include "callbacks.h"
 #include "management.h"
+#include "observe.h"
 #include "products.h"
 #include "journal.h"
 #include "timeline.h"
+
+/* All that ends with the agent's process. */
+static void forget_agent(void)
+{
+    products_agent_stopped();
+    observe_agent_stopped();
+    callbacks_agent_stopped();
+}
 
 void agent_process_start(void)
 {
@@ -15,6 +25,7 @@ void agent_process_start(void)
     agent_start();
     if (agent_state_get() == AGENT_EXITED) {
         agent_stop();
+        forget_agent();
         journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
         return;
     }
@@ -29,7 +40,7 @@ void agent_process_stop(const std::string &why)
     /* Recorded while everything is still there to be examined. */
     journal_add(HAPPENED_AGENT, "agent", why);
     agent_stop();
-    products_agent_stopped();
+    forget_agent();
 }
 
 void agent_process_run_until(uint64_t ms)
@@ -38,7 +49,7 @@ void agent_process_run_until(uint64_t ms)
 
     agent_run_until(ms > timeline_now_ms() ? ms : timeline_now_ms());
     if (was_running && agent_state_get() == AGENT_EXITED) {
-        products_agent_stopped();
+        forget_agent();
         journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
     }
 }

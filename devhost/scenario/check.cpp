@@ -127,10 +127,28 @@ static std::string check_receiver(const node &value)
                                                                             : check_product(value);
 }
 
+static std::string check_hex(const node &value)
+{
+    std::string hex = value->GetString();
+
+    return hex.size() % 2 == 0 &&
+                   hex.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos
+               ? ""
+               : "expected pairs of hexadecimal digits such as \"00ff\", found " +
+                     node_to_text(*value);
+}
+
+static std::string check_one_member(const node &value)
+{
+    return value->MemberCount() == 1 ? "" : "expected one member, the kind of the event";
+}
+
 static const struct {
     const char *name;
     std::string (*check)(const node &value);
 } s_formats[] = {
+    {"hex",            check_hex                  },
+    {"one-member",     check_one_member           },
     {"date-time",      check_time                 },
     {"time-zone",      check_time_zone            },
     {"evidence",       check_evidence             },

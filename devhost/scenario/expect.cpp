@@ -14,7 +14,9 @@
 #include "match.h"
 #include "journal.h"
 #include "machine_setup.h"
+#include "observe.h"
 #include "products.h"
+#include "timeline.h"
 
 struct expect_context {
     const node &value; /* of the member */
@@ -46,25 +48,26 @@ static std::vector<const happening *> happenings(enum happening_kind kind)
     return found;
 }
 
-/* A happening with a message as JSON: the message's members behind "at" in seconds and to or from
- * whom. */
-static void message_json(const happening &what, const char *whom_member, const std::string &whom,
-                         rapidjson::Document &json)
+/* An event with a message as JSON: the members of the message, "at" in seconds, and "to" for a
+ * command, else "from". */
+static void message_json(const happening &what, rapidjson::Document &json)
 {
+    const bool command = what.kind == HAPPENED_COMMAND;
     json_value at(static_cast<double>(what.ms) / 1000.0), name;
 
     json.Parse(what.json.empty() ? "{}" : what.json.c_str());
+    if (what.kind == HAPPENED_UPLOAD)
+        return;
     if (!json.IsObject())
         json.SetObject();
     auto &memory = json.GetAllocator();
-    name.SetString(whom.c_str(), memory);
+    name.SetString((command ? what.whom : what.who).c_str(), memory);
     json.AddMember("at", at, memory);
-    json.AddMember(rapidjson::StringRef(whom_member), name, memory);
+    json.AddMember(rapidjson::StringRef(command ? "to" : "from"), name, memory);
 }
 
 /* Messages of a kind, in order, as many as expected and each fitting. */
-static void check_messages(const expect_context &context, enum happening_kind kind,
-                           const char *whom_member)
+static void check_messages(const expect_context &context, enum happening_kind kind)
 {
     std::vector<const happening *> found = happenings(kind);
     size_t index = 0;
@@ -74,77 +77,110 @@ static void check_messages(const expect_context &context, enum happening_kind ki
         std::string place = "[" + std::to_string(index) + "]";
 
         if (index == found.size()) {
-            fail(context, place + " did not come, expected " + node_to_text(*expected));
+            fail(context, place + " is missing, expected " + node_to_text(*expected));
             return;
         }
-        const std::string &whom = kind == HAPPENED_COMMAND ? found[index]->whom : found[index]->who;
-        message_json(*found[index], whom_member, whom, actual);
+        message_json(*found[index], actual);
         check(context, match_json(*expected, actual, place));
         index++;
     }
     if (index < found.size())
         fail(context,
-             text_format("%u came, expected %u; the next is ", static_cast<unsigned>(found.size()),
-                         static_cast<unsigned>(index)) +
+             text_format("%u events, expected %u; the next is ",
+                         static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
                  found[index]->text + " " + found[index]->json);
 }
 
 static void check_commands(const expect_context &context)
 {
-    check_messages(context, HAPPENED_COMMAND, "to");
+    check_messages(context, HAPPENED_COMMAND);
 }
 
 static void check_product_messages(const expect_context &context)
 {
-    check_messages(context, HAPPENED_MESSAGE, "from");
+    check_messages(context, HAPPENED_MESSAGE);
 }
 
-/* Uploads are compared as they stand. */
 static void check_uploads(const expect_context &context)
 {
-    std::vector<const happening *> found = happenings(HAPPENED_UPLOAD);
-    size_t index = 0;
-
-    if (found.size() != context.value->Size())
-        fail(context, text_format("%u came, expected %u", static_cast<unsigned>(found.size()),
-                                  context.value->Size()));
-    for (; index < found.size() && index < context.value->Size(); index++) {
-        rapidjson::Document actual;
-
-        actual.Parse(found[index]->json.c_str());
-        check(context, match_json((*context.value)[static_cast<rapidjson::SizeType>(index)], actual,
-                                  "[" + std::to_string(index) + "]"));
-    }
+    check_messages(context, HAPPENED_UPLOAD);
 }
 
-/* The texts in order; others may stand between them. */
+/* A log line that contains a text, or has a level, a file and a part of its text. */
+static bool log_fits(const node &expected, const std::string &line, int level)
+{
+    static const char *const levels[] = {"error", "warn", "info", "debug"};
+    log_line parts = text_log_line(line);
+    std::string file = parts.place.substr(0, parts.place.rfind(':'));
+
+    if (expected->IsString())
+        return match_part(line, expected->GetString());
+    if (expected["level"] && (level < 0 || level > 3 || expected.text("level") != levels[level] ||
+                              expected.text("level") != parts.level))
+        return false;
+    return match_text(file, expected.text("file", "*")) &&
+           match_part(parts.message, expected.text("text"));
+}
+
+static bool event_fits(const node &expected, const happening &what)
+{
+    rapidjson::Document actual;
+
+    if (what.kind == HAPPENED_LOG)
+        return log_fits(expected, what.text, what.number);
+    if (expected->IsString())
+        return match_part(what.text, expected->GetString());
+    message_json(what, actual);
+    return match_json(*expected, actual, "").empty();
+}
+
+struct expected_event {
+    enum happening_kind kind;
+    node value;
+};
+
+/* The events in this order; others may be between them. */
+static void check_order(const expect_context &context, const std::vector<expected_event> &expected)
+{
+    const std::vector<happening> &all = journal_all();
+    size_t at = s_from, found = 0;
+
+    for (; found < expected.size() && at < all.size(); at++)
+        if (all[at].kind == expected[found].kind && all[at].boot == journal_boot() &&
+            event_fits(expected[found].value, all[at]))
+            found++;
+    if (found < expected.size())
+        fail(context, "no " + node_to_text(*expected[found].value) +
+                          (found == 0 ? std::string()
+                                      : " after " + node_to_text(*expected[found - 1].value)));
+}
+
 static void check_in_order(const expect_context &context, enum happening_kind kind)
 {
-    std::vector<const happening *> found = happenings(kind);
-    size_t at = 0;
+    std::vector<expected_event> expected;
 
-    for (const node &expected : context.value.elements()) {
-        std::string pattern = "*" + match_expand(expected->GetString()) + "*";
-        size_t start = at;
+    for (const node &element : context.value.elements())
+        expected.push_back({kind, element});
+    check_order(context, expected);
+}
 
-        while (at < found.size() && !text_fits(found[at]->text, pattern))
-            at++;
-        if (at == found.size()) {
-            fail(context,
-                 text_format("no \"%s\" behind number %u of %u", expected->GetString(),
-                             static_cast<unsigned>(start), static_cast<unsigned>(found.size())));
-            return;
-        }
-        at++;
-    }
+/* Events of several kinds in one order; each names its kind. */
+static void check_sequence(const expect_context &context)
+{
+    std::vector<expected_event> expected;
+
+    for (const node &element : context.value.elements())
+        for (const auto &[kind, value] : element.members())
+            expected.push_back({journal_kind(kind), value});
+    check_order(context, expected);
 }
 
 static void check_none(const expect_context &context, enum happening_kind kind)
 {
-    for (const node &pattern : context.value.elements())
+    for (const node &unexpected : context.value.elements())
         for (const happening *what : happenings(kind))
-            if (text_fits(what->text, "*" + match_expand(pattern->GetString()) + "*")) {
-                fail(context, "came although it should not: " + what->text);
+            if (event_fits(unexpected, *what)) {
+                fail(context, "not expected: " + what->text);
                 return;
             }
 }
@@ -155,7 +191,7 @@ static void check_list(const expect_context &context, enum happening_kind kind)
     std::vector<const happening *> found = happenings(kind);
 
     if (found.size() != context.value->Size()) {
-        fail(context, text_format("%u came, expected %u%s%s", static_cast<unsigned>(found.size()),
+        fail(context, text_format("%u events, expected %u%s%s", static_cast<unsigned>(found.size()),
                                   context.value->Size(), found.empty() ? "" : "; the first is ",
                                   found.empty() ? "" : found[0]->text.c_str()));
         return;
@@ -163,7 +199,7 @@ static void check_list(const expect_context &context, enum happening_kind kind)
     for (size_t i = 0; i < found.size(); i++) {
         const json_value *expected = &(*context.value)[static_cast<rapidjson::SizeType>(i)];
 
-        if (!text_fits(found[i]->text, match_expand(expected->GetString())))
+        if (!match_text(found[i]->text, expected->GetString()))
             fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text + "\", expected \"" +
                               match_expand(expected->GetString()) + "\"");
     }
@@ -182,11 +218,10 @@ static void check_no_log(const expect_context &context)
 static void check_log_counts(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
-        std::string pattern = "*" + match_expand(name) + "*";
         int64_t count = 0;
 
         for (const happening *what : happenings(HAPPENED_LOG))
-            count += text_fits(what->text, pattern) ? 1 : 0;
+            count += match_part(what->text, name) ? 1 : 0;
         if (count != value->GetInt64())
             fail(context, text_format("\"%s\" occurs %lld times, expected %lld", name.c_str(),
                                       static_cast<long long>(count),
@@ -219,16 +254,48 @@ static void check_no_calls(const expect_context &context)
     check_none(context, HAPPENED_CALL);
 }
 
+/* A name counts all its calls; a text with "(" the traced calls that contain it. */
 static void check_call_counts(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
-        uint64_t count = calls_count(name);
+        bool traced = name.find('(') != std::string::npos;
+        uint64_t count = traced ? 0 : calls_count(name);
 
-        if (!calls_known(name))
+        for (const happening *what : happenings(HAPPENED_CALL))
+            count += traced && match_part(what->text, name) ? 1u : 0u;
+        if (!traced && !calls_known(name))
             fail(context, name + " is not a call that is counted");
         if (count != value->GetUint64())
             fail(context, text_format("%s was called %llu times, expected %llu", name.c_str(),
                                       static_cast<unsigned long long>(count),
+                                      static_cast<unsigned long long>(value->GetUint64())));
+    }
+}
+
+/* Pending timers by their delay in ms. */
+static void check_timers(const expect_context &context)
+{
+    for (const auto &[delay, value] : context.value.members()) {
+        uint64_t count = observe_timers(strtoull(delay.c_str(), NULL, 10));
+
+        if (count != value->GetUint64())
+            fail(context, text_format("%llu timers of %s ms, expected %llu",
+                                      static_cast<unsigned long long>(count), delay.c_str(),
+                                      static_cast<unsigned long long>(value->GetUint64())));
+    }
+}
+
+static void check_references(const expect_context &context)
+{
+    for (const auto &[name, value] : context.value.members()) {
+        oxni_subscriber *handle = subscriber_seen(name);
+        uint64_t count = handle != NULL ? oxnih_subscriber_references(handle) : 0;
+
+        if (handle == NULL)
+            fail(context, "no subscriber \"" + name + "\" was seen since the start of the agent");
+        else if (count != value->GetUint64())
+            fail(context, text_format("%llu references to %s, expected %llu",
+                                      static_cast<unsigned long long>(count), name.c_str(),
                                       static_cast<unsigned long long>(value->GetUint64())));
     }
 }
@@ -268,7 +335,7 @@ static void check_registry(const expect_context &context)
 
         if (!data && there)
             fail(context, key + ": " + name + " is \"" + text + "\", expected no such value");
-        else if (data && (!there || !text_fits(text, match_expand(wanted))))
+        else if (data && (!there || !match_text(text, wanted)))
             fail(context, key + ": " + name + (there ? " is \"" + text + "\"" : " is missing") +
                               ", expected \"" + wanted + "\"");
     }
@@ -281,28 +348,52 @@ static void check_keys(const expect_context &context)
             fail(context, name + (value->GetBool() ? " is missing" : " exists"));
 }
 
-/* true or false: there or not; a text: its content; a number: the count of a crash record. */
+/* Members of an expected file: what they look at, as text. */
+static std::string file_member(const std::wstring &path, const std::string &member)
+{
+    const std::string bytes = machine_read_real_file(machine_real_path(path), EXIT_BAD_CALL);
+    machine_times times = machine_file_times(path);
+
+    if (member == "text")
+        return bytes;
+    if (member == "bytes")
+        return machine_setup_hex(bytes);
+    if (member == "record_count")
+        return std::to_string(machine_setup_record_count(bytes));
+    if (member == "size")
+        return std::to_string(bytes.size());
+    return time_iso(member == "written" ? times.written_100ns : times.created_100ns);
+}
+
+static void check_file_member(const expect_context &context, const std::string &name,
+                              const std::string &member, const node &value)
+{
+    std::string actual = file_member(machine_setup_path(name), member);
+    std::string expected = value->IsString() ? value->GetString() : node_to_text(*value);
+
+    if ((member == "written" || member == "created"))
+        expected = time_iso(timeline_time(value, 0));
+    if (!match_text(actual, expected))
+        fail(context, name + ": " + member + " is \"" + actual + "\", expected \"" +
+                          match_expand(expected) + "\"");
+}
+
+/* true or false: whether it exists; a text: its content; a number: the count of a crash record. */
 static void check_files(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
-        std::wstring wide = machine_setup_path(name);
-        bool there = machine_file_exists(wide);
+        bool exists = machine_file_exists(machine_setup_path(name));
         bool wanted = !value->IsBool() || value->GetBool();
-        std::string content;
 
-        if (there != wanted) {
+        if (exists != wanted)
             fail(context, name + (wanted ? " is missing" : " exists"));
-            continue;
-        }
-        if (value->IsBool())
-            continue;
-        content = machine_read_real_file(machine_real_path(wide), EXIT_BAD_CALL);
-        if (value->IsInt64())
-            content = std::to_string(machine_setup_record_count(content));
-        std::string expected =
-            value->IsString() ? match_expand(value->GetString()) : node_to_text(*value);
-        if (!text_fits(content, expected))
-            fail(context, name + " contains \"" + content + "\", expected \"" + expected + "\"");
+        else if (value->IsString())
+            check_file_member(context, name, "text", value);
+        else if (value->IsInt64())
+            check_file_member(context, name, "record_count", value);
+        else if (exists)
+            for (const auto &[member, its] : value.members())
+                check_file_member(context, name, member, its);
     }
 }
 
@@ -330,6 +421,9 @@ static const struct {
     {"commands",        check_commands        },
     {"messages",        check_product_messages},
     {"uploads",         check_uploads         },
+    {"sequence",        check_sequence        },
+    {"timers",          check_timers          },
+    {"references",      check_references      },
     {"log",             check_log             },
     {"no_log",          check_no_log          },
     {"log_counts",      check_log_counts      },

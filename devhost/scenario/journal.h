@@ -65,7 +65,8 @@ journal_view_fn journal_view(void);
 
 void journal_clear(void);
 
-/* The name of a kind, for machines. */
+/* The name of a kind, for machines, and the kind of a name; an unknown name gives HAPPENED_BOOT. */
 const char *journal_kind_name(enum happening_kind kind);
+enum happening_kind journal_kind(const std::string &name);
 
 #endif

@@ -1,7 +1,13 @@
 /* What a scenario does to the machine. */
 #include "machine_setup.h"
 
+#include <algorithm>
+
 #include <oxni/base/algo.h>
+#include <oxni/base/ejs.h>
+#include <oxni/base/log.h>
+
+#include "../../platform/liboxni_agentid/host.h"
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
@@ -22,6 +28,42 @@
 static std::wstring wide_of(const node &object, const char *name)
 {
     return text_wide(object.text(name));
+}
+
+/* Length of the path of the base folder; 0: the agent's own. */
+static size_t s_base_length;
+
+/* A long path is the agent's own base folder and folders below it. */
+static std::string base_folder(void)
+{
+    std::string path = agent_base_folder();
+
+    while (path.size() + 1 < s_base_length)
+        path += "\\" + std::string(std::min(s_base_length - path.size() - 1, size_t(100)), 'b');
+    return path;
+}
+
+static void set_base_folder(const node &said)
+{
+    s_base_length = said->IsInt64() ? static_cast<size_t>(said->GetInt64()) : 0;
+    if (s_base_length != 0 && base_folder().size() != s_base_length)
+        said.bad(text_format("the base folder of this run has at least %u characters",
+                             static_cast<unsigned>(agent_base_folder().size() + 2)));
+    oxnih_set_log_dir(said->IsFalse() ? NULL : base_folder().c_str());
+}
+
+void machine_setup_open(void)
+{
+    s_base_length = 0;
+}
+
+void machine_setup_log_level(const std::string &name)
+{
+    static const char *const levels[] = {"error", "warn", "info", "debug"};
+
+    for (int level = OXNI_LOG_ERROR; level <= OXNI_LOG_DEBUG; level++)
+        if (name == levels[level])
+            oxnih_log_set_level(level);
 }
 
 static void set_zone(const node &name)
@@ -114,7 +156,11 @@ void machine_setup_apply(const node &said)
     for (const node &event : said["events"].elements())
         machine_setup_event(event);
     if (said["base_folder"])
-        oxnih_set_log_dir(said.flag("base_folder", true) ? agent_base_folder().c_str() : NULL);
+        set_base_folder(said["base_folder"]);
+    if (said["device_id"])
+        oxnih_set_device_id(said.text("device_id").c_str());
+    if (said["log_level"])
+        machine_setup_log_level(said.text("log_level"));
     if (said["lenient"])
         oxnih_core_set_lenient(said.flag("lenient", false));
 }
@@ -173,8 +219,40 @@ int64_t machine_setup_record_count(const std::string &bytes)
 
 std::wstring machine_setup_path(const std::string &path)
 {
-    return text_wide(text_replace(text_replace(path, "{base}", agent_base_folder()), "{bin}",
-                                  agent_bin_folder()));
+    std::string full = text_replace(path, "{base}", base_folder());
+
+    full = text_replace(full, "{data}/", agent_data_path(""));
+    return text_wide(text_replace(full, "{bin}", agent_bin_folder()));
+}
+
+std::string machine_setup_hex(const std::string &bytes)
+{
+    std::string hex;
+
+    for (char byte : bytes)
+        hex += text_format("%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+    return hex;
+}
+
+static std::string bytes_of_hex(const std::string &hex)
+{
+    std::string bytes;
+
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), NULL, 16));
+    return bytes;
+}
+
+/* The bytes of an .ejs document, as the platform writes it at that path. */
+static std::string document_bytes(const std::wstring &path, const json_value &document)
+{
+    const std::string text = node_to_text(document), real = text_narrow(machine_real_path(path));
+    json_t *json = json_loadb(text.data(), text.size(), 0, NULL);
+
+    machine_write_file(path, "", 0, 0);
+    (void)wdu_json_dump_file_ejs(json, real.c_str());
+    json_decref(json);
+    return machine_read_real_file(text_wide(real), EXIT_BAD_CALL);
 }
 
 void machine_setup_file(const node &file)
@@ -186,6 +264,10 @@ void machine_setup_file(const node &file)
 
     if (file["from"])
         bytes = machine_read_real_file(text_wide(file["from"].path()), EXIT_BAD_EVIDENCE);
+    if (file["bytes"])
+        bytes = bytes_of_hex(file.text("bytes"));
+    if (file["document"])
+        bytes = document_bytes(path, *file["document"]);
     if (file["record_count"])
         bytes = crash_record(static_cast<uint32_t>(file.integer("record_count", 0)));
     if (file["stack"] || file["frames"]) {

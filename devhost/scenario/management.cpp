@@ -4,6 +4,8 @@
  */
 #include "management.h"
 
+#include <deque>
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -13,8 +15,17 @@
 #include "../base/text.h"
 #include "timeline.h"
 
-#define LINK_PATH  "/:broadcast/dbg/oxni/quality_opr"
-#define ALARM_PATH "/oxni/quality_opr"
+#define LINK_PATH      "/:broadcast/dbg/oxni/quality_opr"
+#define ACCEPTED       R"({"errcode": 0})"
+#define ANSWER_SECONDS 0.1
+#define ALARM_PATH     "/oxni/quality_opr"
+
+/* How an upload is answered. */
+struct upload_answer {
+    std::string text; /* JSON; empty: no body */
+    int32_t error;
+    double delay;
+};
 
 /* Its present behaviour. */
 static struct {
@@ -26,9 +37,8 @@ static struct {
     bool null_echo;
     int32_t echo_error;
     double echo_delay;
-    std::string answer; /* JSON text; empty: none */
-    int32_t error;
-    double delay;
+    upload_answer usual;
+    std::deque<node> answers; /* of the next uploads, before the usual one */
 } s_management;
 
 /* The usual answer to "quality_opr info". */
@@ -63,29 +73,54 @@ static void answer_console(oxnih_request *call, const char *command_line, void *
                          timeline_ms(s_management.echo_delay));
 }
 
+/* Takes over how an upload is answered. */
+static void change_answer(upload_answer &answer, const node &said)
+{
+    if (said["answer"])
+        answer.text = said["answer"]->IsNull() ? "" : node_to_text(*said["answer"]);
+    answer.error = static_cast<int32_t>(said.integer("error", answer.error));
+    answer.delay = said.number("delay", answer.delay);
+}
+
 static void answer_alarm(oxnih_request *request, json_t *message, void *user)
 {
-    json_t *answer = NULL;
+    upload_answer answer = s_management.usual;
+    json_t *json = NULL;
 
     (void)message;
     (void)user;
+    if (!s_management.answers.empty()) {
+        change_answer(answer, s_management.answers.front());
+        s_management.answers.pop_front();
+    }
     if (s_management.silent)
         return;
-    if (!s_management.answer.empty())
-        answer = json_loadb(s_management.answer.data(), s_management.answer.size(), 0, NULL);
-    oxnih_res_answer(request, s_management.error, answer, timeline_ms(s_management.delay));
-    json_decref(answer);
+    if (!answer.text.empty())
+        json = json_loadb(answer.text.data(), answer.text.size(), 0, NULL);
+    oxnih_res_answer(request, answer.error, json, timeline_ms(answer.delay));
+    json_decref(json);
+}
+
+static int32_t link_state(const node &state)
+{
+    return state->IsBool() ? state->GetBool() : state->GetInt();
 }
 
 void management_set_link(const node &state)
 {
-    s_management.link = state->IsBool() ? state->GetBool() : state->GetInt();
+    s_management.link = link_state(state);
     oxnih_res_set_state(LINK_PATH, s_management.link);
+}
+
+void management_report_link(const node &state)
+{
+    s_management.link = link_state(state);
+    oxnih_res_report_state(LINK_PATH, s_management.link);
 }
 
 void management_change(const node &said)
 {
-    node echo = said["echo"], answer = said["answer"];
+    node echo = said["echo"];
 
     s_management.silent = said.flag("silent", s_management.silent);
     if (said["devices"])
@@ -98,10 +133,11 @@ void management_change(const node &said)
     s_management.echo_error =
         static_cast<int32_t>(said.integer("echo_error", s_management.echo_error));
     s_management.echo_delay = said.number("echo_delay", s_management.echo_delay);
-    if (answer)
-        s_management.answer = answer->IsNull() ? "" : node_to_text(*answer);
-    s_management.error = static_cast<int32_t>(said.integer("error", s_management.error));
-    s_management.delay = said.number("delay", s_management.delay);
+    change_answer(s_management.usual, said);
+    if (said["answers"])
+        s_management.answers.clear();
+    for (const node &next : said["answers"].elements())
+        s_management.answers.push_back(next);
     if (said["link"])
         management_set_link(said["link"]);
 }
@@ -109,8 +145,8 @@ void management_change(const node &said)
 void management_open(const node &said)
 {
     s_management = {};
-    s_management.answer = "{\"errcode\": 0}";
-    s_management.echo_delay = s_management.delay = 0.1;
+    s_management.usual = {ACCEPTED, 0, ANSWER_SECONDS};
+    s_management.echo_delay = ANSWER_SECONDS;
     oxnih_res_set_state(LINK_PATH, 0); /* the platform keeps the previous scenario's state */
     management_change(said);
 }

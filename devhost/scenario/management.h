@@ -11,5 +11,7 @@ void management_agent_started(void);
 /* Changes the members that are given. */
 void management_change(const node &changes);
 void management_set_link(const node &state);
+/* Reports a state of the link to the plug-in, even if it is the present one. */
+void management_report_link(const node &state);
 
 #endif

@@ -1,6 +1,8 @@
 /* What the platform tells of plug-in, products and management side, recorded in words. */
 #include "observe.h"
 
+#include <map>
+
 #include <oxni/base/json.h>
 
 #include "../../platform/liboxni_core/host.h"
@@ -98,6 +100,23 @@ static bool observe_product(const oxnih_event *event, const std::string &who,
     }
 }
 
+/* Delays of the pending timers in ms, by timer. */
+static std::map<uint64_t, uint64_t> s_timers;
+
+void observe_agent_stopped(void)
+{
+    s_timers.clear();
+}
+
+uint64_t observe_timers(uint64_t delay_ms)
+{
+    uint64_t count = 0;
+
+    for (const auto &timer : s_timers)
+        count += timer.second == delay_ms ? 1 : 0;
+    return count;
+}
+
 static void observe(const oxnih_event *event, void *user)
 {
     std::string who = event->subscriber != NULL ? product_of(event->subscriber) : "";
@@ -132,6 +151,9 @@ static void observe(const oxnih_event *event, void *user)
         break;
     case OXNIH_EVENT_COMMAND: journal_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
     case OXNIH_EVENT_ECHO: journal_add(HAPPENED_ECHO, "plug-in", text); break;
+    case OXNIH_EVENT_TIMER_ARMED: s_timers[event->timer] = event->delay_ms; break;
+    case OXNIH_EVENT_TIMER_FIRED:
+    case OXNIH_EVENT_TIMER_STOPPED: s_timers.erase(event->timer); break;
     default: break;
     }
 }
@@ -143,6 +165,7 @@ static void engine_sink(const std::string &news)
 
 void observe_platform(void)
 {
+    observe_agent_stopped();
     machine_watch_engine(engine_sink);
     oxnih_log_set_sink(log_sink, NULL);
     oxnih_set_complaint(complaint_sink, NULL);

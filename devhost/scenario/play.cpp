@@ -1,6 +1,8 @@
 /* The boots of a scenario. */
 #include "play.h"
 
+#include <oxni/base/log.h>
+
 #include "../../platform/liboxni_agentid/host.h"
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
@@ -9,6 +11,7 @@
 #include "../machine/machine.h"
 #include "../base/text.h"
 #include "agent_process.h"
+#include "callbacks.h"
 #include "expect.h"
 #include "machine_setup.h"
 #include "management.h"
@@ -33,6 +36,7 @@ static struct {
     uint64_t last_end; /* FILETIME at which the previous run of Windows ended; 0: not known */
     std::string ended; /* how it ended */
     node crash;        /* its crash, may be missing */
+    int log_level;     /* before the scenario */
     std::vector<std::string> failures;
 } s_play;
 
@@ -91,7 +95,9 @@ static void plan_boot(const node &boot)
         timeline_at(begin + timeline_ms(boot.number("agent_start", AGENT_START_SECONDS)),
                     agent_process_start);
     for (const node &step : boot["steps"].elements())
-        timeline_at(timeline_ms(step.number("at", 0)), [step] { run_step(step); });
+        timeline_at(
+            timeline_ms(step.number("at", 0)), [step] { run_step(step); },
+            step.text("when") == "before");
 }
 
 static void end_windows(const std::string &ends)
@@ -119,6 +125,7 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
               0,
               before.text("ends", "clean"),
               before["crash"],
+              oxni_log_level_get(),
               {}};
     journal_clear();
     journal_set_folder(options.run_folder, "<run>");
@@ -126,9 +133,11 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
     agent_open(options.run_folder, options.plugin_path);
     oxnih_clock_set_zone(NULL);
     oxnih_core_set_lenient(0);
+    machine_setup_open();
     oxnih_set_device_id("oxni_devhost");
     oxnih_uuid_fix(1);
     observe_platform();
+    callbacks_open();
     products_open(root["products"]);
     management_open(root["management"]);
 }
@@ -151,12 +160,16 @@ bool play_begin_boot(void)
 
 void play_run_until(uint64_t end_ms)
 {
-    std::function<void()> action;
-    uint64_t ms;
+    planned_action action;
 
-    while (timeline_take(end_ms, &ms, &action)) {
-        agent_process_run_until(ms);
-        action();
+    while (timeline_take(end_ms, &action)) {
+        if (!action.before) {
+            agent_process_run_until(action.ms);
+        } else if (action.ms > timeline_now_ms()) {
+            agent_process_run_until(action.ms - 1);
+            oxnih_clock_advance(1);
+        }
+        action.run();
     }
     agent_process_run_until(end_ms);
 }
@@ -185,5 +198,6 @@ std::vector<std::string> play_close(void)
     timeline_clear();
     oxnih_memory_fail(0, 0);
     agent_stop();
+    oxnih_log_set_level(s_play.log_level);
     return std::move(s_play.failures);
 }

@@ -373,15 +373,22 @@ std::string product_of(oxni_subscriber *subscriber)
     return name;
 }
 
-bool subscriber_order(const std::string &whom, const json_value &message)
+oxni_subscriber *subscriber_seen(const std::string &whom)
 {
     auto seen = s_seen.find(whom);
+
+    return seen != s_seen.end() ? seen->second : NULL;
+}
+
+bool subscriber_order(const std::string &whom, const json_value &message)
+{
+    oxni_subscriber *handle = subscriber_seen(whom);
     json_t *json;
 
-    if (seen == s_seen.end())
+    if (handle == NULL)
         return false;
     json = message_of(node_to_text(message));
-    (void)oxni_subscribee_pushback(seen->second, json, NULL, NULL);
+    (void)oxni_subscribee_pushback(handle, json, NULL, NULL);
     json_decref(json);
     return true;
 }

@@ -38,6 +38,8 @@ uint64_t product_pushes(void);
 /* A command to a handle was pushed, and was answered. */
 void product_pushed(struct oxni_subscriber *subscriber);
 void product_replied(struct oxni_subscriber *subscriber);
+/* Returns the latest handle of that product_of key since the agent's start; NULL: none was seen. */
+struct oxni_subscriber *subscriber_seen(const std::string &whom);
 /* Pushes a message, unchanged, to the subscriber of that product_of key, as the plug-in would. Result:
  * whether the subscriber was seen since the agent's start. */
 bool subscriber_order(const std::string &whom, const json_value &message);

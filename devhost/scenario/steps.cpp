@@ -9,6 +9,7 @@
 #include "../base/text.h"
 #include "journal.h"
 #include "agent_process.h"
+#include "callbacks.h"
 #include "expect.h"
 #include "machine_setup.h"
 #include "management.h"
@@ -95,6 +96,38 @@ static void step_link(const step_context &context)
     management_set_link(context.value);
 }
 
+static void step_report_link(const step_context &context)
+{
+    management_report_link(context.value);
+}
+
+static void step_log_level(const step_context &context)
+{
+    machine_setup_log_level(context.value->GetString());
+    say(std::string("the log level is ") + context.value->GetString());
+}
+
+/* A second call of the plug-in's entry; the value is the expected result. */
+static void step_init(const step_context &context)
+{
+    need_agent(context);
+    const uint64_t result = agent_init_again();
+
+    say(text_format("oxni_plugin_init is called again, result %llu",
+                    static_cast<unsigned long long>(result)));
+    if (result != context.value->GetUint64())
+        context.failures.push_back(
+            context.value.place() +
+            text_format(": result %llu, expected ", static_cast<unsigned long long>(result)) +
+            node_to_text(*context.value));
+}
+
+static void step_callback(const step_context &context)
+{
+    need_agent(context);
+    callbacks_call(context.value->GetString(), context.step["arguments"]);
+}
+
 static void step_event(const step_context &context)
 {
     say(text_format("logs event %u of %s",
@@ -169,9 +202,12 @@ static void step_fail(const step_context &context)
     uint64_t times = static_cast<uint64_t>(context.step.integer("times", 1));
     uint32_t error = static_cast<uint32_t>(context.step.integer("error", 0));
 
-    calls_fail(call, nth, times, error);
-    say(text_format("from here on call %llu of %s fails with %u",
-                    static_cast<unsigned long long>(nth), call.c_str(), error));
+    std::string with = context.step.text("with");
+
+    calls_fail(call, nth, times, error, with);
+    say(text_format("call %llu of %s from now on fails with %u",
+                    static_cast<unsigned long long>(nth),
+                    (with.empty() ? call : call + "(" + with + ")").c_str(), error));
 }
 
 static void step_fail_allocation(const step_context &context)
@@ -200,6 +236,10 @@ static const struct {
     {"product",         step_product        },
     {"management",      step_management     },
     {"link",            step_link           },
+    {"report_link",     step_report_link    },
+    {"log_level",       step_log_level      },
+    {"init",            step_init           },
+    {"callback",        step_callback       },
     {"event",           step_event          },
     {"file",            step_file           },
     {"delete_file",     step_delete_file    },
@@ -218,10 +258,11 @@ static const struct {
 static const struct {
     const char *step, *member;
 } s_needed[] = {
-    {"send",      "message"},
-    {"order",     "message"},
-    {"product",   "set"    },
-    {"copy_file", "to"     },
+    {"send",      "message"  },
+    {"callback",  "arguments"},
+    {"order",     "message"  },
+    {"product",   "set"      },
+    {"copy_file", "to"       },
 };
 
 std::string step_problem(const node &step)

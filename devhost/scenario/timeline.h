@@ -12,13 +12,20 @@
 
 #include "scenario.h"
 
-/* Plans an action at a moment of this boot, ms since Windows started; one in the past happens as soon
- * as it can. Actions of one moment happen in the order of the calls. */
-void timeline_at(uint64_t ms, std::function<void()> action);
+/* An action and its moment, ms since Windows started. */
+struct planned_action {
+    uint64_t ms;
+    bool before; /* before all that is due at this moment, not after it */
+    std::function<void()> run;
+};
+
+/* Plans an action of this boot; one in the past happens as soon as it can. Actions of one moment
+ * happen in the order of the calls, those that come before first. */
+void timeline_at(uint64_t ms, std::function<void()> run, bool before = false);
 
 /* Removes the first action that is planned up to that moment, inclusive, from the plan. Result:
  * whether there is one. */
-bool timeline_take(uint64_t end_ms, uint64_t *ms, std::function<void()> *action);
+bool timeline_take(uint64_t end_ms, planned_action *action);
 
 /* Forgets all that is planned. */
 void timeline_clear(void);

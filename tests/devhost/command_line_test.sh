@@ -107,7 +107,7 @@ printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "
  "echo": ["x"], "complaints": ["x"], "refused": ["x"], "call_counts": {"oxni_sleep": 7}, "calls": ["NoSuchCall"], "no_calls": ["oxni_timer_start"], "products": {"p": {"count": 9}},
  "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
  "pending_replies": 3, "messages": [], "log_counts": {"never said": 1}}}]}' >s.json
-check "nothing holds" 1 "s.json:1:59: /boots/0/expect/commands: \[0\] did not come" run --quiet s.json
+check "nothing holds" 1 "s.json:1:59: /boots/0/expect/commands: \[0\] is missing" run --quiet s.json
 for member in commands messages uploads log no_log log_counts echo refused complaints calls no_calls \
     call_counts products documents registry keys files agent pending_replies; do
     grep -q "/boots/0/expect/$member:" err.txt || {
