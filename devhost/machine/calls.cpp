@@ -316,6 +316,12 @@ void calls_set_trace(calls_trace_fn fn, void *user)
     s_trace_user = user;
 }
 
+void calls_trace(const std::string &text)
+{
+    if (s_trace != NULL)
+        s_trace(text, s_trace_user);
+}
+
 void calls_set_watch(const std::string &name, calls_watch_fn fn)
 {
     for (size_t index = 0; index < ROWS; index++)

@@ -20,6 +20,8 @@ void calls_patch(HMODULE plugin);
 
 /* NULL: no tracing, which is the start. */
 void calls_set_trace(calls_trace_fn fn, void *user);
+/* Traces a call that does not pass here. */
+void calls_trace(const std::string &text);
 
 /* arguments: as on the way in, no more of them than the call has; result as the plug-in gets it. */
 typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
