@@ -88,8 +88,15 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
 {
     struct play_options play = {folder.path, options.plugin_path, options.real_time, false};
 
+    const size_t boots = node_elements(&scenario.document, "boots").size();
+
+    /* Reported before anything is played. */
     for (const std::string &text : options.commands)
-        (void)parse_command(text); /* told before anything is played */
+        if (const unsigned long boot = parse_command(text).boot; boot == 0 || boot > boots)
+            throw devhost_error(EXIT_BAD_CALL,
+                                text_format("--console %s: there is no boot %lu, %s has %u",
+                                            text.c_str(), boot, file.c_str(),
+                                            static_cast<unsigned>(boots)));
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     /* With guards, a bad free tells who made the block. */
     oxnih_memory_find_sites(options.guard_memory);

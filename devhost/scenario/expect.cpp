@@ -1,41 +1,16 @@
 /*
- * Expectations: each member of an "expect" looks at one side of what happened since the boot's
- * start or its last expectation.
+ * Expectations of events: each member of an "expect" looks at one kind of event since the start of
+ * the boot or its previous "expect".
  */
-#include "expect.h"
+#include "expect_internal.h"
 
-#include <oxni/base/ejs.h>
-
-#include "../../platform/liboxni_core/host.h"
-#include "../agent/agent.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
-#include "match.h"
+#include "../machine/calls.h"
 #include "journal.h"
-#include "machine_setup.h"
-#include "observe.h"
-#include "products.h"
-#include "timeline.h"
-
-struct expect_context {
-    const node &value; /* of the member */
-    std::vector<std::string> &failures;
-};
+#include "match.h"
 
 /* The first journal entry that the next expectation covers. */
 static size_t s_from;
-
-static void fail(const expect_context &context, const std::string &why)
-{
-    context.failures.push_back(context.value.place() + ": " + why);
-}
-
-static void check(const expect_context &context, const std::string &why)
-{
-    if (!why.empty())
-        fail(context, why);
-}
 
 static std::vector<const happening *> happenings(enum happening_kind kind)
 {
@@ -77,18 +52,18 @@ static void check_messages(const expect_context &context, enum happening_kind ki
         std::string place = "[" + std::to_string(index) + "]";
 
         if (index == found.size()) {
-            fail(context, place + " is missing, expected " + node_to_text(*expected));
+            expect_fail(context, place + " is missing, expected " + node_to_text(*expected));
             return;
         }
         message_json(*found[index], actual);
-        check(context, match_json(*expected, actual, place));
+        expect_fail(context, match_json(*expected, actual, place));
         index++;
     }
     if (index < found.size())
-        fail(context,
-             text_format("%u events, expected %u; the next is ",
-                         static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
-                 found[index]->text + " " + found[index]->json);
+        expect_fail(context,
+                    text_format("%u events, expected %u; the next is ",
+                                static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
+                        found[index]->text + " " + found[index]->json);
 }
 
 static void check_commands(const expect_context &context)
@@ -150,9 +125,10 @@ static void check_order(const expect_context &context, const std::vector<expecte
             event_fits(expected[found].value, all[at]))
             found++;
     if (found < expected.size())
-        fail(context, "no " + node_to_text(*expected[found].value) +
-                          (found == 0 ? std::string()
-                                      : " after " + node_to_text(*expected[found - 1].value)));
+        expect_fail(context,
+                    "no " + node_to_text(*expected[found].value) +
+                        (found == 0 ? std::string()
+                                    : " after " + node_to_text(*expected[found - 1].value)));
 }
 
 static void check_in_order(const expect_context &context, enum happening_kind kind)
@@ -180,7 +156,7 @@ static void check_none(const expect_context &context, enum happening_kind kind)
     for (const node &unexpected : context.value.elements())
         for (const happening *what : happenings(kind))
             if (event_fits(unexpected, *what)) {
-                fail(context, "not expected: " + what->text);
+                expect_fail(context, "not expected: " + what->text);
                 return;
             }
 }
@@ -191,17 +167,19 @@ static void check_list(const expect_context &context, enum happening_kind kind)
     std::vector<const happening *> found = happenings(kind);
 
     if (found.size() != context.value->Size()) {
-        fail(context, text_format("%u events, expected %u%s%s", static_cast<unsigned>(found.size()),
-                                  context.value->Size(), found.empty() ? "" : "; the first is ",
-                                  found.empty() ? "" : found[0]->text.c_str()));
+        expect_fail(context,
+                    text_format("%u events, expected %u%s%s", static_cast<unsigned>(found.size()),
+                                context.value->Size(), found.empty() ? "" : "; the first is ",
+                                found.empty() ? "" : found[0]->text.c_str()));
         return;
     }
     for (size_t i = 0; i < found.size(); i++) {
         const json_value *expected = &(*context.value)[static_cast<rapidjson::SizeType>(i)];
 
         if (!match_text(found[i]->text, expected->GetString()))
-            fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text + "\", expected \"" +
-                              match_expand(expected->GetString()) + "\"");
+            expect_fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text +
+                                     "\", expected \"" + match_expand(expected->GetString()) +
+                                     "\"");
     }
 }
 
@@ -223,9 +201,9 @@ static void check_log_counts(const expect_context &context)
         for (const happening *what : happenings(HAPPENED_LOG))
             count += match_part(what->text, name) ? 1 : 0;
         if (count != value->GetInt64())
-            fail(context, text_format("\"%s\" occurs %lld times, expected %lld", name.c_str(),
-                                      static_cast<long long>(count),
-                                      static_cast<long long>(value->GetInt64())));
+            expect_fail(context, text_format("\"%s\" occurs %lld times, expected %lld",
+                                             name.c_str(), static_cast<long long>(count),
+                                             static_cast<long long>(value->GetInt64())));
     }
 }
 
@@ -264,182 +242,28 @@ static void check_call_counts(const expect_context &context)
         for (const happening *what : happenings(HAPPENED_CALL))
             count += traced && match_part(what->text, name) ? 1u : 0u;
         if (!traced && !calls_known(name))
-            fail(context, name + " is not a call that is counted");
+            expect_fail(context, name + " is not a call that is counted");
         if (count != value->GetUint64())
-            fail(context, text_format("%s was called %llu times, expected %llu", name.c_str(),
-                                      static_cast<unsigned long long>(count),
-                                      static_cast<unsigned long long>(value->GetUint64())));
+            expect_fail(context, text_format("%s was called %llu times, expected %llu",
+                                             name.c_str(), static_cast<unsigned long long>(count),
+                                             static_cast<unsigned long long>(value->GetUint64())));
     }
 }
 
-/* Pending timers by their delay in ms. */
-static void check_timers(const expect_context &context)
-{
-    for (const auto &[delay, value] : context.value.members()) {
-        uint64_t count = observe_timers(strtoull(delay.c_str(), NULL, 10));
-
-        if (count != value->GetUint64())
-            fail(context, text_format("%llu timers of %s ms, expected %llu",
-                                      static_cast<unsigned long long>(count), delay.c_str(),
-                                      static_cast<unsigned long long>(value->GetUint64())));
-    }
-}
-
-static void check_references(const expect_context &context)
-{
-    for (const auto &[name, value] : context.value.members()) {
-        oxni_subscriber *handle = subscriber_seen(name);
-        uint64_t count = handle != NULL ? oxnih_subscriber_references(handle) : 0;
-
-        if (handle == NULL)
-            fail(context, "no subscriber \"" + name + "\" was seen since the start of the agent");
-        else if (count != value->GetUint64())
-            fail(context, text_format("%llu references to %s, expected %llu",
-                                      static_cast<unsigned long long>(count), name.c_str(),
-                                      static_cast<unsigned long long>(value->GetUint64())));
-    }
-}
-
-static void check_products(const expect_context &context)
-{
-    for (const auto &[name, value] : context.value.members()) {
-        rapidjson::Document actual;
-
-        actual.Parse(product_state_text(name).c_str());
-        check(context, match_json(*value, actual, name));
-    }
-}
-
-/* Documents of the plug-in by file name; null: the file must not be there. */
-static void check_documents(const expect_context &context)
-{
-    for (const auto &[name, value] : context.value.members()) {
-        json_t *document = wdu_json_load_file_ejs(agent_data_path(name).c_str());
-        rapidjson::Document actual;
-
-        actual.Parse(text_of_json(document).c_str());
-        wdu_json_delete_ejs(document);
-        check(context, match_json(*value, actual, name));
-    }
-}
-
-static void check_registry(const expect_context &context)
-{
-    for (const node &expected : context.value.elements()) {
-        std::string key = expected.text("key"), name = expected.text("name"), text;
-        bool there = machine_get_value(text_wide(key), text_wide(name), &text);
-        node data = expected["data"];
-        std::string wanted = !data              ? ""
-                             : data->IsString() ? data->GetString()
-                                                : node_to_text(*data);
-
-        if (!data && there)
-            fail(context, key + ": " + name + " is \"" + text + "\", expected no such value");
-        else if (data && (!there || !match_text(text, wanted)))
-            fail(context, key + ": " + name + (there ? " is \"" + text + "\"" : " is missing") +
-                              ", expected \"" + wanted + "\"");
-    }
-}
-
-static void check_keys(const expect_context &context)
-{
-    for (const auto &[name, value] : context.value.members())
-        if (machine_key_exists(text_wide(name)) != value->GetBool())
-            fail(context, name + (value->GetBool() ? " is missing" : " exists"));
-}
-
-/* Members of an expected file: what they look at, as text. */
-static std::string file_member(const std::wstring &path, const std::string &member)
-{
-    const std::string bytes = machine_read_real_file(machine_real_path(path), EXIT_BAD_CALL);
-    machine_times times = machine_file_times(path);
-
-    if (member == "text")
-        return bytes;
-    if (member == "bytes")
-        return machine_setup_hex(bytes);
-    if (member == "record_count")
-        return std::to_string(machine_setup_record_count(bytes));
-    if (member == "size")
-        return std::to_string(bytes.size());
-    return time_iso(member == "written" ? times.written_100ns : times.created_100ns);
-}
-
-static void check_file_member(const expect_context &context, const std::string &name,
-                              const std::string &member, const node &value)
-{
-    std::string actual = file_member(machine_setup_path(name), member);
-    std::string expected = value->IsString() ? value->GetString() : node_to_text(*value);
-
-    if ((member == "written" || member == "created"))
-        expected = time_iso(timeline_time(value, 0));
-    if (!match_text(actual, expected))
-        fail(context, name + ": " + member + " is \"" + actual + "\", expected \"" +
-                          match_expand(expected) + "\"");
-}
-
-/* true or false: whether it exists; a text: its content; a number: the count of a crash record. */
-static void check_files(const expect_context &context)
-{
-    for (const auto &[name, value] : context.value.members()) {
-        bool exists = machine_file_exists(machine_setup_path(name));
-        bool wanted = !value->IsBool() || value->GetBool();
-
-        if (exists != wanted)
-            fail(context, name + (wanted ? " is missing" : " exists"));
-        else if (value->IsString())
-            check_file_member(context, name, "text", value);
-        else if (value->IsInt64())
-            check_file_member(context, name, "record_count", value);
-        else if (exists)
-            for (const auto &[member, its] : value.members())
-                check_file_member(context, name, member, its);
-    }
-}
-
-static void check_agent(const expect_context &context)
-{
-    static const char *const words[] = {"running", "stopped", "exited"};
-
-    if (words[agent_state_get()] != std::string(context.value->GetString()))
-        fail(context, std::string("is ") + words[agent_state_get()] + ", expected " +
-                          context.value->GetString());
-}
-
-static void check_pending_replies(const expect_context &context)
-{
-    if (oxnih_core_pending_replies() != context.value->GetUint64())
-        fail(context, text_format("%llu, expected %llu",
-                                  static_cast<unsigned long long>(oxnih_core_pending_replies()),
-                                  static_cast<unsigned long long>(context.value->GetUint64())));
-}
-
-static const struct {
-    const char *member;
-    void (*check)(const expect_context &context);
-} s_checks[] = {
-    {"commands",        check_commands        },
-    {"messages",        check_product_messages},
-    {"uploads",         check_uploads         },
-    {"sequence",        check_sequence        },
-    {"timers",          check_timers          },
-    {"references",      check_references      },
-    {"log",             check_log             },
-    {"no_log",          check_no_log          },
-    {"log_counts",      check_log_counts      },
-    {"echo",            check_echo            },
-    {"refused",         check_refused         },
-    {"complaints",      check_complaints      },
-    {"calls",           check_calls           },
-    {"no_calls",        check_no_calls        },
-    {"call_counts",     check_call_counts     },
-    {"products",        check_products        },
-    {"documents",       check_documents       },
-    {"registry",        check_registry        },
-    {"keys",            check_keys            },
-    {"files",           check_files           },
-    {"agent",           check_agent           },
-    {"pending_replies", check_pending_replies },
+static const expect_member s_members[] = {
+    {"commands",    check_commands        },
+    {"messages",    check_product_messages},
+    {"uploads",     check_uploads         },
+    {"sequence",    check_sequence        },
+    {"log",         check_log             },
+    {"no_log",      check_no_log          },
+    {"log_counts",  check_log_counts      },
+    {"echo",        check_echo            },
+    {"refused",     check_refused         },
+    {"complaints",  check_complaints      },
+    {"calls",       check_calls           },
+    {"no_calls",    check_no_calls        },
+    {"call_counts", check_call_counts     },
 };
 
 static void check_unexpected(const node &where, enum happening_kind kind,
@@ -451,9 +275,14 @@ static void check_unexpected(const node &where, enum happening_kind kind,
 
 void expect_check(const node &expect, std::vector<std::string> &failures)
 {
-    for (const auto &row : s_checks)
-        if (node value = expect[row.member])
-            row.check({value, failures});
+    for (const auto &[name, value] : expect.members()) {
+        const expect_context context = {value, failures};
+
+        if (!expect_state(name, context))
+            for (const expect_member &member : s_members)
+                if (name == member.name)
+                    member.check(context);
+    }
     if (!expect["complaints"])
         check_unexpected(expect, HAPPENED_COMPLAINT, failures);
     if (!expect["refused"])

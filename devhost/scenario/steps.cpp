@@ -282,6 +282,8 @@ std::string step_problem(const node &step)
     for (const auto &row : s_needed)
         if (does == row.step && !step[row.member])
             return std::string("member \"") + row.member + "\" is missing";
+    if (does == "callback" && step.text("callback") != "console" && !step["arguments"]["of"])
+        return "\"arguments\": member \"of\" is missing, the subscriber that is passed";
     if (does == "fail" &&
         !calls_can_fail(step.text("fail"), static_cast<uint32_t>(step.integer("error", 0))))
         return "\"" + step.text("fail") +
