@@ -1,4 +1,4 @@
-/* The agent in a scenario: its start and end, with its products and the management side. */
+/* The agent of a scenario: start and end of its process, its products, the management side. */
 #ifndef DEVHOST_AGENT_PROCESS_H
 #define DEVHOST_AGENT_PROCESS_H
 

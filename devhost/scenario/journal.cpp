@@ -1,4 +1,4 @@
-/* The list of what happened. */
+/* The journal of a run. */
 #include "journal.h"
 
 #include "../../platform/liboxnibase/host.h"

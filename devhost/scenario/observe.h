@@ -4,7 +4,7 @@
 
 #include <stdint.h>
 
-/* From here on they are recorded. */
+/* Begins to record them. */
 void observe_platform(void);
 /* Forgets the timers of an agent that ended. */
 void observe_agent_stopped(void);

@@ -34,7 +34,7 @@ static struct {
     std::vector<node> boots;
     size_t number;     /* of the present boot, from 1 */
     uint64_t last_end; /* FILETIME at which the previous run of Windows ended; 0: not known */
-    std::string ended; /* how it ended */
+    std::string ended; /* "clean" and so on */
     node crash;        /* its crash, may be missing */
     int log_level;     /* before the scenario */
     std::vector<std::string> failures;

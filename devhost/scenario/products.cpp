@@ -33,17 +33,17 @@ struct product {
     int32_t unreachable;
     double reply_delay; /* negative: never */
     node answers;
-    oxni_subscriber *subscriber; /* NULL while it is not registered */
+    oxni_subscriber *subscriber; /* NULL: not registered */
     int64_t commands;
     std::string last_command; /* for the summary */
 };
 
 static std::vector<product> s_products;
-/* Handles that were seen since the agent's start, the plug-in's own subscribers among them, by what
- * product_of calls them. */
+/* Handles that were seen since the agent's start, by the names that product_of gives them. The
+ * plug-in's own subscribers are among them. */
 static std::map<std::string, oxni_subscriber *> s_seen;
 
-/* Commands since the last product_disturb, and those of them that find nobody. */
+/* Commands since the last product_disturb, and those that are undeliverable. */
 static struct {
     uint64_t pushes, first, last;
     int32_t error;
@@ -107,7 +107,7 @@ static void push_text(product &product, const std::string &text)
     json_decref(message);
 }
 
-/* What a product does about a command when the scenario does not say. */
+/* The status after a command, unless the scenario states another one. */
 static std::string usual_status(const std::string &command, const product &product)
 {
     if (command == "bypass")
@@ -118,13 +118,13 @@ static std::string usual_status(const std::string &command, const product &produ
 struct planned_answer {
     std::string key, status;
     int64_t count;
-    bool tells;
+    bool reports;
 };
 
 /* Answers that are due later; the end of the agent's process drops them. */
 static std::list<planned_answer> s_answers;
 
-/* The moment of an answer has come: the product's state changes, and it tells the plug-in. */
+/* An answer is due: the product's state changes, and it reports the state to the plug-in. */
 static void answer_now(void *user)
 {
     const planned_answer *answer = static_cast<planned_answer *>(user);
@@ -136,7 +136,7 @@ static void answer_now(void *user)
                                 static_cast<long long>(answer->count)));
     product.status = answer->status;
     product.count = answer->count;
-    if (answer->tells)
+    if (answer->reports)
         push_text(product, usual_message(product, "modify"));
     s_answers.remove_if([answer](const planned_answer &other) { return &other == answer; });
 }

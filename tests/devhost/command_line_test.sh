@@ -114,7 +114,7 @@ check "paths of this machine" 0 "" run --log none s.json
 # An expectation that does not hold is told with its place, and so is every kind of it.
 printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "p"}], "log": ["never said"], "no_log": ["system boot up"], "uploads": [{}],
  "echo": ["x"], "complaints": ["x"], "refused": ["x"], "call_counts": {"oxni_sleep": 7}, "calls": ["NoSuchCall"], "no_calls": ["oxni_timer_start"], "products": {"p": {"count": 9}},
- "timers": {"30000": 9}, "references": {"p": 9, "q/q": 1}, "sequence": [{"log": "never"}], "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
+ "timers": {"30000": 9}, "references": {"p": 9, "q/q": 1}, "sequence": [{"left": ""}], "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
  "pending_replies": 3, "messages": [], "log_counts": {"never said": 1}}}]}' >s.json
 check "nothing holds" 1 "s.json:1:59: /boots/0/expect/commands: \[0\] is missing" run --quiet s.json
 for member in commands messages uploads log no_log log_counts echo refused complaints calls no_calls \
