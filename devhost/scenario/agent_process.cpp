@@ -17,20 +17,35 @@ static void forget_agent(void)
     callbacks_agent_stopped();
 }
 
+/* The plug-in may have ended the process in its entry. Result: whether it did. */
+static bool ended_in_entry(void)
+{
+    if (agent_state_get() != AGENT_EXITED)
+        return false;
+    agent_stop();
+    forget_agent();
+    journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+    return true;
+}
+
 void agent_process_start(void)
 {
     if (agent_state_get() == AGENT_RUNNING)
         return;
     journal_add(HAPPENED_AGENT, "agent", "starts and loads the plug-in");
     agent_start();
-    if (agent_state_get() == AGENT_EXITED) {
-        agent_stop();
-        forget_agent();
-        journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+    if (ended_in_entry())
         return;
-    }
     management_agent_started();
     products_agent_started();
+}
+
+uint64_t agent_process_init_again(void)
+{
+    const uint64_t result = agent_call_entry();
+
+    (void)ended_in_entry();
+    return result;
 }
 
 void agent_process_stop(const std::string &why)

@@ -9,6 +9,9 @@
 /* The agent starts; its products register some time later. Harmless when it is running. */
 void agent_process_start(void);
 
+/* Calls the plug-in's entry once more. Returns its result. */
+uint64_t agent_process_init_again(void);
+
 /* The agent's process ends. why: for the journal. Harmless when it is not running. */
 void agent_process_stop(const std::string &why);
 

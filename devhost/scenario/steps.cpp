@@ -111,7 +111,7 @@ static void step_log_level(const step_context &context)
 static void step_init(const step_context &context)
 {
     need_agent(context);
-    const uint64_t result = agent_init_again();
+    const uint64_t result = agent_process_init_again();
 
     say(text_format("oxni_plugin_init is called again, result %llu",
                     static_cast<unsigned long long>(result)));
