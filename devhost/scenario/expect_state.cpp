@@ -101,7 +101,7 @@ static void check_keys(const expect_context &context)
 /* Members of an expected file: what they look at, as text. */
 static std::string file_member(const std::wstring &path, const std::string &member)
 {
-    const std::string bytes = machine_read_real_file(machine_real_path(path), EXIT_BAD_CALL);
+    std::string bytes = machine_read_real_file(machine_real_path(path), EXIT_BAD_CALL);
     machine_times times = machine_file_times(path);
 
     if (member == "text")

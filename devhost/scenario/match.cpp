@@ -7,7 +7,7 @@
 #include "../base/text.h"
 
 /* A "*" that is none, in patterns and in texts compared with them. */
-#define STAR "\001"
+#define STAR '\001'
 
 static std::string local_text(uint64_t filetime)
 {
@@ -73,11 +73,11 @@ std::string match_expand(const std::string &text)
 
 bool match_text(const std::string &text, const std::string &pattern)
 {
-    std::string expanded = text_replace(match_expand(pattern), "{star}", STAR);
+    std::string expanded = text_replace(match_expand(pattern), "{star}", std::string(1, STAR));
 
     if (expanded.find(STAR) == std::string::npos)
         return text_fits(text, expanded);
-    return text_fits(text_replace(text, "*", STAR), expanded);
+    return text_fits(text_replace(text, "*", std::string(1, STAR)), expanded);
 }
 
 bool match_part(const std::string &text, const std::string &pattern)
