@@ -93,16 +93,21 @@ void agent_start(void)
 
     if (plugin == NULL)
         throw not_loaded(s_plugin_path);
-    plugin_init_fn init = init_of(plugin);
-    if (init == NULL) {
+    if (init_of(plugin) == NULL) {
         image_unload();
         throw no_plugin(s_plugin_path);
     }
     s_plugin = plugin;
     s_state = AGENT_RUNNING;
+    (void)agent_call_entry();
+}
+
+uint64_t agent_call_entry(void)
+{
     try {
-        (void)init();
+        return init_of(s_plugin)();
     } catch (const agent_exit &) {
+        return 0;
     } catch (...) {
         throw devhost_error(EXIT_EXPECTATION_FAILED,
                             "an exception of the plug-in's entry reached the host");

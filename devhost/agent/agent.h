@@ -27,6 +27,10 @@ void agent_check_plugin(const std::string &plugin_path);
  * Throws devhost_error: EXIT_NO_PLUGIN when it cannot be loaded or lacks the entry. */
 void agent_start(void);
 
+/* Calls the entry of the running plug-in once more. Returns its result; 0 when the plug-in ended the
+ * process in it. */
+uint64_t agent_call_entry(void);
+
 /* The process ends: everything that was pending is forgotten, the DLL is ended, and every block of
  * memory is freed. Harmless when it is not running. */
 void agent_stop(void);

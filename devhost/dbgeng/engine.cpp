@@ -25,6 +25,9 @@ class engine final : public engine_unused_client, public engine_unused_control
 {
   public:
     engine();
+    /* QueryInterface and Release, without telling the watch. */
+    HRESULT query(REFIID iid, void **out);
+    ULONG drop();
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override;
     ULONG STDMETHODCALLTYPE AddRef() override;
@@ -170,6 +173,13 @@ engine::~engine()
 
 HRESULT engine::QueryInterface(REFIID iid, void **out)
 {
+    engine_script_called("QueryInterface(%s)",
+                         IsEqualIID(iid, IID_IDebugControl) ? "IDebugControl" : "other");
+    return query(iid, out);
+}
+
+HRESULT engine::query(REFIID iid, void **out)
+{
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_QUERY_INTERFACE);
 
     if (out == NULL)
@@ -198,6 +208,14 @@ ULONG engine::AddRef()
 
 ULONG engine::Release()
 {
+    const ULONG left = drop();
+
+    engine_script_called("Release() = %lu", left);
+    return left;
+}
+
+ULONG engine::drop()
+{
     const LONG left = InterlockedDecrement(&m_references);
 
     InterlockedDecrement(&s_references);
@@ -225,6 +243,7 @@ HRESULT engine::SetOutputCallbacks(IDebugOutputCallbacks *callbacks)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_SET_OUTPUT_CALLBACKS);
 
+    engine_script_called("SetOutputCallbacks(%s)", callbacks != NULL ? "*" : "null");
     /* A client takes its callbacks back with NULL whatever happened before: that always works. */
     if (callbacks != NULL && fault != S_OK)
         return fault;
@@ -256,6 +275,8 @@ HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
 {
     HRESULT result = engine_script_fault_of(ENGINE_CALL_OPEN_DUMP);
 
+    engine_script_called("OpenDumpFileWide(\"%S\", %lu)", path != NULL ? path : L"",
+                         (unsigned long)handle);
     if (result != S_OK)
         return result;
     if (path == NULL || handle != 0)
@@ -274,6 +295,7 @@ HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
 
 HRESULT engine::EndSession(ULONG flags)
 {
+    engine_script_called("EndSession(%lu)", flags);
     if (flags > DEBUG_END_ACTIVE_DETACH)
         return E_INVALIDARG;
     if (m_session == SESSION_NONE)
@@ -288,7 +310,8 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
 
-    (void)timeout_ms; /* the dump is read already, there is nothing to wait for */
+    /* The dump is read already, there is nothing to wait for. */
+    engine_script_called("WaitForEvent(0x%lx, %lu)", flags, timeout_ms);
     if (fault != S_OK)
         return fault;
     if (flags != 0)
@@ -306,6 +329,9 @@ HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_GET_STACK);
     std::vector<kernel_dump_frame> walked;
 
+    engine_script_called("GetStackTrace(%lu, %lu, %lu, *, %lu, *)", (unsigned long)frame_offset,
+                         (unsigned long)stack_offset, (unsigned long)instruction_offset,
+                         frames_size);
     if (filled != NULL)
         *filled = 0;
     if (fault != S_OK)
@@ -401,6 +427,8 @@ HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_OUTPUT_STACK);
     const ULONG receivers = output_control & DEBUG_OUTCTL_SEND_MASK;
 
+    engine_script_called("OutputStackTrace(0x%lx, *, %lu, 0x%lx)", output_control, frames_size,
+                         flags);
     if (fault != S_OK)
         return fault;
     if (frames == NULL && frames_size > 0)
@@ -427,6 +455,7 @@ extern "C" HRESULT WINAPI DebugCreate(REFIID iid, void **out)
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_DEBUG_CREATE);
     HRESULT result;
 
+    engine_script_called("DebugCreate()");
     if (out == NULL)
         return E_INVALIDARG;
     *out = NULL;
@@ -436,8 +465,8 @@ extern "C" HRESULT WINAPI DebugCreate(REFIID iid, void **out)
 
     if (made == NULL)
         return E_OUTOFMEMORY;
-    result = made->QueryInterface(iid, out);
-    made->Release();
+    result = made->query(iid, out);
+    made->drop();
     return result;
 }
 

@@ -1,6 +1,8 @@
 /* The script that the engine plays by, copied from the development host. On the engine's thread. */
 #include "engine_script_internal.h"
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -31,6 +33,7 @@ static const char *const s_call_names[ENGINE_CALL_COUNT] = {
 };
 
 static owned_script s_script;
+static engine_called_fn s_called;
 
 static HRESULT add_fault(owned_script *script, const struct engine_script_fault &fault)
 {
@@ -112,6 +115,24 @@ HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped)
     result = s_script.map(path, &(*mapped)[0], mapped->size(), s_script.user);
     mapped->resize(wcsnlen(mapped->c_str(), mapped->size()));
     return result;
+}
+
+void engine_watch(engine_called_fn called)
+{
+    s_called = called;
+}
+
+void engine_script_called(const char *format, ...)
+{
+    char call[512];
+    va_list arguments;
+
+    if (s_called == NULL)
+        return;
+    va_start(arguments, format);
+    vsnprintf(call, sizeof call, format, arguments);
+    va_end(arguments);
+    s_called(call);
 }
 
 HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason)

@@ -80,6 +80,15 @@ struct engine_script {
 typedef HRESULT (*engine_script_set_fn)(const struct engine_script *script);
 HRESULT engine_script_set(const struct engine_script *script);
 
+/*
+ * Told of each call of a client, before it works; of a release after it. NULL: nobody is told.
+ *
+ * call     "EndSession(0)"; "Release() = 1" with the remaining references. Borrowed for the call.
+ */
+typedef void (*engine_called_fn)(const char *call);
+typedef void (*engine_watch_fn)(engine_called_fn called);
+void engine_watch(engine_called_fn called);
+
 /* What clients have not given back. All are 0 after a client that behaved. */
 struct engine_counts {
     size_t objects;    /* engine objects */

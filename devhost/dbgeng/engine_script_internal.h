@@ -26,6 +26,10 @@ const std::string *engine_script_stack_of(const wchar_t *path);
 /* Where the dump lies. Result as of the script's map. Throws std::bad_alloc. */
 HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped);
 
+/* Tells the watch of a call of the client. */
+void engine_script_called(const char *format, ...)
+    __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)));
+
 /* Tells the script; result goes through. */
 HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason);
 

@@ -24,11 +24,13 @@ typedef uint64_t (*any_call_fn)(uint64_t, uint64_t, uint64_t, uint64_t, uint64_t
                                 uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
                                 uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t);
 
-/* A failure to come: calls first to last of its name, counted from the first one ever. */
+/* A planned failure: calls first to last of its name and arguments from now on. */
 struct planned_failure {
     uint64_t first;
     uint64_t last;
     uint32_t error;
+    std::string with; /* pattern of the arguments; empty: all calls */
+    uint64_t seen;    /* calls with these arguments so far */
 };
 
 struct call_state {
@@ -161,14 +163,21 @@ static void set_outputs(const call_row &row, uint32_t error, const uint64_t *arg
 }
 
 /* Whether this call is to fail, and with which error. */
-static bool failure_due(const call_state &state, uint32_t *error)
+static bool failure_due(const call_row &row, call_state &state, const uint64_t *arguments,
+                        uint32_t *error)
 {
-    for (const planned_failure &failure : state.failures)
-        if (state.total >= failure.first && state.total <= failure.last) {
+    bool due = false;
+
+    for (planned_failure &failure : state.failures) {
+        if (!failure.with.empty() && !text_fits(arguments_text(row, arguments), failure.with))
+            continue;
+        failure.seen++;
+        if (!due && failure.seen >= failure.first && failure.seen <= failure.last) {
             *error = failure.error;
-            return true;
+            due = true;
         }
-    return false;
+    }
+    return due;
 }
 
 static void trace_call(const call_row &row, const std::string &arguments, uint64_t result,
@@ -212,7 +221,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     if (s_trace != NULL)
         arguments = arguments_text(row, a);
     state.total++;
-    planned = failure_due(state, &planned_error);
+    planned = failure_due(row, state, a, &planned_error);
     SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
@@ -311,6 +320,12 @@ void calls_set_trace(calls_trace_fn fn, void *user)
     s_trace_user = user;
 }
 
+void calls_trace(const std::string &text)
+{
+    if (s_trace != NULL)
+        s_trace(text, s_trace_user);
+}
+
 void calls_set_watch(const std::string &name, calls_watch_fn fn)
 {
     for (size_t index = 0; index < ROWS; index++)
@@ -377,15 +392,15 @@ std::string calls_left_open(void)
     return text;
 }
 
-void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error)
+void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error,
+                const std::string &with)
 {
     size_t index = find_failing(name);
 
     if (index == ROWS)
         return;
     call_state &state = s_calls[index];
-    state.failures.push_back(
-        {state.total + nth, times != 0 ? state.total + nth + times - 1 : UINT64_MAX, error});
+    state.failures.push_back({nth, times != 0 ? nth + times - 1 : UINT64_MAX, error, with, 0});
 }
 
 void calls_clear_failures(void)

@@ -20,6 +20,8 @@ void calls_patch(HMODULE plugin);
 
 /* NULL, the initial state: no tracing. */
 void calls_set_trace(calls_trace_fn fn, void *user);
+/* Traces a call that does not pass here. */
+void calls_trace(const std::string &text);
 
 /* arguments: as passed, as many as the call has; result as the plug-in gets it. */
 typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
@@ -35,9 +37,11 @@ bool calls_can_fail(const std::string &name, uint32_t error);
  * sets none. */
 std::vector<std::string> calls_failing(void);
 std::vector<uint32_t> calls_errors(const std::string &name);
-/* The nth call from here on (1 is the next) of a name fails with that error, and so do the following
- * ones, times altogether; 0: persistently. A name that cannot fail is ignored. */
-void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error);
+/* The nth call from now on (1 is the next) of a name fails with that error, and so do the following
+ * ones, times altogether; 0: persistently. with: only calls with these arguments count, as traces
+ * print them, * for any characters; empty: all. A name that cannot fail is ignored. */
+void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t error,
+                const std::string &with = "");
 void calls_clear_failures(void);
 
 /* Calls of a name since the start or the last reset. */

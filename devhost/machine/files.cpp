@@ -353,6 +353,20 @@ bool machine_file_exists(const std::wstring &path)
     return GetFileAttributesW(machine_real_path(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+machine_times machine_file_times(const std::wstring &path)
+{
+    const std::wstring real_path = machine_real_path(path);
+    const auto created = machine_get().created_100ns.find(text_lower(real_path));
+    WIN32_FIND_DATAW data = {};
+    HANDLE search = FindFirstFileW(real_path.c_str(), &data);
+
+    if (search != INVALID_HANDLE_VALUE)
+        FindClose(search);
+    return {(static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                data.ftLastWriteTime.dwLowDateTime,
+            created != machine_get().created_100ns.end() ? created->second : 0};
+}
+
 std::string machine_read_real_file(const std::wstring &real_path, int status)
 {
     HANDLE file = CreateFileW(real_path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,

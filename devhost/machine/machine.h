@@ -98,6 +98,11 @@ void machine_write_file(const std::wstring &path, const std::string &bytes, uint
 /* Deletes it; a missing file is harmless. */
 void machine_delete_file(const std::wstring &path);
 bool machine_file_exists(const std::wstring &path);
+/* Times of an existing file. */
+struct machine_times {
+    uint64_t written_100ns, created_100ns;
+};
+machine_times machine_file_times(const std::wstring &path);
 /* A text of the machine with its environment's values in place of %NAME%. */
 std::wstring machine_expand(const std::wstring &text);
 /* Closes what the agent's process left open, as Windows does at its end. */

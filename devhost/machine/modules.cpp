@@ -4,6 +4,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
+#include "calls.h"
 #include "heap.h"
 #include "../base/text.h"
 #include "memory_disk.h"
@@ -115,6 +116,11 @@ static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
     return GetProcAddress(module, name);
 }
 
+static void trace_engine(const char *call)
+{
+    calls_trace(std::string("dbgeng.") + call);
+}
+
 void machine_update_engine(void)
 {
     const machine &machine = machine_get();
@@ -139,6 +145,7 @@ void machine_update_engine(void)
         throw devhost_error(EXIT_BAD_CALL,
                             text_format("the engine refuses its faults and stacks, 0x%08lx",
                                         static_cast<unsigned long>(result)));
+    engine_function<engine_watch_fn>("engine_watch")(trace_engine);
 }
 
 void machine_reset_engine(void)

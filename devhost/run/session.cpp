@@ -2,6 +2,7 @@
 #include "session.h"
 
 #include <stdio.h>
+#include <string.h>
 #include <windows.h>
 
 #include "../../platform/liboxni_core/host.h"
@@ -32,7 +33,8 @@ static bool wants_trace(const json_value &value)
 {
     if (value.IsObject())
         for (const auto &member : value.GetObject())
-            if (member.name == "calls" || member.name == "no_calls" || wants_trace(member.value))
+            if (member.name == "calls" || member.name == "no_calls" || member.name == "sequence" ||
+                strchr(member.name.GetString(), '(') != NULL || wants_trace(member.value))
                 return true;
     if (value.IsArray())
         for (const json_value &element : value.GetArray())
@@ -86,8 +88,15 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
 {
     struct play_options play = {folder.path, options.plugin_path, options.real_time, false};
 
+    const size_t boots = node_elements(&scenario.document, "boots").size();
+
+    /* Reported before anything is played. */
     for (const std::string &text : options.commands)
-        (void)parse_command(text); /* told before anything is played */
+        if (const unsigned long boot = parse_command(text).boot; boot == 0 || boot > boots)
+            throw devhost_error(EXIT_BAD_CALL,
+                                text_format("--console %s: there is no boot %lu, %s has %u",
+                                            text.c_str(), boot, file.c_str(),
+                                            static_cast<unsigned>(boots)));
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     /* With guards, a bad free tells who made the block. */
     oxnih_memory_find_sites(options.guard_memory);

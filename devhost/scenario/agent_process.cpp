@@ -2,10 +2,31 @@
 #include "agent_process.h"
 
 #include "../agent/agent.h"
+#include "callbacks.h"
 #include "management.h"
+#include "observe.h"
 #include "products.h"
 #include "journal.h"
 #include "timeline.h"
+
+/* All that ends with the agent's process. */
+static void forget_agent(void)
+{
+    products_agent_stopped();
+    observe_agent_stopped();
+    callbacks_agent_stopped();
+}
+
+/* The plug-in may have ended the process in its entry. Result: whether it did. */
+static bool ended_in_entry(void)
+{
+    if (agent_state_get() != AGENT_EXITED)
+        return false;
+    agent_stop();
+    forget_agent();
+    journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+    return true;
+}
 
 void agent_process_start(void)
 {
@@ -13,13 +34,18 @@ void agent_process_start(void)
         return;
     journal_add(HAPPENED_AGENT, "agent", "starts and loads the plug-in");
     agent_start();
-    if (agent_state_get() == AGENT_EXITED) {
-        agent_stop();
-        journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
+    if (ended_in_entry())
         return;
-    }
     management_agent_started();
     products_agent_started();
+}
+
+uint64_t agent_process_init_again(void)
+{
+    const uint64_t result = agent_call_entry();
+
+    (void)ended_in_entry();
+    return result;
 }
 
 void agent_process_stop(const std::string &why)
@@ -29,7 +55,7 @@ void agent_process_stop(const std::string &why)
     /* Recorded while everything is still there to be examined. */
     journal_add(HAPPENED_AGENT, "agent", why);
     agent_stop();
-    products_agent_stopped();
+    forget_agent();
 }
 
 void agent_process_run_until(uint64_t ms)
@@ -38,7 +64,7 @@ void agent_process_run_until(uint64_t ms)
 
     agent_run_until(ms > timeline_now_ms() ? ms : timeline_now_ms());
     if (was_running && agent_state_get() == AGENT_EXITED) {
-        products_agent_stopped();
+        forget_agent();
         journal_add(HAPPENED_AGENT, "agent", "was ended by the plug-in, exit code 0");
     }
 }

@@ -1,4 +1,4 @@
-/* The agent in a scenario: its start and end, with its products and the management side. */
+/* The agent of a scenario: start and end of its process, its products, the management side. */
 #ifndef DEVHOST_AGENT_PROCESS_H
 #define DEVHOST_AGENT_PROCESS_H
 
@@ -8,6 +8,9 @@
 
 /* The agent starts; its products register some time later. Harmless when it is running. */
 void agent_process_start(void);
+
+/* Calls the plug-in's entry once more. Returns its result. */
+uint64_t agent_process_init_again(void);
 
 /* The agent's process ends. why: for the journal. Harmless when it is not running. */
 void agent_process_stop(const std::string &why);

@@ -1,41 +1,16 @@
 /*
- * Expectations: each member of an "expect" looks at one side of what happened since the boot's
- * start or its last expectation.
+ * Expectations of events: each member of an "expect" looks at one kind of event since the start of
+ * the boot or its previous "expect".
  */
-#include "expect.h"
+#include "expect_internal.h"
 
-#include <oxni/base/ejs.h>
-
-#include "../../platform/liboxni_core/host.h"
-#include "../agent/agent.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
-#include "match.h"
+#include "../machine/calls.h"
 #include "journal.h"
-#include "machine_setup.h"
-#include "products.h"
+#include "match.h"
 
-struct expect_context {
-    const struct scenario &scenario;
-    std::string where; /* of the member */
-    const json_value &value;
-    std::vector<std::string> &failures;
-};
-
-/* First happening that the next expectation looks at. */
+/* The first journal entry that the next expectation covers. */
 static size_t s_from;
-
-static void fail(const expect_context &context, const std::string &why)
-{
-    context.failures.push_back(context.scenario.file + ": " + context.where + ": " + why);
-}
-
-static void check(const expect_context &context, const std::string &why)
-{
-    if (!why.empty())
-        fail(context, why);
-}
 
 static std::vector<const happening *> happenings(enum happening_kind kind)
 {
@@ -48,105 +23,140 @@ static std::vector<const happening *> happenings(enum happening_kind kind)
     return found;
 }
 
-/* A happening with a message as JSON: the message's members behind "at" in seconds and to or from
- * whom. */
-static void message_json(const happening &what, const char *whom_member, const std::string &whom,
-                         rapidjson::Document &json)
+/* An event with a message as JSON: the members of the message, "at" in seconds, and "to" for a
+ * command, else "from". */
+static void message_json(const happening &what, rapidjson::Document &json)
 {
+    const bool command = what.kind == HAPPENED_COMMAND;
     json_value at(static_cast<double>(what.ms) / 1000.0), name;
 
     json.Parse(what.json.empty() ? "{}" : what.json.c_str());
+    if (what.kind == HAPPENED_UPLOAD)
+        return;
     if (!json.IsObject())
         json.SetObject();
     auto &memory = json.GetAllocator();
-    name.SetString(whom.c_str(), memory);
+    name.SetString((command ? what.whom : what.who).c_str(), memory);
     json.AddMember("at", at, memory);
-    json.AddMember(rapidjson::StringRef(whom_member), name, memory);
+    json.AddMember(rapidjson::StringRef(command ? "to" : "from"), name, memory);
 }
 
 /* Messages of a kind, in order, as many as expected and each fitting. */
-static void check_messages(const expect_context &context, enum happening_kind kind,
-                           const char *whom_member)
+static void check_messages(const expect_context &context, enum happening_kind kind)
 {
     std::vector<const happening *> found = happenings(kind);
     size_t index = 0;
 
-    for (const json_value &expected : context.value.GetArray()) {
+    for (const node &expected : context.value.elements()) {
         rapidjson::Document actual;
         std::string place = "[" + std::to_string(index) + "]";
 
         if (index == found.size()) {
-            fail(context, place + " did not come, expected " + node_to_text(expected));
+            expect_fail(context, place + " is missing, expected " + node_to_text(*expected));
             return;
         }
-        const std::string &whom = kind == HAPPENED_COMMAND ? found[index]->whom : found[index]->who;
-        message_json(*found[index], whom_member, whom, actual);
-        check(context, match_json(expected, actual, place));
+        message_json(*found[index], actual);
+        expect_fail(context, match_json(*expected, actual, place));
         index++;
     }
     if (index < found.size())
-        fail(context,
-             text_format("%u came, expected %u; the next is ", static_cast<unsigned>(found.size()),
-                         static_cast<unsigned>(index)) +
-                 found[index]->text + " " + found[index]->json);
+        expect_fail(context,
+                    text_format("%u events, expected %u; the next is ",
+                                static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
+                        found[index]->text + " " + found[index]->json);
 }
 
 static void check_commands(const expect_context &context)
 {
-    check_messages(context, HAPPENED_COMMAND, "to");
+    check_messages(context, HAPPENED_COMMAND);
 }
 
 static void check_product_messages(const expect_context &context)
 {
-    check_messages(context, HAPPENED_MESSAGE, "from");
+    check_messages(context, HAPPENED_MESSAGE);
 }
 
-/* Uploads are compared as they stand. */
 static void check_uploads(const expect_context &context)
 {
-    std::vector<const happening *> found = happenings(HAPPENED_UPLOAD);
-    size_t index = 0;
-
-    if (found.size() != context.value.Size())
-        fail(context, text_format("%u came, expected %u", static_cast<unsigned>(found.size()),
-                                  context.value.Size()));
-    for (; index < found.size() && index < context.value.Size(); index++) {
-        rapidjson::Document actual;
-
-        actual.Parse(found[index]->json.c_str());
-        check(context, match_json(context.value[static_cast<rapidjson::SizeType>(index)], actual,
-                                  "[" + std::to_string(index) + "]"));
-    }
+    check_messages(context, HAPPENED_UPLOAD);
 }
 
-/* The texts in order; others may stand between them. */
+/* A log line that contains a text, or has a level, a file and a part of its text. */
+static bool log_fits(const node &expected, const std::string &line, int level)
+{
+    static const char *const levels[] = {"error", "warn", "info", "debug"};
+    log_line parts = text_log_line(line);
+    std::string file = parts.place.substr(0, parts.place.rfind(':'));
+
+    if (expected->IsString())
+        return match_part(line, expected->GetString());
+    if (expected["level"] && (level < 0 || level > 3 || expected.text("level") != levels[level] ||
+                              expected.text("level") != parts.level))
+        return false;
+    return match_text(file, expected.text("file", "*")) &&
+           match_part(parts.message, expected.text("text"));
+}
+
+static bool event_fits(const node &expected, const happening &what)
+{
+    rapidjson::Document actual;
+
+    if (what.kind == HAPPENED_LOG)
+        return log_fits(expected, what.text, what.number);
+    if (expected->IsString())
+        return match_part(what.text, expected->GetString());
+    message_json(what, actual);
+    return match_json(*expected, actual, "").empty();
+}
+
+struct expected_event {
+    enum happening_kind kind;
+    node value;
+};
+
+/* The events in this order; others may be between them. */
+static void check_order(const expect_context &context, const std::vector<expected_event> &expected)
+{
+    const std::vector<happening> &all = journal_all();
+    size_t at = s_from, found = 0;
+
+    for (; found < expected.size() && at < all.size(); at++)
+        if (all[at].kind == expected[found].kind && all[at].boot == journal_boot() &&
+            event_fits(expected[found].value, all[at]))
+            found++;
+    if (found < expected.size())
+        expect_fail(context,
+                    "no " + node_to_text(*expected[found].value) +
+                        (found == 0 ? std::string()
+                                    : " after " + node_to_text(*expected[found - 1].value)));
+}
+
 static void check_in_order(const expect_context &context, enum happening_kind kind)
 {
-    std::vector<const happening *> found = happenings(kind);
-    size_t at = 0;
+    std::vector<expected_event> expected;
 
-    for (const json_value &expected : context.value.GetArray()) {
-        std::string pattern = "*" + match_expand(expected.GetString()) + "*";
-        size_t start = at;
+    for (const node &element : context.value.elements())
+        expected.push_back({kind, element});
+    check_order(context, expected);
+}
 
-        while (at < found.size() && !text_fits(found[at]->text, pattern))
-            at++;
-        if (at == found.size()) {
-            fail(context,
-                 text_format("no \"%s\" behind number %u of %u", expected.GetString(),
-                             static_cast<unsigned>(start), static_cast<unsigned>(found.size())));
-            return;
-        }
-        at++;
-    }
+/* Events of several kinds in one order; each names its kind. */
+static void check_sequence(const expect_context &context)
+{
+    std::vector<expected_event> expected;
+
+    for (const node &element : context.value.elements())
+        for (const auto &[kind, value] : element.members())
+            expected.push_back({journal_kind(kind), value});
+    check_order(context, expected);
 }
 
 static void check_none(const expect_context &context, enum happening_kind kind)
 {
-    for (const json_value &pattern : context.value.GetArray())
+    for (const node &unexpected : context.value.elements())
         for (const happening *what : happenings(kind))
-            if (text_fits(what->text, "*" + match_expand(pattern.GetString()) + "*")) {
-                fail(context, "came although it should not: " + what->text);
+            if (event_fits(unexpected, *what)) {
+                expect_fail(context, "not expected: " + what->text);
                 return;
             }
 }
@@ -156,18 +166,20 @@ static void check_list(const expect_context &context, enum happening_kind kind)
 {
     std::vector<const happening *> found = happenings(kind);
 
-    if (found.size() != context.value.Size()) {
-        fail(context, text_format("%u came, expected %u%s%s", static_cast<unsigned>(found.size()),
-                                  context.value.Size(), found.empty() ? "" : "; the first is ",
-                                  found.empty() ? "" : found[0]->text.c_str()));
+    if (found.size() != context.value->Size()) {
+        expect_fail(context,
+                    text_format("%u events, expected %u%s%s", static_cast<unsigned>(found.size()),
+                                context.value->Size(), found.empty() ? "" : "; the first is ",
+                                found.empty() ? "" : found[0]->text.c_str()));
         return;
     }
     for (size_t i = 0; i < found.size(); i++) {
-        const json_value &expected = context.value[static_cast<rapidjson::SizeType>(i)];
+        const json_value *expected = &(*context.value)[static_cast<rapidjson::SizeType>(i)];
 
-        if (!text_fits(found[i]->text, match_expand(expected.GetString())))
-            fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text + "\", expected \"" +
-                              match_expand(expected.GetString()) + "\"");
+        if (!match_text(found[i]->text, expected->GetString()))
+            expect_fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text +
+                                     "\", expected \"" + match_expand(expected->GetString()) +
+                                     "\"");
     }
 }
 
@@ -183,16 +195,15 @@ static void check_no_log(const expect_context &context)
 
 static void check_log_counts(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        std::string pattern = std::string("*") + match_expand(member.name.GetString()) + "*";
+    for (const auto &[name, value] : context.value.members()) {
         int64_t count = 0;
 
         for (const happening *what : happenings(HAPPENED_LOG))
-            count += text_fits(what->text, pattern) ? 1 : 0;
-        if (count != member.value.GetInt64())
-            fail(context, text_format("\"%s\" came %lld times, expected %lld",
-                                      member.name.GetString(), static_cast<long long>(count),
-                                      static_cast<long long>(member.value.GetInt64())));
+            count += match_part(what->text, name) ? 1 : 0;
+        if (count != value->GetInt64())
+            expect_fail(context, text_format("\"%s\" occurs %lld times, expected %lld",
+                                             name.c_str(), static_cast<long long>(count),
+                                             static_cast<long long>(value->GetInt64())));
     }
 }
 
@@ -221,176 +232,67 @@ static void check_no_calls(const expect_context &context)
     check_none(context, HAPPENED_CALL);
 }
 
+/* A name counts all its calls; a text with "(" the traced calls that contain it. */
 static void check_call_counts(const expect_context &context)
 {
-    for (const auto &member : context.value.GetObject()) {
-        uint64_t count = calls_count(member.name.GetString());
+    for (const auto &[name, value] : context.value.members()) {
+        bool traced = name.find('(') != std::string::npos;
+        uint64_t count = traced ? 0 : calls_count(name);
 
-        if (!calls_known(member.name.GetString()))
-            fail(context, std::string(member.name.GetString()) + " is no call that is counted");
-        if (count != member.value.GetUint64())
-            fail(context,
-                 text_format("%s was called %llu times, expected %llu", member.name.GetString(),
-                             static_cast<unsigned long long>(count),
-                             static_cast<unsigned long long>(member.value.GetUint64())));
+        for (const happening *what : happenings(HAPPENED_CALL))
+            count += traced && match_part(what->text, name) ? 1u : 0u;
+        if (!traced && !calls_known(name))
+            expect_fail(context, name + " is not a call that is counted");
+        if (count != value->GetUint64())
+            expect_fail(context, text_format("%s was called %llu times, expected %llu",
+                                             name.c_str(), static_cast<unsigned long long>(count),
+                                             static_cast<unsigned long long>(value->GetUint64())));
     }
 }
 
-static void check_products(const expect_context &context)
-{
-    for (const auto &member : context.value.GetObject()) {
-        rapidjson::Document actual;
-
-        actual.Parse(product_state_text(member.name.GetString()).c_str());
-        check(context, match_json(member.value, actual, member.name.GetString()));
-    }
-}
-
-/* Documents of the plug-in by file name; null: the file must not be there. */
-static void check_documents(const expect_context &context)
-{
-    for (const auto &member : context.value.GetObject()) {
-        std::string name = member.name.GetString();
-        json_t *document = wdu_json_load_file_ejs(agent_data_path(name).c_str());
-        rapidjson::Document actual;
-
-        actual.Parse(text_of_json(document).c_str());
-        wdu_json_delete_ejs(document);
-        check(context, match_json(member.value, actual, name));
-    }
-}
-
-static void check_registry(const expect_context &context)
-{
-    for (const json_value &expected : context.value.GetArray()) {
-        std::string key = node_text_of(&expected, "key", ""), text;
-        std::string name = node_text_of(&expected, "name", "");
-        bool there = machine_get_value(text_wide(key), text_wide(name), &text);
-        const json_value *data = node_member(&expected, "data");
-        std::string wanted =
-            data == NULL ? "" : (data->IsString() ? data->GetString() : node_to_text(*data));
-
-        if (data == NULL && there)
-            fail(context, key + ": " + name + " is \"" + text + "\", expected no such value");
-        else if (data != NULL && (!there || !text_fits(text, match_expand(wanted))))
-            fail(context, key + ": " + name + (there ? " is \"" + text + "\"" : " is missing") +
-                              ", expected \"" + wanted + "\"");
-    }
-}
-
-static void check_keys(const expect_context &context)
-{
-    for (const auto &member : context.value.GetObject())
-        if (machine_key_exists(text_wide(member.name.GetString())) != member.value.GetBool())
-            fail(context, std::string(member.name.GetString()) +
-                              (member.value.GetBool() ? " is missing" : " is there"));
-}
-
-/* true or false: there or not; a text: its content; a number: the count of a crash record. */
-static void check_files(const expect_context &context)
-{
-    for (const auto &member : context.value.GetObject()) {
-        std::wstring wide = machine_setup_path(member.name.GetString());
-        bool there = machine_file_exists(wide);
-        bool wanted = !member.value.IsBool() || member.value.GetBool();
-        std::string name = member.name.GetString();
-        std::string content;
-
-        if (there != wanted) {
-            fail(context, name + (wanted ? " is missing" : " is there"));
-            continue;
-        }
-        if (member.value.IsBool())
-            continue;
-        content = machine_read_real_file(machine_real_path(wide), EXIT_BAD_CALL);
-        if (member.value.IsInt64())
-            content = std::to_string(machine_setup_record_count(content));
-        std::string expected = member.value.IsString() ? match_expand(member.value.GetString())
-                                                       : node_to_text(member.value);
-        if (!text_fits(content, expected))
-            fail(context, name + " holds \"" + content + "\", expected \"" + expected + "\"");
-    }
-}
-
-static void check_agent(const expect_context &context)
-{
-    static const char *const words[] = {"running", "stopped", "exited"};
-
-    if (words[agent_state_get()] != std::string(context.value.GetString()))
-        fail(context, std::string("is ") + words[agent_state_get()] + ", expected " +
-                          context.value.GetString());
-}
-
-static void check_pending_replies(const expect_context &context)
-{
-    if (oxnih_core_pending_replies() != context.value.GetUint64())
-        fail(context, text_format("%llu, expected %llu",
-                                  static_cast<unsigned long long>(oxnih_core_pending_replies()),
-                                  static_cast<unsigned long long>(context.value.GetUint64())));
-}
-
-static const struct {
-    const char *member;
-    void (*check)(const expect_context &context);
-} s_checks[] = {
-    {"commands",        check_commands        },
-    {"messages",        check_product_messages},
-    {"uploads",         check_uploads         },
-    {"log",             check_log             },
-    {"no_log",          check_no_log          },
-    {"log_counts",      check_log_counts      },
-    {"echo",            check_echo            },
-    {"refused",         check_refused         },
-    {"complaints",      check_complaints      },
-    {"calls",           check_calls           },
-    {"no_calls",        check_no_calls        },
-    {"call_counts",     check_call_counts     },
-    {"products",        check_products        },
-    {"documents",       check_documents       },
-    {"registry",        check_registry        },
-    {"keys",            check_keys            },
-    {"files",           check_files           },
-    {"agent",           check_agent           },
-    {"pending_replies", check_pending_replies },
+static const expect_member s_members[] = {
+    {"commands",    check_commands        },
+    {"messages",    check_product_messages},
+    {"uploads",     check_uploads         },
+    {"sequence",    check_sequence        },
+    {"log",         check_log             },
+    {"no_log",      check_no_log          },
+    {"log_counts",  check_log_counts      },
+    {"echo",        check_echo            },
+    {"refused",     check_refused         },
+    {"complaints",  check_complaints      },
+    {"calls",       check_calls           },
+    {"no_calls",    check_no_calls        },
+    {"call_counts", check_call_counts     },
 };
 
-/* A complaint or a refused message that nobody expects is a failure of its own. */
-static void check_unexpected(const struct scenario &scenario, const std::string &where,
-                             const json_value &expect, std::vector<std::string> &failures)
+static void check_unexpected(const node &where, enum happening_kind kind,
+                             std::vector<std::string> &failures)
 {
-    static const struct {
-        const char *member;
-        enum happening_kind kind;
-    } kinds[] = {
-        {"complaints", HAPPENED_COMPLAINT},
-        {"refused",    HAPPENED_REFUSED  }
-    };
-
-    for (const auto &row : kinds)
-        if (node_member(&expect, row.member) == NULL)
-            for (const happening *what : happenings(row.kind))
-                failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
+    for (const happening *what : happenings(kind))
+        failures.push_back(where.place() + ": not expected: " + what->text);
 }
 
-void expect_check(const struct scenario &scenario, const std::string &where,
-                  const json_value &expect, std::vector<std::string> &failures)
+void expect_check(const node &expect, std::vector<std::string> &failures)
 {
-    for (const auto &row : s_checks) {
-        const json_value *value = node_member(&expect, row.member);
+    for (const auto &[name, value] : expect.members()) {
+        const expect_context context = {value, failures};
 
-        if (value != NULL)
-            row.check({scenario, where + "/" + row.member, *value, failures});
+        if (!expect_state(name, context))
+            for (const expect_member &member : s_members)
+                if (name == member.name)
+                    member.check(context);
     }
-    check_unexpected(scenario, where, expect, failures);
-    s_from = journal_all().size();
-    calls_reset_counts();
+    if (!expect["complaints"])
+        check_unexpected(expect, HAPPENED_COMPLAINT, failures);
+    if (!expect["refused"])
+        check_unexpected(expect, HAPPENED_REFUSED, failures);
+    expect_start_boot();
 }
 
-void expect_no_complaints(const struct scenario &scenario, const std::string &where,
-                          std::vector<std::string> &failures)
+void expect_no_complaints(const node &boot, std::vector<std::string> &failures)
 {
-    for (const happening *what : happenings(HAPPENED_COMPLAINT))
-        failures.push_back(scenario.file + ": " + where + ": not expected: " + what->text);
+    check_unexpected(boot, HAPPENED_COMPLAINT, failures);
     s_from = journal_all().size();
 }
 

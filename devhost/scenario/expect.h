@@ -7,13 +7,11 @@
 
 #include "scenario.h"
 
-/* Checks what happened in this boot since its start or its last expectation. */
-void expect_check(const struct scenario &scenario, const std::string &where,
-                  const json_value &expect, std::vector<std::string> &failures);
+/* Checks an "expect" against the events since the start of the boot or its previous "expect". */
+void expect_check(const node &expect, std::vector<std::string> &failures);
 /* Begins a boot. */
 void expect_start_boot(void);
-/* A boot ended: a complaint of the platform after the last expectation fails it, too. */
-void expect_no_complaints(const struct scenario &scenario, const std::string &where,
-                          std::vector<std::string> &failures);
+/* Ends a boot: a complaint of the platform after the last "expect" fails it too. */
+void expect_no_complaints(const node &boot, std::vector<std::string> &failures);
 
 #endif

@@ -1,4 +1,4 @@
-/* The list of what happened. */
+/* The journal of a run. */
 #include "journal.h"
 
 #include "../../platform/liboxnibase/host.h"
@@ -75,4 +75,13 @@ void journal_clear(void)
 const char *journal_kind_name(enum happening_kind kind)
 {
     return s_kind_names[kind];
+}
+
+enum happening_kind journal_kind(const std::string &name)
+{
+    int kind = HAPPENED_COMPLAINT;
+
+    while (kind > HAPPENED_BOOT && name != s_kind_names[kind])
+        kind--;
+    return static_cast<enum happening_kind>(kind);
 }

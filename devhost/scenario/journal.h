@@ -1,5 +1,5 @@
 /*
- * What happened in a run, in order: the one list that views print and expectations look at.
+ * The journal of a run: its events in order. Views print it, expectations check it.
  */
 #ifndef DEVHOST_JOURNAL_H
 #define DEVHOST_JOURNAL_H
@@ -20,15 +20,15 @@ enum happening_kind {
     HAPPENED_COMMAND,  /* the plug-in pushed a command */
     HAPPENED_REPLY,    /* the platform answered that push */
     HAPPENED_STATE,    /* a product changed its state */
-    HAPPENED_LINK,     /* the plug-in was told the management link's state */
+    HAPPENED_LINK,     /* the state of the management link reached the plug-in */
     HAPPENED_UPLOAD,   /* the plug-in delivered a request to the management side */
     HAPPENED_RESPONSE, /* it was answered */
     HAPPENED_ASKED,    /* the plug-in called another module's console command, and its answer */
-    HAPPENED_CONSOLE,  /* somebody typed a console command */
+    HAPPENED_CONSOLE,  /* a console command was typed */
     HAPPENED_ECHO,     /* the plug-in printed to the console */
     HAPPENED_LOG,      /* a log line of the plug-in */
     HAPPENED_CALL,     /* a traced call */
-    HAPPENED_COMPLAINT /* somebody broke the platform's rules */
+    HAPPENED_COMPLAINT /* the platform's contract was violated */
 };
 
 struct happening {
@@ -45,27 +45,28 @@ struct happening {
 
 typedef void (*journal_view_fn)(const happening &what, void *user);
 
-/* Everything up to now, oldest first. */
+/* Returns all events so far, oldest first. */
 const std::vector<happening> &journal_all(void);
 
-/* Adds a happening of now. */
+/* Adds an event of now. */
 void journal_add(enum happening_kind kind, const std::string &who, const std::string &text,
                  const std::string &json = "", int32_t number = 0, const std::string &whom = "");
 
-/* Which boot it is from here on. */
+/* Sets and returns the number of the boot, from 1. */
 void journal_set_boot(int boot);
 int journal_boot(void);
 
-/* A folder that texts show as a short word: it differs from run to run. */
+/* Sets a folder that texts show as a short name, since it differs from run to run. */
 void journal_set_folder(const std::string &folder, const std::string &shown);
 
-/* Who is shown each happening as it is added. */
+/* Sets the function that receives each event as it is added. */
 void journal_set_view(journal_view_fn view, void *user);
 journal_view_fn journal_view(void);
 
 void journal_clear(void);
 
-/* The name of a kind, for machines. */
+/* The name of a kind, for machines, and the kind of a name; an unknown name gives HAPPENED_BOOT. */
 const char *journal_kind_name(enum happening_kind kind);
+enum happening_kind journal_kind(const std::string &name);
 
 #endif

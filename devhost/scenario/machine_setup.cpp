@@ -1,7 +1,13 @@
 /* What a scenario does to the machine. */
 #include "machine_setup.h"
 
+#include <algorithm>
+
 #include <oxni/base/algo.h>
+#include <oxni/base/ejs.h>
+#include <oxni/base/log.h>
+
+#include "../../platform/liboxni_agentid/host.h"
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
@@ -19,77 +25,103 @@
 /* Content of the file of a scripted dump, which nothing reads. */
 #define SCRIPTED_DUMP_BYTES "(the stack of this dump is in the scenario)"
 
-static std::wstring wide_of(const json_value *object, const char *name)
+static std::wstring wide_of(const node &object, const char *name)
 {
-    return text_wide(node_text_of(object, name, ""));
+    return text_wide(object.text(name));
 }
 
-static void set_zone(const struct scenario &scenario, const std::string &where,
-                     const std::string &name)
+/* Length of the path of the base folder; 0: the agent's own. */
+static size_t s_base_length;
+
+/* A long path is the agent's own base folder and folders below it. */
+static std::string base_folder(void)
+{
+    std::string path = agent_base_folder();
+
+    while (path.size() + 1 < s_base_length)
+        path += "\\" + std::string(std::min(s_base_length - path.size() - 1, size_t(100)), 'b');
+    return path;
+}
+
+static void set_base_folder(const node &said)
+{
+    s_base_length = said->IsInt64() ? static_cast<size_t>(said->GetInt64()) : 0;
+    if (s_base_length != 0 && base_folder().size() != s_base_length)
+        said.bad(text_format("the base folder of this run has at least %u characters",
+                             static_cast<unsigned>(agent_base_folder().size() + 2)));
+    oxnih_set_log_dir(said->IsFalse() ? NULL : base_folder().c_str());
+}
+
+void machine_setup_open(void)
+{
+    s_base_length = 0;
+}
+
+void machine_setup_log_level(const std::string &name)
+{
+    static const char *const levels[] = {"error", "warn", "info", "debug"};
+
+    for (int level = OXNI_LOG_ERROR; level <= OXNI_LOG_DEBUG; level++)
+        if (name == levels[level])
+            oxnih_log_set_level(level);
+}
+
+static void set_zone(const node &name)
 {
     TIME_ZONE_INFORMATION zone;
 
-    if (!machine_time_zone(text_wide(name), &zone))
-        scenario_bad(scenario, where + "/time_zone",
-                     "unknown time zone \"" + name +
-                         "\", expected a name such as \"Tokyo Standard "
-                         "Time\"");
+    if (!name)
+        return;
+    if (!machine_time_zone(text_wide(name->GetString()), &zone))
+        name.bad("unknown time zone " + node_to_text(*name));
     oxnih_clock_set_zone(&zone);
 }
 
-static void set_processes(const struct scenario &scenario, const std::string &where,
-                          const json_value &machine_json)
+static void set_processes(const node &processes)
 {
     struct machine &machine = machine_get();
 
-    if (node_member(&machine_json, "processes") == NULL)
-        return;
-    machine.processes.clear();
-    for (const json_value *process : node_elements(&machine_json, "processes"))
-        machine.processes.push_back(
-            {static_cast<uint32_t>(node_integer_of(process, "pid", 0)),
-             static_cast<uint32_t>(node_integer_of(process, "parent", 0)), wide_of(process, "name"),
-             timeline_time(scenario, where + "/processes/created", node_member(process, "created"),
-                           machine.boot_100ns)});
+    if (processes)
+        machine.processes.clear();
+    for (const node &process : processes.elements())
+        machine.processes.push_back({static_cast<uint32_t>(process.integer("pid", 0)),
+                                     static_cast<uint32_t>(process.integer("parent", 0)),
+                                     wide_of(process, "name"),
+                                     timeline_time(process["created"], machine.boot_100ns)});
 }
 
-static void set_services(const json_value &machine_json)
+static void set_services(const node &services)
 {
     static const char *const states[] = {
         "",        "stopped",          "start_pending", "stop_pending",
         "running", "continue_pending", "pause_pending", "paused"};
-    const json_value *services = node_member(&machine_json, "services");
 
-    if (services == NULL)
-        return;
-    for (const auto &service : services->GetObject()) {
-        std::wstring name = text_lower(text_wide(service.name.GetString()));
+    for (const auto &[key, service] : services.members()) {
+        std::wstring name = text_lower(text_wide(key));
 
-        if (service.value.IsNull()) {
+        if (service->IsNull()) {
             machine_get().services.erase(name);
             continue;
         }
         std::vector<DWORD> &list = machine_get().services[name];
         list.clear();
-        for (const json_value &state : service.value.GetArray())
+        for (const node &state : service.elements())
             for (DWORD number = 1; number < ARRAYSIZE(states); number++)
-                if (state == states[number])
+                if (*state == states[number])
                     list.push_back(number);
     }
 }
 
-static void set_engine(const json_value &machine_json)
+static void set_engine(const node &engine)
 {
-    const json_value *engine = node_member(&machine_json, "engine");
-    const json_value *fails = node_member(engine, "fails");
+    node fails = engine["fails"];
 
-    machine_get().has_engine = node_flag_of(engine, "present", machine_get().has_engine);
-    if (fails == NULL)
+    machine_get().has_engine = engine.flag("present", machine_get().has_engine);
+    if (!fails)
         return;
     machine_get().engine_faults.clear();
-    for (const auto &fault : fails->GetObject())
-        machine_get().engine_faults[fault.name.GetString()] =
-            static_cast<HRESULT>(fault.value.GetUint());
+    for (const auto &[call, result] : fails.members())
+        machine_get().engine_faults[call] = static_cast<HRESULT>(result->GetUint());
     machine_update_engine();
 }
 
@@ -102,66 +134,61 @@ static void load_events(const std::string &file)
         machine_log(std::move(event));
 }
 
-void machine_setup_apply(const struct scenario &scenario, const std::string &where,
-                         const json_value &said)
+void machine_setup_apply(const node &said)
 {
     struct machine &machine = machine_get();
-    std::string zone = node_text_of(&said, "time_zone", "");
 
-    if (!zone.empty())
-        set_zone(scenario, where, zone);
-    if (node_member(&said, "privileges") != NULL) {
+    set_zone(said["time_zone"]);
+    if (said["privileges"])
         machine.privileges.clear();
-        for (const json_value *privilege : node_elements(&said, "privileges"))
-            machine.privileges.insert(privilege->GetString());
-    }
-    machine.has_tick_count_64 = node_flag_of(&said, "tick_count_64", machine.has_tick_count_64);
-    set_processes(scenario, where, said);
-    set_services(said);
-    set_engine(said);
-    for (const json_value *value : node_elements(&said, "registry"))
-        machine_setup_value(scenario, where + "/registry", *value);
-    for (const json_value *file : node_elements(&said, "files"))
-        machine_setup_file(scenario, where + "/files", *file);
-    if (node_member(&said, "events_from") != NULL)
-        load_events(scenario_path(scenario, node_text_of(&said, "events_from", "")));
-    for (const json_value *event : node_elements(&said, "events"))
-        machine_setup_event(scenario, where + "/events", *event);
-    if (node_member(&said, "base_folder") != NULL)
-        oxnih_set_log_dir(node_flag_of(&said, "base_folder", true) ? agent_base_folder().c_str()
-                                                                   : NULL);
-    if (node_member(&said, "lenient") != NULL)
-        oxnih_core_set_lenient(node_flag_of(&said, "lenient", false));
+    for (const node &privilege : said["privileges"].elements())
+        machine.privileges.insert(privilege->GetString());
+    machine.has_tick_count_64 = said.flag("tick_count_64", machine.has_tick_count_64);
+    set_processes(said["processes"]);
+    set_services(said["services"]);
+    set_engine(said["engine"]);
+    for (const node &value : said["registry"].elements())
+        machine_setup_value(value);
+    for (const node &file : said["files"].elements())
+        machine_setup_file(file);
+    if (said["events_from"])
+        load_events(said["events_from"].path());
+    for (const node &event : said["events"].elements())
+        machine_setup_event(event);
+    if (said["base_folder"])
+        set_base_folder(said["base_folder"]);
+    if (said["device_id"])
+        oxnih_set_device_id(said.text("device_id").c_str());
+    if (said["log_level"])
+        machine_setup_log_level(said.text("log_level"));
+    if (said["lenient"])
+        oxnih_core_set_lenient(said.flag("lenient", false));
 }
 
-void machine_setup_event(const struct scenario &scenario, const std::string &where,
-                         const json_value &event)
+void machine_setup_event(const node &event)
 {
     event_record record = {};
-    uint64_t time = timeline_time(scenario, where + "/time", node_member(&event, "time"),
-                                  oxnih_clock_now_100ns());
+    uint64_t time = timeline_time(event["time"], oxnih_clock_now_100ns());
 
-    record.number = static_cast<uint32_t>(node_integer_of(&event, "record", 0));
+    record.number = static_cast<uint32_t>(event.integer("record", 0));
     record.time = static_cast<uint32_t>(time_unix(time));
-    record.id = static_cast<uint32_t>(node_integer_of(&event, "id", 0));
-    record.type = static_cast<uint16_t>(node_integer_of(&event, "type", EVENTLOG_INFORMATION_TYPE));
-    record.source = wide_of(&event, "source");
-    for (const json_value *text : node_elements(&event, "strings"))
-        record.strings.add(text_wide(text->IsString() ? text->GetString() : ""));
-    if (node_member(&event, "padding") != NULL)
-        record.strings.add(
-            std::wstring(static_cast<size_t>(node_integer_of(&event, "padding", 0)), L'x'));
+    record.id = static_cast<uint32_t>(event.integer("id", 0));
+    record.type = static_cast<uint16_t>(event.integer("type", EVENTLOG_INFORMATION_TYPE));
+    record.source = wide_of(event, "source");
+    for (const node &text : event["strings"].elements())
+        record.strings.add(text_wide(text->GetString()));
+    if (event["padding"])
+        record.strings.add(std::wstring(static_cast<size_t>(event.integer("padding", 0)), L'x'));
     machine_log(std::move(record));
 }
 
-std::string machine_setup_stack(const json_value *said)
+std::string machine_setup_stack(const node &said)
 {
-    std::string text = node_text_of(said, "stack", "");
+    std::string text = said.text("stack");
 
-    if (node_member(said, "frames") == NULL)
-        return text;
-    text += "Call Site\n";
-    for (const json_value *frame : node_elements(said, "frames"))
+    if (said["frames"])
+        text += "Call Site\n";
+    for (const node &frame : said["frames"].elements())
         text += std::string(frame->GetString()) + "\n";
     return text;
 }
@@ -192,82 +219,121 @@ int64_t machine_setup_record_count(const std::string &bytes)
 
 std::wstring machine_setup_path(const std::string &path)
 {
-    return text_wide(text_replace(text_replace(path, "{base}", agent_base_folder()), "{bin}",
-                                  agent_bin_folder()));
+    std::string full = text_replace(path, "{base}", base_folder());
+
+    full = text_replace(full, "{data}/", agent_data_path(""));
+    return text_wide(text_replace(full, "{bin}", agent_bin_folder()));
 }
 
-void machine_setup_file(const struct scenario &scenario, const std::string &where,
-                        const json_value &file)
+std::string machine_setup_hex(const std::string &bytes)
 {
-    std::wstring path = machine_setup_path(node_text_of(&file, "path", ""));
-    uint64_t written = timeline_time(scenario, where + "/written", node_member(&file, "written"),
-                                     oxnih_clock_now_100ns());
-    uint64_t created =
-        timeline_time(scenario, where + "/created", node_member(&file, "created"), written);
-    std::string bytes = node_text_of(&file, "text", "");
+    std::string hex;
 
-    if (node_member(&file, "from") != NULL)
-        bytes = machine_read_real_file(
-            text_wide(scenario_path(scenario, node_text_of(&file, "from", ""))), EXIT_BAD_EVIDENCE);
-    if (node_member(&file, "record_count") != NULL)
-        bytes = crash_record(static_cast<uint32_t>(node_integer_of(&file, "record_count", 0)));
-    if (node_member(&file, "stack") != NULL || node_member(&file, "frames") != NULL) {
+    for (char byte : bytes)
+        hex += text_format("%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+    return hex;
+}
+
+static std::string bytes_of_hex(const std::string &hex)
+{
+    std::string bytes;
+
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), NULL, 16));
+    return bytes;
+}
+
+/* The bytes of an .ejs document, as the platform writes it at that path. */
+static std::string document_bytes(const std::wstring &path, const json_value &document)
+{
+    const std::string text = node_to_text(document), real = text_narrow(machine_real_path(path));
+    json_t *json = json_loadb(text.data(), text.size(), 0, NULL);
+
+    machine_write_file(path, "", 0, 0);
+    (void)wdu_json_dump_file_ejs(json, real.c_str());
+    json_decref(json);
+    return machine_read_real_file(text_wide(real), EXIT_BAD_CALL);
+}
+
+void machine_setup_file(const node &file)
+{
+    std::wstring path = machine_setup_path(file.text("path"));
+    uint64_t written = timeline_time(file["written"], oxnih_clock_now_100ns());
+    uint64_t created = timeline_time(file["created"], written);
+    std::string bytes = file.text("text");
+
+    if (file["from"])
+        bytes = machine_read_real_file(text_wide(file["from"].path()), EXIT_BAD_EVIDENCE);
+    if (file["bytes"])
+        bytes = bytes_of_hex(file.text("bytes"));
+    if (file["document"])
+        bytes = document_bytes(path, *file["document"]);
+    if (file["record_count"])
+        bytes = crash_record(static_cast<uint32_t>(file.integer("record_count", 0)));
+    if (file["stack"] || file["frames"]) {
         bytes = SCRIPTED_DUMP_BYTES;
-        machine_get().stacks[path] = machine_setup_stack(&file);
+        machine_get().stacks[path] = machine_setup_stack(file);
         machine_update_engine();
     }
-    bytes.resize(
-        static_cast<size_t>(node_integer_of(&file, "size", static_cast<int64_t>(bytes.size()))));
+    bytes.resize(static_cast<size_t>(file.integer("size", static_cast<int64_t>(bytes.size()))));
     machine_write_file(path, bytes, written, created);
     journal_add(HAPPENED_STEP, "windows", "file " + text_narrow(path) + " is written");
 }
 
-/* Bytes of a value as the registry holds them. */
-static std::string value_bytes(const json_value &value, DWORD type)
-{
-    const json_value *data = node_member(&value, "data");
-    std::wstring wide = wide_of(&value, "data");
-    uint64_t number = data != NULL && data->IsUint64() ? data->GetUint64() : 0;
+/* Types of registry values, and whether their data is a number. */
+static const struct value_type {
+    const char *name;
+    DWORD type;
+    bool number;
+} s_value_types[] = {
+    {"REG_SZ",        REG_SZ,        false},
+    {"REG_EXPAND_SZ", REG_EXPAND_SZ, false},
+    {"REG_DWORD",     REG_DWORD,     true },
+    {"REG_QWORD",     REG_QWORD,     true },
+    {"REG_BINARY",    REG_BINARY,    false},
+    {"REG_MULTI_SZ",  REG_MULTI_SZ,  false},
+};
 
-    if (type == REG_DWORD)
-        return std::string(reinterpret_cast<const char *>(&number), sizeof(uint32_t));
-    if (type == REG_QWORD)
-        return std::string(reinterpret_cast<const char *>(&number), sizeof(number));
-    if (type == REG_BINARY)
-        return node_text_of(&value, "data", "");
+static const value_type &type_of(const node &value)
+{
+    for (const value_type &row : s_value_types)
+        if (value.text("type") == row.name)
+            return row;
+    return s_value_types[0];
+}
+
+/* Bytes of a value as the registry holds them. */
+static std::string value_bytes(const node &value, const value_type &type)
+{
+    std::wstring wide = wide_of(value, "data");
+    uint64_t number = type.number ? value["data"]->GetUint64() : 0;
+
+    if (type.number)
+        return std::string(reinterpret_cast<const char *>(&number),
+                           type.type == REG_DWORD ? sizeof(uint32_t) : sizeof(number));
+    if (type.type == REG_BINARY)
+        return value.text("data");
     return std::string(reinterpret_cast<const char *>(wide.c_str()),
                        (wide.size() + 1) * sizeof(wchar_t));
 }
 
-void machine_setup_value(const struct scenario &scenario, const std::string &where,
-                         const json_value &value)
+std::string machine_setup_value_problem(const node &value)
 {
-    static const struct {
-        const char *name;
-        DWORD type;
-    } types[] = {
-        {"REG_SZ",        REG_SZ       },
-        {"REG_EXPAND_SZ", REG_EXPAND_SZ},
-        {"REG_DWORD",     REG_DWORD    },
-        {"REG_QWORD",     REG_QWORD    },
-        {"REG_BINARY",    REG_BINARY   },
-        {"REG_MULTI_SZ",  REG_MULTI_SZ },
-    };
-    std::string name = node_text_of(&value, "type", "REG_SZ");
-    DWORD type = REG_SZ;
+    const value_type &type = type_of(value);
+    node data = value["data"];
 
-    for (const auto &row : types)
-        if (name == row.name)
-            type = row.type;
-    const json_value *data = node_member(&value, "data");
-    bool number = type == REG_DWORD || type == REG_QWORD;
+    if (!data)
+        return "member \"data\" is missing";
+    if (type.number ? data->IsUint64() : data->IsString())
+        return "";
+    return "\"data\": expected " + std::string(type.number ? "a number of 0 or more" : "a text") +
+           " for " + type.name + ", found " + node_to_text(*data);
+}
 
-    if (data == NULL)
-        scenario_bad(scenario, where, "member \"data\" is missing");
-    if (number ? !data->IsUint64() : !data->IsString())
-        scenario_bad(scenario, where + "/data",
-                     "expected " + std::string(number ? "a number of 0 or more" : "a text") +
-                         " for " + name);
-    machine_set_value(wide_of(&value, "key"), wide_of(&value, "name"), type,
+void machine_setup_value(const node &value)
+{
+    const value_type &type = type_of(value);
+
+    machine_set_value(wide_of(value, "key"), wide_of(value, "name"), type.type,
                       value_bytes(value, type));
 }

@@ -1,4 +1,4 @@
-/* What a scenario does to the machine: settings, log records, files, registry values. */
+/* The machine of a scenario: settings, event records, files, registry values. */
 #ifndef DEVHOST_MACHINE_SETUP_H
 #define DEVHOST_MACHINE_SETUP_H
 
@@ -8,21 +8,25 @@
 
 #include "scenario.h"
 
-/* Applies the members of a "machine". */
-void machine_setup_apply(const struct scenario &scenario, const std::string &where,
-                         const json_value &machine);
-void machine_setup_event(const struct scenario &scenario, const std::string &where,
-                         const json_value &event);
-void machine_setup_file(const struct scenario &scenario, const std::string &where,
-                        const json_value &file);
-void machine_setup_value(const struct scenario &scenario, const std::string &where,
-                         const json_value &value);
-/* A path of the machine in which "{base}" and "{bin}" are replaced. */
+/* Begins a scenario. */
+void machine_setup_open(void);
+/* Sets the level of the agent's log. */
+void machine_setup_log_level(const std::string &name);
+/* Apply the members of a "machine", and add an event record, a file and a registry value. */
+void machine_setup_apply(const node &machine);
+void machine_setup_event(const node &event);
+void machine_setup_file(const node &file);
+void machine_setup_value(const node &value);
+/* Returns what is wrong with the data of a registry value; empty: nothing. */
+std::string machine_setup_value_problem(const node &value);
+/* A path of the machine in which "{base}", "{bin}" and "{data}" are replaced. */
 std::wstring machine_setup_path(const std::string &path);
-/* The count in the bytes of a driver's crash record; -1 for another size. */
+/* Returns bytes as hexadecimal digits, "00ff". */
+std::string machine_setup_hex(const std::string &bytes);
+/* Returns the count in the bytes of a driver's crash record; -1 for another size. */
 int64_t machine_setup_record_count(const std::string &bytes);
 
-/* The text of a scripted stack: the frames and the text that a dump's "frames" and "stack" give. */
-std::string machine_setup_stack(const json_value *said);
+/* Returns the engine's output for a scripted dump: its "stack", then its "frames". */
+std::string machine_setup_stack(const node &said);
 
 #endif

@@ -1,8 +1,13 @@
 /*
- * The management side of a scenario: the link, the console command that tells the known products,
- * and the resource that takes alarms.
+ * The management side of a scenario: the link, the console command that lists the known products,
+ * and the resource that receives alarms.
  */
 #include "management.h"
+
+#include <deque>
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <oxni/base/json.h>
 
@@ -10,38 +15,55 @@
 #include "../base/text.h"
 #include "timeline.h"
 
-#define LINK_PATH  "/:broadcast/dbg/oxni/quality_opr"
-#define ALARM_PATH "/oxni/quality_opr"
+#define LINK_PATH      "/:broadcast/dbg/oxni/quality_opr"
+#define ACCEPTED       R"({"errcode": 0})"
+#define ANSWER_SECONDS 0.1
+#define ALARM_PATH     "/oxni/quality_opr"
 
-/* How it behaves at present. */
+/* How an upload is answered. */
+struct upload_answer {
+    std::string text; /* JSON; empty: no body */
+    int32_t error;
+    double delay;
+};
+
+/* Its present behaviour. */
 static struct {
-    int32_t link;        /* state of the link's resource; 0: down */
-    bool silent;         /* answers nothing at all */
-    std::string devices; /* JSON array text */
-    std::string echo;    /* in place of the usual answer */
+    int32_t link;     /* state of the link's resource; 0: down */
+    bool silent;      /* answers nothing at all */
+    node devices;     /* may be missing */
+    std::string echo; /* in place of the usual answer */
     bool has_echo;
     bool null_echo;
     int32_t echo_error;
     double echo_delay;
-    std::string answer; /* JSON text; empty: none */
-    int32_t error;
-    double delay;
+    upload_answer usual;
+    std::deque<node> answers; /* of the next uploads, before the usual one */
 } s_management;
 
-static size_t devices_count(void)
+/* The usual answer to "quality_opr info". */
+static std::string devices_text(void)
 {
-    rapidjson::Document document;
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
 
-    document.Parse(s_management.devices.c_str());
-    return document.IsArray() ? document.Size() : 0;
+    json.StartObject();
+    json.Key("total");
+    json.Uint(static_cast<unsigned>(s_management.devices.elements().size()));
+    json.Key("info");
+    if (s_management.devices) {
+        s_management.devices->Accept(json);
+    } else {
+        json.StartArray();
+        json.EndArray();
+    }
+    json.EndObject();
+    return buffer.GetString();
 }
 
 static void answer_console(oxnih_request *call, const char *command_line, void *user)
 {
-    std::string echo = s_management.has_echo ? s_management.echo
-                                             : text_format("{\"total\": %u, \"info\": %s}",
-                                                           static_cast<unsigned>(devices_count()),
-                                                           s_management.devices.c_str());
+    std::string echo = s_management.has_echo ? s_management.echo : devices_text();
 
     (void)command_line;
     (void)user;
@@ -51,59 +73,82 @@ static void answer_console(oxnih_request *call, const char *command_line, void *
                          timeline_ms(s_management.echo_delay));
 }
 
+/* Takes over how an upload is answered. */
+static void change_answer(upload_answer &answer, const node &said)
+{
+    if (said["answer"])
+        answer.text = said["answer"]->IsNull() ? "" : node_to_text(*said["answer"]);
+    answer.error = static_cast<int32_t>(said.integer("error", answer.error));
+    answer.delay = said.number("delay", answer.delay);
+}
+
 static void answer_alarm(oxnih_request *request, json_t *message, void *user)
 {
-    json_t *answer = NULL;
+    upload_answer answer = s_management.usual;
+    json_t *json = NULL;
 
     (void)message;
     (void)user;
+    if (!s_management.answers.empty()) {
+        change_answer(answer, s_management.answers.front());
+        s_management.answers.pop_front();
+    }
     if (s_management.silent)
         return;
-    if (!s_management.answer.empty())
-        answer = json_loadb(s_management.answer.data(), s_management.answer.size(), 0, NULL);
-    oxnih_res_answer(request, s_management.error, answer, timeline_ms(s_management.delay));
-    json_decref(answer);
+    if (!answer.text.empty())
+        json = json_loadb(answer.text.data(), answer.text.size(), 0, NULL);
+    oxnih_res_answer(request, answer.error, json, timeline_ms(answer.delay));
+    json_decref(json);
 }
 
-void management_change(const json_value &said)
+static int32_t link_state(const node &state)
 {
-    const json_value *devices = node_member(&said, "devices");
-    const json_value *answer = node_member(&said, "answer");
-    const json_value *echo = node_member(&said, "echo");
-    const json_value *link = node_member(&said, "link");
+    return state->IsBool() ? state->GetBool() : state->GetInt();
+}
 
-    s_management.silent = node_flag_of(&said, "silent", s_management.silent);
-    if (devices != NULL)
-        s_management.devices = node_to_text(*devices);
-    if (echo != NULL) {
+void management_set_link(const node &state)
+{
+    s_management.link = link_state(state);
+    oxnih_res_set_state(LINK_PATH, s_management.link);
+}
+
+void management_report_link(const node &state)
+{
+    s_management.link = link_state(state);
+    oxnih_res_report_state(LINK_PATH, s_management.link);
+}
+
+void management_change(const node &said)
+{
+    node echo = said["echo"];
+
+    s_management.silent = said.flag("silent", s_management.silent);
+    if (said["devices"])
+        s_management.devices = said["devices"];
+    if (echo) {
         s_management.has_echo = true;
         s_management.null_echo = echo->IsNull();
-        s_management.echo = echo->IsString() ? echo->GetString() : "";
+        s_management.echo = said.text("echo");
     }
     s_management.echo_error =
-        static_cast<int32_t>(node_integer_of(&said, "echo_error", s_management.echo_error));
-    s_management.echo_delay = node_number_of(&said, "echo_delay", s_management.echo_delay);
-    if (answer != NULL)
-        s_management.answer = answer->IsNull() ? "" : node_to_text(*answer);
-    s_management.error = static_cast<int32_t>(node_integer_of(&said, "error", s_management.error));
-    s_management.delay = node_number_of(&said, "delay", s_management.delay);
-    if (link != NULL) {
-        s_management.link = link->IsBool() ? link->GetBool() : link->GetInt();
-        oxnih_res_set_state(LINK_PATH, s_management.link);
-    }
+        static_cast<int32_t>(said.integer("echo_error", s_management.echo_error));
+    s_management.echo_delay = said.number("echo_delay", s_management.echo_delay);
+    change_answer(s_management.usual, said);
+    if (said["answers"])
+        s_management.answers.clear();
+    for (const node &next : said["answers"].elements())
+        s_management.answers.push_back(next);
+    if (said["link"])
+        management_set_link(said["link"]);
 }
 
-void management_open(const struct scenario &scenario)
+void management_open(const node &said)
 {
-    const json_value *said = node_member(&scenario.document, "management");
-
     s_management = {};
-    s_management.devices = "[]";
-    s_management.answer = "{\"errcode\": 0}";
-    s_management.echo_delay = s_management.delay = 0.1;
-    oxnih_res_set_state(LINK_PATH, 0); /* the platform keeps what the scenario before left */
-    if (said != NULL)
-        management_change(*said);
+    s_management.usual = {ACCEPTED, 0, ANSWER_SECONDS};
+    s_management.echo_delay = ANSWER_SECONDS;
+    oxnih_res_set_state(LINK_PATH, 0); /* the platform keeps the previous scenario's state */
+    management_change(said);
 }
 
 void management_agent_started(void)

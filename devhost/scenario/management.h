@@ -4,8 +4,14 @@
 
 #include "scenario.h"
 
-void management_open(const struct scenario &scenario);
+/* Starts with the defaults and the scenario's "management", which may be missing. */
+void management_open(const node &said);
+/* Restores its handlers and the link in a new agent process. */
 void management_agent_started(void);
-void management_change(const json_value &changes);
+/* Changes the members that are given. */
+void management_change(const node &changes);
+void management_set_link(const node &state);
+/* Reports a state of the link to the plug-in, even if it is the present one. */
+void management_report_link(const node &state);
 
 #endif

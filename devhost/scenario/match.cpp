@@ -3,22 +3,36 @@
 
 #include <oxni/base/time.h>
 
+#include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
 
-static std::string local_text(uint64_t filetime, bool event_form)
+/* A "*" that is none, in patterns and in texts compared with them. */
+#define STAR '\001'
+
+static std::string local_text(uint64_t filetime)
 {
     struct tm local;
 
     if (oxni_time_stamp_to_local(time_unix(filetime), &local) != 0)
         return "(no date)";
-    if (event_form)
-        return text_format("%d/%d/%d %.2d:%.2d:%.2d", local.tm_mon + 1, local.tm_mday,
-                           local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec);
     return text_format("%d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900, local.tm_mon + 1,
                        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-/* What a placeholder stands for; false when it is none. */
+/* Windows' conversion of a file time takes the bias of now, not that of the time. */
+static std::string event_text(uint64_t filetime)
+{
+    const FILETIME utc = {static_cast<DWORD>(filetime), static_cast<DWORD>(filetime >> 32)};
+    FILETIME local;
+    SYSTEMTIME date;
+
+    if (!oxnih_filetime_to_local(&utc, &local) || !FileTimeToSystemTime(&local, &date))
+        return "(no date)";
+    return text_format("%d/%d/%d %.2d:%.2d:%.2d", date.wMonth, date.wDay, date.wYear, date.wHour,
+                       date.wMinute, date.wSecond);
+}
+
+/* Replaces a placeholder of a time. Result: false when it is none. */
 static bool expand_one(const std::string &inside, std::string *text)
 {
     size_t colon = inside.find(':');
@@ -27,8 +41,10 @@ static bool expand_one(const std::string &inside, std::string *text)
 
     if (colon == std::string::npos || !time_parse(inside.substr(colon + 1), &time))
         return false;
-    if (word == "local" || word == "event")
-        *text = local_text(time, word == "event");
+    if (word == "local")
+        *text = local_text(time);
+    else if (word == "event")
+        *text = event_text(time);
     else if (word == "filetime")
         *text = std::to_string(time);
     else if (word == "unix")
@@ -55,6 +71,20 @@ std::string match_expand(const std::string &text)
     return expanded;
 }
 
+bool match_text(const std::string &text, const std::string &pattern)
+{
+    std::string expanded = text_replace(match_expand(pattern), "{star}", std::string(1, STAR));
+
+    if (expanded.find(STAR) == std::string::npos)
+        return text_fits(text, expanded);
+    return text_fits(text_replace(text, "*", std::string(1, STAR)), expanded);
+}
+
+bool match_part(const std::string &text, const std::string &pattern)
+{
+    return match_text(text, "*" + pattern + "*");
+}
+
 static std::string differs(const json_value &expected, const json_value &actual,
                            const std::string &where)
 {
@@ -64,13 +94,32 @@ static std::string differs(const json_value &expected, const json_value &actual,
 /* A text that fits a text, or the digits of a number. */
 static bool text_is(const json_value &expected, const json_value &actual)
 {
-    return text_fits(actual.IsString() ? actual.GetString() : node_to_text(actual),
-                     match_expand(expected.GetString()));
+    return match_text(actual.IsString() ? actual.GetString() : node_to_text(actual),
+                      expected.GetString());
+}
+
+/* Whether an expectation is {"text": ...} or {"number": ...} and means the type of a plain value:
+ * for an object it means a member. */
+static bool names_type(const json_value &expected, const json_value &actual)
+{
+    return expected.IsObject() && expected.MemberCount() == 1 && !actual.IsObject() &&
+           (expected.HasMember("text") || expected.HasMember("number"));
+}
+
+static bool has_type_and_value(const json_value &expected, const json_value &actual)
+{
+    const json_value &value = expected.MemberBegin()->value;
+
+    if (expected.HasMember("text") ? !actual.IsString() : !actual.IsNumber())
+        return false;
+    return value.IsString() ? text_is(value, actual) : value == actual;
 }
 
 /* The same members in the same order, texts as patterns. */
 static bool is_exactly(const json_value &expected, const json_value &actual)
 {
+    if (names_type(expected, actual))
+        return has_type_and_value(expected, actual);
     if (expected.IsString())
         return !actual.IsObject() && !actual.IsArray() && text_is(expected, actual);
     if (expected.IsObject()) {
@@ -145,6 +194,8 @@ std::string match_json(const json_value &expected, const json_value &actual,
 
     if (exactly != NULL && expected.MemberCount() == 1)
         return match_exactly(*exactly, actual, where);
+    if (names_type(expected, actual))
+        return has_type_and_value(expected, actual) ? "" : differs(expected, actual, where);
     if (expected.IsObject())
         return match_object(expected, actual, where);
     if (expected.IsArray())

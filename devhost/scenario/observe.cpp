@@ -1,5 +1,7 @@
-/* What the platform tells of plug-in, products and management side, recorded in words. */
+/* Events of the platform, recorded as sentences. */
 #include "observe.h"
+
+#include <map>
 
 #include <oxni/base/json.h>
 
@@ -33,7 +35,7 @@ static std::string text_member(const json_t *object, const char *name)
     return text != NULL ? text : "";
 }
 
-/* A product's message in words; an odd one as it stands. */
+/* A product's message as a sentence; an unusual one verbatim. */
 static std::string message_words(const json_t *message)
 {
     std::string type = text_member(message, "type"), status = text_member(message, "status");
@@ -41,9 +43,9 @@ static std::string message_words(const json_t *message)
     std::string words;
 
     if (status.empty() || (type != "reg" && type != "modify"))
-        return "tells the plug-in " + text_of_json(message);
+        return "sends the plug-in " + text_of_json(message);
     words =
-        (type == "reg" ? "registers as " : "tells that it is ") + status +
+        (type == "reg" ? "registers as " : "reports status ") + status +
         text_format(", count %lld, modules",
                     static_cast<long long>(json_integer_value(json_object_get(message, "count"))));
     for (size_t i = 0; i < json_array_size(modules); i++)
@@ -51,7 +53,7 @@ static std::string message_words(const json_t *message)
     return words;
 }
 
-/* A command of the plug-in in words. */
+/* A command of the plug-in as a phrase. */
 static std::string command_words(const json_t *message)
 {
     std::string reason = text_member(message, "reason");
@@ -63,7 +65,7 @@ static std::string command_words(const json_t *message)
     return reason == "none" ? words : words + " because of " + reason;
 }
 
-/* An upload in words. */
+/* An upload as a phrase. */
 static std::string upload_words(const std::string &path, const json_t *message)
 {
     const json_t *alarm =
@@ -73,7 +75,7 @@ static std::string upload_words(const std::string &path, const json_t *message)
            text_member(alarm, "productType");
 }
 
-/* What passes between the plug-in and the products. */
+/* Events between the plug-in and the products. */
 static bool observe_product(const oxnih_event *event, const std::string &who,
                             const std::string &message)
 {
@@ -96,6 +98,23 @@ static bool observe_product(const oxnih_event *event, const std::string &who,
         return true;
     default: return false;
     }
+}
+
+/* Delays of the pending timers in ms, by timer. */
+static std::map<uint64_t, uint64_t> s_timers;
+
+void observe_agent_stopped(void)
+{
+    s_timers.clear();
+}
+
+uint64_t observe_timers(uint64_t delay_ms)
+{
+    uint64_t count = 0;
+
+    for (const auto &timer : s_timers)
+        count += timer.second == delay_ms ? 1 : 0;
+    return count;
 }
 
 static void observe(const oxnih_event *event, void *user)
@@ -128,10 +147,13 @@ static void observe(const oxnih_event *event, void *user)
     case OXNIH_EVENT_EXEC: journal_add(HAPPENED_ASKED, "plug-in", "asks: " + text); break;
     case OXNIH_EVENT_EXEC_ANSWER:
         journal_add(HAPPENED_ASKED, "management",
-                    event->error == 0 ? "tells: " + text : text_format("error %d", event->error));
+                    event->error == 0 ? "answers: " + text : text_format("error %d", event->error));
         break;
     case OXNIH_EVENT_COMMAND: journal_add(HAPPENED_CONSOLE, "person", "types: " + text); break;
     case OXNIH_EVENT_ECHO: journal_add(HAPPENED_ECHO, "plug-in", text); break;
+    case OXNIH_EVENT_TIMER_ARMED: s_timers[event->timer] = event->delay_ms; break;
+    case OXNIH_EVENT_TIMER_FIRED:
+    case OXNIH_EVENT_TIMER_STOPPED: s_timers.erase(event->timer); break;
     default: break;
     }
 }
@@ -143,6 +165,7 @@ static void engine_sink(const std::string &news)
 
 void observe_platform(void)
 {
+    observe_agent_stopped();
     machine_watch_engine(engine_sink);
     oxnih_log_set_sink(log_sink, NULL);
     oxnih_set_complaint(complaint_sink, NULL);

@@ -2,7 +2,13 @@
 #ifndef DEVHOST_OBSERVE_H
 #define DEVHOST_OBSERVE_H
 
-/* From here on they are recorded. */
+#include <stdint.h>
+
+/* Begins to record them. */
 void observe_platform(void);
+/* Forgets the timers of an agent that ended. */
+void observe_agent_stopped(void);
+/* Returns the number of pending timers with a delay. */
+uint64_t observe_timers(uint64_t delay_ms);
 
 #endif

@@ -1,6 +1,6 @@
 /*
- * Playing a scenario: its boots one after the other, each with its timeline of Windows' own events,
- * the agent's life and the scenario's steps.
+ * Playing a scenario: its boots in order, each with a timeline of Windows' own events, the agent's
+ * process and the steps.
  */
 #ifndef DEVHOST_PLAY_H
 #define DEVHOST_PLAY_H
@@ -16,23 +16,23 @@ struct play_options {
     std::string run_folder;  /* exists, empty; UTF-8, with backslashes */
     std::string plugin_path; /* the DLL to load */
     bool real_time;
-    bool skip_impossible; /* a step that cannot be done at its moment is left out, no error */
+    bool skip_impossible; /* a step that is impossible at its moment is skipped, no error */
 };
 
-/* Opens machine and agent for a scenario, which must live until play_close. Throws devhost_error,
- * as do all others that play: the run cannot go on then, and only play_close may follow. */
+/* Opens machine and agent for a scenario, which must exist until play_close. All functions here throw
+ * devhost_error when the run cannot go on; then only play_close may follow. */
 void play_open(const struct scenario &scenario, const struct play_options &options);
 
-/* Windows starts for the next boot of the scenario. Result: false when there is none. */
+/* Starts Windows for the next boot of the scenario. Result: false when there is none. */
 bool play_begin_boot(void);
 /* Plays on to a moment of the present boot. */
 void play_run_until(uint64_t ms);
-/* Where the scenario ends the present boot. */
+/* Returns the end of the present boot. */
 uint64_t play_boot_end_ms(void);
-/* The boot's expectations are checked, and Windows ends as the scenario says. */
+/* Checks the boot's expectations and ends Windows as the scenario states. */
 void play_end_boot(void);
 
-/* Result: what did not hold, one text each; empty when everything did. */
+/* Returns the failed expectations, one text each. */
 std::vector<std::string> play_close(void);
 
 #endif

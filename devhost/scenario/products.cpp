@@ -7,6 +7,9 @@
 #include <list>
 #include <map>
 
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
 #include <oxni/base/json.h>
 #include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
@@ -29,19 +32,18 @@ struct product {
     double registers;         /* seconds after the agent's start; negative: not by itself */
     int32_t unreachable;
     double reply_delay; /* negative: never */
-    const json_value *answers;
-    oxni_subscriber *subscriber; /* NULL while it is not registered */
+    node answers;
+    oxni_subscriber *subscriber; /* NULL: not registered */
     int64_t commands;
     std::string last_command; /* for the summary */
 };
 
-static const struct scenario *s_scenario;
 static std::vector<product> s_products;
-/* Handles that were seen since the agent's start, the plug-in's own subscribers among them, by what
- * product_of calls them. */
+/* Handles that were seen since the agent's start, by the names that product_of gives them. The
+ * plug-in's own subscribers are among them. */
 static std::map<std::string, oxni_subscriber *> s_seen;
 
-/* Commands since the last product_disturb, and those of them that find nobody. */
+/* Commands since the last product_disturb, and those that are undeliverable. */
 static struct {
     uint64_t pushes, first, last;
     int32_t error;
@@ -52,7 +54,7 @@ static product &product_find(const std::string &key)
     for (product &product : s_products)
         if (product.key == key)
             return product;
-    scenario_bad(*s_scenario, "/products", "there is no product \"" + key + "\"");
+    throw devhost_error(EXIT_BAD_CALL, "there is no product \"" + key + "\"");
 }
 
 static product *product_by_handle(const oxni_subscriber *subscriber)
@@ -65,14 +67,28 @@ static product *product_by_handle(const oxni_subscriber *subscriber)
 
 static std::string usual_message(const product &product, const char *type)
 {
-    std::string modules;
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
 
+    json.StartObject();
+    json.Key("product_name");
+    json.String(product.product_name.c_str());
+    json.Key("type");
+    json.String(type);
+    json.Key("count");
+    json.Int64(product.count);
+    json.Key("status");
+    json.String(product.status.c_str());
+    json.Key("data");
+    json.StartObject();
+    json.Key("driver_module");
+    json.StartArray();
     for (const std::string &module : product.modules)
-        modules += (modules.empty() ? "" : ", ") + text_quoted(module);
-    return "{\"product_name\": " + text_quoted(product.product_name) + ", \"type\": \"" + type +
-           "\", \"count\": " + std::to_string(product.count) +
-           ", \"status\": " + text_quoted(product.status) + ", \"data\": {\"driver_module\": [" +
-           modules + "]}}";
+        json.String(module.c_str());
+    json.EndArray();
+    json.EndObject();
+    json.EndObject();
+    return buffer.GetString();
 }
 
 /* Throws when it is no JSON; NULL only when the platform's memory is made to fail. */
@@ -91,7 +107,7 @@ static void push_text(product &product, const std::string &text)
     json_decref(message);
 }
 
-/* What a product does about a command when the scenario does not say. */
+/* The status after a command, unless the scenario states another one. */
 static std::string usual_status(const std::string &command, const product &product)
 {
     if (command == "bypass")
@@ -102,13 +118,13 @@ static std::string usual_status(const std::string &command, const product &produ
 struct planned_answer {
     std::string key, status;
     int64_t count;
-    bool tells;
+    bool reports;
 };
 
 /* Answers that are due later; the end of the agent's process drops them. */
 static std::list<planned_answer> s_answers;
 
-/* The moment of an answer has come: the product's state changes, and it tells the plug-in. */
+/* An answer is due: the product's state changes, and it reports the state to the plug-in. */
 static void answer_now(void *user)
 {
     const planned_answer *answer = static_cast<planned_answer *>(user);
@@ -120,22 +136,21 @@ static void answer_now(void *user)
                                 static_cast<long long>(answer->count)));
     product.status = answer->status;
     product.count = answer->count;
-    if (answer->tells)
+    if (answer->reports)
         push_text(product, usual_message(product, "modify"));
     s_answers.remove_if([answer](const planned_answer &other) { return &other == answer; });
 }
 
 static void plan_answer(const product &product, const std::string &command, int64_t count)
 {
-    const json_value *said = node_member(product.answers, command.c_str());
+    node said = product.answers[command.c_str()];
 
-    if (said != NULL && said->IsNull())
+    if (said && said->IsNull())
         return;
-    s_answers.push_back(
-        {product.key, node_text_of(said, "status", usual_status(command, product)),
-         node_integer_of(said, "count", command == "set_count" ? count : product.count),
-         command != "set_count" || said != NULL});
-    oxnih_core_post(timeline_ms(node_number_of(said, "after", ANSWER_SECONDS)), answer_now,
+    s_answers.push_back({product.key, said.text("status", usual_status(command, product)),
+                         said.integer("count", command == "set_count" ? count : product.count),
+                         command != "set_count" || said});
+    oxnih_core_post(timeline_ms(said.number("after", ANSWER_SECONDS)), answer_now,
                     &s_answers.back());
 }
 
@@ -168,50 +183,41 @@ static void apply_delivery(const product &product)
 }
 
 /* Takes over the members that are given. */
-static void apply_members(product &product, const json_value &said)
+static void apply_members(product &product, const node &said)
 {
-    const json_value *registration = node_member(&said, "registration");
+    auto seconds = [&said](const char *member, double present) {
+        return said.is_null(member) ? -1 : said.number(member, present);
+    };
 
-    product.ns = node_text_of(&said, "ns", product.ns);
-    product.name = node_text_of(&said, "name", product.name);
-    product.product_name = node_text_of(&said, "product_name", product.product_name);
-    product.status = node_text_of(&said, "status", product.status);
-    product.count = node_integer_of(&said, "count", product.count);
-    product.unreachable =
-        static_cast<int32_t>(node_integer_of(&said, "unreachable", product.unreachable));
-    product.registers = node_is_null(&said, "registers")
-                            ? -1
-                            : node_number_of(&said, "registers", product.registers);
-    product.reply_delay = node_is_null(&said, "reply_delay")
-                              ? -1
-                              : node_number_of(&said, "reply_delay", product.reply_delay);
-    if (registration != NULL)
-        product.registration = node_to_text(*registration);
-    if (node_member(&said, "answers") != NULL)
-        product.answers = node_member(&said, "answers");
-    if (node_member(&said, "modules") != NULL) {
+    product.ns = said.text("ns", product.ns);
+    product.name = said.text("name", product.name);
+    product.product_name = said.text("product_name", product.product_name);
+    product.status = said.text("status", product.status);
+    product.count = said.integer("count", product.count);
+    product.unreachable = static_cast<int32_t>(said.integer("unreachable", product.unreachable));
+    product.registers = seconds("registers", product.registers);
+    product.reply_delay = seconds("reply_delay", product.reply_delay);
+    if (said["registration"])
+        product.registration = node_to_text(*said["registration"]);
+    if (said["answers"])
+        product.answers = said["answers"];
+    if (said["modules"])
         product.modules.clear();
-        for (const json_value *module : node_elements(&said, "modules"))
-            product.modules.push_back(module->GetString());
-    }
+    for (const node &module : said["modules"].elements())
+        product.modules.push_back(module->GetString());
 }
 
-void products_open(const struct scenario &scenario)
+void products_open(const node &products)
 {
-    const json_value *said = node_member(&scenario.document, "products");
-
-    s_scenario = &scenario;
     s_products.clear();
-    if (said == NULL)
-        return;
-    for (const auto &member : said->GetObject()) {
+    for (const auto &[key, said] : products.members()) {
         product product = {};
 
-        product.key = product.ns = product.name = product.product_name = member.name.GetString();
+        product.key = product.ns = product.name = product.product_name = key;
         product.status = "working";
         product.count = 1;
         product.registers = REGISTER_SECONDS;
-        apply_members(product, member.value);
+        apply_members(product, said);
         s_products.push_back(std::move(product));
     }
 }
@@ -279,7 +285,7 @@ void product_unsubscribe(const std::string &key)
     product.subscriber = NULL;
 }
 
-void product_change(const std::string &key, const json_value &changes)
+void product_change(const std::string &key, const node &changes)
 {
     product &product = product_find(key);
 
@@ -315,13 +321,20 @@ void product_replied(oxni_subscriber *subscriber)
 std::string product_state_text(const std::string &key)
 {
     const product &product = product_find(key);
-    uint64_t references =
-        product.subscriber != NULL ? oxnih_subscriber_references(product.subscriber) : 0;
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
 
-    return "{\"status\":" + text_quoted(product.status) +
-           ",\"count\":" + std::to_string(product.count) +
-           ",\"commands\":" + std::to_string(product.commands) +
-           ",\"references\":" + std::to_string(references) + "}";
+    json.StartObject();
+    json.Key("status");
+    json.String(product.status.c_str());
+    json.Key("count");
+    json.Int64(product.count);
+    json.Key("commands");
+    json.Int64(product.commands);
+    json.Key("references");
+    json.Uint64(product.subscriber != NULL ? oxnih_subscriber_references(product.subscriber) : 0);
+    json.EndObject();
+    return buffer.GetString();
 }
 
 std::vector<std::string> product_keys(void)
@@ -360,15 +373,22 @@ std::string product_of(oxni_subscriber *subscriber)
     return name;
 }
 
-bool subscriber_order(const std::string &whom, const json_value &message)
+oxni_subscriber *subscriber_seen(const std::string &whom)
 {
     auto seen = s_seen.find(whom);
+
+    return seen != s_seen.end() ? seen->second : NULL;
+}
+
+bool subscriber_order(const std::string &whom, const json_value &message)
+{
+    oxni_subscriber *handle = subscriber_seen(whom);
     json_t *json;
 
-    if (seen == s_seen.end())
+    if (handle == NULL)
         return false;
     json = message_of(node_to_text(message));
-    (void)oxni_subscribee_pushback(seen->second, json, NULL, NULL);
+    (void)oxni_subscribee_pushback(handle, json, NULL, NULL);
     json_decref(json);
     return true;
 }

@@ -1,38 +1,31 @@
-/* Reading and checking scenario files. */
+/* Reading scenario files, and the values in them. */
 #include "scenario.h"
 
+#include <algorithm>
+
 #include <rapidjson/error/en.h>
-#include <rapidjson/schema.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "../machine/machine.h"
 #include "../base/text.h"
 
 #define MOST_LEVELS 100
 
-/* Made from scenario.schema.json by the build. */
-extern const char scenario_schema_text[];
-
-/* "line 3, column 7" of a byte of a text. */
-static std::string place_of(const std::string &text, size_t offset)
+/* Returns ":3:7", line and column of a byte of a text. */
+static std::string position_of(const std::string &text, size_t offset)
 {
-    size_t line = 1, column = 1;
+    const std::string before = text.substr(0, offset);
+    const size_t line_start = before.rfind('\n') + 1; /* npos + 1 is 0 */
 
-    for (size_t i = 0; i < offset && i < text.size(); i++) {
-        column = text[i] == '\n' ? 1 : column + 1;
-        if (text[i] == '\n')
-            line++;
-    }
-    return text_format("line %u, column %u", static_cast<unsigned>(line),
-                       static_cast<unsigned>(column));
+    return text_format(":%u:%u",
+                       static_cast<unsigned>(std::count(before.begin(), before.end(), '\n') + 1),
+                       static_cast<unsigned>(before.size() - line_start + 1));
 }
 
-/* Where arrays and objects are nested deeper than anything that is read here; npos: nowhere. The
- * parser goes down once a level, and the stack has an end. */
+/* Where arrays and objects are nested too deep for the recursive parser and its stack; npos:
+ * nowhere. */
 static size_t too_deep(const std::string &text)
 {
-    bool inside = false; /* a text */
+    bool inside = false; /* a string */
     int depth = 0;
 
     for (size_t i = 0; i < text.size(); i++) {
@@ -48,86 +41,19 @@ static size_t too_deep(const std::string &text)
     return std::string::npos;
 }
 
-void scenario_load_json(rapidjson::Document &document, const std::string &file, int status)
+std::string scenario_load_json(rapidjson::Document &document, const std::string &file, int status)
 {
     std::string text = machine_read_real_file(text_wide(file), status);
     const size_t deep = too_deep(text);
 
     if (deep != std::string::npos)
-        throw devhost_error(status, file + ": " + place_of(text, deep) +
+        throw devhost_error(status, file + position_of(text, deep) +
                                         text_format(": expected %d levels at most", MOST_LEVELS));
     document.Parse<rapidjson::kParseValidateEncodingFlag>(text.data(), text.size());
     if (document.HasParseError())
-        throw devhost_error(status, file + ": " + place_of(text, document.GetErrorOffset()) + ": " +
+        throw devhost_error(status, file + position_of(text, document.GetErrorOffset()) + ": " +
                                         rapidjson::GetParseError_En(document.GetParseError()));
-}
-
-/* What a keyword of the schema wanted, in words. value: what it was wanted of. */
-static std::string wanted(const json_value &rules, const json_value *value,
-                          const std::string &keyword)
-{
-    const json_value *rule = node_member(&rules, keyword.c_str());
-
-    if (keyword == "required" && rule != NULL)
-        for (const json_value &name : rule->GetArray())
-            if (node_member(value, name.GetString()) == NULL)
-                return std::string("member \"") + name.GetString() + "\" is missing";
-    if (rule == NULL)
-        return "does not fit (" + keyword + ")";
-    if (keyword == "type")
-        return "expected type " + node_to_text(*rule);
-    if (keyword == "enum")
-        return "expected one of " + node_to_text(*rule);
-    return "expected " + keyword + " " + node_to_text(*rule);
-}
-
-static std::string pointer_text(const rapidjson::Pointer &pointer)
-{
-    rapidjson::StringBuffer buffer;
-
-    pointer.Stringify(buffer);
-    return buffer.GetSize() != 0 ? buffer.GetString() : "/";
-}
-
-void scenario_check(const struct scenario &scenario)
-{
-    rapidjson::Document schema_json;
-
-    schema_json.Parse(scenario_schema_text);
-    rapidjson::SchemaDocument schema(schema_json);
-    rapidjson::SchemaValidator validator(schema);
-
-    if (scenario.document.Accept(validator))
-        return;
-    rapidjson::Pointer where = validator.GetInvalidDocumentPointer();
-    const json_value *rules = validator.GetInvalidSchemaPointer().Get(schema_json);
-    std::string keyword = validator.GetInvalidSchemaKeyword(), place = pointer_text(where);
-
-    if (keyword == "additionalProperties" && where.GetTokenCount() > 0) {
-        size_t slash = place.find_last_of('/');
-
-        scenario_bad(scenario, slash > 0 ? place.substr(0, slash) : "/",
-                     "unknown member \"" + place.substr(slash + 1) + "\"");
-    }
-    scenario_bad(scenario, place,
-                 rules != NULL ? wanted(*rules, where.Get(scenario.document), keyword) : keyword);
-}
-
-/* A member that stands twice would be read once. */
-static void check_duplicates(const struct scenario &scenario, const std::string &where,
-                             const json_value &value)
-{
-    if (value.IsObject())
-        for (auto member = value.MemberBegin(); member != value.MemberEnd(); ++member) {
-            if (value.FindMember(member->name) != member)
-                scenario_bad(scenario, where.empty() ? "/" : where,
-                             std::string("member \"") + member->name.GetString() +
-                                 "\" stands twice");
-            check_duplicates(scenario, where + "/" + member->name.GetString(), member->value);
-        }
-    if (value.IsArray())
-        for (rapidjson::SizeType i = 0; i < value.Size(); i++)
-            check_duplicates(scenario, where + "/" + std::to_string(i), value[i]);
+    return text;
 }
 
 void scenario_load(struct scenario &scenario, const std::string &file,
@@ -138,94 +64,148 @@ void scenario_load(struct scenario &scenario, const std::string &file,
     scenario.file = file;
     scenario.folder = slash != std::string::npos ? file.substr(0, slash + 1) : "";
     scenario.defines = defines;
-    scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
-    check_duplicates(scenario, "", scenario.document);
+    scenario.text = scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
     scenario_check(scenario);
 }
 
-std::string scenario_path(const struct scenario &scenario, const std::string &path)
+node node::operator[](const char *member) const
 {
-    std::string full = path;
+    node found = *this;
+
+    found.value_ = node_member(value_, member);
+    return found;
+}
+
+std::vector<node> node::elements() const
+{
+    std::vector<node> found;
+
+    if (value_ != NULL && value_->IsArray())
+        for (const json_value &element : value_->GetArray())
+            found.emplace_back(*scenario_, &element);
+    return found;
+}
+
+std::vector<std::pair<std::string, node>> node::members() const
+{
+    std::vector<std::pair<std::string, node>> found;
+
+    if (value_ != NULL && value_->IsObject())
+        for (const auto &member : value_->GetObject())
+            found.emplace_back(member.name.GetString(), node(*scenario_, &member.value));
+    return found;
+}
+
+std::string node::text(const char *member, const std::string &missing) const
+{
+    return node_text_of(value_, member, missing);
+}
+
+double node::number(const char *member, double missing) const
+{
+    return node_number_of(value_, member, missing);
+}
+
+int64_t node::integer(const char *member, int64_t missing) const
+{
+    return node_integer_of(value_, member, missing);
+}
+
+bool node::flag(const char *member, bool missing) const
+{
+    return node_flag_of(value_, member, missing);
+}
+
+bool node::is_null(const char *member) const
+{
+    return node_is_null(value_, member);
+}
+
+std::string node::path() const
+{
+    std::string full = value_->GetString();
     size_t open = full.find('{'), end = full.find('}', open);
 
     if (open != std::string::npos && end != std::string::npos) {
         std::string name = full.substr(open + 1, end - open - 1);
-        auto define = scenario.defines.find(name);
+        auto define = scenario_->defines.find(name);
 
-        if (define == scenario.defines.end() || define->second.empty())
-            throw devhost_error(EXIT_SKIPPED, scenario.file + ": needs --define " + name +
-                                                  "=FOLDER, which is not here");
+        if (define == scenario_->defines.end() || define->second.empty())
+            throw devhost_error(EXIT_SKIPPED, scenario_->file + ": needs --define " + name +
+                                                  "=FOLDER, which is missing");
         full.replace(open, end - open + 1, define->second);
     }
     bool absolute = full[0] == '/' || full[0] == '\\' || (full.size() > 1 && full[1] == ':');
-    return absolute ? full : scenario.folder + full;
+    return absolute ? full : scenario_->folder + full;
 }
 
-void scenario_bad(const struct scenario &scenario, const std::string &where,
-                  const std::string &what)
+/* Finds a value by its address. path receives its JSON pointer, number its place among all values in
+ * the order of the text. */
+static bool find(const json_value &here, const json_value *wanted, std::string *path,
+                 size_t *number)
 {
-    throw devhost_error(EXIT_BAD_CALL, scenario.file + ": " + where + ": " + what);
+    const std::string before = *path;
+
+    if (&here == wanted)
+        return true;
+    ++*number;
+    if (here.IsObject())
+        for (const auto &member : here.GetObject()) {
+            *path = before + "/" + member.name.GetString();
+            if (find(member.value, wanted, path, number))
+                return true;
+        }
+    if (here.IsArray())
+        for (rapidjson::SizeType i = 0; i < here.Size(); i++) {
+            *path = before + "/" + std::to_string(i);
+            if (find(here[i], wanted, path, number))
+                return true;
+        }
+    return false;
 }
 
-const json_value *node_member(const json_value *object, const char *name)
+/* The end of a string that begins at a quote, the closing quote included. */
+static size_t end_of_string(const std::string &text, size_t at)
 {
-    if (object == NULL || !object->IsObject())
-        return NULL;
-    auto member = object->FindMember(name);
-    return member != object->MemberEnd() ? &member->value : NULL;
+    for (at++; at < text.size() && text[at] != '"'; at++)
+        if (text[at] == '\\')
+            at++;
+    return at + 1;
 }
 
-std::string node_text_of(const json_value *object, const char *name, const std::string &missing)
+/* The offset of a value in valid JSON by its number: strings before a colon are names. */
+static size_t offset_of(const std::string &text, size_t number)
 {
-    const json_value *value = node_member(object, name);
+    size_t at = 0, end;
 
-    return value != NULL && value->IsString() ? value->GetString() : missing;
+    while ((at = text.find_first_not_of(" \t\r\n,:]}", at)) < text.size()) {
+        if (text[at] == '"')
+            end = end_of_string(text, at);
+        else if (text[at] == '{' || text[at] == '[')
+            end = at + 1;
+        else
+            end = std::min(text.find_first_of(" \t\r\n,]}", at), text.size());
+        size_t next = text.find_first_not_of(" \t\r\n", end);
+        bool is_name = text[at] == '"' && next < text.size() && text[next] == ':';
+        if (!is_name && number-- == 0)
+            return at;
+        at = end;
+    }
+    return 0;
 }
 
-double node_number_of(const json_value *object, const char *name, double missing)
+std::string node::place() const
 {
-    const json_value *value = node_member(object, name);
+    std::string path, place = scenario_->file;
+    size_t number = 0;
 
-    return value != NULL && value->IsNumber() ? value->GetDouble() : missing;
+    (void)find(scenario_->document, value_, &path, &number);
+    if (!scenario_->text.empty())
+        place += position_of(scenario_->text, offset_of(scenario_->text, number));
+    return place + ": " + (path.empty() ? "/" : path);
 }
 
-int64_t node_integer_of(const json_value *object, const char *name, int64_t missing)
+void node::bad(const std::string &what) const
 {
-    const json_value *value = node_member(object, name);
-
-    return value != NULL && value->IsInt64() ? value->GetInt64() : missing;
-}
-
-bool node_flag_of(const json_value *object, const char *name, bool missing)
-{
-    const json_value *value = node_member(object, name);
-
-    return value != NULL && value->IsBool() ? value->GetBool() : missing;
-}
-
-bool node_is_null(const json_value *object, const char *name)
-{
-    const json_value *value = node_member(object, name);
-
-    return value != NULL && value->IsNull();
-}
-
-std::vector<const json_value *> node_elements(const json_value *object, const char *name)
-{
-    const json_value *value = node_member(object, name);
-    std::vector<const json_value *> elements;
-
-    if (value != NULL && value->IsArray())
-        for (const json_value &element : value->GetArray())
-            elements.push_back(&element);
-    return elements;
-}
-
-std::string node_to_text(const json_value &value)
-{
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-
-    value.Accept(writer);
-    return buffer.GetString();
+    throw devhost_error(EXIT_BAD_CALL, place() + ": " + what);
 }

@@ -1,6 +1,6 @@
 /*
- * A scenario file: read, checked against its schema, and reached through small accessors. What each
- * member means is told in docs/scenarios.md.
+ * A scenario file, and its values with their places. docs/scenarios.md gives the meaning of each
+ * member.
  */
 #ifndef DEVHOST_SCENARIO_H
 #define DEVHOST_SCENARIO_H
@@ -9,53 +9,85 @@
 
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include <windows.h>
-/* It would rename RapidJSON's member in whatever is included from here on. */
-#undef GetObject
-#include <rapidjson/document.h>
-
-typedef rapidjson::Value json_value;
+#include "../base/json.h"
 
 struct scenario {
     std::string file;   /* as named on the command line */
-    std::string folder; /* that paths in it are relative to, with a trailing slash, or empty */
-    std::map<std::string, std::string> defines; /* what {name} in a path stands for */
+    std::string folder; /* of relative paths in it, with a trailing slash; or empty */
+    std::map<std::string, std::string> defines; /* values of {name} in paths */
+    std::string text;                           /* of the file; empty: the document was generated */
     rapidjson::Document document;
 };
 
-/* Reads and checks a file. Throws devhost_error that names the file, the member and what was
- * expected. */
+/* Reads and checks a file. Throws devhost_error: a line for each mistake, with its place. */
 void scenario_load(struct scenario &scenario, const std::string &file,
                    const std::map<std::string, std::string> &defines);
 
-/* Checks a document that was made and not read, as scenario_load does. Throws devhost_error. */
+/* Checks a document as scenario_load does. Throws devhost_error. */
 void scenario_check(const struct scenario &scenario);
 
-/* A JSON file in a form of its own, for evidence that a scenario names. Throws devhost_error with
- * that status. */
-void scenario_load_json(rapidjson::Document &document, const std::string &file, int status);
+/* Reads a JSON file of another form. Throws devhost_error with that status. Returns its text. */
+std::string scenario_load_json(rapidjson::Document &document, const std::string &file, int status);
 
-/* A path that the scenario names: {name} replaced, relative ones below the scenario's folder.
- * Throws devhost_error with EXIT_SKIPPED when a name is not defined. */
-std::string scenario_path(const struct scenario &scenario, const std::string &path);
+/* A value of a scenario, which must outlive it. Converts to false when it is missing; then it has no
+ * members and no elements. */
+class node
+{
+  public:
+    node() = default;
+    node(const struct scenario &scenario, const json_value *value)
+        : scenario_(&scenario), value_(value)
+    {
+    }
+    /* The whole document. */
+    explicit node(const struct scenario &scenario) : node(scenario, &scenario.document)
+    {
+    }
 
-/* Ends the run over something that the schema cannot check. where: a JSON pointer. */
-[[noreturn]] void scenario_bad(const struct scenario &scenario, const std::string &where,
-                               const std::string &what);
+    explicit operator bool() const
+    {
+        return value_ != NULL;
+    }
+    const json_value &operator*() const
+    {
+        return *value_;
+    }
+    const json_value *operator->() const
+    {
+        return value_;
+    }
 
-/* A member; NULL when it or the object is missing. */
-const json_value *node_member(const json_value *object, const char *name);
-/* Members with what they are when missing or of another type. */
-std::string node_text_of(const json_value *object, const char *name, const std::string &missing);
-double node_number_of(const json_value *object, const char *name, double missing);
-int64_t node_integer_of(const json_value *object, const char *name, int64_t missing);
-bool node_flag_of(const json_value *object, const char *name, bool missing);
-bool node_is_null(const json_value *object, const char *name);
-/* The elements of an array member; none when it is missing. */
-std::vector<const json_value *> node_elements(const json_value *object, const char *name);
-/* JSON text of a value, separators "," and ":". */
-std::string node_to_text(const json_value &value);
+    /* Returns the whole document. */
+    node root() const
+    {
+        return node(*scenario_);
+    }
+    node operator[](const char *member) const;
+    std::vector<node> elements() const;
+    std::vector<std::pair<std::string, node>> members() const;
+
+    /* Return a member, or the default when it is missing or of another type. */
+    std::string text(const char *member, const std::string &missing = "") const;
+    double number(const char *member, double missing) const;
+    int64_t integer(const char *member, int64_t missing) const;
+    bool flag(const char *member, bool missing) const;
+    bool is_null(const char *member) const;
+
+    /* Returns this text as a path of an evidence file: {name} replaced, relative to the scenario's
+     * folder. Throws devhost_error with EXIT_SKIPPED for an undefined name. */
+    std::string path() const;
+
+    /* Returns "FILE:LINE:COLUMN: /member/0"; without line and column for a generated document. */
+    std::string place() const;
+    /* Throws devhost_error that names the place. */
+    [[noreturn]] void bad(const std::string &what) const;
+
+  private:
+    const struct scenario *scenario_ = NULL;
+    const json_value *value_ = NULL;
+};
 
 #endif

@@ -9,6 +9,7 @@
 #include "../base/text.h"
 #include "journal.h"
 #include "agent_process.h"
+#include "callbacks.h"
 #include "expect.h"
 #include "machine_setup.h"
 #include "management.h"
@@ -16,10 +17,8 @@
 #include "timeline.h"
 
 struct step_context {
-    const struct scenario &scenario;
-    const std::string &where;
-    const json_value &step;
-    const json_value &value; /* of the member that names the step */
+    const node &step;
+    const node &value; /* of the member that names the step */
     std::vector<std::string> &failures;
 };
 
@@ -30,7 +29,7 @@ static void say(const std::string &text)
 
 static void step_agent(const step_context &context)
 {
-    std::string what = context.value.GetString();
+    std::string what = context.value->GetString();
 
     if (what != "start")
         agent_process_stop(what == "stop" ? "stops" : "stops to start again");
@@ -42,50 +41,49 @@ static void step_agent(const step_context &context)
 static void need_agent(const step_context &context)
 {
     if (agent_state_get() != AGENT_RUNNING)
-        scenario_bad(context.scenario, context.where, "the agent is not running at this moment");
+        context.step.bad("the agent is not running at this moment");
 }
 
 static void step_register(const step_context &context)
 {
     need_agent(context);
-    product_register(context.value.GetString());
+    product_register(context.value->GetString());
 }
 
 static void step_send(const step_context &context)
 {
     need_agent(context);
-    product_send(context.value.GetString(), *node_member(&context.step, "message"));
+    product_send(context.value->GetString(), *context.step["message"]);
 }
 
 static void step_order(const step_context &context)
 {
     need_agent(context);
-    if (!subscriber_order(context.value.GetString(), *node_member(&context.step, "message")))
-        scenario_bad(context.scenario, context.where + "/order",
-                     std::string("nobody has registered as \"") + context.value.GetString() + "\"");
+    if (!subscriber_order(context.value->GetString(), *context.step["message"]))
+        context.value.bad("no subscriber of this name was seen since the start of the agent");
 }
 
 static void step_tell(const step_context &context)
 {
     need_agent(context);
-    product_tell(context.value.GetString());
+    product_tell(context.value->GetString());
 }
 
 static void step_unsubscribe(const step_context &context)
 {
     need_agent(context);
-    product_unsubscribe(context.value.GetString());
+    product_unsubscribe(context.value->GetString());
 }
 
 static void step_console(const step_context &context)
 {
     need_agent(context);
-    oxnih_dbg_run("oxni", context.value.GetString());
+    oxnih_dbg_run("oxni", context.value->GetString());
 }
 
 static void step_product(const step_context &context)
 {
-    product_change(context.value.GetString(), *node_member(&context.step, "set"));
+    product_change(context.value->GetString(), context.step["set"]);
 }
 
 static void step_management(const step_context &context)
@@ -95,103 +93,133 @@ static void step_management(const step_context &context)
 
 static void step_link(const step_context &context)
 {
-    rapidjson::Document change(rapidjson::kObjectType);
+    management_set_link(context.value);
+}
 
-    change.AddMember("link", json_value(context.value, change.GetAllocator()),
-                     change.GetAllocator());
-    management_change(change);
+static void step_report_link(const step_context &context)
+{
+    management_report_link(context.value);
+}
+
+static void step_log_level(const step_context &context)
+{
+    machine_setup_log_level(context.value->GetString());
+    say(std::string("the log level is ") + context.value->GetString());
+}
+
+/* A second call of the plug-in's entry; the value is the expected result. */
+static void step_init(const step_context &context)
+{
+    need_agent(context);
+    const uint64_t result = agent_process_init_again();
+
+    say(text_format("oxni_plugin_init is called again, result %llu",
+                    static_cast<unsigned long long>(result)));
+    if (result != context.value->GetUint64())
+        context.failures.push_back(
+            context.value.place() +
+            text_format(": result %llu, expected ", static_cast<unsigned long long>(result)) +
+            node_to_text(*context.value));
+}
+
+static void step_callback(const step_context &context)
+{
+    need_agent(context);
+    callbacks_call(context.value->GetString(), context.step["arguments"]);
 }
 
 static void step_event(const step_context &context)
 {
     say(text_format("logs event %u of %s",
-                    static_cast<unsigned>(node_integer_of(&context.value, "id", 0)) & 0xffff,
-                    node_text_of(&context.value, "source", "").c_str()));
-    machine_setup_event(context.scenario, context.where + "/event", context.value);
+                    static_cast<unsigned>(context.value.integer("id", 0)) & 0xffff,
+                    context.value.text("source").c_str()));
+    machine_setup_event(context.value);
 }
 
 static void step_file(const step_context &context)
 {
-    machine_setup_file(context.scenario, context.where + "/file", context.value);
+    machine_setup_file(context.value);
 }
 
 static void step_delete_file(const step_context &context)
 {
-    machine_delete_file(machine_setup_path(context.value.GetString()));
-    say(std::string("file ") + context.value.GetString() + " is deleted");
+    machine_delete_file(machine_setup_path(context.value->GetString()));
+    say(std::string("file ") + context.value->GetString() + " is deleted");
 }
 
 /* A copy is a new file: created now, its content as before. */
 static void step_copy_file(const step_context &context)
 {
-    std::string to = node_text_of(&context.step, "to", "");
+    std::string to = context.step.text("to");
     uint64_t now = oxnih_clock_now_100ns();
 
     machine_write_file(
         machine_setup_path(to),
-        machine_read_real_file(machine_real_path(machine_setup_path(context.value.GetString())),
+        machine_read_real_file(machine_real_path(machine_setup_path(context.value->GetString())),
                                EXIT_BAD_CALL),
         now, now);
-    say(std::string("file ") + context.value.GetString() + " is copied to " + to);
+    say(std::string("file ") + context.value->GetString() + " is copied to " + to);
 }
 
 static void step_registry(const step_context &context)
 {
-    machine_setup_value(context.scenario, context.where + "/registry", context.value);
-    say("registry value " + node_text_of(&context.value, "name", "") + " is set");
+    machine_setup_value(context.value);
+    say("registry value " + context.value.text("name") + " is set");
 }
 
 static void step_delete_value(const step_context &context)
 {
-    machine_delete_value(text_wide(node_text_of(&context.value, "key", "")),
-                         text_wide(node_text_of(&context.value, "name", "")));
-    say("registry value " + node_text_of(&context.value, "name", "") + " is deleted");
+    machine_delete_value(text_wide(context.value.text("key")),
+                         text_wide(context.value.text("name")));
+    say("registry value " + context.value.text("name") + " is deleted");
 }
 
 static void step_delete_key(const step_context &context)
 {
-    machine_delete_key(text_wide(context.value.GetString()));
-    say(std::string("registry key ") + context.value.GetString() + " is deleted");
+    machine_delete_key(text_wide(context.value->GetString()));
+    say(std::string("registry key ") + context.value->GetString() + " is deleted");
 }
 
 static void step_machine(const step_context &context)
 {
-    machine_setup_apply(context.scenario, context.where + "/machine", context.value);
+    machine_setup_apply(context.value);
 }
 
 static void step_clock(const step_context &context)
 {
-    uint64_t now = timeline_time(context.scenario, context.where + "/clock", &context.value, 0);
+    uint64_t now = timeline_time(context.value, 0);
 
     if (!oxnih_clock_is_simulated())
-        scenario_bad(context.scenario, context.where + "/clock",
-                     "in real time the clock is this machine's and is not set");
+        context.value.bad("in real time the clock is this machine's and is not set");
     oxnih_clock_set_wall(now);
     say("the clock is set to " + time_iso(now));
 }
 
 static void step_fail(const step_context &context)
 {
-    std::string call = context.value.GetString();
-    uint64_t nth = static_cast<uint64_t>(node_integer_of(&context.step, "nth", 1));
-    uint64_t times = static_cast<uint64_t>(node_integer_of(&context.step, "times", 1));
-    uint32_t error = static_cast<uint32_t>(node_integer_of(&context.step, "error", 0));
+    std::string call = context.value->GetString();
+    uint64_t nth = static_cast<uint64_t>(context.step.integer("nth", 1));
+    uint64_t times = static_cast<uint64_t>(context.step.integer("times", 1));
+    uint32_t error = static_cast<uint32_t>(context.step.integer("error", 0));
 
-    calls_fail(call, nth, times, error);
-    say(text_format("from here on call %llu of %s fails with %u",
-                    static_cast<unsigned long long>(nth), call.c_str(), error));
+    std::string with = context.step.text("with");
+
+    calls_fail(call, nth, times, error, with);
+    say(text_format("call %llu of %s from now on fails with %u",
+                    static_cast<unsigned long long>(nth),
+                    (with.empty() ? call : call + "(" + with + ")").c_str(), error));
 }
 
 static void step_fail_allocation(const step_context &context)
 {
-    oxnih_memory_fail(context.value.GetUint64(), node_flag_of(&context.step, "forever", false));
+    oxnih_memory_fail(context.value->GetUint64(), context.step.flag("forever", false));
     say(text_format("allocation %llu from here on fails",
-                    static_cast<unsigned long long>(context.value.GetUint64())));
+                    static_cast<unsigned long long>(context.value->GetUint64())));
 }
 
 static void step_expect(const step_context &context)
 {
-    expect_check(context.scenario, context.where + "/expect", context.value, context.failures);
+    expect_check(context.value, context.failures);
 }
 
 static const struct {
@@ -208,6 +236,10 @@ static const struct {
     {"product",         step_product        },
     {"management",      step_management     },
     {"link",            step_link           },
+    {"report_link",     step_report_link    },
+    {"log_level",       step_log_level      },
+    {"init",            step_init           },
+    {"callback",        step_callback       },
     {"event",           step_event          },
     {"file",            step_file           },
     {"delete_file",     step_delete_file    },
@@ -226,45 +258,42 @@ static const struct {
 static const struct {
     const char *step, *member;
 } s_needed[] = {
-    {"send",      "message"},
-    {"order",     "message"},
-    {"product",   "set"    },
-    {"copy_file", "to"     },
+    {"send",      "message"  },
+    {"callback",  "arguments"},
+    {"order",     "message"  },
+    {"product",   "set"      },
+    {"copy_file", "to"       },
 };
 
-void step_check(const struct scenario &scenario, const std::string &where, const json_value &step)
+std::string step_problem(const node &step)
 {
     std::string does;
 
     for (const auto &row : s_steps) {
-        if (node_member(&step, row.member) == NULL)
+        if (!step[row.member])
             continue;
         if (!does.empty())
-            scenario_bad(scenario, where,
-                         "does both \"" + does + "\" and \"" + row.member +
-                             "\", expected one thing a step");
+            return "both \"" + does + "\" and \"" + row.member +
+                   "\", expected one action in a step";
         does = row.member;
     }
     if (does.empty())
-        scenario_bad(scenario, where, "does nothing, expected a member such as \"register\"");
+        return "no action, expected a member such as \"register\"";
     for (const auto &row : s_needed)
-        if (does == row.step && node_member(&step, row.member) == NULL)
-            scenario_bad(scenario, where, std::string("member \"") + row.member + "\" is missing");
+        if (does == row.step && !step[row.member])
+            return std::string("member \"") + row.member + "\" is missing";
+    if (does == "callback" && step.text("callback") != "console" && !step["arguments"]["of"])
+        return "\"arguments\": member \"of\" is missing, the subscriber that is passed";
     if (does == "fail" &&
-        !calls_can_fail(node_text_of(&step, "fail", ""),
-                        static_cast<uint32_t>(node_integer_of(&step, "error", 0))))
-        scenario_bad(scenario, where + "/fail",
-                     "\"" + node_text_of(&step, "fail", "") +
-                         "\" is no call of the plug-in that can fail, or needs an \"error\"");
+        !calls_can_fail(step.text("fail"), static_cast<uint32_t>(step.integer("error", 0))))
+        return "\"" + step.text("fail") +
+               "\" is not a call of the plug-in that can fail, or needs an \"error\"";
+    return "";
 }
 
-void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
-              std::vector<std::string> &failures)
+void step_run(const node &step, std::vector<std::string> &failures)
 {
-    for (const auto &row : s_steps) {
-        const json_value *value = node_member(&step, row.member);
-
-        if (value != NULL)
-            row.run({scenario, where, step, *value, failures});
-    }
+    for (const auto &row : s_steps)
+        if (node value = step[row.member])
+            row.run({step, value, failures});
 }

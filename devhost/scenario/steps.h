@@ -7,10 +7,9 @@
 
 #include "scenario.h"
 
-/* Checks that a step does exactly one thing that can be done. Throws devhost_error. */
-void step_check(const struct scenario &scenario, const std::string &where, const json_value &step);
-/* Does one step of a boot. failures receives what an expectation in it finds. */
-void step_run(const struct scenario &scenario, const std::string &where, const json_value &step,
-              std::vector<std::string> &failures);
+/* Returns why a step cannot be done; empty: it has exactly one possible action. */
+std::string step_problem(const node &step);
+/* Does one step of a boot. failures receives the failed expectations in it. */
+void step_run(const node &step, std::vector<std::string> &failures);
 
 #endif

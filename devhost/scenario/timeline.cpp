@@ -10,21 +10,20 @@
 #include "../machine/machine.h"
 #include "../base/text.h"
 
-/* What is planned in this boot, by ms since its start. */
-static std::multimap<uint64_t, std::function<void()>> s_plan;
+/* The actions of this boot, by their moment; of one moment, those that come before have key false. */
+static std::multimap<std::pair<uint64_t, bool>, planned_action> s_plan;
 
-void timeline_at(uint64_t ms, std::function<void()> action)
+void timeline_at(uint64_t ms, std::function<void()> run, bool before)
 {
-    s_plan.emplace(ms, std::move(action));
+    s_plan.emplace(std::make_pair(ms, !before), planned_action{ms, before, std::move(run)});
 }
 
-bool timeline_take(uint64_t end_ms, uint64_t *ms, std::function<void()> *action)
+bool timeline_take(uint64_t end_ms, planned_action *action)
 {
     auto first = s_plan.begin();
 
-    if (first == s_plan.end() || first->first > end_ms)
+    if (first == s_plan.end() || first->second.ms > end_ms)
         return false;
-    *ms = first->first;
     *action = std::move(first->second);
     s_plan.erase(first);
     return true;
@@ -45,12 +44,11 @@ uint64_t timeline_ms(double seconds)
     return static_cast<uint64_t>(llround(seconds * 1000.0));
 }
 
-uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
-                       const json_value *value, uint64_t missing)
+uint64_t timeline_time(const node &value, uint64_t missing)
 {
     uint64_t time;
 
-    if (value == NULL)
+    if (!value)
         return missing;
     if (value->IsNumber()) {
         int64_t ticks = static_cast<int64_t>(value->GetDouble() * TICKS_PER_SECOND);
@@ -58,6 +56,6 @@ uint64_t timeline_time(const struct scenario &scenario, const std::string &where
         return machine_get().boot_100ns + static_cast<uint64_t>(ticks);
     }
     if (!value->IsString() || !time_parse(value->GetString(), &time))
-        scenario_bad(scenario, where, "expected a time such as 2024-03-07T09:05:41Z, or seconds");
+        value.bad("expected a time such as 2024-03-07T09:05:41Z, or seconds");
     return time;
 }

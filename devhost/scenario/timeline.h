@@ -1,6 +1,6 @@
 /*
- * The timeline of a boot: what happens when, the present moment, and the times of a scenario. It uses
- * none of the other files here but the scenario.
+ * The timeline of a boot: planned actions, the present moment, and the times of a scenario. Of this
+ * directory it uses only the scenario.
  */
 #ifndef DEVHOST_TIMELINE_H
 #define DEVHOST_TIMELINE_H
@@ -12,13 +12,20 @@
 
 #include "scenario.h"
 
-/* Plans an action at a moment of this boot, ms since Windows started; one in the past happens as soon
- * as it can. Actions of one moment happen in the order of the calls. */
-void timeline_at(uint64_t ms, std::function<void()> action);
+/* An action and its moment, ms since Windows started. */
+struct planned_action {
+    uint64_t ms;
+    bool before; /* before all that is due at this moment, not after it */
+    std::function<void()> run;
+};
+
+/* Plans an action of this boot; one in the past happens as soon as it can. Actions of one moment
+ * happen in the order of the calls, those that come before first. */
+void timeline_at(uint64_t ms, std::function<void()> run, bool before = false);
 
 /* Removes the first action that is planned up to that moment, inclusive, from the plan. Result:
  * whether there is one. */
-bool timeline_take(uint64_t end_ms, uint64_t *ms, std::function<void()> *action);
+bool timeline_take(uint64_t end_ms, planned_action *action);
 
 /* Forgets all that is planned. */
 void timeline_clear(void);
@@ -29,9 +36,12 @@ uint64_t timeline_now_ms(void);
 /* Milliseconds of a number of seconds. */
 uint64_t timeline_ms(double seconds);
 
-/* A time of the scenario, ISO 8601 or seconds since this boot's start, as a FILETIME. missing: the
- * result for no value. Throws devhost_error that names where. */
-uint64_t timeline_time(const struct scenario &scenario, const std::string &where,
-                       const json_value *value, uint64_t missing);
+/* Returns a time of the scenario, ISO 8601 or seconds since this boot's start, as a FILETIME.
+ * missing: the result for a missing value. Throws devhost_error. */
+uint64_t timeline_time(const node &value, uint64_t missing);
+
+/* Defaults of a boot. */
+#define AGENT_START_SECONDS 10.0
+#define BOOT_SECONDS        600.0
 
 #endif

@@ -50,14 +50,11 @@ static void plan_record(double seconds, const wchar_t *source, uint32_t id, even
 }
 
 /* Where a dump lies: a path, or true for Windows' own place. Empty: there is none. */
-static std::wstring dump_path(const json_value *crash, const char *member, bool usual,
-                              const std::wstring &place)
+static std::wstring dump_path(const node &said, bool usual, const std::wstring &place)
 {
-    const json_value *said = node_member(crash, member);
-
-    if (said != NULL && said->IsString())
+    if (said && said->IsString())
         return text_wide(said->GetString());
-    return (said != NULL ? said->GetBool() : usual) ? place : L"";
+    return (said ? said->GetBool() : usual) ? place : L"";
 }
 
 static std::wstring usual_minidump(uint64_t crashed_100ns)
@@ -68,17 +65,16 @@ static std::wstring usual_minidump(uint64_t crashed_100ns)
            text_wide(date.substr(5, 2) + date.substr(8, 2) + date.substr(2, 2) + "-5437-01.dmp");
 }
 
-static void write_dump(const struct scenario &scenario, const std::wstring &path,
-                       const json_value *crash)
+static void write_dump(const std::wstring &path, const node &crash)
 {
-    std::string bytes = SCRIPTED_DUMP_TEXT, from = node_text_of(crash, "dump", "");
+    std::string bytes = SCRIPTED_DUMP_TEXT;
     uint64_t now = oxnih_clock_now_100ns();
 
     if (path.empty())
         return;
     machine_get().stacks.erase(path);
-    if (!from.empty())
-        bytes = machine_read_real_file(text_wide(scenario_path(scenario, from)), EXIT_BAD_EVIDENCE);
+    if (crash["dump"])
+        bytes = machine_read_real_file(text_wide(crash["dump"].path()), EXIT_BAD_EVIDENCE);
     else
         machine_get().stacks[path] = machine_setup_stack(crash);
     machine_update_engine();
@@ -87,52 +83,46 @@ static void write_dump(const struct scenario &scenario, const std::wstring &path
 }
 
 /* The dump files and the BugCheck record of a blue screen. */
-static void plan_blue_screen(const struct scenario &scenario, const json_value *crash,
-                             uint64_t crashed_100ns)
+static void plan_blue_screen(const node &crash, uint64_t crashed_100ns)
 {
-    bool has_dump = node_member(crash, "frames") != NULL || node_member(crash, "stack") != NULL ||
-                    node_member(crash, "dump") != NULL;
-    std::wstring minidump = dump_path(crash, "minidump", has_dump, usual_minidump(crashed_100ns));
+    bool has_dump = crash["frames"] || crash["stack"] || crash["dump"];
+    std::wstring minidump = dump_path(crash["minidump"], has_dump, usual_minidump(crashed_100ns));
     std::wstring complete =
-        dump_path(crash, "complete", false, machine_get().windows_folder + L"\\MEMORY.DMP");
+        dump_path(crash["complete"], false, machine_get().windows_folder + L"\\MEMORY.DMP");
     std::wstring named = minidump.empty() ? complete : minidump;
 
-    if (!node_text_of(crash, "dump", "").empty())
-        (void)scenario_path(scenario, node_text_of(crash, "dump", "")); /* told now, not later */
-    timeline_at(timeline_ms(node_number_of(crash, "written", DUMP_SECONDS)),
-                [&scenario, minidump, complete, crash] {
-                    write_dump(scenario, minidump, crash);
-                    write_dump(scenario, complete, crash);
-                });
-    if (!node_is_null(crash, "recorded"))
-        plan_record(node_number_of(crash, "recorded", BUG_CHECK_SECONDS), SOURCE_BUG_CHECK,
+    timeline_at(timeline_ms(crash.number("written", DUMP_SECONDS)), [minidump, complete, crash] {
+        write_dump(minidump, crash);
+        write_dump(complete, crash);
+    });
+    if (!crash.is_null("recorded"))
+        plan_record(crash.number("recorded", BUG_CHECK_SECONDS), SOURCE_BUG_CHECK,
                     BUG_CHECK_EVENT_ID,
-                    {text_wide(node_text_of(crash, "bug_check", DEFAULT_BUG_CHECK)), named,
+                    {text_wide(crash.text("bug_check", DEFAULT_BUG_CHECK)), named,
                      L"00000000-0000-0000-0000-000000000000"});
 }
 
-void windows_traces_plan(const struct scenario &scenario, const json_value *boot,
-                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns)
+void windows_traces_plan(const node &boot, const std::string &ended, const node &crash,
+                         uint64_t crashed_100ns)
 {
-    const json_value *log = node_member(boot, "log");
+    node log = boot["log"];
     uint64_t start = machine_get().boot_100ns;
 
-    if (!node_is_null(boot, "log")) {
-        if (!node_is_null(log, "start"))
-            plan_record(node_number_of(log, "start", START_SECONDS), SOURCE_KERNEL_GENERAL,
+    if (!boot.is_null("log")) {
+        if (!log.is_null("start"))
+            plan_record(log.number("start", START_SECONDS), SOURCE_KERNEL_GENERAL,
                         EVENT_WINDOWS_START,
                         {L"10", L"0", L"19041", L"1", L"0", L"0", text_wide(time_iso(start))});
-        if (ended != "clean" && !node_is_null(log, "unexpected"))
-            plan_record(node_number_of(log, "unexpected", UNEXPECTED_SECONDS), SOURCE_KERNEL_POWER,
+        if (ended != "clean" && !log.is_null("unexpected"))
+            plan_record(log.number("unexpected", UNEXPECTED_SECONDS), SOURCE_KERNEL_POWER,
                         EVENT_UNEXPECTED_SHUTDOWN,
                         {L"0", L"0x0", L"0x0", L"0x0", L"0x0", L"false", L"0"});
-        if (!node_is_null(log, "winlogon"))
-            plan_record(node_number_of(log, "winlogon", WINLOGON_SECONDS), SOURCE_WINLOGON,
-                        EVENT_LOGON, {L"1", L"S-1-5-21-1-2-3-1001"});
+        if (!log.is_null("winlogon"))
+            plan_record(log.number("winlogon", WINLOGON_SECONDS), SOURCE_WINLOGON, EVENT_LOGON,
+                        {L"1", L"S-1-5-21-1-2-3-1001"});
     }
     if (ended == "blue_screen")
-        plan_blue_screen(scenario, crash,
-                         crashed_100ns != 0 ? crashed_100ns : start - 60 * TICKS_PER_SECOND);
+        plan_blue_screen(crash, crashed_100ns != 0 ? crashed_100ns : start - 60 * TICKS_PER_SECOND);
 }
 
 void windows_traces_shutdown(void)

@@ -1,4 +1,4 @@
-/* What Windows leaves of a run and writes in the next one: log records and crash dumps. */
+/* The traces that Windows leaves of a run: event records and crash dumps. */
 #ifndef DEVHOST_WINDOWS_TRACES_H
 #define DEVHOST_WINDOWS_TRACES_H
 
@@ -8,11 +8,11 @@
 
 #include "scenario.h"
 
-/* Plans the records and dumps that Windows writes in this boot. ended: how the last run ended;
- * crash: of that run, or NULL. */
-void windows_traces_plan(const struct scenario &scenario, const json_value *boot,
-                         const std::string &ended, const json_value *crash, uint64_t crashed_100ns);
-/* The record of a clean shutdown. */
+/* Plans the records and dumps that Windows writes in this boot. ended: how the previous run ended;
+ * crash: of that run, may be missing. */
+void windows_traces_plan(const node &boot, const std::string &ended, const node &crash,
+                         uint64_t crashed_100ns);
+/* Writes the record of a clean shutdown. */
 void windows_traces_shutdown(void);
 
 #endif

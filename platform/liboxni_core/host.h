@@ -109,6 +109,8 @@ typedef struct oxnih_request oxnih_request;
 /* Sets a resource's state (initially 0). Queues the state to the watchers of path when it
  * changed. */
 OXNI_API void oxnih_res_set_state(const char *path, int32_t state);
+/* The same even if the state did not change. */
+OXNI_API void oxnih_res_report_state(const char *path, int32_t state);
 /* Sets the handler of requests to a path. Without one (NULL), requests fail in transport with error
  * 2. message is borrowed for the call. The handler may call oxnih_res_answer in the call, later, or
  * not at all. */

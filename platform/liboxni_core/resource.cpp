@@ -66,16 +66,18 @@ int oxni_res_require(const char *path, int reserved, oxni_res_state_fn fn)
     return 0;
 }
 
-void oxnih_res_set_state(const char *path, int32_t state)
+void oxnih_res_report_state(const char *path, int32_t state)
 {
-    int32_t &present = s_table.states[path];
-
-    if (present == state)
-        return;
-    present = state;
+    s_table.states[path] = state;
     auto watches = s_table.watches.equal_range(path);
     for (auto at = watches.first; at != watches.second; ++at)
         queue_state(path, state, at->second);
+}
+
+void oxnih_res_set_state(const char *path, int32_t state)
+{
+    if (s_table.states[path] != state)
+        oxnih_res_report_state(path, state);
 }
 
 void oxnih_res_set_handler(const char *path, oxnih_res_handler_fn fn, void *user)

@@ -28,10 +28,14 @@ check() {
     fi
 }
 
-# bad ROW PATTERN TEXT: a scenario with that text is refused with status 2.
+# bad ROW PATTERN TEXT: a scenario with that text is rejected with status 2, before it is played.
 bad() {
     printf '%s' "$3" >bad.json
-    check "$1" 2 "bad.json: $2" run bad.json
+    check "$1" 2 "bad.json:([0-9]+:[0-9]+: )?$2" run bad.json
+    [ -s out.txt ] && {
+        echo "FAILED: $1: played before it was rejected: $(head -3 out.txt)"
+        failures=$((failures + 1))
+    }
 }
 
 check "no command" 2 "subcommand is required" 
@@ -42,30 +46,48 @@ check "missing file" 2 "nowhere.json: cannot be opened, error 2" run nowhere.jso
 check "bad level" 2 "--log" run --log loud "$scenarios/default.json"
 check "bad define" 2 "expected NAME=VALUE" run --define shared "$scenarios/default.json"
 check "bad console option" 2 'expected \[BOOT/\]SECONDS:COMMAND' run --console "x bypass" "$scenarios/default.json"
+check "boot that does not exist" 2 'there is no boot 3, .*default.json has 2' run --console "3/5:bypass" "$scenarios/default.json"
 check "help" 0 "" --help
 check "no plug-in" 4 "none.dll: cannot be loaded, error" run --plugin none.dll "$scenarios/default.json"
 check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32.dll "$scenarios/default.json"
 
-bad "not JSON" "line 2, column 1" $'{"boots": [\n,]}'
-bad "not an object" "/: expected type" '[]'
-bad "no boots" '/: member "boots" is missing' '{}'
-bad "unknown member" '/boots/0: unknown member "step"' '{"boots": [{"step": []}]}'
-bad "wrong type" '/boots/0/until: expected type "number"' '{"boots": [{"until": "long"}]}'
-bad "not one of" '/boots/0/ends: expected one of' '{"boots": [{"ends": "badly"}]}'
-bad "below the least" '/boots/0/steps/0/at: expected minimum' '{"boots": [{"steps": [{"at": -1, "link": true}]}]}'
-bad "empty step" '/boots/0/steps/0: does nothing' '{"boots": [{"steps": [{"at": 1}]}]}'
-bad "two things" '/boots/0/steps/0: does both' '{"boots": [{"steps": [{"at": 1, "link": true, "agent": "stop"}]}]}'
-bad "half a step" '/boots/0/steps/0: member "message" is missing' '{"boots": [{"steps": [{"at": 1, "send": "p"}]}]}'
-bad "unknown product" '/products: there is no product "p"' '{"boots": [{"steps": [{"at": 20, "register": "p"}]}]}'
-bad "unknown call" '/boots/0/steps/0/fail: "Fly" is no call' '{"boots": [{"steps": [{"at": 1, "fail": "Fly"}]}]}'
-bad "no agent" '/boots/0/steps/0: the agent is not running' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}'
-bad "step behind the end" '/boots/0/steps/0/at: lies behind the end' '{"boots": [{"until": 1, "steps": [{"at": 2, "link": true}]}]}'
-bad "member twice" '/boots/0: member "until" stands twice' '{"boots": [{"until": 1, "until": 2}]}'
+bad "not JSON" "2:1: Invalid value" $'{"boots": [\n,]}'
+bad "not an object" "1:1: /: expected an object, found \[\]" '[]'
+bad "no boots" '1:1: /: member "boots" is missing' '{}'
+bad "unknown member" '1:24: /boots/0/step: unknown member "step" \(did you mean "steps"\?\)' '{"boots": [{  "step" : []}]}'
+bad "wrong type" '2:19: /boots/0/until: expected a number of 0 or more, found "long"' $'{"name": "\\"a,", "products": {"p": {}},\n"boots":[{"until":"long"}]}'
+bad "not one of" '1:21: /boots/0/ends: expected one of "clean", "power_loss", "blue_screen", found "badly"' '{"boots": [{"ends": "badly"}]}'
+bad "below the least" '1:30: /boots/0/steps/0/at: expected a number of 0 or more, found -1' '{"boots": [{"steps": [{"at": -1, "link": true}]}]}'
+bad "above the most" '1:46: /machine/files/0/size: expected an integer from 0 to 1048576, found 2000000' '{"machine": {"files": [{"path": "x", "size": 2000000}]}, "boots": [{}]}'
+bad "an empty list" '1:38: /machine/services/x: expected an array or null with an element' '{"machine": {"services": {     "x":  []}}, "boots": [{}]}'
+bad "empty step" '1:23: /boots/0/steps/0: no action' '{"boots": [{"steps": [{"at": 1}]}]}'
+bad "two things" '1:23: /boots/0/steps/0: both "agent" and "link"' '{"boots": [{"steps": [{"at": 1, "link": true, "agent": "stop"}]}]}'
+bad "half a step" '1:[0-9]+: /boots/0/steps/0: member "message" is missing' '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "send": "p"}]}]}'
+bad "unknown product" '1:72: /boots/0/steps/0/register: there is no product "gard" \(did you mean "guard"\?\)' '{"products": {"guard": {}}, "boots": [{"steps": [{"at": 20, "register":"gard"}]}]}'
+bad "unknown product in an expectation" '/boots/0/expect/products: there is no product "p"' '{"boots": [{"expect": {"products": {"p": {"count": 1}}}}]}'
+bad "unknown receiver" '/boots/0/steps/0/expect/commands/0/to: there is no product "p"' '{"boots": [{"steps": [{"at": 1, "expect": {"commands": [{"to": "p"}]}}]}]}'
+bad "unknown call" '/boots/0/steps/0: "Fly" is not a call' '{"boots": [{"steps": [{"at": 1, "fail": "Fly"}]}]}'
+bad "step after the end" '/boots/0/steps/0/at: is after the end' '{"boots": [{"until": 1, "steps": [{"at": 2, "link": true}]}]}'
+bad "agent after the end" '/boots/0/agent_start: is after the end' '{"boots": [{"until": 100, "uptime": 95, "agent_start": 6}]}'
+bad "registration after the end" '/products/p/registers: no boot lasts' '{"products": {"p": {"registers": 600}}, "boots": [{}, {"until": 20}]}'
+bad "member twice" '1:36: /boots/0/until: member "until" occurs twice' '{"boots": [{"until": 1, "until":   2}]}'
 bad "crash of a clean end" '/boots/0/crash: expected "ends"' '{"boots": [{"crash": {}}]}'
-bad "failure without an error" '/boots/0/steps/0/fail: .*needs an "error"' '{"boots": [{"steps": [{"at": 1, "fail": "CreateFileW"}]}]}'
-bad "text for a number" '/machine/registry/data: expected a number' '{"machine": {"registry": [{"key": "K", "name": "n", "type": "REG_DWORD", "data": "x"}]}, "boots": [{}]}'
-bad "bad time" '/boots/0/at: expected a time' '{"boots": [{"at": "yesterday"}]}'
+bad "failure without an error" '/boots/0/steps/0: .*needs an "error"' '{"boots": [{"steps": [{"at": 1, "fail": "CreateFileW"}]}]}'
+bad "text for a number" '/machine/registry/0: "data": expected a number of 0 or more for REG_DWORD, found "x"' '{"machine": {"registry": [{"key": "K", "name": "n", "type": "REG_DWORD", "data": "x"}]}, "boots": [{}]}'
+bad "half a callback" '/boots/0/steps/0: "arguments": member "of" is missing' '{"boots": [{"steps": [{"at": 1, "callback": "service", "arguments": {}}]}]}'
+bad "unknown level" '/machine/log_level: expected one of "error", "warn", "info", "debug", found "trace"' '{"machine": {"log_level": "trace"}, "boots": [{}]}'
+bad "unknown kind of event" '/boots/0/expect/sequence/0/calls: unknown member "calls" \(did you mean "call"\?\)' '{"boots": [{"expect": {"sequence": [{"calls": "x"}]}}]}'
+bad "two kinds of event" '/boots/0/expect/sequence/0: expected one member' '{"boots": [{"expect": {"sequence": [{"call": "x", "log": "y"}]}}]}'
+bad "half a byte" '/machine/files/0/bytes: expected pairs of hexadecimal digits' '{"machine": {"files": [{"path": "x", "bytes": "0ff"}]}, "boots": [{}]}'
+bad "unknown member of a file" '/boots/0/expect/files/x/length: unknown member "length"' '{"boots": [{"expect": {"files": {"x": {"length": 3}}}}]}'
+bad "bad time" '/boots/0/at: expected a time such as 2024-03-07T09:05:41Z, found "yesterday"' '{"boots": [{"at": "yesterday"}]}'
 bad "bad zone" '/machine/time_zone: unknown time zone "Mars"' '{"machine": {"time_zone": "Mars"}, "boots": [{}]}'
+bad "two mistakes, the second" '/boots/1/at: expected a time' '{"boots": [{"ends": 1}, {"at": "later"}]}'
+bad "two mistakes, the first" '/boots/0/ends: expected one of' '{"boots": [{"ends": 1}, {"at": "later"}]}'
+printf '{"products": {"p": {}}, "boots": [{"steps": [{"at": 1, "register": "p"}]}]}' >bad.json
+check "no agent" 2 'bad.json:1:46: /boots/0/steps/0: the agent is not running' run bad.json
+printf '{"machine": {"base_folder": 9}, "boots": [{}]}' >bad.json
+check "short base folder" 2 '/machine/base_folder: the base folder of this run has at least' run bad.json
 
 evidence() {
     printf '%s' "$3" >evidence.json
@@ -92,11 +114,11 @@ check "paths of this machine" 0 "" run --log none s.json
 # An expectation that does not hold is told with its place, and so is every kind of it.
 printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "p"}], "log": ["never said"], "no_log": ["system boot up"], "uploads": [{}],
  "echo": ["x"], "complaints": ["x"], "refused": ["x"], "call_counts": {"oxni_sleep": 7}, "calls": ["NoSuchCall"], "no_calls": ["oxni_timer_start"], "products": {"p": {"count": 9}},
- "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
+ "timers": {"30000": 9}, "references": {"p": 9, "q/q": 1}, "sequence": [{"left": ""}], "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",
  "pending_replies": 3, "messages": [], "log_counts": {"never said": 1}}}]}' >s.json
-check "nothing holds" 1 "/boots/0/expect/commands: \[0\] did not come" run --quiet s.json
+check "nothing holds" 1 "s.json:1:59: /boots/0/expect/commands: \[0\] is missing" run --quiet s.json
 for member in commands messages uploads log no_log log_counts echo refused complaints calls no_calls \
-    call_counts products documents registry keys files agent pending_replies; do
+    call_counts timers references sequence products documents registry keys files agent pending_replies; do
     grep -q "/boots/0/expect/$member:" err.txt || {
         echo "FAILED: nothing holds: no word about $member"
         failures=$((failures + 1))

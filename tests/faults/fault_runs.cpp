@@ -169,6 +169,16 @@ static void note_undisturbed(course &course)
 static const char *const s_documents[] = {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs",
                                           "bypass_mgr_dumprecord.ejs"};
 
+/* Whether value writes a file that damages a document: other bytes of that length, or a torn one. */
+static bool writes_damage(const json_value &value, const std::string &content)
+{
+    const bool other = node_member(&value, "bytes") != NULL;
+    const bool torn = node_member(&value, "document") != NULL;
+
+    return (other && node_text_of(&value, "bytes", "").size() == 2 * content.size()) ||
+           (torn && node_integer_of(&value, "size", -1) == static_cast<int64_t>(content.size()));
+}
+
 /* Whether a scenario writes a file with that content, somewhere in value. */
 static bool writes_text(const json_value &value, const std::string &content)
 {
@@ -179,6 +189,7 @@ static bool writes_text(const json_value &value, const std::string &content)
     if (!value.IsObject())
         return false;
     return (node_member(&value, "text") != NULL && node_text_of(&value, "text", "") == content) ||
+           writes_damage(value, content) ||
            std::any_of(value.MemberBegin(), value.MemberEnd(),
                        [&writes](const auto &member) { return writes(member.value); });
 }

@@ -1,0 +1,24 @@
+/* What the two sources of expectations share. */
+#ifndef DEVHOST_EXPECT_INTERNAL_H
+#define DEVHOST_EXPECT_INTERNAL_H
+
+#include "expect.h"
+
+struct expect_context {
+    const node &value; /* of the member */
+    std::vector<std::string> &failures;
+};
+
+/* Adds a failure; an empty text is none. */
+void expect_fail(const expect_context &context, const std::string &why);
+
+/* A member of an "expect". */
+struct expect_member {
+    const char *name;
+    void (*check)(const expect_context &context);
+};
+
+/* Checks a member that looks at the present state, not at events. Result: whether it is one. */
+bool expect_state(const std::string &member, const expect_context &context);
+
+#endif
