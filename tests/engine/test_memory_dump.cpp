@@ -462,7 +462,7 @@ TEST(memory_dump, test_truncated_anywhere)
         ASSERT_EQ(read(bytes, &whole, &reason), KERNEL_DUMP_OK) << reason;
         for (size_t size = 8; size < bytes.size(); size += size < 0x2100 ? 1 : 61) {
             const std::vector<uint8_t> begin(bytes.begin(), bytes.begin() + (ptrdiff_t)size);
-            const std::string told = "the file is cut off, " + std::to_string(size) + " of ";
+            const std::string told = "the file is truncated, " + std::to_string(size) + " of ";
             kernel_dump dump;
             const enum kernel_dump_error error = read(begin, &dump, &reason);
 
