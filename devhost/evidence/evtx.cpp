@@ -377,15 +377,6 @@ static void check_numbers(evidence_log *log, const record_range &range)
     std::vector<event_record> &events = log->events;
     uint64_t next = range.first;
     size_t kept = 0;
-    const auto missing = [log](uint64_t first, uint64_t end) {
-        if (first >= end)
-            return;
-        log->damage.push_back("records missing: " + std::to_string(first) + " to " +
-                              std::to_string(end - 1));
-        log->gaps.push_back({first, end - 1});
-        log->lost_records += end - first;
-    };
-
     std::stable_sort(
         events.begin(), events.end(),
         [](const event_record &a, const event_record &b) { return a.number < b.number; });
@@ -394,14 +385,14 @@ static void check_numbers(evidence_log *log, const record_range &range)
             log->damage.push_back("record occurs twice: " + std::to_string(event.number));
             continue;
         }
-        missing(next, event.number);
+        evidence_note_gap(log, next, event.number);
         next = event.number + 1ull;
         if (&events[kept] != &event)
             events[kept] = std::move(event);
         kept++;
     }
     events.resize(kept);
-    missing(next, range.last + 1);
+    evidence_note_gap(log, next, range.last + 1);
 }
 
 bool evidence_is_evtx(const evidence_file &file)

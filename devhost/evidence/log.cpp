@@ -15,6 +15,17 @@
 /* More than any System log in this form: another kind of file must not fill the memory. */
 #define MOST_JSON_BYTES (1ull << 30)
 
+void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
+{
+    if (first >= end)
+        return;
+    log->damage.push_back(first + 1 == end ? "record missing: " + std::to_string(first)
+                                           : "records missing: " + std::to_string(first) + " to " +
+                                                 std::to_string(end - 1));
+    log->gaps.push_back({first, end - 1});
+    log->lost_records += end - first;
+}
+
 namespace
 {
 /* Takes the records from the parser one by one: a tree of all of them would be many times the size of
@@ -57,6 +68,8 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
             m_event.number = m_log->events.empty() ? 1 : m_log->events.back().number + 1;
         if (!m_log->events.empty() && m_event.number <= m_log->events.back().number)
             return bad("expected a record number higher than the previous one");
+        if (!m_log->events.empty())
+            evidence_note_gap(m_log, m_log->events.back().number + 1ull, m_event.number);
         m_log->events.push_back(std::move(m_event));
         return true;
     }

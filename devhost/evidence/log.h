@@ -58,7 +58,11 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
 /* Source and event id of a record: "BugCheck 1001". */
 std::string evidence_event_name(const event_record &event);
 
-/* evtx.cpp: the two kinds of file. */
+/* Adds the missing numbers from first to end, exclusive, to the damage; none if first is not below
+ * end. */
+void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end);
+
+/* evtx.cpp: files in the format of Windows. */
 class evidence_file;
 bool evidence_is_evtx(const evidence_file &file);
 void evidence_read_evtx(const std::string &path, evidence_log *log);

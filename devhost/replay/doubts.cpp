@@ -197,7 +197,7 @@ static int64_t seconds_after_start(const doubter &d, const event_record &event)
     return static_cast<int64_t>(event.time) - time_unix(d.evidence.boot->started_100ns);
 }
 
-/* The plug-in ignores records that are older than the start. */
+/* The plug-in skips a logon and dumps that seem older than the start. */
 static void doubt_clock(doubter &d)
 {
     for (const auto &events : {d.bug_checks, d.unexpected, d.logons})
@@ -211,7 +211,8 @@ static void doubt_clock(doubter &d)
                   d.evidence.events_file + ": " + doubts_record_name(*event) + " has the time " +
                       time_iso(time_of_unix(event->time)) + ", before the start at " +
                       time_iso(d.evidence.boot->started_100ns) +
-                      ", so the plug-in skips it; hand in the agent's log of this boot");
+                      ": the clock was set back, and the plug-in skips a logon and dumps that seem "
+                      "older than the start; hand in the agent's log of this boot");
         }
 }
 
