@@ -72,7 +72,7 @@ evidence() {
     printf '{"machine": {"events_from": "evidence.json"}, "boots": [{}]}' >s.json
     check "$1" 3 "evidence.json: $2" run s.json
 }
-evidence "events are no JSON" "no event log, it does not begin" 'no'
+evidence "events are no JSON" "not an event log: it does not begin" 'no'
 evidence "events are no array" "expected an array" '{}'
 evidence "an event without id" '/0: member "id" is missing' '[{"source": "x"}]'
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots": [{}]}' >s.json
