@@ -43,7 +43,7 @@ check "bad level" 2 "--log" run --log loud "$scenarios/default.json"
 check "bad define" 2 "expected NAME=VALUE" run --define shared "$scenarios/default.json"
 check "bad console option" 2 'expected \[BOOT/\]SECONDS:COMMAND' run --console "x bypass" "$scenarios/default.json"
 check "help" 0 "" --help
-check "no plug-in" 4 "none.dll: cannot be loaded, error" run --plugin none.dll "$scenarios/default.json"
+check "no plug-in" 4 "none.dll: cannot be loaded: module not found .126." run --plugin none.dll "$scenarios/default.json"
 check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32.dll "$scenarios/default.json"
 
 bad "not JSON" "line 2, column 1" $'{"boots": [\n,]}'
