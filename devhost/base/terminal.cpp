@@ -115,12 +115,10 @@ std::string terminal_flush(void)
 {
     if (fflush(stdout) == 0 && ferror(stdout) == 0)
         return "";
-    /* The C library reports a pipe without a reader as EPIPE or EINVAL; Windows knows better. */
-    const DWORD error = GetLastError();
-
-    if (errno == EPIPE || error == ERROR_NO_DATA || error == ERROR_BROKEN_PIPE)
+    /* The error may be an earlier one, so its code is lost. A pipe fails only without a reader. */
+    if (GetFileType(GetStdHandle(STD_OUTPUT_HANDLE)) == FILE_TYPE_PIPE)
         return "";
-    return errno == ENOSPC ? text_error(ERROR_DISK_FULL) : text_error(error);
+    return text_error(errno == ENOSPC || errno == 0 ? ERROR_DISK_FULL : GetLastError());
 }
 
 void terminal_write(const std::string &text)
