@@ -257,7 +257,8 @@ static std::string answer_text(const replay_answer &answer)
 std::string replay_text(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows)
 {
-    return answer_text(answer) + evidence_text(evidence) + "\nBoots; > marks the one below\n" +
+    return answer_text(answer) + evidence_text(evidence) + "\nBoots; > marks the one below" +
+           (rows.empty() ? "" : ", and an answer judges how the previous run ended") + "\n" +
            replay_boots_text(evidence, rows) + verdict_text(story) +
            reasons_text(story, REASON_LOG, "Querying the event log") +
            reasons_text(story, REASON_DUMP, "Looking for a dump") + dumps_text(evidence, story) +
