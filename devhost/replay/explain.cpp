@@ -60,7 +60,7 @@ static const line_row s_lines[] = {
      "finds no module in the output of the debugger engine"},
     {"parse dump info success with module size=* ",
      REASON_STACK, false, VERDICT_NONE,
-     "finds %1 different modules on the stack"},
+     "counts the different modules on the stack: %1"},
     {"crash module[*]",
      REASON_STACK, false, VERDICT_NONE,
      "finds %1 on the stack, which no product registered"},

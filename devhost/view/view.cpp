@@ -43,6 +43,25 @@ static bool is_shown(const happening &what)
     return !s_options.quiet;
 }
 
+/* The number after a tag becomes 0. */
+static std::string without_number(std::string text, const std::string &tag)
+{
+    const size_t at = text.find(tag), from = at + tag.size();
+
+    if (at == std::string::npos)
+        return text;
+    return text.replace(from, text.find_first_not_of("0123456789", from) - from, "0");
+}
+
+std::string view_text(const happening &what)
+{
+    /* A line of the plug-in may end within a character. */
+    const std::string text = text_narrow(text_wide(what.text));
+
+    return what.kind == HAPPENED_LOG ? without_number(without_number(text, "[pid:"), "[tid:")
+                                     : text;
+}
+
 /* "[warn] file.cpp:12 message" of a line of the plug-in: time, process and thread are the same on every
  * line, or printed before it. */
 static std::string short_log_line(const std::string &line)

@@ -30,6 +30,10 @@ void view_happening(const happening &what, void *user);
 void view_end(const std::string &file, const std::vector<std::string> &summary,
               const std::vector<std::string> &failures);
 
+/* The text of a happening as valid UTF-8. The ids of process and thread in a log line are 0, so that equal
+ * runs give equal bytes. */
+std::string view_text(const happening &what);
+
 /* Writes a happening as a JSON object. */
 template <class Writer> void view_put(Writer &writer, const happening &what)
 {
@@ -39,8 +43,7 @@ template <class Writer> void view_put(Writer &writer, const happening &what)
     json_member(writer, "time", time_iso(what.now, true));
     json_member(writer, "kind", journal_kind_name(what.kind));
     json_member(writer, "who", what.who);
-    /* A line of the plug-in may end within a character, and JSON is valid UTF-8. */
-    json_member(writer, "text", text_narrow(text_wide(what.text)));
+    json_member(writer, "text", view_text(what));
     if (!what.whom.empty())
         json_member(writer, "whom", what.whom);
     if (!what.json.empty())

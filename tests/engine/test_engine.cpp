@@ -206,7 +206,7 @@ TEST_F(engine, test_rejected_dumps)
     }
     DeleteFileW(m_path.c_str());
     EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(calls.reason, "the file cannot be read, error 2");
+    EXPECT_EQ(calls.reason, "the file cannot be read: error 2");
     EXPECT_EQ(output.text, "");
 }
 

@@ -258,15 +258,15 @@ static const struct list_row {
     size_t from_end;
     const char *fault;
 } s_list_rows[] = {
-    {"next is itself",  NEXT(1),                ENTRY(1),             8, 2, 1, "lead back"   },
-    {"last to first",   NEXT(2),                ENTRY(0),             8, 3, 0, "lead back"   },
-    {"past one",        NEXT(0),                ENTRY(2),             8, 1, 2, "lead back"   },
-    {"back to itself",  PREVIOUS(1),            ENTRY(1),             8, 1, 2, "lead back"   },
+    {"next is itself",  NEXT(1),                ENTRY(1),             8, 2, 1, "point back"  },
+    {"last to first",   NEXT(2),                ENTRY(0),             8, 3, 0, "point back"  },
+    {"past one",        NEXT(0),                ENTRY(2),             8, 1, 2, "point back"  },
+    {"back to itself",  PREVIOUS(1),            ENTRY(1),             8, 1, 2, "point back"  },
     {"next is nowhere", NEXT(0),                0,                    8, 1, 2, "not mapped"  },
     {"no address",      NEXT(0),                ENTRY(1) << 16 >> 16, 8, 1, 2, "not mapped"  },
     {"next wraps",      NEXT(0),                UINT64_MAX - 7,       8, 1, 2, "not mapped"  },
-    {"head to itself",  HEAD + MEMORY_NEXT,     HEAD,                 8, 0, 3, "lead back"   },
-    {"head to first",   HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, 3, 0, "lead back"   },
+    {"head to itself",  HEAD + MEMORY_NEXT,     HEAD,                 8, 0, 3, "point back"  },
+    {"head to first",   HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, 3, 0, "point back"  },
     {"image wraps",     BASE(1),                UINT64_MAX - 0xFFFE,  8, 1, 1, "does not fit"},
     {"no name",         NAME(1),                0,                    2, 3, 0, NULL          },
     {"odd name",        NAME(1),                3,                    2, 3, 0, NULL          },
