@@ -212,7 +212,9 @@ std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t mos
     if (all > lines.size())
         lines.push_back("and " + text_count(all - lines.size(), "further finding"));
     lines.push_back("damaged: " + text_count(log.events.size(), "record") + " read, " +
-                    text_count(log.lost_records, "record") + " missing");
+                    (log.cut_off.empty() ? "" : "an unknown number missing after them, ") +
+                    text_count(log.lost_records, "record") + " missing" +
+                    (log.cut_off.empty() ? "" : " between them"));
     return lines;
 }
 

@@ -93,7 +93,7 @@ static std::string key_name(const evidence_registry &registry)
             const std::wstring text(reinterpret_cast<const wchar_t *>(one.data.data()),
                                     one.data.size() / sizeof(wchar_t));
 
-            return text_narrow(text.c_str());
+            return text_narrow(text.substr(0, text.find(L'\0')));
         }
     return "";
 }
