@@ -1,5 +1,5 @@
 /*
- * Shared by the benchmarks: the timed pair of a work and its floor, and the main program, which
+ * Shared by the benchmarks: the timed pair of a work and its baseline, and the main program, which
  * sets the platform up before the first benchmark runs. One thread.
  */
 #ifndef BENCH_SUPPORT_H
@@ -27,7 +27,7 @@ static inline bench_moment bench_now(void)
     return std::chrono::steady_clock::now();
 }
 
-/* Times of the work and its floor in seconds, one pair per turn. */
+/* Times of the work and its baseline in seconds, one pair per turn. */
 class bench_pair
 {
   public:
@@ -36,11 +36,11 @@ class bench_pair
     }
 
     /* Times one turn: calls calls of each side, enough for the resolution of the clock. */
-    template <typename Floor, typename Work> void turn(int calls, Floor floor, Work work)
+    template <typename Baseline, typename Work> void turn(int calls, Baseline baseline, Work work)
     {
         const bench_moment begin = bench_now();
         for (int call = 0; call < calls; call++)
-            floor();
+            baseline();
         const bench_moment middle = bench_now();
         for (int call = 0; call < calls; call++)
             work();
@@ -48,23 +48,23 @@ class bench_pair
     }
 
     /* Adds a turn that the benchmark timed itself. */
-    void add(int calls, bench_moment::duration floor, bench_moment::duration work)
+    void add(int calls, bench_moment::duration baseline, bench_moment::duration work)
     {
-        const double floor_s = std::chrono::duration<double>(floor).count() / calls;
+        const double baseline_s = std::chrono::duration<double>(baseline).count() / calls;
         const double work_s = std::chrono::duration<double>(work).count() / calls;
 
-        floors_.push_back(floor_s);
+        baselines_.push_back(baseline_s);
         works_.push_back(work_s);
-        ratios_.push_back(work_s / floor_s);
+        ratios_.push_back(work_s / baseline_s);
         state_.SetIterationTime(work_s * calls);
     }
 
-    /* Reports the medians as "floor_ns", "work_ns" and "ratio". "ratio" is the median of the ratios
+    /* Reports the medians as "baseline_ns", "work_ns" and "ratio". "ratio" is the median of the ratios
      * per turn, because a temporary slowdown of the machine affects both sides of a turn. */
     ~bench_pair()
     {
         state_.counters["ratio"] = median(&ratios_);
-        state_.counters["floor_ns"] = median(&floors_) * 1e9;
+        state_.counters["baseline_ns"] = median(&baselines_) * 1e9;
         state_.counters["work_ns"] = median(&works_) * 1e9;
     }
     bench_pair(const bench_pair &) = delete;
@@ -81,7 +81,7 @@ class bench_pair
     }
 
     benchmark::State &state_;
-    std::vector<double> floors_, works_, ratios_;
+    std::vector<double> baselines_, works_, ratios_;
 };
 
 #endif

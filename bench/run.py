@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs the benchmarks under Wine and prints one table: measured, floor, ratio, target."""
+"""Runs the benchmarks under Wine and prints one table: measured, baseline, ratio, target."""
 import argparse
 import json
 import math
@@ -12,7 +12,7 @@ import time
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 MEMORY = "/dev/shm"
 
-# Row, benchmark, sizes, target: the highest allowed ratio of the work to its floor.
+# Row, benchmark, sizes, target: the highest allowed ratio of the work to its baseline.
 ROWS = [
     ("find_expected_event, bytes", "scan", [4096, 65536], 1.2),
     ("query of the log, records", "query", [65536], 2),
@@ -106,12 +106,12 @@ def time_text(ns):
     return f"{ns:.3g} ns"
 
 
-def print_row(what, figure, floor, ratio, target, holds):
-    print(f"{what:38} {figure:>12} {floor:>12} {ratio:>7} {target:>9}  {'' if holds else 'over'}")
+def print_row(what, figure, baseline, ratio, target, holds):
+    print(f"{what:38} {figure:>12} {baseline:>12} {ratio:>7} {target:>9}  {'' if holds else 'over'}")
 
 
 def print_table(results, bytes_of_dll):
-    print_row("work", "measured", "floor", "ratio", "target", True)
+    print_row("work", "measured", "baseline", "ratio", "target", True)
     for what, name, sizes, target in ROWS:
         for size in sizes:
             one = results.get(name if size is None else f"{name}/{size}")
@@ -119,7 +119,7 @@ def print_table(results, bytes_of_dll):
                 continue
             ratio = one["ratio"]
             print_row(what if size is None else f"{what} {size}", time_text(one["work_ns"]),
-                      time_text(one["floor_ns"]), f"{ratio:.2f}", str(target), ratio <= target)
+                      time_text(one["baseline_ns"]), f"{ratio:.2f}", str(target), ratio <= target)
     boot = results["boot"]
     print(f"{'simulated boots per second':38} {1e9 / boot['work_ns']:>12.0f}")
     memory = results["memory_of_ten_products"]["bytes"]
@@ -140,15 +140,15 @@ def exponent(points):
 
 
 def print_growth(results):
-    print("\ngrowth: exponent of n, work and floor")
+    print("\ngrowth: exponent of n, work and baseline")
     for what, name, sizes, _ in ROWS:
         found = [(size, results[f"{name}/{size}"]) for size in sizes
                  if name in GROWING and f"{name}/{size}" in results]
         if len(found) < 2:
             continue
         work = exponent([(size, one["work_ns"]) for size, one in found])
-        floor = exponent([(size, one["floor_ns"]) for size, one in found])
-        print(f"{what:38} {work:>12.2f} {floor:>12.2f}")
+        baseline = exponent([(size, one["baseline_ns"]) for size, one in found])
+        print(f"{what:38} {work:>12.2f} {baseline:>12.2f}")
 
 
 def main():

@@ -16,7 +16,8 @@ import zipfile
 source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
 LIBRARIES = ["liboxnibase", "liboxni_core", "liboxnialgo", "liboxni_agentid", "libwdu_ejs",
              "libwdu_jansson"]
-MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + ["oxni_devhost.exe"]
+MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + [
+    "oxni_devhost.exe", "windows_check.exe"]
 TIME = (1980, 1, 1, 0, 0, 0)
 
 DOC = "/usr/share/doc"

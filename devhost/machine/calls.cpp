@@ -257,13 +257,14 @@ static const std::array<any_call_fn, ROWS> s_thunks = make_thunks(std::make_inde
 
 static void *stand_in(const char *name)
 {
-    static void *(*const rooms[])(const char *) = {
-        machine_clock_stand_in, machine_event_log_stand_in, machine_process_stand_in,
-        machine_file_stand_in,  machine_registry_stand_in,  machine_module_stand_in,
+    static void *(*const finders[])(const char *) = {
+        machine_clock_stand_in,    machine_event_log_stand_in, machine_process_stand_in,
+        machine_token_stand_in,    machine_service_stand_in,   machine_file_stand_in,
+        machine_registry_stand_in, machine_module_stand_in,
     };
 
-    for (void *(*room)(const char *) : rooms)
-        if (void *function = room(name))
+    for (void *(*find)(const char *) : finders)
+        if (void *function = find(name))
             return function;
     return NULL;
 }

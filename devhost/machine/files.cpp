@@ -1,6 +1,7 @@
 /*
- * Files of the machine. "C:\..." lies in a folder of the run; last-write times are those of the
- * real file, creation times are kept here because Wine keeps none that can be set.
+ * Files of the machine. "C:\..." lies in a folder of the run. Write times are those of the real
+ * file; creation times are kept here because Wine has none that can be set. Handles have the rights
+ * that they were opened with, also where Wine does not check them.
  */
 #include "machine.h"
 
@@ -8,12 +9,18 @@
 #include "../base/text.h"
 #include "stand_in.h"
 
+#define TIME_RIGHTS (FILE_WRITE_ATTRIBUTES | GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED)
+
 struct open_file {
     std::wstring real_path; /* in lower case */
-    bool writable;
+    DWORD access;
+    bool changed;  /* the close sets the write time */
+    bool time_set; /* ... unless the plug-in set it */
 };
 
 static std::map<HANDLE, open_file> s_open_files;
+static std::map<HANDLE, std::wstring> s_searches; /* to the real folder, in lower case */
+static std::map<std::wstring, HANDLE> s_held; /* real path of a file that another program opened */
 
 static FILETIME filetime_of(uint64_t time)
 {
@@ -53,17 +60,29 @@ static void make_parents(const std::wstring &real_path)
         CreateDirectoryW(real_path.substr(0, at).c_str(), NULL);
 }
 
-static HANDLE open_real(const std::wstring &real_path, DWORD access, DWORD share, DWORD disposition,
+/* Whether Windows takes a path at all: not empty, and not beyond MAX_PATH without the prefix. */
+static bool is_usable(const std::wstring &path)
+{
+    return !path.empty() && (path.size() < MAX_PATH || path.rfind(L"\\\\?\\", 0) == 0);
+}
+
+static HANDLE open_real(const wchar_t *path, DWORD access, DWORD share, DWORD disposition,
                         DWORD flags)
 {
+    if (path == NULL || !is_usable(path))
+        return stand_in_fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
+    if (disposition == TRUNCATE_EXISTING && (access & (GENERIC_WRITE | GENERIC_ALL)) == 0)
+        return stand_in_fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
+    const std::wstring real_path = machine_real_path(path), lower = text_lower(real_path);
     bool existed = GetFileAttributesW(real_path.c_str()) != INVALID_FILE_ATTRIBUTES;
     HANDLE handle = CreateFileW(real_path.c_str(), access, share, NULL, disposition, flags, NULL);
     DWORD error = GetLastError();
-    std::wstring lower = text_lower(real_path);
 
     if (handle == INVALID_HANDLE_VALUE)
         return handle;
-    s_open_files[handle] = {lower, (access & GENERIC_WRITE) != 0};
+    s_open_files[handle] = {
+        lower, access, !existed || disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING,
+        false};
     if (!existed)
         machine_get().created_100ns[lower] = oxnih_clock_now_100ns();
     SetLastError(error);
@@ -76,7 +95,7 @@ static HANDLE WINAPI stand_in_CreateFileW(const wchar_t *path, DWORD access, DWO
 {
     (void)security;
     (void)template_file;
-    return open_real(machine_real_path(path), access, share, disposition, flags);
+    return open_real(path, access, share, disposition, flags);
 }
 
 /* The path is in the ANSI code page, as for the real call. */
@@ -88,39 +107,78 @@ static HANDLE WINAPI stand_in_CreateFileA(const char *path, DWORD access, DWORD 
 
     (void)security;
     (void)template_file;
-    if (MultiByteToWideChar(CP_ACP, 0, path, -1, wide, ARRAYSIZE(wide)) == 0) {
-        SetLastError(ERROR_FILENAME_EXCED_RANGE);
-        return INVALID_HANDLE_VALUE;
-    }
-    return open_real(machine_real_path(wide), access, share, disposition, flags);
+    if (path != NULL && MultiByteToWideChar(CP_ACP, 0, path, -1, wide, ARRAYSIZE(wide)) == 0)
+        return stand_in_fail(ERROR_FILENAME_EXCED_RANGE, INVALID_HANDLE_VALUE);
+    return open_real(path != NULL ? wide : NULL, access, share, disposition, flags);
+}
+
+static BOOL WINAPI stand_in_WriteFile(HANDLE handle, const void *buffer, DWORD bytes,
+                                      DWORD *written, OVERLAPPED *overlapped)
+{
+    auto file = s_open_files.find(handle);
+
+    if (!WriteFile(handle, buffer, bytes, written, overlapped))
+        return FALSE;
+    if (file != s_open_files.end() && bytes > 0)
+        file->second.changed = true;
+    return TRUE;
 }
 
 static BOOL WINAPI stand_in_CloseHandle(HANDLE handle)
 {
     auto file = s_open_files.find(handle);
 
-    if (machine_close_process_handle(handle))
+    if (machine_close_process_handle(handle) || machine_close_token(handle))
         return TRUE;
     if (file != s_open_files.end()) {
         FILETIME now = filetime_of(oxnih_clock_now_100ns());
 
-        if (file->second.writable)
+        if (file->second.changed && !file->second.time_set)
             SetFileTime(handle, NULL, NULL, &now);
         s_open_files.erase(file);
     }
     return CloseHandle(handle);
 }
 
+/* Sets the creation time that the machine keeps for a file, and leaves an unknown file's alone. */
+static void set_created(const std::wstring &real_path, FILETIME *created)
+{
+    const auto &times = machine_get().created_100ns;
+    const auto time = times.find(real_path);
+
+    if (time != times.end())
+        *created = filetime_of(time->second);
+}
+
 static BOOL WINAPI stand_in_GetFileTime(HANDLE handle, FILETIME *created, FILETIME *accessed,
                                         FILETIME *written)
 {
     auto file = s_open_files.find(handle);
-    const auto &times = machine_get().created_100ns;
 
     if (!GetFileTime(handle, created, accessed, written))
         return FALSE;
-    if (created != NULL && file != s_open_files.end() && times.count(file->second.real_path) != 0)
-        *created = filetime_of(times.at(file->second.real_path));
+    if (file == s_open_files.end())
+        return TRUE;
+    if (created != NULL)
+        set_created(file->second.real_path, created);
+    if (accessed != NULL)
+        *accessed = filetime_of(oxnih_clock_now_100ns());
+    return TRUE;
+}
+
+static BOOL WINAPI stand_in_GetFileInformationByHandle(HANDLE handle,
+                                                       BY_HANDLE_FILE_INFORMATION *information)
+{
+    auto file = s_open_files.find(handle);
+
+    if (information == NULL)
+        return stand_in_fail(ERROR_NOACCESS, FALSE);
+    if (!GetFileInformationByHandle(handle, information))
+        return FALSE;
+    if (file != s_open_files.end()) {
+        set_created(file->second.real_path, &information->ftCreationTime);
+        information->ftLastAccessTime = filetime_of(oxnih_clock_now_100ns());
+    }
     return TRUE;
 }
 
@@ -129,27 +187,95 @@ static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
 {
     auto file = s_open_files.find(handle);
 
+    if (file != s_open_files.end() && (file->second.access & TIME_RIGHTS) == 0)
+        return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
     if (!SetFileTime(handle, created, accessed, written))
         return FALSE;
-    if (created != NULL && file != s_open_files.end())
+    if (file == s_open_files.end())
+        return TRUE;
+    file->second.time_set = file->second.time_set || written != NULL;
+    if (created != NULL)
         machine_get().created_100ns[file->second.real_path] =
             (static_cast<uint64_t>(created->dwHighDateTime) << 32) | created->dwLowDateTime;
     return TRUE;
 }
 
+static void set_found_created(HANDLE search, WIN32_FIND_DATAW *data)
+{
+    set_created(s_searches[search] + text_lower(std::wstring(data->cFileName)),
+                &data->ftCreationTime);
+}
+
 static HANDLE WINAPI stand_in_FindFirstFileW(const wchar_t *pattern, WIN32_FIND_DATAW *data)
 {
-    return FindFirstFileW(machine_real_path(pattern).c_str(), data);
+    if (pattern == NULL || !is_usable(pattern))
+        return stand_in_fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
+    if (data == NULL)
+        return stand_in_fail(ERROR_NOACCESS, INVALID_HANDLE_VALUE);
+    const std::wstring real_path = machine_real_path(pattern);
+    HANDLE search = FindFirstFileW(real_path.c_str(), data);
+    const DWORD error = GetLastError();
+    if (search != INVALID_HANDLE_VALUE) {
+        s_searches[search] = text_lower(real_path.substr(0, real_path.rfind(L'\\') + 1));
+        set_found_created(search, data);
+    }
+    SetLastError(error);
+    return search;
+}
+
+static BOOL WINAPI stand_in_FindNextFileW(HANDLE search, WIN32_FIND_DATAW *data)
+{
+    if (!FindNextFileW(search, data))
+        return FALSE;
+    set_found_created(search, data);
+    return TRUE;
+}
+
+static BOOL WINAPI stand_in_FindClose(HANDLE search)
+{
+    s_searches.erase(search);
+    return FindClose(search);
 }
 
 static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
 {
-    std::wstring real_path = machine_real_path(path);
-
+    if (path == NULL || !is_usable(path))
+        return stand_in_fail(ERROR_PATH_NOT_FOUND, FALSE);
+    const std::wstring real_path = machine_real_path(path);
     if (!DeleteFileW(real_path.c_str()))
         return FALSE;
     machine_get().created_100ns.erase(text_lower(real_path));
     return TRUE;
+}
+
+void machine_hold_file(const std::wstring &path, DWORD share)
+{
+    const std::wstring real_path = machine_real_path(path);
+
+    machine_release_file(path);
+    HANDLE file = CreateFileW(real_path.c_str(), GENERIC_READ | GENERIC_WRITE, share, NULL,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+    if (file == INVALID_HANDLE_VALUE)
+        throw devhost_error(EXIT_BAD_CALL, text_format("%s: cannot be held open, error %lu",
+                                                       text_narrow(path).c_str(), GetLastError()));
+    s_held[text_lower(real_path)] = file;
+}
+
+void machine_release_file(const std::wstring &path)
+{
+    auto held = s_held.find(text_lower(machine_real_path(path)));
+
+    if (held == s_held.end())
+        return;
+    CloseHandle(held->second);
+    s_held.erase(held);
+}
+
+void machine_release_all_files(void)
+{
+    for (const auto &held : s_held)
+        CloseHandle(held.second);
+    s_held.clear();
 }
 
 static UINT WINAPI stand_in_GetWindowsDirectoryW(wchar_t *buffer, UINT size)
@@ -162,7 +288,7 @@ static UINT WINAPI stand_in_GetWindowsDirectoryW(wchar_t *buffer, UINT size)
     return static_cast<UINT>(folder.size());
 }
 
-/* %NAME% by the machine's environment; names that it does not know stay as they are. */
+/* Unknown names stay, with both of their percent signs. */
 std::wstring machine_expand(const std::wstring &text)
 {
     const auto &environment = machine_get().environment;
@@ -174,13 +300,8 @@ std::wstring machine_expand(const std::wstring &text)
         auto value = environment.find(text_lower(text.substr(open + 1, end - open - 1)));
 
         expanded += text.substr(at, open - at);
-        if (value != environment.end()) {
-            expanded += value->second;
-            at = end + 1;
-        } else {
-            expanded += text.substr(open, end - open);
-            at = end;
-        }
+        expanded += value != environment.end() ? value->second : text.substr(open, end + 1 - open);
+        at = end + 1;
     }
     return expanded + text.substr(at);
 }
@@ -188,8 +309,9 @@ std::wstring machine_expand(const std::wstring &text)
 static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
                                                        DWORD size)
 {
+    if (source == NULL || (buffer == NULL && size != 0))
+        return stand_in_fail(ERROR_INVALID_PARAMETER, 0ul);
     const std::wstring expanded = machine_expand(source);
-
     if (expanded.size() < size)
         lstrcpyW(buffer, expanded.c_str());
     return static_cast<DWORD>(expanded.size() + 1);
@@ -265,9 +387,19 @@ void machine_close_agent_files(void)
 void *machine_file_stand_in(const char *name)
 {
     static const stand_in_row rows[] = {
-        STAND_IN(CreateFileA), STAND_IN(CreateFileW),          STAND_IN(CloseHandle),
-        STAND_IN(GetFileTime), STAND_IN(SetFileTime),          STAND_IN(FindFirstFileW),
-        STAND_IN(DeleteFileW), STAND_IN(GetWindowsDirectoryW), STAND_IN(ExpandEnvironmentStringsW),
+        STAND_IN(CreateFileA),
+        STAND_IN(CreateFileW),
+        STAND_IN(WriteFile),
+        STAND_IN(CloseHandle),
+        STAND_IN(GetFileTime),
+        STAND_IN(SetFileTime),
+        STAND_IN(GetFileInformationByHandle),
+        STAND_IN(FindFirstFileW),
+        STAND_IN(FindNextFileW),
+        STAND_IN(FindClose),
+        STAND_IN(DeleteFileW),
+        STAND_IN(GetWindowsDirectoryW),
+        STAND_IN(ExpandEnvironmentStringsW),
     };
 
     return stand_in_find(rows, name);

@@ -49,6 +49,9 @@ void machine_open(const std::wstring &run_folder)
 {
     struct machine &machine = machine_get();
 
+    machine_release_all_files();
+    machine_start_token();
+    machine_open_event_log();
     machine = {};
     machine.disk_folder = run_folder + L"\\disk";
     CreateDirectoryW(machine.disk_folder.c_str(), NULL);
@@ -57,8 +60,8 @@ void machine_open(const std::wstring &run_folder)
     machine.environment[L"systemdrive"] = machine.windows_folder.substr(0, 2);
     machine.privileges.insert("SeSecurityPrivilege");
     machine.processes = {
-        {0, 0, L"[System Process]", 0},
-        {4, 0, L"System",           0}
+        {0, 0, L"[System Process]", 0, false},
+        {4, 0, L"System",           0, true }
     };
     machine.services[L"load_driver"] = {SERVICE_RUNNING};
     machine.services[L"oxnisp_driver"] = {SERVICE_RUNNING};

@@ -21,6 +21,8 @@ struct machine_process {
     uint32_t parent;
     std::wstring name;
     uint64_t created_100ns;
+    /* Grants limited queries only, as System does on Windows 8.1 and later. */
+    bool is_protected = false;
 };
 
 struct machine {
@@ -103,6 +105,20 @@ void machine_close_agent_files(void);
 /* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */
 std::string machine_read_real_file(const std::wstring &real_path, int status);
 
+/* Another program has the file open for reading and writing; share is a combination of FILE_SHARE_*
+ * that it allows others. Throws devhost_error when the file is missing. */
+void machine_hold_file(const std::wstring &path, DWORD share);
+/* Closes it; a file that is not held is harmless. */
+void machine_release_file(const std::wstring &path);
+void machine_release_all_files(void);
+
+/* token.cpp */
+
+/* A new process of the agent has a new token: every privilege of the machine, none enabled. */
+void machine_start_token(void);
+/* The difference to the token at the start, "SeSecurityPrivilege enabled"; empty: none. */
+std::string machine_token_changes(void);
+
 /* registry.cpp */
 
 /* Values of HKEY_LOCAL_MACHINE; data as REG_SZ bytes and so on. Keys are made; throws devhost_error
@@ -124,18 +140,29 @@ bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone);
 void *machine_clock_stand_in(const char *name);
 void *machine_event_log_stand_in(const char *name);
 void *machine_process_stand_in(const char *name);
+void *machine_service_stand_in(const char *name);
+void *machine_token_stand_in(const char *name);
 void *machine_file_stand_in(const char *name);
 void *machine_registry_stand_in(const char *name);
 void *machine_module_stand_in(const char *name);
 
-/* Between the rooms of the machine. */
+/* Shared by the machine's own files. */
 
 /* registry.cpp: an empty registry; removes what a restart of Windows removes. */
 void machine_open_registry(void);
 void machine_remove_volatile_keys(void);
 
-/* processes.cpp: whether the handle was a snapshot, process or token; it is closed then. */
+/* event_log.cpp: forgets the records of the previous machine. */
+void machine_open_event_log(void);
+
+/* processes.cpp: whether the handle was a snapshot or a process; it is closed then. */
 bool machine_close_process_handle(HANDLE handle);
+/* Whether a process handle, the pseudo-handle of the own process included, has one of the rights. */
+bool machine_process_grants(HANDLE handle, DWORD rights);
+
+/* token.cpp: whether the handle was a token; it is closed then. */
+bool machine_close_token(HANDLE handle);
+bool machine_token_has_enabled(const char *name);
 
 /* Handles of stand-ins: a number that no real handle has. Each is given once in a process. */
 HANDLE machine_new_handle(void);

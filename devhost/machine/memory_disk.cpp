@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <map>
-#include <vector>
 
 #include "../base/text.h"
 #include "imports.h"
@@ -27,9 +26,6 @@ REAL(L"kernel32.dll", GetFileAttributesExW);
 REAL(L"kernel32.dll", CreateDirectoryW);
 REAL(L"kernel32.dll", RemoveDirectoryW);
 REAL(L"kernel32.dll", MoveFileExW);
-REAL(L"kernel32.dll", FindFirstFileW);
-REAL(L"kernel32.dll", FindNextFileW);
-REAL(L"kernel32.dll", FindClose);
 REAL(L"kernel32.dll", GetFileInformationByHandle);
 
 struct disk_handle {
@@ -39,13 +35,7 @@ struct disk_handle {
     size_t at;
 };
 
-struct open_search {
-    std::vector<WIN32_FIND_DATAW> found;
-    size_t next;
-};
-
 static std::map<HANDLE, disk_handle> s_open;
-static std::map<HANDLE, open_search> s_searches;
 
 static bool grants(DWORD share, DWORD access)
 {
@@ -55,7 +45,13 @@ static bool grants(DWORD share, DWORD access)
            ((access & DELETE) == 0 || (share & FILE_SHARE_DELETE) != 0);
 }
 
-/* Whether somebody holds it in a way that forbids this. */
+/* Whether the rights of a handle include a generic right or its specific one. */
+static bool can(DWORD access, DWORD generic, DWORD specific = 0)
+{
+    return (access & (generic | specific | GENERIC_ALL | MAXIMUM_ALLOWED)) != 0;
+}
+
+/* Whether an open handle forbids this. */
 static bool is_held(const file_ptr &file, DWORD access, DWORD share)
 {
     for (const auto &open : s_open)
@@ -63,12 +59,6 @@ static bool is_held(const file_ptr &file, DWORD access, DWORD share)
             (!grants(open.second.share, access) || !grants(share, open.second.access)))
             return true;
     return false;
-}
-
-template <typename Result> static Result failed(DWORD error, Result result)
-{
-    SetLastError(error);
-    return result;
 }
 
 static HANDLE WINAPI stand_in_CreateFileW(const wchar_t *path, DWORD access, DWORD share,
@@ -80,25 +70,29 @@ static HANDLE WINAPI stand_in_CreateFileW(const wchar_t *path, DWORD access, DWO
     if (!memory_file_key(path, &key))
         return real_CreateFileW(path, access, share, security, disposition, flags, template_file);
     file_ptr file = memory_file_find(key);
+    if (disposition == TRUNCATE_EXISTING && !can(access, GENERIC_WRITE))
+        return stand_in_fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
     bool there = file != NULL, empties = disposition == CREATE_ALWAYS ||
                                          disposition == CREATE_NEW ||
                                          disposition == TRUNCATE_EXISTING;
     if (!there && (disposition == OPEN_EXISTING || disposition == TRUNCATE_EXISTING ||
                    !memory_is_folder(memory_parent(key))))
-        return failed(memory_missing(key), INVALID_HANDLE_VALUE);
+        return stand_in_fail(memory_missing(key), INVALID_HANDLE_VALUE);
     if (there && disposition == CREATE_NEW)
-        return failed(ERROR_FILE_EXISTS, INVALID_HANDLE_VALUE);
+        return stand_in_fail(ERROR_FILE_EXISTS, INVALID_HANDLE_VALUE);
     if (there && file->is_folder)
-        return failed(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
+        return stand_in_fail(ERROR_ACCESS_DENIED, INVALID_HANDLE_VALUE);
     if (there && is_held(file, access, share))
-        return failed(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
+        return stand_in_fail(ERROR_SHARING_VIOLATION, INVALID_HANDLE_VALUE);
     if (there && !file->real_path.empty())
         return real_CreateFileW(file->real_path.c_str(), access, share, security, disposition,
                                 flags, template_file);
     if (!there)
         file = memory_file_make(key, path, false);
-    if (empties)
+    if (empties) {
         file->bytes.clear();
+        file->written = memory_now();
+    }
     HANDLE handle = machine_new_handle();
     s_open[handle] = {file, access, share, 0};
     SetLastError(there && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
@@ -127,7 +121,7 @@ static HANDLE WINAPI stand_in_CreateFileA(const char *path, DWORD access, DWORD 
     wchar_t wide[1024];
 
     if (MultiByteToWideChar(CP_ACP, 0, path, -1, wide, ARRAYSIZE(wide)) == 0)
-        return failed(ERROR_FILENAME_EXCED_RANGE, INVALID_HANDLE_VALUE);
+        return stand_in_fail(ERROR_FILENAME_EXCED_RANGE, INVALID_HANDLE_VALUE);
     return stand_in_CreateFileW(wide, access, share, security, disposition, flags, template_file);
 }
 
@@ -138,11 +132,13 @@ static BOOL WINAPI stand_in_ReadFile(HANDLE handle, void *buffer, DWORD bytes, D
 
     if (open == s_open.end())
         return real_ReadFile(handle, buffer, bytes, got, overlapped);
+    if (!can(open->second.access, GENERIC_READ, FILE_READ_DATA))
+        return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
     const std::string &content = open->second.file->bytes;
     size_t at = std::min(open->second.at, content.size());
     *got = static_cast<DWORD>(std::min<size_t>(bytes, content.size() - at));
     memcpy(buffer, content.data() + at, *got);
-    open->second.at = at + *got;
+    open->second.at += *got;
     return TRUE;
 }
 
@@ -153,13 +149,18 @@ static BOOL WINAPI stand_in_WriteFile(HANDLE handle, const void *buffer, DWORD b
 
     if (open == s_open.end())
         return real_WriteFile(handle, buffer, bytes, written, overlapped);
+    if (!can(open->second.access, GENERIC_WRITE, FILE_WRITE_DATA | FILE_APPEND_DATA))
+        return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
+    *written = bytes;
+    if (bytes == 0)
+        return TRUE;
     std::string &content = open->second.file->bytes;
-    size_t at = (open->second.access & GENERIC_WRITE) != 0 ? open->second.at : content.size();
+    size_t at =
+        can(open->second.access, GENERIC_WRITE, FILE_WRITE_DATA) ? open->second.at : content.size();
     content.resize(std::max<size_t>(content.size(), at + bytes));
     memcpy(&content[at], buffer, bytes);
     open->second.at = at + bytes;
     open->second.file->written = memory_now();
-    *written = bytes;
     return TRUE;
 }
 
@@ -190,13 +191,16 @@ static BOOL WINAPI stand_in_GetFileTime(HANDLE handle, FILETIME *created, FILETI
 
     if (open == s_open.end())
         return real_GetFileTime(handle, created, accessed, written);
-    for (FILETIME *time : {created, accessed, written})
-        if (time != NULL)
-            *time = open->second.file->written;
+    const memory_file &file = *open->second.file;
+    if (created != NULL)
+        *created = file.created;
+    if (accessed != NULL)
+        *accessed = file.accessed;
+    if (written != NULL)
+        *written = file.written;
     return TRUE;
 }
 
-/* Creation times are kept by the machine. */
 static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
                                         const FILETIME *accessed, const FILETIME *written)
 {
@@ -204,6 +208,12 @@ static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
 
     if (open == s_open.end())
         return real_SetFileTime(handle, created, accessed, written);
+    if (!can(open->second.access, GENERIC_WRITE, FILE_WRITE_ATTRIBUTES))
+        return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
+    if (created != NULL)
+        open->second.file->created = *created;
+    if (accessed != NULL)
+        open->second.file->accessed = *accessed;
     if (written != NULL)
         open->second.file->written = *written;
     return TRUE;
@@ -218,16 +228,12 @@ static BOOL WINAPI stand_in_GetFileInformationByHandle(HANDLE handle,
         return real_GetFileInformationByHandle(handle, information);
     ZeroMemory(information, sizeof(*information));
     information->dwFileAttributes = FILE_ATTRIBUTE_ARCHIVE;
-    information->ftCreationTime = information->ftLastAccessTime = information->ftLastWriteTime =
-        open->second.file->written;
+    information->ftCreationTime = open->second.file->created;
+    information->ftLastAccessTime = open->second.file->accessed;
+    information->ftLastWriteTime = open->second.file->written;
     information->nFileSizeLow = static_cast<DWORD>(open->second.file->bytes.size());
     information->nNumberOfLinks = 1;
     return TRUE;
-}
-
-static DWORD attributes_of(const memory_file &file)
-{
-    return file.is_folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
 }
 
 static DWORD WINAPI stand_in_GetFileAttributesW(const wchar_t *path)
@@ -237,8 +243,8 @@ static DWORD WINAPI stand_in_GetFileAttributesW(const wchar_t *path)
     if (!memory_file_key(path, &key))
         return real_GetFileAttributesW(path);
     if (file_ptr file = memory_file_find(key))
-        return attributes_of(*file);
-    return failed(memory_missing(key), INVALID_FILE_ATTRIBUTES);
+        return memory_attributes(*file);
+    return stand_in_fail<DWORD>(memory_missing(key), INVALID_FILE_ATTRIBUTES);
 }
 
 static BOOL WINAPI stand_in_GetFileAttributesExW(const wchar_t *path, GET_FILEEX_INFO_LEVELS level,
@@ -251,12 +257,12 @@ static BOOL WINAPI stand_in_GetFileAttributesExW(const wchar_t *path, GET_FILEEX
         return real_GetFileAttributesExW(path, level, information);
     file_ptr file = memory_file_find(key);
     if (file == NULL)
-        return failed(memory_missing(key), FALSE);
+        return stand_in_fail(memory_missing(key), FALSE);
     if (!file->real_path.empty())
         return real_GetFileAttributesExW(file->real_path.c_str(), level, information);
-    *data = {attributes_of(*file),
-             file->written,
-             file->written,
+    *data = {memory_attributes(*file),
+             file->created,
+             file->accessed,
              file->written,
              0,
              static_cast<DWORD>(file->bytes.size())};
@@ -269,13 +275,13 @@ static BOOL WINAPI stand_in_CreateDirectoryW(const wchar_t *path, SECURITY_ATTRI
 
     /* Each start of an agent makes all folders down to its own. */
     if (memory_disk_is_below(path))
-        return failed(ERROR_ALREADY_EXISTS, FALSE);
+        return stand_in_fail(ERROR_ALREADY_EXISTS, FALSE);
     if (!memory_file_key(path, &key))
         return real_CreateDirectoryW(path, security);
     if (memory_file_find(key) != NULL)
-        return failed(ERROR_ALREADY_EXISTS, FALSE);
+        return stand_in_fail(ERROR_ALREADY_EXISTS, FALSE);
     if (!memory_is_folder(memory_parent(key)))
-        return failed(ERROR_PATH_NOT_FOUND, FALSE);
+        return stand_in_fail(ERROR_PATH_NOT_FOUND, FALSE);
     memory_file_make(key, path, true);
     return TRUE;
 }
@@ -287,10 +293,11 @@ static BOOL WINAPI stand_in_RemoveDirectoryW(const wchar_t *path)
     if (!memory_file_key(path, &key))
         return real_RemoveDirectoryW(path);
     if (!memory_is_folder(key))
-        return failed(memory_missing(key), FALSE);
+        return stand_in_fail<BOOL>(
+            memory_file_find(key) != NULL ? ERROR_DIRECTORY : memory_missing(key), FALSE);
     auto inside = memory_files.lower_bound(key + L"\\");
     if (inside != memory_files.end() && inside->first.rfind(key + L"\\", 0) == 0)
-        return failed(ERROR_DIR_NOT_EMPTY, FALSE);
+        return stand_in_fail(ERROR_DIR_NOT_EMPTY, FALSE);
     memory_files.erase(key);
     return TRUE;
 }
@@ -303,15 +310,62 @@ static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
         return real_DeleteFileW(path);
     file_ptr file = memory_file_find(key);
     if (file == NULL)
-        return failed(memory_missing(key), FALSE);
+        return stand_in_fail(memory_missing(key), FALSE);
     if (file->is_folder)
-        return failed(ERROR_ACCESS_DENIED, FALSE);
+        return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
     if (is_held(file, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
-        return failed(ERROR_SHARING_VIOLATION, FALSE);
+        return stand_in_fail(ERROR_SHARING_VIOLATION, FALSE);
     if (!file->real_path.empty() && !real_DeleteFileW(file->real_path.c_str()))
         return FALSE;
     memory_files.erase(key);
     return TRUE;
+}
+
+/* Whether a file, or one in a folder, is open. */
+static bool is_open(const std::wstring &key)
+{
+    for (const auto &open : s_open)
+        for (auto at = memory_files.lower_bound(key);
+             at != memory_files.end() && at->first.rfind(key, 0) == 0; at++)
+            if (open.second.file == at->second &&
+                (at->first.size() == key.size() || at->first[key.size()] == L'\\'))
+                return true;
+    return false;
+}
+
+/* The error with which Windows refuses a move; ERROR_SUCCESS when it does not. */
+static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key, DWORD flags)
+{
+    const DWORD all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const file_ptr file = memory_file_find(old_key), replaced = memory_file_find(new_key);
+
+    if (file == NULL)
+        return memory_missing(old_key);
+    if (is_held(file, DELETE, all))
+        return ERROR_SHARING_VIOLATION;
+    if (!memory_is_folder(memory_parent(new_key)))
+        return memory_missing(new_key);
+    if (file->is_folder && is_open(old_key))
+        return ERROR_ACCESS_DENIED;
+    if (replaced == NULL || replaced == file) /* nor a folder into itself */
+        return new_key.rfind(old_key + L"\\", 0) == 0 ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
+    if ((flags & MOVEFILE_REPLACE_EXISTING) == 0)
+        return ERROR_ALREADY_EXISTS;
+    if (file->is_folder || replaced->is_folder || is_open(new_key))
+        return ERROR_ACCESS_DENIED;
+    return ERROR_SUCCESS;
+}
+
+/* Files in a folder move with it. */
+static void move_content(const std::wstring &old_key, const std::wstring &new_key)
+{
+    const std::wstring folder = old_key + L"\\";
+    std::map<std::wstring, file_ptr> moved;
+
+    for (auto at = memory_files.lower_bound(folder);
+         at != memory_files.end() && at->first.rfind(folder, 0) == 0; at = memory_files.erase(at))
+        moved[new_key + at->first.substr(old_key.size())] = at->second;
+    memory_files.insert(moved.begin(), moved.end());
 }
 
 static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, DWORD flags)
@@ -320,87 +374,18 @@ static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, 
 
     if (!memory_file_key(from, &old_key) || !memory_file_key(to, &new_key))
         return real_MoveFileExW(from, to, flags);
-    file_ptr file = memory_file_find(old_key), replaced = memory_file_find(new_key);
-    if (file == NULL || !memory_is_folder(memory_parent(new_key)))
-        return failed(file == NULL ? memory_missing(old_key) : memory_missing(new_key), FALSE);
-    if (replaced != NULL && (flags & MOVEFILE_REPLACE_EXISTING) == 0)
-        return failed(ERROR_ALREADY_EXISTS, FALSE);
-    if (replaced != NULL && is_held(replaced, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE))
-        return failed(ERROR_ACCESS_DENIED, FALSE);
-    if (is_held(file, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
-        return failed(ERROR_SHARING_VIOLATION, FALSE);
-    if (replaced != NULL && !replaced->real_path.empty())
+    const DWORD error = move_error(old_key, new_key, flags);
+    if (error != ERROR_SUCCESS)
+        return stand_in_fail(error, FALSE);
+    const file_ptr file = memory_file_find(old_key), replaced = memory_file_find(new_key);
+    if (replaced != NULL && replaced != file && !replaced->real_path.empty())
         real_DeleteFileW(replaced->real_path.c_str());
     memory_files.erase(old_key);
-    memory_file_make(new_key, to, false)->bytes = file->bytes;
-    memory_files[new_key]->real_path = file->real_path;
-    memory_files[new_key]->written = file->written;
+    memory_files[new_key] = file;
+    file->name = memory_file_name(to);
+    if (file->is_folder)
+        move_content(old_key, new_key);
     return TRUE;
-}
-
-static void add_found(open_search &search, const std::wstring &name, bool folder, size_t bytes,
-                      const FILETIME &written)
-{
-    WIN32_FIND_DATAW data = {};
-
-    data.dwFileAttributes = folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
-    data.ftCreationTime = data.ftLastAccessTime = data.ftLastWriteTime = written;
-    data.nFileSizeLow = static_cast<DWORD>(bytes);
-    lstrcpynW(data.cFileName, name.c_str(), ARRAYSIZE(data.cFileName));
-    search.found.push_back(data);
-}
-
-/* key: of the pattern. */
-static open_search search_for(const std::wstring &key)
-{
-    std::wstring folder = memory_parent(key) + L"\\";
-    std::string pattern = text_narrow(key.substr(folder.size()));
-    open_search search = {{}, 0};
-
-    for (const wchar_t *name : {L".", L".."})
-        if (pattern == "*")
-            add_found(search, name, true, 0, memory_now());
-    for (auto at = memory_files.upper_bound(folder);
-         at != memory_files.end() && at->first.rfind(folder, 0) == 0; at++) {
-        std::wstring name = at->first.substr(folder.size());
-
-        if (name.find(L'\\') == std::wstring::npos && text_fits(text_narrow(name), pattern))
-            add_found(search, at->second->name, at->second->is_folder, at->second->bytes.size(),
-                      at->second->written);
-    }
-    return search;
-}
-
-static HANDLE WINAPI stand_in_FindFirstFileW(const wchar_t *pattern, WIN32_FIND_DATAW *data)
-{
-    std::wstring key;
-
-    if (!memory_file_key(pattern, &key))
-        return real_FindFirstFileW(pattern, data);
-    open_search search = search_for(key);
-    if (search.found.empty() || !memory_is_folder(memory_parent(key)))
-        return failed(memory_missing(key), INVALID_HANDLE_VALUE);
-    HANDLE handle = machine_new_handle();
-    *data = search.found[search.next++];
-    s_searches[handle] = search;
-    return handle;
-}
-
-static BOOL WINAPI stand_in_FindNextFileW(HANDLE handle, WIN32_FIND_DATAW *data)
-{
-    auto search = s_searches.find(handle);
-
-    if (search == s_searches.end())
-        return real_FindNextFileW(handle, data);
-    if (search->second.next == search->second.found.size())
-        return failed(ERROR_NO_MORE_FILES, FALSE);
-    *data = search->second.found[search->second.next++];
-    return TRUE;
-}
-
-static BOOL WINAPI stand_in_FindClose(HANDLE handle)
-{
-    return s_searches.erase(handle) != 0 || real_FindClose(handle);
 }
 
 static const stand_in_row s_stand_ins[] = {
@@ -418,9 +403,6 @@ static const stand_in_row s_stand_ins[] = {
     STAND_IN(CreateDirectoryW),
     STAND_IN(RemoveDirectoryW),
     STAND_IN(MoveFileExW),
-    STAND_IN(FindFirstFileW),
-    STAND_IN(FindNextFileW),
-    STAND_IN(FindClose),
     STAND_IN(GetFileInformationByHandle),
     STAND_IN(GetFileAttributesExW),
 };
@@ -432,6 +414,9 @@ static void redirect(HMODULE module, bool maps)
         void *function = maps && strcmp(name, "CreateFileW") == 0
                              ? reinterpret_cast<void *>(create_real_file)
                              : stand_in_find(s_stand_ins, name);
+
+        if (function == NULL)
+            function = memory_search_stand_in(name);
 
         if (function != NULL)
             imports_redirect(entry, function);

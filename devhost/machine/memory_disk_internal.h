@@ -1,6 +1,7 @@
 /*
- * Between the files of the memory disk: its table of files (memory_files.cpp), the calls of Windows
- * (memory_disk.cpp) and the streams of the C runtime (memory_streams.cpp). Host's one thread.
+ * Shared by the files of the memory disk: its table of files (memory_files.cpp), the calls of Windows
+ * (memory_disk.cpp, memory_search.cpp) and the streams of the C runtime (memory_streams.cpp). Host's
+ * one thread.
  */
 #ifndef DEVHOST_MEMORY_DISK_INTERNAL_H
 #define DEVHOST_MEMORY_DISK_INTERNAL_H
@@ -20,9 +21,9 @@ struct memory_file {
     std::wstring name; /* as it was made */
     bool is_folder;
     std::string bytes;
-    FILETIME written;
-    /* Mappings, and streams that this program opens, need a real file: the bytes are there since
-     * the first of them. Empty: they are here. */
+    FILETIME created, accessed, written;
+    /* Mappings, and streams that this program opens, need a real file, which has the bytes from
+     * then on. Empty: they are here. */
     std::wstring real_path;
 };
 typedef std::shared_ptr<memory_file> file_ptr;
@@ -40,6 +41,8 @@ bool memory_file_key(const wchar_t *path, std::wstring *key);
 bool memory_disk_is_below(const wchar_t *path);
 /* NULL: there is none. */
 file_ptr memory_file_find(const std::wstring &key);
+/* The last name of a path. */
+std::wstring memory_file_name(const wchar_t *path);
 /* A new, empty one; path gives its name. */
 file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool folder);
 /* Moves the bytes to a real file. Result: whether the file has one. */
@@ -52,6 +55,10 @@ bool memory_is_folder(const std::wstring &key);
 DWORD memory_missing(const std::wstring &key);
 /* The machine's time. */
 FILETIME memory_now(void);
+DWORD memory_attributes(const memory_file &file);
+
+/* The stand-ins of FindFirstFileW, FindNextFileW and FindClose; NULL for another name. */
+void *memory_search_stand_in(const char *name);
 
 /* Redirects the stream calls of a module. in_memory: its _wfopen opens streams that fread, fwrite,
  * fseek and fclose of a redirected module take, and no other call; else it opens a real file. */

@@ -100,14 +100,25 @@ FILETIME memory_now(void)
     return {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
 }
 
-file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool folder)
+DWORD memory_attributes(const memory_file &file)
+{
+    return file.is_folder ? FILE_ATTRIBUTE_DIRECTORY : FILE_ATTRIBUTE_ARCHIVE;
+}
+
+std::wstring memory_file_name(const wchar_t *path)
 {
     const wchar_t *name = std::max(wcsrchr(path, L'\\'), wcsrchr(path, L'/'));
+
+    return name != NULL ? name + 1 : path;
+}
+
+file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool folder)
+{
     file_ptr file = std::make_shared<memory_file>();
 
-    file->name = name != NULL ? name + 1 : path;
+    file->name = memory_file_name(path);
     file->is_folder = folder;
-    file->written = memory_now();
+    file->created = file->accessed = file->written = memory_now();
     memory_files[key] = file;
     return file;
 }

@@ -83,6 +83,8 @@ static void note_refusal(const wchar_t *path, HRESULT result, const char *reason
 
 static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
 {
+    if (name == NULL)
+        return LoadLibraryW(name);
     std::wstring lower = text_lower(std::wstring(name));
 
     if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")

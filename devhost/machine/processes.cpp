@@ -1,4 +1,4 @@
-/* Process snapshots and times, services, and the privileges of the agent's token. */
+/* Process snapshots and times. Rights are granted as to an administrator on Windows 8.1 and later. */
 #include "machine.h"
 
 #include <tlhelp32.h>
@@ -6,55 +6,79 @@
 #include "../base/text.h"
 #include "stand_in.h"
 
+#define AGENT_NAME L"oxni_agent.exe"
+
 enum {
-    TOKEN_RIGHTS = TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY
+    SNAPSHOT_FLAGS = TH32CS_SNAPALL | TH32CS_SNAPMODULE32,
+    PROTECTED_RIGHTS = PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE,
+    QUERY_RIGHTS = PROCESS_QUERY_INFORMATION | PROCESS_QUERY_LIMITED_INFORMATION
 };
 
-/* Snapshot to the next entry; open process to its index; open service to its name. */
-static std::map<HANDLE, size_t> s_snapshots;
-static std::map<HANDLE, size_t> s_processes;
-static std::map<HANDLE, std::wstring> s_services;
-static std::set<HANDLE> s_managers;
-static std::set<HANDLE> s_tokens;
-/* Privilege names in the order in which they got a LUID; its low part is the place, from 1. */
-static std::vector<std::string> s_privileges;
+struct open_snapshot {
+    std::vector<machine_process> processes;
+    size_t next;
+};
 
-static BOOL fail_with(DWORD error)
+struct open_process {
+    uint64_t created_100ns;
+    DWORD access;
+};
+
+static std::map<HANDLE, open_snapshot> s_snapshots;
+static std::map<HANDLE, open_process> s_processes;
+
+/* The processes of the machine, and the agent's own. A machine without processes has a snapshot
+ * whose first read fails. */
+static std::vector<machine_process> all_processes(void)
 {
-    SetLastError(error);
-    return FALSE;
+    std::vector<machine_process> processes = machine_get().processes;
+
+    if (!processes.empty())
+        processes.push_back(
+            {GetCurrentProcessId(), 0, AGENT_NAME, machine_get().boot_100ns, false});
+    return processes;
 }
 
 static HANDLE WINAPI stand_in_CreateToolhelp32Snapshot(DWORD flags, DWORD pid)
 {
     HANDLE handle = machine_new_handle();
 
-    (void)pid;
-    if (flags != TH32CS_SNAPPROCESS) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return INVALID_HANDLE_VALUE;
-    }
-    s_snapshots[handle] = 0;
+    (void)pid; /* for modules and heaps only */
+    if ((flags & SNAPSHOT_FLAGS) == 0)
+        return stand_in_fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
+    s_snapshots[handle] = {};
+    if ((flags & TH32CS_SNAPPROCESS) != 0)
+        s_snapshots[handle].processes = all_processes();
     return handle;
+}
+
+/* Everything but dwSize, which stays the caller's. */
+static void fill_entry(const machine_process &process, PROCESSENTRY32W *entry)
+{
+    const DWORD bytes = entry->dwSize;
+
+    ZeroMemory(entry, sizeof(*entry));
+    entry->dwSize = bytes;
+    entry->th32ProcessID = process.pid;
+    entry->th32ParentProcessID = process.parent;
+    entry->cntThreads = 1;
+    entry->pcPriClassBase = 8; /* NORMAL_PRIORITY_CLASS */
+    lstrcpynW(entry->szExeFile, process.name.c_str(), MAX_PATH);
 }
 
 static BOOL WINAPI stand_in_Process32NextW(HANDLE handle, PROCESSENTRY32W *entry)
 {
     auto snapshot = s_snapshots.find(handle);
-    const std::vector<machine_process> &processes = machine_get().processes;
 
     if (snapshot == s_snapshots.end())
-        return fail_with(ERROR_INVALID_HANDLE);
-    if (entry->dwSize != sizeof(*entry))
-        return fail_with(ERROR_BAD_LENGTH);
-    if (snapshot->second == processes.size())
-        return fail_with(ERROR_NO_MORE_FILES);
-    const machine_process &process = processes[snapshot->second++];
-    ZeroMemory(entry, sizeof(*entry));
-    entry->dwSize = sizeof(*entry);
-    entry->th32ProcessID = process.pid;
-    entry->th32ParentProcessID = process.parent;
-    lstrcpynW(entry->szExeFile, process.name.c_str(), MAX_PATH);
+        return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
+    if (entry == NULL)
+        return stand_in_fail(ERROR_NOACCESS, FALSE);
+    if (entry->dwSize < sizeof(*entry))
+        return stand_in_fail(ERROR_BAD_LENGTH, FALSE);
+    if (snapshot->second.next >= snapshot->second.processes.size())
+        return stand_in_fail(ERROR_NO_MORE_FILES, FALSE);
+    fill_entry(snapshot->second.processes[snapshot->second.next++], entry);
     return TRUE;
 }
 
@@ -62,135 +86,57 @@ static BOOL WINAPI stand_in_Process32FirstW(HANDLE handle, PROCESSENTRY32W *entr
 {
     auto snapshot = s_snapshots.find(handle);
 
-    if (snapshot == s_snapshots.end())
-        return fail_with(ERROR_INVALID_HANDLE);
-    snapshot->second = 0;
+    if (snapshot != s_snapshots.end())
+        snapshot->second.next = 0;
     return stand_in_Process32NextW(handle, entry);
 }
 
 static HANDLE WINAPI stand_in_OpenProcess(DWORD access, BOOL inherit, DWORD pid)
 {
-    const std::vector<machine_process> &processes = machine_get().processes;
-    HANDLE handle = machine_new_handle();
-
-    (void)access;
     (void)inherit;
-    for (size_t index = 0; index < processes.size(); index++)
-        if (processes[index].pid == pid) {
-            s_processes[handle] = index;
-            return handle;
-        }
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return NULL;
+    for (const machine_process &process : all_processes()) {
+        if (process.pid != pid || pid == 0)
+            continue;
+        if (process.is_protected && (access & ~static_cast<DWORD>(PROTECTED_RIGHTS)) != 0)
+            return stand_in_fail(ERROR_ACCESS_DENIED, static_cast<HANDLE>(NULL));
+        HANDLE handle = machine_new_handle();
+        s_processes[handle] = {process.created_100ns, access};
+        return handle;
+    }
+    return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HANDLE>(NULL));
 }
 
 static BOOL WINAPI stand_in_GetProcessTimes(HANDLE handle, FILETIME *creation, FILETIME *exited,
                                             FILETIME *kernel, FILETIME *user)
 {
     auto process = s_processes.find(handle);
+    uint64_t created = machine_get().boot_100ns; /* of the agent itself */
 
-    if (process == s_processes.end())
-        return fail_with(ERROR_INVALID_HANDLE);
-    uint64_t created = machine_get().processes[process->second].created_100ns;
+    if (process == s_processes.end() && handle != GetCurrentProcess())
+        return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
+    if (process != s_processes.end()) {
+        if ((process->second.access & QUERY_RIGHTS) == 0)
+            return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
+        created = process->second.created_100ns;
+    }
+    if (creation == NULL || exited == NULL || kernel == NULL || user == NULL)
+        return stand_in_fail(ERROR_NOACCESS, FALSE);
     *creation = {static_cast<DWORD>(created), static_cast<DWORD>(created >> 32)};
     *exited = *kernel = *user = {0, 0};
     return TRUE;
 }
 
-static BOOL WINAPI stand_in_OpenProcessToken(HANDLE process, DWORD access, HANDLE *token)
-{
-    (void)process;
-    if (access != TOKEN_RIGHTS)
-        return fail_with(ERROR_ACCESS_DENIED);
-    *token = machine_new_handle();
-    s_tokens.insert(*token);
-    return TRUE;
-}
-
-static BOOL WINAPI stand_in_LookupPrivilegeValueA(const char *system, const char *name, LUID *luid)
-{
-    size_t place = 0;
-
-    (void)system;
-    while (place < s_privileges.size() && s_privileges[place] != name)
-        place++;
-    if (place == s_privileges.size())
-        s_privileges.push_back(name);
-    *luid = {static_cast<DWORD>(place + 1), 0};
-    return TRUE;
-}
-
-/* Succeeds for a privilege that the token lacks, and then says so by the last error. */
-static BOOL WINAPI stand_in_AdjustTokenPrivileges(HANDLE token, BOOL disable_all,
-                                                  TOKEN_PRIVILEGES *set, DWORD bytes,
-                                                  TOKEN_PRIVILEGES *previous, DWORD *needed)
-{
-    (void)disable_all;
-    (void)bytes;
-    (void)previous;
-    (void)needed;
-    if (s_tokens.count(token) == 0)
-        return fail_with(ERROR_INVALID_HANDLE);
-    DWORD place = set->Privileges[0].Luid.LowPart;
-    bool held = place >= 1 && place <= s_privileges.size() &&
-                machine_get().privileges.count(s_privileges[place - 1]) != 0;
-    SetLastError(held ? ERROR_SUCCESS : ERROR_NOT_ALL_ASSIGNED);
-    return TRUE;
-}
-
-static SC_HANDLE WINAPI stand_in_OpenSCManagerW(const wchar_t *computer, const wchar_t *database,
-                                                DWORD access)
-{
-    HANDLE handle = machine_new_handle();
-
-    (void)computer;
-    (void)database;
-    (void)access;
-    s_managers.insert(handle);
-    return static_cast<SC_HANDLE>(handle);
-}
-
-static SC_HANDLE WINAPI stand_in_OpenServiceW(SC_HANDLE manager, const wchar_t *name, DWORD access)
-{
-    HANDLE handle = machine_new_handle();
-
-    (void)access;
-    if (s_managers.count(manager) == 0 ||
-        machine_get().services.count(text_lower(std::wstring(name))) == 0) {
-        SetLastError(s_managers.count(manager) == 0 ? ERROR_INVALID_HANDLE
-                                                    : ERROR_SERVICE_DOES_NOT_EXIST);
-        return NULL;
-    }
-    s_services[handle] = text_lower(std::wstring(name));
-    return static_cast<SC_HANDLE>(handle);
-}
-
-static BOOL WINAPI stand_in_QueryServiceStatus(SC_HANDLE handle, SERVICE_STATUS *status)
-{
-    auto service = s_services.find(handle);
-
-    if (service == s_services.end())
-        return fail_with(ERROR_INVALID_HANDLE);
-    std::vector<DWORD> &states = machine_get().services[service->second];
-    ZeroMemory(status, sizeof(*status));
-    status->dwServiceType = SERVICE_KERNEL_DRIVER;
-    status->dwCurrentState = states.front();
-    if (states.size() > 1)
-        states.erase(states.begin());
-    return TRUE;
-}
-
-static BOOL WINAPI stand_in_CloseServiceHandle(SC_HANDLE handle)
-{
-    if (s_services.erase(handle) != 0 || s_managers.erase(handle) != 0)
-        return TRUE;
-    return fail_with(ERROR_INVALID_HANDLE);
-}
-
 bool machine_close_process_handle(HANDLE handle)
 {
-    return s_snapshots.erase(handle) != 0 || s_processes.erase(handle) != 0 ||
-           s_tokens.erase(handle) != 0;
+    return s_snapshots.erase(handle) != 0 || s_processes.erase(handle) != 0;
+}
+
+bool machine_process_grants(HANDLE handle, DWORD rights)
+{
+    auto process = s_processes.find(handle);
+
+    return handle == GetCurrentProcess() ||
+           (process != s_processes.end() && (process->second.access & rights) != 0);
 }
 
 void *machine_process_stand_in(const char *name)
@@ -198,10 +144,7 @@ void *machine_process_stand_in(const char *name)
     static const stand_in_row rows[] = {
         STAND_IN(CreateToolhelp32Snapshot), STAND_IN(Process32FirstW),
         STAND_IN(Process32NextW),           STAND_IN(OpenProcess),
-        STAND_IN(GetProcessTimes),          STAND_IN(OpenProcessToken),
-        STAND_IN(LookupPrivilegeValueA),    STAND_IN(AdjustTokenPrivileges),
-        STAND_IN(OpenSCManagerW),           STAND_IN(OpenServiceW),
-        STAND_IN(QueryServiceStatus),       STAND_IN(CloseServiceHandle),
+        STAND_IN(GetProcessTimes),
     };
 
     return stand_in_find(rows, name);

@@ -1,7 +1,7 @@
 /*
- * The machine's HKEY_LOCAL_MACHINE, kept in this process: nothing of the real one is read or
- * changed, nothing of it is left when the process dies, and a restart of Windows drops the volatile
- * keys. Plug-in and platform reach it by their imports.
+ * The machine's HKEY_LOCAL_MACHINE, kept in this process: the real registry is neither read nor
+ * changed, and a restart of Windows drops the volatile keys. Plug-in and platform reach it through
+ * their imports.
  */
 #include "machine.h"
 
@@ -16,7 +16,7 @@ struct registry_value {
     std::string data;
 };
 
-/* Names are in lower case: Windows does not tell them apart, and nobody lists them here. */
+/* Names are in lower case: Windows ignores the case of names, and no stand-in enumerates them. */
 struct registry_key {
     bool is_volatile = false;
     bool deleted = false; /* a handle may outlive it */
@@ -25,9 +25,20 @@ struct registry_key {
 };
 
 static std::shared_ptr<registry_key> s_root;
-static std::map<HKEY, std::shared_ptr<registry_key>> s_open;
 
-/* The first name of a path; path is what is left of it. */
+struct open_key {
+    std::shared_ptr<registry_key> key;
+    REGSAM access;
+};
+
+static std::map<HKEY, open_key> s_open;
+
+#define WOW64_VIEWS    (KEY_WOW64_32KEY | KEY_WOW64_64KEY)
+#define QUERY_RIGHTS   (KEY_QUERY_VALUE | GENERIC_READ | GENERIC_ALL | MAXIMUM_ALLOWED)
+#define OPEN_OPTIONS   REG_OPTION_OPEN_LINK
+#define CREATE_OPTIONS (REG_OPTION_VOLATILE | REG_OPTION_BACKUP_RESTORE | REG_OPTION_OPEN_LINK)
+
+/* Removes the first name of a path and returns it. */
 static std::wstring take_name(std::wstring *path)
 {
     size_t end = path->find(L'\\');
@@ -47,7 +58,8 @@ static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key,
     return key;
 }
 
-/* Makes what is missing. NULL: a key that stays cannot lie below a volatile one. */
+/* Creates the missing keys of a path. NULL: a key that is not volatile cannot be created below a
+ * volatile one. */
 static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key, std::wstring path,
                                               bool is_volatile, bool *made)
 {
@@ -66,7 +78,7 @@ static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key,
     return key;
 }
 
-/* What a handle stands for; NULL and the error when it stands for none. */
+/* The key of a handle; NULL and the error when it has none. */
 static std::shared_ptr<registry_key> key_of(HKEY handle, LONG *error)
 {
     auto open = s_open.find(handle);
@@ -77,46 +89,96 @@ static std::shared_ptr<registry_key> key_of(HKEY handle, LONG *error)
     if (open == s_open.end())
         return NULL;
     *error = ERROR_KEY_DELETED;
-    return open->second->deleted ? NULL : open->second;
+    return open->second.key->deleted ? NULL : open->second.key;
 }
 
-static HKEY open_handle(const std::shared_ptr<registry_key> &key)
+/* A path as Windows takes it: without trailing backslashes, in the view of the caller. */
+static LONG normalize_path(HKEY parent, const wchar_t *given, REGSAM access, std::wstring *path)
 {
-    HKEY handle = reinterpret_cast<HKEY>(machine_new_handle());
+    static const std::wstring software = L"software", wow = L"\\wow6432node";
 
-    s_open[handle] = key;
-    return handle;
-}
-
-static LONG WINAPI stand_in_RegOpenKeyExW(HKEY parent, const wchar_t *path, DWORD, REGSAM,
-                                          HKEY *key)
-{
-    LONG error;
-    std::shared_ptr<registry_key> from = key_of(parent, &error);
-
-    if (from == NULL)
-        return error;
-    from = find_key(from, path != NULL ? path : L"");
-    if (from == NULL)
-        return ERROR_FILE_NOT_FOUND;
-    *key = open_handle(from);
+    *path = given;
+    if (given[0] == L'\\')
+        return ERROR_BAD_PATHNAME;
+    if ((access & WOW64_VIEWS) == WOW64_VIEWS)
+        return ERROR_INVALID_PARAMETER;
+    while (!path->empty() && path->back() == L'\\')
+        path->pop_back();
+    const std::wstring lower = text_lower(*path) + L"\\";
+    if ((access & KEY_WOW64_32KEY) != 0 && parent == HKEY_LOCAL_MACHINE &&
+        lower.rfind(software + L"\\", 0) == 0 && lower.rfind(software + wow + L"\\", 0) != 0)
+        path->insert(software.size(), wow);
     return ERROR_SUCCESS;
 }
 
-static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *path, DWORD, wchar_t *,
-                                            DWORD options, REGSAM, SECURITY_ATTRIBUTES *, HKEY *key,
-                                            DWORD *disposition)
+static HKEY open_handle(const std::shared_ptr<registry_key> &key, REGSAM access)
 {
-    LONG error;
-    bool made = false;
-    std::shared_ptr<registry_key> from = key_of(parent, &error);
+    HKEY handle = reinterpret_cast<HKEY>(machine_new_handle());
 
+    s_open[handle] = {key, access};
+    return handle;
+}
+
+static LONG WINAPI stand_in_RegOpenKeyExW(HKEY parent, const wchar_t *given, DWORD options,
+                                          REGSAM access, HKEY *key)
+{
+    std::wstring path;
+    LONG error;
+
+    if (key == NULL)
+        return ERROR_INVALID_PARAMETER;
+    *key = NULL;
+    if ((options & ~static_cast<DWORD>(OPEN_OPTIONS)) != 0)
+        return ERROR_INVALID_PARAMETER;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
     if (from == NULL)
         return error;
-    from = make_key(from, path, (options & REG_OPTION_VOLATILE) != 0, &made);
+    error = normalize_path(parent, given != NULL ? given : L"", access, &path);
+    if (error != ERROR_SUCCESS)
+        return error;
+    from = find_key(from, path);
     if (from == NULL)
-        return ERROR_CHILD_MUST_BE_VOLATILE;
-    *key = open_handle(from);
+        return ERROR_FILE_NOT_FOUND;
+    *key = open_handle(from, access);
+    return ERROR_SUCCESS;
+}
+
+/* Opens or creates the key of a path. Windows lets nobody create a key directly below the root. */
+static LONG create_key(HKEY parent, const std::shared_ptr<registry_key> &from,
+                       const std::wstring &path, bool is_volatile,
+                       std::shared_ptr<registry_key> *key, bool *made)
+{
+    *made = false;
+    if (parent == HKEY_LOCAL_MACHINE && find_key(from, path.substr(0, path.find(L'\\'))) == NULL)
+        return ERROR_INVALID_PARAMETER;
+    *key = make_key(from, path, is_volatile, made);
+    return *key != NULL ? ERROR_SUCCESS : ERROR_CHILD_MUST_BE_VOLATILE;
+}
+
+static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *given, DWORD reserved,
+                                            wchar_t *, DWORD options, REGSAM access,
+                                            SECURITY_ATTRIBUTES *, HKEY *key, DWORD *disposition)
+{
+    std::shared_ptr<registry_key> made_key;
+    std::wstring path;
+    bool made;
+    LONG error;
+
+    if (key == NULL)
+        return ERROR_INVALID_PARAMETER;
+    *key = NULL;
+    if (given == NULL || reserved != 0 || (options & ~static_cast<DWORD>(CREATE_OPTIONS)) != 0)
+        return ERROR_INVALID_PARAMETER;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
+    if (from == NULL)
+        return error;
+    error = normalize_path(parent, given, access, &path);
+    if (error == ERROR_SUCCESS)
+        error =
+            create_key(parent, from, path, (options & REG_OPTION_VOLATILE) != 0, &made_key, &made);
+    if (error != ERROR_SUCCESS)
+        return error;
+    *key = open_handle(made_key, access);
     if (disposition != NULL)
         *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
     return ERROR_SUCCESS;
@@ -140,18 +202,43 @@ static LONG delete_key(const std::shared_ptr<registry_key> &from, const std::wst
     return ERROR_SUCCESS;
 }
 
-static LONG WINAPI stand_in_RegDeleteKeyW(HKEY parent, const wchar_t *path)
+/* Removes the key that a handle was opened for. */
+static LONG delete_own_key(registry_key &below, const std::shared_ptr<registry_key> &key)
 {
-    LONG error;
-    std::shared_ptr<registry_key> from = key_of(parent, &error);
-
-    return from == NULL ? error : delete_key(from, path, false);
+    for (auto child = below.keys.begin(); child != below.keys.end(); child++) {
+        if (child->second == key) {
+            if (!key->keys.empty())
+                return ERROR_ACCESS_DENIED;
+            key->deleted = true;
+            below.keys.erase(child);
+            return ERROR_SUCCESS;
+        }
+        if (delete_own_key(*child->second, key) == ERROR_SUCCESS)
+            return ERROR_SUCCESS;
+    }
+    return ERROR_ACCESS_DENIED;
 }
 
-/* As Windows copies a value: the size is told in any case, the bytes only when all have room. */
+static LONG WINAPI stand_in_RegDeleteKeyW(HKEY parent, const wchar_t *given)
+{
+    std::wstring path;
+    LONG error;
+
+    if (given == NULL)
+        return ERROR_INVALID_PARAMETER;
+    std::shared_ptr<registry_key> from = key_of(parent, &error);
+    if (from == NULL)
+        return error;
+    error = normalize_path(parent, given, 0, &path);
+    if (error != ERROR_SUCCESS)
+        return error;
+    return path.empty() ? delete_own_key(*s_root, from) : delete_key(from, path, false);
+}
+
+/* Copies a value as Windows does: the size is set in any case, the bytes only when all fit. */
 static LONG copy_value(const registry_value &value, DWORD *type, void *data, DWORD *bytes)
 {
-    DWORD size = static_cast<DWORD>(value.data.size()), room = bytes != NULL ? *bytes : 0;
+    DWORD size = static_cast<DWORD>(value.data.size()), capacity = bytes != NULL ? *bytes : 0;
 
     if (type != NULL)
         *type = value.type;
@@ -159,20 +246,25 @@ static LONG copy_value(const registry_value &value, DWORD *type, void *data, DWO
         *bytes = size;
     if (data == NULL)
         return ERROR_SUCCESS;
-    if (size > room)
+    if (size > capacity)
         return ERROR_MORE_DATA;
     memcpy(data, value.data.data(), size);
     return ERROR_SUCCESS;
 }
 
-static LONG WINAPI stand_in_RegQueryValueExW(HKEY handle, const wchar_t *name, DWORD *, DWORD *type,
-                                             BYTE *data, DWORD *bytes)
+static LONG WINAPI stand_in_RegQueryValueExW(HKEY handle, const wchar_t *name, DWORD *reserved,
+                                             DWORD *type, BYTE *data, DWORD *bytes)
 {
     LONG error;
-    std::shared_ptr<registry_key> key = key_of(handle, &error);
+    std::shared_ptr<registry_key> key;
 
+    if (reserved != NULL || (data != NULL && bytes == NULL))
+        return ERROR_INVALID_PARAMETER;
+    key = key_of(handle, &error);
     if (key == NULL)
         return error;
+    if (handle != HKEY_LOCAL_MACHINE && (s_open[handle].access & QUERY_RIGHTS) == 0)
+        return ERROR_ACCESS_DENIED;
     auto value = key->values.find(text_lower(std::wstring(name != NULL ? name : L"")));
     return value == key->values.end() ? ERROR_FILE_NOT_FOUND
                                       : copy_value(value->second, type, data, bytes);
@@ -195,7 +287,7 @@ void *machine_registry_stand_in(const char *name)
 }
 
 /* The platform stays loaded while the plug-in comes and goes. */
-static void lead_platform(void)
+static void redirect_platform(void)
 {
     imports_each(GetModuleHandleW(L"liboxnibase.dll"),
                  [](const std::string &, const char *name, void **entry) {
@@ -207,8 +299,10 @@ static void lead_platform(void)
 void machine_open_registry(void)
 {
     if (s_root == NULL)
-        lead_platform();
+        redirect_platform();
     s_root = std::make_shared<registry_key>();
+    for (const wchar_t *hive : {L"hardware", L"sam", L"security", L"software", L"system"})
+        s_root->keys[hive] = std::make_shared<registry_key>();
     s_open.clear();
 }
 
@@ -266,7 +360,7 @@ bool machine_get_value(const std::wstring &key, const std::wstring &name, std::s
     if (open == NULL || open->values.count(text_lower(name)) == 0)
         return false;
     const registry_value &value = open->values[text_lower(name)];
-    std::string data = value.data + std::string(sizeof(uint64_t), '\0'); /* an end in any case */
+    std::string data = value.data + std::string(sizeof(uint64_t), '\0'); /* always terminated */
     if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) {
         std::wstring wide(data.size() / sizeof(wchar_t), L'\0');
 
@@ -281,7 +375,7 @@ bool machine_get_value(const std::wstring &key, const std::wstring &name, std::s
     return true;
 }
 
-/* TZI of a zone's key, as Windows' time zone tables have it. */
+/* The TZI value of a zone's key (REG_TZI_FORMAT). */
 struct registry_zone {
     LONG bias;
     LONG standard_bias;
@@ -293,7 +387,7 @@ static_assert(sizeof(registry_zone) == 44, "REG_TZI_FORMAT");
 
 bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
 {
-    static std::map<std::wstring, registry_zone> known; /* long runs ask for few again and again */
+    static std::map<std::wstring, registry_zone> known; /* long runs repeat a few zones */
     std::wstring path = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Time Zones\\" + name;
     registry_zone rules;
     DWORD bytes = sizeof(rules);

@@ -1,8 +1,9 @@
-/* How a room of the machine lists its stand-ins. */
+/* Shared by the files that implement stand-ins of Windows calls. */
 #ifndef DEVHOST_STAND_IN_H
 #define DEVHOST_STAND_IN_H
 
 #include <string.h>
+#include <windows.h>
 
 #include <cstddef>
 
@@ -17,6 +18,13 @@ template <size_t rows> void *stand_in_find(const stand_in_row (&table)[rows], co
         if (strcmp(row.name, name) == 0)
             return row.function;
     return NULL;
+}
+
+/* Sets the last error and returns result: FALSE, NULL or INVALID_HANDLE_VALUE. */
+template <typename Result> Result stand_in_fail(DWORD error, Result result)
+{
+    SetLastError(error);
+    return result;
 }
 
 #define STAND_IN(name)                                                                             \

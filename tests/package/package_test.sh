@@ -43,6 +43,9 @@ check "no file contains a path of this machine" sh -c \
     "! grep -rlF -e '$source/' -e '$build/' -e '$deps/' '$package'"
 check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
 
+check "windows_check runs" sh -c "cd '$work' && timeout 100 wine '$package/bin/windows_check.exe' lines.txt;
+    grep -q '^ok OpenServiceW: a service that is none: 1060' '$work/lines.txt'"
+
 git -C "$source" ls-files -z | (cd "$source" && tar c --null -T -) | tar x -C "$work/sources"
 check "the plug-in builds against the package" documented "$work/sources" "cmake "
 loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"

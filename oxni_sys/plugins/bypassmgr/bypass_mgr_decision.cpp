@@ -4,6 +4,8 @@
  */
 #include "bypass_mgr_decision.h"
 
+#include <string_view>
+
 #include <windows.h>
 
 #include <oxni/base/str.h>
@@ -33,7 +35,7 @@ static const char *match_crash_module(const crash_module_set &modules)
              module = oxni_xhash_next(names, module)) {
             const char *name = (const char *)module->key;
 
-            if (modules.find(name) != modules.end()) {
+            if (modules.find(std::string_view(name)) != modules.end()) {
                 LOG_INFO("find [%s] crach!", name);
                 return name;
             }

@@ -213,7 +213,9 @@ static void add_frame_module(std::string_view line, crash_module_set *modules)
         end = line.find('+');
     if (end == std::string_view::npos)
         return;
-    modules->emplace(line.substr(0, end));
+    /* Most frames repeat a module, and emplace would allocate for each. */
+    if (modules->find(line.substr(0, end)) == modules->end())
+        modules->emplace(line.substr(0, end));
 }
 
 static void add_stack_modules(std::string_view text, crash_module_set *modules)

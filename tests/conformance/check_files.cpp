@@ -1,0 +1,255 @@
+/* Checks of files, searches and streams, in the folder of the run. */
+#include "conformance.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <set>
+
+#define HOUR_100NS 36000000000ull
+#define ALL_SHARES (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
+
+static std::wstring in_folder(const conformance &run, const wchar_t *name)
+{
+    return run.folder + L"\\" + name;
+}
+
+static HANDLE open(const std::wstring &path, DWORD access, DWORD disposition,
+                   DWORD share = ALL_SHARES)
+{
+    return CreateFileW(path.c_str(), access, share, NULL, disposition, FILE_ATTRIBUTE_NORMAL, NULL);
+}
+
+static DWORD open_error(const std::wstring &path, DWORD access, DWORD disposition,
+                        DWORD share = ALL_SHARES)
+{
+    HANDLE file = open(path, access, disposition, share);
+    const DWORD error = error_if(file == INVALID_HANDLE_VALUE);
+
+    if (file != INVALID_HANDLE_VALUE)
+        CloseHandle(file);
+    return error;
+}
+
+static uint64_t value_of(const FILETIME &time)
+{
+    return (static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+static FILETIME filetime_of(uint64_t time)
+{
+    return {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+}
+
+struct file_times {
+    uint64_t created, accessed, written;
+};
+
+static file_times times_of(const std::wstring &path)
+{
+    FILETIME created = {}, accessed = {}, written = {};
+    HANDLE file = open(path, GENERIC_READ, OPEN_EXISTING);
+
+    GetFileTime(file, &created, &accessed, &written);
+    CloseHandle(file);
+    return {value_of(created), value_of(accessed), value_of(written)};
+}
+
+static void check_opening(conformance &run)
+{
+    const std::wstring path = in_folder(run, L"opening.txt");
+    HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS, 0);
+
+    conform(run, "CreateFileW", "a new file", error_if(file == INVALID_HANDLE_VALUE), {0});
+    conform(run, "CreateFileW", "a file that its writer does not share",
+            open_error(path, GENERIC_READ, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
+    CloseHandle(file);
+    file = open(path, GENERIC_READ, OPEN_EXISTING, FILE_SHARE_READ);
+    conform(run, "CreateFileW", "a writer where readers share reading",
+            open_error(path, GENERIC_WRITE, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
+    conform(run, "DeleteFileW", "a file that is open without sharing",
+            error_if(!DeleteFileW(path.c_str())), {ERROR_SHARING_VIOLATION});
+    CloseHandle(file);
+    conform(run, "CreateFileW", "creating a file that exists",
+            open_error(path, GENERIC_WRITE, CREATE_NEW), {ERROR_FILE_EXISTS});
+    file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
+    conform(run, "CreateFileW", "overwriting a file: last error", GetLastError(),
+            {ERROR_ALREADY_EXISTS});
+    CloseHandle(file);
+    conform(run, "CreateFileW", "truncating without a right to write",
+            open_error(path, GENERIC_READ, TRUNCATE_EXISTING),
+            {ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED}, OBSERVED);
+    conform(run, "CreateFileW", "a file that is none",
+            open_error(in_folder(run, L"none.txt"), GENERIC_READ, OPEN_EXISTING),
+            {ERROR_FILE_NOT_FOUND});
+    conform(run, "CreateFileW", "a folder that is none",
+            open_error(in_folder(run, L"none\\none.txt"), GENERIC_READ, OPEN_EXISTING),
+            {ERROR_PATH_NOT_FOUND});
+    conform(run, "CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
+            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    file = CreateFileW(NULL, GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL);
+    conform(run, "CreateFileW", "no path", error_if(file == INVALID_HANDLE_VALUE),
+            {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
+    conform(
+        run, "CreateFileW", "a path above 259 characters",
+        open_error(in_folder(run, std::wstring(260, L'x').c_str()), GENERIC_READ, OPEN_EXISTING),
+        {ERROR_PATH_NOT_FOUND, ERROR_INVALID_NAME, ERROR_FILENAME_EXCED_RANGE}, OBSERVED);
+    conform(run, "CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
+            {ERROR_ACCESS_DENIED});
+    conform(run, "CreateFileA", "an empty path",
+            error_if(CreateFileA("", GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL) ==
+                     INVALID_HANDLE_VALUE),
+            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    conform(run, "DeleteFileW", "a file", error_if(!DeleteFileW(path.c_str())), {0});
+    conform(run, "DeleteFileW", "a file that is none", error_if(!DeleteFileW(path.c_str())),
+            {ERROR_FILE_NOT_FOUND});
+    conform(run, "DeleteFileW", "an empty path", error_if(!DeleteFileW(L"")),
+            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+}
+
+static void check_content(conformance &run)
+{
+    const std::wstring path = in_folder(run, L"content.txt");
+    HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
+    BY_HANDLE_FILE_INFORMATION information = {};
+    char buffer[8] = {};
+    DWORD count = 0;
+
+    conform(run, "WriteFile", "four bytes", error_if(!WriteFile(file, "four", 4, &count, NULL)),
+            {0});
+    conform(run, "WriteFile", "four bytes: written", count, {4});
+    conform(run, "ReadFile", "a handle for writing only",
+            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, NULL)), {ERROR_ACCESS_DENIED});
+    conform(run, "WriteFile", "no bytes", error_if(!WriteFile(file, "", 0, &count, NULL)), {0});
+    CloseHandle(file);
+    file = open(path, GENERIC_READ, OPEN_EXISTING);
+    conform(run, "GetFileInformationByHandle", "a file",
+            error_if(!GetFileInformationByHandle(file, &information)), {0});
+    conform(run, "WriteFile", "no bytes never extend", information.nFileSizeLow, {4}, OBSERVED);
+    conform(run, "ReadFile", "a file",
+            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, NULL)), {0});
+    conform(run, "ReadFile", "a file: read", count, {4});
+    conform(run, "ReadFile", "at the end", error_if(!ReadFile(file, buffer, 1, &count, NULL)), {0});
+    conform(run, "ReadFile", "at the end: read", count, {0});
+    conform(run, "WriteFile", "a handle for reading only",
+            error_if(!WriteFile(file, "x", 1, &count, NULL)), {ERROR_ACCESS_DENIED});
+    CloseHandle(file);
+    DeleteFileW(path.c_str());
+}
+
+static void check_times(conformance &run)
+{
+    const std::wstring path = in_folder(run, L"times.txt");
+    HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
+    const uint64_t base = 132000000000000000ull, created = base, written = base + HOUR_100NS;
+    FILETIME time = filetime_of(created), other = filetime_of(written);
+    BY_HANDLE_FILE_INFORMATION information = {};
+    WIN32_FIND_DATAW found = {};
+    DWORD count;
+
+    WriteFile(file, "x", 1, &count, NULL);
+    conform(run, "SetFileTime", "creation and write time",
+            error_if(!SetFileTime(file, &time, NULL, &other)), {0});
+    CloseHandle(file);
+    conform(run, "SetFileTime", "the write time survives the close", times_of(path).written,
+            {written}, OBSERVED);
+    conform(run, "GetFileTime", "the creation time is its own", times_of(path).created, {created});
+    file = open(path, GENERIC_WRITE, OPEN_EXISTING);
+    CloseHandle(file);
+    conform(run, "CloseHandle", "without a write leaves the write time", times_of(path).written,
+            {written}, OBSERVED);
+    file = open(path, GENERIC_READ, OPEN_EXISTING);
+    conform(run, "SetFileTime", "a handle without the right",
+            error_if(!SetFileTime(file, &time, NULL, NULL)), {ERROR_ACCESS_DENIED});
+    GetFileInformationByHandle(file, &information);
+    conform(run, "GetFileInformationByHandle", "the creation time",
+            value_of(information.ftCreationTime), {created});
+    conform(run, "GetFileTime", "no outputs", error_if(!GetFileTime(file, NULL, NULL, NULL)), {0});
+    CloseHandle(file);
+    FindClose(FindFirstFileW(path.c_str(), &found));
+    conform(run, "FindFirstFileW", "the creation time", value_of(found.ftCreationTime), {created});
+    file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
+    CloseHandle(file);
+    conform(run, "CreateFileW", "overwriting keeps the creation time", times_of(path).created,
+            {created}, OBSERVED);
+    conform(run, "GetFileTime", "a handle that is none",
+            error_if(!GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)), NULL,
+                                  NULL, NULL)),
+            {ERROR_INVALID_HANDLE});
+    DeleteFileW(path.c_str());
+}
+
+void check_files(conformance &run)
+{
+    check_opening(run);
+    check_content(run);
+    check_times(run);
+}
+
+static DWORD count_found(const std::wstring &pattern, std::set<std::wstring> *names)
+{
+    WIN32_FIND_DATAW data = {};
+    HANDLE search = FindFirstFileW(pattern.c_str(), &data);
+    DWORD error;
+
+    if (search == INVALID_HANDLE_VALUE)
+        return GetLastError();
+    do {
+        names->insert(data.cFileName);
+    } while (FindNextFileW(search, &data));
+    error = GetLastError();
+    FindClose(search);
+    return error;
+}
+
+void check_searches(conformance &run)
+{
+    std::set<std::wstring> names;
+    WIN32_FIND_DATAW data = {};
+
+    for (const wchar_t *name : {L"first.dmp", L"SECOND.DMP", L"plain"})
+        CloseHandle(open(in_folder(run, name), GENERIC_WRITE, CREATE_ALWAYS));
+    conform(run, "FindNextFileW", "after the last name",
+            count_found(in_folder(run, L"*.dmp"), &names), {ERROR_NO_MORE_FILES});
+    conform(run, "FindNextFileW", "the case of names is ignored", names.size(), {2});
+    names.clear();
+    count_found(in_folder(run, L"*.*"), &names);
+    conform(run, "FindNextFileW", "*.* lists names without a dot, too", names.count(L"plain"), {1},
+            OBSERVED);
+    conform(run, "FindFirstFileW", "a pattern that fits nothing",
+            count_found(in_folder(run, L"*.none"), &names), {ERROR_FILE_NOT_FOUND});
+    conform(run, "FindFirstFileW", "a folder that is none",
+            count_found(in_folder(run, L"none\\*"), &names), {ERROR_PATH_NOT_FOUND});
+    conform(run, "FindFirstFileW", "an empty pattern", count_found(L"", &names),
+            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    HANDLE search = FindFirstFileW(in_folder(run, L"plain").c_str(), &data);
+    conform(run, "FindClose", "a search", error_if(!FindClose(search)), {0});
+    for (const wchar_t *name : {L"first.dmp", L"SECOND.DMP", L"plain"})
+        DeleteFileW(in_folder(run, name).c_str());
+}
+
+void check_streams(conformance &run)
+{
+    const std::wstring path = in_folder(run, L"stream.bin");
+    char buffer[8] = {};
+    DWORD count;
+    HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
+
+    WriteFile(file, "abcdef", 6, &count, NULL);
+    CloseHandle(file);
+    FILE *stream = run.open_stream(path.c_str(), L"r+b");
+    if (stream == NULL)
+        return;
+    conform(run, "fread", "more than there is", fread(buffer, 1, sizeof(buffer), stream), {6});
+    conform(run, "fread", "at the end", fread(buffer, 1, 1, stream), {0});
+    conform(run, "fseek", "to the begin", static_cast<uint64_t>(fseek(stream, 0, SEEK_SET)), {0});
+    conform(run, "fseek", "before the begin", fseek(stream, -1, SEEK_SET) != 0, {1});
+    conform(run, "fwrite", "over the first bytes", fwrite("XY", 1, 2, stream), {2});
+    conform(run, "fclose", "an open stream", static_cast<uint64_t>(fclose(stream)), {0});
+    file = open(path, GENERIC_READ, OPEN_EXISTING);
+    ReadFile(file, buffer, sizeof(buffer), &count, NULL);
+    conform(run, "fwrite", "what is in the file", memcmp(buffer, "XYcdef", 6) == 0 && count == 6,
+            {1});
+    CloseHandle(file);
+    DeleteFileW(path.c_str());
+}

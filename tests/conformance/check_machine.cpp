@@ -1,0 +1,370 @@
+/* Checks of the event log, processes, the token and services. */
+#include "conformance.h"
+
+#include <tlhelp32.h>
+
+#include <vector>
+
+#define READ_BYTES     0x10000u
+#define MAX_READ_BYTES 0x7ffffu /* documented for ReadEventLogW */
+#define UNTOUCHED      0x5a5a5a5au
+#define SECURITY_LUID  8u
+#define SYSTEM_PROCESS 4u
+#define NO_PROCESS     0xfffffffcu
+
+static HANDLE no_handle(void)
+{
+    return reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4));
+}
+
+static DWORD open_log_error(const wchar_t *server, const wchar_t *source)
+{
+    HANDLE log = OpenEventLogW(server, source);
+    const DWORD error = error_if(log == NULL);
+
+    if (log != NULL)
+        CloseEventLog(log);
+    return error;
+}
+
+struct log_read {
+    DWORD error, read, needed;
+};
+
+static log_read read_log(HANDLE log, DWORD flags, DWORD offset, void *buffer, DWORD bytes)
+{
+    log_read result = {0, UNTOUCHED, UNTOUCHED};
+
+    result.error =
+        error_if(!ReadEventLogW(log, flags, offset, buffer, bytes, &result.read, &result.needed));
+    return result;
+}
+
+/* Whether a record's parts lie where its header says, inside the record. */
+static bool is_record_sound(const BYTE *at, DWORD filled)
+{
+    EVENTLOGRECORD head;
+    DWORD closing;
+
+    if (filled < sizeof(head))
+        return false;
+    memcpy(&head, at, sizeof(head));
+    if (head.Length > filled || head.Length < sizeof(head) + sizeof(DWORD) || head.Length % 4 != 0)
+        return false;
+    memcpy(&closing, at + head.Length - sizeof(DWORD), sizeof(closing));
+    return closing == head.Length && head.Reserved == 0x654c664c &&
+           head.StringOffset >= sizeof(head) && head.StringOffset <= head.Length &&
+           head.UserSidOffset + head.UserSidLength <= head.Length &&
+           head.DataOffset + head.DataLength <= head.Length;
+}
+
+static DWORD first_number(const std::vector<BYTE> &block)
+{
+    EVENTLOGRECORD head;
+
+    memcpy(&head, block.data(), sizeof(head));
+    return head.RecordNumber;
+}
+
+static void check_reading(conformance &run, HANDLE log)
+{
+    const DWORD backwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ;
+    const DWORD forwards = EVENTLOG_SEQUENTIAL_READ | EVENTLOG_FORWARDS_READ;
+    std::vector<BYTE> block(MAX_READ_BYTES + 1), other(READ_BYTES);
+    log_read read;
+    static const struct {
+        const char *when;
+        DWORD flags;
+    } refused[] = {
+        {"no direction",                     EVENTLOG_SEQUENTIAL_READ               },
+        {"both directions",
+         EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ | EVENTLOG_FORWARDS_READ},
+        {"seeking and sequentially",
+         EVENTLOG_SEEK_READ | EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ    },
+        {"neither seeking nor sequentially", EVENTLOG_BACKWARDS_READ                },
+    };
+
+    for (const auto &row : refused) {
+        read = read_log(log, row.flags, 0, block.data(), READ_BYTES);
+        conform(run, "ReadEventLogW", row.when, read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
+    }
+    read = read_log(log, backwards, 0, NULL, READ_BYTES);
+    conform(run, "ReadEventLogW", "no buffer", read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
+    conform(run, "ReadEventLogW", "no buffer: bytes read", read.read, {UNTOUCHED}, OBSERVED);
+    conform(run, "ReadEventLogW", "no buffer: bytes needed", read.needed, {UNTOUCHED}, OBSERVED);
+    read = read_log(log, backwards, 0, block.data(), MAX_READ_BYTES + 1);
+    conform(run, "ReadEventLogW", "a buffer above 0x7ffff bytes", read.error, {}, OPEN);
+    read = read_log(no_handle(), backwards, 0, block.data(), READ_BYTES);
+    conform(run, "ReadEventLogW", "a handle that is none", read.error, {ERROR_INVALID_HANDLE});
+    read = read_log(log, backwards, 0, block.data(), 1);
+    conform(run, "ReadEventLogW", "a buffer of one byte", read.error,
+            {ERROR_INSUFFICIENT_BUFFER, ERROR_HANDLE_EOF});
+    conform(run, "ReadEventLogW", "a buffer of one byte: the need is told",
+            read.error == ERROR_HANDLE_EOF || (read.needed > 56 && read.needed <= 0x10000), {1});
+    read = read_log(log, backwards, 0, block.data(), READ_BYTES);
+    conform(run, "ReadEventLogW", "backwards", read.error, {0, ERROR_HANDLE_EOF});
+    if (read.error != ERROR_SUCCESS)
+        return;
+    conform(run, "ReadEventLogW", "backwards: the record is sound",
+            is_record_sound(block.data(), read.read), {1});
+    const DWORD newest = first_number(block);
+    HANDLE second = OpenEventLogW(NULL, L"System");
+    read = read_log(second, forwards, 0, other.data(), READ_BYTES);
+    conform(run, "ReadEventLogW", "forwards", read.error, {0});
+    conform(run, "ReadEventLogW", "forwards begins with the oldest",
+            read.error == 0 && first_number(other) <= newest, {1});
+    read = read_log(second, EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ, newest, other.data(),
+                    READ_BYTES);
+    conform(run, "ReadEventLogW", "seeking the newest", read.error, {0});
+    conform(run, "ReadEventLogW", "seeking the newest gives it",
+            read.error == 0 && first_number(other) == newest, {1});
+    read = read_log(second, EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ, 0xfffffff0, other.data(),
+                    READ_BYTES);
+    conform(run, "ReadEventLogW", "seeking a number that no record has", read.error,
+            {ERROR_INVALID_PARAMETER, ERROR_HANDLE_EOF});
+    CloseEventLog(second);
+}
+
+void check_event_log(conformance &run)
+{
+    HANDLE log = OpenEventLogW(NULL, L"System");
+
+    conform(run, "OpenEventLogW", "System", error_if(log == NULL), {0});
+    conform(run, "OpenEventLogW", "no source", open_log_error(NULL, NULL),
+            {ERROR_INVALID_PARAMETER}, OBSERVED);
+    conform(run, "OpenEventLogW", "an unknown source opens Application",
+            open_log_error(NULL, L"no such source of events"), {0});
+    conform(run, "OpenEventLogW", "an empty server is this machine", open_log_error(L"", L"System"),
+            {0}, OBSERVED);
+    if (log != NULL) {
+        check_reading(run, log);
+        conform(run, "CloseEventLog", "an open log", error_if(!CloseEventLog(log)), {0});
+    }
+    conform(run, "CloseEventLog", "a handle that is none", error_if(!CloseEventLog(no_handle())),
+            {ERROR_INVALID_HANDLE});
+}
+
+static void check_snapshot(conformance &run, HANDLE snapshot)
+{
+    PROCESSENTRY32W entry = {};
+    bool own = false, threads = true, system = false;
+
+    entry.dwSize = sizeof(entry) - 1;
+    conform(run, "Process32FirstW", "a structure that is too small",
+            error_if(!Process32FirstW(snapshot, &entry)),
+            {ERROR_BAD_LENGTH, ERROR_INSUFFICIENT_BUFFER});
+    entry.dwSize = sizeof(entry);
+    conform(run, "Process32FirstW", "the first entry", error_if(!Process32FirstW(snapshot, &entry)),
+            {0});
+    conform(run, "Process32FirstW", "the size stays", entry.dwSize, {sizeof(entry)});
+    do {
+        own = own || entry.th32ProcessID == GetCurrentProcessId();
+        threads = threads && (entry.cntThreads > 0 || entry.th32ProcessID == 0);
+        system = system || entry.th32ProcessID == SYSTEM_PROCESS;
+    } while (Process32NextW(snapshot, &entry));
+    conform(run, "Process32NextW", "after the last entry", GetLastError(), {ERROR_NO_MORE_FILES});
+    conform(run, "CreateToolhelp32Snapshot", "holds the own process", own, {1}, OBSERVED);
+    conform(run, "CreateToolhelp32Snapshot", "each process has a thread", threads, {1}, OBSERVED);
+    conform(run, "CreateToolhelp32Snapshot", "holds System, process 4", system, {1}, OBSERVED);
+    conform(run, "CloseHandle", "a snapshot", error_if(!CloseHandle(snapshot)), {0});
+}
+
+static DWORD open_process_error(DWORD access, DWORD pid)
+{
+    HANDLE process = OpenProcess(access, FALSE, pid);
+    const DWORD error = error_if(process == NULL);
+
+    if (process != NULL)
+        CloseHandle(process);
+    return error;
+}
+
+static DWORD times_error(HANDLE process)
+{
+    FILETIME creation = {}, exited = {}, kernel = {}, user = {};
+
+    return error_if(!GetProcessTimes(process, &creation, &exited, &kernel, &user));
+}
+
+void check_processes(conformance &run)
+{
+    HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+
+    conform(run, "CreateToolhelp32Snapshot", "processes",
+            error_if(snapshot == INVALID_HANDLE_VALUE), {0});
+    check_snapshot(run, snapshot);
+    snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS | TH32CS_SNAPTHREAD, 0);
+    conform(run, "CreateToolhelp32Snapshot", "processes and more",
+            error_if(snapshot == INVALID_HANDLE_VALUE), {0});
+    CloseHandle(snapshot);
+    conform(run, "OpenProcess", "process 0",
+            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, 0), {ERROR_INVALID_PARAMETER});
+    conform(run, "OpenProcess", "a process that is none",
+            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, NO_PROCESS),
+            {ERROR_INVALID_PARAMETER});
+    conform(run, "OpenProcess", "System, full queries",
+            open_process_error(PROCESS_QUERY_INFORMATION, SYSTEM_PROCESS), {ERROR_ACCESS_DENIED},
+            OBSERVED);
+    conform(run, "OpenProcess", "System, limited queries",
+            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, SYSTEM_PROCESS),
+            {0, ERROR_ACCESS_DENIED});
+    conform(run, "GetProcessTimes", "the own process", times_error(GetCurrentProcess()), {0});
+    conform(run, "GetProcessTimes", "a handle that is none", times_error(no_handle()),
+            {ERROR_INVALID_HANDLE});
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId());
+    conform(run, "GetProcessTimes", "a handle without a right to query", times_error(process),
+            {ERROR_ACCESS_DENIED});
+    CloseHandle(process);
+    conform(run, "GetCurrentProcess", "the pseudo-handle",
+            reinterpret_cast<uintptr_t>(GetCurrentProcess()), {UINTPTR_MAX});
+    conform(run, "CloseHandle", "a handle that is none", error_if(!CloseHandle(no_handle())),
+            {ERROR_INVALID_HANDLE});
+}
+
+/* The last error of an adjustment, also when it succeeds, and what it changed. */
+static DWORD adjust(HANDLE token, DWORD luid, DWORD attributes, TOKEN_PRIVILEGES *previous,
+                    bool *done)
+{
+    TOKEN_PRIVILEGES wanted = {};
+    DWORD bytes = 0;
+
+    wanted.PrivilegeCount = 1;
+    wanted.Privileges[0] = {
+        {luid, 0},
+        attributes
+    };
+    SetLastError(UNTOUCHED);
+    *done = AdjustTokenPrivileges(token, FALSE, &wanted, previous != NULL ? sizeof(*previous) : 0,
+                                  previous, previous != NULL ? &bytes : NULL) != 0;
+    return GetLastError();
+}
+
+static void check_adjusting(conformance &run, HANDLE token)
+{
+    TOKEN_PRIVILEGES previous = {};
+    bool done;
+    DWORD error = adjust(token, 0x7777, SE_PRIVILEGE_ENABLED, NULL, &done);
+
+    conform(run, "AdjustTokenPrivileges", "an unknown privilege succeeds", done, {1});
+    conform(run, "AdjustTokenPrivileges", "an unknown privilege: last error", error,
+            {ERROR_NOT_ALL_ASSIGNED});
+    error = adjust(token, SECURITY_LUID, SE_PRIVILEGE_ENABLED, &previous, &done);
+    conform(run, "AdjustTokenPrivileges", "enabling: last error", error,
+            {ERROR_SUCCESS, ERROR_NOT_ALL_ASSIGNED});
+    if (error != ERROR_SUCCESS)
+        return;
+    conform(run, "AdjustTokenPrivileges", "enabling: what changed", previous.PrivilegeCount,
+            {0, 1});
+    error = adjust(token, SECURITY_LUID, SE_PRIVILEGE_ENABLED, &previous, &done);
+    conform(run, "AdjustTokenPrivileges", "enabling again changes nothing", previous.PrivilegeCount,
+            {0}, OBSERVED);
+    error = adjust(token, SECURITY_LUID, 0, &previous, &done);
+    conform(run, "AdjustTokenPrivileges", "disabling: what changed", previous.PrivilegeCount, {1},
+            OBSERVED);
+    conform(run, "AdjustTokenPrivileges", "disabling: the previous attributes",
+            previous.Privileges[0].Attributes & SE_PRIVILEGE_ENABLED, {SE_PRIVILEGE_ENABLED},
+            OBSERVED);
+}
+
+void check_token(conformance &run)
+{
+    HANDLE token = NULL, query_only = NULL, none = NULL;
+    LUID luid = {};
+    bool done;
+
+    conform(run, "OpenProcessToken", "adjusting and querying",
+            error_if(!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY,
+                                       &token)),
+            {0});
+    conform(run, "OpenProcessToken", "querying only",
+            error_if(!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &query_only)), {0});
+    conform(run, "OpenProcessToken", "a handle that is none",
+            error_if(!OpenProcessToken(no_handle(), TOKEN_QUERY, &none)), {ERROR_INVALID_HANDLE});
+    conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege",
+            error_if(!LookupPrivilegeValueA(NULL, "SeSecurityPrivilege", &luid)), {0});
+    conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege: its LUID", luid.LowPart,
+            {SECURITY_LUID}, OBSERVED);
+    conform(run, "LookupPrivilegeValueA", "the case of a name is ignored",
+            error_if(!LookupPrivilegeValueA(NULL, "SESECURITYPRIVILEGE", &luid)), {0}, OBSERVED);
+    conform(run, "LookupPrivilegeValueA", "an unknown name",
+            error_if(!LookupPrivilegeValueA(NULL, "SeNoSuchPrivilege", &luid)),
+            {ERROR_NO_SUCH_PRIVILEGE});
+    conform(run, "AdjustTokenPrivileges", "a handle without the right",
+            adjust(query_only, SECURITY_LUID, SE_PRIVILEGE_ENABLED, NULL, &done),
+            {ERROR_ACCESS_DENIED});
+    conform(run, "AdjustTokenPrivileges", "a handle that is none",
+            adjust(no_handle(), SECURITY_LUID, SE_PRIVILEGE_ENABLED, NULL, &done),
+            {ERROR_INVALID_HANDLE});
+    conform(run, "AdjustTokenPrivileges", "no state",
+            error_if(!AdjustTokenPrivileges(token, FALSE, NULL, 0, NULL, NULL)),
+            {ERROR_INVALID_PARAMETER}, OBSERVED);
+    check_adjusting(run, token);
+    CloseHandle(query_only);
+    conform(run, "CloseHandle", "a token", error_if(!CloseHandle(token)), {0});
+}
+
+static DWORD open_manager_error(const wchar_t *database)
+{
+    SC_HANDLE manager = OpenSCManagerW(NULL, database, SC_MANAGER_CONNECT);
+    const DWORD error = error_if(manager == NULL);
+
+    if (manager != NULL)
+        CloseServiceHandle(manager);
+    return error;
+}
+
+static DWORD open_service_error(SC_HANDLE manager, const wchar_t *name)
+{
+    SC_HANDLE service = OpenServiceW(manager, name, SERVICE_QUERY_STATUS);
+    const DWORD error = error_if(service == NULL);
+
+    if (service != NULL)
+        CloseServiceHandle(service);
+    return error;
+}
+
+/* Every Windows has this service; the scenario of the development host, too. */
+#define KNOWN_SERVICE L"EventLog"
+
+static void check_query(conformance &run, SC_HANDLE manager)
+{
+    SERVICE_STATUS status = {};
+    SC_HANDLE service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_STATUS);
+
+    conform(run, "OpenServiceW", "a service in another case",
+            open_service_error(manager, L"eVENTlOG"), {0});
+    conform(run, "QueryServiceStatus", "a service", error_if(!QueryServiceStatus(service, &status)),
+            {0});
+    conform(run, "QueryServiceStatus", "a service: its state", status.dwCurrentState,
+            {SERVICE_STOPPED, SERVICE_RUNNING, SERVICE_START_PENDING});
+    CloseServiceHandle(service);
+    service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_CONFIG);
+    conform(run, "QueryServiceStatus", "a handle without the right",
+            error_if(!QueryServiceStatus(service, &status)), {ERROR_ACCESS_DENIED});
+    CloseServiceHandle(service);
+    conform(run, "QueryServiceStatus", "the manager's handle",
+            error_if(!QueryServiceStatus(manager, &status)), {ERROR_INVALID_HANDLE});
+}
+
+void check_services(conformance &run)
+{
+    SC_HANDLE manager = OpenSCManagerW(NULL, NULL, SC_MANAGER_CONNECT);
+
+    conform(run, "OpenSCManagerW", "connecting", error_if(manager == NULL), {0});
+    conform(run, "OpenSCManagerW", "the active database by name",
+            open_manager_error(L"ServicesActive"), {0});
+    conform(run, "OpenSCManagerW", "an unknown database", open_manager_error(L"no such database"),
+            {ERROR_INVALID_NAME}, OBSERVED);
+    conform(run, "OpenSCManagerW", "the failed database", open_manager_error(L"ServicesFailed"),
+            {ERROR_DATABASE_DOES_NOT_EXIST}, OBSERVED);
+    conform(run, "OpenServiceW", "an empty name", open_service_error(manager, L""),
+            {ERROR_INVALID_NAME}, OBSERVED);
+    conform(run, "OpenServiceW", "a name with a backslash", open_service_error(manager, L"a\\b"),
+            {ERROR_INVALID_NAME});
+    conform(run, "OpenServiceW", "a service that is none",
+            open_service_error(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
+    check_query(run, manager);
+    conform(run, "CloseServiceHandle", "the manager", error_if(!CloseServiceHandle(manager)), {0});
+    conform(run, "CloseServiceHandle", "a closed handle", error_if(!CloseServiceHandle(manager)),
+            {ERROR_INVALID_HANDLE});
+}
