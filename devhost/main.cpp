@@ -263,6 +263,7 @@ static void add_redact(CLI::App &app, int *status)
         "redact", "Copies evidence as a scenario without names of computers and people");
 
     add_evidence_options(*command, *arguments);
+    command->get_option("--events")->required();
     command->add_option("FOLDER", arguments->folder, "New folder for the scenario")->required();
     command->callback([arguments, status] { *status = replay_command_redact(*arguments); });
 }
