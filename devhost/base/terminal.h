@@ -1,6 +1,6 @@
 /*
  * The program at a terminal: colours, progress, and the end by Ctrl-C. The script that starts the
- * program under Wine keeps the terminal to itself and says by environment variables what it is:
+ * program under Wine keeps the terminal to itself and describes it by environment variables:
  *
  *   BYPASS_COLOUR    set: the output is shown in a terminal with colours
  *   BYPASS_PROGRESS  set: the errors are shown in a terminal
@@ -16,7 +16,7 @@
  * first. */
 void terminal_open(void);
 
-/* Whether the standard output shows colours. NO_COLOR says no. */
+/* Whether the standard output shows colours. Never with NO_COLOR. */
 bool terminal_has_colours(void);
 
 /* Replaces the progress line by this text, when the work has taken more than two seconds and a

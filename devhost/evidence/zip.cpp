@@ -182,7 +182,7 @@ static void store(const uint8_t *data, uint64_t bytes, member_writer *out)
         out->put(data + done, static_cast<size_t>(std::min<uint64_t>(PIECE_BYTES, bytes - done)));
 }
 
-/* Result: whether the data is sound and no longer than the directory says. */
+/* Result: whether the data is sound and not longer than in the directory. */
 static bool inflate_member(const uint8_t *data, const entry &entry, member_writer *out)
 {
     struct inflater {

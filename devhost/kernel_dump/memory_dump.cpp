@@ -58,7 +58,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
     }
     if (pages != memory->pages) {
         *reason = "the runs of physical memory have " + std::to_string(memory->pages) +
-                  " pages, and the header says " + std::to_string(pages);
+                  " pages, and the header counts " + std::to_string(pages);
         return KERNEL_DUMP_DAMAGED;
     }
     memory->pages_offset = KERNEL_DUMP_HEADER_BYTES;
@@ -139,7 +139,7 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
     /* A wrong bit would shift all following pages. */
     if (memory->pages != file.at<uint64_t>(BITMAP_PRESENT)) {
         *reason = "the bitmap marks " + std::to_string(memory->pages) +
-                  " pages, and its header says " +
+                  " pages, and its header counts " +
                   std::to_string(file.at<uint64_t>(BITMAP_PRESENT));
         return KERNEL_DUMP_DAMAGED;
     }

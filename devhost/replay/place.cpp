@@ -15,7 +15,7 @@
 #define BUG_CHECK_STRING 0
 #define DUMP_PATH_STRING 1
 
-/* Where Windows writes dumps: as the registry says, or the default. */
+/* Where Windows writes dumps: the path in the registry, or the default. */
 static std::wstring dump_place(const wchar_t *value, const wchar_t *usual)
 {
     std::string text;

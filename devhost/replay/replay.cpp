@@ -18,7 +18,7 @@
 #include "../view/page.h"
 #include "../view/view.h"
 
-/* A check takes 13 polls of 30 s, more if the registry says so, and alarms follow within minutes. No
+/* A check takes 13 polls of 30 s, or as many as the registry names, and alarms follow within minutes. No
  * replay is longer than a day. */
 #define USUAL_MS   (8ull * 60 * 1000)
 #define STEP_MS    (60ull * 1000)

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/* An entry of journal_all() that stands out, and what it says. */
+/* An entry of journal_all() that stands out, and its sentence. */
 struct page_highlight {
     size_t index;
     std::string text;
