@@ -1,10 +1,9 @@
 /*
- * oxni_devhost: plays whole boots through the real plug-in DLL. This file: the command line, and
- * what the exit status says.
+ * oxni_devhost: plays whole boots through the real plug-in DLL. This file: the command line and the
+ * exit status.
  */
 #include <stdio.h>
 #include <windows.h>
-#include <io.h>
 
 #include <map>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "replay/commands.h"
 #include "scenario/journal.h"
 #include "run/session.h"
+#include "base/terminal.h"
 #include "base/text.h"
 #include "view/view.h"
 
@@ -58,18 +58,18 @@ static std::map<std::string, std::string> split_defines(const std::vector<std::s
 
 static int report_error(const devhost_error &error)
 {
+    terminal_progress_end();
     fflush(stdout);
     fprintf(stderr, "oxni_devhost: %s\n", error.what());
     return error.status;
 }
 
-/* Every file is played, whatever the previous one returned, unless the user wants to stop there; the
- * worst status counts. */
+/* Plays every file, with --stop up to the first failure. Result: the highest status. */
 static int run_files(const arguments &arguments)
 {
     if (!arguments.session.html.empty() && arguments.files.size() > 1)
         throw devhost_error(EXIT_BAD_CALL,
-                            "--html: expected one scenario file, a page shows one run");
+                            "--html: expected one scenario file, since a page shows one run");
     int worst = EXIT_ALL_HOLD;
     size_t skipped = 0;
 
@@ -104,7 +104,7 @@ static void prepare(arguments &arguments)
     view.log_level = s_levels.at(arguments.log);
     view.json = arguments.json;
     view.trace = arguments.session.trace;
-    view.colour = !arguments.json && _isatty(_fileno(stdout)) && getenv("NO_COLOR") == NULL;
+    view.colour = !arguments.json && terminal_has_colours();
     view.messages = arguments.messages;
     view.quiet = arguments.quiet;
     view_open(view);
@@ -114,7 +114,7 @@ static void prepare(arguments &arguments)
 
 static void add_plugin_option(CLI::App &command, std::string &path)
 {
-    command.add_option("--plugin", path, "The DLL; else the one beside this program");
+    command.add_option("--plugin", path, "The DLL; default: libbypass_mgr.dll beside this program");
 }
 
 static void add_memory_option(CLI::App &command, std::string &mode)
@@ -127,17 +127,17 @@ static void add_common_options(CLI::App &command, arguments &arguments)
 {
     command
         .add_option("--define", arguments.defines,
-                    "NAME=VALUE: what {NAME} in a path of a scenario stands for")
+                    "NAME=VALUE: replaces {NAME} in paths of a scenario")
         ->allow_extra_args(false);
-    command
-        .add_option("--log", arguments.log, "Lines of the plug-in that are shown, up to a level")
+    command.add_option("--log", arguments.log, "Shows log lines of the plug-in up to this level")
         ->check(CLI::IsMember({"none", "error", "warn", "info", "debug"}));
     add_memory_option(command, arguments.memory);
     add_plugin_option(command, arguments.session.plugin_path);
-    command.add_option("--keep", arguments.session.keep, "Folder for the run's files, kept");
-    command.add_flag("--messages", arguments.messages, "Shows messages as they stand");
+    command.add_option("--keep", arguments.session.keep,
+                       "New folder for the run's files, which is kept");
+    command.add_flag("--messages", arguments.messages, "Shows messages as JSON");
     command.add_flag("--trace", arguments.session.trace,
-                     "Shows the calls of the plug-in that can fail or that tell what it does");
+                     "Shows the plug-in's calls of Windows and the platform");
 }
 
 static void add_run(CLI::App &app, int *status)
@@ -149,16 +149,15 @@ static void add_run(CLI::App &app, int *status)
     add_common_options(*command, *options);
     command
         ->add_option("--console", options->session.commands,
-                     "[BOOT/]SECONDS:COMMAND: types a debug command at that moment")
+                     "[BOOT/]SECONDS:COMMAND: types a debug command at that time")
         ->allow_extra_args(false);
-    command->add_option("--html", options->session.html,
-                        "Writes the run as one page, for a browser, to this file");
+    command->add_option("--html", options->session.html, "Writes the run as a page for a browser");
     command->add_option("--place", options->session.place,
-                        "Folder for the run's files, best in memory; else the temporary one");
-    command->add_flag("--real-time", options->session.real_time, "Waits in real time");
-    command->add_flag("--json", options->json, "One JSON object a line");
-    command->add_flag("--quiet", options->quiet, "Shows failures and results only");
-    command->add_flag("--stop", options->stop, "Plays no further file after one that fails");
+                        "Folder for the run's temporary files; best in memory");
+    command->add_flag("--real-time", options->session.real_time, "Plays in real time");
+    command->add_flag("--json", options->json, "Prints one JSON object a line");
+    command->add_flag("--quiet", options->quiet, "Prints only failures and results");
+    command->add_flag("--stop", options->stop, "Stops after the first file that fails");
     command->callback([options, status] {
         prepare(*options);
         *status = run_files(*options);
@@ -169,7 +168,7 @@ static void add_console(CLI::App &app, int *status)
 {
     auto options = std::make_shared<arguments>();
     CLI::App *command = app.add_subcommand(
-        "console", "Lets a person type debug commands while time runs on request");
+        "console", "Plays a scenario for a person, who types commands and lets time pass");
 
     command->add_option("FILE", options->files, "Scenario file")->required()->expected(1);
     add_common_options(*command, *options);
@@ -182,10 +181,22 @@ static void add_console(CLI::App &app, int *status)
 static void add_damage_options(CLI::App &command, replay_arguments &arguments)
 {
     CLI::Option *strict =
-        command.add_flag("--strict", arguments.strict, "Refuses a log with any damage");
+        command.add_flag("--strict", arguments.strict, "Rejects a log with any damage");
 
-    command.add_flag("--lenient", arguments.lenient, "Reads what is left of a log that is cut off")
+    command
+        .add_flag("--lenient", arguments.lenient, "Reads the remaining records of a truncated log")
         ->excludes(strict);
+}
+
+static void add_product_options(CLI::App &command, std::vector<std::string> &products,
+                                std::string &file)
+{
+    command
+        .add_option("--product", products,
+                    "NAME:MODULE,MODULE[:COUNT[:STATUS]]: a registered product; can be repeated")
+        ->allow_extra_args(false);
+    command.add_option("--products", file,
+                       "Products as JSON: {\"NAME\": {\"modules\": [...], \"count\": 3}}");
 }
 
 /* The options that name evidence. */
@@ -194,16 +205,16 @@ static void add_evidence_options(CLI::App &command, replay_arguments &arguments)
     struct replay_options &options = arguments.options;
 
     options.boot = "last";
-    command.add_option("--events", options.events, "System log: .evtx, or JSON of \"events\"")
-        ->required();
-    command.add_option("--dump", options.dumps, "Crash dump; may stand several times")
+    command.add_option("--events", options.events, "System log: .evtx, or JSON records");
+    command.add_option("--dump", options.dumps, "Crash dump; can be repeated")
         ->allow_extra_args(false);
-    command.add_option("--boot", options.boot, "Which start of Windows in the log: N or last");
-    command
-        .add_option("--product", options.products,
-                    "NAME:MODULE,MODULE[:COUNT[:STATUS]]; may stand several times")
+    command.add_option("--boot", options.boot, "Start of Windows in the log: N or last");
+    add_product_options(command, options.products, options.products_file);
+    command.add_option("--registry", options.registries, "Registry export (.reg); can be repeated")
         ->allow_extra_args(false);
-    command.add_option("--registry", options.registry, "Registry export (.reg)");
+    command.add_option("--time-zone", options.time_zone,
+                       "Zone of the machine: UTC, +09:00, \"Tokyo Standard Time\"; default: of the "
+                       "evidence");
     add_damage_options(command, arguments);
 }
 
@@ -212,21 +223,37 @@ static void add_replay(CLI::App &app, int *status)
     auto arguments = std::make_shared<replay_arguments>();
     struct replay_options &options = arguments->options;
     CLI::App *command = app.add_subcommand(
-        "replay", "Tells what the plug-in decides on a machine's own evidence, and why");
+        "replay", "Prints what the plug-in decides on a machine's own evidence, and why");
 
+    command->add_option("EVIDENCE", options.source,
+                        "Folder or .zip with logs, dumps and registry exports; plays every boot");
     add_evidence_options(*command, *arguments);
     CLI::Option *boots = command->add_flag("--boots", arguments->boots,
                                            "Lists the boots of the log, and plays none");
-    command->add_flag("--json", options.json, "The result as JSON");
-    command->add_flag("--timing", options.timing, "Tells on stderr how long it took");
-    command
-        ->add_option("--html", options.html,
-                     "Writes the result as one page, for a browser, to this file")
+    command->add_flag("--json", options.json, "Prints the result as JSON");
+    command->add_flag("--timing", options.timing, "Prints the elapsed time to stderr");
+    command->add_option("--html", options.html, "Writes the result as a page for a browser")
         ->excludes(boots);
     add_plugin_option(*command, options.session.plugin_path);
-    command->add_option("--keep", options.session.keep, "Folder for the run's files, kept");
+    command->add_option("--keep", options.session.keep,
+                        "New folder for the run's files, which is kept");
     add_memory_option(*command, arguments->memory);
+    command->footer("The first line is the answer: bypass, no bypass or cannot tell.\n"
+                    "Exit status: 0 an answer was found, 2 invalid call, 3 unreadable evidence.");
     command->callback([arguments, status] { *status = replay_command(*arguments); });
+}
+
+static void add_dump(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<dump_options>();
+    CLI::App *command = app.add_subcommand(
+        "dump", "Prints the bug check, stack and drivers of crash dumps; needs no log");
+
+    command->add_option("DUMP", options->sources, "Crash dumps, folders or .zip files")->required();
+    add_product_options(*command, options->products, options->products_file);
+    command->add_flag("--json", options->json, "Prints the result as JSON");
+    add_plugin_option(*command, options->session.plugin_path);
+    command->callback([options, status] { *status = replay_command_dump(*options); });
 }
 
 static void add_redact(CLI::App &app, int *status)
@@ -236,6 +263,7 @@ static void add_redact(CLI::App &app, int *status)
         "redact", "Copies evidence as a scenario without names of computers and people");
 
     add_evidence_options(*command, *arguments);
+    command->get_option("--events")->required();
     command->add_option("FOLDER", arguments->folder, "New folder for the scenario")->required();
     command->callback([arguments, status] { *status = replay_command_redact(*arguments); });
 }
@@ -244,28 +272,26 @@ static void add_diff(CLI::App &app, int *status)
 {
     auto files = std::make_shared<std::pair<std::string, std::string>>();
     CLI::App *command =
-        app.add_subcommand("diff", "Tells what differs between two results of replay --json");
+        app.add_subcommand("diff", "Prints the differences of two results of replay --json");
 
     command->add_option("OLD", files->first, "Result of replay --json")->required();
-    command->add_option("NEW", files->second, "Another one")->required();
-    command->footer(
-        "Exit status: 0 nothing differs, 1 something does, 3 a file is no such result.");
+    command->add_option("NEW", files->second, "Another result")->required();
+    command->footer("Exit status: 0 equal, 1 different, 3 a file is not such a result.");
     command->callback([files, status] { *status = replay_diff(files->first, files->second); });
 }
 
 static const char s_events_footer[] =
     "The result is an array in the order of the log, oldest first, one record a line:\n"
-    "  record   number in the log\n"
-    "  source   name of the event's source\n"
+    "  record   record number\n"
+    "  source   source of the event\n"
     "  id       event id, qualifiers in the high 16 bits\n"
-    "  time     written, ISO 8601 in UTC, whole seconds\n"
+    "  time     time written, ISO 8601 in UTC, whole seconds\n"
     "  type     1 error, 2 warning, 4 information\n"
     "  strings  insertion strings, without binary data\n"
     "\n"
-    "Damage is never passed over in silence: each finding is a line on stderr. Damaged\n"
-    "records are skipped and counted; a file that is cut off is refused. A log that was in\n"
-    "use when it was copied does not say how long it is: a cut exactly between two of its\n"
-    "chunks is not seen.";
+    "Each damage of the log is a line on stderr. Damaged records are skipped and counted; a\n"
+    "truncated file is rejected. A log that was in use when it was copied does not contain its\n"
+    "own length: a truncation exactly between two chunks cannot be detected.";
 
 static void add_events(CLI::App &app, int *status)
 {
@@ -273,8 +299,8 @@ static void add_events(CLI::App &app, int *status)
     CLI::App *command =
         app.add_subcommand("events", "Prints the records of a log as JSON, for a scenario");
 
-    command->add_option("FILE", arguments->log, "System log: .evtx, or such JSON")->required();
-    command->add_option("-o,--output", arguments->output, "File to write, instead of stdout");
+    command->add_option("FILE", arguments->log, "System log: .evtx, or JSON records")->required();
+    command->add_option("-o,--output", arguments->output, "File to write; default: stdout");
     command->add_option("--from", arguments->from, "Lowest record number")->type_name("N");
     command->add_option("--to", arguments->to, "Highest record number")->type_name("N");
     add_damage_options(*command, *arguments);
@@ -284,7 +310,8 @@ static void add_events(CLI::App &app, int *status)
 
 static void add_doctor(CLI::App &app, int *status)
 {
-    app.add_subcommand("doctor", "Tells what this machine offers: engine, rights, dump settings")
+    app.add_subcommand("doctor",
+                       "Prints what this computer offers: engine, privileges, dump settings")
         ->callback([status] { *status = replay_doctor(); });
 }
 
@@ -296,16 +323,18 @@ int wmain(int argc, wchar_t **argv)
     std::vector<std::string> words;
     int status = EXIT_ALL_HOLD;
 
-    SetConsoleOutputCP(CP_UTF8);
+    terminal_open();
+    terminal_watch_interrupt();
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
     for (void (*add)(CLI::App &, int *) :
-         {add_run, add_console, add_replay, add_diff, add_redact, add_events, add_doctor})
+         {add_run, add_console, add_replay, add_dump, add_diff, add_redact, add_events, add_doctor})
         add(app, &status);
     app.require_subcommand(1);
-    app.footer("Exit status: 0 every expectation holds, 1 one does not, 2 bad call or scenario,\n"
-               "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped.");
+    app.footer(
+        "Exit status: 0 every expectation holds, 1 one does not, 2 invalid call or scenario,\n"
+        "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped, 130 interrupted.");
     try {
         app.parse(words); /* runs the command */
     } catch (const CLI::ParseError &error) {
@@ -313,10 +342,11 @@ int wmain(int argc, wchar_t **argv)
     } catch (const devhost_error &error) {
         status = report_error(error);
     }
-    /* A result that is not whole is none, whatever it says. */
-    if ((fflush(stdout) != 0 || ferror(stdout) != 0) && status != EXIT_BAD_CALL) {
-        fprintf(stderr, "oxni_devhost: stdout: cannot be written\n");
-        status = EXIT_BAD_CALL;
-    }
+    const std::string reason = terminal_flush();
+
+    /* An incomplete result is not a result. */
+    if (!reason.empty() && status != EXIT_BAD_CALL)
+        status = report_error(
+            devhost_error(EXIT_BAD_CALL, "cannot write to the standard output: " + reason));
     return status;
 }

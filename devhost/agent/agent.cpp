@@ -1,4 +1,4 @@
-/* Life and death of the agent's process. */
+/* Start and end of the agent's process. */
 #include "agent.h"
 
 #include <windows.h>
@@ -14,7 +14,7 @@
 
 typedef uint64_t (*plugin_init_fn)(void);
 
-/* Thrown through the plug-in's frames in place of the end of the process. */
+/* Thrown through the plug-in's frames instead of an end of the process. */
 struct agent_exit {
 };
 
@@ -44,11 +44,11 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path)
     oxnih_set_process_path((agent_bin_folder() + "\\oxni_agent.exe").c_str());
     oxnih_set_log_dir(agent_base_folder().c_str());
     oxnih_set_exit(exit_agent, NULL);
-    /* The plug-in's calls come through this program: blocks are booked on who asked for them. */
+    /* The plug-in's calls pass through this program: blocks belong to the caller. */
     oxnih_memory_see_through(reinterpret_cast<const void *>(&exit_agent));
 }
 
-/* The entry of a loaded plug-in; NULL: it is another DLL. */
+/* The entry of a loaded plug-in; NULL: another DLL. */
 static plugin_init_fn init_of(HMODULE plugin)
 {
     return reinterpret_cast<plugin_init_fn>(
@@ -57,8 +57,8 @@ static plugin_init_fn init_of(HMODULE plugin)
 
 static devhost_error not_loaded(const std::string &path)
 {
-    return devhost_error(EXIT_NO_PLUGIN, text_format("%s: cannot be loaded, error %lu",
-                                                     path.c_str(), GetLastError()));
+    return devhost_error(EXIT_NO_PLUGIN,
+                         path + ": cannot be loaded: " + text_error(GetLastError()));
 }
 
 static devhost_error no_plugin(const std::string &path)

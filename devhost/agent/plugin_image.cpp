@@ -1,4 +1,4 @@
-/* Starts of one module without loading it anew. */
+/* Repeated starts of one module without loading it. */
 #include "plugin_image.h"
 
 #include <stdint.h>
@@ -9,7 +9,7 @@
 
 #include "../base/text.h"
 
-/* As the loader passes them; mingw's headers lack them. */
+/* Structures of the loader's notification; mingw's headers lack them. */
 struct unicode_string {
     USHORT bytes, max_bytes;
     wchar_t *text;
@@ -105,7 +105,7 @@ template <typename Function> static Function loader_function(const char *name)
         reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
 }
 
-/* Loads the module and saves its writable sections on the way. */
+/* Loads the module and saves its writable sections before the entry point runs. */
 static HMODULE load(void)
 {
     auto subscribe = loader_function<register_fn>("LdrRegisterDllNotification");
@@ -116,7 +116,7 @@ static HMODULE load(void)
 
     s_image.data.clear();
     if (s_image.stays_mapped && subscribe != NULL)
-        (void)subscribe(0, notified, NULL, &cookie); /* without it each start loads the file */
+        (void)subscribe(0, notified, NULL, &cookie); /* on failure each start loads the file */
     module = LoadLibraryW(s_image.path.c_str());
     error = GetLastError();
     if (cookie != NULL)
@@ -132,7 +132,7 @@ static saved_bytes save_imports(void)
         headers_of(base)->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IAT];
     DWORD before;
 
-    /* Writable from here on: each start writes it twice. */
+    /* Stays writable: each start writes it twice. */
     VirtualProtect(base + table.VirtualAddress, table.Size, PAGE_READWRITE, &before);
     return save(base + table.VirtualAddress, table.Size);
 }
@@ -209,7 +209,7 @@ void image_unload(void)
 {
     if (s_image.module == NULL)
         return;
-    /* An ended module hears a second time that the process detaches; its C runtime ignores that. */
+    /* The entry point of an ended module runs a second time; its C runtime ignores that. */
     protect_code(PAGE_EXECUTE_READ);
     FreeLibrary(s_image.module);
     s_image.module = NULL;

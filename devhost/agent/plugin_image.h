@@ -2,10 +2,10 @@
  * The plug-in's DLL in memory. Loading it from its file takes most of a simulated boot, so a host of
  * many boots keeps it mapped: a start restores the bytes that the module can write and its import
  * table, and runs its entry point as the loader does. An end runs the entry point again and makes
- * the code inaccessible, so that a call that comes too late faults as in a freed DLL.
+ * the code inaccessible, so that a late call faults as in a freed DLL.
  *
- * Not restored: static thread-local data (the plug-in has none), and the state of a DLL that only
- * the plug-in imports (there is none either). Host's one thread.
+ * Not restored: static thread-local data, and the state of a DLL that only the plug-in imports; there is
+ * neither. Host's one thread.
  */
 #ifndef DEVHOST_PLUGIN_IMAGE_H
 #define DEVHOST_PLUGIN_IMAGE_H
@@ -14,8 +14,8 @@
 
 #include <string>
 
-/* Whether the module stays mapped after image_end. Not at first: each start loads the file and each
- * end frees the module. Set while no plug-in is started. */
+/* Sets whether the module stays mapped after image_end. By default each start loads the file and each end
+ * frees the module. Called while no plug-in is started. */
 void image_keep_mapped(bool on);
 
 /* Starts the plug-in of that path: its entry point gets DLL_PROCESS_ATTACH and runs with

@@ -13,9 +13,10 @@ enum devhost_exit {
     EXIT_BAD_EVIDENCE = 3,
     EXIT_NO_PLUGIN = 4,
     EXIT_SKIPPED = 77, /* something that the scenario needs is not on this machine */
+    EXIT_INTERRUPTED = 130,
 };
 
-/* Ends the run: one line that names the file and place, and the exit status that it means. */
+/* Ends the run: one line that names the file and the place in it, and the exit status. */
 struct devhost_error : std::runtime_error {
     int status;
     devhost_error(int exit_status, const std::string &what)

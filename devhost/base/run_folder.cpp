@@ -3,28 +3,40 @@
 
 #include <windows.h>
 
+#include <mutex>
+#include <set>
+
 #include "text.h"
 
-/* A new, empty folder below the temporary one, or the one that was asked for. The name of one that
- * was not asked for has the same length each time, since the plug-in's calls depend on it. */
+/* Folders that are not kept. */
+static std::set<std::string> s_temporary;
+static std::mutex s_lock;
+
+static std::string usual_place(void)
+{
+    wchar_t text[1024] = L"";
+
+    if (GetEnvironmentVariableW(L"BYPASS_PLACE", text, ARRAYSIZE(text)) == 0)
+        GetTempPathW(ARRAYSIZE(text), text);
+    return text_narrow(text);
+}
+
+/* A generated name has the same length each time, since the plug-in's calls depend on it. */
 static std::string make_run_folder(const std::string &keep, const std::string &place)
 {
-    wchar_t temp[1024], full[1024];
+    wchar_t full[1024];
     std::string folder = keep;
 
-    if (folder.empty()) {
-        GetTempPathW(ARRAYSIZE(temp), temp);
-        folder = (place.empty() ? text_narrow(temp) : place + "\\") +
-                 text_format("oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
-    }
+    if (folder.empty())
+        folder = (place.empty() ? usual_place() : place) +
+                 text_format("\\oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
     GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
-    if (!CreateDirectoryW(full, NULL))
+    if (!CreateDirectoryW(full, NULL)) {
+        const DWORD error = GetLastError();
+
         throw devhost_error(EXIT_BAD_CALL,
-                            text_format("%s: %s, error %lu", folder.c_str(),
-                                        GetLastError() == ERROR_ALREADY_EXISTS
-                                            ? "is there already, expected a folder to be made"
-                                            : "cannot be made",
-                                        GetLastError()));
+                            "cannot make the folder '" + folder + "': " + text_error(error));
+    }
     return text_narrow(full);
 }
 
@@ -53,6 +65,10 @@ static void empty_folder(const std::wstring &folder)
 run_folder::run_folder(const std::string &keep, const std::string &place)
     : path(make_run_folder(keep, place)), kept(!keep.empty())
 {
+    const std::lock_guard<std::mutex> lock(s_lock);
+
+    if (!kept)
+        s_temporary.insert(path);
 }
 
 run_folder::~run_folder()
@@ -61,11 +77,25 @@ run_folder::~run_folder()
         return;
     empty();
     RemoveDirectoryW(text_wide(path).c_str());
+
+    const std::lock_guard<std::mutex> lock(s_lock);
+
+    s_temporary.erase(path);
 }
 
 void run_folder::empty() const
 {
     empty_folder(text_wide(path));
+}
+
+void run_folder_remove_all(void)
+{
+    const std::lock_guard<std::mutex> lock(s_lock);
+
+    for (const std::string &path : s_temporary) {
+        empty_folder(text_wide(path));
+        RemoveDirectoryW(text_wide(path).c_str());
+    }
 }
 
 std::string run_standard_plugin(void)

@@ -1,4 +1,4 @@
-/* What every run needs: its options and its folder. */
+/* The options and the folder of a run. */
 #ifndef DEVHOST_RUN_FOLDER_H
 #define DEVHOST_RUN_FOLDER_H
 
@@ -10,7 +10,7 @@ struct run_options {
     std::map<std::string, std::string> defines; /* what {NAME} in paths stands for */
     std::string plugin_path;
     std::string keep;                  /* folder of the run that is kept; empty: a temporary one */
-    std::string place;                 /* where a temporary one lies; empty: Windows' own place */
+    std::string place;                 /* where a temporary one lies; empty: the usual place */
     std::vector<std::string> commands; /* console commands, "[BOOT/]SECONDS:LINE" */
     bool real_time;
     bool trace;
@@ -21,9 +21,9 @@ struct run_options {
 /* The plug-in DLL beside this program. */
 std::string run_standard_plugin(void);
 
-/* A new folder for a run's files. It is deleted with the object unless keep named it; otherwise its
- * name is generated below place, or below the temporary folder. UTF-8, absolute. Throws
- * devhost_error. */
+/* A new folder for a run's files. Without keep its name is generated, and it is deleted with the
+ * object; it lies in place, else in the folder that the environment variable BYPASS_PLACE names, else
+ * in the temporary folder. UTF-8, absolute. Throws devhost_error. */
 struct run_folder {
     std::string path;
     bool kept;
@@ -35,5 +35,9 @@ struct run_folder {
     /* Deletes everything in it. */
     void empty() const;
 };
+
+/* Deletes what can be deleted of all folders that are not kept: the program is about to end. Any
+ * thread. */
+void run_folder_remove_all(void);
 
 #endif

@@ -11,7 +11,7 @@
 /* 1601 to 1970, in seconds. */
 #define UNIX_EPOCH_SECONDS 11644473600ll
 
-/* Most texts are, and need no call of Windows. */
+/* Most texts are ASCII, and need no call of Windows. */
 template <typename Char> static bool is_ascii(const std::basic_string<Char> &text)
 {
     return std::all_of(text.begin(), text.end(),
@@ -99,6 +99,69 @@ std::string text_replace(std::string text, const std::string &from, const std::s
     return text;
 }
 
+std::string text_count(uint64_t number, const std::string &noun)
+{
+    std::string text = std::to_string(number);
+
+    for (size_t at = text.size(); at > 3; at -= 3)
+        text.insert(at - 3, ",");
+    return text + " " + noun + (number == 1 ? "" : "s");
+}
+
+/* The texts of Windows itself are in the user's language, and Wine's are few. */
+static const struct {
+    DWORD error;
+    const char *text;
+} s_errors[] = {
+    {ERROR_FILE_NOT_FOUND,     "file not found"           },
+    {ERROR_PATH_NOT_FOUND,     "path not found"           },
+    {ERROR_ACCESS_DENIED,      "access denied"            },
+    {ERROR_INVALID_HANDLE,     "invalid handle"           },
+    {ERROR_NOT_ENOUGH_MEMORY,  "not enough memory"        },
+    {ERROR_WRITE_PROTECT,      "write-protected"          },
+    {ERROR_WRITE_FAULT,        "write failed"             },
+    {ERROR_SHARING_VIOLATION,  "in use by another program"},
+    {ERROR_HANDLE_EOF,         "end of file"              },
+    {ERROR_HANDLE_DISK_FULL,   "disk full"                },
+    {ERROR_FILE_EXISTS,        "file exists"              },
+    {ERROR_DISK_FULL,          "disk full"                },
+    {ERROR_INVALID_NAME,       "invalid name"             },
+    {ERROR_MOD_NOT_FOUND,      "module not found"         },
+    {ERROR_PROC_NOT_FOUND,     "function not found"       },
+    {ERROR_DIRECTORY,          "not a folder"             },
+    {ERROR_ALREADY_EXISTS,     "already exists"           },
+    {ERROR_BAD_EXE_FORMAT,     "not a DLL of this kind"   },
+    {ERROR_DLL_INIT_FAILED,    "entry point failed"       },
+    {ERROR_NOT_ALL_ASSIGNED,   "privilege not held"       },
+    {ERROR_PRIVILEGE_NOT_HELD, "privilege not held"       },
+};
+
+std::string text_error(unsigned long error)
+{
+    std::string text = "error";
+    wchar_t own[256] = L"";
+
+    for (const auto &row : s_errors)
+        if (row.error == error)
+            text = row.text;
+    if (text == "error" &&
+        FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, NULL, error, 0,
+                       own, ARRAYSIZE(own), NULL) != 0)
+        text = text_narrow(std::wstring(own, wcscspn(own, L".\r\n")));
+    return text + text_format(" (%lu)", error);
+}
+
+std::vector<std::string> text_split(const std::string &text, char separator)
+{
+    std::vector<std::string> parts;
+    size_t at = 0;
+
+    for (size_t end; (end = text.find(separator, at)) != std::string::npos; at = end + 1)
+        parts.push_back(text.substr(at, end - at));
+    parts.push_back(text.substr(at));
+    return parts;
+}
+
 std::string text_quoted(const std::string &text)
 {
     std::string out = "\"";
@@ -154,7 +217,7 @@ bool text_fits(const std::string &text, const std::string &pattern)
 
 static void append_json(std::string &out, const json_t *json)
 {
-    /* Jansson's iterators are declared for changing, too. */
+    /* Jansson declares its iterators for non-constant objects. */
     json_t *object = const_cast<json_t *>(json);
     bool first = true;
 
@@ -223,7 +286,7 @@ static bool read_digits(const char **at, int digits, unsigned *number)
     return true;
 }
 
-/* The part behind the seconds, ".fffffff" with 1 to 9 digits, in 100 ns. */
+/* The fraction after the seconds, ".fffffff" of 1 to 9 digits, in 100 ns. */
 static uint64_t read_fraction(const char **at)
 {
     uint64_t ticks = 0, unit = TICKS_PER_SECOND / 10;
@@ -237,7 +300,7 @@ bool time_parse(const std::string &iso, uint64_t *filetime_100ns)
 {
     static const struct {
         int digits;
-        char behind; /* '\0': the fraction or the Z follows */
+        char next; /* '\0': the fraction or the Z follows */
     } layout[] = {
         {4, '-' },
         {2, '-' },
@@ -254,7 +317,7 @@ bool time_parse(const std::string &iso, uint64_t *filetime_100ns)
 
     for (size_t i = 0; i < 6; i++)
         if (!read_digits(&at, layout[i].digits, &part[i]) ||
-            (layout[i].behind != '\0' && *at++ != layout[i].behind))
+            (layout[i].next != '\0' && *at++ != layout[i].next))
             return false;
     if (*at == '.')
         fraction = read_fraction(&at);
@@ -294,7 +357,7 @@ uint64_t time_of_unix(int64_t seconds)
 
 double time_real_ms(void)
 {
-    static LARGE_INTEGER s_second; /* the same as long as Windows runs */
+    static LARGE_INTEGER s_second; /* constant while Windows runs */
     LARGE_INTEGER now;
 
     if (s_second.QuadPart == 0)

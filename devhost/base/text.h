@@ -6,12 +6,13 @@
 #include <stdio.h>
 
 #include <string>
+#include <vector>
 
 #include <oxni/base/json.h>
 
 #include "exit_status.h"
 
-/* UTF-16 and UTF-8; what is not valid becomes U+FFFD. */
+/* UTF-16 and UTF-8; invalid characters become U+FFFD. */
 std::string text_narrow(const std::wstring &wide);
 std::wstring text_wide(const std::string &utf8);
 
@@ -25,10 +26,19 @@ std::string text_lower(const std::string &ascii);
 /* text with every occurrence of one part replaced. */
 std::string text_replace(std::string text, const std::string &from, const std::string &to);
 
+/* "1 dump", "2,345 records": a number with its noun, which takes an s. */
+std::string text_count(uint64_t number, const std::string &noun);
+
+/* "file not found (2)": an error of Windows in words, with its code. */
+std::string text_error(unsigned long error);
+
+/* Splits at each separator: "a,,b" has three parts, "" has one. */
+std::vector<std::string> text_split(const std::string &text, char separator);
+
 /* A JSON string. text: UTF-8. */
 std::string text_quoted(const std::string &text);
 
-/* The parts of a line as the plug-in logs it. */
+/* The parts of a log line of the plug-in. */
 struct log_line {
     std::string level;   /* "info" */
     std::string place;   /* "file.cpp:12"; empty for a line of another form */
@@ -36,17 +46,17 @@ struct log_line {
 };
 log_line text_log_line(const std::string &line);
 
-/* Whether pattern, in which * stands for any characters, fits the whole text. */
+/* Whether pattern matches the whole text; * matches any characters. */
 bool text_fits(const std::string &text, const std::string &pattern);
 
-/* JSON text of a Jansson value with separators ", " and ": ". Uses no memory of the platform, whose
- * allocations are counted. NULL gives "null". */
+/* JSON text of a Jansson value with separators ", " and ": ". Allocates nothing from the platform,
+ * whose allocations are counted. NULL gives "null". */
 std::string text_of_json(const json_t *json);
 
-/* "2024-03-07T09:05:41Z", with .000 when asked for, of a UTC FILETIME. */
+/* "2024-03-07T09:05:41Z" of a UTC FILETIME, with milliseconds if wanted. */
 std::string time_iso(uint64_t filetime_100ns, bool milliseconds = false);
 
-/* Parses "YYYY-MM-DDTHH:MM:SS[.fffffff]Z". Result: whether it is one. */
+/* Parses "YYYY-MM-DDTHH:MM:SS[.fffffff]Z". Result: whether the text is such a time. */
 bool time_parse(const std::string &iso, uint64_t *filetime_100ns);
 
 /* "1d 02:03:04.500" of a number of milliseconds. */
@@ -56,7 +66,7 @@ std::string time_span(uint64_t ms);
 int64_t time_unix(uint64_t filetime_100ns);
 uint64_t time_of_unix(int64_t seconds);
 
-/* Milliseconds of this machine's own clock since some moment; for measuring only. */
+/* Milliseconds of this computer's clock since an unspecified moment; for measurements only. */
 double time_real_ms(void);
 
 #define TICKS_PER_SECOND 10000000ull

@@ -1,5 +1,5 @@
-/* The engine's object: translation between the debugger's interfaces and the reader of dumps. One
- * object is client and control at once. Used from one thread at a time. */
+/* The engine's object: translates between the debugger's interfaces and the reader of dumps. One object
+ * is both client and control. Used from one thread at a time. */
 #include "engine_script_internal.h"
 #include "kernel_dump.h"
 
@@ -17,7 +17,7 @@ namespace
 {
 enum session_state {
     SESSION_NONE,
-    SESSION_OPEN,  /* a dump is open, its one event not waited for */
+    SESSION_OPEN,  /* a dump is open, and no client has waited for its event */
     SESSION_READY, /* stopped at the crash */
 };
 
@@ -58,7 +58,7 @@ class engine final : public engine_unused_client, public engine_unused_control
     IDebugOutputCallbacks *m_callbacks = NULL; /* a reference of our own */
     enum session_state m_session = SESSION_NONE;
     kernel_dump m_dump;
-    std::unique_ptr<std::string> m_script_text; /* in place of the dump */
+    std::unique_ptr<std::string> m_script_text; /* replaces the dump */
 };
 
 struct error_row {
@@ -79,7 +79,7 @@ static const struct error_row s_errors[] = {
     {KERNEL_DUMP_NO_MODULES, ERROR_INVALID_DATA },
 };
 
-/* What clients have not given back. A leaked client may drop its references from any thread. */
+/* References that clients hold. A leaked client may release its references on any thread. */
 static volatile LONG s_objects;
 static volatile LONG s_references;
 static volatile LONG s_callbacks;
@@ -102,7 +102,7 @@ static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, s
     }
 }
 
-/* The file is mapped, since it may be bigger than the memory, and only for the time of reading. */
+/* The file is mapped, since it may be larger than the memory, and only while it is read. */
 static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *reason)
 {
     HANDLE file = INVALID_HANDLE_VALUE;
@@ -127,7 +127,7 @@ static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *re
         result = read_bytes(view, (uint64_t)size.QuadPart, dump, reason);
     } else {
         result = HRESULT_FROM_WIN32(error);
-        *reason = "the file cannot be read, error " + std::to_string(error);
+        *reason = "the file cannot be read: error " + std::to_string(error);
     }
     if (view != NULL)
         UnmapViewOfFile(view);
@@ -138,8 +138,8 @@ static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *re
     return result;
 }
 
-/* Without unwind tables a frame's own parameters are not known; the four places above the return
- * address are where its function keeps them when it keeps them at all. */
+/* Without unwind tables a frame's parameters are unknown; a function that stores them does so in the four
+ * slots above the return address. */
 static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_frame> &walked,
                         DEBUG_STACK_FRAME *frames)
 {
@@ -191,7 +191,7 @@ HRESULT engine::query(REFIID iid, void **out)
         *out = static_cast<IDebugControl *>(this);
     } else if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDebugClient) ||
                IsEqualIID(iid, IID_IDebugClient4)) {
-        /* The methods of the first client interface are the first ones of the fourth. */
+        /* The fourth client interface begins with the methods of the first. */
         *out = static_cast<IDebugClient4 *>(this);
     } else {
         return E_NOINTERFACE;
@@ -244,7 +244,7 @@ HRESULT engine::SetOutputCallbacks(IDebugOutputCallbacks *callbacks)
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_SET_OUTPUT_CALLBACKS);
 
     engine_script_called("SetOutputCallbacks(%s)", callbacks != NULL ? "*" : "null");
-    /* A client takes its callbacks back with NULL whatever happened before: that always works. */
+    /* Removing the callbacks always works. */
     if (callbacks != NULL && fault != S_OK)
         return fault;
     keep_callbacks(callbacks);
@@ -264,7 +264,7 @@ HRESULT engine::open(PCWSTR path)
     }
     result = engine_script_map_path(path, &mapped);
     if (result != S_OK)
-        return engine_script_refuse(path, result, "the path leads to no file");
+        return engine_script_refuse(path, result, "the path is not mapped to a file");
     result = read_file(mapped.c_str(), &m_dump, &reason);
     if (result != S_OK)
         return engine_script_refuse(path, result, reason.c_str());
@@ -310,8 +310,8 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
 
-    /* The dump is read already, there is nothing to wait for. */
     engine_script_called("WaitForEvent(0x%lx, %lu)", flags, timeout_ms);
+    /* The dump is read already. */
     if (fault != S_OK)
         return fault;
     if (flags != 0)
@@ -358,7 +358,7 @@ void engine::put(const std::string &text)
     m_callbacks->Output(DEBUG_OUTPUT_NORMAL, text.c_str());
 }
 
-/* A line at a time: a client must put the pieces together. */
+/* Sends a line at a time: a client must join the pieces. */
 void engine::put_script_text()
 {
     const std::string &text = *m_script_text;
@@ -372,9 +372,8 @@ void engine::put_script_text()
     }
 }
 
-/* The columns before the call site stand in this order. The values of parameters
- * (DEBUG_STACK_PARAMETERS) come from symbols; there are none, so that flag adds nothing, as in an
- * engine that finds no symbols. */
+/* The columns before the call site, in this order. Values of parameters (DEBUG_STACK_PARAMETERS) need
+ * symbols, so that flag adds nothing, as in an engine that finds no symbols. */
 void engine::put_column_names(ULONG flags)
 {
     if ((flags & DEBUG_STACK_FRAME_NUMBERS) != 0)
@@ -407,7 +406,7 @@ void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
     put("\n");
 }
 
-/* What the dump lacks stands before the stack, where no client looks for frames. */
+/* The missing parts are listed before the stack, where no client expects frames. */
 void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags)
 {
     for (const std::string &gap : m_dump.gaps)
@@ -435,7 +434,7 @@ HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames
         return E_INVALIDARG;
     if (m_session != SESSION_READY)
         return E_UNEXPECTED;
-    /* There is one client a session, so "all" is that one. */
+    /* A session has one client, so "all" is that one. */
     if (m_callbacks == NULL ||
         (receivers != DEBUG_OUTCTL_THIS_CLIENT && receivers != DEBUG_OUTCTL_ALL_CLIENTS))
         return S_OK;

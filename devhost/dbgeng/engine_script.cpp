@@ -1,4 +1,4 @@
-/* The script that the engine plays by, copied from the development host. On the engine's thread. */
+/* The engine's script, copied from the development host. On the engine's thread. */
 #include "engine_script_internal.h"
 
 #include <cstdarg>
@@ -7,7 +7,7 @@
 #include <new>
 #include <vector>
 
-/* The longest path that Windows takes, with its terminator. */
+/* The longest path of Windows, with its terminator. */
 #define PATH_CHARS 32768u
 
 namespace

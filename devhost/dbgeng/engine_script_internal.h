@@ -1,4 +1,4 @@
-/* What the engine's objects ask its script. On the engine's thread. */
+/* The script as the engine's objects use it. On the engine's thread. */
 #ifndef DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 #define DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 
@@ -17,20 +17,20 @@ enum engine_call {
     ENGINE_CALL_COUNT,
 };
 
-/* What the call is to answer instead of working; S_OK: it works. */
+/* The result that the call returns instead of working; S_OK: it works. */
 HRESULT engine_script_fault_of(enum engine_call call);
 
 /* The stack text for a dump; NULL: the dump is read. Borrowed until the script changes. */
 const std::string *engine_script_stack_of(const wchar_t *path);
 
-/* Where the dump lies. Result as of the script's map. Throws std::bad_alloc. */
+/* The file of the dump. Result: as that of the script's map. Throws std::bad_alloc. */
 HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped);
 
-/* Tells the watch of a call of the client. */
+/* Reports a call of the client to the watch. */
 void engine_script_called(const char *format, ...)
     __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)));
 
-/* Tells the script; result goes through. */
+/* Reports the refusal to the script. Result: result. */
 HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason);
 
 #endif

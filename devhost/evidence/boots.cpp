@@ -1,11 +1,10 @@
-/* Runs of Windows. The record of a start is the kernel's own: other providers use its number
- * too. */
+/* Runs of Windows. Other providers use the kernel's event ids too, so the source counts. */
 #include "boots.h"
 
 #include "../base/text.h"
 #include "system_events.h"
 
-/* The place of the boot's moment among the strings of a start record. */
+/* The string of a start record that contains the time of the start. */
 #define START_TIME_STRING 6
 
 static bool is(const event_record &event, const wchar_t *source, uint32_t id)
@@ -28,7 +27,7 @@ bool evidence_is_bug_check(const event_record &event)
     return is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK);
 }
 
-/* The boot's moment is in the record itself; the record is written a little later. */
+/* The record contains the time of the start; it is written a little later. */
 static uint64_t started(const event_record &event)
 {
     uint64_t time;
@@ -38,18 +37,24 @@ static uint64_t started(const event_record &event)
     return time_of_unix(event.time);
 }
 
-/* The record of an unexpected shutdown has the code of the blue screen that it came by; 0, or none
- * in older Windows, says that there was none. */
-static enum run_ending unexpected_ending(const event_record &event)
+bool evidence_is_unexpected(const event_record &event)
 {
-    const std::wstring code = event.strings.at(0);
-
-    return code.empty() || wcstoul(code.c_str(), NULL, 0) == 0 ? RUN_ENDED_POWER_LOSS
-                                                               : RUN_ENDED_BLUE_SCREEN;
+    return is(event, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN);
 }
 
-/* The records of the next start tell of a crash or a loss of power; a shutdown stands in the run
- * itself. A run that began to shut down and crashed then did not end clean. */
+bool evidence_is_time_zone(const event_record &event)
+{
+    return is(event, SOURCE_KERNEL_GENERAL, EVENT_TIME_ZONE);
+}
+
+/* The code is 0 after a loss of power; older Windows writes no string. */
+uint32_t evidence_unexpected_code(const event_record &event)
+{
+    return static_cast<uint32_t>(wcstoul(event.strings.at(0).c_str(), NULL, 0));
+}
+
+/* The next run's records show a crash or a loss of power, the run's own records a shutdown. A run
+ * that crashed while it shut down did not end clean. */
 static void find_ending(const evidence_log &log, evidence_run *run, const evidence_run *next)
 {
     for (size_t i = run->begin; i < run->end; i++)
@@ -63,9 +68,10 @@ static void find_ending(const evidence_log &log, evidence_run *run, const eviden
             run->told_by = i;
             return;
         }
-        if (is(log.events[i], SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN) &&
+        if (evidence_is_unexpected(log.events[i]) &&
             (run->told_by == NO_RECORD || run->told_by < next->begin)) {
-            run->ending = unexpected_ending(log.events[i]);
+            run->ending = evidence_unexpected_code(log.events[i]) == 0 ? RUN_ENDED_POWER_LOSS
+                                                                       : RUN_ENDED_BLUE_SCREEN;
             run->told_by = i;
         }
     }

@@ -1,6 +1,6 @@
 /*
- * The runs of Windows in a System log: where each one starts, and how it ended. The numbers of the
- * records give their order; clocks jump.
+ * The runs of Windows in a System log: where each starts, and how it ended. Records are ordered by
+ * number, since clocks jump.
  */
 #ifndef DEVHOST_EVIDENCE_BOOTS_H
 #define DEVHOST_EVIDENCE_BOOTS_H
@@ -14,21 +14,21 @@
 #include "log.h"
 
 enum run_ending {
-    RUN_ENDED_UNKNOWN, /* the log does not tell, or the run goes on */
+    RUN_ENDED_UNKNOWN, /* the log does not show it, or the run goes on */
     RUN_ENDED_CLEAN,
     RUN_ENDED_BLUE_SCREEN,
-    RUN_ENDED_POWER_LOSS, /* unexpectedly, and no blue screen was recorded */
+    RUN_ENDED_POWER_LOSS, /* unexpectedly, without a recorded blue screen */
 };
 
 #define NO_RECORD SIZE_MAX
 
 /* One run of Windows. Indexes are those of evidence_log.events. */
 struct evidence_run {
-    size_t number;          /* from 1; 0 for what is left of a run that began before the log */
-    size_t begin, end;      /* its records: from its start record to that of the next run */
+    size_t number;          /* from 1; 0 for a run that began before the log */
+    size_t begin, end;      /* its records, end exclusive: from its start record to the next one */
     uint64_t started_100ns; /* FILETIME; 0 for number 0 */
     enum run_ending ending;
-    size_t told_by; /* the record that tells its ending, in this run or the next; NO_RECORD: none */
+    size_t told_by; /* the record that shows its ending, in this run or the next; NO_RECORD: none */
 };
 
 /* Oldest first; empty when the log is. */
@@ -37,9 +37,15 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log);
 /* "clean", "blue screen", "power loss", "unknown". */
 const char *evidence_ending_name(enum run_ending ending);
 
-/* The start of Windows, a change of the clock and a blue screen as the log records them. */
+/* Records of a start of Windows, a change of the clock, a blue screen, an unexpected shutdown and a
+ * refresh of the time zone. */
 bool evidence_is_start(const event_record &event);
 bool evidence_is_clock_change(const event_record &event);
 bool evidence_is_bug_check(const event_record &event);
+bool evidence_is_unexpected(const event_record &event);
+bool evidence_is_time_zone(const event_record &event);
+
+/* The bug check code of a record of an unexpected shutdown; 0: the record contains none. */
+uint32_t evidence_unexpected_code(const event_record &event);
 
 #endif

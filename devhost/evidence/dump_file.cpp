@@ -1,11 +1,8 @@
-/* Crash dumps as they are handed in. */
+/* Crash dumps that are handed in. */
 #include "dump_file.h"
 
 #include "../base/text.h"
 #include "file.h"
-
-/* What a small dump that Windows wrote may carry on top of the code. */
-#define TRIAGE_CODE_FLAG 0x10000000u
 
 void evidence_dump_read(const std::string &path, evidence_dump *dump)
 {
@@ -14,13 +11,14 @@ void evidence_dump_read(const std::string &path, evidence_dump *dump)
     std::string reason;
 
     *dump = {path,
+             path,
              slash == std::string::npos ? path : path.substr(slash + 1),
              file.bytes(),
              file.written_100ns(),
              {}};
     if (kernel_dump_read(file.data(), file.bytes(), &dump->facts, &reason) != KERNEL_DUMP_OK)
         evidence_bad(path, reason);
-    dump->facts.stack.clear(); /* up to the size of the memory, and nobody asks for it here */
+    dump->facts.stack.clear(); /* as large as the kernel's stack, and not needed here */
 }
 
 enum evidence_fit evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check)
@@ -31,7 +29,7 @@ enum evidence_fit evidence_dump_fits(const evidence_dump &dump, const std::strin
     if (sscanf(bug_check.c_str(), "%x (%llx, %llx, %llx, %llx)", &code, &parameters[0],
                &parameters[1], &parameters[2], &parameters[3]) != 5)
         return EVIDENCE_FIT_UNKNOWN;
-    if ((code & ~TRIAGE_CODE_FLAG) != (dump.facts.bug_check & ~TRIAGE_CODE_FLAG))
+    if ((code & ~KERNEL_DUMP_TRIAGE_FLAG) != (dump.facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG))
         return EVIDENCE_FITS_NOT;
     for (size_t i = 0; i < 4; i++)
         if (parameters[i] != dump.facts.parameters[i])

@@ -1,4 +1,4 @@
-/* A record of the System log, as the classic event-log interface of Windows gives it. */
+/* A record of the System log with the members of the classic event-log interface of Windows. */
 #ifndef DEVHOST_EVENT_RECORD_H
 #define DEVHOST_EVENT_RECORD_H
 
@@ -8,8 +8,8 @@
 #include <initializer_list>
 #include <string>
 
-/* Insertion strings of a record, one after the other as the log has them: a log of tens of
- * thousands of records should not take many times its size. */
+/* Insertion strings of a record, packed one after the other: a log of tens of thousands of records must
+ * not take many times its size. */
 class event_strings
 {
   public:

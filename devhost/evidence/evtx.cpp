@@ -1,5 +1,5 @@
-/* Reading of an .evtx file. The library reads the records; it says nothing of wrong check sums,
- * lost records and cut-off files, so those are looked for here. */
+/* Reading of an .evtx file. The library reads the records; it does not report wrong check sums, missing
+ * records and truncated files, so this file does. */
 #include "log.h"
 
 #include <windows.h>
@@ -12,15 +12,16 @@
 
 #include <oxni/base/algo.h>
 
+#include "../base/terminal.h"
 #include "../base/text.h"
 #include "file.h"
 
-/* The library's header wants another library's for functions that are not used here. */
+/* The library's header includes another library's for functions that are not used here. */
 #include <libevtx/features.h>
 #undef LIBEVTX_HAVE_BFIO
 #include <libevtx.h>
 
-/* Of that other library, which is a part of this one's archive: a file that lies in memory. */
+/* From that other library, which is part of this one's archive: a file in memory. */
 extern "C" {
 typedef intptr_t libbfio_handle_t;
 int libbfio_memory_range_initialize(libbfio_handle_t **handle, libevtx_error_t **error);
@@ -34,9 +35,9 @@ int libevtx_file_open_file_io_handle(libevtx_file_t *file, libbfio_handle_t *han
 #define HEADER_BYTES       4096u
 #define CHUNK_BYTES        65536u
 #define CHUNK_HEADER_BYTES 512u
-/* What the library has open at a time. */
+/* The part of the file that the library has open at a time. */
 #define SLICE_BYTES (64ull * CHUNK_BYTES)
-/* A log counts its chunks in 16 bits. */
+/* The header counts chunks in 16 bits. */
 #define MOST_BYTES (HEADER_BYTES + 0xffffull * CHUNK_BYTES)
 
 namespace
@@ -62,7 +63,7 @@ struct record_closer {
     }
 };
 
-/* The numbers that the file's chunks say they hold. */
+/* The record numbers that the headers of the chunks name. */
 struct record_range {
     uint64_t first = UINT64_MAX;
     uint64_t last = 0;
@@ -77,7 +78,7 @@ template <typename T> static T at(const uint8_t *bytes, size_t offset)
     return value;
 }
 
-/* The CRC-32 of two pieces one behind the other. */
+/* The CRC-32 of the header without the check sum itself. */
 static uint32_t crc32_of_chunk_header(const uint8_t *chunk)
 {
     uint8_t pieces[0x78 + CHUNK_HEADER_BYTES - 0x80];
@@ -97,17 +98,17 @@ static void check_chunk(const uint8_t *chunk, uint64_t number, evidence_log *log
                         record_range *range)
 {
     if (memcmp(chunk, "ElfChnk", 8) != 0) {
-        log->damage.push_back("no chunk where one should be, " + chunk_place(number));
+        log->damage.push_back("chunk missing: " + chunk_place(number));
         return;
     }
     if (crc32_of_chunk_header(chunk) != at<uint32_t>(chunk, 0x7C)) {
-        log->damage.push_back("wrong check sum of the header, " + chunk_place(number));
+        log->damage.push_back("wrong check sum of the header: " + chunk_place(number));
         return;
     }
     const uint64_t first = at<uint64_t>(chunk, 0x18);
     const uint64_t last = at<uint64_t>(chunk, 0x20);
 
-    /* A chunk without a record says -1. */
+    /* A chunk without records has -1. */
     if (first <= last && last != UINT64_MAX) {
         range->first = std::min(range->first, first);
         range->last = std::max(range->last, last);
@@ -117,7 +118,7 @@ static void check_chunk(const uint8_t *chunk, uint64_t number, evidence_log *log
     if (end < CHUNK_HEADER_BYTES || end > CHUNK_BYTES ||
         oxni_crc32_calc(chunk + CHUNK_HEADER_BYTES, end - CHUNK_HEADER_BYTES) !=
             at<uint32_t>(chunk, 0x34))
-        log->damage.push_back("wrong check sum of the records, which are kept, " +
+        log->damage.push_back("wrong check sum of the records, which are used: " +
                               chunk_place(number));
 }
 
@@ -134,36 +135,37 @@ static void check_chunks(const evidence_file &file, evidence_log *log, record_ra
     *chunks = (file.bytes() - HEADER_BYTES) / CHUNK_BYTES;
     for (uint64_t number = 0; number < *chunks; number++) {
         const uint8_t *chunk = file.data() + HEADER_BYTES + number * CHUNK_BYTES;
-        /* Looked at only where no chunk begins: most do. */
+        /* Most chunks are used, so the rest is read only for the others. */
         const bool unused = memcmp(chunk, "ElfChnk", 8) != 0 && is_unused(chunk);
 
-        /* Windows lets a log grow by several chunks at a time, which are used one after another. */
+        /* Windows enlarges a log by several chunks at a time and uses them in order. */
         if (!unused && after_unused)
-            log->damage.push_back("empty chunk before a used one, " + chunk_place(number - 1));
+            log->damage.push_back("empty chunk before a used one: " + chunk_place(number - 1));
         if (!unused)
             check_chunk(chunk, number, log, range);
         after_unused = unused;
     }
     if ((file.bytes() - HEADER_BYTES) % CHUNK_BYTES != 0)
-        log->cut_off = "cut off, inside " + chunk_place(*chunks);
+        log->cut_off = "truncated inside " + chunk_place(*chunks);
 }
 
-/* The header of a log in use lags behind its chunks: it may say less than there is, never more. */
+/* The header of a log in use is older than its chunks: it may count fewer chunks, never more. */
 static void check_header(const uint8_t *header, uint64_t chunks, evidence_log *log,
                          record_range *range)
 {
     const uint64_t next_record = at<uint64_t>(header, 0x18);
-    const uint64_t said = at<uint16_t>(header, 0x2A);
+    const uint64_t counted = at<uint16_t>(header, 0x2A);
 
     if (oxni_crc32_calc(header, 0x78) != at<uint32_t>(header, 0x7C)) {
-        log->damage.push_back("wrong check sum of the file's header, at byte 0");
+        log->damage.push_back("wrong check sum of the file's header at byte 0");
         return;
     }
     if (next_record > 0)
         range->last = std::max(range->last, next_record - 1);
-    if (chunks < said && log->cut_off.empty())
-        log->cut_off = "cut off, behind " + std::to_string(chunks) + " of " + std::to_string(said) +
-                       " chunks, at byte " + std::to_string(HEADER_BYTES + chunks * CHUNK_BYTES);
+    if (chunks < counted && log->cut_off.empty())
+        log->cut_off = "truncated after " + std::to_string(chunks) + " of " +
+                       std::to_string(counted) + " chunks at byte " +
+                       std::to_string(HEADER_BYTES + chunks * CHUNK_BYTES);
 }
 
 static void check_file(const std::string &path, const evidence_file &file, evidence_log *log,
@@ -172,14 +174,14 @@ static void check_file(const std::string &path, const evidence_file &file, evide
     uint64_t chunks = 0;
 
     if (!evidence_is_evtx(file))
-        evidence_bad(path, "no event log, it does not begin with \"ElfFile\" at byte 0");
+        evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
     if (file.bytes() < HEADER_BYTES)
-        evidence_bad(path, "cut off, inside the header at byte " + std::to_string(file.bytes()));
+        evidence_bad(path, "truncated inside the header at byte " + std::to_string(file.bytes()));
     check_chunks(file, log, range, &chunks);
     check_header(file.data(), chunks, log, range);
 }
 
-/* The library's message, which it frees; one line. */
+/* The library's message in one line; frees the error. */
 static std::string library_error(libevtx_error_t **error)
 {
     char text[512] = "";
@@ -195,7 +197,7 @@ static std::string library_error(libevtx_error_t **error)
     return line;
 }
 
-/* Size in characters with its NUL from one function, text from the other; 0 for an empty one. */
+/* Reads a text: size_of gives its size in characters with the NUL, 0 for an empty one. */
 template <typename Size, typename Text>
 static bool read_text(Size size_of, Text text_of, std::wstring *text, libevtx_error_t **error)
 {
@@ -235,15 +237,15 @@ static bool read_strings(libevtx_record_t *record, event_record *event, libevtx_
     return true;
 }
 
-/* Whether a text can be binary data as the library shows it. */
+/* Whether a text can be binary data, which the library writes in hexadecimal. */
 static bool is_hexadecimal(const std::wstring &text)
 {
     return !text.empty() && text.size() % 2 == 0 &&
            text.find_first_not_of(L"0123456789abcdefABCDEF") == std::wstring::npos;
 }
 
-/* The library counts an event's binary data as its last string; a classic record keeps it apart.
- * Whether there is some only the record's XML tells, which costs more than all the rest. */
+/* The library returns an event's binary data as the last string; in a classic record it is separate.
+ * Only the record's XML shows whether there is any, which takes longer than everything else. */
 static bool drop_binary(libevtx_record_t *record, event_record *event, libevtx_error_t **error)
 {
     std::wstring xml;
@@ -298,8 +300,7 @@ static bool read_event(libevtx_record_t *record, event_record *event, libevtx_er
     return true;
 }
 
-/* The library ends with an error at the first part of a record that it cannot read; the record is
- * left out then, and its number is counted with the missing ones. */
+/* A record that the library cannot read completely is skipped, and counts as missing. */
 static void read_record(libevtx_file_t *file, int index, evidence_log *log)
 {
     const double start = time_real_ms();
@@ -311,7 +312,7 @@ static void read_record(libevtx_file_t *file, int index, evidence_log *log)
 
     if (libevtx_file_get_record_by_index(file, index, &got, &error) != 1 ||
         libevtx_record_get_identifier(got, &number, &error) != 1)
-        log->damage.push_back(library_error(&error) + ", at index " + std::to_string(index));
+        log->damage.push_back(library_error(&error) + " at index " + std::to_string(index));
     const std::unique_ptr<libevtx_record_t, record_closer> record(got);
 
     if (number != 0)
@@ -323,10 +324,10 @@ static void read_record(libevtx_file_t *file, int index, evidence_log *log)
     if (sound)
         log->events.push_back(std::move(event));
     else
-        log->damage.push_back(library_error(&error) + ", record " + std::to_string(number));
+        log->damage.push_back(library_error(&error) + ": record " + std::to_string(number));
 }
 
-/* The records of one slice: a log of its own, in memory. */
+/* Reads the records of one slice, a log of its own in memory. */
 static void read_slice(const std::string &path, std::string *bytes, evidence_log *log)
 {
     const double start = time_real_ms();
@@ -351,8 +352,8 @@ static void read_slice(const std::string &path, std::string *bytes, evidence_log
         read_record(file, i, log);
 }
 
-/* The library takes several times the memory of what it has open, so it gets a piece at a time. A
- * record never goes on in the next chunk. */
+/* The library needs several times the memory of the open part, so it gets slices. No record crosses a
+ * chunk. */
 static void read_records(const std::string &path, const evidence_file &file, evidence_log *log)
 {
     const char *data = reinterpret_cast<const char *>(file.data());
@@ -361,42 +362,37 @@ static void read_records(const std::string &path, const evidence_file &file, evi
     for (uint64_t at = HEADER_BYTES; at < file.bytes(); at += SLICE_BYTES) {
         const uint64_t left = file.bytes() - at;
 
+        terminal_progress(text_format("reading %s, %llu of %llu MiB", path.c_str(),
+                                      static_cast<unsigned long long>(at >> 20),
+                                      static_cast<unsigned long long>(file.bytes() >> 20)));
         slice.assign(data, HEADER_BYTES);
         slice.append(data + at, static_cast<size_t>(left < SLICE_BYTES ? left : SLICE_BYTES));
         read_slice(path, &slice, log);
     }
 }
 
-/* The numbers of a log have no gaps: what is missing between its first and last is lost. */
+/* Windows numbers records without gaps: a number that is missing between first and last is lost. */
 static void check_numbers(evidence_log *log, const record_range &range)
 {
     std::vector<event_record> &events = log->events;
     uint64_t next = range.first;
     size_t kept = 0;
-    const auto missing = [log](uint64_t first, uint64_t end) {
-        if (first >= end)
-            return;
-        log->damage.push_back("records missing, numbers " + std::to_string(first) + " to " +
-                              std::to_string(end - 1));
-        log->lost_records += end - first;
-    };
-
     std::stable_sort(
         events.begin(), events.end(),
         [](const event_record &a, const event_record &b) { return a.number < b.number; });
     for (event_record &event : events) {
         if (kept > 0 && event.number == events[kept - 1].number) {
-            log->damage.push_back("record twice, number " + std::to_string(event.number));
+            log->damage.push_back("record occurs twice: " + std::to_string(event.number));
             continue;
         }
-        missing(next, event.number);
+        evidence_note_gap(log, next, event.number);
         next = event.number + 1ull;
         if (&events[kept] != &event)
             events[kept] = std::move(event);
         kept++;
     }
     events.resize(kept);
-    missing(next, range.last + 1);
+    evidence_note_gap(log, next, range.last + 1);
 }
 
 bool evidence_is_evtx(const evidence_file &file)

@@ -10,18 +10,6 @@ void evidence_bad(const std::string &path, const std::string &what)
     throw devhost_error(EXIT_BAD_EVIDENCE, path + ": " + what);
 }
 
-static std::string error_text(DWORD error)
-{
-    switch (error) {
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_INVALID_NAME: return "there is no such file";
-    case ERROR_ACCESS_DENIED: return "access is denied";
-    case ERROR_SHARING_VIOLATION: return "another program has it open";
-    default: return text_format("error %lu", error);
-    }
-}
-
 /* A handle that closes itself. */
 struct scoped_handle {
     HANDLE handle;
@@ -40,7 +28,7 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
     BY_HANDLE_FILE_INFORMATION facts;
 
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-        evidence_bad(path, "is a folder, expected a file");
+        evidence_bad(path, "a folder, expected a file");
     const scoped_handle file = {CreateFileW(wide.c_str(), GENERIC_READ,
                                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                             NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL)};
@@ -48,7 +36,7 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
     if (file.handle == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(file.handle, &facts)) {
         const DWORD error = GetLastError();
 
-        evidence_bad(path, "cannot be opened: " + error_text(error));
+        evidence_bad(path, "cannot be opened: " + text_error(error));
     }
     bytes_ = static_cast<uint64_t>(facts.nFileSizeHigh) << 32 | facts.nFileSizeLow;
     written_100ns_ = static_cast<uint64_t>(facts.ftLastWriteTime.dwHighDateTime) << 32 |
@@ -67,7 +55,7 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
     if (data_ == NULL) {
         const DWORD error = GetLastError();
 
-        evidence_bad(path, "cannot be read: " + error_text(error));
+        evidence_bad(path, "cannot be read: " + text_error(error));
     }
 }
 
@@ -109,5 +97,5 @@ void evidence_write(const std::string &path, const std::string &text)
     if (error == ERROR_SUCCESS)
         return;
     DeleteFileW(beside.c_str());
-    throw devhost_error(EXIT_BAD_CALL, path + ": cannot be written: " + error_text(error));
+    throw devhost_error(EXIT_BAD_CALL, "cannot write '" + path + "': " + text_error(error));
 }

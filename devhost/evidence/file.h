@@ -1,5 +1,5 @@
 /*
- * Files that somebody hands in as evidence: mapped, never changed, and never trusted.
+ * Files that are handed in as evidence: mapped, never changed, never trusted.
  */
 #ifndef DEVHOST_EVIDENCE_FILE_H
 #define DEVHOST_EVIDENCE_FILE_H
@@ -8,7 +8,7 @@
 
 #include <string>
 
-/* Ends the run over a file, with EXIT_BAD_EVIDENCE: "PATH: what". */
+/* Ends the run because of a file, with EXIT_BAD_EVIDENCE: "PATH: what". */
 [[noreturn]] void evidence_bad(const std::string &path, const std::string &what);
 
 /* The bytes of a file for as long as the object lives. */
@@ -43,8 +43,8 @@ class evidence_file
     uint64_t written_100ns_ = 0;
 };
 
-/* Writes a result of the run: beside it first, then moved over it, so that a reader sees the old
- * file or the new one. Throws devhost_error with EXIT_BAD_CALL; nothing is left behind then. */
+/* Writes a result: to a temporary file, which then replaces the old one, so that a reader sees the old
+ * file or the new one. Throws devhost_error with EXIT_BAD_CALL and removes the temporary file then. */
 void evidence_write(const std::string &path, const std::string &text);
 
 #endif

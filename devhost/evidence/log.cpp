@@ -1,4 +1,4 @@
-/* Logs of either form, and what is said of their damage. */
+/* Logs of either form, and the lines about their damage. */
 #include "log.h"
 
 #include <windows.h>
@@ -8,19 +8,28 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/memorystream.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "../base/text.h"
 #include "file.h"
 
-/* More than any System log in this form; a file of another kind should not fill the memory. */
+/* More than any System log in this form: another kind of file must not fill the memory. */
 #define MOST_JSON_BYTES (1ull << 30)
+
+void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
+{
+    if (first >= end)
+        return;
+    log->damage.push_back(first + 1 == end ? "record missing: " + std::to_string(first)
+                                           : "records missing: " + std::to_string(first) + " to " +
+                                                 std::to_string(end - 1));
+    log->gaps.push_back({first, end - 1});
+    log->lost_records += end - first;
+}
 
 namespace
 {
-/* Takes the records out of the text as they come: a tree of them all would be many times the size
- * of the log. */
+/* Takes the records from the parser one by one: a tree of all of them would be many times the size of
+ * the log. */
 class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, record_reader>
 {
   public:
@@ -58,7 +67,9 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         if (m_event.number == 0)
             m_event.number = m_log->events.empty() ? 1 : m_log->events.back().number + 1;
         if (!m_log->events.empty() && m_event.number <= m_log->events.back().number)
-            return bad("expected a higher record number than that of the record before");
+            return bad("expected a record number higher than the previous one");
+        if (!m_log->events.empty())
+            evidence_note_gap(m_log, m_log->events.back().number + 1ull, m_event.number);
         m_log->events.push_back(std::move(m_event));
         return true;
     }
@@ -68,7 +79,7 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         for (const char *name : {"record", "source", "id", "time", "type", "strings"})
             if (m_member == name)
                 return m_seen.insert(m_member).second ||
-                       bad("member \"" + m_member + "\" stands twice");
+                       bad("member \"" + m_member + "\" occurs twice");
         return bad("unknown member \"" + m_member + "\"");
     }
     bool Uint(unsigned number)
@@ -147,7 +158,7 @@ static void read_json(const std::string &path, const evidence_file &file, eviden
                                rapidjson::GetParseError_En(result.Code()));
 }
 
-/* JSON begins with its bracket; anything else is told to be no log at all. */
+/* JSON begins with a bracket. */
 static bool is_json(const evidence_file &file)
 {
     uint64_t at = 0;
@@ -166,19 +177,19 @@ void evidence_log_read(const std::string &path, enum evidence_damage allowed, ev
         const evidence_file file(path, UINT64_MAX);
 
         if (file.bytes() == 0)
-            evidence_bad(path, "is empty, expected an event log");
+            evidence_bad(path, "empty, expected an event log");
         if (!evidence_is_evtx(file)) {
             if (!is_json(file))
-                evidence_bad(path, "no event log, it does not begin with \"ElfFile\" at byte 0");
+                evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
             if (file.bytes() > MOST_JSON_BYTES)
-                evidence_bad(path, "is larger than any log of that form, 1 GiB");
+                evidence_bad(path, "larger than any log in JSON, 1 GiB");
             read_json(path, file, log);
             return;
         }
     }
     evidence_read_evtx(path, log);
     if (!log->cut_off.empty() && allowed != EVIDENCE_LENIENT)
-        evidence_bad(path, log->cut_off + " (--lenient reads what is left)");
+        evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)
         evidence_bad(path, log->damage.front());
 }
@@ -199,17 +210,28 @@ std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t mos
     const size_t all = log.damage.size() + (log.cut_off.empty() ? 0 : 1);
 
     if (all > lines.size())
-        lines.push_back("and " + std::to_string(all - lines.size()) + " more findings");
-    lines.push_back("damaged, " + std::to_string(log.events.size()) + " records read and " +
-                    std::to_string(log.lost_records) + " known to be lost");
+        lines.push_back("and " + text_count(all - lines.size(), "further finding"));
+    lines.push_back("damaged: " + text_count(log.events.size(), "record") + " read, " +
+                    (log.cut_off.empty() ? "" : "an unknown number missing after them, ") +
+                    text_count(log.lost_records, "record") + " missing" +
+                    (log.cut_off.empty() ? "" : " between them"));
     return lines;
 }
 
-static void put_text(rapidjson::Writer<rapidjson::StringBuffer> &writer, const std::wstring &text)
+void evidence_put_record(json_line &writer, const event_record &event)
 {
-    const std::string utf8 = text_narrow(text);
+    std::vector<std::string> strings;
 
-    writer.String(utf8.data(), static_cast<rapidjson::SizeType>(utf8.size()));
+    for (size_t i = 0; i < event.strings.count(); i++)
+        strings.push_back(text_narrow(event.strings.at(i)));
+    writer.StartObject();
+    json_member(writer, "record", event.number);
+    json_member(writer, "source", text_narrow(event.source));
+    json_member(writer, "id", event.id);
+    json_member(writer, "time", time_iso(time_of_unix(event.time)));
+    json_member(writer, "type", event.type);
+    json_member(writer, "strings", strings);
+    writer.EndObject();
 }
 
 std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t to)
@@ -219,28 +241,9 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
     for (const event_record &event : log.events) {
         if (event.number < from || event.number > to)
             continue;
-        rapidjson::StringBuffer line;
-        rapidjson::Writer<rapidjson::StringBuffer> writer(line);
-
-        writer.StartObject();
-        writer.Key("record");
-        writer.Uint(event.number);
-        writer.Key("source");
-        put_text(writer, event.source);
-        writer.Key("id");
-        writer.Uint(event.id);
-        writer.Key("time");
-        writer.String(time_iso(time_of_unix(event.time)).c_str());
-        writer.Key("type");
-        writer.Uint(event.type);
-        writer.Key("strings");
-        writer.StartArray();
-        for (size_t i = 0; i < event.strings.count(); i++)
-            put_text(writer, event.strings.at(i));
-        writer.EndArray();
-        writer.EndObject();
         text += text.size() == 1 ? "\n" : ",\n";
-        text += line.GetString();
+        text +=
+            json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
     }
     return text + "\n]\n";
 }

@@ -1,5 +1,5 @@
-/* Registry exports. One line is one value; a value of bytes may go on over several, each ended by a
- * backslash. */
+/* Registry exports. A line is a value; a value of bytes may take several lines, each but the last ended
+ * by a backslash. */
 #include "registry_file.h"
 
 #include <string.h>
@@ -7,7 +7,7 @@
 #include "../base/text.h"
 #include "file.h"
 
-/* A whole export of a machine's SYSTEM hive has some tens of megabytes. */
+/* A complete export of a SYSTEM hive has some tens of megabytes. */
 #define MOST_BYTES  (256ull << 20)
 
 #define ROOT        L"HKEY_LOCAL_MACHINE"
@@ -19,7 +19,7 @@ struct reader {
     const std::string &path;
     std::wstring text;
     size_t at = 0;
-    size_t line = 0; /* number of the line that was read last, its first one */
+    size_t line = 0; /* number of the last line, the first one of its value */
 
     [[noreturn]] void bad(const std::string &what) const
     {
@@ -34,12 +34,12 @@ static std::wstring decode(const std::string &path, const evidence_file &file)
     const size_t size = static_cast<size_t>(file.bytes());
 
     if (size == 0)
-        evidence_bad(path, "is empty, expected a registry export");
+        evidence_bad(path, "empty, expected a registry export");
     if (size >= 2 && memcmp(bytes, "\xff\xfe", 2) == 0) {
         std::wstring text((size - 2) / sizeof(wchar_t), L'\0');
 
         if (size % sizeof(wchar_t) != 0)
-            evidence_bad(path, "cut off, inside the last character");
+            evidence_bad(path, "truncated inside the last character");
         memcpy(&text[0], bytes + 2, size - 2);
         return text;
     }
@@ -48,7 +48,7 @@ static std::wstring decode(const std::string &path, const evidence_file &file)
     return text_wide(std::string(bytes + skip, size - skip));
 }
 
-/* One line without its end. Result: false behind the last one. */
+/* Reads one line without its end. Result: false after the last one. */
 static bool next_raw_line(reader &from, std::wstring *line)
 {
     if (from.at >= from.text.size())
@@ -64,8 +64,8 @@ static bool next_raw_line(reader &from, std::wstring *line)
     return true;
 }
 
-/* Whether the line ends inside a quoted text. inside: whether it begins there; any other line but
- * one of a value has none. */
+/* Whether the line ends inside a quoted text. inside: whether it begins inside one. Only lines of values
+ * contain quoted texts. */
 static bool ends_in_text(const std::wstring &line, bool inside)
 {
     const size_t text = line.find_first_not_of(L" \t");
@@ -81,7 +81,7 @@ static bool ends_in_text(const std::wstring &line, bool inside)
     return inside;
 }
 
-/* One line with those that it goes on in. */
+/* Reads one line with its continuation lines. */
 static bool next_line(reader &from, std::wstring *line)
 {
     std::wstring more;
@@ -90,7 +90,7 @@ static bool next_line(reader &from, std::wstring *line)
         return false;
     const size_t first = from.line;
 
-    /* A text that has line ends in it is written with them as they are. */
+    /* A text that contains line ends is written over several lines. */
     for (bool open = ends_in_text(*line, false); open; open = ends_in_text(more, true)) {
         if (!next_raw_line(from, &more)) {
             from.line = first;
@@ -101,7 +101,7 @@ static bool next_line(reader &from, std::wstring *line)
     while (!line->empty() && line->back() == L'\\' && line->front() != L'[') {
         line->pop_back();
         if (!next_raw_line(from, &more))
-            from.bad("cut off, expected the bytes to go on");
+            from.bad("truncated, expected further bytes");
         const size_t text = more.find_first_not_of(L" \t");
 
         *line += text == std::wstring::npos ? L"" : more.substr(text);
@@ -110,7 +110,7 @@ static bool next_line(reader &from, std::wstring *line)
     return true;
 }
 
-/* A quoted text from *at on, which is behind it afterwards. */
+/* Reads a quoted text from *at on, and sets *at after it. */
 static std::wstring quoted(const reader &from, const std::wstring &line, size_t *at)
 {
     std::wstring text;
@@ -156,7 +156,7 @@ static std::string byte_list(const reader &from, const std::wstring &text)
     return bytes;
 }
 
-/* What stands behind the "=" of a line. */
+/* Parses the data after the "=" of a line. */
 static void parse_data(const reader &from, const std::wstring &text, evidence_value *value)
 {
     const std::wstring dword = L"dword:", hex = L"hex";
@@ -199,7 +199,7 @@ static unsigned long control_set_of(const std::wstring &key)
     return end == key.c_str() + set.size() + 3 && (*end == L'\\' || *end == L'\0') ? number : 0;
 }
 
-/* The set that the running system calls CurrentControlSet: as the export says, else its first. */
+/* Renames the current control set: the one that Select names, else the first one of the export. */
 static void name_current_set(evidence_registry *registry)
 {
     uint32_t current = 0;
@@ -218,7 +218,7 @@ static void name_current_set(evidence_registry *registry)
             value.key = L"SYSTEM\\CurrentControlSet" + value.key.substr(wcslen(CONTROL_SET) + 3);
 }
 
-/* A line in brackets. Result: the key below the root; empty for another root. */
+/* Parses a line in brackets. Result: the key below the root; empty for another root. */
 static std::wstring parse_key(const reader &from, const std::wstring &line)
 {
     const std::wstring root = ROOT L"\\";
@@ -245,7 +245,7 @@ static void parse_value(const reader &from, const std::wstring &line, const std:
         from.bad("expected a key in brackets or a value, \"NAME\"=DATA");
     }
     if (at >= line.size() || line[at] != L'=')
-        from.bad("expected \"=\" behind the name");
+        from.bad("expected \"=\" after the name");
     parse_data(from, line.substr(at + 1), &value);
     if (key.empty())
         registry->left_out++;
@@ -260,11 +260,11 @@ void evidence_registry_read(const std::string &path, evidence_registry *registry
     std::wstring line, key;
     bool in_key = false;
 
-    *registry = {};
     if (!next_line(from, &line) ||
         (line != L"Windows Registry Editor Version 5.00" && line != L"REGEDIT4"))
-        evidence_bad(path, "no registry export, expected \"Windows Registry Editor Version 5.00\" "
-                           "in line 1");
+        evidence_bad(path,
+                     "not a registry export: expected \"Windows Registry Editor Version 5.00\" "
+                     "in line 1");
     while (next_line(from, &line)) {
         const size_t text = line.find_first_not_of(L" \t");
 

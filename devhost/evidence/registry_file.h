@@ -10,7 +10,7 @@
 #include <vector>
 
 struct evidence_value {
-    std::wstring key; /* below HKEY_LOCAL_MACHINE; the control set in use is CurrentControlSet */
+    std::wstring key; /* below HKEY_LOCAL_MACHINE; the current control set is CurrentControlSet */
     std::wstring name;
     DWORD type;       /* REG_SZ and so on */
     std::string data; /* as in the registry: texts are UTF-16 with their NUL */
@@ -18,11 +18,11 @@ struct evidence_value {
 
 struct evidence_registry {
     std::vector<evidence_value> values;
-    size_t left_out = 0; /* values below another root */
+    size_t left_out = 0; /* values below other roots, which are skipped */
 };
 
-/* Reads a file as regedit and "reg export" write it, version 5 (UTF-16 or UTF-8) or 4 (UTF-8).
- * Throws devhost_error with EXIT_BAD_EVIDENCE that names the line. */
+/* Adds the values of a file that regedit or "reg export" wrote, version 5 (UTF-16 or UTF-8) or 4
+ * (UTF-8). Throws devhost_error with EXIT_BAD_EVIDENCE that names the line. */
 void evidence_registry_read(const std::string &path, evidence_registry *registry);
 
 #endif

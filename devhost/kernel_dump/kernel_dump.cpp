@@ -1,5 +1,5 @@
-/* Reading of kernel dumps: the header, and what is made of modules and stack whatever the kind of
- * dump. Every offset and length of the file is checked before it is used. */
+/* Reading of kernel dumps: the header, and modules and stack of all kinds of dumps. Every offset and
+ * length of the file is checked before it is used. */
 #include "kernel_dump_internal.h"
 
 #include <algorithm>
@@ -48,19 +48,19 @@ enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::str
 static enum kernel_dump_error check_signature(const dump_span &file, std::string *reason)
 {
     if (file.holds(0, 4) && memcmp(file.bytes, "MDMP", 4) == 0) {
-        *reason = "this is a dump of a process, not of the kernel";
+        *reason = "a dump of a process, expected one of the kernel";
         return KERNEL_DUMP_USER_MODE;
     }
     if (file.holds(0, 8) && memcmp(file.bytes, "PAGEDUMP", 8) == 0) {
-        *reason = "this is a dump of 32-bit Windows";
+        *reason = "a dump of 32-bit Windows, expected x64";
         return KERNEL_DUMP_32_BIT;
     }
     if (file.size >= 8 && memcmp(file.bytes, "PAGEDU64", 8) != 0) {
-        *reason = "this is no dump: it does not begin with \"PAGEDU64\"";
+        *reason = "not a dump: it does not begin with \"PAGEDU64\"";
         return KERNEL_DUMP_NOT_A_DUMP;
     }
     if (file.size < KERNEL_DUMP_HEADER_BYTES) {
-        *reason = "the file is cut off: " + std::to_string(file.size) +
+        *reason = "the file is truncated: " + std::to_string(file.size) +
                   " bytes, and the header alone has " + std::to_string(KERNEL_DUMP_HEADER_BYTES);
         return KERNEL_DUMP_CUT_OFF;
     }
@@ -101,7 +101,7 @@ enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t 
 
     if ((flags & CONTEXT_CONTROL) != CONTEXT_CONTROL) {
         *reason = "the context at " + kernel_dump_hex(offset) +
-                  " does not hold Rip and Rsp (flags " + kernel_dump_hex(flags) + ")";
+                  " does not contain Rip and Rsp (flags " + kernel_dump_hex(flags) + ")";
         return KERNEL_DUMP_NO_CONTEXT;
     }
     dump->rsp = file.at<uint64_t>(offset + CONTEXT_RSP);
@@ -157,19 +157,16 @@ bool kernel_dump_file_name(const std::u16string &path_end, std::string *name)
     return true;
 }
 
-bool kernel_dump_add_module(kernel_dump *dump, uint64_t base, uint32_t bytes,
-                            const std::string &name)
+bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module)
 {
-    if (base > UINT64_MAX - bytes)
+    if (module.base > UINT64_MAX - module.bytes)
         return false;
-    kernel_dump_module module = {name, base, bytes};
-
-    /* The list's head is a variable of the kernel, so the image around it is the kernel's. */
-    if (dump->loaded_modules >= base && dump->loaded_modules - base < bytes)
-        module.name = "nt";
-    else if (module.name.empty())
-        module.name = "Unknown_Module_" + kernel_dump_address_text(base);
     dump->modules.push_back(module);
+    /* The list's head is a variable of the kernel, so the image around it is the kernel's. */
+    if (dump->loaded_modules >= module.base && dump->loaded_modules - module.base < module.bytes)
+        dump->modules.back().name = "nt";
+    else if (module.name.empty())
+        dump->modules.back().name = "Unknown_Module_" + kernel_dump_address_text(module.base);
     return true;
 }
 

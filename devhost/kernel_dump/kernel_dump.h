@@ -1,13 +1,13 @@
 /*
- * The kernel dumps that Windows writes at a blue screen: plain bytes in, facts out. Makes no call
- * of Windows, so it builds and can be tested anywhere.
+ * Reader of the kernel dumps that Windows writes at a blue screen. Calls nothing of Windows, so it
+ * builds and can be tested anywhere.
  *
- * Nothing in a dump is trusted. Whatever cannot be read as it should be is refused with an error
- * and a reason, except that a dump of the memory may lack pages: then what there is is read, and
- * gaps says what is not. Nothing is made up for what is missing. The one thing that is a guess by
- * nature is the walk up the stack, since it goes without unwind tables.
+ * Nothing in a dump is trusted. A field that is invalid makes the dump rejected, with an error and a
+ * reason. A memory dump may lack pages: then the existing ones are read, and gaps lists what is
+ * missing. Missing data is never guessed. Only the stack walk is a guess, since it has no unwind
+ * tables.
  *
- * Read today: dumps of x64 of every kind: small ("triage"), of the kernel's memory, complete.
+ * Supported: x64 dumps of every kind: small ("triage"), kernel memory, complete.
  * Thread: any; there is no state.
  */
 #ifndef DEVHOST_KERNEL_DUMP_H
@@ -24,12 +24,15 @@ enum kernel_dump_error {
     KERNEL_DUMP_USER_MODE,  /* of a process */
     KERNEL_DUMP_32_BIT,
     KERNEL_DUMP_MACHINE, /* 64 bits, but not x64 */
-    KERNEL_DUMP_KIND,    /* of a kind that is not known */
-    KERNEL_DUMP_CUT_OFF, /* the file is shorter than it says it is, or than any dump */
-    KERNEL_DUMP_DAMAGED, /* a field cannot be right */
+    KERNEL_DUMP_KIND,    /* of an unknown kind */
+    KERNEL_DUMP_CUT_OFF, /* truncated: shorter than its header says, or than any dump */
+    KERNEL_DUMP_DAMAGED, /* a field is invalid */
     KERNEL_DUMP_NO_CONTEXT,
-    KERNEL_DUMP_NO_MODULES, /* not one entry of the list can be found */
+    KERNEL_DUMP_NO_MODULES, /* the list of modules has no readable entry */
 };
+
+/* Windows may add this flag to the bug check code of a small dump. */
+#define KERNEL_DUMP_TRIAGE_FLAG 0x10000000u
 
 /* Values of kernel_dump.kind. */
 enum kernel_dump_kind {
@@ -41,11 +44,14 @@ enum kernel_dump_kind {
 };
 
 struct kernel_dump_module {
-    /* UTF-8. "nt" for the kernel whatever its file is called, otherwise the file's name without its
-     * extension. What would break a line of stack text ('!', '+', control characters) reads '_'. */
+    /* UTF-8. "nt" for the kernel, whatever its file name; otherwise the file name without its
+     * extension. '_' replaces the characters that structure a line of stack text: '!', '+' and
+     * control characters. */
     std::string name;
     uint64_t base;
     uint32_t bytes;
+    uint32_t time_stamp; /* of the image: seconds since 1970, or a hash of a reproducible build; 0:
+                            the dump does not contain it */
 };
 
 struct kernel_dump {
@@ -54,54 +60,53 @@ struct kernel_dump {
     uint64_t loaded_modules = 0;  /* address of the head of the kernel's list of modules */
     uint32_t build = 0;
     uint32_t processors = 0;
-    uint32_t bug_check = 0; /* as written: a small dump may carry 0x10000000 added to it */
+    uint32_t bug_check = 0; /* as written, KERNEL_DUMP_TRIAGE_FLAG included */
     uint64_t parameters[4] = {};
     uint64_t crash_time_100ns = 0; /* UTC file time */
     uint64_t uptime_100ns = 0;
     uint64_t rip = 0;
     uint64_t rsp = 0;
-    uint64_t stack_start = 0; /* address of the first saved byte; the last one does not wrap */
+    uint64_t stack_start = 0; /* address of the first saved byte; the end does not wrap */
     std::vector<uint8_t> stack;
     std::vector<kernel_dump_module> modules; /* by rising base */
-    /* What a dump of the memory lacks of modules and stack, one sentence each without a full stop,
-     * '!', '+' and line feed; empty when all is there. */
+    /* The parts of modules and stack that a memory dump lacks, one sentence each without a full stop,
+     * '!', '+' and line feed; empty when it lacks none. */
     std::vector<std::string> gaps;
 };
 
 struct kernel_dump_frame {
-    uint64_t instruction; /* the first one's is Rip, all others are return addresses */
+    uint64_t instruction; /* Rip in the first frame, a return address in all others */
     uint64_t stack;       /* the stack pointer in that frame */
 };
 
 /*
  * Reads a dump.
  *
- * bytes    size bytes, the whole file; only what is needed of it is touched. Borrowed for the call;
- *          NULL when size is 0.
+ * bytes    size bytes, the whole file; only the needed parts are touched. Borrowed for the call; NULL
+ *          when size is 0.
  * dump     Filled; empty on failure.
- * reason   One sentence without a full stop that says what is wrong; empty on success.
+ * reason   The error in one sentence without a full stop; empty on success.
  *
- * Result   KERNEL_DUMP_OK or what is wrong. Throws std::bad_alloc.
+ * Result   KERNEL_DUMP_OK or the error. Throws std::bad_alloc.
  */
 [[nodiscard]] enum kernel_dump_error kernel_dump_read(const uint8_t *bytes, uint64_t size,
                                                       kernel_dump *dump, std::string *reason);
 
-/* The module whose image holds address; where images overlap, the one that starts last. NULL when
- * there is none. Borrowed from dump. */
+/* The module whose image contains address; where images overlap, the one that starts last. NULL:
+ * none. Borrowed from dump. */
 const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_t address);
 
 /*
  * The frames of the crash, innermost first, at most limit: Rip, then each 8-byte value from Rsp
- * upwards that points into a module. Stale values among them cannot be told from return addresses.
- * What was saved below Rsp belongs to the handling of the crash and is left out. Only Rip when Rsp
- * lies outside the saved stack.
+ * upwards that points into a module. Stale values look like return addresses. Values below Rsp belong
+ * to the handling of the crash and are skipped. Only Rip when Rsp lies outside the saved stack.
  */
 std::vector<kernel_dump_frame> kernel_dump_walk(const kernel_dump &dump, size_t limit);
 
-/* The 8 bytes saved at address; 0 where nothing was saved. */
+/* The 8 bytes saved at address; 0 if none were saved there. */
 uint64_t kernel_dump_stack_value(const kernel_dump &dump, uint64_t address);
 
-/* An address as a person reads it: eight digits, a back-tick, eight digits. */
+/* An address as debuggers print it: eight digits, a back-tick, eight digits. */
 std::string kernel_dump_address_text(uint64_t address);
 
 /* "module+0xoffset"; outside all modules "0x" and the address text. */

@@ -1,4 +1,4 @@
-/* What the readers of the kinds of dumps share. Thread: any; there is no state. */
+/* Shared by the readers of all kinds of dumps. Thread: any; there is no state. */
 #ifndef DEVHOST_KERNEL_DUMP_INTERNAL_H
 #define DEVHOST_KERNEL_DUMP_INTERNAL_H
 
@@ -6,16 +6,16 @@
 
 #include <cstring>
 
-/* The header of every dump; what its kind defines follows. */
+/* The header of every dump; the part that depends on the kind follows. */
 #define KERNEL_DUMP_HEADER_BYTES 0x2000u
-/* The longest name that a file system gives a file. It also bounds the work: thousands of modules
- * may share one text as long as the file. */
+/* The longest file name of a file system. It also bounds the work: thousands of modules may share one
+ * text as long as the file. */
 #define KERNEL_DUMP_FILE_NAME_CHARS 255u
-/* So much of a path's end tells the name of its file: that and the backslash before it. */
+/* The end of a path that contains the file name: the name and the backslash before it. */
 #define KERNEL_DUMP_PATH_END_CHARS (KERNEL_DUMP_FILE_NAME_CHARS + 1u)
 
-/* Bytes of a dump, borrowed. A mapped file may be far bigger than the memory, so they are taken one
- * by one where they are needed. */
+/* Bytes of a dump, borrowed. A mapped file may be larger than the memory, so values are read one by
+ * one where they are needed. */
 struct dump_span {
     const uint8_t *bytes;
     uint64_t size;
@@ -25,7 +25,7 @@ struct dump_span {
         return offset <= size && length <= size - offset;
     }
 
-    /* The caller has made sure that the span holds it. */
+    /* The caller has checked that the span holds it. */
     template <typename T> T at(uint64_t offset) const
     {
         T value;
@@ -36,7 +36,7 @@ struct dump_span {
 
 std::string kernel_dump_hex(uint64_t value);
 
-/* Result: KERNEL_DUMP_DAMAGED, with a reason that says what reaches outside the file. */
+/* Result: KERNEL_DUMP_DAMAGED, with a reason that names what reaches outside the file. */
 enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::string &what,
                                            uint64_t offset, uint64_t length, std::string *reason);
 
@@ -49,17 +49,16 @@ enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t 
  *
  * path_end   The last KERNEL_DUMP_PATH_END_CHARS characters of the path, or all when it is shorter.
  *
- * Result     false: the file's name is longer than a name can be. name is then as it was.
+ * Result     false: the file name is too long; name is unchanged.
  */
 bool kernel_dump_file_name(const std::u16string &path_end, std::string *name);
 
-/* Adds the module at the end of the list. The name is the file's; empty when it is not known.
- * Result: false when the image does not fit into the address space; it is then not added. */
-bool kernel_dump_add_module(kernel_dump *dump, uint64_t base, uint32_t bytes,
-                            const std::string &name);
+/* Adds the module at the end of the list. module.name is the file name; empty when it is unknown.
+ * Result: false, and nothing added, when the image does not fit into the address space. */
+bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module);
 
-/* The readers of what follows the header: Rip, Rsp, stack and modules in any order, for a memory
- * dump also gaps. The header is in dump already. */
+/* Read the part after the header: Rip, Rsp, stack and modules in any order, for a memory dump also
+ * gaps. dump contains the header already. */
 enum kernel_dump_error kernel_dump_read_triage(const dump_span &file, kernel_dump *dump,
                                                std::string *reason);
 enum kernel_dump_error kernel_dump_read_memory(const dump_span &file, kernel_dump *dump,

@@ -7,9 +7,9 @@
 #define CONTEXT_OFFSET 0x348u
 /* More than ten times what a Windows with very many drivers loads: it bounds the work. */
 #define MODULES_MAX 4096u
-/* A stack of the kernel has 24 KiB, and a grown one little more than this: what lies further out is
- * not among the few innermost frames that a client asks for. Where the stack ends is not looked up;
- * the page behind it is not mapped. */
+/* A kernel stack has 24 KiB, and an expanded one little more than this: frames further out are not
+ * among the few innermost ones that a client asks for. The end of the stack is not looked up; the page
+ * after it is not mapped. */
 #define STACK_BYTES_MAX 0x10000u
 
 /* Places in an entry of the list. */
@@ -20,6 +20,7 @@ enum list_entry_field : uint64_t {
     ENTRY_PATH = 0x48,
     ENTRY_NAME = 0x58,
     ENTRY_BYTES = 0x68,
+    ENTRY_TIME_STAMP = 0x9C,
 };
 
 /* Places in a counted text. */
@@ -29,7 +30,7 @@ enum counted_text_field : uint64_t {
     TEXT_ADDRESS = 0x08,
 };
 
-/* Which link of an entry leads on. */
+/* The link of an entry that a walk follows. */
 enum list_direction {
     LIST_FORWARD = 0,
     LIST_BACKWARD = 1,
@@ -71,18 +72,22 @@ static const char *add_entry(const memory_dump &memory, uint64_t address, kernel
 
     if (result != MEMORY_OK)
         return memory_result_text(result);
-    const std::string name = read_name(memory, entry);
+    kernel_dump_module module = {read_name(memory, entry), entry.at<uint64_t>(ENTRY_BASE),
+                                 entry.at<uint32_t>(ENTRY_SIZE), 0};
 
-    *nameless += name.empty();
-    if (!kernel_dump_add_module(dump, entry.at<uint64_t>(ENTRY_BASE),
-                                entry.at<uint32_t>(ENTRY_SIZE), name))
+    /* Only for people, so an entry whose end is missing counts too. */
+    if (memory_dump_read(memory, address + ENTRY_TIME_STAMP, &module.time_stamp,
+                         sizeof module.time_stamp) != MEMORY_OK)
+        module.time_stamp = 0;
+    *nameless += module.name.empty();
+    if (!kernel_dump_add_module(dump, module))
         return "an image does not fit into the address space";
     return NULL;
 }
 
-/* Adds the entries from the head on in one direction. An entry counts only when it leads back to
- * the one before it, so a damaged link leads neither off the list nor, since no entry can lead back
- * to two, round in a circle. Result: why it ended before it was back at the head; NULL: it was. */
+/* Adds the entries from the head on in one direction. An entry counts only when its other link points
+ * to the previous one, so a damaged link leads neither off the list nor, since no entry can point back
+ * to two, into a circle. Result: why the walk ended before it reached the head again; NULL: it did. */
 static const char *walk_list(const memory_dump &memory, enum list_direction direction,
                              kernel_dump *dump, size_t *nameless)
 {
@@ -99,7 +104,7 @@ static const char *walk_list(const memory_dump &memory, enum list_direction dire
         if (result != MEMORY_OK)
             break;
         if (links[1 - direction] != from)
-            return "an entry does not lead back to the one before it";
+            return "an entry does not point back to the previous one";
         if (at == head)
             return NULL;
         if (dump->modules.size() == MODULES_MAX)
@@ -112,7 +117,7 @@ static const char *walk_list(const memory_dump &memory, enum list_direction dire
     return memory_result_text(result);
 }
 
-/* Both ends of a list that is torn are read. */
+/* Reads a broken list from both ends. */
 static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dump *dump,
                                            std::string *reason)
 {
@@ -176,7 +181,7 @@ enum kernel_dump_error kernel_dump_read_memory(const dump_span &file, kernel_dum
     const uint64_t whole = memory_dump_whole_bytes(memory);
     const std::string cut = file.size >= whole
                                 ? ""
-                                : "the file is cut off, " + std::to_string(file.size) + " of " +
+                                : "the file is truncated, " + std::to_string(file.size) + " of " +
                                       std::to_string(whole) + " bytes";
 
     if (!cut.empty())

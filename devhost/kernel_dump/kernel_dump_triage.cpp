@@ -22,13 +22,14 @@ enum driver_field : uint64_t {
     DRIVER_NAME_OFFSET = 0x00,
     DRIVER_BASE = 0x38,
     DRIVER_BYTES = 0x48,
+    DRIVER_TIME_STAMP = 0x88,
 };
 
-/* Windows writes the mark as the last thing, so a dump that has it was written to its end. */
+/* Windows writes the mark last, so a dump that has it is complete. */
 static enum kernel_dump_error check_whole(const dump_span &file, std::string *reason)
 {
     if (!file.holds(KERNEL_DUMP_HEADER_BYTES, TRIAGE_BYTES)) {
-        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
+        *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
                   " bytes, inside the fields that follow the header";
         return KERNEL_DUMP_CUT_OFF;
     }
@@ -36,7 +37,7 @@ static enum kernel_dump_error check_whole(const dump_span &file, std::string *re
     const uint32_t valid = file.at<uint32_t>(TRIAGE_VALID_OFFSET);
 
     if (size > file.size) {
-        *reason = "the file is cut off: " + std::to_string(file.size) + " of " +
+        *reason = "the file is truncated: " + std::to_string(file.size) + " of " +
                   std::to_string(size) + " bytes";
         return KERNEL_DUMP_CUT_OFF;
     }
@@ -55,7 +56,7 @@ static enum kernel_dump_error read_context(const dump_span &file, kernel_dump *d
     const uint32_t offset = file.at<uint32_t>(TRIAGE_CONTEXT_OFFSET);
 
     if (offset == 0) {
-        *reason = "the dump holds no context";
+        *reason = "the dump contains no context";
         return KERNEL_DUMP_NO_CONTEXT;
     }
     return kernel_dump_read_context(file, offset, dump, reason);
@@ -79,7 +80,7 @@ static enum kernel_dump_error read_stack(const dump_span &file, kernel_dump *dum
     return KERNEL_DUMP_OK;
 }
 
-/* From the counted text at offset; who names the module in the reason. */
+/* Reads the counted text at offset. who: the module, for the reason. */
 static enum kernel_dump_error read_name(const dump_span &file, const std::string &who,
                                         uint32_t offset, std::string *name, std::string *reason)
 {
@@ -104,16 +105,16 @@ static enum kernel_dump_error read_module(const dump_span &file, uint64_t entry,
                                           const std::string &who, kernel_dump *dump,
                                           std::string *reason)
 {
-    const uint64_t base = file.at<uint64_t>(entry + DRIVER_BASE);
-    const uint32_t bytes = file.at<uint32_t>(entry + DRIVER_BYTES);
-    std::string name;
+    kernel_dump_module module = {"", file.at<uint64_t>(entry + DRIVER_BASE),
+                                 file.at<uint32_t>(entry + DRIVER_BYTES),
+                                 file.at<uint32_t>(entry + DRIVER_TIME_STAMP)};
     const enum kernel_dump_error error =
-        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &name, reason);
+        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &module.name, reason);
 
-    if (error != KERNEL_DUMP_OK || kernel_dump_add_module(dump, base, bytes, name))
+    if (error != KERNEL_DUMP_OK || kernel_dump_add_module(dump, module))
         return error;
-    *reason = who + " of " + std::to_string(bytes) + " bytes at address " + kernel_dump_hex(base) +
-              " does not fit into the address space";
+    *reason = who + " of " + std::to_string(module.bytes) + " bytes at address " +
+              kernel_dump_hex(module.base) + " does not fit into the address space";
     return KERNEL_DUMP_DAMAGED;
 }
 

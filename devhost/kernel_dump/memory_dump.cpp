@@ -1,4 +1,4 @@
-/* Physical pages of a dump's file and translation of addresses. Every place is checked against the
+/* Physical pages of a dump file and translation of addresses. Every offset is checked against the
  * file's size before it is read, every number before it is multiplied. */
 #include "memory_dump.h"
 
@@ -9,7 +9,7 @@
 #define RUNS_MAX ((0x348u - RUNS_FIRST) / RUN_BYTES)
 /* The processor has 52 bits of physical address. */
 #define PAGES_MAX 0x10000000000ull
-/* So many bits are counted for one look into the bitmap, at most. */
+/* The most bits that one look-up in the bitmap counts. */
 #define BLOCK_BITS       4096u
 
 #define ENTRY_PRESENT    0x001u
@@ -18,7 +18,7 @@
 #define ENTRY_TRANSITION 0x800u
 #define ENTRY_FRAME      0x000FFFFFFFFFF000ull
 
-/* Places in the file. */
+/* Offsets in the file. */
 enum memory_field : uint64_t {
     RUNS_COUNT = 0x88,
     RUNS_PAGES = 0x90,
@@ -49,7 +49,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
         if (run.first < free_from || run.first > PAGES_MAX || run.count > PAGES_MAX - run.first) {
             *reason = "run " + std::to_string(i) + " of physical memory (" +
                       std::to_string(run.count) + " pages from " + kernel_dump_hex(run.first) +
-                      ") cannot be right";
+                      ") is invalid";
             return KERNEL_DUMP_DAMAGED;
         }
         free_from = run.first + run.count;
@@ -58,14 +58,14 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
     }
     if (pages != memory->pages) {
         *reason = "the runs of physical memory have " + std::to_string(memory->pages) +
-                  " pages, and the header says " + std::to_string(pages);
+                  " pages, and the header counts " + std::to_string(pages);
         return KERNEL_DUMP_DAMAGED;
     }
     memory->pages_offset = KERNEL_DUMP_HEADER_BYTES;
     return KERNEL_DUMP_OK;
 }
 
-/* How many bits are set from first, a multiple of 8, up to but not with end. */
+/* Number of bits that are set from first, a multiple of 8, to end, exclusive. */
 static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
 {
     uint64_t set = 0;
@@ -82,7 +82,7 @@ static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
     return set;
 }
 
-/* The file holds the two marks. */
+/* The caller has checked that the file holds the two marks. */
 static bool has_bitmap(const dump_span &file)
 {
     return (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
@@ -105,7 +105,7 @@ static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::strin
         return KERNEL_DUMP_DAMAGED;
     }
     if (memory.pages_offset > file.size) {
-        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
+        *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
                   " bytes, and its first page is at " + std::to_string(memory.pages_offset);
         return KERNEL_DUMP_CUT_OFF;
     }
@@ -117,7 +117,7 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
     const dump_span &file = memory->file;
 
     if (!file.holds(KERNEL_DUMP_HEADER_BYTES, BITMAP - KERNEL_DUMP_HEADER_BYTES)) {
-        *reason = "the file is cut off: it ends at " + std::to_string(file.size) +
+        *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
                   " bytes, inside the header of the bitmap";
         return KERNEL_DUMP_CUT_OFF;
     }
@@ -136,10 +136,10 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
         memory->ranks.push_back(memory->pages);
         memory->pages += bits_set(file, bit, std::min(memory->bits, bit + BLOCK_BITS));
     }
-    /* A bit too many or too few would shift all pages behind it. */
+    /* A wrong bit would shift all following pages. */
     if (memory->pages != file.at<uint64_t>(BITMAP_PRESENT)) {
         *reason = "the bitmap marks " + std::to_string(memory->pages) +
-                  " pages, and its header says " +
+                  " pages, and its header counts " +
                   std::to_string(file.at<uint64_t>(BITMAP_PRESENT));
         return KERNEL_DUMP_DAMAGED;
     }
@@ -152,7 +152,7 @@ enum kernel_dump_error memory_dump_open(const dump_span &file, const kernel_dump
     *memory = memory_dump();
     memory->file = file;
     memory->directory_table = dump.directory_table & ENTRY_FRAME;
-    /* A kernel dump tells by its contents which of the two it has, once it is long enough. */
+    /* The contents of a kernel dump decide which of the two it has. */
     if (dump.kind == KERNEL_DUMP_KIND_FULL ||
         (dump.kind == KERNEL_DUMP_KIND_KERNEL && file.holds(BITMAP_SIGNATURE, 8) &&
          !has_bitmap(file)))
@@ -165,7 +165,7 @@ uint64_t memory_dump_whole_bytes(const memory_dump &memory)
     return memory.pages_offset + memory.pages * MEMORY_PAGE_BYTES;
 }
 
-/* The number of the page in the file; false when the file has no place for it. */
+/* Finds the number of the page in the file. Result: whether the file contains it. */
 static bool place_of_page(const memory_dump &memory, uint64_t page, uint64_t *place)
 {
     for (const memory_run &run : memory.runs) {
@@ -198,8 +198,8 @@ static bool read_physical(const memory_dump &memory, uint64_t address, void *out
     return true;
 }
 
-/* Down the four levels, each with 9 bits of the address. A large page ends the way at the second or
- * third of them. A page in transition is on its way out, but still in its place. */
+/* Walks the four levels, each with 9 bits of the address. A large page ends the walk at the second or
+ * third. A page in transition is about to be removed, but still in memory. */
 static enum memory_result translate(const memory_dump &memory, uint64_t address, uint64_t *physical)
 {
     const uint64_t sign = address >> 47;

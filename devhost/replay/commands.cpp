@@ -1,17 +1,15 @@
-/* What the command line says, handed to the rest of the room. */
+/* From arguments of the command line to options. */
 #include "commands.h"
 
-#include <fcntl.h>
-#include <io.h>
 #include <stdio.h>
 
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../evidence/file.h"
+#include "../base/terminal.h"
 #include "../base/text.h"
+#include "../evidence/file.h"
 #include "../view/view.h"
-#include "replay.h"
 
 static enum evidence_damage allowed(const replay_arguments &arguments)
 {
@@ -20,20 +18,31 @@ static enum evidence_damage allowed(const replay_arguments &arguments)
     return arguments.lenient ? EVIDENCE_LENIENT : EVIDENCE_STANDARD;
 }
 
-/* Nothing is shown while it is played: the result tells it. */
-static void prepare(replay_arguments &arguments)
+/* Nothing is printed while a boot is played, only the result. */
+static void prepare_session(struct run_options *session)
 {
     struct view_options view = {};
-    struct run_options &session = arguments.options.session;
 
-    arguments.options.damage = allowed(arguments);
-    session.guard_memory = arguments.memory == "guard";
-    if (session.plugin_path.empty())
-        session.plugin_path = run_standard_plugin();
+    if (session->plugin_path.empty())
+        session->plugin_path = run_standard_plugin();
     view.log_level = -1;
     view.quiet = true;
     view_open(view);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
+}
+
+static void prepare(replay_arguments &arguments)
+{
+    const replay_options &options = arguments.options;
+
+    if (options.source.empty() == options.events.empty())
+        throw devhost_error(EXIT_BAD_CALL,
+                            options.source.empty()
+                                ? "expected a folder or archive with evidence, or --events FILE"
+                                : "expected a folder or archive, or --events FILE, not both");
+    arguments.options.damage = allowed(arguments);
+    arguments.options.session.guard_memory = arguments.memory == "guard";
+    prepare_session(&arguments.options.session);
 }
 
 int replay_command(struct replay_arguments &arguments)
@@ -48,22 +57,27 @@ int replay_command_redact(struct replay_arguments &arguments)
     return replay_redact(arguments.options, arguments.folder);
 }
 
+int replay_command_dump(struct dump_options &options)
+{
+    prepare_session(&options.session);
+    return replay_dump_command(options);
+}
+
 int replay_command_events(const struct replay_arguments &arguments)
 {
-    const std::string &output = arguments.output;
     evidence_log log;
 
     if (arguments.from > arguments.to)
         throw devhost_error(EXIT_BAD_CALL, "--from is higher than --to");
     evidence_log_read(arguments.log, allowed(arguments), &log);
+    terminal_progress_end();
     for (const std::string &line : evidence_log_damage(log, SIZE_MAX))
         fprintf(stderr, "oxni_devhost: %s: %s\n", arguments.log.c_str(), line.c_str());
     const std::string text = evidence_log_json(log, arguments.from, arguments.to);
 
-    _setmode(_fileno(stdout), _O_BINARY); /* the same bytes as in a file */
-    if (!output.empty())
-        evidence_write(output, text);
-    else if (fwrite(text.data(), 1, text.size(), stdout) != text.size() || fflush(stdout) != 0)
-        throw devhost_error(EXIT_BAD_CALL, "stdout: cannot be written");
+    if (!arguments.output.empty())
+        evidence_write(arguments.output, text);
+    else
+        terminal_write(text);
     return EXIT_ALL_HOLD;
 }

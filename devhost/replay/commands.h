@@ -1,5 +1,4 @@
-/* The commands that read a machine's evidence, as the command line has them. "diff" and "doctor"
- * need nothing else and are called as they are. */
+/* The commands that read a machine's evidence, with the arguments of the command line. */
 #ifndef DEVHOST_REPLAY_COMMANDS_H
 #define DEVHOST_REPLAY_COMMANDS_H
 
@@ -7,9 +6,9 @@
 
 #include <string>
 
+#include "dump.h"
 #include "replay.h"
 
-/* What the line can say. */
 struct replay_arguments {
     struct replay_options options = {};
     bool boots = false; /* lists the boots, and plays none */
@@ -17,14 +16,15 @@ struct replay_arguments {
     bool lenient = false;
     std::string memory = BYPASS_USUAL_MEMORY; /* "plain" or "guard" */
     std::string folder;                       /* new one, for a redacted scenario */
-    std::string log, output;                  /* of "events": read, and written; empty: stdout */
+    std::string log, output;                  /* of "events": input and output; empty: stdout */
     uint64_t from = 0, to = UINT64_MAX;
 };
 
-/* "replay", "redact" and "events". Result: enum devhost_exit. They throw devhost_error. Host's one
+/* "replay", "redact", "events" and "dump". Result: enum devhost_exit. Throw devhost_error. Host's one
  * thread. */
 int replay_command(struct replay_arguments &arguments);
 int replay_command_redact(struct replay_arguments &arguments);
 int replay_command_events(const struct replay_arguments &arguments);
+int replay_command_dump(struct dump_options &options);
 
 #endif

@@ -1,4 +1,4 @@
-/* Two results side by side. */
+/* Comparison of two results. */
 #include "replay.h"
 
 #include <stdio.h>
@@ -11,11 +11,11 @@
 
 #define MOST_BYTES (256ull << 20)
 
-/* Members of a result that are compared, and what an element of a list is called by. */
+/* Members of a result that are compared, and the members of list elements that are printed. */
 static const struct {
     const char *member;
     rapidjson::Type type;
-    std::vector<const char *> shown; /* of an element; none: the value as it stands */
+    std::vector<const char *> shown; /* of an element; none: the whole value */
 } s_members[] = {
     {"plugin",   rapidjson::kObjectType, {}                        },
     {"boot",     rapidjson::kNumberType, {}                        },
@@ -32,9 +32,9 @@ static const struct {
 
 static void load_result(const std::string &file, rapidjson::Document *document)
 {
-    const evidence_file evidence(file, MOST_BYTES); /* told as evidence that cannot be read */
-
-    (void)evidence;
+    {
+        const evidence_file checked(file, MOST_BYTES); /* reports an unreadable file as evidence */
+    }
     scenario_load_json(*document, file, EXIT_BAD_EVIDENCE);
     if (node_text_of(document, "schema", "") != REPLAY_SCHEMA)
         evidence_bad(file, "expected a result of replay --json, \"schema\": \"" REPLAY_SCHEMA "\"");
@@ -76,7 +76,7 @@ static std::vector<std::string> list_texts(const json_value &list,
     return texts;
 }
 
-/* Prints what is in one list and not in the other; of equal elements each counts. */
+/* Prints the elements that one list has more often than the other. */
 static bool show_missing(const char *member, const std::vector<std::string> &texts,
                          std::vector<std::string> others, char sign)
 {
@@ -93,6 +93,19 @@ static bool show_missing(const char *member, const std::vector<std::string> &tex
         any = true;
     }
     return any;
+}
+
+/* Results of earlier builds have no answer. */
+static bool show_answer(const rapidjson::Document &old_result,
+                        const rapidjson::Document &new_result)
+{
+    const std::string before = node_text_of(&old_result, "answer", ""),
+                      after = node_text_of(&new_result, "answer", "");
+
+    if (before.empty() || after.empty() || before == after)
+        return false;
+    printf("  answer: \"%s\" -> \"%s\"\n", before.c_str(), after.c_str());
+    return true;
 }
 
 int replay_diff(const std::string &old_file, const std::string &new_file)
@@ -118,6 +131,7 @@ int replay_diff(const std::string &old_file, const std::string &new_file)
             differs = true;
         }
     }
+    differs |= show_answer(old_result, new_result);
     if (!differs)
         printf("Nothing differs.\n");
     return differs ? EXIT_EXPECTATION_FAILED : EXIT_ALL_HOLD;

@@ -1,4 +1,4 @@
-/* What this machine offers, by real calls: the plug-in itself would be answered so here. */
+/* What this computer offers, by real calls: the results that the plug-in itself would get here. */
 #include "replay.h"
 
 #include <stdio.h>
@@ -9,12 +9,12 @@
 
 #define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
 
-static void say(const char *what, const std::string &found)
+static void show(const char *what, const std::string &found)
 {
     printf("%-14s %s\n", what, found.c_str());
 }
 
-static void tell_windows(void)
+static void show_windows(void)
 {
     typedef LONG(WINAPI * version_fn)(OSVERSIONINFOW *);
     typedef const char *(*wine_fn)(void);
@@ -27,50 +27,50 @@ static void tell_windows(void)
 
     info.dwOSVersionInfoSize = sizeof(info);
     if (version != NULL)
-        (void)version(&info); /* fails for a wrong size only */
-    say("Windows", text_format("%lu.%lu build %lu%s%s", info.dwMajorVersion, info.dwMinorVersion,
-                               info.dwBuildNumber, wine != NULL ? ", by Wine " : "",
-                               wine != NULL ? wine() : ""));
+        (void)version(&info); /* fails only for a wrong size */
+    show("Windows", text_format("%lu.%lu build %lu%s%s", info.dwMajorVersion, info.dwMinorVersion,
+                                info.dwBuildNumber, wine != NULL ? ", by Wine " : "",
+                                wine != NULL ? wine() : ""));
 }
 
 /* Result: whether it can be loaded. */
-static bool tell_plugin(void)
+static bool show_plugin(void)
 {
     const std::string path = run_standard_plugin();
     const HMODULE plugin = LoadLibraryW(text_wide(path).c_str());
     const DWORD error = GetLastError();
 
-    say("plug-in",
-        path + (plugin != NULL ? ", loads" : text_format(", cannot be loaded, error %lu", error)));
+    show("plug-in",
+         path + (plugin != NULL ? ", loads" : ", cannot be loaded: " + text_error(error)));
     if (plugin != NULL)
         FreeLibrary(plugin);
     return plugin != NULL;
 }
 
-/* The engine that a program here gets by the name, and the one that this program plays with.
- * Result: whether replay has its engine. */
-static bool tell_engine(void)
+/* The debugger engine that a program here loads by name. Result: whether it is the stand-in that
+ * replay needs. */
+static bool show_engine(void)
 {
     const HMODULE engine = LoadLibraryW(L"dbgeng.dll");
     const DWORD error = GetLastError();
     wchar_t path[1024] = L"";
 
     if (engine == NULL) {
-        say("engine", text_format("dbgeng.dll is not here, error %lu", error));
+        show("engine", "dbgeng.dll cannot be loaded: " + text_error(error));
         return false;
     }
     const bool own = GetProcAddress(engine, "engine_script_set") != NULL;
     const bool usable = GetProcAddress(engine, "DebugCreate") != NULL;
 
     GetModuleFileNameW(engine, path, ARRAYSIZE(path));
-    say("engine", text_narrow(path) + (own      ? ", the stand-in that reads kernel dumps"
-                                       : usable ? ", the system's own"
-                                                : ", without DebugCreate"));
+    show("engine", text_narrow(path) + (own      ? ", the stand-in that reads kernel dumps"
+                                        : usable ? ", the system's own"
+                                                 : ", without DebugCreate"));
     FreeLibrary(engine);
     return own;
 }
 
-static void tell_privilege(void)
+static void show_privilege(void)
 {
     TOKEN_PRIVILEGES wanted = {};
     HANDLE token = NULL;
@@ -83,29 +83,29 @@ static void tell_privilege(void)
         error = GetLastError();
     } else {
         (void)AdjustTokenPrivileges(token, FALSE, &wanted, 0, NULL, NULL);
-        error = GetLastError(); /* says whether all were given, whatever the call returns */
+        error = GetLastError(); /* the call succeeds even when it adjusts nothing */
     }
     if (token != NULL)
         CloseHandle(token);
-    say("privilege", error == ERROR_SUCCESS
-                         ? "SeSecurityPrivilege is held"
-                         : text_format("SeSecurityPrivilege is not held, error %lu", error));
+    show("privilege", error == ERROR_SUCCESS
+                          ? "SeSecurityPrivilege is held"
+                          : "SeSecurityPrivilege is not held: " + text_error(error));
 }
 
-static void tell_log(void)
+static void show_log(void)
 {
     const HANDLE log = OpenEventLogW(NULL, L"System");
     DWORD error = GetLastError(), records = 0;
 
     if (log == NULL) {
-        say("System log", text_format("cannot be opened, error %lu", error));
+        show("System log", "cannot be opened: " + text_error(error));
         return;
     }
     if (!GetNumberOfEventLogRecords(log, &records)) {
         error = GetLastError();
-        say("System log", text_format("opens, but tells nothing, error %lu", error));
+        show("System log", "opens, but cannot be queried: " + text_error(error));
     } else {
-        say("System log", text_format("opens, %lu records", records));
+        show("System log", "opens, " + text_count(records, "record"));
     }
     CloseEventLog(log);
 }
@@ -119,11 +119,11 @@ static std::wstring expanded(const wchar_t *value, const wchar_t *usual)
                      RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, NULL, text,
                      &bytes) != ERROR_SUCCESS)
         lstrcpyW(text, usual);
-    (void)ExpandEnvironmentStringsW(text, full, ARRAYSIZE(full)); /* empty when it is too long */
+    (void)ExpandEnvironmentStringsW(text, full, ARRAYSIZE(full)); /* empty when too long */
     return full;
 }
 
-static void tell_dump_settings(void)
+static void show_dump_settings(void)
 {
     static const struct {
         DWORD value;
@@ -145,10 +145,10 @@ static void tell_dump_settings(void)
             if (kind.value == enabled)
                 name = kind.name;
     }
-    say("dumps", name);
+    show("dumps", name);
 }
 
-static void tell_file(const char *what, const std::wstring &pattern)
+static void show_file(const char *what, const std::wstring &pattern)
 {
     WIN32_FIND_DATAW entry, newest = {};
     const HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
@@ -164,25 +164,26 @@ static void tell_file(const char *what, const std::wstring &pattern)
         } while (FindNextFileW(find, &entry));
         FindClose(find);
     }
-    std::string text = text_narrow(pattern) + ", " + (count == 0 ? "none" : std::to_string(count));
+    std::string text = text_narrow(pattern) + ", " + text_count(count, "file");
 
     if (count > 0)
         text += ", the newest written " +
                 time_iso(static_cast<uint64_t>(newest.ftLastWriteTime.dwHighDateTime) << 32 |
                          newest.ftLastWriteTime.dwLowDateTime);
-    say(what, text);
+    show(what, text);
 }
 
 int replay_doctor(void)
 {
-    const bool plugin = tell_plugin(), engine = tell_engine();
+    const bool plugin = show_plugin(), engine = show_engine();
 
-    tell_windows();
-    tell_privilege();
-    tell_log();
-    tell_dump_settings();
-    tell_file("complete dump", expanded(L"DumpFile", L"%SystemRoot%\\MEMORY.DMP"));
-    tell_file("small dumps", expanded(L"MinidumpDir", L"%SystemRoot%\\Minidump") + L"\\*");
-    say("replay", plugin && engine ? "has what it needs" : "cannot play here");
+    show_windows();
+    show_privilege();
+    show_log();
+    show("time zone", zone_of_this_computer() + "; replay uses that of the evidence");
+    show_dump_settings();
+    show_file("complete dump", expanded(L"DumpFile", L"%SystemRoot%\\MEMORY.DMP"));
+    show_file("small dumps", expanded(L"MinidumpDir", L"%SystemRoot%\\Minidump") + L"\\*");
+    show("replay", plugin && engine ? "ready" : "not possible here");
     return plugin && engine ? EXIT_ALL_HOLD : EXIT_NO_PLUGIN;
 }

@@ -1,4 +1,4 @@
-/* From lines and calls of the plug-in to sentences. The tables below hold its own words. */
+/* From lines and calls of the plug-in to sentences. The table below contains its log lines. */
 #include "explain.h"
 
 #include <string.h>
@@ -10,14 +10,16 @@
 
 #define BLAME_LINE       "find [*] crach!"
 #define EMPTY_STACK_LINE "dump info is empty. "
+#define NO_BLAME_LINE    "not found quorvel crash module!"
+#define UPDATED_LINE     "Upgraded without notification"
 
-/* A line of the plug-in, in which * stands for a value, and what it tells; %1 is the first value.
- * Only the first row that fits counts. */
+/* A log line of the plug-in, in which * matches a value, and its sentence; %1 is the first value. Only
+ * the first row that matches counts. */
 struct line_row {
     const char *line;
     enum reason_topic topic;
     bool ends_check;             /* one such line a check */
-    enum replay_verdict verdict; /* that the line is the beginning of */
+    enum replay_verdict verdict; /* that the line begins */
     const char *sentence;
 };
 
@@ -25,91 +27,90 @@ struct line_row {
 static const line_row s_lines[] = {
     {"system boot up at [*]",
      REASON_LOG, false, VERDICT_NONE,
-     "takes %1 (local time) as the moment at which Windows started"},
+     "takes %1 (local time) as the start of Windows"},
     {"windows_winlogin left count[*] time[*]",
      REASON_LOG, false, VERDICT_NONE,
-     "sees that somebody has logged on in this run, %2 (local time), and begins to look for a "
-     "crash"},
+     "finds a logon in this run, %2 (local time), and starts to look for a crash"},
     {"get_crash_info failed:13 ",
      REASON_LOG, false, VERDICT_NONE,
-     "read the log to its end without a record that it looked for"},
+     "reads the whole log and finds no record that it looks for"},
     {"get_crash_info failed:* ",
      REASON_LOG, false, VERDICT_NONE,
-     "could not read the log, result %1"},
+     "cannot read the log, result %1"},
     {"windows_nonomal_shutdown time [*], waitting crash event, left count[*] ",
      REASON_LOG, false, VERDICT_NONE,
-     "sees the record of an unexpected shutdown, and waits whether a blue screen is recorded, too"},
+     "finds the record of an unexpected shutdown, and waits for the record of a blue screen"},
     {"dump not found.",
      REASON_DUMP, false, VERDICT_NONE,
-     "finds no dump that was written after the start of Windows"},
+     "finds no dump that was written since the start of Windows"},
     {"* failed with hr = *. ",
      REASON_DUMP, false, VERDICT_NONE,
-     "%1 of the debugger engine failed, %2"},
+     "fails to call %1 of the debugger engine, result %2"},
     {"* failed with out of memory. ",
      REASON_DUMP, false, VERDICT_NONE,
      "runs out of memory: %1"},
     {"invalid dmp file path. ",
      REASON_DUMP, false, VERDICT_NONE,
-     "has no path of a dump"},
+     "has no path to a dump"},
     {EMPTY_STACK_LINE,
      REASON_STACK, false, VERDICT_NONE,
-     "got no stack from the debugger engine"},
+     "gets no stack from the debugger engine"},
     {"can not parse dump info[*] ",
      REASON_STACK, false, VERDICT_NONE,
-     "finds no module in what the debugger engine printed"},
+     "finds no module in the output of the debugger engine"},
     {"parse dump info success with module size=* ",
      REASON_STACK, false, VERDICT_NONE,
-     "reads the names of %1 modules from the stack"},
+     "counts the different modules on the stack: %1"},
     {"crash module[*]",
      REASON_STACK, false, VERDICT_NONE,
-     "finds %1 on the stack, which no registered product has named"},
+     "finds %1 on the stack, which no product registered"},
     {BLAME_LINE,
      REASON_VERDICT, false, VERDICT_NONE,
-     "blames %1: it is on the stack, and a registered product has named it"},
-    {"not found quorvel crash module!",
+     "blames %1: it is on the stack, and a product registered it"},
+    {NO_BLAME_LINE,
      REASON_VERDICT, false, VERDICT_NONE,
-     "blames nobody: no module of a registered product is on the stack"},
+     "blames no product: no registered module is on the stack"},
     {"It is necessary to delete the tag when encountering a blue screen.dump path[]",
      REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the last run ended with a blue screen, and names no small dump"},
+     "concludes that the previous run ended with a blue screen, and names no small dump"},
     {"It is necessary to delete the tag when encountering a blue screen.dump path[*]",
      REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the last run ended with a blue screen, and names the small dump %1"},
+     "concludes that the previous run ended with a blue screen, and names the small dump %1"},
     {"It is necessary to delete the tag when encountering a nonormal shutdown!",
      REASON_VERDICT, true, VERDICT_POWER_LOSS,
-     "concludes that the last run ended unexpectedly, without a blue screen"},
+     "concludes that the previous run ended unexpectedly, without a blue screen"},
     {"The previous shutdown was not due to an abnormal poweroff or blue screen, start check "
      "recover file!",
      REASON_VERDICT, true, VERDICT_NORMAL,
-     "concludes that the last run ended normally"},
+     "concludes that the previous run ended normally"},
     {"Failed to query abnormal shutdown information",
      REASON_VERDICT, true, VERDICT_NOT_KNOWN,
-     "cannot find out how the last run ended"},
+     "cannot determine how the previous run ended"},
     {"The subscriber may have lost contact",
      REASON_VERDICT, true, VERDICT_NONE,
-     "drops a verdict: the product has left meanwhile"},
-    {"Upgraded without notification",
+     "drops a verdict: the product has unsubscribed"},
+    {UPDATED_LINE,
      REASON_VERDICT, false, VERDICT_NONE,
-     "blames nobody: the drivers were updated in this run"},
+     "blames no product: the drivers were updated in this run"},
     {"Manually restored or upgraded, no longer sending count calibration",
      REASON_VERDICT, false, VERDICT_NONE,
      "lowers no count: products were restored or drivers updated by hand"},
     {"find normal shutdown event, but count[*] <= 1, nothing to do!",
      REASON_VERDICT, false, VERDICT_NONE,
-     "lowers no count: it is %1 already"},
+     "lowers no count: it is %1"},
     {"The product (*) has already passed and does not need to set a count",
      REASON_VERDICT, false, VERDICT_NONE,
-     "lowers no count of %1: it is in bypass"},
+     "does not lower the count of %1: it is in bypass"},
 };
 /* clang-format on */
 
-/* What the plug-in has of its own lies there; a dump does not. */
+/* The plug-in's own files are in this folder; no dump is. */
 #define RUN_FOLDER   "<run>"
 #define CHECK_BEGINS "start bypass_status_check"
 #define RECORD_LINE  "capture expect event[*][*] provider[*] time[*], stop read event!"
 #define STACK_LINE   "dump info * "
 
-/* The record that a question to the log ended at. */
+/* The record at which a query of the log ended. */
 struct seen_record {
     size_t happening; /* the plug-in's line */
     event_record event;
@@ -118,8 +119,7 @@ struct seen_record {
 static std::vector<seen_record> s_records;
 static size_t s_begun, s_ended;
 
-/* The values that the *s of a pattern stand for, the shortest ones. Result: whether the whole text
- * fits. */
+/* Finds the shortest values that the *s of a pattern match. Result: whether the whole text matches. */
 static bool captures(const std::string &text, const std::string &pattern,
                      std::vector<std::string> *values)
 {
@@ -155,7 +155,7 @@ static std::string filled(const char *sentence, const std::vector<std::string> &
     return text;
 }
 
-/* The newest record of the last read with that number and source: the plug-in names no other. */
+/* The newest record of the last read with that id and source: the plug-in logs no number. */
 static void note_record(size_t happening, const std::vector<std::string> &values)
 {
     const machine_read read = machine_last_read();
@@ -174,7 +174,7 @@ static void note_record(size_t happening, const std::vector<std::string> &values
     }
 }
 
-/* The row of a line that begins a verdict, one a check; NULL when it does not. */
+/* The row of a line that begins a verdict, one a check; NULL for another line. */
 static const line_row *verdict_of(const std::string &line)
 {
     std::vector<std::string> values;
@@ -219,7 +219,7 @@ size_t explain_ended(void)
     return s_ended;
 }
 
-/* What it does once more is no new reason. */
+/* A repeated action is one reason. */
 static void add_reason(replay_story *story, enum reason_topic topic, size_t index,
                        const std::string &text)
 {
@@ -235,12 +235,12 @@ static void add_reason(replay_story *story, enum reason_topic topic, size_t inde
     story->reasons.push_back({topic, what.ms, what.ms, 1, text, {index}});
 }
 
-static void add_record(replay_story *story, const seen_record &seen, const std::string &word)
+static void add_record(replay_story *story, const seen_record &seen, const std::string &name)
 {
     const event_record &event = seen.event;
     std::string text =
         text_format("stops reading at record %u, %s %u (%s), written %s", event.number,
-                    text_narrow(event.source).c_str(), event.id & 0xffff, word.c_str(),
+                    text_narrow(event.source).c_str(), event.id & 0xffff, name.c_str(),
                     time_iso(time_of_unix(event.time)).c_str());
 
     add_reason(story, REASON_LOG, seen.happening, text);
@@ -250,7 +250,7 @@ static void add_record(replay_story *story, const seen_record &seen, const std::
     story->records.push_back(event);
 }
 
-/* The stack as the engine printed it; the last one counts. */
+/* Takes the stack as the engine printed it; the last one counts. */
 static void take_stack(replay_story *story, const std::string &text)
 {
     story->stack.clear();
@@ -272,27 +272,35 @@ static void explain_line(replay_story *story, size_t index, const std::string &l
 
     if (line != EMPTY_STACK_LINE && captures(line, STACK_LINE, &values)) {
         take_stack(story, values[0]);
-        add_reason(story, REASON_STACK, index, "got the stack from the debugger engine");
+        add_reason(story, REASON_STACK, index, "gets the stack from the debugger engine");
         return;
     }
     for (const auto &row : s_lines) {
         values.clear();
         if (!captures(line, row.line, &values))
             continue;
-        add_reason(story, row.topic, index, filled(row.sentence, values));
-        /* Of several checks one may have ended before the blue screen's record was there. */
+        add_reason(story, row.topic, index,
+                   strcmp(row.line, NO_BLAME_LINE) == 0 && story->stack.empty()
+                       ? "blames no product: no stack was read"
+                       : filled(row.sentence, values));
+        /* One of several checks may have ended before the blue screen was recorded. */
         if (row.verdict != VERDICT_NONE &&
             (story->verdict == VERDICT_NONE || row.verdict == VERDICT_CRASH))
             story->verdict = row.verdict;
-        if (strcmp(row.line, BLAME_LINE) == 0)
+        if (strcmp(row.line, BLAME_LINE) == 0 && story->blamed.empty()) {
             story->blamed = values[0];
-        if (strcmp(row.line, "crash module[*]") == 0)
-            story->crash_modules.push_back(values[0]);
+            story->blamed_ms = journal_all()[index].ms;
+        }
+        if (row.topic == REASON_DUMP)
+            story->engine_error = filled(row.sentence, values);
+        if (row.ends_check)
+            story->last_query_ms = journal_all()[index].ms;
+        story->drivers_updated = story->drivers_updated || strcmp(row.line, UPDATED_LINE) == 0;
         return;
     }
 }
 
-/* What it asked Windows about dumps. */
+/* The search for dumps. */
 static void explain_call(replay_story *story, size_t index, const std::string &call)
 {
     std::vector<std::string> values;
@@ -301,7 +309,7 @@ static void explain_call(replay_story *story, size_t index, const std::string &c
         const std::string folder = values[0].substr(0, values[0].find_last_of('\\'));
 
         add_reason(story, REASON_DUMP, index,
-                   values[1] == "handle" ? "looks through " + folder + " for its newest file"
+                   values[1] == "handle" ? "searches " + folder + " for its newest file"
                                          : "finds no folder " + folder);
         return;
     }
@@ -309,14 +317,27 @@ static void explain_call(replay_story *story, size_t index, const std::string &c
     if (captures(call, "CreateFileW(\"*\", 0x80000000, 0x7, 3, 0x80) = *", &values) &&
         values[0].rfind(RUN_FOLDER, 0) != 0)
         add_reason(story, REASON_DUMP, index,
-                   values[1] == "handle" ? "looks when " + values[0] + " was written"
+                   values[1] == "handle" ? "reads the write time of " + values[0]
                                          : "finds no file " + values[0]);
 }
 
-std::vector<size_t> explain_decisions(void)
+/* Without the plug-in as its subject: "blames guard_flt: ...". */
+static std::string sentence_of(const std::string &line)
+{
+    std::vector<std::string> values;
+
+    for (const line_row &row : s_lines) {
+        values.clear();
+        if (captures(line, row.line, &values))
+            return filled(row.sentence, values);
+    }
+    return line;
+}
+
+std::vector<page_highlight> explain_decisions(void)
 {
     const std::vector<happening> &all = journal_all();
-    std::vector<size_t> decisions;
+    std::vector<page_highlight> decisions;
     std::vector<std::string> values;
 
     for (size_t i = 0; i < all.size(); i++) {
@@ -325,9 +346,24 @@ std::vector<size_t> explain_decisions(void)
         const std::string line = text_log_line(all[i].text).message;
 
         if (captures(line, BLAME_LINE, &values) || verdict_of(line) != NULL)
-            decisions.push_back(i);
+            decisions.push_back({i, sentence_of(line)});
     }
     return decisions;
+}
+
+/* News of the engine: "opens PATH", or why it does not. */
+static void explain_engine(replay_story *story, size_t index, const std::string &line)
+{
+    std::vector<std::string> values;
+
+    if (captures(line, "debugger engine opens *", &values)) {
+        story->dump = values[0];
+        story->engine_error.clear();
+        add_reason(story, REASON_DUMP, index, "gives " + values[0] + " to the debugger engine");
+        return;
+    }
+    story->engine_error = "the " + line;
+    add_reason(story, REASON_DUMP, index, "learns that the " + line);
 }
 
 replay_story explain_story(void)
@@ -350,11 +386,7 @@ replay_story explain_story(void)
         } else if (all[i].kind == HAPPENED_CALL) {
             explain_call(&story, i, line);
         } else if (all[i].kind == HAPPENED_STEP && line.rfind("debugger engine ", 0) == 0) {
-            if (captures(line, "debugger engine opens *", &values))
-                story.dump = values[0];
-            add_reason(&story, REASON_DUMP, i,
-                       values.empty() ? "is told that the " + line
-                                      : "gives " + values[0] + " to the debugger engine");
+            explain_engine(&story, i, line);
         }
     }
     return story;

@@ -1,10 +1,9 @@
 /*
- * Why the plug-in decided as it did: sentences for a person, each made of something that the
- * plug-in did while the host watched: a line that it logged, a call, a command, an upload.
- * Nothing is concluded here that it did not say or do.
+ * Why the plug-in decided as it did: sentences for a person, each derived from an observed action of
+ * the plug-in: a log line, a call, a command, an upload.
  */
-#ifndef DEVHOST_VIEW_EXPLAIN_H
-#define DEVHOST_VIEW_EXPLAIN_H
+#ifndef DEVHOST_EXPLAIN_H
+#define DEVHOST_EXPLAIN_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -13,59 +12,64 @@
 #include <vector>
 
 #include "../evidence/event_record.h"
+#include "../view/page.h"
 
-/* Which part of the story a reason belongs to, in the order of the story. */
+/* The part of the story that a reason belongs to, in order. */
 enum reason_topic {
-    REASON_LOG,     /* what it asked the event log */
-    REASON_DUMP,    /* which dump it looked at */
-    REASON_STACK,   /* what it read on the stack */
-    REASON_VERDICT, /* what it concluded, and did about it */
+    REASON_LOG,     /* queries of the event log */
+    REASON_DUMP,    /* the search for a dump */
+    REASON_STACK,   /* modules on the stack */
+    REASON_VERDICT, /* conclusions and their consequences */
     REASON_TOPICS,
 };
 
-/* What it concluded about the last run of Windows. */
+/* The plug-in's conclusion about the previous run of Windows. */
 enum replay_verdict {
-    VERDICT_NONE, /* it came to none */
+    VERDICT_NONE, /* no conclusion */
     VERDICT_NORMAL,
     VERDICT_POWER_LOSS,
     VERDICT_CRASH,
-    VERDICT_NOT_KNOWN, /* it could not find out */
+    VERDICT_NOT_KNOWN, /* the queries failed */
 };
 
 struct replay_reason {
     enum reason_topic topic;
-    uint64_t ms; /* since Windows started, for the first time */
-    uint64_t last_ms;
-    unsigned times; /* that it did so */
+    uint64_t ms;      /* since Windows started, the first time */
+    uint64_t last_ms; /* the last time */
+    unsigned times;
     std::string text;
     std::vector<size_t> because; /* indexes in journal_all() */
 };
 
 struct replay_frame {
     std::string text;   /* as the engine printed it */
-    std::string module; /* what stands before its '!' or '+'; empty: no frame */
+    std::string module; /* the part before '!' or '+'; empty: not a frame */
 };
 
 struct replay_story {
     enum replay_verdict verdict = VERDICT_NONE;
-    std::string blamed; /* module; empty: nobody */
+    std::string blamed;     /* module; empty: none */
+    uint64_t blamed_ms = 0; /* since Windows started */
     std::vector<replay_reason> reasons;
-    std::vector<event_record> records; /* that a question to the log ended at, each once */
-    std::string dump;                  /* that the engine was given last; empty: none */
+    std::vector<event_record> records; /* at which queries of the log ended, each once */
+    std::string dump;                  /* the last one that the engine got; empty: none */
+    std::string engine_error;          /* why the engine printed no stack; empty: it did */
     std::vector<replay_frame> stack;
-    std::vector<std::string> crash_modules; /* the plug-in's own names for those of nobody */
-    std::vector<size_t> decisions;          /* indexes in journal_all() of verdicts and blames */
+    bool drivers_updated = false; /* the plug-in found updated drivers, and blames no product */
+    uint64_t last_query_ms = 0;   /* when the last check reached its verdict */
+    std::vector<page_highlight> decisions;
 };
 
-/* Watches what happens from here on, and hands it to the view. Once a run, before it is played. */
+/* Watches what happens from here on, and passes it to the view. Called once a run, before it is
+ * played. */
 void explain_start(void);
-/* Checks that have begun, and those that came to a verdict. */
+/* Checks that have begun, and checks that reached a verdict. */
 size_t explain_begun(void);
 size_t explain_ended(void);
-/* What was seen since the start. */
+/* The story since the start. */
 replay_story explain_story(void);
-/* The indexes in journal_all() of verdicts and blames alone. */
-std::vector<size_t> explain_decisions(void);
+/* Verdicts and blames alone. */
+std::vector<page_highlight> explain_decisions(void);
 
 const char *explain_verdict_name(enum replay_verdict verdict);
 

@@ -1,13 +1,13 @@
-/* Evidence that may leave a customer's house: of the log only the strings of records that the
- * plug-in asks for, of dumps only their stacks, of the registry only the keys that it reads. */
+/* Evidence that may leave a customer's site: of the log only the strings of records that the plug-in
+ * queries, of dumps only the stacks, of the registry only the keys that it reads. */
 #include "replay.h"
-
-#include <stdio.h>
 
 #include <string.h>
 
 #include <algorithm>
 
+#include "../base/terminal.h"
+#include "../base/text_json.h"
 #include "../evidence/file.h"
 #include "../evidence/system_events.h"
 #include "../machine/machine.h"
@@ -19,11 +19,11 @@
 
 #define STACK_FRAMES  99
 
-/* What a dump is called whose name is not one of Windows' own. */
+/* The name of a dump whose own name Windows did not assign. */
 #define OTHER_DUMP "dump.dmp"
 
-/* Records of which strings are kept, and how many of the first: those that the plug-in asks for,
- * and those that move the clock. Behind them stand programs and accounts. */
+/* Records that keep their first strings, and how many: the ones that the plug-in queries, and changes of
+ * the clock. The following strings contain programs and accounts. */
 static const struct {
     const wchar_t *source;
     uint32_t id;
@@ -36,8 +36,8 @@ static const struct {
     {SOURCE_BUG_CHECK,      EVENT_BUG_CHECK,           2},
 };
 
-/* Keys that the plug-in reads, and the values of them that are kept: those that it reads, and those
- * that every driver has. In lower case. */
+/* Keys that the plug-in reads, and their values that are kept: the ones that it reads, and the ones that
+ * every driver has. In lower case. */
 static const wchar_t *const s_keys[] = {
     L"system\\currentcontrolset\\control\\crashcontrol",
     L"system\\currentcontrolset\\services\\load_driver",
@@ -53,7 +53,7 @@ static bool is_slash(char c)
     return c == '\\' || c == '/';
 }
 
-/* Where a part of a path begins that is called so; npos: nowhere. */
+/* Where the part of a path with that name begins; npos: nowhere. */
 static size_t find_part(const std::string &text, const std::string &part)
 {
     const std::string lower = text_lower(text);
@@ -67,9 +67,9 @@ static size_t find_part(const std::string &text, const std::string &part)
     return std::string::npos;
 }
 
-/* A path with what people and servers are called taken out: all behind a folder of users, all from
- * a SID on, all of a path on a server. The same text gives the same, so that a setting and a file
- * still agree. */
+/* Removes names of people and servers from a path: everything after a folder of users, everything from a
+ * SID on, a whole path on a server. Equal paths stay equal, so that a setting and a file still
+ * agree. */
 static std::string without_names(const std::string &path)
 {
     for (const char *folder : {"users", "documents and settings", "docume~1"}) {
@@ -90,14 +90,13 @@ static std::string without_names(const std::string &path)
     return remote ? "\\\\server\\share" : path;
 }
 
-/* What Windows writes without naming anybody: times, numbers, "0x0000007e (0x1, 0x2, 0x3, 0x4)". */
+/* Times and numbers, which name no person: "0x0000007e (0x1, 0x2, 0x3, 0x4)". */
 static bool is_numbers(const std::string &text)
 {
     return text.find_first_not_of("0123456789abcdefABCDEFx(),.:TZ- ") == std::string::npos;
 }
 
-/* A name that Windows gave, "MEMORY.DMP" or "030724-5437-01.dmp", stays; any other may tell
- * something. */
+/* A name that Windows assigned, "MEMORY.DMP" or "030724-5437-01.dmp", is kept. */
 static std::string dump_name(const std::string &name, const std::string &other)
 {
     const std::string lower = text_lower(name);
@@ -109,7 +108,7 @@ static std::string dump_name(const std::string &name, const std::string &other)
                : other;
 }
 
-/* The path of a dump. other: its name when it has not one of Windows' own. */
+/* The path of a dump. other: its name if Windows did not assign one. */
 static std::string redacted_file(const std::string &path, const std::string &other)
 {
     const size_t slash = path.find_last_of("\\/");
@@ -137,71 +136,79 @@ static event_record redacted(const event_record &event)
     return out;
 }
 
-/* The stack as call sites, which is all that a dump says here. */
-static std::string dump_json(const replay_dump &placed, const std::string &place)
+/* A dump becomes its stack, as call sites. */
+static void put_dump(json_lines &writer, const replay_dump &placed, const std::string &place)
 {
     const evidence_file file(placed.dump.path, UINT64_MAX);
     struct kernel_dump facts;
-    std::string reason, frames;
+    std::string reason;
+    std::vector<std::string> frames;
 
     if (kernel_dump_read(file.data(), file.bytes(), &facts, &reason) != KERNEL_DUMP_OK)
         evidence_bad(placed.dump.path, reason);
     for (const kernel_dump_frame &frame : kernel_dump_walk(facts, STACK_FRAMES))
-        frames += (frames.empty() ? "" : ", ") +
-                  text_quoted(kernel_dump_call_site(facts, frame.instruction));
-    return "{\"path\": " + text_quoted(place) + ", \"written\": \"" +
-           time_iso(placed.written_100ns, true) + "\", \"created\": \"" +
-           time_iso(placed.written_100ns, true) + "\", \"frames\": [" + frames + "]}";
+        frames.push_back(kernel_dump_call_site(facts, frame.instruction));
+    writer.StartObject();
+    json_member(writer, "path", place);
+    json_member(writer, "written", time_iso(placed.written_100ns, true));
+    json_member(writer, "created", time_iso(placed.written_100ns, true));
+    json_member(writer, "frames", frames);
+    writer.EndObject();
 }
 
-static std::string dumps_json(const replay_evidence &evidence)
+static void put_dumps(json_lines &writer, const replay_evidence &evidence)
 {
-    std::string text;
     size_t number = 0;
 
+    writer.Key("files");
+    writer.StartArray();
     for (const replay_dump &placed : evidence.dumps) {
         const std::string name = text_format("dump%u.dmp", static_cast<unsigned>(++number));
         const bool small = placed.dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE;
 
-        /* The setting names the file of a large dump, and of small ones the folder. */
+        /* The setting names the file of a complete dump, and the folder of small ones. */
         if (placed.there)
-            text += (text.empty() ? "" : ",\n      ") +
-                    dump_json(placed, redacted_file(placed.place, small ? name : OTHER_DUMP));
+            put_dump(writer, placed, redacted_file(placed.place, small ? name : OTHER_DUMP));
     }
-    return text;
+    writer.EndArray();
 }
 
-static std::string value_json(const evidence_value &value)
+static void put_number(json_lines &writer, const char *type, uint64_t number)
 {
-    std::string data;
-    const char *type = "REG_BINARY";
+    json_member(writer, "type", type);
+    json_member(writer, "data", number);
+}
 
+static std::string redacted_text(const evidence_value &value)
+{
+    const std::wstring whole(reinterpret_cast<const wchar_t *>(value.data.data()),
+                             value.data.size() / sizeof(wchar_t));
+    const std::string text = text_narrow(whole.substr(0, whole.find(L'\0')));
+
+    return text_lower(value.name) == L"dumpfile" ? redacted_file(text, OTHER_DUMP)
+                                                 : without_names(text);
+}
+
+static void put_value(json_lines &writer, const evidence_value &value)
+{
+    uint64_t number = 0;
+
+    writer.StartObject();
+    json_member(writer, "key", text_narrow(value.key));
+    json_member(writer, "name", text_narrow(value.name));
     if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) {
-        const std::wstring whole(reinterpret_cast<const wchar_t *>(value.data.data()),
-                                 value.data.size() / sizeof(wchar_t));
-        const std::string text = text_narrow(whole.substr(0, whole.find(L'\0')));
-
-        type = value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ";
-        data = text_quoted(text_lower(value.name) == L"dumpfile" ? redacted_file(text, OTHER_DUMP)
-                                                                 : without_names(text));
-    } else if (value.type == REG_DWORD && value.data.size() == sizeof(uint32_t)) {
-        uint32_t number;
-
-        memcpy(&number, value.data.data(), sizeof(number));
-        type = "REG_DWORD";
-        data = std::to_string(number);
-    } else if (value.type == REG_QWORD && value.data.size() == sizeof(uint64_t)) {
-        uint64_t number;
-
-        memcpy(&number, value.data.data(), sizeof(number));
-        type = "REG_QWORD";
-        data = std::to_string(number);
+        json_member(writer, "type", value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ");
+        json_member(writer, "data", redacted_text(value));
+    } else if ((value.type == REG_DWORD && value.data.size() == sizeof(uint32_t)) ||
+               (value.type == REG_QWORD && value.data.size() == sizeof(uint64_t))) {
+        memcpy(&number, value.data.data(), value.data.size());
+        put_number(writer, value.type == REG_DWORD ? "REG_DWORD" : "REG_QWORD", number);
     } else {
-        data = "\"\""; /* bytes may hold anything; the plug-in reads none */
+        /* Bytes may contain anything; the plug-in reads none. */
+        json_member(writer, "type", "REG_BINARY");
+        json_member(writer, "data", "");
     }
-    return "{\"key\": " + text_quoted(text_narrow(value.key)) +
-           ", \"name\": " + text_quoted(text_narrow(value.name)) + ", \"type\": \"" + type +
-           "\", \"data\": " + data + "}";
+    writer.EndObject();
 }
 
 template <size_t size>
@@ -210,61 +217,92 @@ static bool is_one_of(const std::wstring &name, const wchar_t *const (&names)[si
     return std::find(names, names + size, text_lower(name)) != names + size;
 }
 
-static std::string registry_json(const evidence_registry &registry)
+static void put_registry(json_lines &writer, const evidence_registry &registry)
 {
-    std::string text;
-
+    writer.Key("registry");
+    writer.StartArray();
     for (const evidence_value &value : registry.values)
         if (is_one_of(value.key, s_keys) && is_one_of(value.name, s_values))
-            text += (text.empty() ? "" : ",\n      ") + value_json(value);
-    return text;
+            put_value(writer, value);
+    writer.EndArray();
 }
 
-/* The boot's records as steps, each in its time. */
-static std::string steps_json(const replay_evidence &evidence)
+/* The record of a step, without the members that the clock and the log give. */
+static void put_event(json_lines &writer, const event_record &event)
 {
-    std::string text;
+    evidence_log one;
+
+    one.events.push_back(event);
+    const std::string records = evidence_log_json(one, 0, UINT64_MAX);
+
+    json_member_as_is(writer, "event", records.substr(2, records.size() - 5)); /* no brackets */
+}
+
+/* The boot's records as steps, each at its time. */
+static void put_steps(json_lines &writer, const replay_evidence &evidence)
+{
     uint64_t start = evidence.boot->started_100ns; /* as the clock stands at a record */
 
+    writer.Key("steps");
+    writer.StartArray();
     for (const replay_moment &moment : replay_moments(evidence, UNTIL_SECONDS * 1000ull)) {
-        const event_record event = redacted(evidence.log.events[moment.index]);
-        evidence_log one;
+        const double at = static_cast<double>(moment.ms) / 1000.0;
 
-        one.events.push_back(event);
-        std::string record = evidence_log_json(one, 0, UINT64_MAX);
-
-        record = record.substr(2, record.size() - 5); /* without the array's brackets */
         start += static_cast<uint64_t>(moment.clock_change_100ns);
-        if (moment.clock_change_100ns != 0)
-            text += text_format("%s      {\"at\": %.3f, \"clock\": \"%s\"}",
-                                text.empty() ? "" : ",\n", static_cast<double>(moment.ms) / 1000.0,
-                                time_iso(start + moment.ms * TICKS_PER_MS, true).c_str());
-        text += text_format("%s      {\"at\": %.3f, \"event\": ", text.empty() ? "" : ",\n",
-                            static_cast<double>(moment.ms) / 1000.0) +
-                record + "}";
+        if (moment.clock_change_100ns != 0) {
+            writer.StartObject();
+            json_member(writer, "at", at);
+            json_member(writer, "clock", time_iso(start + moment.ms * TICKS_PER_MS, true));
+            writer.EndObject();
+        }
+        writer.StartObject();
+        json_member(writer, "at", at);
+        put_event(writer, redacted(evidence.log.events[moment.index]));
+        writer.EndObject();
     }
-    return text;
+    writer.EndArray();
 }
 
-/* The scenario of the boot with what else there is of the machine. */
+static void put_boot(json_lines &writer, const replay_evidence &evidence)
+{
+    writer.StartObject();
+    json_member(writer, "at", time_iso(evidence.boot->started_100ns, true));
+    json_member(writer, "until", UNTIL_SECONDS);
+    writer.Key("log");
+    writer.Null();
+    put_steps(writer, evidence);
+    writer.EndObject();
+}
+
+/* The scenario of the boot with the rest of the machine. */
 static std::string scenario_json(const replay_evidence &evidence)
 {
     rapidjson::Document base;
 
     base.Parse(replay_scenario(evidence).c_str());
-    return text_format("{\n  \"name\": \"Evidence of a machine, boot %u of its log\",\n",
-                       static_cast<unsigned>(evidence.boot->number)) +
-           "  \"products\": " + node_to_text(base["products"]) +
-           ",\n  \"management\": " + node_to_text(base["management"]) +
-           ",\n  \"machine\": {\n    \"registry\": [\n      " + registry_json(evidence.registry) +
-           "\n    ],\n    \"files\": [\n      " + dumps_json(evidence) +
-           "\n    ],\n    \"events_from\": \"events.json\"\n  },\n" +
-           "  \"boots\": [{\n    \"at\": \"" + time_iso(evidence.boot->started_100ns, true) +
-           text_format("\", \"until\": %d, \"log\": null,\n    \"steps\": [\n", UNTIL_SECONDS) +
-           steps_json(evidence) + "\n    ]\n  }]\n}\n";
+    return json_text<json_lines>([&](json_lines &writer) {
+               writer.StartObject();
+               json_member(writer, "name",
+                           text_format("Evidence of a machine, boot %u of its log",
+                                       static_cast<unsigned>(evidence.boot->number)));
+               json_member_as_is(writer, "products", node_to_text(base["products"]));
+               json_member_as_is(writer, "management", node_to_text(base["management"]));
+               writer.Key("machine");
+               writer.StartObject();
+               put_registry(writer, evidence.registry);
+               put_dumps(writer, evidence);
+               json_member(writer, "events_from", "events.json");
+               writer.EndObject();
+               writer.Key("boots");
+               writer.StartArray();
+               put_boot(writer, evidence);
+               writer.EndArray();
+               writer.EndObject();
+           }) +
+           "\n";
 }
 
-/* Where they lie depends on the registry, for which there is a machine. */
+/* Their places depend on the registry, which needs a machine. */
 static void place_dumps(replay_evidence *evidence)
 {
     const run_folder machine("");
@@ -273,6 +311,33 @@ static void place_dumps(replay_evidence *evidence)
     for (const evidence_value &value : evidence->registry.values)
         machine_set_value(value.key, value.name, value.type, value.data);
     replay_place_dumps(evidence);
+}
+
+static std::string below(const std::string &folder, const std::string &name)
+{
+    return folder + (folder.find('\\') != std::string::npos ? "\\" : "/") + name;
+}
+
+/* A folder that cannot be written completely is removed, so that the next attempt can make it. */
+static void write_scenario(const std::string &folder, const std::string &scenario,
+                           const std::string &events)
+{
+    const std::string events_file = below(folder, "events.json");
+
+    if (!CreateDirectoryW(text_wide(folder).c_str(), NULL)) {
+        const DWORD error = GetLastError();
+
+        throw devhost_error(EXIT_BAD_CALL,
+                            "cannot make the folder '" + folder + "': " + text_error(error));
+    }
+    try {
+        evidence_write(events_file, events);
+        evidence_write(below(folder, "scenario.json"), scenario);
+    } catch (const devhost_error &) {
+        (void)DeleteFileW(text_wide(events_file).c_str());
+        (void)RemoveDirectoryW(text_wide(folder).c_str());
+        throw;
+    }
 }
 
 int replay_redact(const struct replay_options &options, const std::string &folder)
@@ -286,15 +351,9 @@ int replay_redact(const struct replay_options &options, const std::string &folde
     const std::string scenario = scenario_json(evidence),
                       events = evidence_log_json(before, 0, UINT64_MAX);
 
-    if (!CreateDirectoryW(text_wide(folder).c_str(), NULL))
-        throw devhost_error(EXIT_BAD_CALL,
-                            folder + (GetLastError() == ERROR_ALREADY_EXISTS
-                                          ? ": is there already, expected a folder to be made"
-                                          : ": cannot be made"));
-    evidence_write(folder + "\\events.json", events);
-    evidence_write(folder + "\\scenario.json", scenario);
-    printf("%s: %u records, %u dumps as stacks; play it with run %s\\scenario.json\n",
-           folder.c_str(), static_cast<unsigned>(evidence.records),
-           static_cast<unsigned>(evidence.dumps.size()), folder.c_str());
+    write_scenario(folder, scenario, events);
+    terminal_write(folder + ": " + text_count(evidence.log.events.size(), "record") + ", " +
+                   text_count(evidence.dumps.size(), "dump") + "; play it with\n  " +
+                   terminal_command("run", below(folder, "scenario.json")) + "\n");
     return EXIT_ALL_HOLD;
 }

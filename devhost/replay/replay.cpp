@@ -1,7 +1,9 @@
-/* Replay: evidence in, one boot of it on the machine, and what came of it. */
+/* Replay: reads evidence, plays its boots on the machine, and prints the result. */
 #include "replay.h"
 
 #include <stdio.h>
+
+#include <algorithm>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../evidence/file.h"
@@ -11,15 +13,16 @@
 #include "../scenario/products.h"
 #include "../scenario/timeline.h"
 #include "../scenario/journal.h"
+#include "../base/terminal.h"
 #include "../base/text.h"
 #include "../view/page.h"
 #include "../view/view.h"
 
-/* A check takes 13 polls of 30 s; the registry can make it longer, and alarms go out minutes after
- * it. Beyond a day nobody waits. */
+/* A check takes 13 polls of 30 s, or as many as the registry names, and alarms follow within minutes. No
+ * replay is longer than a day. */
 #define USUAL_MS   (8ull * 60 * 1000)
 #define STEP_MS    (60ull * 1000)
-#define BEHIND_MS  (4ull * 60 * 1000)
+#define AFTER_MS   (4ull * 60 * 1000)
 #define LONGEST_MS (24ull * 60 * 60 * 1000)
 
 static void log_now(const event_record &event, int64_t clock_change)
@@ -35,14 +38,14 @@ static void log_now(const event_record &event, int64_t clock_change)
     machine_log(event);
 }
 
-/* The records up to the boot's start are there already, the others come in their time. */
-static void place_log(replay_evidence *evidence)
+/* The records up to the boot's start exist already, the others are logged in their time. */
+static void place_log(const replay_evidence &evidence)
 {
-    std::vector<event_record> &events = evidence->log.events;
+    const std::vector<event_record> &events = evidence.log.events;
 
-    for (size_t i = 0; i <= evidence->boot->begin; i++)
-        machine_log(std::move(events[i]));
-    for (const replay_moment &moment : replay_moments(*evidence, LONGEST_MS)) {
+    for (size_t i = 0; i <= evidence.boot->begin; i++)
+        machine_log(events[i]);
+    for (const replay_moment &moment : replay_moments(evidence, LONGEST_MS)) {
         const event_record &event = events[moment.index];
 
         timeline_at(moment.ms, [&event, moment] { log_now(event, moment.clock_change_100ns); });
@@ -55,7 +58,7 @@ static void place_registry(const evidence_registry &registry)
         machine_set_value(value.key, value.name, value.type, value.data);
 }
 
-/* The file on the machine has its times; the bytes stay where they are. */
+/* The file on the machine has only the times; the bytes are not copied. */
 static void place_dumps(replay_evidence *evidence)
 {
     replay_place_dumps(evidence);
@@ -70,7 +73,7 @@ static void place_dumps(replay_evidence *evidence)
     machine_update_engine();
 }
 
-/* Until every check has come to its verdict, and some minutes more for what follows from it. */
+/* Plays until every check has reached its verdict, and some minutes more for its consequences. */
 static void play(void)
 {
     uint64_t end = USUAL_MS;
@@ -78,13 +81,13 @@ static void play(void)
     play_run_until(end);
     while (explain_ended() < explain_begun() && end < LONGEST_MS)
         play_run_until(end += STEP_MS);
-    play_run_until(end + BEHIND_MS);
+    play_run_until(end + AFTER_MS);
 }
 
 static void note_call(const std::string &text, void *user)
 {
     (void)user;
-    /* The only ones that a sentence is made of; all of them would be many times the log. */
+    /* Sentences are made of no other calls; all of them would be many times the log. */
     if (text.rfind("CreateFileW", 0) == 0 || text.rfind("FindFirstFileW", 0) == 0)
         journal_add(HAPPENED_CALL, "plug-in", text);
 }
@@ -99,13 +102,14 @@ static std::vector<std::string> products_now(const replay_evidence &evidence)
     return states;
 }
 
-/* Plays the boot to its end. */
-static replay_story play_boot(replay_evidence *evidence, const struct run_options &options,
-                              const struct scenario &scenario)
+replay_story replay_play(replay_evidence *evidence, const struct run_options &options)
 {
     const run_folder folder(options.keep);
     struct play_options play_options = {};
+    struct scenario scenario;
 
+    scenario.file = "replay";
+    scenario.document.Parse(replay_scenario(*evidence).c_str());
     play_options.run_folder = folder.path;
     play_options.plugin_path = options.plugin_path;
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
@@ -113,11 +117,12 @@ static replay_story play_boot(replay_evidence *evidence, const struct run_option
     calls_set_trace(note_call, NULL);
     try {
         play_open(scenario, play_options);
+        oxnih_clock_set_zone(&evidence->zone.rules);
         explain_start();
         (void)play_begin_boot();
         place_registry(evidence->registry);
         place_dumps(evidence);
-        place_log(evidence);
+        place_log(*evidence);
         play();
         evidence->states = products_now(*evidence);
     } catch (...) {
@@ -128,23 +133,53 @@ static replay_story play_boot(replay_evidence *evidence, const struct run_option
     return explain_story();
 }
 
+/* Plays every boot of the log, the wanted one last. Result: a row for each, in their order. */
+static std::vector<replay_row> play_all(const struct replay_options &options,
+                                        replay_evidence *evidence, replay_story *story)
+{
+    const evidence_run *wanted = evidence->boot;
+    std::vector<const evidence_run *> order;
+    std::vector<replay_row> rows;
+
+    for (const evidence_run &run : evidence->runs)
+        if (run.number != 0 && &run != wanted)
+            order.push_back(&run);
+    order.push_back(wanted);
+    for (const evidence_run *run : order) {
+        terminal_progress(text_format("playing boot %u of %u", static_cast<unsigned>(run->number),
+                                      static_cast<unsigned>(order.size())));
+        replay_choose(options, *run, evidence);
+        *story = replay_play(evidence, options.session);
+        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed});
+    }
+    std::sort(rows.begin(), rows.end(), [](const replay_row &a, const replay_row &b) {
+        return a.run->number < b.run->number;
+    });
+    return rows;
+}
+
 int replay_run(const struct replay_options &options)
 {
     const double start = time_real_ms();
     replay_evidence evidence = replay_read(options, true);
-    struct scenario scenario;
+    replay_story story;
+    std::vector<replay_row> rows;
 
-    scenario.file = "replay";
-    scenario.document.Parse(replay_scenario(evidence).c_str());
-    const replay_story story = play_boot(&evidence, options.session, scenario);
-    const std::string json = replay_json(evidence, story, options.session.plugin_path);
+    if (options.source.empty())
+        story = replay_play(&evidence, options.session);
+    else
+        rows = play_all(options, &evidence, &story);
+    terminal_progress_end();
+    const replay_answer answer = replay_answer_of(evidence, story);
+    const std::string json =
+        replay_json(evidence, story, answer, rows, options.session.plugin_path);
 
     if (!options.html.empty())
-        evidence_write(options.html, page_of_replay(json));
-    fputs(options.json ? json.c_str() : replay_text(evidence, story).c_str(), stdout);
+        evidence_write(options.html, page_of(json));
+    terminal_write(options.json ? json : replay_text(evidence, story, answer, rows));
     if (options.timing)
-        fprintf(stderr, "timing: %.0f ms for %u records in libevtx, %.0f ms in all else\n",
-                evidence.log.library_ms, static_cast<unsigned>(evidence.records),
+        fprintf(stderr, "timing: %.0f ms for %s in libevtx, %.0f ms in all else\n",
+                evidence.log.library_ms, text_count(evidence.log.events.size(), "record").c_str(),
                 time_real_ms() - start - evidence.log.library_ms);
     return EXIT_ALL_HOLD;
 }
@@ -153,8 +188,7 @@ int replay_list_boots(const struct replay_options &options)
 {
     const replay_evidence evidence = replay_read(options, false);
 
-    fputs(options.json ? replay_boots_json(evidence.runs, evidence.log).c_str()
-                       : replay_boots_text(evidence.runs, evidence.log, NULL).c_str(),
-          stdout);
+    terminal_progress_end();
+    terminal_write(options.json ? replay_boots_json(evidence) : replay_boots_text(evidence, {}));
     return EXIT_ALL_HOLD;
 }

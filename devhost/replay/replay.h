@@ -1,65 +1,100 @@
 /*
- * Replay: the boots of a machine's own evidence, one of them played through the plug-in, and what
- * it decided. Host's one thread. All throw devhost_error before anything is written.
+ * Replay: boots of a machine's own evidence, played through the plug-in, and what it decided. Host's
+ * one thread. All functions throw devhost_error before they print or write.
  */
 #ifndef DEVHOST_REPLAY_H
 #define DEVHOST_REPLAY_H
 
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "../base/run_folder.h"
 #include "../evidence/boots.h"
 #include "../evidence/dump_file.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
-#include "../base/run_folder.h"
 #include "explain.h"
+#include "products_file.h"
+#include "zone.h"
 
 /* Names of the forms of --json. */
 #define REPLAY_SCHEMA       "bypass_mgr.replay"
 #define REPLAY_BOOTS_SCHEMA "bypass_mgr.boots"
 
 struct replay_options {
-    std::string events;                /* .evtx, or JSON records */
-    std::vector<std::string> dumps;    /* crash dumps */
-    std::string boot;                  /* number of a boot in the log, or "last" */
-    std::vector<std::string> products; /* NAME:MODULE,MODULE[:COUNT[:STATUS]] */
-    std::string registry;              /* .reg; empty: none */
+    std::string source;                  /* folder or archive with evidence; empty: none */
+    std::string events;                  /* .evtx, or JSON records; empty: the source's */
+    std::vector<std::string> dumps;      /* crash dumps */
+    std::string boot;                    /* number of a boot in the log, or "last" */
+    std::vector<std::string> products;   /* NAME:MODULE,MODULE[:COUNT[:STATUS]] */
+    std::string products_file;           /* JSON; empty: none */
+    std::vector<std::string> registries; /* .reg */
+    std::string time_zone;               /* empty: of the evidence */
     enum evidence_damage damage;
     bool json;
-    bool timing;      /* tells how long it took, and what of it reading the log */
-    std::string html; /* file to write the page to; empty: none */
+    bool timing;      /* prints the elapsed time and the part of the library for logs */
+    std::string html; /* file for the page; empty: none */
     struct run_options session;
 };
 
-struct replay_product {
-    std::string name;
-    std::vector<std::string> modules;
-    int64_t count;
-    std::string status;
-};
-
-/* Where a dump is put on the machine, and why there. */
+/* Where a dump is placed on the machine, and why there. */
 struct replay_dump {
     evidence_dump dump;
-    bool there;             /* whether it exists in this boot */
-    std::string place;      /* path of the machine */
-    uint64_t written_100ns; /* last write that the machine shows */
-    std::string why;        /* half a sentence on both */
+    bool there;                 /* whether it exists in this boot */
+    bool is_ours;               /* whether it is of the crash that this boot reports */
+    const event_record *record; /* of the boot, that matches its code and parameters; NULL: none */
+    std::string place;          /* path on the machine */
+    uint64_t written_100ns;     /* last write on the machine */
+    std::string why;            /* half a sentence on both */
 };
 
-/* All that was handed in, read and checked. */
+/* A file of a folder or archive that is not used. */
+struct replay_ignored {
+    std::string file, why;
+};
+
+enum replay_answer_kind {
+    ANSWER_BYPASS,
+    ANSWER_NO_BYPASS,
+    ANSWER_CANNOT_TELL
+};
+
+/* The answer to "does the agent order bypass?". */
+struct replay_answer {
+    enum replay_answer_kind kind;
+    std::string sentence;            /* "Bypass: ..." */
+    std::vector<std::string> doubts; /* what would change the answer, a sentence each */
+    size_t ordered;                  /* products that were ordered into bypass */
+};
+
+/* A boot that was played. */
+struct replay_row {
+    const evidence_run *run;
+    struct replay_answer answer;
+    std::string blamed; /* module; empty: none */
+};
+
+/* Everything that was handed in, read and checked. */
 struct replay_evidence {
-    std::string events_file, registry_file; /* as given; the second may be empty */
-    size_t records; /* in the log; those of it that were played are moved to the machine */
+    std::unique_ptr<run_folder> extracted; /* files of an archive */
+    std::string events_file;               /* for a person */
+    std::vector<std::string> registry_files;
+    std::vector<replay_ignored> ignored;
     evidence_log log;
     std::vector<evidence_run> runs;
     std::vector<replay_dump> dumps;
     std::vector<replay_product> products;
     evidence_registry registry;
+    replay_zone zone;                /* of the boot that is played */
     const evidence_run *boot;        /* in runs; NULL when none is needed */
-    const evidence_run *before;      /* the run whose end is judged; NULL: not in the log */
     std::vector<std::string> states; /* of the products when all was played, as JSON */
+
+    /* The run whose end the boot judges; NULL: it is not in the log. */
+    const evidence_run *before() const
+    {
+        return boot == &runs.front() ? nullptr : boot - 1;
+    }
 };
 
 /* Plays and prints. Result: enum devhost_exit. */
@@ -68,15 +103,18 @@ int replay_run(const struct replay_options &options);
 int replay_list_boots(const struct replay_options &options);
 /* Prints what differs between two results of --json. Result: 0 nothing, 1 something. */
 int replay_diff(const std::string &old_file, const std::string &new_file);
-/* Prints what this machine offers. */
+/* Prints what this computer offers. */
 int replay_doctor(void);
 /* Writes the evidence as a scenario without names of computers and people into a new folder. */
 int replay_redact(const struct replay_options &options, const std::string &folder);
 
-/* Between the files of this room. */
+/* Between the files of this directory. */
 
-/* Reads everything that the options name; needs_boot: also the boot in the log. */
+/* read.cpp: reads everything that the options name; needs_boot: also finds the boot in the log. */
 replay_evidence replay_read(const struct replay_options &options, bool needs_boot);
+/* Plays a boot of the log next: sets boot and zone. */
+void replay_choose(const struct replay_options &options, const evidence_run &boot,
+                   replay_evidence *evidence);
 /* The scenario of the boot as JSON text, without its log. */
 std::string replay_scenario(const replay_evidence &evidence);
 /* When a record of the boot is logged. */
@@ -85,21 +123,38 @@ struct replay_moment {
     size_t index;               /* in the log's events */
     int64_t clock_change_100ns; /* by which the clock is set first */
 };
-/* The records behind that of the start, up to that time. Each comes when its time says, but never
- * before the one in front of it. */
+/* The records after that of the start, up to that time. Each is logged at its own time, but never
+ * before the previous one. */
 std::vector<replay_moment> replay_moments(const replay_evidence &evidence, uint64_t until_ms);
-/* Decides where each dump lies; the machine's registry must be there. */
-void replay_place_dumps(replay_evidence *evidence);
 
-/* report.cpp */
+/* place.cpp: decides where each dump lies; the machine's registry must exist. */
+void replay_place_dumps(replay_evidence *evidence);
+/* The string of a BugCheck record with the path of its dump; empty: it names none. */
+std::string replay_dump_path(const event_record &event);
+
+/* replay.cpp: plays the chosen boot to its end. Afterwards journal_all() contains it. */
+replay_story replay_play(replay_evidence *evidence, const struct run_options &options);
+
+/* answer.cpp */
+
+replay_answer replay_answer_of(const replay_evidence &evidence, const replay_story &story);
+/* "bypass", "no bypass", "cannot tell". */
+const char *replay_answer_name(enum replay_answer_kind kind);
+
+/* What became of a dump: "was given to the debugger engine". */
+std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump &placed,
+                             const replay_story &story);
+
+/* report.cpp and report_json.cpp. rows: of all boots that were played; empty: only the one. */
 
 /* The table of boots; the one that is played, or NULL, is marked. */
-std::string replay_boots_text(const std::vector<evidence_run> &runs, const evidence_log &log,
-                              const evidence_run *played);
-std::string replay_text(const replay_evidence &evidence, const replay_story &story);
+std::string replay_boots_text(const replay_evidence &evidence, const std::vector<replay_row> &rows);
+std::string replay_text(const replay_evidence &evidence, const replay_story &story,
+                        const replay_answer &answer, const std::vector<replay_row> &rows);
 /* The result in the form that docs/replay.md describes. */
 std::string replay_json(const replay_evidence &evidence, const replay_story &story,
+                        const replay_answer &answer, const std::vector<replay_row> &rows,
                         const std::string &plugin);
-std::string replay_boots_json(const std::vector<evidence_run> &runs, const evidence_log &log);
+std::string replay_boots_json(const replay_evidence &evidence);
 
 #endif

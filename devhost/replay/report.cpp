@@ -1,31 +1,15 @@
-/* What a replay prints: a text for a person, and the same as JSON. */
+/* The result of a replay as text for a person: the answer first, then its reasons. */
 #include "replay.h"
 
 #include <algorithm>
 
-#include <oxni/base/algo.h>
-
-#include "../evidence/file.h"
+#include "../base/terminal.h"
+#include "../base/text.h"
+#include "../kernel_dump/bug_check.h"
 #include "../scenario/journal.h"
 #include "../scenario/scenario.h"
-#include "../base/text.h"
-#include "../view/view.h"
 
 #define MOST_DAMAGE_LINES 5
-
-static std::string count_text(size_t number)
-{
-    std::string text = std::to_string(number);
-
-    for (size_t at = text.size(); at > 3; at -= 3)
-        text.insert(at - 3, ",");
-    return text;
-}
-
-static const char *many(size_t number)
-{
-    return number == 1 ? "" : "s";
-}
 
 static std::string ending_text(const evidence_run &run, const evidence_log &log)
 {
@@ -35,42 +19,78 @@ static std::string ending_text(const evidence_run &run, const evidence_log &log)
            text_format(", record %u", log.events[run.told_by].number);
 }
 
-std::string replay_boots_text(const std::vector<evidence_run> &runs, const evidence_log &log,
-                              const evidence_run *played)
+/* Result: NULL when the run was not played. */
+static const replay_row *row_of(const std::vector<replay_row> &rows, const evidence_run &run)
 {
-    std::string text = "  boot  started               records        its run ended\n";
+    for (const replay_row &row : rows)
+        if (row.run == &run)
+            return &row;
+    return NULL;
+}
 
-    for (const evidence_run &run : runs)
-        text +=
-            text_format("%s %4s  %-20s  %6u-%-6u  %s\n", &run == played ? ">" : " ",
-                        run.number != 0 ? std::to_string(run.number).c_str() : "-",
-                        run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
-                        log.events[run.begin].number, log.events[run.end - 1].number,
-                        ending_text(run, log).c_str());
+static std::string boot_text(const replay_evidence &evidence, const std::vector<replay_row> &rows,
+                             const evidence_run &run)
+{
+    const evidence_log &log = evidence.log;
+    const replay_row *row = row_of(rows, run);
+    std::string text =
+        text_format("%s %4s  %-20s  %6u-%-6u  ", &run == evidence.boot ? ">" : " ",
+                    run.number != 0 ? std::to_string(run.number).c_str() : "-",
+                    run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
+                    log.events[run.begin].number, log.events[run.end - 1].number);
+
+    if (row == NULL)
+        return text + ending_text(run, log) + "\n";
+    return text + text_format("%-24s  %-11s  %-16s  %s\n", ending_text(run, log).c_str(),
+                              replay_answer_name(row->answer.kind),
+                              row->blamed.empty() ? "-" : row->blamed.c_str(),
+                              row->answer.kind == ANSWER_BYPASS
+                                  ? text_count(row->answer.ordered, "product").c_str()
+                                  : "-");
+}
+
+std::string replay_boots_text(const replay_evidence &evidence, const std::vector<replay_row> &rows)
+{
+    std::string text = "  boot  started               records        its run ended";
+
+    text += rows.empty() ? "\n" : "             answer       blamed            ordered\n";
+    for (const evidence_run &run : evidence.runs)
+        text += boot_text(evidence, rows, run);
+    if (evidence.boot != NULL)
+        return text;
+    for (const std::string &line : evidence_log_damage(evidence.log, MOST_DAMAGE_LINES))
+        text += evidence.events_file + ": " + line + "\n";
     return text;
 }
 
 static std::string evidence_text(const replay_evidence &evidence)
 {
-    std::string text = evidence.events_file + ": " + count_text(evidence.records) + " record" +
-                       many(evidence.records) + "\n";
+    std::string text = "\nEvidence\n  " + evidence.events_file + ": " +
+                       text_count(evidence.log.events.size(), "record") + "\n";
 
     for (const std::string &line : evidence_log_damage(evidence.log, MOST_DAMAGE_LINES))
-        text += "  " + line + "\n";
+        text += "    " + line + "\n";
     for (const replay_dump &placed : evidence.dumps) {
-        text += placed.dump.path + ": " + evidence_dump_kind(placed.dump) +
-                text_format(" dump, bug check 0x%x at ", placed.dump.facts.bug_check) +
-                time_iso(placed.dump.facts.crash_time_100ns) + "\n";
-        for (const std::string &gap : placed.dump.facts.gaps)
-            text += "  " + gap + "\n";
+        const kernel_dump &facts = placed.dump.facts;
+
+        text += "  " + placed.dump.shown + ": " + evidence_dump_kind(placed.dump) +
+                " dump, bug check " + bug_check_title(facts.bug_check) + ", crashed " +
+                time_iso(facts.crash_time_100ns) + "\n";
+        for (const std::string &gap : facts.gaps)
+            text += "    incomplete: " + gap + "\n";
     }
-    if (!evidence.registry_file.empty())
-        text += evidence.registry_file + ": " + count_text(evidence.registry.values.size()) +
-                " values below HKEY_LOCAL_MACHINE\n";
+    for (const std::string &file : evidence.registry_files)
+        text += "  " + file + ": registry export\n";
+    text += "  time zone: " + evidence.zone.name +
+            (evidence.zone.source.empty() ? ", assumed: no evidence contains it (--time-zone)"
+                                          : ", from " + evidence.zone.source) +
+            "\n";
+    for (const replay_ignored &ignored : evidence.ignored)
+        text += "  not used: " + ignored.file + ": " + ignored.why + "\n";
     return text;
 }
 
-/* "00:01:10.000  3 times until 00:01:15.000  ..." */
+/* "00:01:10.000  ... (3 times, last at 00:01:15.000)" */
 static std::string reason_text(const replay_reason &reason)
 {
     std::string text = "  " + time_span(reason.ms) + "  " + reason.text;
@@ -92,26 +112,6 @@ static std::string reasons_text(const replay_story &story, enum reason_topic top
     return text.empty() ? "" : std::string("\n") + heading + ", the plug-in\n" + text;
 }
 
-/* What the plug-in did with a dump that was handed in. */
-static std::string dump_fate(const replay_evidence &evidence, const replay_dump &placed,
-                             const replay_story &story)
-{
-    const bool chosen = !story.dump.empty() && text_lower(story.dump) == text_lower(placed.place);
-
-    if (!placed.there)
-        return "is not on the machine: " + placed.why;
-    if (chosen)
-        return "was given to the debugger engine";
-    if (story.dump.empty())
-        return "was not given to the debugger engine; Windows started at " +
-               time_iso(evidence.boot->started_100ns, true);
-    for (const replay_dump &other : evidence.dumps)
-        if (other.there && text_lower(story.dump) == text_lower(other.place))
-            return "was passed over for " + other.place + ", written " +
-                   time_iso(other.written_100ns, true);
-    return "was passed over for " + story.dump;
-}
-
 static std::string dumps_text(const replay_evidence &evidence, const replay_story &story)
 {
     std::string text;
@@ -121,7 +121,7 @@ static std::string dumps_text(const replay_evidence &evidence, const replay_stor
                 (placed.there ? placed.place + ", written " + time_iso(placed.written_100ns, true) +
                                     " (" + placed.why + "),\n    "
                               : placed.dump.file_name + " ") +
-                dump_fate(evidence, placed, story) + "\n";
+                replay_dump_fate(evidence, placed, story) + "\n";
     return text;
 }
 
@@ -138,25 +138,47 @@ static std::string stack_text(const replay_story &story)
     }
     if (text.empty())
         return "";
-    return "\nThe stack as the engine gave it" +
-           std::string(any ? "; > marks the module that is blamed" : "") + "\n" + text;
+    return "\nThe stack as the engine printed it" +
+           std::string(any ? "; > marks the blamed module" : "") + "\n" + text;
 }
 
-/* The answer to a command: the first one of its product behind it. */
-static std::string reply_to(const std::vector<happening> &all, size_t command)
+/* The reply to a command: the first one of its product that answers no earlier command. */
+static std::string delivery_of(const std::vector<happening> &all, size_t command)
 {
-    size_t before = 0; /* commands to the product that are not answered yet */
+    size_t before = 0; /* commands to the product without a reply so far */
 
     for (size_t i = 0; i < all.size(); i++) {
-        const bool answer =
+        const bool reply =
             all[i].kind == HAPPENED_REPLY && all[i].who == all[command].whom && before > 0;
 
         if (all[i].kind == HAPPENED_COMMAND && all[i].whom == all[command].whom && i <= command)
             before++;
-        if (answer && --before == 0 && i > command)
-            return "which " + all[i].text;
+        if (reply && --before == 0 && i > command)
+            return all[i].number == 0 ? "delivered"
+                                      : text_format("not delivered, error %d", all[i].number);
     }
-    return "which nobody answered";
+    return "without a reply";
+}
+
+/* "orders guard into bypass (blamed driver: guard_flt), delivered" */
+static std::string command_text(const std::vector<happening> &all, size_t index)
+{
+    rapidjson::Document message;
+
+    message.Parse(all[index].json.c_str());
+    const std::string type = node_text_of(&message, "type", ""), &whom = all[index].whom,
+                      reason = node_text_of(&message, "reason", "");
+    std::string text = all[index].text;
+
+    if (type == "bypass")
+        text = "orders " + whom + " into bypass (blamed driver: " + reason + ")";
+    else if (type == "recover")
+        text = "orders " + whom + " to recover";
+    else if (type == "set_count")
+        text = "orders " + whom +
+               text_format(" to set its count to %lld",
+                           static_cast<long long>(node_integer_of(&message, "count", 0)));
+    return "  " + time_span(all[index].ms) + "  " + text + ", " + delivery_of(all, index) + "\n";
 }
 
 static std::string commands_text(void)
@@ -166,12 +188,11 @@ static std::string commands_text(void)
 
     for (size_t i = 0; i < all.size(); i++)
         if (all[i].kind == HAPPENED_COMMAND)
-            text +=
-                "  " + time_span(all[i].ms) + "  " + all[i].text + ", " + reply_to(all, i) + "\n";
+            text += command_text(all, i);
     return "\nCommands\n" + (text.empty() ? "  none\n" : text);
 }
 
-/* The alarms by what tells them apart; the whole messages are in the JSON and the page. */
+/* The alarms in short; the JSON and the page contain the messages. */
 static std::string alarms_text(void)
 {
     std::string text;
@@ -205,7 +226,7 @@ static std::string products_text(const replay_evidence &evidence)
     return evidence.products.empty() ? "" : text;
 }
 
-/* The verdict in one sentence, made of what the plug-in said and ordered. */
+/* The plug-in's conclusion, and the bypass commands of all products, the platform's own included. */
 static std::string verdict_text(const replay_story &story)
 {
     size_t bypasses = 0;
@@ -214,210 +235,34 @@ static std::string verdict_text(const replay_story &story)
         if (what.kind == HAPPENED_COMMAND &&
             what.json.find("\"type\": \"bypass\"") != std::string::npos)
             bypasses++;
-    std::string text = "Verdict: " + std::string(explain_verdict_name(story.verdict));
-
-    if (!story.blamed.empty())
-        text += ", bypass by " + story.blamed;
-    else if (story.verdict == VERDICT_CRASH)
-        text += ", nobody is blamed";
-    return text +
-           text_format("; %u bypass command%s", static_cast<unsigned>(bypasses), many(bypasses)) +
-           "\n";
+    return "\nVerdict of the plug-in: " + std::string(explain_verdict_name(story.verdict)) +
+           (story.blamed.empty() ? "" : ", blames " + story.blamed) + "; " +
+           text_count(bypasses, "bypass command") + "\n";
 }
 
-std::string replay_text(const replay_evidence &evidence, const replay_story &story)
+static std::string answer_text(const replay_answer &answer)
 {
-    return evidence_text(evidence) + "\n" +
-           replay_boots_text(evidence.runs, evidence.log, evidence.boot) + "\n" +
-           verdict_text(story) + reasons_text(story, REASON_LOG, "Asking the event log") +
+    static const char *const colours[] = {"\x1b[1;31m", "\x1b[1;32m", "\x1b[1;33m"};
+    const bool colour = terminal_has_colours();
+    std::string text =
+        (colour ? colours[answer.kind] : "") + answer.sentence + (colour ? "\x1b[0m" : "") + "\n";
+
+    if (!answer.doubts.empty())
+        text += "\nWhat would change the answer\n";
+    for (const std::string &doubt : answer.doubts)
+        text += "  - " + doubt + "\n";
+    return text;
+}
+
+std::string replay_text(const replay_evidence &evidence, const replay_story &story,
+                        const replay_answer &answer, const std::vector<replay_row> &rows)
+{
+    return answer_text(answer) + evidence_text(evidence) + "\nBoots; > marks the one below" +
+           (rows.empty() ? "" : ", and an answer judges how the previous run ended") + "\n" +
+           replay_boots_text(evidence, rows) + verdict_text(story) +
+           reasons_text(story, REASON_LOG, "Querying the event log") +
            reasons_text(story, REASON_DUMP, "Looking for a dump") + dumps_text(evidence, story) +
            reasons_text(story, REASON_STACK, "Reading the stack") + stack_text(story) +
            reasons_text(story, REASON_VERDICT, "Deciding") + commands_text() + alarms_text() +
            products_text(evidence);
-}
-
-/* JSON: members in the order of docs/replay.md. */
-
-static std::string array(const std::vector<std::string> &elements, const char *separator = ", ")
-{
-    std::string text = "[";
-
-    for (const std::string &element : elements)
-        text += (text.size() > 1 ? separator : "") + element;
-    return text + "]";
-}
-
-static std::string texts(const std::vector<std::string> &values)
-{
-    std::vector<std::string> quoted;
-
-    for (const std::string &value : values)
-        quoted.push_back(text_quoted(value));
-    return array(quoted);
-}
-
-static std::string run_json(const evidence_run &run, const evidence_log &log)
-{
-    return text_format("{\"boot\": %u, \"started\": ", static_cast<unsigned>(run.number)) +
-           (run.number != 0 ? text_quoted(time_iso(run.started_100ns, true)) : "null") +
-           text_format(", \"first_record\": %u, \"last_record\": %u, \"ended\": \"%s\", "
-                       "\"told_by\": %s}",
-                       log.events[run.begin].number, log.events[run.end - 1].number,
-                       evidence_ending_name(run.ending),
-                       run.told_by != NO_RECORD
-                           ? std::to_string(log.events[run.told_by].number).c_str()
-                           : "null");
-}
-
-static std::string runs_json(const std::vector<evidence_run> &runs, const evidence_log &log)
-{
-    std::vector<std::string> rows;
-
-    for (const evidence_run &run : runs)
-        rows.push_back(run_json(run, log));
-    return array(rows, ",\n  ");
-}
-
-std::string replay_boots_json(const std::vector<evidence_run> &runs, const evidence_log &log)
-{
-    return "{\"schema\": \"" REPLAY_BOOTS_SCHEMA "\", \"version\": 1, \"boots\": " +
-           runs_json(runs, log) + "}\n";
-}
-
-static std::string log_json(const replay_evidence &evidence)
-{
-    return text_format("{\"file\": %s, \"records\": %u, \"lost_records\": %llu, ",
-                       text_quoted(evidence.events_file).c_str(),
-                       static_cast<unsigned>(evidence.records),
-                       static_cast<unsigned long long>(evidence.log.lost_records)) +
-           "\"cut_off\": " +
-           (evidence.log.cut_off.empty() ? "null" : text_quoted(evidence.log.cut_off)) +
-           ", \"damage\": " + texts(evidence.log.damage) + "}";
-}
-
-static std::string dump_json(const replay_evidence &evidence, const replay_dump &placed,
-                             const replay_story &story)
-{
-    const evidence_dump &dump = placed.dump;
-    std::string parameters;
-
-    for (const uint64_t parameter : dump.facts.parameters)
-        parameters += text_format("%s\"0x%llx\"", parameters.empty() ? "" : ", ",
-                                  static_cast<unsigned long long>(parameter));
-    return "{\"file\": " + text_quoted(dump.path) + ", \"kind\": \"" + evidence_dump_kind(dump) +
-           text_format("\", \"bytes\": %llu, \"bug_check\": \"0x%x\", \"parameters\": [%s], ",
-                       static_cast<unsigned long long>(dump.bytes), dump.facts.bug_check,
-                       parameters.c_str()) +
-           "\"crashed\": \"" + time_iso(dump.facts.crash_time_100ns, true) +
-           "\", \"gaps\": " + texts(dump.facts.gaps) +
-           ", \"place\": " + (placed.there ? text_quoted(placed.place) : "null") +
-           ", \"written\": " +
-           (placed.there ? text_quoted(time_iso(placed.written_100ns, true)) : "null") +
-           ", \"why_there\": " + text_quoted(placed.why) +
-           ", \"fate\": " + text_quoted(dump_fate(evidence, placed, story)) + "}";
-}
-
-static std::string product_json(const replay_product &product, const std::string &state)
-{
-    return "{\"name\": " + text_quoted(product.name) + ", \"modules\": " + texts(product.modules) +
-           text_format(", \"count\": %lld, \"status\": \"%s\", \"at_the_end\": %s}",
-                       static_cast<long long>(product.count), product.status.c_str(),
-                       state.c_str());
-}
-
-static std::string record_json(const event_record &event)
-{
-    std::vector<std::string> strings;
-
-    for (size_t i = 0; i < event.strings.count(); i++)
-        strings.push_back(text_narrow(event.strings.at(i)));
-    return text_format("{\"record\": %u, \"source\": %s, \"id\": %u, \"time\": \"%s\", "
-                       "\"strings\": %s}",
-                       event.number, text_quoted(text_narrow(event.source)).c_str(), event.id,
-                       time_iso(time_of_unix(event.time)).c_str(), texts(strings).c_str());
-}
-
-static std::string indexes(const std::vector<size_t> &values)
-{
-    std::vector<std::string> numbers;
-
-    for (const size_t value : values)
-        numbers.push_back(std::to_string(value));
-    return array(numbers);
-}
-
-static std::string reason_json(const replay_reason &reason)
-{
-    static const char *const topics[REASON_TOPICS] = {"log", "dump", "stack", "verdict"};
-
-    return text_format("{\"topic\": \"%s\", \"ms\": %llu, \"last_ms\": %llu, \"times\": %u, ",
-                       topics[reason.topic], static_cast<unsigned long long>(reason.ms),
-                       static_cast<unsigned long long>(reason.last_ms), reason.times) +
-           "\"text\": " + text_quoted(reason.text) + ", \"because\": " + indexes(reason.because) +
-           "}";
-}
-
-static std::string frame_json(const replay_frame &frame)
-{
-    return "{\"text\": " + text_quoted(frame.text) +
-           ", \"module\": " + (frame.module.empty() ? "null" : text_quoted(frame.module)) + "}";
-}
-
-/* What the plug-in sent, of one kind. */
-static std::string sent_json(enum happening_kind kind)
-{
-    std::vector<std::string> rows;
-
-    for (const happening &what : journal_all())
-        if (what.kind == kind)
-            rows.push_back(
-                text_format("{\"ms\": %llu, ", static_cast<unsigned long long>(what.ms)) +
-                (what.whom.empty() ? "" : "\"to\": " + text_quoted(what.whom) + ", ") +
-                "\"message\": " + (what.json.empty() ? "null" : what.json) + "}");
-    return array(rows, ",\n  ");
-}
-
-template <typename value, typename function>
-static std::string rows(const std::vector<value> &values, function row)
-{
-    std::vector<std::string> texts;
-
-    for (const value &one : values)
-        texts.push_back(row(one));
-    return array(texts, ",\n  ");
-}
-
-static std::string plugin_json(const std::string &path)
-{
-    const evidence_file file(path, UINT64_MAX);
-
-    return text_format("{\"bytes\": %llu, \"crc32\": \"%08x\"}",
-                       static_cast<unsigned long long>(file.bytes()),
-                       oxni_crc32_calc(file.data(), static_cast<size_t>(file.bytes())));
-}
-
-std::string replay_json(const replay_evidence &evidence, const replay_story &story,
-                        const std::string &plugin)
-{
-    std::vector<std::string> products;
-
-    for (size_t i = 0; i < evidence.products.size(); i++)
-        products.push_back(product_json(evidence.products[i], evidence.states[i]));
-    return "{\"schema\": \"" REPLAY_SCHEMA "\", \"version\": 1,\n \"plugin\": " +
-           plugin_json(plugin) + ",\n \"events\": " + log_json(evidence) + ",\n \"registry\": " +
-           (evidence.registry_file.empty() ? "null" : text_quoted(evidence.registry_file)) +
-           ",\n \"boots\": " + runs_json(evidence.runs, evidence.log) +
-           ",\n \"boot\": " + std::to_string(evidence.boot->number) +
-           ",\n \"verdict\": " + text_quoted(explain_verdict_name(story.verdict)) +
-           ",\n \"blamed\": " + (story.blamed.empty() ? "null" : text_quoted(story.blamed)) +
-           ",\n \"records\": " + rows(story.records, record_json) + ",\n \"dumps\": " +
-           rows(evidence.dumps,
-                [&](const replay_dump &placed) { return dump_json(evidence, placed, story); }) +
-           ",\n \"stack\": " + rows(story.stack, frame_json) +
-           ",\n \"commands\": " + sent_json(HAPPENED_COMMAND) +
-           ",\n \"alarms\": " + sent_json(HAPPENED_UPLOAD) +
-           ",\n \"products\": " + array(products, ",\n  ") +
-           ",\n \"reasons\": " + rows(story.reasons, reason_json) +
-           ",\n \"decisions\": " + indexes(story.decisions) +
-           ",\n \"timeline\": " + rows(journal_all(), view_json) + "}\n";
 }

@@ -1,4 +1,4 @@
-/* Sessions: a scenario played by itself, or by a person at the console. */
+/* Sessions: a scenario that is played to its end, or by a person at the console. */
 #include "session.h"
 
 #include <stdio.h>
@@ -21,6 +21,9 @@
 #include "../view/view.h"
 
 #define CONSOLE_NAMESPACE "oxni"
+/* Of a boot: docs/scenarios.md and the console's help state it. */
+#define LONGEST_SECONDS 31622400.0
+#define LONGEST_TEXT    "366 days"
 
 static void trace_sink(const std::string &text, void *user)
 {
@@ -28,7 +31,7 @@ static void trace_sink(const std::string &text, void *user)
     journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
-/* Whether a scenario looks at calls, so that they have to be recorded. */
+/* Whether a scenario expects calls, so that they must be recorded. */
 static bool wants_trace(const json_value &value)
 {
     if (value.IsObject())
@@ -62,7 +65,8 @@ static planned_command parse_command(const std::string &text)
         seconds = text.substr(slash + 1, colon - slash - 1);
     }
     command.seconds = strtod(seconds.c_str(), &end);
-    if (colon == std::string::npos || seconds.empty() || *end != '\0' || command.seconds < 0)
+    if (colon == std::string::npos || seconds.empty() || *end != '\0' || command.seconds < 0 ||
+        command.seconds > LONGEST_SECONDS)
         throw devhost_error(EXIT_BAD_CALL, "--console " + text +
                                                ": expected [BOOT/]SECONDS:COMMAND, for example "
                                                "300:bypass -p");
@@ -98,7 +102,7 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
                                             text.c_str(), boot, file.c_str(),
                                             static_cast<unsigned>(boots)));
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
-    /* With guards, a bad free tells who made the block. */
+    /* With guards, a bad free names the allocating function. */
     oxnih_memory_find_sites(options.guard_memory);
     calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : NULL, NULL);
     view_start(file, node_text_of(&scenario.document, "name", ""));
@@ -114,16 +118,24 @@ static std::vector<std::string> summary(void)
     return lines;
 }
 
+/* A boot without a bound would never end. */
+static void check_length(uint64_t ms)
+{
+    if (ms > timeline_ms(LONGEST_SECONDS))
+        throw devhost_error(EXIT_BAD_CALL, "a boot is longer than the limit of " LONGEST_TEXT);
+}
+
 static void play_all(const struct run_options &options)
 {
     for (unsigned long boot = 1; play_begin_boot(); boot++) {
         plan_commands(options, boot);
+        check_length(play_boot_end_ms());
         play_run_until(play_boot_end_ms());
         play_end_boot();
     }
 }
 
-/* The end of a run as a person sees it; the page, too, when one is wanted. */
+/* Prints the end of a run, and writes the page if there is to be one. */
 static void end_run(const std::string &file, const struct scenario &scenario,
                     const struct run_options &options, const std::vector<std::string> &failures)
 {
@@ -147,7 +159,7 @@ int session_run(const std::string &file, const struct run_options &options)
         failures = play_close();
         if (failures.empty())
             throw;
-        /* What was found until then counts, and would be lost. */
+        /* Failures before the error count too. */
         failures.push_back(file + ": " + error.what());
         end_run(file, scenario, options, failures);
         return EXIT_EXPECTATION_FAILED;
@@ -164,17 +176,17 @@ static void console_help(void)
 {
     const char *commands = oxnih_dbg_help(CONSOLE_NAMESPACE, "bypass");
 
-    printf("  +90s +5m +2h +1d  lets that much time pass\n"
+    printf("  +90s +5m +2h +1d  lets that much time pass; a boot has at most " LONGEST_TEXT "\n"
            "  bypass -p         and any other command: runs it on the agent's debug console\n"
-           "  status            shows the products\n"
-           "  restart           the agent restarts\n"
-           "  next              this boot ends as the scenario says, and the next one begins\n"
+           "  status            prints the products\n"
+           "  restart           restarts the agent\n"
+           "  next              ends this boot as the scenario says, and starts the next one\n"
            "  help, quit\n");
     if (commands != NULL) /* the agent runs */
         printf("The plug-in's own help:\n%s\n", commands);
 }
 
-/* "+90s" in milliseconds. Result: whether it is a span. */
+/* "+90s" in milliseconds. Result: whether it is a time within the limit. */
 static bool parse_span(const std::string &word, uint64_t *ms)
 {
     static const struct {
@@ -191,7 +203,8 @@ static bool parse_span(const std::string &word, uint64_t *ms)
     double number = strtod(word.c_str() + 1, &end);
 
     for (const auto &row : units)
-        if (number >= 0 && end != word.c_str() + 1 && std::string(end) == row.unit) {
+        if (number >= 0 && number * row.seconds <= LONGEST_SECONDS && end != word.c_str() + 1 &&
+            std::string(end) == row.unit) {
             *ms = timeline_ms(number * row.seconds);
             return true;
         }
@@ -218,7 +231,7 @@ static void run_on_agent(const std::string &line)
     play_run_until(timeline_now_ms());
 }
 
-/* One line of the person. Result: whether to go on. */
+/* Handles one line that a person typed. Result: whether to go on. */
 static bool console_line(const std::string &line)
 {
     uint64_t ms;
@@ -239,10 +252,12 @@ static bool console_line(const std::string &line)
         agent_process_start();
         play_run_until(timeline_now_ms());
     } else if (line[0] == '+') {
-        if (parse_span(line, &ms))
-            play_run_until(timeline_now_ms() + ms);
+        if (!parse_span(line, &ms) || timeline_now_ms() + ms > timeline_ms(LONGEST_SECONDS))
+            printf("%s: expected a time such as +90s, +5m, +2h or +1d, at most " LONGEST_TEXT
+                   " since Windows started\n",
+                   line.c_str());
         else
-            printf("%s: expected a time such as +90s, +5m, +2h or +1d\n", line.c_str());
+            play_run_until(timeline_now_ms() + ms);
     } else {
         run_on_agent(line);
     }
@@ -280,7 +295,7 @@ int session_console(const std::string &file, const struct run_options &options)
         (void)play_close();
         throw;
     }
-    (void)play_close(); /* a person looks for himself; expectations do not count */
+    (void)play_close(); /* expectations do not count at the console */
     printf("\n");
     return EXIT_ALL_HOLD;
 }

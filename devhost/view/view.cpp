@@ -3,9 +3,10 @@
 
 #include <stdio.h>
 
+#include "../base/terminal.h"
 #include "../base/text.h"
 
-/* Escape sequences by kind; none for the usual ones. */
+/* Escape sequences by kind; other kinds have none. */
 static const struct {
     enum happening_kind kind;
     const char *colour;
@@ -42,21 +43,27 @@ static bool is_shown(const happening &what)
     return !s_options.quiet;
 }
 
-std::string view_json(const happening &what)
+/* The number after a tag becomes 0. */
+static std::string without_number(std::string text, const std::string &tag)
 {
-    return text_format("{\"boot\": %d, \"ms\": %llu, \"time\": \"%s\", \"kind\": \"%s\", "
-                       "\"who\": ",
-                       what.boot, static_cast<unsigned long long>(what.ms),
-                       time_iso(what.now, true).c_str(), journal_kind_name(what.kind)) +
-           text_quoted(what.who) + ", \"text\": " +
-           /* A line of the plug-in may be cut within a character; JSON is whole. */
-           text_quoted(text_narrow(text_wide(what.text))) +
-           (what.whom.empty() ? "" : ", \"whom\": " + text_quoted(what.whom)) +
-           (what.json.empty() ? "" : ", \"message\": " + what.json) + "}";
+    const size_t at = text.find(tag), from = at + tag.size();
+
+    if (at == std::string::npos)
+        return text;
+    return text.replace(from, text.find_first_not_of("0123456789", from) - from, "0");
 }
 
-/* "[warn] file.cpp:12 message" of a line of the plug-in: when, process and thread are the same on
- * every line, or stand in front of it already. */
+std::string view_text(const happening &what)
+{
+    /* A line of the plug-in may end within a character. */
+    const std::string text = text_narrow(text_wide(what.text));
+
+    return what.kind == HAPPENED_LOG ? without_number(without_number(text, "[pid:"), "[tid:")
+                                     : text;
+}
+
+/* "[warn] file.cpp:12 message" of a line of the plug-in: time, process and thread are the same on every
+ * line, or printed before it. */
 static std::string short_log_line(const std::string &line)
 {
     const log_line parts = text_log_line(line);
@@ -85,9 +92,15 @@ void view_open(const struct view_options &options)
 
 void view_start(const std::string &file, const std::string &name)
 {
+    terminal_reached(file);
     if (s_options.json)
-        printf("{\"kind\": \"scenario\", \"file\": %s, \"name\": %s}\n", text_quoted(file).c_str(),
-               text_quoted(name).c_str());
+        printf("%s\n", json_text<json_line>([&](json_line &writer) {
+                           writer.StartObject();
+                           json_member(writer, "kind", "scenario");
+                           json_member(writer, "file", file);
+                           json_member(writer, "name", name);
+                           writer.EndObject();
+                       }).c_str());
     else if (!s_options.quiet)
         printf("%s%s%s\n", file.c_str(), name.empty() ? "" : ": ", name.c_str());
 }
@@ -95,23 +108,36 @@ void view_start(const std::string &file, const std::string &name)
 void view_happening(const happening &what, void *user)
 {
     (void)user;
+    terminal_reached(text_format("boot %d at ", what.boot) + time_span(what.ms));
     if (!is_shown(what))
         return;
     if (s_options.json)
-        printf("%s\n", view_json(what).c_str());
+        printf("%s\n",
+               json_text<json_line>([&](json_line &writer) { view_put(writer, what); }).c_str());
     else
         show_text(what);
+}
+
+static void show_result(const std::string &file, const std::vector<std::string> &failures)
+{
+    printf("%s\n", json_text<json_line>([&](json_line &writer) {
+                       writer.StartObject();
+                       json_member(writer, "kind", "result");
+                       json_member(writer, "file", file);
+                       json_member(writer, "holds", failures.empty());
+                       json_member(writer, "failures", failures);
+                       writer.EndObject();
+                   }).c_str());
 }
 
 void view_end(const std::string &file, const std::vector<std::string> &summary,
               const std::vector<std::string> &failures)
 {
+    const char *red = s_options.colour ? "\x1b[1;31m" : "",
+               *end = s_options.colour ? "\x1b[0m" : "";
+
     if (s_options.json) {
-        printf("{\"kind\": \"result\", \"file\": %s, \"holds\": %s, \"failures\": [",
-               text_quoted(file).c_str(), failures.empty() ? "true" : "false");
-        for (size_t i = 0; i < failures.size(); i++)
-            printf("%s%s", i == 0 ? "" : ", ", text_quoted(failures[i]).c_str());
-        printf("]}\n");
+        show_result(file, failures);
         return;
     }
     if (!s_options.quiet) {
@@ -121,14 +147,15 @@ void view_end(const std::string &file, const std::vector<std::string> &summary,
     }
     fflush(stdout);
     for (const std::string &failure : failures)
-        fprintf(stderr, "%s\n", failure.c_str());
+        fprintf(stderr, "%s%s%s\n", red, failure.c_str(), end);
     if (!failures.empty())
-        fprintf(stderr, "again, with the plug-in's lines: oxni_devhost run --log info %s\n",
-                file.c_str());
-    printf("%s: %s\n", file.c_str(),
-           failures.empty()
-               ? "everything holds"
-               : text_format("%u expectations do not hold", static_cast<unsigned>(failures.size()))
-                     .c_str());
-    fflush(stdout); /* a crash in the next file must not take this line with it */
+        fprintf(stderr, "with the plug-in's lines: %s\n",
+                terminal_command("run --log info", file).c_str());
+    printf("%s%s: %s%s\n", failures.empty() ? "" : red, file.c_str(),
+           failures.empty() ? "everything holds"
+           : failures.size() == 1
+               ? "1 expectation does not hold"
+               : (std::to_string(failures.size()) + " expectations do not hold").c_str(),
+           failures.empty() ? "" : end);
+    fflush(stdout); /* a crash in the next file must not lose this line */
 }

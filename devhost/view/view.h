@@ -1,19 +1,21 @@
-/* What a person, or a machine, is shown of a run while it goes. */
+/* What a person, or a program, sees of a run while it is played. */
 #ifndef DEVHOST_VIEW_H
 #define DEVHOST_VIEW_H
 
 #include <string>
 #include <vector>
 
+#include "../base/text.h"
+#include "../base/text_json.h"
 #include "../scenario/journal.h"
 
 struct view_options {
-    int log_level; /* plug-in lines up to this enum oxni_log_level are shown; -1: none */
-    bool json;     /* one JSON object a line in place of text */
+    int log_level; /* log lines of the plug-in up to this enum oxni_log_level are shown; -1: none */
+    bool json;     /* one JSON object a line instead of text */
     bool trace;    /* calls are shown */
-    bool messages; /* the JSON of messages stands below its line */
+    bool messages; /* the JSON of a message is printed below its line */
     bool colour;
-    bool quiet; /* nothing but failures and the last line */
+    bool quiet; /* only failures and the last line */
 };
 
 void view_open(const struct view_options &options);
@@ -21,14 +23,32 @@ void view_open(const struct view_options &options);
 /* A scenario begins. */
 void view_start(const std::string &file, const std::string &name);
 
-/* A happening as a JSON object on one line. */
-std::string view_json(const happening &what);
-
 /* A journal_view_fn. */
 void view_happening(const happening &what, void *user);
 
-/* The end of a scenario: who is in which state and why, and what did not hold. */
+/* The end of a scenario: the state of each product and its reason, and failed expectations. */
 void view_end(const std::string &file, const std::vector<std::string> &summary,
               const std::vector<std::string> &failures);
+
+/* The text of a happening as valid UTF-8. The ids of process and thread in a log line are 0, so that equal
+ * runs give equal bytes. */
+std::string view_text(const happening &what);
+
+/* Writes a happening as a JSON object. */
+template <class Writer> void view_put(Writer &writer, const happening &what)
+{
+    writer.StartObject();
+    json_member(writer, "boot", what.boot);
+    json_member(writer, "ms", what.ms);
+    json_member(writer, "time", time_iso(what.now, true));
+    json_member(writer, "kind", journal_kind_name(what.kind));
+    json_member(writer, "who", what.who);
+    json_member(writer, "text", view_text(what));
+    if (!what.whom.empty())
+        json_member(writer, "whom", what.whom);
+    if (!what.json.empty())
+        json_member_as_is(writer, "message", what.json);
+    writer.EndObject();
+}
 
 #endif

@@ -48,7 +48,7 @@ check "bad define" 2 "expected NAME=VALUE" run --define shared "$scenarios/defau
 check "bad console option" 2 'expected \[BOOT/\]SECONDS:COMMAND' run --console "x bypass" "$scenarios/default.json"
 check "boot that does not exist" 2 'there is no boot 3, .*default.json has 2' run --console "3/5:bypass" "$scenarios/default.json"
 check "help" 0 "" --help
-check "no plug-in" 4 "none.dll: cannot be loaded, error" run --plugin none.dll "$scenarios/default.json"
+check "no plug-in" 4 "none.dll: cannot be loaded: module not found .126." run --plugin none.dll "$scenarios/default.json"
 check "not a plug-in" 4 "does not export oxni_plugin_init" run --plugin kernel32.dll "$scenarios/default.json"
 
 bad "not JSON" "2:1: Invalid value" $'{"boots": [\n,]}'
@@ -94,7 +94,7 @@ evidence() {
     printf '{"machine": {"events_from": "evidence.json"}, "boots": [{}]}' >s.json
     check "$1" 3 "evidence.json: $2" run s.json
 }
-evidence "events are no JSON" "no event log, it does not begin" 'no'
+evidence "events are no JSON" "not an event log: it does not begin" 'no'
 evidence "events are no array" "expected an array" '{}'
 evidence "an event without id" '/0: member "id" is missing' '[{"source": "x"}]'
 printf '{"before": {"ends": "blue_screen", "crash": {"dump": "no.dmp"}}, "boots": [{}]}' >s.json

@@ -1,8 +1,10 @@
 #!/usr/bin/env python3
-"""The page of a run in a real browser: the decision is found, an event is clicked, lines fold out.
+"""The pages of a run and of a replay in a real browser: what they say first, what a click, the filter
+and the way to a boot do, print, phone, and accessibility (where axe-core is installed).
 
-usage: page_test.py WINE_RUN PROGRAM SCENARIO
+usage: page_test.py WINE_RUN PROGRAM SCENARIO AXE      AXE: axe.min.js, which may be missing
 """
+import base64
 import contextlib
 import json
 import pathlib
@@ -46,6 +48,16 @@ class Browser:
     def run(self, script):
         return self.call("POST", "/execute/sync", {"script": script, "args": []})
 
+    def device(self, command, **parameters):
+        return self.call("POST", "/goog/cdp/execute", {"cmd": command, "params": parameters})
+
+    def violations(self, axe):
+        """What axe-core complains of on the open page."""
+        self.run(axe + "; window.axe = axe")
+        return self.call("POST", "/execute/async", {"args": [], "script": """
+            const done = arguments[0];
+            axe.run().then(found => done(found.violations.map(v => [v.id, v.nodes[0].html])))"""})
+
     def find(self, selector):
         return list(self.call("POST", "/element",
                               {"using": "css selector", "value": selector}).values())[0]
@@ -67,23 +79,29 @@ def check(holds, what):
         sys.exit("FAILED: " + what)
 
 
-def main(wine, program, scenario):
+def main(wine, program, scenario, axe_file):
     with tempfile.TemporaryDirectory() as folder:
         page = pathlib.Path(folder, "run.html")
         subprocess.run([wine, program, "run", "--quiet", "--log", "none", "--html", str(page), scenario],
                        check=True, stdout=subprocess.DEVNULL)
+        evidence = pathlib.Path(scenario).parent / "evidence"
+        case = pathlib.Path(folder, "case.html")
+        subprocess.run([wine, program, "replay", "--html", str(case), "--product", "guard:guard_flt", str(evidence)],
+                       check=True, stdout=subprocess.DEVNULL)
         odd = pathlib.Path(folder, "odd.html")
         subprocess.run([wine, program, "replay", "--html", str(odd), "--product", f"management:{ODD}",
-                        "--events", str(pathlib.Path(scenario).parent / "evidence" / "System.json")],
+                        "--events", str(evidence / "System.json")],
                        check=True, stdout=subprocess.DEVNULL)
         with open(pathlib.Path(folder, "driver.log"), "w") as log:
             browser = Browser(log)
             try:
                 look(browser, page)
+                look_at_case(browser, case)
                 look_at_odd(browser, odd)
+                checked = look_at_access(browser, axe_file, [page, case, odd])
             finally:
                 browser.close()
-    print("the page shows the decision and answers clicks")
+    print("the pages show what they should" + ("" if checked else "; not checked: axe-core is not installed"))
 
 
 def look(browser, page):
@@ -93,8 +111,9 @@ def look(browser, page):
     check("default.json" in title, f"the title is {title!r}")
 
     # The decision of the first boot is marked in the picture and told below it.
-    check("crach!" in browser.text("#boot1 .shown"), "the decision is not told below the picture")
-    marked = browser.run("return document.querySelectorAll('#boot1 tr.decided').length")
+    check("the plug-in blames guard_flt: it is on the stack" in browser.text("#boot1 .shown"), "no decision below the picture")
+    check(browser.text("#answer") == "Every expectation holds.", browser.text("#answer"))
+    marked = browser.run("return document.querySelectorAll('#boot1 li.decided').length")
     check(marked >= 2, f"{marked} rows of the first boot are marked as decisions")
     lanes = browser.run("return [...document.querySelectorAll('#boot1 svg > text')].map(t => t.textContent)")
     for lane in ("machine", "plug-in", "guard", "management"):
@@ -111,7 +130,7 @@ def look(browser, page):
           f"the click does not show the order: {shown!r}")
 
     # Lines of the plug-in fold out, and were not there before.
-    count = "return document.querySelectorAll('#boot1 details.lines tr').length"
+    count = "return document.querySelectorAll('#boot1 details.lines li').length"
     check(browser.run(count) == 0, "lines stand there before they are asked for")
     browser.click("#boot1 details.lines summary")
     end = time.monotonic() + 10 # the browser tells the page a moment later
@@ -127,12 +146,48 @@ def look(browser, page):
     check(not errors, f"the browser complains: {errors}")
 
 
+def look_at_case(browser, page):
+    """The page of a customer's folder: answer first, every boot, filter, print and phone."""
+    browser.open(page, "light")
+    check(browser.text("#answer").startswith("Bypass: every product is ordered into bypass"), browser.text("#answer"))
+    order = browser.run("return [...document.querySelectorAll('#main > section')].map(s => s.id)")
+    check(order == ["evidence", "boots", "story", "timeline", "commands", "alarms", "products"], order)
+    answers = browser.run("return [...document.querySelectorAll('#boots tbody tr')].map(r => r.cells[4].textContent)")
+    check(answers == ["", "no bypass", "no bypass", "bypass"], answers)
+    check("orders guard into bypass (blamed driver: guard_flt), delivered" in browser.text("#commands"), "no command")
+    shown = """const input = document.getElementById("filter"); input.value = arguments[0] || "";
+        input.dispatchEvent(new Event("input")); return [...document.querySelectorAll(".events > li")].filter(l => !l.hidden)
+        .map(l => l.textContent)"""
+    everything = len(browser.run(shown))
+    left = browser.run(shown.replace('arguments[0] || ""', '"into bypass"'))
+    check(0 < len(left) < everything and all("into bypass" in text for text in left), left)
+    check(len(browser.run(shown)) == everything, "the filter does not go")
+    pdf = base64.b64decode(browser.device("Page.printToPDF", preferCSSPageSize=True)["data"])
+    check(1 <= pdf.count(b"/Type /Page\n") <= 3, f"{pdf.count(b'/Type /Page')} sheets")
+    browser.device("Emulation.setDeviceMetricsOverride", width=390, height=844, deviceScaleFactor=1, mobile=True)
+    browser.open(page, "light")
+    width = browser.run("return document.documentElement.scrollWidth")
+    check(width <= 390, f"a phone has to scroll to {width}")
+    browser.device("Emulation.clearDeviceMetricsOverride")
+
+
+def look_at_access(browser, axe_file, pages):
+    if not pathlib.Path(axe_file).exists():
+        return False
+    axe = pathlib.Path(axe_file).read_text()
+    for page in pages:
+        for scheme in ("light", "dark"):
+            browser.open(page, scheme)
+            check(not (found := browser.violations(axe)), f"{page.name} in {scheme}: {found}")
+    return True
+
+
 def look_at_odd(browser, page):
     """Names that would end the page's script, and a product that is called as a lane is."""
     browser.open(page, "light")
-    check("Verdict: " in browser.text("#verdict"), "odd names break the page")
+    check("Cannot tell: " in browser.text("#answer"), "odd names break the page")
     check(browser.run("return document.querySelector('#smuggled') === null"), "a name became a part of the page")
-    lanes = browser.run("return [...document.querySelectorAll('svg > text')].map(t => t.textContent)")
+    lanes = browser.run("return [...document.querySelectorAll('#timeline svg > text')].map(t => t.textContent)")
     check(lanes.count("management") == 2, f"the product has no lane of its own: {lanes}")
 
 

@@ -173,14 +173,14 @@ static const struct refusal_row {
     DWORD error;
     const char *reason;
 } s_refusal_rows[] = {
-    {0,               0,          0x2400, ERROR_BAD_FORMAT,    "no dump"},
-    {0,               0x504D444D, 0x2400, ERROR_NOT_SUPPORTED, "process"},
-    {4,               0x504D5544, 0x2400, ERROR_NOT_SUPPORTED, "32-bit" },
-    {0x30,            0xAA64,     0x2400, ERROR_NOT_SUPPORTED, "0xaa64" },
-    {DUMP_KIND,       3,          0x2400, ERROR_NOT_SUPPORTED, "type 3" },
-    {DUMP_STACK_AT,   UINT32_MAX, 0x2400, ERROR_FILE_CORRUPT,  "stack"  },
-    {DUMP_CONTEXT_AT, 0,          0x2400, ERROR_INVALID_DATA,  "context"},
-    {0x10,            0,          0,      ERROR_HANDLE_EOF,    "cut off"},
+    {0,               0,          0x2400, ERROR_BAD_FORMAT,    "not a dump"},
+    {0,               0x504D444D, 0x2400, ERROR_NOT_SUPPORTED, "process"   },
+    {4,               0x504D5544, 0x2400, ERROR_NOT_SUPPORTED, "32-bit"    },
+    {0x30,            0xAA64,     0x2400, ERROR_NOT_SUPPORTED, "0xaa64"    },
+    {DUMP_KIND,       3,          0x2400, ERROR_NOT_SUPPORTED, "type 3"    },
+    {DUMP_STACK_AT,   UINT32_MAX, 0x2400, ERROR_FILE_CORRUPT,  "stack"     },
+    {DUMP_CONTEXT_AT, 0,          0x2400, ERROR_INVALID_DATA,  "context"   },
+    {0x10,            0,          0,      ERROR_HANDLE_EOF,    "truncated" },
 };
 
 TEST_F(engine, test_rejected_dumps)
@@ -206,7 +206,7 @@ TEST_F(engine, test_rejected_dumps)
     }
     DeleteFileW(m_path.c_str());
     EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(calls.reason, "the file cannot be read, error 2");
+    EXPECT_EQ(calls.reason, "the file cannot be read: error 2");
     EXPECT_EQ(output.text, "");
 }
 

@@ -186,20 +186,20 @@ static const struct refused_row {
     enum kernel_dump_error error;
     const char *reason;
 } s_refused_rows[] = {
-    {"unknown kind",    DUMP_KIND,           3,             4, KERNEL_DUMP_KIND,       "unknown" },
-    {"no context",      DUMP_CONTEXT_AT,     0,             4, KERNEL_DUMP_NO_CONTEXT, "holds no"},
-    {"no Rip in it",    DUMP_CONTEXT + 0x30, 0x100002,      4, KERNEL_DUMP_NO_CONTEXT, "0x100002"},
-    {"context cut",     DUMP_CONTEXT_AT,     SIZE - 0x4CF,  4, KERNEL_DUMP_DAMAGED,    "context" },
-    {"mark runs out",   DUMP_VALID,          SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "mark"    },
-    {"mark missing",    SIZE - 4,            'X',           1, KERNEL_DUMP_DAMAGED,    "mark"    },
-    {"says longer",     DUMP_SIZE,           SIZE + 1,      4, KERNEL_DUMP_CUT_OFF,    "cut off" },
-    {"stack runs out",  DUMP_STACK_AT,       SIZE - 63,     4, KERNEL_DUMP_DAMAGED,    "stack"   },
-    {"stack wraps",     DUMP_STACK_START,    0 - 63ull,     8, KERNEL_DUMP_DAMAGED,    "space"   },
-    {"count wraps",     DUMP_DRIVER_COUNT,   29826162,      4, KERNEL_DUMP_DAMAGED,    "29826162"},
-    {"name outside",    NAME_0,              UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "module 0"},
-    {"length runs out", NAME_1,              SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "module 1"},
-    {"name runs out",   NAME_2,              SIZE - 4,      4, KERNEL_DUMP_DAMAGED,    "module 2"},
-    {"module wraps",    BASE_1,              0 - 0xFFFFull, 8, KERNEL_DUMP_DAMAGED,    "space"   },
+    {"unknown kind",    DUMP_KIND,           3,             4, KERNEL_DUMP_KIND,       "unknown"    },
+    {"no context",      DUMP_CONTEXT_AT,     0,             4, KERNEL_DUMP_NO_CONTEXT, "contains no"},
+    {"no Rip in it",    DUMP_CONTEXT + 0x30, 0x100002,      4, KERNEL_DUMP_NO_CONTEXT, "0x100002"   },
+    {"context cut",     DUMP_CONTEXT_AT,     SIZE - 0x4CF,  4, KERNEL_DUMP_DAMAGED,    "context"    },
+    {"mark runs out",   DUMP_VALID,          SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "mark"       },
+    {"mark missing",    SIZE - 4,            'X',           1, KERNEL_DUMP_DAMAGED,    "mark"       },
+    {"says longer",     DUMP_SIZE,           SIZE + 1,      4, KERNEL_DUMP_CUT_OFF,    "truncated"  },
+    {"stack runs out",  DUMP_STACK_AT,       SIZE - 63,     4, KERNEL_DUMP_DAMAGED,    "stack"      },
+    {"stack wraps",     DUMP_STACK_START,    0 - 63ull,     8, KERNEL_DUMP_DAMAGED,    "space"      },
+    {"count wraps",     DUMP_DRIVER_COUNT,   29826162,      4, KERNEL_DUMP_DAMAGED,    "29826162"   },
+    {"name outside",    NAME_0,              UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "module 0"   },
+    {"length runs out", NAME_1,              SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "module 1"   },
+    {"name runs out",   NAME_2,              SIZE - 4,      4, KERNEL_DUMP_DAMAGED,    "module 2"   },
+    {"module wraps",    BASE_1,              0 - 0xFFFFull, 8, KERNEL_DUMP_DAMAGED,    "space"      },
 };
 
 TEST(kernel_dump, test_rejected)

@@ -15,6 +15,7 @@
 #include "faults/crash_points.h"
 #include "faults/fault_runs.h"
 #include "simulation/simulate.h"
+#include "base/terminal.h"
 #include "base/text.h"
 
 static void add_plugin_option(CLI::App &command, std::string &path)
@@ -101,7 +102,8 @@ int wmain(int argc, wchar_t **argv)
     std::vector<std::string> words;
     int status = EXIT_ALL_HOLD;
 
-    SetConsoleOutputCP(CP_UTF8);
+    terminal_open();
+    terminal_watch_interrupt();
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */

@@ -8,6 +8,8 @@
 #include <string.h>
 #include <windows.h>
 
+#include "base/terminal.h"
+
 #define ENDED_IN   "ended in trial "
 #define WHAT_CHARS 1024
 
@@ -101,6 +103,7 @@ void watch_open(unsigned seconds)
 void watch_try(const std::string &what, uint64_t number)
 {
     snprintf(s_what, sizeof(s_what), "%s", what.c_str());
+    terminal_reached(what);
     s_number = static_cast<LONG64>(number);
     s_began = static_cast<LONG64>(GetTickCount64());
 }

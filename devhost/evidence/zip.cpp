@@ -1,0 +1,273 @@
+/* Archives: the directory at the end of the file, and members that zlib inflates. Every offset and
+ * length of the file is checked before it is used. */
+#include "zip.h"
+
+#include <string.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <memory>
+
+#include <zlib.h>
+
+#include "../base/text.h"
+#include "file.h"
+
+#define END_MARK        0x06054b50u
+#define END_BYTES       22u
+#define END64_MARK      0x06064b50u
+#define LOCATOR64_MARK  0x07064b50u
+#define LOCATOR64_BYTES 20u
+#define ENTRY_MARK      0x02014b50u
+#define ENTRY_BYTES     46u
+#define LOCAL_MARK      0x04034b50u
+#define LOCAL_BYTES     30u
+#define COMMENT_MOST    0xffffu
+#define EXTRA_64        0x0001u
+#define FLAG_ENCRYPTED  0x0001u
+#define METHOD_STORED   0u
+#define METHOD_DEFLATED 8u
+#define PIECE_BYTES     0x100000u
+/* More than any dump: it bounds what a small archive can fill. */
+#define MEMBER_MOST (1ull << 40)
+
+namespace
+{
+struct entry {
+    std::string name;
+    uint16_t flags, method;
+    uint32_t crc;
+    uint64_t packed, bytes, offset; /* offset: of the local header */
+};
+
+/* The output of one member. */
+class member_writer
+{
+  public:
+    explicit member_writer(const std::string &path)
+        : m_path(path),
+          m_file(CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, NULL, CREATE_NEW, 0, NULL))
+    {
+        if (m_file == INVALID_HANDLE_VALUE)
+            fail();
+    }
+    ~member_writer()
+    {
+        CloseHandle(m_file);
+    }
+    member_writer(const member_writer &) = delete;
+    member_writer &operator=(const member_writer &) = delete;
+
+    void put(const uint8_t *bytes, size_t size)
+    {
+        DWORD written = 0;
+
+        crc = static_cast<uint32_t>(crc32(crc, bytes, static_cast<uInt>(size)));
+        total += size;
+        if (!WriteFile(m_file, bytes, static_cast<DWORD>(size), &written, NULL))
+            fail();
+    }
+
+    uint32_t crc = 0;
+    uint64_t total = 0;
+
+  private:
+    [[noreturn]] void fail() const
+    {
+        const DWORD error = GetLastError();
+
+        throw devhost_error(EXIT_BAD_CALL, "cannot write '" + m_path + "': " + text_error(error));
+    }
+
+    std::string m_path;
+    HANDLE m_file;
+};
+} // namespace
+
+template <typename T> static T at(const evidence_file &file, uint64_t offset)
+{
+    T value = 0;
+
+    if (offset <= file.bytes() && sizeof(T) <= file.bytes() - offset)
+        memcpy(&value, file.data() + offset, sizeof(T));
+    return value;
+}
+
+static bool holds(const evidence_file &file, uint64_t offset, uint64_t bytes)
+{
+    return offset <= file.bytes() && bytes <= file.bytes() - offset;
+}
+
+/* Where the directory starts and how many members it lists. */
+static bool find_directory(const evidence_file &file, uint64_t *offset, uint64_t *count)
+{
+    const uint64_t size = file.bytes();
+    uint64_t end = size >= END_BYTES ? size - END_BYTES : 0;
+    const uint64_t first = end > COMMENT_MOST ? end - COMMENT_MOST : 0;
+
+    while (end > first && at<uint32_t>(file, end) != END_MARK)
+        end--;
+    if (at<uint32_t>(file, end) != END_MARK)
+        return false;
+    *count = at<uint16_t>(file, end + 10);
+    *offset = at<uint32_t>(file, end + 16);
+    if (end < LOCATOR64_BYTES || at<uint32_t>(file, end - LOCATOR64_BYTES) != LOCATOR64_MARK)
+        return true;
+    const uint64_t end64 = at<uint64_t>(file, end - LOCATOR64_BYTES + 8);
+
+    if (at<uint32_t>(file, end64) != END64_MARK)
+        return false;
+    *count = at<uint64_t>(file, end64 + 32);
+    *offset = at<uint64_t>(file, end64 + 48);
+    return true;
+}
+
+/* Sizes and offset of a large member are in an extra field, in this order, each only where the usual
+ * field is full. */
+static void read_extra_64(const evidence_file &file, uint64_t offset, uint64_t bytes, entry *entry)
+{
+    while (bytes >= 4) {
+        const uint16_t id = at<uint16_t>(file, offset);
+        const uint64_t length = std::min<uint64_t>(at<uint16_t>(file, offset + 2), bytes - 4);
+        uint64_t value = offset + 4;
+
+        if (id == EXTRA_64)
+            for (uint64_t *field : {&entry->bytes, &entry->packed, &entry->offset})
+                if (*field == UINT32_MAX && value + 8 <= offset + 4 + length) {
+                    *field = at<uint64_t>(file, value);
+                    value += 8;
+                }
+        offset += 4 + length;
+        bytes -= 4 + length;
+    }
+}
+
+static std::vector<entry> read_directory(const std::string &path, const evidence_file &file)
+{
+    std::vector<entry> entries;
+    uint64_t offset = 0, count = 0;
+
+    if (!find_directory(file, &offset, &count))
+        evidence_bad(path, "the archive is truncated: its directory is missing");
+    for (; count > 0; count--) {
+        if (!holds(file, offset, ENTRY_BYTES) || at<uint32_t>(file, offset) != ENTRY_MARK)
+            evidence_bad(path, text_format("the archive's directory is damaged at byte %llu",
+                                           static_cast<unsigned long long>(offset)));
+        const uint64_t name = at<uint16_t>(file, offset + 28),
+                       extra = at<uint16_t>(file, offset + 30),
+                       comment = at<uint16_t>(file, offset + 32);
+        entry one = {"",
+                     at<uint16_t>(file, offset + 8),
+                     at<uint16_t>(file, offset + 10),
+                     at<uint32_t>(file, offset + 16),
+                     at<uint32_t>(file, offset + 20),
+                     at<uint32_t>(file, offset + 24),
+                     at<uint32_t>(file, offset + 42)};
+
+        offset += ENTRY_BYTES;
+        if (!holds(file, offset, name + extra + comment))
+            evidence_bad(path, "the archive's directory is truncated");
+        one.name.assign(reinterpret_cast<const char *>(file.data()) + offset, name);
+        one.name = text_narrow(text_wide(one.name));
+        read_extra_64(file, offset + name, extra, &one);
+        offset += name + extra + comment;
+        entries.push_back(one);
+    }
+    return entries;
+}
+
+static void store(const uint8_t *data, uint64_t bytes, member_writer *out)
+{
+    for (uint64_t done = 0; done < bytes; done += PIECE_BYTES)
+        out->put(data + done, static_cast<size_t>(std::min<uint64_t>(PIECE_BYTES, bytes - done)));
+}
+
+/* Result: whether the data is sound and not longer than in the directory. */
+static bool inflate_member(const uint8_t *data, const entry &entry, member_writer *out)
+{
+    struct inflater {
+        z_stream stream = {};
+        ~inflater()
+        {
+            (void)inflateEnd(&stream);
+        }
+    } state;
+    const std::unique_ptr<uint8_t[]> piece(new uint8_t[PIECE_BYTES]);
+    uint64_t left = entry.packed;
+    int result = inflateInit2(&state.stream, -MAX_WBITS);
+
+    state.stream.next_in = const_cast<uint8_t *>(data); /* zlib reads it only */
+    while (result == Z_OK && out->total <= entry.bytes) {
+        if (state.stream.avail_in == 0) {
+            state.stream.avail_in = static_cast<uInt>(std::min<uint64_t>(PIECE_BYTES, left));
+            left -= state.stream.avail_in;
+        }
+        state.stream.next_out = piece.get();
+        state.stream.avail_out = PIECE_BYTES;
+        result = inflate(&state.stream, Z_NO_FLUSH);
+        out->put(piece.get(), PIECE_BYTES - state.stream.avail_out);
+    }
+    return result == Z_STREAM_END;
+}
+
+/* Result: why the member cannot be extracted; empty: it is. */
+static std::string extract(const evidence_file &file, const entry &entry, const std::string &path)
+{
+    const uint64_t data = entry.offset + LOCAL_BYTES + at<uint16_t>(file, entry.offset + 26) +
+                          at<uint16_t>(file, entry.offset + 28);
+
+    if ((entry.flags & FLAG_ENCRYPTED) != 0)
+        return "is encrypted, unpack the archive and hand in the folder";
+    if (entry.method != METHOD_STORED && entry.method != METHOD_DEFLATED)
+        return text_format("is packed by method %u, unpack the archive and hand in the folder",
+                           entry.method);
+    if (!holds(file, entry.offset, LOCAL_BYTES) || at<uint32_t>(file, entry.offset) != LOCAL_MARK ||
+        !holds(file, data, entry.packed) || entry.bytes > MEMBER_MOST)
+        return "is damaged in the archive";
+    member_writer out(path);
+
+    if (entry.method == METHOD_STORED)
+        store(file.data() + data, entry.packed, &out);
+    else if (!inflate_member(file.data() + data, entry, &out))
+        return "is damaged in the archive";
+    return out.total == entry.bytes && out.crc == entry.crc
+               ? ""
+               : "is damaged in the archive: wrong check sum";
+}
+
+bool zip_is_archive(const std::string &path)
+{
+    const evidence_file file(path, UINT64_MAX);
+
+    return at<uint32_t>(file, 0) == LOCAL_MARK || at<uint32_t>(file, 0) == END_MARK;
+}
+
+std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
+                                    bool (*wanted)(const std::string &name))
+{
+    const evidence_file file(path, UINT64_MAX);
+    std::vector<zip_member> members;
+
+    for (const entry &entry : read_directory(path, file)) {
+        const size_t slash = entry.name.find_last_of("/\\");
+        const std::string name =
+            slash == std::string::npos ? entry.name : entry.name.substr(slash + 1);
+
+        if (name.empty()) /* a folder */
+            continue;
+        members.push_back({entry.name, "", ""});
+        zip_member &member = members.back();
+
+        if (!wanted(name) || name.find_first_of("<>:\"|?*") != std::string::npos) {
+            member.why = "neither a log, a dump, a registry export nor a list of products";
+            continue;
+        }
+        const std::string own = folder + text_format("\\%u", static_cast<unsigned>(members.size()));
+
+        CreateDirectoryW(text_wide(own).c_str(), NULL);
+        member.why = extract(file, entry, own + "\\" + name);
+        if (member.why.empty())
+            member.path = own + "\\" + name;
+    }
+    return members;
+}

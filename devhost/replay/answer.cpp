@@ -1,0 +1,136 @@
+/* The answer of a replay as one sentence. */
+#include "replay.h"
+
+#include <set>
+
+#include "../base/text.h"
+#include "../scenario/journal.h"
+#include "../scenario/scenario.h"
+#include "doubts.h"
+
+const char *replay_answer_name(enum replay_answer_kind kind)
+{
+    static const char *const names[] = {"bypass", "no bypass", "cannot tell"};
+
+    return names[kind];
+}
+
+std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump &placed,
+                             const replay_story &story)
+{
+    const bool chosen = !story.dump.empty() && text_lower(story.dump) == text_lower(placed.place);
+
+    if (!placed.there)
+        return "is not on the machine: " + placed.why;
+    if (chosen)
+        return "was given to the debugger engine";
+    if (story.dump.empty())
+        return "was not given to the debugger engine; Windows started at " +
+               time_iso(evidence.boot->started_100ns, true);
+    for (const replay_dump &other : evidence.dumps)
+        if (other.there && text_lower(story.dump) == text_lower(other.place))
+            return "was passed over for " + other.place + ", written " +
+                   time_iso(other.written_100ns, true);
+    return "was passed over for " + story.dump;
+}
+
+/* Products that the plug-in ordered into bypass. */
+static size_t count_ordered(const replay_evidence &evidence)
+{
+    std::set<std::string> ordered;
+
+    for (const happening &what : journal_all()) {
+        rapidjson::Document message;
+
+        if (what.kind != HAPPENED_COMMAND)
+            continue;
+        message.Parse(what.json.c_str());
+        if (node_text_of(&message, "type", "") != "bypass")
+            continue;
+        for (const replay_product &product : evidence.products)
+            if (product.name == what.whom)
+                ordered.insert(what.whom);
+    }
+    return ordered.size();
+}
+
+/* The dump that the engine read, as it was handed in. */
+static std::string dump_name(const replay_evidence &evidence, const replay_story &story)
+{
+    for (const replay_dump &placed : evidence.dumps)
+        if (placed.there && text_lower(placed.place) == text_lower(story.dump))
+            return placed.dump.file_name;
+    return story.dump.empty() ? "the dump" : story.dump;
+}
+
+static std::string bypass_sentence(const replay_evidence &evidence, const replay_story &story,
+                                   size_t ordered)
+{
+    std::string who = "one of the platform's own drivers";
+
+    for (const replay_product &product : evidence.products)
+        for (const std::string &module : product.modules)
+            if (module == story.blamed)
+                who = "product \"" + product.name + "\"";
+    return std::string("Bypass: ") +
+           (ordered == 0 && !evidence.products.empty()
+                ? "the plug-in decides on bypass, and no product has to be ordered,"
+                : "every product is ordered into bypass") +
+           text_format(" %llu s after Windows starts. ",
+                       static_cast<unsigned long long>(story.blamed_ms / 1000)) +
+           story.blamed + " (" + who + ") is on the crashed stack of " +
+           dump_name(evidence, story) + ".";
+}
+
+static std::string no_bypass_reason(const replay_evidence &evidence, const replay_story &story)
+{
+    switch (story.verdict) {
+    case VERDICT_NORMAL: {
+        const evidence_run *before = evidence.before();
+
+        return before != NULL && before->ending == RUN_ENDED_CLEAN
+                   ? text_format("the previous run of Windows was shut down, record %u",
+                                 evidence.log.events[before->told_by].number)
+                   : "the log records neither a blue screen nor an unexpected shutdown";
+    }
+    case VERDICT_POWER_LOSS: return "the previous run ended unexpectedly, without a blue screen";
+    case VERDICT_CRASH:
+        if (story.drivers_updated)
+            return "the drivers were updated since the blue screen";
+        return story.stack.empty() ? "no stack was read"
+                                   : "no registered module is on the crashed stack of " +
+                                         dump_name(evidence, story);
+    case VERDICT_NONE: return "the plug-in does not conclude how the previous run ended";
+    case VERDICT_NOT_KNOWN: return "the plug-in cannot determine how the previous run ended";
+    }
+    return "";
+}
+
+/* Without a verdict and without the stack of a crash, nothing acquits the drivers. */
+static bool acquits(const replay_story &story)
+{
+    return story.verdict == VERDICT_NORMAL || story.verdict == VERDICT_POWER_LOSS ||
+           (story.verdict == VERDICT_CRASH && (story.drivers_updated || !story.stack.empty()));
+}
+
+replay_answer replay_answer_of(const replay_evidence &evidence, const replay_story &story)
+{
+    const std::vector<replay_doubt> doubts = doubts_of(evidence, story);
+    const bool doubted = !doubts.empty() && doubts.front().decides;
+    replay_answer answer = {ANSWER_NO_BYPASS, "", {}, count_ordered(evidence)};
+
+    for (const replay_doubt &doubt : doubts)
+        answer.doubts.push_back(doubt.text);
+    if (!story.blamed.empty() && !story.drivers_updated) {
+        answer.kind = ANSWER_BYPASS;
+        answer.sentence = bypass_sentence(evidence, story, answer.ordered);
+    } else if (doubted || !acquits(story)) {
+        answer.kind = ANSWER_CANNOT_TELL;
+        answer.sentence = "Cannot tell: " +
+                          (doubted ? doubts.front().reason : no_bypass_reason(evidence, story)) +
+                          ".";
+    } else {
+        answer.sentence = "No bypass: " + no_bypass_reason(evidence, story) + ".";
+    }
+    return answer;
+}

@@ -1,0 +1,25 @@
+/* The products of a replay, from the command line or a file. */
+#ifndef DEVHOST_PRODUCTS_FILE_H
+#define DEVHOST_PRODUCTS_FILE_H
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+struct replay_product {
+    std::string name;
+    std::vector<std::string> modules;
+    int64_t count;
+    std::string status;
+};
+
+/* Reads texts of the form NAME:MODULE,MODULE[:COUNT[:STATUS]], then a JSON file, unless its name is
+ * empty: {"NAME": {"modules": [...], "count": 3, "status": "working"}}, also as the member "products"
+ * of a scenario. Throws devhost_error. */
+std::vector<replay_product> products_read(const std::vector<std::string> &texts,
+                                          const std::string &file);
+/* Whether a JSON file looks like a list of products. */
+bool products_is_file(const std::string &file);
+
+#endif

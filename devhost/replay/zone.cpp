@@ -1,0 +1,161 @@
+/* Time zones of evidence. */
+#include "zone.h"
+
+#include <string.h>
+
+#include "../base/text.h"
+#include "../machine/machine.h"
+
+#define ZONE_KEY L"SYSTEM\\CurrentControlSet\\Control\\TimeZoneInformation"
+/* No zone is further from UTC. */
+#define BIAS_MOST 900
+/* The string of record 24 with minutes that local time is behind UTC. */
+#define BIAS_STRING 1
+
+/* bias: minutes that local time is behind UTC. */
+static std::string offset_text(LONG bias)
+{
+    const LONG ahead = bias > 0 ? bias : -bias;
+
+    return bias == 0
+               ? "UTC"
+               : text_format("UTC%c%02ld:%02ld", bias > 0 ? '-' : '+', ahead / 60, ahead % 60);
+}
+
+static replay_zone fixed_zone(LONG bias, const std::string &source)
+{
+    replay_zone zone;
+
+    zone.rules.Bias = bias;
+    zone.name = offset_text(bias);
+    zone.source = source;
+    return zone;
+}
+
+/* "+9", "-03:30". */
+static bool parse_offset(const std::string &text, LONG *bias)
+{
+    unsigned hours, minutes = 0;
+    char sign, rest;
+    const int fields = sscanf(text.c_str(), "%c%2u:%2u%c", &sign, &hours, &minutes, &rest);
+
+    if ((fields != 2 && fields != 3) || (sign != '+' && sign != '-') || minutes > 59 ||
+        hours * 60 + minutes > BIAS_MOST || (fields == 2 && text.back() == ':'))
+        return false;
+    *bias = static_cast<LONG>(hours * 60 + minutes) * (sign == '+' ? -1 : 1);
+    return true;
+}
+
+bool zone_parse(const std::string &text, replay_zone *zone)
+{
+    LONG bias = 0;
+
+    *zone = replay_zone();
+    if (text_lower(text) == "utc")
+        return true;
+    if (parse_offset(text, &bias)) {
+        *zone = fixed_zone(bias, "");
+        return true;
+    }
+    zone->name = text;
+    return machine_time_zone(text_wide(text), &zone->rules);
+}
+
+std::string zone_of_this_computer(void)
+{
+    TIME_ZONE_INFORMATION rules = {};
+    const DWORD season = GetTimeZoneInformation(&rules);
+    const LONG bias = rules.Bias + (season == TIME_ZONE_ID_DAYLIGHT   ? rules.DaylightBias
+                                    : season == TIME_ZONE_ID_STANDARD ? rules.StandardBias
+                                                                      : 0);
+
+    return offset_text(bias) + " (" + text_narrow(rules.StandardName) + ")";
+}
+
+template <typename Value>
+static bool read_value(const evidence_registry &registry, const wchar_t *name, DWORD type,
+                       Value *value)
+{
+    for (const evidence_value &one : registry.values)
+        if (_wcsicmp(one.key.c_str(), ZONE_KEY) == 0 && _wcsicmp(one.name.c_str(), name) == 0 &&
+            one.type == type && one.data.size() == sizeof(*value)) {
+            memcpy(value, one.data.data(), sizeof(*value));
+            return true;
+        }
+    return false;
+}
+
+static std::string key_name(const evidence_registry &registry)
+{
+    for (const evidence_value &one : registry.values)
+        if (_wcsicmp(one.key.c_str(), ZONE_KEY) == 0 &&
+            _wcsicmp(one.name.c_str(), L"TimeZoneKeyName") == 0 && one.type == REG_SZ) {
+            const std::wstring text(reinterpret_cast<const wchar_t *>(one.data.data()),
+                                    one.data.size() / sizeof(wchar_t));
+
+            return text_narrow(text.substr(0, text.find(L'\0')));
+        }
+    return "";
+}
+
+/* The rules themselves are in the registry, so no table of this Windows is needed. */
+static bool of_registry(const evidence_registry &registry, replay_zone *zone)
+{
+    TIME_ZONE_INFORMATION rules = {};
+    DWORD fixed = 0;
+
+    if (!read_value(registry, L"Bias", REG_DWORD, &rules.Bias) || rules.Bias > BIAS_MOST ||
+        rules.Bias < -BIAS_MOST)
+        return false;
+    (void)read_value(registry, L"DynamicDaylightTimeDisabled", REG_DWORD, &fixed);
+    if (fixed == 0 && read_value(registry, L"StandardStart", REG_BINARY, &rules.StandardDate) &&
+        read_value(registry, L"DaylightStart", REG_BINARY, &rules.DaylightDate)) {
+        (void)read_value(registry, L"StandardBias", REG_DWORD, &rules.StandardBias);
+        (void)read_value(registry, L"DaylightBias", REG_DWORD, &rules.DaylightBias);
+    } else {
+        rules.StandardDate = rules.DaylightDate = {};
+    }
+    zone->rules = rules;
+    zone->name = key_name(registry);
+    if (zone->name.empty())
+        zone->name = offset_text(rules.Bias);
+    zone->source = "the registry export";
+    return true;
+}
+
+static bool of_log(const evidence_log &log, const evidence_run &boot, replay_zone *zone)
+{
+    for (size_t i = boot.end; i > 0; i--) {
+        const event_record &event = log.events[i - 1];
+        wchar_t *end = NULL;
+
+        if (!evidence_is_time_zone(event) || event.strings.count() <= BIAS_STRING)
+            continue;
+        const std::wstring text = event.strings.at(BIAS_STRING);
+        const long bias = wcstol(text.c_str(), &end, 10);
+
+        if (text.empty() || *end != L'\0' || bias > BIAS_MOST || bias < -BIAS_MOST)
+            continue;
+        *zone = fixed_zone(bias, text_format("record %u", event.number));
+        return true;
+    }
+    return false;
+}
+
+replay_zone zone_of(const std::string &option, const evidence_registry &registry,
+                    const evidence_log &log, const evidence_run &boot)
+{
+    replay_zone zone;
+
+    if (!option.empty()) {
+        if (!zone_parse(option, &zone))
+            throw devhost_error(EXIT_BAD_CALL, "--time-zone " + option +
+                                                   ": unknown time zone, expected UTC, an offset "
+                                                   "such as +09:00, or a name of Windows such as "
+                                                   "\"Tokyo Standard Time\"");
+        zone.source = "--time-zone";
+    } else if (!of_registry(registry, &zone)) {
+        (void)of_log(log, boot, &zone);
+    }
+    return zone;
+}
