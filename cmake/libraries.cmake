@@ -21,15 +21,6 @@ add_library(jansson STATIC IMPORTED)
 set_target_properties(jansson PROPERTIES IMPORTED_LOCATION ${BYPASS_DEPS}/jansson/lib/libjansson.a)
 target_link_libraries(jansson INTERFACE jansson_headers)
 
-if(NOT EXISTS ${BYPASS_DEPS}/libevtx/lib/libevtx.a)
-  message(FATAL_ERROR "${BYPASS_DEPS}/libevtx is missing: run ./dev setup")
-endif()
-add_library(libevtx STATIC IMPORTED)
-set_target_properties(libevtx PROPERTIES
-  IMPORTED_LOCATION ${BYPASS_DEPS}/libevtx/lib/libevtx.a
-  INTERFACE_INCLUDE_DIRECTORIES ${BYPASS_DEPS}/libevtx/include
-  INTERFACE_SYSTEM_INCLUDE_DIRECTORIES ${BYPASS_DEPS}/libevtx/include)
-
 # The contract between platform and plug-ins.
 add_library(oxni_base INTERFACE)
 target_include_directories(oxni_base INTERFACE ${CMAKE_SOURCE_DIR}/oxni_base/include)

@@ -29,9 +29,6 @@ LICENCES = [
     ("rapidjson", "liboxni_core.dll, oxni_devhost.exe (headers)", "MIT",
      f"{DOC}/rapidjson-dev/copyright"),
     ("cli11", "oxni_devhost.exe (headers)", "BSD, three clauses", f"{DOC}/libcli11-dev/copyright"),
-    ("libevtx", "oxni_devhost.exe (static)", "LGPL 3 or later",
-     f"{deps}/source/**/libevtx-*/COPYING"),
-    ("gpl-3", "the licence that the LGPL 3 adds to", "", "/usr/share/common-licenses/GPL-3"),
     ("zlib", "liboxnialgo.dll (static)", "zlib",
      f"{DOC}/libz-mingw-w64-dev/copyright"),
     ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
@@ -41,15 +38,7 @@ LICENCES = [
      "GPL 3 or later with the GCC Runtime Library Exception",
      f"{DOC}/gcc-mingw-w64-base/copyright"),
 ]
-ABOUT_LIBEVTX = """
-libevtx is linked into oxni_devhost.exe only; the plug-in and the platform's DLLs do not contain it.
-The LGPL 3 requires that anyone who distributes that program lets the recipient modify libevtx,
-relink the program with the modified library, and reverse-engineer the program to debug such
-modifications. For this purpose, licences/source/ contains the library's unmodified source. The
-program's own sources are those of the project in the same version; its ./dev builds the library and
-the program. Distribute them with the program, or offer them. The package contains the text of the
-GPL because the LGPL refers to it.
-
+ABOUT = """
 The GCC Runtime Library Exception lets modules that were compiled with GCC include libgcc and
 libstdc++ under terms of the author's choice.
 """
@@ -104,9 +93,7 @@ def licences():
     for name, where, terms, pattern in LICENCES:
         yield f"licences/{name}.txt", read(only(pattern))
         rows.append(f"{name}.txt: {where}" + (f"; {terms}" if terms else ""))
-    archive = only(f"{deps}/source/**/libevtx_*.orig.tar.gz")
-    yield f"licences/source/{os.path.basename(archive)}", read(archive)
-    yield "licences/README.txt", ("\n".join(rows) + "\n" + ABOUT_LIBEVTX).encode()
+    yield "licences/README.txt", ("\n".join(rows) + "\n" + ABOUT).encode()
 
 
 def documents():

@@ -304,6 +304,8 @@ static void add_events(CLI::App &app, int *status)
     command->add_option("--from", arguments->from, "Lowest record number")->type_name("N");
     command->add_option("--to", arguments->to, "Highest record number")->type_name("N");
     add_damage_options(*command, *arguments);
+    command->add_flag("--evtx", arguments->evtx,
+                      "Writes an .evtx log of Windows into the output file, not JSON");
     command->footer(s_events_footer);
     command->callback([arguments, status] { *status = replay_command_events(*arguments); });
 }

@@ -27,6 +27,49 @@ bool evidence_is_bug_check(const event_record &event)
     return is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK);
 }
 
+namespace
+{
+class run_records final : public event_filter
+{
+  public:
+    bool wants_id(uint32_t id) const override
+    {
+        for (const auto &each : s_records)
+            if (each.id == id)
+                return true;
+        return false;
+    }
+    bool wants(uint32_t id, const std::wstring &source) const override
+    {
+        for (const auto &each : s_records)
+            if (each.id == id && source == each.source)
+                return true;
+        return false;
+    }
+
+  private:
+    struct record {
+        const wchar_t *source;
+        uint32_t id;
+    };
+    static constexpr record s_records[] = {
+        {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START      },
+        {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN     },
+        {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE       },
+        {SOURCE_KERNEL_GENERAL, EVENT_TIME_ZONE          },
+        {SOURCE_KERNEL_POWER,   EVENT_UNEXPECTED_SHUTDOWN},
+        {SOURCE_BUG_CHECK,      EVENT_BUG_CHECK          },
+    };
+};
+} // namespace
+
+const event_filter &evidence_run_records(void)
+{
+    static const run_records records;
+
+    return records;
+}
+
 /* The record contains the time of the start; it is written a little later. */
 static uint64_t started(const event_record &event)
 {
@@ -82,22 +125,26 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log)
     std::vector<evidence_run> runs;
     size_t number = 0;
 
+    if (log.records > 0 && (log.events.empty() || !evidence_is_start(log.events[0]) ||
+                            log.events[0].number > log.first_number))
+        runs.push_back({0, 0, log.events.size(), log.first_number, log.last_number, 0,
+                        RUN_ENDED_UNKNOWN, NO_RECORD});
     for (size_t i = 0; i < log.events.size(); i++) {
-        const bool start = evidence_is_start(log.events[i]);
+        const event_record &event = log.events[i];
 
-        if (start || i == 0) {
-            number += start ? 1 : 0;
-            if (!runs.empty())
-                runs.back().end = i;
-            runs.push_back({number, i, log.events.size(), start ? started(log.events[i]) : 0,
-                            RUN_ENDED_UNKNOWN, NO_RECORD});
+        if (!evidence_is_start(event))
+            continue;
+        if (!runs.empty()) {
+            runs.back().end = i;
+            runs.back().last_record = event.number - 1;
         }
+        runs.push_back({++number, i, log.events.size(), event.number, log.last_number,
+                        started(event), RUN_ENDED_UNKNOWN, NO_RECORD});
     }
     for (size_t i = 0; i < runs.size(); i++)
         find_ending(log, &runs[i], i + 1 < runs.size() ? &runs[i + 1] : NULL);
     return runs;
 }
-
 const char *evidence_ending_name(enum run_ending ending)
 {
     static const char *const names[] = {"unknown", "clean", "blue screen", "power loss"};

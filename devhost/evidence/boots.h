@@ -24,14 +24,19 @@ enum run_ending {
 
 /* One run of Windows. Indexes are those of evidence_log.events. */
 struct evidence_run {
-    size_t number;          /* from 1; 0 for a run that began before the log */
-    size_t begin, end;      /* its records, end exclusive: from its start record to the next one */
-    uint64_t started_100ns; /* FILETIME; 0 for number 0 */
+    size_t number;     /* from 1; 0 for a run that began before the log */
+    size_t begin, end; /* its records, end exclusive: from its start record to the next one */
+    uint32_t first_record, last_record; /* numbers, inclusive; of unwanted records, too */
+    uint64_t started_100ns;             /* FILETIME; 0 for number 0 */
     enum run_ending ending;
     size_t told_by; /* the record that shows its ending, in this run or the next; NO_RECORD: none */
 };
 
-/* Oldest first; empty when the log is. */
+/* The records that evidence_runs and the functions below need. */
+const event_filter &evidence_run_records(void);
+
+/* Oldest first; empty when the log is. The log may lack records that evidence_run_records does not
+ * want. */
 std::vector<evidence_run> evidence_runs(const evidence_log &log);
 
 /* "clean", "blue screen", "power loss", "unknown". */

@@ -67,4 +67,14 @@ struct event_record {
     event_strings strings;
 };
 
+/* Which records are wanted, by event id (without qualifiers) and source. */
+class event_filter
+{
+  public:
+    virtual ~event_filter() = default;
+    /* Asked first, since most records end here. */
+    virtual bool wants_id(uint32_t id) const = 0;
+    virtual bool wants(uint32_t id, const std::wstring &source) const = 0;
+};
+
 #endif

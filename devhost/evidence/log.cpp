@@ -33,7 +33,7 @@ namespace
 class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, record_reader>
 {
   public:
-    explicit record_reader(evidence_log *log) : m_log(log)
+    record_reader(const event_filter *filter, evidence_log *log) : m_filter(filter), m_log(log)
     {
     }
 
@@ -65,12 +65,17 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
             if (m_seen.find(name) == m_seen.end())
                 return bad(std::string("member \"") + name + "\" is missing");
         if (m_event.number == 0)
-            m_event.number = m_log->events.empty() ? 1 : m_log->events.back().number + 1;
-        if (!m_log->events.empty() && m_event.number <= m_log->events.back().number)
+            m_event.number = m_last + 1;
+        if (m_event.number <= m_last)
             return bad("expected a record number higher than the previous one");
-        if (!m_log->events.empty())
-            evidence_note_gap(m_log, m_log->events.back().number + 1ull, m_event.number);
-        m_log->events.push_back(std::move(m_event));
+        if (m_log->records > 0)
+            evidence_note_gap(m_log, m_last + 1ull, m_event.number);
+        m_last = m_log->last_number = m_event.number;
+        if (m_log->records++ == 0)
+            m_log->first_number = m_event.number;
+        if (m_filter == NULL || (m_filter->wants_id(m_event.id & 0xffff) &&
+                                 m_filter->wants(m_event.id & 0xffff, m_event.source)))
+            m_log->events.push_back(std::move(m_event));
         return true;
     }
     bool Key(const char *text, rapidjson::SizeType length, bool)
@@ -129,25 +134,28 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
   private:
     bool bad(const std::string &what)
     {
-        reason = (m_depth > 0 ? "/" + std::to_string(m_log->events.size()) + ": " : "") + what;
+        reason = (m_depth > 0 ? "/" + std::to_string(m_log->records) + ": " : "") + what;
         return false;
     }
 
+    const event_filter *m_filter; /* NULL: every record is wanted */
     evidence_log *m_log;
-    int m_depth = 0; /* 1 in the array, 2 in a record, 3 in its strings */
+    uint32_t m_last = 0; /* number of the previous record */
+    int m_depth = 0;     /* 1 in the array, 2 in a record, 3 in its strings */
     std::string m_member;
     std::set<std::string> m_seen;
     event_record m_event = {};
 };
 } // namespace
 
-static void read_json(const std::string &path, const evidence_file &file, evidence_log *log)
+static void read_json(const std::string &path, const evidence_file &file,
+                      const event_filter *filter, evidence_log *log)
 {
     rapidjson::MemoryStream stream(reinterpret_cast<const char *>(file.data()),
                                    static_cast<size_t>(file.bytes()));
     rapidjson::EncodedInputStream<rapidjson::UTF8<>, rapidjson::MemoryStream> input(stream);
     rapidjson::Reader reader;
-    record_reader handler(log);
+    record_reader handler(filter, log);
     const rapidjson::ParseResult result =
         reader.Parse<rapidjson::kParseValidateEncodingFlag>(input, handler);
 
@@ -169,25 +177,23 @@ static bool is_json(const evidence_file &file)
     return at < file.bytes() && (file.data()[at] == '[' || file.data()[at] == '{');
 }
 
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log)
+void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
+                       const event_filter *filter)
 {
-    *log = {};
-    {
-        /* The library that reads an .evtx file opens it once more. */
-        const evidence_file file(path, UINT64_MAX);
+    const evidence_file file(path, UINT64_MAX);
 
-        if (file.bytes() == 0)
-            evidence_bad(path, "empty, expected an event log");
-        if (!evidence_is_evtx(file)) {
-            if (!is_json(file))
-                evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
-            if (file.bytes() > MOST_JSON_BYTES)
-                evidence_bad(path, "larger than any log in JSON, 1 GiB");
-            read_json(path, file, log);
-            return;
-        }
+    *log = {};
+    if (file.bytes() == 0)
+        evidence_bad(path, "empty, expected an event log");
+    if (!evidence_is_evtx(file)) {
+        if (!is_json(file))
+            evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
+        if (file.bytes() > MOST_JSON_BYTES)
+            evidence_bad(path, "larger than any log in JSON, 1 GiB");
+        read_json(path, file, filter, log);
+        return;
     }
-    evidence_read_evtx(path, log);
+    evidence_read_evtx(path, file, filter, log);
     if (!log->cut_off.empty() && allowed != EVIDENCE_LENIENT)
         evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)
@@ -211,7 +217,7 @@ std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t mos
 
     if (all > lines.size())
         lines.push_back("and " + text_count(all - lines.size(), "further finding"));
-    lines.push_back("damaged: " + text_count(log.events.size(), "record") + " read, " +
+    lines.push_back("damaged: " + text_count(log.records, "record") + " read, " +
                     (log.cut_off.empty() ? "" : "an unknown number missing after them, ") +
                     text_count(log.lost_records, "record") + " missing" +
                     (log.cut_off.empty() ? "" : " between them"));

@@ -25,7 +25,9 @@ struct evidence_log {
     std::string cut_off; /* where the file is truncated; empty: it is complete */
     std::vector<evidence_gap> gaps;
     uint64_t lost_records = 0; /* in all gaps */
-    double library_ms = 0;     /* time that the library for .evtx files took */
+    /* What was read, unwanted records included; the numbers are 0 for an empty log. */
+    uint64_t records = 0;
+    uint32_t first_number = 0, last_number = 0;
 };
 
 /* The damage that ends the run. */
@@ -36,13 +38,14 @@ enum evidence_damage {
 };
 
 /*
- * Reads all readable records of a file. Throws devhost_error with EXIT_BAD_EVIDENCE when the file
+ * Reads all readable records of a file, or those that a filter wants. Throws devhost_error with EXIT_BAD_EVIDENCE when the file
  * cannot be read, is not a log, or is more damaged than is allowed.
  *
  * path     UTF-8.
  * log      Filled. Sound except for what damage and cut_off list.
  */
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log);
+void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
+                       const event_filter *filter = NULL);
 
 /* The damage in lines for a person, the last one a summary; none for a sound log. most: lines without
  * the summary. */
@@ -65,6 +68,7 @@ void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end);
 /* evtx.cpp: files in the format of Windows. */
 class evidence_file;
 bool evidence_is_evtx(const evidence_file &file);
-void evidence_read_evtx(const std::string &path, evidence_log *log);
+void evidence_read_evtx(const std::string &path, const evidence_file &file,
+                        const event_filter *filter, evidence_log *log);
 
 #endif

@@ -17,6 +17,7 @@ struct replay_arguments {
     std::string memory = BYPASS_USUAL_MEMORY; /* "plain" or "guard" */
     std::string folder;                       /* new one, for a redacted scenario */
     std::string log, output;                  /* of "events": input and output; empty: stdout */
+    bool evtx = false;                        /* of "events": a log of Windows, not JSON */
     uint64_t from = 0, to = UINT64_MAX;
 };
 

@@ -37,7 +37,7 @@ static std::string boot_text(const replay_evidence &evidence, const std::vector<
         text_format("%s %4s  %-20s  %6u-%-6u  ", &run == evidence.boot ? ">" : " ",
                     run.number != 0 ? std::to_string(run.number).c_str() : "-",
                     run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
-                    log.events[run.begin].number, log.events[run.end - 1].number);
+                    run.first_record, run.last_record);
 
     if (row == NULL)
         return text + ending_text(run, log) + "\n";
@@ -66,7 +66,7 @@ std::string replay_boots_text(const replay_evidence &evidence, const std::vector
 static std::string evidence_text(const replay_evidence &evidence)
 {
     std::string text = "\nEvidence\n  " + evidence.events_file + ": " +
-                       text_count(evidence.log.events.size(), "record") + "\n";
+                       text_count(evidence.log.records, "record") + "\n";
 
     for (const std::string &line : evidence_log_damage(evidence.log, MOST_DAMAGE_LINES))
         text += "    " + line + "\n";

@@ -15,7 +15,7 @@ static void put_log(json_lines &writer, const char *name, const replay_evidence 
     writer.Key(name);
     writer.StartObject();
     json_member(writer, "file", evidence.events_file);
-    json_member(writer, "records", evidence.log.events.size());
+    json_member(writer, "records", evidence.log.records);
     json_member(writer, "lost_records", evidence.log.lost_records);
     json_member_or_null(writer, "cut_off", evidence.log.cut_off);
     json_member(writer, "damage", evidence.log.damage);
@@ -41,8 +41,8 @@ static void put_runs(json_lines &writer, const replay_evidence &evidence,
         json_member(writer, "boot", run.number);
         json_member_or_null(writer, "started",
                             run.number != 0 ? time_iso(run.started_100ns, true) : "");
-        json_member(writer, "first_record", log.events[run.begin].number);
-        json_member(writer, "last_record", log.events[run.end - 1].number);
+        json_member(writer, "first_record", run.first_record);
+        json_member(writer, "last_record", run.last_record);
         json_member(writer, "ended", evidence_ending_name(run.ending));
         writer.Key("told_by");
         if (run.told_by != NO_RECORD)

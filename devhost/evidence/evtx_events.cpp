@@ -1,0 +1,121 @@
+/* Definitions as in the manifests of Windows 7 to 11. */
+#include "evtx_events.h"
+
+#include "evtx_values.h"
+#include "system_events.h"
+
+#define CLASSIC_KEYWORDS 0x0080000000000000ull
+#define KERNEL_KEYWORDS  0x8000000000000000ull
+
+static const evtx_provider s_general = {SOURCE_KERNEL_GENERAL,
+                                        L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", NULL};
+static const evtx_provider s_power = {SOURCE_KERNEL_POWER,
+                                      L"{331c3b3a-2005-44c2-ac5e-77220c37d6b4}", NULL};
+static const evtx_provider s_winlogon = {SOURCE_WINLOGON, L"{dbe9b383-7cf3-4331-91cc-a3cb16a3b538}",
+                                         NULL};
+static const evtx_provider s_bug_check = {L"Microsoft-Windows-WER-SystemErrorReporting",
+                                          L"{abce23e7-de45-4366-8631-84fa6c525952}",
+                                          SOURCE_BUG_CHECK};
+static const evtx_provider s_event_log = {L"EventLog", NULL, NULL};
+
+/* Fields of record 41 up to the version that has all of them. */
+static std::vector<evtx_field> power_fields(size_t count, uint8_t sleep_type)
+{
+    const std::vector<evtx_field> all = {
+        {L"BugcheckCode",                EVTX_UINT32 },
+        {L"BugcheckParameter1",          EVTX_SIZE   },
+        {L"BugcheckParameter2",          EVTX_SIZE   },
+        {L"BugcheckParameter3",          EVTX_SIZE   },
+        {L"BugcheckParameter4",          EVTX_SIZE   },
+        {L"SleepInProgress",             sleep_type  },
+        {L"PowerButtonTimestamp",        EVTX_UINT64 },
+        {L"BootAppStatus",               EVTX_UINT32 },
+        {L"Checkpoint",                  EVTX_UINT8  },
+        {L"ConnectedStandbyInProgress",  EVTX_BOOLEAN},
+        {L"SystemSleepTransitionsToOn",  EVTX_UINT32 },
+        {L"CsEntryScenarioInstanceId",   EVTX_UINT8  },
+        {L"BugcheckInfoFromEFI",         EVTX_BOOLEAN},
+        {L"CheckpointStatus",            EVTX_UINT8  },
+        {L"CsEntryScenarioInstanceIdV2", EVTX_UINT64 },
+    };
+
+    return {all.begin(), all.begin() + static_cast<ptrdiff_t>(count)};
+}
+
+/* provider, id, qualifiers, level, version, task, keywords, fields */
+static const std::vector<evtx_event> &events(void)
+{
+    static const std::vector<evtx_field> clock = {
+        {L"NewTime", EVTX_FILETIME},
+        {L"OldTime", EVTX_FILETIME},
+        {L"Reason",  EVTX_UINT32  }
+    };
+    static const std::vector<evtx_field> clock_2 = {
+        {L"NewTime",     EVTX_FILETIME},
+        {L"OldTime",     EVTX_FILETIME},
+        {L"Reason",      EVTX_UINT32  },
+        {L"ProcessName", EVTX_STRING  },
+        {L"ProcessID",   EVTX_UINT32  }
+    };
+    static const std::vector<evtx_field> start = {
+        {L"MajorVersion",   EVTX_UINT32  },
+        {L"MinorVersion",   EVTX_UINT32  },
+        {L"BuildVersion",   EVTX_UINT32  },
+        {L"QfeVersion",     EVTX_UINT32  },
+        {L"ServiceVersion", EVTX_UINT16  },
+        {L"BootMode",       EVTX_UINT32  },
+        {L"StartTime",      EVTX_FILETIME}
+    };
+    static const std::vector<evtx_field> logon = {
+        {L"TSId",    EVTX_UINT32},
+        {L"UserSid", EVTX_SID   }
+    };
+    static const std::vector<evtx_field> bug_check = {
+        {L"param1", EVTX_STRING},
+        {L"param2", EVTX_STRING},
+        {L"param3", EVTX_STRING}
+    };
+    static const std::vector<evtx_event> all = {
+        {&s_general,                        12, EVTX_NO_QUALIFIERS, 4,                                  0,            1,KERNEL_KEYWORDS | 0x80,start  },
+        {&s_general,
+         13,                                    EVTX_NO_QUALIFIERS,
+         4,                                                                                             0,
+         2,KERNEL_KEYWORDS | 0x80,
+         {{L"StopTime", EVTX_FILETIME}}},
+        {&s_general,                        1,  EVTX_NO_QUALIFIERS, 4,                                  1,            5,KERNEL_KEYWORDS | 0x10,clock  },
+        {&s_general,                        1,  EVTX_NO_QUALIFIERS, 4,                                  2,            5,KERNEL_KEYWORDS | 0x10,clock_2},
+        {&s_power,                          41, EVTX_NO_QUALIFIERS, 1,                                  2,            63,KERNEL_KEYWORDS | 2,
+         power_fields(7,EVTX_BOOLEAN)},
+        {&s_power,                                 41,                            EVTX_NO_QUALIFIERS,            1, 3, 63,KERNEL_KEYWORDS | 0x400000000002,
+         power_fields(8,EVTX_UINT32)},
+        {&s_power,                     41,                       EVTX_NO_QUALIFIERS,                                  1,                                              4,                  63,KERNEL_KEYWORDS | 0x400000000002,
+         power_fields(12,EVTX_UINT32)},
+        {&s_power,                   41,         EVTX_NO_QUALIFIERS,                           1,                                                      6,                                              63,KERNEL_KEYWORDS | 0x400000000002,
+         power_fields(14,EVTX_UINT32)},
+        {&s_power, 41,                       EVTX_NO_QUALIFIERS,                             1,                                                               7,                                                                    63,KERNEL_KEYWORDS | 0x400000000002,
+         power_fields(15,EVTX_UINT32)},
+        {&s_winlogon,                               7001, EVTX_NO_QUALIFIERS,                                           4,                                                                 0,                                                                             1101,0x2000200000000000,logon},
+        {&s_winlogon,                                7002,                              EVTX_NO_QUALIFIERS,                              4,0,1102,0x2000200000000000,logon},
+        {&s_bug_check,                                1001,                              0x4000,                              2,                                                                 0,                                                                                                                                                   0,                                                                                                                                                   CLASSIC_KEYWORDS,                                                                               bug_check                                                                    },
+        {&s_event_log,                                6005,                                 0x8000,                                   4,0,0,CLASSIC_KEYWORDS,{}},
+        {&s_event_log,                                6006,                                 0x8000,                                   4,                                                                        0,                                                                                                                                                                                                                               0,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                            CLASSIC_KEYWORDS,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         {}                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                           },
+        {&s_event_log,                                6008,                                 0x8000,                                   2,0,0,CLASSIC_KEYWORDS,{}},
+    };
+
+    return all;
+}
+
+const evtx_event *evtx_find_event(const event_record &event)
+{
+    for (const evtx_event &known : events()) {
+        const wchar_t *source =
+            known.provider->source != NULL ? known.provider->source : known.provider->name;
+        const uint32_t qualifiers =
+            known.qualifiers != EVTX_NO_QUALIFIERS ? static_cast<uint32_t>(known.qualifiers) : 0;
+
+        if (event.source == source && event.id == (qualifiers << 16 | known.id) &&
+            (known.fields.empty() || known.fields.size() == event.strings.count()))
+            return &known;
+    }
+    return NULL;
+}

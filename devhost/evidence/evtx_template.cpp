@@ -1,0 +1,362 @@
+/* Templates of Windows' records, and the values of one record. */
+#include "evtx_template.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <wchar.h>
+#include <windows.h>
+
+#include "../base/text.h"
+#include "evtx_events.h"
+#include "evtx_values.h"
+
+#define NO_DEPENDENCY 0xFFFFu
+#define XML_NAMESPACE L"http://schemas.microsoft.com/win/2004/08/events/event"
+
+std::string evtx_text_bytes(const std::wstring &text)
+{
+    return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
+}
+
+static xml_node literal(const std::wstring &text)
+{
+    return {xml_node::TEXT, text, 0, 0, false, {}, {}};
+}
+
+static xml_node value_node(uint16_t index, uint8_t type, bool optional = true)
+{
+    return {xml_node::VALUE, L"", index, type, optional, {}, {}};
+}
+
+static xml_node element(const std::wstring &name,
+                        std::vector<std::pair<std::wstring, xml_node>> attributes,
+                        std::vector<xml_node> content, uint16_t dependency = NO_DEPENDENCY)
+{
+    return {xml_node::ELEMENT, name, dependency, 0, false, std::move(attributes),
+            std::move(content)};
+}
+
+/* An element that is removed with its value. */
+static xml_node optional_element(const std::wstring &name, uint16_t index, uint8_t type)
+{
+    return element(name, {}, {value_node(index, type)}, index);
+}
+
+/* What a template is made of, as text: equal content gives an equal GUID, since readers may keep
+ * templates by it across chunks. */
+static std::wstring content_of(const xml_node &node)
+{
+    std::wstring text = std::to_wstring(node.kind) + L"(" + node.text + L"," +
+                        std::to_wstring(node.index) + L"," + std::to_wstring(node.type) +
+                        (node.optional ? L"?" : L"");
+
+    for (const auto &attribute : node.attributes)
+        text += L"@" + attribute.first + L"=" + content_of(attribute.second);
+    for (const xml_node &child : node.content)
+        text += content_of(child);
+    return text + L")";
+}
+
+/* FNV-1a, 64 bits, from two starts. */
+static uint64_t fnv(const std::string &bytes, uint64_t hash)
+{
+    for (const char byte : bytes)
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3ull;
+    return hash;
+}
+
+static template_ptr make_template(xml_node root)
+{
+    auto made = std::make_shared<xml_template>();
+    const std::string content = evtx_text_bytes(content_of(root));
+    const uint64_t halves[] = {fnv(content, 0xcbf29ce484222325ull),
+                               fnv(content, 0x9ae16a3b2f90404full)};
+
+    made->root = std::move(root);
+    memcpy(made->guid, halves, sizeof(made->guid));
+    return made;
+}
+
+/* The System part of every record, in Windows' order; body: index of the event's data. */
+static template_ptr event_template(std::vector<std::pair<std::wstring, xml_node>> provider,
+                                   xml_node channel, const std::wstring &computer, uint16_t body)
+{
+    std::vector<xml_node> system = {element(L"Provider", std::move(provider), {})};
+    xml_node id = optional_element(L"EventID", 3, EVTX_UINT16);
+
+    id.attributes = {
+        {L"Qualifiers", value_node(4, EVTX_UINT16)}
+    };
+    system.push_back(id);
+    system.push_back(optional_element(L"Version", 11, EVTX_UINT8));
+    system.push_back(optional_element(L"Level", 0, EVTX_UINT8));
+    system.push_back(optional_element(L"Task", 2, EVTX_UINT16));
+    system.push_back(optional_element(L"Opcode", 1, EVTX_UINT8));
+    system.push_back(optional_element(L"Keywords", 5, EVTX_HEX64));
+    system.push_back(element(L"TimeCreated",
+                             {
+                                 {L"SystemTime", value_node(6, EVTX_FILETIME)}
+    },
+                             {}));
+    system.push_back(optional_element(L"EventRecordID", 10, EVTX_UINT64));
+    system.push_back(element(
+        L"Correlation",
+        {
+            {L"ActivityID",        value_node(7,                                   EVTX_GUID)},
+            {L"RelatedActivityID", value_node(body == EVTX_CLASSIC_BODY ? 18 : 13, EVTX_GUID)}
+    },
+        {}));
+    system.push_back(element(
+        L"Execution",
+        {
+            {L"ProcessID", value_node(8, EVTX_UINT32)},
+            {L"ThreadID",  value_node(9, EVTX_UINT32)}
+    },
+        {}));
+    system.push_back(std::move(channel));
+    system.push_back(element(L"Computer", {}, {literal(computer)}));
+    system.push_back(element(L"Security",
+                             {
+                                 {L"UserID", value_node(12, EVTX_SID)}
+    },
+                             {}));
+    return make_template(
+        element(L"Event",
+                {
+                    {L"xmlns", literal(XML_NAMESPACE)}
+    },
+                {element(L"System", {}, std::move(system)), value_node(body, EVTX_XML)}, body));
+}
+
+static template_ptr classic_data_template(void)
+{
+    return make_template(element(L"EventData", {},
+                                 {optional_element(L"Data", 0, EVTX_ARRAY | EVTX_STRING),
+                                  optional_element(L"Binary", 2, EVTX_BINARY)}));
+}
+
+static template_ptr named_data_template(const std::vector<evtx_field> &fields)
+{
+    std::vector<xml_node> data;
+
+    for (size_t i = 0; i < fields.size(); i++)
+        data.push_back(element(L"Data",
+                               {
+                                   {L"Name", literal(fields[i].name)}
+        },
+                               {value_node(static_cast<uint16_t>(i), fields[i].type, false)}));
+    return make_template(element(L"EventData", {}, std::move(data)));
+}
+
+static xml_value nothing(void)
+{
+    return {EVTX_NULL, "", NULL, {}};
+}
+
+template <typename T> static xml_value number_value(uint8_t type, T number)
+{
+    return {type, evtx_number_bytes(number), NULL, {}};
+}
+
+static xml_value string_value(const std::wstring &text)
+{
+    return {EVTX_STRING, evtx_text_bytes(text), NULL, {}};
+}
+
+/* "{8-4-4-4-12}" in the order of a GUID in memory. */
+static xml_value guid_value(const std::wstring &text)
+{
+    GUID guid = {};
+    unsigned values[11] = {};
+
+    swscanf(text.c_str(), L"{%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x}", &values[0], &values[1],
+            &values[2], &values[3], &values[4], &values[5], &values[6], &values[7], &values[8],
+            &values[9], &values[10]);
+    guid.Data1 = values[0];
+    guid.Data2 = static_cast<unsigned short>(values[1]);
+    guid.Data3 = static_cast<unsigned short>(values[2]);
+    for (size_t i = 0; i < 8; i++)
+        guid.Data4[i] = static_cast<unsigned char>(values[3 + i]);
+    return number_value(EVTX_GUID, guid);
+}
+
+/* "S-1-5-18". Result: false for another text. */
+static bool sid_bytes(const std::string &text, std::string *bytes)
+{
+    const std::vector<std::string> parts = text_split(text, '-');
+
+    if (parts.size() < 3 || parts.size() > 18 || parts[0] != "S")
+        return false;
+    const uint64_t authority = strtoull(parts[2].c_str(), NULL, 10);
+    bytes->push_back(static_cast<char>(atoi(parts[1].c_str())));
+    bytes->push_back(static_cast<char>(parts.size() - 3));
+    for (int shift = 40; shift >= 0; shift -= 8)
+        bytes->push_back(static_cast<char>(authority >> shift));
+    for (size_t i = 3; i < parts.size(); i++)
+        bytes->append(
+            evtx_number_bytes(static_cast<uint32_t>(strtoul(parts[i].c_str(), NULL, 10))));
+    return true;
+}
+
+static size_t width_of(uint8_t type)
+{
+    switch (type) {
+    case EVTX_UINT8: return 1;
+    case EVTX_UINT16: return 2;
+    case EVTX_UINT32:
+    case EVTX_BOOLEAN: return 4;
+    default: return 8;
+    }
+}
+
+/* A value from its text as the classic interface shows it. Result: false when it is none of that
+ * type, or is written otherwise. */
+static bool typed_value(uint8_t type, const std::wstring &text, xml_value *value)
+{
+    const std::string ascii = text_narrow(text);
+    std::wstring shown;
+    uint64_t number = 0;
+    char *end = NULL;
+
+    *value = {type == EVTX_SIZE ? static_cast<uint8_t>(EVTX_HEX64) : type, "", NULL, {}};
+    if (type == EVTX_STRING)
+        value->bytes = evtx_text_bytes(text);
+    else if (type == EVTX_SID && !sid_bytes(ascii, &value->bytes))
+        return false;
+    else if (type == EVTX_FILETIME && time_parse(ascii, &number))
+        value->bytes = evtx_number_bytes(number);
+    else if (type == EVTX_FILETIME)
+        return false;
+    else if (type != EVTX_SID) {
+        number = ascii == "true" ? 1 : ascii == "false" ? 0 : strtoull(ascii.c_str(), &end, 0);
+        value->bytes = evtx_number_bytes(number).substr(0, width_of(type));
+    }
+    evtx_append_value(value->type, reinterpret_cast<const uint8_t *>(value->bytes.data()),
+                      value->bytes.size(), &shown);
+    return type == EVTX_FILETIME || shown == text;
+}
+
+static xml_value instance_value(template_ptr made, std::vector<xml_value> values)
+{
+    return {EVTX_XML, "", std::move(made), std::move(values)};
+}
+
+template_ptr evtx_templates::cached(const std::wstring &key,
+                                    const std::function<template_ptr(void)> &make)
+{
+    template_ptr &made = m_templates[key];
+
+    if (made == NULL)
+        made = make();
+    return made;
+}
+
+xml_value evtx_templates::data(const event_record &event, const evtx_event *known)
+{
+    std::vector<xml_value> values;
+    std::wstring key = L"data";
+
+    if (known != NULL && !known->fields.empty()) {
+        std::vector<evtx_field> fields = known->fields;
+
+        for (size_t i = 0; i < fields.size(); i++) {
+            xml_value value = {};
+
+            if (!typed_value(fields[i].type, event.strings.at(i), &value)) {
+                fields[i].type = EVTX_STRING;
+                value = string_value(event.strings.at(i));
+            }
+            values.push_back(value);
+            key += std::wstring(L" ") + fields[i].name + L" " + std::to_wstring(fields[i].type);
+        }
+        return instance_value(cached(key, [&] { return named_data_template(fields); }), values);
+    }
+    values = {
+        event.strings.count() != 0
+            ? xml_value{EVTX_ARRAY | EVTX_STRING, evtx_text_bytes(event.strings.packed()), NULL, {}}
+            : nothing(),
+        number_value(EVTX_UINT32, uint32_t(0)), nothing()
+    };
+    return instance_value(cached(L"classic data", classic_data_template), values);
+}
+
+static uint8_t level_of(const event_record &event)
+{
+    return event.type == EVENTLOG_ERROR_TYPE ? 2 : event.type == EVENTLOG_WARNING_TYPE ? 3 : 4;
+}
+
+/* The values of the System part, in the order of their indexes. */
+static std::vector<xml_value> system_values(const event_record &event, const evtx_event *known,
+                                            bool classic)
+{
+    return {number_value(EVTX_UINT8, known != NULL ? known->level : level_of(event)),
+            number_value(EVTX_UINT8, uint8_t(0)),
+            number_value(EVTX_UINT16, known != NULL ? known->task : uint16_t(0)),
+            number_value(EVTX_UINT16, static_cast<uint16_t>(event.id)),
+            classic ? number_value(EVTX_UINT16, static_cast<uint16_t>(event.id >> 16)) : nothing(),
+            number_value(EVTX_HEX64, known != NULL ? known->keywords : 0x0080000000000000ull),
+            number_value(EVTX_FILETIME, time_of_unix(event.time)),
+            nothing(),
+            number_value(EVTX_UINT32, uint32_t(4)),
+            number_value(EVTX_UINT32, uint32_t(8)),
+            number_value(EVTX_UINT64, uint64_t(event.number)),
+            number_value(EVTX_UINT8, known != NULL ? known->version : uint8_t(0)),
+            nothing(),
+            nothing()};
+}
+
+xml_value evtx_templates::manifest_record(const evtx_event &known, std::vector<xml_value> values,
+                                          const xml_value &body)
+{
+    const std::vector<std::pair<std::wstring, xml_node>> provider = {
+        {L"Name", value_node(14, EVTX_STRING)},
+        {L"Guid", value_node(15, EVTX_GUID)  }
+    };
+
+    values.push_back(string_value(known.provider->name));
+    values.push_back(guid_value(known.provider->guid));
+    values.push_back(string_value(L"System"));
+    values.push_back(body);
+    return instance_value(cached(L"manifest",
+                                 [&] {
+                                     return event_template(
+                                         provider, optional_element(L"Channel", 16, EVTX_STRING),
+                                         m_computer, EVTX_MANIFEST_BODY);
+                                 }),
+                          values);
+}
+
+xml_value evtx_templates::classic_record(const evtx_provider &provider,
+                                         std::vector<xml_value> values, const xml_value &body)
+{
+    std::vector<std::pair<std::wstring, xml_node>> attributes = {
+        {L"Name", literal(provider.name)}
+    };
+
+    if (provider.source != NULL) {
+        attributes.push_back({L"Guid", literal(provider.guid)});
+        attributes.push_back({L"EventSourceName", literal(provider.source)});
+    }
+    values.resize(EVTX_CLASSIC_BODY, nothing());
+    values.push_back(body);
+    return instance_value(cached(std::wstring(L"classic ") + provider.name,
+                                 [&] {
+                                     return event_template(
+                                         attributes, element(L"Channel", {}, {literal(L"System")}),
+                                         m_computer, EVTX_CLASSIC_BODY);
+                                 }),
+                          values);
+}
+
+xml_value evtx_templates::record(const event_record &event)
+{
+    const evtx_event *known = evtx_find_event(event);
+    const evtx_provider unknown = {event.source.c_str(), NULL, NULL};
+    const bool classic = known == NULL || known->qualifiers != EVTX_NO_QUALIFIERS;
+    const xml_value body = data(event, known);
+
+    if (!classic)
+        return manifest_record(*known, system_values(event, known, false), body);
+    return classic_record(known != NULL ? *known->provider : unknown,
+                          system_values(event, known, true), body);
+}

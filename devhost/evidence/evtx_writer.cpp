@@ -1,0 +1,298 @@
+/* Binary XML with templates, chunk by chunk. */
+#include "evtx_writer.h"
+
+#include <string.h>
+
+#include <map>
+
+#include <oxni/base/algo.h>
+
+#include "../base/text.h"
+#include "evtx_template.h"
+#include "evtx_values.h"
+
+#define HEADER_BYTES       4096u
+#define CHUNK_BYTES        65536u
+#define CHUNK_HEADER_BYTES 512u
+/* Some readers lose a record that ends where its chunk does. */
+#define MAX_RECORD_END   (CHUNK_BYTES - 8u)
+#define RECORD_ALIGN     8u
+#define NAME_BUCKETS     64u
+#define TEMPLATE_BUCKETS 32u
+
+namespace
+{
+struct chunk_state {
+    std::string bytes;
+    std::map<std::wstring, uint32_t> names;             /* to their offsets */
+    std::map<const xml_template *, uint32_t> templates; /* likewise */
+    uint32_t name_table[NAME_BUCKETS], template_table[TEMPLATE_BUCKETS];
+    uint64_t first, last; /* record numbers; 0: none */
+    uint32_t last_offset;
+};
+} // namespace
+
+template <typename T> static void put(std::string *bytes, T number)
+{
+    bytes->append(evtx_number_bytes(number));
+}
+
+static void patch(std::string *bytes, size_t at, uint32_t number)
+{
+    memcpy(&(*bytes)[at], &number, sizeof(number));
+}
+
+/* The hash of names, and of a GUID's eight words. */
+static uint32_t hash_of(const std::string &bytes)
+{
+    uint32_t hash = 0;
+
+    for (size_t i = 0; i + 2 <= bytes.size(); i += 2)
+        hash = hash * 65599 + evtx_load<uint16_t>(reinterpret_cast<const uint8_t *>(&bytes[i]));
+    return hash;
+}
+
+static void begin_chunk(chunk_state *chunk)
+{
+    *chunk = {};
+    chunk->bytes.assign(CHUNK_HEADER_BYTES, '\0');
+}
+
+/* A name is written where it is first used. */
+static void put_name(chunk_state &chunk, const std::wstring &name)
+{
+    const auto known = chunk.names.find(name);
+    const std::string text = evtx_text_bytes(name);
+    const uint16_t hash = static_cast<uint16_t>(hash_of(text));
+    uint32_t &bucket = chunk.name_table[hash % NAME_BUCKETS];
+
+    if (known != chunk.names.end()) {
+        put(&chunk.bytes, known->second);
+        return;
+    }
+    const uint32_t offset = static_cast<uint32_t>(chunk.bytes.size() + sizeof(uint32_t));
+    put(&chunk.bytes, offset);
+    put(&chunk.bytes, bucket);
+    put(&chunk.bytes, hash);
+    put(&chunk.bytes, static_cast<uint16_t>(name.size()));
+    chunk.bytes += text + std::string(2, '\0');
+    chunk.names[name] = bucket = offset;
+}
+
+static void put_node(chunk_state &chunk, const xml_node &node);
+
+static void put_attributes(chunk_state &chunk, const xml_node &node)
+{
+    const size_t begin = chunk.bytes.size();
+
+    put(&chunk.bytes, uint32_t(0));
+    for (size_t i = 0; i < node.attributes.size(); i++) {
+        chunk.bytes += i + 1 == node.attributes.size() ? '\x06' : '\x46';
+        put_name(chunk, node.attributes[i].first);
+        put_node(chunk, node.attributes[i].second);
+    }
+    patch(&chunk.bytes, begin, static_cast<uint32_t>(chunk.bytes.size() - begin - 4));
+}
+
+/* Windows closes an element that has attributes only with one token. */
+static void put_element(chunk_state &chunk, const xml_node &node)
+{
+    const size_t begin = chunk.bytes.size();
+
+    chunk.bytes += node.attributes.empty() ? '\x01' : '\x41';
+    put(&chunk.bytes, node.index);
+    put(&chunk.bytes, uint32_t(0));
+    put_name(chunk, node.text);
+    if (!node.attributes.empty())
+        put_attributes(chunk, node);
+    if (!node.content.empty() || node.attributes.empty()) {
+        chunk.bytes += '\x02';
+        for (const xml_node &child : node.content)
+            put_node(chunk, child);
+        chunk.bytes += '\x04';
+    } else {
+        chunk.bytes += '\x03';
+    }
+    patch(&chunk.bytes, begin + 3, static_cast<uint32_t>(chunk.bytes.size() - begin - 7));
+}
+
+static void put_node(chunk_state &chunk, const xml_node &node)
+{
+    switch (node.kind) {
+    case xml_node::ELEMENT: put_element(chunk, node); break;
+    case xml_node::TEXT:
+        chunk.bytes += "\x05\x01";
+        put(&chunk.bytes, static_cast<uint16_t>(node.text.size()));
+        chunk.bytes += evtx_text_bytes(node.text);
+        break;
+    case xml_node::VALUE:
+        chunk.bytes += node.optional ? '\x0e' : '\x0d';
+        put(&chunk.bytes, node.index);
+        put(&chunk.bytes, node.type);
+        break;
+    }
+}
+
+static void put_fragment(chunk_state &chunk)
+{
+    chunk.bytes += std::string("\x0f\x01\x01\x00", 4);
+}
+
+/* A template's definition is written at its first use. */
+static void put_definition(chunk_state &chunk, const xml_template &used)
+{
+    const std::string guid(reinterpret_cast<const char *>(used.guid), sizeof(used.guid));
+    uint32_t &bucket = chunk.template_table[hash_of(guid) % TEMPLATE_BUCKETS];
+    const uint32_t offset = static_cast<uint32_t>(chunk.bytes.size() + sizeof(uint32_t));
+
+    put(&chunk.bytes, offset);
+    put(&chunk.bytes, bucket);
+    chunk.bytes += guid;
+    put(&chunk.bytes, uint32_t(0));
+    chunk.templates[&used] = bucket = offset;
+    put_fragment(chunk);
+    put_element(chunk, used.root);
+    chunk.bytes += '\0';
+    patch(&chunk.bytes, offset + 20, static_cast<uint32_t>(chunk.bytes.size() - offset - 24));
+}
+
+/* Result: false for a value that is too long for its size. */
+static bool put_instance(chunk_state &chunk, const xml_value &instance)
+{
+    const xml_template &used = *instance.nested;
+    const auto known = chunk.templates.find(&used);
+
+    chunk.bytes += "\x0c\x01";
+    chunk.bytes.append(reinterpret_cast<const char *>(used.guid), 4);
+    if (known != chunk.templates.end())
+        put(&chunk.bytes, known->second);
+    else
+        put_definition(chunk, used);
+    put(&chunk.bytes, static_cast<uint32_t>(instance.values.size()));
+    const size_t sizes = chunk.bytes.size();
+    chunk.bytes.append(4 * instance.values.size(), '\0');
+    for (size_t i = 0; i < instance.values.size(); i++) {
+        const xml_value &value = instance.values[i];
+        const size_t begin = chunk.bytes.size();
+
+        if (value.type == EVTX_XML) {
+            if (i == EVTX_CLASSIC_BODY) /* not in a manifest's record, as Windows does */
+                put_fragment(chunk);
+            if (!put_instance(chunk, value))
+                return false;
+            chunk.bytes += '\0';
+        } else {
+            chunk.bytes += value.bytes;
+        }
+        const size_t size = chunk.bytes.size() - begin;
+        if (size > UINT16_MAX)
+            return false;
+        patch(&chunk.bytes, sizes + 4 * i,
+              static_cast<uint32_t>(size | static_cast<size_t>(value.type) << 16));
+    }
+    return true;
+}
+
+/* Result: false, and an unchanged chunk, when the record does not fit. */
+static bool add_record(chunk_state *chunk, const event_record &event, const xml_value &instance)
+{
+    chunk_state grown = *chunk;
+    const size_t begin = grown.bytes.size();
+
+    grown.bytes += std::string("**\0\0", 4);
+    put(&grown.bytes, uint32_t(0));
+    put(&grown.bytes, uint64_t(event.number));
+    put(&grown.bytes, time_of_unix(event.time));
+    put_fragment(grown);
+    if (!put_instance(grown, instance))
+        return false;
+    grown.bytes += '\0';
+    grown.bytes.append((RECORD_ALIGN - (grown.bytes.size() + 4) % RECORD_ALIGN) % RECORD_ALIGN,
+                       '\0');
+    const uint32_t size = static_cast<uint32_t>(grown.bytes.size() + 4 - begin);
+    if (begin + size > MAX_RECORD_END)
+        return false;
+    put(&grown.bytes, size);
+    patch(&grown.bytes, begin + 4, size);
+    grown.first = grown.first != 0 ? grown.first : event.number;
+    grown.last = event.number;
+    grown.last_offset = static_cast<uint32_t>(begin);
+    *chunk = std::move(grown);
+    return true;
+}
+
+/* The chunk with its header and check sums. */
+static std::string seal(const chunk_state &chunk)
+{
+    const uint64_t none = UINT64_MAX;
+    const uint32_t end = static_cast<uint32_t>(chunk.bytes.size());
+    const bool used = chunk.first != 0;
+    std::string head = "ElfChnk", tables, sealed;
+
+    head.push_back('\0');
+    for (const uint64_t number : {used ? chunk.first : 1, used ? chunk.last : none,
+                                  used ? chunk.first : none, used ? chunk.last : none})
+        put(&head, number);
+    put(&head, uint32_t(128));
+    put(&head, chunk.last_offset);
+    put(&head, end);
+    put(&head, oxni_crc32_calc(&chunk.bytes[CHUNK_HEADER_BYTES], end - CHUNK_HEADER_BYTES));
+    head.append(64, '\0');
+    tables.append(reinterpret_cast<const char *>(chunk.name_table), sizeof(chunk.name_table));
+    tables.append(reinterpret_cast<const char *>(chunk.template_table),
+                  sizeof(chunk.template_table));
+    const std::string summed = head + tables;
+    const uint32_t sum = oxni_crc32_calc(summed.data(), summed.size());
+    put(&head, uint32_t(1)); /* flags: as in every chunk of Windows */
+    put(&head, sum);
+    sealed = head + tables + chunk.bytes.substr(CHUNK_HEADER_BYTES);
+    sealed.resize(CHUNK_BYTES, '\0');
+    return sealed;
+}
+
+static std::string file_header(uint64_t chunks, uint64_t next_record)
+{
+    std::string head = "ElfFile";
+
+    head.push_back('\0');
+    put(&head, uint64_t(0));
+    put(&head, chunks - 1);
+    put(&head, next_record);
+    put(&head, uint32_t(128));
+    put(&head, uint16_t(1)); /* version 3.1, minor first */
+    put(&head, uint16_t(3));
+    put(&head, static_cast<uint16_t>(HEADER_BYTES));
+    put(&head, static_cast<uint16_t>(chunks));
+    head.append(76, '\0');
+    const uint32_t sum = oxni_crc32_calc(head.data(), head.size());
+    put(&head, uint32_t(0)); /* flags: closed */
+    put(&head, sum);
+    head.resize(HEADER_BYTES, '\0');
+    return head;
+}
+
+std::string evtx_bytes(const std::vector<event_record> &events, const std::wstring &computer)
+{
+    evtx_templates templates(computer);
+    chunk_state chunk;
+    std::string chunks;
+
+    begin_chunk(&chunk);
+    for (const event_record &event : events) {
+        const xml_value instance = templates.record(event);
+
+        if (add_record(&chunk, event, instance))
+            continue;
+        if (chunk.first != 0)
+            chunks += seal(chunk);
+        begin_chunk(&chunk);
+        if (!add_record(&chunk, event, instance))
+            throw devhost_error(
+                EXIT_BAD_CALL,
+                text_format("record %u: longer than a chunk of a log", event.number));
+    }
+    chunks += seal(chunk);
+    return file_header(chunks.size() / CHUNK_BYTES,
+                       events.empty() ? 1 : events.back().number + 1ull) +
+           chunks;
+}
