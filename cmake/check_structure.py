@@ -38,6 +38,9 @@ MAY_INCLUDE = {
 # Directories whose files do not include each other in circles.
 WITHOUT_CIRCLE = ["oxni_sys", "platform", "devhost", "tests", "bench"]
 
+# A longer file holds more than one subject.
+MAX_LINES = 500
+
 # What the plug-in's sources do not contain: pattern, what to write.
 DIALECT = [
     (r"\b(static|reinterpret|const)_cast\b", "a cast as (type)value"),
@@ -128,6 +131,8 @@ def main():
         top = name.split("/")[0]
         unit = unit_of(name)
         graph.setdefault(unit, set())
+        if text.count("\n") > MAX_LINES:
+            complaints.append(f"{name}: {text.count(chr(10))} lines, expected at most {MAX_LINES}")
         for other in included(name, text, set(files)):
             if not may_include(name, other):
                 complaints.append(f"{name}: includes {other}, which {area(name)}/ may not")
@@ -143,6 +148,7 @@ def main():
     for circle in circles(graph):
         if circle[0].split("/")[0] in WITHOUT_CIRCLE:
             complaints.append("circle of includes: " + " ".join(circle))
+    complaints += ["circle of directories: " + " ".join(circle) for circle in circles(MAY_INCLUDE)]
     print("\n".join(complaints + [f"{len(files)} files, {len(complaints)} findings of structure"]))
     sys.exit(1 if complaints else 0)
 

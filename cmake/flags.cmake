@@ -28,3 +28,13 @@ if(BYPASS_TRAP)
   target_compile_options(own_code INTERFACE -O0 -fsanitize=undefined -fno-sanitize=alignment,vptr
     -fsanitize-undefined-trap-on-error -Wno-error)
 endif()
+
+# Counters in the plug-in, which each run adds to files next to its objects (./dev coverage). All
+# that links its objects links the counters' runtime.
+option(BYPASS_COVERAGE "count the lines and branches of the plug-in that run" OFF)
+add_library(counted_code INTERFACE)
+if(BYPASS_COVERAGE)
+  target_compile_options(counted_code INTERFACE -O0 --coverage -fprofile-abs-path -Wno-error)
+  target_compile_definitions(own_code INTERFACE BYPASS_COVERAGE)
+  target_link_options(own_code INTERFACE --coverage)
+endif()

@@ -26,6 +26,7 @@ SHORT = {
     "crashpoints": ["crashpoints", "--help"],
     "fuzz": ["fuzz", "--help"],
     "mutants": ["mutants", "--help"],
+    "coverage": ["help"],
     "simulate": ["simulate", "--help"],
 }
 # Something may differ; the folder that a person would name is not here.

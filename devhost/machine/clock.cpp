@@ -1,4 +1,4 @@
-/* Windows time calls by the platform's clock, so that everybody in the process sees one time. */
+/* Windows' time calls read the platform's clock: host, platform and plug-in have one time. */
 #include "machine.h"
 
 #include "../../platform/liboxnibase/host.h"

@@ -46,7 +46,7 @@ std::wstring machine_real_path(const std::wstring &path)
         return full;
     if (full.size() > 2 && full[1] == L':')
         return disk + L"\\" + full[0] + full.substr(2);
-    /* "\\\\server\\..." and the like: nobody's place on the developer's machine. */
+    /* "\\\\server\\..." and the like, which must not reach the developer's network. */
     for (wchar_t &c : full)
         if (c == L'?' || c == L':' || c == L'*')
             c = L'_';

@@ -7,8 +7,7 @@
 #include <functional>
 #include <string>
 
-/* library: in lower case; entry: where the function's address stands, which can be written for the
- * call. */
+/* library: in lower case; entry: contains the function's address, writable during the call. */
 typedef std::function<void(const std::string &library, const char *name, void **entry)> import_fn;
 
 /* Calls fn for each function that is imported by its name. */

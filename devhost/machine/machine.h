@@ -64,7 +64,7 @@ struct machine &machine_get(void);
 /* A new machine: its disk lies below a folder, its registry in memory. */
 void machine_open(const std::wstring &run_folder);
 
-/* Windows starts: the volatile keys are gone, the clock says so, System is a new process. */
+/* Windows starts: volatile keys are removed, and System is a process created at that time. */
 void machine_boot(uint64_t now_100ns);
 
 /* Adds a record to the end of the log; number is given here when it is 0. */
@@ -72,11 +72,11 @@ void machine_log(event_record record);
 
 /* Hands engine faults and stacks to the engine. Called after a change of either. */
 void machine_update_engine(void);
-/* What clients of the engine have not given back; empty: nothing. */
+/* What clients of the engine did not release; empty: nothing. */
 std::string machine_engine_left(void);
-/* An engine that is loaded already forgets what it was told. */
+/* Resets an engine that is loaded already. */
 void machine_reset_engine(void);
-/* Who is told, in words, what the engine is given and what it refuses; called inside the call. */
+/* fn is called, inside the engine's call, with a sentence about each dump that it opens or rejects. */
 void machine_watch_engine(void (*fn)(const std::string &news));
 
 /* The records that the last read of the event log gave, as numbers; {0, 0} when it gave none. */
@@ -105,7 +105,7 @@ struct machine_times {
 machine_times machine_file_times(const std::wstring &path);
 /* A text of the machine with its environment's values in place of %NAME%. */
 std::wstring machine_expand(const std::wstring &text);
-/* The agent's process ended: Windows closes what it left open. */
+/* Closes what the agent's process left open, as Windows does at its end. */
 void machine_close_agent_files(void);
 /* Whole content; throws devhost_error when it cannot be read. status is the error's exit status. */
 std::string machine_read_real_file(const std::wstring &real_path, int status);
@@ -133,7 +133,7 @@ void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD 
 void machine_delete_value(const std::wstring &key, const std::wstring &name);
 void machine_delete_key(const std::wstring &key);
 bool machine_key_exists(const std::wstring &key);
-/* The value as text: a string as it stands, a number in decimal. Result: whether there is one. */
+/* The value as text: a string unchanged, a number in decimal. Result: whether it exists. */
 bool machine_get_value(const std::wstring &key, const std::wstring &name, std::string *text);
 
 /* The rules of a time zone by its Windows name, "Tokyo Standard Time", from the real registry.

@@ -10,7 +10,7 @@
 #include "memory_disk.h"
 #include "stand_in.h"
 
-/* The engine beside this program; NULL until somebody needs it. */
+/* The engine beside this program; NULL until it is needed. */
 static HMODULE s_engine;
 static void (*s_watch)(const std::string &news);
 
@@ -19,7 +19,7 @@ static ULONGLONG WINAPI stand_in_GetTickCount64(void)
     return oxnih_clock_tick_ms();
 }
 
-/* Stands for "dbghelp.dll", which is only looked for. */
+/* Used for "dbghelp.dll", which the plug-in loads and frees only. */
 static HMODULE presence_module(void)
 {
     return GetModuleHandleW(NULL);

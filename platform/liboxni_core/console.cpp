@@ -38,7 +38,8 @@ struct console_table {
 
 static console_table &s_console = *new console_table;
 
-static void tell(enum oxnih_event_kind kind, const std::string &ns, int32_t error, const char *text)
+static void notify(enum oxnih_event_kind kind, const std::string &ns, int32_t error,
+                   const char *text)
 {
     oxnih_event event = {};
 
@@ -64,7 +65,7 @@ void oxni_dbg_echo(oxni_dbg_context *context, int reserved, const char *text)
         return;
     }
     if (text != NULL)
-        tell(OXNIH_EVENT_ECHO, context->ns, 0, text);
+        notify(OXNIH_EVENT_ECHO, context->ns, 0, text);
 }
 
 /* Clears the running command at the end of its scope, also after an exception. */
@@ -95,14 +96,14 @@ static void run_line(const std::string &ns, const std::string &line)
     auto at = s_console.commands.find({ns, words.empty() ? "" : words[0]});
     if (at == s_console.commands.end()) {
         std::string why = "no such command: " + line;
-        tell(OXNIH_EVENT_REFUSED, ns, OXNIH_ERROR_NOBODY, why.c_str());
+        notify(OXNIH_EVENT_REFUSED, ns, OXNIH_ERROR_UNREACHABLE, why.c_str());
         return;
     }
     /* A command may modify its arguments, as main may. */
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(NULL);
-    tell(OXNIH_EVENT_COMMAND, ns, 0, line.c_str());
+    notify(OXNIH_EVENT_COMMAND, ns, 0, line.c_str());
     running_command mark(&context);
     at->second.fn(static_cast<int32_t>(words.size()), argv.data(), &context);
 }
@@ -127,7 +128,7 @@ void oxnih_dbg_set_handler(const char *ns, oxnih_dbg_handler_fn fn, void *user)
 
 static void run_answer(const call &asked, int32_t error, const char *echo)
 {
-    tell(OXNIH_EVENT_EXEC_ANSWER, asked.ns, error, echo);
+    notify(OXNIH_EVENT_EXEC_ANSWER, asked.ns, error, echo);
     asked.fn(error, echo);
 }
 
@@ -136,10 +137,10 @@ static void run_exec(uint64_t id, const std::string &line)
     call asked = s_console.calls.at(id);
     auto at = s_console.handlers.find(asked.ns);
 
-    tell(OXNIH_EVENT_EXEC, asked.ns, 0, line.c_str());
+    notify(OXNIH_EVENT_EXEC, asked.ns, 0, line.c_str());
     if (at == s_console.handlers.end() || at->second.fn == NULL) {
         s_console.calls.erase(id);
-        dispatcher_queue(0, [asked] { run_answer(asked, OXNIH_ERROR_NOBODY, NULL); });
+        dispatcher_queue(0, [asked] { run_answer(asked, OXNIH_ERROR_UNREACHABLE, NULL); });
         return;
     }
     at->second.fn(reinterpret_cast<oxnih_request *>(static_cast<uintptr_t>(id)), line.c_str(),

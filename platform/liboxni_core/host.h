@@ -39,8 +39,8 @@ OXNI_API void oxnih_core_reset(void);
 
 /* Errors that the platform itself sets in replies and responses. */
 enum {
-    OXNIH_ERROR_NOBODY = 2,   /* no receiver exists, or it has left */
-    OXNIH_ERROR_REFUSED = 22, /* the message does not match the service's schema */
+    OXNIH_ERROR_UNREACHABLE = 2, /* no receiver exists, or it has left */
+    OXNIH_ERROR_REFUSED = 22,    /* the message does not match the service's schema */
 };
 
 /* Events, for views and expectations. */

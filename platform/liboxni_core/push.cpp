@@ -14,16 +14,16 @@ struct push {
 /* Pushes by id. */
 static std::map<uint64_t, push> &s_pending = *new std::map<uint64_t, push>;
 
-static void tell(enum oxnih_event_kind kind, const push &told, int32_t error)
+static void notify(enum oxnih_event_kind kind, const push &sent, int32_t error)
 {
     oxnih_event event = {};
 
     event.kind = kind;
     event.error = error;
-    event.subscriber = told.subscriber.get();
-    event.message = told.message.get();
-    if (told.subscriber->home != NULL)
-        event.name = told.subscriber->home->name.c_str();
+    event.subscriber = sent.subscriber.get();
+    event.message = sent.message.get();
+    if (sent.subscriber->home != NULL)
+        event.name = sent.subscriber->home->name.c_str();
     dispatcher_tell(event);
 }
 
@@ -36,9 +36,9 @@ static void run_reply(uint64_t id, bool to_subscriber, int32_t error)
     s_pending.erase(at);
     /* The subscriber left between delivery and reply. */
     if (to_subscriber && error == 0 && done.subscriber->state == SUBSCRIBER_GONE)
-        error = OXNIH_ERROR_NOBODY;
+        error = OXNIH_ERROR_UNREACHABLE;
     if (to_subscriber)
-        tell(OXNIH_EVENT_REPLY, done, error);
+        notify(OXNIH_EVENT_REPLY, done, error);
     if (done.reply != NULL)
         done.reply(error, done.cookie, done.subscriber.get(), NULL);
 }
@@ -65,7 +65,7 @@ static void run_pushback(uint64_t id)
     oxni_subscriber *to = now.subscriber.get();
 
     if (to->state != SUBSCRIBER_SUBSCRIBED) {
-        queue_reply(id, true, OXNIH_ERROR_NOBODY, 0);
+        queue_reply(id, true, OXNIH_ERROR_UNREACHABLE, 0);
         return;
     }
     if (to->unreachable != 0) {
@@ -73,7 +73,7 @@ static void run_pushback(uint64_t id)
         return;
     }
     /* The reply must follow the messages that the subscriber sends in its callback. */
-    tell(OXNIH_EVENT_TO_SUBSCRIBER, now, 0);
+    notify(OXNIH_EVENT_TO_SUBSCRIBER, now, 0);
     to->fn(to, 1, NULL, now.message.get());
     queue_reply(id, true, 0, to->reply_delay_ms);
 }
@@ -86,7 +86,7 @@ int oxni_subscribee_pushback(oxni_subscriber *subscriber, json_t *message, void 
     if (message == NULL || !subscriber_is_known(subscriber, "oxni_subscribee_pushback"))
         return -1;
     id = keep(subscriber, message, cookie, reply);
-    tell(OXNIH_EVENT_PUSHED, s_pending.at(id), 0);
+    notify(OXNIH_EVENT_PUSHED, s_pending.at(id), 0);
     dispatcher_queue(0, [id] { run_pushback(id); });
     return 0;
 }
@@ -95,7 +95,7 @@ static void run_pushforward(uint64_t id)
 {
     push now = s_pending.at(id);
     std::shared_ptr<service> home = now.subscriber->home;
-    int32_t error = OXNIH_ERROR_NOBODY; /* the registration was rejected meanwhile */
+    int32_t error = OXNIH_ERROR_UNREACHABLE; /* the registration was rejected meanwhile */
 
     if (home != NULL)
         error = service_check(home, home->name, now.subscriber.get(), now.message.get());

@@ -35,8 +35,8 @@ struct resource_table {
 
 static resource_table &s_table = *new resource_table;
 
-static void tell(enum oxnih_event_kind kind, const std::string &path, int32_t error,
-                 json_t *message)
+static void notify(enum oxnih_event_kind kind, const std::string &path, int32_t error,
+                   json_t *message)
 {
     oxnih_event event = {};
 
@@ -51,7 +51,7 @@ static void tell(enum oxnih_event_kind kind, const std::string &path, int32_t er
 static void queue_state(const std::string &path, int32_t state, oxni_res_state_fn fn)
 {
     dispatcher_queue(0, [path, state, fn] {
-        tell(OXNIH_EVENT_LINK, path, state, NULL);
+        notify(OXNIH_EVENT_LINK, path, state, NULL);
         fn(path.c_str(), state);
     });
 }
@@ -89,7 +89,7 @@ static void run_response(const request &asked, int32_t error, json_t *answer)
 {
     oxnir_rsp response = {error, answer};
 
-    tell(OXNIH_EVENT_RESPONSE, asked.path, error, answer);
+    notify(OXNIH_EVENT_RESPONSE, asked.path, error, answer);
     asked.reply(&response, asked.user);
 }
 
@@ -100,12 +100,12 @@ static void run_request(uint64_t id)
     if (at == s_table.handlers.end() || at->second.fn == NULL) {
         request unheard = s_table.requests.at(id);
         s_table.requests.erase(id);
-        dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_NOBODY, NULL); });
+        dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_UNREACHABLE, NULL); });
         return;
     }
     /* A copy, because the handler may answer immediately, which erases the request. */
     request asked = s_table.requests.at(id);
-    tell(OXNIH_EVENT_REQUEST, asked.path, 0, asked.message.get());
+    notify(OXNIH_EVENT_REQUEST, asked.path, 0, asked.message.get());
     at->second.fn(reinterpret_cast<oxnih_request *>(static_cast<uintptr_t>(id)),
                   asked.message.get(), at->second.user);
 }
@@ -143,7 +143,7 @@ void oxnih_res_answer(oxnih_request *handle, int32_t error, json_t *answer, uint
 
 int32_t oxnir_rsp_get_errno(oxnir_rsp *response)
 {
-    return response == NULL ? OXNIH_ERROR_NOBODY : response->error;
+    return response == NULL ? OXNIH_ERROR_UNREACHABLE : response->error;
 }
 
 json_t *oxnir_rsp_get_resp(oxnir_rsp *response)

@@ -46,7 +46,7 @@ class walker
     /* Returns false for an invalid value; reason() then describes it. */
     bool value(json_t *value)
     {
-        bool holds = tell(value);
+        bool holds = emit(value);
 
         if (!holds && refused_ == NULL)
             refused_ = value;
@@ -68,7 +68,7 @@ class walker
         return static_cast<rapidjson::SizeType>(count);
     }
 
-    bool tell(json_t *value)
+    bool emit(json_t *value)
     {
         switch (json_typeof(value)) {
         case JSON_OBJECT: return object(value);

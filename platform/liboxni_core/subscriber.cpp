@@ -53,16 +53,16 @@ bool subscriber_is_known(const oxni_subscriber *subscriber, const char *call)
 
 oxni_subscriber *oxni_subscriber_new(const oxni_subscriber_attr *attr)
 {
-    void *room;
+    void *memory;
 
     if (attr == NULL || attr->ns == NULL || attr->name == NULL)
         return NULL;
     /* Allocated with the agent's allocator, so that a handle that is never released counts as a
      * leak. */
-    room = oxni_zero_malloc_(sizeof(oxni_subscriber));
-    if (room == NULL)
+    memory = oxni_zero_malloc_(sizeof(oxni_subscriber));
+    if (memory == NULL)
         return NULL;
-    oxni_subscriber *made = new (room) oxni_subscriber();
+    oxni_subscriber *made = new (memory) oxni_subscriber();
     made->ns = attr->ns;
     made->name = attr->name;
     made->attr.ns = made->ns.c_str();
@@ -113,8 +113,8 @@ uint64_t oxnih_core_excess_deletes(void)
     return s_table.excess_deletes;
 }
 
-static void tell(enum oxnih_event_kind kind, oxni_subscriber *subscriber, const std::string &name,
-                 json_t *message, const char *text)
+static void notify(enum oxnih_event_kind kind, oxni_subscriber *subscriber, const std::string &name,
+                   json_t *message, const char *text)
 {
     oxnih_event event = {};
 
@@ -141,7 +141,7 @@ int oxni_subscribee_install(const char *name, const char *text, unsigned flags,
     if (made->rules == NULL)
         return -1;
     s_table.services[name] = made;
-    tell(OXNIH_EVENT_SERVICE, NULL, made->name, NULL, NULL);
+    notify(OXNIH_EVENT_SERVICE, NULL, made->name, NULL, NULL);
     return 0;
 }
 
@@ -168,13 +168,13 @@ int32_t service_check(const std::shared_ptr<service> &home, const std::string &n
         why = schema_check(*home->rules, message);
     if (why.empty())
         return 0;
-    tell(OXNIH_EVENT_REFUSED, subscriber, name, message, why.c_str());
-    return home == NULL ? OXNIH_ERROR_NOBODY : OXNIH_ERROR_REFUSED;
+    notify(OXNIH_EVENT_REFUSED, subscriber, name, message, why.c_str());
+    return home == NULL ? OXNIH_ERROR_UNREACHABLE : OXNIH_ERROR_REFUSED;
 }
 
 void service_receive(const service &home, oxni_subscriber *subscriber, json_t *message)
 {
-    tell(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, NULL);
+    notify(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, NULL);
     home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
 }
 
@@ -206,7 +206,7 @@ static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, 
     subscriber->home = home;
     subscriber->state = SUBSCRIBER_SUBSCRIBED;
     service_receive(*home, subscriber, message);
-    tell(OXNIH_EVENT_SUBSCRIBED, subscriber, name, NULL, NULL);
+    notify(OXNIH_EVENT_SUBSCRIBED, subscriber, name, NULL, NULL);
     home->fn(0, NULL, OXNI_MOMENT_ACCEPTED, NULL, subscriber);
     if (subscriber->state == SUBSCRIBER_SUBSCRIBED)
         subscriber->fn(subscriber, 0, NULL, NULL);
@@ -229,7 +229,7 @@ int oxni_subscriber_subscribe(oxni_subscriber *subscriber, const char *name, jso
 static void run_leave(oxni_subscriber *subscriber)
 {
     subscriber->state = SUBSCRIBER_GONE;
-    tell(OXNIH_EVENT_LEFT, subscriber, subscriber->home->name, NULL, NULL);
+    notify(OXNIH_EVENT_LEFT, subscriber, subscriber->home->name, NULL, NULL);
     subscriber->home->fn(0, NULL, OXNI_MOMENT_UNSUBSCRIBE, NULL, subscriber);
 }
 

@@ -14,7 +14,7 @@ static_assert(sizeof(va_list) == sizeof(char *), "a va_list points to the first 
 
 /* One conversion of a format, "%-*.3lls". */
 struct conversion {
-    std::string lead;      /* "%", flags and width */
+    std::string prefix;    /* "%", flags and width */
     std::string precision; /* with its point; may be empty */
     std::string modifiers;
     char type;
@@ -34,7 +34,7 @@ static conversion read_conversion(const char *format)
 
     at += strspn(at, "-+ #0");
     at += digits_or_star(at);
-    found.lead.assign(format, at);
+    found.prefix.assign(format, at);
     if (*at == '.') {
         size_t length = 1 + digits_or_star(at + 1);
         found.precision.assign(at, length);
@@ -88,7 +88,7 @@ class narrowed_call
     /* Adds one conversion with its arguments. Returns its length in the format. */
     size_t add(const conversion &conversion, const char *format, va_list *arguments)
     {
-        if (conversion.lead.back() == '*')
+        if (conversion.prefix.back() == '*')
             slots_.push_back(va_arg(*arguments, uint64_t));
         if (is_wide(conversion)) {
             add_wide(conversion, arguments);
@@ -121,7 +121,7 @@ class narrowed_call
         }
         texts_.push_back(str_to_utf8(text.c_str()));
         slots_.push_back(reinterpret_cast<uint64_t>(texts_.back().c_str()));
-        format_ += conversion.lead + "s";
+        format_ += conversion.prefix + "s";
     }
 
     std::string format_;

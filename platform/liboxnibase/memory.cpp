@@ -93,10 +93,10 @@ struct block_place {
 
 static block_place place_of(uintptr_t number)
 {
-    auto behind = memory_all.blocks.upper_bound(number);
+    auto next = memory_all.blocks.upper_bound(number);
 
-    if (behind != memory_all.blocks.begin()) {
-        auto below = std::prev(behind);
+    if (next != memory_all.blocks.begin()) {
+        auto below = std::prev(next);
         if (number - below->first < below->second.size)
             return {below->first, below->second.size, below->second.caller, below->second.freed_by};
     }

@@ -54,15 +54,15 @@ template <typename T> struct own_allocator {
     }
     T *allocate(size_t count)
     {
-        void *room = HeapAlloc(memory_own_heap(), 0, count * sizeof(T));
+        void *memory = HeapAlloc(memory_own_heap(), 0, count * sizeof(T));
 
-        if (room == NULL)
+        if (memory == NULL)
             throw std::bad_alloc();
-        return static_cast<T *>(room);
+        return static_cast<T *>(memory);
     }
-    void deallocate(T *room, size_t)
+    void deallocate(T *memory, size_t)
     {
-        HeapFree(memory_own_heap(), 0, room);
+        HeapFree(memory_own_heap(), 0, memory);
     }
     bool operator==(const own_allocator &) const
     {

@@ -105,10 +105,10 @@ class reach
         if (targets_.empty() || pointer < targets_.front().begin ||
             pointer > targets_.back().begin + targets_.back().is->size)
             return;
-        auto behind = std::upper_bound(
+        auto next = std::upper_bound(
             targets_.begin(), targets_.end(), pointer,
             [](uintptr_t value, const target &other) { return value < other.begin; });
-        target &at = *std::prev(behind);
+        target &at = *std::prev(next);
         if (at.reached || (pointer != at.begin && pointer - at.begin >= at.is->size))
             return;
         at.reached = true;

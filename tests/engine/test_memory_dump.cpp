@@ -35,37 +35,31 @@ static dump_model machine()
     return model;
 }
 
-static enum kernel_dump_error read(const std::vector<uint8_t> &bytes, kernel_dump *dump,
-                                   std::string *reason)
+struct reading {
+    kernel_dump dump;
+    enum kernel_dump_error error;
+    std::string names, sites; /* of the modules and of the frames */
+    std::string told;         /* why it is rejected, or its gaps, one a line */
+};
+
+static reading read(const std::vector<uint8_t> &bytes)
 {
-    return kernel_dump_read(bytes.data(), bytes.size(), dump, reason);
+    reading made;
+
+    made.error = kernel_dump_read(bytes.data(), bytes.size(), &made.dump, &made.told);
+    for (const kernel_dump_module &module : made.dump.modules)
+        made.names += (made.names.empty() ? "" : " ") + module.name;
+    for (const kernel_dump_frame &frame : kernel_dump_walk(made.dump, 99))
+        made.sites +=
+            (made.sites.empty() ? "" : " ") + kernel_dump_call_site(made.dump, frame.instruction);
+    for (const std::string &gap : made.dump.gaps)
+        made.told += gap + "\n";
+    return made;
 }
 
-static std::string sites_of(const kernel_dump &dump)
+static bool tells(const reading &made, const std::string &part)
 {
-    std::string text;
-
-    for (const kernel_dump_frame &frame : kernel_dump_walk(dump, 99))
-        text += (text.empty() ? "" : " ") + kernel_dump_call_site(dump, frame.instruction);
-    return text;
-}
-
-static std::string names_of(const kernel_dump &dump)
-{
-    std::string text;
-
-    for (const kernel_dump_module &module : dump.modules)
-        text += (text.empty() ? "" : " ") + module.name;
-    return text;
-}
-
-static std::string gaps_of(const kernel_dump &dump)
-{
-    std::string text;
-
-    for (const std::string &gap : dump.gaps)
-        text += gap + "\n";
-    return text;
+    return part.empty() ? made.told.empty() : made.told.find(part) != std::string::npos;
 }
 
 /* Expects that part contains only data of whole, and that no gap could be parsed as a frame. */
@@ -88,138 +82,144 @@ static void expect_part_of(const kernel_dump &part, const kernel_dump &whole, ui
 
 TEST(memory_dump, test_same_result_as_small_dump)
 {
-    kernel_dump small;
-    std::string reason;
+    const reading small = read(dump_build(machine()));
 
-    ASSERT_EQ(read(dump_build(machine()), &small, &reason), KERNEL_DUMP_OK) << reason;
+    ASSERT_EQ(small.error, KERNEL_DUMP_OK) << small.told;
+    EXPECT_EQ(small.sites, s_sites);
     for (const kind_row &row : s_kinds) {
         for (const unsigned large : {12u, 21u, 30u}) {
-            const memory_model memory(machine(), large);
-            kernel_dump dump;
+            SCOPED_TRACE(testing::Message() << row.row << large);
+            const reading made = read(memory_model(machine(), large).build(row.kind, row.layout));
 
-            EXPECT_EQ(read(memory.build(row.kind, row.layout), &dump, &reason), KERNEL_DUMP_OK)
-                << row.row << large << reason;
-            EXPECT_EQ(gaps_of(dump), "") << row.row << large;
-            EXPECT_EQ(dump.kind, row.kind) << row.row << large;
-            EXPECT_EQ(dump.crash_time_100ns, small.crash_time_100ns) << row.row << large;
-            EXPECT_EQ(names_of(dump), names_of(small)) << row.row << large;
-            EXPECT_EQ(sites_of(dump), s_sites) << row.row << large;
-            EXPECT_EQ(sites_of(dump), sites_of(small)) << row.row << large;
-            for (size_t i = 0; i < dump.modules.size() && i < small.modules.size(); i++) {
-                EXPECT_EQ(dump.modules[i].base, small.modules[i].base) << row.row << large;
-                EXPECT_EQ(dump.modules[i].bytes, small.modules[i].bytes) << row.row << large;
-            }
+            EXPECT_EQ(made.error, KERNEL_DUMP_OK);
+            EXPECT_EQ(made.told, "");
+            EXPECT_EQ(made.dump.kind, row.kind);
+            EXPECT_EQ(made.dump.crash_time_100ns, small.dump.crash_time_100ns);
+            EXPECT_EQ(made.names, small.names);
+            EXPECT_EQ(made.sites, s_sites);
+            expect_part_of(small.dump, made.dump, large);
         }
     }
 }
 
 /* Abbreviations for the rows: virtual addresses of the machine, and levels of its page tables. */
-#define HEAD     0xFFFFF80000200000ull
-#define ENTRY(i) memory_model::entry_of(i)
-#define TEXTS(i) memory_model::text_of(i)
-#define STACK    0xFFFF850000001000ull
-#define STACK_2  (STACK + SPAN)
-#define PAGE     0
-#define PT       12
-#define PD       21
-#define PDPT     30
-#define PML4     39
-#define ALL      "nt one two"
-#define RIP      "one+0x1234"
-#define REST     " two+0x1 nt+0x107 two+0x22"
-#define ADDRESS  "0xfffff801`00001234"
-#define NAMELESS "Unknown_Module_fffff801`00000000"
-#define NO_ONE   "nt " NAMELESS " two"
+#define HEAD        0xFFFFF80000200000ull
+#define ENTRY(i)    memory_model::entry_of(i)
+#define TEXTS(i)    memory_model::text_of(i)
+#define STACK       0xFFFF850000001000ull
+#define STACK_2     (STACK + SPAN)
+#define PAGE        0
+#define PT          12
+#define PD          21
+#define PDPT        30
+#define PML4        39
+#define ALL         "nt one two"
+#define RIP         "one+0x1234"
+#define REST        " two+0x1 nt+0x107 two+0x22"
+#define ADDRESS     "0xfffff801`00001234"
+#define NAMELESS    "Unknown_Module_fffff801`00000000"
+#define NO_ONE      "nt " NAMELESS " two"
 
-/* The page at address, or the table that contains its entry of a level, is missing from the file.
- * Expected: names of the modules, call sites, part of the gap or, without names, of the reason. */
-static const struct missing_row {
-    const char *row;
-    uint64_t address;
-    unsigned level;
-    const char *names;
-    const char *sites;
-    const char *told;
-} s_missing_rows[] = {
-    {"head",          HEAD,     PAGE, NULL,      "",                      "page is not"       },
-    {"head's table",  HEAD,     PT,   NULL,      "",                      "table is not"      },
-    {"its directory", HEAD,     PD,   NULL,      "",                      "table is not"      },
-    {"directories",   HEAD,     PDPT, NULL,      "",                      "table is not"      },
-    {"topmost table", HEAD,     PML4, NULL,      "",                      "table is not"      },
-    {"all entries",   ENTRY(0), PT,   NULL,      "",                      "table is not"      },
-    {"first entry",   ENTRY(0), PAGE, "one two", RIP " two+0x1 two+0x22", ", 0 are"           },
-    {"second entry",  ENTRY(1), PAGE, "nt two",  ADDRESS REST,            ", 1 are"           },
-    {"last entry",    ENTRY(2), PAGE, "nt one",  RIP " nt+0x107",         ", 2 are"           },
-    {"a name",        TEXTS(1), PAGE, NO_ONE,    NAMELESS "+0x1234" REST, "names of 1"        },
-    {"stack",         STACK,    PAGE, ALL,       RIP,                     ", 0 bytes"         },
-    {"its second",    STACK_2,  PAGE, ALL,       RIP " two+0x1 nt+0x107", "4096 bytes"        },
-    {"its table",     STACK,    PT,   ALL,       RIP,                     "read: a page table"},
+#define NEXT(i)     (ENTRY(i) + MEMORY_NEXT)
+#define PREVIOUS(i) (ENTRY(i) + MEMORY_PREVIOUS)
+#define BASE(i)     (ENTRY(i) + MEMORY_BASE)
+#define NAME(i)     (ENTRY(i) + MEMORY_NAME)
+#define FROM(n, m)  #n " are read from its start and " #m " from its end: "
+#define TRANSITION  MEMORY_TRANSITION
+#define PROTOTYPE   MEMORY_PROTOTYPE
+#define UNNAMED     "the names of 3 modules cannot be read"
+#define UNKNOWN     "nt " NAMELESS " Unknown_Module_fffff801`00010000"
+
+enum edit {
+    DROP,    /* omits the page of the address, or the table with its entry of a level */
+    ENTRIES, /* replaces the bits besides the frame in the texts' entries of a level */
+    PUT,     /* writes a value of some bytes to the address */
 };
 
-TEST(memory_dump, test_missing_pages)
+/* Changes of the memory, and what is read then: names of the modules (NULL: rejected), call sites
+ * (NULL: not compared), two parts of the reason or of the only gap (empty: there is none). */
+static const struct memory_row {
+    const char *row;
+    enum edit edit;
+    uint64_t address, value;
+    unsigned of; /* level, or bytes */
+    const char *names, *sites, *told, *also;
+} s_memory_rows[] = {
+  /* clang-format off */
+    {"head",            DROP, HEAD,     0, PAGE, NULL,      NULL,                    "page is not",        ""},
+    {"head's table",    DROP, HEAD,     0, PT,   NULL,      NULL,                    "table is not",       ""},
+    {"its directory",   DROP, HEAD,     0, PD,   NULL,      NULL,                    "table is not",       ""},
+    {"directories",     DROP, HEAD,     0, PDPT, NULL,      NULL,                    "table is not",       ""},
+    {"topmost table",   DROP, HEAD,     0, PML4, NULL,      NULL,                    "table is not",       ""},
+    {"all entries",     DROP, ENTRY(0), 0, PT,   NULL,      NULL,                    "table is not",       ""},
+    {"first entry",     DROP, ENTRY(0), 0, PAGE, "one two", RIP " two+0x1 two+0x22", ", 0 are",            ""},
+    {"second entry",    DROP, ENTRY(1), 0, PAGE, "nt two",  ADDRESS REST,            ", 1 are",            ""},
+    {"last entry",      DROP, ENTRY(2), 0, PAGE, "nt one",  RIP " nt+0x107",         ", 2 are",            ""},
+    {"a name",          DROP, TEXTS(1), 0, PAGE, NO_ONE,    NAMELESS "+0x1234" REST, "names of 1",         ""},
+    {"stack",           DROP, STACK,    0, PAGE, ALL,       RIP,                     ", 0 bytes",          ""},
+    {"its second",      DROP, STACK_2,  0, PAGE, ALL,       RIP " two+0x1 nt+0x107", "4096 bytes",         ""},
+    {"its table",       DROP, STACK,    0, PT,   ALL,       RIP,                     "read: a page table", ""},
+    {"present",                 ENTRIES, 0, MEMORY_PRESENT,                      PT, ALL,     s_sites, "",      ""},
+    {"present and transition",  ENTRIES, 0, MEMORY_PRESENT | 0xC00,              PT, ALL,     s_sites, "",      ""},
+    {"ignored bits",            ENTRIES, 0, MEMORY_PRESENT | 0xFFF0000000000F7E, PT, ALL,     s_sites, "",      ""},
+    {"transition",              ENTRIES, 0, TRANSITION,                          PT, ALL,     s_sites, "",      ""},
+    {"prototype",               ENTRIES, 0, PROTOTYPE,                           PT, UNKNOWN, NULL,    UNNAMED, ""},
+    {"transition, prototype",   ENTRIES, 0, TRANSITION | PROTOTYPE,              PT, UNKNOWN, NULL,    UNNAMED, ""},
+    {"neither",                 ENTRIES, 0, 0,                                   PT, UNKNOWN, NULL,    UNNAMED, ""},
+    {"transition, hidden",      ENTRIES, 0, TRANSITION | 1ull << 45,             PT, UNKNOWN, NULL,    UNNAMED, ""},
+    {"directory in transition", ENTRIES, 0, TRANSITION,                          PD, UNKNOWN, NULL,    UNNAMED, ""},
+    {"table as a large page",   ENTRIES, 0, MEMORY_PRESENT | MEMORY_LARGE,       PD, UNKNOWN, NULL,    UNNAMED, ""},
+    {"next is itself",  PUT, NEXT(1),                ENTRY(1),             8, ALL,      NULL,    FROM(2, 1), "lead back"},
+    {"last to first",   PUT, NEXT(2),                ENTRY(0),             8, ALL,      NULL,    FROM(3, 0), "lead back"},
+    {"past one",        PUT, NEXT(0),                ENTRY(2),             8, ALL,      NULL,    FROM(1, 2), "lead back"},
+    {"back to itself",  PUT, PREVIOUS(1),            ENTRY(1),             8, ALL,      NULL,    FROM(1, 2), "lead back"},
+    {"next is nowhere", PUT, NEXT(0),                0,                    8, ALL,      NULL,    FROM(1, 2), "not mapped"},
+    {"no address",      PUT, NEXT(0),                ENTRY(1) << 16 >> 16, 8, ALL,      NULL,    FROM(1, 2), "not mapped"},
+    {"next wraps",      PUT, NEXT(0),                UINT64_MAX - 7,       8, ALL,      NULL,    FROM(1, 2), "not mapped"},
+    {"head to itself",  PUT, HEAD + MEMORY_NEXT,     HEAD,                 8, ALL,      NULL,    FROM(0, 3), "lead back"},
+    {"head to first",   PUT, HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, ALL,      NULL,    FROM(3, 0), "lead back"},
+    {"image wraps",     PUT, BASE(1),                UINT64_MAX - 0xFFFE,  8, "nt two", NULL,    FROM(1, 1), "does not fit"},
+    {"no name",         PUT, NAME(1),                0,                    2, ALL,      s_sites, "",         ""},
+    {"odd name",        PUT, NAME(1),                3,                    2, ALL,      s_sites, "",         ""},
+    {"beyond capacity", PUT, NAME(1),                0x20004,              4, ALL,      s_sites, "",         ""},
+    {"name too long",   PUT, NAME(1),                0x4000400,            4, ALL,      s_sites, "",         ""},
+    {"name nowhere",    PUT, NAME(1) + 8,            0,                    8, ALL,      s_sites, "",         ""},
+    {"name wraps",      PUT, NAME(1) + 8,            UINT64_MAX,           8, ALL,      s_sites, "",         ""},
+  /* clang-format on */
+};
+
+static void change(const memory_row &row, memory_model *memory)
 {
-    for (const missing_row &row : s_missing_rows) {
-        for (const kind_row &kind : s_kinds) {
-            const enum kernel_dump_error expected =
-                row.names != NULL ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES;
-            memory_model memory(machine());
-            kernel_dump dump;
-            std::string reason;
+    if (row.edit == PUT)
+        memory->put(row.address, row.value, row.of);
+    if (row.edit == DROP)
+        memory->drop(row.of == PAGE ? memory->physical(row.address)
+                                    : memory->entry_place(row.address, row.of));
+    for (size_t i = 0; row.edit == ENTRIES && i < (row.of == PT ? 3 : 1); i++) {
+        const uint64_t place = memory->entry_place(TEXTS(i), row.of);
 
-            memory.drop(row.level == PAGE ? memory.physical(row.address)
-                                          : memory.entry_place(row.address, row.level));
-            EXPECT_EQ(read(memory.build(kind.kind, kind.layout), &dump, &reason), expected)
-                << row.row;
-            const std::string told = reason + gaps_of(dump);
-
-            EXPECT_NE(told.find(row.told), std::string::npos) << row.row << ": " << told;
-            EXPECT_EQ(names_of(dump), row.names != NULL ? row.names : "") << row.row;
-            if (row.names != NULL) {
-                EXPECT_EQ(sites_of(dump), row.sites) << row.row;
-            }
-        }
+        memory->put_physical(place, (memory->get_physical(place) & 0x000FFFFFFFFFF000) | row.value);
     }
 }
 
-/* Bits of the page table entries of the modules' texts, or of the directory above them, besides the
- * frame number. */
-static const struct entry_row {
-    const char *row;
-    unsigned shift;
-    uint64_t bits;
-    bool found;
-} s_entry_rows[] = {
-    {"present",                 PT, MEMORY_PRESENT,                       true },
-    {"present and transition",  PT, MEMORY_PRESENT | 0xC00,               true },
-    {"ignored bits",            PT, MEMORY_PRESENT | 0xFFF0000000000F7E,  true },
-    {"transition",              PT, MEMORY_TRANSITION,                    true },
-    {"prototype",               PT, MEMORY_PROTOTYPE,                     false},
-    {"transition, prototype",   PT, MEMORY_TRANSITION | MEMORY_PROTOTYPE, false},
-    {"neither",                 PT, 0,                                    false},
-    {"transition, hidden",      PT, MEMORY_TRANSITION | 1ull << 45,       false},
-    {"directory in transition", PD, MEMORY_TRANSITION,                    false},
-    {"table as a large page",   PD, MEMORY_PRESENT | MEMORY_LARGE,        false},
-};
-
-TEST(memory_dump, test_page_table_entry)
+TEST(memory_dump, test_changed_memory)
 {
-    for (const entry_row &row : s_entry_rows) {
+    for (const memory_row &row : s_memory_rows) {
         for (const kind_row &kind : s_kinds) {
+            SCOPED_TRACE(testing::Message() << row.row << ", " << kind.row);
             memory_model memory(machine());
-            kernel_dump dump;
-            std::string reason;
 
-            for (size_t i = 0; i < (row.shift == PT ? 3 : 1); i++) {
-                const uint64_t place = memory.entry_place(TEXTS(i), row.shift);
-                const uint64_t frame = memory.get_physical(place) & 0x000FFFFFFFFFF000;
+            change(row, &memory);
+            const reading made = read(memory.build(kind.kind, kind.layout));
 
-                memory.put_physical(place, frame | row.bits);
+            EXPECT_EQ(made.error, row.names != NULL ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
+            EXPECT_TRUE(tells(made, row.told) && (row.also[0] == '\0' || tells(made, row.also)))
+                << made.told;
+            EXPECT_LE(made.dump.gaps.size(), 1u) << made.told;
+            EXPECT_EQ(made.names, row.names != NULL ? row.names : "");
+            if (row.sites != NULL) {
+                EXPECT_EQ(made.sites, row.sites);
             }
-            EXPECT_EQ(read(memory.build(kind.kind, kind.layout), &dump, &reason), KERNEL_DUMP_OK)
-                << row.row << reason;
-            EXPECT_EQ(names_of(dump) == ALL, row.found) << row.row << ": " << names_of(dump);
-            EXPECT_EQ(gaps_of(dump), row.found ? "" : "the names of 3 modules cannot be read\n")
-                << row.row;
         }
     }
 }
@@ -229,101 +229,35 @@ TEST(memory_dump, test_page_table_entry)
 TEST(memory_dump, test_page_after_bitmap)
 {
     memory_model memory(machine());
-    const uint64_t behind = memory.pages().back() + 1;
-    kernel_dump dump;
-    std::string reason;
+    const uint64_t after = memory.pages().back() + 1;
 
-    ASSERT_NE(behind % 8, 0u);
-    memory.put_physical(memory.entry_place(TEXTS(1), PT), behind * SPAN | MEMORY_PRESENT);
+    ASSERT_NE(after % 8, 0u);
+    memory.put_physical(memory.entry_place(TEXTS(1), PT), after * SPAN | MEMORY_PRESENT);
     std::vector<uint8_t> bytes = memory.build(6, MEMORY_SDMP);
 
     bytes.resize(bytes.size() + SPAN, 'A');
-    EXPECT_EQ(read(bytes, &dump, &reason), KERNEL_DUMP_OK) << reason;
-    EXPECT_EQ(names_of(dump), NO_ONE);
-}
-
-#define NEXT(i)     (ENTRY(i) + MEMORY_NEXT)
-#define PREVIOUS(i) (ENTRY(i) + MEMORY_PREVIOUS)
-#define BASE(i)     (ENTRY(i) + MEMORY_BASE)
-#define NAME(i)     (ENTRY(i) + MEMORY_NAME)
-
-/* address and value of a change to the list, its bytes; modules read from its start and from its
- * end; the reason why reading from the start stopped */
-static const struct list_row {
-    const char *row;
-    uint64_t address;
-    uint64_t value;
-    size_t bytes;
-    size_t from_start;
-    size_t from_end;
-    const char *fault;
-} s_list_rows[] = {
-    {"next is itself",  NEXT(1),                ENTRY(1),             8, 2, 1, "lead back"   },
-    {"last to first",   NEXT(2),                ENTRY(0),             8, 3, 0, "lead back"   },
-    {"past one",        NEXT(0),                ENTRY(2),             8, 1, 2, "lead back"   },
-    {"back to itself",  PREVIOUS(1),            ENTRY(1),             8, 1, 2, "lead back"   },
-    {"next is nowhere", NEXT(0),                0,                    8, 1, 2, "not mapped"  },
-    {"no address",      NEXT(0),                ENTRY(1) << 16 >> 16, 8, 1, 2, "not mapped"  },
-    {"next wraps",      NEXT(0),                UINT64_MAX - 7,       8, 1, 2, "not mapped"  },
-    {"head to itself",  HEAD + MEMORY_NEXT,     HEAD,                 8, 0, 3, "lead back"   },
-    {"head to first",   HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, 3, 0, "lead back"   },
-    {"image wraps",     BASE(1),                UINT64_MAX - 0xFFFE,  8, 1, 1, "does not fit"},
-    {"no name",         NAME(1),                0,                    2, 3, 0, NULL          },
-    {"odd name",        NAME(1),                3,                    2, 3, 0, NULL          },
-    {"beyond capacity", NAME(1),                0x20004,              4, 3, 0, NULL          },
-    {"name too long",   NAME(1),                0x4000400,            4, 3, 0, NULL          },
-    {"name nowhere",    NAME(1) + 8,            0,                    8, 3, 0, NULL          },
-    {"name wraps",      NAME(1) + 8,            UINT64_MAX,           8, 3, 0, NULL          },
-};
-
-TEST(memory_dump, test_list)
-{
-    for (const list_row &row : s_list_rows) {
-        const std::string told = ", " + std::to_string(row.from_start) +
-                                 " are read from its start and " + std::to_string(row.from_end) +
-                                 " from its end: ";
-        memory_model memory(machine());
-        kernel_dump dump;
-        std::string reason;
-
-        memory.put(row.address, row.value, row.bytes);
-        EXPECT_EQ(read(memory.build(6, MEMORY_SDMP), &dump, &reason), KERNEL_DUMP_OK)
-            << row.row << reason;
-        EXPECT_EQ(names_of(dump), row.from_start + row.from_end == 3 ? ALL : "nt two") << row.row;
-        EXPECT_EQ(dump.gaps.size(), row.fault != NULL ? 1u : 0u) << row.row << gaps_of(dump);
-        if (row.fault != NULL) {
-            EXPECT_NE(gaps_of(dump).find(told), std::string::npos) << row.row << gaps_of(dump);
-            EXPECT_NE(gaps_of(dump).find(row.fault), std::string::npos) << row.row << gaps_of(dump);
-        }
-    }
-}
-
-TEST(memory_dump, test_list_empty)
-{
-    memory_model memory(machine());
-    kernel_dump dump;
-    std::string reason;
-
-    memory.put(HEAD + MEMORY_NEXT, HEAD, 8);
-    memory.put(HEAD + MEMORY_PREVIOUS, HEAD, 8);
-    EXPECT_EQ(read(memory.build(1, MEMORY_RUNS), &dump, &reason), KERNEL_DUMP_NO_MODULES);
-    EXPECT_NE(reason.find("empty"), std::string::npos) << reason;
+    EXPECT_EQ(read(bytes).names, NO_ONE);
 }
 
 TEST(memory_dump, test_list_length)
 {
+    memory_model empty(machine());
+
+    empty.put(HEAD + MEMORY_NEXT, HEAD, 8);
+    empty.put(HEAD + MEMORY_PREVIOUS, HEAD, 8);
+    const reading none = read(empty.build(1, MEMORY_RUNS));
+
+    EXPECT_EQ(none.error, KERNEL_DUMP_NO_MODULES);
+    EXPECT_TRUE(tells(none, "empty")) << none.told;
     for (const size_t more : {4093u, 4094u}) {
         dump_model model = machine();
-        kernel_dump dump;
-        std::string reason;
 
         for (size_t i = 0; i < more; i++)
             model.modules.push_back({u"x", 0xFFFFA00000000000 + 0x1000 * i, 0x1000});
-        EXPECT_EQ(read(memory_model(model).build(6, MEMORY_SDMP), &dump, &reason), KERNEL_DUMP_OK)
-            << reason;
-        EXPECT_EQ(dump.modules.size(), 4096u);
-        EXPECT_EQ(gaps_of(dump).find("too many") != std::string::npos, more == 4094)
-            << gaps_of(dump);
+        const reading made = read(memory_model(model).build(6, MEMORY_SDMP));
+
+        EXPECT_EQ(made.dump.modules.size(), 4096u);
+        EXPECT_TRUE(tells(made, more == 4094 ? "too many" : "")) << made.told;
     }
 }
 
@@ -350,9 +284,8 @@ static const struct stack_row {
 TEST(memory_dump, test_stack)
 {
     for (const stack_row &row : s_stack_rows) {
+        SCOPED_TRACE(row.row);
         dump_model model = machine();
-        kernel_dump dump;
-        std::string reason;
 
         model.rsp = STACK + row.rsp;
         memory_model memory(model);
@@ -360,12 +293,13 @@ TEST(memory_dump, test_stack)
         for (uint64_t page = 2; page < 20; page++)
             memory.put(STACK + page * SPAN, page, 8);
         memory.put(0 - 8ull, 1, 8); /* the highest page exists, but a stack in it would wrap */
-        EXPECT_EQ(read(memory.build(5, MEMORY_FDMP), &dump, &reason), KERNEL_DUMP_OK) << row.row;
-        EXPECT_EQ(dump.stack.size(), row.bytes) << row.row;
-        EXPECT_EQ(gaps_of(dump).empty(), row.gap[0] == '\0') << row.row << gaps_of(dump);
-        EXPECT_NE(gaps_of(dump).find(row.gap), std::string::npos) << row.row << gaps_of(dump);
-        EXPECT_EQ(kernel_dump_stack_value(dump, STACK + 2 * SPAN), row.rsp <= 2 * SPAN ? 2u : 0u)
-            << row.row;
+        const reading made = read(memory.build(5, MEMORY_FDMP));
+
+        EXPECT_EQ(made.error, KERNEL_DUMP_OK);
+        EXPECT_EQ(made.dump.stack.size(), row.bytes);
+        EXPECT_TRUE(tells(made, row.gap)) << made.told;
+        EXPECT_EQ(kernel_dump_stack_value(made.dump, STACK + 2 * SPAN),
+                  row.rsp <= 2 * SPAN ? 2u : 0u);
     }
 }
 
@@ -436,14 +370,15 @@ TEST(memory_dump, test_rejected)
     const memory_model memory(machine());
 
     for (const refused_memory_row &row : s_refused_rows) {
+        SCOPED_TRACE(row.row);
         std::vector<uint8_t> bytes = memory.build(row.kind, row.layout);
-        kernel_dump dump;
-        std::string reason;
 
         dump_put(&bytes, row.place, row.value, row.bytes);
-        EXPECT_EQ(read(bytes, &dump, &reason), row.error) << row.row << ": " << reason;
-        EXPECT_NE(reason.find(row.reason), std::string::npos) << row.row << ": " << reason;
-        EXPECT_TRUE(dump.modules.empty() && dump.gaps.empty() && dump.rip == 0) << row.row;
+        const reading made = read(bytes);
+
+        EXPECT_EQ(made.error, row.error) << made.told;
+        EXPECT_TRUE(tells(made, row.reason)) << made.told;
+        EXPECT_TRUE(made.dump.modules.empty() && made.dump.gaps.empty() && made.dump.rip == 0);
     }
 }
 
@@ -455,24 +390,19 @@ TEST(memory_dump, test_truncated_anywhere)
 
     for (const kind_row &row : s_kinds) {
         const std::vector<uint8_t> bytes = memory.build(row.kind, row.layout);
-        kernel_dump whole;
-        std::string reason;
+        const reading whole = read(bytes);
         int shown = 0;
 
-        ASSERT_EQ(read(bytes, &whole, &reason), KERNEL_DUMP_OK) << reason;
         for (size_t size = 8; size < bytes.size(); size += size < 0x2100 ? 1 : 61) {
-            const std::vector<uint8_t> begin(bytes.begin(), bytes.begin() + (ptrdiff_t)size);
-            const std::string told = "the file is cut off, " + std::to_string(size) + " of ";
-            kernel_dump dump;
-            const enum kernel_dump_error error = read(begin, &dump, &reason);
+            SCOPED_TRACE(testing::Message() << row.row << size);
+            const reading made = read({bytes.begin(), bytes.begin() + (ptrdiff_t)size});
 
-            ASSERT_EQ(error, dump.modules.empty() ? KERNEL_DUMP_CUT_OFF : KERNEL_DUMP_OK)
-                << row.row << size << reason;
-            if (error != KERNEL_DUMP_OK)
+            ASSERT_EQ(made.error, made.dump.modules.empty() ? KERNEL_DUMP_CUT_OFF : KERNEL_DUMP_OK);
+            if (made.error != KERNEL_DUMP_OK)
                 continue;
             shown++;
-            ASSERT_NE(gaps_of(dump).find(told), std::string::npos) << row.row << size;
-            expect_part_of(dump, whole, size);
+            ASSERT_TRUE(tells(made, ", " + std::to_string(size) + " of "));
+            expect_part_of(made.dump, whole.dump, size);
         }
         EXPECT_GT(shown, 10) << row.row;
     }
@@ -482,19 +412,18 @@ TEST(memory_dump, test_truncated_anywhere)
 TEST(memory_dump, test_missing_page_anywhere)
 {
     const memory_model memory(machine());
-    kernel_dump whole;
-    std::string reason;
+    const reading whole = read(memory.build(6, MEMORY_SDMP));
 
-    ASSERT_EQ(read(memory.build(6, MEMORY_SDMP), &whole, &reason), KERNEL_DUMP_OK) << reason;
+    ASSERT_EQ(whole.error, KERNEL_DUMP_OK) << whole.told;
     for (const uint64_t number : memory.pages()) {
         memory_model part = memory;
-        kernel_dump dump;
 
         part.drop(number * SPAN);
-        if (read(part.build(6, MEMORY_SDMP), &dump, &reason) != KERNEL_DUMP_OK)
-            continue;
-        EXPECT_NE(gaps_of(dump), "") << number;
-        expect_part_of(dump, whole, number);
+        const reading made = read(part.build(6, MEMORY_SDMP));
+
+        EXPECT_NE(made.told, "") << number;
+        if (made.error == KERNEL_DUMP_OK)
+            expect_part_of(made.dump, whole.dump, number);
     }
 }
 

@@ -339,7 +339,7 @@ static void run_failure(file_runs &file, const struct scenario &scenario, size_t
     if (found.empty())
         return;
     file.violations++;
-    printf("violation: %s: boot %u: %s\n  again: %s\n", scenario.file.c_str(),
+    printf("violation: %s: boot %u: %s\n  reproduce: %s\n", scenario.file.c_str(),
            static_cast<unsigned>(boot + 1), failure_text(failure).c_str(), again.c_str());
     for (const std::string &line : found)
         printf("  %s\n", line.c_str());

@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-/* A boot of a machine without faults, whatever the scenario has made of it. */
+/* A boot that resets the machine to one without faults. */
 static const char s_undisturbed[] = R"({
     "about": "undisturbed", "until": 450,
     "machine": {

@@ -1,4 +1,4 @@
-/* The program: which inputs of which targets, and what damage is. */
+/* The program: its command line, and the damage of inputs. */
 #include "fuzz.h"
 
 #include <stdio.h>
@@ -7,6 +7,8 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <iterator>
+#include <sstream>
 
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
@@ -16,12 +18,21 @@
 
 #define HANG_SECONDS 60
 
-static const fuzz_target *const s_targets[] = {
-    &fuzz_events, &fuzz_debugger,  &fuzz_records,  &fuzz_ejs,     &fuzz_states,
-    &fuzz_dumps,  &fuzz_scenarios, &fuzz_messages, &fuzz_answers,
-};
+/* Of the program; made by the first target that is added. */
+static std::vector<fuzz_target> &targets(void)
+{
+    static std::vector<fuzz_target> all;
 
-static std::string s_folder;
+    return all;
+}
+
+bool fuzz_add(const fuzz_target &target)
+{
+    targets().push_back(target);
+    return true;
+}
+
+static std::string s_folder, s_real_folder;
 static const run_folder *s_run_folder;
 
 uint64_t chance::next()
@@ -43,34 +54,28 @@ bool chance::one_in(size_t n)
     return below(n) == 0;
 }
 
-/* A number at which reckoning goes wrong. */
+std::string chance::word(const char *words)
+{
+    std::istringstream stream(words);
+    const std::vector<std::string> all{std::istream_iterator<std::string>(stream), {}};
+
+    return of(all);
+}
+
+/* A number at which calculations overflow or miss by one. */
 static uint64_t edge(size_t size, chance &chance)
 {
-    const uint64_t edges[] = {0,
-                              1,
-                              2,
-                              size,
-                              size - 1,
-                              size + 1,
-                              55,
-                              56,
-                              57,
-                              0x7f,
-                              0x80,
-                              0xff,
-                              0x7fff,
-                              0xffff,
-                              0x10000,
-                              0x7fffffff,
-                              0x80000000,
-                              0xfffffff,
-                              0xffffffff,
-                              0xfffffffe,
-                              UINT64_MAX,
-                              INT64_MAX,
-                              chance.below(4096)};
-
-    return chance.of(edges);
+    switch (chance.below(8)) {
+    case 0: return size + chance.below(3) - 1;
+    case 1: return chance.below(4096);
+    default:
+        return strtoull(chance
+                            .word("0 1 2 55 56 57 0x7f 0x80 0xff 0x7fff 0xffff 0x10000 0xfffffff "
+                                  "0x7fffffff 0x80000000 0xfffffffe 0xffffffff "
+                                  "0x7fffffffffffffff 0xffffffffffffffff")
+                            .c_str(),
+                        NULL, 0);
+    }
 }
 
 static void damage_once(std::string *bytes, const std::string &other, chance &chance)
@@ -119,26 +124,12 @@ static std::string odd_text(const std::vector<const char *> &words, chance &chan
 static std::string odd_value(const std::vector<const char *> &keys,
                              const std::vector<const char *> &words, unsigned depth, chance &chance)
 {
-    static const char *const plain[] = {"null",
-                                        "true",
-                                        "false",
-                                        "0",
-                                        "1",
-                                        "2",
-                                        "-1",
-                                        "9223372036854775807",
-                                        "-9223372036854775808",
-                                        "4294967296",
-                                        "1e308",
-                                        "-0.0",
-                                        "123456789012345678901234567890",
-                                        "{}",
-                                        "[]"};
     std::string text;
     size_t kind = chance.below(depth > 4 ? 5 : 8);
 
     if (kind < 2)
-        return chance.of(plain);
+        return chance.word("null true false 0 1 2 -1 9223372036854775807 -9223372036854775808 "
+                           "4294967296 1e308 -0.0 123456789012345678901234567890 {} []");
     if (kind < 5)
         return "\"" + odd_text(words, chance) + "\"";
     for (size_t left = chance.below(6); left > 0; left--)
@@ -193,12 +184,17 @@ void violated(const std::string &what)
 {
     printf("violation: %s\n", what.c_str());
     fflush(stdout);
-    abort(); /* the watch says how to repeat it */
+    abort(); /* the watch prints the command to reproduce */
 }
 
 const std::string &fuzz_folder(void)
 {
     return s_folder;
+}
+
+const std::string &fuzz_real_folder(void)
+{
+    return s_real_folder;
 }
 
 void fuzz_empty_folder(void)
@@ -228,9 +224,9 @@ struct arguments {
 /* Result: whether they make sense. */
 static bool parse(int argc, char **argv, arguments *arguments)
 {
-    for (const fuzz_target *target : s_targets)
-        if (argc > 1 && strcmp(argv[1], target->name) == 0)
-            arguments->target = target;
+    for (const fuzz_target &target : targets())
+        if (argc > 1 && strcmp(argv[1], target.name) == 0)
+            arguments->target = &target;
     for (int i = 2; i + 1 < argc; i += 2) {
         std::string name = argv[i];
         char *end = NULL;
@@ -283,15 +279,17 @@ int main(int argc, char **argv)
     if (!parse(argc, argv, &arguments)) {
         fprintf(stderr, "usage: fuzz TARGET [--inputs N] [--seed S] [--from I] [--place FOLDER]\n"
                         "targets:");
-        for (const fuzz_target *target : s_targets)
-            fprintf(stderr, " %s", target->name);
+        for (const fuzz_target &target : targets())
+            fprintf(stderr, " %s", target.name);
         fprintf(stderr, "\n");
         return 2;
     }
     try {
-        run_folder folder("", arguments.place);
+        run_folder folder("", arguments.place), real(folder.path + "-real");
 
+        real.kept = false;
         s_folder = folder.path + "\\";
+        s_real_folder = real.path + "\\";
         s_run_folder = &folder;
         memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);

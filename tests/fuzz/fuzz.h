@@ -1,7 +1,6 @@
 /*
- * Bad input: programs of one process that hand made-up and damaged input to what reads it, and look
- * whether it holds. Every input follows from a seed and its number, so that one alone can be tried
- * again.
+ * Bad input: passes generated and damaged input to the code that reads it, and checks the results.
+ * Every input follows from the seed and its number, so that each can be repeated alone.
  */
 #ifndef TESTS_FUZZ_H
 #define TESTS_FUZZ_H
@@ -23,6 +22,8 @@ class chance
     size_t below(size_t limit);
     /* Once in n. */
     bool one_in(size_t n);
+    /* One of the words, which blanks separate. */
+    std::string word(const char *words);
     /* An element of an array or a vector. */
     template <typename List> const auto &of(const List &list)
     {
@@ -37,8 +38,8 @@ class chance
  * taken from other. */
 void damage(std::string *bytes, const std::string &other, chance &chance);
 
-/* A JSON text: members of an object that somebody reads among any others, any types, deep and
- * long ones now and then. keys: the names that somebody reads, words: texts that mean something. */
+/* A JSON text: an object with the keys that the reader knows and others, values of all types,
+ * sometimes deep or long. words: texts that mean something to the reader. */
 std::string odd_json(const std::vector<const char *> &keys, const std::vector<const char *> &words,
                      chance &chance);
 
@@ -47,7 +48,7 @@ class guarded
 {
   public:
     explicit guarded(size_t most);
-    /* Where the copy stands, until the next one. size at most the most; larger is cut. */
+    /* Returns the copy, valid until the next one. A larger size is reduced to the maximum. */
     const uint8_t *put(const void *bytes, size_t *size);
 
   private:
@@ -60,6 +61,8 @@ class guarded
 
 /* Where files of the trials lie, with a backslash at the end; UTF-8. */
 const std::string &fuzz_folder(void);
+/* The same on the disk, for files that are mapped: those of the other folder are in memory. */
+const std::string &fuzz_real_folder(void);
 /* Deletes all of them. */
 void fuzz_empty_folder(void);
 
@@ -71,10 +74,15 @@ struct fuzz_target {
     void (*open)(void);
     /* number: of the input, for targets that start afresh now and then. */
     void (*try_one)(chance &chance, uint64_t number);
-    uint64_t period; /* inputs from one fresh start to the next; 1: each stands for itself */
+    uint64_t period; /* inputs from one fresh start to the next; 1: each is independent */
 };
 
-extern const fuzz_target fuzz_events, fuzz_debugger, fuzz_records, fuzz_ejs, fuzz_states,
-    fuzz_dumps, fuzz_scenarios, fuzz_messages, fuzz_answers;
+/* Adds a target to the program. */
+bool fuzz_add(const fuzz_target &target);
+
+/* Defines a target and adds it, on one line: the build and ./dev fuzz read names and the number of
+ * inputs in the test run from these lines. */
+#define FUZZ_TARGET(name, open, try_one, period, inputs)                                           \
+    [[maybe_unused]] static const bool s_##name##_added = fuzz_add({#name, open, try_one, period});
 
 #endif

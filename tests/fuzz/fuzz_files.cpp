@@ -69,8 +69,7 @@ static void try_ejs(chance &chance, uint64_t)
     if (chance.one_in(256))
         oxnih_memory_drop_all();
 }
-
-const fuzz_target fuzz_ejs = {"ejs", open_ejs, try_ejs, 1};
+FUZZ_TARGET(ejs, open_ejs, try_ejs, 1, 400)
 
 /* A dump that is damaged; places: where the reader looks, none for a small one. */
 struct dump_subject {
@@ -142,8 +141,7 @@ static void try_dump(chance &chance, uint64_t)
     const uint8_t *block = s_guarded->put(bytes.data(), &size);
     look_at_dump(kernel_dump_read(block, size, &dump, &reason), dump, reason);
 }
-
-const fuzz_target fuzz_dumps = {"dumps", open_dumps, try_dump, 1};
+FUZZ_TARGET(dumps, open_dumps, try_dump, 1, 30000)
 
 static std::vector<std::string> s_scenarios;
 
@@ -169,7 +167,7 @@ static void open_scenarios(void)
     s_scenarios.assign(std::begin(texts), std::end(texts));
 }
 
-/* Either it holds, or one line says why not. */
+/* A scenario loads, or one line names the file and the mistake. */
 static void try_scenario(chance &chance, uint64_t)
 {
     static const std::vector<const char *> keys = {"name",  "machine", "products", "management",
@@ -191,5 +189,4 @@ static void try_scenario(chance &chance, uint64_t)
             violated(std::string("an error that names no file: ") + error.what());
     }
 }
-
-const fuzz_target fuzz_scenarios = {"scenarios", open_scenarios, try_scenario, 1};
+FUZZ_TARGET(scenarios, open_scenarios, try_scenario, 1, 400)

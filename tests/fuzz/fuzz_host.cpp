@@ -97,7 +97,7 @@ static void blame(void)
     put_document("bypass_mgr_persistence.ejs", store);
 }
 
-/* Documents that are whole and hold what nobody wrote; a store that is mostly of this boot. */
+/* Sound documents with generated content; the store is mostly of this boot. */
 static void put_odd_documents(chance &chance)
 {
     static const std::vector<const char *> keys = {
@@ -167,7 +167,7 @@ static json_t *nested(size_t depth)
     return value;
 }
 
-/* What the text of a message cannot hold, or holds too seldom. */
+/* Adds what the text of a message cannot contain, or contains too rarely. */
 static void make_odder(json_t *message, chance &chance)
 {
     static const char *const members[] = {"product_name", "type", "status"};
@@ -192,7 +192,7 @@ static void make_odder(json_t *message, chance &chance)
     json_decref(bytes);
 }
 
-/* Either kind of text: made up, or a good one that was damaged. NULL: no JSON. */
+/* From a generated text, or a good one that was damaged. NULL: no JSON. */
 static json_t *odd_message(chance &chance)
 {
     std::string text = R"({"product_name": "p1", "type": "reg", "count": 2, "status": "bypass",
@@ -258,14 +258,14 @@ static void try_message(chance &chance, uint64_t number)
         start_afresh(static_cast<enum disk>(chance.below(3)), number / MESSAGES_PERIOD, chance);
     oxnih_core_set_lenient(!chance.one_in(4));
     json_t *message = odd_message(chance);
-    size_t whom = chance.below(s_subscribers.size());
+    size_t index = chance.below(s_subscribers.size());
 
     if (message != NULL && (s_subscribers.empty() || chance.one_in(3)))
         subscribe(message, chance);
     else if (message != NULL && chance.one_in(6))
         order_driver(chance);
     else if (message != NULL)
-        (void)oxni_subscriber_pushforward(s_subscribers[whom], message, NULL, NULL);
+        (void)oxni_subscriber_pushforward(s_subscribers[index], message, NULL, NULL);
     json_decref(message);
     if (s_subscribers.size() > 8)
         leave(chance.below(s_subscribers.size()));
@@ -276,10 +276,9 @@ static void try_message(chance &chance, uint64_t number)
                                          chance.one_in(2) ? 110 : 0);
     pass_time(chance);
 }
+FUZZ_TARGET(messages, open_host, try_message, MESSAGES_PERIOD, 400)
 
-const fuzz_target fuzz_messages = {"messages", open_host, try_message, MESSAGES_PERIOD};
-
-/* What the management side says it knows. */
+/* The devices that the management side reports. */
 static std::string odd_echo(chance &chance)
 {
     static const std::vector<const char *> keys = {"total", "info", "product", "device_id",
@@ -342,5 +341,4 @@ static void try_answer(chance &chance, uint64_t number)
         violated("the agent does not run any more");
     s_answers = NULL;
 }
-
-const fuzz_target fuzz_answers = {"answers", open_host, try_answer, ANSWERS_PERIOD};
+FUZZ_TARGET(answers, open_host, try_answer, ANSWERS_PERIOD, 400)

@@ -9,7 +9,7 @@
 #include "crash_config.h"
 #include "win_event_parse.h"
 
-#include "../unit/import_patch.h"
+#include "../unit/system_log.h"
 #include "liboxnibase/host.h"
 #include "base/text.h"
 
@@ -17,74 +17,32 @@
 
 static guarded *s_guarded;
 
-static void put_text(std::string *bytes, const std::wstring &text)
-{
-    bytes->append(reinterpret_cast<const char *>(text.c_str()),
-                  (text.size() + 1) * sizeof(wchar_t));
-}
-
-/* A record as Windows lays it out, of an event that somebody expects or of another one. */
+/* A record of an event that the plug-in expects, or of another one. */
 static std::string event(chance &chance)
 {
-    static const wchar_t *const sources[] = {L"BugCheck",
-                                             L"Microsoft-Windows-Kernel-General",
-                                             L"Microsoft-Windows-Kernel-Power",
-                                             L"Microsoft-Windows-Winlogon",
-                                             L"Other",
-                                             L""};
+    const std::string source = chance.word("BugCheck Microsoft-Windows-Kernel-General Other "
+                                           "Microsoft-Windows-Kernel-Power "
+                                           "Microsoft-Windows-Winlogon");
     static const uint32_t ids[] = {12, 41, 1001, 7001, 7036, 0x400003e9};
     static const DWORD lengths[] = {0, 1, 4, 55, 56, 57, 0x7fffffff, 0xffffffff};
-    std::string bytes(sizeof(EVENTLOGRECORD), '\0');
-    EVENTLOGRECORD header = {};
+    std::vector<std::wstring> strings(chance.below(5));
 
-    header.NumStrings = static_cast<WORD>(chance.below(5));
-    header.EventID = chance.of(ids);
-    header.TimeGenerated = static_cast<DWORD>(chance.next());
-    put_text(&bytes, chance.of(sources));
-    put_text(&bytes, L"COMPUTER");
-    header.StringOffset = static_cast<DWORD>(bytes.size());
-    for (unsigned i = 0; i < header.NumStrings; i++)
-        put_text(&bytes, std::wstring(chance.below(chance.one_in(20) ? 3000 : 40), L'x'));
-    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
-    header.Length = static_cast<DWORD>(bytes.size());
-    if (chance.one_in(30))
-        header.Length = chance.of(lengths);
-    memcpy(&bytes[0], &header, sizeof(header));
-    memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
-    return bytes;
-}
+    for (std::wstring &text : strings)
+        text = std::wstring(chance.below(chance.one_in(20) ? 3000 : 40), L'x');
+    const block record =
+        event_record(chance.of(ids), text_wide(chance.one_in(6) ? "" : source), strings);
+    std::string bytes(record.begin(), record.end());
 
-static std::string s_log; /* what the log still has to give */
-
-static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
-{
-    return &s_log;
-}
-
-static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
-                            DWORD *needed)
-{
-    if (s_log.empty() || s_log.size() > size) {
-        *needed = static_cast<DWORD>(s_log.size());
-        SetLastError(s_log.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
+    if (chance.one_in(30)) {
+        const DWORD length = chance.of(lengths);
+        memcpy(&bytes[0], &length, sizeof(length));
+        memcpy(&bytes[bytes.size() - sizeof(length)], &length, sizeof(length));
     }
-    memcpy(buffer, s_log.data(), s_log.size());
-    *filled = static_cast<DWORD>(s_log.size());
-    s_log.clear();
-    return TRUE;
-}
-
-static BOOL WINAPI close_log(HANDLE)
-{
-    return TRUE;
+    return bytes;
 }
 
 static void open_events(void)
 {
-    static import_patch open("OpenEventLogW", open_log), read("ReadEventLogW", read_log),
-        close("CloseEventLog", close_log);
-
     s_guarded = new guarded(MOST_EVENT_BYTES);
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
 }
@@ -115,31 +73,30 @@ static void look_through(const uint8_t *bytes, size_t size)
 
 static void try_event(chance &chance, uint64_t)
 {
-    std::string block, other = event(chance);
+    std::string log, other = event(chance);
     size_t size;
 
     for (size_t left = chance.below(4); left > 0; left--)
-        block += event(chance);
-    block += other;
+        log += event(chance);
+    log += other;
     if (!chance.one_in(16))
-        damage(&block, other, chance);
-    size = block.size();
-    const uint8_t *bytes = s_guarded->put(block.data(), &size);
+        damage(&log, other, chance);
+    size = log.size();
+    const uint8_t *bytes = s_guarded->put(log.data(), &size);
     look_through(bytes, size);
     /* In the plug-in's own buffer, which ends with the block when it has to grow for it. */
     if (chance.one_in(4)) {
         event_info info = {};
 
-        s_log = block;
         if (chance.one_in(2))
-            s_log.resize(4097 + chance.below(9000), 'y');
+            log.resize(4097 + chance.below(9000), 'y');
+        const system_log given({log.begin(), log.end()});
         (void)win_event_parse().get_crash_info(&info, s_expected);
     }
     if (chance.one_in(256))
         oxnih_memory_drop_all();
 }
-
-const fuzz_target fuzz_events = {"events", open_events, try_event, 1};
+FUZZ_TARGET(events, open_events, try_event, 1, 400)
 
 static void open_nothing(void)
 {
@@ -184,10 +141,9 @@ static void try_stack(chance &chance, uint64_t)
     for (const std::string &module : modules)
         if (module.find_first_of("!\n") != std::string::npos ||
             text.find(module) == std::string::npos)
-            violated("a module that is none: " + module);
+            violated("a module that is not in the text: " + module);
 }
-
-const fuzz_target fuzz_debugger = {"debugger", open_nothing, try_stack, 1};
+FUZZ_TARGET(debugger, open_nothing, try_stack, 1, 400)
 
 static void try_record(chance &chance, uint64_t)
 {
@@ -210,5 +166,4 @@ static void try_record(chance &chance, uint64_t)
         memcmp(&again, &record, sizeof(record)) != 0)
         violated("a record that was written is not read as it was");
 }
-
-const fuzz_target fuzz_records = {"records", open_nothing, try_record, 1};
+FUZZ_TARGET(records, open_nothing, try_record, 1, 400)

@@ -27,7 +27,7 @@
 
 static std::string s_data, s_tag; /* the plug-in's data folder with a slash, the tag's path */
 static std::string s_store[2], s_history[2], s_record[2]; /* the documents' bytes, old and new */
-static FILETIME s_created;                                /* of whatever file is asked */
+static FILETIME s_created;                                /* returned for every file */
 
 static std::string get_file(const std::string &path)
 {
@@ -157,9 +157,9 @@ static void try_store(chance &chance)
             "half of the store was read");
     if (!chance.one_in(8))
         return;
-    store("guard", 9); /* whatever lies beside it */
+    store("guard", 9); /* with any temporary file next to it */
     bypass_mgr_store_load(BOOT);
-    require(bypass_mgr_stored_count("guard") == 9, "nothing can be stored behind the stop");
+    require(bypass_mgr_stored_count("guard") == 9, "nothing can be stored after the stop");
 }
 
 static void try_history(chance &chance)
@@ -177,7 +177,7 @@ static void try_dump_record(chance &chance)
     enum state state = put_state(s_data + "bypass_mgr_dumprecord.ejs", s_record, chance);
     int64_t time = -1;
 
-    require(get_dumprecord_time(&time) == (state != STATE_DAMAGED), "a record is missing");
+    require(get_dumprecord_time(&time) == (state != STATE_DAMAGED), "the dump record is missing");
     require(time == (state == STATE_OLD   ? 5
                      : state == STATE_NEW ? 6
                                           : -1),
@@ -223,5 +223,4 @@ static void try_state(chance &chance, uint64_t)
     else
         chance.one_in(2) ? try_history(chance) : try_dump_record(chance);
 }
-
-const fuzz_target fuzz_states = {"states", open_states, try_state, 1};
+FUZZ_TARGET(states, open_states, try_state, 1, 400)

@@ -29,7 +29,7 @@ static void put(const char *text)
 
     fflush(stdout);
     put(why);
-    put("\n  again: ");
+    put("\n  reproduce: ");
     put(s_what);
     snprintf(number, sizeof(number), "\n" ENDED_IN "%lld\n", static_cast<long long>(s_number));
     put(number);

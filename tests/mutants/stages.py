@@ -21,7 +21,7 @@ WALL_FACTOR, WALL_SECONDS = 10, 30  # the computer may be busy
 # The limit of wine-run, and the signal of the limit of processor time.
 TIMEOUTS = (124, 137, -signal.SIGKILL, -signal.SIGXCPU, 128 + signal.SIGXCPU)
 MEMORY_BYTES = 4 << 30
-SIMULATED_BOOTS = 100
+SIMULATED_BOOTS = 2000
 CRASH_KEY = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
 
 

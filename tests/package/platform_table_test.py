@@ -20,8 +20,10 @@ declared = set()
 for header in glob.glob(os.path.join(source, "oxni_base/include/oxni/base/*.h")):
     text = re.sub(r"/\*.*?\*/", "", read(header), flags=re.S)
     declared |= set(re.findall(r"^OXNI_API\b[^;(]*?(\w+)\(", text, flags=re.M))
-imported = {line.split()[1] for line in read("tests/plugin/imports.txt").splitlines()
-            if line.startswith(("liboxni", "libwdu"))}
+imported = set()
+for module, names in re.findall(r"^(\S+)\n((?:  .*\n)+)", read("tests/plugin/imports.txt"), re.M):
+    if module.startswith(("liboxni", "libwdu")):
+        imported |= set(names.split())
 rows = [line.split("|") for line in read("docs/platform.md").splitlines()
         if line.startswith("| `")]
 named = [name for row in rows for name in re.findall(r"`(\w+)`", row[1])]

@@ -67,7 +67,9 @@ guarded=$("$objdump" -d "$plugin" | grep -c "call .*${guard:-none}")
 exports=$(exports_of "$plugin")
 wanted=$(sed -n '/EXPORTS/,$p' "$def" | tail -n +2 | tr -d ' ')
 [ "$exports" = "$wanted" ] || fail "exports are: $exports; expected: $wanted"
-difference=$(diff <(grep -v '^#' "$list") <(imports_of "$plugin")) ||
+listed=$(awk '/^#/ {next} /^[^ ]/ {module = $1; next}
+    {for (i = 1; i <= NF; i++) print module, $i}' "$list")
+difference=$(diff <(echo "$listed") <(imports_of "$plugin")) ||
     fail "imports differ from $list (< only in the list, > only in the DLL):
 $difference"
 "${objdump%objdump}strings" -el "$plugin" | grep -A1 -xF FileVersion | grep -xF "$version" >/dev/null ||

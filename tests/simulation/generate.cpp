@@ -49,8 +49,9 @@ static const char *const s_services[] = {"running", "running", "stopped", "stop_
 struct sketch {
     dice dice;
     int products;
-    bool plain;  /* nothing ever goes wrong */
-    bool sticky; /* products come in bypass and stay there, whoever tells them to recover */
+    bool plain;  /* nothing fails */
+    bool sticky; /* products start in bypass and remain there, whatever they are ordered */
+    bool blamed; /* most boots end with a blue screen of a driver, and recovery is requested */
 };
 
 static std::string quoted(const std::string &text)
@@ -86,7 +87,7 @@ static std::string modules(sketch &sketch)
     return "[" + joined(names) + "]";
 }
 
-/* How a product answers a command when it does not do as it is told. */
+/* How a product answers a command that it does not obey. */
 static std::string answer(sketch &sketch)
 {
     if (sketch.dice.chance(40))
@@ -138,16 +139,23 @@ static std::string product(sketch &sketch, int index)
     return quoted(product_key(index)) + ":{" + joined(members) + "}";
 }
 
+static std::string frames(sketch &sketch)
+{
+    std::vector<std::string> frames = {"\"nt!KeBugCheckEx+0x107\""};
+
+    for (int left = sketch.dice.range(sketch.blamed ? 1 : 0, 3); left > 0; left--)
+        frames.push_back(quoted(std::string(sketch.dice.chance(sketch.blamed ? 95 : 65)
+                                                ? sketch.dice.pick(s_modules)
+                                                : sketch.dice.pick(s_strangers)) +
+                                (sketch.dice.chance(50) ? "!Work+0x2" : "+0x1a2b")));
+    return "\"frames\":[" + joined(frames) + "]";
+}
+
 static std::string crash(sketch &sketch)
 {
-    std::vector<std::string> frames = {"\"nt!KeBugCheckEx+0x107\""}, members;
+    std::vector<std::string> members;
 
-    for (int left = sketch.dice.range(0, 3); left > 0; left--)
-        frames.push_back(
-            quoted(std::string(sketch.dice.chance(65) ? sketch.dice.pick(s_modules)
-                                                      : sketch.dice.pick(s_strangers)) +
-                   (sketch.dice.chance(50) ? "!Work+0x2" : "+0x1a2b")));
-    members.push_back("\"frames\":[" + joined(frames) + "]");
+    members.push_back(frames(sketch));
     if (sketch.dice.chance(20))
         members.push_back("\"minidump\":false");
     if (sketch.dice.chance(25))
@@ -163,9 +171,9 @@ static std::string crash(sketch &sketch)
 
 static std::string how_it_ends(sketch &sketch)
 {
-    if (sketch.plain || sketch.dice.chance(35))
+    if (sketch.plain || sketch.dice.chance(sketch.blamed ? 10 : 35))
         return "\"ends\":\"clean\"";
-    if (sketch.dice.chance(40))
+    if (sketch.dice.chance(sketch.blamed ? 20 : 40))
         return "\"ends\":\"power_loss\"";
     return "\"ends\":\"blue_screen\",\"crash\":" + crash(sketch);
 }
@@ -201,6 +209,36 @@ static std::string management(sketch &sketch)
     return "{" + joined(members) + "}";
 }
 
+#define DRIVER_FOLDER "{base}\\\\Quorvel\\\\OXNI3_CFG\\\\"
+#define UPDATE_FILE   "\"path\":\"" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg\""
+
+/* Files at a boot: crash records of the platform's drivers, an update of the drivers, and a dump
+ * that was created at another time than it was written. */
+static std::string files(sketch &sketch)
+{
+    std::vector<std::string> files;
+
+    if (sketch.dice.chance(15))
+        files.push_back(text_format("{\"path\":\"{bin}\\\\crash_config.cfg\",\"record_count\":%d},"
+                                    "{\"path\":\"" DRIVER_FOLDER
+                                    "oxnisp_driver\\\\crash_config.cfg\","
+                                    "\"record_count\":%d}",
+                                    sketch.dice.range(0, 5), sketch.dice.range(0, 3)));
+    if (sketch.dice.chance(6))
+        files.push_back("{" UPDATE_FILE ",\"text\":\"x\"}");
+    if (sketch.dice.chance(10))
+        files.push_back("{\"path\":\"C:\\\\Windows\\\\Minidump\\\\copied.dmp\"," + frames(sketch) +
+                        text_format(",\"written\":%d,\"created\":\"2024-0%d-1%dT0%d:30:00Z\"}",
+                                    sketch.dice.range(0, 200), sketch.dice.range(1, 9),
+                                    sketch.dice.range(0, 9), sketch.dice.range(0, 9)));
+    return "\"files\":[" + joined(files) + "]";
+}
+
+static const char *base_folder(sketch &sketch)
+{
+    return sketch.dice.chance(50) ? "\"base_folder\":false" : "\"base_folder\":true";
+}
+
 /* Changes of the machine at a boot. */
 static std::string machine(sketch &sketch)
 {
@@ -214,12 +252,10 @@ static std::string machine(sketch &sketch)
         members.push_back(text_format("\"services\":{\"load_driver\":[\"%s\"],"
                                       "\"oxnisp_driver\":[\"%s\"]}",
                                       sketch.dice.pick(s_services), sketch.dice.pick(s_services)));
-    if (!sketch.plain && sketch.dice.chance(15))
-        members.push_back(
-            text_format("\"files\":[{\"path\":\"{bin}\\\\crash_config.cfg\",\"record_count\":%d},"
-                        "{\"path\":\"{base}\\\\Quorvel\\\\OXNI3_CFG\\\\oxnisp_driver\\\\"
-                        "crash_config.cfg\",\"record_count\":%d}]",
-                        sketch.dice.range(0, 5), sketch.dice.range(0, 3)));
+    if (!sketch.plain)
+        members.push_back(files(sketch));
+    if (!sketch.plain && sketch.dice.chance(6))
+        members.push_back(base_folder(sketch));
     if (!sketch.plain && sketch.dice.chance(10))
         members.push_back(std::string("\"engine\":{\"fails\":") + sketch.dice.pick(faults) + "}");
     if (sketch.dice.chance(10))
@@ -259,7 +295,7 @@ static std::string agent_step(sketch &sketch)
         return "\"send\":" + who + ",\"message\":{\"product_name\":\"z\",\"type\":" +
                (sketch.dice.chance(80) ? "\"conflict\"" : "\"nonsense\"") +
                ",\"count\":1,\"status\":\"working\",\"data\":{\"driver_module\":[]}}";
-    if (sketch.sticky && sketch.dice.chance(40))
+    if ((sketch.sticky || sketch.blamed) && sketch.dice.chance(40))
         return "\"console\":\"bypass -r\"";
     return "\"console\":" +
            quoted(sketch.plain ? lines[sketch.dice.range(0, 2)] : sketch.dice.pick(lines));
@@ -277,7 +313,7 @@ static std::string product_change(sketch &sketch)
     return "\"product\":" + some_product(sketch) + ",\"set\":{" + joined(members) + "}";
 }
 
-/* A registration that files nobody: the next one of the product is the usual again. */
+/* A registration without effect. The next one of the product is an ordinary one. */
 static std::string odd_registration(sketch &sketch)
 {
     return "\"product\":" + some_product(sketch) +
@@ -293,7 +329,8 @@ static std::string odd_registration(sketch &sketch)
 static std::string machine_step(sketch &sketch)
 {
     static const char *const calls[] = {"\"oxni_timer_start\"", "\"OpenEventLogW\",\"error\":5",
-                                        "\"wdu_json_dump_file_ejs\""};
+                                        "\"wdu_json_dump_file_ejs\"",
+                                        "\"oxni_path_del_file_u\",\"error\":32,\"times\":9"};
     int which = sketch.dice.range(1, sketch.plain ? 60 : 100);
 
     if (which <= 25)
@@ -306,18 +343,19 @@ static std::string machine_step(sketch &sketch)
         return "\"management\":" + management(sketch);
     if (which <= 60)
         return odd_registration(sketch);
-    if (which <= 70)
+    if (which <= 67)
         return "\"machine\":{\"time_zone\":" + quoted(sketch.dice.pick(s_zones)) + "}";
-    if (which <= 80)
+    if (which <= 72)
+        return std::string("\"machine\":{") + base_folder(sketch) + "}";
+    if (which <= 83)
         return std::string("\"fail\":") + sketch.dice.pick(calls) +
-               text_format(",\"nth\":%d", sketch.dice.range(1, 6));
-    if (which <= 88)
+               text_format(",\"nth\":%d", sketch.dice.range(1, sketch.dice.chance(50) ? 1 : 6));
+    if (which <= 90)
         return text_format("\"clock\":\"2024-03-%02dT%02d:%02d:00Z\"", sketch.dice.range(6, 9),
                            sketch.dice.range(0, 23), sketch.dice.range(0, 59));
-    if (which <= 94)
-        return "\"file\":{\"path\":\"{base}\\\\Quorvel\\\\OXNI3_CFG\\\\driver\\\\"
-               "oxni_driver_updata.cfg\",\"text\":\"x\"}";
-    return "\"delete_file\":\"{base}\\\\Quorvel\\\\OXNI3_CFG\\\\driver\\\\oxni_driver_updata.cfg\"";
+    if (which <= 96)
+        return "\"file\":{" UPDATE_FILE ",\"text\":\"x\"}";
+    return "\"delete_file\":\"" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg\"";
 }
 
 /* Half of all moments are whole seconds, where other things happen, too. */
@@ -385,13 +423,14 @@ static std::string boot(sketch &sketch)
 
 void machine_generate(rapidjson::Document &document, uint64_t seed)
 {
-    sketch sketch = {{seed}, 0, false, false};
+    sketch sketch = {{seed}, 0, false, false, false};
     std::vector<std::string> products, boots;
     std::string text;
 
     sketch.products = sketch.dice.range(1, 5);
     sketch.plain = sketch.dice.chance(15);
     sketch.sticky = !sketch.plain && sketch.dice.chance(15);
+    sketch.blamed = !sketch.plain && sketch.dice.chance(15);
     for (int index = 0; index < sketch.products; index++)
         products.push_back(product(sketch, index));
     for (int left = sketch.dice.range(2, 8); left > 0; left--)
@@ -399,18 +438,6 @@ void machine_generate(rapidjson::Document &document, uint64_t seed)
     text = "{\"products\":{" + joined(products) + "},\"management\":" + management(sketch) +
            ",\"before\":{" + how_it_ends(sketch) + "},\"boots\":[" + joined(boots) + "]}";
     document.Parse(text.data(), text.size());
-}
-
-enum oxnih_memory_mode machine_memory_mode(uint64_t seed)
-{
-    if (seed % 128 == 4)
-        return OXNIH_MEMORY_GUARD;
-    return seed % 16 == 4 ? OXNIH_MEMORY_FENCE : OXNIH_MEMORY_PLAIN;
-}
-
-bool machine_is_talkative(uint64_t seed)
-{
-    return seed % 16 == 0;
 }
 
 /* A step that must not change anything. who: a product of the machine. */
@@ -430,7 +457,7 @@ static json_value noise_step(double at, int which, const std::string &who,
     return json_value(step, allocator);
 }
 
-/* When the step behind one comes, or the boot's end. */
+/* The time of the step after one, or of the end of the boot. */
 static double next_moment(const json_value &boot, rapidjson::SizeType index)
 {
     const json_value &steps = boot["steps"];
@@ -440,8 +467,8 @@ static double next_moment(const json_value &boot, rapidjson::SizeType index)
     return boot.HasMember("until") ? boot["until"].GetDouble() : steps[index]["at"].GetDouble();
 }
 
-/* Right behind a step of the same kind the agent runs. What that step set going must come to its
- * end in any case, so nothing may end the agent or the boot at the same moment. */
+/* After a step of the same kind, the agent runs. What that step started must complete with and
+ * without the noise, so neither the agent nor the boot may end at the same moment. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed)
 {
     dice dice = {seed};

@@ -1,6 +1,6 @@
 /*
- * The rules of a long run. A model of products, chains and store goes along with the plug-in, told
- * only of what passes between it and the platform; after each delivery both must agree.
+ * The invariants of random machines. A model of products, chains and store follows what passes
+ * between plug-in and platform; after each delivery both must agree.
  */
 #include "machines.h"
 
@@ -22,23 +22,18 @@
 #include "harness/leaks.h"
 #include "harness/previous_boot.h"
 #include "base/text.h"
+#include "invariants.h"
 #include "model.h"
 
-#define STORE_FILE       "bypass_mgr_persistence.ejs"
-#define HISTORY_FILE     "bypass_mgr_upload.ejs"
-#define DUMP_RECORD_FILE "bypass_mgr_dumprecord.ejs"
-#define POLL_MS          30000u
+#define POLL_MS 30000u
 
 static simulate_finding s_finding;
 
-static void broken(const char *rule, const std::string &what)
+void broken(const char *invariant, const std::string &what)
 {
-    if (s_finding.rule.empty())
-        s_finding = {rule, what, oxnih_clock_tick_ms(), journal_boot()};
+    if (s_finding.invariant.empty())
+        s_finding = {invariant, what, oxnih_clock_tick_ms(), journal_boot()};
 }
-
-/* Builds the text only when the rule is broken: rules are checked some hundred times a boot. */
-#define WANT(holds, rule, what) ((holds) ? (void)0 : broken(rule, what))
 
 static std::string order_text(const order &order)
 {
@@ -82,10 +77,12 @@ static void check_chain(void)
         model_verdict(subscriber, verdict);
     if ((verdict == VERDICT_CRASH || verdict == VERDICT_POWER) && subscriber != NULL &&
         model_agent.members[subscriber].filed)
-        WANT(!model_tag_exists(), "tag", "a recovery tag is left after a crash or a power loss");
+        WANT(now.undeletable || !model_tag_exists(), "tag",
+             "a recovery tag remains after a crash or a power loss");
     if (verdict == VERDICT_NORMAL && model_agent.members[subscriber].filed) {
         WANT(now.plain_timer != 0, "one tag timer", "nothing watches the tag");
-        model_agent.recover_function = now.plain_failed ? 0 : now.plain_timer;
+        model_agent.recover_function = now.plain_timer;
+        model_agent.recover_missed = now.plain_failed;
     }
     if (now.context == 0 && now.armed == 1 && now.chains_expected == 1)
         model_agent.members[subscriber].chains++;
@@ -120,70 +117,7 @@ static void check_handles(void)
     model_agent.excess = excess;
 }
 
-/* One step of FNV-1a, with 64 bits at a time. */
-static uint64_t hash_step(uint64_t hash, uint64_t value)
-{
-    return (hash ^ value) * 0x100000001b3ull;
-}
-
-static uint64_t hash_text(uint64_t hash, const char *text)
-{
-    for (; *text != '\0'; text++)
-        hash = hash_step(hash, static_cast<uint8_t>(*text));
-    return hash_step(hash, 0x100); /* no byte: the end */
-}
-
-/* Of all that the text of a value shows, but for reals, of which the store has none. */
-static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
-{
-    const char *name;
-    json_t *inner;
-    size_t index;
-
-    hash = hash_step(hash, value != NULL ? json_typeof(value) : JSON_NULL);
-    if (json_is_string(value))
-        return hash_text(hash, json_string_value(value));
-    if (json_is_integer(value))
-        return hash_step(hash, static_cast<uint64_t>(json_integer_value(value)));
-    json_object_foreach(value, name, inner)
-    {
-        hash = hash_of(inner, hash_text(hash, name));
-    }
-    json_array_foreach(value, index, inner)
-    {
-        hash = hash_of(inner, hash);
-    }
-    return hash_step(hash, 0x100);
-}
-
-static void check_store(void)
-{
-    json_t *data = json_object_get(model_agent.document, "data");
-    const char *name;
-    json_t *value;
-
-    WANT(model_machine.behind || hash_of(model_agent.document) == model_machine.on_disk_hash,
-         "store on disk", "the file holds " + model_machine.on_disk);
-    WANT(json_object_size(data) == model_machine.store.size() + (model_machine.has_crash ? 1 : 0),
-         "store", "it holds " + text_of_json(data));
-    json_object_foreach(data, name, value)
-    {
-        auto at = model_machine.store.find(name);
-
-        if (std::string(name) == "crash_info") {
-            WANT(model_machine.has_crash &&
-                     model_text(value, "module_name") == model_machine.blamed,
-                 "blame", "the store blames " + text_of_json(value));
-            continue;
-        }
-        WANT(at != model_machine.store.end() &&
-                 json_integer_value(json_object_get(value, "count")) == at->second.count &&
-                 json_integer_value(json_object_get(value, "status")) == at->second.status,
-             "store", std::string(name) + " is stored as " + text_of_json(value));
-    }
-}
-
-static const char *order_rule(void)
+static const char *order_invariant(void)
 {
     for (const order &order : model_agent.now.seen) {
         auto at = model_agent.members.find(order.to);
@@ -203,8 +137,8 @@ static void check_recover_timer(void)
     for (const auto &timer : model_agent.timers)
         if (timer.second.function == model_agent.recover_function)
             pending++;
-    WANT(model_agent.recover_function == 0 || pending == 1, "one tag timer",
-         text_format("%u timers watch the tag", static_cast<unsigned>(pending)));
+    WANT(model_agent.recover_function == 0 || pending == (model_agent.recover_missed ? 0 : 1),
+         "one tag timer", text_format("%u timers watch the tag", static_cast<unsigned>(pending)));
 }
 
 static void finish(void)
@@ -213,11 +147,11 @@ static void finish(void)
         return;
     if (model_agent.now.context != 0 || model_agent.now.registers != NULL)
         check_chain();
-    WANT(model_agent.now.seen == model_agent.now.expected, order_rule(),
+    WANT(model_agent.now.seen == model_agent.now.expected, order_invariant(),
          orders_text(model_agent.now.seen) + " ordered, expected " +
              orders_text(model_agent.now.expected));
     check_handles();
-    check_store();
+    documents_check_store();
     check_recover_timer();
     model_agent.now = {};
 }
@@ -238,8 +172,8 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
             model_agent.uptime_function = a[1];
         now.plain_timer = a[1];
         now.plain_failed = result == 0;
-        if (now.plain_failed && a[1] == model_agent.recover_function)
-            model_agent.recover_function = 0; /* the watch ends here */
+        if (a[1] == model_agent.recover_function)
+            model_agent.recover_missed = now.plain_failed;
     } else {
         WANT(ms == POLL_MS, "timers", text_format("a poll after %u ms", ms));
         if (result == 0)
@@ -276,47 +210,16 @@ static void on_open_log(const uint64_t *a, uint64_t result)
     model_agent.now.logs.push_back(result != 0);
 }
 
-static bool ends_with(uint64_t path, const std::string &name)
+static void on_delete_file(const uint64_t *a, uint64_t result)
 {
-    std::string text = reinterpret_cast<const char *>(path);
-
-    return text.size() >= name.size() && text.substr(text.size() - name.size()) == name;
+    (void)a;
+    model_agent.now.undeletable |= static_cast<int>(result) != 0;
 }
 
 static void on_open_record(const uint64_t *a, uint64_t result)
 {
     (void)result;
     model_agent.records_written += wcschr(reinterpret_cast<const wchar_t *>(a[1]), L'+') != NULL;
-}
-
-static void set_on_disk(json_t *document)
-{
-    model_machine.on_disk = text_of_json(document);
-    model_machine.on_disk_hash = hash_of(document);
-}
-
-static void on_load(const uint64_t *a, uint64_t result)
-{
-    if (!ends_with(a[0], STORE_FILE))
-        return;
-    model_agent.document = reinterpret_cast<json_t *>(result);
-    set_on_disk(model_agent.document);
-}
-
-static void on_dump(const uint64_t *a, uint64_t result)
-{
-    json_t *read;
-
-    model_agent.records_written += ends_with(a[1], DUMP_RECORD_FILE);
-    if (!ends_with(a[1], STORE_FILE))
-        return;
-    model_agent.document = reinterpret_cast<json_t *>(a[0]);
-    model_machine.behind = static_cast<int>(result) != 0;
-    if (model_machine.behind)
-        return;
-    read = wdu_json_load_file_ejs(reinterpret_cast<const char *>(a[1]));
-    set_on_disk(read);
-    json_decref(read);
 }
 
 static void begin(const oxnih_event *event)
@@ -428,45 +331,6 @@ static void check_idle(void)
          "a crash record was written");
 }
 
-static void check_history(void)
-{
-    json_t *history = wdu_json_load_file_ejs(agent_data_path(HISTORY_FILE).c_str()), *value;
-    const char *name;
-
-    json_object_foreach(history, name, value)
-    {
-        WANT(model_machine.bypassed.count(name) != 0, "alarms",
-             std::string(name) + " stands in the history and was never in bypass");
-    }
-    json_decref(history);
-}
-
-/* What the file holds is what there is, when its last writing failed. */
-static void fall_back(void)
-{
-    json_t *document = json_loads(model_machine.on_disk.c_str(), 0, NULL), *value;
-    const char *name;
-
-    model_machine.behind = false;
-    model_machine.store.clear();
-    model_machine.has_crash = false;
-    model_machine.boot_seconds =
-        static_cast<uint64_t>(json_integer_value(json_object_get(document, "start_time"))) +
-        UNIX_EPOCH_SECONDS;
-    json_object_foreach(json_object_get(document, "data"), name, value)
-    {
-        if (std::string(name) != "crash_info") {
-            model_machine.store[name] = {
-                json_integer_value(json_object_get(value, "count")),
-                static_cast<int>(json_integer_value(json_object_get(value, "status")))};
-            continue;
-        }
-        model_machine.has_crash = true;
-        model_machine.blamed = model_text(value, "module_name");
-    }
-    json_decref(document);
-}
-
 static void agent_starts(void)
 {
     model_agent = {};
@@ -474,7 +338,7 @@ static void agent_starts(void)
     model_agent.excess = oxnih_core_excess_deletes();
     calls_reset_counts();
     if (model_machine.behind)
-        fall_back();
+        documents_fall_back();
     /* Of whole seconds: a clock that was set back can make two boots one. */
     if (model_machine.boot_seconds == machine_get().boot_100ns / TICKS_PER_SECOND)
         return;
@@ -493,7 +357,7 @@ static void agent_ends(void)
     if (model_agent.only_normal)
         check_idle();
     else
-        check_history();
+        documents_check_history();
     oxnih_memory_get_stats(&stats);
     model_machine.blocks.push_back(stats.live_blocks);
 }
@@ -528,16 +392,17 @@ static const struct {
     const char *name;
     calls_watch_fn watch;
 } s_watches[] = {
-    {"oxni_timer_start",       on_timer_start},
-    {"oxni_subscriber_retain", on_retain     },
-    {"oxni_subscriber_delete", on_delete     },
-    {"OpenEventLogW",          on_open_log   },
-    {"oxni_file_open_w",       on_open_record},
-    {"wdu_json_load_file_ejs", on_load       },
-    {"wdu_json_dump_file_ejs", on_dump       },
+    {"oxni_timer_start",       on_timer_start   },
+    {"oxni_subscriber_retain", on_retain        },
+    {"oxni_subscriber_delete", on_delete        },
+    {"OpenEventLogW",          on_open_log      },
+    {"oxni_file_open_w",       on_open_record   },
+    {"wdu_json_load_file_ejs", documents_on_load},
+    {"wdu_json_dump_file_ejs", documents_on_dump},
+    {"oxni_path_del_file_u",   on_delete_file   },
 };
 
-void rules_open(void)
+void invariants_open(void)
 {
     model_agent = {};
     model_machine = {};
@@ -552,17 +417,17 @@ void rules_open(void)
     previous_boot_open();
 }
 
-const simulate_finding &rules_finding(void)
+const simulate_finding &invariants_finding(void)
 {
     return s_finding;
 }
 
-const std::vector<uint64_t> &rules_blocks(void)
+const std::vector<uint64_t> &invariants_blocks(void)
 {
     return model_machine.blocks;
 }
 
-void rules_close(void)
+void invariants_close(void)
 {
     for (const auto &row : s_watches)
         calls_set_watch(row.name, NULL);

@@ -1,4 +1,4 @@
-/* The rooms of a long run. Host's one thread. */
+/* Random machines and the invariants that they are checked against. Host's one thread. */
 #ifndef SIMULATION_MACHINES_H
 #define SIMULATION_MACHINES_H
 
@@ -17,26 +17,21 @@
 void machine_generate(rapidjson::Document &document, uint64_t seed);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
-/* How the blocks of a machine of that seed are kept: one machine in sixteen has fenced or guarded
- * blocks, of which none may be lost. And whether it is played at log level debug. Both cost time. */
-enum oxnih_memory_mode machine_memory_mode(uint64_t seed);
-bool machine_is_talkative(uint64_t seed);
-
-/* rules.cpp */
+/* invariants.cpp */
 
 struct simulate_finding {
-    std::string rule; /* its short name in docs/simulation.md; empty: none is broken */
+    std::string invariant; /* its name in docs/simulation.md; empty: none is broken */
     std::string what;
     uint64_t ms; /* since the start of Windows */
     int boot;    /* from 1 */
 };
 
-/* Looks on from here; called between play_open and the first boot. */
-void rules_open(void);
-/* The first rule that was broken. */
-const simulate_finding &rules_finding(void);
+/* Checks from here on; called between play_open and the first boot. */
+void invariants_open(void);
+/* The first invariant that was broken. */
+const simulate_finding &invariants_finding(void);
 /* Live blocks at each end of the agent's process so far. */
-const std::vector<uint64_t> &rules_blocks(void);
-void rules_close(void);
+const std::vector<uint64_t> &invariants_blocks(void);
+void invariants_close(void);
 
 #endif

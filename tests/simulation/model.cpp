@@ -5,6 +5,9 @@
 
 #include <algorithm>
 
+#include <oxni/base/log.h>
+#include <oxni/base/time.h>
+
 #include "liboxnibase/host.h"
 #include "agent/agent.h"
 #include "evidence/system_events.h"
@@ -49,16 +52,41 @@ static std::wstring driver_file(const char *name)
     return text_wide(agent_base_folder() + "\\Quorvel\\OXNI3_CFG\\driver\\" + name);
 }
 
+static bool has_base_folder(void)
+{
+    char folder[260];
+
+    return oxni_log_dir(folder, sizeof(folder)) != 0;
+}
+
 static bool drivers_updated(void)
 {
     uint64_t time = write_time(driver_file("oxni_driver_updata.cfg"));
 
-    return time != 0 && time >= machine_get().boot_100ns;
+    return has_base_folder() && time != 0 && time >= machine_get().boot_100ns;
 }
 
 bool model_tag_exists(void)
 {
-    return write_time(driver_file("oxni_driver_recover")) != 0;
+    return has_base_folder() && write_time(driver_file("oxni_driver_recover")) != 0;
+}
+
+/* Local text of a file's creation time; of 1970 when there is no such file. */
+static std::string creation_text(const std::wstring &real_path)
+{
+    const auto &times = machine_get().created_100ns;
+    const auto at = times.find(text_lower(real_path));
+    FILETIME created = {};
+    struct tm local = {};
+    char text[32];
+
+    if (at != times.end() && write_time(real_path) != 0)
+        created = {static_cast<DWORD>(at->second), static_cast<DWORD>(at->second >> 32)};
+    if (oxni_time_stamp_to_local(at != times.end() ? oxni_filetime_to_timet(&created) : 0,
+                                 &local) != 0)
+        return "1970-01-01 00:00:00";
+    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
+    return text;
 }
 
 /* Newest record of either event; NULL when there is none or the log could not be opened. query: how
@@ -102,13 +130,14 @@ static std::set<std::string> stack_modules(const std::string &text)
     return modules;
 }
 
-/* Modules on the stack of the dump that this boot's blame goes by: the newest small one written
- * since the start of Windows, or else the complete one. */
-static std::set<std::string> crashed_modules(void)
+/* Modules on the stack of the dump that the blame of this boot is based on: the newest minidump if
+ * it was written since the start of Windows, or else the complete dump. small_path: of the newest
+ * minidump, however old; empty: none. */
+static std::set<std::string> crashed_modules(std::wstring *small_path)
 {
     const struct machine &machine = machine_get();
     const std::string *small = NULL, *complete = NULL;
-    uint64_t newest_small = machine.boot_100ns;
+    uint64_t newest_small = 0;
 
     for (const auto &stack : machine.stacks) {
         uint64_t time = write_time(machine_real_path(stack.first));
@@ -118,7 +147,8 @@ static std::set<std::string> crashed_modules(void)
                 complete = &stack.second;
         } else if (time > newest_small) {
             newest_small = time;
-            small = &stack.second;
+            *small_path = machine_real_path(stack.first);
+            small = time > machine.boot_100ns ? &stack.second : NULL;
         }
     }
     if (!machine.has_engine || !machine.engine_faults.empty() ||
@@ -257,16 +287,18 @@ static const std::string *first_blamed(const std::set<std::string> &stack)
 static void model_crash(member &member)
 {
     const std::string *blamed;
+    std::wstring small_path;
 
     if (drivers_updated())
         return;
-    blamed = first_blamed(crashed_modules());
+    blamed = first_blamed(crashed_modules(&small_path));
     if (blamed == NULL) {
         store(member);
         return;
     }
     model_machine.has_crash = true;
     model_machine.blamed = *blamed;
+    model_machine.dump_created = creation_text(small_path);
     for (oxni_subscriber *subscriber : model_agent.table)
         expect_order(subscriber, "bypass", *blamed, 0);
 }
@@ -275,7 +307,7 @@ static void model_power_loss(oxni_subscriber *subscriber, member &member)
 {
     if (member.status != STATUS_BYPASS && member.count <= 1)
         return;
-    if (member.status != STATUS_BYPASS && !drivers_updated()) {
+    if (member.status != STATUS_BYPASS && !model_tag_exists() && !drivers_updated()) {
         member.count--;
         expect_order(subscriber, "set_count", "none", member.count);
     }

@@ -1,6 +1,6 @@
 /*
- * The model that goes along with the plug-in on a random machine: told only of what passes between
- * plug-in and platform, it says which commands, chains and entries of the store must come of it.
+ * The model of the plug-in on a random machine: from what passes between plug-in and platform, it
+ * predicts commands, chains and entries of the store.
  * Host's one thread.
  */
 #ifndef SIMULATION_MODEL_H
@@ -91,6 +91,7 @@ struct delivery {
     uint64_t plain_timer; /* function of the last timer without a context */
     bool plain_failed;
     oxni_subscriber *leaves; /* released although it was never filed */
+    bool undeletable;        /* the recovery tag */
 };
 
 /* Of the agent's process. */
@@ -100,6 +101,7 @@ struct agent_model {
     std::map<uint64_t, chain> chains;     /* by context */
     std::map<uint64_t, timer> timers;     /* pending ones by handle */
     uint64_t recover_function, uptime_function;
+    bool recover_missed;            /* the timer that watches the tag could not be armed */
     json_t *document;               /* the plug-in's own, borrowed */
     std::set<std::string> bypassed; /* names that were in bypass */
     bool only_normal;
@@ -111,15 +113,16 @@ struct agent_model {
     delivery now;
 };
 
-/* Of the machine, whatever agents come and go. */
+/* Of the machine; outlives the agents. */
 struct machine_model {
     std::map<std::string, entry> store;
     bool has_crash;
     std::string blamed;
+    std::string dump_created; /* creation time of the minidump that was blamed with, as text */
     std::set<std::string> bypassed;
     std::string on_disk; /* the document in the store's file */
     uint64_t on_disk_hash;
-    bool behind; /* it could not be written since */
+    bool behind; /* the document changed, and its last write failed */
     std::vector<uint64_t> blocks;
     uint64_t boot_seconds; /* of the boot that the store is of */
 };
@@ -129,7 +132,7 @@ extern struct machine_model model_machine;
 
 /* A member's text; empty when there is none. */
 std::string model_text(const json_t *object, const char *name);
-/* Whether the recovery tag is there. */
+/* Whether the plug-in can find a recovery tag. */
 bool model_tag_exists(void);
 /* Polls that a chain has at its start. */
 int model_polls_at_start(void);

@@ -1,4 +1,5 @@
-/* The loop of a long run: play, tell, and make the scenario of a failing machine small. */
+/* The loop of the simulation: plays machines, prints findings, and shrinks the scenario of a failing
+ * machine. */
 #include "simulate.h"
 
 #include <inttypes.h>
@@ -49,23 +50,23 @@ static played play_machine(const rapidjson::Document &document, const run_folder
     scenario.document.CopyFrom(document, scenario.document.GetAllocator());
     try {
         play_open(scenario, play);
-        rules_open();
-        while (rules_finding().rule.empty() && play_begin_boot()) {
+        invariants_open();
+        while (invariants_finding().invariant.empty() && play_begin_boot()) {
             play_run_until(play_boot_end_ms());
             play_end_boot();
             played.boots++;
         }
-        played.finding = rules_finding();
+        played.finding = invariants_finding();
     } catch (const devhost_error &error) {
         if (error.status != EXIT_EXPECTATION_FAILED) {
-            rules_close();
+            invariants_close();
             (void)play_close();
             throw;
         }
         played.finding = {"no exception", error.what(), oxnih_clock_tick_ms(), journal_boot()};
     }
-    played.blocks = rules_blocks();
-    rules_close();
+    played.blocks = invariants_blocks();
+    invariants_close();
     (void)play_close();
     return played;
 }
@@ -78,7 +79,7 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
     played first = play_machine(document, folder, options), second;
     rapidjson::Document noisy;
 
-    if (!twin || !first.finding.rule.empty())
+    if (!twin || !first.finding.invariant.empty())
         return first;
     noisy.CopyFrom(document, noisy.GetAllocator());
     machine_add_noise(noisy, first.boots);
@@ -86,22 +87,23 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
     second = play_machine(noisy, folder, options);
     first.boots += second.boots;
     first.finding = second.finding;
-    if (first.finding.rule.empty() && first.blocks != second.blocks)
-        first.finding = {"equal machines", "commands without effect leave memory behind", 0, 0};
+    if (first.finding.invariant.empty() && first.blocks != second.blocks)
+        first.finding = {"equal machines", "commands without effect leak memory", 0, 0};
     return first;
 }
 
-/* Whether a smaller machine still breaks the rule. */
-static bool still_breaks(const rapidjson::Document &document, const std::string &rule,
+/* Whether a smaller machine still breaks the invariant. */
+static bool still_breaks(const rapidjson::Document &document, const std::string &invariant,
                          const run_folder &folder, const struct simulate_options &options)
 {
     struct scenario scenario;
 
     scenario.document.CopyFrom(document, scenario.document.GetAllocator());
     try {
-        watch_try("a machine that was made smaller: the one of the finding above", 0);
+        watch_try("a shrunk machine of the finding above", 0);
         scenario_check(scenario);
-        return play_pair(document, rule == "equal machines", folder, options).finding.rule == rule;
+        return play_pair(document, invariant == "equal machines", folder, options)
+                   .finding.invariant == invariant;
     } catch (const devhost_error &) {
         return false; /* it lacks something that another part of it needs */
     }
@@ -159,12 +161,12 @@ static void save(const rapidjson::Document &document, const std::string &file)
         throw devhost_error(EXIT_BAD_CALL, file + ": cannot be written");
 }
 
-static void tell_finding(const simulate_finding &finding, uint64_t seed)
+static void print_finding(const simulate_finding &finding, uint64_t seed)
 {
     printf("\nbroken: %s: %s\n  at %s of boot %d of machine %" PRIu64
-           "\n  again: ./dev simulate --boots 1 --seed %" PRIu64 "\n",
-           finding.rule.c_str(), finding.what.c_str(), time_span(finding.ms).c_str(), finding.boot,
-           seed, seed);
+           "\n  reproduce: ./dev simulate --boots 1 --seed %" PRIu64 "\n",
+           finding.invariant.c_str(), finding.what.c_str(), time_span(finding.ms).c_str(),
+           finding.boot, seed, seed);
     fflush(stdout);
 }
 
@@ -173,16 +175,17 @@ static void shrink(rapidjson::Document &document, const simulate_finding &findin
 {
     std::string file = options.save + text_format("\\simulated-%" PRIu64 ".json", seed);
     auto breaks = [&](const rapidjson::Document &smaller) {
-        return still_breaks(smaller, finding.rule, folder, options);
+        return still_breaks(smaller, finding.invariant, folder, options);
     };
 
     while (shrink_value(document, document, breaks)) {
     }
     document.AddMember(
-        "about", json_value((finding.rule + ": " + finding.what).c_str(), document.GetAllocator()),
+        "about",
+        json_value((finding.invariant + ": " + finding.what).c_str(), document.GetAllocator()),
         document.GetAllocator());
     save(document, file);
-    printf("  made small: %s, shown by ./dev run, judged by ./dev simulate --file\n", file.c_str());
+    printf("  shrunk to %s: ./dev run shows it, ./dev simulate --file checks it\n", file.c_str());
 }
 
 /* A machine's hash: of all calls of its plug-in with arguments and results, and of the number of
@@ -218,10 +221,10 @@ static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)
 }
 
 struct progress {
-    uint64_t boots, machines, started_ms, told_ms;
+    uint64_t boots, machines, started_ms, printed_ms;
 };
 
-static void tell_progress(progress &progress, uint64_t now, const char *what)
+static void print_progress(progress &progress, uint64_t now, const char *what)
 {
     double seconds = static_cast<double>(now - progress.started_ms) / 1000.0;
 
@@ -229,7 +232,21 @@ static void tell_progress(progress &progress, uint64_t now, const char *what)
            progress.boots, progress.machines, seconds,
            static_cast<double>(progress.boots) / (seconds > 0 ? seconds : 1));
     fflush(stdout);
-    progress.told_ms = now;
+    progress.printed_ms = now;
+}
+
+/* One machine in 16 has fenced or guarded blocks, of which none may be lost. */
+static enum oxnih_memory_mode memory_mode(uint64_t seed)
+{
+    if (seed % 128 == 4)
+        return OXNIH_MEMORY_GUARD;
+    return seed % 16 == 4 ? OXNIH_MEMORY_FENCE : OXNIH_MEMORY_PLAIN;
+}
+
+/* One machine in 16 logs at each level. Log lines and guarded blocks take time. */
+static int log_level(uint64_t seed)
+{
+    return seed % 16 <= OXNI_LOG_DEBUG ? OXNI_LOG_DEBUG - static_cast<int>(seed % 16) : -1;
 }
 
 static int play_random(const run_folder &folder, const struct simulate_options &options)
@@ -244,24 +261,24 @@ static int play_random(const run_folder &folder, const struct simulate_options &
             hash_begin(folder);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
         machine_generate(document, seed);
-        oxnih_log_set_level(machine_is_talkative(seed) ? OXNI_LOG_DEBUG : -1);
-        oxnih_memory_set_mode(machine_memory_mode(seed));
+        oxnih_log_set_level(log_level(seed));
+        oxnih_memory_set_mode(memory_mode(seed));
         played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
         progress.machines++;
         if (options.hash_calls)
             hash_print(seed, played.blocks);
-        if (!played.finding.rule.empty()) {
-            tell_progress(progress, GetTickCount64(), "");
-            tell_finding(played.finding, seed);
+        if (!played.finding.invariant.empty()) {
+            print_progress(progress, GetTickCount64(), "");
+            print_finding(played.finding, seed);
             if (options.shrink)
                 shrink(document, played.finding, seed, folder, options);
             return EXIT_EXPECTATION_FAILED;
         }
-        if (GetTickCount64() - progress.told_ms >= PROGRESS_MS)
-            tell_progress(progress, GetTickCount64(), "");
+        if (GetTickCount64() - progress.printed_ms >= PROGRESS_MS)
+            print_progress(progress, GetTickCount64(), "");
     }
-    tell_progress(progress, GetTickCount64(), "no rule broken: ");
+    print_progress(progress, GetTickCount64(), "no invariant is broken: ");
     return EXIT_ALL_HOLD;
 }
 
@@ -272,12 +289,12 @@ static int play_file(const run_folder &folder, const struct simulate_options &op
 
     scenario_load(scenario, options.file, {});
     played = play_pair(scenario.document, true, folder, options);
-    if (played.finding.rule.empty()) {
-        printf("%s: no rule broken\n", options.file.c_str());
+    if (played.finding.invariant.empty()) {
+        printf("%s: no invariant is broken\n", options.file.c_str());
         return EXIT_ALL_HOLD;
     }
     printf("%s: broken: %s: %s\n  at %s of boot %d\n", options.file.c_str(),
-           played.finding.rule.c_str(), played.finding.what.c_str(),
+           played.finding.invariant.c_str(), played.finding.what.c_str(),
            time_span(played.finding.ms).c_str(), played.finding.boot);
     return EXIT_EXPECTATION_FAILED;
 }

@@ -1,6 +1,6 @@
 /*
- * Long runs: random machines played boot after boot through the real plug-in, against rules that
- * hold whatever happens to a machine. What is random and which rules: docs/simulation.md.
+ * Simulation: plays random machines boot after boot through the real plug-in and checks invariants.
+ * docs/simulation.md lists what is random, and the invariants.
  */
 #ifndef SIMULATE_H
 #define SIMULATE_H
@@ -21,7 +21,7 @@ struct simulate_options {
     bool hash_calls = false; /* each machine's hash of its plug-in's calls is printed */
 };
 
-/* Plays until a rule is broken or all boots are played, and tells how it goes. Result: enum
+/* Plays until an invariant is broken or all boots are played, and prints the progress. Result: enum
  * devhost_exit. Throws devhost_error. Host's one thread. */
 int simulate_run(const struct simulate_options &options);
 

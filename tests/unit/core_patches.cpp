@@ -6,9 +6,7 @@
 #include <string.h>
 #include <windows.h>
 
-#include <oxni/base/debug_console.h>
 #include <oxni/base/memory.h>
-#include <oxni/base/resource.h>
 #include <oxni/base/timer.h>
 
 #include "bypass_mgr_recover.h"
@@ -81,7 +79,7 @@ static json_t *load_document(const char *path)
 
 static const oxni_subscriber_attr *get_attr(oxni_subscriber *subscriber)
 {
-    return reinterpret_cast<oxni_subscriber_attr *>(subscriber);
+    return s_core.nameless ? NULL : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
 }
 
 static void retain(oxni_subscriber *)
@@ -153,15 +151,23 @@ static uint64_t get_ticks(void)
     return s_core.uptime_seconds * 1000;
 }
 
-static int watch_resource(const char *, unsigned, oxni_res_state_fn)
+static int watch_resource(const char *, unsigned, oxni_res_state_fn fn)
 {
+    s_core.link = fn;
+    return 0;
+}
+
+static int ask_management(const char *, const char *, unsigned, oxni_dbg_echo_fn answer)
+{
+    s_core.answer = answer;
     return 0;
 }
 
 static int install(const char *, const char *, unsigned, oxni_subscribee_fn fn,
-                   oxni_subscribee_second_fn)
+                   oxni_subscribee_second_fn second)
 {
     s_core.install_cb = fn;
+    s_core.install_second = second;
     return 0;
 }
 
@@ -197,7 +203,8 @@ core_patches::core_patches()
       information_("GetFileInformationByHandle", get_information),
       close_("CloseHandle", close_handle), tick_("oxni_time_get_tick_cout", get_ticks),
       require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
-      declare_("oxni_dbg_decl", declare_command), sleep_("oxni_msleep", do_not_sleep)
+      declare_("oxni_dbg_decl", declare_command), sleep_("oxni_msleep", do_not_sleep),
+      exec_("oxni_dbg_exec", ask_management)
 {
     (void)bypass_mgr_table_create();
     oxnih_set_log_dir("C:\\base");

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include <oxni/base/debug_console.h>
 #include <oxni/base/json.h>
+#include <oxni/base/resource.h>
 #include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
 #include <oxni/base/timer.h>
@@ -18,6 +20,7 @@
 struct core_state {
     bool tag;                /* there is a recovery tag; deleting it clears this */
     bool updated;            /* the drivers were updated in this boot */
+    bool nameless;           /* no handle has attributes */
     uint64_t uptime_seconds; /* of Windows */
     json_t *document;        /* what the store's file holds, owned; NULL: no file */
     /* Recorded calls. "tag?" looks whether the tag exists, "tag-" deletes it, "update?" asks for
@@ -30,7 +33,10 @@ struct core_state {
     void *cookie;
     oxni_subscriber *pushed_to;
     oxni_subscribee_fn install_cb;
+    oxni_subscribee_second_fn install_second;
     oxni_timer_fn last_timer; /* the one that was started last */
+    oxni_res_state_fn link;   /* of the management link */
+    oxni_dbg_echo_fn answer;  /* of the management side */
 };
 extern core_state s_core;
 
@@ -44,7 +50,8 @@ class core_patches
 
   private:
     import_patch push_, dump_, load_, attr_, retain_, release_, start_, stop_, exist_, delete_,
-        open_wide_, open_narrow_, information_, close_, tick_, require_, install_, declare_, sleep_;
+        open_wide_, open_narrow_, information_, close_, tick_, require_, install_, declare_, sleep_,
+        exec_;
 };
 
 /* Handle number 0 to 3; their names are "a" to "d". */

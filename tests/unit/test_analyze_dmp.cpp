@@ -73,7 +73,7 @@ static FARPROC WINAPI watched_address(HMODULE, const char *)
     return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(create_watched));
 }
 
-/* Before all tests, whatever their order: the engine is looked for only until it is found. */
+/* Before all tests: the engine is searched for only until it is found. */
 struct engine_search : public testing::Environment {
     void SetUp() override
     {
@@ -162,7 +162,7 @@ TEST(test_get_dmp_info, no_memory_for_the_text)
     EXPECT_TRUE(stopped);
 }
 
-/* An engine of the test's own, which writes down what it is asked. */
+/* An engine of this test, which records its calls. */
 #define ENGINE_SLOTS 128
 
 struct recording_object {
@@ -220,8 +220,7 @@ static HRESULT STDMETHODCALLTYPE note_frames(recording_object *, ULONG64 frame, 
                                              ULONG size, ULONG *filled)
 {
     note("frames " + std::to_string(frame + stack + instruction) + " of " + std::to_string(size));
-    EXPECT_EQ(frames[size].InstructionOffset,
-              0u); /* there is room for one more, and it is zeroed */
+    EXPECT_EQ(frames[size].InstructionOffset, 0u); /* the array has one more element, zeroed */
     *filled = 7;
     return S_OK;
 }

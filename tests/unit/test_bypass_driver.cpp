@@ -38,6 +38,10 @@ TEST(test_read_load_driver_value, values)
     }
     EXPECT_EQ(read_load_driver_value(L"Missing", &value), 2u);
     EXPECT_EQ(read_load_driver_value(NULL, &value), 87u);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SYSTEM");
+    log_forget();
+    EXPECT_EQ(read_load_driver_value(L"Count", &value), 2u);
+    EXPECT_TRUE(log_contains("open service key SYSTEM\\CurrentControlSet"));
 }
 
 TEST(test_get_errortime_string, times)

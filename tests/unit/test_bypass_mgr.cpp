@@ -4,11 +4,9 @@
 
 #include <gtest/gtest.h>
 
-#include <oxni/base/debug_console.h>
-#include <oxni/base/resource.h>
-
 #include "bypass_mgr_debug.h"
 #include "bypass_mgr_schema.h"
+#include "core_patches.h"
 #include "driver_update.h"
 #include "liboxnibase/host.h"
 #include "platform_path.h"
@@ -102,25 +100,11 @@ TEST(platform_path, no_tag_and_no_update_below_a_long_base_folder)
     EXPECT_FALSE(s_opened);
 }
 
-static oxni_res_state_fn s_link;
-static oxni_dbg_echo_fn s_reply;
 static int s_failing; /* the nth allocation fails */
 static std::pair<std::string, int> s_fatal;
 
 struct process_end {
 };
-
-static int keep_link(const char *, unsigned, oxni_res_state_fn fn)
-{
-    s_link = fn;
-    return 0;
-}
-
-static int keep_reply(const char *, const char *, unsigned, oxni_dbg_echo_fn reply)
-{
-    s_reply = reply;
-    return 0;
-}
 
 static void *failing_malloc(size_t size)
 {
@@ -140,27 +124,27 @@ static void end_process(const char *file, int line)
 
 TEST(report_link, the_guard_names_the_allocation_that_failed)
 {
-    const import_patch require("oxni_res_require", keep_link), exec("oxni_dbg_exec", keep_reply),
-        end("oxni_out_of_memory_", end_process);
+    const core_patches patches;
+    const import_patch end("oxni_out_of_memory_", end_process);
     int record_line, name_line;
 
     report_link_create();
     report_link_watch();
-    s_link("path", 1);
+    s_core.link("path", 1);
     {
         const import_patch malloc("oxni_zero_malloc_", failing_malloc);
         s_failing = 1;
-        EXPECT_THROW(s_reply(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
+        EXPECT_THROW(s_core.answer(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
         EXPECT_EQ("report_link.cpp", s_fatal.first);
         record_line = s_fatal.second;
     }
     {
         const import_patch strdup("oxni_strdup", failing_strdup);
-        EXPECT_THROW(s_reply(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
+        EXPECT_THROW(s_core.answer(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
         name_line = s_fatal.second;
     }
     EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
-    s_link("path", 0);
+    s_core.link("path", 0);
 }
 
 /* A product that is named twice has the later ids, and nothing of the earlier ones is left. */
@@ -168,20 +152,20 @@ TEST(report_link, a_product_named_twice)
 {
     static const char answer[] =
         R"({"total": 2, "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
-    const import_patch require("oxni_res_require", keep_link), exec("oxni_dbg_exec", keep_reply);
+    const core_patches patches;
 
     report_link_create();
     report_link_watch();
-    s_link("path", 1);
+    s_core.link("path", 1);
     EXPECT_FALSE(report_link_connected());
-    s_reply(0, answer);
+    s_core.answer(0, answer);
     EXPECT_TRUE(report_link_connected());
     const uint64_t blocks = live_blocks();
     for (int again = 0; again < 3; again++)
-        s_reply(0, answer);
+        s_core.answer(0, answer);
     EXPECT_EQ(blocks, live_blocks());
     EXPECT_STREQ("1", report_link_device("a")->device_id);
     EXPECT_STREQ("1", report_link_device("b")->device_id);
-    s_link("path", 0);
+    s_core.link("path", 0);
     report_link_create();
 }

@@ -96,7 +96,7 @@ TEST(test_command, unregistered)
     EXPECT_TRUE(log_contains("The subscriber may have lost contact"));
 }
 
-/* Whichever allocation fails, the result says whether the command was sent; only the reason of one
+/* Whichever allocation fails, the result shows whether the command was sent; only the reason of one
  * that was sent may be missing. */
 TEST(test_command, memory)
 {

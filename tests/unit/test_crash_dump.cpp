@@ -141,6 +141,29 @@ TEST(test_find_new_crash_dump, record_and_names)
     oxnih_set_install_dir(NULL);
 }
 
+/* Without a minidump the complete dump counts, and its path stays unknown. */
+TEST(test_find_new_crash_dump, complete_dump)
+{
+    temporary_folder folder;
+    const std::filesystem::path dump = folder.path / "MEMORY.DMP";
+    crash_module_set modules;
+    std::string path = "before";
+    uint64_t time = 7;
+
+    std::filesystem::create_directories(folder.path);
+    CloseHandle(CreateFileW(dump.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL));
+    registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(dump.wstring()));
+    registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes((folder.path / "no").wstring()));
+    engine_play(dump.c_str(), "Call Site\ndrv+1\n", "OpenDumpFileWide");
+    EXPECT_FALSE(find_new_crash_dump(5, 0, &modules, &time, &path));
+    EXPECT_EQ(path, "before");
+    engine_play(dump.c_str(), "Call Site\ndrv+1\n");
+    EXPECT_TRUE(find_new_crash_dump(5, 0, &modules, &time, &path));
+    EXPECT_EQ(path, "");
+    EXPECT_GT(time, MOMENT_FILETIME);
+    EXPECT_EQ(modules, crash_module_set{"drv"});
+}
+
 static BOOL WINAPI two_times(HANDLE, BY_HANDLE_FILE_INFORMATION *information)
 {
     information->ftCreationTime = {1, 1};

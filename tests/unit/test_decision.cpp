@@ -1,4 +1,4 @@
-/* What a verdict leads to: which calls, in which order, and what stays as it is. */
+/* The calls that follow a verdict, in order, and what remains unchanged. */
 #include "core_patches.h"
 
 #include <gtest/gtest.h>

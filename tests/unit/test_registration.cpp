@@ -152,7 +152,7 @@ static oxni_subscriber *new_subscriber(const oxni_subscriber_attr *)
     return core_subscriber(3);
 }
 
-/* A registration that lacks a member is none. */
+/* An incomplete registration is not sent. */
 TEST(test_bypass_subscriber, memory)
 {
     const core_patches patches;

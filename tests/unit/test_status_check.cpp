@@ -51,7 +51,7 @@ static int note_verdict(int32_t result, const crash_module_set &modules,
     s_verdict.modules = modules.size();
     s_verdict.has_path = !dump_path.empty();
     if (s_verdict.throws)
-        throw std::range_error("callback");
+        throw std::length_error("callback");
     return 99;
 }
 
@@ -90,7 +90,7 @@ TEST(test_start_bypass_status_check, polls)
     }
 }
 
-/* Wherever the check cannot go on it says so, once. */
+/* A check that cannot continue reports its failure once. */
 TEST(test_start_bypass_status_check, cannot_go_on)
 {
     const uint64_t blocks = live_blocks();
@@ -199,7 +199,7 @@ TEST(test_start_bypass_status_check, no_memory)
     registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(path));
     registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes(folder));
     engine_play(path.c_str(), "Call Site\na_driver_with_a_long_name+1\nnt!x\n");
-    play_check(0); /* whatever is created once and kept */
+    play_check(0); /* creates what is kept */
     for (uint64_t nth = 1; nth < 200 && reached; nth++)
         for (const bool forever : {true, false}) {
             SCOPED_TRACE(testing::Message() << "allocation " << nth << " forever " << forever);

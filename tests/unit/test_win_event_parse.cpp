@@ -66,8 +66,8 @@ TEST(test_find_expected_event, blocks)
         size_t found; /* offset of the record that is taken */
         const char *warning; /* part of a log line, or NULL */
     } rows[] = {
-        {"behind one of odd length", odd + crash, odd.size(), NULL},
-        {"behind one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
+        {"after one of odd length", odd + crash, odd.size(), NULL},
+        {"after one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
          event_record(12 + 64, KERNEL).size(), NULL},
         {"length of zero", with_length(other, 0) + crash, none, NULL},
         {"length of zero, itself expected", with_length(crash, 0), 0, NULL},
@@ -78,7 +78,7 @@ TEST(test_find_expected_event, blocks)
          "event id[1001] provider len[0] record len[56] left len[0]"},
         {"endless name, then a good record", endless_name(8) + start, 72,
          "event id[1001] provider len[8] record len[72] left len[8]"},
-        {"name ends just behind the length", with_length(cut(crash, 74), 72), none,
+        {"name ends just after the length", with_length(cut(crash, 74), 72), none,
          "event id[1001] provider len[8] record len[72] left len[8]"},
         {"name ends with the length", with_length(crash, 74), 0, NULL},
         {"length below the header's, name inside the block", with_length(crash, 55), 0, NULL},

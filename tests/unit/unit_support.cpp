@@ -15,7 +15,6 @@
 #include "liboxnibase/host.h"
 #include "proc_address.h"
 
-static block s_log_bytes; /* what ReadEventLogW still has to return */
 /* Of fixed size: lines arrive while allocations fail. */
 static char s_lines[1 << 16];
 static size_t s_lines_bytes;
@@ -120,28 +119,22 @@ static void *failing_malloc(size_t bytes)
 }
 
 failing_allocations::failing_allocations(uint64_t nth, bool forever)
-    : malloc_("malloc", failing_malloc), failed_before_(failed_blocks())
+    : failing_memory(nth, forever), malloc_("malloc", failing_malloc)
 {
     s_real_malloc =
         proc_address<decltype(s_real_malloc)>(GetModuleHandleW(L"msvcrt.dll"), "malloc");
     s_fail_in = nth;
     s_malloc_failed = false;
-    oxnih_memory_fail(nth, forever);
-}
-
-failing_allocations::~failing_allocations()
-{
-    oxnih_memory_fail(0, 0);
 }
 
 bool failing_allocations::reached() const
 {
-    return s_malloc_failed || failed_blocks() != failed_before_;
+    return s_malloc_failed || failing_memory::reached();
 }
 
-failing_memory::failing_memory(uint64_t nth) : failed_before_(failed_blocks())
+failing_memory::failing_memory(uint64_t nth, bool forever) : failed_before_(failed_blocks())
 {
-    oxnih_memory_fail(nth, 0);
+    oxnih_memory_fail(nth, forever);
 }
 
 failing_memory::~failing_memory()
@@ -162,11 +155,6 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
     require(RegSetKeyValueW(HKEY_LOCAL_MACHINE, path, name, type, guarded.data(),
                             (DWORD)bytes.size()) == 0,
             "value not set");
-}
-
-std::string wide_bytes(const std::wstring &text)
-{
-    return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
 }
 
 temporary_folder::~temporary_folder()
@@ -204,74 +192,6 @@ listed_file::listed_file(const wchar_t *name, uint64_t written)
 {
     s_name = name;
     s_written = written;
-}
-
-static void put_text(block *bytes, const std::wstring &text)
-{
-    const std::string from = wide_bytes(text + L'\0');
-
-    bytes->insert(bytes->end(), from.begin(), from.end());
-}
-
-block event_record(uint32_t event_id, const std::wstring &source,
-                   const std::vector<std::wstring> &strings)
-{
-    block bytes(sizeof(EVENTLOGRECORD));
-    EVENTLOGRECORD header = {};
-
-    put_text(&bytes, source);
-    put_text(&bytes, L"COMPUTER");
-    header.StringOffset = (DWORD)bytes.size();
-    for (const std::wstring &text : strings)
-        put_text(&bytes, text);
-    bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
-    header.Length = (DWORD)bytes.size();
-    header.Reserved = 0x654c664c;
-    header.TimeGenerated = header.TimeWritten = MOMENT;
-    header.EventID = event_id;
-    header.NumStrings = (WORD)strings.size();
-    memcpy(bytes.data(), &header, sizeof(header));
-    memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
-    return bytes;
-}
-
-int system_log::logs_open;
-bool system_log::read_throws;
-
-static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
-{
-    system_log::logs_open++;
-    return &s_log_bytes;
-}
-
-static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
-                            DWORD *needed)
-{
-    if (system_log::read_throws)
-        throw std::range_error("read");
-    if (s_log_bytes.empty() || s_log_bytes.size() > size) {
-        *needed = (DWORD)s_log_bytes.size();
-        SetLastError(s_log_bytes.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
-    }
-    memcpy(buffer, s_log_bytes.data(), s_log_bytes.size());
-    *filled = (DWORD)s_log_bytes.size();
-    s_log_bytes.clear();
-    return TRUE;
-}
-
-static BOOL WINAPI close_log(HANDLE)
-{
-    system_log::logs_open--;
-    return TRUE;
-}
-
-system_log::system_log(const block &bytes)
-    : open_("OpenEventLogW", open_log), read_("ReadEventLogW", read_log),
-      close_("CloseEventLog", close_log)
-{
-    s_log_bytes = bytes;
-    read_throws = false;
 }
 
 template <typename Function> static Function engine_export(const char *name)

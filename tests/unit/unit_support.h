@@ -12,8 +12,7 @@
 
 #include "engine_script.h"
 #include "import_patch.h"
-
-typedef std::vector<uint8_t> block;
+#include "system_log.h"
 
 /* 2024-03-07 09:05:41 UTC, in seconds since 1970 and as a file time. */
 #define MOMENT          1709802341
@@ -35,40 +34,35 @@ class log_sink
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
 
-/* While it lives, the nth call of malloc in this executable fails, and so does the nth allocation of
- * the platform's allocator: C++ code may use either. forever: all later ones of the platform's, too;
- * without malloc the C++ library could not even throw. Test code that runs meanwhile must not
- * allocate. */
-class failing_allocations
+/* While it lives, the nth allocation of the platform's allocator fails; forever: all later ones, too.
+ * Test code may allocate by other means. */
+class failing_memory
 {
   public:
-    failing_allocations(uint64_t nth, bool forever);
-    ~failing_allocations();
+    explicit failing_memory(uint64_t nth, bool forever = false);
+    ~failing_memory();
     /* Whether any allocation has failed. */
     bool reached() const;
 
   private:
-    import_patch malloc_;
     uint64_t failed_before_;
 };
 
-/* The same for the platform's allocator alone, once: test code may allocate. */
-class failing_memory
+/* The nth call of malloc in this executable fails, too, once: C++ code may use either. Test code that
+ * runs meanwhile must not allocate. */
+class failing_allocations : public failing_memory
 {
   public:
-    explicit failing_memory(uint64_t nth);
-    ~failing_memory();
+    failing_allocations(uint64_t nth, bool forever);
     bool reached() const;
 
   private:
-    uint64_t failed_before_;
+    import_patch malloc_;
 };
 
 /* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
  * are stored as they are. */
 void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes);
-/* UTF-16 as the registry stores it, without a terminator. */
-std::string wide_bytes(const std::wstring &text);
 
 /* A folder below the system's temporary one, removed with its content. */
 struct temporary_folder {
@@ -88,24 +82,6 @@ class listed_file
 
   private:
     import_patch first_, next_, close_;
-};
-
-/* The bytes of one log record, laid out as Windows does. */
-block event_record(uint32_t event_id, const std::wstring &source,
-                   const std::vector<std::wstring> &strings = {});
-
-/* While it lives, the System log holds these bytes, returned in one read when they fit. */
-class system_log
-{
-  public:
-    explicit system_log(const block &bytes);
-    /* Logs that were not closed, of all objects. */
-    static int logs_open;
-    /* Whether a read throws std::runtime_error("read"). */
-    static bool read_throws;
-
-  private:
-    import_patch open_, read_, close_;
 };
 
 /* How the stand-in engine plays from here on: the dump of that path has this stack text, and the

@@ -1,0 +1,156 @@
+/* The documents of the plug-in: the model's store against the document in memory and the one on the
+ * disk, and the upload history. */
+#include "invariants.h"
+
+#include <oxni/base/ejs.h>
+#include <oxni/base/json.h>
+
+#include "agent/agent.h"
+#include "base/text.h"
+#include "model.h"
+#include "scenario/journal.h"
+
+#define STORE_FILE       "bypass_mgr_persistence.ejs"
+#define HISTORY_FILE     "bypass_mgr_upload.ejs"
+#define DUMP_RECORD_FILE "bypass_mgr_dumprecord.ejs"
+
+/* One step of FNV-1a, with 64 bits at a time. */
+static uint64_t hash_step(uint64_t hash, uint64_t value)
+{
+    return (hash ^ value) * 0x100000001b3ull;
+}
+
+static uint64_t hash_text(uint64_t hash, const char *text)
+{
+    for (; *text != '\0'; text++)
+        hash = hash_step(hash, static_cast<uint8_t>(*text));
+    return hash_step(hash, 0x100); /* no byte: the end */
+}
+
+/* Of all that the text of a value shows, but for reals, of which the store has none. */
+static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
+{
+    const char *name;
+    json_t *inner;
+    size_t index;
+
+    hash = hash_step(hash, value != NULL ? json_typeof(value) : JSON_NULL);
+    if (json_is_string(value))
+        return hash_text(hash, json_string_value(value));
+    if (json_is_integer(value))
+        return hash_step(hash, static_cast<uint64_t>(json_integer_value(value)));
+    json_object_foreach(value, name, inner)
+    {
+        hash = hash_of(inner, hash_text(hash, name));
+    }
+    json_array_foreach(value, index, inner)
+    {
+        hash = hash_of(inner, hash);
+    }
+    return hash_step(hash, 0x100);
+}
+
+void documents_check_store(void)
+{
+    json_t *data = json_object_get(model_agent.document, "data");
+    const char *name;
+    json_t *value;
+
+    WANT(model_machine.behind || hash_of(model_agent.document) == model_machine.on_disk_hash,
+         "store on disk", "the file holds " + model_machine.on_disk);
+    WANT(json_object_size(data) == model_machine.store.size() + (model_machine.has_crash ? 1 : 0),
+         "store", "it holds " + text_of_json(data));
+    json_object_foreach(data, name, value)
+    {
+        auto at = model_machine.store.find(name);
+
+        if (std::string(name) == "crash_info") {
+            WANT(model_machine.has_crash &&
+                     model_text(value, "module_name") == model_machine.blamed &&
+                     model_text(value, "create_time") == model_machine.dump_created,
+                 "blame", "the store blames " + text_of_json(value));
+            continue;
+        }
+        WANT(at != model_machine.store.end() &&
+                 json_integer_value(json_object_get(value, "count")) == at->second.count &&
+                 json_integer_value(json_object_get(value, "status")) == at->second.status,
+             "store", std::string(name) + " is stored as " + text_of_json(value));
+    }
+}
+
+static bool ends_with(uint64_t path, const std::string &name)
+{
+    std::string text = reinterpret_cast<const char *>(path);
+
+    return text.size() >= name.size() && text.substr(text.size() - name.size()) == name;
+}
+
+static void set_on_disk(json_t *document)
+{
+    model_machine.on_disk = text_of_json(document);
+    model_machine.on_disk_hash = hash_of(document);
+}
+
+void documents_on_load(const uint64_t *a, uint64_t result)
+{
+    if (!ends_with(a[0], STORE_FILE))
+        return;
+    model_agent.document = reinterpret_cast<json_t *>(result);
+    set_on_disk(model_agent.document);
+}
+
+void documents_on_dump(const uint64_t *a, uint64_t result)
+{
+    json_t *read;
+
+    model_agent.records_written += ends_with(a[1], DUMP_RECORD_FILE);
+    if (!ends_with(a[1], STORE_FILE))
+        return;
+    model_agent.document = reinterpret_cast<json_t *>(a[0]);
+    model_machine.behind = static_cast<int>(result) != 0;
+    if (model_machine.behind)
+        return;
+    read = wdu_json_load_file_ejs(reinterpret_cast<const char *>(a[1]));
+    set_on_disk(read);
+    json_decref(read);
+}
+
+void documents_check_history(void)
+{
+    json_t *history = wdu_json_load_file_ejs(agent_data_path(HISTORY_FILE).c_str()), *value;
+    const char *name;
+
+    json_object_foreach(history, name, value)
+    {
+        WANT(model_machine.bypassed.count(name) != 0, "alarms",
+             std::string(name) + " is in the history and was never in bypass");
+    }
+    json_decref(history);
+}
+
+/* What the file holds is what there is, when its last writing failed. */
+void documents_fall_back(void)
+{
+    json_t *document = json_loads(model_machine.on_disk.c_str(), 0, NULL), *value;
+    const char *name;
+
+    model_machine.behind = false;
+    model_machine.store.clear();
+    model_machine.has_crash = false;
+    model_machine.boot_seconds =
+        static_cast<uint64_t>(json_integer_value(json_object_get(document, "start_time"))) +
+        UNIX_EPOCH_SECONDS;
+    json_object_foreach(json_object_get(document, "data"), name, value)
+    {
+        if (std::string(name) != "crash_info") {
+            model_machine.store[name] = {
+                json_integer_value(json_object_get(value, "count")),
+                static_cast<int>(json_integer_value(json_object_get(value, "status")))};
+            continue;
+        }
+        model_machine.has_crash = true;
+        model_machine.blamed = model_text(value, "module_name");
+        model_machine.dump_created = model_text(value, "create_time");
+    }
+    json_decref(document);
+}

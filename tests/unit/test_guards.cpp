@@ -1,0 +1,290 @@
+/* Guards that no host reaches in order: missing arguments, calls of Windows that fail at odd
+ * moments, and memory that runs out in the store and in a report. */
+#include "core_patches.h"
+
+#include <gtest/gtest.h>
+
+#include <oxni/base/debug_console.h>
+#include <oxni/base/log.h>
+#include <oxni/base/memory.h>
+#include <oxni/base/resource.h>
+
+#include "bypass_mgr.h"
+#include "bypass_mgr_command.h"
+#include "bypass_mgr_debug.h"
+#include "bypass_mgr_decision.h"
+#include "bypass_mgr_registry.h"
+#include "bypass_mgr_report.h"
+#include "bypass_mgr_store.h"
+#include "crash_dump.h"
+#include "liboxnibase/host.h"
+#include "report_abnormal_crash.h"
+#include "report_history.h"
+#include "report_link.h"
+#include "report_pending.h"
+#include "unit_support.h"
+#include "win_event_parse.h"
+
+static int s_echoes;
+
+static void count_echo(oxni_dbg_context *, int, const char *)
+{
+    s_echoes++;
+}
+
+/* Nothing is called, and the product that is registered remains. */
+TEST(test_guards, missing_arguments)
+{
+    const core_patches patches;
+    const import_patch echo("oxni_dbg_echo", count_echo);
+    char word[] = "other", option[] = "-r", *arguments[] = {word, option};
+
+    EXPECT_EQ(bypass_mgr_init(), 0);
+    core_product(0, STATUS_BYPASS, 3);
+    core_calls();
+    s_echoes = 0;
+    log_forget();
+    suber_set_free(NULL);
+    EXPECT_TRUE(log_contains("suber_set is NULL"));
+    bypass_mgr_unsubscribe(NULL);
+    s_core.install_second();
+    report_forget(NULL);
+    EXPECT_FALSE(upload_history_need_report(NULL));
+    EXPECT_FALSE(upload_history_save(NULL));
+    EXPECT_FALSE(upload_history_delete(NULL));
+    bypass_mgr_dbg_cmd(2, arguments, NULL);
+    EXPECT_EQ(s_echoes, 0);
+    EXPECT_EQ(core_calls(), "");
+    EXPECT_NE(bypass_mgr_table_find(core_subscriber(0)), nullptr);
+}
+
+/* A product and a handle without names have empty ones in log lines, and no entry in the store. */
+TEST(test_guards, missing_names)
+{
+    const core_patches patches;
+    const struct bypass_cmd request = {"bypass", "m", 0};
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+
+    oxni_free_(record->product_name);
+    record->product_name = NULL;
+    s_core.nameless = true;
+    log_forget();
+    (void)bypass_mgr_check_cb(3, {}, "", {}, core_subscriber(0));
+    EXPECT_TRUE(log_contains("The product () has already passed"));
+    EXPECT_EQ(core_calls(), "tag?; store {}; release a");
+    for (const int32_t error : {5, 0}) {
+        (void)bypass_mgr_send(core_subscriber(0), &request);
+        s_core.reply(error, s_core.cookie, s_core.pushed_to, NULL);
+        s_core.cookie = NULL;
+    }
+    EXPECT_TRUE(log_contains("Successfully send bypass command, ns(), name()"));
+    bypass_mgr_unsubscribe(core_subscriber(0));
+    EXPECT_TRUE(log_contains("bypass_mgr subscriber ns() name :  unsubscribe!"));
+}
+
+template <typename... Arguments> static BOOL WINAPI refuse(Arguments...)
+{
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+
+static HANDLE WINAPI open_any(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
+                              HANDLE)
+{
+    return &s_core;
+}
+
+/* A dump whose creation time cannot be read has the time 0. */
+TEST(test_guards, creation_time_of_a_dump)
+{
+    const core_patches patches;
+    const import_patch open("CreateFileA", open_any);
+    const import_patch times("GetFileTime", refuse<HANDLE, FILETIME *, FILETIME *, FILETIME *>);
+
+    core_product(0, STATUS_WORKING, 2);
+    log_forget();
+    (void)bypass_mgr_check_cb(2, {"ma"}, "C:\\d", {}, core_subscriber(0));
+    EXPECT_TRUE(log_contains("Failed to GetFileTime [C:\\d]"));
+    EXPECT_NE(core_calls().find("'module_name':'ma'"), std::string::npos);
+}
+
+static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *)
+{
+    *filled = 0;
+    return TRUE;
+}
+
+static std::vector<DWORD> s_expanded; /* results of the next calls, the last one first */
+
+static DWORD WINAPI expand(const wchar_t *, wchar_t *, DWORD)
+{
+    const DWORD chars = s_expanded.back();
+
+    s_expanded.pop_back();
+    return chars;
+}
+
+TEST(test_guards, calls_of_windows)
+{
+    const import_patch information("GetFileInformationByHandle",
+                                   refuse<HANDLE, BY_HANDLE_FILE_INFORMATION *>);
+    const temporary_folder folder;
+    const std::wstring path = (folder.path / "d.dmp").wstring();
+    uint64_t time = 7;
+
+    std::filesystem::create_directories(folder.path);
+    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL));
+    EXPECT_EQ(get_file_write_time(path.c_str(), &time), (uint32_t)ERROR_ACCESS_DENIED);
+    EXPECT_EQ(time, 7u);
+    EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    for (const std::vector<DWORD> &results : {
+             std::vector<DWORD>{0   },
+             { 0, 300},
+             { 400, 300}
+    }) {
+        const import_patch patch("ExpandEnvironmentStringsW", expand);
+        s_expanded = results;
+        EXPECT_EQ(expand_env_path(L"%A%"), L"");
+        EXPECT_TRUE(s_expanded.empty());
+    }
+    {
+        const system_log log({});
+        const import_patch read("ReadEventLogW", read_nothing);
+        event_info info = {};
+        EXPECT_EQ(win_event_parse().get_crash_info(&info, {NULL, 0}), 13u);
+        EXPECT_EQ(system_log::logs_open, 0);
+    }
+}
+
+/* Whichever allocation fails, a product's entry is stored as a whole or not at all; a document that
+ * could not be made is made by the next entry. */
+TEST(test_guards, store_without_memory)
+{
+    const core_patches patches;
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+    bool reached = true;
+
+    s_core.document = NULL;
+    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
+        SCOPED_TRACE(nth);
+        {
+            failing_memory failing(nth);
+            bypass_mgr_store_load(5);
+            bypass_mgr_store_product(record);
+            reached = failing.reached();
+        }
+        const int64_t count = bypass_mgr_stored_count("a");
+        EXPECT_EQ(bypass_mgr_stored_status("a"), count == 3 ? STATUS_BYPASS : STATUS_UNKNOWN);
+        EXPECT_TRUE(count == 3 || (count == -1 && reached));
+    }
+    EXPECT_FALSE(reached);
+    {
+        failing_memory failing(1, true);
+        bypass_mgr_store_load(5);
+        bypass_mgr_store_product(record);
+    }
+    bypass_mgr_store_product(record);
+    EXPECT_EQ(bypass_mgr_stored_count("a"), 3);
+}
+
+static int s_alarms, s_deliver_result;
+
+static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_fn, unsigned)
+{
+    const json_t *content = json_object_get(json_object_get(request, "data"), "content");
+    const json_t *data = json_object_get(content, "data");
+    const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
+
+    s_alarms++;
+    EXPECT_EQ(json_object_size(data), 26u);
+    EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
+    EXPECT_NE(detail == NULL
+                  ? NULL
+                  : strstr(detail,
+                           "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": \"C:\\\\d\", "
+                           "\"dumpPathCreateTime\": \"then\", \"crashModuleName\": \"ma\"}}]"),
+              nullptr)
+        << detail;
+    json_decref(request);
+    if (s_deliver_result == 0)
+        oxni_free_(user);
+    return s_deliver_result;
+}
+
+static int insert_nothing(oxni_xhash *, const void *, size_t, void *)
+{
+    return -1;
+}
+
+static int info_level(void)
+{
+    return OXNI_LOG_INFO;
+}
+
+/* Whichever allocation fails, an alarm is delivered once with all its members, or not at all, and
+ * nothing of it leaks. */
+TEST(test_guards, alarm_without_memory)
+{
+    static const char answer[] = R"({"total": 1, "info": [{"product": "a", "device_id": "d",
+                                                          "agent_version": "1"}]})";
+    const core_patches patches;
+    const import_patch deliver("oxni_res_deliver", keep_alarm);
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+    bool reached = true;
+
+    report_link_create();
+    report_link_watch();
+    s_core.link("path", 1);
+    {
+        const import_patch insert("oxni_xhash_insert", insert_nothing);
+        const uint64_t blocks = live_blocks();
+        s_core.answer(0, answer);
+        EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_FALSE(report_link_connected());
+    }
+    s_core.answer(0, answer);
+    record->parsed = 1;
+    record->crash = {"C:\\d", "then", "ma"};
+    for (uint64_t nth = 1; nth < 300 && reached; nth++) {
+        SCOPED_TRACE(nth);
+        const uint64_t blocks = live_blocks();
+        s_alarms = 0;
+        {
+            failing_memory failing(nth);
+            EXPECT_EQ(bypass_mgr_report_trigger(record), nth == 1 ? -1 : 0);
+            reached = failing.reached();
+        }
+        EXPECT_LE(s_alarms, 1);
+        EXPECT_TRUE(s_alarms == 1 || reached);
+        report_forget("a");
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+    EXPECT_FALSE(reached);
+    {
+        const import_patch insert("oxni_xhash_insert", insert_nothing),
+            level("oxni_log_level_get", info_level);
+        const uint64_t blocks = live_blocks();
+        s_deliver_result = -1;
+        log_forget();
+        EXPECT_EQ(bypass_mgr_report_trigger(record), 0);
+        EXPECT_FALSE(log_contains("crach info"));
+        EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_FALSE(report_pending_has("a"));
+        s_deliver_result = 0;
+    }
+    s_core.link("path", 0);
+    report_link_create();
+}
+
+/* A path that does not fit is empty, and names no other file. */
+TEST(test_guards, long_install_folder)
+{
+    const core_patches patches;
+
+    oxnih_set_install_dir(("C:\\" + std::string(240, 'i') + "\\x").c_str());
+    log_forget();
+    EXPECT_TRUE(upload_history_need_report("a"));
+    EXPECT_TRUE(log_contains("cannot be resolved or is too long"));
+    EXPECT_TRUE(log_contains("Failed to open []!"));
+    oxnih_set_install_dir(NULL);
+}
