@@ -91,7 +91,8 @@ static void add_product(std::vector<replay_product> *products, const replay_prod
 {
     for (const replay_product &other : *products)
         if (other.name == product.name)
-            throw devhost_error(EXIT_BAD_CALL, "product \"" + product.name + "\" is given twice");
+            throw devhost_error(EXIT_BAD_CALL, "--product, --products: product \"" + product.name +
+                                                   "\" is given twice");
     products->push_back(product);
 }
 

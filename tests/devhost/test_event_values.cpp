@@ -1,66 +1,69 @@
-/* The library's text of signed integers in event records, of every size: our build corrects it. */
-#include <stdint.h>
+/* The text of values in event records, as the classic event-log interface shows it. */
 #include <string.h>
 
 #include <string>
 
 #include <gtest/gtest.h>
 
-/* Functions of the library that its header does not declare. */
-extern "C" {
-int libfvalue_integer_initialize(intptr_t **integer, intptr_t **error);
-int libfvalue_integer_free(intptr_t **integer, intptr_t **error);
-int libfvalue_integer_copy_from_byte_stream(intptr_t *integer, const uint8_t *bytes, size_t size,
-                                            int encoding, intptr_t **error);
-int libfvalue_integer_get_string_size(intptr_t *integer, size_t *size, uint32_t flags,
-                                      intptr_t **error);
-int libfvalue_integer_copy_to_utf8_string_with_index(intptr_t *integer, uint8_t *text, size_t size,
-                                                     size_t *index, uint32_t flags,
-                                                     intptr_t **error);
-}
+#include "base/text.h"
+#include "evidence/evtx_values.h"
 
-#define LITTLE_ENDIAN_BYTES 'l'
-#define SIGNED_DECIMAL      0x101u
-
-static std::string text_of(int64_t value, size_t bytes)
+namespace
 {
-    intptr_t *integer = NULL;
-    uint8_t stream[sizeof(value)], text[32] = {};
-    size_t size = 0, index = 0;
+struct row {
+    uint8_t type;
+    std::string bytes;
+    const char *text;
+};
 
-    memcpy(stream, &value, sizeof(value));
-    EXPECT_EQ(1, libfvalue_integer_initialize(&integer, NULL));
-    EXPECT_EQ(1, libfvalue_integer_copy_from_byte_stream(integer, stream, bytes,
-                                                         LITTLE_ENDIAN_BYTES, NULL));
-    EXPECT_EQ(1, libfvalue_integer_get_string_size(integer, &size, SIGNED_DECIMAL, NULL));
-    EXPECT_EQ(1, libfvalue_integer_copy_to_utf8_string_with_index(integer, text, size, &index,
-                                                                  SIGNED_DECIMAL, NULL));
-    libfvalue_integer_free(&integer, NULL);
-    return reinterpret_cast<const char *>(text);
-}
-
-TEST(event_values, signed_integers)
+TEST(event_values, are_shown_as_windows_shows_them)
 {
-    static const struct {
-        int64_t value;
-        size_t bytes;
-    } rows[] = {
-        {-1,          1},
-        {INT8_MIN,    1},
-        {-180,        2},
-        {INT16_MIN,   2},
-        {-180,        4},
-        {-1,          4},
-        {-2147024891, 4},
-        {INT32_MIN,   4},
-        {-180,        8},
-        {INT64_MIN,   8},
-        {0,           4},
-        {INT32_MAX,   4},
-        {INT64_MAX,   8},
+    const row rows[] = {
+        {EVTX_INT8,                                               "\x80",                                                  "-128"                                                                                  },
+        {EVTX_INT16,                                              "\x4c\xff",                                              "-180"                                                                                  },
+        {EVTX_INT32,                                              "\x4c\xff\xff\xff",                                      "-180"                                                                                  },
+        {EVTX_INT64,                                              std::string("\0\0\0\0\0\0\0\x80",                        8),                                                                                       "-9223372036854775808"},
+        {EVTX_UINT32,                                                       "\xff\xff\xff\xff",                                                                                                    "4294967295"                                                                                                                   },
+        {EVTX_UINT64,                                                       "\xff\xff\xff\xff\xff\xff\xff\xff",                                                                                                    "18446744073709551615"},
+        {EVTX_HEX32,                                                       std::string("\xe7\x03\0\0",                                                                                                     4),                                                                                                                             "0x3e7"},
+        {EVTX_SIZE,                                                std::string("\x10\0\0\0\0\0\0\0",                                                                                                       8),                                                           "0x10"},
+        {EVTX_BOOLEAN,                                                     std::string("\1\0\0\0",4),                              "true"},
+        {EVTX_BINARY,"\x0f\xa0",                                   "0FA0"                                                                                       },
+        {EVTX_STRING,                                             std::string("a\0\xac\x20\0\0x\0",                                                                                                              8),                                                                                                                                                              "a\xe2\x82\xac"},
+        {EVTX_STRING,                                             "\x3d\xd8\x42\xde",                        "\xf0\x9f\x99\x82"},
+        {EVTX_FILETIME,                                                       std::string("\0\0\0\0\0\0\0\0",                                                                                                    8),                                                                                                                              "1601-01-01T00:00:00.000000000Z"},
+        {EVTX_FILETIME,                                                       std::string("\x87\x9f\xbd\xdb\x6d\x70\xda\x01",                                                                                                  8),
+         "2024-03-07T09:00:10.123456700Z"},
+        {EVTX_FILETIME,                       "\xff\xff\xff\xff\xff\xff\xff\x7f",                                                                              "30828-09-14T02:48:05.477580700Z"                            },
+        {EVTX_SYSTEMTIME,                                                     std::string("\xe8\7\3\0\4\0\7\0\x09\0\0\0\x0a\0\x05\0",                                                                                 16),
+         "2024-03-07T09:00:10.005Z"},
+        {EVTX_SID,std::string("\1\1\0\0\0\0\0\5\x12\0\0\0",12),    "S-1-5-18"},
+        {EVTX_SID,std::string("\1\2\0\0\0\0\0\5\x12\0\0\0",12),                                                                                                                                                                                 ""},
+        {EVTX_INT32,                                                "\xff",                                                                 ""                                                                                                                                                                                                              },
+        {0x7f,                                                       "\xff",                                                                                                       ""                                                                                                                                                                                                          },
     };
 
-    for (const auto &row : rows)
-        EXPECT_EQ(std::to_string(row.value), text_of(row.value, row.bytes))
-            << row.bytes << " bytes";
+    for (const row &each : rows) {
+        std::wstring text;
+
+        evtx_append_value(each.type, reinterpret_cast<const uint8_t *>(each.bytes.data()),
+                          each.bytes.size(), &text);
+        EXPECT_EQ(each.text, text_narrow(text)) << static_cast<int>(each.type);
+    }
 }
+
+TEST(event_values, elements_of_arrays_are_strings)
+{
+    const std::string texts("a\0\0\0\0\0b\0", 8), numbers("\1\0\xff\xff", 4);
+    event_strings strings, integers;
+
+    evtx_add_array(EVTX_STRING, reinterpret_cast<const uint8_t *>(texts.data()), texts.size(),
+                   &strings);
+    evtx_add_array(EVTX_INT16, reinterpret_cast<const uint8_t *>(numbers.data()), numbers.size(),
+                   &integers);
+    EXPECT_EQ(3u, strings.count());
+    EXPECT_EQ(L"b", strings.at(2));
+    EXPECT_EQ(2u, integers.count());
+    EXPECT_EQ(L"-1", integers.at(1));
+}
+} // namespace
