@@ -37,7 +37,7 @@ bool binary_xml::read_values(cursor *in, std::vector<value> *values)
         return false;
     values->resize(count);
     for (uint32_t i = 0; i < count; i++) {
-        const uint8_t *description = chunk_ + descriptions + 4 * i;
+        const uint8_t *description = chunk_ + descriptions + 4ull * i;
 
         (*values)[i] = {in->at, evtx_load<uint16_t>(description), description[2]};
         in->skip((*values)[i].size);

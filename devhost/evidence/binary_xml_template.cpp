@@ -7,7 +7,7 @@ bool binary_xml::is_name(const uint8_t *units, uint32_t count, const char *text)
 {
     for (uint32_t i = 0; i < count; i++)
         if (text[i] == '\0' ||
-            evtx_load<uint16_t>(units + 2 * i) != static_cast<unsigned char>(text[i]))
+            evtx_load<uint16_t>(units + 2ull * i) != static_cast<unsigned char>(text[i]))
             return false;
     return text[count] == '\0';
 }

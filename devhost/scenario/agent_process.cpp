@@ -1,7 +1,10 @@
 /* The agent in a scenario. */
 #include "agent_process.h"
 
+#include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
+#include "../machine/calls.h"
+#include "../machine/machine.h"
 #include "callbacks.h"
 #include "management.h"
 #include "observe.h"
@@ -15,6 +18,24 @@ static void forget_agent(void)
     products_agent_stopped();
     observe_agent_stopped();
     callbacks_agent_stopped();
+}
+
+static uint64_t failed_token_calls(void)
+{
+    return calls_failed("OpenProcessToken") + calls_failed("LookupPrivilegeValueA") +
+           calls_failed("AdjustTokenPrivileges");
+}
+
+static uint64_t s_failed_before; /* of these calls, at the start of the process */
+
+/* The token belongs to the whole process: a plug-in must not change it for the others, unless a call
+ * that it needs fails. */
+static void check_token(void)
+{
+    const std::string changes = machine_token_changes();
+
+    if (!changes.empty() && failed_token_calls() == s_failed_before)
+        oxnih_complain("the agent's token is not as it was: %s", changes.c_str());
 }
 
 /* The plug-in may have ended the process in its entry. Result: whether it did. */
@@ -33,6 +54,7 @@ void agent_process_start(void)
     if (agent_state_get() == AGENT_RUNNING)
         return;
     journal_add(HAPPENED_AGENT, "agent", "starts and loads the plug-in");
+    s_failed_before = failed_token_calls();
     agent_start();
     if (ended_in_entry())
         return;
@@ -54,6 +76,7 @@ void agent_process_stop(const std::string &why)
         return;
     /* Recorded while everything is still there to be examined. */
     journal_add(HAPPENED_AGENT, "agent", why);
+    check_token();
     agent_stop();
     forget_agent();
 }

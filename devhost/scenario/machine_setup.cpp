@@ -87,7 +87,8 @@ static void set_processes(const node &processes)
         machine.processes.push_back({static_cast<uint32_t>(process.integer("pid", 0)),
                                      static_cast<uint32_t>(process.integer("parent", 0)),
                                      wide_of(process, "name"),
-                                     timeline_time(process["created"], machine.boot_100ns)});
+                                     timeline_time(process["created"], machine.boot_100ns),
+                                     process.flag("protected", false)});
 }
 
 static void set_services(const node &services)

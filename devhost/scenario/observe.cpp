@@ -53,16 +53,16 @@ static std::string message_words(const json_t *message)
     return words;
 }
 
-/* A command of the plug-in as a phrase. */
-static std::string command_words(const json_t *message)
+/* A command of the plug-in to a product as a phrase. */
+static std::string command_words(const std::string &who, const json_t *message)
 {
-    std::string reason = text_member(message, "reason");
+    const std::string reason = text_member(message, "reason"), type = text_member(message, "type");
     const json_t *count = json_object_get(message, "count");
-    std::string words = text_member(message, "type");
 
-    if (count != NULL)
-        words += " " + text_of_json(count);
-    return reason == "none" ? words : words + " because of " + reason;
+    if (type == "bypass")
+        return "orders " + who + " into bypass" +
+               (reason == "none" ? "" : " (blamed driver: " + reason + ")");
+    return "orders " + who + ": " + type + (count != NULL ? " " + text_of_json(count) : "");
 }
 
 /* An upload as a phrase. */
@@ -86,14 +86,14 @@ static bool observe_product(const oxnih_event *event, const std::string &who,
         return true;
     case OXNIH_EVENT_PUSHED:
         product_pushed(event->subscriber);
-        journal_add(HAPPENED_COMMAND, "plug-in",
-                    "orders " + who + ": " + command_words(event->message), message, 0, who);
+        journal_add(HAPPENED_COMMAND, "plug-in", command_words(who, event->message), message, 0,
+                    who);
         return true;
     case OXNIH_EVENT_REPLY:
         product_replied(event->subscriber);
         journal_add(HAPPENED_REPLY, who,
-                    event->error == 0 ? "got the order"
-                                      : text_format("is not reached, error %d", event->error),
+                    event->error == 0 ? "receives the order"
+                                      : text_format("cannot be reached, error %d", event->error),
                     message, event->error);
         return true;
     default: return false;
@@ -129,7 +129,7 @@ static void observe(const oxnih_event *event, void *user)
         return;
     switch (event->kind) {
     case OXNIH_EVENT_REFUSED:
-        journal_add(HAPPENED_REFUSED, who.empty() ? name : who, "is refused: " + text, message);
+        journal_add(HAPPENED_REFUSED, who.empty() ? name : who, "is rejected: " + text, message);
         break;
     case OXNIH_EVENT_LINK:
         journal_add(HAPPENED_LINK, "management", event->error != 0 ? "link is up" : "link is down",

@@ -132,7 +132,7 @@ static void answer_now(void *user)
 
     if (product.status != answer->status || product.count != answer->count)
         journal_add(HAPPENED_STATE, product.key,
-                    text_format("is %s now, count %lld", answer->status.c_str(),
+                    text_format("changes to %s, count %lld", answer->status.c_str(),
                                 static_cast<long long>(answer->count)));
     product.status = answer->status;
     product.count = answer->count;
@@ -166,7 +166,7 @@ static void product_cb(oxni_subscriber *subscriber, uint32_t event, void *arg, j
     product->commands++;
     product->last_command = std::string(type);
     if (reason != NULL && std::string(reason) != "none")
-        product->last_command += std::string(" because of ") + reason;
+        product->last_command += std::string(" (blamed driver: ") + reason + ")";
     product->last_command +=
         " at " + time_span(timeline_now_ms()) + " of boot " + std::to_string(journal_boot());
     plan_answer(*product, type, json_integer_value(json_object_get(message, "count")));

@@ -147,6 +147,32 @@ static void step_delete_file(const step_context &context)
     say(std::string("file ") + context.value->GetString() + " is deleted");
 }
 
+/* Another program opens the file for reading and writing, and shares it as stated. */
+static void step_hold_file(const step_context &context)
+{
+    static const struct {
+        const char *name;
+        DWORD share;
+    } shares[] = {
+        {"none",       0                                                     },
+        {"read",       FILE_SHARE_READ                                       },
+        {"read_write", FILE_SHARE_READ | FILE_SHARE_WRITE                    },
+        {"all",        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE}
+    };
+    const std::string share = context.step.text("share", "none");
+
+    for (const auto &row : shares)
+        if (share == row.name)
+            machine_hold_file(machine_setup_path(context.value->GetString()), row.share);
+    say(std::string("file ") + context.value->GetString() + " is held open, shared: " + share);
+}
+
+static void step_release_file(const step_context &context)
+{
+    machine_release_file(machine_setup_path(context.value->GetString()));
+    say(std::string("file ") + context.value->GetString() + " is closed by its holder");
+}
+
 /* A copy is a new file: created now, its content as before. */
 static void step_copy_file(const step_context &context)
 {
@@ -244,6 +270,8 @@ static const struct {
     {"file",            step_file           },
     {"delete_file",     step_delete_file    },
     {"copy_file",       step_copy_file      },
+    {"hold_file",       step_hold_file      },
+    {"release_file",    step_release_file   },
     {"registry",        step_registry       },
     {"delete_value",    step_delete_value   },
     {"delete_key",      step_delete_key     },

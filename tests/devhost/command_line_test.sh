@@ -139,7 +139,7 @@ sys.exit(0 if {"scenario", "boot", "command", "log", "result"} <= kinds else 1)'
     failures=$((failures + 1))
 }
 printf '+70s\nbypass -p\nstatus\nnext\nnext\n' | "$wine" "$program" console "$scenarios/default.json" >out.txt 2>err.txt
-grep -q '"product_name": "guard", "status": 2' out.txt && grep -q 'guard .*ordered bypass because of guard_flt' out.txt &&
+grep -q '"product_name": "guard", "status": 2' out.txt && grep -q 'guard .*ordered bypass (blamed driver: guard_flt)' out.txt &&
     grep -q "no further boot" out.txt || {
     echo "FAILED: console: $(cat err.txt)"
     failures=$((failures + 1))
