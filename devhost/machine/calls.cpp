@@ -97,6 +97,18 @@ static std::string subscriber_text(uint64_t value)
     return attr != NULL ? text_format("%s/%s", attr->ns, attr->name) : "null";
 }
 
+/* "SeSecurityPrivilege enabled" */
+static std::string privilege_text(const TOKEN_PRIVILEGES *wanted)
+{
+    if (wanted == NULL || wanted->PrivilegeCount == 0)
+        return "null";
+    const LUID_AND_ATTRIBUTES &first = wanted->Privileges[0];
+    return machine_privilege_name(first.Luid.LowPart) +
+           ((first.Attributes & SE_PRIVILEGE_REMOVED) != 0   ? " removed"
+            : (first.Attributes & SE_PRIVILEGE_ENABLED) != 0 ? " enabled"
+                                                             : " disabled");
+}
+
 static std::string value_text(char letter, uint64_t value)
 {
     switch (letter) {
@@ -114,6 +126,7 @@ static std::string value_text(char letter, uint64_t value)
     case 'j':
     case 'J': return text_of_json(reinterpret_cast<const json_t *>(value));
     case 'S': return subscriber_text(value);
+    case 't': return privilege_text(reinterpret_cast<const TOKEN_PRIVILEGES *>(value));
     case 'p': return value != 0 ? "*" : "null";
     default: return "";
     }

@@ -3,7 +3,7 @@
  * how it fails.
  *
  * Letters for a value: d i32, u u32, x hexadecimal u32, U u64, s narrow text, w wide text, h
- * handle, k registry key, j JSON, J JSON that a failing call takes over, too, S subscriber, p
+ * handle, k registry key, t the first privilege of a token and its new state, j JSON, J JSON that a failing call takes over, too, S subscriber, p
  * pointer (null or not), . not shown, v none.
  * Not shown, and set by a failing call: o a text, to empty; n a u32, to 0; N a u32, to 64 KiB where
  * the error says that so much room is needed; O a pointer, to NULL.
@@ -62,7 +62,7 @@ static const struct call_row s_rows[] = {
     {"kernel32.dll",        "GetCurrentProcess",            "",                 'h', '-'},
     {"advapi32.dll",        "OpenProcessToken",             "hx.",              'd', 'B'},
     {"advapi32.dll",        "LookupPrivilegeValueA",        "ss.",              'd', 'B'},
-    {"advapi32.dll",        "AdjustTokenPrivileges",        "hd.u..",           'd', 'A'},
+    {"advapi32.dll",        "AdjustTokenPrivileges",        "hdtu..",           'd', 'A'},
     {"advapi32.dll",        "OpenEventLogW",                "ww",               'h', 'B'},
     {"advapi32.dll",        "ReadEventLogW",                "hxu.unN",          'd', 'B'},
     {"advapi32.dll",        "CloseEventLog",                "h",                'd', '-'},

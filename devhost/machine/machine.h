@@ -168,6 +168,8 @@ bool machine_process_grants(HANDLE handle, DWORD rights);
 /* token.cpp: whether the handle was a token; it is closed then. */
 bool machine_close_token(HANDLE handle);
 bool machine_token_has_enabled(const char *name);
+/* The name of a privilege by its LUID; empty: there is none. */
+std::string machine_privilege_name(DWORD luid);
 
 /* Handles of stand-ins: a number that no real handle has. Each is given once in a process. */
 HANDLE machine_new_handle(void);

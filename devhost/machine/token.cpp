@@ -66,6 +66,13 @@ static bool luid_of(const std::string &name, DWORD *luid)
     return false;
 }
 
+std::string machine_privilege_name(DWORD luid)
+{
+    const DWORD place = luid - FIRST_LUID;
+
+    return place < ARRAYSIZE(s_names) ? s_names[place] : "";
+}
+
 static bool is_held(const LUID &luid)
 {
     const DWORD place = luid.LowPart - FIRST_LUID;
