@@ -85,7 +85,7 @@ static void note_refusal(const wchar_t *path, HRESULT result, const char *reason
 static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
 {
     if (name == NULL)
-        return LoadLibraryW(name);
+        return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HMODULE>(NULL));
     std::wstring lower = text_lower(std::wstring(name));
 
     if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")

@@ -49,7 +49,7 @@ static std::wstring make_folder(void)
     wchar_t temp[MAX_PATH];
 
     GetTempPathW(ARRAYSIZE(temp), temp);
-    const std::wstring folder =
+    std::wstring folder =
         std::wstring(temp) + L"windows_check-" + std::to_wstring(GetCurrentProcessId());
     CreateDirectoryW(folder.c_str(), NULL);
     return folder;
