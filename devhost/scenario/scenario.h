@@ -51,9 +51,12 @@ class node
     {
         return value_ != NULL;
     }
+    /* A missing value reads as null. */
     const json_value &operator*() const
     {
-        return *value_;
+        static const json_value none;
+
+        return value_ != NULL ? *value_ : none;
     }
     const json_value *operator->() const
     {

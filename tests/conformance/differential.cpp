@@ -299,14 +299,17 @@ static void begin_registry(registry_calls &on)
 
 static void end_registry(registry_calls &on)
 {
-    for (int i = 3; i >= 1; i--)
-        if (on.keys[i] != NULL)
-            on.close(on.keys[i]);
-    for (const wchar_t *name : {L"one\\two", L"one", L"three"})
-        on.remove(on.keys[0], name);
-    on.remove(HKEY_LOCAL_MACHINE, REAL_KEY);
-    on.close(on.keys[0]);
+    for (const HKEY key : on.keys)
+        if (key != NULL)
+            on.close(key);
     memset(on.keys, 0, sizeof(on.keys));
+}
+
+/* Both keys with all below them, also those of an earlier process. */
+static void remove_keys(void)
+{
+    machine_delete_key(REAL_KEY);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, REAL_KEY);
 }
 
 static void set_value(const std::wstring &key)
@@ -325,6 +328,7 @@ static std::string play_registry(registry_calls &ours, registry_calls &real)
     static const REGSAM accesses[] = {KEY_READ, KEY_ALL_ACCESS, KEY_QUERY_VALUE};
     std::string problem;
 
+    remove_keys();
     begin_registry(ours);
     begin_registry(real);
     set_value(REAL_KEY);
@@ -338,6 +342,7 @@ static std::string play_registry(registry_calls &ours, registry_calls &real)
     }
     end_registry(ours);
     end_registry(real);
+    remove_keys();
     return problem;
 }
 
