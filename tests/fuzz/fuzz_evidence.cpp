@@ -9,14 +9,20 @@
 
 #include <functional>
 
+#include <oxni/base/algo.h>
+
 #include "base/text.h"
+#include "evidence/evtx_writer.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
-#include "evtx_builder.h"
+#include "evidence/system_events.h"
 #include "replay/replay.h"
 #include "scenario/scenario.h"
 
-#define MOMENT_FILETIME 133542759410000000ULL
+#define MOMENT                  1709802341u /* seconds since 1970 */
+#define EVTX_HEADER_BYTES       4096u
+#define EVTX_CHUNK_BYTES        65536u
+#define EVTX_CHUNK_HEADER_BYTES 512u
 
 /* Bytes of good files, one of which is damaged. */
 static std::vector<std::string> s_good;
@@ -77,22 +83,61 @@ static void read_log(const std::string &path, chance &chance)
         violated("damage was read where none is allowed");
 }
 
+static void patch(std::string *log, size_t at, uint32_t value)
+{
+    memcpy(&(*log)[at], &value, sizeof(value));
+}
+
+/* Makes the check sums of a changed log right, so that a reader does not stop at them. */
+static void seal(std::string *log)
+{
+    if (log->size() < EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES)
+        return;
+    patch(log, 0x7C, oxni_crc32_calc(log->data(), 0x78));
+    for (size_t chunk = EVTX_HEADER_BYTES; chunk + EVTX_CHUNK_HEADER_BYTES <= log->size();
+         chunk += EVTX_CHUNK_BYTES) {
+        uint32_t end = 0;
+
+        memcpy(&end, &(*log)[chunk + 0x30], sizeof(end));
+        if (end >= EVTX_CHUNK_HEADER_BYTES && end <= EVTX_CHUNK_BYTES && chunk + end <= log->size())
+            patch(log, chunk + 0x34,
+                  oxni_crc32_calc(&(*log)[chunk + EVTX_CHUNK_HEADER_BYTES],
+                                  end - EVTX_CHUNK_HEADER_BYTES));
+        const std::string header =
+            log->substr(chunk, 0x78) + log->substr(chunk + 0x80, EVTX_CHUNK_HEADER_BYTES - 0x80);
+
+        patch(log, chunk + 0x7C, oxni_crc32_calc(header.data(), header.size()));
+    }
+}
+
 static void open_evtx(void)
 {
     const std::string path = fuzz_real_folder() + "good.evtx";
-    std::vector<evtx_record> records;
+    const std::vector<event_record> records = {
+        {5,
+         MOMENT,    12,
+         4,                                SOURCE_KERNEL_GENERAL,
+         {L"10", L"0", L"19045", L"1", L"0", L"0", L"2024-03-07T09:00:10.1234567Z"}             },
+        {6, MOMENT, 7001,               4, SOURCE_WINLOGON,       {L"1", L"S-1-5-18"}           },
+        {7,
+         MOMENT,    BUG_CHECK_EVENT_ID,
+         1,                                SOURCE_BUG_CHECK,
+         {L"0x0000007e (0x1)", L"C:\\one.dmp", L"id"}                                           },
+        {8,
+         MOMENT,    41,
+         1,                                SOURCE_KERNEL_POWER,
+         {L"126", L"0x1", L"0x2", L"0x3", L"0x4", L"false", L"0"}                               },
+        {9, MOMENT, 0x40010007,         4, L"Another",            {L"one", L"", L"\x65e5\x672c"}},
+    };
     evidence_log log;
 
-    for (uint32_t id : {12u, 7001u, 0x400003E9u, 41u})
-        records.push_back({records.size() + 5, MOMENT_FILETIME + records.size() * 10000000, id,
-                           "Source" + std::to_string(id), "0x0000007e (0x1)"});
-    s_good = {evtx_build(records), evtx_build({records[2], records[0], records[0]})};
+    s_good = {evtx_bytes(records, L"DESKTOP"),
+              evtx_bytes({records[2], records[0], records[0]}, L"DESKTOP")};
     put_file(path, s_good[0]);
     evidence_log_read(path, EVIDENCE_STRICT, &log);
-    if (log.events.size() != 4 || log.events[2].id != 0x400003E9 ||
-        log.events[2].source != L"Source1073742825" ||
-        log.events[2].strings.at(0) != L"0x0000007e (0x1)")
-        violated("the good log is not read as it was built");
+    if (log.events.size() != records.size() || log.events[2].id != records[2].id ||
+        log.events[4].strings.packed() != records[4].strings.packed())
+        violated("the good log is not read as it was written");
 }
 
 /* Most damage hits the records, which take a tenth of the file. */
@@ -103,12 +148,12 @@ static void try_evtx(chance &chance, uint64_t)
     if (chance.one_in(4)) {
         damage(&log, chance.of(s_good), chance);
     } else {
-        std::string records = log.substr(4096, 4096);
-        damage(&records, s_good[0].substr(4608, 2048), chance);
-        log.replace(4096, 4096, records);
+        std::string records = log.substr(EVTX_HEADER_BYTES, 8192);
+        damage(&records, s_good[0].substr(4608, 6144), chance);
+        log.replace(EVTX_HEADER_BYTES, 8192, records);
     }
     if (!chance.one_in(4))
-        evtx_seal(&log);
+        seal(&log);
     read_log(put_input("fuzz.evtx", log), chance);
 }
 FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
