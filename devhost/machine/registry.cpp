@@ -143,7 +143,7 @@ static LONG WINAPI stand_in_RegOpenKeyExW(HKEY parent, const wchar_t *given, DWO
     return ERROR_SUCCESS;
 }
 
-/* Opens or creates the key of a path. Windows lets nobody create a key directly below the root. */
+/* Opens or creates the key of a path. Windows creates no key directly below the root. */
 static LONG create_key(HKEY parent, const std::shared_ptr<registry_key> &from,
                        const std::wstring &path, bool is_volatile,
                        std::shared_ptr<registry_key> *key, bool *made)

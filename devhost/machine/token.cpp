@@ -53,7 +53,7 @@ static const char *const s_names[] = {
 #define PRIVILEGE_BYTES sizeof(LUID_AND_ATTRIBUTES)
 
 static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
-/* LUIDs of the privileges that the process enabled, and of those that it gave up for good. */
+/* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
 static std::set<DWORD> s_enabled, s_removed;
 
 static bool luid_of(const std::string &name, DWORD *luid)

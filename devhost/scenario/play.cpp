@@ -189,6 +189,7 @@ void play_end_boot(void)
     s_play.ended = boot.text("ends", "clean");
     s_play.crash = boot["crash"];
     end_windows(s_play.ended);
+    machine_release_all_files();
     expect_no_complaints(boot, s_play.failures);
     s_play.last_end = oxnih_clock_now_100ns();
 }
