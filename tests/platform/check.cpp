@@ -1,0 +1,365 @@
+/*
+ * platform_check: does a platform keep the promises of docs/platform.md? Each area runs in a child
+ * process. A row that crashes or hangs ends its child; the next child goes on after that row.
+ *
+ * usage: platform_check [--list] [NAME...]   NAME: an area or an operation; by default all
+ */
+#include "check.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <filesystem>
+#include <fstream>
+#include <algorithm>
+#include <set>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+#define EXIT_BROKEN   1
+#define EXIT_BAD_CALL 2
+#define ROW_MS        10000u /* a row that takes longer hangs */
+
+static const struct {
+    const char *name;
+    const promise *rows;
+} AREAS[] = {
+    {"log",        g_log_promises      },
+    {"memory",     g_memory_promises   },
+    {"tables",     g_table_promises    },
+    {"strings",    g_string_promises   },
+    {"paths",      g_path_promises     },
+    {"time",       g_time_promises     },
+    {"coding",     g_coding_promises   },
+    {"documents",  g_document_promises },
+    {"json",       g_json_promises     },
+    {"deliveries", g_delivery_promises },
+    {"references", g_reference_promises},
+    {"links",      g_link_promises     },
+    {"timers",     g_timer_promises    },
+};
+
+struct unable {
+};
+
+static std::string s_case, s_difference, s_notes;
+static std::filesystem::path s_folder;
+static std::vector<json_t *> s_values;
+
+void check_case(const std::string &name)
+{
+    s_case = name;
+}
+
+/* Rows print on one line. */
+static std::string shown(const std::string &text)
+{
+    std::string line = text.size() <= 300 ? text : text.substr(0, 300) + "...";
+
+    for (char &one : line)
+        if (one == '\n' || one == '\r')
+            one = ' ';
+    return "\"" + line + "\"";
+}
+
+void check_same(const std::string &expected, const std::string &seen, const char *what)
+{
+    if (!s_difference.empty() || expected == seen)
+        return;
+    s_difference = std::string(what) + (s_case.empty() ? "" : " [" + s_case + "]") + ": saw " +
+                   shown(seen) + ", expected " + shown(expected);
+}
+
+std::string text_of(const char *text)
+{
+    return text == NULL ? "NULL" : text;
+}
+
+std::string text_of(const wchar_t *text)
+{
+    return text == NULL ? "NULL" : std::filesystem::path(text).u8string();
+}
+
+void note(const std::string &text)
+{
+    s_notes += (s_notes.empty() ? "" : " ") + text;
+}
+
+std::string notes()
+{
+    return std::exchange(s_notes, "");
+}
+
+void deliver(unsigned ms)
+{
+    ABLE(run)(ms);
+}
+
+void check_able(bool able, const char *member)
+{
+    if (able)
+        return;
+    s_difference = member;
+    throw unable();
+}
+
+std::string path_of(const std::string &name)
+{
+    return s_folder.generic_u8string() + "/" + name;
+}
+
+std::wstring wide_of(const std::string &text)
+{
+    return std::filesystem::u8path(text).wstring();
+}
+
+std::string file_bytes(const std::string &path)
+{
+    std::ifstream file(std::filesystem::u8path(path), std::ios::binary);
+    std::ostringstream bytes;
+
+    bytes << file.rdbuf();
+    return file.is_open() ? bytes.str() : "(none)";
+}
+
+void file_write(const std::string &path, const std::string &bytes)
+{
+    std::ofstream(std::filesystem::u8path(path), std::ios::binary) << bytes;
+}
+
+json_t *json_of(const std::string &text)
+{
+    s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, NULL));
+    check_same("true", s_values.back() != NULL ? "true" : "false", text.c_str());
+    return s_values.back();
+}
+
+const char *unique(const char *name)
+{
+    static std::set<std::string> names;
+
+    return names.insert(name + std::to_string(names.size())).first->c_str();
+}
+
+/* The areas of the contract, then the driver's own. */
+static std::vector<std::pair<std::string, const promise *>> areas()
+{
+    std::vector<std::pair<std::string, const promise *>> all;
+
+    for (const auto &area : AREAS)
+        all.emplace_back(area.name, area.rows);
+    for (auto own = g_driver.own; own != NULL && *own != NULL; own++)
+        all.emplace_back("own " + std::to_string(own - g_driver.own), *own);
+    return all;
+}
+
+static const char *run_row(const promise &row)
+{
+    const char *result = NULL;
+
+    s_case = s_difference = s_notes = "";
+    std::filesystem::create_directories(s_folder);
+    g_driver.start(s_folder.generic_u8string());
+    try {
+        row.run();
+        if (row.ends_process)
+            check_same("the end of the process", "a return", row.operation);
+    } catch (const unable &) {
+        result = "unchecked";
+    }
+    for (json_t *value : s_values)
+        json_decref(value);
+    s_values.clear();
+    const std::string noticed = g_driver.finish == NULL ? "" : g_driver.finish();
+    if (result == NULL && s_difference.empty() && !noticed.empty())
+        s_difference = "afterwards: " + noticed;
+    std::error_code ignored;
+    std::filesystem::remove_all(s_folder, ignored);
+    return result != NULL ? result : s_difference.empty() ? "pass" : "FAIL";
+}
+
+static bool is_chosen(const std::set<std::string> &names, const std::string &area,
+                      const promise &row)
+{
+    return names.empty() || names.count(area) != 0 || names.count(row.operation) != 0;
+}
+
+static LONG WINAPI crashed(EXCEPTION_POINTERS *what)
+{
+    TerminateProcess(GetCurrentProcess(), what->ExceptionRecord->ExceptionCode);
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+/* Prints a line before each row and one with its result. */
+static void run_child(const std::string &area, int from, const std::set<std::string> &names)
+{
+    setvbuf(stdout, NULL, _IONBF, 0);
+    SetUnhandledExceptionFilter(crashed); /* no debugger, no box for a person */
+    s_folder = std::filesystem::temp_directory_path() /
+               ("platform_check_" + std::to_string(GetCurrentProcessId()));
+    for (const auto &[name, rows] : areas())
+        for (int i = from; name == area && rows[i].operation != NULL; i++)
+            if (is_chosen(names, area, rows[i])) {
+                printf("row %d\n", i);
+                const std::string result = run_row(rows[i]);
+                printf("%s\t%s\n", result.c_str(), s_difference.c_str());
+            }
+}
+
+struct child {
+    HANDLE process, output;
+    std::string unread;
+};
+
+static child start_child(const std::string &area, int from, const std::set<std::string> &names)
+{
+    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
+    wchar_t program[MAX_PATH] = {};
+    STARTUPINFOW startup = {};
+    PROCESS_INFORMATION made = {};
+    HANDLE output, input;
+
+    GetModuleFileNameW(NULL, program, MAX_PATH);
+    CreatePipe(&output, &input, &inherited, 0);
+    SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = input;
+    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    std::wstring line = L"\"" + std::wstring(program) + L"\" --child \"" + wide_of(area) + L"\" " +
+                        std::to_wstring(from);
+    for (const std::string &name : names)
+        line += L" \"" + wide_of(name) + L"\"";
+    if (!CreateProcessW(program, line.data(), NULL, NULL, TRUE, 0, NULL, NULL, &startup, &made))
+        fprintf(stderr, "platform_check: cannot start a process: error %lu\n", GetLastError());
+    CloseHandle(input);
+    CloseHandle(made.hThread);
+    return {made.hProcess, output, ""};
+}
+
+/* Returns the next line; empty at the end of the output, or when none comes in time. */
+static std::string next_line(child &from)
+{
+    const ULONGLONG until = GetTickCount64() + ROW_MS;
+    char part[4096];
+    DWORD bytes = 0;
+
+    for (;;) {
+        const size_t end = from.unread.find('\n');
+        if (end != std::string::npos) {
+            std::string line = from.unread.substr(0, end);
+            line.erase(std::remove(line.begin(), line.end(), '\r'), line.end());
+            from.unread.erase(0, end + 1);
+            return line;
+        }
+        if (!PeekNamedPipe(from.output, NULL, 0, NULL, &bytes, NULL) || GetTickCount64() > until)
+            return "";
+        if (bytes == 0)
+            Sleep(5);
+        else if (ReadFile(from.output, part, sizeof(part), &bytes, NULL))
+            from.unread.append(part, bytes);
+    }
+}
+
+/* Ends a child whose row printed no result. Returns the row's result. */
+static std::string end_of(const child &ended, const promise &row)
+{
+    DWORD code = 0;
+    char text[32];
+
+    if (WaitForSingleObject(ended.process, 2000) != WAIT_OBJECT_0) {
+        TerminateProcess(ended.process, 1);
+        return "FAIL\tno result within " + std::to_string(ROW_MS / 1000) + " s";
+    }
+    GetExitCodeProcess(ended.process, &code);
+    if (row.ends_process && code == 0)
+        return "pass\t";
+    snprintf(text, sizeof(text), "0x%lx", code);
+    return std::string("FAIL\tthe process ended with exit code ") + text;
+}
+
+struct totals {
+    unsigned passed, failed, unchecked;
+};
+
+static void print_result(const promise &row, const std::string &line, totals &sum)
+{
+    const size_t tab = std::min(line.find('\t'), line.size() - 1);
+    const std::string result = line.substr(0, tab), seen = line.substr(tab + 1);
+
+    sum.passed += result == "pass";
+    sum.unchecked += result == "unchecked";
+    sum.failed += result == "FAIL";
+    printf("%s %s: %s\n", result.c_str(), row.operation, row.sentence);
+    if (!seen.empty())
+        printf("    %s%s\n", result == "unchecked" ? "the driver lacks " : "", seen.c_str());
+    fflush(stdout);
+}
+
+/* Runs the rows from one on until a child ends. Returns the row to go on with; -1: none. */
+static int run_rows(const std::string &area, const promise *rows, int from,
+                    const std::set<std::string> &names, totals &sum)
+{
+    child one = start_child(area, from, names);
+    int at = -1;
+
+    for (std::string line; !(line = next_line(one)).empty();) {
+        if (line.compare(0, 4, "row ") == 0) {
+            at = atoi(line.c_str() + 4);
+            continue;
+        }
+        print_result(rows[at], line, sum);
+        at = -1;
+    }
+    if (at >= 0)
+        print_result(rows[at], end_of(one, rows[at]), sum);
+    CloseHandle(one.process);
+    CloseHandle(one.output);
+    return at < 0 ? -1 : at + 1;
+}
+
+static int run_all(const std::set<std::string> &names)
+{
+    totals sum = {};
+
+    for (const auto &[area, rows] : areas()) {
+        bool chosen = false;
+        for (const promise *row = rows; row->operation != NULL; row++)
+            chosen = chosen || is_chosen(names, area, *row);
+        for (int from = chosen ? 0 : -1; from >= 0;)
+            from = run_rows(area, rows, from, names, sum);
+    }
+    const unsigned promises = sum.passed + sum.failed + sum.unchecked;
+    printf("%u promises: %u kept, %u broken, %u not checked\n", promises, sum.passed, sum.failed,
+           sum.unchecked);
+    return promises == 0 ? EXIT_BAD_CALL : sum.failed != 0 ? EXIT_BROKEN : 0;
+}
+
+static int list()
+{
+    for (const auto &[area, rows] : areas())
+        for (const promise *row = rows; row->operation != NULL; row++)
+            printf("%s\t%s\t%s\n", area.c_str(), row->operation, row->sentence);
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    std::set<std::string> names;
+    const bool is_child = argc > 3 && strcmp(argv[1], "--child") == 0;
+
+    for (int i = is_child ? 4 : 1; i < argc; i++)
+        names.insert(argv[i]);
+    if (is_child) {
+        run_child(argv[2], atoi(argv[3]), names);
+        return 0;
+    }
+    if (names.count("--list") != 0)
+        return list();
+    if (argc > 1 && argv[1][0] == '-') {
+        fprintf(stderr, "usage: platform_check [--list] [AREA|OPERATION...]\n");
+        return EXIT_BAD_CALL;
+    }
+    return run_all(names);
+}

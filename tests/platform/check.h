@@ -1,0 +1,75 @@
+/*
+ * What the platform promises, as rows: a sentence of docs/platform.md and the function that checks
+ * it. Needs the headers and import libraries of a platform's SDK, and a driver.
+ */
+#ifndef PLATFORM_CHECK_H
+#define PLATFORM_CHECK_H
+
+#include <string>
+#include <type_traits>
+#include <windows.h>
+
+#include <oxni/base/json.h>
+#include <oxni/base/subscriber.h>
+
+#include "driver.h"
+
+struct promise {
+    const char *operation; /* of the document's table, or the heading above the sentence */
+    const char *sentence;
+    void (*run)(void);
+    bool ends_process = false; /* the promise is kept when run does not return and the exit code is 0 */
+};
+
+/* Rows of one area, ended by a row without an operation. One child process runs them. */
+extern const promise g_log_promises[], g_memory_promises[], g_table_promises[], g_string_promises[],
+    g_path_promises[], g_time_promises[], g_coding_promises[], g_document_promises[],
+    g_json_promises[], g_delivery_promises[], g_reference_promises[], g_link_promises[],
+    g_timer_promises[];
+
+/* Compares, and notes the first difference of a row. */
+#define SAME(expected, seen) check_same(text_of(expected), text_of(seen), #seen)
+#define HOLDS(condition)     check_same("true", (condition) ? "true" : "false", #condition)
+void check_same(const std::string &expected, const std::string &seen, const char *what);
+
+/* Names the case of the following comparisons. */
+void check_case(const std::string &name);
+
+std::string text_of(const char *text);
+std::string text_of(const wchar_t *text);
+inline std::string text_of(const std::string &text)
+{
+    return text;
+}
+template <class number> std::enable_if_t<std::is_integral_v<number>, std::string> text_of(number n)
+{
+    return std::to_string(n);
+}
+inline std::string text_of(const void *address)
+{
+    return address == NULL ? "NULL" : std::to_string(reinterpret_cast<uintptr_t>(address));
+}
+
+/* Records an event of a callback. notes() returns them in order, joined by blanks, and clears
+ * them. */
+void note(const std::string &text);
+std::string notes();
+
+/* Delivers what is due within the next milliseconds; the row ends when the driver cannot. */
+void deliver(unsigned ms = 0);
+/* Returns a member of the driver; the row ends unchecked when it is NULL. */
+#define ABLE(member) (check_able(g_driver.member != NULL, #member), g_driver.member)
+void check_able(bool able, const char *member);
+
+/* Returns a path below this row's directory; UTF-8, with forward slashes. */
+std::string path_of(const std::string &name);
+std::wstring wide_of(const std::string &text);
+/* Returns a file's bytes; "(none)" when it cannot be opened. */
+std::string file_bytes(const std::string &path);
+void file_write(const std::string &path, const std::string &bytes);
+/* Returns a JSON value that lives until the end of the row. */
+json_t *json_of(const std::string &text);
+/* Returns a name that no other row uses, which lives until the process ends. */
+const char *unique(const char *name);
+
+#endif
