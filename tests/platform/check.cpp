@@ -2,7 +2,10 @@
  * platform_check: does a platform keep the promises of docs/platform.md? Each area runs in a child
  * process. A row that crashes or hangs ends its child; the next child goes on after that row.
  *
- * usage: platform_check [--list] [NAME...]   NAME: an area or an operation; by default all
+ * usage: platform_check [--list] [--seconds=N] [NAME...]
+ *
+ * NAME is an area or an operation; by default all. A row that takes longer than N seconds, by default
+ * 10, hangs.
  */
 #include "check.h"
 
@@ -19,30 +22,18 @@
 
 #define EXIT_BROKEN   1
 #define EXIT_BAD_CALL 2
-#define ROW_MS        10000u /* a row that takes longer hangs */
 
-static const struct {
-    const char *name;
-    const promise *rows;
-} AREAS[] = {
-    {"log",        g_log_promises      },
-    {"memory",     g_memory_promises   },
-    {"tables",     g_table_promises    },
-    {"strings",    g_string_promises   },
-    {"paths",      g_path_promises     },
-    {"time",       g_time_promises     },
-    {"coding",     g_coding_promises   },
-    {"documents",  g_document_promises },
-    {"json",       g_json_promises     },
-    {"deliveries", g_delivery_promises },
-    {"references", g_reference_promises},
-    {"links",      g_link_promises     },
-    {"timers",     g_timer_promises    },
-};
+/* All rows, in the order of their registration. */
+static std::vector<const promise *> &rows()
+{
+    static std::vector<const promise *> all;
+    return all;
+}
 
 struct unable {
 };
 
+static ULONGLONG s_row_ms = 10000;
 static std::string s_case, s_difference, s_notes;
 static std::filesystem::path s_folder;
 static std::vector<json_t *> s_values;
@@ -142,16 +133,18 @@ const char *unique(const char *name)
     return names.insert(name + std::to_string(names.size())).first->c_str();
 }
 
-/* The areas of the contract, then the driver's own. */
-static std::vector<std::pair<std::string, const promise *>> areas()
+promise::promise(const char *where, const char *what, const char *quoted, void (*code)(void),
+                 bool ends)
+    : area(where), operation(what), sentence(quoted), run(code), ends_process(ends)
 {
-    std::vector<std::pair<std::string, const promise *>> all;
+    rows().push_back(this);
+}
 
-    for (const auto &area : AREAS)
-        all.emplace_back(area.name, area.rows);
-    for (auto own = g_driver.own; own != NULL && *own != NULL; own++)
-        all.emplace_back("own " + std::to_string(own - g_driver.own), *own);
-    return all;
+void check_area(const char *area)
+{
+    for (const promise *row : rows())
+        if (strcmp(row->area, area) == 0 && !row->ends_process)
+            row->run();
 }
 
 static const char *run_row(const promise &row)
@@ -179,10 +172,9 @@ static const char *run_row(const promise &row)
     return result != NULL ? result : s_difference.empty() ? "pass" : "FAIL";
 }
 
-static bool is_chosen(const std::set<std::string> &names, const std::string &area,
-                      const promise &row)
+static bool is_chosen(const std::set<std::string> &names, const promise &row)
 {
-    return names.empty() || names.count(area) != 0 || names.count(row.operation) != 0;
+    return names.empty() || names.count(row.area) != 0 || names.count(row.operation) != 0;
 }
 
 static LONG WINAPI crashed(EXCEPTION_POINTERS *what)
@@ -192,19 +184,18 @@ static LONG WINAPI crashed(EXCEPTION_POINTERS *what)
 }
 
 /* Prints a line before each row and one with its result. */
-static void run_child(const std::string &area, int from, const std::set<std::string> &names)
+static void run_child(const std::string &area, size_t from, const std::set<std::string> &names)
 {
     setvbuf(stdout, NULL, _IONBF, 0);
     SetUnhandledExceptionFilter(crashed); /* no debugger, no box for a person */
     s_folder = std::filesystem::temp_directory_path() /
                ("platform_check_" + std::to_string(GetCurrentProcessId()));
-    for (const auto &[name, rows] : areas())
-        for (int i = from; name == area && rows[i].operation != NULL; i++)
-            if (is_chosen(names, area, rows[i])) {
-                printf("row %d\n", i);
-                const std::string result = run_row(rows[i]);
-                printf("%s\t%s\n", result.c_str(), s_difference.c_str());
-            }
+    for (size_t i = from; i < rows().size(); i++)
+        if (rows()[i]->area == area && is_chosen(names, *rows()[i])) {
+            printf("row %u\n", static_cast<unsigned>(i));
+            const std::string result = run_row(*rows()[i]);
+            printf("%s\t%s\n", result.c_str(), s_difference.c_str());
+        }
 }
 
 struct child {
@@ -212,7 +203,7 @@ struct child {
     std::string unread;
 };
 
-static child start_child(const std::string &area, int from, const std::set<std::string> &names)
+static child start_child(const std::string &area, size_t from, const std::set<std::string> &names)
 {
     SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
     wchar_t program[MAX_PATH] = {};
@@ -241,7 +232,7 @@ static child start_child(const std::string &area, int from, const std::set<std::
 /* Returns the next line; empty at the end of the output, or when none comes in time. */
 static std::string next_line(child &from)
 {
-    const ULONGLONG until = GetTickCount64() + ROW_MS;
+    const ULONGLONG until = GetTickCount64() + s_row_ms;
     char part[4096];
     DWORD bytes = 0;
 
@@ -270,7 +261,7 @@ static std::string end_of(const child &ended, const promise &row)
 
     if (WaitForSingleObject(ended.process, 2000) != WAIT_OBJECT_0) {
         TerminateProcess(ended.process, 1);
-        return "FAIL\tno result within " + std::to_string(ROW_MS / 1000) + " s";
+        return "FAIL\tno result within " + std::to_string(s_row_ms / 1000) + " s";
     }
     GetExitCodeProcess(ended.process, &code);
     if (row.ends_process && code == 0)
@@ -297,39 +288,39 @@ static void print_result(const promise &row, const std::string &line, totals &su
     fflush(stdout);
 }
 
-/* Runs the rows from one on until a child ends. Returns the row to go on with; -1: none. */
-static int run_rows(const std::string &area, const promise *rows, int from,
-                    const std::set<std::string> &names, totals &sum)
+/* Runs an area's rows from one on until a child ends. Returns whether to go on, with that row. */
+static bool run_rows(const std::string &area, size_t *from, const std::set<std::string> &names,
+                     totals &sum)
 {
-    child one = start_child(area, from, names);
-    int at = -1;
+    child one = start_child(area, *from, names);
+    const promise *row = NULL;
 
     for (std::string line; !(line = next_line(one)).empty();) {
         if (line.compare(0, 4, "row ") == 0) {
-            at = atoi(line.c_str() + 4);
+            *from = strtoul(line.c_str() + 4, NULL, 10) + 1;
+            row = rows().at(*from - 1);
             continue;
         }
-        print_result(rows[at], line, sum);
-        at = -1;
+        if (row != NULL) /* what else the platform prints is no result */
+            print_result(*row, line, sum);
+        row = NULL;
     }
-    if (at >= 0)
-        print_result(rows[at], end_of(one, rows[at]), sum);
+    if (row != NULL)
+        print_result(*row, end_of(one, *row), sum);
     CloseHandle(one.process);
     CloseHandle(one.output);
-    return at < 0 ? -1 : at + 1;
+    return row != NULL;
 }
 
 static int run_all(const std::set<std::string> &names)
 {
+    std::set<std::string> done;
     totals sum = {};
 
-    for (const auto &[area, rows] : areas()) {
-        bool chosen = false;
-        for (const promise *row = rows; row->operation != NULL; row++)
-            chosen = chosen || is_chosen(names, area, *row);
-        for (int from = chosen ? 0 : -1; from >= 0;)
-            from = run_rows(area, rows, from, names, sum);
-    }
+    for (size_t i = 0; i < rows().size(); i++)
+        if (is_chosen(names, *rows()[i]) && done.insert(rows()[i]->area).second)
+            for (size_t from = i; run_rows(rows()[i]->area, &from, names, sum);) {
+            }
     const unsigned promises = sum.passed + sum.failed + sum.unchecked;
     printf("%u promises: %u kept, %u broken, %u not checked\n", promises, sum.passed, sum.failed,
            sum.unchecked);
@@ -338,9 +329,8 @@ static int run_all(const std::set<std::string> &names)
 
 static int list()
 {
-    for (const auto &[area, rows] : areas())
-        for (const promise *row = rows; row->operation != NULL; row++)
-            printf("%s\t%s\t%s\n", area.c_str(), row->operation, row->sentence);
+    for (const promise *row : rows())
+        printf("%s\t%s\t%s\n", row->area, row->operation, row->sentence);
     return 0;
 }
 
@@ -350,15 +340,18 @@ int main(int argc, char **argv)
     const bool is_child = argc > 3 && strcmp(argv[1], "--child") == 0;
 
     for (int i = is_child ? 4 : 1; i < argc; i++)
-        names.insert(argv[i]);
+        if (strncmp(argv[i], "--seconds=", 10) == 0)
+            s_row_ms = strtoul(argv[i] + 10, NULL, 10) * 1000;
+        else
+            names.insert(argv[i]);
     if (is_child) {
-        run_child(argv[2], atoi(argv[3]), names);
+        run_child(argv[2], strtoul(argv[3], NULL, 10), names);
         return 0;
     }
     if (names.count("--list") != 0)
         return list();
-    if (argc > 1 && argv[1][0] == '-') {
-        fprintf(stderr, "usage: platform_check [--list] [AREA|OPERATION...]\n");
+    if (s_row_ms == 0 || (!names.empty() && names.begin()->front() == '-')) {
+        fprintf(stderr, "usage: platform_check [--list] [--seconds=N] [AREA|OPERATION...]\n");
         return EXIT_BAD_CALL;
     }
     return run_all(names);

@@ -14,18 +14,30 @@
 
 #include "driver.h"
 
+/* Registers itself. */
 struct promise {
+    const char *area;
     const char *operation; /* of the document's table, or the heading above the sentence */
     const char *sentence;
     void (*run)(void);
-    bool ends_process = false; /* the promise is kept when run does not return and the exit code is 0 */
+    bool ends_process; /* kept when run does not return and the exit code is 0 */
+
+    promise(const char *where, const char *what, const char *quoted, void (*code)(void), bool ends);
 };
 
-/* Rows of one area, ended by a row without an operation. One child process runs them. */
-extern const promise g_log_promises[], g_memory_promises[], g_table_promises[], g_string_promises[],
-    g_path_promises[], g_time_promises[], g_coding_promises[], g_document_promises[],
-    g_json_promises[], g_delivery_promises[], g_reference_promises[], g_link_promises[],
-    g_timer_promises[];
+/* A row: PROMISE(area, operation, sentence) { body } */
+#define PROMISE(area, operation, sentence) PROMISE_AT(area, operation, sentence, false, __LINE__)
+#define PROMISE_ENDS(area, operation, sentence)                                                    \
+    PROMISE_AT(area, operation, sentence, true, __LINE__)
+#define PROMISE_AT(area, operation, sentence, ends, line)                                          \
+    PROMISE_NAMED(area, operation, sentence, ends, line)
+#define PROMISE_NAMED(area, operation, sentence, ends, line)                                       \
+    static void promise_##line();                                                                  \
+    static const promise s_promise_##line(#area, operation, sentence, promise_##line, ends);       \
+    static void promise_##line()
+
+/* Runs the rows of an area that do not end the process, inside another row. */
+void check_area(const char *area);
 
 /* Compares, and notes the first difference of a row. */
 #define SAME(expected, seen) check_same(text_of(expected), text_of(seen), #seen)

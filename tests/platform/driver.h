@@ -10,8 +10,6 @@
 
 #include <oxni/base/subscriber.h>
 
-struct promise;
-
 struct platform_driver {
     /* Before each row. folder exists, is empty and is the installation and the log directory. */
     void (*start)(const std::string &folder);
@@ -31,8 +29,6 @@ struct platform_driver {
     void (*answer_commands)(const char *ns);
     /* After each row. Returns what the platform noticed, such as a leak; empty: nothing. */
     std::string (*finish)(void);
-    /* Promises of this platform alone, ended by an empty one; NULL: none. */
-    const promise *const *own;
 };
 
 extern const platform_driver g_driver;

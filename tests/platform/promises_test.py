@@ -25,7 +25,7 @@ def texts_of_document():
     """Of each operation or heading: its texts."""
     texts, heading = {}, ""
     for line in read("docs/platform.md").partition("Conventions:")[2].splitlines():
-        bullet = re.match(r"- \*\*(\w+)\.\*\* (.*)", line)
+        bullet = re.match(r"- \*\*(\w+)\.?\*\* (.*)", line)
         if line.startswith("## "):
             heading = re.sub(r" \(.*", "", line[3:])
         elif line.startswith("| `"):
@@ -71,7 +71,7 @@ for name, sentence, *_ in [*rows, *unchecked]:
 for name, parts in texts.items():
     if aliases.get(name, name) != name:
         continue
-    for clause in [one for part in parts for one in ENDS.split(part) if one]:
+    for clause in [one.rstrip(":.") for part in parts for one in ENDS.split(part) if one]:
         if not any(clause in one or one in clause for one in quoted.get(name, [])) and \
                 clause not in quoted["*"]:
             problems.append(f"{name}: neither checked nor listed as not checked: {clause}")

@@ -29,7 +29,8 @@ static bool logged(const std::string &text)
     return false;
 }
 
-static void whole_lines()
+PROMISE(log, "oxni_log_output",
+        "level, a constant format and its arguments: one whole line with its line feed")
 {
     open_log();
     for (size_t length : {0U, 1019U, 1020U, 1021U, 3000000U}) {
@@ -40,7 +41,8 @@ static void whole_lines()
     }
 }
 
-static void wide_text()
+PROMISE(log, "oxni_log_output",
+        "Wide text (`%S`) is written as UTF-8 on every code page; a missing line feed is added")
 {
     static const wchar_t path[] = L"C:\\\x65e5\x672c\xd83d\xde00.dmp";
     const std::string utf8 = "C:\\\xe6\x97\xa5\xe6\x9c\xac\xf0\x9f\x98\x80.dmp";
@@ -58,40 +60,41 @@ static void wide_text()
     HOLDS(logged("lone \xef\xbf\xbd.\n"));
 }
 
-const promise g_log_promises[] = {
-    {"oxni_log_level_get",                                                  "0 error and fatal, 1 warn, 2 info, 3 debug",
-     [] { HOLDS(oxni_log_level_get() >= 0 && oxni_log_level_get() <= 3); }},
-    {"oxni_log_output", "one whole line with its line feed", whole_lines},
-    {"oxni_log_output",
-     "Wide text (`%S`) is written as UTF-8 on every code page; a missing line feed is added", wide_text},
-    {"oxni_log_is_regestered",                                                          "0: the plug-in opens the log first",
-     [] {
-         open_log();
-         HOLDS(oxni_log_is_regestered() != 0);
-         SAME(0, oxni_autolog_init(NULL, 5)); /* already open */
-     }},
-    {"oxni_autolog_init",                                                     "a directory that may begin with \"@\"",
-     [] {
-         open_log();
-         HOLDS(std::filesystem::exists(std::filesystem::u8path(path_of("logs"))));
-     }},
-    {"oxni_log_dir",
-     "writes the base directory of logs and configuration, without a trailing slash", [] {
-         char folder[260] = "#", small[3] = "#";
-         HOLDS(oxni_log_dir(folder, sizeof(folder)) != 0);
-         HOLDS(folder[0] != '\0' && strchr("/\\", folder[strlen(folder) - 1]) == NULL);
-         SAME(0, oxni_log_dir(small, sizeof(small)));
-         SAME("", small);
-     }},
-    {                                                                    }
-};
+PROMISE(log, "oxni_log_level_get", "0 error and fatal, 1 warn, 2 info, 3 debug")
+{
+    HOLDS(oxni_log_level_get() >= 0 && oxni_log_level_get() <= 3);
+}
+
+PROMISE(log, "oxni_log_is_regestered", "0: the plug-in opens the log first")
+{
+    open_log();
+    HOLDS(oxni_log_is_regestered() != 0);
+    SAME(0, oxni_autolog_init(NULL, 5)); /* already open */
+}
+
+PROMISE(log, "oxni_autolog_init", "a directory that may begin with \"@\"")
+{
+    open_log();
+    HOLDS(std::filesystem::exists(std::filesystem::u8path(path_of("logs"))));
+}
+
+PROMISE(log, "oxni_log_dir",
+        "writes the base directory of logs and configuration, without a trailing slash; nonzero is "
+        "success")
+{
+    char folder[260] = "#", small[3] = "#";
+    HOLDS(oxni_log_dir(folder, sizeof(folder)) != 0);
+    HOLDS(folder[0] != '\0' && strchr("/\\", folder[strlen(folder) - 1]) == NULL);
+    SAME(0, oxni_log_dir(small, sizeof(small)));
+    SAME("", small);
+}
 
 static char *make(size_t size)
 {
     return static_cast<char *>(oxni_zero_malloc_(size));
 }
 
-static void zeroed_blocks()
+PROMISE(memory, "oxni_zero_malloc_", "bytes; a zeroed block, or NULL")
 {
     for (unsigned size : {0U, 1U, 15U, 4096U, 4097U, 200000U}) {
         char *block = make(size), *other = make(0);
@@ -105,7 +108,9 @@ static void zeroed_blocks()
     SAME(static_cast<void *>(NULL), static_cast<void *>(make(SIZE_MAX)));
 }
 
-static void resized_blocks()
+PROMISE(memory, "oxni_ralloc_",
+        "the block of the event-log reader and a larger size; NULL leaves the block unchanged; "
+        "added bytes are zero")
 {
     const size_t sizes[] = {0, 1, 15, 4096, 4097, 200000};
 
@@ -122,35 +127,35 @@ static void resized_blocks()
         }
 }
 
-const promise g_memory_promises[] = {
-    {"oxni_zero_malloc_", "bytes; a zeroed block, or NULL", zeroed_blocks},
-    {"oxni_ralloc_",      "added bytes are zero", resized_blocks},
-    {"oxni_ralloc_",      "NULL leaves the block unchanged",
-     [] {
-         char *block = oxni_strdup("text");
-         SAME(static_cast<void *>(NULL), oxni_ralloc_(block, SIZE_MAX));
-         SAME("text", block);
-         oxni_free_(block);
-     }},
-    {"oxni_free_",     "any block of this allocator, or NULL",
-     [] {
-         oxni_free_(NULL);
-         oxni_free_(make(0));
-         oxni_free_(oxni_strdup("text"));
-     }},
-    {"oxni_strdup",      "NULL for NULL",
-     [] {
-         char *copy = oxni_strdup("a\xc3\xa4"), *empty = oxni_strdup("");
-         SAME("a\xc3\xa4", copy);
-         SAME("", empty);
-         SAME(static_cast<const char *>(NULL), oxni_strdup(NULL));
-         oxni_free_(copy);
-         oxni_free_(empty);
-     }},
-    {"oxni_out_of_memory_",                   "ends the process with exit code 0",
-     [] { oxni_out_of_memory_("x.cpp", 12); }, true},
-    {                  }
-};
+PROMISE(memory, "oxni_ralloc_", "NULL leaves the block unchanged")
+{
+    char *block = oxni_strdup("text");
+    SAME(static_cast<void *>(NULL), oxni_ralloc_(block, SIZE_MAX));
+    SAME("text", block);
+    oxni_free_(block);
+}
+
+PROMISE(memory, "oxni_free_", "any block of this allocator, or NULL")
+{
+    oxni_free_(NULL);
+    oxni_free_(make(0));
+    oxni_free_(oxni_strdup("text"));
+}
+
+PROMISE(memory, "oxni_strdup", "text or NULL; NULL for NULL")
+{
+    char *copy = oxni_strdup("a\xc3\xa4"), *empty = oxni_strdup("");
+    SAME("a\xc3\xa4", copy);
+    SAME("", empty);
+    SAME(static_cast<const char *>(NULL), oxni_strdup(NULL));
+    oxni_free_(copy);
+    oxni_free_(empty);
+}
+
+PROMISE_ENDS(memory, "oxni_out_of_memory_", "does not return, ends the process with exit code 0")
+{
+    oxni_out_of_memory_("x.cpp", 12);
+}
 
 static void freed(void *value)
 {
@@ -171,7 +176,9 @@ static std::string keys(oxni_xhash *table)
     return all;
 }
 
-static void keys_are_byte_strings()
+PROMISE(tables, "oxni_xhash_search",
+        "key of explicit length: 8 bytes of a handle, or text with its terminator; 0 when found. "
+        "Otherwise -1 and NULL")
 {
     oxni_xhash *table = oxni_xhash_create(NULL, 0);
     char key[] = "ab";
@@ -193,7 +200,9 @@ static void keys_are_byte_strings()
     oxni_xhash_destroy(table);
 }
 
-static void values_are_freed_once()
+PROMISE(tables, "oxni_xhash_insert",
+        "key and value, which may be NULL; not 0: the plug-in frees the value itself; an existing "
+        "key keeps its position and its old value is freed")
 {
     oxni_xhash *table = oxni_xhash_create(freed, 0);
     char same[] = "same";
@@ -209,7 +218,8 @@ static void values_are_freed_once()
     SAME("same b", notes());
 }
 
-static void deletion_in_an_iteration()
+PROMISE(tables, "oxni_xhash_delete",
+        "key, which may be missing; the current entry of an iteration may be deleted")
 {
     static const struct {
         char at;             /* current entry of the iteration at the change */
@@ -249,76 +259,71 @@ static void deletion_in_an_iteration()
     }
 }
 
-const promise g_table_promises[] = {
-    {"oxni_xhash_create",    "a function that frees values, or NULL; flags 0",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(NULL, 0);
-         HOLDS(table != NULL);
-         put(table, "a", "value of nobody");
-         SAME(0, oxni_xhash_delete(table, "a", 1));
-         oxni_xhash_destroy(table);
-     }},
-    {"oxni_xhash_destroy",                      "stolen; the function frees the values",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(freed, 0);
-         for (const char *one : {"c", "a", "b"})
-             put(table, one, one);
-         oxni_xhash_destroy(table);
-         SAME("c a b", notes());
-         oxni_xhash_destroy(NULL);
-     }},
-    {"oxni_xhash_search",
-     "key of explicit length: 8 bytes of a handle, or text with its terminator; 0 when found. "
-     "Otherwise -1 and NULL", keys_are_byte_strings},
-    {"oxni_xhash_insert",                      "an existing key keeps its position and its old value is freed",
-     values_are_freed_once},
-    {"oxni_xhash_insert",    "key copied, value stolen",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(freed, 0);
-         char key[] = "ab";
-         SAME(0, oxni_xhash_insert(table, key, 2, key));
-         key[0] = 'z';
-         SAME(0, oxni_xhash_search(table, "ab", 2, NULL));
-         SAME("ab ", keys(table));
-         oxni_xhash_destroy(table);
-         SAME("zb", notes());
-     }},
-    {"oxni_xhash_delete", "the function frees the value",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(freed, 0);
-         put(table, "a", "x");
-         SAME(-1, oxni_xhash_delete(table, "b", 1));
-         SAME(0, oxni_xhash_delete(table, "a", 1));
-         SAME("x", notes());
-         SAME(-1, oxni_xhash_delete(table, "a", 1));
-         oxni_xhash_destroy(table);
-         SAME("", notes());
-     }},
-    {"oxni_xhash_delete",    "the current entry of an iteration may be deleted",
-     deletion_in_an_iteration},
-    {"oxni_xhash_count",  "number of entries; 0 for NULL",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(NULL, 0);
-         for (int i = 0; i < 400; i++)
-             put(table, std::to_string(i % 300), NULL);
-         SAME(300, oxni_xhash_count(table));
-         SAME(0, oxni_xhash_count(NULL));
-         oxni_xhash_destroy(table);
-     }},
-    {"oxni_xhash_first",    "every entry once, in insertion order",
-     [] {
-         oxni_xhash *table = oxni_xhash_create(NULL, 0);
-         std::string expected;
-         SAME("", keys(table));
-         for (int i = 0; i < 400; i++) {
-             put(table, std::to_string(i * 7919 % 400), NULL);
-             expected += std::to_string(i * 7919 % 400) + " ";
-         }
-         SAME(expected, keys(table));
-         oxni_xhash_destroy(table);
-     }},
-    {   }
-};
+PROMISE(tables, "oxni_xhash_create", "a function that frees values, or NULL; flags 0")
+{
+    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    HOLDS(table != NULL);
+    put(table, "a", "value of nobody");
+    SAME(0, oxni_xhash_delete(table, "a", 1));
+    oxni_xhash_destroy(table);
+}
+
+PROMISE(tables, "oxni_xhash_destroy", "stolen; the function frees the values")
+{
+    oxni_xhash *table = oxni_xhash_create(freed, 0);
+    for (const char *one : {"c", "a", "b"})
+        put(table, one, one);
+    oxni_xhash_destroy(table);
+    SAME("c a b", notes());
+    oxni_xhash_destroy(NULL);
+}
+
+PROMISE(tables, "oxni_xhash_insert", "key copied, value stolen")
+{
+    oxni_xhash *table = oxni_xhash_create(freed, 0);
+    char key[] = "ab";
+    SAME(0, oxni_xhash_insert(table, key, 2, key));
+    key[0] = 'z';
+    SAME(0, oxni_xhash_search(table, "ab", 2, NULL));
+    SAME("ab ", keys(table));
+    oxni_xhash_destroy(table);
+    SAME("zb", notes());
+}
+
+PROMISE(tables, "oxni_xhash_delete", "the function frees the value")
+{
+    oxni_xhash *table = oxni_xhash_create(freed, 0);
+    put(table, "a", "x");
+    SAME(-1, oxni_xhash_delete(table, "b", 1));
+    SAME(0, oxni_xhash_delete(table, "a", 1));
+    SAME("x", notes());
+    SAME(-1, oxni_xhash_delete(table, "a", 1));
+    oxni_xhash_destroy(table);
+    SAME("", notes());
+}
+
+PROMISE(tables, "oxni_xhash_count", "number of entries; 0 for NULL")
+{
+    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    for (int i = 0; i < 400; i++)
+        put(table, std::to_string(i % 300), NULL);
+    SAME(300, oxni_xhash_count(table));
+    SAME(0, oxni_xhash_count(NULL));
+    oxni_xhash_destroy(table);
+}
+
+PROMISE(tables, "oxni_xhash_first", "every entry once, in insertion order")
+{
+    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    std::string expected;
+    SAME("", keys(table));
+    for (int i = 0; i < 400; i++) {
+        put(table, std::to_string(i * 7919 % 400), NULL);
+        expected += std::to_string(i * 7919 % 400) + " ";
+    }
+    SAME(expected, keys(table));
+    oxni_xhash_destroy(table);
+}
 
 static void truncated_texts(bool print)
 {
@@ -344,7 +349,9 @@ static void truncated_texts(bool print)
 }
 
 /* Every length, limit and alignment, before an inaccessible page. */
-static void lengths_at_every_alignment()
+PROMISE(strings, "oxni_wcsnlen",
+        "text of the event log, which may lack its terminator and may be at an odd address, and "
+        "the maximum length to read")
 {
     static constexpr size_t PAGE = 4096, LONGEST = 20;
     char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
@@ -364,46 +371,51 @@ static void lengths_at_every_alignment()
     SAME(0, oxni_wcsnlen(NULL, 5));
 }
 
-const promise g_string_promises[] = {
-    {"oxni_strlcpy",
-     "target and its size: truncated to fit, always terminated; the source's length", [] { truncated_texts(false); }},
-    {"oxni_strcmp", "two texts, either may be NULL: byte order, NULL first",
-     [] {
-         HOLDS(oxni_strcmp("\xc3\xa4", "z") > 0); /* unsigned */
-         HOLDS(oxni_strcmp("a", "B") > 0);
-         HOLDS(oxni_strcmp(NULL, "") < 0 && oxni_strcmp("", NULL) > 0);
-         SAME(0, oxni_strcmp(NULL, NULL));
-         SAME(0, oxni_strcmp("ab", "ab"));
-     }},
-    {"oxni_str_snprintf",                   "truncated to fit, always terminated; -1 when truncated",
-     [] { truncated_texts(true); }},
-    {"oxni_str_snprintf",                               "constant format of the C runtime (`%S`, `%I64d`)",
-     [] {
-         char buffer[64];
-         SAME(15, oxni_str_snprintf(buffer, sizeof(buffer), "%S %I64d", L"a", 1LL << 40));
-         SAME("a 1099511627776", buffer);
-     }},
-    {"oxni_wcsnlen",
-     "text of the event log, which may lack its terminator and may be at an odd address, and the "
-     "maximum length to read", lengths_at_every_alignment},
-    {"oxni_wcscmp",   "two provider names; case-sensitive, either may be NULL",
-     [] {
-         HOLDS(oxni_wcscmp(L"System", L"system") < 0);
-         HOLDS(oxni_wcscmp(NULL, L"") < 0 && oxni_wcscmp(L"", NULL) > 0);
-         SAME(0, oxni_wcscmp(L"a", L"a"));
-     }},
-    {"oxni_str_utf8_to_unicode",             "NULL for invalid UTF-8",
-     [] {
-         wchar_t *wide = oxni_str_utf8_to_unicode("a\xf0\x9f\x98\x80");
-         HOLDS(wide != NULL && wcscmp(wide, L"a\xd83d\xde00") == 0);
-         oxni_str_free(wide);
-         for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(NULL)})
-             SAME(static_cast<const wchar_t *>(NULL), oxni_str_utf8_to_unicode(text));
-     }},
-    {"oxni_str_free",                               "such a text, or NULL",
-     [] {
-         oxni_str_free(NULL);
-         oxni_str_free(oxni_str_utf8_to_unicode(""));
-     }},
-    {    }
-};
+PROMISE(strings, "oxni_strlcpy",
+        "target and its size: truncated to fit, always terminated; the source's length")
+{
+    truncated_texts(false);
+}
+
+PROMISE(strings, "oxni_strcmp", "two texts, either may be NULL: byte order, NULL first")
+{
+    HOLDS(oxni_strcmp("\xc3\xa4", "z") > 0); /* unsigned */
+    HOLDS(oxni_strcmp("a", "B") > 0);
+    HOLDS(oxni_strcmp(NULL, "") < 0 && oxni_strcmp("", NULL) > 0);
+    SAME(0, oxni_strcmp(NULL, NULL));
+    SAME(0, oxni_strcmp("ab", "ab"));
+}
+
+PROMISE(strings, "oxni_str_snprintf", "truncated to fit, always terminated; -1 when truncated")
+{
+    truncated_texts(true);
+}
+
+PROMISE(strings, "oxni_str_snprintf", "constant format of the C runtime (`%S`, `%I64d`)")
+{
+    char buffer[64];
+    SAME(15, oxni_str_snprintf(buffer, sizeof(buffer), "%S %I64d", L"a", 1LL << 40));
+    SAME("a 1099511627776", buffer);
+}
+
+PROMISE(strings, "oxni_wcscmp", "two provider names; case-sensitive, either may be NULL")
+{
+    HOLDS(oxni_wcscmp(L"System", L"system") < 0);
+    HOLDS(oxni_wcscmp(NULL, L"") < 0 && oxni_wcscmp(L"", NULL) > 0);
+    SAME(0, oxni_wcscmp(L"a", L"a"));
+}
+
+PROMISE(strings, "oxni_str_utf8_to_unicode", "a path; NULL for invalid UTF-8")
+{
+    wchar_t *wide = oxni_str_utf8_to_unicode("a\xf0\x9f\x98\x80");
+    HOLDS(wide != NULL && wcscmp(wide, L"a\xd83d\xde00") == 0);
+    oxni_str_free(wide);
+    for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(NULL)})
+        SAME(static_cast<const wchar_t *>(NULL), oxni_str_utf8_to_unicode(text));
+}
+
+PROMISE(strings, "oxni_str_free", "such a text, or NULL")
+{
+    oxni_str_free(NULL);
+    oxni_str_free(oxni_str_utf8_to_unicode(""));
+}

@@ -88,7 +88,10 @@ static oxni_subscriber *subscribed(const char *name)
     return made;
 }
 
-static void messages_are_validated()
+PROMISE(deliveries, "oxni_subscribee_install",
+        "\"bypass_mgr\", its JSON Schema, flags 0, the service's callback and a second one that is "
+        "never called; rejects messages that do not match the schema: the sender gets an error, "
+        "and the service does not receive them")
 {
     static const struct {
         const char *message;
@@ -121,7 +124,9 @@ static void messages_are_validated()
 }
 
 /* Replies follow the messages that the subscriber sends in its callback, too. */
-static void replies_follow_the_callback()
+PROMISE(deliveries, "oxni_subscribee_pushback",
+        "a registered handle, a command, its kind as cookie, the reply function: exactly one reply "
+        "with the cookie, after the subscriber's callback; not 0: no reply")
 {
     install();
     oxni_subscriber *a = subscribed("a");
@@ -142,7 +147,8 @@ static void replies_follow_the_callback()
     SAME("", notes());
 }
 
-static void pushes_to_one_that_left()
+PROMISE(deliveries, "oxni_subscribee_pushback",
+        "The reply has a nonzero error when the subscriber is unreachable or has left")
 {
     install();
     oxni_subscriber *a = subscribed("a");
@@ -156,7 +162,10 @@ static void pushes_to_one_that_left()
 }
 
 /* Returns what happens until a subscriber that just subscribed has left. */
-static void leave_is_reported_once()
+PROMISE(deliveries, "Services and subscribers",
+        "The service's callback receives moment 1 with each message, first the registration; "
+        "moment 3 when the subscriber is accepted; and moment 2 once when the subscriber leaves or "
+        "dies.")
 {
     install();
     oxni_subscriber *a = subscribed("a"), *b = make("b");
@@ -171,7 +180,8 @@ static void leave_is_reported_once()
     oxni_subscriber_delete(b);
 }
 
-static void rejected_registrations()
+PROMISE(deliveries, "oxni_subscriber_subscribe",
+        "calls the service first; calls neither when it rejects the registration")
 {
     install();
     oxni_subscriber *a = make("a");
@@ -189,7 +199,9 @@ static void rejected_registrations()
     oxni_subscriber_delete(a);
 }
 
-static void subscribed_in_order()
+PROMISE(deliveries, "oxni_subscriber_subscribe",
+        "its own handle, \"bypass_mgr\", the registration, the callback: event 0 when subscribed, "
+        "then event 1 with each command")
 {
     install();
     oxni_subscriber *a = make("a"), *b = make("b");
@@ -206,125 +218,139 @@ static void subscribed_in_order()
     oxni_subscriber_delete(b);
 }
 
-const promise g_delivery_promises[] = {
-    {"oxni_subscribee_install",
-     "rejects messages that do not match the schema: the sender gets an error, and the service "
-     "does not receive them", messages_are_validated},
-    {"oxni_subscribee_pushback",
-     "exactly one reply with the cookie, after the subscriber's callback; not 0: no reply", replies_follow_the_callback},
-    {"oxni_subscribee_pushback",
-     "The reply has a nonzero error when the subscriber is unreachable or has left", pushes_to_one_that_left},
-    {"oxni_subscribee_pushback", "message kept",
-     [] {
-         install();
-         oxni_subscriber *a = subscribed("a");
-         json_t *message = json_string("mine");
-         SAME(0, oxni_subscribee_pushback(a, message, const_cast<char *>("c"), on_reply));
-         json_decref(message);
-         deliver();
-         SAME("e1:a=mine reply:c@a", notes());
-         oxni_subscriber_delete(a);
-     }},
-    {"oxni_subscriber_subscribe",   "event 0 when subscribed, then event 1 with each command",
-     subscribed_in_order},
-    {"oxni_subscriber_subscribe",
-     "calls the service first; calls neither when it rejects the registration", rejected_registrations},
-    {"oxni_subscriber_pushforward",
-     "its own handle and a \"modify\" message, no reply; validated against the schema too", [] {
-         install();
-         oxni_subscriber *a = subscribed("a");
-         SAME(0, oxni_subscriber_pushforward(a, json_of(MODIFY), NULL, NULL));
-         SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), NULL, NULL));
-         SAME(-1, oxni_subscriber_pushforward(a, NULL, NULL, NULL));
-         deliver();
-         SAME("m1:a=modify", notes());
-         oxni_subscriber_delete(a);
-     }},
-    {"Services and subscribers",
-     "The service's callback receives moment 1 with each message, first the registration; moment 3 "
-     "when the subscriber is accepted; and moment 2 once when the subscriber leaves or dies.", leave_is_reported_once},
-    {"Services and subscribers",  "Pending pushes to it then get error replies.",
-     [] {
-         install();
-         oxni_subscriber *a = subscribed("a");
-         push(a, "pending");
-         ABLE(leave)(a);
-         deliver();
-         SAME("m2:a error:pending@a", notes());
-         oxni_subscriber_delete(a);
-     }},
-    {"Thread",          "The host delivers its callbacks one at a time, on a thread of its choice.",
-     [] {
-         static std::atomic<int> s_inside, s_most;
-         s_inside = s_most = 0;
-         for (int i = 0; i < 5; i++)
-             oxni_timer_start(
-                 1,
-                 [](void *, void *) {
-                     s_most = std::max(s_most.load(), ++s_inside);
-                     Sleep(5);
-                     --s_inside;
-                 },
-                 NULL);
-         deliver(50);
-         SAME(1, s_most.load());
-     }},
-    {     }
-};
+static void messages_are_kept()
+{
+    install();
+    oxni_subscriber *a = make("a");
+    json_t *registration = json_loads(REG, 0, NULL), *command = json_string("mine"),
+           *change = json_loads(MODIFY, 0, NULL);
+    SAME(0, oxni_subscriber_subscribe(a, s_service, registration, on_event));
+    json_decref(registration);
+    deliver();
+    SAME("m1:a=reg m3:a e0:a", notes());
+    SAME(0, oxni_subscribee_pushback(a, command, const_cast<char *>("c"), on_reply));
+    SAME(0, oxni_subscriber_pushforward(a, change, NULL, NULL));
+    json_decref(command);
+    json_decref(change);
+    deliver();
+    SAME("e1:a=mine m1:a=modify reply:c@a", notes());
+    oxni_subscriber_delete(a);
+}
 
-const promise g_reference_promises[] = {
-    {"oxni_subscriber_new",    "namespace \"XNI\", name \"BYPASS\"; attributes copied",
-     [] {
-         char ns[] = "XNI", name[] = "BYPASS";
-         const oxni_subscriber_attr attr = {ns, name, NULL}, nameless = {ns, NULL, NULL};
-         oxni_subscriber *made = oxni_subscriber_new(&attr);
-         ns[0] = name[0] = 'z';
-         SAME("XNI", oxni_subscriber_get_attr(made)->ns);
-         SAME("BYPASS", oxni_subscriber_get_attr(made)->name);
-         HOLDS(oxni_subscriber_new(&nameless) == NULL && oxni_subscriber_new(NULL) == NULL);
-         oxni_subscriber_delete(made);
-     }},
-    {"oxni_subscriber_retain",
-     "a product's handle when the plug-in stores it, and again for each check that it starts", [] {
-         install();
-         oxni_subscriber *a = subscribed("a");
-         oxni_subscriber_retain(a);
-         oxni_subscriber_retain(a);
-         oxni_subscriber_delete(a);
-         oxni_subscriber_delete(a);
-         ABLE(leave)(a);
-         deliver();
-         SAME("a", name_of(a));
-         oxni_subscriber_delete(a);
-         oxni_subscriber_retain(NULL);
-     }},
-    {"oxni_subscriber_delete",
-     "the same handle when the product leaves, even if it never registered, and when a check ends", [] {
-         install();
-         oxni_subscriber *a = subscribed("a"), *never = make("never");
-         oxni_subscriber_delete(a); /* a live subscriber keeps the platform's reference */
-         SAME("a", name_of(a));
-         push(a, "x");
-         ABLE(leave)(a);
-         deliver(); /* the push has one until its reply */
-         SAME("m2:a error:x@a", notes());
-         ABLE(leave)(never);
-         oxni_subscriber_delete(never);
-         oxni_subscriber_delete(NULL);
-     }},
-    {"oxni_subscriber_get_attr",                   "a handle; its namespace and name, also after the product left",
-     [] {
-         install();
-         oxni_subscriber *a = subscribed("a");
-         ABLE(leave)(a);
-         deliver();
-         SAME("ns", oxni_subscriber_get_attr(a)->ns);
-         SAME("a", name_of(a));
-         HOLDS(oxni_subscriber_get_attr(NULL) == NULL);
-         oxni_subscriber_delete(a);
-     }},
-    {                  }
-};
+PROMISE(deliveries, "oxni_subscribee_pushback", "message kept")
+{
+    messages_are_kept();
+}
+
+PROMISE(deliveries, "oxni_subscriber_pushforward", "message kept")
+{
+    messages_are_kept();
+}
+
+PROMISE(deliveries, "oxni_subscriber_subscribe", "message kept")
+{
+    messages_are_kept();
+}
+
+PROMISE(deliveries, "oxni_subscriber_pushforward",
+        "its own handle and a \"modify\" message, no reply; validated against the schema too")
+{
+    install();
+    oxni_subscriber *a = subscribed("a");
+    SAME(0, oxni_subscriber_pushforward(a, json_of(MODIFY), NULL, NULL));
+    SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), NULL, NULL));
+    SAME(-1, oxni_subscriber_pushforward(a, NULL, NULL, NULL));
+    deliver();
+    SAME("m1:a=modify", notes());
+    oxni_subscriber_delete(a);
+}
+
+PROMISE(deliveries, "Services and subscribers", "Pending pushes to it then get error replies.")
+{
+    install();
+    oxni_subscriber *a = subscribed("a");
+    push(a, "pending");
+    ABLE(leave)(a);
+    deliver();
+    SAME("m2:a error:pending@a", notes());
+    oxni_subscriber_delete(a);
+}
+
+PROMISE(deliveries, "Thread",
+        "The host delivers its callbacks one at a time, on a thread of its choice.")
+{
+    static std::atomic<int> s_inside, s_most;
+    s_inside = s_most = 0;
+    for (int i = 0; i < 5; i++)
+        oxni_timer_start(
+            1,
+            [](void *, void *) {
+                s_most = std::max(s_most.load(), ++s_inside);
+                Sleep(5);
+                --s_inside;
+            },
+            NULL);
+    deliver(50);
+    SAME(1, s_most.load());
+}
+
+PROMISE(references, "oxni_subscriber_new", "namespace \"XNI\", name \"BYPASS\"; attributes copied")
+{
+    char ns[] = "XNI", name[] = "BYPASS";
+    const oxni_subscriber_attr attr = {ns, name, NULL}, nameless = {ns, NULL, NULL};
+    oxni_subscriber *made = oxni_subscriber_new(&attr);
+    ns[0] = name[0] = 'z';
+    SAME("XNI", oxni_subscriber_get_attr(made)->ns);
+    SAME("BYPASS", oxni_subscriber_get_attr(made)->name);
+    HOLDS(oxni_subscriber_new(&nameless) == NULL && oxni_subscriber_new(NULL) == NULL);
+    oxni_subscriber_delete(made);
+}
+
+PROMISE(references, "oxni_subscriber_retain",
+        "a product's handle when the plug-in stores it, and again for each check that it starts")
+{
+    install();
+    oxni_subscriber *a = subscribed("a");
+    oxni_subscriber_retain(a);
+    oxni_subscriber_retain(a);
+    oxni_subscriber_delete(a);
+    oxni_subscriber_delete(a);
+    ABLE(leave)(a);
+    deliver();
+    SAME("a", name_of(a));
+    oxni_subscriber_delete(a);
+    oxni_subscriber_retain(NULL);
+}
+
+PROMISE(references, "oxni_subscriber_delete",
+        "the same handle when the product leaves, even if it never registered, and when a check "
+        "ends")
+{
+    install();
+    oxni_subscriber *a = subscribed("a"), *never = make("never");
+    oxni_subscriber_delete(a); /* a live subscriber keeps the platform's reference */
+    SAME("a", name_of(a));
+    push(a, "x");
+    ABLE(leave)(a);
+    deliver(); /* the push has one until its reply */
+    SAME("m2:a error:x@a", notes());
+    ABLE(leave)(never);
+    oxni_subscriber_delete(never);
+    oxni_subscriber_delete(NULL);
+}
+
+PROMISE(references, "oxni_subscriber_get_attr",
+        "a handle; its namespace and name, also after the product left; NULL for NULL")
+{
+    install();
+    oxni_subscriber *a = subscribed("a");
+    ABLE(leave)(a);
+    deliver();
+    SAME("ns", oxni_subscriber_get_attr(a)->ns);
+    SAME("a", name_of(a));
+    HOLDS(oxni_subscriber_get_attr(NULL) == NULL);
+    oxni_subscriber_delete(a);
+}
 
 static void on_state(const char *path, int32_t state)
 {
@@ -366,6 +392,24 @@ static void responses_arrive_once()
     SAME(1, message->refcount);
 }
 
+PROMISE(links, "oxni_res_deliver",
+        "\"/oxni/quality_opr\", the alarm, a copy of the product's name as user pointer, the reply "
+        "function, 0; at most one reply; not 0: none")
+{
+    responses_arrive_once();
+}
+
+PROMISE(links, "oxnir_rsp_get_errno", "the reply; 0 when a response arrived")
+{
+    responses_arrive_once();
+}
+
+PROMISE(links, "oxnir_rsp_get_resp",
+        "the reply; the response, of which the plug-in reads \"errcode\", or NULL")
+{
+    responses_arrive_once();
+}
+
 static void commands_run()
 {
     const char *name = unique("check"), *ns = unique("ns");
@@ -383,67 +427,80 @@ static void commands_run()
     SAME(name, ABLE(printed)());
 }
 
-const promise g_link_promises[] = {
-    {"oxni_res_require",     "the current state, then each change; the first call is queued",
-     [] {
-         const char *path = unique("/check/link");
-         const std::string p = path;
-         SAME(0, oxni_res_require(path, 0, on_state));
-         SAME("", notes());
-         deliver();
-         SAME(p + "=0", notes());
-         SAME(-1, oxni_res_require(path, 0, NULL));
-         for (int state : {1, 1, 3})
-             ABLE(set_state)(path, state);
-         deliver();
-         SAME(p + "=1 " + p + "=3", notes());
-     }},
-    {"oxni_res_deliver",                      "at most one reply; not 0: none", responses_arrive_once},
-    {"oxni_res_deliver",     "an error when there is no handler",
-     [] {
-         json_t *message = json_of("\"m\"");
-         SAME(0, request(unique("/check/none"), message));
-         SAME("", notes());
-         deliver();
-         SAME("u:error:NULL", notes());
-         SAME(1, message->refcount);
-     }},
-    {"oxni_res_deliver", "request stolen, also on failure",
-     [] {
-         json_t *message = json_of("\"m\"");
-         SAME(-1, request(NULL, message));
-         deliver();
-         SAME("", notes());
-         SAME(1, message->refcount);
-     }},
-    {"oxni_dbg_decl",     "\"oxni\", \"bypass\", its help, the function: argv[0] is the command name",
-     commands_run},
-    {"oxni_dbg_decl",                      "-1 when it is already declared",
-     [] {
-         const char *name = unique("twice");
-         oxni_dbg_fn none = [](int32_t, char **, oxni_dbg_context *) {};
-         SAME(0, oxni_dbg_decl("oxni", name, "h", none));
-         SAME(-1, oxni_dbg_decl("oxni", name, "h", none));
-         SAME(-1, oxni_dbg_decl("oxni", unique("null"), "h", NULL));
-     }},
-    {"oxni_dbg_exec",     "the function for the answer; at most one answer",
-     [] {
-         const char *ns = unique("module");
-         ABLE(answer_commands)(ns);
-         SAME(0, oxni_dbg_exec(ns, "quality_opr info", 0, on_answer));
-         SAME("", notes());
-         deliver();
-         SAME("0:quality_opr info", notes());
-     }},
-    {"oxni_dbg_exec",                      "an error when there is no handler",
-     [] {
-         SAME(0, oxni_dbg_exec(unique("nobody"), "info", 0, on_answer));
-         deliver();
-         SAME("error:NULL", notes());
-         SAME(-1, oxni_dbg_exec("oxni", NULL, 0, on_answer));
-     }},
-    {          }
-};
+PROMISE(links, "oxni_dbg_decl",
+        "\"oxni\", \"bypass\", its help, the function: argv[0] is the command name")
+{
+    commands_run();
+}
+
+PROMISE(links, "oxni_dbg_echo", "the context of the running command, 0, text")
+{
+    commands_run();
+}
+
+PROMISE(links, "oxni_res_require",
+        "the path of the management module's console, 0, a callback: the current state, then each "
+        "change; the first call is queued")
+{
+    const char *path = unique("/check/link");
+    const std::string p = path;
+    SAME(0, oxni_res_require(path, 0, on_state));
+    SAME("", notes());
+    deliver();
+    SAME(p + "=0", notes());
+    SAME(-1, oxni_res_require(path, 0, NULL));
+    for (int state : {1, 1, 3})
+        ABLE(set_state)(path, state);
+    deliver();
+    SAME(p + "=1 " + p + "=3", notes());
+}
+
+PROMISE(links, "oxni_res_deliver", "an error when there is no handler")
+{
+    json_t *message = json_of("\"m\"");
+    SAME(0, request(unique("/check/none"), message));
+    SAME("", notes());
+    deliver();
+    SAME("u:error:NULL", notes());
+    SAME(1, message->refcount);
+}
+
+PROMISE(links, "oxni_res_deliver", "request stolen, also on failure")
+{
+    json_t *message = json_of("\"m\"");
+    SAME(-1, request(NULL, message));
+    deliver();
+    SAME("", notes());
+    SAME(1, message->refcount);
+}
+
+PROMISE(links, "oxni_dbg_decl", "-1 when it is already declared")
+{
+    const char *name = unique("twice");
+    oxni_dbg_fn none = [](int32_t, char **, oxni_dbg_context *) {};
+    SAME(0, oxni_dbg_decl("oxni", name, "h", none));
+    SAME(-1, oxni_dbg_decl("oxni", name, "h", none));
+    SAME(-1, oxni_dbg_decl("oxni", unique("null"), "h", NULL));
+}
+
+PROMISE(links, "oxni_dbg_exec",
+        "\"oxni\", \"quality_opr info\", 0, the function for the answer; at most one answer")
+{
+    const char *ns = unique("module");
+    ABLE(answer_commands)(ns);
+    SAME(0, oxni_dbg_exec(ns, "quality_opr info", 0, on_answer));
+    SAME("", notes());
+    deliver();
+    SAME("0:quality_opr info", notes());
+}
+
+PROMISE(links, "oxni_dbg_exec", "an error when there is no handler")
+{
+    SAME(0, oxni_dbg_exec(unique("nobody"), "info", 0, on_answer));
+    deliver();
+    SAME("error:NULL", notes());
+    SAME(-1, oxni_dbg_exec("oxni", NULL, 0, on_answer));
+}
 
 /* Arms a timer that notes its name. */
 static uint64_t arm(uint32_t ms, const char *name)
@@ -462,65 +519,74 @@ static void nothing_is_delivered_in_a_sleep(void (*sleep)(unsigned), unsigned ar
     SAME("due", notes());
 }
 
-const promise g_timer_promises[] = {
-    {"oxni_timer_start", "1 s to 1 h, a function, a user pointer; fires once",
-     [] {
-         static uint64_t s_at;
-         const uint64_t armed = oxni_time_get_tick_cout();
-         uint64_t timer = oxni_timer_start(
-             60,
-             [](void *handle, void *arg) {
-                 s_at = oxni_time_get_tick_cout();
-                 note(arg == &s_at ? "fired" : "another argument");
-                 note(std::to_string(reinterpret_cast<uintptr_t>(handle)));
-             },
-             &s_at);
-         deliver(20);
-         SAME("", notes());
-         deliver(80);
-         SAME("fired " + std::to_string(timer), notes());
-         HOLDS(s_at + 16 >= armed + 60 && s_at <= armed + 600);
-         deliver(100);
-         SAME("", notes());
-         SAME(0, oxni_timer_start(1, NULL, NULL));
-     }},
-    {"oxni_timer_start",                  "in the order of the due times; handles are not reused",
-     [] {
-         const uint64_t late = arm(60, "late"), soon = arm(30, "soon"), now = arm(0, "now");
-         HOLDS(late != 0 && soon != 0 && now != 0 && late != soon && soon != now);
-         SAME("", notes()); /* never inside the call that arms it */
-         deliver(100);
-         SAME("now soon late", notes());
-         const uint64_t next = arm(1000, "x");
-         HOLDS(next != late && next != soon && next != now);
-         oxni_timer_stop(next);
-     }},
-    {"oxni_timer_stop", "a handle, also of a timer that fired; unknown handles are ignored",
-     [] {
-         static uint64_t s_own, s_other;
-         uint64_t stopped = arm(20, "stopped"), kept = arm(20, "kept");
-         oxni_timer_stop(stopped);
-         oxni_timer_stop(stopped);
-         oxni_timer_stop(0);
-         oxni_timer_stop(UINT64_MAX);
-         deliver(50);
-         SAME("kept", notes());
-         oxni_timer_stop(kept);
-         s_own = oxni_timer_start(
-             10,
-             [](void *, void *) {
-                 oxni_timer_stop(s_own); /* has fired */
-                 oxni_timer_stop(s_other);
-                 note("own");
-             },
-             NULL);
-         s_other = arm(40, "stopped in a callback");
-         deliver(100);
-         SAME("own", notes());
-     }},
-    {"oxni_msleep",                  "nothing is delivered meanwhile",
-     [] { nothing_is_delivered_in_a_sleep(oxni_msleep, 30); }},
-    {"oxni_sleep",  "Nothing is delivered meanwhile",
-     [] { nothing_is_delivered_in_a_sleep(oxni_sleep, 1); }},
-    {     }
-};
+PROMISE(timers, "oxni_timer_start", "1 s to 1 h, a function, a user pointer")
+{
+    static uint64_t s_at;
+    const uint64_t armed = oxni_time_get_tick_cout();
+    uint64_t timer = oxni_timer_start(
+        60,
+        [](void *handle, void *arg) {
+            s_at = oxni_time_get_tick_cout();
+            note(arg == &s_at ? "fired" : "another argument");
+            note(std::to_string(reinterpret_cast<uintptr_t>(handle)));
+        },
+        &s_at);
+    deliver(20);
+    SAME("", notes());
+    deliver(80);
+    SAME("fired " + std::to_string(timer), notes());
+    HOLDS(s_at + 16 >= armed + 60 && s_at <= armed + 600);
+    deliver(100);
+    SAME("", notes());
+    SAME(0, oxni_timer_start(1, NULL, NULL));
+}
+
+PROMISE(timers, "oxni_timer_start",
+        "fires once, in the order of the due times; handles are not reused")
+{
+    const uint64_t late = arm(60, "late"), soon = arm(30, "soon"), now = arm(0, "now");
+    HOLDS(late != 0 && soon != 0 && now != 0 && late != soon && soon != now);
+    SAME("", notes()); /* never inside the call that arms it */
+    deliver(100);
+    SAME("now soon late", notes());
+    const uint64_t next = arm(1000, "x");
+    HOLDS(next != late && next != soon && next != now);
+    oxni_timer_stop(next);
+}
+
+PROMISE(timers, "oxni_timer_stop",
+        "a handle, also of a timer that fired; unknown handles are ignored")
+{
+    static uint64_t s_own, s_other;
+    uint64_t stopped = arm(20, "stopped"), kept = arm(20, "kept");
+    oxni_timer_stop(stopped);
+    oxni_timer_stop(stopped);
+    oxni_timer_stop(0);
+    oxni_timer_stop(UINT64_MAX);
+    deliver(50);
+    SAME("kept", notes());
+    oxni_timer_stop(kept);
+    s_own = oxni_timer_start(
+        10,
+        [](void *, void *) {
+            oxni_timer_stop(s_own); /* has fired */
+            oxni_timer_stop(s_other);
+            note("own");
+        },
+        NULL);
+    s_other = arm(40, "stopped in a callback");
+    deliver(100);
+    SAME("own", notes());
+}
+
+PROMISE(timers, "oxni_msleep", "nothing is delivered meanwhile")
+{
+    nothing_is_delivered_in_a_sleep(oxni_msleep, 30);
+}
+
+PROMISE(timers, "oxni_sleep",
+        "All current callers query once, so the plug-in does not call it. Nothing is delivered "
+        "meanwhile")
+{
+    nothing_is_delivered_in_a_sleep(oxni_sleep, 1);
+}

@@ -36,7 +36,8 @@ static int dump(const char *text, const std::string &name)
     return wdu_json_dump_file_ejs(json_of(text), path_of(name).c_str());
 }
 
-static void damaged_files()
+PROMISE(documents, "wdu_json_load_file_ejs",
+        "path; the document, or NULL when it is missing or invalid")
 {
     SAME(0, dump("{\"start_time\":1768478400}", "x.ejs"));
     const std::string good = file_bytes(path_of("x.ejs"));
@@ -53,7 +54,8 @@ static void damaged_files()
     }
 }
 
-static void failed_writes()
+PROMISE(documents, "wdu_json_dump_file_ejs",
+        "document, path; 0 when written; otherwise the file is unchanged")
 {
     SAME(0, dump("{\"a\":1}", "x.ejs"));
     check_case("no object");
@@ -70,34 +72,30 @@ static void failed_writes()
     SAME("{}", load("x.ejs"));
 }
 
-const promise g_document_promises[] = {
-    {"wdu_json_load_file_ejs",  "the document, or NULL when it is missing or invalid",
-     damaged_files},
-    {"wdu_json_load_file_ejs",             "new, released with `wdu_json_delete_ejs`",
-     [] {
-         SAME(0, dump(DOCUMENT, "\xe6\x97\xa5.ejs"));
-         SAME(DOCUMENT, load("\xe6\x97\xa5.ejs")); /* members in their order */
-         SAME("(none)", load("none.ejs"));
-         SAME("(none)", load("none/none.ejs"));
-     }},
-    {"wdu_json_dump_file_ejs",  "0 when written; otherwise the file is unchanged", failed_writes},
-    {"wdu_json_object_get_ejs",                         "document, member; the value or NULL",
-     [] {
-         json_t *document = json_of(DOCUMENT);
-         SAME(-5, json_integer_value(
-                      wdu_json_object_get_ejs(wdu_json_object_get_ejs(document, "data"), "k")));
-         HOLDS(wdu_json_object_get_ejs(document, "none") == NULL);
-         HOLDS(wdu_json_object_get_ejs(NULL, "none") == NULL);
-     }},
-    {"wdu_json_delete_ejs",  "document or NULL",
-     [] {
-         json_t *document = json_of(DOCUMENT);
-         wdu_json_delete_ejs(json_incref(document));
-         SAME(1, document->refcount);
-         wdu_json_delete_ejs(NULL);
-     }},
-    {}
-};
+PROMISE(documents, "wdu_json_load_file_ejs", "new, released with `wdu_json_delete_ejs`")
+{
+    SAME(0, dump(DOCUMENT, "\xe6\x97\xa5.ejs"));
+    SAME(DOCUMENT, load("\xe6\x97\xa5.ejs")); /* members in their order */
+    SAME("(none)", load("none.ejs"));
+    SAME("(none)", load("none/none.ejs"));
+}
+
+PROMISE(documents, "wdu_json_object_get_ejs", "document, member; the value or NULL")
+{
+    json_t *document = json_of(DOCUMENT);
+    SAME(-5, json_integer_value(
+                 wdu_json_object_get_ejs(wdu_json_object_get_ejs(document, "data"), "k")));
+    HOLDS(wdu_json_object_get_ejs(document, "none") == NULL);
+    HOLDS(wdu_json_object_get_ejs(NULL, "none") == NULL);
+}
+
+PROMISE(documents, "wdu_json_delete_ejs", "document or NULL")
+{
+    json_t *document = json_of(DOCUMENT);
+    wdu_json_delete_ejs(json_incref(document));
+    SAME(1, document->refcount);
+    wdu_json_delete_ejs(NULL);
+}
 
 static void values_of_other_types()
 {
@@ -115,7 +113,8 @@ static void values_of_other_types()
 }
 
 /* Whether a container that is NULL, or of another type, releases the value. */
-static void values_are_stolen()
+PROMISE(json, "wdu_json_object_set_new",
+        "container and value; if either is NULL, the value is released and the result is not 0")
 {
     json_t *value = json_of("\"v\""), *object = json_of("{}"), *array = json_of("[]");
 
@@ -132,76 +131,87 @@ static void values_are_stolen()
     SAME("[\"v\"]", json_text(array));
 }
 
-const promise g_json_promises[] = {
-    {"wdu_json_object",         "a new value, or NULL when memory runs out",
-     [] {
-         json_t *all = json_object();
-         json_object_set_new(all, "a", json_array());
-         json_object_set_new(all, "s", json_string("\xc3\xa4"));
-         json_object_set_new(all, "i", json_integer(-5));
-         SAME("{\"a\":[],\"s\":\"\xc3\xa4\",\"i\":-5}", json_text(all));
-         HOLDS(json_string("\xff") == NULL);
-         json_decref(all);
-     }},
-    {"wdu_json_object_set_new",
-     "container and value; if either is NULL, the value is released and the result is not 0", values_are_stolen},
-    {"wdu_json_object_get", "container of any type, or NULL", values_of_other_types},
-    {"wdu_json_string_value",        "a value of any type, or NULL: NULL and 0 for another type",
-     values_of_other_types},
-    {"wdu_json_array_size",     "array; 0 for any other type",
-     [] {
-         SAME(2, json_array_size(json_of("[1, [3, 4, 5]]")));
-         SAME(0, json_array_size(json_of("{\"a\":1}")));
-     }},
-    {"wdu_json_object_del",    "object, member that may be missing; clearing allocates nothing",
-     [] {
-         json_t *object = json_of("{\"a\":1,\"b\":2,\"c\":3}");
-         SAME(0, json_object_del(object, "a"));
-         SAME(-1, json_object_del(object, "a"));
-         SAME("{\"b\":2,\"c\":3}", json_text(object));
-         SAME(0, json_object_clear(object));
-         SAME("{}", json_text(object));
-     }},
-    {"wdu_json_integer_set",   "an integer and its new value; allocates nothing",
-     [] {
-         json_t *number = json_of("5"), *text = json_of("\"t\"");
-         SAME(0, json_integer_set(number, INT64_MIN));
-         SAME(INT64_MIN, json_integer_value(number));
-         SAME(-1, json_integer_set(text, 1));
-     }},
-    {"wdu_json_loads",     "text; NULL for invalid JSON",
-     [] {
-         for (const char *text : {"", "{", "[1,]", "{\"a\":\"\xff\"}", "[1] 2"}) {
-             check_case(text);
-             HOLDS(json_loads(text, 0, NULL) == NULL);
-             HOLDS(json_loadb(text, strlen(text), 0, NULL) == NULL);
-         }
-         json_t *one = json_loadb("[1]2", 3, 0, NULL);
-         SAME("[1]", json_text(one));
-         json_decref(one);
-     }},
-    {"wdu_json_dumps",
-     "value; flags 0, or JSON_INDENT(4) for the alarm's line in the log: members in insertion order",
-     [] {
-         json_t *document = json_of("{\"z\":1,\"a\":[2]}");
-         SAME("{\"z\": 1, \"a\": [2]}", json_text(document, 0));
-         SAME("{\n    \"z\": 1,\n    \"a\": [\n        2\n    ]\n}",
-              json_text(document, JSON_INDENT(4)));
-     }},
-    {"wdu_json_get_alloc_funcs",                         "the free function",
-     [] {
-         json_free_t release = NULL;
-         json_get_alloc_funcs(NULL, &release);
-         HOLDS(release != NULL);
-         release(NULL);
-     }},
-    {"wdu_json_delete",     "called through `json_decref` when the last reference is released",
-     [] {
-         json_t *inner = json_of("{}"), *outer = json_array();
-         json_array_append_new(outer, json_incref(inner));
-         SAME(2, inner->refcount);
-         json_decref(outer);
-         SAME(1, inner->refcount);
-     }},
-    {   }
-};
+PROMISE(json, "wdu_json_object", "a new value, or NULL when memory runs out")
+{
+    json_t *all = json_object();
+    json_object_set_new(all, "a", json_array());
+    json_object_set_new(all, "s", json_string("\xc3\xa4"));
+    json_object_set_new(all, "i", json_integer(-5));
+    SAME("{\"a\":[],\"s\":\"\xc3\xa4\",\"i\":-5}", json_text(all));
+    HOLDS(json_string("\xff") == NULL);
+    json_decref(all);
+}
+
+PROMISE(json, "wdu_json_object_get", "container of any type, or NULL")
+{
+    values_of_other_types();
+}
+
+PROMISE(json, "wdu_json_string_value", "a value of any type, or NULL: NULL and 0 for another type")
+{
+    values_of_other_types();
+}
+
+PROMISE(json, "wdu_json_array_size", "array; 0 for any other type")
+{
+    SAME(2, json_array_size(json_of("[1, [3, 4, 5]]")));
+    SAME(0, json_array_size(json_of("{\"a\":1}")));
+}
+
+PROMISE(json, "wdu_json_object_del",
+        "object, member that may be missing; clearing allocates nothing")
+{
+    json_t *object = json_of("{\"a\":1,\"b\":2,\"c\":3}");
+    SAME(0, json_object_del(object, "a"));
+    SAME(-1, json_object_del(object, "a"));
+    SAME("{\"b\":2,\"c\":3}", json_text(object));
+    SAME(0, json_object_clear(object));
+    SAME("{}", json_text(object));
+}
+
+PROMISE(json, "wdu_json_integer_set", "an integer and its new value; allocates nothing")
+{
+    json_t *number = json_of("5"), *text = json_of("\"t\"");
+    SAME(0, json_integer_set(number, INT64_MIN));
+    SAME(INT64_MIN, json_integer_value(number));
+    SAME(-1, json_integer_set(text, 1));
+}
+
+PROMISE(json, "wdu_json_loads", "text; NULL for invalid JSON")
+{
+    for (const char *text : {"", "{", "[1,]", "{\"a\":\"\xff\"}", "[1] 2"}) {
+        check_case(text);
+        HOLDS(json_loads(text, 0, NULL) == NULL);
+        HOLDS(json_loadb(text, strlen(text), 0, NULL) == NULL);
+    }
+    json_t *one = json_loadb("[1]2", 3, 0, NULL);
+    SAME("[1]", json_text(one));
+    json_decref(one);
+}
+
+PROMISE(json, "wdu_json_dumps",
+        "value; flags 0, or JSON_INDENT(4) for the alarm's line in the log: members in insertion "
+        "order")
+{
+    json_t *document = json_of("{\"z\":1,\"a\":[2]}");
+    SAME("{\"z\": 1, \"a\": [2]}", json_text(document, 0));
+    SAME("{\n    \"z\": 1,\n    \"a\": [\n        2\n    ]\n}",
+         json_text(document, JSON_INDENT(4)));
+}
+
+PROMISE(json, "wdu_json_get_alloc_funcs", "the free function")
+{
+    json_free_t release = NULL;
+    json_get_alloc_funcs(NULL, &release);
+    HOLDS(release != NULL);
+    release(NULL);
+}
+
+PROMISE(json, "wdu_json_delete", "called through `json_decref` when the last reference is released")
+{
+    json_t *inner = json_of("{}"), *outer = json_array();
+    json_array_append_new(outer, json_incref(inner));
+    SAME(2, inner->refcount);
+    json_decref(outer);
+    SAME(1, inner->refcount);
+}

@@ -24,7 +24,9 @@ static std::string transformed(const char *path)
     return buffer;
 }
 
-static void paths_are_transformed()
+PROMISE(paths, "oxni_dirutils_path_transform",
+        "\"@/../var/bypass_mgr/\" and the files in it; an absolute path. \"@\" is the installation "
+        "directory; forward slashes, no \".\" and \"..\" components, a trailing slash is kept")
 {
     static const struct {
         const char *path;
@@ -53,7 +55,7 @@ static void paths_are_transformed()
     SAME("", small);
 }
 
-static void directories_of_paths()
+PROMISE(paths, "oxni_path_directory", "a file's path; its directory without the slash")
 {
     static const struct {
         const char *path, *directory;
@@ -77,7 +79,7 @@ static HANDLE open_without_sharing(const std::string &path)
     return CreateFileW(wide_of(path).c_str(), GENERIC_WRITE, 0, NULL, OPEN_EXISTING, 0, NULL);
 }
 
-static void directories_are_made()
+PROMISE(paths, "oxni_dirutils_mkdir", "a missing directory, mode 509, and its parents")
 {
     const std::string deep = path_of("\xe6\x97\xa5/b/c/"), file = path_of("\xe6\x97\xa5/f.txt");
 
@@ -98,73 +100,75 @@ static std::string own_path()
     return std::filesystem::path(path).generic_u8string();
 }
 
-const promise g_path_promises[] = {
-    {"oxni_dirutils_path_transform",
-     "\"@\" is the installation directory; forward slashes, no \".\" and \"..\" components, a "
-     "trailing slash is kept", paths_are_transformed},
-    {"oxni_dirutils_mkdir",         "a missing directory, mode 509, and its parents", directories_are_made},
-    {"oxni_path_directory",          "a file's path; its directory without the slash", directories_of_paths},
-    {"oxni_path_basename",          "a source file's name, for the log; both kinds of slashes",
-     [] {
-         SAME("c", oxni_path_basename("C:\\a/b\\c"));
-         SAME("c", oxni_path_basename("C:\\a/c"));
-         SAME("", oxni_path_basename("a/"));
-         SAME("b", oxni_path_basename("b"));
-         SAME(static_cast<const char *>(NULL), oxni_path_basename(NULL));
-     }},
-    {"oxni_path_is_exist_u",          "a file or directory; nonzero when it exists",
-     [] {
-         const std::string file = path_of("\xc3\xa4.txt");
-         SAME(0, oxni_path_is_exist_u(file.c_str()));
-         file_write(file, "");
-         HOLDS(oxni_path_is_exist_u(file.c_str()) != 0);
-         HOLDS(oxni_path_is_exist_u(path_of("").c_str()) != 0);
-     }},
-    {"oxni_path_del_file_u",          "0 when deleted, otherwise the Windows error code",
-     [] {
-         const std::string file = path_of("\xc3\xa4.txt");
-         file_write(file, "");
-         HANDLE held = open_without_sharing(file);
-         SAME(ERROR_SHARING_VIOLATION, oxni_path_del_file_u(file.c_str()));
-         CloseHandle(held);
-         SAME(0, oxni_path_del_file_u(file.c_str()));
-         SAME("(none)", file_bytes(file));
-         SAME(ERROR_FILE_NOT_FOUND, oxni_path_del_file_u(file.c_str()));
-     }},
-    {"oxni_file_flush",           "fails with 32 while the file is open without sharing",
-     [] {
-         const std::string file = path_of("\xc3\xa4.txt");
-         file_write(file, "text");
-         SAME(0, oxni_file_flush(file.c_str()));
-         HANDLE held = open_without_sharing(file);
-         SAME(ERROR_SHARING_VIOLATION, oxni_file_flush(file.c_str()));
-         CloseHandle(held);
-         SAME("text", file_bytes(file));
-     }},
-    {"oxni_file_open_w",                              "a `FILE` of the C runtime that both share (msvcrt)",
-     [] {
-         const std::string file = path_of("\xe6\x97\xa5.bin");
-         HOLDS(oxni_file_open_w(wide_of(file).c_str(), L"rb") == NULL);
-         FILE *opened = oxni_file_open_w(wide_of(file).c_str(), L"wb+");
-         HOLDS(opened != NULL && fputs("a\n", opened) >= 0 && fclose(opened) == 0);
-         SAME("a\n", file_bytes(file));
-     }},
-    {"oxni_process_path",         "path of the agent's executable",
-     [] {
-         char path[260] = "#", small[4] = "#";
-         SAME(0, oxni_process_path(path, sizeof(path)));
-         SAME(own_path(), std::filesystem::u8path(path).generic_u8string());
-         SAME(-1, oxni_process_path(small, sizeof(small)));
-         SAME("", small);
-     }},
-    {"oxni_process_name",                              "its file name, part of the log directory's name, with its extension",
-     [] {
-         char name[260] = "#";
-         SAME(0, oxni_process_name(name, sizeof(name)));
-         SAME(own_path().substr(own_path().rfind('/') + 1), name);
-     }},
-    {                             }
-};
+PROMISE(paths, "oxni_path_basename", "a source file's name, for the log; both kinds of slashes")
+{
+    SAME("c", oxni_path_basename("C:\\a/b\\c"));
+    SAME("c", oxni_path_basename("C:\\a/c"));
+    SAME("", oxni_path_basename("a/"));
+    SAME("b", oxni_path_basename("b"));
+    SAME(static_cast<const char *>(NULL), oxni_path_basename(NULL));
+}
+
+PROMISE(paths, "oxni_path_is_exist_u", "a file or directory; nonzero when it exists")
+{
+    const std::string file = path_of("\xc3\xa4.txt");
+    SAME(0, oxni_path_is_exist_u(file.c_str()));
+    file_write(file, "");
+    HOLDS(oxni_path_is_exist_u(file.c_str()) != 0);
+    HOLDS(oxni_path_is_exist_u(path_of("").c_str()) != 0);
+}
+
+PROMISE(paths, "oxni_path_del_file_u",
+        "the recovery tag, which exists; 0 when deleted, otherwise the Windows error code")
+{
+    const std::string file = path_of("\xc3\xa4.txt");
+    file_write(file, "");
+    HANDLE held = open_without_sharing(file);
+    SAME(ERROR_SHARING_VIOLATION, oxni_path_del_file_u(file.c_str()));
+    CloseHandle(held);
+    SAME(0, oxni_path_del_file_u(file.c_str()));
+    SAME("(none)", file_bytes(file));
+    SAME(ERROR_FILE_NOT_FOUND, oxni_path_del_file_u(file.c_str()));
+}
+
+PROMISE(paths, "oxni_file_flush", "fails with 32 while the file is open without sharing")
+{
+    const std::string file = path_of("\xc3\xa4.txt");
+    file_write(file, "text");
+    SAME(0, oxni_file_flush(file.c_str()));
+    HANDLE held = open_without_sharing(file);
+    SAME(ERROR_SHARING_VIOLATION, oxni_file_flush(file.c_str()));
+    CloseHandle(held);
+    SAME("text", file_bytes(file));
+}
+
+PROMISE(paths, "oxni_file_open_w",
+        "a crash record's path, \"rb\" or \"wb+\"; a `FILE` of the C runtime that both share "
+        "(msvcrt)")
+{
+    const std::string file = path_of("\xe6\x97\xa5.bin");
+    HOLDS(oxni_file_open_w(wide_of(file).c_str(), L"rb") == NULL);
+    FILE *opened = oxni_file_open_w(wide_of(file).c_str(), L"wb+");
+    HOLDS(opened != NULL && fputs("a\n", opened) >= 0 && fclose(opened) == 0);
+    SAME("a\n", file_bytes(file));
+}
+
+PROMISE(paths, "oxni_process_path", "path of the agent's executable")
+{
+    char path[260] = "#", small[4] = "#";
+    SAME(0, oxni_process_path(path, sizeof(path)));
+    SAME(own_path(), std::filesystem::u8path(path).generic_u8string());
+    SAME(-1, oxni_process_path(small, sizeof(small)));
+    SAME("", small);
+}
+
+PROMISE(paths, "oxni_process_name",
+        "its file name, part of the log directory's name, with its extension")
+{
+    char name[260] = "#";
+    SAME(0, oxni_process_name(name, sizeof(name)));
+    SAME(own_path().substr(own_path().rfind('/') + 1), name);
+}
 
 static uint64_t number_of(const FILETIME &time)
 {
@@ -185,7 +189,8 @@ static std::string text_of_tm(const struct tm &tm)
 }
 
 /* By the machine's zone, as Windows converts the same date. */
-static void local_times()
+PROMISE(time, "oxni_time_stamp_to_local",
+        "seconds since 1970; local time, by the zone's rules for that date")
 {
     for (int64_t seconds : {INT64_C(-1), -EPOCH_SECONDS + 86400, INT64_C(951782400),
                             INT64_C(1768478400), INT64_C(1784116800)}) {
@@ -209,7 +214,7 @@ static void local_times()
         SAME(-1, oxni_time_stamp_to_local(seconds, &tm));
 }
 
-static void local_file_times()
+PROMISE(time, "oxni_timet_to_filetime", "a *local* file time, as from FileTimeToLocalFileTime")
 {
     for (int64_t seconds : {INT64_C(0), INT64_C(1768478400), INT64_C(1784116800)}) {
         FILETIME utc = time_of(static_cast<uint64_t>(seconds + EPOCH_SECONDS) * 10000000);
@@ -223,7 +228,7 @@ static void local_file_times()
     SAME(0, number_of(none));
 }
 
-static void file_times_are_rounded_toward_the_past()
+PROMISE(time, "oxni_filetime_to_timet", "a *UTC* file time; seconds, rounded toward the past")
 {
     for (int64_t second : {INT64_C(0), INT64_C(-1), -EPOCH_SECONDS, INT64_C(1768478400)})
         for (unsigned part : {0U, 1U, 9999999U}) {
@@ -245,41 +250,45 @@ static void sleeps(void (*sleep)(unsigned), unsigned argument, uint64_t ms)
     HOLDS(took + 16 >= ms && took < ms + 2000);
 }
 
-const promise g_time_promises[] = {
-    {"oxni_time",                            "seconds since 1970, UTC; agrees with GetSystemTime",
-     [] {
-         FILETIME now;
-         GetSystemTimeAsFileTime(&now);
-         const int64_t seconds = oxni_filetime_to_timet(&now), seen = oxni_time();
-         HOLDS(seen >= seconds && seen <= seconds + 1);
-     }},
-    {"oxni_time_get_tick_cout",
-     "milliseconds since Windows started, 64 bits; counts time in sleep as Windows does; agrees "
-     "with GetTickCount", [] {
-         const uint64_t before = GetTickCount64(), seen = oxni_time_get_tick_cout();
-         HOLDS(seen + 16 >= before && seen <= GetTickCount64() + 16);
-     }},
-    {"oxni_time_stamp_to_local",
-     "seconds since 1970; local time, by the zone's rules for that date", local_times},
-    {"oxni_timet_to_filetime",                                 "a *local* file time, as from FileTimeToLocalFileTime",
-     local_file_times},
-    {"oxni_filetime_to_timet",             "a *UTC* file time; seconds, rounded toward the past",
-     file_times_are_rounded_toward_the_past},
-    {"oxni_filetime_to_timet",
-     "Together with the previous operation, a tag that was just written is valid in every zone", [] {
-         FILETIME local, utc;
-         const int64_t now = oxni_time();
-         oxni_timet_to_filetime(now, &local);
-         LocalFileTimeToFileTime(&local, &utc);
-         SAME(now, oxni_filetime_to_timet(&utc));
-     }},
-    {"oxni_msleep",               "10 ms between retries", [] { sleeps(oxni_msleep, 30, 30); }},
-    {"oxni_sleep",                       "1 s while a driver's service is in a pending state",
-     [] { sleeps(oxni_sleep, 1, 1000); }},
-    {}
-};
+PROMISE(time, "oxni_time", "seconds since 1970, UTC; agrees with GetSystemTime")
+{
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    const int64_t seconds = oxni_filetime_to_timet(&now), seen = oxni_time();
+    HOLDS(seen >= seconds && seen <= seconds + 1);
+}
 
-static void registry_numbers()
+PROMISE(time, "oxni_time_get_tick_cout",
+        "milliseconds since Windows started, 64 bits; counts time in sleep as Windows does; agrees "
+        "with GetTickCount")
+{
+    const uint64_t before = GetTickCount64(), seen = oxni_time_get_tick_cout();
+    HOLDS(seen + 16 >= before && seen <= GetTickCount64() + 16);
+}
+
+PROMISE(time, "oxni_filetime_to_timet",
+        "Together with the previous operation, a tag that was just written is valid in every zone")
+{
+    FILETIME local, utc;
+    const int64_t now = oxni_time();
+    oxni_timet_to_filetime(now, &local);
+    LocalFileTimeToFileTime(&local, &utc);
+    SAME(now, oxni_filetime_to_timet(&utc));
+}
+
+PROMISE(time, "oxni_msleep", "10 ms between retries")
+{
+    sleeps(oxni_msleep, 30, 30);
+}
+
+PROMISE(time, "oxni_sleep", "1 s while a driver's service is in a pending state")
+{
+    sleeps(oxni_sleep, 1, 1000);
+}
+
+PROMISE(coding, "oxni_req_query_qword_w",
+        "HKEY_LOCAL_MACHINE, a driver's service key, \"errortime\"; nonzero on success, only a "
+        "REG_QWORD of 8 bytes")
 {
     const wchar_t *const path = L"Software\\platform_check", *const name = L"v";
     static const struct {
@@ -313,7 +322,7 @@ static std::string encoded(void (*code)(void *, size_t, const char *), std::stri
 }
 
 /* Calls from one thread; a platform whose mutex isn't recursive hangs. */
-static void mutexes()
+PROMISE(coding, "oxni_mutex_init", "one at initialisation, which fails if this fails; recursive")
 {
     oxni_mutex *mutex = NULL;
 
@@ -327,50 +336,56 @@ static void mutexes()
     oxni_mutex_destroy(NULL);
 }
 
-const promise g_coding_promises[] = {
-    {"oxni_uuid_create",       "a new identifier for each alarm",
-     [] {
-         oxni_uuid one = {}, other = {};
-         SAME(0, oxni_uuid_create(&one));
-         SAME(0, oxni_uuid_create(&other));
-         HOLDS(memcmp(&one, &other, sizeof(one)) != 0);
-     }},
-    {"oxni_uuid_make_cstr",                        "its text of 36 characters, lower case",
-     [] {
-         const oxni_uuid uuid = {
-             0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 0xfe, 0xff}};
-         char text[37] = "#";
-         SAME(-1, oxni_uuid_make_cstr(&uuid, text, 36));
-         SAME("", text);
-         SAME(0, oxni_uuid_make_cstr(&uuid, text, 37));
-         SAME("12345678-9abc-def0-0102-03040506feff", text);
-     }},
-    {"oxni_req_query_qword_w",    "only a REG_QWORD of 8 bytes", registry_numbers},
-    {"oxni_mutex_init",                              "one at initialisation, which fails if this fails", mutexes},
-    {"oxni_crc32_calc",                         "CRC-32 as in zlib, which other writers of the tag use too",
-     [] {
-         SAME(0xcbf43926U, oxni_crc32_calc("123456789", 9));
-         SAME(0, oxni_crc32_calc("", 0));
-     }},
-    {"xor_encry",
-     "each reverses the other, and the driver uses the same encoding: XOR with the repeated key", [] {
-         const std::string plain = "the quick brown fox",
-                           coded = "\x15\x0a\x04\x42\x10uick brown fox";
-         SAME(coded, encoded(xor_encry, plain, 5, "ab"));
-         SAME(plain, encoded(xor_decry, coded, 5, "ab"));
-         SAME(plain, encoded(xor_encry, plain, plain.size(), ""));
-     }},
-    {"oxni_dev_get_id_md5",
-     "buffer of at least 33 characters; the device id as 32 lower-case hexadecimal digits", [] {
-         char id[33] = "#", again[64], small[32] = "#";
-         SAME(0, oxni_dev_get_id_md5(id, sizeof(id)));
-         SAME(0, oxni_dev_get_id_md5(again, sizeof(again)));
-         SAME(32, strspn(id, "0123456789abcdef"));
-         SAME(id, again);
-         SAME(-1, oxni_dev_get_id_md5(small, sizeof(small)));
-         SAME("", small);
-     }},
-    {"oxni_dev_get_id_crc32",                   "a number for the same device",
-     [] { SAME(oxni_dev_get_id_crc32(), oxni_dev_get_id_crc32()); }},
-    {       }
-};
+PROMISE(coding, "oxni_uuid_create", "a new identifier for each alarm")
+{
+    oxni_uuid one = {}, other = {};
+    SAME(0, oxni_uuid_create(&one));
+    SAME(0, oxni_uuid_create(&other));
+    HOLDS(memcmp(&one, &other, sizeof(one)) != 0);
+}
+
+PROMISE(coding, "oxni_uuid_make_cstr", "its text of 36 characters, lower case")
+{
+    const oxni_uuid uuid = {
+        0x12345678, 0x9abc, 0xdef0, {1, 2, 3, 4, 5, 6, 0xfe, 0xff}
+    };
+    char text[37] = "#";
+    SAME(-1, oxni_uuid_make_cstr(&uuid, text, 36));
+    SAME("", text);
+    SAME(0, oxni_uuid_make_cstr(&uuid, text, 37));
+    SAME("12345678-9abc-def0-0102-03040506feff", text);
+}
+
+PROMISE(coding, "oxni_crc32_calc",
+        "the recovery tag's text; CRC-32 as in zlib, which other writers of the tag use too")
+{
+    SAME(0xcbf43926U, oxni_crc32_calc("123456789", 9));
+    SAME(0, oxni_crc32_calc("", 0));
+}
+
+PROMISE(coding, "xor_encry",
+        "50 bytes of a driver's crash record and the key; each reverses the other, and the driver "
+        "uses the same encoding: XOR with the repeated key")
+{
+    const std::string plain = "the quick brown fox", coded = "\x15\x0a\x04\x42\x10uick brown fox";
+    SAME(coded, encoded(xor_encry, plain, 5, "ab"));
+    SAME(plain, encoded(xor_decry, coded, 5, "ab"));
+    SAME(plain, encoded(xor_encry, plain, plain.size(), ""));
+}
+
+PROMISE(coding, "oxni_dev_get_id_md5",
+        "buffer of at least 33 characters; the device id as 32 lower-case hexadecimal digits")
+{
+    char id[33] = "#", again[64], small[32] = "#";
+    SAME(0, oxni_dev_get_id_md5(id, sizeof(id)));
+    SAME(0, oxni_dev_get_id_md5(again, sizeof(again)));
+    SAME(32, strspn(id, "0123456789abcdef"));
+    SAME(id, again);
+    SAME(-1, oxni_dev_get_id_md5(small, sizeof(small)));
+    SAME("", small);
+}
+
+PROMISE(coding, "oxni_dev_get_id_crc32", "a number for the same device")
+{
+    SAME(oxni_dev_get_id_crc32(), oxni_dev_get_id_crc32());
+}

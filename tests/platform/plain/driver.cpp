@@ -17,4 +17,4 @@ static void run(unsigned ms)
     Sleep(ms + 100); /* for what is due now, too */
 }
 
-const platform_driver g_driver = {start, run, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL};
+const platform_driver g_driver = {start, run, NULL, NULL, NULL, NULL, NULL, NULL, NULL};

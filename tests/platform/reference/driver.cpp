@@ -94,9 +94,6 @@ static void answer_commands(const char *ns)
         NULL);
 }
 
-static const promise *const OWN[] = {g_reference_choices, g_host_memory, g_host_core, g_host_clock,
-                                     NULL};
-
 const platform_driver g_driver = {
     start,
     run,
@@ -106,5 +103,4 @@ const platform_driver g_driver = {
     oxnih_dbg_run,
     [] { return std::exchange(s_printed, ""); },
     answer_commands,
-    finish,
-    OWN};
+    finish};

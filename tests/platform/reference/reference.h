@@ -8,8 +8,6 @@
 #include <liboxnibase/host.h>
 #include <oxni/base/time.h>
 
-extern const promise g_reference_choices[], g_host_memory[], g_host_core[], g_host_clock[];
-
 /* Thrown by the exit function, as a host does to unwind the plug-in's frames. */
 struct run_ended {
 };
