@@ -14,6 +14,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <algorithm>
 #include <set>
 #include <sstream>
@@ -34,6 +35,7 @@ struct unable {
 };
 
 static ULONGLONG s_row_ms = 10000;
+static std::mutex s_lock; /* callbacks may come from threads of the platform */
 static std::string s_case, s_difference, s_notes;
 static std::filesystem::path s_folder;
 static std::vector<json_t *> s_values;
@@ -56,6 +58,8 @@ static std::string shown(const std::string &text)
 
 void check_same(const std::string &expected, const std::string &seen, const char *what)
 {
+    const std::lock_guard<std::mutex> lock(s_lock);
+
     if (!s_difference.empty() || expected == seen)
         return;
     s_difference = std::string(what) + (s_case.empty() ? "" : " [" + s_case + "]") + ": saw " +
@@ -74,11 +78,15 @@ std::string text_of(const wchar_t *text)
 
 void note(const std::string &text)
 {
+    const std::lock_guard<std::mutex> lock(s_lock);
+
     s_notes += (s_notes.empty() ? "" : " ") + text;
 }
 
 std::string notes()
 {
+    const std::lock_guard<std::mutex> lock(s_lock);
+
     return std::exchange(s_notes, "");
 }
 
@@ -147,6 +155,18 @@ void check_area(const char *area)
             row->run();
 }
 
+/* Removes what a row wrote. The log may stay open until the process ends. */
+static void clear_folder(bool keep_logs)
+{
+    std::error_code ignored;
+
+    for (const auto &file : std::filesystem::directory_iterator(s_folder, ignored))
+        if (!keep_logs || file.path().filename() != "logs")
+            std::filesystem::remove_all(file.path(), ignored);
+    if (!keep_logs)
+        std::filesystem::remove(s_folder, ignored);
+}
+
 static const char *run_row(const promise &row)
 {
     const char *result = NULL;
@@ -167,8 +187,7 @@ static const char *run_row(const promise &row)
     const std::string noticed = g_driver.finish == NULL ? "" : g_driver.finish();
     if (result == NULL && s_difference.empty() && !noticed.empty())
         s_difference = "afterwards: " + noticed;
-    std::error_code ignored;
-    std::filesystem::remove_all(s_folder, ignored);
+    clear_folder(true);
     return result != NULL ? result : s_difference.empty() ? "pass" : "FAIL";
 }
 
@@ -196,6 +215,7 @@ static void run_child(const std::string &area, size_t from, const std::set<std::
             const std::string result = run_row(*rows()[i]);
             printf("%s\t%s\n", result.c_str(), s_difference.c_str());
         }
+    clear_folder(false);
 }
 
 struct child {

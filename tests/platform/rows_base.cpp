@@ -13,10 +13,10 @@
 #include <oxni/base/str.h>
 #include <oxni/base/xhash.h>
 
-/* Opens the log in the row's directory, where the process has none yet. */
+/* Opens the log, unless an earlier row did: a process has one log. */
 static void open_log()
 {
-    SAME(0, oxni_autolog_init("@/logs", 5));
+    SAME(0, oxni_autolog_init(path_of("logs").c_str(), 5));
 }
 
 /* Whether a text is in a file of that log. */
@@ -74,8 +74,13 @@ PROMISE(log, "oxni_log_is_regestered", "0: the plug-in opens the log first")
 
 PROMISE(log, "oxni_autolog_init", "a directory that may begin with \"@\"")
 {
-    open_log();
-    HOLDS(std::filesystem::exists(std::filesystem::u8path(path_of("logs"))));
+    char root[260] = "";
+
+    oxni_dirutils_path_transform("@", root, sizeof(root));
+    check_able(path_of("") == root + std::string("/"), "an installation directory of its own");
+    SAME(0, oxni_autolog_init("@/logs", 5));
+    oxni_log_output(OXNI_LOG_INFO, "below @");
+    HOLDS(logged("below @\n"));
 }
 
 PROMISE(log, "oxni_log_dir",

@@ -168,7 +168,11 @@ PROMISE(deliveries, "Services and subscribers",
         "dies.")
 {
     install();
-    oxni_subscriber *a = subscribed("a"), *b = make("b");
+    oxni_subscriber *a = make("a"), *b = make("b");
+    SAME(0, subscribe(a));
+    SAME(0, forward(a, MODIFY));
+    deliver();
+    SAME("m1:a=reg m3:a e0:a m1:a=modify reply:f@a", notes());
     ABLE(leave)(a);
     SAME(-1, forward(a, MODIFY));
     ABLE(leave)(a);

@@ -196,8 +196,8 @@ PROMISE(choices, "oxni_log_is_regestered",
         "nonzero after the log was opened, even if its file could not be created")
 {
     SAME(0, oxni_log_is_regestered());
-    file_write(path_of("logs"), "");
-    SAME(-1, oxni_autolog_init("@/logs/x", 5));
+    file_write(path_of("blocked"), "");
+    SAME(-1, oxni_autolog_init("@/blocked/x", 5));
     HOLDS(oxni_log_is_regestered() != 0);
 }
 
