@@ -361,7 +361,7 @@ int main(int argc, char **argv)
 
     for (int i = is_child ? 4 : 1; i < argc; i++)
         if (strncmp(argv[i], "--seconds=", 10) == 0)
-            s_row_ms = strtoul(argv[i] + 10, NULL, 10) * 1000;
+            s_row_ms = 1000ULL * strtoul(argv[i] + 10, NULL, 10);
         else
             names.insert(argv[i]);
     if (is_child) {

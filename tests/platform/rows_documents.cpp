@@ -14,7 +14,7 @@ static std::string json_text(const json_t *value, size_t flags = JSON_COMPACT)
 {
     json_free_t release = NULL;
     char *text = value == NULL ? NULL : json_dumps(value, flags);
-    const std::string result = text == NULL ? "(none)" : text;
+    std::string result = text == NULL ? "(none)" : text;
 
     json_get_alloc_funcs(NULL, &release);
     if (text != NULL)
@@ -25,7 +25,7 @@ static std::string json_text(const json_t *value, size_t flags = JSON_COMPACT)
 static std::string load(const std::string &name)
 {
     json_t *document = wdu_json_load_file_ejs(path_of(name).c_str());
-    const std::string text = json_text(document);
+    std::string text = json_text(document);
 
     wdu_json_delete_ejs(document);
     return text;

@@ -63,7 +63,7 @@ static void start(const std::string &folder)
 static std::string finish()
 {
     reset();
-    const std::string said = complaints();
+    std::string said = complaints();
     const uint64_t leaked = memory_stats().live_blocks;
     oxnih_memory_drop_all();
     if (!said.empty())

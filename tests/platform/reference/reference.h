@@ -30,4 +30,9 @@ std::string complaints();
 bool sunk(const std::string &text);
 oxnih_memory_stats memory_stats();
 
+inline bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
 #endif
