@@ -3,6 +3,7 @@
 #include "engine_script_internal.h"
 #include "kernel_dump.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -48,6 +49,7 @@ class engine final : public engine_unused_client, public engine_unused_control
     ~engine();
     void keep_callbacks(IDebugOutputCallbacks *callbacks);
     HRESULT open(PCWSTR path);
+    bool load(unsigned timeout_ms);
     void put(const std::string &text);
     void put_script_text();
     void put_column_names(ULONG flags);
@@ -59,6 +61,7 @@ class engine final : public engine_unused_client, public engine_unused_control
     enum session_state m_session = SESSION_NONE;
     kernel_dump m_dump;
     std::unique_ptr<std::string> m_script_text; /* replaces the dump */
+    unsigned m_waited_ms = 0;                   /* for the dump's event */
 };
 
 struct error_row {
@@ -259,6 +262,11 @@ HRESULT engine::open(PCWSTR path)
     HRESULT result;
 
     if (text != NULL) {
+        const struct engine_loading &loading = engine_script_loading();
+
+        result = loading.open != NULL ? loading.open(path) : S_OK;
+        if (result != S_OK)
+            return engine_script_refuse(path, result, "the file cannot be opened");
         m_script_text = std::make_unique<std::string>(*text);
         return S_OK;
     }
@@ -303,7 +311,23 @@ HRESULT engine::EndSession(ULONG flags)
     m_session = SESSION_NONE;
     m_dump = kernel_dump();
     m_script_text.reset();
+    m_waited_ms = 0;
     return S_OK;
+}
+
+/* Goes on loading the dump for at most a time. Result: whether it is loaded. */
+bool engine::load(unsigned timeout_ms)
+{
+    const struct engine_loading &loading = engine_script_loading();
+    const unsigned left = loading.ms - std::min(loading.ms, m_waited_ms);
+    const unsigned ms = std::min(left, timeout_ms);
+
+    if (m_waited_ms == 0 && loading.text != NULL && m_callbacks != NULL)
+        put(loading.text);
+    if (ms != 0 && loading.wait != NULL)
+        loading.wait(ms);
+    m_waited_ms += ms;
+    return ms == left;
 }
 
 HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
@@ -311,13 +335,14 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
 
     engine_script_called("WaitForEvent(0x%lx, %lu)", flags, timeout_ms);
-    /* The dump is read already. */
     if (fault != S_OK)
         return fault;
     if (flags != 0)
         return E_INVALIDARG;
     if (m_session != SESSION_OPEN)
         return E_UNEXPECTED;
+    if (!load(timeout_ms))
+        return S_FALSE;
     m_session = SESSION_READY;
     return S_OK;
 }

@@ -57,8 +57,10 @@ class engine_test : public testing::Test
         m_module = LoadLibraryW(L"dbgeng.dll");
         m_create = (decltype(m_create))(void *)GetProcAddress(m_module, "DebugCreate");
         m_set = (engine_script_set_fn)(void *)GetProcAddress(m_module, "engine_script_set");
+        m_loading = (engine_loading_set_fn)(void *)GetProcAddress(m_module, "engine_loading_set");
         m_counts = (engine_counts_get_fn)(void *)GetProcAddress(m_module, "engine_counts_get");
-        ASSERT_TRUE(m_create && m_set && m_counts) << "this is not the engine of this project";
+        ASSERT_TRUE(m_create && m_set && m_loading && m_counts)
+            << "this is not the engine of this project";
         ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
         m_path = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
     }
@@ -67,6 +69,7 @@ class engine_test : public testing::Test
     {
         close();
         m_set(NULL);
+        m_loading(NULL);
         EXPECT_EQ(held(), "0 objects, 0 references, 0 callbacks");
         DeleteFileW(m_path.c_str());
         FreeLibrary(m_module);
@@ -130,6 +133,7 @@ class engine_test : public testing::Test
     HMODULE m_module = nullptr;
     HRESULT(WINAPI *m_create)(REFIID iid, void **out) = nullptr;
     engine_script_set_fn m_set = nullptr;
+    engine_loading_set_fn m_loading = nullptr;
     engine_counts_get_fn m_counts = nullptr;
     IDebugClient4 *m_client = nullptr; /* created as IDebugClient, as many clients do */
     IDebugControl *m_control = nullptr;

@@ -165,6 +165,41 @@ TEST_F(engine, test_scripted_stack)
     EXPECT_EQ(m_filled, 3u);
 }
 
+static unsigned s_waited_ms;
+
+/* A wait that runs out may be repeated; the dump is loaded at its own time, and prints once. */
+TEST_F(engine, test_loading)
+{
+    const struct engine_loading slow = {500, "loading\n", [](unsigned ms) { s_waited_ms += ms; },
+                                        NULL};
+    const struct engine_loading held = {0, NULL, NULL,
+                                        [](const wchar_t *) { return E_ACCESSDENIED; }};
+    const struct engine_script_stack stack = {DUMP, "nt!A\n"};
+    const struct engine_script script = {sizeof script, NULL, 0, &stack, 1, NULL, NULL, NULL};
+    collector output;
+
+    ASSERT_EQ(m_set(&script), S_OK);
+    m_loading(&slow);
+    ASSERT_EQ(m_client->SetOutputCallbacks(&output), S_OK);
+    for (const wchar_t *path : {DUMP, m_path.c_str()}) {
+        s_waited_ms = 0;
+        output.text.clear();
+        ASSERT_EQ(m_client->OpenDumpFileWide(path, 0), S_OK);
+        for (HRESULT result : {S_FALSE, S_FALSE, S_OK}) {
+            EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 1, NULL), E_UNEXPECTED);
+            EXPECT_EQ(m_control->WaitForEvent(0, 200), result);
+        }
+        EXPECT_EQ(s_waited_ms, 500u);
+        EXPECT_EQ(output.text, "loading\n");
+        EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), S_OK);
+    }
+    m_loading(&held);
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), E_ACCESSDENIED);
+    m_loading(NULL);
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), S_OK);
+    EXPECT_EQ(m_client->SetOutputCallbacks(NULL), S_OK);
+}
+
 /* offset in the dump, value, bytes of the file, error, part of the reason */
 static const struct refusal_row {
     uint64_t place;
