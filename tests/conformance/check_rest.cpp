@@ -122,7 +122,10 @@ void check_modules(conformance &run)
             error_if(GetProcAddress(kernel, "no_such_function") == NULL), {ERROR_PROC_NOT_FOUND});
     loaded = LoadLibraryW(L"dbghelp.dll");
     conform(run, "LoadLibraryW", "a library of Windows", error_if(loaded == NULL), {0});
+    LoadLibraryW(L"dbghelp.dll");
     conform(run, "FreeLibrary", "a loaded library", error_if(!FreeLibrary(loaded)), {0});
+    conform(run, "FreeLibrary", "each load is freed", error_if(!FreeLibrary(loaded)), {0});
+    conform(run, "FreeLibrary", "more often than loaded fails", !FreeLibrary(loaded), {1});
     conform(run, "LoadLibraryW", "a library that is none",
             error_if(LoadLibraryW(L"no such library.dll") == NULL), {ERROR_MOD_NOT_FOUND});
     conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(NULL) == NULL),

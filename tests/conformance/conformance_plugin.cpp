@@ -15,8 +15,15 @@ extern "C" uint64_t __declspec(dllexport) oxni_plugin_init(void);
 
 extern "C" uint64_t oxni_plugin_init(void)
 {
-    conformance run = {
-        L"C:\\check", HKEY_LOCAL_MACHINE, HKEY_LOCAL_MACHINE, oxni_file_open_w, print, NULL, 0, 0};
+    conformance run = {L"C:\\check",
+                       L"dbgeng.dll",
+                       HKEY_LOCAL_MACHINE,
+                       HKEY_LOCAL_MACHINE,
+                       oxni_file_open_w,
+                       print,
+                       NULL,
+                       0,
+                       0};
 
     check_all(run);
     printf("conformance: %u checks, %u of them differ\n", run.checks, run.differences);
