@@ -34,14 +34,14 @@ class run_records final : public event_filter
   public:
     bool wants_id(uint32_t id) const override
     {
-        for (const auto &each : s_records)
+        for (const auto &each : RECORDS)
             if (each.id == id)
                 return true;
         return false;
     }
     bool wants(uint32_t id, const std::wstring &source) const override
     {
-        for (const auto &each : s_records)
+        for (const auto &each : RECORDS)
             if (each.id == id && source == each.source)
                 return true;
         return false;
@@ -52,7 +52,7 @@ class run_records final : public event_filter
         const wchar_t *source;
         uint32_t id;
     };
-    static constexpr record s_records[] = {
+    static constexpr record RECORDS[] = {
         {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START      },
         {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN     },
         {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE       },

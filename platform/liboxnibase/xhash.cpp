@@ -1,5 +1,6 @@
 /* Hash tables, allocated with the platform's allocator. A table belongs to its user's thread. */
 #include "base.h"
+#include "host.h"
 
 #include <cstring>
 
@@ -77,7 +78,8 @@ oxni_xhash *oxni_xhash_create(oxni_xhash_free_fn value_free, unsigned flags)
     oxni_xhash *table =
         static_cast<oxni_xhash *>(memory_allocate(sizeof(oxni_xhash), BASE_CALLER()));
 
-    (void)flags;
+    if (flags != 0)
+        oxnih_complain("oxni_xhash_create: flags 0x%x, expected 0", flags);
     if (table != nullptr)
         table->value_free = value_free;
     return table;

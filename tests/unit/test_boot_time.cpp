@@ -1,6 +1,7 @@
 /* The System process as the boot moment: which entry of a snapshot it is, and its time. */
 #include "boot_time.h"
 
+#include "time_text.h"
 #include "unit_support.h"
 
 #include <tlhelp32.h>
@@ -119,4 +120,13 @@ TEST(test_get_bootup_time, conversions)
         s_created = row.filetime;
         EXPECT_EQ(static_cast<int64_t>(get_bootup_time()), row.seconds);
     }
+}
+
+/* Text of a moment that no calendar of Windows has. */
+TEST(test_time_text_local, no_date)
+{
+    char text[TIME_TEXT_CHARS];
+
+    time_text_local(INT64_MAX, text, sizeof(text));
+    EXPECT_STREQ(text, "1970-01-01 00:00:00");
 }

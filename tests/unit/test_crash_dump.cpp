@@ -198,6 +198,12 @@ TEST(test_get_file_write_time, last_write)
     ASSERT_TRUE(DeleteFileW(path.c_str()));
     EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 1168u);
     EXPECT_EQ(found, path);
+    log_forget();
+    EXPECT_EQ(get_file_write_time(path.c_str(), &time), 2u);
+    EXPECT_TRUE(log_contains("d.dmp failed 2."));
+    log_forget();
+    EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    EXPECT_TRUE(log_contains("d.dmp failed 2."));
 }
 
 TEST(test_crash_dump, null_arguments)

@@ -71,6 +71,7 @@ TEST(test_guards, missing_names)
     log_forget();
     (void)bypass_mgr_check_cb(3, {}, "", {}, core_subscriber(0));
     EXPECT_TRUE(log_contains("The product () has already passed"));
+    EXPECT_FALSE(log_contains("Malloc memory failure"));
     EXPECT_EQ(core_calls(), "tag?; store {}; release a");
     for (const int32_t error : {5, 0}) {
         (void)bypass_mgr_send(core_subscriber(0), &request);
@@ -136,7 +137,10 @@ TEST(test_guards, calls_of_windows)
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     EXPECT_EQ(get_file_write_time(path.c_str(), &time), (uint32_t)ERROR_ACCESS_DENIED);
     EXPECT_EQ(time, 7u);
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
+    log_forget();
     EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
     for (const std::vector<DWORD> &results : {
              std::vector<DWORD>{0   },
              { 0, 300},
