@@ -18,8 +18,8 @@ static void check_dumps(conformance &run, IDebugClient4 *client, IDebugControl *
             control->GetStackTrace(0, 0, 0, &frame, 1, &filled) != S_OK, {1});
     conform(run, "OpenDumpFileWide", "a missing file fails",
             client->OpenDumpFileWide(path.c_str(), 0) != S_OK, {1});
-    HANDLE held =
-        CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL);
+    HANDLE held = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                              0, nullptr);
     conform(run, "OpenDumpFileWide", "a file that its writer holds open fails",
             client->OpenDumpFileWide(path.c_str(), 0) != S_OK, {1});
     CloseHandle(held);
@@ -31,31 +31,31 @@ static void check_dumps(conformance &run, IDebugClient4 *client, IDebugControl *
 void check_engine(conformance &run)
 {
     HMODULE engine = LoadLibraryW(run.engine.c_str());
-    debug_create_fn create = NULL;
-    IDebugClient *client = NULL;
-    IDebugClient4 *client4 = NULL;
-    IDebugControl *control = NULL;
+    debug_create_fn create = nullptr;
+    IDebugClient *client = nullptr;
+    IDebugClient4 *client4 = nullptr;
+    IDebugControl *control = nullptr;
 
-    conform(run, "LoadLibraryW", "the debugger engine", error_if(engine == NULL), {0});
+    conform(run, "LoadLibraryW", "the debugger engine", error_if(engine == nullptr), {0});
     create = reinterpret_cast<debug_create_fn>(
         reinterpret_cast<void *>(GetProcAddress(engine, "DebugCreate")));
-    conform(run, "GetProcAddress", "DebugCreate", error_if(create == NULL), {0});
-    if (create == NULL)
+    conform(run, "GetProcAddress", "DebugCreate", error_if(create == nullptr), {0});
+    if (create == nullptr)
         return;
     conform(run, "DebugCreate", "a client",
             static_cast<uint32_t>(create(IID_IDebugClient, reinterpret_cast<void **>(&client))),
             {0});
-    if (client == NULL)
+    if (client == nullptr)
         return;
     (void)client->QueryInterface(IID_IDebugControl, reinterpret_cast<void **>(&control));
     (void)client->QueryInterface(IID_IDebugClient4, reinterpret_cast<void **>(&client4));
-    conform(run, "DebugCreate", "its control", control != NULL, {1});
-    conform(run, "DebugCreate", "its interface for wide paths", client4 != NULL, {1});
-    if (control != NULL && client4 != NULL)
+    conform(run, "DebugCreate", "its control", control != nullptr, {1});
+    conform(run, "DebugCreate", "its interface for wide paths", client4 != nullptr, {1});
+    if (control != nullptr && client4 != nullptr)
         check_dumps(run, client4, control);
-    if (control != NULL)
+    if (control != nullptr)
         control->Release();
-    if (client4 != NULL)
+    if (client4 != nullptr)
         client4->Release();
     conform(run, "DebugCreate", "the last reference", client->Release(), {0});
     FreeLibrary(engine);

@@ -1,7 +1,7 @@
 /* A plug-in that makes the checks on the machine of its host, and prints to the standard output. */
 #include "conformance.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <oxni/base/path.h>
 
@@ -21,7 +21,7 @@ extern "C" uint64_t oxni_plugin_init(void)
                        HKEY_LOCAL_MACHINE,
                        oxni_file_open_w,
                        print,
-                       NULL,
+                       nullptr,
                        0,
                        0};
 

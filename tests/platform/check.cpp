@@ -9,8 +9,8 @@
  */
 #include "check.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include <filesystem>
 #include <fstream>
@@ -21,8 +21,7 @@
 #include <utility>
 #include <vector>
 
-#define EXIT_BROKEN   1
-#define EXIT_BAD_CALL 2
+static constexpr int EXIT_BROKEN = 1, EXIT_BAD_CALL = 2;
 
 /* All rows, in the order of their registration. */
 static std::vector<const promise *> &rows()
@@ -68,12 +67,12 @@ void check_same(const std::string &expected, const std::string &seen, const char
 
 std::string text_of(const char *text)
 {
-    return text == NULL ? "NULL" : text;
+    return text == nullptr ? "NULL" : text;
 }
 
 std::string text_of(const wchar_t *text)
 {
-    return text == NULL ? "NULL" : std::filesystem::path(text).u8string();
+    return text == nullptr ? "NULL" : std::filesystem::path(text).u8string();
 }
 
 void note(const std::string &text)
@@ -129,8 +128,8 @@ void file_write(const std::string &path, const std::string &bytes)
 
 json_t *json_of(const std::string &text)
 {
-    s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, NULL));
-    check_same("true", s_values.back() != NULL ? "true" : "false", text.c_str());
+    s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr));
+    check_same("true", s_values.back() != nullptr ? "true" : "false", text.c_str());
     return s_values.back();
 }
 
@@ -169,7 +168,7 @@ static void clear_folder(bool keep_logs)
 
 static const char *run_row(const promise &row)
 {
-    const char *result = NULL;
+    const char *result = nullptr;
 
     s_case = s_difference = s_notes = "";
     std::filesystem::create_directories(s_folder);
@@ -184,11 +183,11 @@ static const char *run_row(const promise &row)
     for (json_t *value : s_values)
         json_decref(value);
     s_values.clear();
-    const std::string noticed = g_driver.finish == NULL ? "" : g_driver.finish();
-    if (result == NULL && s_difference.empty() && !noticed.empty())
+    const std::string noticed = g_driver.finish == nullptr ? "" : g_driver.finish();
+    if (result == nullptr && s_difference.empty() && !noticed.empty())
         s_difference = "afterwards: " + noticed;
     clear_folder(true);
-    return result != NULL ? result : s_difference.empty() ? "pass" : "FAIL";
+    return result != nullptr ? result : s_difference.empty() ? "pass" : "FAIL";
 }
 
 static bool is_chosen(const std::set<std::string> &names, const promise &row)
@@ -205,7 +204,7 @@ static LONG WINAPI crashed(EXCEPTION_POINTERS *what)
 /* Prints a line before each row and one with its result. */
 static void run_child(const std::string &area, size_t from, const std::set<std::string> &names)
 {
-    setvbuf(stdout, NULL, _IONBF, 0);
+    setvbuf(stdout, nullptr, _IONBF, 0);
     SetUnhandledExceptionFilter(crashed); /* no debugger, no box for a person */
     s_folder = std::filesystem::temp_directory_path() /
                ("platform_check_" + std::to_string(GetCurrentProcessId()));
@@ -225,13 +224,13 @@ struct child {
 
 static child start_child(const std::string &area, size_t from, const std::set<std::string> &names)
 {
-    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
+    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
     wchar_t program[MAX_PATH] = {};
     STARTUPINFOW startup = {};
     PROCESS_INFORMATION made = {};
     HANDLE output, input;
 
-    GetModuleFileNameW(NULL, program, MAX_PATH);
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
     CreatePipe(&output, &input, &inherited, 0);
     SetHandleInformation(output, HANDLE_FLAG_INHERIT, 0);
     startup.cb = sizeof(startup);
@@ -242,7 +241,8 @@ static child start_child(const std::string &area, size_t from, const std::set<st
                         std::to_wstring(from);
     for (const std::string &name : names)
         line += L" \"" + wide_of(name) + L"\"";
-    if (!CreateProcessW(program, line.data(), NULL, NULL, TRUE, 0, NULL, NULL, &startup, &made))
+    if (!CreateProcessW(program, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                        &made))
         fprintf(stderr, "platform_check: cannot start a process: error %lu\n", GetLastError());
     CloseHandle(input);
     CloseHandle(made.hThread);
@@ -264,11 +264,12 @@ static std::string next_line(child &from)
             from.unread.erase(0, end + 1);
             return line;
         }
-        if (!PeekNamedPipe(from.output, NULL, 0, NULL, &bytes, NULL) || GetTickCount64() > until)
+        if (!PeekNamedPipe(from.output, nullptr, 0, nullptr, &bytes, nullptr) ||
+            GetTickCount64() > until)
             return "";
         if (bytes == 0)
             Sleep(5);
-        else if (ReadFile(from.output, part, sizeof(part), &bytes, NULL))
+        else if (ReadFile(from.output, part, sizeof(part), &bytes, nullptr))
             from.unread.append(part, bytes);
     }
 }
@@ -313,23 +314,23 @@ static bool run_rows(const std::string &area, size_t *from, const std::set<std::
                      totals &sum)
 {
     child one = start_child(area, *from, names);
-    const promise *row = NULL;
+    const promise *row = nullptr;
 
     for (std::string line; !(line = next_line(one)).empty();) {
         if (line.compare(0, 4, "row ") == 0) {
-            *from = strtoul(line.c_str() + 4, NULL, 10) + 1;
+            *from = strtoul(line.c_str() + 4, nullptr, 10) + 1;
             row = rows().at(*from - 1);
             continue;
         }
-        if (row != NULL) /* what else the platform prints is no result */
+        if (row != nullptr) /* what else the platform prints is no result */
             print_result(*row, line, sum);
-        row = NULL;
+        row = nullptr;
     }
-    if (row != NULL)
+    if (row != nullptr)
         print_result(*row, end_of(one, *row), sum);
     CloseHandle(one.process);
     CloseHandle(one.output);
-    return row != NULL;
+    return row != nullptr;
 }
 
 static int run_all(const std::set<std::string> &names)
@@ -361,11 +362,11 @@ int main(int argc, char **argv)
 
     for (int i = is_child ? 4 : 1; i < argc; i++)
         if (strncmp(argv[i], "--seconds=", 10) == 0)
-            s_row_ms = 1000ULL * strtoul(argv[i] + 10, NULL, 10);
+            s_row_ms = 1000ULL * strtoul(argv[i] + 10, nullptr, 10);
         else
             names.insert(argv[i]);
     if (is_child) {
-        run_child(argv[2], strtoul(argv[3], NULL, 10), names);
+        run_child(argv[2], strtoul(argv[3], nullptr, 10), names);
         return 0;
     }
     if (names.count("--list") != 0)

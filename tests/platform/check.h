@@ -59,7 +59,7 @@ template <class number> std::enable_if_t<std::is_integral_v<number>, std::string
 }
 inline std::string text_of(const void *address)
 {
-    return address == NULL ? "NULL" : std::to_string(reinterpret_cast<uintptr_t>(address));
+    return address == nullptr ? "NULL" : std::to_string(reinterpret_cast<uintptr_t>(address));
 }
 
 /* Records an event of a callback. notes() returns them in order, joined by blanks, and clears
@@ -70,7 +70,7 @@ std::string notes();
 /* Delivers what is due within the next milliseconds; the row ends when the driver cannot. */
 void deliver(unsigned ms = 0);
 /* Returns a member of the driver; the row ends unchecked when it is NULL. */
-#define ABLE(member) (check_able(g_driver.member != NULL, #member), g_driver.member)
+#define ABLE(member) (check_able(g_driver.member != nullptr, #member), g_driver.member)
 void check_able(bool able, const char *member);
 
 /* Returns a path below this row's directory; UTF-8, with forward slashes. */

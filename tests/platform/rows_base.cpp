@@ -1,7 +1,7 @@
 /* Promises about the log, memory, hash tables and strings. */
 #include "check.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
 #include <filesystem>
@@ -46,7 +46,7 @@ PROMISE(log, "oxni_log_output",
 {
     static const wchar_t path[] = L"C:\\\x65e5\x672c\xd83d\xde00.dmp";
     const std::string utf8 = "C:\\\xe6\x97\xa5\xe6\x9c\xac\xf0\x9f\x98\x80.dmp";
-    const wchar_t *volatile none = NULL;
+    const wchar_t *volatile none = nullptr;
 
     open_log();
     oxni_log_output(OXNI_LOG_INFO, "open %S failed %x %%%d.\n", path, 5U, -7);
@@ -69,7 +69,7 @@ PROMISE(log, "oxni_log_is_regestered", "0: the plug-in opens the log first")
 {
     open_log();
     HOLDS(oxni_log_is_regestered() != 0);
-    SAME(0, oxni_autolog_init(NULL, 5)); /* already open */
+    SAME(0, oxni_autolog_init(nullptr, 5)); /* already open */
 }
 
 PROMISE(log, "oxni_autolog_init", "a directory that may begin with \"@\"")
@@ -89,7 +89,7 @@ PROMISE(log, "oxni_log_dir",
 {
     char folder[260] = "#", small[3] = "#";
     HOLDS(oxni_log_dir(folder, sizeof(folder)) != 0);
-    HOLDS(folder[0] != '\0' && strchr("/\\", folder[strlen(folder) - 1]) == NULL);
+    HOLDS(folder[0] != '\0' && strchr("/\\", folder[strlen(folder) - 1]) == nullptr);
     SAME(0, oxni_log_dir(small, sizeof(small)));
     SAME("", small);
 }
@@ -104,13 +104,13 @@ PROMISE(memory, "oxni_zero_malloc_", "bytes; a zeroed block, or NULL")
     for (unsigned size : {0U, 1U, 15U, 4096U, 4097U, 200000U}) {
         char *block = make(size), *other = make(0);
         SAME(std::string(size, '\0'), std::string(block, size));
-        HOLDS(other != NULL && other != block); /* also for 0 bytes */
+        HOLDS(other != nullptr && other != block); /* also for 0 bytes */
         memset(block, 'x', size);
         oxni_free_(block);
         oxni_free_(other);
     }
     check_case("more than there is");
-    SAME(static_cast<void *>(NULL), static_cast<void *>(make(SIZE_MAX)));
+    SAME(static_cast<void *>(nullptr), static_cast<void *>(make(SIZE_MAX)));
 }
 
 PROMISE(memory, "oxni_ralloc_",
@@ -135,14 +135,14 @@ PROMISE(memory, "oxni_ralloc_",
 PROMISE(memory, "oxni_ralloc_", "NULL leaves the block unchanged")
 {
     char *block = oxni_strdup("text");
-    SAME(static_cast<void *>(NULL), oxni_ralloc_(block, SIZE_MAX));
+    SAME(static_cast<void *>(nullptr), oxni_ralloc_(block, SIZE_MAX));
     SAME("text", block);
     oxni_free_(block);
 }
 
 PROMISE(memory, "oxni_free_", "any block of this allocator, or NULL")
 {
-    oxni_free_(NULL);
+    oxni_free_(nullptr);
     oxni_free_(make(0));
     oxni_free_(oxni_strdup("text"));
 }
@@ -152,7 +152,7 @@ PROMISE(memory, "oxni_strdup", "text or NULL; NULL for NULL")
     char *copy = oxni_strdup("a\xc3\xa4"), *empty = oxni_strdup("");
     SAME("a\xc3\xa4", copy);
     SAME("", empty);
-    SAME(static_cast<const char *>(NULL), oxni_strdup(NULL));
+    SAME(static_cast<const char *>(nullptr), oxni_strdup(nullptr));
     oxni_free_(copy);
     oxni_free_(empty);
 }
@@ -164,7 +164,7 @@ PROMISE_ENDS(memory, "oxni_out_of_memory_", "does not return, ends the process w
 
 static void freed(void *value)
 {
-    note(value == NULL ? "null" : static_cast<char *>(value));
+    note(value == nullptr ? "null" : static_cast<char *>(value));
 }
 
 static int put(oxni_xhash *table, const std::string &key, const char *value)
@@ -175,7 +175,7 @@ static int put(oxni_xhash *table, const std::string &key, const char *value)
 static std::string keys(oxni_xhash *table)
 {
     std::string all;
-    for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != NULL;
+    for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != nullptr;
          at = oxni_xhash_next(table, at))
         all += std::string(static_cast<const char *>(at->key), at->key_length) + " ";
     return all;
@@ -185,9 +185,9 @@ PROMISE(tables, "oxni_xhash_search",
         "key of explicit length: 8 bytes of a handle, or text with its terminator; 0 when found. "
         "Otherwise -1 and NULL")
 {
-    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    oxni_xhash *table = oxni_xhash_create(nullptr, 0);
     char key[] = "ab";
-    void *value = NULL;
+    void *value = nullptr;
 
     for (const auto &[text, length] : {
              std::make_pair("ab", 2U), {"x\0y", 3U},
@@ -196,12 +196,12 @@ PROMISE(tables, "oxni_xhash_search",
         SAME(0, oxni_xhash_insert(table, text, length, key));
     SAME(0, oxni_xhash_search(table, "ab", 2, &value));
     SAME(static_cast<void *>(key), value);
-    SAME(0, oxni_xhash_search(table, "x\0y", 3, NULL));
-    SAME(-1, oxni_xhash_search(table, "x\0z", 3, NULL));
-    SAME(0, oxni_xhash_search(table, "", 0, NULL));
+    SAME(0, oxni_xhash_search(table, "x\0y", 3, nullptr));
+    SAME(-1, oxni_xhash_search(table, "x\0z", 3, nullptr));
+    SAME(0, oxni_xhash_search(table, "", 0, nullptr));
     check_case("an unknown key");
     SAME(-1, oxni_xhash_search(table, "ab", 3, &value));
-    SAME(static_cast<void *>(NULL), value);
+    SAME(static_cast<void *>(nullptr), value);
     oxni_xhash_destroy(table);
 }
 
@@ -212,7 +212,7 @@ PROMISE(tables, "oxni_xhash_insert",
     oxni_xhash *table = oxni_xhash_create(freed, 0);
     char same[] = "same";
 
-    put(table, "n", NULL);
+    put(table, "n", nullptr);
     put(table, "m", "b");
     put(table, "n", "a");
     SAME("n m ", keys(table));
@@ -242,13 +242,13 @@ PROMISE(tables, "oxni_xhash_delete",
     };
 
     for (const auto &row : rows) {
-        oxni_xhash *table = oxni_xhash_create(NULL, 0);
+        oxni_xhash *table = oxni_xhash_create(nullptr, 0);
         std::string visited;
         bool done = false;
         check_case(row.deleted + std::string(" deleted at ") + row.at);
         for (char key : std::string("abcd"))
-            put(table, std::string(1, key), NULL);
-        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != NULL;
+            put(table, std::string(1, key), nullptr);
+        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != nullptr;
              at = oxni_xhash_next(table, at)) {
             visited += *static_cast<const char *>(at->key);
             if (done || visited.back() != row.at)
@@ -257,7 +257,7 @@ PROMISE(tables, "oxni_xhash_delete",
             for (char key : std::string(row.deleted))
                 SAME(0, oxni_xhash_delete(table, &key, 1));
             if (row.added[0] != '\0')
-                put(table, row.added, NULL);
+                put(table, row.added, nullptr);
         }
         SAME(row.visited, visited);
         oxni_xhash_destroy(table);
@@ -266,8 +266,8 @@ PROMISE(tables, "oxni_xhash_delete",
 
 PROMISE(tables, "oxni_xhash_create", "a function that frees values, or NULL; flags 0")
 {
-    oxni_xhash *table = oxni_xhash_create(NULL, 0);
-    HOLDS(table != NULL);
+    oxni_xhash *table = oxni_xhash_create(nullptr, 0);
+    HOLDS(table != nullptr);
     put(table, "a", "value of nobody");
     SAME(0, oxni_xhash_delete(table, "a", 1));
     oxni_xhash_destroy(table);
@@ -280,7 +280,7 @@ PROMISE(tables, "oxni_xhash_destroy", "stolen; the function frees the values")
         put(table, one, one);
     oxni_xhash_destroy(table);
     SAME("c a b", notes());
-    oxni_xhash_destroy(NULL);
+    oxni_xhash_destroy(nullptr);
 }
 
 PROMISE(tables, "oxni_xhash_insert", "key copied, value stolen")
@@ -289,7 +289,7 @@ PROMISE(tables, "oxni_xhash_insert", "key copied, value stolen")
     char key[] = "ab";
     SAME(0, oxni_xhash_insert(table, key, 2, key));
     key[0] = 'z';
-    SAME(0, oxni_xhash_search(table, "ab", 2, NULL));
+    SAME(0, oxni_xhash_search(table, "ab", 2, nullptr));
     SAME("ab ", keys(table));
     oxni_xhash_destroy(table);
     SAME("zb", notes());
@@ -309,21 +309,21 @@ PROMISE(tables, "oxni_xhash_delete", "the function frees the value")
 
 PROMISE(tables, "oxni_xhash_count", "number of entries; 0 for NULL")
 {
-    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    oxni_xhash *table = oxni_xhash_create(nullptr, 0);
     for (int i = 0; i < 400; i++)
-        put(table, std::to_string(i % 300), NULL);
+        put(table, std::to_string(i % 300), nullptr);
     SAME(300, oxni_xhash_count(table));
-    SAME(0, oxni_xhash_count(NULL));
+    SAME(0, oxni_xhash_count(nullptr));
     oxni_xhash_destroy(table);
 }
 
 PROMISE(tables, "oxni_xhash_first", "every entry once, in insertion order")
 {
-    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    oxni_xhash *table = oxni_xhash_create(nullptr, 0);
     std::string expected;
     SAME("", keys(table));
     for (int i = 0; i < 400; i++) {
-        put(table, std::to_string(i * 7919 % 400), NULL);
+        put(table, std::to_string(i * 7919 % 400), nullptr);
         expected += std::to_string(i * 7919 % 400) + " ";
     }
     SAME(expected, keys(table));
@@ -359,7 +359,7 @@ PROMISE(strings, "oxni_wcsnlen",
         "the maximum length to read")
 {
     static constexpr size_t PAGE = 4096, LONGEST = 20;
-    char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
+    char *page = static_cast<char *>(VirtualAlloc(nullptr, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
 
     VirtualAlloc(page, PAGE, MEM_COMMIT, PAGE_READWRITE);
     for (size_t skew = 0; skew < 8; skew++)
@@ -373,7 +373,7 @@ PROMISE(strings, "oxni_wcsnlen",
                      oxni_wcsnlen(reinterpret_cast<const wchar_t *>(text), limit));
             }
     VirtualFree(page, 0, MEM_RELEASE);
-    SAME(0, oxni_wcsnlen(NULL, 5));
+    SAME(0, oxni_wcsnlen(nullptr, 5));
 }
 
 PROMISE(strings, "oxni_strlcpy",
@@ -386,8 +386,8 @@ PROMISE(strings, "oxni_strcmp", "two texts, either may be NULL: byte order, NULL
 {
     HOLDS(oxni_strcmp("\xc3\xa4", "z") > 0); /* unsigned */
     HOLDS(oxni_strcmp("a", "B") > 0);
-    HOLDS(oxni_strcmp(NULL, "") < 0 && oxni_strcmp("", NULL) > 0);
-    SAME(0, oxni_strcmp(NULL, NULL));
+    HOLDS(oxni_strcmp(nullptr, "") < 0 && oxni_strcmp("", nullptr) > 0);
+    SAME(0, oxni_strcmp(nullptr, nullptr));
     SAME(0, oxni_strcmp("ab", "ab"));
 }
 
@@ -406,21 +406,21 @@ PROMISE(strings, "oxni_str_snprintf", "constant format of the C runtime (`%S`, `
 PROMISE(strings, "oxni_wcscmp", "two provider names; case-sensitive, either may be NULL")
 {
     HOLDS(oxni_wcscmp(L"System", L"system") < 0);
-    HOLDS(oxni_wcscmp(NULL, L"") < 0 && oxni_wcscmp(L"", NULL) > 0);
+    HOLDS(oxni_wcscmp(nullptr, L"") < 0 && oxni_wcscmp(L"", nullptr) > 0);
     SAME(0, oxni_wcscmp(L"a", L"a"));
 }
 
 PROMISE(strings, "oxni_str_utf8_to_unicode", "a path; NULL for invalid UTF-8")
 {
     wchar_t *wide = oxni_str_utf8_to_unicode("a\xf0\x9f\x98\x80");
-    HOLDS(wide != NULL && wcscmp(wide, L"a\xd83d\xde00") == 0);
+    HOLDS(wide != nullptr && wcscmp(wide, L"a\xd83d\xde00") == 0);
     oxni_str_free(wide);
-    for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(NULL)})
-        SAME(static_cast<const wchar_t *>(NULL), oxni_str_utf8_to_unicode(text));
+    for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(nullptr)})
+        SAME(static_cast<const wchar_t *>(nullptr), oxni_str_utf8_to_unicode(text));
 }
 
 PROMISE(strings, "oxni_str_free", "such a text, or NULL")
 {
-    oxni_str_free(NULL);
+    oxni_str_free(nullptr);
     oxni_str_free(oxni_str_utf8_to_unicode(""));
 }

@@ -21,15 +21,15 @@ static bool s_answer_forward; /* the subscriber sends a message when it receives
 static std::string name_of(oxni_subscriber *who)
 {
     const oxni_subscriber_attr *attr = oxni_subscriber_get_attr(who);
-    return attr == NULL ? "(none)" : attr->name;
+    return attr == nullptr ? "(none)" : attr->name;
 }
 
 static void on_service(int32_t error, void *, int32_t moment, json_t *message, oxni_subscriber *who)
 {
     const char *type = json_string_value(json_object_get(message, "type"));
 
-    note("m" + std::to_string(moment) + ":" + name_of(who) + (type == NULL ? "" : "=") +
-         (type == NULL ? "" : type) + (error == 0 ? "" : "!"));
+    note("m" + std::to_string(moment) + ":" + name_of(who) + (type == nullptr ? "" : "=") +
+         (type == nullptr ? "" : type) + (error == 0 ? "" : "!"));
 }
 
 static void on_reply(int32_t error, void *cookie, oxni_subscriber *who, void *)
@@ -46,8 +46,8 @@ static int forward(oxni_subscriber *who, const char *message)
 static void on_event(oxni_subscriber *who, uint32_t event, void *, json_t *message)
 {
     note("e" + std::to_string(event) + ":" + name_of(who) +
-         (message == NULL ? "" : "=" + text_of(json_string_value(message))));
-    if (message != NULL && s_answer_forward)
+         (message == nullptr ? "" : "=" + text_of(json_string_value(message))));
+    if (message != nullptr && s_answer_forward)
         SAME(0, forward(who, MODIFY));
 }
 
@@ -61,12 +61,12 @@ static void install()
 {
     s_answer_forward = false;
     s_service = unique("service");
-    SAME(0, oxni_subscribee_install(s_service, SCHEMA, 0, on_service, NULL));
+    SAME(0, oxni_subscribee_install(s_service, SCHEMA, 0, on_service, nullptr));
 }
 
 static oxni_subscriber *make(const char *name)
 {
-    const oxni_subscriber_attr attr = {"ns", name, NULL};
+    const oxni_subscriber_attr attr = {"ns", name, nullptr};
     return oxni_subscriber_new(&attr);
 }
 
@@ -114,9 +114,9 @@ PROMISE(deliveries, "oxni_subscribee_install",
         SAME(row.valid ? "m1:a=reg reply:f@a" : "error:f@a", notes());
     }
     check_case("schemas that are none, and a name in use");
-    SAME(-1, oxni_subscribee_install(unique("s"), "{", 0, on_service, NULL));
-    SAME(-1, oxni_subscribee_install(unique("s"), "{\"pattern\": \"(\"}", 0, on_service, NULL));
-    SAME(-1, oxni_subscribee_install(s_service, SCHEMA, 0, on_service, NULL));
+    SAME(-1, oxni_subscribee_install(unique("s"), "{", 0, on_service, nullptr));
+    SAME(-1, oxni_subscribee_install(unique("s"), "{\"pattern\": \"(\"}", 0, on_service, nullptr));
+    SAME(-1, oxni_subscribee_install(s_service, SCHEMA, 0, on_service, nullptr));
     oxni_subscriber_delete(sender);
 }
 
@@ -139,7 +139,7 @@ PROMISE(deliveries, "oxni_subscribee_pushback",
     SAME("e1:a=two e1:a=three reply:two@a reply:three@a", notes());
     oxni_subscriber_delete(a);
     check_case("no message");
-    SAME(-1, oxni_subscribee_pushback(a, NULL, NULL, on_reply));
+    SAME(-1, oxni_subscribee_pushback(a, nullptr, nullptr, on_reply));
     deliver();
     SAME("", notes());
 }
@@ -223,14 +223,14 @@ static void messages_are_kept()
 {
     install();
     oxni_subscriber *a = make("a");
-    json_t *registration = json_loads(REG, 0, NULL), *command = json_string("mine"),
-           *change = json_loads(MODIFY, 0, NULL);
+    json_t *registration = json_loads(REG, 0, nullptr), *command = json_string("mine"),
+           *change = json_loads(MODIFY, 0, nullptr);
     SAME(0, oxni_subscriber_subscribe(a, s_service, registration, on_event));
     json_decref(registration);
     deliver();
     SAME("m1:a=reg m3:a e0:a", notes());
     SAME(0, oxni_subscribee_pushback(a, command, const_cast<char *>("c"), on_reply));
-    SAME(0, oxni_subscriber_pushforward(a, change, NULL, NULL));
+    SAME(0, oxni_subscriber_pushforward(a, change, nullptr, nullptr));
     json_decref(command);
     json_decref(change);
     deliver();
@@ -258,9 +258,9 @@ PROMISE(deliveries, "oxni_subscriber_pushforward",
 {
     install();
     oxni_subscriber *a = subscribed("a");
-    SAME(0, oxni_subscriber_pushforward(a, json_of(MODIFY), NULL, NULL));
-    SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), NULL, NULL));
-    SAME(-1, oxni_subscriber_pushforward(a, NULL, NULL, NULL));
+    SAME(0, oxni_subscriber_pushforward(a, json_of(MODIFY), nullptr, nullptr));
+    SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), nullptr, nullptr));
+    SAME(-1, oxni_subscriber_pushforward(a, nullptr, nullptr, nullptr));
     deliver();
     SAME("m1:a=modify", notes());
     oxni_subscriber_delete(a);
@@ -290,7 +290,7 @@ PROMISE(deliveries, "Thread",
                 Sleep(5);
                 --s_inside;
             },
-            NULL);
+            nullptr);
     deliver(50);
     SAME(1, s_most.load());
 }
@@ -298,12 +298,12 @@ PROMISE(deliveries, "Thread",
 PROMISE(references, "oxni_subscriber_new", "namespace \"XNI\", name \"BYPASS\"; attributes copied")
 {
     char ns[] = "XNI", name[] = "BYPASS";
-    const oxni_subscriber_attr attr = {ns, name, NULL}, nameless = {ns, NULL, NULL};
+    const oxni_subscriber_attr attr = {ns, name, nullptr}, nameless = {ns, nullptr, nullptr};
     oxni_subscriber *made = oxni_subscriber_new(&attr);
     ns[0] = name[0] = 'z';
     SAME("XNI", oxni_subscriber_get_attr(made)->ns);
     SAME("BYPASS", oxni_subscriber_get_attr(made)->name);
-    HOLDS(oxni_subscriber_new(&nameless) == NULL && oxni_subscriber_new(NULL) == NULL);
+    HOLDS(oxni_subscriber_new(&nameless) == nullptr && oxni_subscriber_new(nullptr) == nullptr);
     oxni_subscriber_delete(made);
 }
 
@@ -320,7 +320,7 @@ PROMISE(references, "oxni_subscriber_retain",
     deliver();
     SAME("a", name_of(a));
     oxni_subscriber_delete(a);
-    oxni_subscriber_retain(NULL);
+    oxni_subscriber_retain(nullptr);
 }
 
 PROMISE(references, "oxni_subscriber_delete",
@@ -337,7 +337,7 @@ PROMISE(references, "oxni_subscriber_delete",
     SAME("m2:a error:x@a", notes());
     ABLE(leave)(never);
     oxni_subscriber_delete(never);
-    oxni_subscriber_delete(NULL);
+    oxni_subscriber_delete(nullptr);
 }
 
 PROMISE(references, "oxni_subscriber_get_attr",
@@ -349,6 +349,6 @@ PROMISE(references, "oxni_subscriber_get_attr",
     deliver();
     SAME("ns", oxni_subscriber_get_attr(a)->ns);
     SAME("a", name_of(a));
-    HOLDS(oxni_subscriber_get_attr(NULL) == NULL);
+    HOLDS(oxni_subscriber_get_attr(nullptr) == nullptr);
     oxni_subscriber_delete(a);
 }

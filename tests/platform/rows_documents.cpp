@@ -1,7 +1,7 @@
 /* Promises about ".ejs" files and Jansson. */
 #include "check.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <filesystem>
 
@@ -12,12 +12,12 @@ static const char DOCUMENT[] = "{\"z\":1,\"a\":[true,null,\"\xe6\x97\xa5\"],\"da
 /* Returns a value as compact JSON; "(none)" for NULL, whose text it releases. */
 static std::string json_text(const json_t *value, size_t flags = JSON_COMPACT)
 {
-    json_free_t release = NULL;
-    char *text = value == NULL ? NULL : json_dumps(value, flags);
-    std::string result = text == NULL ? "(none)" : text;
+    json_free_t release = nullptr;
+    char *text = value == nullptr ? nullptr : json_dumps(value, flags);
+    std::string result = text == nullptr ? "(none)" : text;
 
-    json_get_alloc_funcs(NULL, &release);
-    if (text != NULL)
+    json_get_alloc_funcs(nullptr, &release);
+    if (text != nullptr)
         release(text);
     return result;
 }
@@ -63,7 +63,7 @@ PROMISE(documents, "wdu_json_dump_file_ejs",
     check_case("no directory");
     SAME(-1, dump("{}", "none/x.ejs"));
     HANDLE held = CreateFileW(wide_of(path_of("x.ejs")).c_str(), GENERIC_READ, FILE_SHARE_READ,
-                              NULL, OPEN_EXISTING, 0, NULL);
+                              nullptr, OPEN_EXISTING, 0, nullptr);
     check_case("a file that is open");
     SAME(-1, dump("{\"b\":2}", "x.ejs"));
     CloseHandle(held);
@@ -85,8 +85,8 @@ PROMISE(documents, "wdu_json_object_get_ejs", "document, member; the value or NU
     json_t *document = json_of(DOCUMENT);
     SAME(-5, json_integer_value(
                  wdu_json_object_get_ejs(wdu_json_object_get_ejs(document, "data"), "k")));
-    HOLDS(wdu_json_object_get_ejs(document, "none") == NULL);
-    HOLDS(wdu_json_object_get_ejs(NULL, "none") == NULL);
+    HOLDS(wdu_json_object_get_ejs(document, "none") == nullptr);
+    HOLDS(wdu_json_object_get_ejs(nullptr, "none") == nullptr);
 }
 
 PROMISE(documents, "wdu_json_delete_ejs", "document or NULL")
@@ -94,20 +94,20 @@ PROMISE(documents, "wdu_json_delete_ejs", "document or NULL")
     json_t *document = json_of(DOCUMENT);
     wdu_json_delete_ejs(json_incref(document));
     SAME(1, document->refcount);
-    wdu_json_delete_ejs(NULL);
+    wdu_json_delete_ejs(nullptr);
 }
 
 static void values_of_other_types()
 {
     json_t *const object = json_of("{\"a\":1}"), *const text = json_of("\"t\"");
 
-    for (json_t *one : {object, static_cast<json_t *>(NULL)}) {
-        SAME(static_cast<const char *>(NULL), json_string_value(one));
+    for (json_t *one : {object, static_cast<json_t *>(nullptr)}) {
+        SAME(static_cast<const char *>(nullptr), json_string_value(one));
         SAME(0, json_integer_value(one));
         SAME(0, json_array_size(one));
-        HOLDS(json_array_get(one, 0) == NULL);
+        HOLDS(json_array_get(one, 0) == nullptr);
     }
-    HOLDS(json_object_get(text, "a") == NULL && json_object_get(NULL, "a") == NULL);
+    HOLDS(json_object_get(text, "a") == nullptr && json_object_get(nullptr, "a") == nullptr);
     SAME("t", json_string_value(text));
     SAME(0, json_integer_value(text));
 }
@@ -118,11 +118,11 @@ PROMISE(json, "wdu_json_object_set_new",
 {
     json_t *value = json_of("\"v\""), *object = json_of("{}"), *array = json_of("[]");
 
-    HOLDS(json_object_set_new(NULL, "a", json_incref(value)) != 0);
+    HOLDS(json_object_set_new(nullptr, "a", json_incref(value)) != 0);
     HOLDS(json_object_set_new(array, "a", json_incref(value)) != 0);
-    HOLDS(json_array_append_new(NULL, json_incref(value)) != 0);
-    HOLDS(json_object_set_new(object, "a", NULL) != 0);
-    HOLDS(json_array_append_new(array, NULL) != 0);
+    HOLDS(json_array_append_new(nullptr, json_incref(value)) != 0);
+    HOLDS(json_object_set_new(object, "a", nullptr) != 0);
+    HOLDS(json_array_append_new(array, nullptr) != 0);
     SAME(1, value->refcount);
     SAME(0, json_object_set_new(object, "a", json_incref(value)));
     SAME(0, json_array_append_new(array, json_incref(value)));
@@ -138,7 +138,7 @@ PROMISE(json, "wdu_json_object", "a new value, or NULL when memory runs out")
     json_object_set_new(all, "s", json_string("\xc3\xa4"));
     json_object_set_new(all, "i", json_integer(-5));
     SAME("{\"a\":[],\"s\":\"\xc3\xa4\",\"i\":-5}", json_text(all));
-    HOLDS(json_string("\xff") == NULL);
+    HOLDS(json_string("\xff") == nullptr);
     json_decref(all);
 }
 
@@ -181,10 +181,10 @@ PROMISE(json, "wdu_json_loads", "text; NULL for invalid JSON")
 {
     for (const char *text : {"", "{", "[1,]", "{\"a\":\"\xff\"}", "[1] 2"}) {
         check_case(text);
-        HOLDS(json_loads(text, 0, NULL) == NULL);
-        HOLDS(json_loadb(text, strlen(text), 0, NULL) == NULL);
+        HOLDS(json_loads(text, 0, nullptr) == nullptr);
+        HOLDS(json_loadb(text, strlen(text), 0, nullptr) == nullptr);
     }
-    json_t *one = json_loadb("[1]2", 3, 0, NULL);
+    json_t *one = json_loadb("[1]2", 3, 0, nullptr);
     SAME("[1]", json_text(one));
     json_decref(one);
 }
@@ -201,10 +201,10 @@ PROMISE(json, "wdu_json_dumps",
 
 PROMISE(json, "wdu_json_get_alloc_funcs", "the free function")
 {
-    json_free_t release = NULL;
-    json_get_alloc_funcs(NULL, &release);
-    HOLDS(release != NULL);
-    release(NULL);
+    json_free_t release = nullptr;
+    json_get_alloc_funcs(nullptr, &release);
+    HOLDS(release != nullptr);
+    release(nullptr);
 }
 
 PROMISE(json, "wdu_json_delete", "called through `json_decref` when the last reference is released")

@@ -1,7 +1,7 @@
 /* Promises about paths and files, time, identifiers and coding. */
 #include "check.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <filesystem>
 
@@ -49,7 +49,7 @@ PROMISE(paths, "oxni_dirutils_path_transform",
     SAME(root.substr(0, root.rfind('/')) + "/var/x", transformed("@/../var/x"));
     SAME("C:/x", transformed("C:\\a\\..\\..\\.\\x"));          /* not above the drive */
     SAME("@x", oxni_path_basename(transformed("@x").c_str())); /* a file's name */
-    for (const char *path : {"@/\xff", "", static_cast<const char *>(NULL)})
+    for (const char *path : {"@/\xff", "", static_cast<const char *>(nullptr)})
         SAME("", transformed(path));
     SAME(-1, oxni_dirutils_path_transform("@", small, sizeof(small)));
     SAME("", small);
@@ -76,7 +76,7 @@ PROMISE(paths, "oxni_path_directory", "a file's path; its directory without the 
 
 static HANDLE open_without_sharing(const std::string &path)
 {
-    return CreateFileW(wide_of(path).c_str(), GENERIC_WRITE, 0, NULL, OPEN_EXISTING, 0, NULL);
+    return CreateFileW(wide_of(path).c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 }
 
 PROMISE(paths, "oxni_dirutils_mkdir", "a missing directory, mode 509, and its parents")
@@ -96,7 +96,7 @@ PROMISE(paths, "oxni_dirutils_mkdir", "a missing directory, mode 509, and its pa
 static std::string own_path()
 {
     wchar_t path[MAX_PATH] = {};
-    GetModuleFileNameW(NULL, path, MAX_PATH);
+    GetModuleFileNameW(nullptr, path, MAX_PATH);
     return std::filesystem::path(path).generic_u8string();
 }
 
@@ -106,7 +106,7 @@ PROMISE(paths, "oxni_path_basename", "a source file's name, for the log; both ki
     SAME("c", oxni_path_basename("C:\\a/c"));
     SAME("", oxni_path_basename("a/"));
     SAME("b", oxni_path_basename("b"));
-    SAME(static_cast<const char *>(NULL), oxni_path_basename(NULL));
+    SAME(static_cast<const char *>(nullptr), oxni_path_basename(nullptr));
 }
 
 PROMISE(paths, "oxni_path_is_exist_u", "a file or directory; nonzero when it exists")
@@ -147,9 +147,9 @@ PROMISE(paths, "oxni_file_open_w",
         "(msvcrt)")
 {
     const std::string file = path_of("\xe6\x97\xa5.bin");
-    HOLDS(oxni_file_open_w(wide_of(file).c_str(), L"rb") == NULL);
+    HOLDS(oxni_file_open_w(wide_of(file).c_str(), L"rb") == nullptr);
     FILE *opened = oxni_file_open_w(wide_of(file).c_str(), L"wb+");
-    HOLDS(opened != NULL && fputs("a\n", opened) >= 0 && fclose(opened) == 0);
+    HOLDS(opened != nullptr && fputs("a\n", opened) >= 0 && fclose(opened) == 0);
     SAME("a\n", file_bytes(file));
 }
 
@@ -198,7 +198,7 @@ PROMISE(time, "oxni_time_stamp_to_local",
         SYSTEMTIME broken = {}, local = {};
         struct tm tm = {}, expected = {};
         FileTimeToSystemTime(&utc, &broken);
-        SystemTimeToTzSpecificLocalTime(NULL, &broken, &local);
+        SystemTimeToTzSpecificLocalTime(nullptr, &broken, &local);
         expected.tm_year = local.wYear - 1900;
         expected.tm_mon = local.wMonth - 1;
         expected.tm_mday = local.wDay;
@@ -236,7 +236,7 @@ PROMISE(time, "oxni_filetime_to_timet", "a *UTC* file time; seconds, rounded tow
                 time_of(static_cast<uint64_t>(second + EPOCH_SECONDS) * 10000000 + part);
             SAME(second, oxni_filetime_to_timet(&time));
         }
-    SAME(0, oxni_filetime_to_timet(NULL));
+    SAME(0, oxni_filetime_to_timet(nullptr));
 }
 
 /* Checks that a sleep takes its time and delivers nothing, although a push is pending. */
@@ -324,16 +324,16 @@ static std::string encoded(void (*code)(void *, size_t, const char *), std::stri
 /* Calls from one thread; a platform whose mutex isn't recursive hangs. */
 PROMISE(coding, "oxni_mutex_init", "one at initialisation, which fails if this fails; recursive")
 {
-    oxni_mutex *mutex = NULL;
+    oxni_mutex *mutex = nullptr;
 
     SAME(0, oxni_mutex_init(&mutex));
-    HOLDS(mutex != NULL);
+    HOLDS(mutex != nullptr);
     oxni_mutex_lock(mutex);
     oxni_mutex_lock(mutex);
     oxni_mutex_unlock(mutex);
     oxni_mutex_unlock(mutex);
     oxni_mutex_destroy(mutex);
-    oxni_mutex_destroy(NULL);
+    oxni_mutex_destroy(nullptr);
 }
 
 PROMISE(coding, "oxni_uuid_create", "a new identifier for each alarm")

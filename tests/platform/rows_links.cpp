@@ -72,7 +72,7 @@ static void commands_run()
                           [](int32_t argc, char **argv, oxni_dbg_context *context) {
                               for (int32_t i = 1; i < argc; i++)
                                   note(argv[i]);
-                              HOLDS(argv[argc] == NULL);
+                              HOLDS(argv[argc] == nullptr);
                               oxni_dbg_echo(context, 0, argv[0]);
                           }));
     ABLE(type)(ns, (name + std::string(" -p  x")).c_str());
@@ -102,7 +102,7 @@ PROMISE(links, "oxni_res_require",
     SAME("", notes());
     deliver();
     SAME(p + "=0", notes());
-    SAME(-1, oxni_res_require(path, 0, NULL));
+    SAME(-1, oxni_res_require(path, 0, nullptr));
     for (int state : {1, 1, 3})
         ABLE(set_state)(path, state);
     deliver();
@@ -122,7 +122,7 @@ PROMISE(links, "oxni_res_deliver", "an error when there is no handler")
 PROMISE(links, "oxni_res_deliver", "request stolen, also on failure")
 {
     json_t *message = json_of("\"m\"");
-    SAME(-1, request(NULL, message));
+    SAME(-1, request(nullptr, message));
     deliver();
     SAME("", notes());
     SAME(1, message->refcount);
@@ -134,7 +134,7 @@ PROMISE(links, "oxni_dbg_decl", "-1 when it is already declared")
     oxni_dbg_fn none = [](int32_t, char **, oxni_dbg_context *) {};
     SAME(0, oxni_dbg_decl("oxni", name, "h", none));
     SAME(-1, oxni_dbg_decl("oxni", name, "h", none));
-    SAME(-1, oxni_dbg_decl("oxni", unique("null"), "h", NULL));
+    SAME(-1, oxni_dbg_decl("oxni", unique("null"), "h", nullptr));
 }
 
 PROMISE(links, "oxni_dbg_exec",
@@ -153,7 +153,7 @@ PROMISE(links, "oxni_dbg_exec", "an error when there is no handler")
     SAME(0, oxni_dbg_exec(unique("nobody"), "info", 0, on_answer));
     deliver();
     SAME("error:NULL", notes());
-    SAME(-1, oxni_dbg_exec("oxni", NULL, 0, on_answer));
+    SAME(-1, oxni_dbg_exec("oxni", nullptr, 0, on_answer));
 }
 
 /* Arms a timer that notes its name. */
@@ -192,7 +192,7 @@ PROMISE(timers, "oxni_timer_start", "1 s to 1 h, a function, a user pointer")
     HOLDS(s_at + 16 >= armed + 60 && s_at <= armed + 600);
     deliver(100);
     SAME("", notes());
-    SAME(0, oxni_timer_start(1, NULL, NULL));
+    SAME(0, oxni_timer_start(1, nullptr, nullptr));
 }
 
 PROMISE(timers, "oxni_timer_start",
@@ -227,7 +227,7 @@ PROMISE(timers, "oxni_timer_stop",
             oxni_timer_stop(s_other);
             note("own");
         },
-        NULL);
+        nullptr);
     s_other = arm(40, "stopped in a callback");
     deliver(100);
     SAME("own", notes());

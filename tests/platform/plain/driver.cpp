@@ -17,4 +17,5 @@ static void run(unsigned ms)
     Sleep(ms + 100); /* for what is due now, too */
 }
 
-const platform_driver g_driver = {start, run, NULL, NULL, NULL, NULL, NULL, NULL, NULL};
+const platform_driver g_driver = {start,   run,     nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr};

@@ -37,11 +37,11 @@ static void reset()
     oxnih_core_reset();
     oxnih_memory_fail(0, 0);
     oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
-    oxnih_core_set_observer(on_event, NULL);
+    oxnih_core_set_observer(on_event, nullptr);
     oxnih_core_set_lenient(0);
     oxnih_log_close();
-    oxnih_set_process_path(NULL);
-    oxnih_clock_set_zone(NULL);
+    oxnih_set_process_path(nullptr);
+    oxnih_clock_set_zone(nullptr);
     oxnih_clock_real(GetTickCount64());
 }
 
@@ -55,9 +55,9 @@ static void start(const std::string &folder)
         [](const char *text, void *) {
             s_complaints += (s_complaints.empty() ? "" : "\n") + std::string(text);
         },
-        NULL);
-    oxnih_log_set_sink([](int, const char *line, void *) { s_log += line; }, NULL);
-    oxnih_set_exit(NULL, NULL);
+        nullptr);
+    oxnih_log_set_sink([](int, const char *line, void *) { s_log += line; }, nullptr);
+    oxnih_set_exit(nullptr, nullptr);
 }
 
 static std::string finish()
@@ -83,7 +83,7 @@ static void answer_requests(const char *path)
         [](oxnih_request *asked, json_t *message, void *) {
             oxnih_res_answer(asked, 0, message, 0);
         },
-        NULL);
+        nullptr);
 }
 
 static void answer_commands(const char *ns)
@@ -91,7 +91,7 @@ static void answer_commands(const char *ns)
     oxnih_dbg_set_handler(
         ns,
         [](oxnih_request *call, const char *line, void *) { oxnih_dbg_answer(call, 0, line, 0); },
-        NULL);
+        nullptr);
 }
 
 const platform_driver g_driver = {

@@ -32,7 +32,7 @@ PROMISE(choices, "oxni_autolog_init",
         file_write(folder + "/1-notes.log", "N"); /* not a file of the log */
         for (int start = 0; start < 7; start++) { /* one hour apart */
             SAME(0, oxni_autolog_init((folder + "/").c_str(), limit));
-            SAME(0, oxni_autolog_init(NULL, limit));      /* already open */
+            SAME(0, oxni_autolog_init(nullptr, limit));   /* already open */
             oxni_log_output(OXNI_LOG_DEBUG, "%d", start); /* the caller filters by level */
             oxnih_log_close();
             oxni_sleep(3600);
@@ -45,6 +45,14 @@ PROMISE(choices, "oxni_autolog_init",
     }
 }
 
+PROMISE(choices, "oxni_xhash_create", "other flags cause a complaint")
+{
+    oxni_xhash *table = oxni_xhash_create(nullptr, 3);
+
+    SAME("oxni_xhash_create: flags 0x3, expected 0", complaints());
+    oxni_xhash_destroy(table);
+}
+
 /* Each allocation fails once, including those of bucket growth. */
 PROMISE(choices, "oxni_xhash_insert", "fails without memory for the entry or for more buckets")
 {
@@ -55,15 +63,15 @@ PROMISE(choices, "oxni_xhash_insert", "fails without memory for the entry or for
         check_case("allocation " + std::to_string(nth + 1));
         oxnih_memory_fail(++nth, 0);
         oxni_xhash *table = oxni_xhash_create([](void *) { note("freed"); }, 0);
-        failures = table == NULL;
-        for (int i = 0; table != NULL && i < 400; i++) {
+        failures = table == nullptr;
+        for (int i = 0; table != nullptr && i < 400; i++) {
             const std::string key = std::to_string(i) + " ";
-            if (oxni_xhash_insert(table, key.data(), key.size(), NULL) == 0)
+            if (oxni_xhash_insert(table, key.data(), key.size(), nullptr) == 0)
                 expected += key;
             else
                 failures++;
         }
-        for (auto at = oxni_xhash_first(table); at != NULL; at = oxni_xhash_next(table, at))
+        for (auto at = oxni_xhash_first(table); at != nullptr; at = oxni_xhash_next(table, at))
             keys += std::string(static_cast<const char *>(at->key), at->key_length);
         HOLDS(failures <= 1);
         SAME(expected, keys);
@@ -103,7 +111,7 @@ PROMISE(choices, "oxni_dev_get_id_crc32", "CRC-32 of the id")
 {
     oxnih_set_device_id("message digest");
     SAME(oxni_crc32_calc("message digest", 14), oxni_dev_get_id_crc32());
-    oxnih_set_device_id(NULL);
+    oxnih_set_device_id(nullptr);
 }
 
 PROMISE(choices, "wdu_json_load_file_ejs", "logs a corrupted file, not a missing one")
@@ -119,12 +127,12 @@ PROMISE(choices, "wdu_json_load_file_ejs", "logs a corrupted file, not a missing
         std::make_pair(framed("{\"a\":"), "not read"),
     };
 
-    HOLDS(wdu_json_load_file_ejs(path_of("none/none.ejs").c_str()) == NULL);
+    HOLDS(wdu_json_load_file_ejs(path_of("none/none.ejs").c_str()) == nullptr);
     HOLDS(!sunk("ejs"));
     for (const auto &[bytes, said] : rows) {
         check_case(said);
         file_write(path_of("x.ejs"), bytes);
-        HOLDS(wdu_json_load_file_ejs(path_of("x.ejs").c_str()) == NULL);
+        HOLDS(wdu_json_load_file_ejs(path_of("x.ejs").c_str()) == nullptr);
         HOLDS(sunk(said));
     }
 }
@@ -168,8 +176,8 @@ PROMISE(choices, "wdu_json_dump_file_ejs",
     std::filesystem::create_directory(temporary); /* blocks the temporary file */
     SAME(-1, dump("{\"b\":2}"));
     std::filesystem::remove(temporary);
-    HANDLE held =
-        CreateFileA(file.c_str(), GENERIC_READ, FILE_SHARE_READ, NULL, OPEN_EXISTING, 0, NULL);
+    HANDLE held = CreateFileA(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              0, nullptr);
     SAME(-1, dump("{\"b\":2}"));
     CloseHandle(held);
     SAME(framed("{}"), file_bytes(file));
@@ -204,7 +212,7 @@ PROMISE(choices, "oxni_log_is_regestered",
 PROMISE(choices, "oxni_log_dir", "the directory that the host set; 0 until then")
 {
     char buffer[16] = "#";
-    oxnih_set_log_dir(NULL);
+    oxnih_set_log_dir(nullptr);
     SAME(0, oxni_log_dir(buffer, 16));
     oxnih_set_log_dir("C:/abcdef/ghijk/"); /* 15 characters without the last */
     HOLDS(oxni_log_dir(buffer, 16) != 0);
@@ -226,7 +234,7 @@ PROMISE(choices, "oxni_zero_malloc_", "0 bytes give a distinct block")
 
 PROMISE(choices, "oxni_out_of_memory_", "logs \"Out of memory\" at fatal")
 {
-    oxnih_set_exit([](void *) { throw run_ended(); }, NULL);
+    oxnih_set_exit([](void *) { throw run_ended(); }, nullptr);
     try {
         oxni_out_of_memory_("x.cpp", 12);
         SAME("", "the call returned");
@@ -238,7 +246,7 @@ PROMISE(choices, "oxni_out_of_memory_", "logs \"Out of memory\" at fatal")
 PROMISE(choices, "oxni_str_utf8_to_unicode", "NULL without memory")
 {
     oxnih_memory_fail(1, 0);
-    HOLDS(oxni_str_utf8_to_unicode("x") == NULL);
+    HOLDS(oxni_str_utf8_to_unicode("x") == nullptr);
 }
 
 PROMISE(choices, "oxni_dirutils_path_transform",
@@ -251,7 +259,7 @@ PROMISE(choices, "oxni_dirutils_path_transform",
     SAME(-1, oxni_dirutils_path_transform("@", small, 15));
     SAME(0, oxni_dirutils_path_transform("@/../../../../x", buffer, sizeof(buffer)));
     SAME("C:/x", buffer); /* not above the drive */
-    oxnih_set_install_dir(NULL);
+    oxnih_set_install_dir(nullptr);
     SAME(0, oxni_dirutils_path_transform("@/platform_check.exe", buffer, sizeof(buffer)));
     HOLDS(oxni_path_is_exist_u(buffer) != 0);
 }
@@ -305,13 +313,13 @@ PROMISE(choices, "oxni_dev_get_id_md5", "the host sets the id")
     oxnih_set_device_id("message digest");
     SAME(0, oxni_dev_get_id_md5(buffer, 33));
     SAME("f96b697d7cb7938d525a2f31aaf161d0", buffer);
-    oxnih_set_device_id(NULL);
+    oxnih_set_device_id(nullptr);
 }
 
 PROMISE(choices, "wdu_json_get_alloc_funcs", "the platform's allocator")
 {
     oxnih_memory_fail(1, 0);
-    HOLDS(json_object() == NULL);
+    HOLDS(json_object() == nullptr);
     json_t *value = json_object();
     HOLDS(memory_stats().live_blocks > 0);
     json_decref(value);
@@ -320,7 +328,7 @@ PROMISE(choices, "wdu_json_get_alloc_funcs", "the platform's allocator")
 PROMISE(choices, "oxni_subscriber_delete",
         "excess calls are counted, cause a complaint and free nothing")
 {
-    const oxni_subscriber_attr attr = {"ns", "a", NULL};
+    const oxni_subscriber_attr attr = {"ns", "a", nullptr};
     const uint64_t before = oxnih_core_excess_deletes();
     oxni_subscriber *a = oxni_subscriber_new(&attr);
     oxni_subscriber_subscribe(a, "none", json_of("{}"),
@@ -332,7 +340,7 @@ PROMISE(choices, "oxni_subscriber_delete",
     oxni_subscriber_delete(a);
     SAME(0, complaints().find("oxni_subscriber_delete: no reference of subscriber ns/a "));
     deliver();
-    HOLDS(oxni_subscriber_get_attr(a) == NULL); /* now it is freed */
+    HOLDS(oxni_subscriber_get_attr(a) == nullptr); /* now it is freed */
     SAME(0, complaints().find("oxni_subscriber_get_attr: "));
     oxni_subscriber_delete(a);
     SAME(0, complaints().find("oxni_subscriber_delete: "));
@@ -342,7 +350,7 @@ PROMISE(choices, "oxni_subscriber_delete",
 PROMISE(choices, "oxnir_rsp_get_errno", "the transport error")
 {
     oxni_res_deliver(
-        "/none", json_string("m"), NULL,
+        "/none", json_string("m"), nullptr,
         [](oxnir_rsp *response, void *) { note(std::to_string(oxnir_rsp_get_errno(response))); },
         0);
     deliver();

@@ -100,7 +100,7 @@ static void exceptions()
     /* clang-format on */
 
     simulate();
-    oxnih_set_exit([](void *) { throw run_ended(); }, NULL);
+    oxnih_set_exit([](void *) { throw run_ended(); }, nullptr);
     for (const auto &row : rows) {
         at(0, row.code);
         at(0, [] { note("behind"); });
@@ -133,7 +133,7 @@ static const char SCHEMA[] = R"({"type": "object", "required": ["type"], "proper
 /* Returns a subscriber of a service with that schema; rejections are noted. */
 static oxni_subscriber *subscribed()
 {
-    const oxni_subscriber_attr attr = {"ns", "a", NULL};
+    const oxni_subscriber_attr attr = {"ns", "a", nullptr};
     oxni_subscriber *made = oxni_subscriber_new(&attr);
 
     simulate();
@@ -142,8 +142,8 @@ static oxni_subscriber *subscribed()
             if (event->kind == OXNIH_EVENT_REFUSED)
                 note(event->text);
         },
-        NULL);
-    SAME(0, oxni_subscribee_install("svc", SCHEMA, 0, on_service, NULL));
+        nullptr);
+    SAME(0, oxni_subscribee_install("svc", SCHEMA, 0, on_service, nullptr));
     SAME(0, oxni_subscriber_subscribe(made, "svc", json_of("{\"type\": 1}"), on_event));
     deliver();
     SAME("m1 m3 e0", notes());
@@ -163,12 +163,12 @@ static void rejections()
     oxni_subscriber *a = subscribed();
 
     for (const auto &row : rows) {
-        SAME(0, oxni_subscriber_pushforward(a, json_of(row.message), NULL, on_reply));
+        SAME(0, oxni_subscriber_pushforward(a, json_of(row.message), nullptr, on_reply));
         deliver();
         SAME(row.why + std::string(" r22"), notes());
     }
     oxnih_core_set_lenient(1);
-    SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), NULL, on_reply));
+    SAME(0, oxni_subscriber_pushforward(a, json_of("{}"), nullptr, on_reply));
     deliver();
     SAME("m1 r0", notes());
     oxni_subscriber *b = oxni_subscriber_new(oxni_subscriber_get_attr(a));
@@ -185,10 +185,10 @@ static void leaving()
     json_t *message = json_of("{\"type\": 1}");
 
     oxnih_subscriber_set_reply_delay(a, 50);
-    oxni_subscribee_pushback(a, message, NULL, on_reply);
+    oxni_subscribee_pushback(a, message, nullptr, on_reply);
     deliver();
     SAME("e1", notes());
-    oxni_subscribee_pushback(a, message, NULL, on_reply);
+    oxni_subscribee_pushback(a, message, nullptr, on_reply);
     oxnih_subscriber_leave(a);
     SAME(0, oxni_subscriber_subscribe(b, "svc", message, on_event));
     oxnih_subscriber_leave(b);
@@ -214,12 +214,12 @@ PROMISE(host_core, "oxnih_subscriber_set_unreachable",
     oxni_subscriber *a = subscribed();
 
     oxnih_subscriber_set_unreachable(a, 5);
-    oxni_subscribee_pushback(a, json_of("{}"), NULL, on_reply);
+    oxni_subscribee_pushback(a, json_of("{}"), nullptr, on_reply);
     deliver();
     SAME("r5", notes());
     oxnih_subscriber_set_reply_delay(a, UINT64_MAX);
     oxnih_subscriber_set_unreachable(a, 0);
-    oxni_subscribee_pushback(a, json_of("{}"), NULL, on_reply);
+    oxni_subscribee_pushback(a, json_of("{}"), nullptr, on_reply);
     deliver(1000);
     SAME("e1", notes());
     SAME(1, oxnih_core_pending_replies());
@@ -230,11 +230,11 @@ static oxnih_request *s_asked;
 static void ask(json_t *message)
 {
     oxnih_res_set_handler(
-        "/r", [](oxnih_request *asked, json_t *, void *) { s_asked = asked; }, NULL);
+        "/r", [](oxnih_request *asked, json_t *, void *) { s_asked = asked; }, nullptr);
     oxni_res_deliver(
-        "/r", json_incref(message), NULL,
+        "/r", json_incref(message), nullptr,
         [](oxnir_rsp *response, void *) {
-            on_reply(oxnir_rsp_get_errno(response), NULL, NULL, NULL);
+            on_reply(oxnir_rsp_get_errno(response), nullptr, nullptr, nullptr);
         },
         0);
 }
@@ -249,8 +249,8 @@ PROMISE(host_core, "oxnih_core_reset",
     uint64_t timer = at(5, [] { note("timer"); });
 
     oxnih_subscriber_set_reply_delay(a, UINT64_MAX);
-    oxni_subscribee_pushback(a, message, NULL, on_reply);
-    oxni_subscriber_pushforward(a, message, NULL, on_reply);
+    oxni_subscribee_pushback(a, message, nullptr, on_reply);
+    oxni_subscriber_pushforward(a, message, nullptr, on_reply);
     oxnih_subscriber_leave(a);
     oxni_res_require("/state", 0, [](const char *, int32_t state) { note(std::to_string(state)); });
     ask(message);
@@ -276,7 +276,7 @@ PROMISE(host_core, "oxnih_res_answer", "Queues the response, once per request.")
     ask(message);
     deliver(1000);
     oxnih_res_answer(s_asked, 9, message, 5);
-    oxnih_res_answer(s_asked, 0, NULL, 0);
+    oxnih_res_answer(s_asked, 0, nullptr, 0);
     SAME(0, complaints().find("oxnih_res_answer: request "));
     deliver(4);
     SAME("", notes());

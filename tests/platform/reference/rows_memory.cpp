@@ -96,7 +96,7 @@ PROMISE(host_memory, "oxni_free_", "a bad free causes a complaint and ends the r
     };
     /* clang-format on */
 
-    oxnih_set_exit([](void *) { throw run_ended(); }, NULL);
+    oxnih_set_exit([](void *) { throw run_ended(); }, nullptr);
     for (const auto &row : rows) {
         bool ended = false;
         check_case(row.said);
@@ -122,13 +122,13 @@ PROMISE(host_memory, "oxnih_memory_fail", "Makes the nth allocation from now on 
             for (uint64_t i = 1; i <= 6; i++) {
                 char *made = i % 2 == 0 ? oxni_strdup("text") : make(8);
                 check_case(std::to_string(nth) + " of " + std::to_string(i));
-                SAME(nth != 0 && (i == nth || (forever != 0 && i > nth)), made == NULL);
+                SAME(nth != 0 && (i == nth || (forever != 0 && i > nth)), made == nullptr);
                 oxni_free_(made);
             }
         }
     oxnih_memory_fail(2, 0);
     char *block = oxni_strdup("text");
-    HOLDS(oxni_ralloc_(block, 1000) == NULL);
+    HOLDS(oxni_ralloc_(block, 1000) == nullptr);
     SAME("text", block);
     oxni_free_(block);
 }
@@ -147,7 +147,7 @@ PROMISE(host_memory, "oxnih_memory_leaks",
                 note(std::string(site).substr(0, 21) + std::to_string(bytes / 1000) + "k in " +
                      std::to_string(blocks));
         },
-        NULL);
+        nullptr);
     SAME("platform_check.exe+0x100k in 1 platform_check.exe+0x90k in 2 "
          "platform_check.exe+0x80k in 1",
          notes());
