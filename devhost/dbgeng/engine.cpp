@@ -316,14 +316,13 @@ HRESULT engine::EndSession(ULONG flags)
 /* Goes on loading the dump for at most a time. Result: whether it is loaded. */
 bool engine::load(unsigned timeout_ms)
 {
-    const struct engine_loading &loading = engine_script_loading();
-    const unsigned left = loading.ms - std::min(loading.ms, waited_ms_);
-    const unsigned ms = std::min(left, timeout_ms);
+    const struct engine_loading &how = engine_script_loading();
+    const unsigned left = how.ms - std::min(how.ms, waited_ms_), ms = std::min(left, timeout_ms);
 
-    if (waited_ms_ == 0 && loading.text != nullptr && callbacks_ != nullptr)
-        put(loading.text);
-    if (ms != 0 && loading.wait != nullptr)
-        loading.wait(ms);
+    if (waited_ms_ == 0 && how.text != nullptr && callbacks_ != nullptr)
+        put(how.text);
+    if (ms != 0 && how.wait != nullptr)
+        how.wait(ms);
     waited_ms_ += ms;
     return ms == left;
 }

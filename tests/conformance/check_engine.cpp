@@ -28,20 +28,12 @@ static void check_dumps(conformance &run, IDebugClient4 *client, IDebugControl *
     DeleteFileW(path.c_str());
 }
 
-void check_engine(conformance &run)
+static void check_client(conformance &run, debug_create_fn create)
 {
-    HMODULE engine = LoadLibraryW(run.engine.c_str());
-    debug_create_fn create = nullptr;
     IDebugClient *client = nullptr;
     IDebugClient4 *client4 = nullptr;
     IDebugControl *control = nullptr;
 
-    conform(run, "LoadLibraryW", "the debugger engine", error_if(engine == nullptr), {0});
-    create = reinterpret_cast<debug_create_fn>(
-        reinterpret_cast<void *>(GetProcAddress(engine, "DebugCreate")));
-    conform(run, "GetProcAddress", "DebugCreate", error_if(create == nullptr), {0});
-    if (create == nullptr)
-        return;
     conform(run, "DebugCreate", "a client",
             static_cast<uint32_t>(create(IID_IDebugClient, reinterpret_cast<void **>(&client))),
             {0});
@@ -58,5 +50,19 @@ void check_engine(conformance &run)
     if (client4 != nullptr)
         client4->Release();
     conform(run, "DebugCreate", "the last reference", client->Release(), {0});
+}
+
+void check_engine(conformance &run)
+{
+    HMODULE engine = LoadLibraryW(run.engine.c_str());
+
+    conform(run, "LoadLibraryW", "the debugger engine", error_if(engine == nullptr), {0});
+    if (engine == nullptr)
+        return;
+    debug_create_fn create = reinterpret_cast<debug_create_fn>(
+        reinterpret_cast<void *>(GetProcAddress(engine, "DebugCreate")));
+    conform(run, "GetProcAddress", "DebugCreate", error_if(create == nullptr), {0});
+    if (create != nullptr)
+        check_client(run, create);
     FreeLibrary(engine);
 }

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <cwchar>
 
-static constexpr uint64_t TICKS_PER_HOUR = 36000000000ull;
-
 /* The characters that an expansion gives, the closing NUL included; 0: it failed. */
 static DWORD expand(const wchar_t *text, std::wstring *expanded)
 {
@@ -107,6 +105,7 @@ void check_texts_and_times(conformance &run)
 void check_modules(conformance &run)
 {
     HMODULE kernel = GetModuleHandleA("kernel32.dll"), loaded;
+    const wchar_t *volatile no_name = nullptr;
     typedef ULONGLONG(WINAPI * tick_fn)(void);
 
     conform(run, "GetModuleHandleA", "a loaded module", error_if(kernel == nullptr), {0});
@@ -129,6 +128,6 @@ void check_modules(conformance &run)
     conform(run, "FreeLibrary", "more often than loaded fails", !FreeLibrary(loaded), {1});
     conform(run, "LoadLibraryW", "a library that is none",
             error_if(LoadLibraryW(L"no such library.dll") == nullptr), {ERROR_MOD_NOT_FOUND});
-    conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(nullptr) == nullptr),
+    conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(no_name) == nullptr),
             {ERROR_INVALID_PARAMETER, ERROR_MOD_NOT_FOUND});
 }
