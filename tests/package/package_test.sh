@@ -46,6 +46,15 @@ check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
 check "windows_check runs" sh -c "cd '$work' && timeout 100 wine '$package/bin/windows_check.exe' lines.txt;
     grep -q '^ok OpenServiceW: a service that is none: 1060' '$work/lines.txt'"
 
+release() {
+    python3 "$source/cmake/release.py" "$source" "$build" "$deps" "$1" - "$source/cmake/wine-run" \
+        "$build/bin/oxni_devhost.exe"
+}
+version=${package##*-}
+check "this version has its changes and the files that it writes" release "$version"
+check "another version is refused" sh -c \
+    "! python3 '$source/cmake/release.py' '$source' '$build' '$deps' 9.9.9 - 2>&1 | grep -v 'project version $version, expected 9.9.9'"
+
 git -C "$source" ls-files -z | (cd "$source" && tar c --null -T -) | tar x -C "$work/sources"
 check "the plug-in builds against the package" documented "$work/sources" "cmake "
 loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
