@@ -70,4 +70,16 @@ the console says: ["XNI", "guard"]
 guard recover
 END
 check "the example plays a registration" diff "$work/expected.txt" "$work/example.txt"
+
+# The second run finds what the first one saved.
+for _ in 1 2; do
+    (cd "$package/bin" && timeout 300 wine product.exe) | tr -d '\r' | grep '^guard'
+done >"$work/product.txt"
+cat >"$work/expected.txt" <<'END'
+guard is registered: bypass, count 2
+guard obeys "recover": working, count 2
+guard is registered: working, count 2
+guard obeys "recover": working, count 2
+END
+check "the example obeys and keeps its status" diff "$work/expected.txt" "$work/product.txt"
 exit $failures
