@@ -12,6 +12,7 @@ import os
 import re
 import subprocess
 import sys
+import tempfile
 import zipfile
 
 source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
@@ -63,8 +64,23 @@ def modules():
     yield "bin/libbypass_mgr.pdb", read(f"{build}/bin/libbypass_mgr.pdb")
     for name in LIBRARIES:
         yield f"lib/{name}.dll.a", read(f"{build}/lib/{name}.dll.a")
+    for name in [*LIBRARIES, "libbypass_mgr"]:
+        yield f"lib/{name}.lib", msvc_library(name)
     yield ("lib/libbypass_mgr.def",
            read(f"{source}/oxni_sys/plugins/bypassmgr/libbypass_mgr.def"))
+
+
+def msvc_library(name):
+    """Returns the import library of a DLL for Microsoft's linker."""
+    listed = subprocess.run(["llvm-readobj", "--coff-exports", f"{build}/bin/{name}.dll"],
+                            check=True, capture_output=True, text=True).stdout
+    with tempfile.TemporaryDirectory() as folder:
+        with open(f"{folder}/exports.def", "w", encoding="utf-8") as file:
+            print(f"LIBRARY {name}.dll", "EXPORTS", *re.findall(r"^ +Name: (\S+)", listed, re.M),
+                  sep="\n", file=file)
+        subprocess.run(["llvm-dlltool", "-m", "i386:x86-64", "-d", f"{folder}/exports.def", "-l",
+                        f"{folder}/import.lib"], check=True)
+        return read(f"{folder}/import.lib")
 
 
 def headers():

@@ -61,7 +61,13 @@ loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
 loaded_bytes "$work/plugin/bin/libbypass_mgr.dll" "$work/built.bin"
 check "the plug-in is identical to the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
 
-check "the example builds" documented "$package" "x86_64-w64-mingw32-g++"
+if command -v clang lld-link >/dev/null; then
+    check "MSVC's dialect and linker" "$source/tests/package/msvc_test.sh" "$package" "$work/msvc"
+else
+    echo "MSVC's dialect is not checked: it needs clang and lld"
+fi
+
+check "the examples build" documented "$package" "x86_64-w64-mingw32-g++"
 (cd "$package/bin" && timeout 300 wine registration.exe) | tr -d '\r' >"$work/example.txt"
 cat >"$work/expected.txt" <<'END'
 guard is registered
