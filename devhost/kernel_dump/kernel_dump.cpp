@@ -8,6 +8,7 @@
 static constexpr uint32_t CONTEXT_BYTES = 0x4D0u;
 static constexpr uint32_t MACHINE_X64 = 0x8664u;
 static constexpr uint32_t CONTEXT_CONTROL = 0x100001u;
+static constexpr uint32_t CONTEXT_INTEGER = 0x100002u;
 
 /* Places in the header. */
 enum header_field : uint64_t {
@@ -25,7 +26,7 @@ enum header_field : uint64_t {
 
 enum context_field : uint64_t {
     CONTEXT_FLAGS = 0x30,
-    CONTEXT_RSP = 0x98,
+    CONTEXT_GENERAL = 0x78, /* in the order of their numbers */
     CONTEXT_RIP = 0xF8,
 };
 
@@ -37,7 +38,7 @@ std::string kernel_dump_hex(uint64_t value)
     return text;
 }
 
-enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::string &what,
+enum kernel_dump_error kernel_dump_outside(const file_span &file, const std::string &what,
                                            uint64_t offset, uint64_t length, std::string *reason)
 {
     *reason = what + " (" + std::to_string(length) + " bytes at " + kernel_dump_hex(offset) +
@@ -45,7 +46,7 @@ enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::str
     return KERNEL_DUMP_DAMAGED;
 }
 
-static enum kernel_dump_error check_signature(const dump_span &file, std::string *reason)
+static enum kernel_dump_error check_signature(const file_span &file, std::string *reason)
 {
     if (file.holds(0, 4) && memcmp(file.bytes, "MDMP", 4) == 0) {
         *reason = "a dump of a process, expected one of the kernel";
@@ -67,7 +68,7 @@ static enum kernel_dump_error check_signature(const dump_span &file, std::string
     return KERNEL_DUMP_OK;
 }
 
-static enum kernel_dump_error check_machine(const dump_span &file, std::string *reason)
+static enum kernel_dump_error check_machine(const file_span &file, std::string *reason)
 {
     const uint32_t machine = file.at<uint32_t>(HEADER_MACHINE);
 
@@ -78,7 +79,7 @@ static enum kernel_dump_error check_machine(const dump_span &file, std::string *
     return KERNEL_DUMP_MACHINE;
 }
 
-static void read_header(const dump_span &file, kernel_dump *dump)
+static void read_header(const file_span &file, kernel_dump *dump)
 {
     dump->kind = file.at<uint32_t>(HEADER_KIND);
     dump->directory_table = file.at<uint64_t>(HEADER_DIRECTORY_TABLE);
@@ -92,7 +93,7 @@ static void read_header(const dump_span &file, kernel_dump *dump)
     dump->uptime_100ns = file.at<uint64_t>(HEADER_UPTIME);
 }
 
-enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t offset,
+enum kernel_dump_error kernel_dump_read_context(const file_span &file, uint64_t offset,
                                                 kernel_dump *dump, std::string *reason)
 {
     if (!file.holds(offset, CONTEXT_BYTES))
@@ -104,7 +105,10 @@ enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t 
                   " does not contain Rip and Rsp (flags " + kernel_dump_hex(flags) + ")";
         return KERNEL_DUMP_NO_CONTEXT;
     }
-    dump->rsp = file.at<uint64_t>(offset + CONTEXT_RSP);
+    for (uint64_t i = 0; i < 16; i++)
+        dump->general[i] = file.at<uint64_t>(offset + CONTEXT_GENERAL + 8 * i);
+    dump->has_general = (flags & CONTEXT_INTEGER) == CONTEXT_INTEGER;
+    dump->rsp = dump->general[UNWIND_RSP];
     dump->rip = file.at<uint64_t>(offset + CONTEXT_RIP);
     return KERNEL_DUMP_OK;
 }
@@ -143,7 +147,7 @@ static std::string utf8_of(const std::u16string &wide)
     return text;
 }
 
-bool kernel_dump_file_name(const std::u16string &path_end, std::string *name)
+bool kernel_dump_file_name(const std::u16string &path_end, std::string *name, std::string *whole)
 {
     const size_t folder = path_end.rfind(u'\\');
     const std::u16string file =
@@ -152,6 +156,7 @@ bool kernel_dump_file_name(const std::u16string &path_end, std::string *name)
 
     if (file.size() > KERNEL_DUMP_FILE_NAME_CHARS)
         return false;
+    *whole = utf8_of(file);
     /* A name that is an extension as a whole is kept. */
     *name = utf8_of(extension == 0 ? file : file.substr(0, extension));
     return true;
@@ -170,7 +175,7 @@ bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module)
     return true;
 }
 
-static enum kernel_dump_error read_kind(const dump_span &file, kernel_dump *dump,
+static enum kernel_dump_error read_kind(const file_span &file, kernel_dump *dump,
                                         std::string *reason)
 {
     switch (dump->kind) {
@@ -187,7 +192,7 @@ static enum kernel_dump_error read_kind(const dump_span &file, kernel_dump *dump
 enum kernel_dump_error kernel_dump_read(const uint8_t *bytes, uint64_t size, kernel_dump *dump,
                                         std::string *reason)
 {
-    const dump_span file = {bytes, size};
+    const file_span file = {bytes, size};
     enum kernel_dump_error error;
 
     *dump = kernel_dump();
@@ -218,36 +223,6 @@ const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_
     const kernel_dump_module &module = *(next - 1);
 
     return address - module.base < module.bytes ? &module : nullptr;
-}
-
-static bool stack_holds(const kernel_dump &dump, uint64_t address)
-{
-    return address >= dump.stack_start && address - dump.stack_start <= dump.stack.size() &&
-           dump.stack.size() - (address - dump.stack_start) >= 8;
-}
-
-uint64_t kernel_dump_stack_value(const kernel_dump &dump, uint64_t address)
-{
-    uint64_t value = 0;
-
-    if (stack_holds(dump, address))
-        memcpy(&value, dump.stack.data() + (address - dump.stack_start), sizeof value);
-    return value;
-}
-
-std::vector<kernel_dump_frame> kernel_dump_walk(const kernel_dump &dump, size_t limit)
-{
-    std::vector<kernel_dump_frame> frames;
-
-    if (limit > 0)
-        frames.push_back({dump.rip, dump.rsp});
-    for (uint64_t at = dump.rsp; frames.size() < limit && stack_holds(dump, at); at += 8) {
-        const uint64_t value = kernel_dump_stack_value(dump, at);
-
-        if (kernel_dump_module_at(dump, value) != nullptr)
-            frames.push_back({value, at + 8});
-    }
-    return frames;
 }
 
 std::string kernel_dump_address_text(uint64_t address)

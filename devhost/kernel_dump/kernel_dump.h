@@ -4,8 +4,8 @@
  *
  * Nothing in a dump is trusted. A field that is invalid makes the dump rejected, with an error and a
  * reason. A memory dump may lack pages: then the existing ones are read, and gaps lists what is
- * missing. Missing data is never guessed. Only the stack walk is a guess, since it has no unwind
- * tables.
+ * missing. Missing data is never guessed. Only the stack walk guesses where it has no image, and marks
+ * the frames that it guessed.
  *
  * Supported: x64 dumps of every kind: small ("triage"), kernel memory, complete.
  * Thread: any; there is no state.
@@ -17,6 +17,9 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "kernel_image.h"
+#include "unwind.h"
 
 enum kernel_dump_error {
     KERNEL_DUMP_OK = 0,
@@ -48,6 +51,7 @@ struct kernel_dump_module {
      * extension. '_' replaces the characters that structure a line of stack text: '!', '+' and
      * control characters. */
     std::string name;
+    std::string file; /* the file name with its extension; empty when it is unknown */
     uint64_t base;
     uint32_t bytes;
     uint32_t time_stamp; /* of the image: seconds since 1970, or a hash of a reproducible build; 0:
@@ -66,7 +70,9 @@ struct kernel_dump {
     uint64_t uptime_100ns = 0;
     uint64_t rip = 0;
     uint64_t rsp = 0;
-    uint64_t stack_start = 0; /* address of the first saved byte; the end does not wrap */
+    uint64_t general[16] = {}; /* as in unwind_registers; only Rsp when there are no others */
+    bool has_general = false;  /* whether there are others */
+    uint64_t stack_start = 0;  /* address of the first saved byte; the end does not wrap */
     std::vector<uint8_t> stack;
     std::vector<kernel_dump_module> modules; /* by rising base */
     /* The parts of modules and stack that a memory dump lacks, one sentence each without a full stop,
@@ -74,9 +80,17 @@ struct kernel_dump {
     std::vector<std::string> gaps;
 };
 
+/* How a frame was found. */
+enum kernel_dump_found {
+    KERNEL_DUMP_FOUND_RIP,     /* the first frame: where the crash was */
+    KERNEL_DUMP_FOUND_UNWOUND, /* the caller of the previous frame, by its unwind codes */
+    KERNEL_DUMP_FOUND_SCANNED, /* a value on the stack, which may be stale; so may the later frames */
+};
+
 struct kernel_dump_frame {
-    uint64_t instruction; /* Rip in the first frame, a return address in all others */
+    uint64_t instruction; /* Rip in the first frame, a return address in most others */
     uint64_t stack;       /* the stack pointer in that frame */
+    enum kernel_dump_found found;
 };
 
 /*
@@ -96,12 +110,32 @@ struct kernel_dump_frame {
  * none. Borrowed from dump. */
 const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_t address);
 
+/* Whether the file has the name of the module's file; case does not matter. The kernel may have been
+ * loaded from either of its names. */
+bool kernel_dump_image_is_named(const kernel_image &image, const kernel_dump_module &module);
+
+/* Why an image with the name of the module is not the loaded one: "is of another build: time stamp
+ * 0x5f000000, the dump has 0x5e000000". Empty: it is. A dump without the time stamp leaves the size. */
+std::string kernel_dump_image_mismatch(const kernel_image &image, const kernel_dump_module &module);
+
+/* The image of the module. NULL: it is not among them. */
+const kernel_image *kernel_dump_image_of(const std::vector<kernel_image> &images,
+                                         const kernel_dump_module &module);
+
 /*
- * The frames of the crash, innermost first, at most limit: Rip, then each 8-byte value from Rsp
- * upwards that points into a module. Stale values look like return addresses. Values below Rsp belong
- * to the handling of the crash and are skipped. Only Rip when Rsp lies outside the saved stack.
+ * The frames of the crash, innermost first, at most limit, from Rip on.
+ *
+ * A frame whose module has its image is unwound. After any other one, or one that cannot be unwound, the
+ * next 8-byte value from the stack pointer upwards that points into a module counts as a return address,
+ * although it may be stale. Values below Rsp belong to the handling of the crash and are skipped.
+ *
+ * images   Those of other modules and builds are skipped. Without one the whole stack is scanned.
+ *
+ * Result   Only Rip when Rsp lies outside the saved stack. The frames end at the saved stack's end, or
+ *          where unwinding alone reaches the start of the thread or code of a process.
  */
-std::vector<kernel_dump_frame> kernel_dump_walk(const kernel_dump &dump, size_t limit);
+std::vector<kernel_dump_frame> kernel_dump_walk(const kernel_dump &dump, size_t limit,
+                                                const std::vector<kernel_image> &images = {});
 
 /* The 8 bytes saved at address; 0 if none were saved there. */
 uint64_t kernel_dump_stack_value(const kernel_dump &dump, uint64_t address);

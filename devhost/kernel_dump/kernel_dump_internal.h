@@ -2,9 +2,8 @@
 #ifndef DEVHOST_KERNEL_DUMP_INTERNAL_H
 #define DEVHOST_KERNEL_DUMP_INTERNAL_H
 
+#include "file_span.h"
 #include "kernel_dump.h"
-
-#include <cstring>
 
 /* The header of every dump; the part that depends on the kind follows. */
 static constexpr uint32_t KERNEL_DUMP_HEADER_BYTES = 0x2000u;
@@ -14,44 +13,25 @@ static constexpr uint32_t KERNEL_DUMP_FILE_NAME_CHARS = 255u;
 /* The end of a path that contains the file name: the name and the backslash before it. */
 static constexpr uint32_t KERNEL_DUMP_PATH_END_CHARS = KERNEL_DUMP_FILE_NAME_CHARS + 1u;
 
-/* Bytes of a dump, borrowed. A mapped file may be larger than the memory, so values are read one by
- * one where they are needed. */
-struct dump_span {
-    const uint8_t *bytes;
-    uint64_t size;
-
-    bool holds(uint64_t offset, uint64_t length) const
-    {
-        return offset <= size && length <= size - offset;
-    }
-
-    /* The caller has checked that the span holds it. */
-    template <typename T> T at(uint64_t offset) const
-    {
-        T value;
-        memcpy(&value, bytes + offset, sizeof value);
-        return value;
-    }
-};
-
 std::string kernel_dump_hex(uint64_t value);
 
 /* Result: KERNEL_DUMP_DAMAGED, with a reason that names what reaches outside the file. */
-enum kernel_dump_error kernel_dump_outside(const dump_span &file, const std::string &what,
+enum kernel_dump_error kernel_dump_outside(const file_span &file, const std::string &what,
                                            uint64_t offset, uint64_t length, std::string *reason);
 
-/* Rip and Rsp from the context at offset of the file. */
-enum kernel_dump_error kernel_dump_read_context(const dump_span &file, uint64_t offset,
+/* Rip, Rsp and the other general registers from the context at offset of the file. */
+enum kernel_dump_error kernel_dump_read_context(const file_span &file, uint64_t offset,
                                                 kernel_dump *dump, std::string *reason);
 
 /*
  * The name of a module from its file's path: without folders and extension, in UTF-8.
  *
  * path_end   The last KERNEL_DUMP_PATH_END_CHARS characters of the path, or all when it is shorter.
+ * whole      The name with its extension.
  *
- * Result     false: the file name is too long; name is unchanged.
+ * Result     false: the file name is too long; the names are unchanged.
  */
-bool kernel_dump_file_name(const std::u16string &path_end, std::string *name);
+bool kernel_dump_file_name(const std::u16string &path_end, std::string *name, std::string *whole);
 
 /* Adds the module at the end of the list. module.name is the file name; empty when it is unknown.
  * Result: false, and nothing added, when the image does not fit into the address space. */
@@ -59,9 +39,9 @@ bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module)
 
 /* Read the part after the header: Rip, Rsp, stack and modules in any order, for a memory dump also
  * gaps. dump contains the header already. */
-enum kernel_dump_error kernel_dump_read_triage(const dump_span &file, kernel_dump *dump,
+enum kernel_dump_error kernel_dump_read_triage(const file_span &file, kernel_dump *dump,
                                                std::string *reason);
-enum kernel_dump_error kernel_dump_read_memory(const dump_span &file, kernel_dump *dump,
+enum kernel_dump_error kernel_dump_read_memory(const file_span &file, kernel_dump *dump,
                                                std::string *reason);
 
 #endif

@@ -36,7 +36,7 @@ enum list_direction {
     LIST_BACKWARD = 1,
 };
 
-static bool read_path_end(const memory_dump &memory, const dump_span &entry, uint64_t field,
+static bool read_path_end(const memory_dump &memory, const file_span &entry, uint64_t field,
                           std::u16string *end)
 {
     const size_t bytes = entry.at<uint16_t>(field + TEXT_BYTES);
@@ -49,33 +49,32 @@ static bool read_path_end(const memory_dump &memory, const dump_span &entry, uin
            MEMORY_OK;
 }
 
-/* From the file's name or, where that is missing, from its path; empty when both are. */
-static std::string read_name(const memory_dump &memory, const dump_span &entry)
+/* From the file's name or, where that is missing, from its path; unchanged when both are. */
+static void read_name(const memory_dump &memory, const file_span &entry, kernel_dump_module *module)
 {
     for (const uint64_t field : {ENTRY_NAME, ENTRY_PATH}) {
         std::u16string end;
-        std::string name;
 
-        if (read_path_end(memory, entry, field, &end) && kernel_dump_file_name(end, &name) &&
-            !name.empty())
-            return name;
+        if (read_path_end(memory, entry, field, &end) &&
+            kernel_dump_file_name(end, &module->name, &module->file) && !module->name.empty())
+            return;
     }
-    return "";
 }
 
 static const char *add_entry(const memory_dump &memory, uint64_t address, kernel_dump *dump,
                              size_t *nameless)
 {
     uint8_t bytes[ENTRY_BYTES];
-    const dump_span entry = {bytes, sizeof bytes};
+    const file_span entry = {bytes, sizeof bytes};
     const enum memory_result result = memory_dump_read(memory, address, bytes, sizeof bytes);
 
     if (result != MEMORY_OK)
         return memory_result_text(result);
-    kernel_dump_module module = {read_name(memory, entry), entry.at<uint64_t>(ENTRY_BASE),
+    kernel_dump_module module = {"", "", entry.at<uint64_t>(ENTRY_BASE),
                                  entry.at<uint32_t>(ENTRY_SIZE), 0};
 
-    /* Only for people, so an entry whose end is missing counts too. */
+    read_name(memory, entry, &module);
+    /* Without it the size alone has to tell builds apart, so an entry whose end is missing counts too. */
     if (memory_dump_read(memory, address + ENTRY_TIME_STAMP, &module.time_stamp,
                          sizeof module.time_stamp) != MEMORY_OK)
         module.time_stamp = 0;
@@ -168,7 +167,7 @@ static void read_stack(const memory_dump &memory, kernel_dump *dump)
     }
 }
 
-enum kernel_dump_error kernel_dump_read_memory(const dump_span &file, kernel_dump *dump,
+enum kernel_dump_error kernel_dump_read_memory(const file_span &file, kernel_dump *dump,
                                                std::string *reason)
 {
     memory_dump memory;

@@ -26,7 +26,7 @@ enum driver_field : uint64_t {
 };
 
 /* Windows writes the mark last, so a dump that has it is complete. */
-static enum kernel_dump_error check_whole(const dump_span &file, std::string *reason)
+static enum kernel_dump_error check_whole(const file_span &file, std::string *reason)
 {
     if (!file.holds(KERNEL_DUMP_HEADER_BYTES, TRIAGE_BYTES)) {
         *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
@@ -50,7 +50,7 @@ static enum kernel_dump_error check_whole(const dump_span &file, std::string *re
     return KERNEL_DUMP_OK;
 }
 
-static enum kernel_dump_error read_context(const dump_span &file, kernel_dump *dump,
+static enum kernel_dump_error read_context(const file_span &file, kernel_dump *dump,
                                            std::string *reason)
 {
     const uint32_t offset = file.at<uint32_t>(TRIAGE_CONTEXT_OFFSET);
@@ -62,7 +62,7 @@ static enum kernel_dump_error read_context(const dump_span &file, kernel_dump *d
     return kernel_dump_read_context(file, offset, dump, reason);
 }
 
-static enum kernel_dump_error read_stack(const dump_span &file, kernel_dump *dump,
+static enum kernel_dump_error read_stack(const file_span &file, kernel_dump *dump,
                                          std::string *reason)
 {
     const uint32_t offset = file.at<uint32_t>(TRIAGE_STACK_OFFSET);
@@ -81,8 +81,9 @@ static enum kernel_dump_error read_stack(const dump_span &file, kernel_dump *dum
 }
 
 /* Reads the counted text at offset. who: the module, for the reason. */
-static enum kernel_dump_error read_name(const dump_span &file, const std::string &who,
-                                        uint32_t offset, std::string *name, std::string *reason)
+static enum kernel_dump_error read_name(const file_span &file, const std::string &who,
+                                        uint32_t offset, kernel_dump_module *module,
+                                        std::string *reason)
 {
     if (!file.holds(offset, 4))
         return kernel_dump_outside(file, "the name of " + who, offset, 4, reason);
@@ -95,21 +96,21 @@ static enum kernel_dump_error read_name(const dump_span &file, const std::string
 
     for (size_t i = 0; i < end.size(); i++)
         end[i] = file.at<char16_t>(text + 2 * (chars - end.size() + i));
-    if (kernel_dump_file_name(end, name))
+    if (kernel_dump_file_name(end, &module->name, &module->file))
         return KERNEL_DUMP_OK;
     *reason = "the name of " + who + " at " + kernel_dump_hex(offset) + " is too long";
     return KERNEL_DUMP_DAMAGED;
 }
 
-static enum kernel_dump_error read_module(const dump_span &file, uint64_t entry,
+static enum kernel_dump_error read_module(const file_span &file, uint64_t entry,
                                           const std::string &who, kernel_dump *dump,
                                           std::string *reason)
 {
-    kernel_dump_module module = {"", file.at<uint64_t>(entry + DRIVER_BASE),
+    kernel_dump_module module = {"", "", file.at<uint64_t>(entry + DRIVER_BASE),
                                  file.at<uint32_t>(entry + DRIVER_BYTES),
                                  file.at<uint32_t>(entry + DRIVER_TIME_STAMP)};
     const enum kernel_dump_error error =
-        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &module.name, reason);
+        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &module, reason);
 
     if (error != KERNEL_DUMP_OK || kernel_dump_add_module(dump, module))
         return error;
@@ -118,7 +119,7 @@ static enum kernel_dump_error read_module(const dump_span &file, uint64_t entry,
     return KERNEL_DUMP_DAMAGED;
 }
 
-static enum kernel_dump_error read_modules(const dump_span &file, kernel_dump *dump,
+static enum kernel_dump_error read_modules(const file_span &file, kernel_dump *dump,
                                            std::string *reason)
 {
     const uint32_t offset = file.at<uint32_t>(TRIAGE_DRIVERS_OFFSET);
@@ -139,7 +140,7 @@ static enum kernel_dump_error read_modules(const dump_span &file, kernel_dump *d
     return KERNEL_DUMP_OK;
 }
 
-enum kernel_dump_error kernel_dump_read_triage(const dump_span &file, kernel_dump *dump,
+enum kernel_dump_error kernel_dump_read_triage(const file_span &file, kernel_dump *dump,
                                                std::string *reason)
 {
     enum kernel_dump_error error = check_whole(file, reason);

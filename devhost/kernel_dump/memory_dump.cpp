@@ -67,7 +67,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
 }
 
 /* Number of bits that are set from first, a multiple of 8, to end, exclusive. */
-static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
+static uint64_t bits_set(const file_span &file, uint64_t first, uint64_t end)
 {
     uint64_t set = 0;
 
@@ -85,7 +85,7 @@ static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
 }
 
 /* The caller has checked that the file holds the two marks. */
-static bool has_bitmap(const dump_span &file)
+static bool has_bitmap(const file_span &file)
 {
     return (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
             memcmp(file.bytes + BITMAP_SIGNATURE, "FDMP", 4) == 0) &&
@@ -94,7 +94,7 @@ static bool has_bitmap(const dump_span &file)
 
 static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::string *reason)
 {
-    const dump_span &file = memory.file;
+    const file_span &file = memory.file;
     const uint64_t bytes = memory.bits / 8 + (memory.bits % 8 != 0);
 
     if (memory.bits == 0 || memory.bits > PAGES_MAX) {
@@ -116,7 +116,7 @@ static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::strin
 
 static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reason)
 {
-    const dump_span &file = memory->file;
+    const file_span &file = memory->file;
 
     if (!file.holds(KERNEL_DUMP_HEADER_BYTES, BITMAP - KERNEL_DUMP_HEADER_BYTES)) {
         *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
@@ -148,7 +148,7 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
     return KERNEL_DUMP_OK;
 }
 
-enum kernel_dump_error memory_dump_open(const dump_span &file, const kernel_dump &dump,
+enum kernel_dump_error memory_dump_open(const file_span &file, const kernel_dump &dump,
                                         memory_dump *memory, std::string *reason)
 {
     *memory = memory_dump();

@@ -28,7 +28,7 @@ struct memory_run {
 };
 
 struct memory_dump {
-    dump_span file = {};          /* borrowed */
+    file_span file = {};          /* borrowed */
     uint64_t directory_table = 0; /* physical address */
     uint64_t pages_offset = 0;    /* offset of the first page in the file */
     uint64_t pages = 0;           /* that the file should hold */
@@ -55,7 +55,7 @@ enum memory_result {
  *          that ends later only lacks pages. Throws std::bad_alloc; allocates at most 1/64 of the
  *          bitmap's size.
  */
-[[nodiscard]] enum kernel_dump_error memory_dump_open(const dump_span &file,
+[[nodiscard]] enum kernel_dump_error memory_dump_open(const file_span &file,
                                                       const kernel_dump &dump, memory_dump *memory,
                                                       std::string *reason);
 
