@@ -243,6 +243,20 @@ static void add_replay(CLI::App &app, int *status)
     command->callback([arguments, status] { *status = replay_command(*arguments); });
 }
 
+static void add_serve(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    CLI::App *command = app.add_subcommand(
+        "serve", "Takes a case of evidence a line from stdin, and prints its result on a line");
+
+    add_plugin_option(*command, arguments->options.session.plugin_path);
+    add_memory_option(*command, arguments->memory);
+    command->footer(
+        "A case is a JSON object; docs/corpus.md describes it. The end of the input ends\n"
+        "the program. A bad case has an error as its result.");
+    command->callback([arguments, status] { *status = replay_command_serve(*arguments); });
+}
+
 static void add_dump(CLI::App &app, int *status)
 {
     auto options = std::make_shared<dump_options>();
@@ -330,8 +344,8 @@ int wmain(int argc, wchar_t **argv)
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
-    for (void (*add)(CLI::App &, int *) :
-         {add_run, add_console, add_replay, add_dump, add_diff, add_redact, add_events, add_doctor})
+    for (void (*add)(CLI::App &, int *) : {add_run, add_console, add_replay, add_serve, add_dump,
+                                           add_diff, add_redact, add_events, add_doctor})
         add(app, &status);
     app.require_subcommand(1);
     app.footer(

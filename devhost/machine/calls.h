@@ -13,13 +13,14 @@
 #include <vector>
 
 /* text: one call with its arguments and result, without a line feed. */
-typedef void (*calls_trace_fn)(const std::string &text, void *user);
+typedef void (*calls_trace_fn)(const std::string &text);
 
 /* Redirects the imports of a loaded plug-in to here. */
 void calls_patch(HMODULE plugin);
 
-/* NULL, the initial state: no tracing. */
-void calls_set_trace(calls_trace_fn fn, void *user);
+/* NULL, the initial state: no tracing. wanted: whether calls of that name are traced, NULL: all are.
+ * Making the text of a call takes far longer than the call. */
+void calls_set_trace(calls_trace_fn fn, bool (*wanted)(const char *name) = NULL);
 /* Traces a call that does not pass here. */
 void calls_trace(const std::string &text);
 

@@ -96,6 +96,15 @@ static void add_product(std::vector<replay_product> *products, const replay_prod
     products->push_back(product);
 }
 
+static void add_object(const std::string &file, const json_value *object,
+                       std::vector<replay_product> *products)
+{
+    if (object == NULL || !object->IsObject())
+        bad_file(file, "/", "expected an object, {\"NAME\": {\"modules\": [\"MODULE\"]}}");
+    for (const auto &member : object->GetObject())
+        add_product(products, product_of(file, member.name.GetString(), member.value));
+}
+
 static void add_file(const std::string &file, std::vector<replay_product> *products)
 {
     rapidjson::Document document;
@@ -104,12 +113,7 @@ static void add_file(const std::string &file, std::vector<replay_product> *produ
         const evidence_file checked(file, MOST_BYTES); /* readable, and of a sane size */
     }
     scenario_load_json(document, file, EXIT_BAD_CALL);
-    const json_value *object = products_of(document);
-
-    if (object == NULL || !object->IsObject())
-        bad_file(file, "/", "expected an object, {\"NAME\": {\"modules\": [\"MODULE\"]}}");
-    for (const auto &member : object->GetObject())
-        add_product(products, product_of(file, member.name.GetString(), member.value));
+    add_object(file, products_of(document), products);
 }
 
 std::vector<replay_product> products_read(const std::vector<std::string> &texts,
@@ -121,6 +125,14 @@ std::vector<replay_product> products_read(const std::vector<std::string> &texts,
         add_product(&products, parse_product(text));
     if (!file.empty())
         add_file(file, &products);
+    return products;
+}
+
+std::vector<replay_product> products_of_json(const std::string &where, const json_value &object)
+{
+    std::vector<replay_product> products;
+
+    add_object(where, &object, &products);
     return products;
 }
 

@@ -35,7 +35,9 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
 {
     replay_evidence evidence = {};
 
-    evidence.products = products_read(options.products, options.products_file);
+    evidence.products = !options.known.empty()
+                            ? options.known
+                            : products_read(options.products, options.products_file);
     if (!options.source.empty())
         collect_evidence(options, &evidence);
     if (!options.events.empty()) {
