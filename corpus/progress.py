@@ -15,8 +15,8 @@ def duration(seconds):
 class Progress:
     """Counts; a thread prints, so that a case that hangs does not stop it."""
 
-    def __init__(self, total, what):
-        self.total, self.what = total, what
+    def __init__(self, total, what, failures="failed"):
+        self.total, self.what, self.failures = total, what, failures
         self.done = self.failed = 0
         self.begin = time.monotonic()
         # The script keeps the terminal to itself and describes it.
@@ -27,7 +27,7 @@ class Progress:
     def text(self):
         rate = self.done / max(time.monotonic() - self.begin, 1e-9)
         left = f", {duration((self.total - self.done) / rate)} left" if rate and self.done < self.total else ""
-        failed = f", {self.failed:,} failed" if self.failed else ""
+        failed = f", {self.failed:,} {self.failures}" if self.failed else ""
         return f"{self.done:,} of {self.total:,} {self.what}, {rate:.1f} a second{left}{failed}"
 
     def watch(self):

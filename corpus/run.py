@@ -42,8 +42,8 @@ def parse():
     parser.add_argument("--build", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--host", help=argparse.SUPPRESS) # a program in place of the development host
     options = parser.parse_args()
-    if not (options.cases or options.resume or options.page):
-        parser.error("expected CASES, or --resume")
+    if not (options.cases or options.resume or options.page or options.baseline):
+        parser.error("expected CASES, --resume, or --baseline to compare what is there")
     bin_folder = os.path.join(os.path.abspath(options.build), "win", "bin")
     options.plugin = os.path.abspath(options.plugin or os.path.join(bin_folder, "libbypass_mgr.dll"))
     program = [os.path.join(ROOT, "cmake", "wine-run"), os.path.join(bin_folder, "oxni_devhost.exe")]
@@ -166,6 +166,8 @@ def main():
     try:
         if options.page:
             return page.write_case(options)
+        if not (options.cases or options.resume):
+            return finish(options)
         kept = results.Results(options.out, options.resume)
         kept.add_cases(cases.find(options.cases), options.resume)
         play(options, kept)

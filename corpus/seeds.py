@@ -16,6 +16,7 @@ from progress import Progress
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # Of a piece: a minute or so, so that a program's start does not count and none waits for the last.
 PIECE_BOOTS, PIECE_INPUTS, PARTS = 10000, 20000, 16
+MOST_FINDINGS = 100 # then nothing more is handed out
 CRASHED, HUNG = 70, 71 # exit statuses of the harness
 # Lines of a program that are no finding, with what is summed of them.
 SUMS = re.compile(r"^(?:no invariant is broken: )?(\d+) (boots) of (\d+) (machines) .*|"
@@ -69,7 +70,7 @@ class Seeds:
         self.program = [os.path.join(ROOT, "cmake", "wine-run"), os.path.join(options.build, "win", "bin", program)]
         self.rest = rest
         self.waiting = collections.deque(pieces(options))
-        self.progress = Progress(len(self.waiting), "pieces")
+        self.progress = Progress(len(self.waiting), "pieces", "findings")
         self.sums = collections.Counter()
 
     def command(self, piece):
@@ -80,7 +81,7 @@ class Seeds:
         return [*self.program, *words, *self.rest]
 
     def next_job(self):
-        if not self.waiting:
+        if not self.waiting or self.progress.failed >= MOST_FINDINGS:
             return None
         piece = self.waiting.popleft()
         return self.command(piece), piece
