@@ -246,7 +246,7 @@ def test_page_of_case(out):
 
 def test_cases_that_fail(folder):
     """Hosts that crash or hang, and a worker that is killed in the middle."""
-    good = [f"slow{i}" for i in range(40)]
+    good = [f"busy{i}" for i in range(40)]
     cases = make_cases(folder / "cases", *good, "crashes", "hangs", "prints", "once")
     out = folder / "out"
     run = start(cases, "--out", out, "--workers", 2, "--timeout", 2, *FAKE)
@@ -269,7 +269,7 @@ def test_cases_that_fail(folder):
 
 def test_interrupted(folder):
     """Ctrl-C, a second run into the same folder, and what goes on afterwards."""
-    names = [f"slow{i}" for i in range(40)]
+    names = [f"busy{i}" for i in range(40)]
     cases, out = make_cases(folder / "cases", *names), folder / "out"
     run = start(cases, "--out", out, "--workers", 1, *FAKE)
     wait_for(lambda: answered(out) > 2)
@@ -290,7 +290,7 @@ def test_interrupted(folder):
 
 
 def test_scheduler_killed(folder):
-    names = [f"slow{i}" for i in range(40)]
+    names = [f"busy{i}" for i in range(40)]
     cases, out = make_cases(folder / "cases", *names), folder / "out"
     address = folder / "scheduler.json"
     scheduler = start("--scheduler-file", address, "--port", 0, "--no-dashboard", command=["dask-scheduler"])

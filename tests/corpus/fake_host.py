@@ -20,7 +20,7 @@ for line in sys.stdin:
     name = os.path.basename(path)
     with open(os.path.join(path, "played"), "a", encoding="utf-8") as file:
         file.write("x")
-    if name.startswith("slow"):
+    if name.startswith("busy"):
         time.sleep(0.1)
     if name.startswith("hangs"):
         time.sleep(1000)
