@@ -9,6 +9,7 @@ import signal
 import sqlite3
 import subprocess
 import sys
+import time
 
 import cases
 import compare
@@ -59,6 +60,7 @@ class Run:
         self.last = 0                    # id of the last case that was taken from the database
         self.waiting = collections.deque() # cases that are played alone
         self.size, self.mean = 1, None   # of a batch; seconds of a case
+        self.busy = 0                    # seconds of the hosts
 
     def next_job(self):
         if self.waiting:
@@ -78,6 +80,7 @@ class Run:
         if result["checksum"] != self.checksum:
             raise engine.EngineLost(f"{result['worker']} has another plug-in at the same path")
         for case, row in zip(batch, result["rows"]):
+            self.busy += row["seconds"]
             if row["state"] == "died" and not alone:
                 self.waiting.append(case)
                 continue
@@ -113,13 +116,17 @@ def play(options, kept):
     name = f"bypass_mgr-{os.getpid()}-{os.urandom(4).hex()}"
     with engine.connect(options.scheduler, options.workers) as client:
         client.register_worker_plugin(plugin, name)
+        workers = len(client.scheduler_info()["workers"])
+        run = Run(kept, name, checksum, Progress(open_cases, "cases"))
         try:
-            with Progress(open_cases, "cases") as progress:
-                run = Run(kept, name, checksum, progress)
+            with run.progress:
                 engine.run(client, host.play_batch, run.next_job, run.settle)
         finally:
             kept.commit()
         client.unregister_worker_plugin(name)
+    seconds = time.monotonic() - run.progress.begin
+    print(f"played {run.progress.done:,} cases in {seconds:.1f} s, {run.progress.done / seconds:.1f} a second; "
+          f"the hosts of {workers} workers were busy {run.busy / (workers * seconds):.0%} of it")
 
 
 def report(options, base):

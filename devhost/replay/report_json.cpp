@@ -141,16 +141,24 @@ static void put_sent(json_lines &writer, const char *name, enum happening_kind k
     writer.EndArray();
 }
 
+/* A host plays one plug-in, so the file is read once. */
 static void put_plugin(json_lines &writer, const std::string &path)
 {
-    const evidence_file file(path, UINT64_MAX);
+    static std::string s_path, s_crc32;
+    static uint64_t s_bytes;
 
+    if (path != s_path) {
+        const evidence_file file(path, UINT64_MAX);
+
+        s_path = path;
+        s_bytes = file.bytes();
+        s_crc32 =
+            text_format("%08x", oxni_crc32_calc(file.data(), static_cast<size_t>(file.bytes())));
+    }
     writer.Key("plugin");
     writer.StartObject();
-    json_member(writer, "bytes", file.bytes());
-    json_member(
-        writer, "crc32",
-        text_format("%08x", oxni_crc32_calc(file.data(), static_cast<size_t>(file.bytes()))));
+    json_member(writer, "bytes", s_bytes);
+    json_member(writer, "crc32", s_crc32);
     writer.EndObject();
 }
 
