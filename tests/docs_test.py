@@ -22,6 +22,7 @@ SHORT = {
     "format": ["help"],
     "package": ["help"],
     "bench": ["bench", "--help"],
+    "corpus": ["corpus", "--help"],
     "faults": ["faults", "--help"],
     "crashpoints": ["crashpoints", "--help"],
     "fuzz": ["fuzz", "--help"],

@@ -2,7 +2,7 @@
 """A corpus of cases over the engine: results of the real host equal those of replay, and no fault of a case,
 a worker, the scheduler, the disk or a person loses a result or counts it twice.
 
-usage: corpus_test.py SOURCE BUILD      (77: the engine is not installed)
+usage: corpus_test.py SOURCE BUILD [TEST]      (77: the engine is not installed)
 """
 import contextlib
 import json
@@ -338,6 +338,8 @@ def main():
     except ImportError:
         return 77
     for test in (test_real, test_cases_that_fail, test_interrupted, test_scheduler_killed, test_full_disk):
+        if sys.argv[3:] not in ([], [test.__name__]):
+            continue
         begin = time.monotonic()
         with tempfile.TemporaryDirectory(prefix="bypass_mgr-") as folder:
             test(pathlib.Path(folder))
