@@ -73,6 +73,7 @@ def modules():
     for name in MODULES:
         yield f"bin/{name}", read(f"{build}/bin/{name}")
         yield f"symbols/{name}.debug", read(f"{build}/bin/{name}.debug")
+    yield "bin/libbypass_mgr.pdb", read(f"{build}/bin/libbypass_mgr.pdb")
     for name in LIBRARIES:
         yield f"lib/{name}.dll.a", read(f"{build}/lib/{name}.dll.a")
     yield ("lib/libbypass_mgr.def",

@@ -4,19 +4,19 @@
 #include "evtx_values.h"
 #include "system_events.h"
 
-#define CLASSIC_KEYWORDS 0x0080000000000000ull
-#define KERNEL_KEYWORDS  0x8000000000000000ull
+static constexpr uint64_t CLASSIC_KEYWORDS = 0x0080000000000000ull;
+static constexpr uint64_t KERNEL_KEYWORDS = 0x8000000000000000ull;
 
 static const evtx_provider s_general = {SOURCE_KERNEL_GENERAL,
-                                        L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", NULL};
+                                        L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", nullptr};
 static const evtx_provider s_power = {SOURCE_KERNEL_POWER,
-                                      L"{331c3b3a-2005-44c2-ac5e-77220c37d6b4}", NULL};
+                                      L"{331c3b3a-2005-44c2-ac5e-77220c37d6b4}", nullptr};
 static const evtx_provider s_winlogon = {SOURCE_WINLOGON, L"{dbe9b383-7cf3-4331-91cc-a3cb16a3b538}",
-                                         NULL};
+                                         nullptr};
 static const evtx_provider s_bug_check = {L"Microsoft-Windows-WER-SystemErrorReporting",
                                           L"{abce23e7-de45-4366-8631-84fa6c525952}",
                                           SOURCE_BUG_CHECK};
-static const evtx_provider s_event_log = {L"EventLog", NULL, NULL};
+static const evtx_provider s_event_log = {L"EventLog", nullptr, nullptr};
 
 /* Fields of record 41 up to the version that has all of them. */
 static std::vector<evtx_field> power_fields(size_t count, uint8_t sleep_type)
@@ -109,7 +109,7 @@ const evtx_event *evtx_find_event(const event_record &event)
 {
     for (const evtx_event &known : events()) {
         const wchar_t *source =
-            known.provider->source != NULL ? known.provider->source : known.provider->name;
+            known.provider->source != nullptr ? known.provider->source : known.provider->name;
         const uint32_t qualifiers =
             known.qualifiers != EVTX_NO_QUALIFIERS ? static_cast<uint32_t>(known.qualifiers) : 0;
 
@@ -117,5 +117,5 @@ const evtx_event *evtx_find_event(const event_record &event)
             (known.fields.empty() || known.fields.size() == event.strings.count()))
             return &known;
     }
-    return NULL;
+    return nullptr;
 }

@@ -17,12 +17,12 @@ enum system_event {
 };
 
 /* The whole EventID of a BugCheck record, qualifiers included. */
-#define BUG_CHECK_EVENT_ID 0x400003e9u
+static constexpr uint32_t BUG_CHECK_EVENT_ID = 0x400003e9u;
 
 /* Sources: EventSourceName where the provider has one, otherwise its name. */
-#define SOURCE_KERNEL_GENERAL L"Microsoft-Windows-Kernel-General"
-#define SOURCE_KERNEL_POWER   L"Microsoft-Windows-Kernel-Power"
-#define SOURCE_WINLOGON       L"Microsoft-Windows-Winlogon"
-#define SOURCE_BUG_CHECK      L"BugCheck"
+static constexpr wchar_t SOURCE_KERNEL_GENERAL[] = L"Microsoft-Windows-Kernel-General";
+static constexpr wchar_t SOURCE_KERNEL_POWER[] = L"Microsoft-Windows-Kernel-Power";
+static constexpr wchar_t SOURCE_WINLOGON[] = L"Microsoft-Windows-Winlogon";
+static constexpr wchar_t SOURCE_BUG_CHECK[] = L"BugCheck";
 
 #endif

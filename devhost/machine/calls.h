@@ -6,7 +6,7 @@
 #ifndef DEVHOST_CALLS_H
 #define DEVHOST_CALLS_H
 
-#include <stdint.h>
+#include <cstdint>
 #include <windows.h>
 
 #include <string>
@@ -18,15 +18,15 @@ typedef void (*calls_trace_fn)(const std::string &text);
 /* Redirects the imports of a loaded plug-in to here. */
 void calls_patch(HMODULE plugin);
 
-/* NULL, the initial state: no tracing. wanted: whether calls of that name are traced, NULL: all are.
+/* nullptr, the initial state: no tracing. wanted: whether calls of that name are traced, nullptr: all are.
  * Making the text of a call takes far longer than the call. */
-void calls_set_trace(calls_trace_fn fn, bool (*wanted)(const char *name) = NULL);
+void calls_set_trace(calls_trace_fn fn, bool (*wanted)(const char *name) = nullptr);
 /* Traces a call that does not pass here. */
 void calls_trace(const std::string &text);
 
 /* arguments: as passed, as many as the call has; result as the plug-in gets it. */
 typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
-/* fn is called after each call of a name that the table has; NULL ends it. */
+/* fn is called after each call of a name that the table has; nullptr ends it. */
 void calls_set_watch(const std::string &name, calls_watch_fn fn);
 
 /* Whether a call of that name is counted. */

@@ -6,14 +6,14 @@
 #include "../base/text.h"
 #include "../machine/machine.h"
 
-#define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 
 /* Windows writes the dump from the page file soon after the start. */
-#define WRITTEN_AFTER_100NS (6 * TICKS_PER_SECOND)
+static constexpr uint64_t WRITTEN_AFTER_100NS = 6 * TICKS_PER_SECOND;
 
 /* Strings of a BugCheck record: code and parameters, and the path of the dump. */
-#define BUG_CHECK_STRING 0
-#define DUMP_PATH_STRING 1
+static constexpr int BUG_CHECK_STRING = 0;
+static constexpr int DUMP_PATH_STRING = 1;
 
 /* Where Windows writes dumps: the path in the registry, or the default. */
 static std::wstring dump_place(const wchar_t *value, const wchar_t *usual)
@@ -62,7 +62,7 @@ static bool names(const event_record &record, const evidence_dump &dump)
 static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &dump)
 {
     const uint64_t crashed = dump.facts.crash_time_100ns;
-    dump_ties ties = {EVIDENCE_FIT_UNKNOWN, NULL, false, false};
+    dump_ties ties = {EVIDENCE_FIT_UNKNOWN, nullptr, false, false};
 
     for (size_t i = evidence.boot->begin; i < evidence.boot->end; i++) {
         const event_record &event = evidence.log.events[i];
@@ -72,14 +72,14 @@ static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &d
         const enum evidence_fit fit =
             evidence_dump_fits(dump, text_narrow(event.strings.at(BUG_CHECK_STRING)));
 
-        if (ties.record == NULL || fit > ties.fit) {
+        if (ties.record == nullptr || fit > ties.fit) {
             ties.record = &event;
             ties.fit = fit;
         }
     }
-    ties.named = ties.record != NULL && names(*ties.record, dump);
+    ties.named = ties.record != nullptr && names(*ties.record, dump);
     ties.in_time = crashed <= evidence.boot->started_100ns &&
-                   (evidence.before() == NULL || crashed >= evidence.before()->started_100ns);
+                   (evidence.before() == nullptr || crashed >= evidence.before()->started_100ns);
     return ties;
 }
 
@@ -102,7 +102,7 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
                             std::string *why)
 {
     const dump_ties ties = ties_of(evidence, placed.dump);
-    const unsigned number = ties.record != NULL ? ties.record->number : 0;
+    const unsigned number = ties.record != nullptr ? ties.record->number : 0;
 
     /* All complete dumps have the same name, and the previous run may have had a crash without a record:
      * code and parameters count more than name and time. */
@@ -120,8 +120,8 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
     if (ties.named)
         *why = text_format("record %u names the file", number);
     else if (ties.in_time)
-        *why = evidence.before() != NULL ? "it crashed during the previous run"
-                                         : "it crashed before this start, where the log begins";
+        *why = evidence.before() != nullptr ? "it crashed during the previous run"
+                                            : "it crashed before this start, where the log begins";
     else if (placed.dump.facts.crash_time_100ns <= evidence.boot->started_100ns)
         *why = "it crashed before the previous run";
     return ties.named || ties.in_time;
@@ -132,7 +132,7 @@ static uint64_t written_of(const replay_evidence &evidence, const replay_dump &p
 {
     const uint64_t start = evidence.boot->started_100ns, own = placed.dump.written_100ns;
     const event_record *bug_check = ties_of(evidence, placed.dump).record;
-    const uint64_t recorded = bug_check != NULL ? time_of_unix(bug_check->time) : 0;
+    const uint64_t recorded = bug_check != nullptr ? time_of_unix(bug_check->time) : 0;
 
     if (own > start && own <= recorded)
         return own;
@@ -146,7 +146,7 @@ static void place_dump(const replay_evidence &evidence, replay_dump *placed)
 
     placed->place = place_of(placed->dump);
     placed->there = true;
-    placed->record = NULL;
+    placed->record = nullptr;
     if (ties_of(evidence, placed->dump).fit == EVIDENCE_FITS)
         placed->record = ties_of(evidence, placed->dump).record;
     placed->is_ours = is_of_this_boot(evidence, *placed, &placed->why);

@@ -1,8 +1,8 @@
 /* Replay: reads evidence, plays its boots on the machine, and prints the result. */
 #include "replay.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include <algorithm>
 
@@ -21,10 +21,10 @@
 
 /* A check takes 13 polls of 30 s, or as many as the registry names, and alarms follow within minutes. No
  * replay is longer than a day. */
-#define USUAL_MS   (8ull * 60 * 1000)
-#define STEP_MS    (60ull * 1000)
-#define AFTER_MS   (4ull * 60 * 1000)
-#define LONGEST_MS (24ull * 60 * 60 * 1000)
+static constexpr uint64_t USUAL_MS = 8ull * 60 * 1000;
+static constexpr uint64_t STEP_MS = 60ull * 1000;
+static constexpr uint64_t AFTER_MS = 4ull * 60 * 1000;
+static constexpr uint64_t LONGEST_MS = 24ull * 60 * 60 * 1000;
 
 static void log_now(const event_record &event, int64_t clock_change)
 {
@@ -114,7 +114,7 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
 
     scenario.file = "replay";
     scenario.document.Parse(replay_scenario(*evidence).c_str());
-    if (options.reused != NULL)
+    if (options.reused != nullptr)
         options.reused->empty();
     else
         own = std::make_unique<run_folder>(options.keep);

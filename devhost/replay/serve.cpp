@@ -3,7 +3,7 @@
  * boots only. */
 #include "commands.h"
 
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <iostream>
@@ -128,11 +128,11 @@ static std::string serve_line(const std::string &line, const replay_options &sha
         status = EXIT_BAD_CALL;
         error = caught.what();
     }
-    const json_value *id = document.HasParseError() ? NULL : node_member(&document, "id");
+    const json_value *id = document.HasParseError() ? nullptr : node_member(&document, "id");
 
     return json_text<json_line>([&](json_line &writer) {
         writer.StartObject();
-        json_member_as_is(writer, "id", id != NULL ? node_to_text(*id) : "");
+        json_member_as_is(writer, "id", id != nullptr ? node_to_text(*id) : "");
         json_member(writer, "status", status);
         if (status != EXIT_ALL_HOLD)
             json_member(writer, "error", error);

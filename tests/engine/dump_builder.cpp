@@ -2,14 +2,14 @@
 
 #include <cstring>
 
-#define DRIVER_ENTRY_BYTES 0x90u
+static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
 
 void dump_put(std::vector<uint8_t> *dump, uint64_t offset, uint64_t value, size_t bytes)
 {
     if (dump->size() < offset + bytes)
         dump->resize(offset + bytes);
     for (size_t i = 0; i < bytes; i++)
-        (*dump)[offset + i] = (uint8_t)(value >> (8 * i));
+        (*dump)[offset + i] = static_cast<uint8_t>(value >> (8 * i));
 }
 
 static void put_header(std::vector<uint8_t> *dump, const dump_model &model)
@@ -68,7 +68,7 @@ void dump_mutate(std::vector<uint8_t> *dump, std::mt19937_64 *random)
         const uint64_t size = dump->size();
         const uint64_t values[] = {
             0, 1, 0x80000000, UINT32_MAX, UINT64_MAX, size - any % 16, any % size, any};
-        const size_t bytes = (size_t)1 << ((*random)() % 4);
+        const size_t bytes = static_cast<size_t>(1) << ((*random)() % 4);
         uint32_t starts[] = {DUMP_CONTEXT, DUMP_TRIAGE, 0, 0};
 
         if (size >= DUMP_STACK)

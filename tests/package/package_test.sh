@@ -19,10 +19,10 @@ check() {
     failures=$((failures + 1))
 }
 
-# Extracts the loaded sections, without the debug link: its checksum covers the symbols, which
-# contain the paths of the headers.
+# Extracts the loaded sections, without the debug link and the build's GUID: they depend on the
+# symbols, which contain the paths of the headers.
 loaded_bytes() {
-    "$objcopy" -O binary -R .gnu_debuglink "$1" "$2"
+    "$objcopy" -O binary -R .gnu_debuglink -R .buildid "$1" "$2"
 }
 
 # Runs the commands of the document that start with $2, in directory $1.
