@@ -23,6 +23,7 @@ sys.dont_write_bytecode = True
 SOURCE, BUILD = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
 sys.path.insert(0, str(SOURCE / "tests/devhost"))
 from evidence_files import Checks # noqa: E402
+from page_test import Browser # noqa: E402
 
 RUN = [sys.executable, str(SOURCE / "corpus/run.py"), "--build", str(BUILD)]
 FAKE = ["--host", f"{sys.executable} {pathlib.Path(__file__).parent / 'fake_host.py'}"]
@@ -197,6 +198,7 @@ def test_real(folder):
     test_equals_replay(out, own)
     test_baseline(folder, out)
     test_page_of_case(out)
+    test_page(out)
 
 
 def test_equals_replay(out, own):
@@ -240,6 +242,31 @@ def test_page_of_case(out):
     status, text, error = corpus("--out", out, "--page", "inline")
     page = re.search(r"page: (.*)", text)
     check("page", status == 0 and page and "guard_flt" in pathlib.Path(page[1]).read_text(), text + error)
+
+
+def test_page(out):
+    """The table in a browser: totals, a click on a ranking, the filter, the order, a case's details."""
+    names = "return [...document.querySelectorAll('#rows tr > td:first-child > button')].map(b => b.textContent)"
+    with open(out / "driver.log", "w", encoding="utf-8") as log:
+        browser = Browser(log)
+        try:
+            browser.open(out / "index.html", "light")
+            check("page", "12 cases: 7 answered, 4 unreadable, 1 failed" in browser.text("#totals"), browser.text("#totals"))
+            check("page", len(browser.run(names)) == 12, browser.run(names))
+            browser.click("#modules button")
+            check("page", set(browser.run(names)) == {"true", "inline", "untrue", "unordered", "files"}, browser.run(names))
+            browser.click("#chosen button")
+            browser.click("#heads th:last-child button")
+            times = browser.run("return data.cases.map(row => row[5]).sort((a, b) => b - a)[0]")
+            first = browser.run("return +document.querySelector('#rows td:last-child').textContent.replaceAll(',', '')")
+            check("page", first == times, f"{first} is not the longest, {times}")
+            browser.run("document.getElementById('text').value = 'leads out'; filter()")
+            check("page", set(browser.run(names)) == {"outside.zip", "absolute.zip"}, browser.run(names))
+            browser.click("#rows button")
+            check("page", "refused" in browser.text(".details") and "--page" in browser.text(".details"),
+                  browser.text(".details"))
+        finally:
+            browser.close()
 
 
 # Faults, with a host that does what the case's name says.
