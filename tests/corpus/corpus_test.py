@@ -359,12 +359,24 @@ def test_full_disk(folder):
     is_whole("full disk", folder, names)
 
 
+def test_seeds(folder):
+    """Seeds over the engine: a faulty plug-in is found with more than one, and the list has each once."""
+    command = [sys.executable, str(SOURCE / "corpus/seeds.py"), "--build", str(BUILD), "--scheduler", "local"]
+    done = subprocess.run([*command, "simulate", "--boots", "8", "--seed", "121", "--no-shrink", "--plugin",
+                           str(BUILD / "win/bin/mutant_blames_anybody.dll")], capture_output=True, text=True,
+                          timeout=200, cwd=folder)
+    seeds = re.findall(r"reproduce: ./dev simulate --boots 1 --seed (\d+)", done.stdout)
+    check("seeds", done.returncode == 1 and len(seeds) > 1 and len(set(seeds)) == len(seeds), done.stdout + done.stderr)
+    check("seeds", f"{len(seeds)} findings" in done.stdout.splitlines()[-1], done.stdout)
+
+
 def main():
     try:
         import distributed # noqa: F401, pylint: disable=import-outside-toplevel, unused-import
     except ImportError:
         return 77
-    for test in (test_real, test_cases_that_fail, test_interrupted, test_scheduler_killed, test_full_disk):
+    for test in (test_real, test_cases_that_fail, test_interrupted, test_scheduler_killed, test_full_disk,
+                 test_seeds):
         if sys.argv[3:] not in ([], [test.__name__]):
             continue
         begin = time.monotonic()
