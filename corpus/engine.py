@@ -7,12 +7,15 @@ import shutil
 import signal
 import sys
 import tempfile
+import time
 
 import cloudpickle
 import dask
 from distributed import Client, LocalCluster, as_completed
 
 CONNECT_SECONDS = 15
+WORKER_SECONDS = 60  # until the first worker is there
+RECOUNT_SECONDS = 5  # workers may come and go; asking for them costs the scheduler time
 # Tasks of a worker that are submitted: one that runs, and what it takes up next. The rest waits in our
 # own list, so that the engine's memory does not grow with the number of cases.
 TASKS_A_WORKER = 3
@@ -27,7 +30,7 @@ def local_cluster(workers, folder):
     before = signal.signal(signal.SIGINT, signal.SIG_IGN)
     try:
         return LocalCluster(n_workers=workers or len(os.sched_getaffinity(0)), threads_per_worker=1,
-                            memory_limit=0, dashboard_address=None, silence_logs=logging.CRITICAL,
+                            memory_limit=0, dashboard_address="127.0.0.1:0", silence_logs=logging.CRITICAL,
                             local_directory=folder)
     finally:
         signal.signal(signal.SIGINT, before)
@@ -44,12 +47,12 @@ def connect(scheduler, workers):
     try:
         if not scheduler or scheduler == "local":
             cluster = local_cluster(workers, folder)
-        client = Client(cluster or scheduler, timeout=CONNECT_SECONDS)
+        try:
+            client = Client(cluster or scheduler, timeout=CONNECT_SECONDS)
+            client.wait_for_workers(1, timeout=WORKER_SECONDS)
+        except OSError as error: # a timeout, too
+            raise EngineLost(f"no worker of {scheduler or 'this machine'} can be reached: {error}") from error
         yield client
-    except OSError as error:
-        if client is None and cluster is None:
-            raise EngineLost(f"cannot connect to the scheduler {scheduler}: {error}") from error
-        raise
     finally:
         for each in (client, cluster):
             if each is not None:
@@ -67,8 +70,10 @@ def run(client, function, next_job, settle):
     """Calls function(*job) on the workers for each job of next_job(), until that returns None and nothing
     is running. settle(job, result, error) takes each outcome, in any order, and may lead to more jobs."""
     running, done = {}, as_completed()
+    counted, window = None, 0
     while True:
-        window = TASKS_A_WORKER * max(1, len(client.scheduler_info()["workers"]))
+        if counted is None or time.monotonic() - counted > RECOUNT_SECONDS:
+            counted, window = time.monotonic(), TASKS_A_WORKER * max(1, len(client.nthreads()))
         while len(running) < window and (job := next_job()) is not None:
             future = client.submit(function, *job, pure=False)
             running[future] = job

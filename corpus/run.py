@@ -116,7 +116,7 @@ def play(options, kept):
     name = f"bypass_mgr-{os.getpid()}-{os.urandom(4).hex()}"
     with engine.connect(options.scheduler, options.workers) as client:
         client.register_worker_plugin(plugin, name)
-        workers = len(client.scheduler_info()["workers"])
+        workers = len(client.nthreads())
         run = Run(kept, name, checksum, Progress(open_cases, "cases"))
         try:
             with run.progress:
