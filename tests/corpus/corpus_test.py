@@ -30,6 +30,7 @@ FAKE = ["--host", f"{sys.executable} {pathlib.Path(__file__).parent / 'fake_host
 HOST = [str(SOURCE / "cmake/wine-run"), str(BUILD / "win/bin/oxni_devhost.exe")]
 EVIDENCE = SOURCE / "scenarios/evidence"
 PRODUCTS = {"guard": {"modules": ["guard_flt", "guard_net"], "count": 3}}
+MACHINES = 40 # as many as take some seconds
 check = Checks()
 
 
@@ -269,6 +270,18 @@ def test_page(out):
             browser.close()
 
 
+def test_truth(folder):
+    """Synthetic customers: every answer is as their generator knows."""
+    made = subprocess.run([HOST[0], str(BUILD / "win/bin/harness.exe"), "synthesize", "--random", "1", "--count",
+                           str(MACHINES), str(folder / "cases")], capture_output=True, text=True, timeout=200)
+    if made.returncode == 2:
+        print("not tested: truth, since this harness synthesizes nothing")
+        return
+    status, text, error = corpus(folder / "cases", "--out", folder / "out")
+    check("truth", status == 0, f"status {status}, {text}{error}")
+    check("truth", f"truth: {MACHINES} of {MACHINES} cases" in text, text)
+
+
 # Faults, with a host that does what the case's name says.
 
 def test_cases_that_fail(folder):
@@ -375,7 +388,7 @@ def main():
         import distributed # noqa: F401, pylint: disable=import-outside-toplevel, unused-import
     except ImportError:
         return 77
-    for test in (test_real, test_cases_that_fail, test_interrupted, test_scheduler_killed, test_full_disk,
+    for test in (test_real, test_truth, test_cases_that_fail, test_interrupted, test_scheduler_killed, test_full_disk,
                  test_seeds):
         if sys.argv[3:] not in ([], [test.__name__]):
             continue
