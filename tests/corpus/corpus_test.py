@@ -197,6 +197,7 @@ def test_real(folder):
     check("truth", "blamed is guard_flt, the truth is other" in told["untrue"], told)
     check("truth", "truth: 2 of 4 cases" in text, text)
     test_equals_replay(out, own)
+    test_leaves_nothing(folder)
     test_baseline(folder, out)
     test_page_of_case(out)
     test_page(out)
@@ -218,6 +219,18 @@ def test_equals_replay(out, own):
     check("export", len(exported) == 12 and [len(case["boots"]) for case in exported if case["name"] == "true"] == [3],
           exported)
     check("export", (out / "results.csv").read_text().count("\n") == 27, (out / "results.csv").read_text())
+
+
+def test_leaves_nothing(folder):
+    """A boot that is played again right away finds no files of the first time."""
+    log = folder / "one_boot.json"
+    log.write_text(json.dumps([event for event in json.loads((EVIDENCE / "System.json").read_text())
+                               if event["record"] >= 4725]))
+    case = {"id": 1, "events": str(log), "dumps": [str(EVIDENCE / "030724-5437-01.dmp")], "products": PRODUCTS}
+    done = subprocess.run([*HOST, "serve"], input=2 * (json.dumps(case) + "\n"), capture_output=True, text=True,
+                          timeout=100)
+    first, second = (json.loads(line)["result"] for line in done.stdout.splitlines())
+    check("again", first == second and first["answer"] == "bypass", [first["boots"], second["boots"]])
 
 
 def test_baseline(folder, out):
