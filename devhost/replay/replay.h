@@ -132,6 +132,9 @@ void replay_place_dumps(replay_evidence *evidence);
 /* The string of a BugCheck record with the path of its dump; empty: it names none. */
 std::string replay_dump_path(const event_record &event);
 
+/* commands.cpp: sets the plug-in, unless it is named, and that a boot prints nothing while it is played. */
+void replay_prepare(struct run_options *session);
+
 /* replay.cpp: plays the chosen boot to its end. Afterwards journal_all() contains it. */
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options);
 

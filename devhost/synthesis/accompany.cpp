@@ -47,58 +47,75 @@ static event_record of_unexpected_end(uint64_t at)
                    L"60", L""});
 }
 
-/* The time up to which records precede this one: a change of the clock has the new time. */
-static uint32_t time_before(const event_record &event, bool *changes)
+static bool is(const event_record &event, const wchar_t *source, uint32_t id)
 {
-    uint64_t old;
-
-    *changes = event.source == SOURCE_KERNEL_GENERAL && event.id == EVENT_CLOCK_CHANGE &&
-               time_parse(text_narrow(event.strings.at(1)), &old);
-    return *changes ? static_cast<uint32_t>(time_unix(old)) : event.time;
+    return event.source == source && event.id == id;
 }
 
-static void merge(const std::vector<event_record> &added, std::vector<event_record> *events)
+/* The time of the first change of the clock, as it was before; none: that of the end. */
+static uint64_t first_change(const std::vector<event_record> &events, uint64_t end, size_t *index)
 {
+    uint64_t old = end;
+
+    for (*index = 0; *index < events.size(); ++*index)
+        if (is(events[*index], SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE) &&
+            time_parse(text_narrow(events[*index].strings.at(1)), &old))
+            return old;
+    return end;
+}
+
+/* Adds records, in the order of time, before that index. */
+static void merge(const std::vector<event_record> &added, size_t before,
+                  std::vector<event_record> *events)
+{
+    const auto end = events->begin() + static_cast<ptrdiff_t>(before);
     std::vector<event_record> merged;
     size_t next = 0;
-    bool changes;
 
-    for (const event_record &event : *events) {
-        const uint32_t until = time_before(event, &changes);
-
-        for (; next < added.size() && added[next].time <= until; next++)
+    for (auto event = events->begin(); event != end; ++event) {
+        for (; next < added.size() && added[next].time <= event->time; next++)
             merged.push_back(added[next]);
-        merged.push_back(event);
-        /* Times by the old clock have no place after it. */
-        for (; changes && next < added.size() && added[next].source == SOURCE_SERVICES; next++) {
-        }
+        merged.push_back(*event);
     }
     merged.insert(merged.end(), added.begin() + static_cast<ptrdiff_t>(next), added.end());
+    merged.insert(merged.end(), end, events->end());
     *events = std::move(merged);
+}
+
+/* What comes with the start, and services up to an end. */
+static std::vector<event_record> at_start(const accompanied_boot &boot, uint64_t end,
+                                          std::mt19937_64 &random)
+{
+    const uint64_t begins = std::min(boot.from_100ns + 4 * TICKS_PER_SECOND, end);
+    std::vector<event_record> added;
+
+    if (!boot.ended_before.empty() && boot.ended_before != "clean")
+        added.push_back(of_unexpected_end(begins));
+    if (!boot.ended_before.empty())
+        added.push_back(
+            record(begins, SOURCE_EVENT_LOG, LOG_BEGINS_EVENT_ID, EVENTLOG_INFORMATION_TYPE, {}));
+    for (unsigned i = 0; i < boot.noise; i++)
+        added.push_back(of_service(begins + (end - begins) / (boot.noise + 1) * (i + 1), random));
+    return added;
 }
 
 void accompany_boot(const accompanied_boot &boot, std::vector<event_record> *events)
 {
-    const uint64_t start = boot.from_100ns, end = std::max(boot.to_100ns, start);
+    const uint64_t end = std::max(boot.to_100ns, boot.from_100ns);
     std::mt19937_64 random(boot.seed);
-    std::vector<event_record> added;
+    size_t change;
+    const uint64_t until = std::max(first_change(*events, end, &change), boot.from_100ns);
+    const bool shuts_down =
+        !events->empty() && is(events->back(), SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN);
+    std::vector<event_record> last;
 
-    for (unsigned i = 0; i < boot.noise; i++)
-        added.push_back(of_service(
-            std::min(start + 5 * TICKS_PER_SECOND + (end - start) / (boot.noise + 1) * i, end),
-            random));
-    if (!boot.ended_before.empty())
-        added.insert(added.begin(), record(start + 4 * TICKS_PER_SECOND, SOURCE_EVENT_LOG,
-                                           LOG_BEGINS_EVENT_ID, EVENTLOG_INFORMATION_TYPE, {}));
-    if (!boot.ended_before.empty() && boot.ended_before != "clean")
-        added.insert(added.begin(), of_unexpected_end(start + 4 * TICKS_PER_SECOND));
-    if (boot.ends == "clean") {
-        added.push_back(record(end, SOURCE_WINLOGON, EVENT_LOGOFF, EVENTLOG_INFORMATION_TYPE,
-                               {L"1", L"S-1-5-21-1-2-3-1001"}));
-        added.push_back(
-            record(end, SOURCE_EVENT_LOG, LOG_ENDS_EVENT_ID, EVENTLOG_INFORMATION_TYPE, {}));
-    } else {
-        added.push_back(of_service(end, random));
-    }
-    merge(added, events);
+    merge(at_start(boot, until, random), std::min(change, events->size() - shuts_down), events);
+    if (boot.ends == "clean")
+        last = {record(boot.to_100ns, SOURCE_WINLOGON, EVENT_LOGOFF, EVENTLOG_INFORMATION_TYPE,
+                       {L"1", L"S-1-5-21-1-2-3-1001"}),
+                record(boot.to_100ns, SOURCE_EVENT_LOG, LOG_ENDS_EVENT_ID,
+                       EVENTLOG_INFORMATION_TYPE, {})};
+    else
+        last = {of_service(boot.to_100ns, random)};
+    events->insert(events->end() - shuts_down, last.begin(), last.end());
 }

@@ -146,7 +146,7 @@ static void put_stack(dump_model *model, const layout &layout)
     model->stack.push_back(0);
     model->rip = layout.frames.empty() ? layout.base(0) + 0x1000 : layout.frames[0];
     model->rsp = STACK_POINTER;
-    model->stack_start = STACK_POINTER - 8 * STALE_VALUES;
+    model->stack_start = STACK_POINTER - 8ull * STALE_VALUES;
 }
 
 std::string crash_dump_bytes(const crash_dump &dump, const std::vector<std::string> &loaded)

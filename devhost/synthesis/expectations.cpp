@@ -89,9 +89,9 @@ static std::string unshown_boot(const node &root, size_t number)
 {
     const std::vector<node> boots = root["boots"].elements();
     const node &boot = boots[number];
-    const std::string machine = unshown_machine(boot["machine"]);
+    std::string machine = unshown_machine(boot["machine"]);
 
-    if (const std::string why = unshown_machine(root["machine"]); !why.empty() && number == 0)
+    if (std::string why = unshown_machine(root["machine"]); !why.empty() && number == 0)
         return why;
     if (!machine.empty())
         return machine;

@@ -67,25 +67,35 @@ static std::wstring zone_lines(const std::string &name, const TIME_ZONE_INFORMAT
 }
 
 /* As "reg export" writes it. */
-static std::string registry_text(const std::string &zone_name, const TIME_ZONE_INFORMATION &zone)
+static std::string registry_text(const synthesis &made)
 {
     std::wstring text = L"\uFEFFWindows Registry Editor Version 5.00\r\n", key;
-    std::string data;
 
-    for (const auto &value : s_values) {
-        if (!machine_get_value(value.key, value.name, &data))
-            continue;
+    for (const evidence_value &value : made.values) {
         if (key != value.key)
             text += std::wstring(L"\r\n[HKEY_LOCAL_MACHINE\\") + value.key + L"]\r\n";
         key = value.key;
-        const std::wstring wide = text_wide(data);
-
-        text += std::wstring(L"\"") + value.name +
-                (value.type == REG_EXPAND_SZ ? L"\"=hex(2):" : L"\"=hex(1):") +
-                hex_of(bytes_of(wide.c_str(), (wide.size() + 1) * sizeof(wchar_t))) + L"\r\n";
+        text += L"\"" + value.name + L"\"=hex(" + std::to_wstring(value.type) + L"):" +
+                hex_of(value.data) + L"\r\n";
     }
-    text += zone_lines(zone_name, zone);
+    text += zone_lines(made.history.time_zone, made.zone);
     return bytes_of(text.data(), text.size() * sizeof(wchar_t));
+}
+
+/* The values of the machine that was played. */
+static std::vector<evidence_value> values_now(void)
+{
+    std::vector<evidence_value> values;
+    std::string text;
+
+    for (const auto &value : s_values)
+        if (machine_get_value(value.key, value.name, &text)) {
+            const std::wstring wide = text_wide(text);
+
+            values.push_back({value.key, value.name, value.type,
+                              bytes_of(wide.c_str(), (wide.size() + 1) * sizeof(wchar_t))});
+        }
+    return values;
 }
 
 synthesis synthesis_make(const struct scenario &scenario, const history_options &options,
@@ -98,7 +108,7 @@ synthesis synthesis_make(const struct scenario &scenario, const history_options 
     made.log = damage_log(made.history.records, damage, options.seed, &made.damage);
     if (!machine_time_zone(text_wide(made.history.time_zone), &made.zone))
         made.zone = {};
-    made.registry = registry_text(made.history.time_zone, made.zone);
+    made.values = values_now();
     return made;
 }
 
@@ -323,7 +333,7 @@ void synthesis_write(const synthesis &made, const std::string &path)
 
     folder.write("System.evtx", made.log);
     write_dumps(made.history, &folder);
-    folder.write("machine.reg", made.registry);
+    folder.write("machine.reg", registry_text(made));
     folder.write("products.json", products_text(made.history));
     folder.write("truth.json", truth_text(made));
     folder.complete = true;

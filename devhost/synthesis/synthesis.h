@@ -5,6 +5,7 @@
 #ifndef DEVHOST_SYNTHESIS_H
 #define DEVHOST_SYNTHESIS_H
 
+#include "../evidence/registry_file.h"
 #include "damage.h"
 #include "history.h"
 
@@ -15,7 +16,7 @@ struct synthesis {
     history history;
     std::string log; /* the bytes of System.evtx */
     damage_report damage;
-    std::string registry; /* the text of machine.reg, UTF-16 */
+    std::vector<evidence_value> values; /* of the machine's registry */
     TIME_ZONE_INFORMATION zone;
 
     /* Whether the record of the boot's start can be read. */
