@@ -126,10 +126,11 @@ static void spoil_sums(damaged_log *log)
     log->report->damaged = true;
 }
 
+/* Neither the first nor the last one, whose absence no number shows. */
 static void clear_chunk(damaged_log *log)
 {
-    log->needs(2);
-    const size_t chunk = log->random() % (log->chunks - 1);
+    log->needs(3);
+    const size_t chunk = 1 + log->random() % (log->chunks - 2);
 
     for (const placed_record &record : log->records)
         if (record.chunk == chunk)

@@ -134,6 +134,9 @@ static std::string shown_end(const synthesis &made, size_t number)
 
     if (number + 1 == boots.size())
         return any_gone(made, boots[number]) ? "" : "unknown";
+    /* Without its start, the boot after the next one seems to be part of that. */
+    if (number + 2 < boots.size() && !made.shows(boots[number + 2]))
+        return "";
     if (!made.shows(boots[number + 1]) || any_gone(made, boots[number]) ||
         any_gone(made, boots[number + 1]))
         return "";

@@ -28,10 +28,11 @@ struct shown_boot {
     const synthesis &made;
     history_boot &boot;
     bool last;
-    std::vector<event_record> events; /* from its start to the next one */
-    std::vector<const crash_dump *> dumps;
-    std::vector<uint64_t> ms; /* when each record is there */
-    size_t logged;            /* records so far */
+    std::vector<event_record> events;      /* from its start to the next one */
+    std::vector<const crash_dump *> dumps; /* that it wrote */
+    bool stale;                            /* an older small dump seems newer */
+    std::vector<uint64_t> ms;              /* when each record is there */
+    size_t logged;                         /* records so far */
     std::map<oxni_subscriber *, std::string> names;
     enum verdict verdict;
 };
@@ -162,9 +163,10 @@ static void play_model(shown_boot &shown)
 }
 
 /* The machine at the start of that boot: its registry, its zone, and the dumps that there were. */
-static void open_machine(shown_boot &shown, const std::string &folder)
+static void open_machine(shown_boot &shown)
 {
     struct machine &machine = machine_get();
+    uint64_t older = 0;
 
     for (const evidence_value &value : shown.made.values)
         machine_set_value(value.key, value.name, value.type, value.data);
@@ -183,9 +185,12 @@ static void open_machine(shown_boot &shown, const std::string &folder)
             machine_write_file(text_wide(dump.path), "", dump.written_100ns, dump.written_100ns);
             if (&boot == &shown.boot)
                 shown.dumps.push_back(&dump);
+            else if (!dump.complete)
+                older = std::max(older, dump.written_100ns);
         }
     }
-    (void)folder;
+    for (const crash_dump *dump : shown.dumps)
+        shown.stale |= !dump->complete && older >= dump->written_100ns;
 }
 
 static bool has(const shown_boot &shown, const wchar_t *source, uint32_t id)
@@ -218,6 +223,8 @@ static std::string doubt(const shown_boot &shown)
         return "the unexpected shutdown was not found";
     if (crash && shown.dumps.empty())
         return "the crash has no dump";
+    if (crash && shown.stale)
+        return "another dump seems newer than that of the crash";
     for (const event_record &event : shown.events)
         if (event.time < start && (crash || unexpected) &&
             (is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK) ||
@@ -246,7 +253,7 @@ static void predict(shown_boot &shown, const std::string &folder)
     play.run_folder = folder;
     play_open(scenario, play);
     (void)play_begin_boot();
-    open_machine(shown, folder);
+    open_machine(shown);
     shown.ms = moments(shown);
     model_agent = {};
     model_machine = {};
@@ -267,8 +274,8 @@ void truth_predict(synthesis *made)
     for (size_t i = 0; i < history.boots.size(); i++) {
         history_boot &boot = history.boots[i];
         const run_folder folder("");
-        shown_boot shown = {*made, boot,           i + 1 == history.boots.size(), {}, {}, {}, 0,
-                            {},    VERDICT_NOT_YET};
+        shown_boot shown = {
+            *made, boot, i + 1 == history.boots.size(), {}, {}, false, {}, 0, {}, VERDICT_NOT_YET};
 
         boot.truth = {};
         if (!made->shows(boot))
