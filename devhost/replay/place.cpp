@@ -127,17 +127,22 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
     return ties.named || ties.in_time;
 }
 
-/* Copying may have changed the file's time, so it counts only when it is possible. run: the one that
- * wrote it. bug_check: its record of the crash, or NULL. */
-static uint64_t written_of(const evidence_dump &dump, const evidence_run &run,
-                           const event_record *bug_check)
+/* Copying may have changed the file's time, so it counts only when it is possible: between the start,
+ * by the clock as it is set later, and the record of the crash. run: the one that wrote the dump. */
+static uint64_t written_of(const replay_evidence &evidence, const evidence_dump &dump,
+                           const evidence_run &run, const event_record *bug_check)
 {
-    const uint64_t start = run.started_100ns, own = dump.written_100ns;
-    const uint64_t recorded = bug_check != NULL ? time_of_unix(bug_check->time) : 0;
+    const uint64_t own = dump.written_100ns;
+    uint64_t start = run.started_100ns;
 
-    if (own > start && own <= recorded)
-        return own;
-    return start + WRITTEN_AFTER_100NS;
+    for (size_t i = run.begin; bug_check != NULL && i < run.end; i++) {
+        const event_record &event = evidence.log.events[i];
+
+        if (own > start && own <= time_of_unix(event.time) && &event <= bug_check)
+            return own;
+        start += static_cast<uint64_t>(replay_clock_change(event));
+    }
+    return run.started_100ns + WRITTEN_AFTER_100NS;
 }
 
 /* The only run of the log that reports the crash of the dump; NULL: none, or several. */
@@ -173,7 +178,7 @@ static void place_other(const replay_evidence &evidence, replay_dump *placed)
     const bool back = run != NULL && run < evidence.boot && run->started_100ns >= start;
 
     if (back) {
-        placed->written_100ns = written_of(placed->dump, *run, record);
+        placed->written_100ns = written_of(evidence, placed->dump, *run, record);
         placed->why = text_format("record %u of an earlier boot reports its crash; the clock was "
                                   "set back since",
                                   record->number);
@@ -198,7 +203,7 @@ static void place_dump(const replay_evidence &evidence, replay_dump *placed)
         place_other(evidence, placed);
         return;
     }
-    placed->written_100ns = written_of(placed->dump, *evidence.boot, ties.record);
+    placed->written_100ns = written_of(evidence, placed->dump, *evidence.boot, ties.record);
     placed->why += placed->written_100ns == placed->dump.written_100ns
                        ? "; written at the file's own time"
                        : "; written soon after the start, an assumption";

@@ -7,6 +7,7 @@
 #include "../base/text.h"
 #include "../base/text_json.h"
 #include "../evidence/file.h"
+#include "../evidence/system_events.h"
 #include "../machine/machine.h"
 
 #define CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\"
@@ -120,6 +121,24 @@ static bool any_gone(const synthesis &made, const history_boot &boot)
     return false;
 }
 
+static bool has_record(const history &history, const history_boot &boot, const wchar_t *source,
+                       uint32_t id)
+{
+    for (size_t i = boot.records; i < boot.end; i++)
+        if (history.records[i].source == source && (history.records[i].id & 0xffff) == id)
+            return true;
+    return false;
+}
+
+/* Whether the scenario itself logs that a run ended otherwise than it did. */
+static bool contradicts(const history &history, const std::string &ended, const history_boot &next)
+{
+    return (ended != "blue_screen" &&
+            has_record(history, next, SOURCE_BUG_CHECK, EVENT_BUG_CHECK)) ||
+           (ended == "clean" &&
+            has_record(history, next, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN));
+}
+
 /* A run's end is shown by its own last records and by the first ones of the next run. */
 static std::string shown_end(const synthesis &made, size_t number)
 {
@@ -138,7 +157,8 @@ static std::string shown_end(const synthesis &made, size_t number)
     if (number + 2 < boots.size() && !made.shows(boots[number + 2]))
         return "";
     if (!made.shows(boots[number + 1]) || any_gone(made, boots[number]) ||
-        any_gone(made, boots[number + 1]))
+        any_gone(made, boots[number + 1]) ||
+        contradicts(made.history, boots[number].ended, boots[number + 1]))
         return "";
     for (const auto &name : names)
         if (boots[number].ended == name.ends)

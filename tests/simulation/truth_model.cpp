@@ -193,10 +193,75 @@ static void open_machine(shown_boot &shown)
         shown.stale |= !dump->complete && older >= dump->written_100ns;
 }
 
+static bool is_recorded(const synthesis &made, const history_boot &boot)
+{
+    for (size_t i = boot.records; i < boot.end; i++) {
+        const event_record &event = made.history.records[i];
+
+        if (is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK) && made.has(event.number))
+            return true;
+    }
+    return false;
+}
+
+/* Copying may change the time of a file, so replay trusts it only up to the record of the crash. */
+static bool has_unknown_time(const shown_boot &shown)
+{
+    for (const history_boot *boot = shown.made.history.boots.data(); boot != &shown.boot; boot++)
+        for (const crash_dump &dump : boot->dumps)
+            if (!dump.replaced && dump.written_100ns >= shown.boot.started_100ns &&
+                !is_recorded(shown.made, *boot))
+                return true;
+    return false;
+}
+
 static bool has(const shown_boot &shown, const wchar_t *source, uint32_t id)
 {
     return std::any_of(shown.events.begin(), shown.events.end(),
                        [&](const event_record &event) { return is(event, source, id); });
+}
+
+/* Since when the previous run was running, as far as the log shows it. */
+static uint64_t previous_start(const shown_boot &shown)
+{
+    uint64_t since = 0;
+
+    for (const event_record &event : shown.made.history.records)
+        if (shown.made.has(event.number)) {
+            since = event.number < shown.boot.start_record ? time_of_unix(event.time) : 0;
+            break;
+        }
+    for (const history_boot *boot = shown.made.history.boots.data(); boot != &shown.boot; boot++)
+        if (shown.made.shows(*boot))
+            since = boot->started_100ns;
+    return since;
+}
+
+/* A dump of about this time whose crash no record reports. */
+static bool has_unreported_dump(const shown_boot &shown)
+{
+    for (const history_boot &boot : shown.made.history.boots)
+        for (const crash_dump &dump : boot.dumps)
+            if (!dump.replaced && !is_recorded(shown.made, boot) &&
+                dump.crashed_100ns >= previous_start(shown) &&
+                (dump.crashed_100ns <= shown.boot.started_100ns || shown.last))
+                return true;
+    return false;
+}
+
+/* Whether a registered name and one on the stack of the boot's dumps differ in case only. */
+static bool has_other_case(const shown_boot &shown)
+{
+    for (const crash_dump *dump : shown.dumps)
+        for (const std::string &frame : dump->frames)
+            for (const history_product &product : shown.made.history.products)
+                for (const std::string &name : product.modules) {
+                    const std::string module = frame.substr(0, frame.find_first_of("!+"));
+
+                    if (module != name && text_lower(module) == text_lower(name))
+                        return true;
+                }
+    return false;
 }
 
 /* Why evidence of that boot cannot acquit the drivers; empty: it can. */
@@ -217,7 +282,7 @@ static std::string doubt(const shown_boot &shown)
         return "its log is truncated";
     if (crash && shown.verdict != VERDICT_CRASH)
         return "the record of the crash is late";
-    if (!crash && before == "blue_screen" && (unexpected || !shown.dumps.empty()))
+    if (has_unreported_dump(shown) || (!crash && before == "blue_screen" && unexpected))
         return "the crash has no record";
     if (unexpected && shown.verdict == VERDICT_NORMAL)
         return "the unexpected shutdown was not found";
@@ -231,6 +296,10 @@ static std::string doubt(const shown_boot &shown)
              is(event, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN) ||
              is(event, SOURCE_WINLOGON, EVENT_LOGON)))
             return "the clock was set back";
+    if (shown.verdict == VERDICT_CRASH && history.products.empty())
+        return "no product is known";
+    if (shown.verdict == VERDICT_CRASH && has_other_case(shown))
+        return "a registered name differs in its case only";
     const int64_t seconds = int64_t(shown.events.back().time) - start;
     if (shown.last && !crash && !unexpected && before != "clean" && seconds >= 0 &&
         seconds < SEARCH_SECONDS)
@@ -286,6 +355,9 @@ void truth_predict(synthesis *made)
                 shown.events.push_back(history.records[at]);
         if (i + 1 < history.boots.size() && !made->shows(history.boots[i + 1]))
             boot.truth.why = "the start of the next boot is not in the log";
+        else if (has_unknown_time(shown))
+            boot.truth.why = "no record shows when an older dump was written, before the clock was "
+                             "set back";
         else
             predict(shown, folder.path);
     }

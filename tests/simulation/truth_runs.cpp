@@ -48,7 +48,7 @@ static void set_number(rapidjson::Document &document, json_value &object, const 
                      document.GetAllocator());
 }
 
-/* Windows names a dump when it is written. */
+/* Windows names a dump when it is written, and takes some time to write it. */
 static void order_crash(rapidjson::Document &document, json_value &run)
 {
     if (!run.HasMember("crash"))
@@ -58,7 +58,7 @@ static void order_crash(rapidjson::Document &document, json_value &run)
                                 : node_number_of(&run["crash"], "recorded", 25);
 
     set_number(document, run["crash"], "written",
-               std::min(node_number_of(&run["crash"], "written", 6), recorded));
+               std::max(std::min(node_number_of(&run["crash"], "written", 6), recorded), 1.0));
 }
 
 /* Evidence shows neither what products and agent do nor fractions of seconds; the clock's changes it
