@@ -10,13 +10,16 @@
 #define BUILD 19041u
 
 /* Each module has a range of its own, so that offsets of any file fit. */
-#define FIRST_BASE    0xFFFFF80200000000ull
-#define RANGE_BYTES   0x100000000ull
-#define USUAL_BYTES   0x80000u
-#define LIST_AT       0xC2A2C0u /* the list of modules, in the kernel */
-#define KERNEL_BYTES  0x1046000u
+#define FIRST_BASE   0xFFFFF80200000000ull
+#define RANGE_BYTES  0x100000000ull
+#define USUAL_BYTES  0x80000u
+#define LIST_AT      0xC2A2C0u /* the list of modules, in the kernel */
+#define KERNEL_BYTES 0x1046000u
 
-#define STACK_POINTER 0xFFFF850429890000ull
+/* A file name has no more, with its extension. */
+#define MOST_NAME_CHARS 250u
+
+#define STACK_POINTER   0xFFFF850429890000ull
 /* Values of calls that had returned before the crash are saved below the stack pointer. */
 #define STALE_VALUES 8u
 
@@ -96,8 +99,9 @@ bool crash_dump_frames(const std::string &stack, std::vector<std::string> *frame
         if (line.empty())
             continue;
         /* A name of a file is neither longer nor empty. */
-        if (mark == std::string::npos || mark == 0 || mark > 250 || offset_of(line) >> 31 != 0 ||
-            line.find_first_of("\\/") < mark)
+        if (mark == std::string::npos || mark == 0 ||
+            text_wide(line.substr(0, mark)).size() > MOST_NAME_CHARS ||
+            offset_of(line) >> 31 != 0 || line.find_first_of("\\/") < mark)
             return false;
         frames->push_back(line);
     }
