@@ -67,7 +67,7 @@ static uint64_t offset_of(const std::string &frame)
 
     for (size_t i = mark; i < std::min(plus, frame.size()); i++)
         hash = hash * 31 + static_cast<uint8_t>(frame[i]);
-    return mark != std::string::npos ? offset + 0x1000 + hash % 0x70 * 0x1000 : offset;
+    return mark != std::string::npos ? offset + 0x1000 + hash % 0x70 * 0x1000ull : offset;
 }
 
 static layout layout_of(const std::vector<std::string> &frames,

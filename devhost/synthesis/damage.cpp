@@ -49,11 +49,10 @@ struct damaged_log {
     void needs(size_t least) const
     {
         if (chunks < least)
-            throw devhost_error(
-                EXIT_BAD_CALL,
-                text_format("--damage: the log has %u chunks and needs %u for this; "
-                            "make it longer with --noise",
-                            static_cast<unsigned>(chunks), static_cast<unsigned>(least)));
+            throw devhost_error(EXIT_BAD_CALL, "--damage: the log has " +
+                                                   text_count(chunks, "chunk") + " and needs " +
+                                                   std::to_string(least) +
+                                                   " for this; make it longer with --noise");
     }
     void lose(const placed_record &record)
     {

@@ -307,7 +307,8 @@ static std::string doubt(const shown_boot &shown)
     return "";
 }
 
-static void predict(shown_boot &shown, const std::string &folder)
+/* registry: that the scenario gives its machine, as JSON. */
+static void predict(shown_boot &shown, const std::string &registry, const std::string &folder)
 {
     static const char *const names[] = {"normal", "not known", "blue screen", "power loss", "none"};
     history_truth &truth = shown.boot.truth;
@@ -315,8 +316,9 @@ static void predict(shown_boot &shown, const std::string &folder)
     struct play_options play = {};
 
     scenario.file = "evidence";
-    scenario.document.Parse(text_format("{\"boots\":[{\"at\":\"%s\",\"agent_start\":null,"
-                                        "\"log\":null}]}",
+    scenario.document.Parse(text_format("{\"machine\":{\"registry\":%s},\"boots\":[{\"at\":\"%s\","
+                                        "\"agent_start\":null,\"log\":null}]}",
+                                        registry.c_str(),
                                         time_iso(shown.boot.started_100ns).c_str())
                                 .c_str());
     play.run_folder = folder;
@@ -336,9 +338,11 @@ static void predict(shown_boot &shown, const std::string &folder)
     truth.all_orders = true;
 }
 
-void truth_predict(synthesis *made)
+void truth_predict(const struct scenario &scenario, synthesis *made)
 {
     history &history = made->history;
+    const node values = node(scenario)["machine"]["registry"];
+    const std::string registry = values ? node_to_text(*values) : "[]";
 
     for (size_t i = 0; i < history.boots.size(); i++) {
         history_boot &boot = history.boots[i];
@@ -359,6 +363,6 @@ void truth_predict(synthesis *made)
             boot.truth.why = "no record shows when an older dump was written, before the clock was "
                              "set back";
         else
-            predict(shown, folder.path);
+            predict(shown, registry, folder.path);
     }
 }

@@ -115,7 +115,7 @@ static synthesis make_random(uint64_t seed)
         options.noise = LONG_NOISE * 2;
     synthesis made = synthesis_make(scenario, options, damage);
 
-    truth_predict(&made);
+    truth_predict(scenario, &made);
     synthesis_finish(&made);
     return made;
 }
@@ -309,7 +309,7 @@ static unsigned check_file(const std::string &file, const run_folder &folder,
         history_expect(scenario, &made.history);
         for (const history_boot &boot : made.history.boots)
             expected.push_back(boot.truth);
-        truth_predict(&made);
+        truth_predict(scenario, &made);
         synthesis_finish(&made);
         return check(file, made, expected, folder, options, boots);
     } catch (const devhost_error &error) {

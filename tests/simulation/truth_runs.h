@@ -27,6 +27,6 @@ int truth_run(const struct truth_options &options);
 int truth_write_random(const struct truth_options &options);
 
 /* truth_model.cpp: fills in the truth of each boot that the log shows, by the model. */
-void truth_predict(synthesis *made);
+void truth_predict(const struct scenario &scenario, synthesis *made);
 
 #endif
