@@ -157,6 +157,8 @@ static bool take_orders(const std::vector<node> &expectations, history_truth *tr
                                          command.text("reason", "none"),
                                          command.integer("count", 0)};
 
+            if (order.type == "bypass" && truth->blamed.empty() && command["at"])
+                truth->blamed_ms = timeline_ms(command.number("at", 0));
             if (order.type == "bypass")
                 truth->blamed = order.reason;
             truth->all_orders |= order.type == "bypass";

@@ -33,11 +33,13 @@ struct history_order {
 
 /* What is right to decide in a boot; what is not known is not stated. */
 struct history_truth {
-    std::string why;     /* why what was decided is not known; empty: it is known */
-    std::string ended;   /* how the boot's run ended: "blue screen" */
-    std::string answer;  /* of replay: "bypass", "no bypass", "cannot tell" */
-    std::string verdict; /* on the previous run: "power loss" */
-    std::string blamed;  /* module; empty: none */
+    std::string why;         /* why what was decided is not known; empty: it is known */
+    std::string ended;       /* how the boot's run ended: "blue screen" */
+    std::string answer;      /* of replay: "bypass", "no bypass", "cannot tell" */
+    std::string verdict;     /* on the previous run: "power loss" */
+    std::string blamed;      /* module; empty: none */
+    uint64_t blamed_ms = 0;  /* since the start of Windows; 0: not known */
+    uint64_t decided_ms = 0; /* when the last check reached its verdict, likewise */
     bool all_orders = false;
     std::set<history_order> orders; /* each once */
 };

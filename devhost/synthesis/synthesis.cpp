@@ -207,6 +207,11 @@ static void put_order(json_lines &writer, const history_order &order)
     writer.EndObject();
 }
 
+static void put_ms(json_lines &writer, const char *name, uint64_t ms)
+{
+    json_member_as_is(writer, name, ms != 0 ? std::to_string(ms) : "");
+}
+
 static void put_boot(json_lines &writer, const history_boot &boot, unsigned number)
 {
     const history_truth &truth = boot.truth;
@@ -219,6 +224,8 @@ static void put_boot(json_lines &writer, const history_boot &boot, unsigned numb
     json_member_or_null(writer, "answer", truth.answer);
     json_member_or_null(writer, "verdict", truth.verdict);
     json_member_or_null(writer, "blamed", truth.blamed);
+    put_ms(writer, "blamed_ms", truth.blamed_ms);
+    put_ms(writer, "decided_ms", truth.decided_ms);
     json_member(writer, "all_orders", truth.all_orders);
     json_list(writer, "orders", truth.orders,
               [&](const history_order &order) { put_order(writer, order); });

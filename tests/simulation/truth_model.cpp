@@ -121,6 +121,9 @@ static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *
         goes_on = verdict == VERDICT_NOT_YET;
         if (!goes_on) {
             model_verdict(due.subscriber, verdict);
+            shown.boot.truth.decided_ms = due.ms;
+            if (model_machine.has_crash && shown.boot.truth.blamed_ms == 0)
+                shown.boot.truth.blamed_ms = due.ms;
             if (shown.verdict == VERDICT_NOT_YET || verdict == VERDICT_CRASH)
                 shown.verdict = verdict;
         }

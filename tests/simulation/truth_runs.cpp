@@ -26,6 +26,7 @@
 struct replayed_boot {
     const evidence_run *run;
     std::string answer, sentence, verdict, blamed;
+    uint64_t blamed_ms, decided_ms;
     std::set<history_order> orders;
 };
 
@@ -151,7 +152,8 @@ static std::vector<replayed_boot> replay_all(const replay_options &options,
         const replay_answer answer = replay_answer_of(*evidence, story);
 
         boots.push_back({&run, replay_answer_name(answer.kind), answer.sentence,
-                         explain_verdict_name(story.verdict), story.blamed, orders_now()});
+                         explain_verdict_name(story.verdict), story.blamed, story.blamed_ms,
+                         story.last_query_ms, orders_now()});
     }
     return boots;
 }
@@ -219,6 +221,10 @@ static void compare_boot(comparison &compare, const std::string &place, const re
     compare.same(place + "blamed", got.blamed, truth.blamed);
     if (!truth.verdict.empty())
         compare.same(place + "verdict", got.verdict, truth.verdict);
+    if (truth.blamed_ms != 0)
+        compare.same(place + "ms of the blame", got.blamed_ms, truth.blamed_ms);
+    if (truth.decided_ms != 0)
+        compare.same(place + "ms of the last verdict", got.decided_ms, truth.decided_ms);
     if (!truth.answer.empty())
         compare.same(place + "answer (" + got.sentence + ")", got.answer, truth.answer);
     if (truth.all_orders)
