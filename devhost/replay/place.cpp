@@ -137,10 +137,11 @@ static uint64_t written_of(const replay_evidence &evidence, const evidence_dump 
 
     for (size_t i = run.begin; bug_check != NULL && i < run.end; i++) {
         const event_record &event = evidence.log.events[i];
+        const uint64_t change = static_cast<uint64_t>(replay_clock_change(event));
 
-        if (own > start && own <= time_of_unix(event.time) && &event <= bug_check)
+        if (own > start && own <= time_of_unix(event.time) - change && &event <= bug_check)
             return own;
-        start += static_cast<uint64_t>(replay_clock_change(event));
+        start += change;
     }
     return run.started_100ns + WRITTEN_AFTER_100NS;
 }
@@ -175,13 +176,14 @@ static void place_other(const replay_evidence &evidence, replay_dump *placed)
                    start = evidence.boot->started_100ns;
     const event_record *record = NULL;
     const evidence_run *run = reported_in(evidence, placed->dump, &record);
-    const bool back = run != NULL && run < evidence.boot && run->started_100ns >= start;
 
-    if (back) {
+    if (run != NULL && run < evidence.boot) {
         placed->written_100ns = written_of(evidence, placed->dump, *run, record);
-        placed->why = text_format("record %u of an earlier boot reports its crash; the clock was "
-                                  "set back since",
-                                  record->number);
+        if (placed->written_100ns >= start)
+            placed->why =
+                text_format("record %u of an earlier boot reports its crash; the clock was "
+                            "set back since",
+                            record->number);
     } else if (run != NULL ? run > evidence.boot : crashed >= start) {
         placed->there = false;
         placed->why = "it crashed after this start, so it does not exist yet";

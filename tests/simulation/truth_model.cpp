@@ -165,12 +165,16 @@ static void play_model(shown_boot &shown)
     }
 }
 
-/* The machine at the start of that boot: its registry, its zone, and the dumps that there were. */
+/* The machine at the start of that boot: its log, its registry, its zone, and the dumps that there
+ * were. */
 static void open_machine(shown_boot &shown)
 {
     struct machine &machine = machine_get();
     uint64_t older = 0;
 
+    for (const event_record &event : shown.made.history.records)
+        if (event.number < shown.boot.start_record && shown.made.has(event.number))
+            machine.events.push_back(event);
     for (const evidence_value &value : shown.made.values)
         machine_set_value(value.key, value.name, value.type, value.data);
     oxnih_clock_set_zone(&shown.made.zone);

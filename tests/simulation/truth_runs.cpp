@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <random>
 
 #include "agent/plugin_image.h"
 #include "base/run_folder.h"
@@ -19,6 +20,7 @@
 
 #define HANG_SECONDS 300
 #define DAMAGE_EVERY 3    /* machines */
+#define CLOCK_EVERY  8    /* boots */
 #define LONG_NOISE   250u /* records a boot: several chunks */
 #define USUAL_NOISE  12u
 
@@ -62,6 +64,26 @@ static void order_crash(rapidjson::Document &document, json_value &run)
                std::max(std::min(node_number_of(&run["crash"], "written", 6), recorded), 1.0));
 }
 
+/* The clock is set while the plug-in searches the log. */
+static void add_clock(rapidjson::Document &document, json_value &boot, std::mt19937_64 &random)
+{
+    auto &allocator = document.GetAllocator();
+    json_value step(rapidjson::kObjectType);
+    const auto at = static_cast<unsigned>(1 + random() % 300),
+               day = static_cast<unsigned>(6 + random() % 4),
+               minute = static_cast<unsigned>(random() % 1440);
+
+    if (random() % CLOCK_EVERY != 0 || at >= boot["until"].GetDouble())
+        return;
+    step.AddMember("at", at, allocator);
+    step.AddMember(
+        "clock",
+        json_value(text_format("2024-03-%02uT%02u:%02u:00Z", day, minute / 60, minute % 60).c_str(),
+                   allocator),
+        allocator);
+    boot["steps"].PushBack(step, allocator);
+}
+
 /* Evidence shows neither what products and agent do nor fractions of seconds; the clock's changes it
  * shows. */
 static void keep_shown_boot(rapidjson::Document &document, json_value &boot, json_value *registry)
@@ -84,16 +106,19 @@ static void keep_shown_boot(rapidjson::Document &document, json_value &boot, jso
     order_crash(document, boot);
 }
 
-static void keep_shown(rapidjson::Document &document)
+static void keep_shown(rapidjson::Document &document, uint64_t seed)
 {
+    std::mt19937_64 random(seed);
     auto &allocator = document.GetAllocator();
     json_value registry(rapidjson::kArrayType), machine(rapidjson::kObjectType);
 
     remove_all_but(document, {"products", "before", "boots"});
     for (auto &product : document["products"].GetObject())
         remove_all_but(product.value, {"modules", "count", "status"});
-    for (json_value &boot : document["boots"].GetArray())
+    for (json_value &boot : document["boots"].GetArray()) {
         keep_shown_boot(document, boot, &registry);
+        add_clock(document, boot, random);
+    }
     order_crash(document, document["before"]);
     machine.AddMember("registry", registry, allocator);
     document.AddMember("machine", machine, allocator);
@@ -110,7 +135,7 @@ static synthesis make_random(uint64_t seed)
 
     scenario.file = text_format("machine %" PRIu64, seed);
     machine_generate(scenario.document, seed);
-    keep_shown(scenario.document);
+    keep_shown(scenario.document, seed);
     scenario_check(scenario);
     if (damage == "wrapped" || damage == "missing-chunk")
         options.noise = LONG_NOISE * 2;
