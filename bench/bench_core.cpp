@@ -12,7 +12,7 @@
 
 #include <string_view>
 
-#include <string.h>
+#include <cstring>
 #include <uthash.h>
 #include <windows.h>
 
@@ -28,8 +28,8 @@
 #include "../platform/liboxnibase/host.h"
 #include "../tests/unit/import_patch.h"
 
-#define MODULES_EACH  32
-#define CRASH_MODULES 99
+static constexpr int MODULES_EACH = 32;
+static constexpr int CRASH_MODULES = 99;
 
 /* Replacements of file system calls, used during set-up and where only look-ups are measured. */
 static int do_not_write(json_t *, const char *)
@@ -39,7 +39,7 @@ static int do_not_write(json_t *, const char *)
 
 static int only_folder_exists(const char *path)
 {
-    return strstr(path, "driver_recover") == NULL;
+    return strstr(path, "driver_recover") == nullptr;
 }
 
 static HANDLE WINAPI no_such_file(const wchar_t *, DWORD, DWORD, SECURITY_ATTRIBUTES *, DWORD,
@@ -91,7 +91,7 @@ struct bare_name {
 
 static bare_name *bare_table(size_t product, size_t modules)
 {
-    bare_name *head = NULL;
+    bare_name *head = nullptr;
 
     for (size_t module = 0; module < modules; module++) {
         bare_name *made = new bare_name{{}, module_name(product, module)};
@@ -102,7 +102,7 @@ static bare_name *bare_table(size_t product, size_t modules)
 
 static void free_table(bare_name *head)
 {
-    while (head != NULL) {
+    while (head != nullptr) {
         bare_name *first = head;
         HASH_DEL(head, first);
         delete first;
@@ -135,7 +135,7 @@ class products
         for (bare_name *table : tables)
             free_table(table);
         deliver();
-        bench_require(bypass_mgr_table_first() == NULL, "a product did not leave");
+        bench_require(bypass_mgr_table_first() == nullptr, "a product did not leave");
     }
     products(const products &) = delete;
     products &operator=(const products &) = delete;
@@ -148,14 +148,14 @@ class products
     void add(size_t number, size_t modules)
     {
         const std::string name = product_name(number);
-        const oxni_subscriber_attr attr = {"bench", name.c_str(), NULL};
+        const oxni_subscriber_attr attr = {"bench", name.c_str(), nullptr};
         oxni_subscriber *made = oxni_subscriber_new(&attr);
         json_t *message = registration(number, modules, "working");
 
         oxni_subscriber_subscribe(made, "bypass_mgr", message, take_message);
         json_decref(message);
         deliver();
-        bench_require(bypass_mgr_table_find(made) != NULL, "a product is not registered");
+        bench_require(bypass_mgr_table_find(made) != nullptr, "a product is not registered");
         bypass_mgr_store_product(bypass_mgr_table_find(made));
         handles.push_back(made);
         tables.push_back(bare_table(number, modules));
@@ -170,10 +170,10 @@ static void write_plainly(json_t *document)
     static const std::wstring sibling = path + L".tmp";
     char *text = json_dumps(document, JSON_COMPACT);
     DWORD written = 0;
-    HANDLE file = CreateFileW(sibling.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE file = CreateFileW(sibling.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
 
-    bench_require(WriteFile(file, text, static_cast<DWORD>(strlen(text)), &written, NULL) &&
+    bench_require(WriteFile(file, text, static_cast<DWORD>(strlen(text)), &written, nullptr) &&
                       FlushFileBuffers(file) && CloseHandle(file) &&
                       MoveFileExW(sibling.c_str(), path.c_str(),
                                   MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH),
@@ -244,7 +244,7 @@ static size_t look_up(const std::vector<bare_name *> &tables, const crash_module
     size_t found = 0;
 
     for (const bare_name *name : tables)
-        for (; name != NULL; name = static_cast<const bare_name *>(name->hh.next))
+        for (; name != nullptr; name = static_cast<const bare_name *>(name->hh.next))
             found += modules.find(std::string_view(name->name.c_str())) != modules.end();
     return found;
 }

@@ -8,17 +8,17 @@
 #include <set>
 #include <string_view>
 
-#include <string.h>
+#include <cstring>
 
 #include "../devhost/machine/machine.h"
 #include "../devhost/base/text.h"
 #include "../tests/unit/import_patch.h"
 
-#define LOG_RECORDS    65536
-#define BLOCK_BYTES    4096 /* one read of the log */
-#define FRAMES         99
-#define STACK_TEXT_MIB (1024ll * 1024)
-#define NO_MATCH       13
+static constexpr int LOG_RECORDS = 65536;
+static constexpr int BLOCK_BYTES = 4096; /* one read of the log */
+static constexpr int FRAMES = 99;
+static constexpr int64_t STACK_TEXT_MIB = 1024ll * 1024;
+static constexpr int NO_MATCH = 13;
 
 /* The events that the plug-in expects; none of the records below matches. */
 static const event_key s_expected_keys[] = {
@@ -72,7 +72,7 @@ static const std::vector<std::string> &log_blocks(void)
     if (!blocks.empty())
         return blocks;
     bench_require(usual_log().size() == LOG_RECORDS, "the log has another size");
-    const HANDLE log = stand_in<decltype(&OpenEventLogW)>("OpenEventLogW")(NULL, L"System");
+    const HANDLE log = stand_in<decltype(&OpenEventLogW)>("OpenEventLogW")(nullptr, L"System");
     for (;;) {
         if (!stand_in<decltype(&ReadEventLogW)>("ReadEventLogW")(
                 log, EVENTLOG_SEQUENTIAL_READ | EVENTLOG_BACKWARDS_READ, 0, block.data(),

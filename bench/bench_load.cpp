@@ -1,7 +1,7 @@
 /* Benchmarks of the shipped DLL: loading it, its memory use, and whole boots. */
 #include "bench_support.h"
 
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <oxni/base/subscriber.h>
@@ -13,8 +13,9 @@
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 
-#define PRODUCTS       10
-#define BOOTS_A_SERIES 50 /* boots of one scenario, which keeps the events of all its boots */
+static constexpr int PRODUCTS = 10;
+static constexpr int BOOTS_A_SERIES =
+    50; /* boots of one scenario, which keeps the events of all its boots */
 
 typedef uint64_t (*plugin_init_fn)(void);
 
@@ -22,7 +23,7 @@ static HMODULE load(const wchar_t *name)
 {
     HMODULE library = LoadLibraryW(name);
 
-    bench_require(library != NULL, "a DLL cannot be loaded");
+    bench_require(library != nullptr, "a DLL cannot be loaded");
     return library;
 }
 
@@ -31,7 +32,7 @@ static void call_entry(HMODULE plugin)
     plugin_init_fn entry = reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
 
-    bench_require(entry != NULL && entry() == 0, "the entry is missing or failed");
+    bench_require(entry != nullptr && entry() == 0, "the entry is missing or failed");
 }
 
 /* Ends the agent's process: drops the plug-in's state in the platform. */
@@ -89,7 +90,7 @@ static uint64_t private_bytes(void)
     MEMORY_BASIC_INFORMATION region;
     uint64_t bytes = 0;
 
-    for (char *at = NULL; VirtualQuery(at, &region, sizeof(region)) != 0;
+    for (char *at = nullptr; VirtualQuery(at, &region, sizeof(region)) != 0;
          at = static_cast<char *>(region.BaseAddress) + region.RegionSize)
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
             bytes += region.RegionSize;
@@ -103,12 +104,12 @@ static void take_message(oxni_subscriber *, uint32_t, void *, json_t *)
 static void register_product(int number)
 {
     const std::string name = "product_" + std::to_string(number);
-    const oxni_subscriber_attr attr = {"bench", name.c_str(), NULL};
+    const oxni_subscriber_attr attr = {"bench", name.c_str(), nullptr};
     const std::string text =
         text_format("{\"product_name\":\"%s\",\"type\":\"reg\",\"status\":\"working\",\"count\":1,"
                     "\"data\":{\"driver_module\":[\"%s_a\",\"%s_b\"]}}",
                     name.c_str(), name.c_str(), name.c_str());
-    json_t *message = json_loads(text.c_str(), 0, NULL);
+    json_t *message = json_loads(text.c_str(), 0, nullptr);
 
     bench_require(oxni_subscriber_subscribe(oxni_subscriber_new(&attr), "bypass_mgr", message,
                                             take_message) == 0,
@@ -141,7 +142,7 @@ static std::string scenario_file(void)
     for (int boot = 0; boot < BOOTS_A_SERIES; boot++)
         boots += boot == 0 ? "{\"until\": 100}" : ", {\"until\": 100}";
     FILE *file = fopen(path.c_str(), "wb");
-    bench_require(file != NULL, "the scenario cannot be written");
+    bench_require(file != nullptr, "the scenario cannot be written");
     fprintf(file,
             "{\"products\": {\"guard\": {\"modules\": [\"guard_flt\", \"guard_net\"]}, "
             "\"vault\": {\"modules\": [\"vault_fs\"]}}, \"boots\": [%s]}",

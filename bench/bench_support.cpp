@@ -3,16 +3,16 @@
 
 #include <filesystem>
 
-#include <stdio.h>
-#include <stdlib.h>
+#include <cstdio>
+#include <cstdlib>
 #include <windows.h>
 
 #include "../devhost/base/text.h"
 #include "../platform/liboxnibase/host.h"
 
 /* 2024-03-07T09:00:10Z, ten seconds after the start of Windows. */
-#define START_100NS   133542756100000000ULL
-#define START_TICK_MS 10000
+static constexpr uint64_t START_100NS = 133542756100000000ULL;
+static constexpr int START_TICK_MS = 10000;
 
 static std::string s_folder;
 
@@ -46,12 +46,12 @@ static void open_platform(void)
     wchar_t temp[MAX_PATH];
 
     for (const wchar_t *library : libraries)
-        bench_require(LoadLibraryW(library) != NULL, "a library of the platform is missing");
+        bench_require(LoadLibraryW(library) != nullptr, "a library of the platform is missing");
     GetTempPathW(MAX_PATH, temp);
-    s_folder = (parent != NULL ? parent : text_narrow(temp)) +
+    s_folder = (parent != nullptr ? parent : text_narrow(temp)) +
                text_format("oxni_bench-%lu-%lu", GetCurrentProcessId(), GetTickCount());
     std::replace(s_folder.begin(), s_folder.end(), '\\', '/');
-    bench_require(CreateDirectoryW(text_wide(s_folder).c_str(), NULL),
+    bench_require(CreateDirectoryW(text_wide(s_folder).c_str(), nullptr),
                   "the directory of this run cannot be created");
     atexit(remove_files);
     oxnih_set_install_dir((s_folder + "/bin").c_str());

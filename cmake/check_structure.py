@@ -43,15 +43,27 @@ WITHOUT_CIRCLE = ["oxni_sys", "platform", "devhost", "tests", "bench"]
 # A longer file holds more than one subject.
 MAX_LINES = 500
 
-# What the plug-in's sources do not contain: pattern, what to write.
-DIALECT = [
-    (r"\b(static|reinterpret|const)_cast\b", "a cast as (type)value"),
-    (r"\bnullptr\b", "NULL"),
-    (r"\bconstexpr\b", "a macro in upper case, or an enum"),
-    (r"\bmemset\(", "= {}"),
-    (r"#include <c(string|stdint|stddef|stdio|stdlib|wchar)>", "the C header, <string.h>"),
-    (r"\bBOOL\b(?! WINAPI)", "bool"),
-]
+# What sources do not contain outside of texts and comments: pattern, what to write. The compiler
+# reports C casts outside the plug-in, clang-tidy checks names.
+DIALECT = {
+    "oxni_sys": [
+        (r"\b(static|reinterpret|const)_cast\b", "a cast as (type)value"),
+        (r"\bnullptr\b", "NULL"),
+        (r"\bconstexpr\b", "a macro in upper case, or an enum"),
+        (r"\bmemset\(", "= {}"),
+        (r"#include <c(string|stdint|stddef|stdio|stdlib|wchar)>", "the C header, <string.h>"),
+        (r"\bBOOL\b(?! WINAPI)", "bool"),
+    ],
+    "": [
+        (r"\bNULL\b", "nullptr"),
+        (r"#include <(string|stdint|stddef|stdio|stdlib|wchar|math|time|limits|errno)\.h>",
+         "the C++ header, <cstring>"),
+        (r"^#define (?!HASH_)[A-Z][A-Z0-9_]*[ \t]+\(?(-?[0-9]|sizeof|[A-Z][A-Z0-9_]*[ \t]*[-+*/|<])[^,]*$",
+         "static constexpr, unless it is joined with another text"),
+    ],
+}
+CPP_DIALECT = ("bench", "devhost", "platform", "runtime", "tests")
+TEXT_OR_COMMENT = re.compile(r'''"(?:\\.|[^"\\\n])*"|/\*.*?\*/|//[^\n]*''', re.S)
 
 
 def sources():
@@ -124,6 +136,15 @@ def may_include(name, other):
             any(its == place or its.startswith(place + "/") for place in MAY_INCLUDE.get(mine, [])))
 
 
+def dialect(name, text, top):
+    """Returns what a source contains of another dialect than its own."""
+    rules = DIALECT.get(top, DIALECT[""] if top in CPP_DIALECT else [])
+    code = TEXT_OR_COMMENT.sub(lambda match: '""' + "\n" * match.group().count("\n"), text)
+    return [f"{name}:{number}: write {instead}: {line.strip()}"
+            for number, line in enumerate(code.splitlines(), 1)
+            for pattern, instead in rules if re.search(pattern, line)]
+
+
 def main():
     files = sources()
     complaints = []
@@ -140,11 +161,7 @@ def main():
                 complaints.append(f"{name}: includes {other}, which {area(name)}/ may not")
             if unit_of(other) != unit:
                 graph[unit].add(unit_of(other))
-        if top == "oxni_sys":
-            for number, line in enumerate(text.splitlines(), 1):
-                for pattern, instead in DIALECT:
-                    if re.search(pattern, line):
-                        complaints.append(f"{name}:{number}: write {instead}: {line.strip()}")
+        complaints += dialect(name, text, top)
     for others in graph.values():
         others &= graph.keys()
     for circle in circles(graph):

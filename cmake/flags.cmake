@@ -1,4 +1,5 @@
-# Flags of our own code. A target gets them by linking own_code.
+# Flags of our own code. A target gets them by linking own_code. The property C_CASTS is for the
+# plug-in, whose casts are C's, as in the contract's headers.
 add_library(own_code INTERFACE)
 target_compile_definitions(own_code INTERFACE
   UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
@@ -10,7 +11,8 @@ target_compile_options(own_code INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2 -Wformat-signedness -Wundef -Wcast-qual -Wconversion
   -Wsign-conversion -Wlogical-op -Wduplicated-cond -Wduplicated-branches -Wnull-dereference
   -Wmissing-declarations -Wredundant-decls -Wimplicit-fallthrough=5 -Wvla -Wdouble-promotion
-  -Wdate-time $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual -Wsuggest-override> -Werror)
+  -Wdate-time $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual -Wsuggest-override>
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<NOT:$<BOOL:$<TARGET_PROPERTY:C_CASTS>>>>:-Wold-style-cast> -Werror)
 # Each module links the compiler runtime statically: Wine and Windows do not provide it.
 target_link_options(own_code INTERFACE -static
   -Wl,--nxcompat,--dynamicbase,--high-entropy-va,--no-insert-timestamp)

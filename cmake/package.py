@@ -7,10 +7,12 @@ The result is reproducible: the same sources give the same bytes, in any directo
 """
 import glob
 import hashlib
+import json
 import os
 import re
 import subprocess
 import sys
+import tempfile
 import zipfile
 
 source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
@@ -20,24 +22,10 @@ MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + 
     "oxni_devhost.exe", "windows_check.exe"]
 TIME = (1980, 1, 1, 0, 0, 0)
 
-DOC = "/usr/share/doc"
-# Third-party code that is linked or included: name, where it is used, licence, licence text.
-LICENCES = [
-    ("jansson", "libwdu_jansson.dll; its headers are in include/", "MIT",
-     f"{deps}/source/**/jansson-*/LICENSE"),
-    ("uthash", "liboxnibase.dll (headers)", "BSD, one clause", f"{DOC}/uthash-dev/copyright"),
-    ("rapidjson", "liboxni_core.dll, oxni_devhost.exe (headers)", "MIT",
-     f"{DOC}/rapidjson-dev/copyright"),
-    ("cli11", "oxni_devhost.exe (headers)", "BSD, three clauses", f"{DOC}/libcli11-dev/copyright"),
-    ("zlib", "liboxnialgo.dll (static)", "zlib",
-     f"{DOC}/libz-mingw-w64-dev/copyright"),
-    ("mingw-w64", "every module: start-up code, C runtime's additions, winpthreads (static)",
-     "several, permissive, among them MIT and the Zope licence",
-     f"{DOC}/mingw-w64-x86-64-dev/copyright"),
-    ("gcc", "every module: libgcc, libstdc++ (static)",
-     "GPL 3 or later with the GCC Runtime Library Exception",
-     f"{DOC}/gcc-mingw-w64-base/copyright"),
-]
+# Third-party code that is linked or included: where it is used, its SPDX licence expression, and
+# the licence's text, which a Debian package has as its copyright file.
+with open(f"{source}/cmake/components.json", encoding="utf-8") as components:
+    COMPONENTS = json.load(components)
 ABOUT = """
 The GCC Runtime Library Exception lets modules that were compiled with GCC include libgcc and
 libstdc++ under terms of the author's choice.
@@ -73,10 +61,26 @@ def modules():
     for name in MODULES:
         yield f"bin/{name}", read(f"{build}/bin/{name}")
         yield f"symbols/{name}.debug", read(f"{build}/bin/{name}.debug")
+    yield "bin/libbypass_mgr.pdb", read(f"{build}/bin/libbypass_mgr.pdb")
     for name in LIBRARIES:
         yield f"lib/{name}.dll.a", read(f"{build}/lib/{name}.dll.a")
+    for name in [*LIBRARIES, "libbypass_mgr"]:
+        yield f"lib/{name}.lib", msvc_library(name)
     yield ("lib/libbypass_mgr.def",
            read(f"{source}/oxni_sys/plugins/bypassmgr/libbypass_mgr.def"))
+
+
+def msvc_library(name):
+    """Returns the import library of a DLL for Microsoft's linker."""
+    listed = subprocess.run(["llvm-readobj", "--coff-exports", f"{build}/bin/{name}.dll"],
+                            check=True, capture_output=True, text=True).stdout
+    with tempfile.TemporaryDirectory() as folder:
+        with open(f"{folder}/exports.def", "w", encoding="utf-8") as file:
+            print(f"LIBRARY {name}.dll", "EXPORTS", *re.findall(r"^ +Name: (\S+)", listed, re.M),
+                  sep="\n", file=file)
+        subprocess.run(["llvm-dlltool", "-m", "i386:x86-64", "-d", f"{folder}/exports.def", "-l",
+                        f"{folder}/import.lib"], check=True)
+        return read(f"{folder}/import.lib")
 
 
 def headers():
@@ -90,9 +94,10 @@ def headers():
 
 def licences():
     rows = ["Third-party code in the modules of this package.\n"]
-    for name, where, terms, pattern in LICENCES:
-        yield f"licences/{name}.txt", read(only(pattern))
-        rows.append(f"{name}.txt: {where}" + (f"; {terms}" if terms else ""))
+    for one in COMPONENTS:
+        text = one.get("text", f"/usr/share/doc/{one.get('debian')}/copyright")
+        yield f"licences/{one['name']}.txt", read(only(text.format(deps=deps)))
+        rows.append(f"{one['name']}.txt: {one['where']}; {one['licence']}")
     yield "licences/README.txt", ("\n".join(rows) + "\n" + ABOUT).encode()
 
 
@@ -100,7 +105,7 @@ def documents():
     """Uses docs/package.md as README.md: the project's own README describes the sources."""
     page = read(f"{source}/docs/package.md").decode()
     yield "README.md", re.sub(r"\]\((?=\w+\.md)", "](docs/", page).encode()
-    for name in tracked("CONTRIBUTING.md", "docs", "scenarios", "examples"):
+    for name in tracked("CHANGELOG.md", "CONTRIBUTING.md", "docs", "scenarios", "examples"):
         yield name, read(f"{source}/{name}")
 
 

@@ -2,7 +2,7 @@
  * oxni_devhost: plays whole boots through the real plug-in DLL. This file: the command line and the
  * exit status.
  */
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <map>
@@ -109,7 +109,7 @@ static void prepare(arguments &arguments)
     view.messages = arguments.messages;
     view.quiet = arguments.quiet;
     view_open(view);
-    journal_set_view(view_happening, NULL);
+    journal_set_view(view_happening, nullptr);
     oxnih_log_set_level(OXNI_LOG_DEBUG);
 }
 

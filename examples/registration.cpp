@@ -4,7 +4,7 @@
  * runs in its bin directory; docs/package.md contains the commands.
  */
 #include <windows.h>
-#include <stdio.h>
+#include <cstdio>
 
 #include <liboxni_core/host.h>
 #include <liboxnibase/host.h>
@@ -13,7 +13,7 @@
 
 typedef uint64_t (*plugin_init_fn)(void);
 
-#define NOON_2024_03_07_100NS 133543008000000000u
+static constexpr uint64_t NOON_2024_03_07_100NS = 133543008000000000u;
 
 static void print_event(const oxnih_event *event, void *user)
 {
@@ -31,9 +31,9 @@ static void product_callback(oxni_subscriber *subscriber, uint32_t event, void *
 
     (void)arg;
     printf("%s %s\n", oxni_subscriber_get_attr(subscriber)->name,
-           event == 0        ? "is registered"
-           : command == NULL ? "got a message"
-                             : command);
+           event == 0           ? "is registered"
+           : command == nullptr ? "got a message"
+                                : command);
 }
 
 /* Creates the directories of the run below the current one; the plug-in writes only there. */
@@ -41,11 +41,11 @@ static void make_folders(void)
 {
     char folder[MAX_PATH];
 
-    (void)CreateDirectoryW(L"run", NULL);
-    (void)CreateDirectoryW(L"run\\agent", NULL);
-    (void)GetFullPathNameA("run\\agent", sizeof(folder), folder, NULL);
+    (void)CreateDirectoryW(L"run", nullptr);
+    (void)CreateDirectoryW(L"run\\agent", nullptr);
+    (void)GetFullPathNameA("run\\agent", sizeof(folder), folder, nullptr);
     oxnih_set_install_dir(folder);
-    (void)GetFullPathNameA("run", sizeof(folder), folder, NULL);
+    (void)GetFullPathNameA("run", sizeof(folder), folder, nullptr);
     oxnih_set_log_dir(folder);
 }
 
@@ -54,25 +54,25 @@ static int start_plugin(void)
     HMODULE plugin = LoadLibraryW(L"libbypass_mgr.dll");
     plugin_init_fn init;
 
-    if (plugin == NULL)
+    if (plugin == nullptr)
         return -1;
     init = reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
-    return init == NULL || init() != 0 ? -1 : 0;
+    return init == nullptr || init() != 0 ? -1 : 0;
 }
 
 int main(void)
 {
-    static const oxni_subscriber_attr guard = {"example", "guard", NULL};
+    static const oxni_subscriber_attr guard = {"example", "guard", nullptr};
     json_t *registration =
         json_loads("{\"product_name\": \"guard\", \"type\": \"reg\", \"status\": \"working\", "
                    "\"count\": 3, \"data\": {\"driver_module\": [\"guard_flt\"]}}",
-                   0, NULL);
+                   0, nullptr);
     oxni_subscriber *product = oxni_subscriber_new(&guard);
 
     make_folders();
     oxnih_clock_simulate(NOON_2024_03_07_100NS, 10000);
-    oxnih_core_set_observer(print_event, NULL);
+    oxnih_core_set_observer(print_event, nullptr);
     if (start_plugin() != 0) {
         fprintf(stderr, "registration: libbypass_mgr.dll cannot be started\n");
         return 1;

@@ -4,11 +4,11 @@
  * loader lock. This file generates the guard as the Windows C runtime generates its security
  * cookie.
  */
-#include <stdint.h>
+#include <cstdint>
 #include <windows.h>
 
 /* winnt.h, FAST_FAIL_STACK_COOKIE_CHECK_FAILURE. */
-#define STACK_COOKIE_CHECK_FAILURE 2
+static constexpr unsigned STACK_COOKIE_CHECK_FAILURE = 2;
 
 extern "C" {
 uintptr_t __stack_chk_guard;

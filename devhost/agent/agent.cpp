@@ -37,13 +37,13 @@ void agent_open(const std::string &run_folder, const std::string &plugin_path)
     s_state = AGENT_STOPPED;
     s_folder = run_folder;
     s_plugin_path = plugin_path;
-    CreateDirectoryW(text_wide(run_folder + "\\agent").c_str(), NULL);
-    CreateDirectoryW(text_wide(agent_bin_folder()).c_str(), NULL);
-    CreateDirectoryW(text_wide(agent_base_folder()).c_str(), NULL);
+    CreateDirectoryW(text_wide(run_folder + "\\agent").c_str(), nullptr);
+    CreateDirectoryW(text_wide(agent_bin_folder()).c_str(), nullptr);
+    CreateDirectoryW(text_wide(agent_base_folder()).c_str(), nullptr);
     oxnih_set_install_dir(agent_bin_folder().c_str());
     oxnih_set_process_path((agent_bin_folder() + "\\oxni_agent.exe").c_str());
     oxnih_set_log_dir(agent_base_folder().c_str());
-    oxnih_set_exit(exit_agent, NULL);
+    oxnih_set_exit(exit_agent, nullptr);
     /* The plug-in's calls pass through this program: blocks belong to the caller. */
     oxnih_memory_see_through(reinterpret_cast<const void *>(&exit_agent));
 }
@@ -70,9 +70,9 @@ void agent_check_plugin(const std::string &plugin_path)
 {
     HMODULE plugin = LoadLibraryW(text_wide(plugin_path).c_str());
 
-    if (plugin == NULL)
+    if (plugin == nullptr)
         throw not_loaded(plugin_path);
-    const bool has_entry = init_of(plugin) != NULL;
+    const bool has_entry = init_of(plugin) != nullptr;
     FreeLibrary(plugin);
     if (!has_entry)
         throw no_plugin(plugin_path);
@@ -83,7 +83,7 @@ static void redirect_imports(HMODULE plugin)
     heap_redirect(plugin);
     memory_disk_redirect(plugin, false);
     calls_patch(plugin);
-    if (s_load_fn != NULL)
+    if (s_load_fn != nullptr)
         s_load_fn(plugin);
 }
 
@@ -92,9 +92,9 @@ void agent_start(void)
     machine_start_token();
     HMODULE plugin = image_start(text_wide(s_plugin_path), redirect_imports);
 
-    if (plugin == NULL)
+    if (plugin == nullptr)
         throw not_loaded(s_plugin_path);
-    if (init_of(plugin) == NULL) {
+    if (init_of(plugin) == nullptr) {
         image_unload();
         throw no_plugin(s_plugin_path);
     }
@@ -117,13 +117,13 @@ uint64_t agent_call_entry(void)
 
 void agent_stop(void)
 {
-    if (s_plugin == NULL)
+    if (s_plugin == nullptr)
         return;
-    if (s_end_fn != NULL)
+    if (s_end_fn != nullptr)
         s_end_fn(s_plugin);
     oxnih_core_reset();
     image_end();
-    s_plugin = NULL;
+    s_plugin = nullptr;
     oxnih_log_close();
     machine_close_agent_files();
     oxnih_memory_drop_all();

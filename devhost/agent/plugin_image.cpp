@@ -1,9 +1,9 @@
 /* Repeated starts of one module without loading it. */
 #include "plugin_image.h"
 
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include <vector>
 
@@ -20,7 +20,7 @@ struct dll_notification {
     void *base;
     ULONG bytes;
 };
-#define DLL_NOTIFICATION_LOADED 1
+static constexpr int DLL_NOTIFICATION_LOADED = 1;
 typedef void(CALLBACK *notification_fn)(ULONG reason, const dll_notification *data, void *context);
 typedef LONG(NTAPI *register_fn)(ULONG flags, notification_fn fn, void *context, void **cookie);
 typedef LONG(NTAPI *unregister_fn)(void *cookie);
@@ -66,7 +66,9 @@ static void restore(const saved_bytes &saved)
 template <typename Function> static void each_section(uint8_t *base, DWORD wanted, Function fn)
 {
     IMAGE_NT_HEADERS *headers = headers_of(base);
-    const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(headers);
+    const IMAGE_SECTION_HEADER *section = reinterpret_cast<const IMAGE_SECTION_HEADER *>(
+        reinterpret_cast<const BYTE *>(&headers->OptionalHeader) +
+        headers->FileHeader.SizeOfOptionalHeader);
 
     for (WORD i = 0; i < headers->FileHeader.NumberOfSections; i++, section++)
         if ((section->Characteristics & wanted) != 0)
@@ -110,16 +112,16 @@ static HMODULE load(void)
 {
     auto subscribe = loader_function<register_fn>("LdrRegisterDllNotification");
     auto unsubscribe = loader_function<unregister_fn>("LdrUnregisterDllNotification");
-    void *cookie = NULL;
+    void *cookie = nullptr;
     HMODULE module;
     DWORD error;
 
     s_image.data.clear();
-    if (s_image.stays_mapped && subscribe != NULL)
-        (void)subscribe(0, notified, NULL, &cookie); /* on failure each start loads the file */
+    if (s_image.stays_mapped && subscribe != nullptr)
+        (void)subscribe(0, notified, nullptr, &cookie); /* on failure each start loads the file */
     module = LoadLibraryW(s_image.path.c_str());
     error = GetLastError();
-    if (cookie != NULL)
+    if (cookie != nullptr)
         (void)unsubscribe(cookie);
     SetLastError(error);
     return module;
@@ -150,10 +152,10 @@ static BOOL run_entry_point(DWORD reason)
         auto callback =
             reinterpret_cast<const PIMAGE_TLS_CALLBACK *>(directory->AddressOfCallBacks);
 
-        for (; callback != NULL && *callback != NULL; callback++)
-            (*callback)(base, reason, NULL);
+        for (; callback != nullptr && *callback != nullptr; callback++)
+            (*callback)(base, reason, nullptr);
     }
-    return entry(reinterpret_cast<HINSTANCE>(base), reason, NULL);
+    return entry(reinterpret_cast<HINSTANCE>(base), reason, nullptr);
 }
 
 void image_keep_mapped(bool on)
@@ -170,8 +172,8 @@ static HMODULE start_from_file(const std::wstring &path, void (*redirect)(HMODUL
     image_unload();
     s_image.path = path;
     s_image.module = load();
-    if (s_image.module == NULL)
-        return NULL;
+    if (s_image.module == nullptr)
+        return nullptr;
     s_image.imports = save_imports();
     redirect(s_image.module);
     s_image.redirected = save_imports();
@@ -180,7 +182,7 @@ static HMODULE start_from_file(const std::wstring &path, void (*redirect)(HMODUL
 
 HMODULE image_start(const std::wstring &path, void (*redirect)(HMODULE plugin))
 {
-    if (s_image.module == NULL || path != s_image.path)
+    if (s_image.module == nullptr || path != s_image.path)
         return start_from_file(path, redirect);
     protect_code(PAGE_EXECUTE_READ);
     for (const saved_bytes &section : s_image.data)
@@ -189,7 +191,7 @@ HMODULE image_start(const std::wstring &path, void (*redirect)(HMODULE plugin))
     if (!run_entry_point(DLL_PROCESS_ATTACH)) {
         protect_code(PAGE_NOACCESS);
         SetLastError(ERROR_DLL_INIT_FAILED);
-        return NULL;
+        return nullptr;
     }
     restore(s_image.redirected);
     return s_image.module;
@@ -207,10 +209,10 @@ void image_end(void)
 
 void image_unload(void)
 {
-    if (s_image.module == NULL)
+    if (s_image.module == nullptr)
         return;
     /* The entry point of an ended module runs a second time; its C runtime ignores that. */
     protect_code(PAGE_EXECUTE_READ);
     FreeLibrary(s_image.module);
-    s_image.module = NULL;
+    s_image.module = nullptr;
 }

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_JSON_H
 #define DEVHOST_JSON_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

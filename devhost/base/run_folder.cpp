@@ -30,8 +30,8 @@ static std::string make_run_folder(const std::string &keep, const std::string &p
     if (folder.empty())
         folder = (place.empty() ? usual_place() : place) +
                  text_format("\\oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
-    GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, NULL);
-    if (!CreateDirectoryW(full, NULL)) {
+    GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, nullptr);
+    if (!CreateDirectoryW(full, nullptr)) {
         const DWORD error = GetLastError();
 
         throw devhost_error(EXIT_BAD_CALL,
@@ -101,7 +101,7 @@ void run_folder_remove_all(void)
 std::string run_standard_plugin(void)
 {
     wchar_t path[1024];
-    const DWORD chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
+    const DWORD chars = GetModuleFileNameW(nullptr, path, ARRAYSIZE(path));
     const std::string text = text_narrow(std::wstring(path, chars));
 
     return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";

@@ -1,11 +1,11 @@
 /* The program at a terminal. */
 #include "terminal.h"
 
-#include <errno.h>
+#include <cerrno>
 #include <fcntl.h>
 #include <io.h>
-#include <stdio.h>
-#include <stdlib.h>
+#include <cstdio>
+#include <cstdlib>
 #include <windows.h>
 
 #include <mutex>
@@ -14,8 +14,8 @@
 #include "run_folder.h"
 #include "text.h"
 
-#define PROGRESS_AFTER_MS 2000.0
-#define PROGRESS_EVERY_MS 200.0
+static constexpr double PROGRESS_AFTER_MS = 2000.0;
+static constexpr double PROGRESS_EVERY_MS = 200.0;
 /* Time for a handler to print before the program ends. */
 #define CLEAR_LINE "\r\x1b[K"
 
@@ -30,7 +30,7 @@ static bool is_set(const char *name)
 {
     const char *value = getenv(name);
 
-    return value != NULL && value[0] != '\0';
+    return value != nullptr && value[0] != '\0';
 }
 
 /* A console of Windows interprets escape sequences only when it is asked to. */

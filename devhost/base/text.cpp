@@ -1,15 +1,15 @@
 /* Text and time helpers of the development host. Stateless. */
 #include "text.h"
 
-#include <stdarg.h>
-#include <stdio.h>
+#include <cstdarg>
+#include <cstdio>
 #include <windows.h>
 
 #include <algorithm>
 #include <type_traits>
 
 /* 1601 to 1970, in seconds. */
-#define UNIX_EPOCH_SECONDS 11644473600ll
+static constexpr int64_t UNIX_EPOCH_SECONDS = 11644473600ll;
 
 /* Most texts are ASCII, and need no call of Windows. */
 template <typename Char> static bool is_ascii(const std::basic_string<Char> &text)
@@ -29,10 +29,10 @@ std::string text_narrow(const std::wstring &wide)
         return utf8;
     }
     int length = static_cast<int>(wide.size());
-    int bytes = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, NULL, 0, NULL, NULL);
+    int bytes = WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, nullptr, 0, nullptr, nullptr);
 
     utf8.resize(static_cast<size_t>(bytes));
-    WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(), bytes, NULL, NULL);
+    WideCharToMultiByte(CP_UTF8, 0, wide.data(), length, utf8.data(), bytes, nullptr, nullptr);
     return utf8;
 }
 
@@ -43,7 +43,7 @@ std::wstring text_wide(const std::string &utf8)
     if (is_ascii(utf8))
         return std::wstring(utf8.begin(), utf8.end());
     int length = static_cast<int>(utf8.size());
-    int chars = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, NULL, 0);
+    int chars = MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, nullptr, 0);
 
     wide.resize(static_cast<size_t>(chars));
     MultiByteToWideChar(CP_UTF8, 0, utf8.data(), length, wide.data(), chars);
@@ -58,7 +58,7 @@ std::string text_format(const char *format, ...)
 
     va_start(arguments, format);
     va_copy(again, arguments);
-    length = vsnprintf(NULL, 0, format, arguments);
+    length = vsnprintf(nullptr, 0, format, arguments);
     va_end(arguments);
     text.resize(length > 0 ? static_cast<size_t>(length) : 0);
     vsnprintf(text.data(), text.size() + 1, format, again);
@@ -145,8 +145,8 @@ std::string text_error(unsigned long error)
         if (row.error == error)
             text = row.text;
     if (text == "error" &&
-        FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, NULL, error, 0,
-                       own, ARRAYSIZE(own), NULL) != 0)
+        FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, error,
+                       0, own, ARRAYSIZE(own), nullptr) != 0)
         text = text_narrow(std::wstring(own, wcscspn(own, L".\r\n")));
     return text + text_format(" (%lu)", error);
 }
@@ -221,10 +221,10 @@ static void append_json(std::string &out, const json_t *json)
     json_t *object = const_cast<json_t *>(json);
     bool first = true;
 
-    switch (json != NULL ? json_typeof(json) : JSON_NULL) {
+    switch (json != nullptr ? json_typeof(json) : JSON_NULL) {
     case JSON_OBJECT:
         out += '{';
-        for (void *it = json_object_iter(object); it != NULL;
+        for (void *it = json_object_iter(object); it != nullptr;
              it = json_object_iter_next(object, it)) {
             out += first ? "" : ", ";
             first = false;

@@ -2,8 +2,8 @@
 #ifndef DEVHOST_TEXT_H
 #define DEVHOST_TEXT_H
 
-#include <stdint.h>
-#include <stdio.h>
+#include <cstdint>
+#include <cstdio>
 
 #include <string>
 #include <vector>
@@ -69,7 +69,7 @@ uint64_t time_of_unix(int64_t seconds);
 /* Milliseconds of this computer's clock since an unspecified moment; for measurements only. */
 double time_real_ms(void);
 
-#define TICKS_PER_SECOND 10000000ull
-#define TICKS_PER_MS     10000ull
+static constexpr uint64_t TICKS_PER_SECOND = 10000000ull;
+static constexpr uint64_t TICKS_PER_MS = 10000ull;
 
 #endif

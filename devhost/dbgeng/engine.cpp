@@ -54,11 +54,11 @@ class engine final : public engine_unused_client, public engine_unused_control
     void put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags);
     void put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags);
 
-    LONG m_references = 1;
-    IDebugOutputCallbacks *m_callbacks = NULL; /* a reference of our own */
-    enum session_state m_session = SESSION_NONE;
-    kernel_dump m_dump;
-    std::unique_ptr<std::string> m_script_text; /* replaces the dump */
+    LONG references_ = 1;
+    IDebugOutputCallbacks *callbacks_ = nullptr; /* a reference of our own */
+    enum session_state session_ = SESSION_NONE;
+    kernel_dump dump_;
+    std::unique_ptr<std::string> script_text_; /* replaces the dump */
 };
 
 struct error_row {
@@ -96,7 +96,7 @@ static HRESULT result_of(enum kernel_dump_error error)
 static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, std::string *reason)
 {
     try {
-        return result_of(kernel_dump_read((const uint8_t *)bytes, size, dump, reason));
+        return result_of(kernel_dump_read(static_cast<const uint8_t *>(bytes), size, dump, reason));
     } catch (const std::bad_alloc &) {
         return E_OUTOFMEMORY;
     }
@@ -106,32 +106,32 @@ static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, s
 static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *reason)
 {
     HANDLE file = INVALID_HANDLE_VALUE;
-    HANDLE mapping = NULL;
-    const void *view = NULL;
+    HANDLE mapping = nullptr;
+    const void *view = nullptr;
     LARGE_INTEGER size = {};
     DWORD error = ERROR_SUCCESS;
     HRESULT result;
 
-    file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, NULL, OPEN_EXISTING, 0, NULL);
+    file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size))
         error = GetLastError();
     /* Windows maps no empty file. */
     if (error == ERROR_SUCCESS && size.QuadPart > 0) {
-        mapping = CreateFileMappingW(file, NULL, PAGE_READONLY, 0, 0, NULL);
-        if (mapping != NULL)
+        mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
+        if (mapping != nullptr)
             view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
-        if (view == NULL)
+        if (view == nullptr)
             error = GetLastError();
     }
     if (error == ERROR_SUCCESS) {
-        result = read_bytes(view, (uint64_t)size.QuadPart, dump, reason);
+        result = read_bytes(view, static_cast<uint64_t>(size.QuadPart), dump, reason);
     } else {
         result = HRESULT_FROM_WIN32(error);
         *reason = "the file cannot be read: error " + std::to_string(error);
     }
-    if (view != NULL)
+    if (view != nullptr)
         UnmapViewOfFile(view);
-    if (mapping != NULL)
+    if (mapping != nullptr)
         CloseHandle(mapping);
     if (file != INVALID_HANDLE_VALUE)
         CloseHandle(file);
@@ -155,7 +155,7 @@ static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_f
         for (uint64_t k = 0; !last && k < 4; k++)
             frame->Params[k] = kernel_dump_stack_value(dump, walked[i + 1].stack + 8 * k);
         frame->Virtual = i > 0;
-        frame->FrameNumber = (ULONG)i;
+        frame->FrameNumber = static_cast<ULONG>(i);
     }
 }
 
@@ -167,7 +167,7 @@ engine::engine()
 
 engine::~engine()
 {
-    keep_callbacks(NULL);
+    keep_callbacks(nullptr);
     InterlockedDecrement(&s_objects);
 }
 
@@ -182,9 +182,9 @@ HRESULT engine::query(REFIID iid, void **out)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_QUERY_INTERFACE);
 
-    if (out == NULL)
+    if (out == nullptr)
         return E_INVALIDARG;
-    *out = NULL;
+    *out = nullptr;
     if (IsEqualIID(iid, IID_IDebugControl)) {
         if (fault != S_OK)
             return fault;
@@ -203,7 +203,7 @@ HRESULT engine::query(REFIID iid, void **out)
 ULONG engine::AddRef()
 {
     InterlockedIncrement(&s_references);
-    return (ULONG)InterlockedIncrement(&m_references);
+    return static_cast<ULONG>(InterlockedIncrement(&references_));
 }
 
 ULONG engine::Release()
@@ -216,24 +216,24 @@ ULONG engine::Release()
 
 ULONG engine::drop()
 {
-    const LONG left = InterlockedDecrement(&m_references);
+    const LONG left = InterlockedDecrement(&references_);
 
     InterlockedDecrement(&s_references);
     if (left == 0)
         delete this;
-    return (ULONG)left;
+    return static_cast<ULONG>(left);
 }
 
 void engine::keep_callbacks(IDebugOutputCallbacks *callbacks)
 {
-    IDebugOutputCallbacks *old = m_callbacks;
+    IDebugOutputCallbacks *old = callbacks_;
 
-    if (callbacks != NULL) {
+    if (callbacks != nullptr) {
         callbacks->AddRef();
         InterlockedIncrement(&s_callbacks);
     }
-    m_callbacks = callbacks;
-    if (old != NULL) {
+    callbacks_ = callbacks;
+    if (old != nullptr) {
         InterlockedDecrement(&s_callbacks);
         old->Release();
     }
@@ -243,9 +243,9 @@ HRESULT engine::SetOutputCallbacks(IDebugOutputCallbacks *callbacks)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_SET_OUTPUT_CALLBACKS);
 
-    engine_script_called("SetOutputCallbacks(%s)", callbacks != NULL ? "*" : "null");
+    engine_script_called("SetOutputCallbacks(%s)", callbacks != nullptr ? "*" : "null");
     /* Removing the callbacks always works. */
-    if (callbacks != NULL && fault != S_OK)
+    if (callbacks != nullptr && fault != S_OK)
         return fault;
     keep_callbacks(callbacks);
     return S_OK;
@@ -258,14 +258,14 @@ HRESULT engine::open(PCWSTR path)
     std::string reason;
     HRESULT result;
 
-    if (text != NULL) {
-        m_script_text = std::make_unique<std::string>(*text);
+    if (text != nullptr) {
+        script_text_ = std::make_unique<std::string>(*text);
         return S_OK;
     }
     result = engine_script_map_path(path, &mapped);
     if (result != S_OK)
         return engine_script_refuse(path, result, "the path is not mapped to a file");
-    result = read_file(mapped.c_str(), &m_dump, &reason);
+    result = read_file(mapped.c_str(), &dump_, &reason);
     if (result != S_OK)
         return engine_script_refuse(path, result, reason.c_str());
     return S_OK;
@@ -275,13 +275,13 @@ HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
 {
     HRESULT result = engine_script_fault_of(ENGINE_CALL_OPEN_DUMP);
 
-    engine_script_called("OpenDumpFileWide(\"%S\", %lu)", path != NULL ? path : L"",
-                         (unsigned long)handle);
+    engine_script_called("OpenDumpFileWide(\"%S\", %lu)", path != nullptr ? path : L"",
+                         static_cast<unsigned long>(handle));
     if (result != S_OK)
         return result;
-    if (path == NULL || handle != 0)
-        return path == NULL ? E_INVALIDARG : E_NOTIMPL;
-    if (m_session != SESSION_NONE)
+    if (path == nullptr || handle != 0)
+        return path == nullptr ? E_INVALIDARG : E_NOTIMPL;
+    if (session_ != SESSION_NONE)
         return E_UNEXPECTED;
     try {
         result = open(path);
@@ -289,7 +289,7 @@ HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
         result = E_OUTOFMEMORY;
     }
     if (result == S_OK)
-        m_session = SESSION_OPEN;
+        session_ = SESSION_OPEN;
     return result;
 }
 
@@ -298,11 +298,11 @@ HRESULT engine::EndSession(ULONG flags)
     engine_script_called("EndSession(%lu)", flags);
     if (flags > DEBUG_END_ACTIVE_DETACH)
         return E_INVALIDARG;
-    if (m_session == SESSION_NONE)
+    if (session_ == SESSION_NONE)
         return E_UNEXPECTED;
-    m_session = SESSION_NONE;
-    m_dump = kernel_dump();
-    m_script_text.reset();
+    session_ = SESSION_NONE;
+    dump_ = kernel_dump();
+    script_text_.reset();
     return S_OK;
 }
 
@@ -316,9 +316,9 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
         return fault;
     if (flags != 0)
         return E_INVALIDARG;
-    if (m_session != SESSION_OPEN)
+    if (session_ != SESSION_OPEN)
         return E_UNEXPECTED;
-    m_session = SESSION_READY;
+    session_ = SESSION_READY;
     return S_OK;
 }
 
@@ -329,39 +329,40 @@ HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_GET_STACK);
     std::vector<kernel_dump_frame> walked;
 
-    engine_script_called("GetStackTrace(%lu, %lu, %lu, *, %lu, *)", (unsigned long)frame_offset,
-                         (unsigned long)stack_offset, (unsigned long)instruction_offset,
-                         frames_size);
-    if (filled != NULL)
+    engine_script_called("GetStackTrace(%lu, %lu, %lu, *, %lu, *)",
+                         static_cast<unsigned long>(frame_offset),
+                         static_cast<unsigned long>(stack_offset),
+                         static_cast<unsigned long>(instruction_offset), frames_size);
+    if (filled != nullptr)
         *filled = 0;
     if (fault != S_OK)
         return fault;
-    if (frames == NULL || frames_size == 0)
+    if (frames == nullptr || frames_size == 0)
         return E_INVALIDARG;
     if (frame_offset != 0 || stack_offset != 0 || instruction_offset != 0)
         return E_NOTIMPL;
-    if (m_session != SESSION_READY)
+    if (session_ != SESSION_READY)
         return E_UNEXPECTED;
     try {
-        walked = kernel_dump_walk(m_dump, m_script_text != NULL ? 1 : frames_size);
+        walked = kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size);
     } catch (const std::bad_alloc &) {
         return E_OUTOFMEMORY;
     }
-    fill_frames(m_dump, walked, frames);
-    if (filled != NULL)
-        *filled = (ULONG)walked.size();
+    fill_frames(dump_, walked, frames);
+    if (filled != nullptr)
+        *filled = static_cast<ULONG>(walked.size());
     return S_OK;
 }
 
 void engine::put(const std::string &text)
 {
-    m_callbacks->Output(DEBUG_OUTPUT_NORMAL, text.c_str());
+    callbacks_->Output(DEBUG_OUTPUT_NORMAL, text.c_str());
 }
 
 /* Sends a line at a time: a client must join the pieces. */
 void engine::put_script_text()
 {
-    const std::string &text = *m_script_text;
+    const std::string &text = *script_text_;
 
     for (size_t start = 0; start < text.size();) {
         const size_t end = text.find('\n', start);
@@ -390,7 +391,7 @@ void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
     if ((flags & DEBUG_STACK_FRAME_NUMBERS) != 0) {
         char number[16];
 
-        snprintf(number, sizeof number, "%02x ", (unsigned)frame.FrameNumber);
+        snprintf(number, sizeof number, "%02x ", static_cast<unsigned>(frame.FrameNumber));
         put(number);
     }
     if ((flags & DEBUG_STACK_FRAME_ADDRESSES) != 0)
@@ -402,14 +403,14 @@ void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
             put(kernel_dump_address_text(parameter) + " ");
         put(": ");
     }
-    put(kernel_dump_call_site(m_dump, frame.InstructionOffset));
+    put(kernel_dump_call_site(dump_, frame.InstructionOffset));
     put("\n");
 }
 
 /* The missing parts are listed before the stack, where no client expects frames. */
 void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags)
 {
-    for (const std::string &gap : m_dump.gaps)
+    for (const std::string &gap : dump_.gaps)
         put("The dump is incomplete: " + gap + ".\n");
     if ((flags & DEBUG_STACK_COLUMN_NAMES) != 0)
         put_column_names(flags);
@@ -430,16 +431,16 @@ HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames
                          flags);
     if (fault != S_OK)
         return fault;
-    if (frames == NULL && frames_size > 0)
+    if (frames == nullptr && frames_size > 0)
         return E_INVALIDARG;
-    if (m_session != SESSION_READY)
+    if (session_ != SESSION_READY)
         return E_UNEXPECTED;
     /* A session has one client, so "all" is that one. */
-    if (m_callbacks == NULL ||
+    if (callbacks_ == nullptr ||
         (receivers != DEBUG_OUTCTL_THIS_CLIENT && receivers != DEBUG_OUTCTL_ALL_CLIENTS))
         return S_OK;
     try {
-        if (m_script_text != NULL)
+        if (script_text_ != nullptr)
             put_script_text();
         else
             put_frames(frames, frames_size, flags);
@@ -455,14 +456,14 @@ extern "C" HRESULT WINAPI DebugCreate(REFIID iid, void **out)
     HRESULT result;
 
     engine_script_called("DebugCreate()");
-    if (out == NULL)
+    if (out == nullptr)
         return E_INVALIDARG;
-    *out = NULL;
+    *out = nullptr;
     if (fault != S_OK)
         return fault;
     engine *made = new (std::nothrow) engine;
 
-    if (made == NULL)
+    if (made == nullptr)
         return E_OUTOFMEMORY;
     result = made->query(iid, out);
     made->drop();
@@ -471,7 +472,7 @@ extern "C" HRESULT WINAPI DebugCreate(REFIID iid, void **out)
 
 void engine_counts_get(struct engine_counts *counts)
 {
-    counts->objects = (size_t)s_objects;
-    counts->references = (size_t)s_references;
-    counts->callbacks = (size_t)s_callbacks;
+    counts->objects = static_cast<size_t>(s_objects);
+    counts->references = static_cast<size_t>(s_references);
+    counts->callbacks = static_cast<size_t>(s_callbacks);
 }

@@ -8,7 +8,7 @@
 #include <vector>
 
 /* The longest path of Windows, with its terminator. */
-#define PATH_CHARS 32768u
+static constexpr uint32_t PATH_CHARS = 32768u;
 
 namespace
 {
@@ -20,9 +20,9 @@ struct owned_stack {
 struct owned_script {
     HRESULT faults[ENGINE_CALL_COUNT] = {};
     std::vector<owned_stack> stacks;
-    engine_script_map_fn map = NULL;
-    engine_script_refused_fn refused = NULL;
-    void *user = NULL;
+    engine_script_map_fn map = nullptr;
+    engine_script_refused_fn refused = nullptr;
+    void *user = nullptr;
 };
 } // namespace
 
@@ -37,7 +37,7 @@ static engine_called_fn s_called;
 
 static HRESULT add_fault(owned_script *script, const struct engine_script_fault &fault)
 {
-    if (fault.call == NULL || fault.result == S_OK)
+    if (fault.call == nullptr || fault.result == S_OK)
         return E_INVALIDARG;
     for (int i = 0; i < ENGINE_CALL_COUNT; i++) {
         if (strcmp(s_call_names[i], fault.call) == 0) {
@@ -50,8 +50,8 @@ static HRESULT add_fault(owned_script *script, const struct engine_script_fault 
 
 static HRESULT copy_script(owned_script *script, const struct engine_script *from)
 {
-    if (from->struct_bytes != sizeof *from || (from->faults == NULL && from->fault_count > 0) ||
-        (from->stacks == NULL && from->stack_count > 0))
+    if (from->struct_bytes != sizeof *from || (from->faults == nullptr && from->fault_count > 0) ||
+        (from->stacks == nullptr && from->stack_count > 0))
         return E_INVALIDARG;
     for (size_t i = 0; i < from->fault_count; i++) {
         const HRESULT result = add_fault(script, from->faults[i]);
@@ -62,7 +62,7 @@ static HRESULT copy_script(owned_script *script, const struct engine_script *fro
     for (size_t i = 0; i < from->stack_count; i++) {
         const struct engine_script_stack &stack = from->stacks[i];
 
-        if (stack.path == NULL || stack.text == NULL)
+        if (stack.path == nullptr || stack.text == nullptr)
             return E_INVALIDARG;
         script->stacks.push_back({stack.path, stack.text});
     }
@@ -79,7 +79,7 @@ HRESULT engine_script_set(const struct engine_script *script)
     try {
         owned_script copy;
 
-        if (script != NULL)
+        if (script != nullptr)
             result = copy_script(&copy, script);
         if (result == S_OK)
             std::swap(s_script, copy);
@@ -100,14 +100,14 @@ const std::string *engine_script_stack_of(const wchar_t *path)
         if (CompareStringOrdinal(stack.path.c_str(), -1, path, -1, TRUE) == CSTR_EQUAL)
             return &stack.text;
     }
-    return NULL;
+    return nullptr;
 }
 
 HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped)
 {
     HRESULT result;
 
-    if (s_script.map == NULL) {
+    if (s_script.map == nullptr) {
         *mapped = path;
         return S_OK;
     }
@@ -127,7 +127,7 @@ void engine_script_called(const char *format, ...)
     char call[512];
     va_list arguments;
 
-    if (s_called == NULL)
+    if (s_called == nullptr)
         return;
     va_start(arguments, format);
     vsnprintf(call, sizeof call, format, arguments);
@@ -137,7 +137,7 @@ void engine_script_called(const char *format, ...)
 
 HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason)
 {
-    if (s_script.refused != NULL)
+    if (s_script.refused != nullptr)
         s_script.refused(path, result, reason, s_script.user);
     return result;
 }

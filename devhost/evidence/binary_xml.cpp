@@ -1,19 +1,19 @@
 /* Reads the classic fields and the strings of records. */
 #include "binary_xml_internal.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <algorithm>
 
-#define DEFINITION_HEADER 24u /* next, GUID, size */
-#define ITEM_COST         16u
+static constexpr uint32_t DEFINITION_HEADER = 24u; /* next, GUID, size */
+static constexpr uint32_t ITEM_COST = 16u;
 /* Sound templates of a chunk do not overlap, and each is compiled for the record and for its data at
  * most. */
-#define MAX_TEMPLATE_BYTES (2 * 65536u)
+static constexpr uint32_t MAX_TEMPLATE_BYTES = 2 * 65536u;
 /* The values of a chunk are in the chunk, and few are shown twice. */
-#define MAX_WORK    (8 * 65536u)
-#define MAX_STRINGS 0xFFFFu /* NumStrings of EVENTLOGRECORD has 16 bits */
+static constexpr uint32_t MAX_WORK = 8 * 65536u;
+static constexpr uint32_t MAX_STRINGS = 0xFFFFu; /* NumStrings of EVENTLOGRECORD has 16 bits */
 
 void binary_xml::begin(const uint8_t *chunk, uint32_t size)
 {
@@ -86,7 +86,7 @@ const binary_xml::value *binary_xml::only_value(const span &text,
 {
     if (text.count != 1 || parts_[text.first].kind != part::VALUE ||
         parts_[text.first].count >= values.size())
-        return NULL;
+        return nullptr;
     return &values[parts_[text.first].count];
 }
 
@@ -138,13 +138,13 @@ bool binary_xml::number(const span &text, const std::vector<value> &values, uint
     std::wstring digits;
 
     *number = 0;
-    if (one != NULL && one->type >= EVTX_INT8 && one->type <= EVTX_UINT64) {
+    if (one != nullptr && one->type >= EVTX_INT8 && one->type <= EVTX_UINT64) {
         memcpy(number, chunk_ + one->at, std::min<size_t>(one->size, sizeof(*number)));
         return true;
     }
     if (!append(text, values, &digits))
         return false;
-    *number = static_cast<uint32_t>(wcstoul(digits.c_str(), NULL, 10));
+    *number = static_cast<uint32_t>(wcstoul(digits.c_str(), nullptr, 10));
     return true;
 }
 
@@ -177,7 +177,7 @@ bool binary_xml::add_item(const item &one, const std::vector<value> &values, int
     if (work > work_budget_ || strings->count() >= MAX_STRINGS)
         return false;
     work_budget_ -= work;
-    if (only != NULL && only->type == EVTX_XML) {
+    if (only != nullptr && only->type == EVTX_XML) {
         program found;
 
         if (only->size == 0)
@@ -187,7 +187,7 @@ bool binary_xml::add_item(const item &one, const std::vector<value> &values, int
                              &values_[static_cast<size_t>(depth - 1)]) &&
                add_items(found, values_[static_cast<size_t>(depth - 1)], depth - 1, strings);
     }
-    if (only != NULL && (only->type & EVTX_ARRAY) != 0) {
+    if (only != nullptr && (only->type & EVTX_ARRAY) != 0) {
         if (strings->count() + only->size >= MAX_STRINGS)
             return false;
         evtx_add_array(only->type & (EVTX_ARRAY - 1), chunk_ + only->at, only->size, strings);
@@ -231,14 +231,14 @@ enum xml_result binary_xml::read(uint32_t at, uint32_t end, const event_filter *
     if (!read_fragment(cursor(chunk_, at, end), IN_DOCUMENT, &found, &values) ||
         !found.fields[FIELD_ID].present || !number(found.fields[FIELD_ID], values, &id))
         return XML_BAD;
-    if (filter != NULL && !filter->wants_id(id & 0xFFFF))
+    if (filter != nullptr && !filter->wants_id(id & 0xFFFF))
         return XML_UNWANTED;
     const span &source =
         found.fields[found.fields[FIELD_SOURCE].present ? FIELD_SOURCE : FIELD_PROVIDER];
     event->source.clear();
     if (!append(source, values, &event->source))
         return XML_BAD;
-    if (filter != NULL && !filter->wants(id & 0xFFFF, event->source))
+    if (filter != nullptr && !filter->wants(id & 0xFFFF, event->source))
         return XML_UNWANTED;
     if (!number(found.fields[FIELD_QUALIFIERS], values, &qualifiers) ||
         !number(found.fields[FIELD_LEVEL], values, &level))

@@ -7,7 +7,7 @@
 #ifndef DEVHOST_BINARY_XML_H
 #define DEVHOST_BINARY_XML_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <utility>
@@ -115,7 +115,7 @@ class binary_xml
     bool add_items(const program &found, const std::vector<value> &values, int depth,
                    event_strings *strings);
 
-    const uint8_t *chunk_ = NULL;
+    const uint8_t *chunk_ = nullptr;
     uint32_t size_ = 0;
     uint32_t template_budget_ = 0, work_budget_ = 0; /* what is left for this chunk */
     std::vector<part> parts_;

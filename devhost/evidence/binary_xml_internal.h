@@ -5,8 +5,8 @@
 #include "binary_xml.h"
 #include "evtx_values.h"
 
-#define CHUNK_HEADER_BYTES 512u
-#define MAX_DEPTH          24
+static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
+static constexpr int MAX_DEPTH = 24;
 
 /* Tokens of binary XML; the bit says that more follow, or that an element has attributes. */
 enum token {

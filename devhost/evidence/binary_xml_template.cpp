@@ -1,7 +1,7 @@
 /* Compiles the elements of a template, or of a record without one, into what a record needs. */
 #include "binary_xml_internal.h"
 
-#define NO_DEPENDENCY 0xFFFFu
+static constexpr uint32_t NO_DEPENDENCY = 0xFFFFu;
 
 bool binary_xml::is_name(const uint8_t *units, uint32_t count, const char *text) const
 {
@@ -29,7 +29,7 @@ bool binary_xml::read_name(cursor *in, const uint8_t **units, uint32_t *count)
 /* Result: false for a token that is no text. */
 bool binary_xml::read_part(cursor *in, part *read)
 {
-    const uint8_t *units = NULL;
+    const uint8_t *units = nullptr;
     uint32_t count = 0;
 
     switch (in->peek_kind()) {
@@ -90,7 +90,7 @@ void binary_xml::read_attributes(cursor *in, enum place where, bool of_provider,
     in->skip(4ull + bytes);
     list.limit = in->at;
     while (in->sound && list.sound && list.at < list.limit) {
-        const uint8_t *units = NULL;
+        const uint8_t *units = nullptr;
         uint32_t count = 0;
         span text = {};
 
@@ -168,7 +168,7 @@ void binary_xml::read_element(cursor *in, enum place where, bool in_template, in
 {
     const uint8_t token = in->get<uint8_t>();
     item read = {{}, NO_DEPENDENCY, false};
-    const uint8_t *units = NULL;
+    const uint8_t *units = nullptr;
     uint32_t count = 0;
     bool children = false;
 

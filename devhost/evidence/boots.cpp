@@ -5,7 +5,7 @@
 #include "system_events.h"
 
 /* The string of a start record that contains the time of the start. */
-#define START_TIME_STRING 6
+static constexpr int START_TIME_STRING = 6;
 
 static bool is(const event_record &event, const wchar_t *source, uint32_t id)
 {
@@ -34,14 +34,14 @@ class run_records final : public event_filter
   public:
     bool wants_id(uint32_t id) const override
     {
-        for (const auto &each : s_records)
+        for (const auto &each : RECORDS)
             if (each.id == id)
                 return true;
         return false;
     }
     bool wants(uint32_t id, const std::wstring &source) const override
     {
-        for (const auto &each : s_records)
+        for (const auto &each : RECORDS)
             if (each.id == id && source == each.source)
                 return true;
         return false;
@@ -52,7 +52,7 @@ class run_records final : public event_filter
         const wchar_t *source;
         uint32_t id;
     };
-    static constexpr record s_records[] = {
+    static constexpr record RECORDS[] = {
         {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START      },
         {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN     },
         {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE       },
@@ -93,7 +93,7 @@ bool evidence_is_time_zone(const event_record &event)
 /* The code is 0 after a loss of power; older Windows writes no string. */
 uint32_t evidence_unexpected_code(const event_record &event)
 {
-    return static_cast<uint32_t>(wcstoul(event.strings.at(0).c_str(), NULL, 0));
+    return static_cast<uint32_t>(wcstoul(event.strings.at(0).c_str(), nullptr, 0));
 }
 
 /* The next run's records show a crash or a loss of power, the run's own records a shutdown. A run
@@ -105,7 +105,7 @@ static void find_ending(const evidence_log &log, evidence_run *run, const eviden
             run->ending = RUN_ENDED_CLEAN;
             run->told_by = i;
         }
-    for (size_t i = next != NULL ? next->begin : 0; next != NULL && i < next->end; i++) {
+    for (size_t i = next != nullptr ? next->begin : 0; next != nullptr && i < next->end; i++) {
         if (evidence_is_bug_check(log.events[i])) {
             run->ending = RUN_ENDED_BLUE_SCREEN;
             run->told_by = i;
@@ -142,7 +142,7 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log)
                         started(event), RUN_ENDED_UNKNOWN, NO_RECORD});
     }
     for (size_t i = 0; i < runs.size(); i++)
-        find_ending(log, &runs[i], i + 1 < runs.size() ? &runs[i + 1] : NULL);
+        find_ending(log, &runs[i], i + 1 < runs.size() ? &runs[i + 1] : nullptr);
     return runs;
 }
 const char *evidence_ending_name(enum run_ending ending)

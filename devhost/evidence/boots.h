@@ -5,8 +5,8 @@
 #ifndef DEVHOST_EVIDENCE_BOOTS_H
 #define DEVHOST_EVIDENCE_BOOTS_H
 
-#include <stddef.h>
-#include <stdint.h>
+#include <cstddef>
+#include <cstdint>
 
 #include <string>
 #include <vector>
@@ -20,7 +20,7 @@ enum run_ending {
     RUN_ENDED_POWER_LOSS, /* unexpectedly, without a recorded blue screen */
 };
 
-#define NO_RECORD SIZE_MAX
+static constexpr size_t NO_RECORD = SIZE_MAX;
 
 /* One run of Windows. Indexes are those of evidence_log.events. */
 struct evidence_run {

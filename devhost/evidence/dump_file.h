@@ -5,7 +5,7 @@
 #ifndef DEVHOST_EVIDENCE_DUMP_FILE_H
 #define DEVHOST_EVIDENCE_DUMP_FILE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

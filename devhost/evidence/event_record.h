@@ -2,8 +2,8 @@
 #ifndef DEVHOST_EVENT_RECORD_H
 #define DEVHOST_EVENT_RECORD_H
 
-#include <stdint.h>
-#include <wchar.h>
+#include <cstdint>
+#include <cwchar>
 
 #include <initializer_list>
 #include <string>

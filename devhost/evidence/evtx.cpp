@@ -4,7 +4,7 @@
  */
 #include "log.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
 
@@ -16,15 +16,16 @@
 #include "evtx_values.h"
 #include "file.h"
 
-#define HEADER_BYTES        4096u
-#define CHUNK_BYTES         65536u
-#define CHUNK_HEADER_BYTES  512u
-#define RECORD_HEADER_BYTES 24u
-#define LEAST_RECORD_BYTES  (RECORD_HEADER_BYTES + 4u) /* with the copy of its size */
-#define RECORD_ALIGNMENT    8u
-#define RECORD_MAGIC        0x2A2Au
-#define FLAG_NO_CHECK_SUMS  4u
-#define PROGRESS_CHUNKS     256u
+static constexpr uint32_t HEADER_BYTES = 4096u;
+static constexpr uint32_t CHUNK_BYTES = 65536u;
+static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
+static constexpr uint32_t RECORD_HEADER_BYTES = 24u;
+static constexpr uint32_t LEAST_RECORD_BYTES =
+    RECORD_HEADER_BYTES + 4u; /* with the copy of its size */
+static constexpr uint32_t RECORD_ALIGNMENT = 8u;
+static constexpr uint32_t RECORD_MAGIC = 0x2A2Au;
+static constexpr uint32_t FLAG_NO_CHECK_SUMS = 4u;
+static constexpr uint32_t PROGRESS_CHUNKS = 256u;
 
 /* What reading a log needs from chunk to chunk. */
 struct log_reader {

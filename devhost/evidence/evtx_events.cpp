@@ -4,24 +4,24 @@
 #include "evtx_values.h"
 #include "system_events.h"
 
-#define NO                EVTX_NO_QUALIFIERS
-#define CLASSIC_KEYWORDS  0x0080000000000000ull
-#define KERNEL_KEYWORDS   0x8000000000000000ull
-#define POWER_KEYWORDS    0x8000400000000002ull
-#define WINLOGON_KEYWORDS 0x2000200000000000ull
+static constexpr int32_t NO = EVTX_NO_QUALIFIERS;
+static constexpr uint64_t CLASSIC_KEYWORDS = 0x0080000000000000ull;
+static constexpr uint64_t KERNEL_KEYWORDS = 0x8000000000000000ull;
+static constexpr uint64_t POWER_KEYWORDS = 0x8000400000000002ull;
+static constexpr uint64_t WINLOGON_KEYWORDS = 0x2000200000000000ull;
 
 static const evtx_provider s_general = {SOURCE_KERNEL_GENERAL,
-                                        L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", NULL};
+                                        L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", nullptr};
 static const evtx_provider s_power = {SOURCE_KERNEL_POWER,
-                                      L"{331c3b3a-2005-44c2-ac5e-77220c37d6b4}", NULL};
+                                      L"{331c3b3a-2005-44c2-ac5e-77220c37d6b4}", nullptr};
 static const evtx_provider s_winlogon = {SOURCE_WINLOGON, L"{dbe9b383-7cf3-4331-91cc-a3cb16a3b538}",
-                                         NULL};
+                                         nullptr};
 static const evtx_provider s_bug_check = {L"Microsoft-Windows-WER-SystemErrorReporting",
                                           L"{abce23e7-de45-4366-8631-84fa6c525952}",
                                           SOURCE_BUG_CHECK};
 static const evtx_provider s_services = {SOURCE_SERVICES, L"{555908d1-a6d7-4695-8e1e-26931d2012f4}",
                                          SOURCE_SERVICES};
-static const evtx_provider s_event_log = {SOURCE_EVENT_LOG, NULL, NULL};
+static const evtx_provider s_event_log = {SOURCE_EVENT_LOG, nullptr, nullptr};
 
 /* Fields of record 41 up to the version that has all of them. */
 static std::vector<evtx_field> power_fields(size_t count, uint8_t sleep_type)
@@ -114,7 +114,7 @@ const evtx_event *evtx_find_event(const event_record &event)
 {
     for (const evtx_event &known : events()) {
         const wchar_t *source =
-            known.provider->source != NULL ? known.provider->source : known.provider->name;
+            known.provider->source != nullptr ? known.provider->source : known.provider->name;
         const uint32_t qualifiers =
             known.qualifiers != EVTX_NO_QUALIFIERS ? static_cast<uint32_t>(known.qualifiers) : 0;
 
@@ -122,5 +122,5 @@ const evtx_event *evtx_find_event(const event_record &event)
             (known.fields.empty() || known.fields.size() == event.strings.count()))
             return &known;
     }
-    return NULL;
+    return nullptr;
 }

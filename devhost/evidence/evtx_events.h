@@ -2,7 +2,7 @@
 #ifndef DEVHOST_EVTX_EVENTS_H
 #define DEVHOST_EVTX_EVENTS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <vector>
 
@@ -19,7 +19,7 @@ struct evtx_provider {
     const wchar_t *source; /* EventSourceName; NULL: none */
 };
 
-#define EVTX_NO_QUALIFIERS (-1) /* of a record that a manifest defines */
+static constexpr int EVTX_NO_QUALIFIERS = -1; /* of a record that a manifest defines */
 
 struct evtx_event {
     const evtx_provider *provider;

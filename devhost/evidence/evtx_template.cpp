@@ -1,17 +1,17 @@
 /* Templates of Windows' records, and the values of one record. */
 #include "evtx_template.h"
 
-#include <stdlib.h>
-#include <string.h>
-#include <wchar.h>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
 #include <windows.h>
 
 #include "../base/text.h"
 #include "evtx_events.h"
 #include "evtx_values.h"
 
-#define NO_DEPENDENCY 0xFFFFu
-#define XML_NAMESPACE L"http://schemas.microsoft.com/win/2004/08/events/event"
+static constexpr uint32_t NO_DEPENDENCY = 0xFFFFu;
+static constexpr wchar_t XML_NAMESPACE[] = L"http://schemas.microsoft.com/win/2004/08/events/event";
 
 std::string evtx_text_bytes(const std::wstring &text)
 {
@@ -150,17 +150,17 @@ static template_ptr named_data_template(const std::vector<evtx_field> &fields)
 
 static xml_value nothing(void)
 {
-    return {EVTX_NULL, "", NULL, {}};
+    return {EVTX_NULL, "", nullptr, {}};
 }
 
 template <typename T> static xml_value number_value(uint8_t type, T number)
 {
-    return {type, evtx_number_bytes(number), NULL, {}};
+    return {type, evtx_number_bytes(number), nullptr, {}};
 }
 
 static xml_value string_value(const std::wstring &text)
 {
-    return {EVTX_STRING, evtx_text_bytes(text), NULL, {}};
+    return {EVTX_STRING, evtx_text_bytes(text), nullptr, {}};
 }
 
 /* "{8-4-4-4-12}" in the order of a GUID in memory. */
@@ -187,14 +187,14 @@ static bool sid_bytes(const std::string &text, std::string *bytes)
 
     if (parts.size() < 3 || parts.size() > 18 || parts[0] != "S")
         return false;
-    const uint64_t authority = strtoull(parts[2].c_str(), NULL, 10);
+    const uint64_t authority = strtoull(parts[2].c_str(), nullptr, 10);
     bytes->push_back(static_cast<char>(atoi(parts[1].c_str())));
     bytes->push_back(static_cast<char>(parts.size() - 3));
     for (int shift = 40; shift >= 0; shift -= 8)
         bytes->push_back(static_cast<char>(authority >> shift));
     for (size_t i = 3; i < parts.size(); i++)
         bytes->append(
-            evtx_number_bytes(static_cast<uint32_t>(strtoul(parts[i].c_str(), NULL, 10))));
+            evtx_number_bytes(static_cast<uint32_t>(strtoul(parts[i].c_str(), nullptr, 10))));
     return true;
 }
 
@@ -216,9 +216,9 @@ static bool typed_value(uint8_t type, const std::wstring &text, xml_value *value
     const std::string ascii = text_narrow(text);
     std::wstring shown;
     uint64_t number = 0;
-    char *end = NULL;
+    char *end = nullptr;
 
-    *value = {type == EVTX_SIZE ? static_cast<uint8_t>(EVTX_HEX64) : type, "", NULL, {}};
+    *value = {type == EVTX_SIZE ? static_cast<uint8_t>(EVTX_HEX64) : type, "", nullptr, {}};
     if (type == EVTX_STRING)
         value->bytes = evtx_text_bytes(text);
     else if (type == EVTX_SID && !sid_bytes(ascii, &value->bytes))
@@ -244,9 +244,9 @@ static xml_value instance_value(template_ptr made, std::vector<xml_value> values
 template_ptr evtx_templates::cached(const std::wstring &key,
                                     const std::function<template_ptr(void)> &make)
 {
-    template_ptr &made = m_templates[key];
+    template_ptr &made = templates_[key];
 
-    if (made == NULL)
+    if (made == nullptr)
         made = make();
     return made;
 }
@@ -256,7 +256,7 @@ xml_value evtx_templates::data(const event_record &event, const evtx_event *know
     std::vector<xml_value> values;
     std::wstring key = L"data";
 
-    if (known != NULL && !known->fields.empty()) {
+    if (known != nullptr && !known->fields.empty()) {
         std::vector<evtx_field> fields = known->fields;
 
         for (size_t i = 0; i < fields.size(); i++) {
@@ -272,9 +272,10 @@ xml_value evtx_templates::data(const event_record &event, const evtx_event *know
         return instance_value(cached(key, [&] { return named_data_template(fields); }), values);
     }
     values = {
-        event.strings.count() != 0
-            ? xml_value{EVTX_ARRAY | EVTX_STRING, evtx_text_bytes(event.strings.packed()), NULL, {}}
-            : nothing(),
+        event.strings.count() != 0 ? xml_value{EVTX_ARRAY | EVTX_STRING,
+                                               evtx_text_bytes(event.strings.packed()),
+                                               nullptr, {}}
+                                   : nothing(),
         number_value(EVTX_UINT32, uint32_t(0)), nothing()
     };
     return instance_value(cached(L"classic data", classic_data_template), values);
@@ -289,18 +290,18 @@ static uint8_t level_of(const event_record &event)
 static std::vector<xml_value> system_values(const event_record &event, const evtx_event *known,
                                             bool classic)
 {
-    return {number_value(EVTX_UINT8, known != NULL ? known->level : level_of(event)),
+    return {number_value(EVTX_UINT8, known != nullptr ? known->level : level_of(event)),
             number_value(EVTX_UINT8, uint8_t(0)),
-            number_value(EVTX_UINT16, known != NULL ? known->task : uint16_t(0)),
+            number_value(EVTX_UINT16, known != nullptr ? known->task : uint16_t(0)),
             number_value(EVTX_UINT16, static_cast<uint16_t>(event.id)),
             classic ? number_value(EVTX_UINT16, static_cast<uint16_t>(event.id >> 16)) : nothing(),
-            number_value(EVTX_HEX64, known != NULL ? known->keywords : 0x0080000000000000ull),
+            number_value(EVTX_HEX64, known != nullptr ? known->keywords : 0x0080000000000000ull),
             number_value(EVTX_FILETIME, time_of_unix(event.time)),
             nothing(),
             number_value(EVTX_UINT32, uint32_t(4)),
             number_value(EVTX_UINT32, uint32_t(8)),
             number_value(EVTX_UINT64, uint64_t(event.number)),
-            number_value(EVTX_UINT8, known != NULL ? known->version : uint8_t(0)),
+            number_value(EVTX_UINT8, known != nullptr ? known->version : uint8_t(0)),
             nothing(),
             nothing()};
 }
@@ -321,7 +322,7 @@ xml_value evtx_templates::manifest_record(const evtx_event &known, std::vector<x
                                  [&] {
                                      return event_template(
                                          provider, optional_element(L"Channel", 16, EVTX_STRING),
-                                         m_computer, EVTX_MANIFEST_BODY);
+                                         computer_, EVTX_MANIFEST_BODY);
                                  }),
                           values);
 }
@@ -333,7 +334,7 @@ xml_value evtx_templates::classic_record(const evtx_provider &provider,
         {L"Name", literal(provider.name)}
     };
 
-    if (provider.source != NULL) {
+    if (provider.source != nullptr) {
         attributes.push_back({L"Guid", literal(provider.guid)});
         attributes.push_back({L"EventSourceName", literal(provider.source)});
     }
@@ -343,7 +344,7 @@ xml_value evtx_templates::classic_record(const evtx_provider &provider,
                                  [&] {
                                      return event_template(
                                          attributes, element(L"Channel", {}, {literal(L"System")}),
-                                         m_computer, EVTX_CLASSIC_BODY);
+                                         computer_, EVTX_CLASSIC_BODY);
                                  }),
                           values);
 }
@@ -351,12 +352,12 @@ xml_value evtx_templates::classic_record(const evtx_provider &provider,
 xml_value evtx_templates::record(const event_record &event)
 {
     const evtx_event *known = evtx_find_event(event);
-    const evtx_provider unknown = {event.source.c_str(), NULL, NULL};
-    const bool classic = known == NULL || known->qualifiers != EVTX_NO_QUALIFIERS;
+    const evtx_provider unknown = {event.source.c_str(), nullptr, nullptr};
+    const bool classic = known == nullptr || known->qualifiers != EVTX_NO_QUALIFIERS;
     const xml_value body = data(event, known);
 
     if (!classic)
         return manifest_record(*known, system_values(event, known, false), body);
-    return classic_record(known != NULL ? *known->provider : unknown,
+    return classic_record(known != nullptr ? *known->provider : unknown,
                           system_values(event, known, true), body);
 }

@@ -5,7 +5,7 @@
 #ifndef DEVHOST_EVTX_TEMPLATE_H
 #define DEVHOST_EVTX_TEMPLATE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <functional>
 #include <map>
@@ -17,8 +17,8 @@
 #include "event_record.h"
 
 /* Index of the value that contains an event's data, in records of a manifest and in classic ones. */
-#define EVTX_MANIFEST_BODY 17u
-#define EVTX_CLASSIC_BODY  19u
+static constexpr uint32_t EVTX_MANIFEST_BODY = 17u;
+static constexpr uint32_t EVTX_CLASSIC_BODY = 19u;
 
 /* An element, literal text or a value of a template. */
 struct xml_node {
@@ -60,7 +60,7 @@ std::string evtx_text_bytes(const std::wstring &text);
 class evtx_templates
 {
   public:
-    explicit evtx_templates(const std::wstring &computer) : m_computer(computer)
+    explicit evtx_templates(const std::wstring &computer) : computer_(computer)
     {
     }
     /* A record: its template and its values. */
@@ -74,8 +74,8 @@ class evtx_templates
                              const xml_value &body);
     template_ptr cached(const std::wstring &key, const std::function<template_ptr(void)> &make);
 
-    std::wstring m_computer;
-    std::map<std::wstring, template_ptr> m_templates;
+    std::wstring computer_;
+    std::map<std::wstring, template_ptr> templates_;
 };
 
 #endif

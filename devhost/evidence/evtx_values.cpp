@@ -5,8 +5,9 @@
 
 #include "../base/text.h"
 
-#define DAYS_1601_TO_0000_MARCH 584694ll /* from 0000-03-01, where leap days end the year */
-#define SECONDS_PER_DAY         86400ull
+static constexpr int64_t DAYS_1601_TO_0000_MARCH =
+    584694ll; /* from 0000-03-01, where leap days end the year */
+static constexpr uint64_t SECONDS_PER_DAY = 86400ull;
 
 /* The size that a value of a type has at least; 0: any. Index: the type. */
 static const uint8_t s_sizes[] = {0, 0, 0, 1, 1,  2, 2, 4,  4, 8, 8,

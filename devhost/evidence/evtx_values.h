@@ -5,8 +5,8 @@
 #ifndef DEVHOST_EVTX_VALUES_H
 #define DEVHOST_EVTX_VALUES_H
 
-#include <stdint.h>
-#include <string.h>
+#include <cstdint>
+#include <cstring>
 
 #include <string>
 

@@ -1,7 +1,7 @@
 /* Binary XML with templates, chunk by chunk. */
 #include "evtx_writer.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <map>
 
@@ -11,14 +11,14 @@
 #include "evtx_template.h"
 #include "evtx_values.h"
 
-#define HEADER_BYTES       4096u
-#define CHUNK_BYTES        65536u
-#define CHUNK_HEADER_BYTES 512u
+static constexpr uint32_t HEADER_BYTES = 4096u;
+static constexpr uint32_t CHUNK_BYTES = 65536u;
+static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
 /* Some readers lose a record that ends where its chunk does. */
-#define MAX_RECORD_END   (CHUNK_BYTES - 8u)
-#define RECORD_ALIGN     8u
-#define NAME_BUCKETS     64u
-#define TEMPLATE_BUCKETS 32u
+static constexpr uint32_t MAX_RECORD_END = CHUNK_BYTES - 8u;
+static constexpr uint32_t RECORD_ALIGN = 8u;
+static constexpr uint32_t NAME_BUCKETS = 64u;
+static constexpr uint32_t TEMPLATE_BUCKETS = 32u;
 
 namespace
 {

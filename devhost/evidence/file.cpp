@@ -16,7 +16,7 @@ struct scoped_handle {
 
     ~scoped_handle()
     {
-        if (handle != NULL && handle != INVALID_HANDLE_VALUE)
+        if (handle != nullptr && handle != INVALID_HANDLE_VALUE)
             CloseHandle(handle);
     }
 };
@@ -29,9 +29,9 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
 
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
         evidence_bad(path, "a folder, expected a file");
-    const scoped_handle file = {CreateFileW(wide.c_str(), GENERIC_READ,
-                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                            NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL)};
+    const scoped_handle file = {CreateFileW(
+        wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
 
     if (file.handle == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(file.handle, &facts)) {
         const DWORD error = GetLastError();
@@ -48,11 +48,11 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
     if (bytes_ == 0)
         return;
     const scoped_handle mapping = {
-        CreateFileMappingW(file.handle, NULL, PAGE_READONLY, 0, 0, NULL)};
+        CreateFileMappingW(file.handle, nullptr, PAGE_READONLY, 0, 0, nullptr)};
 
-    if (mapping.handle != NULL)
+    if (mapping.handle != nullptr)
         data_ = static_cast<const uint8_t *>(MapViewOfFile(mapping.handle, FILE_MAP_READ, 0, 0, 0));
-    if (data_ == NULL) {
+    if (data_ == nullptr) {
         const DWORD error = GetLastError();
 
         evidence_bad(path, "cannot be read: " + text_error(error));
@@ -61,7 +61,7 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
 
 evidence_file::~evidence_file()
 {
-    if (data_ != NULL)
+    if (data_ != nullptr)
         UnmapViewOfFile(data_);
 }
 
@@ -69,7 +69,7 @@ evidence_file::~evidence_file()
 static DWORD write_whole(const std::wstring &path, const std::string &text)
 {
     const scoped_handle file = {
-        CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL)};
+        CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr)};
 
     if (file.handle == INVALID_HANDLE_VALUE)
         return GetLastError();
@@ -78,7 +78,7 @@ static DWORD write_whole(const std::wstring &path, const std::string &text)
         DWORD written = 0;
 
         if (!WriteFile(file.handle, text.data() + at,
-                       static_cast<DWORD>(left < 0x1000000 ? left : 0x1000000), &written, NULL))
+                       static_cast<DWORD>(left < 0x1000000 ? left : 0x1000000), &written, nullptr))
             return GetLastError();
         at += written;
     }

@@ -4,7 +4,7 @@
 #ifndef DEVHOST_EVIDENCE_FILE_H
 #define DEVHOST_EVIDENCE_FILE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

@@ -13,7 +13,7 @@
 #include "file.h"
 
 /* More than any System log in this form: another kind of file must not fill the memory. */
-#define MOST_JSON_BYTES (1ull << 30)
+static constexpr uint64_t MOST_JSON_BYTES = 1ull << 30;
 
 void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
 {
@@ -33,68 +33,68 @@ namespace
 class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, record_reader>
 {
   public:
-    record_reader(const event_filter *filter, evidence_log *log) : m_filter(filter), m_log(log)
+    record_reader(const event_filter *filter, evidence_log *log) : filter_(filter), log_(log)
     {
     }
 
     bool StartArray()
     {
-        if (m_depth == 0 || (m_depth == 2 && m_member == "strings"))
-            return ++m_depth != 0;
+        if (depth_ == 0 || (depth_ == 2 && member_ == "strings"))
+            return ++depth_ != 0;
         return bad("expected an event record");
     }
     bool EndArray(rapidjson::SizeType)
     {
-        return m_depth-- != 0;
+        return depth_-- != 0;
     }
     bool StartObject()
     {
-        if (m_depth != 1)
-            return bad(m_depth == 0 ? "expected an array of event records"
-                                    : "expected a text, a number or, for strings, an array");
-        m_depth++;
-        m_event = {};
-        m_event.type = EVENTLOG_INFORMATION_TYPE;
-        m_seen.clear();
+        if (depth_ != 1)
+            return bad(depth_ == 0 ? "expected an array of event records"
+                                   : "expected a text, a number or, for strings, an array");
+        depth_++;
+        event_ = {};
+        event_.type = EVENTLOG_INFORMATION_TYPE;
+        seen_.clear();
         return true;
     }
     bool EndObject(rapidjson::SizeType)
     {
-        m_depth--;
+        depth_--;
         for (const char *name : {"source", "id", "time"})
-            if (m_seen.find(name) == m_seen.end())
+            if (seen_.find(name) == seen_.end())
                 return bad(std::string("member \"") + name + "\" is missing");
-        if (m_event.number == 0)
-            m_event.number = m_last + 1;
-        if (m_event.number <= m_last)
+        if (event_.number == 0)
+            event_.number = last_ + 1;
+        if (event_.number <= last_)
             return bad("expected a record number higher than the previous one");
-        if (m_log->records > 0)
-            evidence_note_gap(m_log, m_last + 1ull, m_event.number);
-        m_last = m_log->last_number = m_event.number;
-        if (m_log->records++ == 0)
-            m_log->first_number = m_event.number;
-        if (m_filter == NULL || (m_filter->wants_id(m_event.id & 0xffff) &&
-                                 m_filter->wants(m_event.id & 0xffff, m_event.source)))
-            m_log->events.push_back(std::move(m_event));
+        if (log_->records > 0)
+            evidence_note_gap(log_, last_ + 1ull, event_.number);
+        last_ = log_->last_number = event_.number;
+        if (log_->records++ == 0)
+            log_->first_number = event_.number;
+        if (filter_ == nullptr || (filter_->wants_id(event_.id & 0xffff) &&
+                                   filter_->wants(event_.id & 0xffff, event_.source)))
+            log_->events.push_back(std::move(event_));
         return true;
     }
     bool Key(const char *text, rapidjson::SizeType length, bool)
     {
-        m_member.assign(text, length);
+        member_.assign(text, length);
         for (const char *name : {"record", "source", "id", "time", "type", "strings"})
-            if (m_member == name)
-                return m_seen.insert(m_member).second ||
-                       bad("member \"" + m_member + "\" occurs twice");
-        return bad("unknown member \"" + m_member + "\"");
+            if (member_ == name)
+                return seen_.insert(member_).second ||
+                       bad("member \"" + member_ + "\" occurs twice");
+        return bad("unknown member \"" + member_ + "\"");
     }
     bool Uint(unsigned number)
     {
-        if (m_depth == 2 && m_member == "record" && number != 0)
-            m_event.number = number;
-        else if (m_depth == 2 && m_member == "id")
-            m_event.id = number;
-        else if (m_depth == 2 && m_member == "type" && number <= UINT16_MAX)
-            m_event.type = static_cast<uint16_t>(number);
+        if (depth_ == 2 && member_ == "record" && number != 0)
+            event_.number = number;
+        else if (depth_ == 2 && member_ == "id")
+            event_.id = number;
+        else if (depth_ == 2 && member_ == "type" && number <= UINT16_MAX)
+            event_.type = static_cast<uint16_t>(number);
         else
             return Default();
         return true;
@@ -104,29 +104,29 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         const std::string value(text, length);
         uint64_t time;
 
-        if (m_depth == 3)
-            m_event.strings.add(text_wide(value));
-        else if (m_depth == 2 && m_member == "source")
-            m_event.source = text_wide(value);
-        else if (m_depth == 2 && m_member == "time" && time_parse(value, &time) &&
+        if (depth_ == 3)
+            event_.strings.add(text_wide(value));
+        else if (depth_ == 2 && member_ == "source")
+            event_.source = text_wide(value);
+        else if (depth_ == 2 && member_ == "time" && time_parse(value, &time) &&
                  time_unix(time) >= 0 && time_unix(time) <= UINT32_MAX)
-            m_event.time = static_cast<uint32_t>(time_unix(time));
+            event_.time = static_cast<uint32_t>(time_unix(time));
         else
             return Default();
         return true;
     }
     bool Default()
     {
-        if (m_depth < 2)
+        if (depth_ < 2)
             return bad("expected an array of event records");
-        if (m_depth == 3)
+        if (depth_ == 3)
             return bad("expected texts in \"strings\"");
-        if (m_member == "time")
+        if (member_ == "time")
             return bad("\"time\": expected a time from 1970 to 2106 such as 2024-03-07T09:05:41Z");
-        if (m_member == "strings")
+        if (member_ == "strings")
             return bad("\"strings\": expected an array of texts");
-        return bad("\"" + m_member + "\": expected " +
-                   (m_member == "source" ? "a text" : "a number"));
+        return bad("\"" + member_ + "\": expected " +
+                   (member_ == "source" ? "a text" : "a number"));
     }
 
     std::string reason;
@@ -134,17 +134,17 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
   private:
     bool bad(const std::string &what)
     {
-        reason = (m_depth > 0 ? "/" + std::to_string(m_log->records) + ": " : "") + what;
+        reason = (depth_ > 0 ? "/" + std::to_string(log_->records) + ": " : "") + what;
         return false;
     }
 
-    const event_filter *m_filter; /* NULL: every record is wanted */
-    evidence_log *m_log;
-    uint32_t m_last = 0; /* number of the previous record */
-    int m_depth = 0;     /* 1 in the array, 2 in a record, 3 in its strings */
-    std::string m_member;
-    std::set<std::string> m_seen;
-    event_record m_event = {};
+    const event_filter *filter_; /* NULL: every record is wanted */
+    evidence_log *log_;
+    uint32_t last_ = 0; /* number of the previous record */
+    int depth_ = 0;     /* 1 in the array, 2 in a record, 3 in its strings */
+    std::string member_;
+    std::set<std::string> seen_;
+    event_record event_ = {};
 };
 } // namespace
 
@@ -171,7 +171,7 @@ static bool is_json(const evidence_file &file)
 {
     uint64_t at = 0;
 
-    while (at < file.bytes() && strchr(" \t\r\n\xef\xbb\xbf", file.data()[at]) != NULL &&
+    while (at < file.bytes() && strchr(" \t\r\n\xef\xbb\xbf", file.data()[at]) != nullptr &&
            file.data()[at] != '\0')
         at++;
     return at < file.bytes() && (file.data()[at] == '[' || file.data()[at] == '{');

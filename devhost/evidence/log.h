@@ -5,7 +5,7 @@
 #ifndef DEVHOST_EVIDENCE_LOG_H
 #define DEVHOST_EVIDENCE_LOG_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>
@@ -45,7 +45,7 @@ enum evidence_damage {
  * log      Filled. Sound except for what damage and cut_off list.
  */
 void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
-                       const event_filter *filter = NULL);
+                       const event_filter *filter = nullptr);
 
 /* The damage in lines for a person, the last one a summary; none for a sound log. most: lines without
  * the summary. */

@@ -2,16 +2,16 @@
  * by a backslash. */
 #include "registry_file.h"
 
-#include <string.h>
+#include <cstring>
 
 #include "../base/text.h"
 #include "file.h"
 
 /* A complete export of a SYSTEM hive has some tens of megabytes. */
-#define MOST_BYTES  (256ull << 20)
+static constexpr uint64_t MOST_BYTES = 256ull << 20;
 
-#define ROOT        L"HKEY_LOCAL_MACHINE"
-#define CONTROL_SET L"SYSTEM\\ControlSet"
+#define ROOT L"HKEY_LOCAL_MACHINE"
+static constexpr wchar_t CONTROL_SET[] = L"SYSTEM\\ControlSet";
 
 namespace
 {
@@ -139,7 +139,7 @@ static uint32_t hexadecimal(const reader &from, const std::wstring &digits, size
         digits.find_first_not_of(L"0123456789abcdefABCDEF") != std::wstring::npos)
         from.bad("expected " + std::to_string(most) + " hexadecimal digits, found \"" +
                  text_narrow(digits) + "\"");
-    return static_cast<uint32_t>(wcstoul(digits.c_str(), NULL, 16));
+    return static_cast<uint32_t>(wcstoul(digits.c_str(), nullptr, 16));
 }
 
 static std::string byte_list(const reader &from, const std::wstring &text)
@@ -190,7 +190,7 @@ static void parse_data(const reader &from, const std::wstring &text, evidence_va
 static unsigned long control_set_of(const std::wstring &key)
 {
     const std::wstring set = CONTROL_SET;
-    wchar_t *end = NULL;
+    wchar_t *end = nullptr;
 
     if (_wcsnicmp(key.c_str(), set.c_str(), set.size()) != 0)
         return 0;

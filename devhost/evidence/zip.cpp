@@ -2,7 +2,7 @@
  * length of the file is checked before it is used. */
 #include "zip.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <algorithm>
@@ -13,23 +13,23 @@
 #include "../base/text.h"
 #include "file.h"
 
-#define END_MARK        0x06054b50u
-#define END_BYTES       22u
-#define END64_MARK      0x06064b50u
-#define LOCATOR64_MARK  0x07064b50u
-#define LOCATOR64_BYTES 20u
-#define ENTRY_MARK      0x02014b50u
-#define ENTRY_BYTES     46u
-#define LOCAL_MARK      0x04034b50u
-#define LOCAL_BYTES     30u
-#define COMMENT_MOST    0xffffu
-#define EXTRA_64        0x0001u
-#define FLAG_ENCRYPTED  0x0001u
-#define METHOD_STORED   0u
-#define METHOD_DEFLATED 8u
-#define PIECE_BYTES     0x100000u
+static constexpr uint32_t END_MARK = 0x06054b50u;
+static constexpr uint32_t END_BYTES = 22u;
+static constexpr uint32_t END64_MARK = 0x06064b50u;
+static constexpr uint32_t LOCATOR64_MARK = 0x07064b50u;
+static constexpr uint32_t LOCATOR64_BYTES = 20u;
+static constexpr uint32_t ENTRY_MARK = 0x02014b50u;
+static constexpr uint32_t ENTRY_BYTES = 46u;
+static constexpr uint32_t LOCAL_MARK = 0x04034b50u;
+static constexpr uint32_t LOCAL_BYTES = 30u;
+static constexpr uint32_t COMMENT_MOST = 0xffffu;
+static constexpr uint32_t EXTRA_64 = 0x0001u;
+static constexpr uint32_t FLAG_ENCRYPTED = 0x0001u;
+static constexpr uint32_t METHOD_STORED = 0u;
+static constexpr uint32_t METHOD_DEFLATED = 8u;
+static constexpr uint32_t PIECE_BYTES = 0x100000u;
 /* More than any dump: it bounds what a small archive can fill. */
-#define MEMBER_MOST (1ull << 40)
+static constexpr uint64_t MEMBER_MOST = 1ull << 40;
 
 namespace
 {
@@ -45,15 +45,15 @@ class member_writer
 {
   public:
     explicit member_writer(const std::string &path)
-        : m_path(path),
-          m_file(CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, NULL, CREATE_NEW, 0, NULL))
+        : path_(path), file_(CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, nullptr,
+                                         CREATE_NEW, 0, nullptr))
     {
-        if (m_file == INVALID_HANDLE_VALUE)
+        if (file_ == INVALID_HANDLE_VALUE)
             fail();
     }
     ~member_writer()
     {
-        CloseHandle(m_file);
+        CloseHandle(file_);
     }
     member_writer(const member_writer &) = delete;
     member_writer &operator=(const member_writer &) = delete;
@@ -64,7 +64,7 @@ class member_writer
 
         crc = static_cast<uint32_t>(crc32(crc, bytes, static_cast<uInt>(size)));
         total += size;
-        if (!WriteFile(m_file, bytes, static_cast<DWORD>(size), &written, NULL))
+        if (!WriteFile(file_, bytes, static_cast<DWORD>(size), &written, nullptr))
             fail();
     }
 
@@ -76,11 +76,11 @@ class member_writer
     {
         const DWORD error = GetLastError();
 
-        throw devhost_error(EXIT_BAD_CALL, "cannot write '" + m_path + "': " + text_error(error));
+        throw devhost_error(EXIT_BAD_CALL, "cannot write '" + path_ + "': " + text_error(error));
     }
 
-    std::string m_path;
-    HANDLE m_file;
+    std::string path_;
+    HANDLE file_;
 };
 } // namespace
 
@@ -264,7 +264,7 @@ std::vector<zip_member> zip_extract(const std::string &path, const std::string &
         }
         const std::string own = folder + text_format("\\%u", static_cast<unsigned>(members.size()));
 
-        CreateDirectoryW(text_wide(own).c_str(), NULL);
+        CreateDirectoryW(text_wide(own).c_str(), nullptr);
         member.why = extract(file, entry, own + "\\" + name);
         if (member.why.empty())
             member.path = own + "\\" + name;

@@ -27,8 +27,8 @@ static const bug_check s_bug_checks[] = {
     {0x11, "THREAD_NOT_MUTEX_OWNER", {}, 0},
     {0x12, "TRAP_CAUSE_UNKNOWN", {}, 0},
     {0x18, "REFERENCE_BY_POINTER", {}, 0},
-    {0x19, "BAD_POOL_HEADER", {"kind of corruption", "address of the pool header", NULL, NULL}, 0},
-    {0x1a, "MEMORY_MANAGEMENT", {"kind of corruption", NULL, NULL, NULL}, 0},
+    {0x19, "BAD_POOL_HEADER", {"kind of corruption", "address of the pool header", nullptr, nullptr}, 0},
+    {0x1a, "MEMORY_MANAGEMENT", {"kind of corruption", nullptr, nullptr, nullptr}, 0},
     {0x1c, "PFN_REFERENCE_COUNT", {}, 0},
     {0x1d, "PFN_SHARE_COUNT", {}, 0},
     {0x1e, "KMODE_EXCEPTION_NOT_HANDLED",
@@ -39,7 +39,7 @@ static const bug_check s_bug_checks[] = {
     {0x22, "FILE_SYSTEM", {}, 0},
     {0x23, "FAT_FILE_SYSTEM", {}, 0},
     {0x24, "NTFS_FILE_SYSTEM",
-     {"source file and line", "exception record", "context record", NULL}, 0},
+     {"source file and line", "exception record", "context record", nullptr}, 0},
     {0x25, "NPFS_FILE_SYSTEM", {}, 0},
     {0x26, "CDFS_FILE_SYSTEM", {}, 0},
     {0x27, "RDR_FILE_SYSTEM", {}, 0},
@@ -54,9 +54,9 @@ static const bug_check s_bug_checks[] = {
     {0x38, "SERIAL_DRIVER_INTERNAL", {}, 0},
     {0x39, "SYSTEM_EXIT_OWNED_MUTEX", {}, 0},
     {0x3b, "SYSTEM_SERVICE_EXCEPTION",
-     {"exception code", "address of the instruction", "address of the context record", NULL}, 2},
+     {"exception code", "address of the instruction", "address of the context record", nullptr}, 2},
     {0x3d, "INTERRUPT_EXCEPTION_NOT_HANDLED",
-     {"address of the exception record", "address of the context record", NULL, NULL}, 0},
+     {"address of the exception record", "address of the context record", nullptr, nullptr}, 0},
     {0x3f, "NO_MORE_SYSTEM_PTES", {}, 0},
     {0x41, "MUST_SUCCEED_POOL_EMPTY", {}, 0},
     {0x44, "MULTIPLE_IRP_COMPLETE_REQUESTS", {}, 0},
@@ -92,7 +92,7 @@ static const bug_check s_bug_checks[] = {
      {"kind of lock or page table entry", "error status", "depends on parameter 1",
       "address that was read in"}, 0},
     {0x7b, "INACCESSIBLE_BOOT_DEVICE",
-     {"address of the device's name or object", NULL, NULL, NULL}, 0},
+     {"address of the device's name or object", nullptr, nullptr, nullptr}, 0},
     {0x7c, "BUGCODE_NDIS_DRIVER", {}, 0},
     {0x7d, "INSTALL_MORE_MEMORY", {}, 0},
     {0x7e, "SYSTEM_THREAD_EXCEPTION_NOT_HANDLED",
@@ -100,13 +100,13 @@ static const bug_check s_bug_checks[] = {
       "address of the context record"}, 2},
     {0x7f, "UNEXPECTED_KERNEL_MODE_TRAP",
      {"trap number: 0 divide error, 6 invalid opcode, 8 double fault, 0xd general protection",
-      NULL, NULL, NULL}, 0},
+      nullptr, nullptr, nullptr}, 0},
     {0x80, "NMI_HARDWARE_FAILURE", {}, 0},
     {0x81, "SPIN_LOCK_INIT_FAILURE", {}, 0},
     {0x85, "SETUP_FAILURE", {}, 0},
     {0x8b, "MBR_CHECKSUM_MISMATCH", {}, 0},
     {0x8e, "KERNEL_MODE_EXCEPTION_NOT_HANDLED",
-     {"exception code", "address of the instruction", "address of the trap frame", NULL}, 2},
+     {"exception code", "address of the instruction", "address of the trap frame", nullptr}, 2},
     {0x8f, "PP0_INITIALIZATION_FAILED", {}, 0},
     {0x90, "PP1_INITIALIZATION_FAILED", {}, 0},
     {0x92, "UP_DRIVER_ON_MP_SYSTEM", {}, 0},
@@ -140,11 +140,11 @@ static const bug_check s_bug_checks[] = {
     {0xbb, "NETWORK_BOOT_INITIALIZATION_FAILED", {}, 0},
     {0xbc, "NETWORK_BOOT_DUPLICATE_ADDRESS", {}, 0},
     {0xbe, "ATTEMPTED_WRITE_TO_READONLY_MEMORY",
-     {"address that was written", "contents of the page table entry", NULL, NULL}, 0},
+     {"address that was written", "contents of the page table entry", nullptr, nullptr}, 0},
     {0xbf, "MUTEX_ALREADY_OWNED", {}, 0},
     {0xc1, "SPECIAL_POOL_DETECTED_MEMORY_CORRUPTION", {}, 0},
-    {0xc2, "BAD_POOL_CALLER", {"kind of violation", NULL, NULL, NULL}, 0},
-    {0xc4, "DRIVER_VERIFIER_DETECTED_VIOLATION", {"kind of violation", NULL, NULL, NULL}, 0},
+    {0xc2, "BAD_POOL_CALLER", {"kind of violation", nullptr, nullptr, nullptr}, 0},
+    {0xc4, "DRIVER_VERIFIER_DETECTED_VIOLATION", {"kind of violation", nullptr, nullptr, nullptr}, 0},
     {0xc5, "DRIVER_CORRUPTED_EXPOOL",
      {"address that was accessed", "IRQL at that time", "0: read, 1: write, 2 or 8: execute",
       "address of the instruction"}, 4},
@@ -156,11 +156,11 @@ static const bug_check s_bug_checks[] = {
     {0xcb, "DRIVER_LEFT_LOCKED_PAGES_IN_PROCESS", {}, 0},
     {0xcc, "PAGE_FAULT_IN_FREED_SPECIAL_POOL",
      {"address that was accessed", "0: read, 1: write, 2 or 8: execute",
-      "address of the instruction", NULL}, 3},
+      "address of the instruction", nullptr}, 3},
     {0xcd, "PAGE_FAULT_BEYOND_END_OF_ALLOCATION", {}, 0},
     {0xce, "DRIVER_UNLOADED_WITHOUT_CANCELLING_PENDING_OPERATIONS",
      {"address that was accessed", "0: read, 1: write, 2 or 8: execute",
-      "address of the instruction", NULL}, 3},
+      "address of the instruction", nullptr}, 3},
     {0xcf, "TERMINAL_SERVER_DRIVER_MADE_INCORRECT_MEMORY_REFERENCE", {}, 0},
     {0xd0, "DRIVER_CORRUPTED_MMPOOL", {}, 0},
     {0xd1, "DRIVER_IRQL_NOT_LESS_OR_EQUAL",
@@ -171,10 +171,10 @@ static const bug_check s_bug_checks[] = {
     {0xd4, "SYSTEM_SCAN_AT_RAISED_IRQL_CAUGHT_IMPROPER_DRIVER_UNLOAD", {}, 0},
     {0xd5, "DRIVER_PAGE_FAULT_IN_FREED_SPECIAL_POOL",
      {"address that was accessed", "0: read, 1: write, 2 or 8: execute",
-      "address of the instruction", NULL}, 3},
+      "address of the instruction", nullptr}, 3},
     {0xd6, "DRIVER_PAGE_FAULT_BEYOND_END_OF_ALLOCATION",
      {"address that was accessed", "0: read, 1: write, 2 or 8: execute",
-      "address of the instruction", NULL}, 3},
+      "address of the instruction", nullptr}, 3},
     {0xd7, "DRIVER_UNMAPPING_INVALID_VIEW", {}, 0},
     {0xd8, "DRIVER_USED_EXCESSIVE_PTES", {}, 0},
     {0xd9, "LOCKED_PAGES_TRACKER_CORRUPTION", {}, 0},
@@ -197,7 +197,7 @@ static const bug_check s_bug_checks[] = {
     {0xec, "SESSION_HAS_VALID_SPECIAL_POOL_ON_EXIT", {}, 0},
     {0xed, "UNMOUNTABLE_BOOT_VOLUME", {}, 0},
     {0xef, "CRITICAL_PROCESS_DIED",
-     {"process object", "0: a process, 1: a thread ended", NULL, NULL}, 0},
+     {"process object", "0: a process, 1: a thread ended", nullptr, nullptr}, 0},
     {0xf1, "SCSI_VERIFIER_DETECTED_VIOLATION", {}, 0},
     {0xf3, "DISORDERLY_SHUTDOWN", {}, 0},
     {0xf4, "CRITICAL_OBJECT_TERMINATION",
@@ -207,18 +207,18 @@ static const bug_check s_bug_checks[] = {
     {0xf6, "PCI_VERIFIER_DETECTED_VIOLATION", {}, 0},
     {0xf7, "DRIVER_OVERRAN_STACK_BUFFER",
      {"security cookie on the stack", "expected security cookie",
-      "complement of the expected cookie", NULL}, 0},
+      "complement of the expected cookie", nullptr}, 0},
     {0xf8, "RAMDISK_BOOT_INITIALIZATION_FAILED", {}, 0},
     {0xf9, "DRIVER_RETURNED_STATUS_REPARSE_FOR_VOLUME_OPEN", {}, 0},
     {0xfa, "HTTP_DRIVER_CORRUPTED", {}, 0},
     {0xfc, "ATTEMPTED_EXECUTE_OF_NOEXECUTE_MEMORY",
-     {"address that was executed", "contents of the page table entry", NULL, NULL}, 1},
+     {"address that was executed", "contents of the page table entry", nullptr, nullptr}, 1},
     {0xfd, "DIRTY_NOWRITE_PAGES_CONGESTION", {}, 0},
     {0xfe, "BUGCODE_USB_DRIVER", {}, 0},
     {0xff, "RESERVE_QUEUE_OVERFLOW", {}, 0},
     {0x100, "LOADER_BLOCK_MISMATCH", {}, 0},
     {0x101, "CLOCK_WATCHDOG_TIMEOUT",
-     {"clock interrupt timeout in ticks", NULL, "address of the processor's control block",
+     {"clock interrupt timeout in ticks", nullptr, "address of the processor's control block",
       "number of the processor"}, 0},
     {0x103, "MUP_FILE_SYSTEM", {}, 0},
     {0x104, "AGP_INVALID_ACCESS", {}, 0},
@@ -228,7 +228,7 @@ static const bug_check s_bug_checks[] = {
      {"reserved", "reserved", "kind of the corrupted structure", "kind of the corrupted region"}, 0},
     {0x10a, "APP_TAGGING_INITIALIZATION_FAILED", {}, 0},
     {0x10c, "FSRTL_EXTRA_CREATE_PARAMETER_VIOLATION", {}, 0},
-    {0x10d, "WDF_VIOLATION", {"kind of violation", NULL, NULL, NULL}, 0},
+    {0x10d, "WDF_VIOLATION", {"kind of violation", nullptr, nullptr, nullptr}, 0},
     {0x10e, "VIDEO_MEMORY_MANAGEMENT_INTERNAL", {}, 0},
     {0x10f, "RESOURCE_MANAGER_EXCEPTION_NOT_HANDLED", {}, 0},
     {0x111, "RECURSIVE_NMI", {}, 0},
@@ -255,16 +255,16 @@ static const bug_check s_bug_checks[] = {
     {0x12c, "EXFAT_FILE_SYSTEM", {}, 0},
     {0x133, "DPC_WATCHDOG_VIOLATION",
      {"0: a DPC ran too long, 1: too long at IRQL DISPATCH_LEVEL", "time in ticks",
-      "time limit in ticks", NULL}, 0},
+      "time limit in ticks", nullptr}, 0},
     {0x139, "KERNEL_SECURITY_CHECK_FAILURE",
      {"kind of corruption: 2 stack cookie, 3 list entry", "address of the trap frame",
-      "address of the exception record", NULL}, 0},
+      "address of the exception record", nullptr}, 0},
     {0x13a, "KERNEL_MODE_HEAP_CORRUPTION", {}, 0},
     {0x144, "BUGCODE_USB3_DRIVER", {}, 0},
     {0x149, "REFS_FILE_SYSTEM", {}, 0},
     {0x14f, "PDC_WATCHDOG_TIMEOUT", {}, 0},
     {0x154, "UNEXPECTED_STORE_EXCEPTION",
-     {"store context", "exception information", NULL, NULL}, 0},
+     {"store context", "exception information", nullptr, nullptr}, 0},
     {0x15f, "CONNECTED_STANDBY_WATCHDOG_TIMEOUT_LIVEDUMP", {}, 0},
     {0x162, "KERNEL_AUTO_BOOST_INVALID_LOCK_RELEASE", {}, 0},
     {0x164, "WIN32K_CRITICAL_FAILURE", {}, 0},
@@ -307,28 +307,28 @@ const struct bug_check *bug_check_find(uint32_t code)
     for (const bug_check &row : s_bug_checks)
         if (row.code == code || (row.code | KERNEL_DUMP_TRIAGE_FLAG) == code)
             return &row;
-    return NULL;
+    return nullptr;
 }
 
 std::string bug_check_name(uint32_t code)
 {
     const bug_check *row = bug_check_find(code);
 
-    return row != NULL ? row->name : "";
+    return row != nullptr ? row->name : "";
 }
 
 std::string bug_check_title(uint32_t code)
 {
     const bug_check *row = bug_check_find(code);
 
-    return kernel_dump_hex(row != NULL ? row->code : code) +
-           (row != NULL ? std::string(" ") + row->name : "");
+    return kernel_dump_hex(row != nullptr ? row->code : code) +
+           (row != nullptr ? std::string(" ") + row->name : "");
 }
 
 std::string bug_check_exception(uint64_t code)
 {
     for (const auto &row : s_exceptions)
-        if (row.code == (uint32_t)code)
+        if (row.code == static_cast<uint32_t>(code))
             return row.text;
     return "";
 }

@@ -1,13 +1,13 @@
 #include "dump_writer.h"
 
-#define DRIVER_ENTRY_BYTES 0x90u
+static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
 
 void dump_put(std::vector<uint8_t> *dump, uint64_t offset, uint64_t value, size_t bytes)
 {
     if (dump->size() < offset + bytes)
         dump->resize(offset + bytes);
     for (size_t i = 0; i < bytes; i++)
-        (*dump)[offset + i] = (uint8_t)(value >> (8 * i));
+        (*dump)[offset + i] = static_cast<uint8_t>(value >> (8 * i));
 }
 
 static void put_header(std::vector<uint8_t> *dump, const dump_model &model)

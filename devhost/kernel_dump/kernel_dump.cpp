@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cstdio>
 
-#define CONTEXT_BYTES   0x4D0u
-#define MACHINE_X64     0x8664u
-#define CONTEXT_CONTROL 0x100001u
+static constexpr uint32_t CONTEXT_BYTES = 0x4D0u;
+static constexpr uint32_t MACHINE_X64 = 0x8664u;
+static constexpr uint32_t CONTEXT_CONTROL = 0x100001u;
 
 /* Places in the header. */
 enum header_field : uint64_t {
@@ -33,7 +33,7 @@ std::string kernel_dump_hex(uint64_t value)
 {
     char text[24];
 
-    snprintf(text, sizeof text, "0x%llx", (unsigned long long)value);
+    snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
     return text;
 }
 
@@ -114,15 +114,15 @@ static void append_utf8(std::string *text, uint32_t code)
     if (code < 0x80) {
         const bool breaks_text = code < 0x20 || code == 0x7F || code == '!' || code == '+';
 
-        text->push_back(breaks_text ? '_' : (char)code);
+        text->push_back(breaks_text ? '_' : static_cast<char>(code));
         return;
     }
     const int more = code < 0x800 ? 1 : code < 0x10000 ? 2 : 3;
     static const uint8_t s_lead[] = {0, 0xC0, 0xE0, 0xF0};
 
-    text->push_back((char)(s_lead[more] | (code >> (6 * more))));
+    text->push_back(static_cast<char>(s_lead[more] | (code >> (6 * more))));
     for (int i = more - 1; i >= 0; i--)
-        text->push_back((char)(0x80 | ((code >> (6 * i)) & 0x3F)));
+        text->push_back(static_cast<char>(0x80 | ((code >> (6 * i)) & 0x3F)));
 }
 
 static std::string utf8_of(const std::u16string &wide)
@@ -214,10 +214,10 @@ const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_
         [](uint64_t value, const kernel_dump_module &module) { return value < module.base; });
 
     if (next == dump.modules.begin())
-        return NULL;
+        return nullptr;
     const kernel_dump_module &module = *(next - 1);
 
-    return address - module.base < module.bytes ? &module : NULL;
+    return address - module.base < module.bytes ? &module : nullptr;
 }
 
 static bool stack_holds(const kernel_dump &dump, uint64_t address)
@@ -244,7 +244,7 @@ std::vector<kernel_dump_frame> kernel_dump_walk(const kernel_dump &dump, size_t 
     for (uint64_t at = dump.rsp; frames.size() < limit && stack_holds(dump, at); at += 8) {
         const uint64_t value = kernel_dump_stack_value(dump, at);
 
-        if (kernel_dump_module_at(dump, value) != NULL)
+        if (kernel_dump_module_at(dump, value) != nullptr)
             frames.push_back({value, at + 8});
     }
     return frames;
@@ -254,7 +254,8 @@ std::string kernel_dump_address_text(uint64_t address)
 {
     char text[24];
 
-    snprintf(text, sizeof text, "%08x`%08x", (unsigned)(address >> 32), (unsigned)address);
+    snprintf(text, sizeof text, "%08x`%08x", static_cast<unsigned>(address >> 32),
+             static_cast<unsigned>(address));
     return text;
 }
 
@@ -262,7 +263,7 @@ std::string kernel_dump_call_site(const kernel_dump &dump, uint64_t address)
 {
     const kernel_dump_module *module = kernel_dump_module_at(dump, address);
 
-    if (module == NULL)
+    if (module == nullptr)
         return "0x" + kernel_dump_address_text(address);
     return module->name + "+" + kernel_dump_hex(address - module->base);
 }

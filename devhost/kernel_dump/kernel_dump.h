@@ -32,7 +32,7 @@ enum kernel_dump_error {
 };
 
 /* Windows may add this flag to the bug check code of a small dump. */
-#define KERNEL_DUMP_TRIAGE_FLAG 0x10000000u
+static constexpr uint32_t KERNEL_DUMP_TRIAGE_FLAG = 0x10000000u;
 
 /* Values of kernel_dump.kind. */
 enum kernel_dump_kind {

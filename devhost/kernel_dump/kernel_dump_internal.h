@@ -7,12 +7,12 @@
 #include <cstring>
 
 /* The header of every dump; the part that depends on the kind follows. */
-#define KERNEL_DUMP_HEADER_BYTES 0x2000u
+static constexpr uint32_t KERNEL_DUMP_HEADER_BYTES = 0x2000u;
 /* The longest file name of a file system. It also bounds the work: thousands of modules may share one
  * text as long as the file. */
-#define KERNEL_DUMP_FILE_NAME_CHARS 255u
+static constexpr uint32_t KERNEL_DUMP_FILE_NAME_CHARS = 255u;
 /* The end of a path that contains the file name: the name and the backslash before it. */
-#define KERNEL_DUMP_PATH_END_CHARS (KERNEL_DUMP_FILE_NAME_CHARS + 1u)
+static constexpr uint32_t KERNEL_DUMP_PATH_END_CHARS = KERNEL_DUMP_FILE_NAME_CHARS + 1u;
 
 /* Bytes of a dump, borrowed. A mapped file may be larger than the memory, so values are read one by
  * one where they are needed. */

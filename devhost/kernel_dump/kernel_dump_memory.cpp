@@ -4,13 +4,13 @@
 
 #include <algorithm>
 
-#define CONTEXT_OFFSET 0x348u
+static constexpr uint32_t CONTEXT_OFFSET = 0x348u;
 /* More than ten times what a Windows with very many drivers loads: it bounds the work. */
-#define MODULES_MAX 4096u
+static constexpr uint32_t MODULES_MAX = 4096u;
 /* A kernel stack has 24 KiB, and an expanded one little more than this: frames further out are not
  * among the few innermost ones that a client asks for. The end of the stack is not looked up; the page
  * after it is not mapped. */
-#define STACK_BYTES_MAX 0x10000u
+static constexpr uint32_t STACK_BYTES_MAX = 0x10000u;
 
 /* Places in an entry of the list. */
 enum list_entry_field : uint64_t {
@@ -82,7 +82,7 @@ static const char *add_entry(const memory_dump &memory, uint64_t address, kernel
     *nameless += module.name.empty();
     if (!kernel_dump_add_module(dump, module))
         return "an image does not fit into the address space";
-    return NULL;
+    return nullptr;
 }
 
 /* Adds the entries from the head on in one direction. An entry counts only when its other link points
@@ -106,11 +106,11 @@ static const char *walk_list(const memory_dump &memory, enum list_direction dire
         if (links[1 - direction] != from)
             return "an entry does not point back to the previous one";
         if (at == head)
-            return NULL;
+            return nullptr;
         if (dump->modules.size() == MODULES_MAX)
             return "there are too many entries";
         fault = add_entry(memory, at, dump, nameless);
-        if (fault != NULL)
+        if (fault != nullptr)
             return fault;
         from = at;
     }
@@ -125,14 +125,14 @@ static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dum
     const char *fault = walk_list(memory, LIST_FORWARD, dump, &nameless);
     const size_t from_start = dump->modules.size();
 
-    if (fault != NULL)
+    if (fault != nullptr)
         (void)walk_list(memory, LIST_BACKWARD, dump, &nameless);
     if (dump->modules.empty()) {
         *reason = "no entry of the list of modules at " + kernel_dump_hex(dump->loaded_modules) +
-                  " can be read: " + (fault != NULL ? fault : "the list is empty");
+                  " can be read: " + (fault != nullptr ? fault : "the list is empty");
         return KERNEL_DUMP_NO_MODULES;
     }
-    if (fault != NULL)
+    if (fault != nullptr)
         dump->gaps.push_back("the list of modules is incomplete, " + std::to_string(from_start) +
                              " are read from its start and " +
                              std::to_string(dump->modules.size() - from_start) +
@@ -151,8 +151,8 @@ static void read_stack(const memory_dump &memory, kernel_dump *dump)
     while (stack.size() < STACK_BYTES_MAX) {
         const size_t got = stack.size();
         const uint64_t at = dump->rsp + got;
-        const size_t part = (size_t)std::min<uint64_t>(STACK_BYTES_MAX - got,
-                                                       MEMORY_PAGE_BYTES - at % MEMORY_PAGE_BYTES);
+        const size_t part = static_cast<size_t>(
+            std::min<uint64_t>(STACK_BYTES_MAX - got, MEMORY_PAGE_BYTES - at % MEMORY_PAGE_BYTES));
 
         stack.resize(got + part);
         const enum memory_result result = memory_dump_read(memory, at, &stack[got], part);

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#define TRIAGE_BYTES       0x50u
-#define DRIVER_ENTRY_BYTES 0x90u
+static constexpr uint32_t TRIAGE_BYTES = 0x50u;
+static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
 
 /* Places in the file of the block's fields. */
 enum triage_field : uint64_t {
@@ -87,7 +87,7 @@ static enum kernel_dump_error read_name(const dump_span &file, const std::string
     if (!file.holds(offset, 4))
         return kernel_dump_outside(file, "the name of " + who, offset, 4, reason);
     const uint64_t chars = file.at<uint32_t>(offset);
-    const uint64_t text = (uint64_t)offset + 4;
+    const uint64_t text = static_cast<uint64_t>(offset) + 4;
 
     if (!file.holds(text, 2 * chars))
         return kernel_dump_outside(file, "the name of " + who, text, 2 * chars, reason);
@@ -123,15 +123,15 @@ static enum kernel_dump_error read_modules(const dump_span &file, kernel_dump *d
 {
     const uint32_t offset = file.at<uint32_t>(TRIAGE_DRIVERS_OFFSET);
     const uint32_t count = file.at<uint32_t>(TRIAGE_DRIVER_COUNT);
-    const uint64_t length = (uint64_t)count * DRIVER_ENTRY_BYTES;
+    const uint64_t length = static_cast<uint64_t>(count) * DRIVER_ENTRY_BYTES;
 
     if (!file.holds(offset, length))
         return kernel_dump_outside(file, "the list of " + std::to_string(count) + " modules",
                                    offset, length, reason);
     for (uint32_t i = 0; i < count; i++) {
         const std::string who = "module " + std::to_string(i);
-        const enum kernel_dump_error error =
-            read_module(file, offset + (uint64_t)i * DRIVER_ENTRY_BYTES, who, dump, reason);
+        const enum kernel_dump_error error = read_module(
+            file, offset + static_cast<uint64_t>(i) * DRIVER_ENTRY_BYTES, who, dump, reason);
 
         if (error != KERNEL_DUMP_OK)
             return error;

@@ -4,19 +4,17 @@
 
 #include <algorithm>
 
-#define RUN_BYTES 16u
-/* The list of runs ends where the context begins. */
-#define RUNS_MAX ((0x348u - RUNS_FIRST) / RUN_BYTES)
+static constexpr uint32_t RUN_BYTES = 16u;
 /* The processor has 52 bits of physical address. */
-#define PAGES_MAX 0x10000000000ull
+static constexpr uint64_t PAGES_MAX = 0x10000000000ull;
 /* The most bits that one look-up in the bitmap counts. */
-#define BLOCK_BITS       4096u
+static constexpr uint32_t BLOCK_BITS = 4096u;
 
-#define ENTRY_PRESENT    0x001u
-#define ENTRY_LARGE      0x080u
-#define ENTRY_PROTOTYPE  0x400u
-#define ENTRY_TRANSITION 0x800u
-#define ENTRY_FRAME      0x000FFFFFFFFFF000ull
+static constexpr uint32_t ENTRY_PRESENT = 0x001u;
+static constexpr uint32_t ENTRY_LARGE = 0x080u;
+static constexpr uint32_t ENTRY_PROTOTYPE = 0x400u;
+static constexpr uint32_t ENTRY_TRANSITION = 0x800u;
+static constexpr uint64_t ENTRY_FRAME = 0x000FFFFFFFFFF000ull;
 
 /* Offsets in the file. */
 enum memory_field : uint64_t {
@@ -31,6 +29,9 @@ enum memory_field : uint64_t {
     BITMAP = KERNEL_DUMP_HEADER_BYTES + 0x38,
 };
 
+/* The list of runs ends where the context begins. */
+static constexpr uint64_t RUNS_MAX = (0x348u - RUNS_FIRST) / RUN_BYTES;
+
 static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason)
 {
     const uint32_t count = memory->file.at<uint32_t>(RUNS_COUNT);
@@ -42,7 +43,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
         return KERNEL_DUMP_DAMAGED;
     }
     for (uint32_t i = 0; i < count; i++) {
-        const uint64_t at = RUNS_FIRST + (uint64_t)i * RUN_BYTES;
+        const uint64_t at = RUNS_FIRST + static_cast<uint64_t>(i) * RUN_BYTES;
         const memory_run run = {memory->file.at<uint64_t>(at), memory->file.at<uint64_t>(at + 8),
                                 memory->pages};
 
@@ -71,12 +72,13 @@ static uint64_t bits_set(const dump_span &file, uint64_t first, uint64_t end)
     uint64_t set = 0;
 
     for (; end - first >= 64; first += 64)
-        set += (uint64_t)__builtin_popcountll(file.at<uint64_t>(BITMAP + first / 8));
+        set += static_cast<uint64_t>(__builtin_popcountll(file.at<uint64_t>(BITMAP + first / 8)));
     while (first < end) {
         const uint64_t bits = std::min<uint64_t>(end - first, 8);
         const unsigned mask = (1u << bits) - 1;
 
-        set += (uint64_t)__builtin_popcount(file.at<uint8_t>(BITMAP + first / 8) & mask);
+        set +=
+            static_cast<uint64_t>(__builtin_popcount(file.at<uint8_t>(BITMAP + first / 8) & mask));
         first += bits;
     }
     return set;
@@ -209,7 +211,7 @@ static enum memory_result translate(const memory_dump &memory, uint64_t address,
         return MEMORY_UNMAPPED;
     for (unsigned shift = 39;; shift -= 9) {
         const bool last = shift == 12;
-        const uint64_t within = ((uint64_t)1 << shift) - 1;
+        const uint64_t within = (static_cast<uint64_t>(1) << shift) - 1;
         uint64_t entry;
 
         if (!read_physical(memory, table + 8 * ((address >> shift) & 0x1FF), &entry, sizeof entry))
@@ -230,13 +232,13 @@ static enum memory_result translate(const memory_dump &memory, uint64_t address,
 enum memory_result memory_dump_read(const memory_dump &memory, uint64_t address, void *out,
                                     size_t bytes)
 {
-    uint8_t *to = (uint8_t *)out;
+    uint8_t *to = static_cast<uint8_t *>(out);
 
     if (address > UINT64_MAX - bytes)
         return MEMORY_UNMAPPED;
     while (bytes > 0) {
-        const size_t part =
-            (size_t)std::min<uint64_t>(bytes, MEMORY_PAGE_BYTES - address % MEMORY_PAGE_BYTES);
+        const size_t part = static_cast<size_t>(
+            std::min<uint64_t>(bytes, MEMORY_PAGE_BYTES - address % MEMORY_PAGE_BYTES));
         uint64_t physical = 0;
         const enum memory_result result = translate(memory, address, &physical);
 

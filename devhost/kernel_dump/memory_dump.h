@@ -18,7 +18,7 @@
 
 #include "kernel_dump_internal.h"
 
-#define MEMORY_PAGE_BYTES 0x1000u
+static constexpr uint32_t MEMORY_PAGE_BYTES = 0x1000u;
 
 /* Pages that follow each other in the file and in the machine. */
 struct memory_run {

@@ -3,16 +3,17 @@
 
 #include <cstring>
 
-#define PAGE_BYTES  0x1000ull
-#define ENTRY_FRAME 0x000FFFFFFFFFF000ull
+static constexpr uint64_t PAGE_BYTES = 0x1000ull;
+static constexpr uint64_t ENTRY_FRAME = 0x000FFFFFFFFFF000ull;
 /* The list and its texts are 1 GiB apart, so that a page of that size contains only the texts. */
-#define LIST_BASE  0xFFFFE00000000000ull
-#define TEXTS_BASE 0xFFFFE00040000000ull
-#define NAME_TEXT  0x800u /* offset of the file name in a module's page of texts */
+static constexpr uint64_t LIST_BASE = 0xFFFFE00000000000ull;
+static constexpr uint64_t TEXTS_BASE = 0xFFFFE00040000000ull;
+static constexpr uint32_t NAME_TEXT =
+    0x800u; /* offset of the file name in a module's page of texts */
 
-memory_model::memory_model(const dump_model &machine, unsigned large) : m_machine(machine)
+memory_model::memory_model(const dump_model &machine, unsigned large) : machine_(machine)
 {
-    m_directory_table = new_page();
+    directory_table_ = new_page();
     if (large > 12) {
         map(machine.loaded_modules, large);
         map(TEXTS_BASE, large);
@@ -35,16 +36,16 @@ uint64_t memory_model::text_of(size_t module)
 /* Leaves gaps between page numbers, so that file offsets do not follow from the number alone. */
 uint64_t memory_model::new_page()
 {
-    const uint64_t number = 0x100 + m_taken + m_taken / 3 * 2;
+    const uint64_t number = 0x100 + taken_ + taken_ / 3 * 2;
 
-    m_taken++;
-    m_pages[number] = memory_page(PAGE_BYTES);
+    taken_++;
+    pages_[number] = memory_page(PAGE_BYTES);
     return number * PAGE_BYTES;
 }
 
 uint64_t memory_model::get_physical(uint64_t place) const
 {
-    const memory_page &page = m_pages.at(place / PAGE_BYTES);
+    const memory_page &page = pages_.at(place / PAGE_BYTES);
     uint64_t value;
 
     memcpy(&value, &page[place % PAGE_BYTES], sizeof value);
@@ -53,14 +54,14 @@ uint64_t memory_model::get_physical(uint64_t place) const
 
 void memory_model::put_physical(uint64_t place, uint64_t value)
 {
-    memory_page &page = m_pages.at(place / PAGE_BYTES);
+    memory_page &page = pages_.at(place / PAGE_BYTES);
 
     memcpy(&page[place % PAGE_BYTES], &value, sizeof value);
 }
 
 uint64_t memory_model::entry_place(uint64_t address, unsigned shift) const
 {
-    uint64_t table = m_directory_table;
+    uint64_t table = directory_table_;
 
     for (unsigned level = 39;; level -= 9) {
         const uint64_t place = table + 8 * ((address >> level) % 512);
@@ -86,7 +87,7 @@ void memory_model::map(uint64_t address, unsigned shift)
     if (shift == 12)
         put_physical(place, new_page() | MEMORY_PRESENT | 0x8000000000000062);
     else
-        put_physical(place, (++m_large_taken << shift) | MEMORY_PRESENT | MEMORY_LARGE | 0x1000);
+        put_physical(place, (++large_taken_ << shift) | MEMORY_PRESENT | MEMORY_LARGE | 0x1000);
 }
 
 bool memory_model::find(uint64_t address, uint64_t *physical) const
@@ -120,10 +121,10 @@ void memory_model::put(uint64_t address, uint64_t value, size_t bytes)
             place = physical(address + i);
         }
         /* A large page contains only the 4 KiB parts that are written. */
-        memory_page &page = m_pages[place / PAGE_BYTES];
+        memory_page &page = pages_[place / PAGE_BYTES];
 
         page.resize(PAGE_BYTES);
-        page[place % PAGE_BYTES] = (uint8_t)(value >> (8 * i));
+        page[place % PAGE_BYTES] = static_cast<uint8_t>(value >> (8 * i));
     }
 }
 
@@ -140,20 +141,20 @@ void memory_model::put_text(uint64_t field, uint64_t address, const std::u16stri
 
 void memory_model::put_list()
 {
-    const size_t count = m_machine.modules.size();
+    const size_t count = machine_.modules.size();
 
     for (size_t i = 0; i <= count; i++) {
-        const uint64_t before = i == 0 ? m_machine.loaded_modules : entry_of(i - 1);
-        const uint64_t after = i == count ? m_machine.loaded_modules : entry_of(i);
+        const uint64_t before = i == 0 ? machine_.loaded_modules : entry_of(i - 1);
+        const uint64_t after = i == count ? machine_.loaded_modules : entry_of(i);
 
         put(before + MEMORY_NEXT, after, 8);
         put(after + MEMORY_PREVIOUS, before, 8);
     }
     for (size_t i = 0; i < count; i++) {
-        const std::u16string &path = m_machine.modules[i].path;
+        const std::u16string &path = machine_.modules[i].path;
 
-        put(entry_of(i) + MEMORY_BASE, m_machine.modules[i].base, 8);
-        put(entry_of(i) + MEMORY_SIZE, m_machine.modules[i].bytes, 4);
+        put(entry_of(i) + MEMORY_BASE, machine_.modules[i].base, 8);
+        put(entry_of(i) + MEMORY_SIZE, machine_.modules[i].bytes, 4);
         put_text(entry_of(i) + MEMORY_PATH, text_of(i), path);
         put_text(entry_of(i) + MEMORY_NAME, text_of(i) + NAME_TEXT,
                  path.substr(path.rfind(u'\\') + 1));
@@ -162,30 +163,31 @@ void memory_model::put_list()
 
 void memory_model::drop(uint64_t physical)
 {
-    m_pages.erase(physical / PAGE_BYTES);
+    pages_.erase(physical / PAGE_BYTES);
 }
 
 std::vector<uint64_t> memory_model::pages() const
 {
     std::vector<uint64_t> numbers;
 
-    for (const auto &page : m_pages)
+    for (const auto &page : pages_)
         numbers.push_back(page.first);
     return numbers;
 }
 
 uint64_t memory_model::first_place(enum memory_layout layout) const
 {
-    const uint64_t bitmap_end = MEMORY_BITS + m_pages.rbegin()->first / 8 + 2;
+    const uint64_t bitmap_end = MEMORY_BITS + pages_.rbegin()->first / 8 + 2;
 
     return layout == MEMORY_RUNS ? 0x2000 : (bitmap_end + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
 }
 
 uint64_t memory_model::place_in_file(uint64_t physical, enum memory_layout layout) const
 {
-    const auto page = m_pages.find(physical / PAGE_BYTES);
+    const auto page = pages_.find(physical / PAGE_BYTES);
 
-    return first_place(layout) + (uint64_t)std::distance(m_pages.begin(), page) * PAGE_BYTES +
+    return first_place(layout) +
+           static_cast<uint64_t>(std::distance(pages_.begin(), page)) * PAGE_BYTES +
            physical % PAGE_BYTES;
 }
 
@@ -207,40 +209,40 @@ void memory_model::put_runs(std::vector<uint8_t> *dump) const
         next = number + 1;
     }
     dump_put(dump, MEMORY_RUN_COUNT, runs, 4);
-    dump_put(dump, MEMORY_RUN_PAGES, m_pages.size(), 8);
+    dump_put(dump, MEMORY_RUN_PAGES, pages_.size(), 8);
 }
 
 /* The number of bits is not a multiple of 8. The unused bits of the last byte are set, although no
  * page exists for them. */
 void memory_model::put_bitmap(std::vector<uint8_t> *dump, enum memory_layout layout) const
 {
-    const uint64_t last = m_pages.rbegin()->first;
+    const uint64_t last = pages_.rbegin()->first;
     const uint64_t bits = last + 1 + (last % 8 == 7);
 
     dump_put(dump, MEMORY_BITMAP, layout == MEMORY_SDMP ? 0x504D4453 : 0x504D4446, 4);
     dump_put(dump, MEMORY_BITMAP + 4, 0x504D5544, 4);
     dump_put(dump, MEMORY_FIRST_PAGE, first_place(layout), 8);
-    dump_put(dump, MEMORY_BITMAP_PRESENT, m_pages.size(), 8);
+    dump_put(dump, MEMORY_BITMAP_PRESENT, pages_.size(), 8);
     dump_put(dump, MEMORY_BITMAP_BITS, bits, 8);
     dump->resize(first_place(layout));
     for (const uint64_t number : pages())
-        (*dump)[MEMORY_BITS + number / 8] |= (uint8_t)(1u << (number % 8));
+        (*dump)[MEMORY_BITS + number / 8] |= static_cast<uint8_t>(1u << (number % 8));
     for (uint64_t bit = bits; bit % 8 != 0; bit++)
-        (*dump)[MEMORY_BITS + bit / 8] |= (uint8_t)(1u << (bit % 8));
+        (*dump)[MEMORY_BITS + bit / 8] |= static_cast<uint8_t>(1u << (bit % 8));
 }
 
 std::vector<uint8_t> memory_model::build(uint32_t kind, enum memory_layout layout) const
 {
-    std::vector<uint8_t> dump = dump_build(m_machine);
+    std::vector<uint8_t> dump = dump_build(machine_);
 
     dump.resize(0x2000);
-    dump_put(&dump, 0x10, m_directory_table | 0x18, 8);
+    dump_put(&dump, 0x10, directory_table_ | 0x18, 8);
     dump_put(&dump, DUMP_KIND, kind, 4);
     if (layout == MEMORY_RUNS)
         put_runs(&dump);
     else
         put_bitmap(&dump, layout);
-    for (const auto &page : m_pages)
+    for (const auto &page : pages_)
         dump.insert(dump.end(), page.second.begin(), page.second.end());
     return dump;
 }

@@ -92,11 +92,11 @@ class memory_model
     void put_runs(std::vector<uint8_t> *dump) const;
     void put_bitmap(std::vector<uint8_t> *dump, enum memory_layout layout) const;
 
-    dump_model m_machine;
-    std::map<uint64_t, memory_page> m_pages; /* by page number */
-    uint64_t m_taken = 0;                    /* pages allocated */
-    uint64_t m_large_taken = 0;
-    uint64_t m_directory_table = 0;
+    dump_model machine_;
+    std::map<uint64_t, memory_page> pages_; /* by page number */
+    uint64_t taken_ = 0;                    /* pages allocated */
+    uint64_t large_taken_ = 0;
+    uint64_t directory_table_ = 0;
 };
 
 #endif

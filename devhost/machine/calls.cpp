@@ -1,8 +1,8 @@
 /* Every redirected call of the plug-in passes through run_call. Host's one thread. */
 #include "calls.h"
 
-#include <stdint.h>
-#include <string.h>
+#include <cstdint>
+#include <cstring>
 
 #include <array>
 #include <map>
@@ -17,8 +17,8 @@
 
 /* More than any call of the table takes, log lines included. Reading the places of arguments that
  * were not passed reads what lies above them on the caller's stack, which is not used. */
-#define ARGUMENTS 18
-#define ROWS      (sizeof(s_rows) / sizeof(s_rows[0]))
+static constexpr int ARGUMENTS = 18;
+static constexpr size_t ROWS = sizeof(s_rows) / sizeof(s_rows[0]);
 
 typedef uint64_t (*any_call_fn)(uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
                                 uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t,
@@ -94,13 +94,13 @@ static std::string subscriber_text(uint64_t value)
     const oxni_subscriber_attr *attr =
         oxni_subscriber_get_attr(reinterpret_cast<oxni_subscriber *>(value));
 
-    return attr != NULL ? text_format("%s/%s", attr->ns, attr->name) : "null";
+    return attr != nullptr ? text_format("%s/%s", attr->ns, attr->name) : "null";
 }
 
 /* "SeSecurityPrivilege enabled" */
 static std::string privilege_text(const TOKEN_PRIVILEGES *wanted)
 {
-    if (wanted == NULL || wanted->PrivilegeCount == 0)
+    if (wanted == nullptr || wanted->PrivilegeCount == 0)
         return "null";
     const LUID_AND_ATTRIBUTES &first = wanted->Privileges[0];
     return machine_privilege_name(first.Luid.LowPart) +
@@ -137,7 +137,7 @@ static std::string arguments_text(const call_row &row, const uint64_t *arguments
     std::string text;
 
     for (size_t i = 0; row.arguments[i] != '\0'; i++)
-        if (strchr(".onNO", row.arguments[i]) == NULL)
+        if (strchr(".onNO", row.arguments[i]) == nullptr)
             text += (text.empty() ? "" : ", ") + value_text(row.arguments[i], arguments[i]);
     return text;
 }
@@ -169,7 +169,7 @@ static void set_outputs(const call_row &row, uint32_t error, const uint64_t *arg
         else if (row.arguments[i] == 'N' && wants_room)
             *reinterpret_cast<uint32_t *>(arguments[i]) = 0x10000;
         else if (row.arguments[i] == 'O')
-            *reinterpret_cast<void **>(arguments[i]) = NULL;
+            *reinterpret_cast<void **>(arguments[i]) = nullptr;
         else if (row.arguments[i] == 'J')
             json_decref(reinterpret_cast<json_t *>(arguments[i]));
     }
@@ -200,7 +200,7 @@ static void trace_call(const call_row &row, const std::string &arguments, uint64
 
     if (row.result != 'v')
         text += " = " + value_text(row.result, result);
-    if (strchr("BAI", row.failing) != NULL)
+    if (strchr("BAI", row.failing) != nullptr)
         if (result == failed_result(row, 0))
             text += text_format(" error %lu", error);
     s_trace(planned ? text + " (made to fail)" : text, s_trace_user);
@@ -231,7 +231,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
 
     /* Formatted before the call, which may overwrite them. */
     error = GetLastError();
-    if (s_trace != NULL)
+    if (s_trace != nullptr)
         arguments = arguments_text(row, a);
     state.total++;
     planned = failure_due(row, state, a, &planned_error);
@@ -240,7 +240,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
         result = failed_result(row, planned_error);
         set_outputs(row, planned_error, a);
         state.failed++;
-        if (strchr("BAI", row.failing) != NULL)
+        if (strchr("BAI", row.failing) != nullptr)
             SetLastError(planned_error);
     } else {
         result = state.target(a[0], a[1], a[2], a[3], a[4], a[5], a[6], a[7], a[8], a[9], a[10],
@@ -248,12 +248,12 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     }
     error = GetLastError();
     /* Closing INVALID_HANDLE_VALUE succeeds on Windows, too. */
-    if (state.handles != NULL &&
+    if (state.handles != nullptr &&
         (state.handles->change > 0 || reinterpret_cast<HANDLE>(a[0]) != INVALID_HANDLE_VALUE))
         count_handle(row, *state.handles, result);
-    if (s_trace != NULL)
+    if (s_trace != nullptr)
         trace_call(row, arguments, result, error, planned);
-    if (state.watch != NULL)
+    if (state.watch != nullptr)
         state.watch(a, result);
     SetLastError(error);
     return result;
@@ -291,7 +291,7 @@ static void *stand_in(const char *name)
     for (void *(*find)(const char *) : finders)
         if (void *function = find(name))
             return function;
-    return NULL;
+    return nullptr;
 }
 
 /* Row of an import; ROWS when the table has none. */
@@ -311,7 +311,7 @@ static void patch_entry(void **entry, size_t index)
     void *function = stand_in(s_rows[index].name);
     void *real = imports_redirect(entry, reinterpret_cast<void *>(s_thunks[index]));
 
-    s_calls[index].target = reinterpret_cast<any_call_fn>(function != NULL ? function : real);
+    s_calls[index].target = reinterpret_cast<any_call_fn>(function != nullptr ? function : real);
     for (const handle_call &call : s_handle_calls)
         if (strcmp(call.name, s_rows[index].name) == 0)
             s_calls[index].handles = &call;
@@ -335,7 +335,7 @@ void calls_set_trace(calls_trace_fn fn, void *user)
 
 void calls_trace(const std::string &text)
 {
-    if (s_trace != NULL)
+    if (s_trace != nullptr)
         s_trace(text, s_trace_user);
 }
 
@@ -368,7 +368,7 @@ bool calls_can_fail(const std::string &name, uint32_t error)
 {
     size_t index = find_failing(name);
 
-    return index < ROWS && (error != 0 || strchr("BAIE", s_rows[index].failing) == NULL);
+    return index < ROWS && (error != 0 || strchr("BAIE", s_rows[index].failing) == nullptr);
 }
 
 std::vector<std::string> calls_failing(void)
@@ -385,7 +385,7 @@ std::vector<uint32_t> calls_errors(const std::string &name)
 {
     size_t index = find_failing(name);
 
-    if (index == ROWS || strchr("BAIE", s_rows[index].failing) == NULL)
+    if (index == ROWS || strchr("BAIE", s_rows[index].failing) == nullptr)
         return {0};
     for (const call_errors &row : s_errors)
         if (name == row.name)

@@ -6,7 +6,7 @@
 #ifndef DEVHOST_CALLS_H
 #define DEVHOST_CALLS_H
 
-#include <stdint.h>
+#include <cstdint>
 #include <windows.h>
 
 #include <string>

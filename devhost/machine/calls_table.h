@@ -14,7 +14,7 @@
 #ifndef DEVHOST_CALLS_TABLE_H
 #define DEVHOST_CALLS_TABLE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <vector>
 

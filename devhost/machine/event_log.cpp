@@ -4,21 +4,21 @@
  */
 #include "machine.h"
 
-#include <string.h>
+#include <cstring>
 
 #include "../base/text.h"
 #include "stand_in.h"
 
-#define RECORD_SIGNATURE    0x654c664cu /* "LfLe" */
-#define RECORD_HEADER_BYTES 56u
-#define COMPUTER            L"DESKTOP"
+static constexpr uint32_t RECORD_SIGNATURE = 0x654c664cu; /* "LfLe" */
+static constexpr uint32_t RECORD_HEADER_BYTES = 56u;
+static constexpr wchar_t COMPUTER[] = L"DESKTOP";
 
 /* Every third record was logged by an account, every fourth has data, so that a reader takes the
  * offsets from the header. */
 static const unsigned char s_system_sid[] = {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}; /* S-1-5-18 */
 static const unsigned char s_data[] = {0, 0, 0, 0, 2, 0, 0x50, 0};
 
-#define MAX_READ_BYTES 0x7ffffu /* documented for ReadEventLogW */
+static constexpr uint32_t MAX_READ_BYTES = 0x7ffffu; /* documented for ReadEventLogW */
 
 struct open_log {
     bool is_system;  /* all other logs are empty */
@@ -116,11 +116,11 @@ void machine_open_event_log(void)
 
 static HANDLE WINAPI stand_in_OpenEventLogW(const wchar_t *server, const wchar_t *source)
 {
-    const HANDLE none = NULL, handle = machine_new_handle();
+    const HANDLE none = nullptr, handle = machine_new_handle();
 
-    if (server != NULL && *server != L'\0')
+    if (server != nullptr && *server != L'\0')
         return stand_in_fail(RPC_S_SERVER_UNAVAILABLE, none);
-    if (source == NULL)
+    if (source == nullptr)
         return stand_in_fail(ERROR_INVALID_PARAMETER, none);
     if (lstrcmpiW(source, L"Security") == 0 && !machine_token_has_enabled("SeSecurityPrivilege"))
         return stand_in_fail(ERROR_PRIVILEGE_NOT_HELD, none);
@@ -200,8 +200,8 @@ static BOOL WINAPI stand_in_ReadEventLogW(HANDLE handle, DWORD flags, DWORD offs
     if (log == s_open_logs.end())
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
     if (!is_one_of(flags, EVENTLOG_SEQUENTIAL_READ, EVENTLOG_SEEK_READ) ||
-        !is_one_of(flags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) || buffer == NULL ||
-        bytes > MAX_READ_BYTES || read == NULL || needed == NULL)
+        !is_one_of(flags, EVENTLOG_FORWARDS_READ, EVENTLOG_BACKWARDS_READ) || buffer == nullptr ||
+        bytes > MAX_READ_BYTES || read == nullptr || needed == nullptr)
         return stand_in_fail(ERROR_INVALID_PARAMETER, FALSE);
     pack_new_records();
     if (!enter_log(log->second, flags, offset))

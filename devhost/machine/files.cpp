@@ -9,7 +9,8 @@
 #include "../base/text.h"
 #include "stand_in.h"
 
-#define TIME_RIGHTS (FILE_WRITE_ATTRIBUTES | GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED)
+static constexpr DWORD TIME_RIGHTS =
+    FILE_WRITE_ATTRIBUTES | GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED;
 
 struct open_file {
     std::wstring real_path; /* in lower case */
@@ -31,7 +32,7 @@ static FILETIME filetime_of(uint64_t time)
 static std::wstring full_path(const std::wstring &path)
 {
     wchar_t full[1024];
-    DWORD chars = GetFullPathNameW(path.c_str(), ARRAYSIZE(full), full, NULL);
+    DWORD chars = GetFullPathNameW(path.c_str(), ARRAYSIZE(full), full, nullptr);
 
     return chars > 0 && chars < ARRAYSIZE(full) ? full : path;
 }
@@ -57,7 +58,7 @@ static void make_parents(const std::wstring &real_path)
 {
     for (size_t at = real_path.find(L'\\', 3); at != std::wstring::npos;
          at = real_path.find(L'\\', at + 1))
-        CreateDirectoryW(real_path.substr(0, at).c_str(), NULL);
+        CreateDirectoryW(real_path.substr(0, at).c_str(), nullptr);
 }
 
 /* Whether Windows takes a path at all: not empty, and not beyond MAX_PATH without the prefix. */
@@ -69,13 +70,14 @@ static bool is_usable(const std::wstring &path)
 static HANDLE open_real(const wchar_t *path, DWORD access, DWORD share, DWORD disposition,
                         DWORD flags)
 {
-    if (path == NULL || !is_usable(path))
+    if (path == nullptr || !is_usable(path))
         return stand_in_fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
     if (disposition == TRUNCATE_EXISTING && (access & (GENERIC_WRITE | GENERIC_ALL)) == 0)
         return stand_in_fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
     const std::wstring real_path = machine_real_path(path), lower = text_lower(real_path);
     bool existed = GetFileAttributesW(real_path.c_str()) != INVALID_FILE_ATTRIBUTES;
-    HANDLE handle = CreateFileW(real_path.c_str(), access, share, NULL, disposition, flags, NULL);
+    HANDLE handle =
+        CreateFileW(real_path.c_str(), access, share, nullptr, disposition, flags, nullptr);
     DWORD error = GetLastError();
 
     if (handle == INVALID_HANDLE_VALUE)
@@ -107,9 +109,9 @@ static HANDLE WINAPI stand_in_CreateFileA(const char *path, DWORD access, DWORD 
 
     (void)security;
     (void)template_file;
-    if (path != NULL && MultiByteToWideChar(CP_ACP, 0, path, -1, wide, ARRAYSIZE(wide)) == 0)
+    if (path != nullptr && MultiByteToWideChar(CP_ACP, 0, path, -1, wide, ARRAYSIZE(wide)) == 0)
         return stand_in_fail(ERROR_FILENAME_EXCED_RANGE, INVALID_HANDLE_VALUE);
-    return open_real(path != NULL ? wide : NULL, access, share, disposition, flags);
+    return open_real(path != nullptr ? wide : nullptr, access, share, disposition, flags);
 }
 
 static BOOL WINAPI stand_in_WriteFile(HANDLE handle, const void *buffer, DWORD bytes,
@@ -134,7 +136,7 @@ static BOOL WINAPI stand_in_CloseHandle(HANDLE handle)
         FILETIME now = filetime_of(oxnih_clock_now_100ns());
 
         if (file->second.changed && !file->second.time_set)
-            SetFileTime(handle, NULL, NULL, &now);
+            SetFileTime(handle, nullptr, nullptr, &now);
         s_open_files.erase(file);
     }
     return CloseHandle(handle);
@@ -159,9 +161,9 @@ static BOOL WINAPI stand_in_GetFileTime(HANDLE handle, FILETIME *created, FILETI
         return FALSE;
     if (file == s_open_files.end())
         return TRUE;
-    if (created != NULL)
+    if (created != nullptr)
         set_created(file->second.real_path, created);
-    if (accessed != NULL)
+    if (accessed != nullptr)
         *accessed = filetime_of(oxnih_clock_now_100ns());
     return TRUE;
 }
@@ -171,7 +173,7 @@ static BOOL WINAPI stand_in_GetFileInformationByHandle(HANDLE handle,
 {
     auto file = s_open_files.find(handle);
 
-    if (information == NULL)
+    if (information == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     if (!GetFileInformationByHandle(handle, information))
         return FALSE;
@@ -193,8 +195,8 @@ static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
         return FALSE;
     if (file == s_open_files.end())
         return TRUE;
-    file->second.time_set = file->second.time_set || written != NULL;
-    if (created != NULL)
+    file->second.time_set = file->second.time_set || written != nullptr;
+    if (created != nullptr)
         machine_get().created_100ns[file->second.real_path] =
             (static_cast<uint64_t>(created->dwHighDateTime) << 32) | created->dwLowDateTime;
     return TRUE;
@@ -208,9 +210,9 @@ static void set_found_created(HANDLE search, WIN32_FIND_DATAW *data)
 
 static HANDLE WINAPI stand_in_FindFirstFileW(const wchar_t *pattern, WIN32_FIND_DATAW *data)
 {
-    if (pattern == NULL || !is_usable(pattern))
+    if (pattern == nullptr || !is_usable(pattern))
         return stand_in_fail(ERROR_PATH_NOT_FOUND, INVALID_HANDLE_VALUE);
-    if (data == NULL)
+    if (data == nullptr)
         return stand_in_fail(ERROR_NOACCESS, INVALID_HANDLE_VALUE);
     const std::wstring real_path = machine_real_path(pattern);
     HANDLE search = FindFirstFileW(real_path.c_str(), data);
@@ -239,7 +241,7 @@ static BOOL WINAPI stand_in_FindClose(HANDLE search)
 
 static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
 {
-    if (path == NULL || !is_usable(path))
+    if (path == nullptr || !is_usable(path))
         return stand_in_fail(ERROR_PATH_NOT_FOUND, FALSE);
     const std::wstring real_path = machine_real_path(path);
     if (!DeleteFileW(real_path.c_str()))
@@ -253,8 +255,8 @@ void machine_hold_file(const std::wstring &path, DWORD share)
     const std::wstring real_path = machine_real_path(path);
 
     machine_release_file(path);
-    HANDLE file = CreateFileW(real_path.c_str(), GENERIC_READ | GENERIC_WRITE, share, NULL,
-                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE file = CreateFileW(real_path.c_str(), GENERIC_READ | GENERIC_WRITE, share, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         throw devhost_error(EXIT_BAD_CALL, text_format("%s: cannot be held open, error %lu",
                                                        text_narrow(path).c_str(), GetLastError()));
@@ -309,7 +311,7 @@ std::wstring machine_expand(const std::wstring &text)
 static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
                                                        DWORD size)
 {
-    if (source == NULL || (buffer == NULL && size != 0))
+    if (source == nullptr || (buffer == nullptr && size != 0))
         return stand_in_fail(ERROR_INVALID_PARAMETER, 0ul);
     const std::wstring expanded = machine_expand(source);
     if (expanded.size() < size)
@@ -326,11 +328,11 @@ void machine_write_file(const std::wstring &path, const std::string &bytes, uint
     HANDLE file;
 
     make_parents(real_path);
-    file = CreateFileW(real_path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, NULL,
-                       CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
+    file = CreateFileW(real_path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                       nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE ||
-        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, NULL) ||
-        !SetFileTime(file, NULL, NULL, &written)) {
+        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr) ||
+        !SetFileTime(file, nullptr, nullptr, &written)) {
         DWORD error = GetLastError();
 
         if (file != INVALID_HANDLE_VALUE)
@@ -370,7 +372,7 @@ machine_times machine_file_times(const std::wstring &path)
 std::string machine_read_real_file(const std::wstring &real_path, int status)
 {
     HANDLE file = CreateFileW(real_path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                              NULL, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     DWORD error = GetLastError(), count = 0;
     LARGE_INTEGER size = {};
     std::string bytes;
@@ -381,7 +383,7 @@ std::string machine_read_real_file(const std::wstring &real_path, int status)
                                                 text_narrow(real_path).c_str(), error));
     GetFileSizeEx(file, &size);
     bytes.resize(static_cast<size_t>(size.QuadPart));
-    complete = ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, NULL) &&
+    complete = ReadFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &count, nullptr) &&
                count == bytes.size();
     error = GetLastError();
     CloseHandle(file);

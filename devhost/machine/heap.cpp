@@ -1,9 +1,9 @@
 /* Lists of free blocks, one for each size. */
 #include "heap.h"
 
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include <algorithm>
 #include <string>
@@ -15,15 +15,16 @@
 
 /* A span is cut into blocks of one class, which is a size: steps of 16 bytes up to 512, and above it
  * four to each doubling. */
-#define SPAN_SHIFT    18u
-#define SPAN_BYTES    (static_cast<size_t>(1) << SPAN_SHIFT)
-#define SPANS         (static_cast<size_t>(1) << 14) /* 4 GiB of address space */
-#define STEP_BYTES    16u
-#define SMALL_SHIFT   9u
-#define SMALL_BYTES   (static_cast<size_t>(1) << SMALL_SHIFT)
-#define SMALL_CLASSES (SMALL_BYTES / STEP_BYTES)
-#define LARGEST_BYTES (SPAN_BYTES / 2)
-#define CLASSES       (SMALL_CLASSES + static_cast<size_t>(4) * (SPAN_SHIFT - 1 - SMALL_SHIFT))
+static constexpr uint32_t SPAN_SHIFT = 18u;
+static constexpr size_t SPAN_BYTES = static_cast<size_t>(1) << SPAN_SHIFT;
+static constexpr size_t SPANS = static_cast<size_t>(1) << 14; /* 4 GiB of address space */
+static constexpr uint32_t STEP_BYTES = 16u;
+static constexpr uint32_t SMALL_SHIFT = 9u;
+static constexpr size_t SMALL_BYTES = static_cast<size_t>(1) << SMALL_SHIFT;
+static constexpr size_t SMALL_CLASSES = SMALL_BYTES / STEP_BYTES;
+static constexpr size_t LARGEST_BYTES = SPAN_BYTES / 2;
+static constexpr size_t CLASSES =
+    (SMALL_CLASSES + static_cast<size_t>(4) * (SPAN_SHIFT - 1 - SMALL_SHIFT));
 
 struct free_block {
     free_block *next;
@@ -86,7 +87,8 @@ static bool add_span(size_t which)
 {
     uint8_t *span = s_heap.base + s_heap.spans * SPAN_BYTES;
 
-    if (s_heap.spans == SPANS || VirtualAlloc(span, SPAN_BYTES, MEM_COMMIT, PAGE_READWRITE) == NULL)
+    if (s_heap.spans == SPANS ||
+        VirtualAlloc(span, SPAN_BYTES, MEM_COMMIT, PAGE_READWRITE) == nullptr)
         return false;
     s_heap.span_class[s_heap.spans++] = static_cast<uint8_t>(which);
     s_heap.unused[which] = span;
@@ -99,12 +101,12 @@ static void *take(size_t which)
 {
     free_block *block = s_heap.free[which];
 
-    if (block != NULL) {
+    if (block != nullptr) {
         s_heap.free[which] = block->next;
         return block;
     }
     if (s_heap.unused[which] == s_heap.unused_end[which] && !add_span(which))
-        return NULL;
+        return nullptr;
     void *fresh = s_heap.unused[which];
     s_heap.unused[which] += class_bytes(which);
     return fresh;
@@ -133,9 +135,9 @@ static void clear_rest_of_new(void *block, size_t bytes)
 
 static void *heap_malloc(size_t bytes)
 {
-    void *block = bytes <= LARGEST_BYTES && is_our_thread() ? take(class_of(bytes)) : NULL;
+    void *block = bytes <= LARGEST_BYTES && is_our_thread() ? take(class_of(bytes)) : nullptr;
 
-    if (block == NULL)
+    if (block == nullptr)
         return s_real.malloc(bytes);
     clear_rest_of_new(block, bytes);
     return block;
@@ -148,7 +150,7 @@ static void *heap_calloc(size_t count, size_t bytes)
     if (__builtin_mul_overflow(count, bytes, &all) || all > LARGEST_BYTES || !is_our_thread())
         return s_real.calloc(count, bytes);
     void *block = heap_malloc(all);
-    return block != NULL ? memset(block, 0, all) : NULL;
+    return block != nullptr ? memset(block, 0, all) : nullptr;
 }
 
 static void heap_free(void *block)
@@ -167,7 +169,7 @@ static void heap_free(void *block)
 
 static void *heap_realloc(void *old, size_t bytes)
 {
-    if (old == NULL)
+    if (old == nullptr)
         return heap_malloc(bytes);
     if (!is_ours(old))
         return s_real.realloc(old, bytes);
@@ -177,10 +179,10 @@ static void *heap_realloc(void *old, size_t bytes)
         clear_rest(old, bytes);
         return old;
     }
-    void *block = bytes != 0 ? heap_malloc(bytes) : NULL;
-    if (block != NULL)
+    void *block = bytes != 0 ? heap_malloc(bytes) : nullptr;
+    if (block != nullptr)
         memcpy(block, old, std::min(bytes, size));
-    if (block != NULL || bytes == 0)
+    if (block != nullptr || bytes == 0)
         heap_free(old);
     return block;
 }
@@ -191,7 +193,7 @@ static std::vector<bool> free_blocks(void)
     std::vector<bool> is_free(s_heap.spans * (SPAN_BYTES / STEP_BYTES));
 
     for (const free_block *block : s_heap.free)
-        for (; block != NULL; block = block->next)
+        for (; block != nullptr; block = block->next)
             is_free[offset_of(block) / STEP_BYTES] = true;
     return is_free;
 }
@@ -223,7 +225,7 @@ void heap_redirect(HMODULE module)
         {"free",    reinterpret_cast<void *>(heap_free)   },
     };
 
-    if (s_heap.base == NULL || module == NULL)
+    if (s_heap.base == nullptr || module == nullptr)
         return;
     imports_each(module, [](const std::string &library, const char *name, void **entry) {
         if (library != "msvcrt.dll")
@@ -241,7 +243,7 @@ template <typename Function> static Function runtime_function(const char *name)
 
 void heap_open(void)
 {
-    static const wchar_t *const modules[] = {NULL, /* this program */
+    static const wchar_t *const modules[] = {nullptr, /* this program */
                                              L"liboxni_core.dll",
                                              L"liboxni_agentid.dll",
                                              L"libwdu_ejs.dll",
@@ -249,15 +251,15 @@ void heap_open(void)
                                              L"libwdu_jansson.dll",
                                              L"liboxnibase.dll"};
 
-    if (s_heap.base != NULL)
+    if (s_heap.base != nullptr)
         return;
     s_real = {runtime_function<decltype(&malloc)>("malloc"),
               runtime_function<decltype(&calloc)>("calloc"),
               runtime_function<decltype(&realloc)>("realloc"),
               runtime_function<decltype(&free)>("free")};
     s_heap.thread = GetCurrentThreadId();
-    s_heap.base =
-        static_cast<uint8_t *>(VirtualAlloc(NULL, SPANS * SPAN_BYTES, MEM_RESERVE, PAGE_NOACCESS));
+    s_heap.base = static_cast<uint8_t *>(
+        VirtualAlloc(nullptr, SPANS * SPAN_BYTES, MEM_RESERVE, PAGE_NOACCESS));
     for (const wchar_t *module : modules)
         heap_redirect(GetModuleHandleW(module));
     oxnih_memory_search_also(each_block);

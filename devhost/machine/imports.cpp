@@ -1,7 +1,7 @@
 /* The import table of a loaded module. */
 #include "imports.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <utility>
 

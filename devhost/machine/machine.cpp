@@ -4,10 +4,10 @@
 #include "../base/text.h"
 
 /* Real handles are small; stand-ins begin far above them. */
-#define FIRST_STAND_IN_HANDLE 0x40000000ull
+static constexpr uint64_t FIRST_STAND_IN_HANDLE = 0x40000000ull;
 
-#define CRASH_CONTROL_KEY     L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
-#define SERVICES_KEY          L"SYSTEM\\CurrentControlSet\\Services\\"
+static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
+#define SERVICES_KEY L"SYSTEM\\CurrentControlSet\\Services\\"
 
 struct machine &machine_get(void)
 {
@@ -54,7 +54,7 @@ void machine_open(const std::wstring &run_folder)
     machine_open_event_log();
     machine = {};
     machine.disk_folder = run_folder + L"\\disk";
-    CreateDirectoryW(machine.disk_folder.c_str(), NULL);
+    CreateDirectoryW(machine.disk_folder.c_str(), nullptr);
     machine.environment[L"systemroot"] = machine.windows_folder;
     machine.environment[L"windir"] = machine.windows_folder;
     machine.environment[L"systemdrive"] = machine.windows_folder.substr(0, 2);

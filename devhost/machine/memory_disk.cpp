@@ -1,7 +1,7 @@
 /* The calls of Windows for files, over a map from paths to bytes. */
 #include "memory_disk.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
 #include <map>
@@ -72,9 +72,9 @@ static HANDLE WINAPI stand_in_CreateFileW(const wchar_t *path, DWORD access, DWO
     file_ptr file = memory_file_find(key);
     if (disposition == TRUNCATE_EXISTING && !can(access, GENERIC_WRITE))
         return stand_in_fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
-    bool there = file != NULL, empties = disposition == CREATE_ALWAYS ||
-                                         disposition == CREATE_NEW ||
-                                         disposition == TRUNCATE_EXISTING;
+    bool there = file != nullptr, empties = disposition == CREATE_ALWAYS ||
+                                            disposition == CREATE_NEW ||
+                                            disposition == TRUNCATE_EXISTING;
     if (!there && (disposition == OPEN_EXISTING || disposition == TRUNCATE_EXISTING ||
                    !memory_is_folder(memory_parent(key))))
         return stand_in_fail(memory_missing(key), INVALID_HANDLE_VALUE);
@@ -192,11 +192,11 @@ static BOOL WINAPI stand_in_GetFileTime(HANDLE handle, FILETIME *created, FILETI
     if (open == s_open.end())
         return real_GetFileTime(handle, created, accessed, written);
     const memory_file &file = *open->second.file;
-    if (created != NULL)
+    if (created != nullptr)
         *created = file.created;
-    if (accessed != NULL)
+    if (accessed != nullptr)
         *accessed = file.accessed;
-    if (written != NULL)
+    if (written != nullptr)
         *written = file.written;
     return TRUE;
 }
@@ -210,11 +210,11 @@ static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
         return real_SetFileTime(handle, created, accessed, written);
     if (!can(open->second.access, GENERIC_WRITE, FILE_WRITE_ATTRIBUTES))
         return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
-    if (created != NULL)
+    if (created != nullptr)
         open->second.file->created = *created;
-    if (accessed != NULL)
+    if (accessed != nullptr)
         open->second.file->accessed = *accessed;
-    if (written != NULL)
+    if (written != nullptr)
         open->second.file->written = *written;
     return TRUE;
 }
@@ -256,7 +256,7 @@ static BOOL WINAPI stand_in_GetFileAttributesExW(const wchar_t *path, GET_FILEEX
     if (!memory_file_key(path, &key))
         return real_GetFileAttributesExW(path, level, information);
     file_ptr file = memory_file_find(key);
-    if (file == NULL)
+    if (file == nullptr)
         return stand_in_fail(memory_missing(key), FALSE);
     if (!file->real_path.empty())
         return real_GetFileAttributesExW(file->real_path.c_str(), level, information);
@@ -278,7 +278,7 @@ static BOOL WINAPI stand_in_CreateDirectoryW(const wchar_t *path, SECURITY_ATTRI
         return stand_in_fail(ERROR_ALREADY_EXISTS, FALSE);
     if (!memory_file_key(path, &key))
         return real_CreateDirectoryW(path, security);
-    if (memory_file_find(key) != NULL)
+    if (memory_file_find(key) != nullptr)
         return stand_in_fail(ERROR_ALREADY_EXISTS, FALSE);
     if (!memory_is_folder(memory_parent(key)))
         return stand_in_fail(ERROR_PATH_NOT_FOUND, FALSE);
@@ -294,7 +294,7 @@ static BOOL WINAPI stand_in_RemoveDirectoryW(const wchar_t *path)
         return real_RemoveDirectoryW(path);
     if (!memory_is_folder(key))
         return stand_in_fail<BOOL>(
-            memory_file_find(key) != NULL ? ERROR_DIRECTORY : memory_missing(key), FALSE);
+            memory_file_find(key) != nullptr ? ERROR_DIRECTORY : memory_missing(key), FALSE);
     auto inside = memory_files.lower_bound(key + L"\\");
     if (inside != memory_files.end() && inside->first.rfind(key + L"\\", 0) == 0)
         return stand_in_fail(ERROR_DIR_NOT_EMPTY, FALSE);
@@ -309,7 +309,7 @@ static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
     if (!memory_file_key(path, &key))
         return real_DeleteFileW(path);
     file_ptr file = memory_file_find(key);
-    if (file == NULL)
+    if (file == nullptr)
         return stand_in_fail(memory_missing(key), FALSE);
     if (file->is_folder)
         return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
@@ -339,7 +339,7 @@ static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key
     const DWORD all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const file_ptr file = memory_file_find(old_key), replaced = memory_file_find(new_key);
 
-    if (file == NULL)
+    if (file == nullptr)
         return memory_missing(old_key);
     if (is_held(file, DELETE, all))
         return ERROR_SHARING_VIOLATION;
@@ -347,7 +347,7 @@ static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key
         return memory_missing(new_key);
     if (file->is_folder && is_open(old_key))
         return ERROR_ACCESS_DENIED;
-    if (replaced == NULL || replaced == file) /* nor a folder into itself */
+    if (replaced == nullptr || replaced == file) /* nor a folder into itself */
         return new_key.rfind(old_key + L"\\", 0) == 0 ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
     if ((flags & MOVEFILE_REPLACE_EXISTING) == 0)
         return ERROR_ALREADY_EXISTS;
@@ -378,7 +378,7 @@ static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, 
     if (error != ERROR_SUCCESS)
         return stand_in_fail(error, FALSE);
     const file_ptr file = memory_file_find(old_key), replaced = memory_file_find(new_key);
-    if (replaced != NULL && replaced != file && !replaced->real_path.empty())
+    if (replaced != nullptr && replaced != file && !replaced->real_path.empty())
         real_DeleteFileW(replaced->real_path.c_str());
     memory_files.erase(old_key);
     memory_files[new_key] = file;
@@ -415,10 +415,10 @@ static void redirect(HMODULE module, bool maps)
                              ? reinterpret_cast<void *>(create_real_file)
                              : stand_in_find(s_stand_ins, name);
 
-        if (function == NULL)
+        if (function == nullptr)
             function = memory_search_stand_in(name);
 
-        if (function != NULL)
+        if (function != nullptr)
             imports_redirect(entry, function);
     });
 }
@@ -427,7 +427,7 @@ void memory_disk_open(const std::wstring &folder)
 {
     if (!memory_files_are_open()) {
         for (const wchar_t *module :
-             {static_cast<const wchar_t *>(NULL), L"liboxnibase.dll", L"libwdu_ejs.dll"})
+             {static_cast<const wchar_t *>(nullptr), L"liboxnibase.dll", L"libwdu_ejs.dll"})
             redirect(GetModuleHandleW(module), false);
         /* It opens streams for the plug-in only, which uses no other call on them. */
         memory_streams_redirect(GetModuleHandleW(L"liboxnibase.dll"), true);
@@ -448,7 +448,7 @@ std::string &memory_disk_file(const std::string &path)
     if (!memory_file_key(text_wide(path).c_str(), &key))
         throw devhost_error(EXIT_BAD_CALL, path + ": is not on the disk in memory");
     file_ptr file = memory_file_find(key);
-    return (file != NULL ? file : memory_file_make(key, text_wide(path).c_str(), false))->bytes;
+    return (file != nullptr ? file : memory_file_make(key, text_wide(path).c_str(), false))->bytes;
 }
 
 void memory_disk_delete(const std::string &path)

@@ -49,7 +49,7 @@ bool memory_file_key(const wchar_t *path, std::wstring *key)
     if (s_folder.empty())
         return false;
     if (!normalize_ascii(path, key)) {
-        DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, NULL);
+        DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, nullptr);
 
         *key = text_lower(std::wstring(chars < ARRAYSIZE(full) ? full : L""));
     }
@@ -73,7 +73,7 @@ file_ptr memory_file_find(const std::wstring &key)
 {
     auto file = memory_files.find(key);
 
-    return file == memory_files.end() ? NULL : file->second;
+    return file == memory_files.end() ? nullptr : file->second;
 }
 
 std::wstring memory_parent(const std::wstring &key)
@@ -85,7 +85,7 @@ bool memory_is_folder(const std::wstring &key)
 {
     file_ptr file = memory_file_find(key);
 
-    return key.empty() || (file != NULL && file->is_folder);
+    return key.empty() || (file != nullptr && file->is_folder);
 }
 
 DWORD memory_missing(const std::wstring &key)
@@ -109,7 +109,7 @@ std::wstring memory_file_name(const wchar_t *path)
 {
     const wchar_t *name = std::max(wcsrchr(path, L'\\'), wcsrchr(path, L'/'));
 
-    return name != NULL ? name + 1 : path;
+    return name != nullptr ? name + 1 : path;
 }
 
 file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool folder)
@@ -125,16 +125,17 @@ file_ptr memory_file_make(const std::wstring &key, const wchar_t *path, bool fol
 
 static bool write_real(const memory_file &file)
 {
-    HANDLE real =
-        real_CreateFileW(file.real_path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL);
+    HANDLE real = real_CreateFileW(file.real_path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                   0, nullptr);
     DWORD written = 0;
     bool done;
 
     if (real == INVALID_HANDLE_VALUE)
         return false;
-    done = real_WriteFile(real, file.bytes.data(), static_cast<DWORD>(file.bytes.size()), &written,
-                          NULL) &&
-           real_SetFileTime(real, NULL, NULL, &file.written); /* its times stay the machine's */
+    done =
+        real_WriteFile(real, file.bytes.data(), static_cast<DWORD>(file.bytes.size()), &written,
+                       nullptr) &&
+        real_SetFileTime(real, nullptr, nullptr, &file.written); /* its times stay the machine's */
     real_CloseHandle(real);
     return done;
 }

@@ -2,9 +2,9 @@
  * the platform's oxni_file_open_w. */
 #include "memory_disk_internal.h"
 
-#include <errno.h>
-#include <stdio.h>
-#include <string.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include <algorithm>
 
@@ -32,15 +32,15 @@ static file_ptr file_for(const std::wstring &key, const wchar_t *path, const wch
 {
     file_ptr file = memory_file_find(key);
 
-    if (file == NULL && (mode[0] == L'r' || !memory_is_folder(memory_parent(key)))) {
+    if (file == nullptr && (mode[0] == L'r' || !memory_is_folder(memory_parent(key)))) {
         errno = ENOENT;
-        return NULL;
+        return nullptr;
     }
-    if (file != NULL && file->is_folder) {
+    if (file != nullptr && file->is_folder) {
         errno = EACCES;
-        return NULL;
+        return nullptr;
     }
-    return file != NULL ? file : memory_file_make(key, path, false);
+    return file != nullptr ? file : memory_file_make(key, path, false);
 }
 
 static FILE *open_real_stream(const wchar_t *path, const wchar_t *mode)
@@ -50,22 +50,23 @@ static FILE *open_real_stream(const wchar_t *path, const wchar_t *mode)
     if (!memory_file_key(path, &key))
         return real__wfopen(path, mode);
     file_ptr file = file_for(key, path, mode);
-    return file != NULL && memory_file_make_real(file) ? real__wfopen(file->real_path.c_str(), mode)
-                                                       : NULL;
+    return file != nullptr && memory_file_make_real(file)
+               ? real__wfopen(file->real_path.c_str(), mode)
+               : nullptr;
 }
 
 static FILE *open_memory_stream(const wchar_t *path, const wchar_t *mode)
 {
-    const bool updates = wcschr(mode, L'+') != NULL;
+    const bool updates = wcschr(mode, L'+') != nullptr;
     std::wstring key;
 
     /* Appending and text modes are left to the C runtime. */
-    if ((mode[0] != L'r' && mode[0] != L'w') || wcschr(mode, L'b') == NULL ||
+    if ((mode[0] != L'r' && mode[0] != L'w') || wcschr(mode, L'b') == nullptr ||
         !memory_file_key(path, &key))
         return open_real_stream(path, mode);
     file_ptr file = file_for(key, path, mode);
-    if (file == NULL || !file->real_path.empty())
-        return file != NULL ? real__wfopen(file->real_path.c_str(), mode) : NULL;
+    if (file == nullptr || !file->real_path.empty())
+        return file != nullptr ? real__wfopen(file->real_path.c_str(), mode) : nullptr;
     if (mode[0] == L'w') {
         file->bytes.clear();
         file->written = memory_now();

@@ -22,7 +22,7 @@ static ULONGLONG WINAPI stand_in_GetTickCount64(void)
 /* Used for "dbghelp.dll", which the plug-in loads and frees only. */
 static HMODULE presence_module(void)
 {
-    return GetModuleHandleW(NULL);
+    return GetModuleHandleW(nullptr);
 }
 
 static HMODULE engine_module(void)
@@ -30,14 +30,14 @@ static HMODULE engine_module(void)
     wchar_t path[1024];
     DWORD chars;
 
-    if (s_engine != NULL)
+    if (s_engine != nullptr)
         return s_engine;
-    chars = GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
+    chars = GetModuleFileNameW(nullptr, path, ARRAYSIZE(path));
     while (chars > 0 && path[chars - 1] != L'\\')
         chars--;
     path[chars] = L'\0';
     s_engine = LoadLibraryW((std::wstring(path) + L"dbgeng.dll").c_str());
-    if (s_engine != NULL) {
+    if (s_engine != nullptr) {
         heap_redirect(s_engine);
         memory_disk_redirect(s_engine, true);
     }
@@ -47,11 +47,11 @@ static HMODULE engine_module(void)
 template <typename function> static function engine_function(const char *name)
 {
     HMODULE engine = engine_module();
-    function found = NULL;
+    function found = nullptr;
 
-    if (engine != NULL)
+    if (engine != nullptr)
         found = reinterpret_cast<function>(reinterpret_cast<void *>(GetProcAddress(engine, name)));
-    if (found == NULL)
+    if (found == nullptr)
         throw devhost_error(EXIT_NO_PLUGIN,
                             text_format("dbgeng.dll beside oxni_devhost.exe lacks %s (under Wine "
                                         "it is taken only with WINEDLLOVERRIDES=dbgeng=n,b)",
@@ -66,7 +66,7 @@ static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void
     std::wstring real_path = file != files.end() ? file->second : machine_real_path(path);
 
     (void)user;
-    if (s_watch != NULL)
+    if (s_watch != nullptr)
         s_watch("opens " + text_narrow(path));
     if (real_path.size() >= chars)
         return HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
@@ -77,22 +77,22 @@ static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void
 static void note_refusal(const wchar_t *path, HRESULT result, const char *reason, void *user)
 {
     (void)user;
-    if (s_watch != NULL)
+    if (s_watch != nullptr)
         s_watch(text_format("refuses %s: %s (0x%08lx)", text_narrow(path).c_str(), reason,
                             static_cast<unsigned long>(result)));
 }
 
 static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
 {
-    if (name == NULL)
-        return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HMODULE>(NULL));
+    if (name == nullptr)
+        return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HMODULE>(nullptr));
     std::wstring lower = text_lower(std::wstring(name));
 
     if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")
         return LoadLibraryW(name);
     if (!machine_get().has_engine) {
         SetLastError(ERROR_MOD_NOT_FOUND);
-        return NULL;
+        return nullptr;
     }
     return lower == L"dbgeng.dll" ? engine_module() : presence_module();
 }
@@ -111,7 +111,7 @@ static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
         if (machine_get().has_tick_count_64)
             return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(stand_in_GetTickCount64));
         SetLastError(ERROR_PROC_NOT_FOUND);
-        return NULL;
+        return nullptr;
     }
     return GetProcAddress(module, name);
 }
@@ -150,7 +150,7 @@ void machine_update_engine(void)
 
 void machine_reset_engine(void)
 {
-    if (s_engine != NULL)
+    if (s_engine != nullptr)
         machine_update_engine();
 }
 
@@ -174,7 +174,7 @@ std::string machine_engine_left(void)
 {
     struct engine_counts counts;
 
-    if (s_engine == NULL)
+    if (s_engine == nullptr)
         return "";
     engine_function<engine_counts_get_fn>("engine_counts_get")(&counts);
     if (counts.objects == 0 && counts.references == 0 && counts.callbacks == 0)

@@ -6,7 +6,7 @@
 #include "../base/text.h"
 #include "stand_in.h"
 
-#define AGENT_NAME L"oxni_agent.exe"
+static constexpr wchar_t AGENT_NAME[] = L"oxni_agent.exe";
 
 enum {
     SNAPSHOT_FLAGS = TH32CS_SNAPALL | TH32CS_SNAPMODULE32,
@@ -72,7 +72,7 @@ static BOOL WINAPI stand_in_Process32NextW(HANDLE handle, PROCESSENTRY32W *entry
 
     if (snapshot == s_snapshots.end())
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
-    if (entry == NULL)
+    if (entry == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     if (entry->dwSize < sizeof(*entry))
         return stand_in_fail(ERROR_BAD_LENGTH, FALSE);
@@ -98,12 +98,12 @@ static HANDLE WINAPI stand_in_OpenProcess(DWORD access, BOOL inherit, DWORD pid)
         if (process.pid != pid || pid == 0)
             continue;
         if (process.is_protected && (access & ~static_cast<DWORD>(PROTECTED_RIGHTS)) != 0)
-            return stand_in_fail(ERROR_ACCESS_DENIED, static_cast<HANDLE>(NULL));
+            return stand_in_fail(ERROR_ACCESS_DENIED, static_cast<HANDLE>(nullptr));
         HANDLE handle = machine_new_handle();
         s_processes[handle] = {process.created_100ns, access};
         return handle;
     }
-    return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HANDLE>(NULL));
+    return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HANDLE>(nullptr));
 }
 
 static BOOL WINAPI stand_in_GetProcessTimes(HANDLE handle, FILETIME *creation, FILETIME *exited,
@@ -119,7 +119,7 @@ static BOOL WINAPI stand_in_GetProcessTimes(HANDLE handle, FILETIME *creation, F
             return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
         created = process->second.created_100ns;
     }
-    if (creation == NULL || exited == NULL || kernel == NULL || user == NULL)
+    if (creation == nullptr || exited == nullptr || kernel == nullptr || user == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     *creation = {static_cast<DWORD>(created), static_cast<DWORD>(created >> 32)};
     *exited = *kernel = *user = {0, 0};

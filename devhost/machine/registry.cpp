@@ -33,10 +33,12 @@ struct open_key {
 
 static std::map<HKEY, open_key> s_open;
 
-#define WOW64_VIEWS    (KEY_WOW64_32KEY | KEY_WOW64_64KEY)
-#define QUERY_RIGHTS   (KEY_QUERY_VALUE | GENERIC_READ | GENERIC_ALL | MAXIMUM_ALLOWED)
-#define OPEN_OPTIONS   REG_OPTION_OPEN_LINK
-#define CREATE_OPTIONS (REG_OPTION_VOLATILE | REG_OPTION_BACKUP_RESTORE | REG_OPTION_OPEN_LINK)
+static constexpr DWORD WOW64_VIEWS = KEY_WOW64_32KEY | KEY_WOW64_64KEY;
+static constexpr DWORD QUERY_RIGHTS =
+    KEY_QUERY_VALUE | GENERIC_READ | GENERIC_ALL | MAXIMUM_ALLOWED;
+static constexpr DWORD OPEN_OPTIONS = REG_OPTION_OPEN_LINK;
+static constexpr DWORD CREATE_OPTIONS =
+    REG_OPTION_VOLATILE | REG_OPTION_BACKUP_RESTORE | REG_OPTION_OPEN_LINK;
 
 /* Removes the first name of a path and returns it. */
 static std::wstring take_name(std::wstring *path)
@@ -50,10 +52,10 @@ static std::wstring take_name(std::wstring *path)
 
 static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key, std::wstring path)
 {
-    while (key != NULL && !path.empty()) {
+    while (key != nullptr && !path.empty()) {
         auto child = key->keys.find(take_name(&path));
 
-        key = child == key->keys.end() ? NULL : child->second;
+        key = child == key->keys.end() ? nullptr : child->second;
     }
     return key;
 }
@@ -69,7 +71,7 @@ static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key,
         *made = key->keys.count(name) == 0;
         if (*made) {
             if (key->is_volatile && !is_volatile)
-                return NULL;
+                return nullptr;
             key->keys[name] = std::make_shared<registry_key>();
             key->keys[name]->is_volatile = is_volatile;
         }
@@ -87,9 +89,9 @@ static std::shared_ptr<registry_key> key_of(HKEY handle, LONG *error)
     if (handle == HKEY_LOCAL_MACHINE)
         return s_root;
     if (open == s_open.end())
-        return NULL;
+        return nullptr;
     *error = ERROR_KEY_DELETED;
-    return open->second.key->deleted ? NULL : open->second.key;
+    return open->second.key->deleted ? nullptr : open->second.key;
 }
 
 /* A path as Windows takes it: without trailing backslashes, in the view of the caller. */
@@ -125,19 +127,19 @@ static LONG WINAPI stand_in_RegOpenKeyExW(HKEY parent, const wchar_t *given, DWO
     std::wstring path;
     LONG error;
 
-    if (key == NULL)
+    if (key == nullptr)
         return ERROR_INVALID_PARAMETER;
-    *key = NULL;
+    *key = nullptr;
     if ((options & ~static_cast<DWORD>(OPEN_OPTIONS)) != 0)
         return ERROR_INVALID_PARAMETER;
     std::shared_ptr<registry_key> from = key_of(parent, &error);
-    if (from == NULL)
+    if (from == nullptr)
         return error;
-    error = normalize_path(parent, given != NULL ? given : L"", access, &path);
+    error = normalize_path(parent, given != nullptr ? given : L"", access, &path);
     if (error != ERROR_SUCCESS)
         return error;
     from = find_key(from, path);
-    if (from == NULL)
+    if (from == nullptr)
         return ERROR_FILE_NOT_FOUND;
     *key = open_handle(from, access);
     return ERROR_SUCCESS;
@@ -149,10 +151,10 @@ static LONG create_key(HKEY parent, const std::shared_ptr<registry_key> &from,
                        std::shared_ptr<registry_key> *key, bool *made)
 {
     *made = false;
-    if (parent == HKEY_LOCAL_MACHINE && find_key(from, path.substr(0, path.find(L'\\'))) == NULL)
+    if (parent == HKEY_LOCAL_MACHINE && find_key(from, path.substr(0, path.find(L'\\'))) == nullptr)
         return ERROR_INVALID_PARAMETER;
     *key = make_key(from, path, is_volatile, made);
-    return *key != NULL ? ERROR_SUCCESS : ERROR_CHILD_MUST_BE_VOLATILE;
+    return *key != nullptr ? ERROR_SUCCESS : ERROR_CHILD_MUST_BE_VOLATILE;
 }
 
 static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *given, DWORD reserved,
@@ -164,13 +166,13 @@ static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *given, D
     bool made;
     LONG error;
 
-    if (key == NULL)
+    if (key == nullptr)
         return ERROR_INVALID_PARAMETER;
-    *key = NULL;
-    if (given == NULL || reserved != 0 || (options & ~static_cast<DWORD>(CREATE_OPTIONS)) != 0)
+    *key = nullptr;
+    if (given == nullptr || reserved != 0 || (options & ~static_cast<DWORD>(CREATE_OPTIONS)) != 0)
         return ERROR_INVALID_PARAMETER;
     std::shared_ptr<registry_key> from = key_of(parent, &error);
-    if (from == NULL)
+    if (from == nullptr)
         return error;
     error = normalize_path(parent, given, access, &path);
     if (error == ERROR_SUCCESS)
@@ -179,7 +181,7 @@ static LONG WINAPI stand_in_RegCreateKeyExW(HKEY parent, const wchar_t *given, D
     if (error != ERROR_SUCCESS)
         return error;
     *key = open_handle(made_key, access);
-    if (disposition != NULL)
+    if (disposition != nullptr)
         *disposition = made ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
     return ERROR_SUCCESS;
 }
@@ -193,7 +195,7 @@ static LONG delete_key(const std::shared_ptr<registry_key> &from, const std::wst
         last == std::wstring::npos ? from : find_key(from, path.substr(0, last));
     std::wstring name = text_lower(last == std::wstring::npos ? path : path.substr(last + 1));
 
-    if (parent == NULL || parent->keys.count(name) == 0)
+    if (parent == nullptr || parent->keys.count(name) == 0)
         return ERROR_FILE_NOT_FOUND;
     if (!with_keys && !parent->keys[name]->keys.empty())
         return ERROR_ACCESS_DENIED;
@@ -224,10 +226,10 @@ static LONG WINAPI stand_in_RegDeleteKeyW(HKEY parent, const wchar_t *given)
     std::wstring path;
     LONG error;
 
-    if (given == NULL)
+    if (given == nullptr)
         return ERROR_INVALID_PARAMETER;
     std::shared_ptr<registry_key> from = key_of(parent, &error);
-    if (from == NULL)
+    if (from == nullptr)
         return error;
     error = normalize_path(parent, given, 0, &path);
     if (error != ERROR_SUCCESS)
@@ -238,13 +240,13 @@ static LONG WINAPI stand_in_RegDeleteKeyW(HKEY parent, const wchar_t *given)
 /* Copies a value as Windows does: the size is set in any case, the bytes only when all fit. */
 static LONG copy_value(const registry_value &value, DWORD *type, void *data, DWORD *bytes)
 {
-    DWORD size = static_cast<DWORD>(value.data.size()), capacity = bytes != NULL ? *bytes : 0;
+    DWORD size = static_cast<DWORD>(value.data.size()), capacity = bytes != nullptr ? *bytes : 0;
 
-    if (type != NULL)
+    if (type != nullptr)
         *type = value.type;
-    if (bytes != NULL)
+    if (bytes != nullptr)
         *bytes = size;
-    if (data == NULL)
+    if (data == nullptr)
         return ERROR_SUCCESS;
     if (size > capacity)
         return ERROR_MORE_DATA;
@@ -258,14 +260,14 @@ static LONG WINAPI stand_in_RegQueryValueExW(HKEY handle, const wchar_t *name, D
     LONG error;
     std::shared_ptr<registry_key> key;
 
-    if (reserved != NULL || (data != NULL && bytes == NULL))
+    if (reserved != nullptr || (data != nullptr && bytes == nullptr))
         return ERROR_INVALID_PARAMETER;
     key = key_of(handle, &error);
-    if (key == NULL)
+    if (key == nullptr)
         return error;
     if (handle != HKEY_LOCAL_MACHINE && (s_open[handle].access & QUERY_RIGHTS) == 0)
         return ERROR_ACCESS_DENIED;
-    auto value = key->values.find(text_lower(std::wstring(name != NULL ? name : L"")));
+    auto value = key->values.find(text_lower(std::wstring(name != nullptr ? name : L"")));
     return value == key->values.end() ? ERROR_FILE_NOT_FOUND
                                       : copy_value(value->second, type, data, bytes);
 }
@@ -298,7 +300,7 @@ static void redirect_platform(void)
 
 void machine_open_registry(void)
 {
-    if (s_root == NULL)
+    if (s_root == nullptr)
         redirect_platform();
     s_root = std::make_shared<registry_key>();
     for (const wchar_t *hive : {L"hardware", L"sam", L"security", L"software", L"system"})
@@ -330,7 +332,7 @@ void machine_set_value(const std::wstring &key, const std::wstring &name, DWORD 
     bool made;
     std::shared_ptr<registry_key> open = make_key(s_root, key, false, &made);
 
-    if (open == NULL)
+    if (open == nullptr)
         throw devhost_error(EXIT_BAD_CALL, text_narrow(key) + ": lies below a volatile key");
     open->values[text_lower(name)] = {type, data};
 }
@@ -339,7 +341,7 @@ void machine_delete_value(const std::wstring &key, const std::wstring &name)
 {
     std::shared_ptr<registry_key> open = find_key(s_root, key);
 
-    if (open != NULL)
+    if (open != nullptr)
         open->values.erase(text_lower(name));
 }
 
@@ -350,14 +352,14 @@ void machine_delete_key(const std::wstring &key)
 
 bool machine_key_exists(const std::wstring &key)
 {
-    return find_key(s_root, key) != NULL;
+    return find_key(s_root, key) != nullptr;
 }
 
 bool machine_get_value(const std::wstring &key, const std::wstring &name, std::string *text)
 {
     std::shared_ptr<registry_key> open = find_key(s_root, key);
 
-    if (open == NULL || open->values.count(text_lower(name)) == 0)
+    if (open == nullptr || open->values.count(text_lower(name)) == 0)
         return false;
     const registry_value &value = open->values[text_lower(name)];
     std::string data = value.data + std::string(sizeof(uint64_t), '\0'); /* always terminated */
@@ -393,8 +395,8 @@ bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
     DWORD bytes = sizeof(rules);
 
     if (known.count(name) == 0) {
-        if (RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"TZI", RRF_RT_REG_BINARY, NULL, &rules,
-                         &bytes) != ERROR_SUCCESS ||
+        if (RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"TZI", RRF_RT_REG_BINARY, nullptr,
+                         &rules, &bytes) != ERROR_SUCCESS ||
             bytes != sizeof(rules))
             return false;
         known[name] = rules;

@@ -4,7 +4,7 @@
 #include "../base/text.h"
 #include "stand_in.h"
 
-#define MAX_SERVICE_NAME_CHARS 256
+static constexpr int MAX_SERVICE_NAME_CHARS = 256;
 
 struct open_service {
     bool is_manager;
@@ -30,17 +30,17 @@ static SC_HANDLE open_handle(const open_service &service)
 
 static SC_HANDLE refuse(DWORD error)
 {
-    return stand_in_fail(error, static_cast<SC_HANDLE>(NULL));
+    return stand_in_fail(error, static_cast<SC_HANDLE>(nullptr));
 }
 
 static SC_HANDLE WINAPI stand_in_OpenSCManagerW(const wchar_t *computer, const wchar_t *database,
                                                 DWORD access)
 {
-    if (computer != NULL && *computer != L'\0')
+    if (computer != nullptr && *computer != L'\0')
         return refuse(RPC_S_SERVER_UNAVAILABLE);
-    if (database != NULL && lstrcmpiW(database, SERVICES_FAILED_DATABASEW) == 0)
+    if (database != nullptr && lstrcmpiW(database, SERVICES_FAILED_DATABASEW) == 0)
         return refuse(ERROR_DATABASE_DOES_NOT_EXIST);
-    if (database != NULL && lstrcmpiW(database, SERVICES_ACTIVE_DATABASEW) != 0)
+    if (database != nullptr && lstrcmpiW(database, SERVICES_ACTIVE_DATABASEW) != 0)
         return refuse(ERROR_INVALID_NAME);
     return open_handle({true, L"", access});
 }
@@ -51,7 +51,7 @@ static SC_HANDLE WINAPI stand_in_OpenServiceW(SC_HANDLE manager, const wchar_t *
 
     if (open == s_open.end() || !open->second.is_manager)
         return refuse(ERROR_INVALID_HANDLE);
-    if (name == NULL)
+    if (name == nullptr)
         return refuse(ERROR_INVALID_ADDRESS);
     const std::wstring lower = text_lower(std::wstring(name));
     if (lower.empty() || lower.size() > MAX_SERVICE_NAME_CHARS ||
@@ -70,7 +70,7 @@ static BOOL WINAPI stand_in_QueryServiceStatus(SC_HANDLE handle, SERVICE_STATUS 
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
     if (!grants_query(service->second.access))
         return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
-    if (status == NULL)
+    if (status == nullptr)
         return stand_in_fail(ERROR_INVALID_ADDRESS, FALSE);
     std::vector<DWORD> &states = machine_get().services[service->second.name];
     ZeroMemory(status, sizeof(*status));

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_STAND_IN_H
 #define DEVHOST_STAND_IN_H
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <cstddef>
@@ -17,7 +17,7 @@ template <size_t rows> void *stand_in_find(const stand_in_row (&table)[rows], co
     for (const stand_in_row &row : table)
         if (strcmp(row.name, name) == 0)
             return row.function;
-    return NULL;
+    return nullptr;
 }
 
 /* Sets the last error and returns result: FALSE, NULL or INVALID_HANDLE_VALUE. */

@@ -48,9 +48,10 @@ static const char *const s_names[] = {
     "SeDelegateSessionUserImpersonatePrivilege",
 };
 
-#define FIRST_LUID      2
-#define MAX_PRIVILEGES  1024u /* a count beyond is taken for a mistake, not read */
-#define PRIVILEGE_BYTES sizeof(LUID_AND_ATTRIBUTES)
+static constexpr int FIRST_LUID = 2;
+static constexpr uint32_t MAX_PRIVILEGES =
+    1024u; /* a count beyond is taken for a mistake, not read */
+static constexpr size_t PRIVILEGE_BYTES = sizeof(LUID_AND_ATTRIBUTES);
 
 static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
 /* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
@@ -112,7 +113,7 @@ static BOOL WINAPI stand_in_OpenProcessToken(HANDLE process, DWORD access, HANDL
     if (!machine_process_grants(process,
                                 PROCESS_QUERY_INFORMATION | PROCESS_QUERY_LIMITED_INFORMATION))
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
-    if (token == NULL)
+    if (token == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     *token = machine_new_handle();
     s_open[*token] = access;
@@ -123,11 +124,11 @@ static BOOL WINAPI stand_in_LookupPrivilegeValueA(const char *system, const char
 {
     DWORD value;
 
-    if (system != NULL && *system != '\0')
+    if (system != nullptr && *system != '\0')
         return stand_in_fail(RPC_S_SERVER_UNAVAILABLE, FALSE);
-    if (name == NULL || !luid_of(name, &value))
+    if (name == nullptr || !luid_of(name, &value))
         return stand_in_fail(ERROR_NO_SUCH_PRIVILEGE, FALSE);
-    if (luid == NULL)
+    if (luid == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     *luid = {value, 0};
     return TRUE;
@@ -173,10 +174,10 @@ static BOOL apply_all(const std::vector<LUID_AND_ATTRIBUTES> &wanted, TOKEN_PRIV
 
         if (!is_held(one.Luid))
             all_held = false;
-        else if (apply(one) && previous != NULL)
+        else if (apply(one) && previous != nullptr)
             previous->Privileges[changed++] = {one.Luid, before};
     }
-    if (previous != NULL)
+    if (previous != nullptr)
         previous->PrivilegeCount = changed;
     /* A success, too, when the token lacks some: only the last error differs. */
     SetLastError(all_held ? ERROR_SUCCESS : ERROR_NOT_ALL_ASSIGNED);
@@ -188,20 +189,20 @@ static BOOL WINAPI stand_in_AdjustTokenPrivileges(HANDLE token, BOOL disable_all
                                                   TOKEN_PRIVILEGES *previous, DWORD *needed)
 {
     auto open = s_open.find(token);
-    const DWORD rights = TOKEN_ADJUST_PRIVILEGES | (previous != NULL ? TOKEN_QUERY : 0);
+    const DWORD rights = TOKEN_ADJUST_PRIVILEGES | (previous != nullptr ? TOKEN_QUERY : 0);
 
     if (open == s_open.end())
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
     if ((open->second & rights) != rights)
         return stand_in_fail(ERROR_ACCESS_DENIED, FALSE);
-    if (!disable_all && (set == NULL || set->PrivilegeCount > MAX_PRIVILEGES))
+    if (!disable_all && (set == nullptr || set->PrivilegeCount > MAX_PRIVILEGES))
         return stand_in_fail(ERROR_INVALID_PARAMETER, FALSE);
-    if (previous != NULL && needed == NULL)
+    if (previous != nullptr && needed == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
     const std::vector<LUID_AND_ATTRIBUTES> wanted = wanted_states(disable_all, set);
-    if (needed != NULL)
+    if (needed != nullptr)
         *needed = static_cast<DWORD>(sizeof(DWORD) + wanted.size() * PRIVILEGE_BYTES);
-    if (previous != NULL && bytes < *needed)
+    if (previous != nullptr && bytes < *needed)
         return stand_in_fail(ERROR_INSUFFICIENT_BUFFER, FALSE);
     return apply_all(wanted, previous);
 }

@@ -88,7 +88,7 @@ static std::string no_bypass_reason(const replay_evidence &evidence, const repla
     case VERDICT_NORMAL: {
         const evidence_run *before = evidence.before();
 
-        return before != NULL && before->ending == RUN_ENDED_CLEAN
+        return before != nullptr && before->ending == RUN_ENDED_CLEAN
                    ? text_format("the previous run of Windows was shut down, record %u",
                                  evidence.log.events[before->told_by].number)
                    : "the log records neither a blue screen nor an unexpected shutdown";

@@ -1,7 +1,7 @@
 /* Evidence in a folder or an archive. */
 #include "collect.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <algorithm>
@@ -12,8 +12,8 @@
 #include "../evidence/zip.h"
 
 /* A customer's folder has some tens of files; another one must not be searched for minutes. */
-#define MOST_LEVELS 8
-#define MOST_FILES  10000
+static constexpr int MOST_LEVELS = 8;
+static constexpr int MOST_FILES = 10000;
 
 bool collect_is_folder(const std::string &path)
 {

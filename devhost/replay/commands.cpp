@@ -1,7 +1,7 @@
 /* From arguments of the command line to options. */
 #include "commands.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <oxni/base/log.h>
 

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_REPLAY_COMMANDS_H
 #define DEVHOST_REPLAY_COMMANDS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

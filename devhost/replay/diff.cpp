@@ -1,7 +1,7 @@
 /* Comparison of two results. */
 #include "replay.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 
@@ -9,7 +9,7 @@
 #include "../scenario/scenario.h"
 #include "../base/text.h"
 
-#define MOST_BYTES (256ull << 20)
+static constexpr uint64_t MOST_BYTES = 256ull << 20;
 
 /* Members of a result that are compared, and the members of list elements that are printed. */
 static const struct {
@@ -43,11 +43,12 @@ static void load_result(const std::string &file, rapidjson::Document *document)
     for (const auto &row : s_members) {
         const json_value *value = node_member(document, row.member);
         const bool text_or_null =
-            row.type == rapidjson::kNullType && value != NULL && value->IsString();
+            row.type == rapidjson::kNullType && value != nullptr && value->IsString();
 
-        if (value == NULL || (value->GetType() != row.type && !text_or_null))
-            evidence_bad(file, std::string("/") + row.member +
-                                   (value == NULL ? ": member is missing" : ": has another type"));
+        if (value == nullptr || (value->GetType() != row.type && !text_or_null))
+            evidence_bad(file,
+                         std::string("/") + row.member +
+                             (value == nullptr ? ": member is missing" : ": has another type"));
     }
 }
 
@@ -59,7 +60,7 @@ static std::string element_text(const json_value &element, const std::vector<con
     for (const char *name : shown) {
         const json_value *value = node_member(&element, name);
 
-        if (value != NULL)
+        if (value != nullptr)
             text += std::string(text.empty() ? "" : ", ") + name + " " +
                     (value->IsString() ? value->GetString() : node_to_text(*value));
     }

@@ -1,13 +1,13 @@
 /* What this computer offers, by real calls: the results that the plug-in itself would get here. */
 #include "replay.h"
 
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include "../machine/machine.h"
 #include "../base/text.h"
 
-#define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 
 static void show(const char *what, const std::string &found)
 {
@@ -26,11 +26,11 @@ static void show_windows(void)
     OSVERSIONINFOW info = {};
 
     info.dwOSVersionInfoSize = sizeof(info);
-    if (version != NULL)
+    if (version != nullptr)
         (void)version(&info); /* fails only for a wrong size */
     show("Windows", text_format("%lu.%lu build %lu%s%s", info.dwMajorVersion, info.dwMinorVersion,
-                                info.dwBuildNumber, wine != NULL ? ", by Wine " : "",
-                                wine != NULL ? wine() : ""));
+                                info.dwBuildNumber, wine != nullptr ? ", by Wine " : "",
+                                wine != nullptr ? wine() : ""));
 }
 
 /* Result: whether it can be loaded. */
@@ -41,10 +41,10 @@ static bool show_plugin(void)
     const DWORD error = GetLastError();
 
     show("plug-in",
-         path + (plugin != NULL ? ", loads" : ", cannot be loaded: " + text_error(error)));
-    if (plugin != NULL)
+         path + (plugin != nullptr ? ", loads" : ", cannot be loaded: " + text_error(error)));
+    if (plugin != nullptr)
         FreeLibrary(plugin);
-    return plugin != NULL;
+    return plugin != nullptr;
 }
 
 /* The debugger engine that a program here loads by name. Result: whether it is the stand-in that
@@ -55,12 +55,12 @@ static bool show_engine(void)
     const DWORD error = GetLastError();
     wchar_t path[1024] = L"";
 
-    if (engine == NULL) {
+    if (engine == nullptr) {
         show("engine", "dbgeng.dll cannot be loaded: " + text_error(error));
         return false;
     }
-    const bool own = GetProcAddress(engine, "engine_script_set") != NULL;
-    const bool usable = GetProcAddress(engine, "DebugCreate") != NULL;
+    const bool own = GetProcAddress(engine, "engine_script_set") != nullptr;
+    const bool usable = GetProcAddress(engine, "DebugCreate") != nullptr;
 
     GetModuleFileNameW(engine, path, ARRAYSIZE(path));
     show("engine", text_narrow(path) + (own      ? ", the stand-in that reads kernel dumps"
@@ -73,19 +73,19 @@ static bool show_engine(void)
 static void show_privilege(void)
 {
     TOKEN_PRIVILEGES wanted = {};
-    HANDLE token = NULL;
+    HANDLE token = nullptr;
     DWORD error = ERROR_SUCCESS;
 
     wanted.PrivilegeCount = 1;
     wanted.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token) ||
-        !LookupPrivilegeValueW(NULL, L"SeSecurityPrivilege", &wanted.Privileges[0].Luid)) {
+        !LookupPrivilegeValueW(nullptr, L"SeSecurityPrivilege", &wanted.Privileges[0].Luid)) {
         error = GetLastError();
     } else {
-        (void)AdjustTokenPrivileges(token, FALSE, &wanted, 0, NULL, NULL);
+        (void)AdjustTokenPrivileges(token, FALSE, &wanted, 0, nullptr, nullptr);
         error = GetLastError(); /* the call succeeds even when it adjusts nothing */
     }
-    if (token != NULL)
+    if (token != nullptr)
         CloseHandle(token);
     show("privilege", error == ERROR_SUCCESS
                           ? "SeSecurityPrivilege is held"
@@ -94,10 +94,10 @@ static void show_privilege(void)
 
 static void show_log(void)
 {
-    const HANDLE log = OpenEventLogW(NULL, L"System");
+    const HANDLE log = OpenEventLogW(nullptr, L"System");
     DWORD error = GetLastError(), records = 0;
 
-    if (log == NULL) {
+    if (log == nullptr) {
         show("System log", "cannot be opened: " + text_error(error));
         return;
     }
@@ -116,7 +116,7 @@ static std::wstring expanded(const wchar_t *value, const wchar_t *usual)
     DWORD bytes = sizeof(text);
 
     if (RegGetValueW(HKEY_LOCAL_MACHINE, CRASH_CONTROL_KEY, value,
-                     RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, NULL, text,
+                     RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_NOEXPAND, nullptr, text,
                      &bytes) != ERROR_SUCCESS)
         lstrcpyW(text, usual);
     (void)ExpandEnvironmentStringsW(text, full, ARRAYSIZE(full)); /* empty when too long */
@@ -139,7 +139,7 @@ static void show_dump_settings(void)
     std::string name = "by default";
 
     if (RegGetValueW(HKEY_LOCAL_MACHINE, CRASH_CONTROL_KEY, L"CrashDumpEnabled", RRF_RT_REG_DWORD,
-                     NULL, &enabled, &bytes) == ERROR_SUCCESS) {
+                     nullptr, &enabled, &bytes) == ERROR_SUCCESS) {
         name = text_format("unknown kind %lu", enabled);
         for (const auto &kind : kinds)
             if (kind.value == enabled)

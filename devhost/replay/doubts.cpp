@@ -7,10 +7,10 @@
 #include "../evidence/system_events.h"
 
 /* Where Windows writes dumps by default. */
-#define DEFAULT_SMALL    "c:\\windows\\minidump\\"
-#define DEFAULT_COMPLETE "c:\\windows\\memory.dmp"
+static constexpr char DEFAULT_SMALL[] = "c:\\windows\\minidump\\";
+static constexpr char DEFAULT_COMPLETE[] = "c:\\windows\\memory.dmp";
 /* The plug-in searches for 12 polls of 30 s after the registration of a product. */
-#define SEARCH_SECONDS 375
+static constexpr int SEARCH_SECONDS = 375;
 
 namespace
 {
@@ -143,7 +143,7 @@ static void doubt_unknown_dump(doubter &d, const replay_dump &placed)
     const kernel_dump &facts = placed.dump.facts;
     const evidence_run *before = d.evidence.before();
     /* A run that began before the log was running when the log's first record was written. */
-    const uint64_t since = before == NULL        ? 0
+    const uint64_t since = before == nullptr     ? 0
                            : before->number == 0 ? time_of_unix(d.evidence.log.events.front().time)
                                                  : before->started_100ns;
     const bool in_time =
@@ -228,9 +228,9 @@ static void doubt_disagreement(doubter &d)
 {
     const event_record *proof = !d.bug_checks.empty()   ? d.bug_checks.front()
                                 : !d.unexpected.empty() ? d.unexpected.front()
-                                                        : NULL;
+                                                        : nullptr;
 
-    if (proof == NULL || d.story.verdict == VERDICT_CRASH ||
+    if (proof == nullptr || d.story.verdict == VERDICT_CRASH ||
         (d.bug_checks.empty() && d.story.verdict == VERDICT_POWER_LOSS))
         return;
     d.add(true,
@@ -325,9 +325,9 @@ static void doubt_early_end(doubter &d)
 
     if (!d.is_last_boot() || !d.bug_checks.empty() || seconds >= SEARCH_SECONDS || seconds < 0)
         return;
-    const bool clean = before != NULL && before->ending == RUN_ENDED_CLEAN;
+    const bool clean = before != nullptr && before->ending == RUN_ENDED_CLEAN;
 
-    d.add(!clean && d.unexpected.empty() && before != NULL, "the log ends soon after the start",
+    d.add(!clean && d.unexpected.empty() && before != nullptr, "the log ends soon after the start",
           d.evidence.events_file +
               text_format(": %s, the last one, was written %lld s after the start, and the plug-in "
                           "searches for %u s; hand in a System log that was exported later",
@@ -339,7 +339,7 @@ static void doubt_unknown_end(doubter &d)
 {
     const evidence_run *before = d.evidence.before();
 
-    if (before != NULL && before->ending == RUN_ENDED_UNKNOWN && d.doubts.empty())
+    if (before != nullptr && before->ending == RUN_ENDED_UNKNOWN && d.doubts.empty())
         d.add(false, "the log does not show how the previous run ended",
               d.evidence.events_file +
                   text_format(": no record shows how the run before record %u ended; hand in a log "

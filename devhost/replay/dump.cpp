@@ -1,7 +1,7 @@
 /* Crash dumps: read by the engine's reader, and judged by the plug-in on a generated boot. */
 #include "dump.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 
@@ -14,9 +14,9 @@
 #include "../evidence/zip.h"
 #include "collect.h"
 
-#define STACK_FRAMES 40
+static constexpr int STACK_FRAMES = 40;
 /* From the crash to the start of Windows that reports it. */
-#define REBOOT_SECONDS 60
+static constexpr int REBOOT_SECONDS = 60;
 
 namespace
 {
@@ -37,7 +37,7 @@ static uint64_t fault_address(const kernel_dump &facts)
 {
     const bug_check *row = bug_check_find(facts.bug_check);
 
-    return row != NULL && row->address != 0 ? facts.parameters[row->address - 1] : facts.rip;
+    return row != nullptr && row->address != 0 ? facts.parameters[row->address - 1] : facts.rip;
 }
 
 static shown_dump read_dump(const collected_file &from)
@@ -55,7 +55,7 @@ static shown_dump read_dump(const collected_file &from)
     dump.address = fault_address(dump.facts);
     const kernel_dump_module *module = kernel_dump_module_at(dump.facts, dump.address);
 
-    dump.module = module != NULL ? module->name : "";
+    dump.module = module != nullptr ? module->name : "";
     dump.site = kernel_dump_call_site(dump.facts, dump.address);
     return dump;
 }
@@ -132,11 +132,11 @@ static std::string stamp_text(uint32_t stamp)
 static std::string parameter_text(const kernel_dump &facts, size_t index)
 {
     const bug_check *row = bug_check_find(facts.bug_check);
-    const char *meaning = row != NULL ? row->parameters[index] : NULL;
+    const char *meaning = row != nullptr ? row->parameters[index] : nullptr;
     std::string text =
         text_format("0x%016llx", static_cast<unsigned long long>(facts.parameters[index]));
 
-    if (meaning == NULL)
+    if (meaning == nullptr)
         return text;
     text += std::string("  ") + meaning;
     if (std::string(meaning) == "exception code")
@@ -200,7 +200,8 @@ static void put_bug_check(json_lines &writer, const kernel_dump &facts)
         json_member(writer, "value",
                     text_format("0x%llx", static_cast<unsigned long long>(facts.parameters[i])));
         json_member_or_null(writer, "meaning",
-                            row != NULL && row->parameters[i] != NULL ? row->parameters[i] : "");
+                            row != nullptr && row->parameters[i] != nullptr ? row->parameters[i]
+                                                                            : "");
         writer.EndObject();
     }
     writer.EndArray();

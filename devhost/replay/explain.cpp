@@ -1,17 +1,17 @@
 /* From lines and calls of the plug-in to sentences. The table below contains its log lines. */
 #include "explain.h"
 
-#include <string.h>
+#include <cstring>
 
 #include "../machine/machine.h"
 #include "../scenario/journal.h"
 #include "../base/text.h"
 #include "../view/view.h"
 
-#define BLAME_LINE       "find [*] crach!"
-#define EMPTY_STACK_LINE "dump info is empty. "
-#define NO_BLAME_LINE    "not found quorvel crash module!"
-#define UPDATED_LINE     "Upgraded without notification"
+static constexpr char BLAME_LINE[] = "find [*] crach!";
+static constexpr char EMPTY_STACK_LINE[] = "dump info is empty. ";
+static constexpr char NO_BLAME_LINE[] = "not found quorvel crash module!";
+static constexpr char UPDATED_LINE[] = "Upgraded without notification";
 
 /* A log line of the plug-in, in which * matches a value, and its sentence; %1 is the first value. Only
  * the first row that matches counts. */
@@ -105,10 +105,11 @@ static const line_row s_lines[] = {
 /* clang-format on */
 
 /* The plug-in's own files are in this folder; no dump is. */
-#define RUN_FOLDER   "<run>"
-#define CHECK_BEGINS "start bypass_status_check"
-#define RECORD_LINE  "capture expect event[*][*] provider[*] time[*], stop read event!"
-#define STACK_LINE   "dump info * "
+static constexpr char RUN_FOLDER[] = "<run>";
+static constexpr char CHECK_BEGINS[] = "start bypass_status_check";
+static constexpr char RECORD_LINE[] =
+    "capture expect event[*][*] provider[*] time[*], stop read event!";
+static constexpr char STACK_LINE[] = "dump info * ";
 
 /* The record at which a query of the log ended. */
 struct seen_record {
@@ -161,7 +162,7 @@ static void note_record(size_t happening, const std::vector<std::string> &values
     const machine_read read = machine_last_read();
     const std::vector<event_record> &events = machine_get().events;
     const std::wstring source = text_wide(values[2]);
-    const uint32_t id = static_cast<uint32_t>(strtoul(values[0].c_str(), NULL, 10));
+    const uint32_t id = static_cast<uint32_t>(strtoul(values[0].c_str(), nullptr, 10));
 
     for (size_t i = events.size(); i > 0; i--) {
         const event_record &event = events[i - 1];
@@ -182,7 +183,7 @@ static const line_row *verdict_of(const std::string &line)
     for (const line_row &row : s_lines)
         if (row.ends_check && captures(line, row.line, &values))
             return &row;
-    return NULL;
+    return nullptr;
 }
 
 static void watch(const happening &what, void *user)
@@ -198,7 +199,7 @@ static void watch(const happening &what, void *user)
         s_begun++;
     else if (captures(line, RECORD_LINE, &values))
         note_record(journal_all().size() - 1, values);
-    else if (verdict_of(line) != NULL)
+    else if (verdict_of(line) != nullptr)
         s_ended++;
 }
 
@@ -206,7 +207,7 @@ void explain_start(void)
 {
     s_records.clear();
     s_begun = s_ended = 0;
-    journal_set_view(watch, NULL);
+    journal_set_view(watch, nullptr);
 }
 
 size_t explain_begun(void)
@@ -345,7 +346,7 @@ std::vector<page_highlight> explain_decisions(void)
             continue;
         const std::string line = text_log_line(all[i].text).message;
 
-        if (captures(line, BLAME_LINE, &values) || verdict_of(line) != NULL)
+        if (captures(line, BLAME_LINE, &values) || verdict_of(line) != nullptr)
             decisions.push_back({i, sentence_of(line)});
     }
     return decisions;

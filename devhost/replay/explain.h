@@ -5,8 +5,8 @@
 #ifndef DEVHOST_EXPLAIN_H
 #define DEVHOST_EXPLAIN_H
 
-#include <stddef.h>
-#include <stdint.h>
+#include <cstddef>
+#include <cstdint>
 
 #include <string>
 #include <vector>

@@ -6,14 +6,14 @@
 #include "../base/text.h"
 #include "../machine/machine.h"
 
-#define CRASH_CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 
 /* Windows writes the dump from the page file soon after the start. */
-#define WRITTEN_AFTER_100NS (6 * TICKS_PER_SECOND)
+static constexpr uint64_t WRITTEN_AFTER_100NS = 6 * TICKS_PER_SECOND;
 
 /* Strings of a BugCheck record: code and parameters, and the path of the dump. */
-#define BUG_CHECK_STRING 0
-#define DUMP_PATH_STRING 1
+static constexpr int BUG_CHECK_STRING = 0;
+static constexpr int DUMP_PATH_STRING = 1;
 
 /* Where Windows writes dumps: the path in the registry, or the default. */
 static std::wstring dump_place(const wchar_t *value, const wchar_t *usual)
@@ -45,7 +45,7 @@ std::string replay_dump_path(const event_record &event)
 /* The relations of a dump to the crash that this boot reports. */
 struct dump_ties {
     enum evidence_fit fit;      /* the best match with a blue screen record of the boot */
-    const event_record *record; /* the one that matches, else the first; NULL: none */
+    const event_record *record; /* the one that matches, else the first; nullptr: none */
     bool named;                 /* by that record */
     bool in_time;               /* crashed between the previous start and this one */
 };
@@ -62,7 +62,7 @@ static bool names(const event_record &record, const evidence_dump &dump)
 static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &dump)
 {
     const uint64_t crashed = dump.facts.crash_time_100ns;
-    dump_ties ties = {EVIDENCE_FIT_UNKNOWN, NULL, false, false};
+    dump_ties ties = {EVIDENCE_FIT_UNKNOWN, nullptr, false, false};
 
     for (size_t i = evidence.boot->begin; i < evidence.boot->end; i++) {
         const event_record &event = evidence.log.events[i];
@@ -72,14 +72,14 @@ static dump_ties ties_of(const replay_evidence &evidence, const evidence_dump &d
         const enum evidence_fit fit =
             evidence_dump_fits(dump, text_narrow(event.strings.at(BUG_CHECK_STRING)));
 
-        if (ties.record == NULL || fit > ties.fit) {
+        if (ties.record == nullptr || fit > ties.fit) {
             ties.record = &event;
             ties.fit = fit;
         }
     }
-    ties.named = ties.record != NULL && names(*ties.record, dump);
+    ties.named = ties.record != nullptr && names(*ties.record, dump);
     ties.in_time = crashed <= evidence.boot->started_100ns &&
-                   (evidence.before() == NULL || crashed >= evidence.before()->started_100ns);
+                   (evidence.before() == nullptr || crashed >= evidence.before()->started_100ns);
     return ties;
 }
 
@@ -102,7 +102,7 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
                             std::string *why)
 {
     const dump_ties ties = ties_of(evidence, placed.dump);
-    const unsigned number = ties.record != NULL ? ties.record->number : 0;
+    const unsigned number = ties.record != nullptr ? ties.record->number : 0;
 
     /* All complete dumps have the same name, and the previous run may have had a crash without a record:
      * code and parameters count more than name and time. */
@@ -120,8 +120,8 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
     if (ties.named)
         *why = text_format("record %u names the file", number);
     else if (ties.in_time)
-        *why = evidence.before() != NULL ? "it crashed during the previous run"
-                                         : "it crashed before this start, where the log begins";
+        *why = evidence.before() != nullptr ? "it crashed during the previous run"
+                                            : "it crashed before this start, where the log begins";
     else if (placed.dump.facts.crash_time_100ns <= evidence.boot->started_100ns)
         *why = "it crashed before the previous run";
     return ties.named || ties.in_time;
@@ -135,7 +135,7 @@ static uint64_t written_of(const replay_evidence &evidence, const evidence_dump 
     const uint64_t own = dump.written_100ns;
     uint64_t start = run.started_100ns;
 
-    for (size_t i = run.begin; bug_check != NULL && i < run.end; i++) {
+    for (size_t i = run.begin; bug_check != nullptr && i < run.end; i++) {
         const event_record &event = evidence.log.events[i];
         const uint64_t change = static_cast<uint64_t>(replay_clock_change(event));
 
@@ -146,11 +146,11 @@ static uint64_t written_of(const replay_evidence &evidence, const evidence_dump 
     return run.started_100ns + WRITTEN_AFTER_100NS;
 }
 
-/* The only run of the log that reports the crash of the dump; NULL: none, or several. */
+/* The only run of the log that reports the crash of the dump; nullptr: none, or several. */
 static const evidence_run *reported_in(const replay_evidence &evidence, const evidence_dump &dump,
                                        const event_record **record)
 {
-    const evidence_run *found = NULL;
+    const evidence_run *found = nullptr;
 
     for (const evidence_run &run : evidence.runs)
         for (size_t i = run.begin; i < run.end; i++) {
@@ -160,12 +160,12 @@ static const evidence_run *reported_in(const replay_evidence &evidence, const ev
                 evidence_dump_fits(dump, text_narrow(event.strings.at(BUG_CHECK_STRING))) !=
                     EVIDENCE_FITS)
                 continue;
-            if (found != NULL && found != &run)
-                return NULL;
+            if (found != nullptr && found != &run)
+                return nullptr;
             found = &run;
             *record = &event;
         }
-    return found != NULL && found->number != 0 ? found : NULL;
+    return found != nullptr && found->number != 0 ? found : nullptr;
 }
 
 /* A dump of another crash. The order of the records counts more than times, since clocks are set back:
@@ -174,17 +174,17 @@ static void place_other(const replay_evidence &evidence, replay_dump *placed)
 {
     const uint64_t crashed = placed->dump.facts.crash_time_100ns,
                    start = evidence.boot->started_100ns;
-    const event_record *record = NULL;
+    const event_record *record = nullptr;
     const evidence_run *run = reported_in(evidence, placed->dump, &record);
 
-    if (run != NULL && run < evidence.boot) {
+    if (run != nullptr && run < evidence.boot) {
         placed->written_100ns = written_of(evidence, placed->dump, *run, record);
         if (placed->written_100ns >= start)
             placed->why =
                 text_format("record %u of an earlier boot reports its crash; the clock was "
                             "set back since",
                             record->number);
-    } else if (run != NULL ? run > evidence.boot : crashed >= start) {
+    } else if (run != nullptr ? run > evidence.boot : crashed >= start) {
         placed->there = false;
         placed->why = "it crashed after this start, so it does not exist yet";
     } else {
@@ -199,7 +199,7 @@ static void place_dump(const replay_evidence &evidence, replay_dump *placed)
 
     placed->place = place_of(placed->dump);
     placed->there = true;
-    placed->record = ties.fit == EVIDENCE_FITS ? ties.record : NULL;
+    placed->record = ties.fit == EVIDENCE_FITS ? ties.record : nullptr;
     placed->is_ours = is_of_this_boot(evidence, *placed, &placed->why);
     if (!placed->is_ours) {
         place_other(evidence, placed);

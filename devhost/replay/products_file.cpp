@@ -5,10 +5,10 @@
 #include "../evidence/file.h"
 #include "../scenario/scenario.h"
 
-#define STANDARD_COUNT  3
-#define STANDARD_STATUS "working"
-#define MOST_BYTES      (64ull << 20)
-#define TRUTH_SCHEMA    "bypass_mgr.truth"
+static constexpr int STANDARD_COUNT = 3;
+static constexpr char STANDARD_STATUS[] = "working";
+static constexpr uint64_t MOST_BYTES = 64ull << 20;
+static constexpr char TRUTH_SCHEMA[] = "bypass_mgr.truth";
 
 [[noreturn]] static void bad_product(const std::string &text, const std::string &what)
 {
@@ -25,7 +25,7 @@ static replay_product parse_product(const std::string &text)
 {
     const std::vector<std::string> parts = text_split(text, ':');
     replay_product product = {parts[0], {}, STANDARD_COUNT, STANDARD_STATUS};
-    char *end = NULL;
+    char *end = nullptr;
 
     if (parts.size() < 2 || parts.size() > 4)
         bad_product(text, text_count(parts.size(), "part"));
@@ -64,7 +64,7 @@ static replay_product product_of(const std::string &file, const std::string &nam
 
     if (!value.IsObject())
         bad_file(file, place, "expected an object with \"modules\"");
-    if (modules == NULL || !modules->IsArray())
+    if (modules == nullptr || !modules->IsArray())
         bad_file(file, place + "/modules", "expected an array of module names");
     for (const json_value &module : modules->GetArray()) {
         if (!module.IsString() || module.GetStringLength() == 0)
@@ -80,12 +80,12 @@ static replay_product product_of(const std::string &file, const std::string &nam
     return product;
 }
 
-/* The object of the products; NULL: the document contains none. */
+/* The object of the products; nullptr: the document contains none. */
 static const json_value *products_of(const rapidjson::Document &document)
 {
     const json_value *products = node_member(&document, "products");
 
-    return products != NULL ? products : document.IsObject() ? &document : NULL;
+    return products != nullptr ? products : document.IsObject() ? &document : nullptr;
 }
 
 static void add_product(std::vector<replay_product> *products, const replay_product &product)
@@ -107,7 +107,7 @@ static void add_file(const std::string &file, std::vector<replay_product> *produ
     scenario_load_json(document, file, EXIT_BAD_CALL);
     const json_value *object = products_of(document);
 
-    if (object == NULL || !object->IsObject())
+    if (object == nullptr || !object->IsObject())
         bad_file(file, "/", "expected an object, {\"NAME\": {\"modules\": [\"MODULE\"]}}");
     for (const auto &member : object->GetObject())
         add_product(products, product_of(file, member.name.GetString(), member.value));
@@ -153,10 +153,10 @@ bool products_is_file(const std::string &file)
         return false;
     const json_value *object = products_of(document);
 
-    if (object == NULL || !object->IsObject() || object->ObjectEmpty())
+    if (object == nullptr || !object->IsObject() || object->ObjectEmpty())
         return false;
     for (const auto &member : object->GetObject())
-        if (node_member(&member.value, "modules") == NULL)
+        if (node_member(&member.value, "modules") == nullptr)
             return false;
     return true;
 }

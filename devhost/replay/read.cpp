@@ -41,7 +41,7 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
     if (!options.events.empty()) {
         evidence.events_file = options.events;
         evidence_log_read(options.events, options.damage, &evidence.log,
-                          needs_boot ? NULL : &evidence_run_records());
+                          needs_boot ? nullptr : &evidence_run_records());
     }
     evidence.runs = evidence_runs(evidence.log);
     for (const std::string &path : options.dumps) {

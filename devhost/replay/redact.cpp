@@ -2,7 +2,7 @@
  * queries, of dumps only the stacks, of the registry only the keys that it reads. */
 #include "replay.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
 
@@ -15,12 +15,12 @@
 #include "../base/text.h"
 
 /* A check with the standard number of polls is over by then. */
-#define UNTIL_SECONDS 900
+static constexpr int UNTIL_SECONDS = 900;
 
-#define STACK_FRAMES  99
+static constexpr int STACK_FRAMES = 99;
 
 /* The name of a dump whose own name Windows did not assign. */
-#define OTHER_DUMP "dump.dmp"
+static constexpr char OTHER_DUMP[] = "dump.dmp";
 
 /* Records that keep their first strings, and how many: the ones that the plug-in queries, and changes of
  * the clock. The following strings contain programs and accounts. */
@@ -324,7 +324,7 @@ static void write_scenario(const std::string &folder, const std::string &scenari
 {
     const std::string events_file = below(folder, "events.json");
 
-    if (!CreateDirectoryW(text_wide(folder).c_str(), NULL)) {
+    if (!CreateDirectoryW(text_wide(folder).c_str(), nullptr)) {
         const DWORD error = GetLastError();
 
         throw devhost_error(EXIT_BAD_CALL,

@@ -1,7 +1,7 @@
 /* Replay: reads evidence, plays its boots on the machine, and prints the result. */
 #include "replay.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 
@@ -20,10 +20,10 @@
 
 /* A check takes 13 polls of 30 s, or as many as the registry names, and alarms follow within minutes. No
  * replay is longer than a day. */
-#define USUAL_MS   (8ull * 60 * 1000)
-#define STEP_MS    (60ull * 1000)
-#define AFTER_MS   (4ull * 60 * 1000)
-#define LONGEST_MS (24ull * 60 * 60 * 1000)
+static constexpr uint64_t USUAL_MS = 8ull * 60 * 1000;
+static constexpr uint64_t STEP_MS = 60ull * 1000;
+static constexpr uint64_t AFTER_MS = 4ull * 60 * 1000;
+static constexpr uint64_t LONGEST_MS = 24ull * 60 * 60 * 1000;
 
 static void log_now(const event_record &event, int64_t clock_change)
 {
@@ -114,7 +114,7 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     play_options.plugin_path = options.plugin_path;
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(note_call, NULL);
+    calls_set_trace(note_call, nullptr);
     try {
         play_open(scenario, play_options);
         oxnih_clock_set_zone(&evidence->zone.rules);

@@ -19,8 +19,8 @@
 #include "zone.h"
 
 /* Names of the forms of --json. */
-#define REPLAY_SCHEMA       "bypass_mgr.replay"
-#define REPLAY_BOOTS_SCHEMA "bypass_mgr.boots"
+#define REPLAY_SCHEMA "bypass_mgr.replay"
+static constexpr char REPLAY_BOOTS_SCHEMA[] = "bypass_mgr.boots";
 
 struct replay_options {
     std::string source;                  /* folder or archive with evidence; empty: none */

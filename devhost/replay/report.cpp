@@ -9,7 +9,7 @@
 #include "../scenario/journal.h"
 #include "../scenario/scenario.h"
 
-#define MOST_DAMAGE_LINES 5
+static constexpr int MOST_DAMAGE_LINES = 5;
 
 static std::string ending_text(const evidence_run &run, const evidence_log &log)
 {
@@ -25,7 +25,7 @@ static const replay_row *row_of(const std::vector<replay_row> &rows, const evide
     for (const replay_row &row : rows)
         if (row.run == &run)
             return &row;
-    return NULL;
+    return nullptr;
 }
 
 static std::string boot_text(const replay_evidence &evidence, const std::vector<replay_row> &rows,
@@ -39,7 +39,7 @@ static std::string boot_text(const replay_evidence &evidence, const std::vector<
                     run.number != 0 ? time_iso(run.started_100ns).c_str() : "before the log",
                     run.first_record, run.last_record);
 
-    if (row == NULL)
+    if (row == nullptr)
         return text + ending_text(run, log) + "\n";
     return text + text_format("%-24s  %-11s  %-16s  %s\n", ending_text(run, log).c_str(),
                               replay_answer_name(row->answer.kind),
@@ -56,7 +56,7 @@ std::string replay_boots_text(const replay_evidence &evidence, const std::vector
     text += rows.empty() ? "\n" : "             answer       blamed            ordered\n";
     for (const evidence_run &run : evidence.runs)
         text += boot_text(evidence, rows, run);
-    if (evidence.boot != NULL)
+    if (evidence.boot != nullptr)
         return text;
     for (const std::string &line : evidence_log_damage(evidence.log, MOST_DAMAGE_LINES))
         text += evidence.events_file + ": " + line + "\n";

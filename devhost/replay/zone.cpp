@@ -1,16 +1,16 @@
 /* Time zones of evidence. */
 #include "zone.h"
 
-#include <string.h>
+#include <cstring>
 
 #include "../base/text.h"
 #include "../machine/machine.h"
 
-#define ZONE_KEY L"SYSTEM\\CurrentControlSet\\Control\\TimeZoneInformation"
+static constexpr wchar_t ZONE_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\TimeZoneInformation";
 /* No zone is further from UTC. */
-#define BIAS_MOST 900
+static constexpr int BIAS_MOST = 900;
 /* The string of record 24 with minutes that local time is behind UTC. */
-#define BIAS_STRING 1
+static constexpr int BIAS_STRING = 1;
 
 /* bias: minutes that local time is behind UTC. */
 static std::string offset_text(LONG bias)
@@ -127,7 +127,7 @@ static bool of_log(const evidence_log &log, const evidence_run &boot, replay_zon
 {
     for (size_t i = boot.end; i > 0; i--) {
         const event_record &event = log.events[i - 1];
-        wchar_t *end = NULL;
+        wchar_t *end = nullptr;
 
         if (!evidence_is_time_zone(event) || event.strings.count() <= BIAS_STRING)
             continue;

@@ -1,8 +1,8 @@
 /* Sessions: a scenario that is played to its end, or by a person at the console. */
 #include "session.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 #include <windows.h>
 
 #include "../../platform/liboxni_core/host.h"
@@ -20,10 +20,10 @@
 #include "../view/page.h"
 #include "../view/view.h"
 
-#define CONSOLE_NAMESPACE "oxni"
+static constexpr char CONSOLE_NAMESPACE[] = "oxni";
 /* Of a boot: docs/scenarios.md and the console's help state it. */
-#define LONGEST_SECONDS 31622400.0
-#define LONGEST_TEXT    "366 days"
+static constexpr double LONGEST_SECONDS = 31622400.0;
+#define LONGEST_TEXT "366 days"
 
 static void trace_sink(const std::string &text, void *user)
 {
@@ -37,7 +37,7 @@ static bool wants_trace(const json_value &value)
     if (value.IsObject())
         for (const auto &member : value.GetObject())
             if (member.name == "calls" || member.name == "no_calls" || member.name == "sequence" ||
-                strchr(member.name.GetString(), '(') != NULL || wants_trace(member.value))
+                strchr(member.name.GetString(), '(') != nullptr || wants_trace(member.value))
                 return true;
     if (value.IsArray())
         for (const json_value &element : value.GetArray())
@@ -61,7 +61,7 @@ static planned_command parse_command(const std::string &text)
     char *end;
 
     if (colon != std::string::npos && slash < colon) {
-        command.boot = strtoul(text.c_str(), NULL, 10);
+        command.boot = strtoul(text.c_str(), nullptr, 10);
         seconds = text.substr(slash + 1, colon - slash - 1);
     }
     command.seconds = strtod(seconds.c_str(), &end);
@@ -104,7 +104,8 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     /* With guards, a bad free names the allocating function. */
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : NULL, NULL);
+    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : nullptr,
+                    nullptr);
     view_start(file, node_text_of(&scenario.document, "name", ""));
     play_open(scenario, play);
 }
@@ -182,7 +183,7 @@ static void console_help(void)
            "  restart           restarts the agent\n"
            "  next              ends this boot as the scenario says, and starts the next one\n"
            "  help, quit\n");
-    if (commands != NULL) /* the agent runs */
+    if (commands != nullptr) /* the agent runs */
         printf("The plug-in's own help:\n%s\n", commands);
 }
 
@@ -282,7 +283,7 @@ int session_console(const std::string &file, const struct run_options &options)
         open_scenario(scenario, file, options, folder);
         console_help();
         for (going = play_begin_boot(), prompt();
-             going && fgets(buffer, sizeof(buffer), stdin) != NULL; prompt()) {
+             going && fgets(buffer, sizeof(buffer), stdin) != nullptr; prompt()) {
             std::string line = buffer;
 
             while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_AGENT_PROCESS_H
 #define DEVHOST_AGENT_PROCESS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

@@ -73,7 +73,7 @@ static void call_console(const node &arguments)
         texts.push_back(word->GetString());
     for (std::string &text : texts)
         argv.push_back(text.data());
-    s_callbacks.console(static_cast<int32_t>(argv.size()), argv.data(), NULL);
+    s_callbacks.console(static_cast<int32_t>(argv.size()), argv.data(), nullptr);
 }
 
 static void call_now(void *user)
@@ -81,15 +81,16 @@ static void call_now(void *user)
     callback_call *call = static_cast<callback_call *>(user);
     node message = call->arguments["message"];
     std::string text = message ? node_to_text(*message) : "";
-    json_t *json = message ? json_loadb(text.data(), text.size(), 0, NULL) : NULL;
+    json_t *json = message ? json_loadb(text.data(), text.size(), 0, nullptr) : nullptr;
 
     if (call->which == "service")
-        s_callbacks.service(static_cast<int32_t>(call->arguments.integer("error", 0)), NULL,
+        s_callbacks.service(static_cast<int32_t>(call->arguments.integer("error", 0)), nullptr,
                             static_cast<int32_t>(call->arguments.integer("moment", 0)), json,
                             call->handle);
     else if (call->which == "subscriber")
-        s_callbacks.subscriber(
-            call->handle, static_cast<uint32_t>(call->arguments.integer("event", 0)), NULL, json);
+        s_callbacks.subscriber(call->handle,
+                               static_cast<uint32_t>(call->arguments.integer("event", 0)), nullptr,
+                               json);
     else
         call_console(call->arguments);
     json_decref(json);
@@ -99,13 +100,13 @@ static void call_now(void *user)
 void callbacks_call(const std::string &which, const node &arguments)
 {
     std::string of = arguments.text("of");
-    oxni_subscriber *handle = of.empty() ? NULL : subscriber_seen(of);
+    oxni_subscriber *handle = of.empty() ? nullptr : subscriber_seen(of);
 
-    if (which == "service"   ? s_callbacks.service == NULL
-        : which == "console" ? s_callbacks.console == NULL
-                             : s_callbacks.subscriber == NULL)
+    if (which == "service"   ? s_callbacks.service == nullptr
+        : which == "console" ? s_callbacks.console == nullptr
+                             : s_callbacks.subscriber == nullptr)
         arguments.bad("the plug-in has given no such callback at this moment");
-    if (which != "console" && handle == NULL)
+    if (which != "console" && handle == nullptr)
         arguments.bad("\"of\": no subscriber \"" + of + "\" was seen since the start of the agent");
     s_queued.push_back({which, arguments, handle});
     journal_add(HAPPENED_STEP, "windows",

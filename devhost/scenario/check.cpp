@@ -4,8 +4,8 @@
  */
 #include "scenario.h"
 
-#include <math.h>
-#include <string.h>
+#include <cmath>
+#include <cstring>
 
 #include <algorithm>
 
@@ -17,8 +17,8 @@
 #include "steps.h"
 #include "timeline.h"
 
-#define MOST_PROBLEMS 20u
-#define MOST_SHOWN    60u /* characters of a value */
+static constexpr uint32_t MOST_PROBLEMS = 20u;
+static constexpr uint32_t MOST_SHOWN = 60u; /* characters of a value */
 
 /* Generated from scenario.schema.json by the build. */
 extern const char scenario_schema_text[];
@@ -56,7 +56,7 @@ static std::string nearest(const std::string &name, const json_value *object)
     std::string best;
     size_t least = name.size() / 2 + 1;
 
-    if (object == NULL || !object->IsObject())
+    if (object == nullptr || !object->IsObject())
         return "";
     for (const auto &member : object->GetObject()) {
         size_t changes = distance(name, member.name.GetString());
@@ -99,9 +99,9 @@ static std::string check_evidence(const node &value)
 
 static std::string unknown_product(const std::string &key, const node &products)
 {
-    return products[key.c_str()]
-               ? ""
-               : "there is no product \"" + key + "\"" + nearest(key, products ? &*products : NULL);
+    return products[key.c_str()] ? ""
+                                 : "there is no product \"" + key + "\"" +
+                                       nearest(key, products ? &*products : nullptr);
 }
 
 static std::string check_product(const node &value)
@@ -123,8 +123,9 @@ static std::string check_product_keys(const node &value)
 /* A product, or the namespace and name of any subscriber. */
 static std::string check_receiver(const node &value)
 {
-    return !value->IsString() || strpbrk(value->GetString(), "/*{") != NULL ? ""
-                                                                            : check_product(value);
+    return !value->IsString() || strpbrk(value->GetString(), "/*{") != nullptr
+               ? ""
+               : check_product(value);
 }
 
 static std::string check_hex(const node &value)
@@ -173,7 +174,7 @@ static const json_value &resolve(const json_value &rules)
 {
     const json_value *reference = node_member(&rules, "$ref");
 
-    return reference == NULL ? rules : *rapidjson::Pointer(reference->GetString()).Get(schema());
+    return reference == nullptr ? rules : *rapidjson::Pointer(reference->GetString()).Get(schema());
 }
 
 /* The types of a schema, and how a message calls them. */
@@ -195,8 +196,8 @@ static bool has_type(const json_value &rules, const char *type)
 {
     const json_value *types = node_member(&rules, "type");
 
-    if (types == NULL || types->IsString())
-        return types == NULL || *types == type;
+    if (types == nullptr || types->IsString())
+        return types == nullptr || *types == type;
     return std::any_of(types->Begin(), types->End(),
                        [type](const json_value &one) { return one == type; });
 }
@@ -208,7 +209,7 @@ static bool fits(const json_value &rules, const json_value &value)
 
     for (const auto &type : s_types)
         typed = typed || (has_type(rules, type.name) && type.is(value));
-    if (one_of != NULL)
+    if (one_of != nullptr)
         return std::find(one_of->Begin(), one_of->End(), value) != one_of->End();
     if (value.IsNumber() &&
         (value.GetDouble() < node_number_of(&rules, "minimum", value.GetDouble()) ||
@@ -232,10 +233,10 @@ static std::string expected(const json_value &rules)
         if (!has_type(rules, type.name))
             continue;
         words += (words.empty() ? "expected " : " or ") + std::string(type.words);
-        if (type.words[0] != 'a' || !strstr("integer number", type.name) || least == NULL)
+        if (type.words[0] != 'a' || !strstr("integer number", type.name) || least == nullptr)
             continue;
-        words += most != NULL ? " from " + node_to_text(*least) + " to " + node_to_text(*most)
-                              : " of " + node_to_text(*least) + " or more";
+        words += most != nullptr ? " from " + node_to_text(*least) + " to " + node_to_text(*most)
+                                 : " of " + node_to_text(*least) + " or more";
     }
     if (node_integer_of(&rules, "minItems", 0) > 0)
         words += " with an element";
@@ -255,11 +256,11 @@ static void check_members(problem_list &problems, const json_value &rules, const
     for (const auto &[name, value] : object.members()) {
         const json_value *its = node_member(properties, name.c_str());
 
-        if (its == NULL)
+        if (its == nullptr)
             its = others;
-        if (its != NULL && its->IsObject())
+        if (its != nullptr && its->IsObject())
             check_value(problems, *its, value);
-        else if (its != NULL && its->IsFalse())
+        else if (its != nullptr && its->IsFalse())
             add(problems, value, "unknown member \"" + name + "\"" + nearest(name, properties));
     }
 }
@@ -301,7 +302,7 @@ static void check_value(problem_list &problems, const json_value &reference, con
         return;
     }
     check_members(problems, rules, value);
-    if (items != NULL)
+    if (items != nullptr)
         for (const node &element : value.elements())
             check_value(problems, *items, element);
     check_format(problems, rules, value);

@@ -4,6 +4,8 @@
  */
 #include "expect_internal.h"
 
+#include <oxni/base/log.h>
+
 #include "../base/text.h"
 #include "../machine/calls.h"
 #include "journal.h"
@@ -193,6 +195,33 @@ static void check_no_log(const expect_context &context)
     check_none(context, HAPPENED_LOG);
 }
 
+/* All lines of level warn and error, in order, and no others. */
+static void check_warnings(const expect_context &context)
+{
+    std::vector<happening> found;
+    size_t index = 0;
+
+    for (const happening *what : happenings(HAPPENED_LOG))
+        if (what->number <= OXNI_LOG_WARN)
+            found.push_back(*what);
+    for (const node &expected : context.value.elements()) {
+        const std::string place = "[" + std::to_string(index) + "]";
+
+        if (index == found.size() || !log_fits(expected, found[index].text, found[index].number)) {
+            expect_fail(context, place + " is " +
+                                     (index == found.size() ? "missing" : found[index].text) +
+                                     ", expected " + node_to_text(*expected));
+            return;
+        }
+        index++;
+    }
+    if (index < found.size())
+        expect_fail(context, text_format("%u lines, expected %u; the next is ",
+                                         static_cast<unsigned>(found.size()),
+                                         static_cast<unsigned>(index)) +
+                                 found[index].text);
+}
+
 static void check_log_counts(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
@@ -257,6 +286,7 @@ static const expect_member s_members[] = {
     {"sequence",    check_sequence        },
     {"log",         check_log             },
     {"no_log",      check_no_log          },
+    {"warnings",    check_warnings        },
     {"log_counts",  check_log_counts      },
     {"echo",        check_echo            },
     {"refused",     check_refused         },

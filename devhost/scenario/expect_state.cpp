@@ -23,7 +23,7 @@ void expect_fail(const expect_context &context, const std::string &why)
 static void check_timers(const expect_context &context)
 {
     for (const auto &[delay, value] : context.value.members()) {
-        uint64_t count = observe_timers(strtoull(delay.c_str(), NULL, 10));
+        uint64_t count = observe_timers(strtoull(delay.c_str(), nullptr, 10));
 
         if (count != value->GetUint64())
             expect_fail(context, text_format("%llu timers of %s ms, expected %llu",
@@ -36,9 +36,9 @@ static void check_references(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
         oxni_subscriber *handle = subscriber_seen(name);
-        uint64_t count = handle != NULL ? oxnih_subscriber_references(handle) : 0;
+        uint64_t count = handle != nullptr ? oxnih_subscriber_references(handle) : 0;
 
-        if (handle == NULL)
+        if (handle == nullptr)
             expect_fail(context,
                         "no subscriber \"" + name + "\" was seen since the start of the agent");
         else if (count != value->GetUint64())

@@ -33,7 +33,7 @@ void journal_add(enum happening_kind kind, const std::string &who, const std::st
 {
     s_all.push_back({kind, s_boot, oxnih_clock_tick_ms(), oxnih_clock_now_100ns(), who,
                      shorten(text), shorten(json), number, whom});
-    if (s_view != NULL)
+    if (s_view != nullptr)
         s_view(s_all.back(), s_view_user);
 }
 

@@ -4,7 +4,7 @@
 #ifndef DEVHOST_JOURNAL_H
 #define DEVHOST_JOURNAL_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

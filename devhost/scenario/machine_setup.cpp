@@ -18,12 +18,12 @@
 #include "timeline.h"
 
 /* Layout of a driver's crash_config.cfg, coded with the drivers' key. */
-#define CRASH_RECORD_BYTES    50
-#define CRASH_RECORD_COUNT_AT 30
-#define CRASH_RECORD_KEY      "Tz!*#4,k"
+static constexpr int CRASH_RECORD_BYTES = 50;
+static constexpr int CRASH_RECORD_COUNT_AT = 30;
+static constexpr char CRASH_RECORD_KEY[] = "Tz!*#4,k";
 
 /* Content of the file of a scripted dump, which nothing reads. */
-#define SCRIPTED_DUMP_BYTES "(the stack of this dump is in the scenario)"
+static constexpr char SCRIPTED_DUMP_BYTES[] = "(the stack of this dump is in the scenario)";
 
 static std::wstring wide_of(const node &object, const char *name)
 {
@@ -49,7 +49,7 @@ static void set_base_folder(const node &said)
     if (s_base_length != 0 && base_folder().size() != s_base_length)
         said.bad(text_format("the base folder of this run has at least %u characters",
                              static_cast<unsigned>(agent_base_folder().size() + 2)));
-    oxnih_set_log_dir(said->IsFalse() ? NULL : base_folder().c_str());
+    oxnih_set_log_dir(said->IsFalse() ? nullptr : base_folder().c_str());
 }
 
 void machine_setup_open(void)
@@ -240,7 +240,7 @@ static std::string bytes_of_hex(const std::string &hex)
     std::string bytes;
 
     for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), NULL, 16));
+        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
     return bytes;
 }
 
@@ -248,7 +248,7 @@ static std::string bytes_of_hex(const std::string &hex)
 static std::string document_bytes(const std::wstring &path, const json_value &document)
 {
     const std::string text = node_to_text(document), real = text_narrow(machine_real_path(path));
-    json_t *json = json_loadb(text.data(), text.size(), 0, NULL);
+    json_t *json = json_loadb(text.data(), text.size(), 0, nullptr);
 
     machine_write_file(path, "", 0, 0);
     (void)wdu_json_dump_file_ejs(json, real.c_str());

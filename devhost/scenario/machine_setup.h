@@ -2,7 +2,7 @@
 #ifndef DEVHOST_MACHINE_SETUP_H
 #define DEVHOST_MACHINE_SETUP_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

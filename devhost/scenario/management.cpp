@@ -15,10 +15,10 @@
 #include "../base/text.h"
 #include "timeline.h"
 
-#define LINK_PATH      "/:broadcast/dbg/oxni/quality_opr"
-#define ACCEPTED       R"({"errcode": 0})"
-#define ANSWER_SECONDS 0.1
-#define ALARM_PATH     "/oxni/quality_opr"
+static constexpr char LINK_PATH[] = "/:broadcast/dbg/oxni/quality_opr";
+static constexpr char ACCEPTED[] = R"({"errcode": 0})";
+static constexpr double ANSWER_SECONDS = 0.1;
+static constexpr char ALARM_PATH[] = "/oxni/quality_opr";
 
 /* How an upload is answered. */
 struct upload_answer {
@@ -69,7 +69,7 @@ static void answer_console(oxnih_request *call, const char *command_line, void *
     (void)user;
     if (!s_management.silent)
         oxnih_dbg_answer(call, s_management.echo_error,
-                         s_management.null_echo ? NULL : echo.c_str(),
+                         s_management.null_echo ? nullptr : echo.c_str(),
                          timeline_ms(s_management.echo_delay));
 }
 
@@ -85,7 +85,7 @@ static void change_answer(upload_answer &answer, const node &said)
 static void answer_alarm(oxnih_request *request, json_t *message, void *user)
 {
     upload_answer answer = s_management.usual;
-    json_t *json = NULL;
+    json_t *json = nullptr;
 
     (void)message;
     (void)user;
@@ -96,7 +96,7 @@ static void answer_alarm(oxnih_request *request, json_t *message, void *user)
     if (s_management.silent)
         return;
     if (!answer.text.empty())
-        json = json_loadb(answer.text.data(), answer.text.size(), 0, NULL);
+        json = json_loadb(answer.text.data(), answer.text.size(), 0, nullptr);
     oxnih_res_answer(request, answer.error, json, timeline_ms(answer.delay));
     json_decref(json);
 }
@@ -153,7 +153,7 @@ void management_open(const node &said)
 
 void management_agent_started(void)
 {
-    oxnih_res_set_handler(ALARM_PATH, answer_alarm, NULL);
-    oxnih_dbg_set_handler("oxni", answer_console, NULL);
+    oxnih_res_set_handler(ALARM_PATH, answer_alarm, nullptr);
+    oxnih_dbg_set_handler("oxni", answer_console, nullptr);
     oxnih_res_set_state(LINK_PATH, s_management.link);
 }

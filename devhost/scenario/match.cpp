@@ -7,7 +7,7 @@
 #include "../base/text.h"
 
 /* A "*" that is none, in patterns and in texts compared with them. */
-#define STAR '\001'
+static constexpr char STAR = '\001';
 
 static std::string local_text(uint64_t filetime)
 {
@@ -164,7 +164,7 @@ static std::string match_object(const json_value &expected, const json_value &ac
         std::string place = where + "." + name;
         std::string why;
 
-        if (found == NULL)
+        if (found == nullptr)
             return place + " is missing, expected " + node_to_text(member.value);
         why = match_json(member.value, *found, place);
         if (!why.empty())
@@ -192,7 +192,7 @@ std::string match_json(const json_value &expected, const json_value &actual,
 {
     const json_value *exactly = node_member(&expected, "exactly");
 
-    if (exactly != NULL && expected.MemberCount() == 1)
+    if (exactly != nullptr && expected.MemberCount() == 1)
         return match_exactly(*exactly, actual, where);
     if (names_type(expected, actual))
         return has_type_and_value(expected, actual) ? "" : differs(expected, actual, where);

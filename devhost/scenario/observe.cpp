@@ -32,7 +32,7 @@ static std::string text_member(const json_t *object, const char *name)
 {
     const char *text = json_string_value(json_object_get(object, name));
 
-    return text != NULL ? text : "";
+    return text != nullptr ? text : "";
 }
 
 /* A product's message as a sentence; an unusual one verbatim. */
@@ -62,7 +62,7 @@ static std::string command_words(const std::string &who, const json_t *message)
     if (type == "bypass")
         return "orders " + who + " into bypass" +
                (reason == "none" ? "" : " (blamed driver: " + reason + ")");
-    return "orders " + who + ": " + type + (count != NULL ? " " + text_of_json(count) : "");
+    return "orders " + who + ": " + type + (count != nullptr ? " " + text_of_json(count) : "");
 }
 
 /* An upload as a phrase. */
@@ -119,10 +119,10 @@ uint64_t observe_timers(uint64_t delay_ms)
 
 static void observe(const oxnih_event *event, void *user)
 {
-    std::string who = event->subscriber != NULL ? product_of(event->subscriber) : "";
-    std::string message = event->message != NULL ? text_of_json(event->message) : "";
-    std::string name = event->name != NULL ? event->name : "";
-    std::string text = event->text != NULL ? event->text : "";
+    std::string who = event->subscriber != nullptr ? product_of(event->subscriber) : "";
+    std::string message = event->message != nullptr ? text_of_json(event->message) : "";
+    std::string name = event->name != nullptr ? event->name : "";
+    std::string text = event->text != nullptr ? event->text : "";
 
     (void)user;
     if (observe_product(event, who, message))
@@ -167,7 +167,7 @@ void observe_platform(void)
 {
     observe_agent_stopped();
     machine_watch_engine(engine_sink);
-    oxnih_log_set_sink(log_sink, NULL);
-    oxnih_set_complaint(complaint_sink, NULL);
-    oxnih_core_set_observer(observe, NULL);
+    oxnih_log_set_sink(log_sink, nullptr);
+    oxnih_set_complaint(complaint_sink, nullptr);
+    oxnih_core_set_observer(observe, nullptr);
 }

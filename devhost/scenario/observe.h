@@ -2,7 +2,7 @@
 #ifndef DEVHOST_OBSERVE_H
 #define DEVHOST_OBSERVE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 /* Begins to record them. */
 void observe_platform(void);

@@ -23,9 +23,9 @@
 #include "windows_traces.h"
 
 /* Default start of the first boot: any working day. */
-#define DEFAULT_START "2024-03-07T09:00:00Z"
+static constexpr char DEFAULT_START[] = "2024-03-07T09:00:00Z";
 /* From the end of one run of Windows to the start of the next. */
-#define REBOOT_TICKS (60 * TICKS_PER_SECOND)
+static constexpr uint64_t REBOOT_TICKS = 60 * TICKS_PER_SECOND;
 
 /* The scenario that is played. */
 static struct {
@@ -131,7 +131,7 @@ void play_open(const struct scenario &scenario, const struct play_options &optio
     journal_set_folder(options.run_folder, "<run>");
     machine_open(text_wide(options.run_folder));
     agent_open(options.run_folder, options.plugin_path);
-    oxnih_clock_set_zone(NULL);
+    oxnih_clock_set_zone(nullptr);
     oxnih_core_set_lenient(0);
     machine_setup_open();
     oxnih_set_device_id("oxni_devhost");

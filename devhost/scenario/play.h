@@ -5,7 +5,7 @@
 #ifndef DEVHOST_PLAY_H
 #define DEVHOST_PLAY_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

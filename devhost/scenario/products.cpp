@@ -20,8 +20,8 @@
 #include "journal.h"
 #include "timeline.h"
 
-#define REGISTER_SECONDS 5.0
-#define ANSWER_SECONDS   1.0
+static constexpr double REGISTER_SECONDS = 5.0;
+static constexpr double ANSWER_SECONDS = 1.0;
 
 struct product {
     std::string key, ns, name, product_name;
@@ -62,7 +62,7 @@ static product *product_by_handle(const oxni_subscriber *subscriber)
     for (product &product : s_products)
         if (product.subscriber == subscriber)
             return &product;
-    return NULL;
+    return nullptr;
 }
 
 static std::string usual_message(const product &product, const char *type)
@@ -94,15 +94,15 @@ static std::string usual_message(const product &product, const char *type)
 /* Throws when it is no JSON; NULL only when the platform's memory is made to fail. */
 static json_t *message_of(const std::string &text)
 {
-    return json_loadb(text.data(), text.size(), 0, NULL);
+    return json_loadb(text.data(), text.size(), 0, nullptr);
 }
 
 static void push_text(product &product, const std::string &text)
 {
     json_t *message = message_of(text);
 
-    if (message == NULL || product.subscriber == NULL ||
-        oxni_subscriber_pushforward(product.subscriber, message, NULL, NULL) != 0)
+    if (message == nullptr || product.subscriber == nullptr ||
+        oxni_subscriber_pushforward(product.subscriber, message, nullptr, nullptr) != 0)
         journal_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
     json_decref(message);
 }
@@ -161,11 +161,11 @@ static void product_cb(oxni_subscriber *subscriber, uint32_t event, void *arg, j
     const char *reason = json_string_value(json_object_get(message, "reason"));
 
     (void)arg;
-    if (product == NULL || event != 1 || type == NULL)
+    if (product == nullptr || event != 1 || type == nullptr)
         return;
     product->commands++;
     product->last_command = std::string(type);
-    if (reason != NULL && std::string(reason) != "none")
+    if (reason != nullptr && std::string(reason) != "none")
         product->last_command += std::string(" (blamed driver: ") + reason + ")";
     product->last_command +=
         " at " + time_span(timeline_now_ms()) + " of boot " + std::to_string(journal_boot());
@@ -174,7 +174,7 @@ static void product_cb(oxni_subscriber *subscriber, uint32_t event, void *arg, j
 
 static void apply_delivery(const product &product)
 {
-    if (product.subscriber == NULL)
+    if (product.subscriber == nullptr)
         return;
     oxnih_subscriber_set_unreachable(product.subscriber, product.unreachable);
     oxnih_subscriber_set_reply_delay(product.subscriber, product.reply_delay < 0
@@ -238,7 +238,7 @@ void products_agent_started(void)
 void products_agent_stopped(void)
 {
     for (product &product : s_products)
-        product.subscriber = NULL;
+        product.subscriber = nullptr;
     s_seen.clear();
     s_answers.clear();
 }
@@ -246,10 +246,10 @@ void products_agent_stopped(void)
 void product_register(const std::string &key)
 {
     product &product = product_find(key);
-    oxni_subscriber_attr attr = {product.ns.c_str(), product.name.c_str(), NULL};
+    oxni_subscriber_attr attr = {product.ns.c_str(), product.name.c_str(), nullptr};
     json_t *message;
 
-    if (product.subscriber != NULL) {
+    if (product.subscriber != nullptr) {
         push_text(product, product.registration.empty() ? usual_message(product, "reg")
                                                         : product.registration);
         return;
@@ -278,11 +278,11 @@ void product_unsubscribe(const std::string &key)
 {
     product &product = product_find(key);
 
-    if (product.subscriber == NULL)
+    if (product.subscriber == nullptr)
         return;
     oxnih_subscriber_leave(product.subscriber);
     oxni_subscriber_delete(product.subscriber);
-    product.subscriber = NULL;
+    product.subscriber = nullptr;
 }
 
 void product_change(const std::string &key, const node &changes)
@@ -315,7 +315,7 @@ void product_replied(oxni_subscriber *subscriber)
     const product *product = product_by_handle(subscriber);
 
     if (s_disturbed.error != 0)
-        oxnih_subscriber_set_unreachable(subscriber, product != NULL ? product->unreachable : 0);
+        oxnih_subscriber_set_unreachable(subscriber, product != nullptr ? product->unreachable : 0);
 }
 
 std::string product_state_text(const std::string &key)
@@ -332,7 +332,8 @@ std::string product_state_text(const std::string &key)
     json.Key("commands");
     json.Int64(product.commands);
     json.Key("references");
-    json.Uint64(product.subscriber != NULL ? oxnih_subscriber_references(product.subscriber) : 0);
+    json.Uint64(product.subscriber != nullptr ? oxnih_subscriber_references(product.subscriber)
+                                              : 0);
     json.EndObject();
     return buffer.GetString();
 }
@@ -362,11 +363,11 @@ std::string product_of(oxni_subscriber *subscriber)
     const oxni_subscriber_attr *attr;
     std::string name = "nobody";
 
-    if (product != NULL) {
+    if (product != nullptr) {
         name = product->key;
     } else {
         attr = oxni_subscriber_get_attr(subscriber);
-        if (attr != NULL)
+        if (attr != nullptr)
             name = text_format("%s/%s", attr->ns, attr->name);
     }
     s_seen[name] = subscriber;
@@ -377,7 +378,7 @@ oxni_subscriber *subscriber_seen(const std::string &whom)
 {
     auto seen = s_seen.find(whom);
 
-    return seen != s_seen.end() ? seen->second : NULL;
+    return seen != s_seen.end() ? seen->second : nullptr;
 }
 
 bool subscriber_order(const std::string &whom, const json_value &message)
@@ -385,10 +386,10 @@ bool subscriber_order(const std::string &whom, const json_value &message)
     oxni_subscriber *handle = subscriber_seen(whom);
     json_t *json;
 
-    if (handle == NULL)
+    if (handle == nullptr)
         return false;
     json = message_of(node_to_text(message));
-    (void)oxni_subscribee_pushback(handle, json, NULL, NULL);
+    (void)oxni_subscribee_pushback(handle, json, nullptr, nullptr);
     json_decref(json);
     return true;
 }

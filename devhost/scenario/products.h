@@ -2,7 +2,7 @@
 #ifndef DEVHOST_PRODUCTS_H
 #define DEVHOST_PRODUCTS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

@@ -8,7 +8,7 @@
 #include "../machine/machine.h"
 #include "../base/text.h"
 
-#define MOST_LEVELS 100
+static constexpr int MOST_LEVELS = 100;
 
 /* Returns ":3:7", line and column of a byte of a text. */
 static std::string position_of(const std::string &text, size_t offset)
@@ -80,7 +80,7 @@ std::vector<node> node::elements() const
 {
     std::vector<node> found;
 
-    if (value_ != NULL && value_->IsArray())
+    if (value_ != nullptr && value_->IsArray())
         for (const json_value &element : value_->GetArray())
             found.emplace_back(*scenario_, &element);
     return found;
@@ -90,7 +90,7 @@ std::vector<std::pair<std::string, node>> node::members() const
 {
     std::vector<std::pair<std::string, node>> found;
 
-    if (value_ != NULL && value_->IsObject())
+    if (value_ != nullptr && value_->IsObject())
         for (const auto &member : value_->GetObject())
             found.emplace_back(member.name.GetString(), node(*scenario_, &member.value));
     return found;

@@ -5,7 +5,7 @@
 #ifndef DEVHOST_SCENARIO_H
 #define DEVHOST_SCENARIO_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <map>
 #include <string>
@@ -49,14 +49,14 @@ class node
 
     explicit operator bool() const
     {
-        return value_ != NULL;
+        return value_ != nullptr;
     }
     /* A missing value reads as null. */
     const json_value &operator*() const
     {
         static const json_value none;
 
-        return value_ != NULL ? *value_ : none;
+        return value_ != nullptr ? *value_ : none;
     }
     const json_value *operator->() const
     {
@@ -89,8 +89,8 @@ class node
     [[noreturn]] void bad(const std::string &what) const;
 
   private:
-    const struct scenario *scenario_ = NULL;
-    const json_value *value_ = NULL;
+    const struct scenario *scenario_ = nullptr;
+    const json_value *value_ = nullptr;
 };
 
 #endif

@@ -1,7 +1,7 @@
 /* The timeline of a boot. */
 #include "timeline.h"
 
-#include <math.h>
+#include <cmath>
 
 #include <map>
 #include <utility>

@@ -5,7 +5,7 @@
 #ifndef DEVHOST_TIMELINE_H
 #define DEVHOST_TIMELINE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <functional>
 #include <string>
@@ -41,7 +41,7 @@ uint64_t timeline_ms(double seconds);
 uint64_t timeline_time(const node &value, uint64_t missing);
 
 /* Defaults of a boot. */
-#define AGENT_START_SECONDS 10.0
-#define BOOT_SECONDS        600.0
+static constexpr double AGENT_START_SECONDS = 10.0;
+static constexpr double BOOT_SECONDS = 600.0;
 
 #endif

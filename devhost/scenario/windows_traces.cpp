@@ -12,17 +12,17 @@
 #include "timeline.h"
 
 /* Seconds after the start of Windows at which it writes these. */
-#define START_SECONDS      0.0
-#define UNEXPECTED_SECONDS 3.0
-#define DUMP_SECONDS       6.0
-#define WINLOGON_SECONDS   20.0
-#define BUG_CHECK_SECONDS  25.0
+static constexpr double START_SECONDS = 0.0;
+static constexpr double UNEXPECTED_SECONDS = 3.0;
+static constexpr double DUMP_SECONDS = 6.0;
+static constexpr double WINLOGON_SECONDS = 20.0;
+static constexpr double BUG_CHECK_SECONDS = 25.0;
 
 #define DEFAULT_BUG_CHECK                                                                          \
     "0x0000007e (0xffffffffc0000005, 0xfffff8048b58334c, 0xffff850429891ee8, 0xffff850429891720)"
 
 /* Content of the file of a scripted dump, which nothing reads. */
-#define SCRIPTED_DUMP_TEXT "(the stack of this dump is in the scenario)"
+static constexpr char SCRIPTED_DUMP_TEXT[] = "(the stack of this dump is in the scenario)";
 
 static void log_record(const wchar_t *source, uint32_t id, uint64_t time_100ns,
                        event_strings strings)

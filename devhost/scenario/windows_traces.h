@@ -2,7 +2,7 @@
 #ifndef DEVHOST_WINDOWS_TRACES_H
 #define DEVHOST_WINDOWS_TRACES_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_ACCOMPANY_H
 #define DEVHOST_ACCOMPANY_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

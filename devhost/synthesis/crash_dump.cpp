@@ -7,21 +7,21 @@
 #include "../kernel_dump/kernel_dump.h"
 #include "../kernel_dump/memory_model.h"
 
-#define BUILD 19041u
+static constexpr uint32_t BUILD = 19041u;
 
 /* Each module has a range of its own, so that offsets of any file fit. */
-#define FIRST_BASE   0xFFFFF80200000000ull
-#define RANGE_BYTES  0x100000000ull
-#define USUAL_BYTES  0x80000u
-#define LIST_AT      0xC2A2C0u /* the list of modules, in the kernel */
-#define KERNEL_BYTES 0x1046000u
+static constexpr uint64_t FIRST_BASE = 0xFFFFF80200000000ull;
+static constexpr uint64_t RANGE_BYTES = 0x100000000ull;
+static constexpr uint32_t USUAL_BYTES = 0x80000u;
+static constexpr uint32_t LIST_AT = 0xC2A2C0u; /* the list of modules, in the kernel */
+static constexpr uint32_t KERNEL_BYTES = 0x1046000u;
 
 /* A file name has no more, with its extension. */
-#define MOST_NAME_CHARS 250u
+static constexpr uint32_t MOST_NAME_CHARS = 250u;
 
-#define STACK_POINTER   0xFFFF850429890000ull
+static constexpr uint64_t STACK_POINTER = 0xFFFF850429890000ull;
 /* Values of calls that had returned before the crash are saved below the stack pointer. */
-#define STALE_VALUES 8u
+static constexpr uint32_t STALE_VALUES = 8u;
 
 namespace
 {
@@ -62,7 +62,7 @@ static std::string module_of(const std::string &frame)
 static uint64_t offset_of(const std::string &frame)
 {
     const size_t plus = frame.find_last_of('+'), mark = frame.find('!');
-    uint64_t offset = plus != std::string::npos ? strtoull(&frame[plus + 1], NULL, 16) : 0;
+    uint64_t offset = plus != std::string::npos ? strtoull(&frame[plus + 1], nullptr, 16) : 0;
     uint32_t hash = 0;
 
     for (size_t i = mark; i < std::min(plus, frame.size()); i++)

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_CRASH_DUMP_H
 #define DEVHOST_CRASH_DUMP_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

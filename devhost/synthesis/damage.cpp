@@ -1,6 +1,6 @@
 #include "damage.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <algorithm>
 #include <random>
@@ -10,12 +10,12 @@
 #include "../base/text.h"
 #include "../evidence/evtx_writer.h"
 
-#define HEADER_BYTES       4096u
-#define CHUNK_BYTES        65536u
-#define CHUNK_HEADER_BYTES 512u
-#define COMPUTER           L"デスクトップ-17"
-#define MOST_BAD_RECORDS   3u
-#define LOST_IN_A_ROW      3u
+static constexpr uint32_t HEADER_BYTES = 4096u;
+static constexpr uint32_t CHUNK_BYTES = 65536u;
+static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
+static constexpr wchar_t COMPUTER[] = L"デスクトップ-17";
+static constexpr uint32_t MOST_BAD_RECORDS = 3u;
+static constexpr uint32_t LOST_IN_A_ROW = 3u;
 
 namespace
 {
@@ -189,7 +189,7 @@ static const struct {
     {"missing-chunk",    clear_chunk},
     {"dirty",            make_dirty },
     {"wrapped",          wrap       },
-    {"lost-records",     NULL       }, /* Windows never wrote them */
+    {"lost-records",     nullptr    }, /* Windows never wrote them */
 };
 
 const std::vector<std::string> &damage_kinds(void)
@@ -231,7 +231,7 @@ std::string damage_log(const std::vector<event_record> &records, const std::stri
 
     find_records(&log);
     for (const auto &row : s_kinds)
-        if (row.name == kind && row.damage != NULL)
+        if (row.name == kind && row.damage != nullptr)
             row.damage(&log);
     return log.bytes;
 }

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_DAMAGE_H
 #define DEVHOST_DAMAGE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <set>
 #include <string>

@@ -8,7 +8,7 @@
 #include "../scenario/timeline.h"
 
 /* A replay has decided by then: the last poll of products that register 15 s after the start. */
-#define DECIDED_SECONDS 420.0
+static constexpr double DECIDED_SECONDS = 420.0;
 
 /* Members of a boot's machine, and steps, that change nothing of the decision or that evidence shows. */
 static const char *const s_shown_members[] = {"time_zone", "events", "log_level", "device_id",

@@ -12,14 +12,14 @@
 #include "../scenario/timeline.h"
 #include "accompany.h"
 
-#define FIRST_START   "2024-03-07T09:00:00Z" /* where the scenario names none */
-#define REBOOT        (60 * TICKS_PER_SECOND)
-#define FIRST_RECORD  4711u
-#define USUAL_CODE    0x7Eu
-#define USUAL_FAULT   0xFFFFFFFFC0000005ull
-#define USUAL_RECORD  0xFFFF850429891EE8ull
-#define USUAL_CONTEXT 0xFFFF850429891720ull
-#define CLOCK_REASON  L"3" /* another program set it */
+static constexpr char FIRST_START[] = "2024-03-07T09:00:00Z"; /* where the scenario names none */
+static constexpr uint64_t REBOOT = 60 * TICKS_PER_SECOND;
+static constexpr uint32_t FIRST_RECORD = 4711u;
+static constexpr uint32_t USUAL_CODE = 0x7Eu;
+static constexpr uint64_t USUAL_FAULT = 0xFFFFFFFFC0000005ull;
+static constexpr uint64_t USUAL_RECORD = 0xFFFF850429891EE8ull;
+static constexpr uint64_t USUAL_CONTEXT = 0xFFFF850429891720ull;
+static constexpr wchar_t CLOCK_REASON[] = L"3"; /* another program set it */
 
 /* Steps that change the machine; all others need the agent, or make it fail. */
 static const char *const s_machine_steps[] = {
@@ -38,7 +38,7 @@ bool history_order::operator==(const history_order &other) const
 
 /* A blue screen. The members of its node are set when it is known when it happened. */
 struct crash_sketch {
-    json_value *node; /* of the played scenario; NULL: the run ended otherwise */
+    json_value *node; /* of the played scenario; nullptr: the run ended otherwise */
     bool names_dump;  /* its dump needs a name */
     uint32_t code;
     uint64_t parameters[4];
@@ -56,7 +56,7 @@ struct player {
 
 static json_value *member(json_value *object, const char *name)
 {
-    return object->HasMember(name) ? &(*object)[name] : NULL;
+    return object->HasMember(name) ? &(*object)[name] : nullptr;
 }
 
 static void set_member(player &player, json_value *object, const char *name, json_value value)
@@ -78,9 +78,9 @@ static bool names_dump(const json_value &crash)
 {
     const json_value *said = node_member(&crash, "minidump");
     const bool has_stack =
-        node_member(&crash, "frames") != NULL || node_member(&crash, "stack") != NULL;
+        node_member(&crash, "frames") != nullptr || node_member(&crash, "stack") != nullptr;
 
-    return said == NULL ? has_stack : said->IsTrue();
+    return said == nullptr ? has_stack : said->IsTrue();
 }
 
 /* The crash at the end of a run, with all members that the play needs. */
@@ -88,7 +88,7 @@ static crash_sketch sketch_crash(player &player, json_value *run)
 {
     crash_sketch sketch = {};
 
-    if (run == NULL || node_text_of(run, "ends", "") != "blue_screen")
+    if (run == nullptr || node_text_of(run, "ends", "") != "blue_screen")
         return sketch;
     if (!run->HasMember("crash"))
         set_member(player, run, "crash", json_value(rapidjson::kObjectType));
@@ -139,7 +139,7 @@ static void end_with_crash(player &player, const crash_sketch &sketch, uint64_t 
     player.crash = sketch;
     player.crashed_100ns = now;
     player.ran_100ns = now > start ? now - start : 0;
-    if (sketch.node == NULL)
+    if (sketch.node == nullptr)
         return;
     const std::string date = time_iso(now); /* YYYY-MM-DD... */
 
@@ -232,7 +232,7 @@ static void take_dumps(player &player, history_boot *boot)
             cannot(player,
                    "the stack of " + dump.path + " is text of the engine that no dump contains");
         dump.complete = text_lower(dump.path).find("memory.dmp") != std::string::npos;
-        dump.code = player.crash.node != NULL ? player.crash.code : USUAL_CODE;
+        dump.code = player.crash.node != nullptr ? player.crash.code : USUAL_CODE;
         std::copy(std::begin(player.crash.parameters), std::end(player.crash.parameters),
                   dump.parameters);
         dump.crashed_100ns = player.crashed_100ns;
@@ -249,7 +249,7 @@ static void take_dumps(player &player, history_boot *boot)
 static void put_code(const crash_sketch &crash, event_record *event)
 {
     if (event->source != SOURCE_KERNEL_POWER || event->id != EVENT_UNEXPECTED_SHUTDOWN ||
-        crash.node == NULL || event->strings.count() != 7 || event->strings.at(0) != L"0")
+        crash.node == nullptr || event->strings.count() != 7 || event->strings.at(0) != L"0")
         return;
     event_strings strings = {std::to_wstring(crash.code)};
 
@@ -330,16 +330,16 @@ static void play_boot(player &player, json_value *node, const std::string &ended
 /* The dump of the last crash that has a small one is written as a memory dump, too. */
 static void ask_for_memory_dump(player &player)
 {
-    json_value *last = NULL, *before = member(&player.scenario.document, "before");
+    json_value *last = nullptr, *before = member(&player.scenario.document, "before");
     std::vector<json_value *> runs = {before};
 
     for (json_value &boot : player.scenario.document["boots"].GetArray())
         runs.push_back(&boot);
     runs.pop_back(); /* the last one goes on */
     for (json_value *run : runs)
-        if (run != NULL && run->HasMember("crash") && names_dump((*run)["crash"]))
+        if (run != nullptr && run->HasMember("crash") && names_dump((*run)["crash"]))
             last = &(*run)["crash"];
-    if (last == NULL)
+    if (last == nullptr)
         cannot(player, "no crash leaves a dump, so there is no memory dump (--memory-dump)");
     set_member(player, last, "complete", json_value(true));
 }

@@ -5,7 +5,7 @@
 #ifndef DEVHOST_HISTORY_H
 #define DEVHOST_HISTORY_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <set>
 #include <string>

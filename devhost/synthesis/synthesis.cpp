@@ -1,7 +1,7 @@
 /* From a history to files. */
 #include "synthesis.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include "../base/run_folder.h"
 #include "../base/text.h"
@@ -300,7 +300,7 @@ class new_folder
     {
         const std::string path = path_ + name;
 
-        if (!CreateDirectoryW(text_wide(path).c_str(), NULL))
+        if (!CreateDirectoryW(text_wide(path).c_str(), nullptr))
             throw devhost_error(EXIT_BAD_CALL, "cannot make the folder '" + path +
                                                    "': " + text_error(GetLastError()));
         folders_.push_back(text_wide(path));
@@ -322,12 +322,12 @@ class new_folder
     {
         const FILETIME time = {static_cast<DWORD>(time_100ns),
                                static_cast<DWORD>(time_100ns >> 32)};
-        const HANDLE file = CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ, NULL,
-                                        OPEN_EXISTING, 0, NULL);
+        const HANDLE file = CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ,
+                                        nullptr, OPEN_EXISTING, 0, nullptr);
 
         if (file == INVALID_HANDLE_VALUE)
             return;
-        (void)SetFileTime(file, NULL, NULL, &time);
+        (void)SetFileTime(file, nullptr, nullptr, &time);
         CloseHandle(file);
     }
 

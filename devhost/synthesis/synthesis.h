@@ -10,7 +10,7 @@
 #include "history.h"
 
 /* Name of the form of truth.json. */
-#define SYNTHESIS_TRUTH_SCHEMA "bypass_mgr.truth"
+static constexpr char SYNTHESIS_TRUTH_SCHEMA[] = "bypass_mgr.truth";
 
 struct synthesis {
     history history;

@@ -9,7 +9,7 @@
 /* Made from page.html by the build. */
 extern const char page_html_text[];
 
-#define DATA_MARK "@DATA@"
+static constexpr char DATA_MARK[] = "@DATA@";
 
 std::string page_of(const std::string &json)
 {

@@ -5,7 +5,7 @@
 #ifndef DEVHOST_VIEW_PAGE_H
 #define DEVHOST_VIEW_PAGE_H
 
-#include <stddef.h>
+#include <cstddef>
 
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 /* The timeline on the console: time since Windows started, who, what. */
 #include "view.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include "../base/terminal.h"
 #include "../base/text.h"

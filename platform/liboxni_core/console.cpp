@@ -33,7 +33,7 @@ struct console_table {
     std::map<std::pair<std::string, std::string>, command> commands; /* by namespace and name */
     std::map<std::string, console_handler> handlers;
     std::map<uint64_t, call> calls;
-    const oxni_dbg_context *running = NULL; /* a context is valid for one call only */
+    const oxni_dbg_context *running = nullptr; /* a context is valid for one call only */
 };
 
 static console_table &s_console = *new console_table;
@@ -52,7 +52,7 @@ static void notify(enum oxnih_event_kind kind, const std::string &ns, int32_t er
 
 int oxni_dbg_decl(const char *ns, const char *word, const char *help, oxni_dbg_fn fn)
 {
-    if (ns == NULL || word == NULL || help == NULL || fn == NULL)
+    if (ns == nullptr || word == nullptr || help == nullptr || fn == nullptr)
         return -1;
     return s_console.commands.emplace(std::make_pair(ns, word), command{help, fn}).second ? 0 : -1;
 }
@@ -60,11 +60,11 @@ int oxni_dbg_decl(const char *ns, const char *word, const char *help, oxni_dbg_f
 void oxni_dbg_echo(oxni_dbg_context *context, int reserved, const char *text)
 {
     (void)reserved;
-    if (context == NULL || context != s_console.running) {
+    if (context == nullptr || context != s_console.running) {
         oxnih_complain("oxni_dbg_echo: no command runs with that context");
         return;
     }
-    if (text != NULL)
+    if (text != nullptr)
         notify(OXNIH_EVENT_ECHO, context->ns, 0, text);
 }
 
@@ -80,7 +80,7 @@ class running_command
     running_command &operator=(const running_command &) = delete;
     ~running_command()
     {
-        s_console.running = NULL;
+        s_console.running = nullptr;
     }
 };
 
@@ -102,7 +102,7 @@ static void run_line(const std::string &ns, const std::string &line)
     /* A command may modify its arguments, as main may. */
     for (std::string &word : words)
         argv.push_back(word.data());
-    argv.push_back(NULL);
+    argv.push_back(nullptr);
     notify(OXNIH_EVENT_COMMAND, ns, 0, line.c_str());
     running_command mark(&context);
     at->second.fn(static_cast<int32_t>(words.size()), argv.data(), &context);
@@ -118,7 +118,7 @@ const char *oxnih_dbg_help(const char *ns, const char *word)
 {
     auto at = s_console.commands.find({ns, word});
 
-    return at == s_console.commands.end() ? NULL : at->second.help.c_str();
+    return at == s_console.commands.end() ? nullptr : at->second.help.c_str();
 }
 
 void oxnih_dbg_set_handler(const char *ns, oxnih_dbg_handler_fn fn, void *user)
@@ -138,9 +138,9 @@ static void run_exec(uint64_t id, const std::string &line)
     auto at = s_console.handlers.find(asked.ns);
 
     notify(OXNIH_EVENT_EXEC, asked.ns, 0, line.c_str());
-    if (at == s_console.handlers.end() || at->second.fn == NULL) {
+    if (at == s_console.handlers.end() || at->second.fn == nullptr) {
         s_console.calls.erase(id);
-        dispatcher_queue(0, [asked] { run_answer(asked, OXNIH_ERROR_UNREACHABLE, NULL); });
+        dispatcher_queue(0, [asked] { run_answer(asked, OXNIH_ERROR_UNREACHABLE, nullptr); });
         return;
     }
     at->second.fn(reinterpret_cast<oxnih_request *>(static_cast<uintptr_t>(id)), line.c_str(),
@@ -152,7 +152,7 @@ int oxni_dbg_exec(const char *ns, const char *command_line, int reserved, oxni_d
     uint64_t id;
 
     (void)reserved;
-    if (ns == NULL || command_line == NULL || fn == NULL)
+    if (ns == nullptr || command_line == nullptr || fn == nullptr)
         return -1;
     id = dispatcher_new_id();
     s_console.calls.emplace(id, call{ns, fn});
@@ -170,8 +170,8 @@ void oxnih_dbg_answer(oxnih_request *handle, int32_t error, const char *echo, ui
         return;
     }
     dispatcher_queue(delay_ms, [asked = at->second, error, text = std::string(echo ? echo : ""),
-                                given = echo != NULL] {
-        run_answer(asked, error, given ? text.c_str() : NULL);
+                                given = echo != nullptr] {
+        run_answer(asked, error, given ? text.c_str() : nullptr);
     });
     /* The handle becomes unknown, so that a second answer is detected. */
     s_console.calls.erase(at);

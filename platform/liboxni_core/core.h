@@ -36,7 +36,7 @@ class json_ref
     }
 
   private:
-    json_t *value_ = NULL;
+    json_t *value_ = nullptr;
 };
 
 /* Returns a number for a handle: never 0, unique in the process. */

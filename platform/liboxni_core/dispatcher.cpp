@@ -33,8 +33,8 @@ struct dispatcher_state {
     std::map<uint64_t, queue_key> timers; /* pending ones, by handle */
     uint64_t last_id = 0;
     bool running = false;
-    oxnih_observer_fn observer = NULL;
-    void *observer_user = NULL;
+    oxnih_observer_fn observer = nullptr;
+    void *observer_user = nullptr;
 };
 
 /* Never destroyed, like all state of this library: its destructors need libraries that may be
@@ -68,7 +68,7 @@ void dispatcher_queue(uint64_t delay_ms, std::function<void()> run)
 
 void dispatcher_tell(const oxnih_event &event)
 {
-    if (s_dispatcher.observer != NULL)
+    if (s_dispatcher.observer != nullptr)
         s_dispatcher.observer(&event, s_dispatcher.observer_user);
 }
 
@@ -95,7 +95,7 @@ static void *handle_of(uint64_t timer)
 
 uint64_t oxni_timer_start(uint32_t milliseconds, oxni_timer_fn fn, void *arg)
 {
-    if (fn == NULL)
+    if (fn == nullptr)
         return 0;
     uint64_t timer = dispatcher_new_id();
     s_dispatcher.timers[timer] = queue_event(milliseconds, RANK_TIMER, timer, [timer, fn, arg] {
@@ -124,10 +124,11 @@ static void complain_of_exception(const char *what)
         return;
     const std::type_info *type = abi::__cxa_current_exception_type();
     int status = -1;
-    char *name = type == NULL ? NULL : abi::__cxa_demangle(type->name(), NULL, NULL, &status);
+    char *name =
+        type == nullptr ? nullptr : abi::__cxa_demangle(type->name(), nullptr, nullptr, &status);
 
-    oxnih_complain("an exception of type %s left a callback%s%s", name != NULL ? name : "(unknown)",
-                   what[0] == '\0' ? "" : ": ", what);
+    oxnih_complain("an exception of type %s left a callback%s%s",
+                   name != nullptr ? name : "(unknown)", what[0] == '\0' ? "" : ": ", what);
     free(name);
 }
 

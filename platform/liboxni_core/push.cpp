@@ -22,7 +22,7 @@ static void notify(enum oxnih_event_kind kind, const push &sent, int32_t error)
     event.error = error;
     event.subscriber = sent.subscriber.get();
     event.message = sent.message.get();
-    if (sent.subscriber->home != NULL)
+    if (sent.subscriber->home != nullptr)
         event.name = sent.subscriber->home->name.c_str();
     dispatcher_tell(event);
 }
@@ -39,8 +39,8 @@ static void run_reply(uint64_t id, bool to_subscriber, int32_t error)
         error = OXNIH_ERROR_UNREACHABLE;
     if (to_subscriber)
         notify(OXNIH_EVENT_REPLY, done, error);
-    if (done.reply != NULL)
-        done.reply(error, done.cookie, done.subscriber.get(), NULL);
+    if (done.reply != nullptr)
+        done.reply(error, done.cookie, done.subscriber.get(), nullptr);
 }
 
 static void queue_reply(uint64_t id, bool to_subscriber, int32_t error, uint64_t delay_ms)
@@ -74,7 +74,7 @@ static void run_pushback(uint64_t id)
     }
     /* The reply must follow the messages that the subscriber sends in its callback. */
     notify(OXNIH_EVENT_TO_SUBSCRIBER, now, 0);
-    to->fn(to, 1, NULL, now.message.get());
+    to->fn(to, 1, nullptr, now.message.get());
     queue_reply(id, true, 0, to->reply_delay_ms);
 }
 
@@ -83,7 +83,7 @@ int oxni_subscribee_pushback(oxni_subscriber *subscriber, json_t *message, void 
 {
     uint64_t id;
 
-    if (message == NULL || !subscriber_is_known(subscriber, "oxni_subscribee_pushback"))
+    if (message == nullptr || !subscriber_is_known(subscriber, "oxni_subscribee_pushback"))
         return -1;
     id = keep(subscriber, message, cookie, reply);
     notify(OXNIH_EVENT_PUSHED, s_pending.at(id), 0);
@@ -97,7 +97,7 @@ static void run_pushforward(uint64_t id)
     std::shared_ptr<service> home = now.subscriber->home;
     int32_t error = OXNIH_ERROR_UNREACHABLE; /* the registration was rejected meanwhile */
 
-    if (home != NULL)
+    if (home != nullptr)
         error = service_check(home, home->name, now.subscriber.get(), now.message.get());
     if (error == 0)
         service_receive(*home, now.subscriber.get(), now.message.get());
@@ -109,7 +109,7 @@ int oxni_subscriber_pushforward(oxni_subscriber *subscriber, json_t *message, vo
 {
     uint64_t id;
 
-    if (message == NULL || !subscriber_is_known(subscriber, "oxni_subscriber_pushforward") ||
+    if (message == nullptr || !subscriber_is_known(subscriber, "oxni_subscriber_pushforward") ||
         (subscriber->state != SUBSCRIBER_SUBSCRIBING && subscriber->state != SUBSCRIBER_SUBSCRIBED))
         return -1;
     id = keep(subscriber, message, cookie, reply);

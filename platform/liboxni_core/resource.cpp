@@ -51,7 +51,7 @@ static void notify(enum oxnih_event_kind kind, const std::string &path, int32_t 
 static void queue_state(const std::string &path, int32_t state, oxni_res_state_fn fn)
 {
     dispatcher_queue(0, [path, state, fn] {
-        notify(OXNIH_EVENT_LINK, path, state, NULL);
+        notify(OXNIH_EVENT_LINK, path, state, nullptr);
         fn(path.c_str(), state);
     });
 }
@@ -59,7 +59,7 @@ static void queue_state(const std::string &path, int32_t state, oxni_res_state_f
 int oxni_res_require(const char *path, int reserved, oxni_res_state_fn fn)
 {
     (void)reserved;
-    if (path == NULL || fn == NULL)
+    if (path == nullptr || fn == nullptr)
         return -1;
     s_table.watches.emplace(path, fn);
     queue_state(path, s_table.states[path], fn);
@@ -97,10 +97,10 @@ static void run_request(uint64_t id)
 {
     auto at = s_table.handlers.find(s_table.requests.at(id).path);
 
-    if (at == s_table.handlers.end() || at->second.fn == NULL) {
+    if (at == s_table.handlers.end() || at->second.fn == nullptr) {
         request unheard = s_table.requests.at(id);
         s_table.requests.erase(id);
-        dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_UNREACHABLE, NULL); });
+        dispatcher_queue(0, [unheard] { run_response(unheard, OXNIH_ERROR_UNREACHABLE, nullptr); });
         return;
     }
     /* A copy, because the handler may answer immediately, which erases the request. */
@@ -118,7 +118,7 @@ int oxni_res_deliver(const char *path, json_t *message, void *user, oxni_res_rep
 
     (void)reserved;
     json_decref(message); /* the caller's reference */
-    if (path == NULL || message == NULL || reply == NULL)
+    if (path == nullptr || message == nullptr || reply == nullptr)
         return -1;
     id = dispatcher_new_id();
     s_table.requests.emplace(id, request{path, kept, user, reply});
@@ -143,12 +143,12 @@ void oxnih_res_answer(oxnih_request *handle, int32_t error, json_t *answer, uint
 
 int32_t oxnir_rsp_get_errno(oxnir_rsp *response)
 {
-    return response == NULL ? OXNIH_ERROR_UNREACHABLE : response->error;
+    return response == nullptr ? OXNIH_ERROR_UNREACHABLE : response->error;
 }
 
 json_t *oxnir_rsp_get_resp(oxnir_rsp *response)
 {
-    return response == NULL ? NULL : response->answer;
+    return response == nullptr ? nullptr : response->answer;
 }
 
 void resource_reset()

@@ -26,11 +26,11 @@ std::shared_ptr<schema> schema_new(const char *text)
 
     made->text.Parse(text);
     if (made->text.HasParseError() || !made->text.IsObject())
-        return NULL;
+        return nullptr;
     try {
         made->compiled = std::make_unique<rapidjson::SchemaDocument>(made->text);
     } catch (const broken_schema &) {
-        return NULL;
+        return nullptr;
     }
     return made;
 }
@@ -48,7 +48,7 @@ class walker
     {
         bool holds = emit(value);
 
-        if (!holds && refused_ == NULL)
+        if (!holds && refused_ == nullptr)
             refused_ = value;
         return holds;
     }
@@ -56,7 +56,7 @@ class walker
     std::string reason() const
     {
         const char *word = validator_.GetInvalidSchemaKeyword();
-        std::string keyword = word == NULL ? "" : word;
+        std::string keyword = word == nullptr ? "" : word;
         std::string text = "member \"" + place_ + "\" fails \"" + keyword + "\"";
 
         return keyword == "required" ? text + ": \"" + missing() + "\" is missing" : text;
@@ -129,10 +129,10 @@ class walker
     {
         const rapidjson::Value *part = validator_.GetInvalidSchemaPointer().Get(rules_.text);
 
-        if (part == NULL || !part->IsObject() || !part->HasMember("required"))
+        if (part == nullptr || !part->IsObject() || !part->HasMember("required"))
             return "";
         for (const auto &name : (*part)["required"].GetArray())
-            if (json_object_get(refused_, name.GetString()) == NULL)
+            if (json_object_get(refused_, name.GetString()) == nullptr)
                 return name.GetString();
         return "";
     }
@@ -140,7 +140,7 @@ class walker
     const schema &rules_;
     rapidjson::SchemaValidator validator_;
     std::string place_; /* JSON pointer; empty for the whole message */
-    json_t *refused_ = NULL;
+    json_t *refused_ = nullptr;
 };
 
 std::string schema_check(const schema &rules, json_t *message)

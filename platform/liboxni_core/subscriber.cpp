@@ -45,7 +45,7 @@ bool subscriber_is_known(const oxni_subscriber *subscriber, const char *call)
 {
     bool known = s_table.handles.count(subscriber) != 0;
 
-    if (!known && subscriber != NULL)
+    if (!known && subscriber != nullptr)
         oxnih_complain("%s: %p is not a live subscriber handle", call,
                        static_cast<const void *>(subscriber));
     return known;
@@ -55,13 +55,13 @@ oxni_subscriber *oxni_subscriber_new(const oxni_subscriber_attr *attr)
 {
     void *memory;
 
-    if (attr == NULL || attr->ns == NULL || attr->name == NULL)
-        return NULL;
+    if (attr == nullptr || attr->ns == nullptr || attr->name == nullptr)
+        return nullptr;
     /* Allocated with the agent's allocator, so that a handle that is never released counts as a
      * leak. */
     memory = oxni_zero_malloc_(sizeof(oxni_subscriber));
-    if (memory == NULL)
-        return NULL;
+    if (memory == nullptr)
+        return nullptr;
     oxni_subscriber *made = new (memory) oxni_subscriber();
     made->ns = attr->ns;
     made->name = attr->name;
@@ -80,7 +80,7 @@ void oxni_subscriber_retain(oxni_subscriber *subscriber)
 
 void oxni_subscriber_delete(oxni_subscriber *subscriber)
 {
-    if (subscriber == NULL)
+    if (subscriber == nullptr)
         return;
     if (!subscriber_is_known(subscriber, "oxni_subscriber_delete")) {
         s_table.excess_deletes++;
@@ -100,7 +100,8 @@ void oxni_subscriber_delete(oxni_subscriber *subscriber)
 
 const oxni_subscriber_attr *oxni_subscriber_get_attr(oxni_subscriber *subscriber)
 {
-    return subscriber_is_known(subscriber, "oxni_subscriber_get_attr") ? &subscriber->attr : NULL;
+    return subscriber_is_known(subscriber, "oxni_subscriber_get_attr") ? &subscriber->attr
+                                                                       : nullptr;
 }
 
 uint64_t oxnih_subscriber_references(oxni_subscriber *subscriber)
@@ -133,15 +134,15 @@ int oxni_subscribee_install(const char *name, const char *text, unsigned flags,
 
     (void)flags;
     (void)second;
-    if (name == NULL || text == NULL || fn == NULL || service_find(name) != NULL)
+    if (name == nullptr || text == nullptr || fn == nullptr || service_find(name) != nullptr)
         return -1;
     made->name = name;
     made->rules = schema_new(text);
     made->fn = fn;
-    if (made->rules == NULL)
+    if (made->rules == nullptr)
         return -1;
     s_table.services[name] = made;
-    notify(OXNIH_EVENT_SERVICE, NULL, made->name, NULL, NULL);
+    notify(OXNIH_EVENT_SERVICE, nullptr, made->name, nullptr, nullptr);
     return 0;
 }
 
@@ -149,7 +150,7 @@ std::shared_ptr<service> service_find(const std::string &name)
 {
     auto at = s_table.services.find(name);
 
-    return at == s_table.services.end() ? NULL : at->second;
+    return at == s_table.services.end() ? nullptr : at->second;
 }
 
 void oxnih_core_set_lenient(int lenient)
@@ -162,20 +163,20 @@ int32_t service_check(const std::shared_ptr<service> &home, const std::string &n
 {
     std::string why;
 
-    if (home == NULL)
+    if (home == nullptr)
         why = "there is no such service";
     else if (!s_table.lenient)
         why = schema_check(*home->rules, message);
     if (why.empty())
         return 0;
     notify(OXNIH_EVENT_REFUSED, subscriber, name, message, why.c_str());
-    return home == NULL ? OXNIH_ERROR_UNREACHABLE : OXNIH_ERROR_REFUSED;
+    return home == nullptr ? OXNIH_ERROR_UNREACHABLE : OXNIH_ERROR_REFUSED;
 }
 
 void service_receive(const service &home, oxni_subscriber *subscriber, json_t *message)
 {
-    notify(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, NULL);
-    home.fn(0, NULL, OXNI_MOMENT_MESSAGE, message, subscriber);
+    notify(OXNIH_EVENT_TO_SERVICE, subscriber, home.name, message, nullptr);
+    home.fn(0, nullptr, OXNI_MOMENT_MESSAGE, message, subscriber);
 }
 
 /* Takes the platform's reference to a live subscriber. */
@@ -206,17 +207,17 @@ static void run_subscribe(oxni_subscriber *subscriber, const std::string &name, 
     subscriber->home = home;
     subscriber->state = SUBSCRIBER_SUBSCRIBED;
     service_receive(*home, subscriber, message);
-    notify(OXNIH_EVENT_SUBSCRIBED, subscriber, name, NULL, NULL);
-    home->fn(0, NULL, OXNI_MOMENT_ACCEPTED, NULL, subscriber);
+    notify(OXNIH_EVENT_SUBSCRIBED, subscriber, name, nullptr, nullptr);
+    home->fn(0, nullptr, OXNI_MOMENT_ACCEPTED, nullptr, subscriber);
     if (subscriber->state == SUBSCRIBER_SUBSCRIBED)
-        subscriber->fn(subscriber, 0, NULL, NULL);
+        subscriber->fn(subscriber, 0, nullptr, nullptr);
 }
 
 int oxni_subscriber_subscribe(oxni_subscriber *subscriber, const char *name, json_t *message,
                               oxni_subscriber_fn fn)
 {
-    if (!subscriber_is_known(subscriber, "oxni_subscriber_subscribe") || name == NULL ||
-        message == NULL || fn == NULL || subscriber->state != SUBSCRIBER_NEW)
+    if (!subscriber_is_known(subscriber, "oxni_subscriber_subscribe") || name == nullptr ||
+        message == nullptr || fn == nullptr || subscriber->state != SUBSCRIBER_NEW)
         return -1;
     subscriber->state = SUBSCRIBER_SUBSCRIBING;
     subscriber->fn = fn;
@@ -229,8 +230,8 @@ int oxni_subscriber_subscribe(oxni_subscriber *subscriber, const char *name, jso
 static void run_leave(oxni_subscriber *subscriber)
 {
     subscriber->state = SUBSCRIBER_GONE;
-    notify(OXNIH_EVENT_LEFT, subscriber, subscriber->home->name, NULL, NULL);
-    subscriber->home->fn(0, NULL, OXNI_MOMENT_UNSUBSCRIBE, NULL, subscriber);
+    notify(OXNIH_EVENT_LEFT, subscriber, subscriber->home->name, nullptr, nullptr);
+    subscriber->home->fn(0, nullptr, OXNI_MOMENT_UNSUBSCRIBE, nullptr, subscriber);
 }
 
 void oxnih_subscriber_leave(oxni_subscriber *subscriber)

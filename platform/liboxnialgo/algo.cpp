@@ -13,9 +13,9 @@ uint32_t oxni_crc32_calc(const void *data, size_t length)
 void xor_encry(void *data, size_t length, const char *key)
 {
     uint8_t *bytes = static_cast<uint8_t *>(data);
-    size_t key_length = key == NULL ? 0 : strlen(key);
+    size_t key_length = key == nullptr ? 0 : strlen(key);
 
-    if (data == NULL || key_length == 0)
+    if (data == nullptr || key_length == 0)
         return;
     for (size_t i = 0; i < length; i++)
         bytes[i] = static_cast<uint8_t>(bytes[i] ^ static_cast<uint8_t>(key[i % key_length]));

@@ -80,14 +80,14 @@ void oxnih_clock_set_wall(uint64_t now_100ns)
 
 void oxnih_clock_set_zone(const TIME_ZONE_INFORMATION *zone)
 {
-    s_clock.zone_set = zone != NULL;
-    if (zone != NULL)
+    s_clock.zone_set = zone != nullptr;
+    if (zone != nullptr)
         s_clock.zone = *zone;
 }
 
 const TIME_ZONE_INFORMATION *clock_zone()
 {
-    return s_clock.zone_set ? &s_clock.zone : NULL;
+    return s_clock.zone_set ? &s_clock.zone : nullptr;
 }
 
 int64_t oxni_time(void)

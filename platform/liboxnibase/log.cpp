@@ -16,12 +16,12 @@ struct log_state {
     bool open = false; /* oxni_autolog_init was called, even if the file could not be opened */
     HANDLE file = INVALID_HANDLE_VALUE;
     int level = OXNI_LOG_INFO;
-    oxnih_log_sink_fn sink = NULL;
-    void *sink_user = NULL;
-    oxnih_complaint_fn complaint = NULL;
-    void *complaint_user = NULL;
-    oxnih_exit_fn exit = NULL;
-    void *exit_user = NULL;
+    oxnih_log_sink_fn sink = nullptr;
+    void *sink_user = nullptr;
+    oxnih_complaint_fn complaint = nullptr;
+    void *complaint_user = nullptr;
+    oxnih_exit_fn exit = nullptr;
+    void *exit_user = nullptr;
     bool exit_taken = false;
 };
 
@@ -60,8 +60,9 @@ void oxni_log_output(int level, const char *format, ...)
         line += '\n';
     if (s_log.file != INVALID_HANDLE_VALUE)
         /* A full disk must not stop the agent, and there is no other place to report it. */
-        (void)WriteFile(s_log.file, line.data(), static_cast<DWORD>(line.size()), &written, NULL);
-    if (s_log.sink != NULL)
+        (void)WriteFile(s_log.file, line.data(), static_cast<DWORD>(line.size()), &written,
+                        nullptr);
+    if (s_log.sink != nullptr)
         s_log.sink(level, line.c_str(), s_log.sink_user);
 }
 
@@ -119,8 +120,8 @@ static HANDLE open_log_file(const char *directory, int files)
         return INVALID_HANDLE_VALUE;
     remove_oldest(wide, static_cast<size_t>(std::max(files, 1)) - 1);
     return CreateFileW((wide + std::wstring(name, name + strlen(name))).c_str(), FILE_APPEND_DATA,
-                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, NULL, OPEN_ALWAYS,
-                       FILE_ATTRIBUTE_NORMAL, NULL);
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 int oxni_autolog_init(const char *directory, int files)
@@ -128,7 +129,7 @@ int oxni_autolog_init(const char *directory, int files)
     if (s_log.open)
         return 0;
     s_log.open = true;
-    if (directory != NULL)
+    if (directory != nullptr)
         s_log.file = open_log_file(directory, files);
     return s_log.file == INVALID_HANDLE_VALUE ? -1 : 0;
 }
@@ -154,7 +155,7 @@ void oxnih_complain(const char *format, ...)
     va_start(arguments, format);
     const std::string text = log_format(format, arguments);
     va_end(arguments);
-    if (s_log.complaint != NULL)
+    if (s_log.complaint != nullptr)
         s_log.complaint(text.c_str(), s_log.complaint_user);
     else
         fprintf(stderr, "platform: %s\n", text.c_str());
@@ -175,7 +176,7 @@ void log_end_process(unsigned exit_code)
 {
     oxnih_log_close();
     s_log.exit_taken = true;
-    if (s_log.exit != NULL)
+    if (s_log.exit != nullptr)
         s_log.exit(s_log.exit_user);
     ExitProcess(exit_code);
 }

@@ -114,7 +114,7 @@ class narrowed_call
                                             : atoi(conversion.precision.c_str() + 1));
         if (conversion.type == 'S' || conversion.type == 's') {
             const wchar_t *wide = va_arg(*arguments, const wchar_t *);
-            wide = wide != NULL ? wide : L"(null)";
+            wide = wide != nullptr ? wide : L"(null)";
             text.assign(wide, wcsnlen(wide, limit));
         } else {
             text.assign(1, static_cast<wchar_t>(va_arg(*arguments, int)));

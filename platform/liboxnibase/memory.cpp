@@ -42,11 +42,11 @@ char *memory_bytes_of(plain_block *header)
 static char *plain_new(size_t size, const void *site)
 {
     plain_block *made = size > SIZE_MAX - sizeof(plain_block)
-                            ? NULL
+                            ? nullptr
                             : static_cast<plain_block *>(calloc(1, sizeof(plain_block) + size));
 
-    if (made == NULL)
-        return NULL;
+    if (made == nullptr)
+        return nullptr;
     *made = {&memory_all.plain, memory_all.plain.previous, size, site, made};
     made->previous->next = made;
     made->next->previous = made;
@@ -57,27 +57,27 @@ static void plain_release(plain_block *old)
 {
     old->previous->next = old->next;
     old->next->previous = old->previous;
-    old->self = NULL;
+    old->self = nullptr;
     free(old);
 }
 
 void *memory_allocate(size_t size, const void *caller)
 {
-    block made = {size, NULL, NULL, NULL, NULL, 0};
+    block made = {size, nullptr, nullptr, nullptr, nullptr, 0};
     char *address;
 
     if (must_fail())
-        return NULL;
+        return nullptr;
     made.caller = memory_all.sites ? memory_site_of(caller) : caller;
     if (memory_all.mode == OXNIH_MEMORY_PLAIN) {
         address = plain_new(size, made.caller);
     } else {
         address = guard_new(&made);
-        if (address != NULL)
+        if (address != nullptr)
             memory_all.blocks[reinterpret_cast<uintptr_t>(address)] = made;
     }
-    if (address == NULL)
-        return NULL;
+    if (address == nullptr)
+        return nullptr;
     memory_all.stats.live_blocks++;
     memory_all.stats.live_bytes += size;
     return address;
@@ -103,7 +103,7 @@ static block_place place_of(uintptr_t number)
     for (plain_block *at = memory_all.plain.next; at != &memory_all.plain; at = at->next) {
         uintptr_t begin = reinterpret_cast<uintptr_t>(memory_bytes_of(at));
         if (number >= begin && number - begin < at->size)
-            return {begin, at->size, at->caller, NULL};
+            return {begin, at->size, at->caller, nullptr};
     }
     return {};
 }
@@ -115,7 +115,7 @@ static block_place place_of(uintptr_t number)
     block_place inside = place_of(number);
     std::string by = memory_site_text(memory_site_of(caller));
 
-    if (inside.size != 0 && inside.begin == number && inside.freed_by != NULL)
+    if (inside.size != 0 && inside.begin == number && inside.freed_by != nullptr)
         oxnih_complain("bad free by %s: block %p of %llu bytes from %s was freed before by %s",
                        by.c_str(), address, static_cast<unsigned long long>(inside.size),
                        memory_site_text(inside.caller).c_str(),
@@ -139,7 +139,7 @@ struct found_block {
 
     size_t size() const
     {
-        return plain != NULL ? plain->size : guarded->size;
+        return plain != nullptr ? plain->size : guarded->size;
     }
 };
 
@@ -149,19 +149,19 @@ static found_block block_find(void *address, const void *caller)
     plain_block *header = reinterpret_cast<plain_block *>(address) - 1;
     auto guarded = memory_all.blocks.find(number);
 
-    if (guarded != memory_all.blocks.end() && guarded->second.freed_by == NULL)
-        return {NULL, &guarded->second};
+    if (guarded != memory_all.blocks.end() && guarded->second.freed_by == nullptr)
+        return {nullptr, &guarded->second};
     /* An invalid pointer faults here, which reports the bad free as well. */
     if (guard_contains(number) || header->self != header)
         end_bad_free(address, caller);
-    return {header, NULL};
+    return {header, nullptr};
 }
 
 static void block_release(found_block old, const void *caller)
 {
     memory_all.stats.live_blocks--;
     memory_all.stats.live_bytes -= old.size();
-    if (old.plain != NULL)
+    if (old.plain != nullptr)
         plain_release(old.plain);
     else
         guard_release(old.guarded, caller);
@@ -169,7 +169,7 @@ static void block_release(found_block old, const void *caller)
 
 void memory_free(void *address, const void *caller)
 {
-    if (address != NULL)
+    if (address != nullptr)
         block_release(block_find(address, caller), caller);
 }
 
@@ -183,13 +183,13 @@ void *oxni_ralloc_(void *address, size_t size)
     const void *caller = BASE_CALLER();
     void *fresh;
 
-    if (address == NULL)
+    if (address == nullptr)
         return memory_allocate(size, caller);
     found_block old = block_find(address, caller);
     /* Always moves the block, so that stale pointers to it are detected. */
     fresh = memory_allocate(size, caller);
-    if (fresh == NULL)
-        return NULL;
+    if (fresh == nullptr)
+        return nullptr;
     memcpy(fresh, address, std::min(size, old.size()));
     block_release(old, caller);
     return fresh;
@@ -202,10 +202,11 @@ void oxni_free_(void *address)
 
 char *oxni_strdup(const char *text)
 {
-    size_t bytes = text == NULL ? 0 : strlen(text) + 1;
-    char *copy = text == NULL ? NULL : static_cast<char *>(memory_allocate(bytes, BASE_CALLER()));
+    size_t bytes = text == nullptr ? 0 : strlen(text) + 1;
+    char *copy =
+        text == nullptr ? nullptr : static_cast<char *>(memory_allocate(bytes, BASE_CALLER()));
 
-    if (copy != NULL)
+    if (copy != nullptr)
         memcpy(copy, text, bytes);
     return copy;
 }

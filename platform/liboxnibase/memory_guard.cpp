@@ -29,10 +29,11 @@ static struct {
 
 static bool arena_open(size_t bytes)
 {
-    arena *fresh = new arena{NULL, std::max(bytes, ARENA_BYTES), 0, 0};
+    arena *fresh = new arena{nullptr, std::max(bytes, ARENA_BYTES), 0, 0};
 
-    fresh->base = static_cast<char *>(VirtualAlloc(NULL, fresh->bytes, MEM_RESERVE, PAGE_NOACCESS));
-    if (fresh->base == NULL) {
+    fresh->base =
+        static_cast<char *>(VirtualAlloc(nullptr, fresh->bytes, MEM_RESERVE, PAGE_NOACCESS));
+    if (fresh->base == nullptr) {
         delete fresh;
         return false;
     }
@@ -68,19 +69,19 @@ static char *arena_block_new(block *made)
     char *end;
 
     if (made->size > SIZE_MAX - 2 * PAGE_BYTES)
-        return NULL;
+        return nullptr;
     made->page_bytes = (made->size + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
-    home = memory_all.arenas.empty() ? NULL : memory_all.arenas.back();
-    if (home == NULL || home->bytes - home->used < made->page_bytes + PAGE_BYTES) {
+    home = memory_all.arenas.empty() ? nullptr : memory_all.arenas.back();
+    if (home == nullptr || home->bytes - home->used < made->page_bytes + PAGE_BYTES) {
         if (!arena_open(made->page_bytes + PAGE_BYTES))
-            return NULL;
+            return nullptr;
         arenas_trim();
         home = memory_all.arenas.back();
     }
     made->pages = home->base + home->used;
     if (made->page_bytes != 0 &&
-        VirtualAlloc(made->pages, made->page_bytes, MEM_COMMIT, PAGE_READWRITE) == NULL)
-        return NULL;
+        VirtualAlloc(made->pages, made->page_bytes, MEM_COMMIT, PAGE_READWRITE) == nullptr)
+        return nullptr;
     home->used += made->page_bytes + PAGE_BYTES;
     home->live++;
     made->guarded_in = home;
@@ -90,12 +91,12 @@ static char *arena_block_new(block *made)
 
 static bool slot_commit()
 {
-    if (s_slots.base == NULL)
-        s_slots.base =
-            static_cast<char *>(VirtualAlloc(NULL, SLOTS * SLOT_BYTES, MEM_RESERVE, PAGE_NOACCESS));
-    if (s_slots.base == NULL || s_slots.committed == SLOTS ||
+    if (s_slots.base == nullptr)
+        s_slots.base = static_cast<char *>(
+            VirtualAlloc(nullptr, SLOTS * SLOT_BYTES, MEM_RESERVE, PAGE_NOACCESS));
+    if (s_slots.base == nullptr || s_slots.committed == SLOTS ||
         VirtualAlloc(s_slots.base + s_slots.committed * SLOT_BYTES, PAGE_BYTES, MEM_COMMIT,
-                     PAGE_READWRITE) == NULL)
+                     PAGE_READWRITE) == nullptr)
         return false;
     s_slots.committed++;
     return true;
@@ -118,7 +119,7 @@ static char *slot_block_new(block *made)
 
     if (made->size == 0 || made->size > PAGE_BYTES ||
         (s_slots.used == s_slots.committed && !slot_commit()))
-        return NULL;
+        return nullptr;
     made->pages = s_slots.base + s_slots.used++ * SLOT_BYTES;
     slot_set_closed(made->pages, false);
     address = made->pages + PAGE_BYTES - made->size;
@@ -128,7 +129,7 @@ static char *slot_block_new(block *made)
 
 static bool is_slot(uintptr_t number)
 {
-    return s_slots.base != NULL &&
+    return s_slots.base != nullptr &&
            number - reinterpret_cast<uintptr_t>(s_slots.base) < SLOTS * SLOT_BYTES;
 }
 
@@ -157,9 +158,9 @@ static void check_freed(const char *bytes, const block &freed)
 static void slots_end()
 {
     for (const auto &entry : memory_all.blocks) {
-        if (entry.second.guarded_in != NULL)
+        if (entry.second.guarded_in != nullptr)
             continue;
-        if (entry.second.freed_by != NULL)
+        if (entry.second.freed_by != nullptr)
             check_freed(reinterpret_cast<const char *>(entry.first), entry.second);
         else
             slot_release(entry.second);
@@ -171,13 +172,13 @@ char *guard_new(block *made)
 {
     char *address = slot_block_new(made);
 
-    return address != NULL ? address : arena_block_new(made);
+    return address != nullptr ? address : arena_block_new(made);
 }
 
 void guard_release(block *old, const void *caller)
 {
     old->freed_by = caller;
-    if (old->guarded_in == NULL) {
+    if (old->guarded_in == nullptr) {
         slot_release(*old);
         return;
     }

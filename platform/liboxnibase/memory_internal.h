@@ -56,7 +56,7 @@ template <typename T> struct own_allocator {
     {
         void *memory = HeapAlloc(memory_own_heap(), 0, count * sizeof(T));
 
-        if (memory == NULL)
+        if (memory == nullptr)
             throw std::bad_alloc();
         return static_cast<T *>(memory);
     }
@@ -78,9 +78,9 @@ typedef std::map<uintptr_t, block, std::less<>, own_allocator<std::pair<const ui
     block_map;
 
 struct memory_state {
-    plain_block plain = {&plain, &plain, 0, NULL, NULL}; /* head of the ring */
-    block_map blocks;                                    /* guarded blocks, including freed ones */
-    std::deque<arena *> arenas;                          /* new blocks come from the last one */
+    plain_block plain = {&plain, &plain, 0, nullptr, nullptr}; /* head of the ring */
+    block_map blocks;           /* guarded blocks, including freed ones */
+    std::deque<arena *> arenas; /* new blocks come from the last one */
     std::vector<module_range> seen_through;
     oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
     oxnih_memory_stats stats = {};

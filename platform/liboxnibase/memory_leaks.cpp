@@ -40,7 +40,7 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
     leak_map found;
 
     for (const auto &entry : memory_all.blocks)
-        if (entry.second.freed_by == NULL)
+        if (entry.second.freed_by == nullptr)
             add_leak(found, entry.second.caller, entry.second.size);
     for (plain_block *each = memory_all.plain.next; each != &memory_all.plain; each = each->next)
         add_leak(found, each->caller, each->size);
@@ -55,7 +55,7 @@ class reach
     reach()
     {
         for (const auto &entry : memory_all.blocks)
-            if (entry.second.freed_by == NULL)
+            if (entry.second.freed_by == nullptr)
                 targets_.push_back({entry.first, &entry.second, false});
     }
 
@@ -126,7 +126,8 @@ static void scan_module(reach &reach, char *base)
 {
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
     IMAGE_NT_HEADERS64 *nt = reinterpret_cast<IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
-    const IMAGE_SECTION_HEADER *section = IMAGE_FIRST_SECTION(nt);
+    const IMAGE_SECTION_HEADER *section = reinterpret_cast<const IMAGE_SECTION_HEADER *>(
+        reinterpret_cast<const BYTE *>(&nt->OptionalHeader) + nt->FileHeader.SizeOfOptionalHeader);
 
     for (WORD i = 0; i < nt->FileHeader.NumberOfSections; i++, section++) {
         uintptr_t begin = reinterpret_cast<uintptr_t>(base) + section->VirtualAddress;
@@ -180,7 +181,7 @@ void oxnih_memory_lost(const void *plugin, oxnih_leak_fn fn, void *user)
     for (DWORD i = 0; i < std::min<DWORD>(count, ARRAYSIZE(heaps)); i++)
         if (heaps[i] != memory_own_heap())
             scan_heap(reach, heaps[i]);
-    if (s_each_block_of_host != NULL)
+    if (s_each_block_of_host != nullptr)
         s_each_block_of_host(scan_range, &reach);
     reach.follow();
     reach.missing(lost);

@@ -12,12 +12,12 @@ static constexpr int CALLER_FRAMES = 24;
 
 static const char *module_base(const void *address)
 {
-    HMODULE module = NULL;
+    HMODULE module = nullptr;
 
     if (!GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS |
                                 GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
                             static_cast<const wchar_t *>(address), &module))
-        return NULL;
+        return nullptr;
     return reinterpret_cast<const char *>(module);
 }
 
@@ -28,7 +28,7 @@ std::string memory_site_text(const void *address)
     char text[64];
     std::string name;
 
-    if (base != NULL &&
+    if (base != nullptr &&
         GetModuleFileNameW(reinterpret_cast<HMODULE>(const_cast<char *>(base)), path, MAX_PATH)) {
         name = str_to_utf8(path);
         name.erase(0, name.find_last_of("/\\") + 1);
@@ -54,7 +54,7 @@ void oxnih_memory_see_through(const void *address)
     IMAGE_DOS_HEADER dos;
     IMAGE_NT_HEADERS64 nt;
 
-    if (base == NULL || is_seen_through(reinterpret_cast<uintptr_t>(address)))
+    if (base == nullptr || is_seen_through(reinterpret_cast<uintptr_t>(address)))
         return;
     memcpy(&dos, base, sizeof(dos));
     memcpy(&nt, base + dos.e_lfanew, sizeof(nt));
@@ -72,12 +72,12 @@ const void *memory_site_of(const void *caller)
     RtlCaptureContext(&context);
     for (int frame = 0; frame < CALLER_FRAMES && context.Rip != 0; frame++) {
         DWORD64 image = 0, established = 0;
-        void *handler_data = NULL;
+        void *handler_data = nullptr;
         PRUNTIME_FUNCTION function = RtlLookupFunctionEntry(context.Rip, &image, &history);
-        if (function == NULL)
+        if (function == nullptr)
             break;
         RtlVirtualUnwind(UNW_FLAG_NHANDLER, image, context.Rip, function, &context, &handler_data,
-                         &established, NULL);
+                         &established, nullptr);
         if (!is_seen_through(context.Rip))
             return reinterpret_cast<const void *>(context.Rip);
     }

@@ -9,10 +9,10 @@ struct oxni_mutex {
 
 int oxni_mutex_init(oxni_mutex **mutex)
 {
-    if (mutex == NULL)
+    if (mutex == nullptr)
         return -1;
     *mutex = static_cast<oxni_mutex *>(memory_allocate(sizeof(oxni_mutex), BASE_CALLER()));
-    if (*mutex == NULL)
+    if (*mutex == nullptr)
         return -1;
     /* The debug information would be a separate heap block, and oxnih_memory_drop_all frees only
      * the mutex's own block. */
@@ -32,7 +32,7 @@ void oxni_mutex_unlock(oxni_mutex *mutex)
 
 void oxni_mutex_destroy(oxni_mutex *mutex)
 {
-    if (mutex == NULL)
+    if (mutex == nullptr)
         return;
     DeleteCriticalSection(&mutex->section);
     memory_free(mutex, BASE_CALLER());

@@ -14,7 +14,7 @@ static std::string s_process_path;
 
 static std::string without_end_slash(const char *path)
 {
-    std::string text = path == NULL ? "" : path;
+    std::string text = path == nullptr ? "" : path;
 
     while (!text.empty() && (text.back() == '/' || text.back() == '\\'))
         text.pop_back();
@@ -33,7 +33,7 @@ void oxnih_set_log_dir(const char *path)
 
 void oxnih_set_process_path(const char *path)
 {
-    s_process_path = path == NULL ? "" : path;
+    s_process_path = path == nullptr ? "" : path;
 }
 
 int oxni_log_dir(char *buffer, size_t size)
@@ -51,7 +51,7 @@ static std::string process_path()
     if (!s_process_path.empty())
         return s_process_path;
     for (;;) {
-        chars = GetModuleFileNameW(NULL, path.data(), static_cast<DWORD>(path.size()));
+        chars = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
         if (chars < path.size())
             break;
         path.resize(path.size() * 2);
@@ -69,7 +69,7 @@ static std::string directory_of(const std::string &path)
 
 bool path_resolve(const char *path, std::string *resolved)
 {
-    std::string text = path == NULL ? "" : path;
+    std::string text = path == nullptr ? "" : path;
     std::wstring wide, full;
     DWORD chars;
 
@@ -80,10 +80,10 @@ bool path_resolve(const char *path, std::string *resolved)
         return false;
     /* Windows resolves "..", so that the result is the file that Windows would open. */
     full.resize(wide.size() + MAX_PATH);
-    chars = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), NULL);
+    chars = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
     if (chars > full.size()) {
         full.resize(chars);
-        chars = GetFullPathNameW(wide.c_str(), chars, full.data(), NULL);
+        chars = GetFullPathNameW(wide.c_str(), chars, full.data(), nullptr);
     }
     if (chars == 0 || chars >= full.size())
         return false;
@@ -121,14 +121,14 @@ int oxni_dirutils_mkdir(const char *path, int mode)
     for (size_t at = wide.find_first_of(L"/\\", 1); at != std::wstring::npos;
          at = wide.find_first_of(L"/\\", at + 1))
         /* Fails for a drive or share and for existing directories; only the last result counts. */
-        (void)CreateDirectoryW(wide.substr(0, at).c_str(), NULL);
-    (void)CreateDirectoryW(wide.c_str(), NULL);
+        (void)CreateDirectoryW(wide.substr(0, at).c_str(), nullptr);
+    (void)CreateDirectoryW(wide.c_str(), nullptr);
     return is_folder(wide) ? 0 : -1;
 }
 
 int oxni_path_directory(const char *path, char *buffer, size_t size)
 {
-    if (path == NULL) {
+    if (path == nullptr) {
         (void)str_fit("", buffer, size);
         return -1;
     }
@@ -139,7 +139,7 @@ const char *oxni_path_basename(const char *path)
 {
     const char *name = path;
 
-    for (const char *at = path; at != NULL && *at != '\0'; at++)
+    for (const char *at = path; at != nullptr && *at != '\0'; at++)
         if (*at == '/' || *at == '\\')
             name = at + 1;
     return name;
@@ -157,7 +157,7 @@ int oxni_path_del_file_u(const char *path)
     std::wstring wide;
 
     if (!str_to_wide(path, &wide))
-        return path == NULL ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
+        return path == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
     return DeleteFileW(wide.c_str()) ? 0 : static_cast<int>(GetLastError());
 }
 
@@ -168,10 +168,10 @@ int oxni_file_flush(const char *path)
     DWORD error = ERROR_SUCCESS;
 
     if (!str_to_wide(path, &wide))
-        return path == NULL ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
+        return path == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME;
     file = CreateFileW(wide.c_str(), GENERIC_WRITE,
-                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, NULL, OPEN_EXISTING,
-                       FILE_ATTRIBUTE_NORMAL, NULL);
+                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                       OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         return static_cast<int>(GetLastError());
     if (!FlushFileBuffers(file))
@@ -182,7 +182,7 @@ int oxni_file_flush(const char *path)
 
 FILE *oxni_file_open_w(const wchar_t *path, const wchar_t *mode)
 {
-    return path == NULL || mode == NULL ? NULL : _wfopen(path, mode);
+    return path == nullptr || mode == nullptr ? nullptr : _wfopen(path, mode);
 }
 
 int oxni_process_path(char *buffer, size_t size)

@@ -14,7 +14,7 @@ static constexpr size_t PAGE_BYTES = 4096, LAST_16_OF_PAGE = PAGE_BYTES - 16;
 
 bool str_to_wide(const char *text, std::wstring *wide)
 {
-    const size_t bytes = text == NULL ? 0 : strlen(text);
+    const size_t bytes = text == nullptr ? 0 : strlen(text);
     int units = 0;
 
     /* A UTF-8 byte yields at most one UTF-16 unit, so one Windows call suffices. */
@@ -23,7 +23,7 @@ bool str_to_wide(const char *text, std::wstring *wide)
         units = MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text, static_cast<int>(bytes),
                                     wide->data(), static_cast<int>(bytes));
     wide->resize(static_cast<size_t>(units));
-    return text != NULL && (units != 0 || bytes == 0);
+    return text != nullptr && (units != 0 || bytes == 0);
 }
 
 std::string str_to_utf8(const wchar_t *text)
@@ -34,14 +34,14 @@ std::string str_to_utf8(const wchar_t *text)
 
     if (units != 0)
         bytes = WideCharToMultiByte(CP_UTF8, 0, text, static_cast<int>(units), narrow.data(),
-                                    static_cast<int>(narrow.size()), NULL, NULL);
+                                    static_cast<int>(narrow.size()), nullptr, nullptr);
     narrow.resize(static_cast<size_t>(bytes));
     return narrow;
 }
 
 bool str_fit(const std::string &text, char *buffer, size_t size)
 {
-    if (buffer == NULL || size == 0)
+    if (buffer == nullptr || size == 0)
         return false;
     buffer[0] = '\0';
     if (text.size() >= size)
@@ -52,11 +52,11 @@ bool str_fit(const std::string &text, char *buffer, size_t size)
 
 size_t oxni_strlcpy(char *target, const char *source, size_t size)
 {
-    size_t length = source == NULL ? 0 : strlen(source);
+    size_t length = source == nullptr ? 0 : strlen(source);
 
-    if (target == NULL || size == 0)
+    if (target == nullptr || size == 0)
         return length;
-    if (source != NULL)
+    if (source != nullptr)
         memcpy(target, source, std::min(length, size - 1));
     target[std::min(length, size - 1)] = '\0';
     return length;
@@ -64,8 +64,8 @@ size_t oxni_strlcpy(char *target, const char *source, size_t size)
 
 int oxni_strcmp(const char *a, const char *b)
 {
-    if (a == NULL || b == NULL)
-        return (a != NULL) - (b != NULL);
+    if (a == nullptr || b == nullptr)
+        return (a != nullptr) - (b != nullptr);
     return strcmp(a, b);
 }
 
@@ -74,7 +74,7 @@ int oxni_str_snprintf(char *buffer, size_t size, const char *format, ...)
     va_list arguments;
     int written;
 
-    if (buffer == NULL || size == 0)
+    if (buffer == nullptr || size == 0)
         return -1;
     va_start(arguments, format);
     written = _vsnprintf(buffer, size, format, arguments);
@@ -101,7 +101,7 @@ size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
     size_t length = 0, found;
     wchar_t unit;
 
-    if (text == NULL)
+    if (text == nullptr)
         return 0;
     while (length < limit) {
         const char *at = bytes + length * sizeof(unit);
@@ -124,8 +124,8 @@ size_t oxni_wcsnlen(const wchar_t *text, size_t limit)
 
 int oxni_wcscmp(const wchar_t *a, const wchar_t *b)
 {
-    if (a == NULL || b == NULL)
-        return (a != NULL) - (b != NULL);
+    if (a == nullptr || b == nullptr)
+        return (a != nullptr) - (b != nullptr);
     return wcscmp(a, b);
 }
 
@@ -136,10 +136,10 @@ wchar_t *oxni_str_utf8_to_unicode(const char *text)
     void *copy;
 
     if (!str_to_wide(text, &wide))
-        return NULL;
+        return nullptr;
     bytes = (wide.size() + 1) * sizeof(wchar_t);
     copy = memory_allocate(bytes, BASE_CALLER());
-    if (copy != NULL)
+    if (copy != nullptr)
         memcpy(copy, wide.c_str(), bytes);
     return static_cast<wchar_t *>(copy);
 }

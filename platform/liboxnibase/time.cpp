@@ -43,7 +43,7 @@ static const TIME_ZONE_INFORMATION *zone_rules()
     static ULONGLONG s_asked_ms;
     const ULONGLONG now_ms = GetTickCount64();
 
-    if (clock_zone() != NULL)
+    if (clock_zone() != nullptr)
         return clock_zone();
     if (s_asked_ms == 0 || now_ms - s_asked_ms >= 1000) {
         GetTimeZoneInformation(&s_own);
@@ -96,7 +96,7 @@ int oxni_time_stamp_to_local(int64_t seconds, struct tm *local)
     uint64_t utc;
     int64_t offset;
 
-    if (local == NULL)
+    if (local == nullptr)
         return -1;
     memset(local, 0, sizeof(*local));
     if (!seconds_to_100ns(seconds, &utc) || !utc_to_local(utc, &date) || !offset_at(utc, &offset))
@@ -143,7 +143,7 @@ static BOOL shifted_by_bias_of_now(const FILETIME *time, int sign, FILETIME *res
 {
     int64_t offset;
 
-    if (time == NULL || result == NULL || !offset_at(oxnih_clock_now_100ns(), &offset)) {
+    if (time == nullptr || result == nullptr || !offset_at(oxnih_clock_now_100ns(), &offset)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
@@ -165,7 +165,7 @@ void oxni_timet_to_filetime(int64_t seconds, FILETIME *local)
     uint64_t value;
     FILETIME utc;
 
-    if (local == NULL)
+    if (local == nullptr)
         return;
     *local = to_filetime(0);
     if (!seconds_to_100ns(seconds, &value))
@@ -177,7 +177,7 @@ void oxni_timet_to_filetime(int64_t seconds, FILETIME *local)
 
 int64_t oxni_filetime_to_timet(const FILETIME *utc)
 {
-    if (utc == NULL)
+    if (utc == nullptr)
         return 0;
     /* Unsigned division of a count from 1601 rounds toward the past for every date. */
     return static_cast<int64_t>(to_number(utc) / BASE_SECOND_100NS) -

@@ -22,7 +22,7 @@ int oxni_uuid_create(oxni_uuid *uuid)
     GUID made = {};
     RPC_STATUS status;
 
-    if (uuid == NULL)
+    if (uuid == nullptr)
         return -1;
     if (s_next != 0) {
         /* With the version and variant bits of a random identifier. */
@@ -42,10 +42,10 @@ int oxni_uuid_make_cstr(const oxni_uuid *uuid, char *buffer, size_t size)
 {
     char text[40];
 
-    if (buffer == NULL || size == 0)
+    if (buffer == nullptr || size == 0)
         return -1;
     buffer[0] = '\0';
-    if (uuid == NULL)
+    if (uuid == nullptr)
         return -1;
     snprintf(text, sizeof(text), "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x", uuid->data1,
              uuid->data2, uuid->data3, uuid->data4[0], uuid->data4[1], uuid->data4[2],

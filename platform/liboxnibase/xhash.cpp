@@ -1,5 +1,6 @@
 /* Hash tables, allocated with the platform's allocator. A table belongs to its user's thread. */
 #include "base.h"
+#include "host.h"
 
 #include <cstring>
 
@@ -11,6 +12,7 @@
 #define uthash_malloc(size)          memory_allocate(size, caller)
 #define uthash_free(block, size)     memory_free(block, caller)
 #include <uthash.h>
+#pragma GCC diagnostic ignored "-Wold-style-cast" /* in the macros of uthash.h */
 
 /* The key's bytes follow the node in the same block. */
 struct node {
@@ -35,16 +37,16 @@ static node *node_of(const oxni_xhash_entry *entry)
 
 static node *find(oxni_xhash *table, const void *key, size_t key_length)
 {
-    node *found = NULL;
+    node *found = nullptr;
 
-    if (table != NULL && key != NULL)
+    if (table != nullptr && key != nullptr)
         HASH_FIND(hh, table->head, key, key_length, found);
     return found;
 }
 
 static void release_value(oxni_xhash *table, void *value)
 {
-    if (table->value_free != NULL)
+    if (table->value_free != nullptr)
         table->value_free(value);
 }
 
@@ -54,7 +56,7 @@ static void forget_deleted(oxni_xhash *table, const void *caller)
         return;
     memory_free(table->current, caller);
     table->current_deleted = false;
-    table->successor = NULL;
+    table->successor = nullptr;
 }
 
 /* Removes the node from the table. Keeps its block when it is the iteration's current entry. */
@@ -76,8 +78,9 @@ oxni_xhash *oxni_xhash_create(oxni_xhash_free_fn value_free, unsigned flags)
     oxni_xhash *table =
         static_cast<oxni_xhash *>(memory_allocate(sizeof(oxni_xhash), BASE_CALLER()));
 
-    (void)flags;
-    if (table != NULL)
+    if (flags != 0)
+        oxnih_complain("oxni_xhash_create: flags 0x%x, expected 0", flags);
+    if (table != nullptr)
         table->value_free = value_free;
     return table;
 }
@@ -86,9 +89,9 @@ void oxni_xhash_destroy(oxni_xhash *table)
 {
     const void *caller = BASE_CALLER();
 
-    if (table == NULL)
+    if (table == nullptr)
         return;
-    while (table->head != NULL) {
+    while (table->head != nullptr) {
         node *first = table->head;
         void *value = first->entry.value;
         unlink_node(table, first, caller);
@@ -102,9 +105,9 @@ int oxni_xhash_search(oxni_xhash *table, const void *key, size_t key_length, voi
 {
     const node *found = find(table, key, key_length);
 
-    if (value != NULL)
-        *value = found == NULL ? NULL : found->entry.value;
-    return found == NULL ? -1 : 0;
+    if (value != nullptr)
+        *value = found == nullptr ? nullptr : found->entry.value;
+    return found == nullptr ? -1 : 0;
 }
 
 static int add_node(oxni_xhash *table, const void *key, size_t key_length, void *value,
@@ -113,7 +116,7 @@ static int add_node(oxni_xhash *table, const void *key, size_t key_length, void 
     node *fresh = static_cast<node *>(memory_allocate(sizeof(node) + key_length, caller));
     bool added = true;
 
-    if (fresh == NULL)
+    if (fresh == nullptr)
         return -1;
     memcpy(fresh + 1, key, key_length);
     fresh->entry = {fresh + 1, key_length, value};
@@ -122,7 +125,7 @@ static int add_node(oxni_xhash *table, const void *key, size_t key_length, void 
         memory_free(fresh, caller);
         return -1;
     }
-    if (table->current_deleted && table->successor == NULL)
+    if (table->current_deleted && table->successor == nullptr)
         table->successor = fresh;
     return 0;
 }
@@ -132,9 +135,9 @@ int oxni_xhash_insert(oxni_xhash *table, const void *key, size_t key_length, voi
     node *found = find(table, key, key_length);
     void *old;
 
-    if (table == NULL || key == NULL)
+    if (table == nullptr || key == nullptr)
         return -1;
-    if (found == NULL)
+    if (found == nullptr)
         return add_node(table, key, key_length, value, BASE_CALLER());
     old = found->entry.value;
     found->entry.value = value;
@@ -148,7 +151,7 @@ int oxni_xhash_delete(oxni_xhash *table, const void *key, size_t key_length)
     node *found = find(table, key, key_length);
     void *value;
 
-    if (found == NULL)
+    if (found == nullptr)
         return -1;
     value = found->entry.value;
     unlink_node(table, found, BASE_CALLER());
@@ -159,18 +162,18 @@ int oxni_xhash_delete(oxni_xhash *table, const void *key, size_t key_length)
 
 size_t oxni_xhash_count(oxni_xhash *table)
 {
-    return table == NULL ? 0 : HASH_COUNT(table->head);
+    return table == nullptr ? 0 : HASH_COUNT(table->head);
 }
 
 static const oxni_xhash_entry *stand_at(oxni_xhash *table, node *at, const void *caller)
 {
     forget_deleted(table, caller);
     table->current = at;
-    if (at == NULL)
-        return NULL;
+    if (at == nullptr)
+        return nullptr;
     /* Entries are scattered in memory: prefetch the next one and its key while the caller uses this
      * one. */
-    if (at->hh.next != NULL) {
+    if (at->hh.next != nullptr) {
         __builtin_prefetch(at->hh.next);
         __builtin_prefetch(static_cast<node *>(at->hh.next) + 1);
     }
@@ -179,15 +182,15 @@ static const oxni_xhash_entry *stand_at(oxni_xhash *table, node *at, const void 
 
 const oxni_xhash_entry *oxni_xhash_first(oxni_xhash *table)
 {
-    return table == NULL ? NULL : stand_at(table, table->head, BASE_CALLER());
+    return table == nullptr ? nullptr : stand_at(table, table->head, BASE_CALLER());
 }
 
 const oxni_xhash_entry *oxni_xhash_next(oxni_xhash *table, const oxni_xhash_entry *entry)
 {
     node *from = node_of(entry);
 
-    if (table == NULL || entry == NULL)
-        return NULL;
+    if (table == nullptr || entry == nullptr)
+        return nullptr;
     if (table->current_deleted && table->current == from)
         return stand_at(table, table->successor, BASE_CALLER());
     return stand_at(table, static_cast<node *>(from->hh.next), BASE_CALLER());

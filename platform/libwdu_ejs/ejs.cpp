@@ -41,7 +41,7 @@ static DWORD read_whole(HANDLE file, std::string *bytes)
     DWORD got;
 
     for (;;) {
-        if (!ReadFile(file, part, sizeof(part), &got, NULL))
+        if (!ReadFile(file, part, sizeof(part), &got, nullptr))
             return GetLastError();
         if (got == 0)
             return ERROR_SUCCESS;
@@ -53,8 +53,8 @@ static DWORD read_whole(HANDLE file, std::string *bytes)
 static DWORD read_file(const wchar_t *path, std::string *bytes)
 {
     DWORD error;
-    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, NULL,
-                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
 
     if (file == INVALID_HANDLE_VALUE)
         return GetLastError();
@@ -79,7 +79,7 @@ static const char *find_damage(const std::string &bytes)
         return "its length is not the one that was written";
     if (header.crc != oxni_crc32_calc(bytes.data() + sizeof(header), header.length))
         return "its check sum is wrong";
-    return NULL;
+    return nullptr;
 }
 
 static json_t *parse(const std::string &bytes, const char *path)
@@ -88,12 +88,12 @@ static json_t *parse(const std::string &bytes, const char *path)
     json_t *document = json_loadb(bytes.data() + sizeof(ejs_header),
                                   bytes.size() - sizeof(ejs_header), JSON_ALLOW_NUL, &error);
 
-    if (document == NULL)
+    if (document == nullptr)
         EJS_WARN("ejs: %s: not read: %s\n", path, error.text);
-    if (document != NULL && !json_is_object(document)) {
+    if (document != nullptr && !json_is_object(document)) {
         EJS_WARN("ejs: %s: taken as missing: it holds no object\n", path);
         json_decref(document);
-        return NULL;
+        return nullptr;
     }
     return document;
 }
@@ -103,19 +103,19 @@ json_t *wdu_json_load_file_ejs(const char *path)
     std::string bytes;
     const char *damage;
     wchar_t *wide = oxni_str_utf8_to_unicode(path);
-    DWORD error = wide == NULL ? ERROR_INVALID_NAME : read_file(wide, &bytes);
+    DWORD error = wide == nullptr ? ERROR_INVALID_NAME : read_file(wide, &bytes);
 
     oxni_str_free(wide);
     if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
-        return NULL;
+        return nullptr;
     if (error != ERROR_SUCCESS) {
-        EJS_WARN("ejs: %s: not read, error %lu\n", path == NULL ? "(null)" : path, error);
-        return NULL;
+        EJS_WARN("ejs: %s: not read, error %lu\n", path == nullptr ? "(null)" : path, error);
+        return nullptr;
     }
     damage = find_damage(bytes);
-    if (damage != NULL) {
+    if (damage != nullptr) {
         EJS_WARN("ejs: %s: taken as missing: %s\n", path, damage);
-        return NULL;
+        return nullptr;
     }
     return parse(bytes, path);
 }
@@ -125,11 +125,11 @@ static DWORD write_file(const wchar_t *path, const std::string &bytes)
 {
     DWORD error = ERROR_SUCCESS, written = 0;
     HANDLE file =
-        CreateFileW(path, GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, NULL);
+        CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
 
     if (file == INVALID_HANDLE_VALUE)
         return GetLastError();
-    if (!WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, NULL))
+    if (!WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr))
         error = GetLastError();
     else if (written != bytes.size())
         error = ERROR_DISK_FULL;
@@ -157,10 +157,10 @@ static DWORD replace_file(const std::wstring &path, const std::string &bytes)
 static bool serialise(json_t *document, std::string *bytes)
 {
     ejs_header header;
-    char *text = json_is_object(document) ? json_dumps(document, JSON_COMPACT) : NULL;
-    size_t length = text == NULL ? 0 : strlen(text);
+    char *text = json_is_object(document) ? json_dumps(document, JSON_COMPACT) : nullptr;
+    size_t length = text == nullptr ? 0 : strlen(text);
 
-    if (text == NULL || length > UINT32_MAX - sizeof(header)) {
+    if (text == nullptr || length > UINT32_MAX - sizeof(header)) {
         oxni_free_(text);
         return false;
     }
@@ -180,11 +180,11 @@ int wdu_json_dump_file_ejs(json_t *document, const char *path)
     wchar_t *wide = oxni_str_utf8_to_unicode(path);
     DWORD error = ERROR_INVALID_DATA;
 
-    if (wide != NULL && serialise(document, &bytes))
+    if (wide != nullptr && serialise(document, &bytes))
         error = replace_file(wide, bytes);
     oxni_str_free(wide);
     if (error != ERROR_SUCCESS)
-        EJS_WARN("ejs: %s: not written, error %lu\n", path == NULL ? "(null)" : path, error);
+        EJS_WARN("ejs: %s: not written, error %lu\n", path == nullptr ? "(null)" : path, error);
     return error == ERROR_SUCCESS ? 0 : -1;
 }
 

@@ -2,7 +2,7 @@
  * this directory exports the others. */
 #include <jansson.h>
 
-#include <string.h>
+#include <cstring>
 
 #include <liboxnibase/host.h>
 #include <oxni/base/memory.h>
@@ -35,9 +35,9 @@ static int add_piece(const char *piece, size_t length, void *user)
     if (size != sink->size && !sink->failed) {
         char *grown = static_cast<char *>(oxni_ralloc_(sink->text, size));
 
-        sink->failed = grown == NULL;
-        sink->text = grown != NULL ? grown : sink->text;
-        sink->size = grown != NULL ? size : sink->size;
+        sink->failed = grown == nullptr;
+        sink->text = grown != nullptr ? grown : sink->text;
+        sink->size = grown != nullptr ? size : sink->size;
     }
     if (sink->failed)
         return -1;
@@ -53,10 +53,10 @@ extern "C" char *wdu_json_dumps(const json_t *json, size_t flags);
 
 char *wdu_json_dumps(const json_t *json, size_t flags)
 {
-    text_sink sink = {NULL, 0, 0, false};
+    text_sink sink = {nullptr, 0, 0, false};
 
     if (json_dump_callback(json, add_piece, &sink, flags) == 0 && !sink.failed)
         return sink.text;
     oxni_free_(sink.text);
-    return NULL;
+    return nullptr;
 }

@@ -1,13 +1,13 @@
 /* Checks of files, searches and streams, in the folder of the run. */
 #include "conformance.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 #include <set>
 
-#define HOUR_100NS 36000000000ull
-#define ALL_SHARES (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
+static constexpr uint64_t HOUR_100NS = 36000000000ull;
+static constexpr DWORD ALL_SHARES = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 static std::wstring in_folder(const conformance &run, const wchar_t *name)
 {
@@ -17,7 +17,8 @@ static std::wstring in_folder(const conformance &run, const wchar_t *name)
 static HANDLE open(const std::wstring &path, DWORD access, DWORD disposition,
                    DWORD share = ALL_SHARES)
 {
-    return CreateFileW(path.c_str(), access, share, NULL, disposition, FILE_ATTRIBUTE_NORMAL, NULL);
+    return CreateFileW(path.c_str(), access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
 }
 
 static DWORD open_error(const std::wstring &path, DWORD access, DWORD disposition,
@@ -87,7 +88,7 @@ static void check_opening(conformance &run)
             {ERROR_PATH_NOT_FOUND});
     conform(run, "CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
             {ERROR_PATH_NOT_FOUND}, OBSERVED);
-    file = CreateFileW(NULL, GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL);
+    file = CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     conform(run, "CreateFileW", "no path", error_if(file == INVALID_HANDLE_VALUE),
             {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
     conform(
@@ -97,7 +98,7 @@ static void check_opening(conformance &run)
     conform(run, "CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
             {ERROR_ACCESS_DENIED});
     conform(run, "CreateFileA", "an empty path",
-            error_if(CreateFileA("", GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL) ==
+            error_if(CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) ==
                      INVALID_HANDLE_VALUE),
             {ERROR_PATH_NOT_FOUND}, OBSERVED);
     conform(run, "DeleteFileW", "a file", error_if(!DeleteFileW(path.c_str())), {0});
@@ -115,24 +116,26 @@ static void check_content(conformance &run)
     char buffer[8] = {};
     DWORD count = 0;
 
-    conform(run, "WriteFile", "four bytes", error_if(!WriteFile(file, "four", 4, &count, NULL)),
+    conform(run, "WriteFile", "four bytes", error_if(!WriteFile(file, "four", 4, &count, nullptr)),
             {0});
     conform(run, "WriteFile", "four bytes: written", count, {4});
     conform(run, "ReadFile", "a handle for writing only",
-            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, NULL)), {ERROR_ACCESS_DENIED});
-    conform(run, "WriteFile", "no bytes", error_if(!WriteFile(file, "", 0, &count, NULL)), {0});
+            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, nullptr)),
+            {ERROR_ACCESS_DENIED});
+    conform(run, "WriteFile", "no bytes", error_if(!WriteFile(file, "", 0, &count, nullptr)), {0});
     CloseHandle(file);
     file = open(path, GENERIC_READ, OPEN_EXISTING);
     conform(run, "GetFileInformationByHandle", "a file",
             error_if(!GetFileInformationByHandle(file, &information)), {0});
     conform(run, "WriteFile", "no bytes never extend", information.nFileSizeLow, {4}, OBSERVED);
     conform(run, "ReadFile", "a file",
-            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, NULL)), {0});
+            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, nullptr)), {0});
     conform(run, "ReadFile", "a file: read", count, {4});
-    conform(run, "ReadFile", "at the end", error_if(!ReadFile(file, buffer, 1, &count, NULL)), {0});
+    conform(run, "ReadFile", "at the end", error_if(!ReadFile(file, buffer, 1, &count, nullptr)),
+            {0});
     conform(run, "ReadFile", "at the end: read", count, {0});
     conform(run, "WriteFile", "a handle for reading only",
-            error_if(!WriteFile(file, "x", 1, &count, NULL)), {ERROR_ACCESS_DENIED});
+            error_if(!WriteFile(file, "x", 1, &count, nullptr)), {ERROR_ACCESS_DENIED});
     CloseHandle(file);
     DeleteFileW(path.c_str());
 }
@@ -147,9 +150,9 @@ static void check_times(conformance &run)
     WIN32_FIND_DATAW found = {};
     DWORD count;
 
-    WriteFile(file, "x", 1, &count, NULL);
+    WriteFile(file, "x", 1, &count, nullptr);
     conform(run, "SetFileTime", "creation and write time",
-            error_if(!SetFileTime(file, &time, NULL, &other)), {0});
+            error_if(!SetFileTime(file, &time, nullptr, &other)), {0});
     CloseHandle(file);
     conform(run, "SetFileTime", "the write time survives the close", times_of(path).written,
             {written}, OBSERVED);
@@ -160,11 +163,12 @@ static void check_times(conformance &run)
             {written}, OBSERVED);
     file = open(path, GENERIC_READ, OPEN_EXISTING);
     conform(run, "SetFileTime", "a handle without the right",
-            error_if(!SetFileTime(file, &time, NULL, NULL)), {ERROR_ACCESS_DENIED});
+            error_if(!SetFileTime(file, &time, nullptr, nullptr)), {ERROR_ACCESS_DENIED});
     GetFileInformationByHandle(file, &information);
     conform(run, "GetFileInformationByHandle", "the creation time",
             value_of(information.ftCreationTime), {created});
-    conform(run, "GetFileTime", "no outputs", error_if(!GetFileTime(file, NULL, NULL, NULL)), {0});
+    conform(run, "GetFileTime", "no outputs",
+            error_if(!GetFileTime(file, nullptr, nullptr, nullptr)), {0});
     CloseHandle(file);
     FindClose(FindFirstFileW(path.c_str(), &found));
     conform(run, "FindFirstFileW", "the creation time", value_of(found.ftCreationTime), {created});
@@ -173,8 +177,8 @@ static void check_times(conformance &run)
     conform(run, "CreateFileW", "overwriting keeps the creation time", times_of(path).created,
             {created}, OBSERVED);
     conform(run, "GetFileTime", "a handle that is none",
-            error_if(!GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)), NULL,
-                                  NULL, NULL)),
+            error_if(!GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)),
+                                  nullptr, nullptr, nullptr)),
             {ERROR_INVALID_HANDLE});
     DeleteFileW(path.c_str());
 }
@@ -235,10 +239,10 @@ void check_streams(conformance &run)
     DWORD count;
     HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
 
-    WriteFile(file, "abcdef", 6, &count, NULL);
+    WriteFile(file, "abcdef", 6, &count, nullptr);
     CloseHandle(file);
     FILE *stream = run.open_stream(path.c_str(), L"r+b");
-    if (stream == NULL)
+    if (stream == nullptr)
         return;
     conform(run, "fread", "more than there is", fread(buffer, 1, sizeof(buffer), stream), {6});
     conform(run, "fread", "at the end", fread(buffer, 1, 1, stream), {0});
@@ -247,7 +251,7 @@ void check_streams(conformance &run)
     conform(run, "fwrite", "over the first bytes", fwrite("XY", 1, 2, stream), {2});
     conform(run, "fclose", "an open stream", static_cast<uint64_t>(fclose(stream)), {0});
     file = open(path, GENERIC_READ, OPEN_EXISTING);
-    ReadFile(file, buffer, sizeof(buffer), &count, NULL);
+    ReadFile(file, buffer, sizeof(buffer), &count, nullptr);
     conform(run, "fwrite", "what is in the file", memcmp(buffer, "XYcdef", 6) == 0 && count == 6,
             {1});
     CloseHandle(file);

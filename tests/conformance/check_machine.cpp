@@ -5,12 +5,12 @@
 
 #include <vector>
 
-#define READ_BYTES     0x10000u
-#define MAX_READ_BYTES 0x7ffffu /* documented for ReadEventLogW */
-#define UNTOUCHED      0x5a5a5a5au
-#define SECURITY_LUID  8u
-#define SYSTEM_PROCESS 4u
-#define NO_PROCESS     0xfffffffcu
+static constexpr uint32_t READ_BYTES = 0x10000u;
+static constexpr uint32_t MAX_READ_BYTES = 0x7ffffu; /* documented for ReadEventLogW */
+static constexpr uint32_t UNTOUCHED = 0x5a5a5a5au;
+static constexpr uint32_t SECURITY_LUID = 8u;
+static constexpr uint32_t SYSTEM_PROCESS = 4u;
+static constexpr uint32_t NO_PROCESS = 0xfffffffcu;
 
 static HANDLE no_handle(void)
 {
@@ -20,9 +20,9 @@ static HANDLE no_handle(void)
 static DWORD open_log_error(const wchar_t *server, const wchar_t *source)
 {
     HANDLE log = OpenEventLogW(server, source);
-    const DWORD error = error_if(log == NULL);
+    const DWORD error = error_if(log == nullptr);
 
-    if (log != NULL)
+    if (log != nullptr)
         CloseEventLog(log);
     return error;
 }
@@ -88,7 +88,7 @@ static void check_reading(conformance &run, HANDLE log)
         read = read_log(log, row.flags, 0, block.data(), READ_BYTES);
         conform(run, "ReadEventLogW", row.when, read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
     }
-    read = read_log(log, backwards, 0, NULL, READ_BYTES);
+    read = read_log(log, backwards, 0, nullptr, READ_BYTES);
     conform(run, "ReadEventLogW", "no buffer", read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
     conform(run, "ReadEventLogW", "no buffer: bytes read", read.read, {UNTOUCHED}, OBSERVED);
     conform(run, "ReadEventLogW", "no buffer: bytes needed", read.needed, {UNTOUCHED}, OBSERVED);
@@ -108,7 +108,7 @@ static void check_reading(conformance &run, HANDLE log)
     conform(run, "ReadEventLogW", "backwards: the record is sound",
             is_record_sound(block.data(), read.read), {1});
     const DWORD newest = first_number(block);
-    HANDLE second = OpenEventLogW(NULL, L"System");
+    HANDLE second = OpenEventLogW(nullptr, L"System");
     read = read_log(second, forwards, 0, other.data(), READ_BYTES);
     conform(run, "ReadEventLogW", "forwards", read.error, {0});
     conform(run, "ReadEventLogW", "forwards begins with the oldest",
@@ -127,16 +127,16 @@ static void check_reading(conformance &run, HANDLE log)
 
 void check_event_log(conformance &run)
 {
-    HANDLE log = OpenEventLogW(NULL, L"System");
+    HANDLE log = OpenEventLogW(nullptr, L"System");
 
-    conform(run, "OpenEventLogW", "System", error_if(log == NULL), {0});
-    conform(run, "OpenEventLogW", "no source", open_log_error(NULL, NULL),
+    conform(run, "OpenEventLogW", "System", error_if(log == nullptr), {0});
+    conform(run, "OpenEventLogW", "no source", open_log_error(nullptr, nullptr),
             {ERROR_INVALID_PARAMETER}, OBSERVED);
     conform(run, "OpenEventLogW", "an unknown source opens Application",
-            open_log_error(NULL, L"no such source of events"), {0});
+            open_log_error(nullptr, L"no such source of events"), {0});
     conform(run, "OpenEventLogW", "an empty server is this machine", open_log_error(L"", L"System"),
             {0}, OBSERVED);
-    if (log != NULL) {
+    if (log != nullptr) {
         check_reading(run, log);
         conform(run, "CloseEventLog", "an open log", error_if(!CloseEventLog(log)), {0});
     }
@@ -172,9 +172,9 @@ static void check_snapshot(conformance &run, HANDLE snapshot)
 static DWORD open_process_error(DWORD access, DWORD pid)
 {
     HANDLE process = OpenProcess(access, FALSE, pid);
-    const DWORD error = error_if(process == NULL);
+    const DWORD error = error_if(process == nullptr);
 
-    if (process != NULL)
+    if (process != nullptr)
         CloseHandle(process);
     return error;
 }
@@ -234,8 +234,9 @@ static DWORD adjust(HANDLE token, DWORD luid, DWORD attributes, TOKEN_PRIVILEGES
         attributes
     };
     SetLastError(UNTOUCHED);
-    *done = AdjustTokenPrivileges(token, FALSE, &wanted, previous != NULL ? sizeof(*previous) : 0,
-                                  previous, previous != NULL ? &bytes : NULL) != 0;
+    *done =
+        AdjustTokenPrivileges(token, FALSE, &wanted, previous != nullptr ? sizeof(*previous) : 0,
+                              previous, previous != nullptr ? &bytes : nullptr) != 0;
     return GetLastError();
 }
 
@@ -243,7 +244,7 @@ static void check_adjusting(conformance &run, HANDLE token)
 {
     TOKEN_PRIVILEGES previous = {};
     bool done;
-    DWORD error = adjust(token, 0x7777, SE_PRIVILEGE_ENABLED, NULL, &done);
+    DWORD error = adjust(token, 0x7777, SE_PRIVILEGE_ENABLED, nullptr, &done);
 
     conform(run, "AdjustTokenPrivileges", "an unknown privilege succeeds", done, {1});
     conform(run, "AdjustTokenPrivileges", "an unknown privilege: last error", error,
@@ -268,7 +269,7 @@ static void check_adjusting(conformance &run, HANDLE token)
 
 void check_token(conformance &run)
 {
-    HANDLE token = NULL, query_only = NULL, none = NULL;
+    HANDLE token = nullptr, query_only = nullptr, none = nullptr;
     LUID luid = {};
     bool done;
 
@@ -281,22 +282,22 @@ void check_token(conformance &run)
     conform(run, "OpenProcessToken", "a handle that is none",
             error_if(!OpenProcessToken(no_handle(), TOKEN_QUERY, &none)), {ERROR_INVALID_HANDLE});
     conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege",
-            error_if(!LookupPrivilegeValueA(NULL, "SeSecurityPrivilege", &luid)), {0});
+            error_if(!LookupPrivilegeValueA(nullptr, "SeSecurityPrivilege", &luid)), {0});
     conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege: its LUID", luid.LowPart,
             {SECURITY_LUID}, OBSERVED);
     conform(run, "LookupPrivilegeValueA", "the case of a name is ignored",
-            error_if(!LookupPrivilegeValueA(NULL, "SESECURITYPRIVILEGE", &luid)), {0}, OBSERVED);
+            error_if(!LookupPrivilegeValueA(nullptr, "SESECURITYPRIVILEGE", &luid)), {0}, OBSERVED);
     conform(run, "LookupPrivilegeValueA", "an unknown name",
-            error_if(!LookupPrivilegeValueA(NULL, "SeNoSuchPrivilege", &luid)),
+            error_if(!LookupPrivilegeValueA(nullptr, "SeNoSuchPrivilege", &luid)),
             {ERROR_NO_SUCH_PRIVILEGE});
     conform(run, "AdjustTokenPrivileges", "a handle without the right",
-            adjust(query_only, SECURITY_LUID, SE_PRIVILEGE_ENABLED, NULL, &done),
+            adjust(query_only, SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
             {ERROR_ACCESS_DENIED});
     conform(run, "AdjustTokenPrivileges", "a handle that is none",
-            adjust(no_handle(), SECURITY_LUID, SE_PRIVILEGE_ENABLED, NULL, &done),
+            adjust(no_handle(), SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
             {ERROR_INVALID_HANDLE});
     conform(run, "AdjustTokenPrivileges", "no state",
-            error_if(!AdjustTokenPrivileges(token, FALSE, NULL, 0, NULL, NULL)),
+            error_if(!AdjustTokenPrivileges(token, FALSE, nullptr, 0, nullptr, nullptr)),
             {ERROR_INVALID_PARAMETER}, OBSERVED);
     check_adjusting(run, token);
     CloseHandle(query_only);
@@ -305,10 +306,10 @@ void check_token(conformance &run)
 
 static DWORD open_manager_error(const wchar_t *database)
 {
-    SC_HANDLE manager = OpenSCManagerW(NULL, database, SC_MANAGER_CONNECT);
-    const DWORD error = error_if(manager == NULL);
+    SC_HANDLE manager = OpenSCManagerW(nullptr, database, SC_MANAGER_CONNECT);
+    const DWORD error = error_if(manager == nullptr);
 
-    if (manager != NULL)
+    if (manager != nullptr)
         CloseServiceHandle(manager);
     return error;
 }
@@ -316,15 +317,15 @@ static DWORD open_manager_error(const wchar_t *database)
 static DWORD open_service_error(SC_HANDLE manager, const wchar_t *name)
 {
     SC_HANDLE service = OpenServiceW(manager, name, SERVICE_QUERY_STATUS);
-    const DWORD error = error_if(service == NULL);
+    const DWORD error = error_if(service == nullptr);
 
-    if (service != NULL)
+    if (service != nullptr)
         CloseServiceHandle(service);
     return error;
 }
 
 /* Every Windows has this service; the scenario of the development host, too. */
-#define KNOWN_SERVICE L"EventLog"
+static constexpr wchar_t KNOWN_SERVICE[] = L"EventLog";
 
 static void check_query(conformance &run, SC_HANDLE manager)
 {
@@ -348,9 +349,9 @@ static void check_query(conformance &run, SC_HANDLE manager)
 
 void check_services(conformance &run)
 {
-    SC_HANDLE manager = OpenSCManagerW(NULL, NULL, SC_MANAGER_CONNECT);
+    SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
 
-    conform(run, "OpenSCManagerW", "connecting", error_if(manager == NULL), {0});
+    conform(run, "OpenSCManagerW", "connecting", error_if(manager == nullptr), {0});
     conform(run, "OpenSCManagerW", "the active database by name",
             open_manager_error(L"ServicesActive"), {0});
     conform(run, "OpenSCManagerW", "an unknown database", open_manager_error(L"no such database"),

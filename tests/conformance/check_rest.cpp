@@ -1,10 +1,10 @@
 /* Checks of texts, times and modules. */
 #include "conformance.h"
 
-#include <string.h>
-#include <wchar.h>
+#include <cstring>
+#include <cwchar>
 
-#define TICKS_PER_HOUR 36000000000ull
+static constexpr uint64_t TICKS_PER_HOUR = 36000000000ull;
 
 /* The characters that an expansion gives, the closing NUL included; 0: it failed. */
 static DWORD expand(const wchar_t *text, std::wstring *expanded)
@@ -60,13 +60,13 @@ static void check_coding(conformance &run)
             {ERROR_INSUFFICIENT_BUFFER});
     conform(run, "WideCharToMultiByte", "UTF-8",
             static_cast<uint64_t>(
-                WideCharToMultiByte(CP_UTF8, 0, L"\x20ac", -1, narrow, 8, NULL, NULL)),
+                WideCharToMultiByte(CP_UTF8, 0, L"\x20ac", -1, narrow, 8, nullptr, nullptr)),
             {4});
     conform(run, "WideCharToMultiByte", "a buffer that is too small",
-            error_if(WideCharToMultiByte(CP_UTF8, 0, L"abc", -1, narrow, 1, NULL, NULL) == 0),
+            error_if(WideCharToMultiByte(CP_UTF8, 0, L"abc", -1, narrow, 1, nullptr, nullptr) == 0),
             {ERROR_INSUFFICIENT_BUFFER});
     conform(run, "WideCharToMultiByte", "no length",
-            error_if(WideCharToMultiByte(CP_UTF8, 0, L"abc", 0, narrow, 8, NULL, NULL) == 0),
+            error_if(WideCharToMultiByte(CP_UTF8, 0, L"abc", 0, narrow, 8, nullptr, nullptr) == 0),
             {ERROR_INVALID_PARAMETER});
 }
 
@@ -109,22 +109,23 @@ void check_modules(conformance &run)
     HMODULE kernel = GetModuleHandleA("kernel32.dll"), loaded;
     typedef ULONGLONG(WINAPI * tick_fn)(void);
 
-    conform(run, "GetModuleHandleA", "a loaded module", error_if(kernel == NULL), {0});
+    conform(run, "GetModuleHandleA", "a loaded module", error_if(kernel == nullptr), {0});
     conform(run, "GetModuleHandleA", "a module that is none",
-            error_if(GetModuleHandleA("no such module") == NULL), {ERROR_MOD_NOT_FOUND});
+            error_if(GetModuleHandleA("no such module") == nullptr), {ERROR_MOD_NOT_FOUND});
     tick_fn tick = reinterpret_cast<tick_fn>(
         reinterpret_cast<void *>(GetProcAddress(kernel, "GetTickCount64")));
-    conform(run, "GetProcAddress", "GetTickCount64", error_if(tick == NULL), {0});
-    const uint64_t before = tick != NULL ? tick() : 0;
-    conform(run, "GetTickCount64", "does not go back", tick == NULL || tick() - before < 60000,
+    conform(run, "GetProcAddress", "GetTickCount64", error_if(tick == nullptr), {0});
+    const uint64_t before = tick != nullptr ? tick() : 0;
+    conform(run, "GetTickCount64", "does not go back", tick == nullptr || tick() - before < 60000,
             {1});
     conform(run, "GetProcAddress", "a function that is none",
-            error_if(GetProcAddress(kernel, "no_such_function") == NULL), {ERROR_PROC_NOT_FOUND});
+            error_if(GetProcAddress(kernel, "no_such_function") == nullptr),
+            {ERROR_PROC_NOT_FOUND});
     loaded = LoadLibraryW(L"dbghelp.dll");
-    conform(run, "LoadLibraryW", "a library of Windows", error_if(loaded == NULL), {0});
+    conform(run, "LoadLibraryW", "a library of Windows", error_if(loaded == nullptr), {0});
     conform(run, "FreeLibrary", "a loaded library", error_if(!FreeLibrary(loaded)), {0});
     conform(run, "LoadLibraryW", "a library that is none",
-            error_if(LoadLibraryW(L"no such library.dll") == NULL), {ERROR_MOD_NOT_FOUND});
-    conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(NULL) == NULL),
+            error_if(LoadLibraryW(L"no such library.dll") == nullptr), {ERROR_MOD_NOT_FOUND});
+    conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(nullptr) == nullptr),
             {ERROR_INVALID_PARAMETER, ERROR_MOD_NOT_FOUND});
 }

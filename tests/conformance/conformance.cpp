@@ -1,7 +1,7 @@
 /* Compares, counts and prints. */
 #include "conformance.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 

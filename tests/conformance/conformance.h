@@ -6,8 +6,8 @@
 #ifndef CONFORMANCE_H
 #define CONFORMANCE_H
 
-#include <stdint.h>
-#include <stdio.h>
+#include <cstdint>
+#include <cstdio>
 #include <windows.h>
 
 #include <initializer_list>

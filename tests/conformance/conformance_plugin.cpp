@@ -1,7 +1,7 @@
 /* A plug-in that makes the checks on the machine of its host, and prints to the standard output. */
 #include "conformance.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <oxni/base/path.h>
 
@@ -15,8 +15,14 @@ extern "C" uint64_t __declspec(dllexport) oxni_plugin_init(void);
 
 extern "C" uint64_t oxni_plugin_init(void)
 {
-    conformance run = {
-        L"C:\\check", HKEY_LOCAL_MACHINE, HKEY_LOCAL_MACHINE, oxni_file_open_w, print, NULL, 0, 0};
+    conformance run = {L"C:\\check",
+                       HKEY_LOCAL_MACHINE,
+                       HKEY_LOCAL_MACHINE,
+                       oxni_file_open_w,
+                       print,
+                       nullptr,
+                       0,
+                       0};
 
     check_all(run);
     printf("conformance: %u checks, %u of them differ\n", run.checks, run.differences);

@@ -11,8 +11,8 @@
  * file, or of a folder onto something or with open
  * files.
  */
-#include <stdio.h>
-#include <stdlib.h>
+#include <cstdio>
+#include <cstdlib>
 #include <windows.h>
 
 #include <algorithm>
@@ -25,8 +25,8 @@
 #include "machine/machine.h"
 #include "machine/memory_disk.h"
 
-#define CALLS_PER_SEQUENCE 40
-#define REAL_KEY           L"SOFTWARE\\differential_check"
+static constexpr int CALLS_PER_SEQUENCE = 40;
+static constexpr wchar_t REAL_KEY[] = L"SOFTWARE\\differential_check";
 
 static std::mt19937 s_random;
 static std::vector<std::string> s_calls; /* of this sequence, in words */
@@ -97,9 +97,9 @@ static std::string transfer(HANDLE handle, bool writes, DWORD bytes)
 {
     char buffer[64] = {};
     DWORD count = 0;
-    BOOL done =
-        writes ? WriteFile(handle, "0123456789012345678901234567890123456789", bytes, &count, NULL)
-               : ReadFile(handle, buffer, bytes, &count, NULL);
+    BOOL done = writes ? WriteFile(handle, "0123456789012345678901234567890123456789", bytes,
+                                   &count, nullptr)
+                       : ReadFile(handle, buffer, bytes, &count, nullptr);
 
     return bool_text(done) + text_format(" %lu '%s'", done ? count : 0, done ? buffer : "");
 }
@@ -133,8 +133,8 @@ static std::string make_file_call(disk &on, const file_call &call)
     case 0:
         if (handle != INVALID_HANDLE_VALUE)
             return "";
-        handle = CreateFileW(path.c_str(), call.access, call.share, NULL, call.disposition,
-                             FILE_ATTRIBUTE_NORMAL, NULL);
+        handle = CreateFileW(path.c_str(), call.access, call.share, nullptr, call.disposition,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
         return text_format("CreateFileW %s", bool_text(handle != INVALID_HANDLE_VALUE).c_str());
     case 1: return "WriteFile " + transfer(handle, true, call.bytes);
     case 2: return "ReadFile " + transfer(handle, false, call.bytes);
@@ -148,7 +148,7 @@ static std::string make_file_call(disk &on, const file_call &call)
             return "DeleteFileW " + bool_text(FALSE);
         close_all(on); /* Wine keeps the name until then, Windows since version 10 does not */
         return "DeleteFileW done";
-    case 5: return "CreateDirectoryW " + bool_text(CreateDirectoryW(path.c_str(), NULL));
+    case 5: return "CreateDirectoryW " + bool_text(CreateDirectoryW(path.c_str(), nullptr));
     case 6: return "RemoveDirectoryW " + bool_text(RemoveDirectoryW(path.c_str()));
     case 7:
         attributes = GetFileAttributesW(path.c_str());
@@ -256,7 +256,8 @@ static std::string query_text(registry_calls &on, HKEY key, DWORD capacity)
 {
     BYTE data[64] = {};
     DWORD bytes = capacity, type = 0;
-    const LONG error = on.query(key, L"Value", NULL, &type, capacity != 0 ? data : NULL, &bytes);
+    const LONG error =
+        on.query(key, L"Value", nullptr, &type, capacity != 0 ? data : nullptr, &bytes);
 
     return text_format("%ld, type %lu, %lu bytes, %02x %02x", error, error == 0 ? type : 0,
                        error == 0 || error == ERROR_MORE_DATA ? bytes : 0, data[0], data[2]);
@@ -264,19 +265,19 @@ static std::string query_text(registry_calls &on, HKEY key, DWORD capacity)
 
 static std::string make_registry_call(registry_calls &on, const registry_call &call)
 {
-    HKEY from = on.keys[call.from], key = NULL;
+    HKEY from = on.keys[call.from], key = nullptr;
     DWORD disposition = 0;
     LONG error;
 
-    if (from == NULL)
+    if (from == nullptr)
         return "";
     switch (call.kind) {
     case 0:
     case 1:
-        error = call.kind == 0 ? on.create(from, call.name.c_str(), 0, NULL, REG_OPTION_VOLATILE,
-                                           call.access, NULL, &key, &disposition)
+        error = call.kind == 0 ? on.create(from, call.name.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
+                                           call.access, nullptr, &key, &disposition)
                                : on.open(from, call.name.c_str(), 0, call.access, &key);
-        if (error == ERROR_SUCCESS && on.keys[call.to] == NULL)
+        if (error == ERROR_SUCCESS && on.keys[call.to] == nullptr)
             on.keys[call.to] = key;
         else if (error == ERROR_SUCCESS)
             on.close(key);
@@ -286,21 +287,21 @@ static std::string make_registry_call(registry_calls &on, const registry_call &c
     default:
         if (call.from == 0)
             return "";
-        on.keys[call.from] = NULL;
+        on.keys[call.from] = nullptr;
         return text_format("RegCloseKey %ld", on.close(from));
     }
 }
 
 static void begin_registry(registry_calls &on)
 {
-    on.create(HKEY_LOCAL_MACHINE, REAL_KEY, 0, NULL, REG_OPTION_VOLATILE, KEY_ALL_ACCESS, NULL,
-              &on.keys[0], NULL);
+    on.create(HKEY_LOCAL_MACHINE, REAL_KEY, 0, nullptr, REG_OPTION_VOLATILE, KEY_ALL_ACCESS,
+              nullptr, &on.keys[0], nullptr);
 }
 
 static void end_registry(registry_calls &on)
 {
     for (const HKEY key : on.keys)
-        if (key != NULL)
+        if (key != nullptr)
             on.close(key);
     memset(on.keys, 0, sizeof(on.keys));
 }
@@ -391,8 +392,9 @@ static bool play_all(const char *kind, unsigned count, unsigned seed, Play play)
 
 int main(int argc, char **argv)
 {
-    const unsigned sequences = argc > 1 ? static_cast<unsigned>(strtoul(argv[1], NULL, 10)) : 300;
-    const unsigned seed = argc > 2 ? static_cast<unsigned>(strtoul(argv[2], NULL, 10)) : 1;
+    const unsigned sequences =
+        argc > 1 ? static_cast<unsigned>(strtoul(argv[1], nullptr, 10)) : 300;
+    const unsigned seed = argc > 2 ? static_cast<unsigned>(strtoul(argv[2], nullptr, 10)) : 1;
     const run_folder folder("");
     registry_calls ours = {stand_in<decltype(&RegCreateKeyExW)>("RegCreateKeyExW"),
                            stand_in<decltype(&RegOpenKeyExW)>("RegOpenKeyExW"),
@@ -411,8 +413,8 @@ int main(int argc, char **argv)
     bool equal;
 
     machine_open(text_wide(folder.path));
-    CreateDirectoryW(memory.folder.c_str(), NULL);
-    CreateDirectoryW(on_disk.folder.c_str(), NULL);
+    CreateDirectoryW(memory.folder.c_str(), nullptr);
+    CreateDirectoryW(on_disk.folder.c_str(), nullptr);
     memory_disk_open(memory.folder);
     for (disk *each : {&memory, &on_disk})
         for (HANDLE &handle : each->handles)

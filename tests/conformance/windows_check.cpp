@@ -6,10 +6,10 @@
  */
 #include "conformance.h"
 
-#include <stdio.h>
+#include <cstdio>
 
-#define EXIT_DIFFERS 1
-#define EXIT_NO_FILE 2
+static constexpr int EXIT_DIFFERS = 1;
+static constexpr int EXIT_NO_FILE = 2;
 
 struct output {
     FILE *file;
@@ -28,14 +28,14 @@ static DWORD windows_build(void)
     DWORD bytes = sizeof(text);
 
     RegGetValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion",
-                 L"CurrentBuild", RRF_RT_REG_SZ, NULL, text, &bytes);
-    return wcstoul(text, NULL, 10);
+                 L"CurrentBuild", RRF_RT_REG_SZ, nullptr, text, &bytes);
+    return wcstoul(text, nullptr, 10);
 }
 
 /* HKEY_LOCAL_MACHINE where this user may write, else HKEY_CURRENT_USER. */
 static HKEY writable_root(void)
 {
-    HKEY key = NULL;
+    HKEY key = nullptr;
 
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE", 0, KEY_CREATE_SUB_KEY, &key) !=
         ERROR_SUCCESS)
@@ -51,7 +51,7 @@ static std::wstring make_folder(void)
     GetTempPathW(ARRAYSIZE(temp), temp);
     std::wstring folder =
         std::wstring(temp) + L"windows_check-" + std::to_wstring(GetCurrentProcessId());
-    CreateDirectoryW(folder.c_str(), NULL);
+    CreateDirectoryW(folder.c_str(), nullptr);
     return folder;
 }
 
@@ -65,7 +65,7 @@ int wmain(int argc, wchar_t **argv)
     conformance run = {
         make_folder(), writable_root(), HKEY_LOCAL_MACHINE, _wfopen, print, &out, 0, 0};
 
-    if (out.file == NULL) {
+    if (out.file == nullptr) {
         fprintf(stderr, "windows_check: cannot write '%ls'\n", name.c_str());
         return EXIT_NO_FILE;
     }

@@ -1,5 +1,5 @@
 /* The text of values in event records, as the classic event-log interface shows it. */
-#include <string.h>
+#include <cstring>
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include "machine/heap.h"
 
-#include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 
 #include <algorithm>
 #include <map>
@@ -31,7 +31,7 @@ TEST(heap, blocks_keep_their_bytes)
                         65536u, 65537u, 131072u, 131073u, 400000u})
         for (size_t then : {0u, 1u, 16u, 17u, 600u, 131072u, 131073u}) {
             char *block = static_cast<char *>(malloc(size));
-            ASSERT_TRUE(block != NULL && reinterpret_cast<uintptr_t>(block) % 16 == 0) << size;
+            ASSERT_TRUE(block != nullptr && reinterpret_cast<uintptr_t>(block) % 16 == 0) << size;
             memset(block, fill, size);
             if (then != 0)
                 block = static_cast<char *>(realloc(block, then));
@@ -57,7 +57,7 @@ TEST(heap, blocks_keep_their_bytes)
 TEST(heap, threads_free_each_others_blocks)
 {
     heap_open();
-    void *of_host = malloc(100), *of_thread = NULL;
+    void *of_host = malloc(100), *of_thread = nullptr;
     const uintptr_t first = reinterpret_cast<uintptr_t>(of_host);
 
     std::thread([&] {
@@ -75,7 +75,7 @@ std::string lost_blocks(void)
     std::string text;
 
     oxnih_memory_lost(
-        GetModuleHandleW(NULL),
+        GetModuleHandleW(nullptr),
         [](const char *, uint64_t blocks, uint64_t bytes, void *user) {
             *static_cast<std::string *>(user) +=
                 std::to_string(blocks) + " of " + std::to_string(bytes) + " ";

@@ -76,6 +76,6 @@ TEST(test_match, event_times_have_the_bias_of_now)
         EXPECT_EQ(match_expand("{event:2024-03-10T06:58:20Z}"), row.expected) << row.name;
         EXPECT_EQ(match_expand("{local:2024-03-10T06:58:20Z}"), "2024-03-10 01:58:20") << row.name;
     }
-    oxnih_clock_set_zone(NULL);
+    oxnih_clock_set_zone(nullptr);
     oxnih_clock_real(0);
 }

@@ -1,6 +1,6 @@
 #include "machine/memory_disk.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <string>
 
@@ -18,7 +18,7 @@ std::wstring temporary_folder(const wchar_t *name)
 
     GetTempPathW(MAX_PATH, path);
     std::wstring folder = path + std::wstring(name) + std::to_wstring(GetCurrentProcessId());
-    CreateDirectoryW(folder.c_str(), NULL);
+    CreateDirectoryW(folder.c_str(), nullptr);
     return folder;
 }
 
@@ -27,7 +27,7 @@ std::string shown(FILE *stream, const char *calls)
     std::string text;
     char bytes[8] = "";
 
-    for (const char *call = calls; stream != NULL && *call != '\0'; call++) {
+    for (const char *call = calls; stream != nullptr && *call != '\0'; call++) {
         size_t result = 0;
 
         switch (*call) {
@@ -40,18 +40,18 @@ std::string shown(FILE *stream, const char *calls)
         }
         text += *call + std::to_string(static_cast<int>(result)) + " ";
     }
-    return stream == NULL ? "none" : text + bytes;
+    return stream == nullptr ? "none" : text + bytes;
 }
 
 std::string bytes_of(const std::wstring &path)
 {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, NULL, OPEN_EXISTING, 0, NULL);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     char bytes[64];
     DWORD got = 0;
 
     if (file == INVALID_HANDLE_VALUE)
         return "missing";
-    ReadFile(file, bytes, sizeof(bytes), &got, NULL);
+    ReadFile(file, bytes, sizeof(bytes), &got, nullptr);
     CloseHandle(file);
     return std::string(bytes, got);
 }
@@ -64,13 +64,14 @@ std::string play(const std::wstring &folder, const wchar_t *mode, bool exists, c
 
     DeleteFileW(path.c_str());
     if (exists) {
-        HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL);
-        WriteFile(file, "0123456789", 10, &written, NULL);
+        HANDLE file =
+            CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+        WriteFile(file, "0123456789", 10, &written, nullptr);
         CloseHandle(file);
     }
     FILE *stream = oxni_file_open_w(path.c_str(), mode);
     std::string text = shown(stream, calls);
-    if (stream != NULL)
+    if (stream != nullptr)
         fclose(stream);
     return text + ", file: " + bytes_of(path);
 }

@@ -1,6 +1,6 @@
 #include "agent/plugin_image.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -54,7 +54,7 @@ TEST(plugin_image, each_start_is_the_first)
         image_keep_mapped(mapped);
         for (int start = 1; start <= 3; start++) {
             HMODULE module = image_start(L"image_probe.dll", redirect);
-            ASSERT_TRUE(module != NULL) << GetLastError();
+            ASSERT_TRUE(module != nullptr) << GetLastError();
             auto count = probe<int>(module, "probe_count");
 
             EXPECT_EQ(1, count()) << mapped << start;
@@ -70,13 +70,13 @@ TEST(plugin_image, each_start_is_the_first)
         EXPECT_EQ(mapped ? 1 : 3, s_redirects);
     }
     image_keep_mapped(false);
-    EXPECT_TRUE(GetModuleHandleW(L"image_probe.dll") == NULL);
+    EXPECT_TRUE(GetModuleHandleW(L"image_probe.dll") == nullptr);
 }
 
 TEST(plugin_image, a_missing_file_is_reported)
 {
     image_keep_mapped(true);
-    EXPECT_TRUE(image_start(L"no_such.dll", redirect) == NULL);
+    EXPECT_TRUE(image_start(L"no_such.dll", redirect) == nullptr);
     EXPECT_EQ(static_cast<DWORD>(ERROR_MOD_NOT_FOUND), GetLastError());
     image_keep_mapped(false);
 }

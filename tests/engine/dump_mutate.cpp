@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#define PAGE_BYTES 0x1000ull
+static constexpr uint64_t PAGE_BYTES = 0x1000ull;
 
 void dump_mutate(std::vector<uint8_t> *dump, std::mt19937_64 *random)
 {
@@ -11,7 +11,7 @@ void dump_mutate(std::vector<uint8_t> *dump, std::mt19937_64 *random)
         const uint64_t size = dump->size();
         const uint64_t values[] = {
             0, 1, 0x80000000, UINT32_MAX, UINT64_MAX, size - any % 16, any % size, any};
-        const size_t bytes = (size_t)1 << ((*random)() % 4);
+        const size_t bytes = static_cast<size_t>(1) << ((*random)() % 4);
         uint32_t starts[] = {DUMP_CONTEXT, DUMP_TRIAGE, 0, 0};
 
         if (size >= DUMP_STACK)

@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 /* The plug-in's flags, and the engine's note between the first frame and the others. */
-#define STACK_FLAGS (DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS)
+static constexpr DWORD STACK_FLAGS = DEBUG_STACK_COLUMN_NAMES | DEBUG_STACK_PARAMETERS;
 #define UNWIND_NOTE "Stack unwind information not available. Following frames may be wrong.\n"
 
 /* Collects the text and counts its pieces. It is on the stack of a test, so references are only
@@ -54,88 +54,92 @@ class engine_test : public testing::Test
     {
         wchar_t folder[MAX_PATH];
 
-        m_module = LoadLibraryW(L"dbgeng.dll");
-        m_create = (decltype(m_create))(void *)GetProcAddress(m_module, "DebugCreate");
-        m_set = (engine_script_set_fn)(void *)GetProcAddress(m_module, "engine_script_set");
-        m_counts = (engine_counts_get_fn)(void *)GetProcAddress(m_module, "engine_counts_get");
-        ASSERT_TRUE(m_create && m_set && m_counts) << "this is not the engine of this project";
+        module_ = LoadLibraryW(L"dbgeng.dll");
+        create_ = reinterpret_cast<decltype(create_)>(
+            reinterpret_cast<void *>(GetProcAddress(module_, "DebugCreate")));
+        set_ = reinterpret_cast<engine_script_set_fn>(
+            reinterpret_cast<void *>(GetProcAddress(module_, "engine_script_set")));
+        counts_ = reinterpret_cast<engine_counts_get_fn>(
+            reinterpret_cast<void *>(GetProcAddress(module_, "engine_counts_get")));
+        ASSERT_TRUE(create_ && set_ && counts_) << "this is not the engine of this project";
         ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
-        m_path = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
+        path_ = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
     }
 
     void TearDown() override
     {
         close();
-        m_set(NULL);
+        set_(nullptr);
         EXPECT_EQ(held(), "0 objects, 0 references, 0 callbacks");
-        DeleteFileW(m_path.c_str());
-        FreeLibrary(m_module);
+        DeleteFileW(path_.c_str());
+        FreeLibrary(module_);
     }
 
-    /* Creates m_client and m_control. TearDown releases them. */
+    /* Creates client_ and control_. TearDown releases them. */
     void create()
     {
-        ASSERT_EQ(m_create(IID_IDebugClient, (void **)&m_client), S_OK);
-        ASSERT_EQ(m_client->QueryInterface(IID_IDebugControl, (void **)&m_control), S_OK);
+        ASSERT_EQ(create_(IID_IDebugClient, reinterpret_cast<void **>(&client_)), S_OK);
+        ASSERT_EQ(client_->QueryInterface(IID_IDebugControl, reinterpret_cast<void **>(&control_)),
+                  S_OK);
     }
 
     void close()
     {
-        if (m_control != nullptr)
-            m_control->Release();
-        if (m_client != nullptr)
-            m_client->Release();
-        m_control = nullptr;
-        m_client = nullptr;
+        if (control_ != nullptr)
+            control_->Release();
+        if (client_ != nullptr)
+            client_->Release();
+        control_ = nullptr;
+        client_ = nullptr;
     }
 
     std::string held()
     {
         struct engine_counts counts;
 
-        m_counts(&counts);
+        counts_(&counts);
         return std::to_string(counts.objects) + " objects, " + std::to_string(counts.references) +
                " references, " + std::to_string(counts.callbacks) + " callbacks";
     }
 
-    /* Writes a dump to m_path. */
+    /* Writes a dump to path_. */
     void write(const std::vector<uint8_t> &bytes)
     {
-        std::ofstream file(m_path.c_str(), std::ios::binary);
+        std::ofstream file(path_.c_str(), std::ios::binary);
 
-        file.write((const char *)bytes.data(), (std::streamsize)bytes.size());
+        file.write(reinterpret_cast<const char *>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
         ASSERT_TRUE(file.good());
     }
 
     /* Opens a dump and outputs its stack, as the plug-in does. Returns the first failure. */
     HRESULT play(const wchar_t *path, ULONG flags, ULONG asked, collector *output)
     {
-        HRESULT result = m_client->SetOutputCallbacks(output);
+        HRESULT result = client_->SetOutputCallbacks(output);
 
-        m_filled = 0;
+        filled_ = 0;
         if (result == S_OK)
-            result = m_client->OpenDumpFileWide(path, 0);
+            result = client_->OpenDumpFileWide(path, 0);
         if (result == S_OK)
-            result = m_control->WaitForEvent(0, 300000);
+            result = control_->WaitForEvent(0, 300000);
         if (result == S_OK)
-            result = m_control->GetStackTrace(0, 0, 0, m_frames, asked, &m_filled);
+            result = control_->GetStackTrace(0, 0, 0, frames_, asked, &filled_);
         if (result == S_OK)
-            result =
-                m_control->OutputStackTrace(DEBUG_OUTCTL_ALL_CLIENTS, m_frames, m_filled, flags);
-        m_client->SetOutputCallbacks(NULL);
-        m_client->EndSession(DEBUG_END_PASSIVE);
+            result = control_->OutputStackTrace(DEBUG_OUTCTL_ALL_CLIENTS, frames_, filled_, flags);
+        client_->SetOutputCallbacks(nullptr);
+        client_->EndSession(DEBUG_END_PASSIVE);
         return result;
     }
 
-    HMODULE m_module = nullptr;
-    HRESULT(WINAPI *m_create)(REFIID iid, void **out) = nullptr;
-    engine_script_set_fn m_set = nullptr;
-    engine_counts_get_fn m_counts = nullptr;
-    IDebugClient4 *m_client = nullptr; /* created as IDebugClient, as many clients do */
-    IDebugControl *m_control = nullptr;
-    DEBUG_STACK_FRAME m_frames[100] = {};
-    ULONG m_filled = 0;
-    std::wstring m_path;
+    HMODULE module_ = nullptr;
+    HRESULT(WINAPI *create_)(REFIID iid, void **out) = nullptr;
+    engine_script_set_fn set_ = nullptr;
+    engine_counts_get_fn counts_ = nullptr;
+    IDebugClient4 *client_ = nullptr; /* created as IDebugClient, as many clients do */
+    IDebugControl *control_ = nullptr;
+    DEBUG_STACK_FRAME frames_[100] = {};
+    ULONG filled_ = 0;
+    std::wstring path_;
 };
 
 /* Returns a model with three frames: one+0x1234, two+0x1, nt+0x107. */

@@ -6,9 +6,9 @@
 
 #include "engine_fixture.h"
 
-#define DUMP L"C:\\Windows\\MEMORY.DMP"
+static constexpr wchar_t DUMP[] = L"C:\\Windows\\MEMORY.DMP";
 
-/* Creates a client, and a dump at m_path. */
+/* Creates a client, and a dump at path_. */
 class engine : public engine_test
 {
   protected:
@@ -43,37 +43,37 @@ TEST_F(engine, test_text)
     for (const text_row &row : s_text_rows) {
         collector output;
 
-        memset(m_frames, 0xCC, sizeof m_frames);
-        EXPECT_EQ(play(m_path.c_str(), row.flags, row.asked, &output), S_OK);
-        EXPECT_EQ(m_filled, row.asked < 3 ? row.asked : 3u);
-        EXPECT_EQ(m_frames[m_filled].FrameNumber, 0xCCCCCCCCu);
+        memset(frames_, 0xCC, sizeof frames_);
+        EXPECT_EQ(play(path_.c_str(), row.flags, row.asked, &output), S_OK);
+        EXPECT_EQ(filled_, row.asked < 3 ? row.asked : 3u);
+        EXPECT_EQ(frames_[filled_].FrameNumber, 0xCCCCCCCCu);
         EXPECT_EQ(output.text, row.text);
         EXPECT_EQ(output.references, 1u);
     }
-    EXPECT_EQ(m_frames[1].InstructionOffset, 0xFFFFF80100010001u);
+    EXPECT_EQ(frames_[1].InstructionOffset, 0xFFFFF80100010001u);
 }
 
 TEST_F(engine, test_order_of_calls)
 {
-    EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), E_UNEXPECTED);
-    EXPECT_EQ(m_control->WaitForEvent(0, 0), E_UNEXPECTED);
-    ASSERT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
-    EXPECT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), E_UNEXPECTED);
-    m_filled = 7;
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 4, &m_filled), E_UNEXPECTED);
-    EXPECT_EQ(m_filled, 0u);
-    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 0, 0), E_UNEXPECTED);
-    EXPECT_EQ(m_control->WaitForEvent(1, 0), E_INVALIDARG);
-    EXPECT_EQ(m_control->WaitForEvent(0, 0), S_OK);
-    EXPECT_EQ(m_control->WaitForEvent(0, 0), E_UNEXPECTED);
-    EXPECT_EQ(m_control->GetStackTrace(0, 1, 0, m_frames, 4, &m_filled), E_NOTIMPL);
-    EXPECT_EQ(m_control->OutputStackTrace(0, NULL, 1, 0), E_INVALIDARG);
-    EXPECT_EQ(m_control->OutputStackTrace(0, m_frames, 1, 0), S_OK); /* without callbacks */
-    EXPECT_EQ(m_client->EndSession(DEBUG_END_PASSIVE), S_OK);
-    EXPECT_EQ(m_control->GetStackTrace(0, 0, 0, m_frames, 4, &m_filled), E_UNEXPECTED);
-    EXPECT_EQ(m_client->OpenDumpFileWide(m_path.c_str(), 0), S_OK);
+    EXPECT_EQ(client_->EndSession(DEBUG_END_PASSIVE), E_UNEXPECTED);
+    EXPECT_EQ(control_->WaitForEvent(0, 0), E_UNEXPECTED);
+    ASSERT_EQ(client_->OpenDumpFileWide(path_.c_str(), 0), S_OK);
+    EXPECT_EQ(client_->OpenDumpFileWide(path_.c_str(), 0), E_UNEXPECTED);
+    filled_ = 7;
+    EXPECT_EQ(control_->GetStackTrace(0, 0, 0, frames_, 4, &filled_), E_UNEXPECTED);
+    EXPECT_EQ(filled_, 0u);
+    EXPECT_EQ(control_->OutputStackTrace(0, frames_, 0, 0), E_UNEXPECTED);
+    EXPECT_EQ(control_->WaitForEvent(1, 0), E_INVALIDARG);
+    EXPECT_EQ(control_->WaitForEvent(0, 0), S_OK);
+    EXPECT_EQ(control_->WaitForEvent(0, 0), E_UNEXPECTED);
+    EXPECT_EQ(control_->GetStackTrace(0, 1, 0, frames_, 4, &filled_), E_NOTIMPL);
+    EXPECT_EQ(control_->OutputStackTrace(0, nullptr, 1, 0), E_INVALIDARG);
+    EXPECT_EQ(control_->OutputStackTrace(0, frames_, 1, 0), S_OK); /* without callbacks */
+    EXPECT_EQ(client_->EndSession(DEBUG_END_PASSIVE), S_OK);
+    EXPECT_EQ(control_->GetStackTrace(0, 0, 0, frames_, 4, &filled_), E_UNEXPECTED);
+    EXPECT_EQ(client_->OpenDumpFileWide(path_.c_str(), 0), S_OK);
     /* The file is not kept open: a clean-up may delete it during the analysis. */
-    EXPECT_TRUE(DeleteFileW(m_path.c_str())) << GetLastError();
+    EXPECT_TRUE(DeleteFileW(path_.c_str())) << GetLastError();
 }
 
 TEST_F(engine, test_interfaces)
@@ -89,29 +89,29 @@ TEST_F(engine, test_interfaces)
     };
 
     for (const auto &row : rows) {
-        IUnknown *made = (IUnknown *)1;
+        IUnknown *made = reinterpret_cast<IUnknown *>(1);
 
-        EXPECT_EQ(m_create(*row.iid, (void **)&made), row.result) << &row - rows;
-        EXPECT_EQ(made != NULL, row.result == S_OK) << &row - rows;
-        EXPECT_EQ(made != NULL ? made->Release() : 0u, 0u) << &row - rows;
+        EXPECT_EQ(create_(*row.iid, reinterpret_cast<void **>(&made)), row.result) << &row - rows;
+        EXPECT_EQ(made != nullptr, row.result == S_OK) << &row - rows;
+        EXPECT_EQ(made != nullptr ? made->Release() : 0u, 0u) << &row - rows;
     }
-    EXPECT_EQ(m_create(IID_IDebugClient, NULL), E_INVALIDARG);
+    EXPECT_EQ(create_(IID_IDebugClient, nullptr), E_INVALIDARG);
 }
 
 /* Client and control are interfaces of one object; the callbacks have a reference count of their
  * own. */
 TEST_F(engine, test_references)
 {
-    IUnknown *of_client = NULL;
-    IUnknown *of_control = NULL;
+    IUnknown *of_client = nullptr;
+    IUnknown *of_control = nullptr;
     collector first, second;
 
-    ASSERT_EQ(m_client->QueryInterface(IID_IUnknown, (void **)&of_client), S_OK);
-    ASSERT_EQ(m_control->QueryInterface(IID_IUnknown, (void **)&of_control), S_OK);
+    ASSERT_EQ(client_->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&of_client)), S_OK);
+    ASSERT_EQ(control_->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&of_control)), S_OK);
     EXPECT_EQ(of_client, of_control);
-    EXPECT_EQ(m_client->SetOutputCallbacks(&first), S_OK);
-    EXPECT_EQ(m_client->SetOutputCallbacks(&second), S_OK);
-    EXPECT_EQ(m_client->SetOutputCallbacks(&second), S_OK);
+    EXPECT_EQ(client_->SetOutputCallbacks(&first), S_OK);
+    EXPECT_EQ(client_->SetOutputCallbacks(&second), S_OK);
+    EXPECT_EQ(client_->SetOutputCallbacks(&second), S_OK);
     EXPECT_EQ(first.references, 1u);
     EXPECT_EQ(second.references, 2u);
     EXPECT_EQ(held(), "1 objects, 4 references, 1 callbacks");
@@ -131,14 +131,14 @@ struct script_calls {
 static HRESULT map_path(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)
 {
     EXPECT_STREQ(path, DUMP);
-    wcsncpy(mapped, ((script_calls *)user)->mapped_to.c_str(), chars - 1);
+    wcsncpy(mapped, static_cast<script_calls *>(user)->mapped_to.c_str(), chars - 1);
     return S_OK;
 }
 
 static void note_refusal(const wchar_t *path, HRESULT, const char *reason, void *user)
 {
-    ((script_calls *)user)->refused_path = path;
-    ((script_calls *)user)->reason = reason;
+    static_cast<script_calls *>(user)->refused_path = path;
+    static_cast<script_calls *>(user)->reason = reason;
 }
 
 /* A scripted stack is copied, found case-insensitively and output line by line. Nothing of the
@@ -148,21 +148,22 @@ TEST_F(engine, test_scripted_stack)
     std::string text = "before!it\nnt!A+0x1\n\nlast line";
     const std::string expected = text;
     const struct engine_script_stack stack = {DUMP, text.c_str()};
-    const struct engine_script script = {sizeof script, NULL, 0, &stack, 1, NULL, NULL, NULL};
+    const struct engine_script script = {sizeof script, nullptr, 0,      &stack, 1,
+                                         nullptr,       nullptr, nullptr};
     collector before, output;
 
-    ASSERT_EQ(m_set(&script), S_OK);
+    ASSERT_EQ(set_(&script), S_OK);
     text.assign(text.size(), 'x');
-    EXPECT_EQ(play(m_path.c_str(), 0, 99, &before), S_OK);
+    EXPECT_EQ(play(path_.c_str(), 0, 99, &before), S_OK);
     EXPECT_EQ(play(L"c:\\WINDOWS\\Memory.dmp", STACK_FLAGS, 99, &output), S_OK);
     EXPECT_EQ(output.text, expected);
     EXPECT_EQ(output.pieces, 4);
-    EXPECT_EQ(m_filled, 1u);
-    EXPECT_EQ(m_frames[0].InstructionOffset, 0u);
+    EXPECT_EQ(filled_, 1u);
+    EXPECT_EQ(frames_[0].InstructionOffset, 0u);
     EXPECT_EQ(play(L"C:\\Windows\\MEMORY.DM", STACK_FLAGS, 99, &output),
               HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(play(m_path.c_str(), 0, 99, &before), S_OK);
-    EXPECT_EQ(m_filled, 3u);
+    EXPECT_EQ(play(path_.c_str(), 0, 99, &before), S_OK);
+    EXPECT_EQ(filled_, 3u);
 }
 
 /* offset in the dump, value, bytes of the file, error, part of the reason */
@@ -185,12 +186,12 @@ static const struct refusal_row {
 
 TEST_F(engine, test_rejected_dumps)
 {
-    script_calls calls = {m_path, L"", ""};
-    const struct engine_script script = {sizeof script, NULL,         0,     NULL, 0,
+    script_calls calls = {path_, L"", ""};
+    const struct engine_script script = {sizeof script, nullptr,      0,     nullptr, 0,
                                          map_path,      note_refusal, &calls};
     collector output;
 
-    ASSERT_EQ(m_set(&script), S_OK);
+    ASSERT_EQ(set_(&script), S_OK);
     EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), S_OK);
     EXPECT_EQ(calls.reason, "");
     output.text.clear();
@@ -204,7 +205,7 @@ TEST_F(engine, test_rejected_dumps)
         EXPECT_EQ(calls.refused_path, DUMP) << row.reason;
         EXPECT_NE(calls.reason.find(row.reason), std::string::npos) << calls.reason;
     }
-    DeleteFileW(m_path.c_str());
+    DeleteFileW(path_.c_str());
     EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(calls.reason, "the file cannot be read: error 2");
     EXPECT_EQ(output.text, "");
@@ -218,23 +219,23 @@ TEST_F(engine, test_rejected_scripts)
     const struct engine_script_fault fails = {"SetOutputCallbacks", E_FAIL};
     const struct engine_script_fault unknown = {"WaitForEvents", E_FAIL};
     const struct engine_script_fault success = {"WaitForEvent", S_OK};
-    const struct engine_script_stack no_text = {DUMP, NULL};
-    const struct engine_script good = {size, &fails, 1, NULL, 0, NULL, NULL, NULL};
+    const struct engine_script_stack no_text = {DUMP, nullptr};
+    const struct engine_script good = {size, &fails, 1, nullptr, 0, nullptr, nullptr, nullptr};
     const struct engine_script bad[] = {
-        {size - 8, NULL,     0, NULL,     0, NULL, NULL, NULL},
-        {size,     NULL,     1, NULL,     0, NULL, NULL, NULL},
-        {size,     &unknown, 1, NULL,     0, NULL, NULL, NULL},
-        {size,     &success, 1, NULL,     0, NULL, NULL, NULL},
-        {size,     NULL,     0, NULL,     1, NULL, NULL, NULL},
-        {size,     NULL,     0, &no_text, 1, NULL, NULL, NULL},
+        {size - 8, nullptr,  0, nullptr,  0, nullptr, nullptr, nullptr},
+        {size,     nullptr,  1, nullptr,  0, nullptr, nullptr, nullptr},
+        {size,     &unknown, 1, nullptr,  0, nullptr, nullptr, nullptr},
+        {size,     &success, 1, nullptr,  0, nullptr, nullptr, nullptr},
+        {size,     nullptr,  0, nullptr,  1, nullptr, nullptr, nullptr},
+        {size,     nullptr,  0, &no_text, 1, nullptr, nullptr, nullptr},
     };
     collector output;
 
-    ASSERT_EQ(m_client->SetOutputCallbacks(&output), S_OK);
-    ASSERT_EQ(m_set(&good), S_OK);
+    ASSERT_EQ(client_->SetOutputCallbacks(&output), S_OK);
+    ASSERT_EQ(set_(&good), S_OK);
     for (const engine_script &script : bad)
-        EXPECT_EQ(m_set(&script), E_INVALIDARG) << &script - bad;
-    EXPECT_EQ(m_client->SetOutputCallbacks(&output), E_FAIL);
-    EXPECT_EQ(m_client->SetOutputCallbacks(NULL), S_OK);
+        EXPECT_EQ(set_(&script), E_INVALIDARG) << &script - bad;
+    EXPECT_EQ(client_->SetOutputCallbacks(&output), E_FAIL);
+    EXPECT_EQ(client_->SetOutputCallbacks(nullptr), S_OK);
     EXPECT_EQ(output.references, 1u);
 }

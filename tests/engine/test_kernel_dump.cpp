@@ -7,16 +7,16 @@
 #include <gtest/gtest.h>
 
 /* Addresses in the model's modules. */
-#define NT_BASE  0xFFFFF80000000000ull
-#define ONE_BASE 0xFFFFF80100000000ull
-#define TWO_BASE 0xFFFFF80100010000ull
-#define TWO_END  0xFFFFF80100018000ull
-#define NT       (NT_BASE + 0x107)
-#define ONE      (ONE_BASE + 0x2A)
-#define TWO      (TWO_BASE + 1)
-#define INNER    (ONE_BASE + 0x100) /* a module inside another one */
+static constexpr uint64_t NT_BASE = 0xFFFFF80000000000ull;
+static constexpr uint64_t ONE_BASE = 0xFFFFF80100000000ull;
+static constexpr uint64_t TWO_BASE = 0xFFFFF80100010000ull;
+static constexpr uint64_t TWO_END = 0xFFFFF80100018000ull;
+static constexpr uint64_t NT = NT_BASE + 0x107;
+static constexpr uint64_t ONE = ONE_BASE + 0x2A;
+static constexpr uint64_t TWO = TWO_BASE + 1;
+static constexpr uint64_t INNER = ONE_BASE + 0x100; /* a module inside another one */
 
-#define ROOM     0x10000ull
+static constexpr uint64_t ROOM = 0x10000ull;
 
 struct outcome {
     kernel_dump dump;
@@ -27,10 +27,10 @@ struct outcome {
 /* Reads a dump whose bytes end at an inaccessible page: an access after them ends the program. */
 static outcome read(const std::vector<uint8_t> &bytes)
 {
-    static uint8_t *const s_end =
-        (uint8_t *)VirtualAlloc(VirtualAlloc(NULL, 2 * ROOM, MEM_RESERVE, PAGE_NOACCESS), ROOM,
-                                MEM_COMMIT, PAGE_READWRITE) +
-        ROOM;
+    static uint8_t *const s_end = static_cast<uint8_t *>(VirtualAlloc(
+                                      VirtualAlloc(nullptr, 2 * ROOM, MEM_RESERVE, PAGE_NOACCESS),
+                                      ROOM, MEM_COMMIT, PAGE_READWRITE)) +
+                                  ROOM;
     outcome made;
 
     std::copy(bytes.begin(), bytes.end(), s_end - bytes.size());
@@ -94,7 +94,7 @@ TEST(kernel_dump, test_walk)
 
         model.modules.push_back({u"in.sys", INNER, 0xFF00});
         model.rip = row.rip;
-        model.rsp = model.stack_start + (uint64_t)row.rsp;
+        model.rsp = model.stack_start + static_cast<uint64_t>(row.rsp);
         model.stack = row.stack;
         model.stack_cut = row.cut;
         EXPECT_EQ(call_sites(read(model), row.limit), row.sites) << row.row;
@@ -171,11 +171,11 @@ TEST(kernel_dump, test_kernel_by_address)
 
 /* Offsets in the default model's dump: names and a base in the list of modules; and the file
  * size. */
-#define NAME_0 (DUMP_STACK + 64)
-#define NAME_1 (NAME_0 + 0x90)
-#define NAME_2 (NAME_1 + 0x90)
-#define BASE_1 (NAME_1 + 0x38)
-#define SIZE   0x2336
+static constexpr size_t NAME_0 = DUMP_STACK + 64;
+static constexpr size_t NAME_1 = NAME_0 + 0x90;
+static constexpr size_t NAME_2 = NAME_1 + 0x90;
+static constexpr size_t BASE_1 = NAME_1 + 0x38;
+static constexpr uint64_t FILE_BYTES = 0x2336;
 
 /* offset in the file, value, its bytes, result, part of the reason */
 static const struct refused_row {
@@ -186,27 +186,27 @@ static const struct refused_row {
     enum kernel_dump_error error;
     const char *reason;
 } s_refused_rows[] = {
-    {"unknown kind",    DUMP_KIND,           3,             4, KERNEL_DUMP_KIND,       "unknown"    },
-    {"no context",      DUMP_CONTEXT_AT,     0,             4, KERNEL_DUMP_NO_CONTEXT, "contains no"},
-    {"no Rip in it",    DUMP_CONTEXT + 0x30, 0x100002,      4, KERNEL_DUMP_NO_CONTEXT, "0x100002"   },
-    {"context cut",     DUMP_CONTEXT_AT,     SIZE - 0x4CF,  4, KERNEL_DUMP_DAMAGED,    "context"    },
-    {"mark runs out",   DUMP_VALID,          SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "mark"       },
-    {"mark missing",    SIZE - 4,            'X',           1, KERNEL_DUMP_DAMAGED,    "mark"       },
-    {"says longer",     DUMP_SIZE,           SIZE + 1,      4, KERNEL_DUMP_CUT_OFF,    "truncated"  },
-    {"stack runs out",  DUMP_STACK_AT,       SIZE - 63,     4, KERNEL_DUMP_DAMAGED,    "stack"      },
-    {"stack wraps",     DUMP_STACK_START,    0 - 63ull,     8, KERNEL_DUMP_DAMAGED,    "space"      },
-    {"count wraps",     DUMP_DRIVER_COUNT,   29826162,      4, KERNEL_DUMP_DAMAGED,    "29826162"   },
-    {"name outside",    NAME_0,              UINT32_MAX,    4, KERNEL_DUMP_DAMAGED,    "module 0"   },
-    {"length runs out", NAME_1,              SIZE - 3,      4, KERNEL_DUMP_DAMAGED,    "module 1"   },
-    {"name runs out",   NAME_2,              SIZE - 4,      4, KERNEL_DUMP_DAMAGED,    "module 2"   },
-    {"module wraps",    BASE_1,              0 - 0xFFFFull, 8, KERNEL_DUMP_DAMAGED,    "space"      },
+    {"unknown kind",    DUMP_KIND,           3,                  4, KERNEL_DUMP_KIND,       "unknown"    },
+    {"no context",      DUMP_CONTEXT_AT,     0,                  4, KERNEL_DUMP_NO_CONTEXT, "contains no"},
+    {"no Rip in it",    DUMP_CONTEXT + 0x30, 0x100002,           4, KERNEL_DUMP_NO_CONTEXT, "0x100002"   },
+    {"context cut",     DUMP_CONTEXT_AT,     FILE_BYTES - 0x4CF, 4, KERNEL_DUMP_DAMAGED,    "context"    },
+    {"mark runs out",   DUMP_VALID,          FILE_BYTES - 3,     4, KERNEL_DUMP_DAMAGED,    "mark"       },
+    {"mark missing",    FILE_BYTES - 4,      'X',                1, KERNEL_DUMP_DAMAGED,    "mark"       },
+    {"says longer",     DUMP_SIZE,           FILE_BYTES + 1,     4, KERNEL_DUMP_CUT_OFF,    "truncated"  },
+    {"stack runs out",  DUMP_STACK_AT,       FILE_BYTES - 63,    4, KERNEL_DUMP_DAMAGED,    "stack"      },
+    {"stack wraps",     DUMP_STACK_START,    0 - 63ull,          8, KERNEL_DUMP_DAMAGED,    "space"      },
+    {"count wraps",     DUMP_DRIVER_COUNT,   29826162,           4, KERNEL_DUMP_DAMAGED,    "29826162"   },
+    {"name outside",    NAME_0,              UINT32_MAX,         4, KERNEL_DUMP_DAMAGED,    "module 0"   },
+    {"length runs out", NAME_1,              FILE_BYTES - 3,     4, KERNEL_DUMP_DAMAGED,    "module 1"   },
+    {"name runs out",   NAME_2,              FILE_BYTES - 4,     4, KERNEL_DUMP_DAMAGED,    "module 2"   },
+    {"module wraps",    BASE_1,              0 - 0xFFFFull,      8, KERNEL_DUMP_DAMAGED,    "space"      },
 };
 
 TEST(kernel_dump, test_rejected)
 {
     const std::vector<uint8_t> whole = dump_build(dump_model());
 
-    ASSERT_EQ(whole.size(), (size_t)SIZE);
+    ASSERT_EQ(whole.size(), FILE_BYTES);
     for (const refused_row &row : s_refused_rows) {
         std::vector<uint8_t> bytes = whole;
 
@@ -228,7 +228,8 @@ TEST(kernel_dump, test_truncated_anywhere)
         std::vector<uint8_t> part = whole;
 
         part.resize(size);
-        ASSERT_EQ(read(part).error, size < SIZE ? KERNEL_DUMP_CUT_OFF : KERNEL_DUMP_OK) << size;
+        ASSERT_EQ(read(part).error, size < FILE_BYTES ? KERNEL_DUMP_CUT_OFF : KERNEL_DUMP_OK)
+            << size;
     }
     EXPECT_EQ(read(std::vector<uint8_t>({'M', 'D', 'M', 'P'})).error, KERNEL_DUMP_USER_MODE);
 }

@@ -8,8 +8,8 @@
 
 #include <winioctl.h>
 
-#define TWO_BASE 0xFFFFF80100010000ull
-#define SPAN     0x1000ull
+static constexpr uint64_t TWO_BASE = 0xFFFFF80100010000ull;
+static constexpr uint64_t SPAN = 0x1000ull;
 
 static const struct kind_row {
     const char *row;
@@ -103,17 +103,17 @@ TEST(memory_dump, test_same_result_as_small_dump)
 }
 
 /* Abbreviations for the rows: virtual addresses of the machine, and levels of its page tables. */
-#define HEAD        0xFFFFF80000200000ull
-#define ENTRY(i)    memory_model::entry_of(i)
-#define TEXTS(i)    memory_model::text_of(i)
-#define STACK       0xFFFF850000001000ull
-#define STACK_2     (STACK + SPAN)
-#define PAGE        0
-#define PT          12
-#define PD          21
-#define PDPT        30
-#define PML4        39
-#define ALL         "nt one two"
+static constexpr uint64_t HEAD = 0xFFFFF80000200000ull;
+#define ENTRY(i) memory_model::entry_of(i)
+#define TEXTS(i) memory_model::text_of(i)
+static constexpr uint64_t STACK = 0xFFFF850000001000ull;
+static constexpr uint64_t STACK_2 = STACK + SPAN;
+static constexpr int PAGE = 0;
+static constexpr int PT = 12;
+static constexpr int PD = 21;
+static constexpr int PDPT = 30;
+static constexpr int PML4 = 39;
+static constexpr char ALL[] = "nt one two";
 #define RIP         "one+0x1234"
 #define REST        " two+0x1 nt+0x107 two+0x22"
 #define ADDRESS     "0xfffff801`00001234"
@@ -125,10 +125,10 @@ TEST(memory_dump, test_same_result_as_small_dump)
 #define BASE(i)     (ENTRY(i) + MEMORY_BASE)
 #define NAME(i)     (ENTRY(i) + MEMORY_NAME)
 #define FROM(n, m)  #n " are read from its start and " #m " from its end: "
-#define TRANSITION  MEMORY_TRANSITION
-#define PROTOTYPE   MEMORY_PROTOTYPE
-#define UNNAMED     "the names of 3 modules cannot be read"
-#define UNKNOWN     "nt " NAMELESS " Unknown_Module_fffff801`00010000"
+static constexpr DWORD TRANSITION = MEMORY_TRANSITION;
+static constexpr DWORD PROTOTYPE = MEMORY_PROTOTYPE;
+static constexpr char UNNAMED[] = "the names of 3 modules cannot be read";
+#define UNKNOWN "nt " NAMELESS " Unknown_Module_fffff801`00010000"
 
 enum edit {
     DROP,    /* omits the page of the address, or the table with its entry of a level */
@@ -146,12 +146,12 @@ static const struct memory_row {
     const char *names, *sites, *told, *also;
 } s_memory_rows[] = {
   /* clang-format off */
-    {"head",            DROP, HEAD,     0, PAGE, NULL,      NULL,                    "page is not",        ""},
-    {"head's table",    DROP, HEAD,     0, PT,   NULL,      NULL,                    "table is not",       ""},
-    {"its directory",   DROP, HEAD,     0, PD,   NULL,      NULL,                    "table is not",       ""},
-    {"directories",     DROP, HEAD,     0, PDPT, NULL,      NULL,                    "table is not",       ""},
-    {"topmost table",   DROP, HEAD,     0, PML4, NULL,      NULL,                    "table is not",       ""},
-    {"all entries",     DROP, ENTRY(0), 0, PT,   NULL,      NULL,                    "table is not",       ""},
+    {"head",            DROP, HEAD,     0, PAGE, nullptr,      nullptr,                    "page is not",        ""},
+    {"head's table",    DROP, HEAD,     0, PT,   nullptr,      nullptr,                    "table is not",       ""},
+    {"its directory",   DROP, HEAD,     0, PD,   nullptr,      nullptr,                    "table is not",       ""},
+    {"directories",     DROP, HEAD,     0, PDPT, nullptr,      nullptr,                    "table is not",       ""},
+    {"topmost table",   DROP, HEAD,     0, PML4, nullptr,      nullptr,                    "table is not",       ""},
+    {"all entries",     DROP, ENTRY(0), 0, PT,   nullptr,      nullptr,                    "table is not",       ""},
     {"first entry",     DROP, ENTRY(0), 0, PAGE, "one two", RIP " two+0x1 two+0x22", ", 0 are",            ""},
     {"second entry",    DROP, ENTRY(1), 0, PAGE, "nt two",  ADDRESS REST,            ", 1 are",            ""},
     {"last entry",      DROP, ENTRY(2), 0, PAGE, "nt one",  RIP " nt+0x107",         ", 2 are",            ""},
@@ -163,22 +163,22 @@ static const struct memory_row {
     {"present and transition",  ENTRIES, 0, MEMORY_PRESENT | 0xC00,              PT, ALL,     s_sites, "",      ""},
     {"ignored bits",            ENTRIES, 0, MEMORY_PRESENT | 0xFFF0000000000F7E, PT, ALL,     s_sites, "",      ""},
     {"transition",              ENTRIES, 0, TRANSITION,                          PT, ALL,     s_sites, "",      ""},
-    {"prototype",               ENTRIES, 0, PROTOTYPE,                           PT, UNKNOWN, NULL,    UNNAMED, ""},
-    {"transition, prototype",   ENTRIES, 0, TRANSITION | PROTOTYPE,              PT, UNKNOWN, NULL,    UNNAMED, ""},
-    {"neither",                 ENTRIES, 0, 0,                                   PT, UNKNOWN, NULL,    UNNAMED, ""},
-    {"transition, hidden",      ENTRIES, 0, TRANSITION | 1ull << 45,             PT, UNKNOWN, NULL,    UNNAMED, ""},
-    {"directory in transition", ENTRIES, 0, TRANSITION,                          PD, UNKNOWN, NULL,    UNNAMED, ""},
-    {"table as a large page",   ENTRIES, 0, MEMORY_PRESENT | MEMORY_LARGE,       PD, UNKNOWN, NULL,    UNNAMED, ""},
-    {"next is itself",  PUT, NEXT(1),                ENTRY(1),             8, ALL,      NULL,    FROM(2, 1), "point back"},
-    {"last to first",   PUT, NEXT(2),                ENTRY(0),             8, ALL,      NULL,    FROM(3, 0), "point back"},
-    {"past one",        PUT, NEXT(0),                ENTRY(2),             8, ALL,      NULL,    FROM(1, 2), "point back"},
-    {"back to itself",  PUT, PREVIOUS(1),            ENTRY(1),             8, ALL,      NULL,    FROM(1, 2), "point back"},
-    {"next is nowhere", PUT, NEXT(0),                0,                    8, ALL,      NULL,    FROM(1, 2), "not mapped"},
-    {"no address",      PUT, NEXT(0),                ENTRY(1) << 16 >> 16, 8, ALL,      NULL,    FROM(1, 2), "not mapped"},
-    {"next wraps",      PUT, NEXT(0),                UINT64_MAX - 7,       8, ALL,      NULL,    FROM(1, 2), "not mapped"},
-    {"head to itself",  PUT, HEAD + MEMORY_NEXT,     HEAD,                 8, ALL,      NULL,    FROM(0, 3), "point back"},
-    {"head to first",   PUT, HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, ALL,      NULL,    FROM(3, 0), "point back"},
-    {"image wraps",     PUT, BASE(1),                UINT64_MAX - 0xFFFE,  8, "nt two", NULL,    FROM(1, 1), "does not fit"},
+    {"prototype",               ENTRIES, 0, PROTOTYPE,                           PT, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"transition, prototype",   ENTRIES, 0, TRANSITION | PROTOTYPE,              PT, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"neither",                 ENTRIES, 0, 0,                                   PT, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"transition, hidden",      ENTRIES, 0, TRANSITION | 1ull << 45,             PT, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"directory in transition", ENTRIES, 0, TRANSITION,                          PD, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"table as a large page",   ENTRIES, 0, MEMORY_PRESENT | MEMORY_LARGE,       PD, UNKNOWN, nullptr,    UNNAMED, ""},
+    {"next is itself",  PUT, NEXT(1),                ENTRY(1),             8, ALL,      nullptr,    FROM(2, 1), "point back"},
+    {"last to first",   PUT, NEXT(2),                ENTRY(0),             8, ALL,      nullptr,    FROM(3, 0), "point back"},
+    {"past one",        PUT, NEXT(0),                ENTRY(2),             8, ALL,      nullptr,    FROM(1, 2), "point back"},
+    {"back to itself",  PUT, PREVIOUS(1),            ENTRY(1),             8, ALL,      nullptr,    FROM(1, 2), "point back"},
+    {"next is nowhere", PUT, NEXT(0),                0,                    8, ALL,      nullptr,    FROM(1, 2), "not mapped"},
+    {"no address",      PUT, NEXT(0),                ENTRY(1) << 16 >> 16, 8, ALL,      nullptr,    FROM(1, 2), "not mapped"},
+    {"next wraps",      PUT, NEXT(0),                UINT64_MAX - 7,       8, ALL,      nullptr,    FROM(1, 2), "not mapped"},
+    {"head to itself",  PUT, HEAD + MEMORY_NEXT,     HEAD,                 8, ALL,      nullptr,    FROM(0, 3), "point back"},
+    {"head to first",   PUT, HEAD + MEMORY_PREVIOUS, ENTRY(0),             8, ALL,      nullptr,    FROM(3, 0), "point back"},
+    {"image wraps",     PUT, BASE(1),                UINT64_MAX - 0xFFFE,  8, "nt two", nullptr,    FROM(1, 1), "does not fit"},
     {"no name",         PUT, NAME(1),                0,                    2, ALL,      s_sites, "",         ""},
     {"odd name",        PUT, NAME(1),                3,                    2, ALL,      s_sites, "",         ""},
     {"beyond capacity", PUT, NAME(1),                0x20004,              4, ALL,      s_sites, "",         ""},
@@ -212,12 +212,12 @@ TEST(memory_dump, test_changed_memory)
             change(row, &memory);
             const reading made = read(memory.build(kind.kind, kind.layout));
 
-            EXPECT_EQ(made.error, row.names != NULL ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
+            EXPECT_EQ(made.error, row.names != nullptr ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
             EXPECT_TRUE(tells(made, row.told) && (row.also[0] == '\0' || tells(made, row.also)))
                 << made.told;
             EXPECT_LE(made.dump.gaps.size(), 1u) << made.told;
-            EXPECT_EQ(made.names, row.names != NULL ? row.names : "");
-            if (row.sites != NULL) {
+            EXPECT_EQ(made.names, row.names != nullptr ? row.names : "");
+            if (row.sites != nullptr) {
                 EXPECT_EQ(made.sites, row.sites);
             }
         }
@@ -303,22 +303,22 @@ TEST(memory_dump, test_stack)
     }
 }
 
-#define RUNS_1   1, MEMORY_RUNS
-#define FDMP_5   5, MEMORY_FDMP
-#define SDMP_6   6, MEMORY_SDMP
-#define COUNT    MEMORY_RUN_COUNT
-#define PAGES    MEMORY_RUN_PAGES
-#define RUN_0    MEMORY_RUN_FIRST
-#define RUN_1    (MEMORY_RUN_FIRST + 16)
-#define FIRST    MEMORY_FIRST_PAGE
-#define BITS     MEMORY_BITMAP_BITS
-#define PRESENT  MEMORY_BITMAP_PRESENT
-#define BITMAP   MEMORY_BITMAP
-#define MARK     (MEMORY_BITMAP + 4)
-#define FLAGS    (DUMP_CONTEXT + 0x30)
-#define TABLES   0x10
-#define LIST     0x20
-#define TWO_40   0x10000000000ull
+#define RUNS_1 1, MEMORY_RUNS
+#define FDMP_5 5, MEMORY_FDMP
+#define SDMP_6 6, MEMORY_SDMP
+static constexpr size_t COUNT = MEMORY_RUN_COUNT;
+static constexpr size_t PAGES = MEMORY_RUN_PAGES;
+static constexpr size_t RUN_0 = MEMORY_RUN_FIRST;
+static constexpr size_t RUN_1 = MEMORY_RUN_FIRST + 16;
+static constexpr size_t FIRST = MEMORY_FIRST_PAGE;
+static constexpr size_t BITS = MEMORY_BITMAP_BITS;
+static constexpr size_t PRESENT = MEMORY_BITMAP_PRESENT;
+static constexpr size_t BITMAP_AT = MEMORY_BITMAP;
+static constexpr size_t MARK = MEMORY_BITMAP + 4;
+static constexpr size_t FLAGS = DUMP_CONTEXT + 0x30;
+static constexpr int TABLES = 0x10;
+static constexpr int LIST = 0x20;
+static constexpr uint64_t TWO_40 = 0x10000000000ull;
 #define DAMAGED  KERNEL_DUMP_DAMAGED
 #define CUT_OFF  KERNEL_DUMP_CUT_OFF
 #define NOT_CTX  KERNEL_DUMP_NO_CONTEXT
@@ -346,7 +346,7 @@ static const struct refused_memory_row {
     {"run ends too far",  RUNS_1, RUN_0 + 8,   0xFFFFFFFF01, 8, DAMAGED,  "run 0"                },
     {"runs overlap",      RUNS_1, RUN_1,       0x102,        8, DAMAGED,  "run 1"                },
     {"runs for a bitmap", RUNS_1, DUMP_KIND,   5,            4, DAMAGED,  "bitmap is missing"    },
-    {"no bitmap",         FDMP_5, BITMAP,      'X',          1, DAMAGED,  "bitmap is missing"    },
+    {"no bitmap",         FDMP_5, BITMAP_AT,   'X',          1, DAMAGED,  "bitmap is missing"    },
     {"not finished",      SDMP_6, MARK,        'X',          1, DAMAGED,  "bitmap is missing"    },
     {"bitmap for runs",   SDMP_6, DUMP_KIND,   1,            4, DAMAGED,  "hold 0 runs"          },
     {"pages in bitmap",   SDMP_6, FIRST,       MEMORY_BITS,  8, DAMAGED,  "reaches into"         },
@@ -395,7 +395,8 @@ TEST(memory_dump, test_truncated_anywhere)
 
         for (size_t size = 8; size < bytes.size(); size += size < 0x2100 ? 1 : 61) {
             SCOPED_TRACE(testing::Message() << row.row << size);
-            const reading made = read({bytes.begin(), bytes.begin() + (ptrdiff_t)size});
+            const reading made =
+                read({bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)});
 
             ASSERT_EQ(made.error, made.dump.modules.empty() ? KERNEL_DUMP_CUT_OFF : KERNEL_DUMP_OK);
             if (made.error != KERNEL_DUMP_OK)
@@ -436,8 +437,8 @@ TEST_F(engine_test, test_incomplete_dump)
     memory.drop(memory.physical(STACK_2));
     write(memory.build(6, MEMORY_SDMP));
     create();
-    EXPECT_EQ(play(m_path.c_str(), STACK_FLAGS, 99, &output), S_OK);
-    EXPECT_EQ(m_filled, 3u);
+    EXPECT_EQ(play(path_.c_str(), STACK_FLAGS, 99, &output), S_OK);
+    EXPECT_EQ(filled_, 3u);
     EXPECT_EQ(output.text,
               "The dump is incomplete: the stack from 0xffff850000001000 is incomplete, 4096 bytes "
               "are read: the page is not in the dump.\n"
@@ -452,7 +453,7 @@ TEST_F(engine_test, test_dump_of_several_gib)
     const memory_model memory(machine());
     std::vector<uint8_t> begin = memory.build(5, MEMORY_FDMP);
     const uint64_t first = memory.place_in_file(memory.pages()[0] * SPAN, MEMORY_FDMP);
-    const std::vector<uint8_t> pages(begin.begin() + (ptrdiff_t)first, begin.end());
+    const std::vector<uint8_t> pages(begin.begin() + static_cast<ptrdiff_t>(first), begin.end());
     collector output;
     LARGE_INTEGER place = {};
     DWORD written = 0;
@@ -460,16 +461,16 @@ TEST_F(engine_test, test_dump_of_several_gib)
     begin.resize(first);
     dump_put(&begin, MEMORY_FIRST_PAGE, far_out, 8);
     write(begin);
-    HANDLE file = CreateFileW(m_path.c_str(), GENERIC_WRITE, 0, NULL, OPEN_EXISTING, 0, NULL);
+    HANDLE file = CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
 
     ASSERT_NE(file, INVALID_HANDLE_VALUE) << GetLastError();
     /* If this fails, files are sparse by default, or the test uses the space temporarily. */
-    (void)DeviceIoControl(file, FSCTL_SET_SPARSE, NULL, 0, NULL, 0, &written, NULL);
-    place.QuadPart = (LONGLONG)far_out;
-    EXPECT_TRUE(SetFilePointerEx(file, place, NULL, FILE_BEGIN)) << GetLastError();
-    EXPECT_TRUE(WriteFile(file, pages.data(), (DWORD)pages.size(), &written, NULL));
+    (void)DeviceIoControl(file, FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &written, nullptr);
+    place.QuadPart = static_cast<LONGLONG>(far_out);
+    EXPECT_TRUE(SetFilePointerEx(file, place, nullptr, FILE_BEGIN)) << GetLastError();
+    EXPECT_TRUE(WriteFile(file, pages.data(), static_cast<DWORD>(pages.size()), &written, nullptr));
     CloseHandle(file);
     create();
-    EXPECT_EQ(play(m_path.c_str(), 0, 99, &output), S_OK);
+    EXPECT_EQ(play(path_.c_str(), 0, 99, &output), S_OK);
     EXPECT_EQ(output.text, "one+0x1234\n" UNWIND_NOTE "two+0x1\nnt+0x107\ntwo+0x22\n");
 }

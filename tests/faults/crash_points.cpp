@@ -13,7 +13,7 @@
  */
 #include "crash_points.h"
 
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <algorithm>
@@ -38,10 +38,10 @@
 #include "file_operations.h"
 #include "harness/watch.h"
 
-#define HANG_SECONDS     120
-#define SLICE_MS         1000u
-#define RESTART_MS       5000u
-#define EXIT_CRASH_POINT 99
+static constexpr int HANG_SECONDS = 120;
+static constexpr uint32_t SLICE_MS = 1000u;
+static constexpr uint32_t RESTART_MS = 5000u;
+static constexpr int EXIT_CRASH_POINT = 99;
 
 [[noreturn]] static void end_process(void)
 {
@@ -184,7 +184,7 @@ static std::string play_all_boots(const struct scenario &scenario, const std::st
 
     file_operations.count = 0;
     play_open(scenario, {folder, plugin_path, false, true});
-    oxnih_log_set_sink(NULL, NULL);
+    oxnih_log_set_sink(nullptr, nullptr);
     while (play_begin_boot()) {
         while (timeline_now_ms() < play_boot_end_ms()) {
             if (ended) {
@@ -278,7 +278,7 @@ static void crash_at(crash_point_run &run, uint64_t at, bool torn)
     watch_try("./dev crashpoints " + run.scenario.file + " --parts 1 --from " + std::to_string(at),
               at);
     unsigned status = jobs_run_process(arguments, &output);
-    file_operations = {0, at, torn, end_agent, NULL, ""};
+    file_operations = {0, at, torn, end_agent, nullptr, ""};
     run.points++;
     if (status != EXIT_CRASH_POINT)
         violation(run, text_format("the process ended with status %u", status));
@@ -311,7 +311,7 @@ static int run_dead(const struct scenario &scenario, const struct crash_point_op
 {
     moment nowhere = {};
 
-    file_operations = {0, options.at, options.torn, end_process, NULL, ""};
+    file_operations = {0, options.at, options.torn, end_process, nullptr, ""};
     (void)play_all_boots(scenario, options.job.plugin_path, options.keep, ENDS_AT_OPERATION,
                          &nowhere);
     return EXIT_EXPECTATION_FAILED; /* there is no such operation */

@@ -3,7 +3,7 @@
 #ifndef CRASH_POINTS_H
 #define CRASH_POINTS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

@@ -8,10 +8,10 @@
 #include "base/text.h"
 
 /* Calls of a name that fail with each of their errors; the later ones take one error in turn. */
-#define ALL_ERRORS_CALLS 2u
+static constexpr uint32_t ALL_ERRORS_CALLS = 2u;
 /* So many calls of a name in a boot fail each; later ones repeat the polls of a driver or of ten
  * days. */
-#define FIRST_CALLS 128u
+static constexpr uint32_t FIRST_CALLS = 128u;
 
 static const struct {
     const char *call;
@@ -88,7 +88,7 @@ void failure_arm(const failure *failure)
 {
     s_allocations_before = allocations();
     product_disturb(0, false, 0);
-    if (failure == NULL)
+    if (failure == nullptr)
         return;
     switch (failure->kind) {
     case FAILS_ALLOCATION: oxnih_memory_fail(failure->nth, failure->persistent); break;
@@ -122,7 +122,7 @@ boot_counts failure_disarm(const failure *failure)
     for (const std::string &name : calls_failing())
         counts.calls[name] = calls_count(name);
     oxnih_memory_fail(0, 0);
-    if (failure != NULL && failure->kind == FAILS_ENGINE) {
+    if (failure != nullptr && failure->kind == FAILS_ENGINE) {
         machine_get().engine_faults.erase(failure->call);
         machine_update_engine();
     }

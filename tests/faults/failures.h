@@ -2,7 +2,7 @@
 #ifndef FAILURES_H
 #define FAILURES_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <map>
 #include <string>

@@ -33,7 +33,7 @@
  */
 #include "fault_runs.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 #include <map>
@@ -60,10 +60,10 @@
 #include "harness/previous_boot.h"
 #include "harness/watch.h"
 
-#define HANG_SECONDS 120
+static constexpr int HANG_SECONDS = 120;
 /* The boot of an allocation or call that fails persistently ends 60 to 120 s after the first failure:
  * ten days of nothing but failures show nothing new. */
-#define SETTLE_MS 60000u
+static constexpr uint32_t SETTLE_MS = 60000u;
 
 /* What a run showed. */
 struct course {
@@ -111,7 +111,7 @@ static void on_happening(const happening &what, void *user)
 {
     previous_boot_note(what);
     if (*static_cast<const bool *>(user))
-        view_happening(what, NULL);
+        view_happening(what, nullptr);
 }
 
 /* Whether it complains about a delete for a handle that left, each of which excuses one. */
@@ -172,8 +172,8 @@ static const char *const s_documents[] = {"bypass_mgr_persistence.ejs", "bypass_
 /* Whether value writes a file that damages a document: other bytes of that length, or a torn one. */
 static bool writes_damage(const json_value &value, const std::string &content)
 {
-    const bool other = node_member(&value, "bytes") != NULL;
-    const bool torn = node_member(&value, "document") != NULL;
+    const bool other = node_member(&value, "bytes") != nullptr;
+    const bool torn = node_member(&value, "document") != nullptr;
 
     return (other && node_text_of(&value, "bytes", "").size() == 2 * content.size()) ||
            (torn && node_integer_of(&value, "size", -1) == static_cast<int64_t>(content.size()));
@@ -188,7 +188,8 @@ static bool writes_text(const json_value &value, const std::string &content)
         return std::any_of(value.Begin(), value.End(), writes);
     if (!value.IsObject())
         return false;
-    return (node_member(&value, "text") != NULL && node_text_of(&value, "text", "") == content) ||
+    return (node_member(&value, "text") != nullptr &&
+            node_text_of(&value, "text", "") == content) ||
            writes_damage(value, content) ||
            std::any_of(value.MemberBegin(), value.MemberEnd(),
                        [&writes](const auto &member) { return writes(member.value); });
@@ -202,7 +203,7 @@ static void check_documents(course &course, const struct scenario &scenario)
         if (!machine_file_exists(text_wide(path)))
             continue;
         json_t *document = wdu_json_load_file_ejs(path.c_str());
-        if (document == NULL &&
+        if (document == nullptr &&
             !writes_text(scenario.document,
                          machine_read_real_file(text_wide(path), EXIT_EXPECTATION_FAILED)))
             course.problems.push_back(std::string(name) + " does not load");
@@ -232,7 +233,7 @@ static enum oxnih_memory_mode memory_mode(size_t boot, size_t disturbed)
 
 static void run_boot(const failure *failure)
 {
-    bool settles = failure != NULL && failure->persistent &&
+    bool settles = failure != nullptr && failure->persistent &&
                    (failure->kind == FAILS_ALLOCATION || failure->kind == FAILS_CALL);
 
     while (settles && timeline_now_ms() + SETTLE_MS < play_boot_end_ms()) {
@@ -252,10 +253,10 @@ static void play_boots(course &course, const struct scenario &scenario, size_t d
     for (size_t boot = 0; play_begin_boot(); boot++) {
         oxnih_memory_set_mode(memory_mode(boot, disturbed));
         oxnih_log_set_level(shown || boot == disturbed ? OXNI_LOG_DEBUG : -1);
-        failure_arm(boot == disturbed ? failure : NULL);
-        run_boot(boot == disturbed ? failure : NULL);
+        failure_arm(boot == disturbed ? failure : nullptr);
+        run_boot(boot == disturbed ? failure : nullptr);
         if (boot == disturbed) {
-            course.fired = failure == NULL || failure_fired(*failure);
+            course.fired = failure == nullptr || failure_fired(*failure);
             course.counts = failure_disarm(failure);
         }
         if (boot > disturbed)
@@ -272,7 +273,7 @@ static void play_boots(course &course, const struct scenario &scenario, size_t d
 static course play(const file_runs &file, const struct scenario &scenario, size_t disturbed,
                    const failure *failure)
 {
-    bool shown = file.options.only >= 0 && failure != NULL;
+    bool shown = file.options.only >= 0 && failure != nullptr;
     course course = {};
 
     file.folder.empty();
@@ -282,13 +283,13 @@ static course play(const file_runs &file, const struct scenario &scenario, size_
     try {
         play_open(scenario, {file.folder.path, file.options.job.plugin_path, false, true});
         if (!shown)
-            oxnih_log_set_sink(NULL, NULL);
+            oxnih_log_set_sink(nullptr, nullptr);
         play_boots(course, scenario, disturbed, failure, shown);
     } catch (const devhost_error &error) {
         course.problems.push_back(error.what());
     }
     (void)play_close();
-    journal_set_view(NULL, NULL);
+    journal_set_view(nullptr, nullptr);
     note_complaints(course);
     check_end(course);
     return course;
@@ -352,7 +353,7 @@ static void run_file(file_runs &file, const struct scenario &whole)
 
         fault_scenario_prepare(whole, boot, scenario);
         watch_try("./dev run " + whole.file, file.index);
-        const course plain = play(file, scenario, boot, NULL);
+        const course plain = play(file, scenario, boot, nullptr);
         for (const std::string &problem : plain.problems) {
             file.violations++;
             printf("violation: %s: boot %u, no failure: %s\n", whole.file.c_str(),

@@ -3,7 +3,7 @@
 #ifndef FAULT_RUNS_H
 #define FAULT_RUNS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

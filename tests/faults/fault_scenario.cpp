@@ -32,7 +32,7 @@ static json_value &member(json_value &object, const char *name)
 static void strip(json_value &boot)
 {
     boot.RemoveMember("expect");
-    if (node_member(&boot, "steps") == NULL)
+    if (node_member(&boot, "steps") == nullptr)
         return;
     json_value &steps = member(boot, "steps");
     for (auto step = steps.Begin(); step != steps.End();)

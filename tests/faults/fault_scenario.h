@@ -3,7 +3,7 @@
 #ifndef FAULT_SCENARIO_H
 #define FAULT_SCENARIO_H
 
-#include <stddef.h>
+#include <cstddef>
 
 #include "scenario/scenario.h"
 

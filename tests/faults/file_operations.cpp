@@ -1,7 +1,7 @@
 /* Stand-ins for the file operations of plug-in and platform. */
 #include "file_operations.h"
 
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <string>
@@ -25,7 +25,7 @@ bool file_operations_document(const std::string &name)
 static bool operation(bool writes)
 {
     file_operations.count++;
-    if (file_operations.before != NULL)
+    if (file_operations.before != nullptr)
         file_operations.before(writes);
     if (file_operations.count != file_operations.at)
         return false;
@@ -65,19 +65,19 @@ template <int module> struct operations {
     static BOOL WINAPI do_write(HANDLE file, const void *bytes, DWORD count, DWORD *written,
                                 OVERLAPPED *overlapped)
     {
-        s_file = module != 0 ? file : NULL;
+        s_file = module != 0 ? file : nullptr;
         if (operation(true)) {
             (void)write(file, bytes, count / 2, written, overlapped);
             file_operations.end();
         }
-        s_file = NULL;
+        s_file = nullptr;
         return write(file, bytes, count, written, overlapped);
     }
     static BOOL WINAPI do_flush(HANDLE file)
     {
         s_file = file;
         (void)operation(false);
-        s_file = NULL;
+        s_file = nullptr;
         return flush(file);
     }
     static BOOL WINAPI do_move(const wchar_t *from, const wchar_t *to, DWORD flags)
@@ -102,7 +102,7 @@ template <int module> struct operations {
     {
         s_stream = file;
         (void)operation(false); /* what was written goes to the disk now */
-        s_stream = NULL;
+        s_stream = nullptr;
         return close(file);
     }
 
@@ -155,10 +155,10 @@ void file_operations_open(void)
 
 void file_operations_close_files(void)
 {
-    if (s_file != NULL)
+    if (s_file != nullptr)
         CloseHandle(s_file);
-    if (s_stream != NULL)
+    if (s_stream != nullptr)
         fclose(s_stream);
-    s_file = NULL;
-    s_stream = NULL;
+    s_file = nullptr;
+    s_stream = nullptr;
 }

@@ -3,7 +3,7 @@
 #ifndef FILE_OPERATIONS_H
 #define FILE_OPERATIONS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

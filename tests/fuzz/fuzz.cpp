@@ -1,9 +1,9 @@
 /* The program: its command line, and the damage of inputs. */
 #include "fuzz.h"
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <windows.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@
 #include "harness/watch.h"
 #include "base/text.h"
 
-#define HANG_SECONDS 60
+static constexpr int HANG_SECONDS = 60;
 
 /* Of the program; made by the first target that is added. */
 static std::vector<fuzz_target> &targets(void)
@@ -74,7 +74,7 @@ static uint64_t edge(size_t size, chance &chance)
                                   "0x7fffffff 0x80000000 0xfffffffe 0xffffffff "
                                   "0x7fffffffffffffff 0xffffffffffffffff")
                             .c_str(),
-                        NULL, 0);
+                        nullptr, 0);
     }
 }
 
@@ -167,7 +167,7 @@ guarded::guarded(size_t most) : most_((most + 4095) / 4096 * 4096)
     DWORD before;
 
     end_ = static_cast<uint8_t *>(
-               VirtualAlloc(NULL, most_ + 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) +
+               VirtualAlloc(nullptr, most_ + 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) +
            most_;
     VirtualProtect(end_, 4096, PAGE_NOACCESS, &before);
 }
@@ -205,18 +205,18 @@ void fuzz_empty_folder(void)
 void put_file(const std::string &path, const std::string &bytes)
 {
     DWORD written = 0;
-    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
 
     if (file == INVALID_HANDLE_VALUE ||
-        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, NULL))
+        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr))
         throw devhost_error(EXIT_BAD_CALL, text_format("%s: cannot be written, error %lu",
                                                        path.c_str(), GetLastError()));
     CloseHandle(file);
 }
 
 struct arguments {
-    const fuzz_target *target = NULL;
+    const fuzz_target *target = nullptr;
     uint64_t inputs = 10000, seed = 1, from = 0;
     std::string place;
 };
@@ -229,7 +229,7 @@ static bool parse(int argc, char **argv, arguments *arguments)
             arguments->target = &target;
     for (int i = 2; i + 1 < argc; i += 2) {
         std::string name = argv[i];
-        char *end = NULL;
+        char *end = nullptr;
         uint64_t number = strtoull(argv[i + 1], &end, 10);
 
         if (name == "--inputs")
@@ -245,7 +245,7 @@ static bool parse(int argc, char **argv, arguments *arguments)
         if (name != "--place" && (argv[i + 1][0] < '0' || argv[i + 1][0] > '9' || *end != '\0'))
             return false;
     }
-    return arguments->target != NULL && argc % 2 == 0;
+    return arguments->target != nullptr && argc % 2 == 0;
 }
 
 static void run(const arguments &arguments)

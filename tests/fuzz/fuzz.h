@@ -5,7 +5,7 @@
 #ifndef TESTS_FUZZ_H
 #define TESTS_FUZZ_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

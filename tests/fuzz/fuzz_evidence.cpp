@@ -4,7 +4,7 @@
 
 #include <fcntl.h>
 #include <io.h>
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <functional>
@@ -19,10 +19,10 @@
 #include "replay/replay.h"
 #include "scenario/scenario.h"
 
-#define MOMENT                  1709802341u /* seconds since 1970 */
-#define EVTX_HEADER_BYTES       4096u
-#define EVTX_CHUNK_BYTES        65536u
-#define EVTX_CHUNK_HEADER_BYTES 512u
+static constexpr uint32_t MOMENT = 1709802341u; /* seconds since 1970 */
+static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
+static constexpr uint32_t EVTX_CHUNK_BYTES = 65536u;
+static constexpr uint32_t EVTX_CHUNK_HEADER_BYTES = 512u;
 
 /* Bytes of good files, one of which is damaged. */
 static std::vector<std::string> s_good;

@@ -1,7 +1,7 @@
 /* Files: documents of the store, dumps, scenarios. */
 #include "fuzz.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <memory>
@@ -47,16 +47,16 @@ static void try_ejs(chance &chance, uint64_t)
     memory_disk_file(path) = bytes;
     oxnih_memory_set_mode(chance.one_in(16) ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     json_t *document = wdu_json_load_file_ejs(path.c_str());
-    if (document != NULL && !json_is_object(document))
+    if (document != nullptr && !json_is_object(document))
         violated("a document that is no object was loaded");
-    if (document != NULL && bytes.size() < 16)
+    if (document != nullptr && bytes.size() < 16)
         violated("a document was loaded from less than a header");
     /* What was read can be written, and is read again as it was. */
-    if (document != NULL && chance.one_in(4)) {
+    if (document != nullptr && chance.one_in(4)) {
         if (wdu_json_dump_file_ejs(document, path.c_str()) != 0)
             violated("a document that was loaded cannot be written");
         json_t *again = wdu_json_load_file_ejs(path.c_str());
-        if (again == NULL)
+        if (again == nullptr)
             violated("a document that was written does not load");
         wdu_json_delete_ejs(again);
     }
@@ -118,7 +118,7 @@ static void look_at_dump(enum kernel_dump_error error, const kernel_dump &dump,
         if (kernel_dump_call_site(dump, frames[i].instruction).find_first_of("\n!") !=
             std::string::npos)
             violated("a call site of more than a line");
-        if (i > 0 && kernel_dump_module_at(dump, frames[i].instruction) == NULL)
+        if (i > 0 && kernel_dump_module_at(dump, frames[i].instruction) == nullptr)
             violated("a frame in no module");
         (void)kernel_dump_stack_value(dump, frames[i].stack);
     }

@@ -5,7 +5,7 @@
  */
 #include "fuzz.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <oxni/base/ejs.h>
@@ -26,11 +26,11 @@
 #include "base/text.h"
 
 /* Inputs from one start of the agent to the next; reports that wait for an answer add up. */
-#define MESSAGES_PERIOD 128u
-#define ANSWERS_PERIOD  32u
-#define BOOT            1709802000 /* when a scenario without a time begins */
-#define LINK_PATH       "/:broadcast/dbg/oxni/quality_opr"
-#define ALARM_PATH      "/oxni/quality_opr"
+static constexpr uint32_t MESSAGES_PERIOD = 128u;
+static constexpr uint32_t ANSWERS_PERIOD = 32u;
+static constexpr int BOOT = 1709802000; /* when a scenario without a time begins */
+static constexpr char LINK_PATH[] = "/:broadcast/dbg/oxni/quality_opr";
+static constexpr char ALARM_PATH[] = "/oxni/quality_opr";
 
 static const std::vector<const char *> s_keys = {"product_name", "type", "status",
                                                  "count",        "data", "driver_module"};
@@ -50,7 +50,7 @@ static void ignore(oxni_subscriber *, uint32_t, void *, json_t *)
 static std::string plugin_path(void)
 {
     wchar_t path[1024];
-    std::string text = text_narrow(std::wstring(path, GetModuleFileNameW(NULL, path, 1024)));
+    std::string text = text_narrow(std::wstring(path, GetModuleFileNameW(nullptr, path, 1024)));
 
     return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
 }
@@ -69,7 +69,7 @@ static void look_through(const void *plugin)
  * leaves. */
 static void complained(const char *text, void *)
 {
-    if (strstr(text, "no reference of subscriber") == NULL || s_left == 0)
+    if (strstr(text, "no reference of subscriber") == nullptr || s_left == 0)
         violated(text);
     s_left--;
 }
@@ -77,7 +77,7 @@ static void complained(const char *text, void *)
 static void put_document(const char *name, json_t *document)
 {
     for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
-        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), NULL);
+        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), nullptr);
     /* Nothing else is a document. */
     if (json_is_object(document) &&
         wdu_json_dump_file_ejs(document, agent_data_path(name).c_str()) != 0)
@@ -91,7 +91,7 @@ static void blame(void)
 {
     json_t *store = json_loads(R"({"start_time": 0, "data": {"crash_info": {"path": "C:\\x.dmp",
                                   "create_time": "2024-03-07 09:00:00", "module_name": "m"}}})",
-                               0, NULL);
+                               0, nullptr);
 
     json_object_set_new(store, "start_time", json_integer(BOOT));
     put_document("bypass_mgr_persistence.ejs", store);
@@ -107,7 +107,7 @@ static void put_odd_documents(chance &chance)
     for (const char *name :
          {"bypass_mgr_persistence.ejs", "bypass_mgr_upload.ejs", "bypass_mgr_dumprecord.ejs"}) {
         std::string text = odd_json(keys, s_words, chance);
-        json_t *document = json_loadb(text.data(), text.size(), 0, NULL);
+        json_t *document = json_loadb(text.data(), text.size(), 0, nullptr);
 
         if (json_is_object(document) && !chance.one_in(4))
             json_object_set_new(document, "start_time", json_integer(BOOT));
@@ -136,9 +136,9 @@ static void start_afresh(enum disk disk, uint64_t period, chance &chance)
     scenario.document.Parse(R"({"boots": [{"agent_start": null, "until": 1000000}]})");
     play_open(scenario,
               {fuzz_folder().substr(0, fuzz_folder().size() - 1), plugin_path(), false, true});
-    oxnih_log_set_sink(NULL, NULL);
+    oxnih_log_set_sink(nullptr, nullptr);
     oxnih_log_set_level(period % 8 == 1 ? OXNI_LOG_DEBUG : -1);
-    oxnih_set_complaint(complained, NULL);
+    oxnih_set_complaint(complained, nullptr);
     (void)play_begin_boot();
     if (disk == DISK_BLAMES)
         blame();
@@ -150,7 +150,7 @@ static void start_afresh(enum disk disk, uint64_t period, chance &chance)
 
 static void open_host(void)
 {
-    journal_set_view(NULL, NULL);
+    journal_set_view(nullptr, nullptr);
     agent_watch_end(look_through);
 }
 
@@ -203,7 +203,7 @@ static json_t *odd_message(chance &chance)
     else if (!chance.one_in(4))
         text = odd_json(s_keys, s_words, chance);
     json_t *message = json_loadb(text.data(), text.size(),
-                                 chance.one_in(2) ? JSON_ALLOW_NUL : JSON_DECODE_ANY, NULL);
+                                 chance.one_in(2) ? JSON_ALLOW_NUL : JSON_DECODE_ANY, nullptr);
     if (json_is_object(message))
         make_odder(message, chance);
     return message;
@@ -212,7 +212,7 @@ static json_t *odd_message(chance &chance)
 static void subscribe(json_t *message, chance &chance)
 {
     std::string ns = std::string("ns") + std::to_string(chance.below(9)), name = "n";
-    oxni_subscriber_attr attr = {ns.c_str(), name.c_str(), NULL};
+    oxni_subscriber_attr attr = {ns.c_str(), name.c_str(), nullptr};
     oxni_subscriber *subscriber = oxni_subscriber_new(&attr);
 
     (void)oxni_subscriber_subscribe(subscriber, "bypass_mgr", message, ignore);
@@ -260,12 +260,12 @@ static void try_message(chance &chance, uint64_t number)
     json_t *message = odd_message(chance);
     size_t index = chance.below(s_subscribers.size());
 
-    if (message != NULL && (s_subscribers.empty() || chance.one_in(3)))
+    if (message != nullptr && (s_subscribers.empty() || chance.one_in(3)))
         subscribe(message, chance);
-    else if (message != NULL && chance.one_in(6))
+    else if (message != nullptr && chance.one_in(6))
         order_driver(chance);
-    else if (message != NULL)
-        (void)oxni_subscriber_pushforward(s_subscribers[index], message, NULL, NULL);
+    else if (message != nullptr)
+        (void)oxni_subscriber_pushforward(s_subscribers[index], message, nullptr, nullptr);
     json_decref(message);
     if (s_subscribers.size() > 8)
         leave(chance.below(s_subscribers.size()));
@@ -300,8 +300,8 @@ static void answer_echo(oxnih_request *call, const char *, void *)
     std::string echo = odd_echo(chance);
 
     if (!chance.one_in(20))
-        oxnih_dbg_answer(call, chance.one_in(10) ? 5 : 0, chance.one_in(20) ? NULL : echo.c_str(),
-                         chance.below(2000));
+        oxnih_dbg_answer(call, chance.one_in(10) ? 5 : 0,
+                         chance.one_in(20) ? nullptr : echo.c_str(), chance.below(2000));
 }
 
 static void answer_upload(oxnih_request *request, json_t *, void *)
@@ -309,7 +309,8 @@ static void answer_upload(oxnih_request *request, json_t *, void *)
     static const std::vector<const char *> keys = {"errcode", "data"};
     chance &chance = *s_answers;
     std::string text = chance.one_in(3) ? "{\"errcode\": 0}" : odd_json(keys, s_words, chance);
-    json_t *answer = json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, NULL);
+    json_t *answer =
+        json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
 
     if (!chance.one_in(20))
         oxnih_res_answer(request, chance.one_in(8) ? 110 : 0, answer, chance.below(2000));
@@ -321,13 +322,13 @@ static void try_answer(chance &chance, uint64_t number)
     s_answers = &chance;
     if (agent_state_get() != AGENT_RUNNING || number % ANSWERS_PERIOD == 0) {
         start_afresh(DISK_BLAMES, number / ANSWERS_PERIOD, chance);
-        oxnih_dbg_set_handler("oxni", answer_echo, NULL);
-        oxnih_res_set_handler(ALARM_PATH, answer_upload, NULL);
+        oxnih_dbg_set_handler("oxni", answer_echo, nullptr);
+        oxnih_res_set_handler(ALARM_PATH, answer_upload, nullptr);
     }
     std::string text = text_format(R"({"product_name": "p%llu", "type": "reg", "count": 2,
                                        "status": "working", "data": {"driver_module": ["m"]}})",
                                    static_cast<unsigned long long>(number));
-    json_t *message = json_loadb(text.data(), text.size(), 0, NULL);
+    json_t *message = json_loadb(text.data(), text.size(), 0, nullptr);
 
     subscribe(message, chance);
     json_decref(message);
@@ -339,6 +340,6 @@ static void try_answer(chance &chance, uint64_t number)
         play_run_until(timeline_now_ms() + 130000);
     if (agent_state_get() != AGENT_RUNNING)
         violated("the agent does not run any more");
-    s_answers = NULL;
+    s_answers = nullptr;
 }
 FUZZ_TARGET(answers, open_host, try_answer, ANSWERS_PERIOD, 400)

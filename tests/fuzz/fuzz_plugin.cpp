@@ -2,7 +2,7 @@
  * driver's crash record. */
 #include "fuzz.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include "analyze_dmp.h"
@@ -13,7 +13,7 @@
 #include "liboxnibase/host.h"
 #include "base/text.h"
 
-#define MOST_EVENT_BYTES (64ull * 1024)
+static constexpr uint64_t MOST_EVENT_BYTES = 64ull * 1024;
 
 static guarded *s_guarded;
 
@@ -51,7 +51,7 @@ static const event_key s_expected_keys[] = {
     {12,   L"Microsoft-Windows-Kernel-General"},
     {41,   L"Microsoft-Windows-Kernel-Power"  },
     {1001, L"BugCheck"                        },
-    {7001, NULL                               },
+    {7001, nullptr                            },
 };
 static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expected_keys)};
 
@@ -59,8 +59,8 @@ static const expected_event_map s_expected = {s_expected_keys, ARRAYSIZE(s_expec
 static void look_through(const uint8_t *bytes, size_t size)
 {
     uint32_t id = 0;
-    const wchar_t *provider = NULL;
-    const uint8_t *record = NULL;
+    const wchar_t *provider = nullptr;
+    const uint8_t *record = nullptr;
 
     if (find_expected_event(bytes, static_cast<uint32_t>(size), &id, &provider, &record,
                             s_expected) != 0)

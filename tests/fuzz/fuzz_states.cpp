@@ -5,7 +5,7 @@
  */
 #include "fuzz.h"
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <oxni/base/ejs.h>
@@ -22,8 +22,8 @@
 #include "report_history.h"
 #include "base/text.h"
 
-#define SECTOR_BYTES 512
-#define BOOT         1709802000
+static constexpr int SECTOR_BYTES = 512;
+static constexpr int BOOT = 1709802000;
 
 static std::string s_data, s_tag; /* the plug-in's data folder with a slash, the tag's path */
 static std::string s_store[2], s_history[2], s_record[2]; /* the documents' bytes, old and new */
@@ -31,12 +31,12 @@ static FILETIME s_created;                                /* returned for every 
 
 static std::string get_file(const std::string &path)
 {
-    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ, NULL,
-                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, NULL);
+    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     std::string bytes(65536, '\0');
     DWORD got = 0;
 
-    if (file == INVALID_HANDLE_VALUE || !ReadFile(file, &bytes[0], 65536, &got, NULL))
+    if (file == INVALID_HANDLE_VALUE || !ReadFile(file, &bytes[0], 65536, &got, nullptr))
         violated(path + " was not written");
     CloseHandle(file);
     bytes.resize(got);

@@ -2,7 +2,7 @@
 #include "jobs.h"
 
 #include <inttypes.h>
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <algorithm>
@@ -15,9 +15,9 @@
 #include "base/text.h"
 #include "watch.h"
 
-#define START_TRIES 3
+static constexpr int START_TRIES = 3;
 /* Jobs of one file: so many that the processors finish at about the same time. */
-#define PARTS ((size_t)4)
+static constexpr size_t PARTS = static_cast<size_t>(4);
 
 bool jobs_is_mine(const struct job_options &options, uint64_t index)
 {
@@ -31,7 +31,7 @@ static std::wstring command_line(const std::vector<std::string> &arguments)
     wchar_t path[1024];
     std::wstring line;
 
-    GetModuleFileNameW(NULL, path, ARRAYSIZE(path));
+    GetModuleFileNameW(nullptr, path, ARRAYSIZE(path));
     line = L"\"" + std::wstring(path) + L"\"";
     for (const std::string &argument : arguments)
         line += L" \"" + text_wide(argument) + L"\"";
@@ -44,7 +44,7 @@ static std::string read_all(HANDLE pipe)
     char part[4096];
     DWORD got = 0;
 
-    while (ReadFile(pipe, part, sizeof(part), &got, NULL) && got > 0)
+    while (ReadFile(pipe, part, sizeof(part), &got, nullptr) && got > 0)
         all.append(part, got);
     return all;
 }
@@ -70,14 +70,14 @@ static HANDLE start(std::wstring line, HANDLE output)
     startup.hStdOutput = output;
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     for (int i = 0; i < START_TRIES && !started; i++) {
-        started =
-            CreateProcessW(NULL, line.data(), NULL, NULL, TRUE, 0, NULL, NULL, &startup, &process);
+        started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                 &startup, &process);
         if (!started && GetLastError() != ERROR_INTERNAL_ERROR)
             break;
     }
     if (!started) {
         complain("CreateProcessW");
-        return NULL;
+        return nullptr;
     }
     CloseHandle(process.hThread);
     return process.hProcess;
@@ -86,8 +86,8 @@ static HANDLE start(std::wstring line, HANDLE output)
 unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string *output)
 {
     static std::mutex starting; /* a process must not inherit another one's pipe */
-    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), NULL, TRUE};
-    HANDLE read = NULL, write = NULL;
+    SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
+    HANDLE read = nullptr, write = nullptr;
     DWORD status = STILL_ACTIVE;
     std::unique_lock<std::mutex> lock(starting);
 
@@ -99,7 +99,7 @@ unsigned jobs_run_process(const std::vector<std::string> &arguments, std::string
     HANDLE process = start(command_line(arguments), write);
     CloseHandle(write);
     lock.unlock();
-    if (process != NULL) {
+    if (process != nullptr) {
         *output = read_all(read);
         if (WaitForSingleObject(process, INFINITE) != WAIT_OBJECT_0)
             complain("WaitForSingleObject");

@@ -6,8 +6,8 @@
 #ifndef JOBS_H
 #define JOBS_H
 
-#include <stddef.h>
-#include <stdint.h>
+#include <cstddef>
+#include <cstdint>
 
 #include <string>
 #include <vector>

@@ -8,7 +8,7 @@
 #include "base/text.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
-#define NAME_BYTES 32
+static constexpr int NAME_BYTES = 32;
 
 struct search {
     uint64_t names; /* of products, that may be lost */

@@ -2,7 +2,7 @@
 #ifndef LEAKS_H
 #define LEAKS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

@@ -3,7 +3,7 @@
  * points, all through the development host's library and the real plug-in DLL. This file: the
  * command line, and what the exit status means.
  */
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <memory>

@@ -1,7 +1,7 @@
 /* The store at each initialisation, and orders before the evidence for them. */
 #include "previous_boot.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
@@ -13,8 +13,8 @@
 #include "machine/machine.h"
 #include "base/text.h"
 
-#define STORE_FILE         "bypass_mgr_persistence.ejs"
-#define UNIX_EPOCH_SECONDS 11644473600ull
+static constexpr char STORE_FILE[] = "bypass_mgr_persistence.ejs";
+static constexpr uint64_t UNIX_EPOCH_SECONDS = 11644473600ull;
 
 /* An agent from its start to its end. */
 struct process_lifetime {
@@ -70,7 +70,7 @@ static void on_push(const uint64_t *arguments, uint64_t)
     const json_t *message = reinterpret_cast<const json_t *>(arguments[1]);
     const char *type = json_string_value(json_object_get(message, "type"));
 
-    if (type != NULL && strcmp(type, "bypass") == 0 && !s_blue_screen_is_read &&
+    if (type != nullptr && strcmp(type, "bypass") == 0 && !s_blue_screen_is_read &&
         !s_lifetimes.empty())
         s_lifetimes.back().early_bypass = true;
 }
@@ -84,8 +84,8 @@ void previous_boot_open(void)
 
 void previous_boot_close(void)
 {
-    calls_set_watch("ReadEventLogW", NULL);
-    calls_set_watch("oxni_subscribee_pushback", NULL);
+    calls_set_watch("ReadEventLogW", nullptr);
+    calls_set_watch("oxni_subscribee_pushback", nullptr);
 }
 
 void previous_boot_note(const happening &what)
@@ -121,7 +121,7 @@ static void check(const process_lifetime &lifetime, std::vector<std::string> &fo
         found.push_back("the store of a new boot begins with " + text_of_json(data));
     if (lifetime.early_bypass &&
         (start_time_of(before) != static_cast<int64_t>(lifetime.boot_seconds) ||
-         json_object_get(json_object_get(before, "data"), "crash_info") == NULL))
+         json_object_get(json_object_get(before, "data"), "crash_info") == nullptr))
         found.push_back("\"bypass\" is ordered before a blue screen of this boot was read");
     json_decref(before);
     json_decref(after);

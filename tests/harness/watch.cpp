@@ -2,16 +2,16 @@
  * may be damaged. */
 #include "watch.h"
 
-#include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <windows.h>
 
 #include "base/terminal.h"
 
-#define ENDED_IN   "ended in trial "
-#define WHAT_CHARS 1024
+#define ENDED_IN "ended in trial "
+static constexpr int WHAT_CHARS = 1024;
 
 static char s_what[WHAT_CHARS];
 static volatile LONG64 s_number, s_began;
@@ -22,7 +22,7 @@ static void put(const char *text)
     DWORD written;
 
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text, static_cast<DWORD>(strlen(text)), &written,
-              NULL);
+              nullptr);
 }
 
 [[noreturn]] static void end_process(const char *why, UINT status)
@@ -42,7 +42,7 @@ static void put(const char *text)
 /* "crash: exception 0xc0000005 at libbypass_mgr.dll+0x1234". */
 static void describe(const EXCEPTION_RECORD *record, char *text, size_t size)
 {
-    HMODULE module = NULL;
+    HMODULE module = nullptr;
     char path[MAX_PATH] = "";
     const char *name = path;
 
@@ -97,7 +97,7 @@ void watch_open(unsigned seconds)
     SetUnhandledExceptionFilter(crashed);
     AddVectoredExceptionHandler(1, overflowed);
     signal(SIGABRT, aborted);
-    CloseHandle(CreateThread(NULL, 0, watch, NULL, 0, NULL));
+    CloseHandle(CreateThread(nullptr, 0, watch, nullptr, 0, nullptr));
 }
 
 void watch_try(const std::string &what, uint64_t number)

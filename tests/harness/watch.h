@@ -6,7 +6,7 @@
 #ifndef WATCH_H
 #define WATCH_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

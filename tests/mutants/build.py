@@ -91,7 +91,8 @@ class Build:
         for part in last.split(" && "):
             words = shlex.split(part)
             if "-o" in words and words[words.index("-o") + 1] == target:
-                return [word for word in words if not word.startswith("-Wl,--out-implib")]
+                outputs = ("-Wl,--out-implib", "-Wl,--pdb")
+                return [word for word in words if not word.startswith(outputs)]
         raise Failed(f"the build's last command for {target} does not link it")
 
     def dependencies(self):

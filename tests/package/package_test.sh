@@ -19,10 +19,10 @@ check() {
     failures=$((failures + 1))
 }
 
-# Extracts the loaded sections, without the debug link: its checksum covers the symbols, which
-# contain the paths of the headers.
+# Extracts the loaded sections, without the debug link and the build's GUID: they depend on the
+# symbols, which contain the paths of the headers.
 loaded_bytes() {
-    "$objcopy" -O binary -R .gnu_debuglink "$1" "$2"
+    "$objcopy" -O binary -R .gnu_debuglink -R .buildid "$1" "$2"
 }
 
 # Runs the commands of the document that start with $2, in directory $1.
@@ -46,13 +46,28 @@ check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
 check "windows_check runs" sh -c "cd '$work' && timeout 100 wine '$package/bin/windows_check.exe' lines.txt;
     grep -q '^ok OpenServiceW: a service that is none: 1060' '$work/lines.txt'"
 
+release() {
+    python3 "$source/cmake/release.py" "$source" "$build" "$deps" "$1" - "$source/cmake/wine-run" \
+        "$build/bin/oxni_devhost.exe"
+}
+version=${package##*-}
+check "this version has its changes and the files that it writes" release "$version"
+check "another version is refused" sh -c \
+    "! python3 '$source/cmake/release.py' '$source' '$build' '$deps' 9.9.9 - 2>&1 | grep -v 'project version $version, expected 9.9.9'"
+
 git -C "$source" ls-files -z | (cd "$source" && tar c --null -T -) | tar x -C "$work/sources"
 check "the plug-in builds against the package" documented "$work/sources" "cmake "
 loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
 loaded_bytes "$work/plugin/bin/libbypass_mgr.dll" "$work/built.bin"
 check "the plug-in is identical to the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
 
-check "the example builds" documented "$package" "x86_64-w64-mingw32-g++"
+if command -v clang lld-link >/dev/null; then
+    check "MSVC's dialect and linker" "$source/tests/package/msvc_test.sh" "$package" "$work/msvc"
+else
+    echo "MSVC's dialect is not checked: it needs clang and lld"
+fi
+
+check "the examples build" documented "$package" "x86_64-w64-mingw32-g++"
 (cd "$package/bin" && timeout 300 wine registration.exe) | tr -d '\r' >"$work/example.txt"
 cat >"$work/expected.txt" <<'END'
 guard is registered
@@ -61,4 +76,16 @@ the console says: ["XNI", "guard"]
 guard recover
 END
 check "the example plays a registration" diff "$work/expected.txt" "$work/example.txt"
+
+# The second run finds what the first one saved.
+for _ in 1 2; do
+    (cd "$package/bin" && timeout 300 wine product.exe) | tr -d '\r' | grep '^guard'
+done >"$work/product.txt"
+cat >"$work/expected.txt" <<'END'
+guard is registered: bypass, count 2
+guard obeys "recover": working, count 2
+guard is registered: working, count 2
+guard obeys "recover": working, count 2
+END
+check "the example obeys and keeps its status" diff "$work/expected.txt" "$work/product.txt"
 exit $failures

@@ -36,15 +36,15 @@ class platform_test : public testing::Test
     {
         TearDown();
         std::filesystem::create_directories(base_folder());
-        oxnih_clock_set_zone(NULL);
+        oxnih_clock_set_zone(nullptr);
         oxnih_clock_simulate(to_100ns(1772366400), 1000);
         oxnih_set_complaint(
             [](const char *text, void *) {
                 s_complaints += (s_complaints.empty() ? "" : "\n") + std::string(text);
             },
-            NULL);
-        oxnih_log_set_sink([](int, const char *line, void *) { s_log += line; }, NULL);
-        oxnih_set_exit([](void *) { throw run_ended(); }, NULL);
+            nullptr);
+        oxnih_log_set_sink([](int, const char *line, void *) { s_log += line; }, nullptr);
+        oxnih_set_exit([](void *) { throw run_ended(); }, nullptr);
     }
     void TearDown() override
     {
@@ -57,12 +57,12 @@ class platform_test : public testing::Test
         oxnih_core_reset();
         EXPECT_EQ(0U, memory_stats().live_blocks) << "memory leak";
         oxnih_memory_drop_all();
-        oxnih_core_set_observer(NULL, NULL);
+        oxnih_core_set_observer(nullptr, nullptr);
         oxnih_core_set_lenient(0);
         oxnih_log_close();
-        oxnih_set_install_dir(NULL);
-        oxnih_set_process_path(NULL);
-        oxnih_set_log_dir(NULL);
+        oxnih_set_install_dir(nullptr);
+        oxnih_set_process_path(nullptr);
+        oxnih_set_log_dir(nullptr);
         oxnih_memory_fail(0, 0);
         oxnih_memory_set_mode(OXNIH_MEMORY_PLAIN);
         std::filesystem::remove_all(base_folder());
@@ -113,7 +113,7 @@ class platform_test : public testing::Test
     /* Returns a JSON value that the fixture owns until the end of the test. */
     static json_t *json_of(const std::string &text)
     {
-        s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, NULL));
+        s_values.push_back(json_loads(text.c_str(), JSON_DECODE_ANY, nullptr));
         EXPECT_NE(nullptr, s_values.back()) << text;
         return s_values.back();
     }

@@ -23,8 +23,8 @@ class ejs : public platform_test
     {
         file_write(path("x.ejs"), bytes);
         json_t *document = wdu_json_load_file_ejs(path("x.ejs").c_str());
-        char *text = document == NULL ? NULL : json_dumps(document, JSON_COMPACT);
-        std::string result = text == NULL ? "(none)" : text;
+        char *text = document == nullptr ? nullptr : json_dumps(document, JSON_COMPACT);
+        std::string result = text == nullptr ? "(none)" : text;
         oxni_free_(text);
         wdu_json_delete_ejs(document);
         return result;
@@ -82,8 +82,8 @@ TEST_F(ejs, a_failed_write_keeps_the_old_document)
     std::filesystem::create_directory(path("x.ejs.tmp")); /* blocks the temporary file */
     EXPECT_EQ(-1, write("{\"b\":2}", "x.ejs"));
     std::filesystem::remove(path("x.ejs.tmp"));
-    HANDLE held = CreateFileA(path("x.ejs").c_str(), GENERIC_READ, FILE_SHARE_READ, NULL,
-                              OPEN_EXISTING, 0, NULL);
+    HANDLE held = CreateFileA(path("x.ejs").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                              OPEN_EXISTING, 0, nullptr);
     EXPECT_EQ(-1, write("{\"b\":2}", "x.ejs"));
     CloseHandle(held);
     EXPECT_EQ(framed("{\"a\":1}"), file_bytes(path("x.ejs")));

@@ -20,7 +20,7 @@ TEST_F(logs, wide_text_is_utf8_and_a_missing_line_feed_is_added)
     static const wchar_t path[] = L"C:\\\x65e5\x672c\xd83d\xde00.dmp";
     static const char utf8[] = "C:\\\xe6\x97\xa5\xe6\x9c\xac\xf0\x9f\x98\x80.dmp";
 
-    const wchar_t *volatile none = NULL;
+    const wchar_t *volatile none = nullptr;
 
     oxni_log_output(OXNI_LOG_INFO, "open %S failed %x %%%d.\n", path, 5U, -7);
     EXPECT_TRUE(logged(std::string("open ") + utf8 + " failed 5 %-7.\n"));
@@ -42,8 +42,8 @@ TEST_F(logs, the_newest_files_are_kept)
         std::ofstream(folder + "/1-notes.log") << "N"; /* not a file of the log */
         for (int start = 0; start < 7; start++) {      /* one hour apart */
             EXPECT_EQ(0, oxni_autolog_init((folder + "/").c_str(), limit));
-            EXPECT_EQ(0, oxni_autolog_init(NULL, limit)); /* already open */
-            oxni_log_output(OXNI_LOG_DEBUG, "%d", start); /* the caller filters by level */
+            EXPECT_EQ(0, oxni_autolog_init(nullptr, limit)); /* already open */
+            oxni_log_output(OXNI_LOG_DEBUG, "%d", start);    /* the caller filters by level */
             oxnih_log_close();
             oxni_sleep(3600);
         }

@@ -141,7 +141,7 @@ TEST_F(memory, the_nth_allocation_fails)
             for (uint64_t i = 1; i <= 6; i++) {
                 char *made = i % 2 == 0 ? oxni_strdup("text") : make(8);
                 bool fails = nth != 0 && (i == nth || (forever != 0 && i > nth));
-                EXPECT_EQ(fails, made == NULL) << nth << forever << i;
+                EXPECT_EQ(fails, made == nullptr) << nth << forever << i;
                 oxni_free_(made);
             }
         }
@@ -200,7 +200,7 @@ TEST_F(memory, leaks_are_attributed_to_the_caller)
                 note(std::string(site).substr(0, 21) + std::to_string(bytes / 1000) + "k in " +
                      std::to_string(blocks));
         },
-        NULL);
+        nullptr);
     EXPECT_EQ("platform_tests.exe+0x100k in 1 platform_tests.exe+0x90k in 2 "
               "platform_tests.exe+0x80k in 1",
               notes());

@@ -20,7 +20,7 @@ TEST_F(paths, transform)
         {"@/\xe6\x97\xa5/\xc3\xa4", "C:/run/agent/\xe6\x97\xa5/\xc3\xa4"},
         {"@/\xff",                  ""                                  },
         {"",                        ""                                  },
-        {NULL,                      ""                                  },
+        {nullptr,                   ""                                  },
     };
     char buffer[260] = "#";
 
@@ -84,8 +84,8 @@ TEST_F(paths, directories_and_files)
     EXPECT_EQ(-1, oxni_dirutils_mkdir(file.c_str(), 0775)); /* exists as a file */
     EXPECT_EQ(-1, oxni_dirutils_mkdir((file + "/x").c_str(), 0775));
     EXPECT_EQ(0, oxni_file_flush(file.c_str()));
-    HANDLE held = CreateFileW(std::filesystem::u8path(file).c_str(), GENERIC_WRITE, 0, NULL,
-                              OPEN_EXISTING, 0, NULL);
+    HANDLE held = CreateFileW(std::filesystem::u8path(file).c_str(), GENERIC_WRITE, 0, nullptr,
+                              OPEN_EXISTING, 0, nullptr);
     EXPECT_EQ(ERROR_SHARING_VIOLATION, oxni_file_flush(file.c_str()));
     CloseHandle(held);
     EXPECT_EQ(0, oxni_path_del_file_u(file.c_str()));

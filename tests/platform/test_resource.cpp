@@ -16,7 +16,7 @@ class resources : public platform_test
     {
         json_t *answer = oxnir_rsp_get_resp(response);
         note("r" + std::to_string(oxnir_rsp_get_errno(response)) + ":" +
-             (answer == NULL ? "null" : json_string_value(answer)));
+             (answer == nullptr ? "null" : json_string_value(answer)));
     }
     static void on_request(oxnih_request *asked, json_t *message, void *)
     {
@@ -26,7 +26,7 @@ class resources : public platform_test
     /* Keeps a reference to the message, so that the test can check the platform's references. */
     static int request(const char *path, json_t *message)
     {
-        return oxni_res_deliver(path, json_incref(message), NULL, on_reply, 0);
+        return oxni_res_deliver(path, json_incref(message), nullptr, on_reply, 0);
     }
 
     static inline oxnih_request *s_asked;
@@ -51,16 +51,16 @@ TEST_F(resources, requests_are_answered_once_and_released)
 {
     json_t *message = json_of("\"m\"");
 
-    EXPECT_EQ(-1, request(NULL, message));
+    EXPECT_EQ(-1, request(nullptr, message));
     EXPECT_EQ(0, request("/none", message));
     EXPECT_EQ("", notes());
     run(0);
     EXPECT_EQ("r2:null", notes());
-    oxnih_res_set_handler("/r", on_request, NULL);
+    oxnih_res_set_handler("/r", on_request, nullptr);
     request("/r", message);
     run(1000);
     oxnih_res_answer(s_asked, 9, message, 5);
-    oxnih_res_answer(s_asked, 0, NULL, 0);
+    oxnih_res_answer(s_asked, 0, nullptr, 0);
     EXPECT_EQ(0U, complaints().find("oxnih_res_answer: request "));
     run(4);
     EXPECT_EQ("q:m", notes());

@@ -41,7 +41,7 @@ TEST_F(str, wide_text)
 
     EXPECT_STREQ(L"a\xd83d\xde00", wide);
     oxni_str_free(wide);
-    for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(NULL)})
+    for (const char *text : {"\xff", "a\xe6\x97", static_cast<const char *>(nullptr)})
         EXPECT_EQ(nullptr, oxni_str_utf8_to_unicode(text));
     oxnih_memory_fail(1, 0);
     EXPECT_EQ(nullptr, oxni_str_utf8_to_unicode("x"));
@@ -55,7 +55,7 @@ TEST_F(str, wide_text)
 TEST_F(str, wcsnlen_at_every_alignment)
 {
     static constexpr size_t PAGE = 4096, LONGEST = 20;
-    char *page = static_cast<char *>(VirtualAlloc(NULL, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
+    char *page = static_cast<char *>(VirtualAlloc(nullptr, 2 * PAGE, MEM_RESERVE, PAGE_NOACCESS));
     VirtualAlloc(page, PAGE, MEM_COMMIT, PAGE_READWRITE);
 
     for (size_t skew = 0; skew < 8; skew++)

@@ -18,14 +18,14 @@ class subscribers : public platform_test
     static void on_service(int32_t, void *, int32_t moment, json_t *message, oxni_subscriber *who)
     {
         note("m" + std::to_string(moment) + ":" + oxni_subscriber_get_attr(who)->name);
-        if (message == NULL)
+        if (message == nullptr)
             return;
         note(json_string_value(json_object_get(message, "type")));
         push(who, "cmd");
     }
     static void on_event(oxni_subscriber *who, uint32_t event, void *, json_t *message)
     {
-        std::string text = message == NULL ? "" : json_string_value(message);
+        std::string text = message == nullptr ? "" : json_string_value(message);
         note("e" + std::to_string(event) + ":" + oxni_subscriber_get_attr(who)->name + text);
         if (text == "=ask")
             forward(who, MODIFY);
@@ -51,7 +51,7 @@ class subscribers : public platform_test
     }
     static oxni_subscriber *make(const char *name)
     {
-        oxni_subscriber_attr attr = {"ns", name, NULL};
+        oxni_subscriber_attr attr = {"ns", name, nullptr};
         return oxni_subscriber_new(&attr);
     }
     static oxni_subscriber *subscribed(const char *name)
@@ -65,13 +65,13 @@ class subscribers : public platform_test
     void SetUp() override
     {
         platform_test::SetUp();
-        ASSERT_EQ(0, oxni_subscribee_install("svc", SCHEMA, 0, on_service, NULL));
+        ASSERT_EQ(0, oxni_subscribee_install("svc", SCHEMA, 0, on_service, nullptr));
         oxnih_core_set_observer(
             [](const oxnih_event *event, void *) {
                 if (event->kind == OXNIH_EVENT_REFUSED)
                     note(event->text);
             },
-            NULL);
+            nullptr);
     }
 };
 
@@ -122,9 +122,9 @@ TEST_F(subscribers, messages_are_validated_against_the_schema)
                                      : row.why + std::string(" r22:f@a"),
                   notes());
     }
-    EXPECT_EQ(-1, oxni_subscribee_install("s2", "{", 0, on_service, NULL));
-    EXPECT_EQ(-1, oxni_subscribee_install("s3", "{\"pattern\": \"(\"}", 0, on_service, NULL));
-    EXPECT_EQ(-1, oxni_subscribee_install("svc", SCHEMA, 0, on_service, NULL)); /* in use */
+    EXPECT_EQ(-1, oxni_subscribee_install("s2", "{", 0, on_service, nullptr));
+    EXPECT_EQ(-1, oxni_subscribee_install("s3", "{\"pattern\": \"(\"}", 0, on_service, nullptr));
+    EXPECT_EQ(-1, oxni_subscribee_install("svc", SCHEMA, 0, on_service, nullptr)); /* in use */
 }
 
 TEST_F(subscribers, a_rejected_registration_can_be_retried)
@@ -197,8 +197,8 @@ TEST_F(subscribers, a_reset_drops_all_state_without_callbacks)
     oxni_subscriber *a = subscribed("a");
 
     oxnih_subscriber_set_reply_delay(a, UINT64_MAX);
-    oxni_subscribee_pushback(a, message, NULL, on_reply);
-    oxni_subscriber_pushforward(a, message, NULL, on_reply);
+    oxni_subscribee_pushback(a, message, nullptr, on_reply);
+    oxni_subscriber_pushforward(a, message, nullptr, on_reply);
     oxnih_subscriber_leave(a);
     EXPECT_EQ(0, subscribe(make("b"), REG));
     oxnih_core_reset();

@@ -10,7 +10,7 @@ class xhash : public platform_test
   protected:
     static void freed(void *value)
     {
-        note(value == NULL ? "null" : static_cast<char *>(value));
+        note(value == nullptr ? "null" : static_cast<char *>(value));
     }
     static int put(oxni_xhash *table, const std::string &key, const char *value)
     {
@@ -19,7 +19,7 @@ class xhash : public platform_test
     static std::string keys(oxni_xhash *table)
     {
         std::string all;
-        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != NULL;
+        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != nullptr;
              at = oxni_xhash_next(table, at))
             all += std::string(static_cast<const char *>(at->key), at->key_length) + " ";
         return all;
@@ -33,7 +33,7 @@ class xhash : public platform_test
 
 TEST_F(xhash, keys_are_byte_strings)
 {
-    oxni_xhash *table = oxni_xhash_create(NULL, 0);
+    oxni_xhash *table = oxni_xhash_create(nullptr, 0);
     char key[] = "ab";
     void *value;
 
@@ -45,9 +45,9 @@ TEST_F(xhash, keys_are_byte_strings)
     EXPECT_EQ(key, value);
     EXPECT_EQ(-1, oxni_xhash_search(table, "ab", 3, &value));
     EXPECT_EQ(nullptr, value);
-    EXPECT_EQ(0, oxni_xhash_search(table, "x\0y", 3, NULL));
-    EXPECT_EQ(-1, oxni_xhash_search(table, "x\0z", 3, NULL));
-    EXPECT_EQ(0, oxni_xhash_search(table, "", 0, NULL));
+    EXPECT_EQ(0, oxni_xhash_search(table, "x\0y", 3, nullptr));
+    EXPECT_EQ(-1, oxni_xhash_search(table, "x\0z", 3, nullptr));
+    EXPECT_EQ(0, oxni_xhash_search(table, "", 0, nullptr));
     oxni_xhash_destroy(table);
 }
 
@@ -56,7 +56,7 @@ TEST_F(xhash, values_are_freed_once)
     oxni_xhash *table = oxni_xhash_create(freed, 0);
     char same[] = "same";
 
-    EXPECT_EQ(0, put(table, "n", NULL));
+    EXPECT_EQ(0, put(table, "n", nullptr));
     EXPECT_EQ(0, put(table, "m", "b"));
     EXPECT_EQ(0, put(table, "n", "a"));
     EXPECT_EQ("n m ", keys(table)); /* "n" keeps its position */
@@ -88,12 +88,12 @@ TEST_F(xhash, entries_deleted_while_iterating)
     };
 
     for (const auto &row : rows) {
-        oxni_xhash *table = oxni_xhash_create(NULL, 0);
+        oxni_xhash *table = oxni_xhash_create(nullptr, 0);
         std::string visited;
         bool done = false;
         for (char key : std::string("abcd"))
-            put(table, std::string(1, key), NULL);
-        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != NULL;
+            put(table, std::string(1, key), nullptr);
+        for (const oxni_xhash_entry *at = oxni_xhash_first(table); at != nullptr;
              at = oxni_xhash_next(table, at)) {
             visited += *static_cast<const char *>(at->key);
             if (done || visited.back() != row.at)
@@ -102,7 +102,7 @@ TEST_F(xhash, entries_deleted_while_iterating)
             for (char key : std::string(row.deleted))
                 EXPECT_EQ(0, oxni_xhash_delete(table, &key, 1)) << row.visited;
             if (row.added[0] != '\0')
-                put(table, row.added, NULL);
+                put(table, row.added, nullptr);
         }
         EXPECT_EQ(row.visited, visited) << row.deleted;
         oxni_xhash_destroy(table);
@@ -120,14 +120,14 @@ TEST_F(xhash, a_failed_allocation_leaves_the_table_unchanged)
         std::string expected;
         oxnih_memory_fail(++nth, 0);
         oxni_xhash *table = oxni_xhash_create(freed, 0);
-        failures = table == NULL;
-        for (int i = 0; table != NULL && i < 400; i++)
+        failures = table == nullptr;
+        for (int i = 0; table != nullptr && i < 400; i++)
             if (put(table, std::to_string(i), "v") == 0)
                 expected += std::to_string(i) + " ";
             else
                 failures++;
         EXPECT_LE(failures, 1) << nth;
-        EXPECT_EQ(expected, table == NULL ? "" : keys(table)) << nth;
+        EXPECT_EQ(expected, table == nullptr ? "" : keys(table)) << nth;
         EXPECT_EQ("", notes()) << nth; /* the caller still owns a value that was not inserted */
         oxni_xhash_destroy(table);
         notes();

@@ -4,7 +4,7 @@
  * the process with the plug-in loaded.
  */
 #include <windows.h>
-#include <stdio.h>
+#include <cstdio>
 
 #include <string>
 
@@ -14,7 +14,7 @@
 typedef uint64_t (*plugin_init_fn)(void);
 
 /* Allowed growth of private bytes from the tenth to the last load: noise of the heap. */
-#define NOISE_BYTES (256ull * 1024)
+static constexpr uint64_t NOISE_BYTES = 256ull * 1024;
 
 struct usage {
     uint64_t next_handle; /* the lowest free handle, which rises when handles leak */
@@ -24,12 +24,12 @@ struct usage {
 /* Measures handles and private bytes itself, because Wine reports 0 for both. */
 static usage measure(void)
 {
-    HANDLE event = CreateEventW(NULL, TRUE, FALSE, NULL);
+    HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     usage usage = {reinterpret_cast<uintptr_t>(event), 0};
     MEMORY_BASIC_INFORMATION region;
 
     CloseHandle(event);
-    for (char *at = NULL; VirtualQuery(at, &region, sizeof(region)) != 0;
+    for (char *at = nullptr; VirtualQuery(at, &region, sizeof(region)) != 0;
          at = static_cast<char *>(region.BaseAddress) + region.RegionSize)
         if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
             usage.private_bytes += region.RegionSize;
@@ -45,33 +45,33 @@ static const char *load_once(uint64_t *live_blocks)
     oxnih_memory_stats stats;
     plugin_init_fn init;
 
-    if (plugin == NULL)
+    if (plugin == nullptr)
         return "cannot be loaded";
     init = reinterpret_cast<plugin_init_fn>(
         reinterpret_cast<void *>(GetProcAddress(plugin, "oxni_plugin_init")));
-    if (init == NULL || init() != 0)
+    if (init == nullptr || init() != 0)
         return "has no entry point, or its entry point did not return 0";
     if (oxnih_core_run_until(60000) != 0)
         return "failed in its first minute";
     oxnih_memory_get_stats(&stats);
     *live_blocks = stats.live_blocks;
     oxnih_core_reset();
-    if (!FreeLibrary(plugin) || GetModuleHandleW(L"libbypass_mgr.dll") != NULL)
+    if (!FreeLibrary(plugin) || GetModuleHandleW(L"libbypass_mgr.dll") != nullptr)
         return "did not unload";
     oxnih_log_close();
     oxnih_memory_drop_all();
-    return NULL;
+    return nullptr;
 }
 
 /* The C++ runtime's emergency pool for exceptions has about 70 KB; other blocks that a module frees
  * are smaller. */
-#define POOL_BYTES 60000
+static constexpr int POOL_BYTES = 60000;
 
 /* Replaces free in the plug-in while the process ends. Freeing the pool then would be an error: a
  * terminated thread may still hold the heap's lock. */
 static void free_at_exit(void *block)
 {
-    if (block != NULL && _msize(block) > POOL_BYTES)
+    if (block != nullptr && _msize(block) > POOL_BYTES)
         TerminateProcess(GetCurrentProcess(), 3);
 }
 
@@ -103,7 +103,8 @@ static int leave_loaded(void)
 {
     HMODULE plugin = LoadLibraryW(L"libbypass_mgr.dll");
 
-    if (plugin == NULL || !replace_import(plugin, "free", reinterpret_cast<void *>(free_at_exit))) {
+    if (plugin == nullptr ||
+        !replace_import(plugin, "free", reinterpret_cast<void *>(free_at_exit))) {
         fprintf(stderr, "the plug-in cannot be loaded, or does not import free\n");
         return 2;
     }
@@ -136,7 +137,7 @@ int wmain(int argc, wchar_t **argv);
 
 int wmain(int argc, wchar_t **argv)
 {
-    int times = argc > 1 ? static_cast<int>(wcstol(argv[1], NULL, 10)) : 0;
+    int times = argc > 1 ? static_cast<int>(wcstol(argv[1], nullptr, 10)) : 0;
     usage early = {}, late;
     uint64_t blocks = 0, early_blocks = 0;
 

@@ -6,6 +6,7 @@ usage: log_lines.py PROJECT_FOLDER --write                      writes docs/log_
        log_lines.py PROJECT_FOLDER                              compares sources and document
        log_lines.py PROJECT_FOLDER WINE_RUN PROGRAM SCENARIO... and every line of the scenarios
 """
+import collections
 import dataclasses
 import json
 import pathlib
@@ -27,7 +28,8 @@ A line is `[time] [level] [pid:PROCESS] [tid:THREAD] [vkl] [FILE:LINE] text`. In
 `%I64d` and `%llu` stand for a number, `%x` and `%08x` for a hexadecimal one, `%p` for an address, \
 `%s` and `%S` for a text; a text that is `%s` alone is a message as JSON on one line. `\\n` is a line \
 feed within a text, and a text may end with a blank. The log's level decides which lines are \
-written: `fatal` and `error` always, `warn` from level 1 on, `info` from 2 on, `debug` from 3 on.
+written: `fatal` and `error` always, `warn` from level 1 on, `info` from 2 on, `debug` from 3 on. \
+"places" is the number of places in the file that write the line.
 
 This file is made from the sources: `tests/plugin/log_lines.py . --write`.
 """
@@ -114,35 +116,40 @@ def sources_of(root):
             for path in sorted(folder.rglob("*")) if path.suffix in (".cpp", ".h")}
 
 
-def document_of(rows):
+def places_of(statements):
+    """Returns how many statements each row has."""
+    return collections.Counter(row for row, _, _ in statements)
+
+
+def document_of(places):
     lines = [INTRODUCTION]
-    for file in sorted({row.file for row in rows}):
-        lines += [f"## {file}", "", "| level | text |", "| --- | --- |"]
-        lines += [f"| {row.level} | `{row.text.replace('|', chr(92) + '|')}` |"
-                  for row in sorted(rows) if row.file == file]
+    for file in sorted({row.file for row in places}):
+        lines += [f"## {file}", "", "| level | places | text |", "| --- | --- | --- |"]
+        lines += [f"| {row.level} | {places[row]} | `{row.text.replace('|', chr(92) + '|')}` |"
+                  for row in sorted(places) if row.file == file]
         lines.append("")
     return "\n".join(lines)
 
 
 def rows_of_document(text):
-    """Returns the rows of the document."""
-    rows, file = set(), ""
+    """Returns the rows of the document with their number of places."""
+    places, file = collections.Counter(), ""
     for line in text.splitlines():
         if line.startswith("## "):
             file = line[3:]
-        match = re.fullmatch(r"\| (\w+) \| `(.*)` \|", line)
+        match = re.fullmatch(r"\| (\w+) \| (\d+) \| `(.*)` \|", line)
         if match:
-            rows.add(Row(file, match.group(1), match.group(2).replace("\\|", "|")))
-    return rows
+            level, count, line_text = match.groups()
+            places[Row(file, level, line_text.replace("\\|", "|"))] = int(count)
+    return places
 
 
 def differences(statements, listed):
     """Returns what differs between the log statements and the rows of the document."""
-    rows = {row for row, _, _ in statements}
-    return [f"{DOCUMENT} lacks: {row.file}: {row.level}: {row.text}"
-            for row in sorted(rows - listed)] + \
-        [f"{DOCUMENT} has what no source logs: {row.file}: {row.level}: {row.text}"
-         for row in sorted(listed - rows)]
+    places = places_of(statements)
+    return [f"{DOCUMENT}: {row.file}: {row.level}: {row.text}: {listed[row]} places, "
+            f"expected {places[row]}"
+            for row in sorted(places | listed) if places[row] != listed[row]]
 
 
 class Checker:
@@ -197,14 +204,13 @@ def run_problems(statements, rows, command):
 def main(root, *command):
     document = pathlib.Path(root) / DOCUMENT
     statements = statements_of(sources_of(root))
-    rows = {row for row, _, _ in statements}
     if command == ("--write",):
-        document.write_text(document_of(rows))
+        document.write_text(document_of(places_of(statements)))
         return 0
-    listed = rows_of_document(document.read_text()) if document.exists() else set()
+    listed = rows_of_document(document.read_text() if document.exists() else "")
     problems = differences(statements, listed)
     if command:
-        problems += run_problems(statements, rows, command)
+        problems += run_problems(statements, set(places_of(statements)), command)
     for problem in problems[:20]:
         print("FAILED:", problem)
     if problems:

@@ -10,9 +10,9 @@
 #include "model.h"
 #include "scenario/journal.h"
 
-#define STORE_FILE       "bypass_mgr_persistence.ejs"
-#define HISTORY_FILE     "bypass_mgr_upload.ejs"
-#define DUMP_RECORD_FILE "bypass_mgr_dumprecord.ejs"
+static constexpr char STORE_FILE[] = "bypass_mgr_persistence.ejs";
+static constexpr char HISTORY_FILE[] = "bypass_mgr_upload.ejs";
+static constexpr char DUMP_RECORD_FILE[] = "bypass_mgr_dumprecord.ejs";
 
 /* One step of FNV-1a, with 64 bits at a time. */
 static uint64_t hash_step(uint64_t hash, uint64_t value)
@@ -34,7 +34,7 @@ static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
     json_t *inner;
     size_t index;
 
-    hash = hash_step(hash, value != NULL ? json_typeof(value) : JSON_NULL);
+    hash = hash_step(hash, value != nullptr ? json_typeof(value) : JSON_NULL);
     if (json_is_string(value))
         return hash_text(hash, json_string_value(value));
     if (json_is_integer(value))
@@ -131,7 +131,7 @@ void documents_check_history(void)
 /* What the file holds is what there is, when its last writing failed. */
 void documents_fall_back(void)
 {
-    json_t *document = json_loads(model_machine.on_disk.c_str(), 0, NULL), *value;
+    json_t *document = json_loads(model_machine.on_disk.c_str(), 0, nullptr), *value;
     const char *name;
 
     model_machine.behind = false;

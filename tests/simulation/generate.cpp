@@ -8,7 +8,7 @@
 #include "scenario/products.h"
 #include "base/text.h"
 
-#define TEN_DAYS_SECONDS 864000
+static constexpr int TEN_DAYS_SECONDS = 864000;
 
 /* Splitmix64: equal seeds give equal machines with every compiler. */
 struct dice {
@@ -481,8 +481,9 @@ void machine_add_noise(rapidjson::Document &document, uint64_t seed)
         for (rapidjson::SizeType i = 0; i < boot["steps"].Size(); i++) {
             const json_value &step = boot["steps"][i];
             double at = step["at"].GetDouble();
-            bool fits = next_moment(boot, i) >= at + 1 && (node_member(&step, "tell") != NULL ||
-                                                           node_member(&step, "console") != NULL);
+            bool fits =
+                next_moment(boot, i) >= at + 1 &&
+                (node_member(&step, "tell") != nullptr || node_member(&step, "console") != nullptr);
             std::string who = node_text_of(&step, "tell", "");
 
             noisy.PushBack(json_value(step, document.GetAllocator()), document.GetAllocator());

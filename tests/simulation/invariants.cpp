@@ -4,7 +4,7 @@
  */
 #include "machines.h"
 
-#include <stdio.h>
+#include <cstdio>
 
 #include <algorithm>
 #include <map>
@@ -25,7 +25,7 @@
 #include "invariants.h"
 #include "model.h"
 
-#define POLL_MS 30000u
+static constexpr uint32_t POLL_MS = 30000u;
 
 static simulate_finding s_finding;
 
@@ -56,7 +56,7 @@ static void check_chain(void)
 {
     delivery &now = model_agent.now;
     enum verdict verdict = VERDICT_NOT_YET;
-    oxni_subscriber *subscriber = NULL;
+    oxni_subscriber *subscriber = nullptr;
     auto at = model_agent.chains.find(now.context);
 
     if (at != model_agent.chains.end()) {
@@ -73,9 +73,9 @@ static void check_chain(void)
         verdict = VERDICT_FAILED;
         now.chains_expected = 0;
     }
-    if (verdict != VERDICT_NOT_YET && subscriber != NULL)
+    if (verdict != VERDICT_NOT_YET && subscriber != nullptr)
         model_verdict(subscriber, verdict);
-    if ((verdict == VERDICT_CRASH || verdict == VERDICT_POWER) && subscriber != NULL &&
+    if ((verdict == VERDICT_CRASH || verdict == VERDICT_POWER) && subscriber != nullptr &&
         model_agent.members[subscriber].filed)
         WANT(now.undeletable || !model_tag_exists(), "tag",
              "a recovery tag remains after a crash or a power loss");
@@ -112,7 +112,7 @@ static void check_handles(void)
         else
             ++at;
     }
-    WANT(excess - model_agent.excess == (model_agent.now.leaves != NULL ? 1 : 0), "handles",
+    WANT(excess - model_agent.excess == (model_agent.now.leaves != nullptr ? 1 : 0), "handles",
          "deletes without a reference");
     model_agent.excess = excess;
 }
@@ -145,7 +145,7 @@ static void finish(void)
 {
     if (!model_agent.now.open)
         return;
-    if (model_agent.now.context != 0 || model_agent.now.registers != NULL)
+    if (model_agent.now.context != 0 || model_agent.now.registers != nullptr)
         check_chain();
     WANT(model_agent.now.seen == model_agent.now.expected, order_invariant(),
          orders_text(model_agent.now.seen) + " ordered, expected " +
@@ -180,7 +180,7 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
             now.arming_failed = true;
         else
             now.armed++;
-        if (result != 0 && now.context == 0 && now.registers != NULL)
+        if (result != 0 && now.context == 0 && now.registers != nullptr)
             model_agent.chains[a[2]] = {now.registers, model_polls_at_start(), false};
         WANT(now.context == 0 || a[2] == now.context, "one chain", "a chain arms another one");
     }
@@ -219,7 +219,7 @@ static void on_delete_file(const uint64_t *a, uint64_t result)
 static void on_open_record(const uint64_t *a, uint64_t result)
 {
     (void)result;
-    model_agent.records_written += wcschr(reinterpret_cast<const wchar_t *>(a[1]), L'+') != NULL;
+    model_agent.records_written += wcschr(reinterpret_cast<const wchar_t *>(a[1]), L'+') != nullptr;
 }
 
 static void begin(const oxnih_event *event)
@@ -407,11 +407,11 @@ void invariants_open(void)
     model_agent = {};
     model_machine = {};
     s_finding = {};
-    journal_set_view(look, NULL);
+    journal_set_view(look, nullptr);
     agent_watch_end(check_leaks);
-    oxnih_core_set_observer(observe, NULL);
-    oxnih_set_complaint(complain, NULL);
-    oxnih_log_set_sink(NULL, NULL);
+    oxnih_core_set_observer(observe, nullptr);
+    oxnih_set_complaint(complain, nullptr);
+    oxnih_log_set_sink(nullptr, nullptr);
     for (const auto &row : s_watches)
         calls_set_watch(row.name, row.watch);
     previous_boot_open();
@@ -430,8 +430,8 @@ const std::vector<uint64_t> &invariants_blocks(void)
 void invariants_close(void)
 {
     for (const auto &row : s_watches)
-        calls_set_watch(row.name, NULL);
+        calls_set_watch(row.name, nullptr);
     previous_boot_close();
-    agent_watch_end(NULL);
-    journal_set_view(NULL, NULL);
+    agent_watch_end(nullptr);
+    journal_set_view(nullptr, nullptr);
 }

@@ -2,7 +2,7 @@
 #ifndef SIMULATION_INVARIANTS_H
 #define SIMULATION_INVARIANTS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

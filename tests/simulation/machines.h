@@ -2,7 +2,7 @@
 #ifndef SIMULATION_MACHINES_H
 #define SIMULATION_MACHINES_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

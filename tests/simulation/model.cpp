@@ -14,7 +14,7 @@
 #include "machine/machine.h"
 #include "base/text.h"
 
-#define POLLS 12
+static constexpr int POLLS = 12;
 
 struct agent_model model_agent;
 struct machine_model model_machine;
@@ -23,7 +23,7 @@ std::string model_text(const json_t *object, const char *name)
 {
     const char *text = json_string_value(json_object_get(object, name));
 
-    return text != NULL ? text : "";
+    return text != nullptr ? text : "";
 }
 
 static int status_of(const std::string &word)
@@ -97,17 +97,17 @@ static const event_record *newest(uint32_t id, const wchar_t *source, uint32_t o
     const std::vector<event_record> &events = machine_get().events;
 
     if (query >= model_agent.now.logs.size() || !model_agent.now.logs[query])
-        return NULL;
+        return nullptr;
     for (size_t at = events.size(); at-- > 0;)
         if (((events[at].id & 0xffff) == id && events[at].source == source) ||
             ((events[at].id & 0xffff) == other && events[at].source == other_source))
             return &events[at];
-    return NULL;
+    return nullptr;
 }
 
 static bool is_event(const event_record *event, uint32_t id)
 {
-    return event != NULL && (event->id & 0xffff) == id;
+    return event != nullptr && (event->id & 0xffff) == id;
 }
 
 /* Module names of a stack's text. */
@@ -136,7 +136,7 @@ static std::set<std::string> stack_modules(const std::string &text)
 static std::set<std::string> crashed_modules(std::wstring *small_path)
 {
     const struct machine &machine = machine_get();
-    const std::string *small = NULL, *complete = NULL;
+    const std::string *small = nullptr, *complete = nullptr;
     uint64_t newest_small = 0;
 
     for (const auto &stack : machine.stacks) {
@@ -148,13 +148,13 @@ static std::set<std::string> crashed_modules(std::wstring *small_path)
         } else if (time > newest_small) {
             newest_small = time;
             *small_path = machine_real_path(stack.first);
-            small = time > machine.boot_100ns ? &stack.second : NULL;
+            small = time > machine.boot_100ns ? &stack.second : nullptr;
         }
     }
     if (!machine.has_engine || !machine.engine_faults.empty() ||
-        (small == NULL && complete == NULL))
+        (small == nullptr && complete == nullptr))
         return {};
-    return stack_modules(small != NULL ? *small : *complete);
+    return stack_modules(small != nullptr ? *small : *complete);
 }
 
 static void expect_order(oxni_subscriber *to, const char *type, const std::string &reason,
@@ -281,7 +281,7 @@ static const std::string *first_blamed(const std::set<std::string> &stack)
         for (const std::string &module : model_agent.members[subscriber].modules)
             if (stack.count(module) != 0)
                 return &module;
-    return NULL;
+    return nullptr;
 }
 
 static void model_crash(member &member)
@@ -292,7 +292,7 @@ static void model_crash(member &member)
     if (drivers_updated())
         return;
     blamed = first_blamed(crashed_modules(&small_path));
-    if (blamed == NULL) {
+    if (blamed == nullptr) {
         store(member);
         return;
     }

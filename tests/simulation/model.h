@@ -6,7 +6,7 @@
 #ifndef SIMULATION_MODEL_H
 #define SIMULATION_MODEL_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <map>
 #include <set>
@@ -18,8 +18,8 @@
 
 #include "liboxni_core/host.h"
 
-#define UNIX_EPOCH_SECONDS 11644473600ull
-#define CALIBRATION_MS     864000000ull
+static constexpr uint64_t UNIX_EPOCH_SECONDS = 11644473600ull;
+static constexpr uint64_t CALIBRATION_MS = 864000000ull;
 
 enum status {
     STATUS_NONE,

@@ -3,7 +3,7 @@
 #include "simulate.h"
 
 #include <inttypes.h>
-#include <stdio.h>
+#include <cstdio>
 #include <windows.h>
 
 #include <functional>
@@ -26,11 +26,11 @@
 #include "base/text.h"
 #include "machines.h"
 
-#define PROGRESS_MS 10000
+static constexpr int PROGRESS_MS = 10000;
 /* A machine takes well under a second, one of ten days some; a busy computer makes it many. */
-#define HANG_SECONDS 600
+static constexpr int HANG_SECONDS = 600;
 /* One machine in so many is played a second time with noise, and must end alike. */
-#define TWIN_EVERY 8
+static constexpr int TWIN_EVERY = 8;
 
 /* One run of a machine. */
 struct played {
@@ -156,7 +156,8 @@ static void save(const rapidjson::Document &document, const std::string &file)
 
     writer.SetIndent(' ', 2);
     document.Accept(writer);
-    if (out == NULL || fwrite(buffer.GetString(), 1, buffer.GetSize(), out) != buffer.GetSize() ||
+    if (out == nullptr ||
+        fwrite(buffer.GetString(), 1, buffer.GetSize(), out) != buffer.GetSize() ||
         fclose(out) != 0)
         throw devhost_error(EXIT_BAD_CALL, file + ": cannot be written");
 }
@@ -210,7 +211,7 @@ static void hash_call(const std::string &text, void *)
 static void hash_begin(const run_folder &folder)
 {
     s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/")};
-    calls_set_trace(hash_call, NULL);
+    calls_set_trace(hash_call, nullptr);
 }
 
 static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)

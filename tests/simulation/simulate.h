@@ -5,7 +5,7 @@
 #ifndef SIMULATE_H
 #define SIMULATE_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 

@@ -17,11 +17,12 @@
 #include "scenario/play.h"
 #include "model.h"
 
-#define AGENT_MS       10000u /* the platform's own drivers register then */
-#define PRODUCTS_MS    15000u
-#define POLL_MS        30000u
-#define SEARCH_SECONDS 375 /* a log that ends earlier may lack the record of a crash */
-#define DRIVERS        "XNI/BYPASS"
+static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */
+static constexpr uint32_t PRODUCTS_MS = 15000u;
+static constexpr uint32_t POLL_MS = 30000u;
+static constexpr int SEARCH_SECONDS =
+    375; /* a log that ends earlier may lack the record of a crash */
+static constexpr char DRIVERS[] = "XNI/BYPASS";
 
 /* One boot as the log shows it. */
 struct shown_boot {
@@ -41,7 +42,7 @@ struct shown_boot {
 struct due {
     uint64_t ms;
     oxni_subscriber *subscriber;
-    const history_product *registers; /* NULL: a poll */
+    const history_product *registers; /* nullptr: a poll */
 };
 
 static bool is(const event_record &event, const wchar_t *source, uint32_t id)
@@ -108,7 +109,7 @@ static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *
     model_agent.now = {};
     model_agent.now.open = true;
     model_agent.now.logs = {true, true};
-    if (due.registers != NULL) {
+    if (due.registers != nullptr) {
         json_t *message = registration(*due.registers);
 
         model_message(due.subscriber, message);
@@ -161,7 +162,7 @@ static void play_model(shown_boot &shown)
         plan.erase(next);
         log_until(shown, due.ms);
         if (do_due(shown, due, chains))
-            plan.push_back({due.ms + POLL_MS, due.subscriber, NULL});
+            plan.push_back({due.ms + POLL_MS, due.subscriber, nullptr});
     }
 }
 

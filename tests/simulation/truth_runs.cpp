@@ -2,8 +2,8 @@
 #include "truth_runs.h"
 
 #include <inttypes.h>
-#include <math.h>
-#include <stdio.h>
+#include <cmath>
+#include <cstdio>
 #include <windows.h>
 
 #include <algorithm>
@@ -18,11 +18,11 @@
 #include "scenario/journal.h"
 #include "machines.h"
 
-#define HANG_SECONDS 300
-#define DAMAGE_EVERY 3    /* machines */
-#define CLOCK_EVERY  8    /* boots */
-#define LONG_NOISE   250u /* records a boot: several chunks */
-#define USUAL_NOISE  12u
+static constexpr int HANG_SECONDS = 300;
+static constexpr int DAMAGE_EVERY = 3;       /* machines */
+static constexpr int CLOCK_EVERY = 8;        /* boots */
+static constexpr uint32_t LONG_NOISE = 250u; /* records a boot: several chunks */
+static constexpr uint32_t USUAL_NOISE = 12u;
 
 /* What replay decided in a boot. */
 struct replayed_boot {
@@ -392,7 +392,7 @@ int truth_run(const struct truth_options &options)
 
 int truth_write_random(const struct truth_options &options)
 {
-    if (!CreateDirectoryW(text_wide(options.folder).c_str(), NULL) &&
+    if (!CreateDirectoryW(text_wide(options.folder).c_str(), nullptr) &&
         GetLastError() != ERROR_ALREADY_EXISTS)
         throw devhost_error(EXIT_BAD_CALL, "cannot make the folder '" + options.folder +
                                                "': " + text_error(GetLastError()));

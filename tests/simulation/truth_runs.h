@@ -5,7 +5,7 @@
 #ifndef TRUTH_RUNS_H
 #define TRUTH_RUNS_H
 
-#include <stdint.h>
+#include <cstdint>
 
 #include <string>
 #include <vector>

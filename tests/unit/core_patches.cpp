@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
 #include <oxni/base/memory.h>
@@ -18,10 +18,10 @@
 core_state s_core;
 
 static const oxni_subscriber_attr s_attrs[] = {
-    {"space", "a", NULL},
-    {"space", "b", NULL},
-    {"space", "c", NULL},
-    {"space", "d", NULL},
+    {"space", "a", nullptr},
+    {"space", "b", nullptr},
+    {"space", "c", nullptr},
+    {"space", "d", nullptr},
 };
 
 static void note(const std::string &word)
@@ -37,10 +37,10 @@ static std::string name_of(const oxni_subscriber *subscriber)
 static std::string text_of(const json_t *json)
 {
     char *text = json_dumps(json, JSON_COMPACT | JSON_SORT_KEYS | JSON_ENCODE_ANY);
-    std::string copy = text != NULL ? text : "nothing";
-    json_free_t free_text = NULL;
+    std::string copy = text != nullptr ? text : "nothing";
+    json_free_t free_text = nullptr;
 
-    json_get_alloc_funcs(NULL, &free_text);
+    json_get_alloc_funcs(nullptr, &free_text);
     free_text(text);
     std::replace(copy.begin(), copy.end(), '"', '\'');
     return copy;
@@ -50,7 +50,7 @@ static int push(oxni_subscriber *subscriber, json_t *message, void *cookie,
                 oxni_push_reply_fn reply)
 {
     note("push " + name_of(subscriber) + " " + text_of(message));
-    if (s_core.cookie != NULL)
+    if (s_core.cookie != nullptr)
         oxni_free_(s_core.cookie);
     s_core.reply = reply;
     s_core.cookie = cookie;
@@ -60,9 +60,9 @@ static int push(oxni_subscriber *subscriber, json_t *message, void *cookie,
 
 static int dump_document(json_t *document, const char *path)
 {
-    if (strstr(path, "dumprecord") != NULL)
+    if (strstr(path, "dumprecord") != nullptr)
         note("record " + text_of(json_object_get(document, "dump_time")));
-    else if (strstr(path, "persistence") != NULL)
+    else if (strstr(path, "persistence") != nullptr)
         note("store " + text_of(json_object_get(document, "data")));
     else
         note("save " + text_of(document));
@@ -71,15 +71,15 @@ static int dump_document(json_t *document, const char *path)
 
 static json_t *load_document(const char *path)
 {
-    if (strstr(path, "persistence") != NULL)
+    if (strstr(path, "persistence") != nullptr)
         return json_incref(s_core.document);
     note("history");
-    return NULL;
+    return nullptr;
 }
 
 static const oxni_subscriber_attr *get_attr(oxni_subscriber *subscriber)
 {
-    return s_core.nameless ? NULL : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
+    return s_core.nameless ? nullptr : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
 }
 
 static void retain(oxni_subscriber *)
@@ -107,7 +107,7 @@ static void stop_timer(uint64_t)
 
 static int is_there(const char *path)
 {
-    if (strstr(path, "oxni_driver_recover") == NULL)
+    if (strstr(path, "oxni_driver_recover") == nullptr)
         return 1;
     note("tag?");
     return s_core.tag;
@@ -130,7 +130,7 @@ static HANDLE WINAPI open_wide(const wchar_t *, DWORD, DWORD, LPSECURITY_ATTRIBU
 static HANDLE WINAPI open_narrow(const char *path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD,
                                  DWORD, HANDLE)
 {
-    note(strstr(path, "oxni_driver_recover") != NULL ? "tag=" : "dump?");
+    note(strstr(path, "oxni_driver_recover") != nullptr ? "tag=" : "dump?");
     return INVALID_HANDLE_VALUE;
 }
 
@@ -187,7 +187,7 @@ static void forget_everything(void)
     for (const oxni_subscriber_attr &attr : s_attrs)
         report_forget(attr.name);
     *report_link_timer_slot() = 0;
-    if (s_core.cookie != NULL)
+    if (s_core.cookie != nullptr)
         oxni_free_(s_core.cookie);
     json_decref(s_core.document);
     s_core = {};
@@ -218,7 +218,7 @@ core_patches::core_patches()
 core_patches::~core_patches()
 {
     forget_everything();
-    oxnih_set_log_dir(NULL);
+    oxnih_set_log_dir(nullptr);
 }
 
 oxni_subscriber *core_subscriber(size_t number)
@@ -229,14 +229,14 @@ oxni_subscriber *core_subscriber(size_t number)
 
 struct suber_set *core_product(size_t number, int32_t status, int64_t count)
 {
-    struct suber_set *record = (struct suber_set *)oxni_zero_malloc_(sizeof(*record));
+    struct suber_set *record = static_cast<struct suber_set *>(oxni_zero_malloc_(sizeof(*record)));
     const std::string module = std::string("m") + s_attrs[number].name;
 
     record->product_name = oxni_strdup(s_attrs[number].name);
     record->status = status;
     record->count = count;
-    record->driver_modules = oxni_xhash_create(NULL, 0);
-    (void)oxni_xhash_insert(record->driver_modules, module.c_str(), module.size() + 1, NULL);
+    record->driver_modules = oxni_xhash_create(nullptr, 0);
+    (void)oxni_xhash_insert(record->driver_modules, module.c_str(), module.size() + 1, nullptr);
     (void)bypass_mgr_table_insert(core_subscriber(number), record);
     return record;
 }
@@ -254,5 +254,5 @@ std::string core_calls(void)
 json_t *core_json(std::string text)
 {
     std::replace(text.begin(), text.end(), '\'', '"');
-    return json_loads(text.c_str(), 0, NULL);
+    return json_loads(text.c_str(), 0, nullptr);
 }

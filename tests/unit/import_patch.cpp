@@ -1,10 +1,10 @@
 /* The import table of the running executable. */
 #include "import_patch.h"
 
-#include <stddef.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <windows.h>
 
 static void write_entry(uintptr_t *entry, uintptr_t value)
@@ -19,7 +19,7 @@ static void write_entry(uintptr_t *entry, uintptr_t value)
 
 static uintptr_t *find_entry(const char *wanted)
 {
-    uint8_t *base = reinterpret_cast<uint8_t *>(GetModuleHandleW(NULL));
+    uint8_t *base = reinterpret_cast<uint8_t *>(GetModuleHandleW(nullptr));
     const IMAGE_DOS_HEADER *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
     const IMAGE_NT_HEADERS *nt = reinterpret_cast<IMAGE_NT_HEADERS *>(base + dos->e_lfanew);
     const IMAGE_DATA_DIRECTORY *directory =
@@ -37,7 +37,7 @@ static uintptr_t *find_entry(const char *wanted)
                 return entry;
         }
     }
-    return NULL;
+    return nullptr;
 }
 
 void import_patch::replace(const char *name, uintptr_t replacement)

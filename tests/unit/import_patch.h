@@ -6,7 +6,7 @@
 #ifndef IMPORT_PATCH_H
 #define IMPORT_PATCH_H
 
-#include <stdint.h>
+#include <cstdint>
 
 class import_patch
 {

@@ -2,10 +2,10 @@
 
 #include <stdexcept>
 
-#include <string.h>
+#include <cstring>
 #include <windows.h>
 
-#define MOMENT 1709802341 /* seconds since 1970 UTC */
+static constexpr int MOMENT = 1709802341; /* seconds since 1970 UTC */
 
 static block s_log_bytes; /* what ReadEventLogW still has to return */
 
@@ -29,15 +29,15 @@ block event_record(uint32_t event_id, const std::wstring &source,
 
     put_text(&bytes, source);
     put_text(&bytes, L"COMPUTER");
-    header.StringOffset = (DWORD)bytes.size();
+    header.StringOffset = static_cast<DWORD>(bytes.size());
     for (const std::wstring &text : strings)
         put_text(&bytes, text);
     bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
-    header.Length = (DWORD)bytes.size();
+    header.Length = static_cast<DWORD>(bytes.size());
     header.Reserved = 0x654c664c;
     header.TimeGenerated = header.TimeWritten = MOMENT;
     header.EventID = event_id;
-    header.NumStrings = (WORD)strings.size();
+    header.NumStrings = static_cast<WORD>(strings.size());
     memcpy(bytes.data(), &header, sizeof(header));
     memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));
     return bytes;
@@ -58,12 +58,12 @@ static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWOR
     if (system_log::read_throws)
         throw std::range_error("read");
     if (s_log_bytes.empty() || s_log_bytes.size() > size) {
-        *needed = (DWORD)s_log_bytes.size();
+        *needed = static_cast<DWORD>(s_log_bytes.size());
         SetLastError(s_log_bytes.empty() ? ERROR_HANDLE_EOF : ERROR_INSUFFICIENT_BUFFER);
         return FALSE;
     }
     memcpy(buffer, s_log_bytes.data(), s_log_bytes.size());
-    *filled = (DWORD)s_log_bytes.size();
+    *filled = static_cast<DWORD>(s_log_bytes.size());
     s_log_bytes.clear();
     return TRUE;
 }

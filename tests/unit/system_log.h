@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include <stdint.h>
+#include <cstdint>
 
 #include "import_patch.h"
 

@@ -7,7 +7,7 @@
 #include "unit_support.h"
 #include "win_event_parse.h"
 
-#include <string.h>
+#include <cstring>
 
 #include <initguid.h>
 #include <dbgeng.h>
@@ -15,12 +15,12 @@
 
 #include <oxni/base/timer.h>
 
-#define DUMP  L"C:\\d.dmp"
-#define STACK "Call Site\nnt+0x107\n"
+static constexpr wchar_t DUMP[] = L"C:\\d.dmp";
+static constexpr char STACK[] = "Call Site\nnt+0x107\n";
 
 /* Slot of the client's function, as the debugger's SDK publishes it, and how many are copied. */
-#define SET_OUTPUT_CALLBACKS 34
-#define WATCHED_SLOTS        70
+static constexpr int SET_OUTPUT_CALLBACKS = 34;
+static constexpr int WATCHED_SLOTS = 70;
 
 typedef HRESULT(WINAPI *create_fn)(REFIID iid, void **client);
 typedef HRESULT(STDMETHODCALLTYPE *set_callbacks_fn)(IDebugClient *, IDebugOutputCallbacks *);
@@ -35,7 +35,7 @@ static IDebugOutputCallbacks *s_callbacks; /* with a reference of the test's own
 static HRESULT STDMETHODCALLTYPE set_callbacks(IDebugClient *client,
                                                IDebugOutputCallbacks *callbacks)
 {
-    if (callbacks != NULL && s_keep_callbacks) {
+    if (callbacks != nullptr && s_keep_callbacks) {
         s_callbacks = callbacks;
         callbacks->AddRef();
     }
@@ -58,14 +58,14 @@ static HRESULT WINAPI create_watched(REFIID iid, void **client)
 
 static HMODULE WINAPI load(const wchar_t *name)
 {
-    if (s_missing_module != NULL && wcscmp(name, s_missing_module) == 0)
-        return NULL;
-    return LoadLibraryExW(name, NULL, 0);
+    if (s_missing_module != nullptr && wcscmp(name, s_missing_module) == 0)
+        return nullptr;
+    return LoadLibraryExW(name, nullptr, 0);
 }
 
 static FARPROC WINAPI no_address(HMODULE, const char *)
 {
-    return NULL;
+    return nullptr;
 }
 
 static FARPROC WINAPI watched_address(HMODULE, const char *)
@@ -101,17 +101,17 @@ TEST(test_get_dmp_info, references)
 {
     for (const char *failing :
          {"DebugCreate", "QueryInterface", "SetOutputCallbacks", "OpenDumpFileWide", "WaitForEvent",
-          "GetStackTrace", "OutputStackTrace", (const char *)NULL}) {
-        SCOPED_TRACE(failing == NULL ? "none" : failing);
+          "GetStackTrace", "OutputStackTrace", static_cast<const char *>(nullptr)}) {
+        SCOPED_TRACE(failing == nullptr ? "none" : failing);
         std::string text = "untouched";
         engine_play(DUMP, STACK, failing, S_FALSE);
-        s_callbacks = NULL;
+        s_callbacks = nullptr;
         s_keep_callbacks = true;
-        EXPECT_EQ(get_dmp_info(DUMP, 1, &text), failing == NULL);
-        EXPECT_EQ(text, failing == NULL ? STACK : "untouched");
+        EXPECT_EQ(get_dmp_info(DUMP, 1, &text), failing == nullptr);
+        EXPECT_EQ(text, failing == nullptr ? STACK : "untouched");
         EXPECT_EQ(engine_left(), 0u);
         s_keep_callbacks = false;
-        if (s_callbacks != NULL) {
+        if (s_callbacks != nullptr) {
             EXPECT_EQ(s_callbacks->Release(), 0u);
         }
     }
@@ -163,7 +163,7 @@ TEST(test_get_dmp_info, no_memory_for_the_text)
 }
 
 /* An engine of this test, which records its calls. */
-#define ENGINE_SLOTS 128
+static constexpr int ENGINE_SLOTS = 128;
 
 struct recording_object {
     void **functions;
@@ -198,7 +198,7 @@ static ULONG STDMETHODCALLTYPE note_release(recording_object *object)
 /* The engine keeps no reference of its own, so releasing the callbacks frees them. */
 static HRESULT STDMETHODCALLTYPE note_callbacks(recording_object *, IDebugOutputCallbacks *given)
 {
-    note(given != NULL ? "callbacks" : "no callbacks");
+    note(given != nullptr ? "callbacks" : "no callbacks");
     s_callbacks = given;
     return S_OK;
 }
@@ -309,8 +309,8 @@ TEST(test_get_dmp_info, time_of_a_check)
                  wide_bytes(L"0"));
     s_create = note_create;
     s_asked.clear();
-    EXPECT_EQ(start_bypass_status_check(ignore_verdict, NULL), 1);
-    s_poll(NULL, s_poll_argument);
+    EXPECT_EQ(start_bypass_status_check(ignore_verdict, nullptr), 1);
+    s_poll(nullptr, s_poll_argument);
     s_create = engines_own;
     EXPECT_NE(s_asked.find("wait 0 300000; "), std::string::npos) << s_asked;
 }
@@ -319,7 +319,7 @@ TEST(test_analyze_dmp_file, no_path)
 {
     crash_module_set modules = {"before"};
 
-    EXPECT_FALSE(analyze_dmp_file(NULL, 1, &modules));
+    EXPECT_FALSE(analyze_dmp_file(nullptr, 1, &modules));
     EXPECT_FALSE(analyze_dmp_file(L"", 1, &modules));
     EXPECT_EQ(modules, crash_module_set{"before"});
 }

@@ -1,6 +1,7 @@
 /* The System process as the boot moment: which entry of a snapshot it is, and its time. */
 #include "boot_time.h"
 
+#include "time_text.h"
 #include "unit_support.h"
 
 #include <tlhelp32.h>
@@ -47,14 +48,14 @@ static BOOL WINAPI close_handle(HANDLE)
 
 static BOOL WINAPI process_times(HANDLE, FILETIME *created, FILETIME *, FILETIME *, FILETIME *)
 {
-    *created = {(DWORD)s_created, (DWORD)(s_created >> 32)};
+    *created = {static_cast<DWORD>(s_created), static_cast<DWORD>(s_created >> 32)};
     return TRUE;
 }
 
 static HANDLE WINAPI no_snapshot(DWORD, DWORD)
 {
     SetLastError(ERROR_ACCESS_DENIED);
-    return NULL;
+    return nullptr;
 }
 
 class process_patches
@@ -98,8 +99,8 @@ TEST(test_find_system_process_id, no_snapshot)
     log_forget();
     EXPECT_EQ(find_system_process_id(&id), 5u);
     EXPECT_TRUE(log_contains("Snapshot failed 5. "));
-    EXPECT_EQ(find_system_process_id(NULL), 87u);
-    EXPECT_EQ(get_system_process_start_time(NULL), 87u);
+    EXPECT_EQ(find_system_process_id(nullptr), 87u);
+    EXPECT_EQ(get_system_process_start_time(nullptr), 87u);
 }
 
 /* A time is taken as a signed number and cut toward zero. */
@@ -117,6 +118,15 @@ TEST(test_get_bootup_time, conversions)
     s_parent = 0;
     for (const auto &row : s_rows) {
         s_created = row.filetime;
-        EXPECT_EQ((int64_t)get_bootup_time(), row.seconds);
+        EXPECT_EQ(static_cast<int64_t>(get_bootup_time()), row.seconds);
     }
+}
+
+/* Text of a moment that no calendar of Windows has. */
+TEST(test_time_text_local, no_date)
+{
+    char text[TIME_TEXT_CHARS];
+
+    time_text_local(INT64_MAX, text, sizeof(text));
+    EXPECT_STREQ(text, "1970-01-01 00:00:00");
 }

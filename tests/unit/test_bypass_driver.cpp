@@ -10,7 +10,7 @@
 
 #include "liboxnibase/host.h"
 
-#define DRIVER_KEY L"SYSTEM\\CurrentControlSet\\Services\\load_driver"
+static constexpr wchar_t DRIVER_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\load_driver";
 
 TEST(test_read_load_driver_value, values)
 {
@@ -37,7 +37,7 @@ TEST(test_read_load_driver_value, values)
         EXPECT_EQ(value, row.value) << &row - s_rows;
     }
     EXPECT_EQ(read_load_driver_value(L"Missing", &value), 2u);
-    EXPECT_EQ(read_load_driver_value(NULL, &value), 87u);
+    EXPECT_EQ(read_load_driver_value(nullptr, &value), 87u);
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SYSTEM");
     log_forget();
     EXPECT_EQ(read_load_driver_value(L"Count", &value), 2u);
@@ -54,8 +54,8 @@ TEST(test_get_errortime_string, times)
         {MOMENT_FILETIME + 9999999, 20, "2024-03-07 09:05:41"},
         {MOMENT_FILETIME,           10, "2024-03-0"          },
         {MOMENT_FILETIME,           1,  ""                   },
-        {MOMENT_FILETIME,           0,  NULL                 },
-        {1ULL << 63,                20, NULL                 },
+        {MOMENT_FILETIME,           0,  nullptr              },
+        {1ULL << 63,                20, nullptr              },
     };
     char text[20] = "before";
     uint64_t time = 5;
@@ -64,23 +64,23 @@ TEST(test_get_errortime_string, times)
         const std::string bytes(reinterpret_cast<const char *>(&row.time), sizeof(row.time));
         strcpy(text, "before");
         registry_set(DRIVER_KEY, L"errortime", REG_QWORD, bytes);
-        EXPECT_EQ(get_load_driver_errortime(text, row.size), row.text != NULL) << &row - s_rows;
-        EXPECT_STREQ(text, row.text != NULL ? row.text : "before");
+        EXPECT_EQ(get_load_driver_errortime(text, row.size), row.text != nullptr) << &row - s_rows;
+        EXPECT_STREQ(text, row.text != nullptr ? row.text : "before");
     }
     time = MOMENT_FILETIME;
     registry_set(DRIVER_KEY, L"errortime", REG_QWORD,
                  std::string(reinterpret_cast<const char *>(&time), sizeof(time)));
     time = 5;
-    EXPECT_FALSE(get_load_driver_errortime(NULL, 20));
+    EXPECT_FALSE(get_load_driver_errortime(nullptr, 20));
     log_forget();
     EXPECT_FALSE(get_oxnisp_driver_errortime(text, -1));
     EXPECT_TRUE(log_contains("[bypass_sp_driver.cpp:")); /* refused here, not below */
-    EXPECT_FALSE(get_oxnisp_driver_errortime(NULL, 20));
-    EXPECT_FALSE(get_errortime_string(text, 20, NULL));
-    EXPECT_FALSE(get_errortime_string(NULL, 20, DRIVER_KEY));
+    EXPECT_FALSE(get_oxnisp_driver_errortime(nullptr, 20));
+    EXPECT_FALSE(get_errortime_string(text, 20, nullptr));
+    EXPECT_FALSE(get_errortime_string(nullptr, 20, DRIVER_KEY));
     EXPECT_FALSE(get_errortime_string(text, 0, DRIVER_KEY));
-    EXPECT_FALSE(query_errortime(NULL, DRIVER_KEY));
-    EXPECT_FALSE(query_errortime(&time, NULL));
+    EXPECT_FALSE(query_errortime(nullptr, DRIVER_KEY));
+    EXPECT_FALSE(query_errortime(&time, nullptr));
     registry_set(DRIVER_KEY, L"errortime", REG_BINARY, "12345678");
     EXPECT_FALSE(query_errortime(&time, DRIVER_KEY));
     EXPECT_EQ(time, 5u);
@@ -96,7 +96,7 @@ static size_t s_tries;
 
 static LSTATUS WINAPI delete_key(HKEY, const wchar_t *)
 {
-    return (LSTATUS)s_answers[s_tries++];
+    return static_cast<LSTATUS>(s_answers[s_tries++]);
 }
 
 /* No message reports a mark that stays, so only here the result shows. */
@@ -156,7 +156,7 @@ static std::wstring s_opened; /* the file that was opened or deleted last */
 static FILE *open_no_file(const wchar_t *path, const wchar_t *)
 {
     s_opened = path;
-    return NULL;
+    return nullptr;
 }
 
 static BOOL WINAPI delete_no_file(const wchar_t *path)
@@ -215,8 +215,8 @@ TEST(test_record_path, long_and_odd_folders)
         EXPECT_EQ(log_contains("too long\n") || log_contains("get log dir is error\n"),
                   !row.has_sp_path);
     }
-    oxnih_set_process_path(NULL);
-    oxnih_set_log_dir(NULL);
+    oxnih_set_process_path(nullptr);
+    oxnih_set_log_dir(nullptr);
 }
 
 TEST(test_get_oxnisp_crash_config_path, sizes)
@@ -231,7 +231,7 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
         {"C:\\b", 53, false, L""               },
         {"C:\\b", 1,  false, L""               },
         {"C:\\b", 0,  false, L"before"         },
-        {NULL,    54, false, L""               },
+        {nullptr, 54, false, L""               },
         {"\xFF:", 54, false, L""               },
     };
 
@@ -241,18 +241,18 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
         EXPECT_EQ(get_oxnisp_crash_config_path(path, row.size), row.result) << &row - s_rows;
         EXPECT_STREQ(path, row.path);
     }
-    EXPECT_FALSE(get_oxnisp_crash_config_path(NULL, 54));
-    oxnih_set_log_dir(NULL);
+    EXPECT_FALSE(get_oxnisp_crash_config_path(nullptr, 54));
+    oxnih_set_log_dir(nullptr);
 }
 
 TEST(test_bypass_driver, null_arguments)
 {
     crash_config_record record = {};
 
-    EXPECT_EQ(read_crash_config(NULL, L"a"), 1);
-    EXPECT_EQ(read_crash_config(&record, NULL), 1);
-    EXPECT_EQ(write_crash_config(NULL, L"a"), 1);
-    EXPECT_EQ(write_crash_config(&record, NULL), 1);
-    EXPECT_EQ(create_service_crashflag(NULL), 87u);
-    EXPECT_EQ(delete_service_crashflag(NULL), 87u);
+    EXPECT_EQ(read_crash_config(nullptr, L"a"), 1);
+    EXPECT_EQ(read_crash_config(&record, nullptr), 1);
+    EXPECT_EQ(write_crash_config(nullptr, L"a"), 1);
+    EXPECT_EQ(write_crash_config(&record, nullptr), 1);
+    EXPECT_EQ(create_service_crashflag(nullptr), 87u);
+    EXPECT_EQ(delete_service_crashflag(nullptr), 87u);
 }

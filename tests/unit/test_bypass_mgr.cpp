@@ -20,7 +20,7 @@ TEST(bypass_mgr, given_texts_byte_by_byte)
     std::string schema(2000, '\0');
 
     file.read(schema.data(), 2000);
-    schema.resize((size_t)file.gcount());
+    schema.resize(static_cast<size_t>(file.gcount()));
 
     EXPECT_EQ(1112U, schema.size());
     EXPECT_EQ(schema, bypass_mgr_registration_schema);
@@ -108,12 +108,12 @@ struct process_end {
 
 static void *failing_malloc(size_t size)
 {
-    return --s_failing == 0 ? NULL : calloc(1, size);
+    return --s_failing == 0 ? nullptr : calloc(1, size);
 }
 
 static char *failing_strdup(const char *)
 {
-    return NULL;
+    return nullptr;
 }
 
 static void end_process(const char *file, int line)

@@ -22,12 +22,12 @@ static const struct command_row {
     const char *calls;                    /* of the reply */
 } s_commands[] = {
     {"bypass",        "bypass",    "m",  0, "{'reason':'m','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
-    {"no type",       NULL,        NULL, 0, "{'reason':'none','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
-    {"recover",       "recover",   NULL, 0, "{'reason':'none','type':'recover'}", 1, 1, 0, ""},
-    {"set_count",     "set_count", NULL, 0, "{'count':7,'reason':'none','type':'set_count'}", 1, 0, 0, ""},
-    {"another",       "Bypass",    NULL, 0, "{'reason':'none','type':'Bypass'}", 1, 0, 0, ""},
+    {"no type",       nullptr,        nullptr, 0, "{'reason':'none','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
+    {"recover",       "recover",   nullptr, 0, "{'reason':'none','type':'recover'}", 1, 1, 0, ""},
+    {"set_count",     "set_count", nullptr, 0, "{'count':7,'reason':'none','type':'set_count'}", 1, 0, 0, ""},
+    {"another",       "Bypass",    nullptr, 0, "{'reason':'none','type':'Bypass'}", 1, 0, 0, ""},
     {"bypass fails",  "bypass",    "m",  5, "{'reason':'m','type':'bypass'}", 1, 0, 0, ""},
-    {"recover fails", "recover",   NULL, 5, "{'reason':'none','type':'recover'}", 1, 0, 0, ""},
+    {"recover fails", "recover",   nullptr, 5, "{'reason':'none','type':'recover'}", 1, 0, 0, ""},
 };
 /* clang-format on */
 
@@ -41,8 +41,8 @@ TEST(test_command, messages_and_replies)
 
         EXPECT_EQ(bypass_mgr_send(core_subscriber(0), &request), 0);
         EXPECT_EQ(core_calls(), std::string("push a ") + row.message);
-        s_core.reply(row.error, s_core.cookie, s_core.pushed_to, NULL);
-        s_core.cookie = NULL;
+        s_core.reply(row.error, s_core.cookie, s_core.pushed_to, nullptr);
+        s_core.cookie = nullptr;
         EXPECT_EQ(core_calls(), row.calls);
         EXPECT_EQ(record->status, row.status);
         EXPECT_EQ(record->recover_sent, row.recover_sent);
@@ -61,8 +61,8 @@ TEST(test_command, bypass_delivered)
     record->recover_sent = 1;
     bypass_mgr_store_crash("C:\\d", "then", "m");
     (void)bypass_mgr_send(core_subscriber(0), &request);
-    s_core.reply(0, s_core.cookie, s_core.pushed_to, NULL);
-    s_core.cookie = NULL;
+    s_core.reply(0, s_core.cookie, s_core.pushed_to, nullptr);
+    s_core.cookie = nullptr;
     EXPECT_EQ(record->recover_sent, 1);
     EXPECT_STREQ(record->crash.crash_path, "C:\\d");
     EXPECT_STREQ(record->crash.crash_create_time, "then");
@@ -77,7 +77,7 @@ TEST(test_command, unregistered)
     int32_t kind = 1;
 
     log_forget();
-    EXPECT_EQ(bypass_mgr_send(NULL, &request), -1);
+    EXPECT_EQ(bypass_mgr_send(nullptr, &request), -1);
     EXPECT_TRUE(log_contains("invalid parameter"));
     log_forget();
     EXPECT_EQ(bypass_mgr_send(core_subscriber(0), &request), 0);
@@ -87,11 +87,11 @@ TEST(test_command, unregistered)
     log_forget();
     (void)bypass_mgr_send(core_subscriber(0), &request);
     core_calls();
-    s_core.reply(0, NULL, core_subscriber(0), NULL);
-    s_core.reply(0, &kind, NULL, NULL);
+    s_core.reply(0, nullptr, core_subscriber(0), nullptr);
+    s_core.reply(0, &kind, nullptr, nullptr);
     bypass_mgr_table_delete(core_subscriber(0));
-    s_core.reply(0, s_core.cookie, core_subscriber(0), NULL);
-    s_core.cookie = NULL;
+    s_core.reply(0, s_core.cookie, core_subscriber(0), nullptr);
+    s_core.cookie = nullptr;
     EXPECT_EQ(core_calls(), "");
     EXPECT_TRUE(log_contains("The subscriber may have lost contact"));
 }
@@ -139,7 +139,8 @@ TEST(test_command, recovery_request)
     const core_patches patches;
 
     for (const auto &one : s_products) {
-        struct suber_set *record = core_product((size_t)(&one - s_products), one.status, 3);
+        struct suber_set *record =
+            core_product(static_cast<size_t>(&one - s_products), one.status, 3);
         record->recover_sent = one.recover_sent;
         record->parsed = one.parsed;
     }
@@ -183,8 +184,8 @@ TEST(test_debug_command, memory)
     for (char *option : {restore, print, restore, print}) {
         char *arguments[] = {word, option};
         const uint64_t blocks = live_blocks();
-        const bool first = s_core.cookie == NULL;
-        bypass_mgr_dbg_cmd(2, arguments, NULL);
+        const bool first = s_core.cookie == nullptr;
+        bypass_mgr_dbg_cmd(2, arguments, nullptr);
         EXPECT_EQ(core_calls(), option == print ? ""
                                                 : "push a {'reason':'none','type':'recover'}; "
                                                   "push b {'reason':'none','type':'recover'}; "
@@ -212,7 +213,7 @@ TEST(test_uptime_timer, seconds)
         core_product(0, STATUS_WORKING, 3);
         core_calls();
         s_core.uptime_seconds = row.uptime;
-        s_core.last_timer(NULL, NULL);
+        s_core.last_timer(nullptr, nullptr);
         EXPECT_EQ(core_calls(), row.calls);
     }
 }

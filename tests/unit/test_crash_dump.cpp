@@ -15,7 +15,7 @@
 
 #include "liboxnibase/host.h"
 
-#define CRASH_KEY L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
+static constexpr wchar_t CRASH_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 
 TEST(test_read_reg_string_value, values)
 {
@@ -53,8 +53,8 @@ TEST(test_read_reg_string_value, values)
         oxnih_memory_fail(0, 0);
     }
     EXPECT_EQ(read_reg_string_value(key, L"none", &text), 2u);
-    EXPECT_EQ(read_reg_string_value(NULL, L"V", &text), 87u);
-    EXPECT_EQ(read_reg_string_value(key, NULL, &text), 87u);
+    EXPECT_EQ(read_reg_string_value(nullptr, L"V", &text), 87u);
+    EXPECT_EQ(read_reg_string_value(key, nullptr, &text), 87u);
     EXPECT_EQ(text, L"before");
     RegCloseKey(key);
     EXPECT_EQ(live_blocks(), blocks);
@@ -100,12 +100,12 @@ TEST(test_find_new_crash_dump, record_and_names)
     } s_rows[] = {
         {plain, fresh, 1, no_record, "\\a.dmp"},
         {plain, old, 1, 999, "\\a.dmp"},
-        {plain, old, 1, 1000, NULL},
-        {plain, old, 0, 999, NULL},
-        {plain, old, 2, 999, NULL},
+        {plain, old, 1, 1000, nullptr},
+        {plain, old, 0, 999, nullptr},
+        {plain, old, 2, 999, nullptr},
         {plain, fresh, 1, INT64_MAX, "\\a.dmp"}, /* a record newer than the start */
-        {plain, 1ULL << 63, 0, no_record, NULL}, /* times are signed */
-        {plain, 0, 1, -1, NULL},                 /* no time */
+        {plain, 1ULL << 63, 0, no_record, nullptr}, /* times are signed */
+        {plain, 0, 1, -1, nullptr},                 /* no time */
         {scripts, fresh, 0, no_record, "\\\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80.dmp"},
         {half_pair, fresh, 0, no_record, "!"},
         {half_pair_last, fresh, 0, no_record, "!"},
@@ -129,16 +129,16 @@ TEST(test_find_new_crash_dump, record_and_names)
         engine_play((dumps / row.name).c_str(), "Call Site\ndrv+1\n");
         try {
             const bool taken = find_new_crash_dump(5, row.use_record, &modules, &time, &path);
-            EXPECT_EQ(taken, row.path != NULL);
-            EXPECT_EQ(path, row.path != NULL ? dumps.u8string() + row.path : "before");
+            EXPECT_EQ(taken, row.path != nullptr);
+            EXPECT_EQ(path, row.path != nullptr ? dumps.u8string() + row.path : "before");
         } catch (const std::range_error &) {
             EXPECT_STREQ(row.path, "!");
         }
-        EXPECT_EQ(time, row.path != NULL ? row.written : 77u);
-        EXPECT_EQ(modules.size(), row.path != NULL ? 1u : 0u);
+        EXPECT_EQ(time, row.path != nullptr ? row.written : 77u);
+        EXPECT_EQ(modules.size(), row.path != nullptr ? 1u : 0u);
         EXPECT_EQ(listed_file::finds_open, 0);
     }
-    oxnih_set_install_dir(NULL);
+    oxnih_set_install_dir(nullptr);
 }
 
 /* Without a minidump the complete dump counts, and its path stays unknown. */
@@ -151,7 +151,7 @@ TEST(test_find_new_crash_dump, complete_dump)
     uint64_t time = 7;
 
     std::filesystem::create_directories(folder.path);
-    CloseHandle(CreateFileW(dump.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL));
+    CloseHandle(CreateFileW(dump.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(dump.wstring()));
     registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes((folder.path / "no").wstring()));
     engine_play(dump.c_str(), "Call Site\ndrv+1\n", "OpenDumpFileWide");
@@ -182,8 +182,8 @@ TEST(test_get_file_write_time, last_write)
     uint64_t time = 0;
 
     std::filesystem::create_directories(folder.path);
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, NULL);
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr);
     ASSERT_TRUE(SetFileTime(file, &created, &created, &written));
     CloseHandle(file);
     EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 0u);
@@ -198,6 +198,12 @@ TEST(test_get_file_write_time, last_write)
     ASSERT_TRUE(DeleteFileW(path.c_str()));
     EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 1168u);
     EXPECT_EQ(found, path);
+    log_forget();
+    EXPECT_EQ(get_file_write_time(path.c_str(), &time), 2u);
+    EXPECT_TRUE(log_contains("d.dmp failed 2."));
+    log_forget();
+    EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    EXPECT_TRUE(log_contains("d.dmp failed 2."));
 }
 
 TEST(test_crash_dump, null_arguments)
@@ -205,9 +211,9 @@ TEST(test_crash_dump, null_arguments)
     std::wstring path;
     uint64_t time;
 
-    EXPECT_EQ(find_newest_file(NULL, &path, &time), 87u);
-    EXPECT_EQ(get_file_write_time(NULL, &time), 87u);
-    EXPECT_FALSE(is_file_updated_since_boot(NULL));
+    EXPECT_EQ(find_newest_file(nullptr, &path, &time), 87u);
+    EXPECT_EQ(get_file_write_time(nullptr, &time), 87u);
+    EXPECT_FALSE(is_file_updated_since_boot(nullptr));
 }
 
 TEST(test_dumprecord, round_trip_and_wrong_records)
@@ -229,7 +235,7 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
     EXPECT_FALSE(get_dumprecord_time(&time));
     EXPECT_EQ(get_dumprecord_path(path, sizeof(path)), 0);
     for (const auto &row : s_rows) {
-        json_t *record = json_loads(row.json, 0, NULL);
+        json_t *record = json_loads(row.json, 0, nullptr);
         ASSERT_EQ(wdu_json_dump_file_ejs(record, path), 0);
         wdu_json_delete_ejs(record);
         time = 7;
@@ -242,5 +248,5 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
     oxnih_memory_fail(1, 1);
     EXPECT_FALSE(set_dumprecord_time(5));
     oxnih_memory_fail(0, 0);
-    oxnih_set_install_dir(NULL);
+    oxnih_set_install_dir(nullptr);
 }

@@ -100,7 +100,7 @@ TEST(test_report_trigger, results)
 
     nameless.status = STATUS_BYPASS;
     nameless.parsed = 1;
-    EXPECT_EQ(bypass_mgr_report_trigger(NULL), -1);
+    EXPECT_EQ(bypass_mgr_report_trigger(nullptr), -1);
     EXPECT_EQ(bypass_mgr_report_trigger(&nameless), -1);
     EXPECT_EQ(bypass_mgr_report_trigger(record), -2);
     record->parsed = 1;

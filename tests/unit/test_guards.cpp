@@ -44,15 +44,15 @@ TEST(test_guards, missing_arguments)
     core_calls();
     s_echoes = 0;
     log_forget();
-    suber_set_free(NULL);
+    suber_set_free(nullptr);
     EXPECT_TRUE(log_contains("suber_set is NULL"));
-    bypass_mgr_unsubscribe(NULL);
+    bypass_mgr_unsubscribe(nullptr);
     s_core.install_second();
-    report_forget(NULL);
-    EXPECT_FALSE(upload_history_need_report(NULL));
-    EXPECT_FALSE(upload_history_save(NULL));
-    EXPECT_FALSE(upload_history_delete(NULL));
-    bypass_mgr_dbg_cmd(2, arguments, NULL);
+    report_forget(nullptr);
+    EXPECT_FALSE(upload_history_need_report(nullptr));
+    EXPECT_FALSE(upload_history_save(nullptr));
+    EXPECT_FALSE(upload_history_delete(nullptr));
+    bypass_mgr_dbg_cmd(2, arguments, nullptr);
     EXPECT_EQ(s_echoes, 0);
     EXPECT_EQ(core_calls(), "");
     EXPECT_NE(bypass_mgr_table_find(core_subscriber(0)), nullptr);
@@ -66,16 +66,17 @@ TEST(test_guards, missing_names)
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
 
     oxni_free_(record->product_name);
-    record->product_name = NULL;
+    record->product_name = nullptr;
     s_core.nameless = true;
     log_forget();
     (void)bypass_mgr_check_cb(3, {}, "", {}, core_subscriber(0));
     EXPECT_TRUE(log_contains("The product () has already passed"));
+    EXPECT_FALSE(log_contains("Malloc memory failure"));
     EXPECT_EQ(core_calls(), "tag?; store {}; release a");
     for (const int32_t error : {5, 0}) {
         (void)bypass_mgr_send(core_subscriber(0), &request);
-        s_core.reply(error, s_core.cookie, s_core.pushed_to, NULL);
-        s_core.cookie = NULL;
+        s_core.reply(error, s_core.cookie, s_core.pushed_to, nullptr);
+        s_core.cookie = nullptr;
     }
     EXPECT_TRUE(log_contains("Successfully send bypass command, ns(), name()"));
     bypass_mgr_unsubscribe(core_subscriber(0));
@@ -133,10 +134,13 @@ TEST(test_guards, calls_of_windows)
     uint64_t time = 7;
 
     std::filesystem::create_directories(folder.path);
-    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, NULL, CREATE_ALWAYS, 0, NULL));
+    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     EXPECT_EQ(get_file_write_time(path.c_str(), &time), (uint32_t)ERROR_ACCESS_DENIED);
     EXPECT_EQ(time, 7u);
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
+    log_forget();
     EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
     for (const std::vector<DWORD> &results : {
              std::vector<DWORD>{0   },
              { 0, 300},
@@ -151,7 +155,7 @@ TEST(test_guards, calls_of_windows)
         const system_log log({});
         const import_patch read("ReadEventLogW", read_nothing);
         event_info info = {};
-        EXPECT_EQ(win_event_parse().get_crash_info(&info, {NULL, 0}), 13u);
+        EXPECT_EQ(win_event_parse().get_crash_info(&info, {nullptr, 0}), 13u);
         EXPECT_EQ(system_log::logs_open, 0);
     }
 }
@@ -164,7 +168,7 @@ TEST(test_guards, store_without_memory)
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
     bool reached = true;
 
-    s_core.document = NULL;
+    s_core.document = nullptr;
     for (uint64_t nth = 1; nth < 100 && reached; nth++) {
         SCOPED_TRACE(nth);
         {
@@ -198,8 +202,8 @@ static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_
     s_alarms++;
     EXPECT_EQ(json_object_size(data), 26u);
     EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
-    EXPECT_NE(detail == NULL
-                  ? NULL
+    EXPECT_NE(detail == nullptr
+                  ? nullptr
                   : strstr(detail,
                            "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": \"C:\\\\d\", "
                            "\"dumpPathCreateTime\": \"then\", \"crashModuleName\": \"ma\"}}]"),
@@ -286,5 +290,5 @@ TEST(test_guards, long_install_folder)
     EXPECT_TRUE(upload_history_need_report("a"));
     EXPECT_TRUE(log_contains("cannot be resolved or is too long"));
     EXPECT_TRUE(log_contains("Failed to open []!"));
-    oxnih_set_install_dir(NULL);
+    oxnih_set_install_dir(nullptr);
 }

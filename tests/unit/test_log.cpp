@@ -23,7 +23,7 @@ static int present_level(void)
 static char *count_dump(const json_t *, size_t)
 {
     s_dumps++;
-    return NULL;
+    return nullptr;
 }
 
 static int count_time(int64_t, struct tm *)
@@ -117,7 +117,7 @@ TEST(test_log, where_it_goes)
         const char *folder;
     } s_rows[] = {
         {"C:\\base", 0, false, "C:\\base//Quorvel/OXNI3_LOG/oxni_default_autolog//agent.exe/"},
-        {NULL,       0, false, "@/../var/logs/oxni_default_autolog//agent.exe/"              },
+        {nullptr,    0, false, "@/../var/logs/oxni_default_autolog//agent.exe/"              },
         {"C:\\base", 1, false, ""                                                            },
         {"C:\\base", 0, true,  ""                                                            },
     };
@@ -137,6 +137,6 @@ TEST(test_log, where_it_goes)
         EXPECT_EQ(s_folder, row.folder);
         EXPECT_EQ(s_files, row.folder[0] != '\0' ? 5 : 0);
     }
-    oxnih_set_process_path(NULL);
-    oxnih_set_log_dir(NULL);
+    oxnih_set_process_path(nullptr);
+    oxnih_set_log_dir(nullptr);
 }

@@ -9,10 +9,10 @@
 #include "bypass_subscriber.h"
 #include "unit_support.h"
 
-#define TEN_DAYS 864000u
-#define CRASH    "'crash_info':{'path':'C:\\\\d','create_time':'then','module_name':'mx'}"
-#define SET_1    "push a {'count':1,'reason':'none','type':'set_count'}"
-#define BYPASS   "push a {'reason':'mx','type':'bypass'}"
+static constexpr uint32_t TEN_DAYS = 864000u;
+#define CRASH  "'crash_info':{'path':'C:\\\\d','create_time':'then','module_name':'mx'}"
+#define SET_1  "push a {'count':1,'reason':'none','type':'set_count'}"
+#define BYPASS "push a {'reason':'mx','type':'bypass'}"
 
 /* clang-format off */
 static const struct registration_row {
@@ -123,9 +123,9 @@ TEST(test_registration, memory)
             reached = failing.reached();
         }
         const struct suber_set *record = bypass_mgr_table_find(core_subscriber(0));
-        EXPECT_EQ(record != NULL, result == 0);
+        EXPECT_EQ(record != nullptr, result == 0);
         parsing_failed |= log_contains("expr[msg] false! Parsing JSON failed!");
-        if (record != NULL) {
+        if (record != nullptr) {
             EXPECT_STREQ(record->product_name, "a");
             EXPECT_EQ(oxni_xhash_count(record->driver_modules), 2u);
         }
@@ -183,8 +183,8 @@ TEST(test_registration, results)
     json_t *message = core_json("{'product_name':'a','type':'conflict','status':'working'}");
 
     EXPECT_EQ(send_message("modify", "bypass", 1), 0);
-    EXPECT_EQ(bypass_mgr_receive(NULL, message), -1);
-    EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), NULL), -1);
+    EXPECT_EQ(bypass_mgr_receive(nullptr, message), -1);
+    EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), nullptr), -1);
     EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), message), 0);
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)), nullptr);
     EXPECT_EQ(send_message("reg", "bypass", 1), 0);
@@ -200,8 +200,8 @@ TEST(test_install_callback, moments_and_errors)
         const char *logged; /* after the first line */
         bool registered;    /* afterwards; before: yes */
     } s_rows[] = {
-        {0,  0,  NULL,                                                            true },
-        {0,  3,  NULL,                                                            true },
+        {0,  0,  nullptr,                                                         true },
+        {0,  3,  nullptr,                                                         true },
         {0,  -1, "invalid moment[-1]",                                            true },
         {0,  4,  "invalid moment[4]",                                             true },
         {0,  1,  "multiple registration",                                         true },
@@ -221,13 +221,13 @@ TEST(test_install_callback, moments_and_errors)
         core_product(0, STATUS_WORKING, 3);
         core_calls();
         log_forget();
-        s_core.install_cb(row.error, NULL, row.moment, message, core_subscriber(0));
+        s_core.install_cb(row.error, nullptr, row.moment, message, core_subscriber(0));
         snprintf(first, sizeof(first), "start install bypass_mgr errcode(%d) moment(%d)", row.error,
                  row.moment);
         EXPECT_TRUE(log_contains(first));
-        EXPECT_EQ(log_contains("[warn]") || log_contains("[info]"), row.logged != NULL);
-        EXPECT_TRUE(row.logged == NULL || log_contains(row.logged));
-        EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)) != NULL, row.registered);
+        EXPECT_EQ(log_contains("[warn]") || log_contains("[info]"), row.logged != nullptr);
+        EXPECT_TRUE(row.logged == nullptr || log_contains(row.logged));
+        EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)) != nullptr, row.registered);
         EXPECT_EQ(core_calls(), row.registered ? "" : "release a");
         json_decref(message);
     }

@@ -47,7 +47,8 @@ TEST(test_report_pending, memory)
         EXPECT_FALSE(report_pending_has("a"));
         EXPECT_EQ(live_blocks(), blocks);
     }
-    for (const struct crash_info *given : {&crash, (const struct crash_info *)NULL}) {
+    for (const struct crash_info *given :
+         {&crash, static_cast<const struct crash_info *>(nullptr)}) {
         drv_info_add(names, 2, "a", given);
         EXPECT_TRUE(report_pending_has("a"));
         drv_info_add(names, 2, "a", given);
@@ -62,20 +63,20 @@ TEST(test_report_abnormal_crash, results)
 {
     const core_patches patches;
     import_patch deliver("oxni_res_deliver", refuse_request);
-    char module[] = "ma", *names[] = {module}, *none[] = {NULL};
+    char module[] = "ma", *names[] = {module}, *none[] = {nullptr};
 
-    EXPECT_EQ(report_abnormal_crash(NULL, 1, "a", NULL), -1);
-    EXPECT_EQ(report_abnormal_crash(none, 1, "a", NULL), -1);
-    EXPECT_EQ(report_abnormal_crash(names, 0, "a", NULL), -1);
-    EXPECT_EQ(report_abnormal_crash(names, 1, NULL, NULL), -1);
+    EXPECT_EQ(report_abnormal_crash(nullptr, 1, "a", nullptr), -1);
+    EXPECT_EQ(report_abnormal_crash(none, 1, "a", nullptr), -1);
+    EXPECT_EQ(report_abnormal_crash(names, 0, "a", nullptr), -1);
+    EXPECT_EQ(report_abnormal_crash(names, 1, nullptr, nullptr), -1);
     EXPECT_EQ(core_calls(), "");
-    EXPECT_EQ(report_abnormal_crash(names, 1, "a", NULL), 0);
-    EXPECT_EQ(report_abnormal_crash(names, 1, "a", NULL), 0);
-    EXPECT_EQ(report_abnormal_crash(names, 1, "b", NULL), 0);
+    EXPECT_EQ(report_abnormal_crash(names, 1, "a", nullptr), 0);
+    EXPECT_EQ(report_abnormal_crash(names, 1, "a", nullptr), 0);
+    EXPECT_EQ(report_abnormal_crash(names, 1, "b", nullptr), 0);
     EXPECT_EQ(core_calls(), "history; timer 60000; history; history"); /* its timer waits already */
     const uint64_t blocks = live_blocks();
     s_deliveries = 0;
-    s_core.last_timer(NULL, NULL); /* there is no device: armed again */
+    s_core.last_timer(nullptr, nullptr); /* there is no device: armed again */
     EXPECT_EQ(core_calls(), "timer 60000");
     EXPECT_EQ(s_deliveries, 0);
     EXPECT_EQ(live_blocks(), blocks);
@@ -87,7 +88,7 @@ TEST(test_alarm, without_a_device)
     const core_patches patches;
     char module[] = "ma", *names[] = {module};
     const uint64_t blocks = live_blocks();
-    json_t *content = build_alarm_content(names, 1, "a", NULL);
+    json_t *content = build_alarm_content(names, 1, "a", nullptr);
     const json_t *data = json_object_get(content, "data");
 
     EXPECT_STREQ(json_string_value(json_object_get(data, "deviceId")), "XNI_DEVICE_ID");

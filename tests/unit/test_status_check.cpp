@@ -14,8 +14,8 @@
 
 #include "liboxnibase/host.h"
 
-#define CRASH_KEY  L"SYSTEM\\CurrentControlSet\\Control\\CrashControl"
-#define DRIVER_KEY L"SYSTEM\\CurrentControlSet\\Services\\load_driver"
+static constexpr wchar_t CRASH_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
+static constexpr wchar_t DRIVER_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\load_driver";
 
 /* The one timer that is pending. */
 static struct {
@@ -60,13 +60,13 @@ static int32_t play_check(unsigned refused)
 {
     import_patch timer("oxni_timer_start", arm_timer);
 
-    s_timer = {NULL, NULL, 0, refused};
+    s_timer = {nullptr, nullptr, 0, refused};
     s_verdict = {0, -1, 0, false, s_verdict.throws};
-    const int32_t started = start_bypass_status_check(note_verdict, NULL);
-    while (s_timer.fn != NULL && s_timer.armed < 40) {
+    const int32_t started = start_bypass_status_check(note_verdict, nullptr);
+    while (s_timer.fn != nullptr && s_timer.armed < 40) {
         const oxni_timer_fn fn = s_timer.fn;
-        s_timer.fn = NULL;
-        fn(NULL, s_timer.arg);
+        s_timer.fn = nullptr;
+        fn(nullptr, s_timer.arg);
     }
     return started;
 }
@@ -107,7 +107,7 @@ TEST(test_start_bypass_status_check, cannot_go_on)
     oxnih_memory_fail(0, 0);
     EXPECT_EQ(s_verdict.result, STATUS_CHECK_FAILED);
     EXPECT_EQ(s_verdict.count, 1);
-    EXPECT_EQ(start_bypass_status_check(NULL, NULL), 0);
+    EXPECT_EQ(start_bypass_status_check(nullptr, nullptr), 0);
     EXPECT_EQ(live_blocks(), blocks);
 }
 

@@ -110,7 +110,7 @@ TEST(test_recover_tag, results)
     EXPECT_EQ(core_calls(), "tag=; tag?; tag?; tag=");
     recover_tag_delete();
     EXPECT_EQ(core_calls(), "tag?; tag-");
-    oxnih_set_log_dir(NULL);
+    oxnih_set_log_dir(nullptr);
     log_forget();
     recover_tag_delete();
     EXPECT_TRUE(log_contains("Failed to retrieve recovery tag path!"));

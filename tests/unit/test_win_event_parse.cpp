@@ -5,15 +5,15 @@
 
 #include <stdexcept>
 
-#include <stddef.h>
-#include <string.h>
+#include <cstddef>
+#include <cstring>
 
 #include <gtest/gtest.h>
 
 #include "liboxnibase/host.h"
 
-#define NO_MATCH 13
-#define KERNEL   L"Microsoft-Windows-Kernel-General"
+static constexpr int NO_MATCH = 13;
+static constexpr wchar_t KERNEL[] = L"Microsoft-Windows-Kernel-General";
 
 static const event_key s_crash_keys[] = {
     {12,   KERNEL     },
@@ -30,7 +30,7 @@ template <typename Number> static block with(block record, size_t field, Number 
 
 static block with_length(const block &record, size_t length)
 {
-    return with(record, offsetof(EVENTLOGRECORD, Length), (uint32_t)length);
+    return with(record, offsetof(EVENTLOGRECORD, Length), static_cast<uint32_t>(length));
 }
 
 static block operator+(block left, const block &right)
@@ -66,37 +66,38 @@ TEST(test_find_expected_event, blocks)
         size_t found; /* offset of the record that is taken */
         const char *warning; /* part of a log line, or NULL */
     } rows[] = {
-        {"after one of odd length", odd + crash, odd.size(), NULL},
+        {"after one of odd length", odd + crash, odd.size(), nullptr},
         {"after one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
-         event_record(12 + 64, KERNEL).size(), NULL},
-        {"length of zero", with_length(other, 0) + crash, none, NULL},
-        {"length of zero, itself expected", with_length(crash, 0), 0, NULL},
-        {"beyond the block", with_length(other, other.size() + 1), none, NULL},
-        {"beyond the block, itself expected", with_length(crash, crash.size() + 1), 0, NULL},
-        {"largest length", with_length(other, UINT32_MAX) + start, none, NULL},
+         event_record(12 + 64, KERNEL).size(), nullptr},
+        {"length of zero", with_length(other, 0) + crash, none, nullptr},
+        {"length of zero, itself expected", with_length(crash, 0), 0, nullptr},
+        {"beyond the block", with_length(other, other.size() + 1), none, nullptr},
+        {"beyond the block, itself expected", with_length(crash, crash.size() + 1), 0, nullptr},
+        {"largest length", with_length(other, UINT32_MAX) + start, none, nullptr},
         {"bare header", with_length(cut(crash, 56), 56), none,
          "event id[1001] provider len[0] record len[56] left len[0]"},
         {"endless name, then a good record", endless_name(8) + start, 72,
          "event id[1001] provider len[8] record len[72] left len[8]"},
         {"name ends just after the length", with_length(cut(crash, 74), 72), none,
          "event id[1001] provider len[8] record len[72] left len[8]"},
-        {"name ends with the length", with_length(crash, 74), 0, NULL},
-        {"length below the header's, name inside the block", with_length(crash, 55), 0, NULL},
+        {"name ends with the length", with_length(crash, 74), 0, nullptr},
+        {"length below the header's, name inside the block", with_length(crash, 55), 0, nullptr},
     };
     /* clang-format on */
 
     for (const auto &row : rows) {
         SCOPED_TRACE(row.row);
         uint32_t event_id = 0;
-        const wchar_t *provider = NULL;
-        const uint8_t *record = NULL;
+        const wchar_t *provider = nullptr;
+        const uint8_t *record = nullptr;
         log_forget();
-        const uint32_t result = find_expected_event(row.bytes.data(), (uint32_t)row.bytes.size(),
-                                                    &event_id, &provider, &record, s_crash_map);
+        const uint32_t result =
+            find_expected_event(row.bytes.data(), static_cast<uint32_t>(row.bytes.size()),
+                                &event_id, &provider, &record, s_crash_map);
         EXPECT_EQ(result, row.found == none ? NO_MATCH : 0u);
-        EXPECT_EQ(record, row.found == none ? NULL : row.bytes.data() + row.found);
-        EXPECT_EQ((const void *)provider, record == NULL ? NULL : record + 56);
-        if (row.warning != NULL) {
+        EXPECT_EQ(record, row.found == none ? nullptr : row.bytes.data() + row.found);
+        EXPECT_EQ(static_cast<const void *>(provider), record == nullptr ? nullptr : record + 56);
+        if (row.warning != nullptr) {
             EXPECT_TRUE(log_contains(row.warning));
         }
     }
@@ -108,7 +109,8 @@ static uint32_t search(const uint8_t *bytes, size_t size)
     const wchar_t *provider;
     const uint8_t *record;
 
-    return find_expected_event(bytes, (uint32_t)size, &event_id, &provider, &record, s_crash_map);
+    return find_expected_event(bytes, static_cast<uint32_t>(size), &event_id, &provider, &record,
+                               s_crash_map);
 }
 
 /* Every cut of a block that ends at an inaccessible page, and in it every byte changed: no read
@@ -119,23 +121,24 @@ TEST(test_find_expected_event, nothing_behind_the_block_is_read)
     static const size_t page = 4096;
     DWORD protection;
     uint8_t *pages =
-        static_cast<uint8_t *>(VirtualAlloc(NULL, 2 * page, MEM_COMMIT, PAGE_READWRITE));
+        static_cast<uint8_t *>(VirtualAlloc(nullptr, 2 * page, MEM_COMMIT, PAGE_READWRITE));
 
     ASSERT_TRUE(VirtualProtect(pages + page, page, PAGE_NOACCESS, &protection));
     for (size_t size = 0; size <= good.size(); size++)
         for (size_t changed = 0; changed < size; changed++) {
             uint8_t *bytes = pages + page - size;
             memcpy(bytes, good.data(), size);
-            bytes[changed] = (uint8_t)(bytes[changed] ^ 1 << changed % 8);
-            EXPECT_EQ(search(bytes, size), (uint32_t)NO_MATCH);
+            bytes[changed] = static_cast<uint8_t>(bytes[changed] ^ 1 << changed % 8);
+            EXPECT_EQ(search(bytes, size), static_cast<uint32_t>(NO_MATCH));
         }
     /* Lengths that end the name early, or wrap, where nothing ends it. */
     for (uint32_t length = 1; length <= 64; length++) {
         const block record = with_length(endless_name(4), length);
         memcpy(pages + page - record.size(), record.data(), record.size());
-        EXPECT_EQ(search(pages + page - record.size(), record.size()), (uint32_t)NO_MATCH);
+        EXPECT_EQ(search(pages + page - record.size(), record.size()),
+                  static_cast<uint32_t>(NO_MATCH));
     }
-    EXPECT_EQ(search(NULL, 4096), (uint32_t)NO_MATCH);
+    EXPECT_EQ(search(nullptr, 4096), static_cast<uint32_t>(NO_MATCH));
     VirtualFree(pages, 0, MEM_RELEASE);
 }
 
@@ -144,10 +147,10 @@ TEST(test_find_expected_event, nothing_behind_the_block_is_read)
 TEST(test_find_expected_event, look_ups)
 {
     static const event_key s_keys[] = {
-        {0x80000001, L"A"}, /* ids are signed; none of a record is */
-        {12,         L"A"},
-        {41,         L"B"},
-        {1001,       NULL},
+        {0x80000001, L"A"   }, /* ids are signed; none of a record is */
+        {12,         L"A"   },
+        {41,         L"B"   },
+        {1001,       nullptr},
     };
     static const struct {
         uint32_t id;
@@ -177,8 +180,8 @@ TEST(test_find_expected_event, look_ups)
         bool allocated;
         {
             failing_allocations failing(1, true);
-            result = find_expected_event(bytes.data(), (uint32_t)bytes.size(), &id, &provider,
-                                         &record, {s_keys, row.count});
+            result = find_expected_event(bytes.data(), static_cast<uint32_t>(bytes.size()), &id,
+                                         &provider, &record, {s_keys, row.count});
             allocated = failing.reached();
         }
         EXPECT_EQ(result, row.found ? 0u : NO_MATCH) << &row - s_rows;
@@ -193,16 +196,16 @@ TEST(test_unix_time_to_filetime, seconds_are_unsigned)
     FILETIME filetime;
 
     unix_time_to_filetime(UINT32_MAX, &filetime);
-    EXPECT_EQ(((uint64_t)filetime.dwHighDateTime << 32) | filetime.dwLowDateTime,
+    EXPECT_EQ((static_cast<uint64_t>(filetime.dwHighDateTime) << 32) | filetime.dwLowDateTime,
               159394408950000000);
-    unix_time_to_filetime(1, NULL);
+    unix_time_to_filetime(1, nullptr);
 }
 
 /* Insertion strings that the record's fields place wrongly. */
 TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
 {
     const block record = event_record(1001, L"BugCheck", {L"one", L"two"});
-    const uint32_t size = (uint32_t)record.size(), as_written = 92;
+    const uint32_t size = static_cast<uint32_t>(record.size()), as_written = 92;
     /* clang-format off */
     const struct {
         const char *row;
@@ -288,14 +291,14 @@ TEST(test_get_crash_info, words)
     };
 
     for (const auto &row : s_rows) {
-        const event_key key = {row.id, NULL};
+        const event_key key = {row.id, nullptr};
         const expected_event_map expected = {&key, 1};
         system_log log(event_record(row.id, L"x", {L"text"}));
         event_info info = {};
         log_forget();
         EXPECT_EQ(win_event_parse().get_crash_info(&info, expected), 0u);
         EXPECT_EQ(info.event_id, row.id);
-        EXPECT_EQ(info.time_generated, (uint32_t)MOMENT);
+        EXPECT_EQ(info.time_generated, static_cast<uint32_t>(MOMENT));
         EXPECT_EQ(info.strings.size(), row.id == 1001 ? 1u : 0u);
         EXPECT_TRUE(log_contains(row.word));
     }

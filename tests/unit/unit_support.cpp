@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ struct unit_environment : public testing::Environment {
     {
         const std::string path = "Software\\bypass_unit_" + std::to_string(GetCurrentProcessId());
 
-        oxnih_log_set_sink(keep_line, NULL);
+        oxnih_log_set_sink(keep_line, nullptr);
         oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
         require(RegCreateKeyA(HKEY_CURRENT_USER, path.c_str(), &s_machine_key) == 0 &&
                     RegOverridePredefKey(HKEY_LOCAL_MACHINE, s_machine_key) == 0,
@@ -59,8 +59,8 @@ struct unit_environment : public testing::Environment {
 
     void TearDown() override
     {
-        RegOverridePredefKey(HKEY_LOCAL_MACHINE, NULL);
-        RegDeleteTreeW(s_machine_key, NULL);
+        RegOverridePredefKey(HKEY_LOCAL_MACHINE, nullptr);
+        RegDeleteTreeW(s_machine_key, nullptr);
         RegDeleteKeyW(s_machine_key, L"");
     }
 
@@ -81,12 +81,12 @@ void log_forget(void)
 
 log_sink::log_sink(void (*sink)(int level, const char *line, void *user))
 {
-    oxnih_log_set_sink(sink, NULL);
+    oxnih_log_set_sink(sink, nullptr);
 }
 
 log_sink::~log_sink()
 {
-    oxnih_log_set_sink(keep_line, NULL);
+    oxnih_log_set_sink(keep_line, nullptr);
 }
 
 uint64_t live_blocks(void)
@@ -115,7 +115,7 @@ static void *failing_malloc(size_t bytes)
     if (s_fail_in == 0 || --s_fail_in > 0)
         return s_real_malloc(bytes);
     s_malloc_failed = true;
-    return NULL;
+    return nullptr;
 }
 
 failing_allocations::failing_allocations(uint64_t nth, bool forever)
@@ -153,7 +153,7 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
     const std::string guarded = bytes + "!!";
 
     require(RegSetKeyValueW(HKEY_LOCAL_MACHINE, path, name, type, guarded.data(),
-                            (DWORD)bytes.size()) == 0,
+                            static_cast<DWORD>(bytes.size())) == 0,
             "value not set");
 }
 
@@ -170,7 +170,7 @@ static HANDLE WINAPI find_first(const wchar_t *, WIN32_FIND_DATAW *data)
 {
     listed_file::finds_open++;
     data->dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
-    data->ftLastWriteTime = {(DWORD)s_written, (DWORD)(s_written >> 32)};
+    data->ftLastWriteTime = {static_cast<DWORD>(s_written), static_cast<DWORD>(s_written >> 32)};
     wcscpy(data->cFileName, s_name);
     return &s_name;
 }
@@ -199,7 +199,7 @@ template <typename Function> static Function engine_export(const char *name)
     const HMODULE engine = LoadLibraryW(L"dbgeng.dll");
     void *function = reinterpret_cast<void *>(GetProcAddress(engine, name));
 
-    require(function != NULL, "dbgeng.dll is not the stand-in");
+    require(function != nullptr, "dbgeng.dll is not the stand-in");
     return reinterpret_cast<Function>(function);
 }
 
@@ -213,7 +213,7 @@ void engine_play(const wchar_t *dump, const char *stack, const char *failing, HR
     script.stacks = &stacks;
     script.stack_count = 1;
     script.faults = &fault;
-    script.fault_count = failing != NULL ? 1 : 0;
+    script.fault_count = failing != nullptr ? 1 : 0;
     require(engine_export<engine_script_set_fn>("engine_script_set")(&script) == S_OK,
             "the engine refuses its script");
 }

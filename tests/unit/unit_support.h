@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <stdint.h>
+#include <cstdint>
 #include <windows.h>
 
 #include "engine_script.h"
@@ -15,8 +15,8 @@
 #include "system_log.h"
 
 /* 2024-03-07 09:05:41 UTC, in seconds since 1970 and as a file time. */
-#define MOMENT          1709802341
-#define MOMENT_FILETIME 133542759410000000ULL
+static constexpr int MOMENT = 1709802341;
+static constexpr uint64_t MOMENT_FILETIME = 133542759410000000ULL;
 
 /* Whether a line of the log contains the text; lines are kept from the last log_forget on, as many
  * as fit. Every level is logged. A log statement changes the thread's last error, as opening the log
@@ -86,7 +86,7 @@ class listed_file
 
 /* How the stand-in engine plays from here on: the dump of that path has this stack text, and the
  * named call, unless NULL, fails with the result. */
-void engine_play(const wchar_t *dump, const char *stack, const char *failing = NULL,
+void engine_play(const wchar_t *dump, const char *stack, const char *failing = nullptr,
                  HRESULT result = E_FAIL);
 /* Objects, references and callbacks that the engine's clients have not released. */
 size_t engine_left(void);
