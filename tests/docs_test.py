@@ -28,6 +28,7 @@ SHORT = {
     "mutants": ["mutants", "--help"],
     "coverage": ["help"],
     "simulate": ["simulate", "--help"],
+    "truth": ["truth", "--help"],
 }
 # Something may differ; the folder that a person would name is not here.
 STATUS = {"diff": (0, 1), "--define": (3,)}
