@@ -19,7 +19,7 @@ source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
 LIBRARIES = ["liboxnibase", "liboxni_core", "liboxnialgo", "liboxni_agentid", "libwdu_ejs",
              "libwdu_jansson"]
 MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + [
-    "oxni_devhost.exe", "windows_check.exe"]
+    "oxni_devhost.exe", "platform_check.exe", "windows_check.exe"]
 TIME = (1980, 1, 1, 0, 0, 0)
 
 # Third-party code that is linked or included: where it is used, its SPDX licence expression, and
@@ -90,6 +90,8 @@ def headers():
         yield f"include/{name}", read(f"{deps}/jansson/include/{name}")
     for name in tracked("platform/*/host.h"):
         yield name.replace("platform/", "host/", 1), read(f"{source}/{name}")
+    for name in tracked("tests/platform/*.cpp", "tests/platform/*.h"):
+        yield name.replace("tests/platform/", "platform_check/", 1), read(f"{source}/{name}")
 
 
 def licences():

@@ -21,6 +21,7 @@ SHORT = {
     "clean": ["help"],
     "format": ["help"],
     "package": ["help"],
+    "release": ["help"],
     "bench": ["bench", "--help"],
     "faults": ["faults", "--help"],
     "crashpoints": ["crashpoints", "--help"],

@@ -90,6 +90,7 @@ static void redirect_imports(HMODULE plugin)
 void agent_start(void)
 {
     machine_start_token();
+    machine_start_modules();
     HMODULE plugin = image_start(text_wide(s_plugin_path), redirect_imports);
 
     if (plugin == nullptr)

@@ -3,6 +3,7 @@
 #include "engine_script_internal.h"
 #include "kernel_dump.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -48,6 +49,7 @@ class engine final : public engine_unused_client, public engine_unused_control
     ~engine();
     void keep_callbacks(IDebugOutputCallbacks *callbacks);
     HRESULT open(PCWSTR path);
+    bool load(unsigned timeout_ms);
     void put(const std::string &text);
     void put_script_text();
     void put_column_names(ULONG flags);
@@ -59,6 +61,7 @@ class engine final : public engine_unused_client, public engine_unused_control
     enum session_state session_ = SESSION_NONE;
     kernel_dump dump_;
     std::unique_ptr<std::string> script_text_; /* replaces the dump */
+    unsigned waited_ms_ = 0;                   /* for the dump's event */
 };
 
 struct error_row {
@@ -259,6 +262,9 @@ HRESULT engine::open(PCWSTR path)
     HRESULT result;
 
     if (text != nullptr) {
+        result = engine_script_open(path);
+        if (result != S_OK)
+            return result;
         script_text_ = std::make_unique<std::string>(*text);
         return S_OK;
     }
@@ -303,7 +309,22 @@ HRESULT engine::EndSession(ULONG flags)
     session_ = SESSION_NONE;
     dump_ = kernel_dump();
     script_text_.reset();
+    waited_ms_ = 0;
     return S_OK;
+}
+
+/* Goes on loading the dump for at most a time. Result: whether it is loaded. */
+bool engine::load(unsigned timeout_ms)
+{
+    const struct engine_loading &how = engine_script_loading();
+    const unsigned left = how.ms - std::min(how.ms, waited_ms_), ms = std::min(left, timeout_ms);
+
+    if (waited_ms_ == 0 && how.text != nullptr && callbacks_ != nullptr)
+        put(how.text);
+    if (ms != 0 && how.wait != nullptr)
+        how.wait(ms);
+    waited_ms_ += ms;
+    return ms == left;
 }
 
 HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
@@ -311,13 +332,14 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
 
     engine_script_called("WaitForEvent(0x%lx, %lu)", flags, timeout_ms);
-    /* The dump is read already. */
     if (fault != S_OK)
         return fault;
     if (flags != 0)
         return E_INVALIDARG;
     if (session_ != SESSION_OPEN)
         return E_UNEXPECTED;
+    if (!load(timeout_ms))
+        return S_FALSE;
     session_ = SESSION_READY;
     return S_OK;
 }

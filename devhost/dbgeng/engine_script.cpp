@@ -33,6 +33,7 @@ static const char *const s_call_names[ENGINE_CALL_COUNT] = {
 };
 
 static owned_script s_script;
+static engine_loading s_loading;
 static engine_called_fn s_called;
 
 static HRESULT add_fault(owned_script *script, const struct engine_script_fault &fault)
@@ -115,6 +116,23 @@ HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped)
     result = s_script.map(path, &(*mapped)[0], mapped->size(), s_script.user);
     mapped->resize(wcsnlen(mapped->c_str(), mapped->size()));
     return result;
+}
+
+void engine_loading_set(const struct engine_loading *loading)
+{
+    s_loading = loading != nullptr ? *loading : engine_loading();
+}
+
+const struct engine_loading &engine_script_loading(void)
+{
+    return s_loading;
+}
+
+HRESULT engine_script_open(const wchar_t *path)
+{
+    const HRESULT result = s_loading.open != nullptr ? s_loading.open(path) : S_OK;
+
+    return result == S_OK ? S_OK : engine_script_refuse(path, result, "the file cannot be opened");
 }
 
 void engine_watch(engine_called_fn called)

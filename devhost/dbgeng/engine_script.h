@@ -80,6 +80,21 @@ struct engine_script {
 typedef HRESULT (*engine_script_set_fn)(const struct engine_script *script);
 HRESULT engine_script_set(const struct engine_script *script);
 
+/* How the engine opens and loads dumps. */
+struct engine_loading {
+    unsigned ms;      /* a wait for the event of a dump that takes less gives S_FALSE */
+    const char *text; /* what the engine prints while it loads a dump; NULL: nothing */
+    /* The milliseconds that a wait takes pass in the call. NULL: no time passes. */
+    void (*wait)(unsigned ms);
+    /* Asked for a dump with a scripted stack, which is not read. Result: that of OpenDumpFileWide. NULL:
+     * every one opens. */
+    HRESULT (*open)(const wchar_t *path);
+};
+
+/* Copied but for the text, which is borrowed until the next call. NULL: loading takes no time. */
+typedef void (*engine_loading_set_fn)(const struct engine_loading *loading);
+void engine_loading_set(const struct engine_loading *loading);
+
 /*
  * Called for each call of a client, before it works; for a release after it. NULL: no calls.
  *

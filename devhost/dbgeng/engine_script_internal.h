@@ -26,6 +26,12 @@ const std::string *engine_script_stack_of(const wchar_t *path);
 /* The file of the dump. Result: as that of the script's map. Throws std::bad_alloc. */
 HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped);
 
+/* How dumps are loaded. */
+const struct engine_loading &engine_script_loading(void);
+
+/* Whether a dump with a scripted stack opens. A refusal is reported. */
+HRESULT engine_script_open(const wchar_t *path);
+
 /* Reports a call of the client to the watch. */
 void engine_script_called(const char *format, ...)
     __attribute__((format(__MINGW_PRINTF_FORMAT, 1, 2)));

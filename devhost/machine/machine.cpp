@@ -51,6 +51,7 @@ void machine_open(const std::wstring &run_folder)
 
     machine_release_all_files();
     machine_start_token();
+    machine_start_modules();
     machine_open_event_log();
     machine = {};
     machine.disk_folder = run_folder + L"\\disk";

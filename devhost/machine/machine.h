@@ -52,6 +52,8 @@ struct machine {
     /* Debugger engine. */
     bool has_engine = true;
     std::map<std::string, HRESULT> engine_faults; /* by call */
+    uint32_t engine_load_ms = 0;                  /* until a dump's event */
+    std::string engine_load_text;                 /* printed meanwhile */
     std::map<std::wstring, std::string> stacks;   /* scripted stack text by dump path */
     /* Dumps that are too large to copy: path of the machine in lower case to the real file. What
      * lies at the path itself has the times only. */
@@ -74,6 +76,11 @@ void machine_log(event_record record);
 void machine_update_engine(void);
 /* What clients of the engine did not release; empty: nothing. */
 std::string machine_engine_left(void);
+/* Libraries that the agent's process loaded and did not free, "dbghelp.dll"; empty: none. One whose
+ * functions it looked up may stay loaded, once. */
+std::string machine_libraries_left(void);
+/* A new process of the agent has loaded none. */
+void machine_start_modules(void);
 /* Resets an engine that is loaded already. */
 void machine_reset_engine(void);
 /* fn is called, inside the engine's call, with a sentence about each dump that it opens or rejects. */

@@ -2,6 +2,8 @@
  * engine and its presence check. */
 #include "machine.h"
 
+#include <map>
+
 #include "../../platform/liboxnibase/host.h"
 #include "../dbgeng/engine_script.h"
 #include "calls.h"
@@ -13,6 +15,14 @@
 /* The engine beside this program; NULL until it is needed. */
 static HMODULE s_engine;
 static void (*s_watch)(const std::string &news);
+
+/* What the agent's process has loaded at run time. */
+struct loaded_library {
+    std::string name; /* in lower case */
+    int64_t times;
+    bool in_use; /* a function was looked up */
+};
+static std::map<HMODULE, loaded_library> s_loaded;
 
 static ULONGLONG WINAPI stand_in_GetTickCount64(void)
 {
@@ -82,30 +92,46 @@ static void note_refusal(const wchar_t *path, HRESULT result, const char *reason
                             static_cast<unsigned long>(result)));
 }
 
+static HMODULE load_library(const std::wstring &lower)
+{
+    if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")
+        return LoadLibraryW(lower.c_str());
+    if (!machine_get().has_engine)
+        return stand_in_fail(ERROR_MOD_NOT_FOUND, static_cast<HMODULE>(nullptr));
+    return lower == L"dbgeng.dll" ? engine_module() : presence_module();
+}
+
 static HMODULE WINAPI stand_in_LoadLibraryW(const wchar_t *name)
 {
     if (name == nullptr)
         return stand_in_fail(ERROR_INVALID_PARAMETER, static_cast<HMODULE>(nullptr));
-    std::wstring lower = text_lower(std::wstring(name));
+    const std::wstring lower = text_lower(std::wstring(name));
+    HMODULE module = load_library(lower);
 
-    if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")
-        return LoadLibraryW(name);
-    if (!machine_get().has_engine) {
-        SetLastError(ERROR_MOD_NOT_FOUND);
-        return nullptr;
+    if (module != nullptr) {
+        s_loaded[module].name = text_narrow(lower);
+        s_loaded[module].times++;
     }
-    return lower == L"dbgeng.dll" ? engine_module() : presence_module();
+    return module;
 }
 
+/* The modules of this program stay when the plug-in frees them. */
 static BOOL WINAPI stand_in_FreeLibrary(HMODULE module)
 {
-    if (module == presence_module() || module == s_engine)
-        return TRUE;
-    return FreeLibrary(module);
+    auto loaded = s_loaded.find(module);
+
+    if (loaded == s_loaded.end() || loaded->second.times == 0)
+        return stand_in_fail(ERROR_MOD_NOT_FOUND, FALSE);
+    loaded->second.times--;
+    return module == presence_module() || module == s_engine || FreeLibrary(module);
 }
 
 static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
 {
+    auto loaded = s_loaded.find(module);
+
+    if (loaded != s_loaded.end())
+        loaded->second.in_use = true;
     /* By ordinal the name is a small number. */
     if (reinterpret_cast<uintptr_t>(name) > 0xffff && strcmp(name, "GetTickCount64") == 0) {
         if (machine_get().has_tick_count_64)
@@ -119,6 +145,30 @@ static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
 static void trace_engine(const char *call)
 {
     calls_trace(std::string("dbgeng.") + call);
+}
+
+/* As the engine opens a dump that it reads. */
+static HRESULT open_scripted_dump(const wchar_t *path)
+{
+    HANDLE file = CreateFileW(machine_real_path(path).c_str(), GENERIC_READ, FILE_SHARE_READ,
+                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+
+    if (file == INVALID_HANDLE_VALUE)
+        return HRESULT_FROM_WIN32(GetLastError());
+    CloseHandle(file);
+    return S_OK;
+}
+
+static void update_loading(void)
+{
+    const machine &machine = machine_get();
+    engine_loading loading = {};
+
+    loading.ms = machine.engine_load_ms;
+    loading.text = machine.engine_load_text.empty() ? nullptr : machine.engine_load_text.c_str();
+    loading.wait = [](unsigned ms) { oxnih_clock_advance(ms); };
+    loading.open = open_scripted_dump;
+    engine_function<engine_loading_set_fn>("engine_loading_set")(&loading);
 }
 
 void machine_update_engine(void)
@@ -145,6 +195,7 @@ void machine_update_engine(void)
         throw devhost_error(EXIT_BAD_CALL,
                             text_format("the engine refuses its faults and stacks, 0x%08lx",
                                         static_cast<unsigned long>(result)));
+    update_loading();
     engine_function<engine_watch_fn>("engine_watch")(trace_engine);
 }
 
@@ -183,4 +234,19 @@ std::string machine_engine_left(void)
                        static_cast<unsigned>(counts.objects),
                        static_cast<unsigned>(counts.references),
                        static_cast<unsigned>(counts.callbacks));
+}
+
+std::string machine_libraries_left(void)
+{
+    std::string text;
+
+    for (const auto &[module, loaded] : s_loaded)
+        for (int64_t times = loaded.in_use ? 1 : 0; times < loaded.times; times++)
+            text += (text.empty() ? "" : ", ") + loaded.name;
+    return text;
+}
+
+void machine_start_modules(void)
+{
+    s_loaded.clear();
 }

@@ -118,9 +118,14 @@ static void set_engine(const node &engine)
     node fails = engine["fails"];
 
     machine_get().has_engine = engine.flag("present", machine_get().has_engine);
-    if (!fails)
+    if (!fails && !engine["loads_for"] && !engine["prints"])
         return;
-    machine_get().engine_faults.clear();
+    if (engine["loads_for"])
+        machine_get().engine_load_ms = static_cast<uint32_t>(engine.integer("loads_for", 0)) * 1000;
+    if (engine["prints"])
+        machine_get().engine_load_text = engine["prints"]->GetString();
+    if (fails)
+        machine_get().engine_faults.clear();
     for (const auto &[call, result] : fails.members())
         machine_get().engine_faults[call] = static_cast<HRESULT>(result->GetUint());
     machine_update_engine();

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <cwchar>
 
-static constexpr uint64_t TICKS_PER_HOUR = 36000000000ull;
-
 /* The characters that an expansion gives, the closing NUL included; 0: it failed. */
 static DWORD expand(const wchar_t *text, std::wstring *expanded)
 {
@@ -123,7 +121,10 @@ void check_modules(conformance &run)
             {ERROR_PROC_NOT_FOUND});
     loaded = LoadLibraryW(L"dbghelp.dll");
     conform(run, "LoadLibraryW", "a library of Windows", error_if(loaded == nullptr), {0});
+    LoadLibraryW(L"dbghelp.dll");
     conform(run, "FreeLibrary", "a loaded library", error_if(!FreeLibrary(loaded)), {0});
+    conform(run, "FreeLibrary", "each load is freed", error_if(!FreeLibrary(loaded)), {0});
+    conform(run, "FreeLibrary", "more often than loaded fails", !FreeLibrary(loaded), {1});
     conform(run, "LoadLibraryW", "a library that is none",
             error_if(LoadLibraryW(L"no such library.dll") == nullptr), {ERROR_MOD_NOT_FOUND});
     conform(run, "LoadLibraryW", "no name", error_if(LoadLibraryW(nullptr) == nullptr),

@@ -43,4 +43,5 @@ void check_all(conformance &run)
     check_streams(run);
     check_texts_and_times(run);
     check_modules(run);
+    check_engine(run);
 }

@@ -22,9 +22,10 @@ enum promise {
 
 struct conformance {
     std::wstring
-        folder;       /* an existing folder, without a backslash at its end; files are made here */
-    HKEY root;        /* predefined key below which SOFTWARE may be written */
-    HKEY system_root; /* HKEY_LOCAL_MACHINE */
+        folder; /* an existing folder, without a backslash at its end; files are made here */
+    std::wstring engine; /* Windows' own dbgeng.dll, as LoadLibraryW takes it */
+    HKEY root;           /* predefined key below which SOFTWARE may be written */
+    HKEY system_root;    /* HKEY_LOCAL_MACHINE */
     FILE *(*open_stream)(const wchar_t *path, const wchar_t *mode); /* NULL: it failed */
     void (*print)(const char *line, void *user);                    /* line has no line feed */
     void *user;
@@ -56,6 +57,7 @@ void check_searches(conformance &run);
 void check_streams(conformance &run);
 void check_texts_and_times(conformance &run);
 void check_modules(conformance &run);
+void check_engine(conformance &run);
 
 /* All of them. */
 void check_all(conformance &run);

@@ -16,6 +16,7 @@ extern "C" uint64_t __declspec(dllexport) oxni_plugin_init(void);
 extern "C" uint64_t oxni_plugin_init(void)
 {
     conformance run = {L"C:\\check",
+                       L"dbgeng.dll",
                        HKEY_LOCAL_MACHINE,
                        HKEY_LOCAL_MACHINE,
                        oxni_file_open_w,

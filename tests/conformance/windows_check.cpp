@@ -44,6 +44,15 @@ static HKEY writable_root(void)
     return HKEY_LOCAL_MACHINE;
 }
 
+/* The package has an engine of its own, next to this program. */
+static std::wstring engine_of_windows(void)
+{
+    wchar_t folder[MAX_PATH] = {};
+
+    GetSystemDirectoryW(folder, ARRAYSIZE(folder));
+    return std::wstring(folder) + L"\\dbgeng.dll";
+}
+
 static std::wstring make_folder(void)
 {
     wchar_t temp[MAX_PATH];
@@ -62,8 +71,15 @@ int wmain(int argc, wchar_t **argv)
     const std::wstring name =
         argc > 1 ? argv[1] : L"windows-" + std::to_wstring(windows_build()) + L".txt";
     output out = {_wfopen(name.c_str(), L"w")};
-    conformance run = {
-        make_folder(), writable_root(), HKEY_LOCAL_MACHINE, _wfopen, print, &out, 0, 0};
+    conformance run = {make_folder(),
+                       engine_of_windows(),
+                       writable_root(),
+                       HKEY_LOCAL_MACHINE,
+                       _wfopen,
+                       print,
+                       &out,
+                       0,
+                       0};
 
     if (out.file == nullptr) {
         fprintf(stderr, "windows_check: cannot write '%ls'\n", name.c_str());

@@ -59,9 +59,12 @@ class engine_test : public testing::Test
             reinterpret_cast<void *>(GetProcAddress(module_, "DebugCreate")));
         set_ = reinterpret_cast<engine_script_set_fn>(
             reinterpret_cast<void *>(GetProcAddress(module_, "engine_script_set")));
+        loading_ = reinterpret_cast<engine_loading_set_fn>(
+            reinterpret_cast<void *>(GetProcAddress(module_, "engine_loading_set")));
         counts_ = reinterpret_cast<engine_counts_get_fn>(
             reinterpret_cast<void *>(GetProcAddress(module_, "engine_counts_get")));
-        ASSERT_TRUE(create_ && set_ && counts_) << "this is not the engine of this project";
+        ASSERT_TRUE(create_ && set_ && loading_ && counts_)
+            << "this is not the engine of this project";
         ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
         path_ = std::wstring(folder) + L"engine_test_" + std::to_wstring(GetCurrentProcessId());
     }
@@ -70,6 +73,7 @@ class engine_test : public testing::Test
     {
         close();
         set_(nullptr);
+        loading_(nullptr);
         EXPECT_EQ(held(), "0 objects, 0 references, 0 callbacks");
         DeleteFileW(path_.c_str());
         FreeLibrary(module_);
@@ -134,6 +138,7 @@ class engine_test : public testing::Test
     HMODULE module_ = nullptr;
     HRESULT(WINAPI *create_)(REFIID iid, void **out) = nullptr;
     engine_script_set_fn set_ = nullptr;
+    engine_loading_set_fn loading_ = nullptr;
     engine_counts_get_fn counts_ = nullptr;
     IDebugClient4 *client_ = nullptr; /* created as IDebugClient, as many clients do */
     IDebugControl *control_ = nullptr;

@@ -166,6 +166,42 @@ TEST_F(engine, test_scripted_stack)
     EXPECT_EQ(filled_, 3u);
 }
 
+static unsigned s_waited_ms;
+
+/* A wait that runs out may be repeated; the dump is loaded at its own time, and prints once. */
+TEST_F(engine, test_loading)
+{
+    const struct engine_loading slow = {500, "loading\n", [](unsigned ms) { s_waited_ms += ms; },
+                                        nullptr};
+    const struct engine_loading held = {0, nullptr, nullptr,
+                                        [](const wchar_t *) { return E_ACCESSDENIED; }};
+    const struct engine_script_stack stack = {DUMP, "nt!A\n"};
+    const struct engine_script script = {sizeof script, nullptr, 0,      &stack, 1,
+                                         nullptr,       nullptr, nullptr};
+    collector output;
+
+    ASSERT_EQ(set_(&script), S_OK);
+    loading_(&slow);
+    ASSERT_EQ(client_->SetOutputCallbacks(&output), S_OK);
+    for (const wchar_t *path : {DUMP, path_.c_str()}) {
+        s_waited_ms = 0;
+        output.text.clear();
+        ASSERT_EQ(client_->OpenDumpFileWide(path, 0), S_OK);
+        for (HRESULT result : {S_FALSE, S_FALSE, S_OK}) {
+            EXPECT_EQ(control_->GetStackTrace(0, 0, 0, frames_, 1, nullptr), E_UNEXPECTED);
+            EXPECT_EQ(control_->WaitForEvent(0, 200), result);
+        }
+        EXPECT_EQ(s_waited_ms, 500u);
+        EXPECT_EQ(output.text, "loading\n");
+        EXPECT_EQ(client_->EndSession(DEBUG_END_PASSIVE), S_OK);
+    }
+    loading_(&held);
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), E_ACCESSDENIED);
+    loading_(nullptr);
+    EXPECT_EQ(play(DUMP, STACK_FLAGS, 99, &output), S_OK);
+    EXPECT_EQ(client_->SetOutputCallbacks(nullptr), S_OK);
+}
+
 /* offset in the dump, value, bytes of the file, error, part of the reason */
 static const struct refusal_row {
     uint64_t place;

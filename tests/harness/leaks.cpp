@@ -30,7 +30,8 @@ static void add_lost(const char *site, uint64_t blocks, uint64_t bytes, void *us
 
 std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uploads)
 {
-    std::string open = calls_left_open(), engine = machine_engine_left();
+    std::string open = calls_left_open(), engine = machine_engine_left(),
+                libraries = machine_libraries_left();
     search search = {failed_uploads, {}};
 
     if (agent_state_get() == AGENT_EXITED)
@@ -38,6 +39,8 @@ std::vector<std::string> leaks_of_agent(const void *plugin, uint64_t failed_uplo
     oxnih_memory_lost(plugin, add_lost, &search);
     if (!open.empty())
         search.lost.push_back("left open: " + open);
+    if (!libraries.empty())
+        search.lost.push_back("left loaded: " + libraries);
     if (!engine.empty())
         search.lost.push_back("not released: " + engine);
     return search.lost;

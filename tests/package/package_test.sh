@@ -6,7 +6,6 @@
 set -u
 source=$1 build=$2 deps=$3 objcopy=$4
 export WINEPREFIX=${WINEPREFIX:-$build/../wineprefix} WINEDEBUG=-all
-document=$source/docs/package.md
 work=$build/package_test
 failures=0
 
@@ -25,10 +24,11 @@ loaded_bytes() {
     "$objcopy" -O binary -R .gnu_debuglink -R .buildid "$1" "$2"
 }
 
-# Runs the commands of the document that start with $2, in directory $1.
+# Runs the commands of document $3 that start with $2, in directory $1.
 documented() {
     local folder=$1 begin=$2 lines
-    lines=$(grep -- "^$begin" "$document" | sed "s|build/mine|$work/plugin|g; s|FOLDER|$package|")
+    lines=$(grep -- "^$begin" "$source/docs/${3:-package.md}" |
+        sed "s|build/mine|$work/plugin|g; s|FOLDER|$package|; s|SDK/|./|g")
     [ -n "$lines" ] && cd "$folder" && timeout 300 bash -ec "$lines"
 }
 
@@ -43,8 +43,23 @@ check "no file contains a path of this machine" sh -c \
     "! grep -rlF -e '$source/' -e '$build/' -e '$deps/' '$package'"
 check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
 
-check "windows_check runs" sh -c "cd '$work' && timeout 100 wine '$package/bin/windows_check.exe' lines.txt;
+# Both checks need nothing but their files: no prefix of the build, no sources beside them.
+alone() {
+    (cd "$package/bin" && export WINEPREFIX=$work/prefix && "$@")
+}
+check "a new Wine prefix" alone env WINEDLLOVERRIDES="mscoree,mshtml=d" timeout 100 wineboot --init
+check "windows_check runs" alone sh -c "timeout 100 wine windows_check.exe '$work/lines.txt';
     grep -q '^ok OpenServiceW: a service that is none: 1060' '$work/lines.txt'"
+check "platform_check runs" alone timeout 100 wine platform_check.exe
+check "platform_check builds" documented "$package" "x86_64-w64-mingw32-g++" platform_check.md
+check "platform_check with its sources' driver" alone timeout 100 wine platform_check.exe
+mv "$package/platform_check.exe" "$package/bin/plain_check.exe"
+# The reference platform delivers nothing by itself: not what a driver needs that only waits.
+check "platform_check with the plain driver" alone sh -c "timeout 100 wine plain_check.exe \
+        memory tables strings paths time coding documents json references >'$work/plain.txt' &&
+    grep -q ' kept, 0 broken, [1-9][0-9]* not checked' '$work/plain.txt' &&
+    ! timeout 100 wine plain_check.exe oxni_timer_start"
+alone wineserver -k
 
 release() {
     python3 "$source/cmake/release.py" "$source" "$build" "$deps" "$1" - "$source/cmake/wine-run" \

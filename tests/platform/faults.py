@@ -1,0 +1,111 @@
+#!/usr/bin/env python3
+"""Breaks one promise of the reference platform at a time; the platform check must find each.
+
+usage: faults.py SOURCE BUILD [--seconds N] [--seed S]
+
+faults.json has rows of the operation, a source below platform/, a text that occurs there once, and
+its replacement. Without --seconds every fault is tried, else as many as fit, in an order that
+depends on the day or on S.
+"""
+import argparse
+import concurrent.futures
+import datetime
+import json
+import os
+import pathlib
+import random
+import shlex
+import shutil
+import subprocess
+import tempfile
+import time
+
+parser = argparse.ArgumentParser()
+parser.add_argument("source", type=pathlib.Path)
+parser.add_argument("build", type=pathlib.Path)
+parser.add_argument("--seconds", type=float, default=1e9)
+parser.add_argument("--seed", default=datetime.date.today().isoformat())
+options = parser.parse_args()
+until = time.monotonic() + options.seconds
+commands = {one["file"]: shlex.split(one["command"]) for one in
+            json.loads((options.build / "compile_commands.json").read_text())}
+PROGRAM = "platform_check.exe"
+WINE = [options.source / "cmake/wine-run"]
+
+
+def run(command):
+    done = subprocess.run(command, cwd=options.build, stdin=subprocess.DEVNULL, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="replace")
+    return done.returncode, done.stdout.replace("\r", "")
+
+
+def link_command(library):
+    """The build's command that links a library."""
+    target = f"bin/{library}.dll"
+    for part in run(["ninja", "-t", "commands", target])[1].splitlines()[-1].split(" && "):
+        words = shlex.split(part)
+        if "-o" in words and words[words.index("-o") + 1] == target:
+            return [word for word in words if not word.startswith("-Wl,--out-implib")]
+    raise SystemExit(f"the build's last command for {target} does not link it")
+
+
+def build_fault(folder, source, text):
+    """Compiles a changed source and links its library. Result: empty, or what failed."""
+    words = [word for word in commands[str(source)] if word not in ("-Werror", "-g1")]
+    unchanged = words[words.index("-o") + 1]
+    changed = folder / source.name
+    changed.write_text(text)
+    words[words.index("-o") + 1] = str(folder / "changed.obj")
+    words[words.index("-c") + 1] = str(changed)
+    status, output = run([*words, "-w", "-O0", f"-I{source.parent}"])
+    if status != 0:
+        return output
+    link = links[source.parent.name]
+    words = [str(folder / "changed.obj") if word == unchanged else word for word in link]
+    words[words.index("-o") + 1] = str(folder / f"{source.parent.name}.dll")
+    status, output = run(words)
+    return output if status != 0 else ""
+
+
+def try_fault(row):
+    """Result: None: no time; empty: the check finds it; else what happened."""
+    operation, name, old, new = row
+    source = options.source / "platform" / name
+    text = source.read_text()
+    if time.monotonic() > until:
+        return None
+    if text.count(old) != 1:
+        return f"the text occurs {text.count(old)} times"
+    with tempfile.TemporaryDirectory() as made:
+        folder = pathlib.Path(made)
+        for library in [*links, PROGRAM[:-4]]:
+            file = library + (".exe" if library == PROGRAM[:-4] else ".dll")
+            shutil.copy(options.build / "bin" / file, folder / file)
+        (folder / f"{source.parent.name}.dll").unlink()
+        failed = build_fault(folder, source, text.replace(old, new))
+        if failed:
+            return f"does not compile: {failed}"
+        status, output = run([*WINE, folder / PROGRAM, "--seconds=2", operation, last_of[operation]])
+        # The area's last row is checked even if the platform crashes or hangs before.
+        if status == 1 and f"FAIL {operation}: " in output and f" {last_of[operation]}: " in output:
+            return ""
+        return f"exit status {status}\n{output}"
+
+
+listed = [line.split("\t") for line in
+          run([*WINE, options.build / "bin" / PROGRAM, "--list"])[1].splitlines()]
+last_of_area = {area: operation for area, operation, _ in listed if not area.startswith("host_")}
+last_of = {operation: last_of_area[area] for area, operation, _ in reversed(listed)
+           if area in last_of_area}
+faults = json.loads((pathlib.Path(__file__).parent / "faults.json").read_text())
+links = {row[1].split("/")[0]: None for row in faults}
+links = {name: link_command(name) for name in links}
+random.Random(options.seed).shuffle(faults)
+with concurrent.futures.ThreadPoolExecutor(min(2, os.cpu_count())) as pool:
+    results = [(row, found) for row, found in zip(faults, pool.map(try_fault, faults))
+               if found is not None]
+missed = [(row, found) for row, found in results if found]
+for row, found in missed:
+    print(f"FAILED: {row[0]}: {row[1]}: {row[2]}\n{found}")
+print(f"{len(results)} of {len(faults)} faults, seed {options.seed}: {len(missed)} not found")
+raise SystemExit(1 if missed or not results else 0)
