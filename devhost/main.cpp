@@ -20,6 +20,7 @@
 #include "run/session.h"
 #include "base/terminal.h"
 #include "base/text.h"
+#include "synthesis/synthesis.h"
 #include "view/view.h"
 
 struct arguments {
@@ -324,6 +325,33 @@ static void add_events(CLI::App &app, int *status)
     command->callback([arguments, status] { *status = replay_command_events(*arguments); });
 }
 
+static const char s_synthesize_footer[] =
+    "Writes System.evtx, Minidump, machine.reg, products.json and truth.json: what replay must\n"
+    "answer for each boot, and which records the log has lost. A scenario whose decisions depend on\n"
+    "what no evidence shows is rejected. --random SEED --count N in place of SCENARIO writes random\n"
+    "machines, one folder each.";
+
+static void add_synthesize(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<synthesize_arguments>();
+    CLI::App *command = app.add_subcommand(
+        "synthesize", "Writes what a customer would send of a scenario's machine");
+
+    command->add_option("SCENARIO", arguments->scenario, "Scenario file")->required();
+    command->add_option("FOLDER", arguments->folder, "New or empty folder")->required();
+    command->add_option("--damage", arguments->damage, "Damages the log")
+        ->check(CLI::IsMember(damage_kinds()));
+    command->add_option("--noise", arguments->options.noise, "Records of services in each boot")
+        ->check(CLI::Range(0u, 100000u))
+        ->capture_default_str();
+    command->add_option("--seed", arguments->options.seed, "Seed of noise and damage")
+        ->capture_default_str();
+    command->add_flag("--memory-dump", arguments->options.memory_dump,
+                      "Writes the last dump as MEMORY.DMP, too, a kernel dump with bitmap");
+    command->footer(s_synthesize_footer);
+    command->callback([arguments, status] { *status = synthesize_command(*arguments); });
+}
+
 static void add_doctor(CLI::App &app, int *status)
 {
     app.add_subcommand("doctor",
@@ -344,8 +372,9 @@ int wmain(int argc, wchar_t **argv)
     for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
-    for (void (*add)(CLI::App &, int *) : {add_run, add_console, add_replay, add_serve, add_dump,
-                                           add_diff, add_redact, add_events, add_doctor})
+    for (void (*add)(CLI::App &, int *) :
+         {add_run, add_console, add_replay, add_serve, add_dump, add_diff, add_redact, add_events,
+          add_synthesize, add_doctor})
         add(app, &status);
     app.require_subcommand(1);
     app.footer(

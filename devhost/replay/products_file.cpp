@@ -8,6 +8,7 @@
 static constexpr int STANDARD_COUNT = 3;
 static constexpr char STANDARD_STATUS[] = "working";
 static constexpr uint64_t MOST_BYTES = 64ull << 20;
+static constexpr char TRUTH_SCHEMA[] = "bypass_mgr.truth";
 
 [[noreturn]] static void bad_product(const std::string &text, const std::string &what)
 {
@@ -63,7 +64,7 @@ static replay_product product_of(const std::string &file, const std::string &nam
 
     if (!value.IsObject())
         bad_file(file, place, "expected an object with \"modules\"");
-    if (modules == nullptr || !modules->IsArray() || modules->Empty())
+    if (modules == nullptr || !modules->IsArray())
         bad_file(file, place + "/modules", "expected an array of module names");
     for (const json_value &module : modules->GetArray()) {
         if (!module.IsString() || module.GetStringLength() == 0)
@@ -136,10 +137,9 @@ std::vector<replay_product> products_of_json(const std::string &where, const jso
     return products;
 }
 
-bool products_is_file(const std::string &file)
+/* Result: false for a file that is not JSON. */
+static bool load(rapidjson::Document &document, const std::string &file)
 {
-    rapidjson::Document document;
-
     try {
         const evidence_file checked(file, MOST_BYTES);
 
@@ -147,6 +147,22 @@ bool products_is_file(const std::string &file)
     } catch (const devhost_error &) {
         return false;
     }
+    return true;
+}
+
+bool products_is_truth(const std::string &file)
+{
+    rapidjson::Document document;
+
+    return load(document, file) && node_text_of(&document, "schema", "") == TRUTH_SCHEMA;
+}
+
+bool products_is_file(const std::string &file)
+{
+    rapidjson::Document document;
+
+    if (!load(document, file))
+        return false;
     const json_value *object = products_of(document);
 
     if (object == nullptr || !object->IsObject() || object->ObjectEmpty())

@@ -25,5 +25,7 @@ std::vector<replay_product> products_read(const std::vector<std::string> &texts,
 std::vector<replay_product> products_of_json(const std::string &where, const json_value &object);
 /* Whether a JSON file looks like a list of products. */
 bool products_is_file(const std::string &file);
+/* Whether it is the truth that "synthesize" wrote. */
+bool products_is_truth(const std::string &file);
 
 #endif

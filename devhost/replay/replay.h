@@ -129,10 +129,16 @@ struct replay_moment {
  * before the previous one. */
 std::vector<replay_moment> replay_moments(const replay_evidence &evidence, uint64_t until_ms);
 
+/* By how much a record sets the clock, in 100 ns; 0: it does not. */
+int64_t replay_clock_change(const event_record &event);
+
 /* place.cpp: decides where each dump lies; the machine's registry must exist. */
 void replay_place_dumps(replay_evidence *evidence);
 /* The string of a BugCheck record with the path of its dump; empty: it names none. */
 std::string replay_dump_path(const event_record &event);
+
+/* commands.cpp: sets the plug-in, unless it is named, and that a boot prints nothing while it is played. */
+void replay_prepare(struct run_options *session);
 
 /* replay.cpp: plays the chosen boot to its end. Afterwards journal_all() contains it. */
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options);

@@ -160,7 +160,7 @@ int replay_command_serve(struct replay_arguments &arguments)
     std::string line;
 
     options.session.guard_memory = arguments.memory == "guard";
-    replay_prepare_session(&options.session);
+    replay_prepare(&options.session);
     agent_check_plugin(options.session.plugin_path);
     SetUnhandledExceptionFilter(crashed);
     const run_folder folder("");
