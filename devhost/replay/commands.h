@@ -21,4 +21,14 @@ struct replay_arguments {
     uint64_t from = 0, to = UINT64_MAX;
 };
 
+/* "replay", "redact", "events" and "dump". Result: enum devhost_exit. Throw devhost_error. Host's one
+ * thread. */
+int replay_command(struct replay_arguments &arguments);
+int replay_command_redact(struct replay_arguments &arguments);
+int replay_command_events(const struct replay_arguments &arguments);
+int replay_command_dump(struct dump_options &options);
+/* serve.cpp: "serve", which takes a case a line from the standard input and prints its result, until the
+ * input ends. */
+int replay_command_serve(struct replay_arguments &arguments);
+
 #endif
