@@ -20,6 +20,7 @@
 #include "run/session.h"
 #include "base/terminal.h"
 #include "base/text.h"
+#include "synthesis/synthesis.h"
 #include "view/view.h"
 
 struct arguments {
@@ -243,6 +244,20 @@ static void add_replay(CLI::App &app, int *status)
     command->callback([arguments, status] { *status = replay_command(*arguments); });
 }
 
+static void add_serve(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<replay_arguments>();
+    CLI::App *command = app.add_subcommand(
+        "serve", "Takes a case of evidence a line from stdin, and prints its result on a line");
+
+    add_plugin_option(*command, arguments->options.session.plugin_path);
+    add_memory_option(*command, arguments->memory);
+    command->footer(
+        "A case is a JSON object; docs/corpus.md describes it. The end of the input ends\n"
+        "the program. A bad case has an error as its result.");
+    command->callback([arguments, status] { *status = replay_command_serve(*arguments); });
+}
+
 static void add_dump(CLI::App &app, int *status)
 {
     auto options = std::make_shared<dump_options>();
@@ -310,6 +325,33 @@ static void add_events(CLI::App &app, int *status)
     command->callback([arguments, status] { *status = replay_command_events(*arguments); });
 }
 
+static const char s_synthesize_footer[] =
+    "Writes System.evtx, Minidump, machine.reg, products.json and truth.json: what replay must\n"
+    "answer for each boot, and which records the log has lost. A scenario whose decisions depend on\n"
+    "what no evidence shows is rejected. --random SEED --count N in place of SCENARIO writes random\n"
+    "machines, one folder each.";
+
+static void add_synthesize(CLI::App &app, int *status)
+{
+    auto arguments = std::make_shared<synthesize_arguments>();
+    CLI::App *command = app.add_subcommand(
+        "synthesize", "Writes what a customer would send of a scenario's machine");
+
+    command->add_option("SCENARIO", arguments->scenario, "Scenario file")->required();
+    command->add_option("FOLDER", arguments->folder, "New or empty folder")->required();
+    command->add_option("--damage", arguments->damage, "Damages the log")
+        ->check(CLI::IsMember(damage_kinds()));
+    command->add_option("--noise", arguments->options.noise, "Records of services in each boot")
+        ->check(CLI::Range(0u, 100000u))
+        ->capture_default_str();
+    command->add_option("--seed", arguments->options.seed, "Seed of noise and damage")
+        ->capture_default_str();
+    command->add_flag("--memory-dump", arguments->options.memory_dump,
+                      "Writes the last dump as MEMORY.DMP, too, a kernel dump with bitmap");
+    command->footer(s_synthesize_footer);
+    command->callback([arguments, status] { *status = synthesize_command(*arguments); });
+}
+
 static void add_doctor(CLI::App &app, int *status)
 {
     app.add_subcommand("doctor",
@@ -331,7 +373,8 @@ int wmain(int argc, wchar_t **argv)
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
     for (void (*add)(CLI::App &, int *) :
-         {add_run, add_console, add_replay, add_dump, add_diff, add_redact, add_events, add_doctor})
+         {add_run, add_console, add_replay, add_serve, add_dump, add_diff, add_redact, add_events,
+          add_synthesize, add_doctor})
         add(app, &status);
     app.require_subcommand(1);
     app.footer(

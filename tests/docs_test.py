@@ -21,13 +21,16 @@ SHORT = {
     "clean": ["help"],
     "format": ["help"],
     "package": ["help"],
+    "release": ["help"],
     "bench": ["bench", "--help"],
+    "corpus": ["corpus", "--help"],
     "faults": ["faults", "--help"],
     "crashpoints": ["crashpoints", "--help"],
     "fuzz": ["fuzz", "--help"],
     "mutants": ["mutants", "--help"],
     "coverage": ["help"],
     "simulate": ["simulate", "--help"],
+    "truth": ["truth", "--help"],
 }
 # Something may differ; the folder that a person would name is not here.
 STATUS = {"diff": (0, 1), "--define": (3,)}
@@ -85,10 +88,10 @@ def main(root):
         dump = evidence / "030724-5437-01.dmp"
         for copy in ("022121-5437-01.dmp", "A.dmp"):
             shutil.copy(dump, folder / copy)
-        shutil.copy(evidence / "System.json", folder / "System.evtx")
+        shutil.copy(evidence / "System.evtx", folder / "System.evtx")
         for copy in ("FILE", "scenario.json"):
             shutil.copy(root / "scenarios" / "default.json", folder / copy)
-        result = subprocess.run([root / "dev", "replay", "--events", evidence / "System.json", "--json"],
+        result = subprocess.run([root / "dev", "replay", "--events", evidence / "System.evtx", "--json"],
                                 capture_output=True, check=True).stdout
         for copy in ("OLD.json", "NEW.json"):
             (folder / copy).write_bytes(result)

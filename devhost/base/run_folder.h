@@ -11,6 +11,7 @@ struct run_options {
     std::string plugin_path;
     std::string keep;                  /* folder of the run that is kept; empty: a temporary one */
     std::string place;                 /* where a temporary one lies; empty: the usual place */
+    const struct run_folder *reused;   /* folder that each boot empties and uses; NULL: a new one */
     std::vector<std::string> commands; /* console commands, "[BOOT/]SECONDS:LINE" */
     bool real_time;
     bool trace;

@@ -188,10 +188,13 @@ static uint64_t read_chunks(log_reader &reader, const std::string &path, const e
         if (!unused && after_unused)
             reader.log->damage.push_back("empty chunk before a used one: " +
                                          chunk_place(number - 1));
-        if (!unused && size == CHUNK_BYTES)
+        if (!unused && size == CHUNK_BYTES) {
             read_chunk(reader, chunk, size, number);
-        else if (!unused)
+        } else if (!unused) {
+            if (has_header(chunk, size))
+                check_chunk(reader, chunk, size, number);
             (void)read_records(reader, chunk, size);
+        }
         after_unused = unused;
     }
     if (bytes % CHUNK_BYTES != 0)

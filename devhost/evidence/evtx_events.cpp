@@ -4,8 +4,11 @@
 #include "evtx_values.h"
 #include "system_events.h"
 
+static constexpr int32_t NO = EVTX_NO_QUALIFIERS;
 static constexpr uint64_t CLASSIC_KEYWORDS = 0x0080000000000000ull;
 static constexpr uint64_t KERNEL_KEYWORDS = 0x8000000000000000ull;
+static constexpr uint64_t POWER_KEYWORDS = 0x8000400000000002ull;
+static constexpr uint64_t WINLOGON_KEYWORDS = 0x2000200000000000ull;
 
 static const evtx_provider s_general = {SOURCE_KERNEL_GENERAL,
                                         L"{a68ca8b7-004f-d7b6-a698-07e2de0f1f5d}", nullptr};
@@ -16,7 +19,9 @@ static const evtx_provider s_winlogon = {SOURCE_WINLOGON, L"{dbe9b383-7cf3-4331-
 static const evtx_provider s_bug_check = {L"Microsoft-Windows-WER-SystemErrorReporting",
                                           L"{abce23e7-de45-4366-8631-84fa6c525952}",
                                           SOURCE_BUG_CHECK};
-static const evtx_provider s_event_log = {L"EventLog", nullptr, nullptr};
+static const evtx_provider s_services = {SOURCE_SERVICES, L"{555908d1-a6d7-4695-8e1e-26931d2012f4}",
+                                         SOURCE_SERVICES};
+static const evtx_provider s_event_log = {SOURCE_EVENT_LOG, nullptr, nullptr};
 
 /* Fields of record 41 up to the version that has all of them. */
 static std::vector<evtx_field> power_fields(size_t count, uint8_t sleep_type)
@@ -42,22 +47,27 @@ static std::vector<evtx_field> power_fields(size_t count, uint8_t sleep_type)
     return {all.begin(), all.begin() + static_cast<ptrdiff_t>(count)};
 }
 
-/* provider, id, qualifiers, level, version, task, keywords, fields */
+/* Fields of classic records that a manifest names. */
+static std::vector<evtx_field> parameters(size_t count)
+{
+    static const wchar_t *const names[] = {L"param1", L"param2", L"param3"};
+    std::vector<evtx_field> fields;
+
+    for (size_t i = 0; i < count; i++)
+        fields.push_back({names[i], EVTX_STRING});
+    return fields;
+}
+
 static const std::vector<evtx_event> &events(void)
 {
-    static const std::vector<evtx_field> clock = {
-        {L"NewTime", EVTX_FILETIME},
-        {L"OldTime", EVTX_FILETIME},
-        {L"Reason",  EVTX_UINT32  }
-    };
-    static const std::vector<evtx_field> clock_2 = {
+    static const std::vector<evtx_field> clocks = {
         {L"NewTime",     EVTX_FILETIME},
         {L"OldTime",     EVTX_FILETIME},
         {L"Reason",      EVTX_UINT32  },
         {L"ProcessName", EVTX_STRING  },
         {L"ProcessID",   EVTX_UINT32  }
     };
-    static const std::vector<evtx_field> start = {
+    static const std::vector<evtx_field> starts = {
         {L"MajorVersion",   EVTX_UINT32  },
         {L"MinorVersion",   EVTX_UINT32  },
         {L"BuildVersion",   EVTX_UINT32  },
@@ -66,41 +76,36 @@ static const std::vector<evtx_event> &events(void)
         {L"BootMode",       EVTX_UINT32  },
         {L"StartTime",      EVTX_FILETIME}
     };
-    static const std::vector<evtx_field> logon = {
+    static const std::vector<evtx_field> stops = {
+        {L"StopTime", EVTX_FILETIME}
+    };
+    static const std::vector<evtx_field> early(clocks.begin(), clocks.begin() + 3);
+    static const std::vector<evtx_field> logons = {
         {L"TSId",    EVTX_UINT32},
         {L"UserSid", EVTX_SID   }
     };
-    static const std::vector<evtx_field> bug_check = {
-        {L"param1", EVTX_STRING},
-        {L"param2", EVTX_STRING},
-        {L"param3", EVTX_STRING}
-    };
+    /* clang-format off */
+    /* provider, id, qualifiers, level, version, task, keywords, fields */
     static const std::vector<evtx_event> all = {
-        {&s_general,                        12, EVTX_NO_QUALIFIERS, 4,                                  0,            1,KERNEL_KEYWORDS | 0x80,start  },
-        {&s_general,
-         13,                                    EVTX_NO_QUALIFIERS,
-         4,                                                                                             0,
-         2,KERNEL_KEYWORDS | 0x80,
-         {{L"StopTime", EVTX_FILETIME}}},
-        {&s_general,                        1,  EVTX_NO_QUALIFIERS, 4,                                  1,            5,KERNEL_KEYWORDS | 0x10,clock  },
-        {&s_general,                        1,  EVTX_NO_QUALIFIERS, 4,                                  2,            5,KERNEL_KEYWORDS | 0x10,clock_2},
-        {&s_power,                          41, EVTX_NO_QUALIFIERS, 1,                                  2,            63,KERNEL_KEYWORDS | 2,
-         power_fields(7,EVTX_BOOLEAN)},
-        {&s_power,                                 41,                            EVTX_NO_QUALIFIERS,            1, 3, 63,KERNEL_KEYWORDS | 0x400000000002,
-         power_fields(8,EVTX_UINT32)},
-        {&s_power,                     41,                       EVTX_NO_QUALIFIERS,                                  1,                                              4,                  63,KERNEL_KEYWORDS | 0x400000000002,
-         power_fields(12,EVTX_UINT32)},
-        {&s_power,                   41,         EVTX_NO_QUALIFIERS,                           1,                                                      6,                                              63,KERNEL_KEYWORDS | 0x400000000002,
-         power_fields(14,EVTX_UINT32)},
-        {&s_power, 41,                       EVTX_NO_QUALIFIERS,                             1,                                                               7,                                                                    63,KERNEL_KEYWORDS | 0x400000000002,
-         power_fields(15,EVTX_UINT32)},
-        {&s_winlogon,                               7001, EVTX_NO_QUALIFIERS,                                           4,                                                                 0,                                                                             1101,0x2000200000000000,logon},
-        {&s_winlogon,                                7002,                              EVTX_NO_QUALIFIERS,                              4,0,1102,0x2000200000000000,logon},
-        {&s_bug_check,                                1001,                              0x4000,                              2,                                                                 0,                                                                                                                                                   0,                                                                                                                                                   CLASSIC_KEYWORDS,                                                                               bug_check                                                                    },
-        {&s_event_log,                                6005,                                 0x8000,                                   4,0,0,CLASSIC_KEYWORDS,{}},
-        {&s_event_log,                                6006,                                 0x8000,                                   4,                                                                        0,                                                                                                                                                                                                                               0,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                            CLASSIC_KEYWORDS,                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                         {}                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                                           },
-        {&s_event_log,                                6008,                                 0x8000,                                   2,0,0,CLASSIC_KEYWORDS,{}},
+        {&s_general,   12,   NO,     4, 0, 1,    KERNEL_KEYWORDS | 0x80, starts},
+        {&s_general,   13,   NO,     4, 0, 2,    KERNEL_KEYWORDS | 0x80, stops},
+        {&s_general,   1,    NO,     4, 1, 5,    KERNEL_KEYWORDS | 0x10, early},
+        {&s_general,   1,    NO,     4, 2, 5,    KERNEL_KEYWORDS | 0x10, clocks},
+        {&s_power,     41,   NO,     1, 2, 63,   KERNEL_KEYWORDS | 2, power_fields(7, EVTX_BOOLEAN)},
+        {&s_power,     41,   NO,     1, 3, 63,   POWER_KEYWORDS, power_fields(8, EVTX_UINT32)},
+        {&s_power,     41,   NO,     1, 4, 63,   POWER_KEYWORDS, power_fields(12, EVTX_UINT32)},
+        {&s_power,     41,   NO,     1, 6, 63,   POWER_KEYWORDS, power_fields(14, EVTX_UINT32)},
+        {&s_power,     41,   NO,     1, 7, 63,   POWER_KEYWORDS, power_fields(15, EVTX_UINT32)},
+        {&s_winlogon,  7001, NO,     4, 0, 1101, WINLOGON_KEYWORDS, logons},
+        {&s_winlogon,  7002, NO,     4, 0, 1102, WINLOGON_KEYWORDS, logons},
+        {&s_bug_check, 1001, 0x4000, 2, 0, 0,    CLASSIC_KEYWORDS, parameters(3)},
+        {&s_services,  7036, 0x4000, 4, 0, 0,    KERNEL_KEYWORDS | CLASSIC_KEYWORDS, parameters(2)},
+        {&s_services,  7001, 0xC000, 2, 0, 0,    KERNEL_KEYWORDS | CLASSIC_KEYWORDS, parameters(3)},
+        {&s_event_log, 6005, 0x8000, 4, 0, 0,    CLASSIC_KEYWORDS, {}},
+        {&s_event_log, 6006, 0x8000, 4, 0, 0,    CLASSIC_KEYWORDS, {}},
+        {&s_event_log, 6008, 0x8000, 2, 0, 0,    CLASSIC_KEYWORDS, {}},
     };
+    /* clang-format on */
 
     return all;
 }

@@ -30,6 +30,9 @@ static constexpr uint32_t METHOD_DEFLATED = 8u;
 static constexpr uint32_t PIECE_BYTES = 0x100000u;
 /* More than any dump: it bounds what a small archive can fill. */
 static constexpr uint64_t MEMBER_MOST = 1ull << 40;
+/* A dump that is mostly zeros shrinks that much, but then it is small enough. */
+static constexpr uint64_t BOMB_RATIO = 200;
+static constexpr uint64_t BOMB_BYTES = 4ull << 30;
 
 namespace
 {
@@ -235,6 +238,53 @@ static std::string extract(const evidence_file &file, const entry &entry, const 
                : "is damaged in the archive: wrong check sum";
 }
 
+/* Whether a path leads out of the folder in which an archive is unpacked. Ours are unpacked under
+ * names of their own; an archive with such a name was made to do harm. */
+static bool leads_out(const std::string &name)
+{
+    const std::string path = "/" + text_replace(name, "\\", "/") + "/";
+
+    return path[1] == '/' || (name.size() > 1 && name[1] == ':') ||
+           path.find("/../") != std::string::npos;
+}
+
+static uint64_t free_bytes(const std::string &folder)
+{
+    ULARGE_INTEGER available = {};
+
+    return GetDiskFreeSpaceExW(text_wide(folder).c_str(), &available, nullptr, nullptr)
+               ? available.QuadPart
+               : UINT64_MAX;
+}
+
+/* Nothing is unpacked from an archive that would fill the disk. */
+static void refuse_harm(const std::string &path, const evidence_file &file,
+                        const std::vector<entry> &entries, const std::string &folder)
+{
+    uint64_t packed = 0, bytes = 0;
+
+    for (const entry &entry : entries) {
+        if (leads_out(entry.name))
+            evidence_bad(path, "refused: the member '" + entry.name +
+                                   "' leads out of the folder in which the archive is unpacked");
+        packed += std::min(entry.packed, file.bytes() + 1);
+        bytes += std::min(entry.bytes, MEMBER_MOST);
+    }
+    if (packed > file.bytes())
+        evidence_bad(path,
+                     "refused: its members overlap, as in an archive that is made to fill disks");
+    if (bytes > BOMB_BYTES && bytes / BOMB_RATIO > file.bytes())
+        evidence_bad(path,
+                     text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
+                                 "unpack it and hand in the folder",
+                                 static_cast<unsigned long long>(file.bytes() >> 20),
+                                 static_cast<unsigned long long>(bytes >> 20)));
+    if (bytes > free_bytes(folder))
+        evidence_bad(path, text_format("refused: it needs %llu MiB, and '%s' has %llu MiB free",
+                                       static_cast<unsigned long long>(bytes >> 20), folder.c_str(),
+                                       static_cast<unsigned long long>(free_bytes(folder) >> 20)));
+}
+
 bool zip_is_archive(const std::string &path)
 {
     const evidence_file file(path, UINT64_MAX);
@@ -246,9 +296,11 @@ std::vector<zip_member> zip_extract(const std::string &path, const std::string &
                                     bool (*wanted)(const std::string &name))
 {
     const evidence_file file(path, UINT64_MAX);
+    const std::vector<entry> entries = read_directory(path, file);
     std::vector<zip_member> members;
 
-    for (const entry &entry : read_directory(path, file)) {
+    refuse_harm(path, file, entries, folder);
+    for (const entry &entry : entries) {
         const size_t slash = entry.name.find_last_of("/\\");
         const std::string name =
             slash == std::string::npos ? entry.name : entry.name.substr(slash + 1);

@@ -19,6 +19,7 @@ bool zip_is_archive(const std::string &path);
 /* Extracts each member that wanted accepts into a new folder of its own below folder, which exists.
  * Members that are encrypted, damaged or packed by another method than store and deflate are listed
  * with the reason. Throws devhost_error: EXIT_BAD_EVIDENCE for a file without a directory of members,
+ * and for one that would fill the disk or has members with ".." in their path;
  * EXIT_BAD_CALL when a file cannot be written. */
 std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
                                     bool (*wanted)(const std::string &name));

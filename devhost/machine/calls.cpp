@@ -34,8 +34,8 @@ struct planned_failure {
 };
 
 struct call_state {
-    any_call_fn target; /* stand-in or real function; NULL until a plug-in imports it */
-    const struct handle_call *handles; /* NULL: neither opens nor closes */
+    any_call_fn target; /* stand-in or real function; nullptr until a plug-in imports it */
+    const struct handle_call *handles; /* nullptr: neither opens nor closes */
     uint64_t total, failed;            /* ever; failed: made to fail */
     uint64_t since;                    /* total at the last reset of the counts */
     std::vector<planned_failure> failures;
@@ -73,7 +73,7 @@ static const struct handle_call {
 };
 static std::map<std::string, int64_t> s_open;
 static calls_trace_fn s_trace;
-static void *s_trace_user;
+static bool (*s_trace_wanted)(const char *name);
 
 static std::string key_text(uint64_t key)
 {
@@ -193,6 +193,11 @@ static bool failure_due(const call_row &row, call_state &state, const uint64_t *
     return due;
 }
 
+static bool is_traced(const char *name)
+{
+    return s_trace != nullptr && (s_trace_wanted == nullptr || s_trace_wanted(name));
+}
+
 static void trace_call(const call_row &row, const std::string &arguments, uint64_t result,
                        DWORD error, bool planned)
 {
@@ -203,7 +208,7 @@ static void trace_call(const call_row &row, const std::string &arguments, uint64
     if (strchr("BAI", row.failing) != nullptr)
         if (result == failed_result(row, 0))
             text += text_format(" error %lu", error);
-    s_trace(planned ? text + " (made to fail)" : text, s_trace_user);
+    s_trace(planned ? text + " (made to fail)" : text);
 }
 
 /* Counts calls that opened or closed something. */
@@ -225,13 +230,14 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     call_state &state = s_calls[index];
     std::string arguments;
     uint32_t planned_error = 0;
+    const bool traced = is_traced(row.name);
     bool planned;
     uint64_t result;
     DWORD error;
 
     /* Formatted before the call, which may overwrite them. */
     error = GetLastError();
-    if (s_trace != nullptr)
+    if (traced)
         arguments = arguments_text(row, a);
     state.total++;
     planned = failure_due(row, state, a, &planned_error);
@@ -251,7 +257,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     if (state.handles != nullptr &&
         (state.handles->change > 0 || reinterpret_cast<HANDLE>(a[0]) != INVALID_HANDLE_VALUE))
         count_handle(row, *state.handles, result);
-    if (s_trace != nullptr)
+    if (traced)
         trace_call(row, arguments, result, error, planned);
     if (state.watch != nullptr)
         state.watch(a, result);
@@ -327,16 +333,16 @@ void calls_patch(HMODULE plugin)
     });
 }
 
-void calls_set_trace(calls_trace_fn fn, void *user)
+void calls_set_trace(calls_trace_fn fn, bool (*wanted)(const char *name))
 {
     s_trace = fn;
-    s_trace_user = user;
+    s_trace_wanted = wanted;
 }
 
 void calls_trace(const std::string &text)
 {
-    if (s_trace != nullptr)
-        s_trace(text, s_trace_user);
+    if (is_traced(text.c_str()))
+        s_trace(text);
 }
 
 void calls_set_watch(const std::string &name, calls_watch_fn fn)

@@ -13,19 +13,20 @@
 #include <vector>
 
 /* text: one call with its arguments and result, without a line feed. */
-typedef void (*calls_trace_fn)(const std::string &text, void *user);
+typedef void (*calls_trace_fn)(const std::string &text);
 
 /* Redirects the imports of a loaded plug-in to here. */
 void calls_patch(HMODULE plugin);
 
-/* NULL, the initial state: no tracing. */
-void calls_set_trace(calls_trace_fn fn, void *user);
+/* nullptr, the initial state: no tracing. wanted: whether calls of that name are traced, nullptr: all are.
+ * Making the text of a call takes far longer than the call. */
+void calls_set_trace(calls_trace_fn fn, bool (*wanted)(const char *name) = nullptr);
 /* Traces a call that does not pass here. */
 void calls_trace(const std::string &text);
 
 /* arguments: as passed, as many as the call has; result as the plug-in gets it. */
 typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
-/* fn is called after each call of a name that the table has; NULL ends it. */
+/* fn is called after each call of a name that the table has; nullptr ends it. */
 void calls_set_watch(const std::string &name, calls_watch_fn fn);
 
 /* Whether a call of that name is counted. */

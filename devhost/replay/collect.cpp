@@ -160,7 +160,9 @@ static void take_dump(const collected_file &file, replay_evidence *evidence)
 static void take_json(const struct replay_options &options, const collected_file &file,
                       replay_evidence *evidence)
 {
-    if (!products_is_file(file.path))
+    if (products_is_truth(file.path))
+        evidence->ignored.push_back({file.shown, "the truth about synthetic evidence"});
+    else if (!products_is_file(file.path))
         take_log(options, file, evidence);
     else if (evidence->products.empty())
         evidence->products = products_read({}, file.path);

@@ -19,8 +19,7 @@ static enum evidence_damage allowed(const replay_arguments &arguments)
     return arguments.lenient ? EVIDENCE_LENIENT : EVIDENCE_STANDARD;
 }
 
-/* Nothing is printed while a boot is played, only the result. */
-static void prepare_session(struct run_options *session)
+void replay_prepare(struct run_options *session)
 {
     struct view_options view = {};
 
@@ -43,7 +42,7 @@ static void prepare(replay_arguments &arguments)
                                 : "expected a folder or archive, or --events FILE, not both");
     arguments.options.damage = allowed(arguments);
     arguments.options.session.guard_memory = arguments.memory == "guard";
-    prepare_session(&arguments.options.session);
+    replay_prepare(&arguments.options.session);
 }
 
 int replay_command(struct replay_arguments &arguments)
@@ -60,7 +59,7 @@ int replay_command_redact(struct replay_arguments &arguments)
 
 int replay_command_dump(struct dump_options &options)
 {
-    prepare_session(&options.session);
+    replay_prepare(&options.session);
     return replay_dump_command(options);
 }
 

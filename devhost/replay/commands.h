@@ -27,5 +27,8 @@ int replay_command(struct replay_arguments &arguments);
 int replay_command_redact(struct replay_arguments &arguments);
 int replay_command_events(const struct replay_arguments &arguments);
 int replay_command_dump(struct dump_options &options);
+/* serve.cpp: "serve", which takes a case a line from the standard input and prints its result, until the
+ * input ends. */
+int replay_command_serve(struct replay_arguments &arguments);
 
 #endif

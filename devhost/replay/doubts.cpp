@@ -142,8 +142,12 @@ static void doubt_unknown_dump(doubter &d, const replay_dump &placed)
 {
     const kernel_dump &facts = placed.dump.facts;
     const evidence_run *before = d.evidence.before();
+    /* A run that began before the log was running when the log's first record was written. */
+    const uint64_t since = before == nullptr     ? 0
+                           : before->number == 0 ? time_of_unix(d.evidence.log.events.front().time)
+                                                 : before->started_100ns;
     const bool in_time =
-        facts.crash_time_100ns >= (before != nullptr ? before->started_100ns : 0) &&
+        facts.crash_time_100ns >= since &&
         (facts.crash_time_100ns <= d.evidence.boot->started_100ns || d.is_last_boot());
 
     for (const event_record &event : d.evidence.log.events)

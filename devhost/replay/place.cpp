@@ -45,7 +45,7 @@ std::string replay_dump_path(const event_record &event)
 /* The relations of a dump to the crash that this boot reports. */
 struct dump_ties {
     enum evidence_fit fit;      /* the best match with a blue screen record of the boot */
-    const event_record *record; /* the one that matches, else the first; NULL: none */
+    const event_record *record; /* the one that matches, else the first; nullptr: none */
     bool named;                 /* by that record */
     bool in_time;               /* crashed between the previous start and this one */
 };
@@ -127,41 +127,88 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
     return ties.named || ties.in_time;
 }
 
-/* Copying may have changed the file's time, so it counts only when it is possible. */
-static uint64_t written_of(const replay_evidence &evidence, const replay_dump &placed)
+/* Copying may have changed the file's time, so it counts only when it is possible: between the start,
+ * by the clock as it is set later, and the record of the crash. run: the one that wrote the dump. */
+static uint64_t written_of(const replay_evidence &evidence, const evidence_dump &dump,
+                           const evidence_run &run, const event_record *bug_check)
 {
-    const uint64_t start = evidence.boot->started_100ns, own = placed.dump.written_100ns;
-    const event_record *bug_check = ties_of(evidence, placed.dump).record;
-    const uint64_t recorded = bug_check != nullptr ? time_of_unix(bug_check->time) : 0;
+    const uint64_t own = dump.written_100ns;
+    uint64_t start = run.started_100ns;
 
-    if (own > start && own <= recorded)
-        return own;
-    return start + WRITTEN_AFTER_100NS;
+    for (size_t i = run.begin; bug_check != nullptr && i < run.end; i++) {
+        const event_record &event = evidence.log.events[i];
+        const uint64_t change = static_cast<uint64_t>(replay_clock_change(event));
+
+        if (own > start && own <= time_of_unix(event.time) - change && &event <= bug_check)
+            return own;
+        start += change;
+    }
+    return run.started_100ns + WRITTEN_AFTER_100NS;
+}
+
+/* The only run of the log that reports the crash of the dump; nullptr: none, or several. */
+static const evidence_run *reported_in(const replay_evidence &evidence, const evidence_dump &dump,
+                                       const event_record **record)
+{
+    const evidence_run *found = nullptr;
+
+    for (const evidence_run &run : evidence.runs)
+        for (size_t i = run.begin; i < run.end; i++) {
+            const event_record &event = evidence.log.events[i];
+
+            if (!evidence_is_bug_check(event) ||
+                evidence_dump_fits(dump, text_narrow(event.strings.at(BUG_CHECK_STRING))) !=
+                    EVIDENCE_FITS)
+                continue;
+            if (found != nullptr && found != &run)
+                return nullptr;
+            found = &run;
+            *record = &event;
+        }
+    return found != nullptr && found->number != 0 ? found : nullptr;
+}
+
+/* A dump of another crash. The order of the records counts more than times, since clocks are set back:
+ * then a dump that an earlier run wrote may be newer than this start. */
+static void place_other(const replay_evidence &evidence, replay_dump *placed)
+{
+    const uint64_t crashed = placed->dump.facts.crash_time_100ns,
+                   start = evidence.boot->started_100ns;
+    const event_record *record = nullptr;
+    const evidence_run *run = reported_in(evidence, placed->dump, &record);
+
+    if (run != nullptr && run < evidence.boot) {
+        placed->written_100ns = written_of(evidence, placed->dump, *run, record);
+        if (placed->written_100ns >= start)
+            placed->why =
+                text_format("record %u of an earlier boot reports its crash; the clock was "
+                            "set back since",
+                            record->number);
+    } else if (run != nullptr ? run > evidence.boot : crashed >= start) {
+        placed->there = false;
+        placed->why = "it crashed after this start, so it does not exist yet";
+    } else {
+        /* Written by an earlier start, however short the run was. */
+        placed->written_100ns = std::min(crashed + 60 * TICKS_PER_SECOND, start - TICKS_PER_SECOND);
+    }
 }
 
 static void place_dump(const replay_evidence &evidence, replay_dump *placed)
 {
-    const uint64_t crashed = placed->dump.facts.crash_time_100ns,
-                   start = evidence.boot->started_100ns;
+    const dump_ties ties = ties_of(evidence, placed->dump);
 
     placed->place = place_of(placed->dump);
     placed->there = true;
-    placed->record = nullptr;
-    if (ties_of(evidence, placed->dump).fit == EVIDENCE_FITS)
-        placed->record = ties_of(evidence, placed->dump).record;
+    placed->record = ties.fit == EVIDENCE_FITS ? ties.record : nullptr;
     placed->is_ours = is_of_this_boot(evidence, *placed, &placed->why);
-    if (placed->is_ours) {
-        placed->written_100ns = written_of(evidence, *placed);
-        placed->why += placed->written_100ns == placed->dump.written_100ns
-                           ? "; written at the file's own time"
-                           : "; written soon after the start, an assumption";
-    } else if (crashed < start) {
-        /* Written by an earlier start, however short the run was. */
-        placed->written_100ns = std::min(crashed + 60 * TICKS_PER_SECOND, start - TICKS_PER_SECOND);
-    } else {
-        placed->there = false;
-        placed->why = "it crashed after this start, so it does not exist yet";
+    if (!placed->is_ours) {
+        place_other(evidence, placed);
+        return;
     }
+    placed->written_100ns = written_of(evidence, placed->dump, *evidence.boot, ties.record);
+    placed->why += placed->written_100ns == placed->dump.written_100ns
+                       ? "; written at the file's own time"
+                       : "; written soon after the start, an assumption";
 }
 
 void replay_place_dumps(replay_evidence *evidence)

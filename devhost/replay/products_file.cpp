@@ -8,6 +8,7 @@
 static constexpr int STANDARD_COUNT = 3;
 static constexpr char STANDARD_STATUS[] = "working";
 static constexpr uint64_t MOST_BYTES = 64ull << 20;
+static constexpr char TRUTH_SCHEMA[] = "bypass_mgr.truth";
 
 [[noreturn]] static void bad_product(const std::string &text, const std::string &what)
 {
@@ -63,7 +64,7 @@ static replay_product product_of(const std::string &file, const std::string &nam
 
     if (!value.IsObject())
         bad_file(file, place, "expected an object with \"modules\"");
-    if (modules == nullptr || !modules->IsArray() || modules->Empty())
+    if (modules == nullptr || !modules->IsArray())
         bad_file(file, place + "/modules", "expected an array of module names");
     for (const json_value &module : modules->GetArray()) {
         if (!module.IsString() || module.GetStringLength() == 0)
@@ -79,7 +80,7 @@ static replay_product product_of(const std::string &file, const std::string &nam
     return product;
 }
 
-/* The object of the products; NULL: the document contains none. */
+/* The object of the products; nullptr: the document contains none. */
 static const json_value *products_of(const rapidjson::Document &document)
 {
     const json_value *products = node_member(&document, "products");
@@ -96,6 +97,15 @@ static void add_product(std::vector<replay_product> *products, const replay_prod
     products->push_back(product);
 }
 
+static void add_object(const std::string &file, const json_value *object,
+                       std::vector<replay_product> *products)
+{
+    if (object == nullptr || !object->IsObject())
+        bad_file(file, "/", "expected an object, {\"NAME\": {\"modules\": [\"MODULE\"]}}");
+    for (const auto &member : object->GetObject())
+        add_product(products, product_of(file, member.name.GetString(), member.value));
+}
+
 static void add_file(const std::string &file, std::vector<replay_product> *products)
 {
     rapidjson::Document document;
@@ -104,12 +114,7 @@ static void add_file(const std::string &file, std::vector<replay_product> *produ
         const evidence_file checked(file, MOST_BYTES); /* readable, and of a sane size */
     }
     scenario_load_json(document, file, EXIT_BAD_CALL);
-    const json_value *object = products_of(document);
-
-    if (object == nullptr || !object->IsObject())
-        bad_file(file, "/", "expected an object, {\"NAME\": {\"modules\": [\"MODULE\"]}}");
-    for (const auto &member : object->GetObject())
-        add_product(products, product_of(file, member.name.GetString(), member.value));
+    add_object(file, products_of(document), products);
 }
 
 std::vector<replay_product> products_read(const std::vector<std::string> &texts,
@@ -124,10 +129,17 @@ std::vector<replay_product> products_read(const std::vector<std::string> &texts,
     return products;
 }
 
-bool products_is_file(const std::string &file)
+std::vector<replay_product> products_of_json(const std::string &where, const json_value &object)
 {
-    rapidjson::Document document;
+    std::vector<replay_product> products;
 
+    add_object(where, &object, &products);
+    return products;
+}
+
+/* Result: false for a file that is not JSON. */
+static bool load(rapidjson::Document &document, const std::string &file)
+{
     try {
         const evidence_file checked(file, MOST_BYTES);
 
@@ -135,6 +147,22 @@ bool products_is_file(const std::string &file)
     } catch (const devhost_error &) {
         return false;
     }
+    return true;
+}
+
+bool products_is_truth(const std::string &file)
+{
+    rapidjson::Document document;
+
+    return load(document, file) && node_text_of(&document, "schema", "") == TRUTH_SCHEMA;
+}
+
+bool products_is_file(const std::string &file)
+{
+    rapidjson::Document document;
+
+    if (!load(document, file))
+        return false;
     const json_value *object = products_of(document);
 
     if (object == nullptr || !object->IsObject() || object->ObjectEmpty())

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "../base/json.h"
+
 struct replay_product {
     std::string name;
     std::vector<std::string> modules;
@@ -19,7 +21,11 @@ struct replay_product {
  * of a scenario. Throws devhost_error. */
 std::vector<replay_product> products_read(const std::vector<std::string> &texts,
                                           const std::string &file);
+/* The same of a JSON object; where: what contains it, for errors. */
+std::vector<replay_product> products_of_json(const std::string &where, const json_value &object);
 /* Whether a JSON file looks like a list of products. */
 bool products_is_file(const std::string &file);
+/* Whether it is the truth that "synthesize" wrote. */
+bool products_is_truth(const std::string &file);
 
 #endif

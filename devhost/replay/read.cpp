@@ -35,7 +35,9 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
 {
     replay_evidence evidence = {};
 
-    evidence.products = products_read(options.products, options.products_file);
+    evidence.products = !options.known.empty()
+                            ? options.known
+                            : products_read(options.products, options.products_file);
     if (!options.source.empty())
         collect_evidence(options, &evidence);
     if (!options.events.empty()) {
@@ -107,7 +109,7 @@ std::string replay_scenario(const replay_evidence &evidence)
 }
 
 /* The strings of a record of a clock change are the new and the old time. */
-static int64_t clock_change_100ns(const event_record &event)
+int64_t replay_clock_change(const event_record &event)
 {
     uint64_t to, from;
 
@@ -126,7 +128,7 @@ std::vector<replay_moment> replay_moments(const replay_evidence &evidence, uint6
 
     for (size_t i = boot.begin + 1; i < boot.end; i++) {
         const event_record &event = evidence.log.events[i];
-        const int64_t change = clock_change_100ns(event);
+        const int64_t change = replay_clock_change(event);
         const uint64_t time = time_of_unix(event.time);
 
         start += static_cast<uint64_t>(change);

@@ -2,6 +2,7 @@
 #include "replay.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include <algorithm>
 
@@ -84,12 +85,15 @@ static void play(void)
     play_run_until(end + AFTER_MS);
 }
 
-static void note_call(const std::string &text, void *user)
+static void note_call(const std::string &text)
 {
-    (void)user;
-    /* Sentences are made of no other calls; all of them would be many times the log. */
-    if (text.rfind("CreateFileW", 0) == 0 || text.rfind("FindFirstFileW", 0) == 0)
-        journal_add(HAPPENED_CALL, "plug-in", text);
+    journal_add(HAPPENED_CALL, "plug-in", text);
+}
+
+/* Sentences are made of no other calls; all of them would be many times the log. */
+static bool is_noted(const char *name)
+{
+    return strcmp(name, "CreateFileW") == 0 || strcmp(name, "FindFirstFileW") == 0;
 }
 
 /* {"status": ..., "count": ...} of each product, in their order. */
@@ -104,17 +108,21 @@ static std::vector<std::string> products_now(const replay_evidence &evidence)
 
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options)
 {
-    const run_folder folder(options.keep);
+    std::unique_ptr<run_folder> own;
     struct play_options play_options = {};
     struct scenario scenario;
 
     scenario.file = "replay";
     scenario.document.Parse(replay_scenario(*evidence).c_str());
-    play_options.run_folder = folder.path;
+    if (options.reused != nullptr)
+        options.reused->empty();
+    else
+        own = std::make_unique<run_folder>(options.keep);
+    play_options.run_folder = own != nullptr ? own->path : options.reused->path;
     play_options.plugin_path = options.plugin_path;
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(note_call, nullptr);
+    calls_set_trace(note_call, is_noted);
     try {
         play_open(scenario, play_options);
         oxnih_clock_set_zone(&evidence->zone.rules);
@@ -133,8 +141,27 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     return explain_story();
 }
 
-/* Plays every boot of the log, the wanted one last. Result: a row for each, in their order. */
-static std::vector<replay_row> play_all(const struct replay_options &options,
+/* The commands of the boot, without their times. */
+static std::vector<std::string> orders_now(void)
+{
+    std::vector<std::string> orders;
+
+    for (const happening &what : journal_all()) {
+        rapidjson::Document message;
+
+        if (what.kind != HAPPENED_COMMAND)
+            continue;
+        message.Parse(what.json.c_str());
+        const std::string type = node_text_of(&message, "type", "");
+
+        orders.push_back(what.whom + " " + type);
+        if (type == "set_count")
+            orders.back() += " " + std::to_string(node_integer_of(&message, "count", 0));
+    }
+    return orders;
+}
+
+std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story)
 {
     const evidence_run *wanted = evidence->boot;
@@ -150,7 +177,7 @@ static std::vector<replay_row> play_all(const struct replay_options &options,
                                       static_cast<unsigned>(order.size())));
         replay_choose(options, *run, evidence);
         *story = replay_play(evidence, options.session);
-        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed});
+        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed, orders_now()});
     }
     std::sort(rows.begin(), rows.end(), [](const replay_row &a, const replay_row &b) {
         return a.run->number < b.run->number;
@@ -169,7 +196,7 @@ int replay_run(const struct replay_options &options)
     if (options.source.empty())
         story = replay_play(&evidence, options.session);
     else
-        rows = play_all(options, &evidence, &story);
+        rows = replay_play_all(options, &evidence, &story);
     terminal_progress_end();
     const replay_answer answer = replay_answer_of(evidence, story);
     const std::string json =

@@ -29,6 +29,7 @@ struct replay_options {
     std::string boot;                    /* number of a boot in the log, or "last" */
     std::vector<std::string> products;   /* NAME:MODULE,MODULE[:COUNT[:STATUS]] */
     std::string products_file;           /* JSON; empty: none */
+    std::vector<replay_product> known;   /* products that were read already */
     std::vector<std::string> registries; /* .reg */
     std::string time_zone;               /* empty: of the evidence */
     enum evidence_damage damage;
@@ -72,7 +73,8 @@ struct replay_answer {
 struct replay_row {
     const evidence_run *run;
     struct replay_answer answer;
-    std::string blamed; /* module; empty: none */
+    std::string blamed;              /* module; empty: none */
+    std::vector<std::string> orders; /* "guard bypass", in the order of the commands */
 };
 
 /* Everything that was handed in, read and checked. */
@@ -127,13 +129,22 @@ struct replay_moment {
  * before the previous one. */
 std::vector<replay_moment> replay_moments(const replay_evidence &evidence, uint64_t until_ms);
 
+/* By how much a record sets the clock, in 100 ns; 0: it does not. */
+int64_t replay_clock_change(const event_record &event);
+
 /* place.cpp: decides where each dump lies; the machine's registry must exist. */
 void replay_place_dumps(replay_evidence *evidence);
 /* The string of a BugCheck record with the path of its dump; empty: it names none. */
 std::string replay_dump_path(const event_record &event);
 
+/* commands.cpp: sets the plug-in, unless it is named, and that a boot prints nothing while it is played. */
+void replay_prepare(struct run_options *session);
+
 /* replay.cpp: plays the chosen boot to its end. Afterwards journal_all() contains it. */
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options);
+/* Plays every boot of the log, the chosen one last. Result: a row for each, in their order. */
+std::vector<replay_row> replay_play_all(const struct replay_options &options,
+                                        replay_evidence *evidence, replay_story *story);
 
 /* answer.cpp */
 
@@ -155,6 +166,10 @@ std::string replay_text(const replay_evidence &evidence, const replay_story &sto
 std::string replay_json(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows,
                         const std::string &plugin);
+/* The same without what only the boot that is played shows: its members up to "blamed". */
+std::string replay_json_of_boots(const replay_evidence &evidence, const replay_story &story,
+                                 const replay_answer &answer, const std::vector<replay_row> &rows,
+                                 const std::string &plugin);
 std::string replay_boots_json(const replay_evidence &evidence);
 
 #endif

@@ -25,9 +25,8 @@ static constexpr char CONSOLE_NAMESPACE[] = "oxni";
 static constexpr double LONGEST_SECONDS = 31622400.0;
 #define LONGEST_TEXT "366 days"
 
-static void trace_sink(const std::string &text, void *user)
+static void trace_sink(const std::string &text)
 {
-    (void)user;
     journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
@@ -104,8 +103,7 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     /* With guards, a bad free names the allocating function. */
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : nullptr,
-                    nullptr);
+    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : nullptr);
     view_start(file, node_text_of(&scenario.document, "name", ""));
     play_open(scenario, play);
 }

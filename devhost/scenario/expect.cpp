@@ -216,10 +216,10 @@ static void check_warnings(const expect_context &context)
         index++;
     }
     if (index < found.size())
-        expect_fail(context, text_format("%u lines, expected %u; the next is ",
-                                         static_cast<unsigned>(found.size()),
-                                         static_cast<unsigned>(index)) +
-                                 found[index].text);
+        expect_fail(context,
+                    text_format("%u lines, expected %u; the next is ",
+                                static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
+                        found[index].text);
 }
 
 static void check_log_counts(const expect_context &context)

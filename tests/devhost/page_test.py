@@ -90,7 +90,7 @@ def main(wine, program, scenario, axe_file):
                        check=True, stdout=subprocess.DEVNULL)
         odd = pathlib.Path(folder, "odd.html")
         subprocess.run([wine, program, "replay", "--html", str(odd), "--product", f"management:{ODD}",
-                        "--events", str(evidence / "System.json")],
+                        "--events", str(evidence / "System.evtx")],
                        check=True, stdout=subprocess.DEVNULL)
         with open(pathlib.Path(folder, "driver.log"), "w") as log:
             browser = Browser(log)

@@ -196,7 +196,7 @@ def test_full_disk(folder):
         for _ in range(2): # nothing half-made blocks the second attempt
             done = dev("replay", evidence, "--html", small / "page.html")
             check("full disk", done.returncode == 2 and "page.html': disk full (112)" in done.stderr, done.stderr)
-            done = dev("host", "redact", "--events", evidence / "System.json", small / "new")
+            done = dev("host", "redact", "--events", evidence / "System.evtx", small / "new")
             check("full disk", done.returncode == 2 and "disk full (112)" in done.stderr, done.stderr)
             check("full disk", sorted(path.name for path in small.iterdir()) == ["filler"], list(small.iterdir()))
     finally:

@@ -2,7 +2,7 @@
 #ifndef TESTS_ENGINE_FIXTURE_H
 #define TESTS_ENGINE_FIXTURE_H
 
-#include "dump_builder.h"
+#include "dump_writer.h"
 #include "engine_script.h"
 
 #include <fstream>

@@ -2,7 +2,7 @@
  * is reported, not invented. */
 #include "engine_fixture.h"
 #include "kernel_dump.h"
-#include "memory_model.h"
+#include "dump_mutate.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 /* Tests of the unwinder: step by step against that of Windows, on damaged images, and on stacks. */
-#include "dump_builder.h"
+#include "dump_writer.h"
 #include "kernel_dump.h"
 
 #include <windows.h>

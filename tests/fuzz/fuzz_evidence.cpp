@@ -18,6 +18,7 @@
 #include "evidence/system_events.h"
 #include "replay/replay.h"
 #include "scenario/scenario.h"
+#include "synthesis/damage.h"
 
 static constexpr uint32_t MOMENT = 1709802341u; /* seconds since 1970 */
 static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
@@ -157,6 +158,96 @@ static void try_evtx(chance &chance, uint64_t)
     read_log(put_input("fuzz.evtx", log), chance);
 }
 FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
+
+/* Any text without a NUL, lone surrogates included; some are values of the known fields. */
+static std::wstring odd_text(chance &chance)
+{
+    static const wchar_t *const s_values[] = {
+        L"",     L"0",    L"126",      L"0x1f",
+        L"true", L"-1",   L"S-1-5-18", L"2024-03-07T09:00:10.000000000Z",
+        L"0xff", L"00012"};
+    std::wstring text;
+
+    if (chance.one_in(2))
+        return chance.of(s_values);
+    for (size_t left = chance.below(chance.one_in(8) ? 3000 : 20); left > 0; left--)
+        text += static_cast<wchar_t>(1 + chance.below(chance.one_in(2) ? 0x7e : 0xfffe));
+    return text;
+}
+
+static event_record odd_record(uint32_t number, chance &chance)
+{
+    static const struct {
+        const wchar_t *source;
+        uint32_t id;
+        size_t strings;
+    } s_known[] = {
+        {SOURCE_KERNEL_GENERAL, 12,                      7},
+        {SOURCE_KERNEL_POWER,   41,                      7},
+        {SOURCE_BUG_CHECK,      BUG_CHECK_EVENT_ID,      3},
+        {SOURCE_WINLOGON,       EVENT_LOGON,             2},
+        {SOURCE_SERVICES,       SERVICE_STATE_EVENT_ID,  2},
+        {SOURCE_EVENT_LOG,      LOG_UNEXPECTED_EVENT_ID, 7},
+    };
+    const auto &known = chance.of(s_known);
+    event_record record = {number, static_cast<uint32_t>(chance.next()), known.id, 4, known.source,
+                           {}};
+    size_t strings = known.strings;
+
+    if (chance.one_in(3)) {
+        record.id = static_cast<uint32_t>(chance.next());
+        record.source = L"x" + odd_text(chance);
+        strings = chance.below(9);
+    }
+    for (; strings > 0; strings--)
+        record.strings.add(odd_text(chance));
+    return record;
+}
+
+static std::string json_of(const event_record &event)
+{
+    return json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
+}
+
+static void open_written_log(void)
+{
+}
+
+/* A log is read as it was written, and what was damaged on purpose is reported. */
+static void try_written_log(chance &chance, uint64_t)
+{
+    const std::string kind = chance.one_in(2) ? "" : chance.of(damage_kinds());
+    std::vector<event_record> records;
+    damage_report report;
+    std::string bytes;
+    evidence_log log;
+    size_t next = 0;
+
+    for (size_t left = 1 + chance.below(chance.one_in(4) ? 800 : 20); left > 0; left--)
+        records.push_back(odd_record(static_cast<uint32_t>(100 + records.size()), chance));
+    try {
+        bytes = damage_log(records, kind, chance.next(), &report);
+    } catch (const devhost_error &) {
+        return; /* too short for that damage */
+    }
+    evidence_log_read(put_input("written.evtx", bytes), EVIDENCE_LENIENT, &log);
+    if (log.records != records.size() - report.gone.size() || log.lost_records != report.lost ||
+        log.cut_off.empty() == report.cut_off ||
+        (log.damage.empty() && log.cut_off.empty()) == report.damaged)
+        violated("damage \"" + kind + "\": " + std::to_string(log.records) + " records of " +
+                 std::to_string(records.size()) + ", " + std::to_string(log.lost_records) +
+                 " lost");
+    for (const event_record &wrote : records) {
+        if (report.gone.count(wrote.number) != 0)
+            continue;
+        const event_record &got = log.events[next++];
+
+        if (got.number != wrote.number || got.id != wrote.id || got.time != wrote.time ||
+            got.source != wrote.source || got.strings.packed() != wrote.strings.packed())
+            violated("a record is read as another one: " + json_of(wrote) + " as " + json_of(got));
+    }
+}
+FUZZ_TARGET(written_log, open_written_log, try_written_log, 1, 200)
 
 static const std::vector<const char *> s_log_keys = {"record", "source", "id",
                                                      "type",   "time",   "strings"};

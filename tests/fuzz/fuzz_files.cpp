@@ -10,8 +10,7 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 
-#include "../engine/dump_builder.h"
-#include "../engine/memory_model.h"
+#include "../engine/dump_mutate.h"
 #include "kernel_dump.h"
 #include "liboxnibase/host.h"
 #include "scenario/scenario.h"
@@ -82,7 +81,7 @@ static guarded *s_guarded;
 
 static void add_dump(const memory_model &machine, uint32_t kind, enum memory_layout layout)
 {
-    s_dumps.push_back({machine.build(kind, layout), machine.vital_places(layout)});
+    s_dumps.push_back({machine.build(kind, layout), memory_vital_places(machine, layout)});
 }
 
 static void open_dumps(void)

@@ -14,6 +14,7 @@
 
 #include "faults/crash_points.h"
 #include "faults/fault_runs.h"
+#include "simulation/truth_runs.h"
 #include "simulation/simulate.h"
 #include "base/terminal.h"
 #include "base/text.h"
@@ -49,6 +50,38 @@ static void add_simulate(CLI::App &app, int *status)
     add_plugin_option(*command, options->plugin_path);
     add_reload_option(*command, options->reload);
     command->callback([options, status] { *status = simulate_run(*options); });
+}
+
+static void add_truth(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<truth_options>();
+    CLI::App *command = app.add_subcommand(
+        "truth",
+        "Makes the evidence of random machines, replays it and compares the answers with "
+        "the truth, see docs/synthesize.md");
+
+    command->add_option("FILE", options->files, "Scenario files in place of random machines");
+    command->add_option("--machines", options->machines, "Number of random machines")
+        ->check(CLI::PositiveNumber);
+    command->add_option("--seed", options->seed,
+                        "Seed of the first machine; each further one adds 1");
+    command->add_option("--save", options->keep, "Folder for the evidence of a machine that fails");
+    add_plugin_option(*command, options->plugin_path);
+    command->callback([options, status] { *status = truth_run(*options); });
+}
+
+static void add_synthesize(CLI::App &app, int *status)
+{
+    auto options = std::make_shared<truth_options>();
+    CLI::App *command =
+        app.add_subcommand("synthesize", "Writes the evidence of random machines, a folder each");
+
+    command->add_option("FOLDER", options->folder, "Folder for the folders")->required();
+    command->add_option("--random", options->seed, "Seed of the first machine")->required();
+    command->add_option("--count", options->machines, "Number of machines")
+        ->check(CLI::PositiveNumber)
+        ->default_val(1);
+    command->callback([options, status] { *status = truth_write_random(*options); });
 }
 
 /* Options of fault runs and crash points. */
@@ -108,6 +141,8 @@ int wmain(int argc, wchar_t **argv)
         words.push_back(text_narrow(argv[i]));
     app.allow_windows_style_options(false); /* a path may begin with a slash */
     add_simulate(app, &status);
+    add_truth(app, &status);
+    add_synthesize(app, &status);
     add_faults(app, &status);
     add_crash_points(app, &status);
     app.require_subcommand(1);

@@ -202,7 +202,7 @@ static void hash_add(const std::string &text)
         s_hash.value = (s_hash.value ^ static_cast<uint8_t>(c)) * 0x100000001b3ull; /* FNV-1a */
 }
 
-static void hash_call(const std::string &text, void *)
+static void hash_call(const std::string &text)
 {
     hash_add(text_replace(text_replace(text, s_hash.folder, ""), s_hash.folder_with_slashes, "") +
              "\n");
@@ -211,7 +211,7 @@ static void hash_call(const std::string &text, void *)
 static void hash_begin(const run_folder &folder)
 {
     s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/")};
-    calls_set_trace(hash_call, nullptr);
+    calls_set_trace(hash_call);
 }
 
 static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)

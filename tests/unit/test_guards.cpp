@@ -135,7 +135,7 @@ TEST(test_guards, calls_of_windows)
 
     std::filesystem::create_directories(folder.path);
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    EXPECT_EQ(get_file_write_time(path.c_str(), &time), (uint32_t)ERROR_ACCESS_DENIED);
+    EXPECT_EQ(get_file_write_time(path.c_str(), &time), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(time, 7u);
     EXPECT_TRUE(log_contains("d.dmp information failed 5."));
     log_forget();

@@ -1,6 +1,4 @@
-#include "dump_builder.h"
-
-#include <cstring>
+#include "dump_writer.h"
 
 static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
 
@@ -17,7 +15,15 @@ static void put_header(std::vector<uint8_t> *dump, const dump_model &model)
     dump_put(dump, 0x00, 0x3436554445474150, 8); /* "PAGEDU64" */
     dump_put(dump, 0x20, model.loaded_modules, 8);
     dump_put(dump, 0x30, 0x8664, 4);
-    dump_put(dump, 0x38, 0x1000007E, 4);
+    dump_put(dump, 0x34, 1, 4); /* processors */
+    dump_put(dump, DUMP_BUILD, model.build, 4);
+    dump_put(dump, DUMP_BUG_CHECK, model.bug_check, 4);
+    for (size_t i = 0; i < 4; i++)
+        dump_put(dump, DUMP_PARAMETERS + 8 * i, model.parameters[i], 8);
+    dump_put(dump, DUMP_EXCEPTION, model.exception, 4);
+    dump_put(dump, DUMP_EXCEPTION + 0x10, model.exception != 0 ? model.rip : 0, 8);
+    dump_put(dump, DUMP_CRASH_TIME, model.crash_time_100ns, 8);
+    dump_put(dump, DUMP_UPTIME, model.uptime_100ns, 8);
     dump_put(dump, DUMP_CONTEXT + 0x30, 0x10001F, 4);
     dump_put(dump, DUMP_CONTEXT + 0x98, model.rsp, 8);
     dump_put(dump, DUMP_CONTEXT + 0xF8, model.rip, 8);
@@ -59,25 +65,4 @@ std::vector<uint8_t> dump_build(const dump_model &model)
     dump_put(&dump, dump.size(), 0x44475254, 4); /* "TRGD" */
     dump_put(&dump, DUMP_SIZE, dump.size(), 4);
     return dump;
-}
-
-void dump_mutate(std::vector<uint8_t> *dump, std::mt19937_64 *random)
-{
-    for (uint64_t changes = 1 + (*random)() % 8; changes > 0; changes--) {
-        const uint64_t any = (*random)();
-        const uint64_t size = dump->size();
-        const uint64_t values[] = {
-            0, 1, 0x80000000, UINT32_MAX, UINT64_MAX, size - any % 16, any % size, any};
-        const size_t bytes = static_cast<size_t>(1) << ((*random)() % 4);
-        uint32_t starts[] = {DUMP_CONTEXT, DUMP_TRIAGE, 0, 0};
-
-        if (size >= DUMP_STACK)
-            memcpy(&starts[3], dump->data() + DUMP_DRIVERS_AT, 4);
-        const uint64_t place = starts[any % 4] + 4 * ((*random)() % 0xC0);
-
-        if (place + bytes <= size)
-            dump_put(dump, place, values[(*random)() % 8], bytes);
-    }
-    if ((*random)() % 16 == 0)
-        dump->resize((*random)() % dump->size());
 }

@@ -1,11 +1,11 @@
 /*
  * Models the memory of a crashed machine, including its page tables, and builds the dumps that
- * Windows would write. Makes no Windows calls.
+ * Windows would write. Calls nothing of Windows.
  */
-#ifndef TESTS_MEMORY_MODEL_H
-#define TESTS_MEMORY_MODEL_H
+#ifndef DEVHOST_MEMORY_MODEL_H
+#define DEVHOST_MEMORY_MODEL_H
 
-#include "dump_builder.h"
+#include "dump_writer.h"
 
 #include <map>
 
@@ -82,10 +82,6 @@ class memory_model
     /* Returns the numbers of the file's pages, ascending. */
     std::vector<uint64_t> pages() const;
 
-    /* Returns the file offsets of all data that the reader uses: header fields, bits, runs, page
-     * table entries in use, links and texts of the list. */
-    std::vector<uint64_t> vital_places(enum memory_layout layout) const;
-
   private:
     void map(uint64_t address, unsigned shift);
     uint64_t new_page(); /* returns its physical address */
@@ -102,10 +98,5 @@ class memory_model
     uint64_t large_taken_ = 0;
     uint64_t directory_table_ = 0;
 };
-
-/* Changes the values at up to six of the places: to boundary values, by single bits, or to the
- * value at another place. Changes the length in one of sixteen cases. */
-void memory_mutate(std::vector<uint8_t> *dump, const std::vector<uint64_t> &places,
-                   std::mt19937_64 *random);
 
 #endif
