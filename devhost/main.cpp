@@ -219,6 +219,14 @@ static void add_evidence_options(CLI::App &command, replay_arguments &arguments)
     add_damage_options(command, arguments);
 }
 
+static void add_images_option(CLI::App &command, std::string &folder)
+{
+    command.add_option(
+        "--images", folder,
+        "Folder with the drivers and kernel files of the machine: stacks are unwound "
+        "by them, not scanned");
+}
+
 static void add_replay(CLI::App &app, int *status)
 {
     auto arguments = std::make_shared<replay_arguments>();
@@ -235,6 +243,7 @@ static void add_replay(CLI::App &app, int *status)
     command->add_flag("--timing", options.timing, "Prints the elapsed time to stderr");
     command->add_option("--html", options.html, "Writes the result as a page for a browser")
         ->excludes(boots);
+    add_images_option(*command, options.images);
     add_plugin_option(*command, options.session.plugin_path);
     command->add_option("--keep", options.session.keep,
                         "New folder for the run's files, which is kept");
@@ -267,6 +276,7 @@ static void add_dump(CLI::App &app, int *status)
     command->add_option("DUMP", options->sources, "Crash dumps, folders or .zip files")->required();
     add_product_options(*command, options->products, options->products_file);
     command->add_flag("--json", options->json, "Prints the result as JSON");
+    add_images_option(*command, options->images);
     add_plugin_option(*command, options->session.plugin_path);
     command->callback([options, status] { *status = replay_command_dump(*options); });
 }

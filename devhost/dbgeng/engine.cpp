@@ -1,7 +1,7 @@
 /* The engine's object: translates between the debugger's interfaces and the reader of dumps. One object
  * is both client and control. Used from one thread at a time. */
+#include "engine_dump.h"
 #include "engine_script_internal.h"
-#include "kernel_dump.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -63,86 +63,15 @@ class engine final : public engine_unused_client, public engine_unused_control
     std::unique_ptr<std::string> script_text_; /* replaces the dump */
     unsigned waited_ms_ = 0;                   /* for the dump's event */
 };
-
-struct error_row {
-    enum kernel_dump_error error;
-    DWORD code;
-};
 } // namespace
-
-static const struct error_row s_errors[] = {
-    {KERNEL_DUMP_NOT_A_DUMP, ERROR_BAD_FORMAT   },
-    {KERNEL_DUMP_USER_MODE,  ERROR_NOT_SUPPORTED},
-    {KERNEL_DUMP_32_BIT,     ERROR_NOT_SUPPORTED},
-    {KERNEL_DUMP_MACHINE,    ERROR_NOT_SUPPORTED},
-    {KERNEL_DUMP_KIND,       ERROR_NOT_SUPPORTED},
-    {KERNEL_DUMP_CUT_OFF,    ERROR_HANDLE_EOF   },
-    {KERNEL_DUMP_DAMAGED,    ERROR_FILE_CORRUPT },
-    {KERNEL_DUMP_NO_CONTEXT, ERROR_INVALID_DATA },
-    {KERNEL_DUMP_NO_MODULES, ERROR_INVALID_DATA },
-};
 
 /* References that clients hold. A leaked client may release its references on any thread. */
 static volatile LONG s_objects;
 static volatile LONG s_references;
 static volatile LONG s_callbacks;
 
-static HRESULT result_of(enum kernel_dump_error error)
-{
-    for (const error_row &row : s_errors) {
-        if (row.error == error)
-            return HRESULT_FROM_WIN32(row.code);
-    }
-    return S_OK;
-}
-
-static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, std::string *reason)
-{
-    try {
-        return result_of(kernel_dump_read(static_cast<const uint8_t *>(bytes), size, dump, reason));
-    } catch (const std::bad_alloc &) {
-        return E_OUTOFMEMORY;
-    }
-}
-
-/* The file is mapped, since it may be larger than the memory, and only while it is read. */
-static HRESULT read_file(const wchar_t *path, kernel_dump *dump, std::string *reason)
-{
-    HANDLE file = INVALID_HANDLE_VALUE;
-    HANDLE mapping = nullptr;
-    const void *view = nullptr;
-    LARGE_INTEGER size = {};
-    DWORD error = ERROR_SUCCESS;
-    HRESULT result;
-
-    file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size))
-        error = GetLastError();
-    /* Windows maps no empty file. */
-    if (error == ERROR_SUCCESS && size.QuadPart > 0) {
-        mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
-        if (mapping != nullptr)
-            view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
-        if (view == nullptr)
-            error = GetLastError();
-    }
-    if (error == ERROR_SUCCESS) {
-        result = read_bytes(view, static_cast<uint64_t>(size.QuadPart), dump, reason);
-    } else {
-        result = HRESULT_FROM_WIN32(error);
-        *reason = "the file cannot be read: error " + std::to_string(error);
-    }
-    if (view != nullptr)
-        UnmapViewOfFile(view);
-    if (mapping != nullptr)
-        CloseHandle(mapping);
-    if (file != INVALID_HANDLE_VALUE)
-        CloseHandle(file);
-    return result;
-}
-
-/* Without unwind tables a frame's parameters are unknown; a function that stores them does so in the four
- * slots above the return address. */
+/* A frame's parameters are not recorded; a function that stores them does so in the four slots above the
+ * return address. How a frame was found comes back with it when it is printed. */
 static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_frame> &walked,
                         DEBUG_STACK_FRAME *frames)
 {
@@ -159,6 +88,7 @@ static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_f
             frame->Params[k] = kernel_dump_stack_value(dump, walked[i + 1].stack + 8 * k);
         frame->Virtual = i > 0;
         frame->FrameNumber = static_cast<ULONG>(i);
+        frame->Reserved[0] = walked[i].found;
     }
 }
 
@@ -271,7 +201,7 @@ HRESULT engine::open(PCWSTR path)
     result = engine_script_map_path(path, &mapped);
     if (result != S_OK)
         return engine_script_refuse(path, result, "the path is not mapped to a file");
-    result = read_file(mapped.c_str(), &dump_, &reason);
+    result = engine_read_dump(mapped.c_str(), &dump_, &reason);
     if (result != S_OK)
         return engine_script_refuse(path, result, reason.c_str());
     return S_OK;
@@ -366,7 +296,8 @@ HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
     if (session_ != SESSION_READY)
         return E_UNEXPECTED;
     try {
-        walked = kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size);
+        walked = kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size,
+                                  engine_script_images());
     } catch (const std::bad_alloc &) {
         return E_OUTOFMEMORY;
     }
@@ -432,14 +363,19 @@ void engine::put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags)
 /* The missing parts are listed before the stack, where no client expects frames. */
 void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags)
 {
+    bool warned = false;
+
     for (const std::string &gap : dump_.gaps)
         put("The dump is incomplete: " + gap + ".\n");
     if ((flags & DEBUG_STACK_COLUMN_NAMES) != 0)
         put_column_names(flags);
     for (ULONG i = 0; i < count; i++) {
-        put_frame(frames[i], flags);
-        if (i == 0 && count > 1)
+        const bool scanned = frames[i].Reserved[0] == KERNEL_DUMP_FOUND_SCANNED;
+
+        if (scanned && !warned)
             put("Stack unwind information not available. Following frames may be wrong.\n");
+        warned = warned || scanned;
+        put_frame(frames[i], flags);
     }
 }
 

@@ -34,6 +34,7 @@ static const char *const s_call_names[ENGINE_CALL_COUNT] = {
 
 static owned_script s_script;
 static engine_loading s_loading;
+static std::vector<kernel_image> s_images;
 static engine_called_fn s_called;
 
 static HRESULT add_fault(owned_script *script, const struct engine_script_fault &fault)
@@ -133,6 +134,29 @@ HRESULT engine_script_open(const wchar_t *path)
     const HRESULT result = s_loading.open != nullptr ? s_loading.open(path) : S_OK;
 
     return result == S_OK ? S_OK : engine_script_refuse(path, result, "the file cannot be opened");
+}
+
+HRESULT engine_images_set(const struct engine_image *images, size_t count)
+{
+    s_images.clear();
+    try {
+        for (size_t i = 0; i < count; i++) {
+            kernel_image image;
+
+            if (kernel_image_open(images[i].file, static_cast<const uint8_t *>(images[i].bytes),
+                                  images[i].size, &image) == nullptr)
+                s_images.push_back(image);
+        }
+    } catch (const std::bad_alloc &) {
+        s_images.clear();
+        return E_OUTOFMEMORY;
+    }
+    return S_OK;
+}
+
+const std::vector<kernel_image> &engine_script_images(void)
+{
+    return s_images;
 }
 
 void engine_watch(engine_called_fn called)

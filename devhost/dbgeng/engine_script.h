@@ -8,6 +8,7 @@
 #ifndef DEVHOST_ENGINE_SCRIPT_H
 #define DEVHOST_ENGINE_SCRIPT_H
 
+#include <cstdint>
 #include <windows.h>
 
 #ifdef __cplusplus
@@ -94,6 +95,24 @@ struct engine_loading {
 /* Copied but for the text, which is borrowed until the next call. NULL: loading takes no time. */
 typedef void (*engine_loading_set_fn)(const struct engine_loading *loading);
 void engine_loading_set(const struct engine_loading *loading);
+
+/* The image of a driver or of the kernel, which unwinds its frames. */
+struct engine_image {
+    const char *file; /* UTF-8, without its folder */
+    const void *bytes;
+    uint64_t size; /* bytes of the file */
+};
+
+/*
+ * Sets the images for the dumps that are opened. One that is not readable, or of a module that the dump
+ * does not have, is never used.
+ *
+ * images   Copied, but for the bytes: these must stay valid until the next call.
+ *
+ * Result   S_OK; E_OUTOFMEMORY, and there are no images.
+ */
+typedef HRESULT (*engine_images_set_fn)(const struct engine_image *images, size_t count);
+HRESULT engine_images_set(const struct engine_image *images, size_t count);
 
 /*
  * Called for each call of a client, before it works; for a release after it. NULL: no calls.

@@ -3,8 +3,10 @@
 #define DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 
 #include <string>
+#include <vector>
 
 #include "engine_script.h"
+#include "kernel_image.h"
 
 enum engine_call {
     ENGINE_CALL_DEBUG_CREATE,
@@ -28,6 +30,9 @@ HRESULT engine_script_map_path(const wchar_t *path, std::wstring *mapped);
 
 /* How dumps are loaded. */
 const struct engine_loading &engine_script_loading(void);
+
+/* The images at hand. */
+const std::vector<kernel_image> &engine_script_images(void);
 
 /* Whether a dump with a scripted stack opens. A refusal is reported. */
 HRESULT engine_script_open(const wchar_t *path);

@@ -110,9 +110,9 @@ struct kernel_dump_frame {
  * none. Borrowed from dump. */
 const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_t address);
 
-/* Whether the file has the name of the module's file; case does not matter. The kernel may have been
+/* Whether a file name, UTF-8, is that of the module's file; case does not matter. The kernel may have been
  * loaded from either of its names. */
-bool kernel_dump_image_is_named(const kernel_image &image, const kernel_dump_module &module);
+bool kernel_dump_image_is_named(const std::string &file, const kernel_dump_module &module);
 
 /* Why an image with the name of the module is not the loaded one: "is of another build: time stamp
  * 0x5f000000, the dump has 0x5e000000". Empty: it is. A dump without the time stamp leaves the size. */

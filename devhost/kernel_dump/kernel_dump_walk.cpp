@@ -11,12 +11,12 @@ static std::string lower(std::string text)
     return text;
 }
 
-bool kernel_dump_image_is_named(const kernel_image &image, const kernel_dump_module &module)
+bool kernel_dump_image_is_named(const std::string &file, const kernel_dump_module &module)
 {
-    const std::string file = lower(image.file);
+    const std::string name = lower(file);
 
-    return file == lower(module.file) ||
-           (module.name == "nt" && (file == "ntoskrnl.exe" || file == "ntkrnlmp.exe"));
+    return name == lower(module.file) ||
+           (module.name == "nt" && (name == "ntoskrnl.exe" || name == "ntkrnlmp.exe"));
 }
 
 std::string kernel_dump_image_mismatch(const kernel_image &image, const kernel_dump_module &module)
@@ -35,7 +35,7 @@ const kernel_image *kernel_dump_image_of(const std::vector<kernel_image> &images
 {
     const auto found =
         std::find_if(images.begin(), images.end(), [&module](const kernel_image &image) {
-            return kernel_dump_image_is_named(image, module) &&
+            return kernel_dump_image_is_named(image.file, module) &&
                    kernel_dump_image_mismatch(image, module).empty();
         });
 

@@ -25,6 +25,13 @@ struct machine_process {
     bool is_protected = false;
 };
 
+/* The file of a driver or of the kernel. */
+struct machine_image {
+    std::string file; /* without its folder */
+    const void *bytes;
+    uint64_t size;
+};
+
 struct machine {
     /* Clock. */
     uint64_t boot_100ns = 0;
@@ -58,6 +65,8 @@ struct machine {
     /* Dumps that are too large to copy: path of the machine in lower case to the real file. What
      * lies at the path itself has the times only. */
     std::map<std::wstring, std::wstring> dump_files;
+    /* Images that the engine unwinds with; their bytes are borrowed. */
+    std::vector<machine_image> images;
 };
 
 /* The machine of this process. */
@@ -72,7 +81,7 @@ void machine_boot(uint64_t now_100ns);
 /* Adds a record to the end of the log; number is given here when it is 0. */
 void machine_log(event_record record);
 
-/* Hands engine faults and stacks to the engine. Called after a change of either. */
+/* Hands engine faults, stacks and images to the engine. Called after a change of any. */
 void machine_update_engine(void);
 /* What clients of the engine did not release; empty: nothing. */
 std::string machine_engine_left(void);

@@ -171,6 +171,17 @@ static void update_loading(void)
     engine_function<engine_loading_set_fn>("engine_loading_set")(&loading);
 }
 
+static void update_images(void)
+{
+    std::vector<engine_image> images;
+
+    for (const machine_image &image : machine_get().images)
+        images.push_back({image.file.c_str(), image.bytes, image.size});
+    if (engine_function<engine_images_set_fn>("engine_images_set")(images.data(), images.size()) !=
+        S_OK)
+        throw std::bad_alloc();
+}
+
 void machine_update_engine(void)
 {
     const machine &machine = machine_get();
@@ -196,6 +207,7 @@ void machine_update_engine(void)
                             text_format("the engine refuses its faults and stacks, 0x%08lx",
                                         static_cast<unsigned long>(result)));
     update_loading();
+    update_images();
     engine_function<engine_watch_fn>("engine_watch")(trace_engine);
 }
 

@@ -180,6 +180,23 @@ static void doubt_engine(doubter &d)
     }
 }
 
+/* Of images that were handed in: what they leave open. */
+static void doubt_images(doubter &d)
+{
+    const replay_scanned &scanned = d.story.scanned;
+
+    if (!scanned.wanted.empty())
+        d.add(true, "the frame of " + scanned.module + " was found by scanning the stack",
+              file_of(d.story.dump) + ": the frame of " + scanned.module +
+                  (d.story.blamed.empty() ? " is found only by scanning the whole stack"
+                                          : " was found by scanning") +
+                  ", so its address may be stale; " + scanned.wanted);
+    for (const replay_image_use &use : d.evidence.image_uses)
+        if (!use.why.empty())
+            d.add(false, use.file + " was not used",
+                  use.file + ": " + use.why + "; hand in the file of that machine");
+}
+
 static void doubt_ignored(doubter &d)
 {
     for (const replay_ignored &ignored : d.evidence.ignored) {
@@ -370,6 +387,7 @@ std::vector<replay_doubt> doubts_of(const replay_evidence &evidence, const repla
     for (const replay_dump &placed : evidence.dumps)
         doubt_unknown_dump(d, placed);
     doubt_engine(d);
+    doubt_images(d);
     doubt_clock(d);
     doubt_disagreement(d);
     if (story.blamed.empty())

@@ -23,10 +23,12 @@ namespace
 struct shown_dump {
     evidence_dump file;
     kernel_dump facts; /* with the stack */
-    std::vector<std::string> frames;
+    std::vector<kernel_dump_frame> frames;
+    std::vector<replay_image_use> images;
     std::string module, site; /* of the fault */
     uint64_t address;
-    bool judged; /* by the plug-in */
+    bool with_images; /* whether images were handed in */
+    bool judged;      /* by the plug-in */
     replay_answer answer;
     std::string blamed;
 };
@@ -40,7 +42,7 @@ static uint64_t fault_address(const kernel_dump &facts)
     return row != nullptr && row->address != 0 ? facts.parameters[row->address - 1] : facts.rip;
 }
 
-static shown_dump read_dump(const collected_file &from)
+static shown_dump read_dump(const collected_file &from, const replay_images *images)
 {
     const evidence_file file(from.path, UINT64_MAX);
     shown_dump dump = {};
@@ -50,8 +52,11 @@ static shown_dump read_dump(const collected_file &from)
     dump.file.shown = from.shown;
     if (kernel_dump_read(file.data(), file.bytes(), &dump.facts, &reason) != KERNEL_DUMP_OK)
         evidence_bad(from.path, reason);
-    for (const kernel_dump_frame &frame : kernel_dump_walk(dump.facts, STACK_FRAMES))
-        dump.frames.push_back(kernel_dump_call_site(dump.facts, frame.instruction));
+    dump.with_images = images != nullptr;
+    if (images != nullptr)
+        images_add_uses(*images, dump.facts, &dump.images);
+    dump.frames = images != nullptr ? kernel_dump_walk(dump.facts, STACK_FRAMES, images->images)
+                                    : kernel_dump_walk(dump.facts, STACK_FRAMES);
     dump.address = fault_address(dump.facts);
     const kernel_dump_module *module = kernel_dump_module_at(dump.facts, dump.address);
 
@@ -106,13 +111,14 @@ static void generate_log(const shown_dump &dump, evidence_log *log)
 
 /* Plays a boot after the crash. */
 static void judge(const struct dump_options &options, const std::vector<replay_product> &products,
-                  shown_dump *dump)
+                  const std::shared_ptr<const replay_images> &images, shown_dump *dump)
 {
     replay_evidence evidence = {};
 
     generate_log(*dump, &evidence.log);
     evidence.events_file = "generated log";
     evidence.products = products;
+    evidence.images = images;
     evidence.dumps.push_back({});
     evidence.dumps.back().dump = dump->file;
     evidence.runs = evidence_runs(evidence.log);
@@ -174,9 +180,16 @@ static std::string dump_text(const shown_dump &dump)
         text += "  products          " +
                 (dump.blamed.empty() ? "none is blamed: " : dump.blamed + " is blamed: ") +
                 dump.answer.sentence + "\n";
-    text += "  stack, found without symbols: frames after the first may be wrong\n";
-    for (const std::string &frame : dump.frames)
-        text += "    " + frame + "\n";
+    text +=
+        !dump.with_images
+            ? "  stack, found without symbols: frames after the first may be wrong\n"
+            : "  stack, found without symbols: scanned frames, and those after them, may be wrong\n";
+    for (const kernel_dump_frame &frame : dump.frames)
+        text +=
+            "    " + kernel_dump_call_site(dump.facts, frame.instruction) +
+            (!dump.with_images ? "" : std::string("  (") + images_found_name(frame.found) + ")") +
+            "\n";
+    text += images_text(dump.images);
     text += "  " + text_count(dump.facts.modules.size(), "driver") +
             "\n    base                    bytes  time stamp                     name\n";
     for (const kernel_dump_module &module : dump.facts.modules)
@@ -235,7 +248,15 @@ static void put_dump(json_lines &writer, const shown_dump &dump)
     json_member(writer, "faulting_address",
                 text_format("0x%llx", static_cast<unsigned long long>(dump.address)));
     json_member(writer, "faulting_site", dump.site);
-    json_member(writer, "stack", dump.frames);
+    json_list(writer, "stack", dump.frames, [&](const kernel_dump_frame &frame) {
+        json_put(writer, kernel_dump_call_site(dump.facts, frame.instruction));
+    });
+    if (dump.with_images) {
+        json_list(writer, "found", dump.frames, [&](const kernel_dump_frame &frame) {
+            json_put(writer, std::string(images_found_name(frame.found)));
+        });
+        images_put(writer, dump.images);
+    }
     json_list(writer, "drivers", dump.facts.modules,
               [&](const kernel_dump_module &module) { put_driver(writer, module); });
     if (dump.judged) {
@@ -267,8 +288,9 @@ static std::vector<collected_file> files_of(const std::string &source,
 
 /* Result: whether all could be read. */
 static bool read_source(const struct dump_options &options,
-                        const std::vector<replay_product> &products, const std::string &source,
-                        std::vector<shown_dump> *dumps)
+                        const std::vector<replay_product> &products,
+                        const std::shared_ptr<const replay_images> &images,
+                        const std::string &source, std::vector<shown_dump> *dumps)
 {
     std::unique_ptr<run_folder> extracted;
     bool sound = true;
@@ -276,10 +298,10 @@ static bool read_source(const struct dump_options &options,
     for (const collected_file &file : files_of(source, &extracted)) {
         terminal_progress("reading " + file.shown);
         try {
-            shown_dump dump = read_dump(file);
+            shown_dump dump = read_dump(file, images.get());
 
             if (!products.empty())
-                judge(options, products, &dump);
+                judge(options, products, images, &dump);
             dumps->push_back(std::move(dump));
         } catch (const devhost_error &error) {
             fprintf(stderr, "oxni_devhost: %s\n",
@@ -294,12 +316,14 @@ int replay_dump_command(const struct dump_options &options)
 {
     const std::vector<replay_product> products =
         products_read(options.products, options.products_file);
+    const std::shared_ptr<const replay_images> images =
+        options.images.empty() ? nullptr : images_read(options.images);
     std::vector<shown_dump> dumps;
     std::string text;
     bool sound = true;
 
     for (const std::string &source : options.sources)
-        sound = read_source(options, products, source, &dumps) && sound;
+        sound = read_source(options, products, images, source, &dumps) && sound;
     terminal_progress_end();
     if (options.json) {
         text = json_text<json_lines>([&](json_lines &writer) {

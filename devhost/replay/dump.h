@@ -11,6 +11,7 @@ struct dump_options {
     std::vector<std::string> sources; /* files, folders, archives */
     std::vector<std::string> products;
     std::string products_file;
+    std::string images; /* folder with drivers and kernel files; empty: none */
     bool json;
     struct run_options session;
 };

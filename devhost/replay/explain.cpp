@@ -273,7 +273,7 @@ static void take_stack(replay_story *story, const std::string &text)
         size_t cut = line.find('!');
 
         cut = cut != std::string::npos ? cut : line.find('+');
-        story->stack.push_back({line, cut != std::string::npos ? line.substr(0, cut) : ""});
+        story->stack.push_back({line, cut != std::string::npos ? line.substr(0, cut) : "", ""});
         at = end == std::string::npos ? text.size() : end + 1;
     }
 }

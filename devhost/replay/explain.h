@@ -44,6 +44,14 @@ struct replay_reason {
 struct replay_frame {
     std::string text;   /* as the engine printed it */
     std::string module; /* the part before '!' or '+'; empty: not a frame */
+    std::string found;  /* with images at hand: "rip", "unwound" or "scanned"; empty: not known */
+};
+
+/* The module that the answer depends on, and that a scan found: blamed, or, while none is, registered and
+ * perhaps skipped. */
+struct replay_scanned {
+    std::string module;
+    std::string wanted; /* what to hand in so that it is certain; empty: it is */
 };
 
 struct replay_story {
@@ -55,6 +63,7 @@ struct replay_story {
     std::string dump;                  /* the last one that the engine got; empty: none */
     std::string engine_error;          /* why the engine printed no stack; empty: it did */
     std::vector<replay_frame> stack;
+    replay_scanned scanned;       /* empty without images at hand */
     bool drivers_updated = false; /* the plug-in found updated drivers, and blames no product */
     uint64_t last_query_ms = 0;   /* when the last check reached its verdict */
     std::vector<page_highlight> decisions;

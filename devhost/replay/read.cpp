@@ -54,6 +54,11 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
         evidence_registry_read(path, &evidence.registry);
         evidence.registry_files.push_back(path);
     }
+    if (!options.images.empty())
+        evidence.images = images_read(options.images);
+    for (const replay_dump &placed : evidence.dumps)
+        if (evidence.images != nullptr)
+            images_add_uses(*evidence.images, placed.dump.facts, &evidence.image_uses);
     if (needs_boot)
         replay_choose(options, *find_boot(evidence, options.boot), &evidence);
     return evidence;

@@ -71,6 +71,7 @@ static void place_dumps(replay_evidence *evidence)
         machine_get().dump_files[text_lower(place)] = text_wide(dump.dump.path);
         machine_write_file(place, "", dump.written_100ns, dump.written_100ns);
     }
+    images_place(evidence->images.get());
     machine_update_engine();
 }
 
@@ -138,7 +139,10 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
         throw;
     }
     (void)play_close();
-    return explain_story();
+    replay_story story = explain_story();
+
+    images_judge(*evidence, &story);
+    return story;
 }
 
 /* The commands of the boot, without their times. */

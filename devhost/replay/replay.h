@@ -10,8 +10,10 @@
 #include <vector>
 
 #include "../base/run_folder.h"
+#include "../base/text_json.h"
 #include "../evidence/boots.h"
 #include "../evidence/dump_file.h"
+#include "../evidence/file.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
 #include "explain.h"
@@ -32,6 +34,7 @@ struct replay_options {
     std::vector<replay_product> known;   /* products that were read already */
     std::vector<std::string> registries; /* .reg */
     std::string time_zone;               /* empty: of the evidence */
+    std::string images;                  /* folder with drivers and kernel files; empty: none */
     enum evidence_damage damage;
     bool json;
     bool timing;      /* prints the elapsed time and the part of the library for logs */
@@ -77,6 +80,19 @@ struct replay_row {
     std::vector<std::string> orders; /* "guard bypass", in the order of the commands */
 };
 
+/* Drivers and files of the kernel, by which stacks are unwound instead of scanned. */
+struct replay_images {
+    std::vector<std::unique_ptr<evidence_file>> files; /* mapped as long as the images are used */
+    std::vector<kernel_image> images;
+    std::vector<replay_ignored> others; /* files that cannot be read */
+};
+
+/* A file with the name of a module of a dump. */
+struct replay_image_use {
+    std::string file;
+    std::string why; /* it is not used; empty: it is */
+};
+
 /* Everything that was handed in, read and checked. */
 struct replay_evidence {
     std::unique_ptr<run_folder> extracted; /* files of an archive */
@@ -88,6 +104,8 @@ struct replay_evidence {
     std::vector<replay_dump> dumps;
     std::vector<replay_product> products;
     evidence_registry registry;
+    std::shared_ptr<const replay_images> images; /* NULL: not handed in */
+    std::vector<replay_image_use> image_uses;
     replay_zone zone;                /* of the boot that is played */
     const evidence_run *boot;        /* in runs; NULL when none is needed */
     std::vector<std::string> states; /* of the products when all was played, as JSON */
@@ -145,6 +163,23 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
 /* Plays every boot of the log, the chosen one last. Result: a row for each, in their order. */
 std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story);
+
+/* images.cpp */
+
+/* Reads the files of a folder, and of those below. */
+std::shared_ptr<const replay_images> images_read(const std::string &folder);
+/* Adds what becomes of the files with names of modules of the dump, each once. */
+void images_add_uses(const replay_images &images, const kernel_dump &dump,
+                     std::vector<replay_image_use> *uses);
+/* A line for each, and the member "images". */
+std::string images_text(const std::vector<replay_image_use> &uses);
+void images_put(json_lines &writer, const std::vector<replay_image_use> &uses);
+/* Hands the images to the machine, for the next update of its engine. NULL: none. */
+void images_place(const replay_images *images);
+/* Marks how the frames of the story were found, and the module that is not certain. */
+void images_judge(const replay_evidence &evidence, replay_story *story);
+/* "rip", "unwound", "scanned". */
+const char *images_found_name(enum kernel_dump_found found);
 
 /* answer.cpp */
 

@@ -79,6 +79,7 @@ static std::string evidence_text(const replay_evidence &evidence)
         for (const std::string &gap : facts.gaps)
             text += "    incomplete: " + gap + "\n";
     }
+    text += images_text(evidence.image_uses);
     for (const std::string &file : evidence.registry_files)
         text += "  " + file + ": registry export\n";
     text += "  time zone: " + evidence.zone.name +
@@ -134,7 +135,8 @@ static std::string stack_text(const replay_story &story)
         const bool blamed = !story.blamed.empty() && frame.module == story.blamed;
 
         any = any || blamed;
-        text += std::string(blamed ? "  > " : "    ") + frame.text + "\n";
+        text += std::string(blamed ? "  > " : "    ") + frame.text +
+                (frame.found.empty() ? "" : "  (" + frame.found + ")") + "\n";
     }
     if (text.empty())
         return "";

@@ -193,6 +193,8 @@ static void put_evidence(json_lines &writer, const replay_evidence &evidence,
         json_member(writer, "why", ignored.why);
         writer.EndObject();
     });
+    if (evidence.images != nullptr)
+        images_put(writer, evidence.image_uses);
     writer.Key("time_zone");
     writer.StartObject();
     json_member(writer, "name", evidence.zone.name);
@@ -213,6 +215,8 @@ static void put_story(json_lines &writer, const replay_evidence &evidence,
         writer.StartObject();
         json_member(writer, "text", frame.text);
         json_member_or_null(writer, "module", frame.module);
+        if (evidence.images != nullptr)
+            json_member_or_null(writer, "found", frame.found);
         writer.EndObject();
     });
     put_sent(writer, "commands", HAPPENED_COMMAND);
