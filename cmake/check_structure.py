@@ -35,10 +35,11 @@ MAY_INCLUDE = {
     "tests": ["devhost", "platform", "oxni_sys"],
     "bench": ["devhost", "platform", "oxni_sys", "tests"],
     "examples": ["platform"],
+    "platform_check": ["platform"],
 }
 
 # Directories whose files do not include each other in circles.
-WITHOUT_CIRCLE = ["oxni_sys", "platform", "devhost", "tests", "bench"]
+WITHOUT_CIRCLE = ["oxni_sys", "platform", "platform_check", "devhost", "tests", "bench"]
 
 # A longer file holds more than one subject.
 MAX_LINES = 500
@@ -62,7 +63,7 @@ DIALECT = {
          "static constexpr, unless it is joined with another text"),
     ],
 }
-CPP_DIALECT = ("bench", "devhost", "platform", "runtime", "tests")
+CPP_DIALECT = ("bench", "devhost", "platform", "platform_check", "runtime", "tests")
 TEXT_OR_COMMENT = re.compile(r'''"(?:\\.|[^"\\\n])*"|/\*.*?\*/|//[^\n]*''', re.S)
 
 
