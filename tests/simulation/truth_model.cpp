@@ -14,7 +14,7 @@
 #include "base/text.h"
 #include "evidence/system_events.h"
 #include "machine/machine.h"
-#include "scenario/play.h"
+#include "play/play.h"
 #include "model.h"
 
 static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */

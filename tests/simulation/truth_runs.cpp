@@ -16,6 +16,7 @@
 #include "machine/memory_disk.h"
 #include "replay/replay.h"
 #include "scenario/journal.h"
+#include "play/load.h"
 #include "machines.h"
 
 static constexpr int HANG_SECONDS = 300;
