@@ -8,7 +8,8 @@
 
 #include "../devhost/machine/calls.h"
 #include "../devhost/machine/machine.h"
-#include "../devhost/scenario/play.h"
+#include "../devhost/play/play.h"
+#include "../devhost/play/load.h"
 #include "../devhost/base/text.h"
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"

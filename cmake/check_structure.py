@@ -21,24 +21,32 @@ MAY_INCLUDE = {
     "devhost/evidence": ["devhost/base", "devhost/kernel_dump"],
     "devhost/machine": ["devhost/base", "devhost/dbgeng", "devhost/evidence", "platform"],
     "devhost/agent": ["devhost/base", "devhost/machine", "platform"],
-    "devhost/scenario": ["devhost/agent", "devhost/base", "devhost/evidence", "devhost/machine",
-                         "platform"],
+    "devhost/scenario": ["devhost/base", "devhost/machine", "platform"],
+    "devhost/participants": ["devhost/agent", "devhost/base", "devhost/evidence",
+                             "devhost/machine", "devhost/scenario", "platform"],
+    "devhost/expect": ["devhost/agent", "devhost/base", "devhost/machine", "devhost/participants",
+                       "devhost/scenario", "platform"],
+    "devhost/play": ["devhost/agent", "devhost/base", "devhost/expect", "devhost/machine",
+                     "devhost/participants", "devhost/scenario", "platform"],
     "devhost/view": ["devhost/base", "devhost/scenario"],
     "devhost/replay": ["devhost/agent", "devhost/base", "devhost/evidence", "devhost/kernel_dump",
-                       "devhost/machine", "devhost/scenario", "devhost/view", "platform"],
+                       "devhost/machine", "devhost/participants", "devhost/play",
+                       "devhost/scenario", "devhost/view", "platform"],
     "devhost/synthesis": ["devhost/base", "devhost/evidence", "devhost/kernel_dump",
-                          "devhost/machine", "devhost/scenario", "platform"],
+                          "devhost/machine", "devhost/play", "devhost/scenario", "platform"],
     "devhost/run": ["devhost/agent", "devhost/base", "devhost/evidence", "devhost/machine",
-                    "devhost/replay", "devhost/scenario", "devhost/view", "platform"],
+                    "devhost/participants", "devhost/play", "devhost/replay", "devhost/scenario",
+                    "devhost/view", "platform"],
     "devhost": ["devhost/base", "devhost/replay", "devhost/run", "devhost/scenario",
                 "devhost/synthesis", "devhost/view", "platform"],
     "tests": ["devhost", "platform", "oxni_sys"],
     "bench": ["devhost", "platform", "oxni_sys", "tests"],
     "examples": ["platform"],
+    "platform_check": ["platform"],
 }
 
 # Directories whose files do not include each other in circles.
-WITHOUT_CIRCLE = ["oxni_sys", "platform", "devhost", "tests", "bench"]
+WITHOUT_CIRCLE = ["oxni_sys", "platform", "platform_check", "devhost", "tests", "bench"]
 
 # A longer file holds more than one subject.
 MAX_LINES = 500
@@ -62,7 +70,7 @@ DIALECT = {
          "static constexpr, unless it is joined with another text"),
     ],
 }
-CPP_DIALECT = ("bench", "devhost", "platform", "runtime", "tests")
+CPP_DIALECT = ("bench", "devhost", "platform", "platform_check", "runtime", "tests")
 TEXT_OR_COMMENT = re.compile(r'''"(?:\\.|[^"\\\n])*"|/\*.*?\*/|//[^\n]*''', re.S)
 
 

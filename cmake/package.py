@@ -90,8 +90,8 @@ def headers():
         yield f"include/{name}", read(f"{deps}/jansson/include/{name}")
     for name in tracked("platform/*/host.h"):
         yield name.replace("platform/", "host/", 1), read(f"{source}/{name}")
-    for name in tracked("tests/platform/*.cpp", "tests/platform/*.h"):
-        yield name.replace("tests/platform/", "platform_check/", 1), read(f"{source}/{name}")
+    for name in tracked("platform_check/*.cpp", "platform_check/*.h"):
+        yield name, read(f"{source}/{name}")
 
 
 def licences():

@@ -56,18 +56,6 @@ std::string scenario_load_json(rapidjson::Document &document, const std::string 
     return text;
 }
 
-void scenario_load(struct scenario &scenario, const std::string &file,
-                   const std::map<std::string, std::string> &defines)
-{
-    size_t slash = file.find_last_of("/\\");
-
-    scenario.file = file;
-    scenario.folder = slash != std::string::npos ? file.substr(0, slash + 1) : "";
-    scenario.defines = defines;
-    scenario.text = scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
-    scenario_check(scenario);
-}
-
 node node::operator[](const char *member) const
 {
     node found = *this;

@@ -22,13 +22,6 @@ struct scenario {
     rapidjson::Document document;
 };
 
-/* Reads and checks a file. Throws devhost_error: a line for each mistake, with its place. */
-void scenario_load(struct scenario &scenario, const std::string &file,
-                   const std::map<std::string, std::string> &defines);
-
-/* Checks a document as scenario_load does. Throws devhost_error. */
-void scenario_check(const struct scenario &scenario);
-
 /* Reads a JSON file of another form. Throws devhost_error with that status. Returns its text. */
 std::string scenario_load_json(rapidjson::Document &document, const std::string &file, int status);
 

@@ -8,7 +8,7 @@
 #include "../base/text.h"
 #include "../evidence/system_events.h"
 #include "../machine/machine.h"
-#include "../scenario/play.h"
+#include "../play/play.h"
 #include "../scenario/timeline.h"
 #include "accompany.h"
 

@@ -9,6 +9,7 @@
 #include "../evidence/file.h"
 #include "../evidence/system_events.h"
 #include "../machine/machine.h"
+#include "../play/load.h"
 
 #define CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\"
 #define SERVICE_KEY L"SYSTEM\\CurrentControlSet\\Services\\"

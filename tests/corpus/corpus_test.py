@@ -157,7 +157,7 @@ def real_cases(folder):
     a_zip(own / "absolute.zip", dict(plain, **{"C:\\Windows\\a.reg": b"REGEDIT4"}))
     rows = [
         {"name": "inline", "source": str(EVIDENCE), "products": PRODUCTS, "truth": a_truth()},
-        {"name": "files", "events": str(EVIDENCE / "System.json"), "products": PRODUCTS,
+        {"name": "files", "events": str(EVIDENCE / "System.evtx"), "products": PRODUCTS,
          "dumps": [str(EVIDENCE / "030724-5437-01.dmp")], "registries": [str(EVIDENCE / "machine.reg")]},
         {"name": "untrue", "source": str(EVIDENCE), "products": PRODUCTS, "truth": a_truth(blamed="other")},
         {"name": "unordered", "source": str(EVIDENCE), "products": PRODUCTS, "truth": a_truth(all_orders=True)},
@@ -224,8 +224,8 @@ def test_equals_replay(out, own):
 def test_leaves_nothing(folder):
     """A boot that is played again right away finds no files of the first time."""
     log = folder / "one_boot.json"
-    log.write_text(json.dumps([event for event in json.loads((EVIDENCE / "System.json").read_text())
-                               if event["record"] >= 4725]))
+    events = subprocess.run([*HOST, "events", str(EVIDENCE / "System.evtx")], capture_output=True, timeout=100)
+    log.write_text(json.dumps([event for event in json.loads(events.stdout) if event["record"] >= 4725]))
     case = {"id": 1, "events": str(log), "dumps": [str(EVIDENCE / "030724-5437-01.dmp")], "products": PRODUCTS}
     done = subprocess.run([*HOST, "serve"], input=2 * (json.dumps(case) + "\n"), capture_output=True, text=True,
                           timeout=100)

@@ -26,10 +26,11 @@
 #include <oxni/base/memory.h>
 
 #include "liboxnibase/host.h"
-#include "scenario/agent_process.h"
-#include "scenario/products.h"
+#include "play/agent_process.h"
+#include "play/load.h"
+#include "participants/products.h"
 #include "scenario/timeline.h"
-#include "scenario/play.h"
+#include "play/play.h"
 #include "machine/machine.h"
 #include "scenario/journal.h"
 #include "base/run_folder.h"

@@ -4,7 +4,7 @@
 #include "liboxnibase/host.h"
 #include "machine/calls.h"
 #include "machine/machine.h"
-#include "scenario/products.h"
+#include "participants/products.h"
 #include "base/text.h"
 
 /* Calls of a name that fail with each of their errors; the later ones take one error in turn. */

@@ -14,6 +14,7 @@
 #include "kernel_dump.h"
 #include "liboxnibase/host.h"
 #include "scenario/scenario.h"
+#include "play/load.h"
 #include "machine/memory_disk.h"
 #include "base/text.h"
 

@@ -12,6 +12,7 @@
 
 #include "agent/agent.h"
 #include "scenario/scenario.h"
+#include "play/load.h"
 #include "base/text.h"
 #include "watch.h"
 

@@ -56,9 +56,8 @@ static void add_truth(CLI::App &app, int *status)
 {
     auto options = std::make_shared<truth_options>();
     CLI::App *command = app.add_subcommand(
-        "truth",
-        "Makes the evidence of random machines, replays it and compares the answers with "
-        "the truth, see docs/synthesize.md");
+        "truth", "Makes the evidence of random machines, replays it and compares the answers with "
+                 "the truth, see docs/synthesize.md");
 
     command->add_option("FILE", options->files, "Scenario files in place of random machines");
     command->add_option("--machines", options->machines, "Number of random machines")

@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "scenario/products.h"
+#include "participants/products.h"
 #include "base/text.h"
 
 static constexpr int TEN_DAYS_SECONDS = 864000;

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "liboxnibase/host.h"
-#include "scenario/play.h"
+#include "play/play.h"
 #include "scenario/scenario.h"
 
 /* generate.cpp */

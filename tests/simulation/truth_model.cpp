@@ -14,7 +14,7 @@
 #include "base/text.h"
 #include "evidence/system_events.h"
 #include "machine/machine.h"
-#include "scenario/play.h"
+#include "play/play.h"
 #include "model.h"
 
 static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */
@@ -212,14 +212,19 @@ static bool is_recorded(const synthesis &made, const history_boot &boot)
     return false;
 }
 
-/* Copying may change the time of a file, so replay trusts it only up to the record of the crash. */
+/* Copying may change the time of a file, so replay trusts it only up to the record of the crash, in a run
+ * whose start the log shows. */
 static bool has_unknown_time(const shown_boot &shown)
 {
-    for (const history_boot *boot = shown.made.history.boots.data(); boot != &shown.boot; boot++)
+    bool starts = false;
+
+    for (const history_boot *boot = shown.made.history.boots.data(); boot != &shown.boot; boot++) {
+        starts |= shown.made.shows(*boot);
         for (const crash_dump &dump : boot->dumps)
             if (!dump.replaced && dump.written_100ns >= shown.boot.started_100ns &&
-                !is_recorded(shown.made, *boot))
+                (!starts || !is_recorded(shown.made, *boot)))
                 return true;
+    }
     return false;
 }
 

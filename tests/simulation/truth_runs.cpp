@@ -16,6 +16,7 @@
 #include "machine/memory_disk.h"
 #include "replay/replay.h"
 #include "scenario/journal.h"
+#include "play/load.h"
 #include "machines.h"
 
 static constexpr int HANG_SECONDS = 300;
@@ -302,6 +303,26 @@ static unsigned compare_all(const std::string &name, const synthesis &made,
     return compare.differences;
 }
 
+/* Whether the log shows no start: then replay has nothing to play. */
+static bool shows_nothing(const synthesis &made)
+{
+    return std::none_of(made.history.boots.begin(), made.history.boots.end(),
+                        [&](const history_boot &boot) { return made.shows(boot); });
+}
+
+/* Replay must reject such a log. Result: the number of differences. */
+static unsigned check_rejected(const std::string &name, const replay_options &options)
+{
+    try {
+        (void)replay_read(options, true);
+    } catch (const devhost_error &error) {
+        if (std::string(error.what()).find("no System log with a start") != std::string::npos)
+            return 0;
+    }
+    printf("%s: the log shows no start, and replay does not reject it\n", name.c_str());
+    return 1;
+}
+
 /* Result: the number of differences. */
 static unsigned check(const std::string &name, const synthesis &made,
                       const std::vector<history_truth> &expected, const run_folder &folder,
@@ -316,6 +337,12 @@ static unsigned check(const std::string &name, const synthesis &made,
     replay.damage = EVIDENCE_STANDARD;
     replay.session.plugin_path = options.plugin_path;
     replay_prepare(&replay.session);
+    if (shows_nothing(made)) {
+        const unsigned differences = check_rejected(name, replay);
+
+        folder.empty();
+        return differences;
+    }
     const std::vector<replayed_boot> played = replay_all(replay, &evidence);
 
     folder.empty();

@@ -8,8 +8,8 @@
 #include "../machine/machine.h"
 #include "../base/text.h"
 #include "machine_setup.h"
-#include "journal.h"
-#include "timeline.h"
+#include "../scenario/journal.h"
+#include "../scenario/timeline.h"
 
 /* Seconds after the start of Windows at which it writes these. */
 static constexpr double START_SECONDS = 0.0;

@@ -6,11 +6,11 @@
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "callbacks.h"
-#include "management.h"
-#include "observe.h"
-#include "products.h"
-#include "journal.h"
-#include "timeline.h"
+#include "../participants/management.h"
+#include "../participants/observe.h"
+#include "../participants/products.h"
+#include "../scenario/journal.h"
+#include "../scenario/timeline.h"
 
 /* All that ends with the agent's process. */
 static void forget_agent(void)

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Returns why a step cannot be done; empty: it has exactly one possible action. */
 std::string step_problem(const node &step);

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* products: of the scenario, may be missing. */
 void products_open(const node &products);

@@ -8,8 +8,8 @@
 
 #include "../base/text.h"
 #include "../machine/calls.h"
-#include "journal.h"
-#include "match.h"
+#include "../scenario/journal.h"
+#include "../scenario/match.h"
 
 /* The first journal entry that the next expectation covers. */
 static size_t s_from;

@@ -17,8 +17,8 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../agent/agent.h"
 #include "../base/text.h"
-#include "journal.h"
-#include "timeline.h"
+#include "../scenario/journal.h"
+#include "../scenario/timeline.h"
 
 static constexpr double REGISTER_SECONDS = 5.0;
 static constexpr double ANSWER_SECONDS = 1.0;

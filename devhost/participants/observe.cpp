@@ -9,7 +9,7 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../machine/machine.h"
 #include "../base/text.h"
-#include "journal.h"
+#include "../scenario/journal.h"
 #include "products.h"
 
 static void log_sink(int level, const char *line, void *user)

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_MANAGEMENT_H
 #define DEVHOST_MANAGEMENT_H
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Starts with the defaults and the scenario's "management", which may be missing. */
 void management_open(const node &said);

@@ -7,14 +7,14 @@
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../base/text.h"
-#include "journal.h"
+#include "../scenario/journal.h"
 #include "agent_process.h"
 #include "callbacks.h"
-#include "expect.h"
-#include "machine_setup.h"
-#include "management.h"
-#include "products.h"
-#include "timeline.h"
+#include "../expect/expect.h"
+#include "../participants/machine_setup.h"
+#include "../participants/management.h"
+#include "../participants/products.h"
+#include "../scenario/timeline.h"
 
 struct step_context {
     const node &step;

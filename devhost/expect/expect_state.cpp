@@ -7,11 +7,11 @@
 #include "../agent/agent.h"
 #include "../base/text.h"
 #include "../machine/machine.h"
-#include "machine_setup.h"
-#include "match.h"
-#include "observe.h"
-#include "products.h"
-#include "timeline.h"
+#include "../participants/machine_setup.h"
+#include "../scenario/match.h"
+#include "../participants/observe.h"
+#include "../participants/products.h"
+#include "../scenario/timeline.h"
 
 void expect_fail(const expect_context &context, const std::string &why)
 {

@@ -2,7 +2,7 @@
  * Checking a scenario before it is played: against its schema, and for mistakes that the schema
  * cannot express. All mistakes are collected.
  */
-#include "scenario.h"
+#include "load.h"
 
 #include <cmath>
 #include <cstring>
@@ -13,9 +13,9 @@
 
 #include "../base/text.h"
 #include "../machine/machine.h"
-#include "machine_setup.h"
+#include "../participants/machine_setup.h"
 #include "steps.h"
-#include "timeline.h"
+#include "../scenario/timeline.h"
 
 static constexpr uint32_t MOST_PROBLEMS = 20u;
 static constexpr uint32_t MOST_SHOWN = 60u; /* characters of a value */
@@ -368,4 +368,16 @@ void scenario_check(const struct scenario &scenario)
                             static_cast<unsigned>(problems.size() - MOST_PROBLEMS));
     if (!text.empty())
         throw devhost_error(EXIT_BAD_CALL, text);
+}
+
+void scenario_load(struct scenario &scenario, const std::string &file,
+                   const std::map<std::string, std::string> &defines)
+{
+    size_t slash = file.find_last_of("/\\");
+
+    scenario.file = file;
+    scenario.folder = slash != std::string::npos ? file.substr(0, slash + 1) : "";
+    scenario.defines = defines;
+    scenario.text = scenario_load_json(scenario.document, file, EXIT_BAD_CALL);
+    scenario_check(scenario);
 }

@@ -14,8 +14,8 @@
 #include "../evidence/log.h"
 #include "../machine/machine.h"
 #include "../base/text.h"
-#include "journal.h"
-#include "timeline.h"
+#include "../scenario/journal.h"
+#include "../scenario/timeline.h"
 
 /* Layout of a driver's crash_config.cfg, coded with the drivers' key. */
 static constexpr int CRASH_RECORD_BYTES = 50;

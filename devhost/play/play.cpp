@@ -12,15 +12,15 @@
 #include "../base/text.h"
 #include "agent_process.h"
 #include "callbacks.h"
-#include "expect.h"
-#include "machine_setup.h"
-#include "management.h"
-#include "observe.h"
-#include "products.h"
-#include "journal.h"
+#include "../expect/expect.h"
+#include "../participants/machine_setup.h"
+#include "../participants/management.h"
+#include "../participants/observe.h"
+#include "../participants/products.h"
+#include "../scenario/journal.h"
 #include "steps.h"
-#include "timeline.h"
-#include "windows_traces.h"
+#include "../scenario/timeline.h"
+#include "../participants/windows_traces.h"
 
 /* Default start of the first boot: any working day. */
 static constexpr char DEFAULT_START[] = "2024-03-07T09:00:00Z";

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Checks an "expect" against the events since the start of the boot or its previous "expect". */
 void expect_check(const node &expect, std::vector<std::string> &failures);

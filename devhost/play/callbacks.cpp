@@ -11,8 +11,8 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../base/text.h"
 #include "../machine/calls.h"
-#include "journal.h"
-#include "products.h"
+#include "../scenario/journal.h"
+#include "../participants/products.h"
 
 static struct {
     oxni_subscribee_fn service;

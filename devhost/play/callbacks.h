@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Begins to remember the plug-in's callbacks. */
 void callbacks_open(void);

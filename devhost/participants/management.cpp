@@ -13,7 +13,7 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../base/text.h"
-#include "timeline.h"
+#include "../scenario/timeline.h"
 
 static constexpr char LINK_PATH[] = "/:broadcast/dbg/oxni/quality_opr";
 static constexpr char ACCEPTED[] = R"({"errcode": 0})";

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Begins a scenario. */
 void machine_setup_open(void);

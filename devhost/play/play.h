@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 struct play_options {
     std::string run_folder;  /* exists, empty; UTF-8, with backslashes */

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "scenario.h"
+#include "../scenario/scenario.h"
 
 /* Plans the records and dumps that Windows writes in this boot. ended: how the previous run ended;
  * crash: of that run, may be missing. */
