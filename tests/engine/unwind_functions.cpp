@@ -127,6 +127,7 @@ unwind_second_out:
     popq %r15
     ret
 unwind_second_out_end:
+    jmp unwind_large
 1:  nop
     addq $0x40, %rsp
     popq %r15
