@@ -151,7 +151,8 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
 TEST(report_link, a_product_named_twice)
 {
     static const char answer[] =
-        R"({"total": 2, "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
+        R"({"total": 1, "total": 2,
+            "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
     const core_patches patches;
 
     report_link_create();

@@ -22,6 +22,7 @@
 #include "report_history.h"
 #include "report_link.h"
 #include "report_pending.h"
+#include "time_text.h"
 #include "unit_support.h"
 #include "win_event_parse.h"
 
@@ -106,7 +107,12 @@ TEST(test_guards, creation_time_of_a_dump)
     log_forget();
     (void)bypass_mgr_check_cb(2, {"ma"}, "C:\\d", {}, core_subscriber(0));
     EXPECT_TRUE(log_contains("Failed to GetFileTime [C:\\d]"));
-    EXPECT_NE(core_calls().find("'module_name':'ma'"), std::string::npos);
+    const std::string calls = core_calls();
+    char text[TIME_TEXT_CHARS];
+
+    time_text_local(0, text, sizeof(text));
+    EXPECT_NE(calls.find("'module_name':'ma'"), std::string::npos) << calls;
+    EXPECT_NE(calls.find(std::string("'create_time':'") + text + "'"), std::string::npos) << calls;
 }
 
 static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *)
