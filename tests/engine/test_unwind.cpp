@@ -452,7 +452,7 @@ TEST(unwind, test_stacks)
         const std::vector<uint8_t> bytes = dump_build(model);
 
         ASSERT_EQ(kernel_dump_read(bytes.data(), bytes.size(), &dump, &reason), KERNEL_DUMP_OK);
-        dump.general[5] = dump.stack_start + 16 * 8 - 0x68;
+        dump.general[5] = dump.stack_start + 0x18;
         EXPECT_EQ(frames_of(dump, images), row.frames) << row.row;
     }
 }
