@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Every ./dev command in the documents is run, on evidence of the project where a name is a
 placeholder, or asked whether it knows its options where it would take long; links and paths lead
-somewhere; every member of a scenario is told.
+somewhere; every member of a scenario is documented.
 
 usage: docs_test.py PROJECT_FOLDER
 """
@@ -14,7 +14,7 @@ import subprocess
 import sys
 import tempfile
 
-# What would take minutes is asked for its help, which must tell of the options that a document names.
+# What would take minutes is asked for its help, which must list the options that a document names.
 SHORT = {
     "test": ["help"],
     "check": ["help"],
@@ -60,7 +60,7 @@ def dead_ends(root, document):
             yield path
 
 
-def untold_members(root):
+def undocumented_members(root):
     """Members that a scenario may have and its document does not name."""
     def members(node):
         for name, value in node.items():
@@ -70,8 +70,8 @@ def untold_members(root):
                 yield from members(value)
 
     schema = json.loads((root / "devhost/scenario/scenario.schema.json").read_text())
-    told = set(re.findall(r"`(\w+)`", (root / "docs/scenarios.md").read_text()))
-    return sorted(set(members(schema)) - told)
+    documented = set(re.findall(r"`(\w+)`", (root / "docs/scenarios.md").read_text()))
+    return sorted(set(members(schema)) - documented)
 
 
 def main(root):
@@ -81,7 +81,7 @@ def main(root):
     seen = set()
     problems = [f"{document.name}: there is no {end}" for document in documents
                 for end in dead_ends(root, document)]
-    problems += [f"scenarios.md: does not tell of \"{name}\"" for name in untold_members(root)]
+    problems += [f"scenarios.md: does not document \"{name}\"" for name in undocumented_members(root)]
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         shutil.copytree(root / "scenarios", folder / "scenarios")

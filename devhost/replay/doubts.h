@@ -10,7 +10,7 @@
 struct replay_doubt {
     std::string reason; /* half a sentence: "no dump of the crash was handed in" */
     std::string text;   /* file, event record and what to hand in */
-    bool decides;       /* without a bypass, the answer cannot be told because of it */
+    bool decides;       /* without a bypass, the answer is "cannot tell" because of it */
 };
 
 /* The doubts of a boot that was played, the deciding ones first. */

@@ -99,7 +99,7 @@ static void check_reading(conformance &run, HANDLE log)
     read = read_log(log, backwards, 0, block.data(), 1);
     conform(run, "ReadEventLogW", "a buffer of one byte", read.error,
             {ERROR_INSUFFICIENT_BUFFER, ERROR_HANDLE_EOF});
-    conform(run, "ReadEventLogW", "a buffer of one byte: the need is told",
+    conform(run, "ReadEventLogW", "a buffer of one byte: the need is returned",
             read.error == ERROR_HANDLE_EOF || (read.needed > 56 && read.needed <= 0x10000), {1});
     read = read_log(log, backwards, 0, block.data(), READ_BYTES);
     conform(run, "ReadEventLogW", "backwards", read.error, {0, ERROR_HANDLE_EOF});

@@ -132,7 +132,7 @@ static void check_querying(conformance &run, HKEY own)
             static_cast<uint64_t>(RegQueryValueExW(weak, L"DumpFile", nullptr, &type,
                                                    reinterpret_cast<BYTE *>(buffer), &bytes)),
             {ERROR_MORE_DATA, ERROR_FILE_NOT_FOUND});
-    conform(run, "RegQueryValueExW", "a buffer that is too small: the size is told",
+    conform(run, "RegQueryValueExW", "a buffer that is too small: the size is returned",
             type == 0 || bytes > sizeof(text[0]), {1});
     RegCloseKey(weak);
 }

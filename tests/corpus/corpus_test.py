@@ -192,9 +192,9 @@ def test_real(folder):
     for name, state, answer, reason in rows:
         check(name, found[name][:2] == (state, answer) and reason in found[name][2], found[name])
     check("real", set(found) == {row[0] for row in rows}, set(found))
-    told = dict(query(out, "SELECT name, differences FROM cases WHERE differences NOT NULL"))
-    check("truth", set(told) == {"untrue", "unordered"}, told)
-    check("truth", "blamed is guard_flt, the truth is other" in told["untrue"], told)
+    differences = dict(query(out, "SELECT name, differences FROM cases WHERE differences NOT NULL"))
+    check("truth", set(differences) == {"untrue", "unordered"}, differences)
+    check("truth", "blamed is guard_flt, the truth is other" in differences["untrue"], differences)
     check("truth", "truth: 2 of 4 cases" in text, text)
     test_equals_replay(out, own)
     test_leaves_nothing(folder)

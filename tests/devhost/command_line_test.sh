@@ -111,7 +111,7 @@ check "paths of this machine" 0 "" run --log none s.json
     failures=$((failures + 1))
 }
 
-# An expectation that does not hold is told with its place, and so is every kind of it.
+# An expectation that does not hold is reported with its place; one of each kind.
 printf '%s' '{"products": {"p": {}}, "boots": [{"expect": {"commands": [{"to": "p"}], "log": ["never said"], "no_log": ["system boot up"], "uploads": [{}],
  "echo": ["x"], "complaints": ["x"], "refused": ["x"], "call_counts": {"oxni_sleep": 7}, "calls": ["NoSuchCall"], "no_calls": ["oxni_timer_start"], "products": {"p": {"count": 9}},
  "timers": {"30000": 9}, "references": {"p": 9, "q/q": 1}, "sequence": [{"left": ""}], "documents": {"none.ejs": {}}, "registry": [{"key": "X", "name": "y", "data": "z"}], "keys": {"X": true}, "files": {"C:\\x": true}, "agent": "stopped",

@@ -29,7 +29,7 @@ if [ -f "$data/system.evtx" ] && [ -f "$data/triage_x64.dmp" ]; then
     done
 fi
 
-# What the engine refuses is told with the reason, and blames nobody.
+# A dump that the engine rejects is reported with the reason, and no module is blamed.
 refused() {
     cp "$work"/evidence/Minidump/*.dmp "$work/bad.dmp"
     printf "$2" | dd of="$work/bad.dmp" bs=1 seek="$3" conv=notrunc status=none
@@ -38,7 +38,7 @@ refused() {
 "boots": [{"until": 100, "expect": {"commands": [], "log": ["OpenDumpFileWide failed with hr = 0x8"]}}]}' >"$work/bad.json"
     timeout 100 "$wine" "$program" run --log none "$work/bad.json" >"$work/out.txt"
     grep -q "debugger engine refuses" "$work/out.txt" || {
-        echo "FAILED: $1: no reason was told"
+        echo "FAILED: $1: no reason is reported"
         exit 1
     }
 }

@@ -115,20 +115,20 @@ def run(folder, name, stack, images):
 
 
 def test_row(folder, name, stack, images, answer, frames, doubt):
-    told, dumps = run(folder, name, stack, images)
-    check(name, told["answer"] == answer, told["sentence"])
+    result, dumps = run(folder, name, stack, images)
+    check(name, result["answer"] == answer, result["sentence"])
     shown = [" ".join(filter(None, [frame["module"], frame.get("found")]))
-             for frame in told["stack"] if frame["module"]]
+             for frame in result["stack"] if frame["module"]]
     check(name, shown == frames, shown)
-    check(name, any(doubt in line for line in told["doubts"]) if doubt
-          else not any("scanning" in line for line in told["doubts"]), told["doubts"])
+    check(name, any(doubt in line for line in result["doubts"]) if doubt
+          else not any("scanning" in line for line in result["doubts"]), result["doubts"])
     dump = dumps["dumps"][0]
     shown = [" ".join([site.split("+")[0], *found]) for site, *found in
              zip(dump["stack"], *([dump["found"]] if images is not None else []))]
     check(name + ", dump", shown == frames, shown)
-    check(name + ", members", ("images" in told) == ("images" in dump) == (images is not None), told)
-    used = sum(image["used"] for image in told.get("images", []))
-    check(name + ", used", used == sum(" " not in module for module in images or []), told.get("images"))
+    check(name + ", members", ("images" in result) == ("images" in dump) == (images is not None), result)
+    used = sum(image["used"] for image in result.get("images", []))
+    check(name + ", used", used == sum(" " not in module for module in images or []), result.get("images"))
 
 
 def test_texts(folder):

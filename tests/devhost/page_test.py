@@ -110,7 +110,7 @@ def look(browser, page):
     check(resources == 0, f"the page loads {resources} other files")
     check("default.json" in title, f"the title is {title!r}")
 
-    # The decision of the first boot is marked in the picture and told below it.
+    # The decision of the first boot is marked in the picture and stated below it.
     check("the plug-in blames guard_flt: it is on the stack" in browser.text("#boot1 .shown"), "no decision below the picture")
     check(browser.text("#answer") == "Every expectation holds.", browser.text("#answer"))
     marked = browser.run("return document.querySelectorAll('#boot1 li.decided').length")
@@ -133,7 +133,7 @@ def look(browser, page):
     count = "return document.querySelectorAll('#boot1 details.lines li').length"
     check(browser.run(count) == 0, "lines stand there before they are asked for")
     browser.click("#boot1 details.lines summary")
-    end = time.monotonic() + 10 # the browser tells the page a moment later
+    end = time.monotonic() + 10 # the browser notifies the page a moment later
     while browser.run(count) == 0:
         check(time.monotonic() < end, "lines do not fold out")
 

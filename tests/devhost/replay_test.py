@@ -50,10 +50,10 @@ def test_boots(folder):
     status, out, _ = host("replay", "--events", log, "--boots", "--json")
     boots = json.loads(out)["boots"]
     check("boots", status == 0, f"status {status}")
-    told = [(b["boot"], b["first_record"], b["last_record"], b["ended"]) for b in boots]
-    check("boots", told == [(0, 1, 1, "unknown"), (1, 2, 4, "clean"), (2, 5, 6, "power loss"),
-                            (3, 7, 9, "blue screen"), (4, 10, 15, "unknown")], told)
-    check("told by", [b["told_by"] for b in boots] == [None, 4, 8, 13, None], boots)
+    found = [(b["boot"], b["first_record"], b["last_record"], b["ended"]) for b in boots]
+    check("boots", found == [(0, 1, 1, "unknown"), (1, 2, 4, "clean"), (2, 5, 6, "power loss"),
+                            (3, 7, 9, "blue screen"), (4, 10, 15, "unknown")], found)
+    check("ended by", [b["told_by"] for b in boots] == [None, 4, 8, 13, None], boots)
     return log
 
 
@@ -322,8 +322,8 @@ def test_synthetic(folder):
         status, out, err = host("replay", source, "--boot", "1", "--json")
         check("synthetic", status == 0, err)
         result = json.loads(out)
-        first, *_ = told = truth["boots"]
-        check("synthetic", [b["ended"] for b in result["boots"] if b["boot"]] == [b["ended"] for b in told], out)
+        first, *_ = expected = truth["boots"]
+        check("synthetic", [b["ended"] for b in result["boots"] if b["boot"]] == [b["ended"] for b in expected], out)
         check("synthetic", (result["answer"], result["blamed"]) == (first["answer"], first["blamed"]), out)
         check("synthetic", {c["to"] for c in result["commands"]} == {o["to"] for o in first["orders"]}, out)
         check("synthetic", result["events"]["records"] == truth["log"]["records"], result["events"])

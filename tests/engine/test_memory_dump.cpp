@@ -39,27 +39,27 @@ struct reading {
     kernel_dump dump;
     enum kernel_dump_error error;
     std::string names, sites; /* of the modules and of the frames */
-    std::string told;         /* why it is rejected, or its gaps, one a line */
+    std::string findings;         /* why it is rejected, or its gaps, one a line */
 };
 
 static reading read(const std::vector<uint8_t> &bytes)
 {
     reading made;
 
-    made.error = kernel_dump_read(bytes.data(), bytes.size(), &made.dump, &made.told);
+    made.error = kernel_dump_read(bytes.data(), bytes.size(), &made.dump, &made.findings);
     for (const kernel_dump_module &module : made.dump.modules)
         made.names += (made.names.empty() ? "" : " ") + module.name;
     for (const kernel_dump_frame &frame : kernel_dump_walk(made.dump, 99))
         made.sites +=
             (made.sites.empty() ? "" : " ") + kernel_dump_call_site(made.dump, frame.instruction);
     for (const std::string &gap : made.dump.gaps)
-        made.told += gap + "\n";
+        made.findings += gap + "\n";
     return made;
 }
 
-static bool tells(const reading &made, const std::string &part)
+static bool mentions(const reading &made, const std::string &part)
 {
-    return part.empty() ? made.told.empty() : made.told.find(part) != std::string::npos;
+    return part.empty() ? made.findings.empty() : made.findings.find(part) != std::string::npos;
 }
 
 /* Expects that part contains only data of whole, and that no gap could be parsed as a frame. */
@@ -84,7 +84,7 @@ TEST(memory_dump, test_same_result_as_small_dump)
 {
     const reading small = read(dump_build(machine()));
 
-    ASSERT_EQ(small.error, KERNEL_DUMP_OK) << small.told;
+    ASSERT_EQ(small.error, KERNEL_DUMP_OK) << small.findings;
     EXPECT_EQ(small.sites, s_sites);
     for (const kind_row &row : s_kinds) {
         for (const unsigned large : {12u, 21u, 30u}) {
@@ -92,7 +92,7 @@ TEST(memory_dump, test_same_result_as_small_dump)
             const reading made = read(memory_model(machine(), large).build(row.kind, row.layout));
 
             EXPECT_EQ(made.error, KERNEL_DUMP_OK);
-            EXPECT_EQ(made.told, "");
+            EXPECT_EQ(made.findings, "");
             EXPECT_EQ(made.dump.kind, row.kind);
             EXPECT_EQ(made.dump.crash_time_100ns, small.dump.crash_time_100ns);
             EXPECT_EQ(made.names, small.names);
@@ -143,7 +143,7 @@ static const struct memory_row {
     enum edit edit;
     uint64_t address, value;
     unsigned of; /* level, or bytes */
-    const char *names, *sites, *told, *also;
+    const char *names, *sites, *findings, *also;
 } s_memory_rows[] = {
   /* clang-format off */
     {"head",            DROP, HEAD,     0, PAGE, nullptr,      nullptr,                    "page is not",        ""},
@@ -213,9 +213,9 @@ TEST(memory_dump, test_changed_memory)
             const reading made = read(memory.build(kind.kind, kind.layout));
 
             EXPECT_EQ(made.error, row.names != nullptr ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
-            EXPECT_TRUE(tells(made, row.told) && (row.also[0] == '\0' || tells(made, row.also)))
-                << made.told;
-            EXPECT_LE(made.dump.gaps.size(), 1u) << made.told;
+            EXPECT_TRUE(mentions(made, row.findings) && (row.also[0] == '\0' || mentions(made, row.also)))
+                << made.findings;
+            EXPECT_LE(made.dump.gaps.size(), 1u) << made.findings;
             EXPECT_EQ(made.names, row.names != nullptr ? row.names : "");
             if (row.sites != nullptr) {
                 EXPECT_EQ(made.sites, row.sites);
@@ -248,7 +248,7 @@ TEST(memory_dump, test_list_length)
     const reading none = read(empty.build(1, MEMORY_RUNS));
 
     EXPECT_EQ(none.error, KERNEL_DUMP_NO_MODULES);
-    EXPECT_TRUE(tells(none, "empty")) << none.told;
+    EXPECT_TRUE(mentions(none, "empty")) << none.findings;
     for (const size_t more : {4093u, 4094u}) {
         dump_model model = machine();
 
@@ -257,7 +257,7 @@ TEST(memory_dump, test_list_length)
         const reading made = read(memory_model(model).build(6, MEMORY_SDMP));
 
         EXPECT_EQ(made.dump.modules.size(), 4096u);
-        EXPECT_TRUE(tells(made, more == 4094 ? "too many" : "")) << made.told;
+        EXPECT_TRUE(mentions(made, more == 4094 ? "too many" : "")) << made.findings;
     }
 }
 
@@ -297,7 +297,7 @@ TEST(memory_dump, test_stack)
 
         EXPECT_EQ(made.error, KERNEL_DUMP_OK);
         EXPECT_EQ(made.dump.stack.size(), row.bytes);
-        EXPECT_TRUE(tells(made, row.gap)) << made.told;
+        EXPECT_TRUE(mentions(made, row.gap)) << made.findings;
         EXPECT_EQ(kernel_dump_stack_value(made.dump, STACK + 2 * SPAN),
                   row.rsp <= 2 * SPAN ? 2u : 0u);
     }
@@ -376,8 +376,8 @@ TEST(memory_dump, test_rejected)
         dump_put(&bytes, row.place, row.value, row.bytes);
         const reading made = read(bytes);
 
-        EXPECT_EQ(made.error, row.error) << made.told;
-        EXPECT_TRUE(tells(made, row.reason)) << made.told;
+        EXPECT_EQ(made.error, row.error) << made.findings;
+        EXPECT_TRUE(mentions(made, row.reason)) << made.findings;
         EXPECT_TRUE(made.dump.modules.empty() && made.dump.gaps.empty() && made.dump.rip == 0);
     }
 }
@@ -402,7 +402,7 @@ TEST(memory_dump, test_truncated_anywhere)
             if (made.error != KERNEL_DUMP_OK)
                 continue;
             shown++;
-            ASSERT_TRUE(tells(made, ", " + std::to_string(size) + " of "));
+            ASSERT_TRUE(mentions(made, ", " + std::to_string(size) + " of "));
             expect_part_of(made.dump, whole.dump, size);
         }
         EXPECT_GT(shown, 10) << row.row;
@@ -415,14 +415,14 @@ TEST(memory_dump, test_missing_page_anywhere)
     const memory_model memory(machine());
     const reading whole = read(memory.build(6, MEMORY_SDMP));
 
-    ASSERT_EQ(whole.error, KERNEL_DUMP_OK) << whole.told;
+    ASSERT_EQ(whole.error, KERNEL_DUMP_OK) << whole.findings;
     for (const uint64_t number : memory.pages()) {
         memory_model part = memory;
 
         part.drop(number * SPAN);
         const reading made = read(part.build(6, MEMORY_SDMP));
 
-        EXPECT_NE(made.told, "") << number;
+        EXPECT_NE(made.findings, "") << number;
         if (made.error == KERNEL_DUMP_OK)
             expect_part_of(made.dump, whole.dump, number);
     }
