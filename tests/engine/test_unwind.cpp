@@ -114,14 +114,21 @@ static bool same(const unwind_registers &a, const unwind_registers &b)
 
 typedef std::map<uint32_t, std::string> listing;
 
+static uint64_t preferred_base(const loaded_image &loaded)
+{
+    uint64_t base;
+
+    memcpy(&base, &loaded.bytes[loaded.bytes[0x3C] + 0x30], sizeof base);
+    return base;
+}
+
 /* The instructions of a library, "36d621000:\tret", by their offsets in the image. */
 static listing instructions_of(const std::string &name, const loaded_image &loaded)
 {
     std::ifstream file(LISTINGS + name + ".txt");
     listing instructions;
-    uint64_t preferred;
+    const uint64_t preferred = preferred_base(loaded);
 
-    memcpy(&preferred, &loaded.bytes[loaded.bytes[0x3C] + 0x30], sizeof preferred);
     for (std::string line; std::getline(file, line);) {
         char *end;
         const uint64_t address = strtoull(line.c_str(), &end, 16);
@@ -189,6 +196,21 @@ static bool ends_in_jump(const listing &instructions, uint32_t rva)
     return at != instructions.end() && at->second.find("jmp ") != std::string::npos;
 }
 
+/* Whether it is a jump to an epilogue, which the unwinder of this Windows follows as if the epilogue
+ * began there: the caller is the same in a run, but not with registers of any value. */
+static bool jumps_to_epilogue(const listing &instructions, const loaded_image &loaded,
+                              const std::string &text)
+{
+    if (!begins(text, "jmp "))
+        return false;
+    const uint64_t target = strtoull(text.c_str() + 4, nullptr, 16);
+    const auto at = instructions.find(static_cast<uint32_t>(target - preferred_base(loaded)));
+
+    return at != instructions.end() &&
+           (begins(at->second, "ret") || begins(at->second, "pop ") ||
+            (begins(at->second, "add ") && at->second.find(",%rsp") != std::string::npos));
+}
+
 /* At each instruction of two libraries. */
 TEST(unwind, test_against_windows)
 {
@@ -200,6 +222,9 @@ TEST(unwind, test_against_windows)
         EXPECT_GT(instructions.size(), 1000u);
         for (const auto &instruction : instructions) {
             const uint32_t rva = instruction.first;
+
+            if (jumps_to_epilogue(instructions, loaded, instruction.second))
+                continue;
             unwind_registers ours = some_registers(loaded.base + rva);
             unwind_registers theirs = step_of_windows(ours), before = ours;
             const char *fault = unwind_step(loaded.image, loaded.base, whole_stack(), &ours);
