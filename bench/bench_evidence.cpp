@@ -1,5 +1,5 @@
-/* Benchmarks of the evidence: scanning event records, a whole query of the System log, and parsing
- * a stack's text. */
+/* Benchmarks of the evidence: scanning event records, a whole query of the System log, scanning a log
+ * in the format of Windows, and parsing a stack's text. */
 #include "analyze_dmp.h"
 #include "win_event_parse.h"
 
@@ -10,6 +10,10 @@
 
 #include <cstring>
 
+#include "../devhost/evidence/boots.h"
+#include "../devhost/evidence/evtx_writer.h"
+#include "../devhost/evidence/file.h"
+#include "../devhost/evidence/log.h"
 #include "../devhost/machine/machine.h"
 #include "../devhost/base/text.h"
 #include "../tests/unit/import_patch.h"
@@ -173,6 +177,49 @@ static void query(benchmark::State &state)
             });
 }
 BENCHMARK(query)->Arg(LOG_RECORDS)->UseManualTime();
+
+/* Returns the path of a new log of about that many MiB. */
+static std::string evtx_file(size_t mib)
+{
+    const std::string path = bench_folder() + "System.evtx";
+    std::vector<event_record> events;
+    size_t wanted = 1000;
+
+    for (int round = 0; round < 2; round++) {
+        while (events.size() < wanted) {
+            events.push_back(s_usual[events.size() % (sizeof(s_usual) / sizeof(s_usual[0]))]);
+            events.back().number = static_cast<uint32_t>(events.size());
+        }
+        const std::string bytes = evtx_bytes(events, L"DESKTOP");
+        wanted = (mib << 20) / (bytes.size() / events.size());
+        evidence_write(path, bytes);
+    }
+    return path;
+}
+
+/* Reads the records that separate the runs of Windows, and the check sums. The baseline copies the file, which
+ * is mapped for both. */
+static void evtx(benchmark::State &state)
+{
+    const std::string path = evtx_file(static_cast<size_t>(state.range(0)));
+    const evidence_file file(path, UINT64_MAX);
+    std::vector<uint8_t> copy(static_cast<size_t>(file.bytes()));
+    bench_pair pair(state);
+
+    for (auto _ : state)
+        pair.turn(
+            1,
+            [&] {
+                memcpy(copy.data(), file.data(), copy.size());
+                benchmark::ClobberMemory();
+            },
+            [&] {
+                evidence_log log;
+                evidence_read_evtx(path, file, &evidence_run_records(), &log);
+                bench_require(log.records > 0 && log.gaps.empty(), "the log is not read whole");
+            });
+}
+BENCHMARK(evtx)->Arg(32)->Arg(128)->UseManualTime();
 
 /* Returns a stack of that many frames, as the engine prints it with Windows' symbols. */
 static std::string stack_text(size_t frames)
