@@ -57,7 +57,7 @@ static std::string call_sites(const kernel_dump &dump, size_t limit)
     return text;
 }
 
-typedef std::vector<uint64_t> W;
+typedef std::vector<uint64_t> words;
 
 /* Rip, Rsp relative to the start of the saved stack, its values, bytes missing from the last value,
  * frames requested, call sites */
@@ -65,26 +65,26 @@ static const struct walk_row {
     const char *row;
     uint64_t rip;
     int64_t rsp;
-    W stack;
+    words stack;
     uint32_t cut;
     size_t limit;
     const char *sites;
 } s_walk_rows[] = {
-    {"Rsp at start",  ONE,      0,  W({TWO, 7, NT}),           0, 99, "one+0x2a two+0x1 nt+0x107"},
-    {"below Rsp",     ONE,      8,  W({TWO, NT}),              0, 99, "one+0x2a nt+0x107"        },
-    {"Rsp at end",    ONE,      24, W({TWO, 0, TWO}),          0, 99, "one+0x2a"                 },
-    {"Rsp before it", ONE,      -8, W({TWO, TWO}),             0, 99, "one+0x2a"                 },
-    {"Rsp unaligned", ONE,      4,  W({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a two+0x1"         },
-    {"across two",    ONE,      0,  W({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a"                 },
-    {"half a value",  ONE,      0,  W({NT, TWO}),              1, 99, "one+0x2a nt+0x107"        },
-    {"none wanted",   ONE,      0,  W({TWO}),                  0, 0,  ""                         },
-    {"two wanted",    ONE,      0,  W({TWO, NT}),              0, 2,  "one+0x2a two+0x1"         },
-    {"last byte",     ONE,      0,  W({TWO_END - 1}),          0, 99, "one+0x2a two+0x7fff"      },
-    {"overlapping",   INNER,    0,  W({INNER + 4, INNER - 1}), 0, 99, "in+0x0 in+0x4 one+0xff"   },
-    {"after all",     ONE,      0,  W({TWO_END}),              0, 99, "one+0x2a"                 },
-    {"before all",    ONE,      0,  W({NT_BASE - 1}),          0, 99, "one+0x2a"                 },
-    {"neighbours",    TWO_BASE, 0,  W({TWO_BASE - 1}),         0, 99, "two+0x0 in+0xfeff"        },
-    {"Rip unmapped",  16,       0,  W({}),                     0, 99, "0x00000000`00000010"      },
+    {"Rsp at start",  ONE,      0,  words({TWO, 7, NT}),           0, 99, "one+0x2a two+0x1 nt+0x107"},
+    {"below Rsp",     ONE,      8,  words({TWO, NT}),              0, 99, "one+0x2a nt+0x107"        },
+    {"Rsp at end",    ONE,      24, words({TWO, 0, TWO}),          0, 99, "one+0x2a"                 },
+    {"Rsp before it", ONE,      -8, words({TWO, TWO}),             0, 99, "one+0x2a"                 },
+    {"Rsp unaligned", ONE,      4,  words({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a two+0x1"         },
+    {"across two",    ONE,      0,  words({TWO << 32, TWO >> 32}), 0, 99, "one+0x2a"                 },
+    {"half a value",  ONE,      0,  words({NT, TWO}),              1, 99, "one+0x2a nt+0x107"        },
+    {"none wanted",   ONE,      0,  words({TWO}),                  0, 0,  ""                         },
+    {"two wanted",    ONE,      0,  words({TWO, NT}),              0, 2,  "one+0x2a two+0x1"         },
+    {"last byte",     ONE,      0,  words({TWO_END - 1}),          0, 99, "one+0x2a two+0x7fff"      },
+    {"overlapping",   INNER,    0,  words({INNER + 4, INNER - 1}), 0, 99, "in+0x0 in+0x4 one+0xff"   },
+    {"after all",     ONE,      0,  words({TWO_END}),              0, 99, "one+0x2a"                 },
+    {"before all",    ONE,      0,  words({NT_BASE - 1}),          0, 99, "one+0x2a"                 },
+    {"neighbours",    TWO_BASE, 0,  words({TWO_BASE - 1}),         0, 99, "two+0x0 in+0xfeff"        },
+    {"Rip unmapped",  16,       0,  words({}),                     0, 99, "0x00000000`00000010"      },
 };
 
 TEST(kernel_dump, test_walk)
