@@ -39,7 +39,7 @@ struct reading {
     kernel_dump dump;
     enum kernel_dump_error error;
     std::string names, sites; /* of the modules and of the frames */
-    std::string findings;         /* why it is rejected, or its gaps, one a line */
+    std::string findings;     /* why it is rejected, or its gaps, one a line */
 };
 
 static reading read(const std::vector<uint8_t> &bytes)
@@ -213,7 +213,8 @@ TEST(memory_dump, test_changed_memory)
             const reading made = read(memory.build(kind.kind, kind.layout));
 
             EXPECT_EQ(made.error, row.names != nullptr ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
-            EXPECT_TRUE(mentions(made, row.findings) && (row.also[0] == '\0' || mentions(made, row.also)))
+            EXPECT_TRUE(mentions(made, row.findings) &&
+                        (row.also[0] == '\0' || mentions(made, row.also)))
                 << made.findings;
             EXPECT_LE(made.dump.gaps.size(), 1u) << made.findings;
             EXPECT_EQ(made.names, row.names != nullptr ? row.names : "");
