@@ -87,6 +87,22 @@ void json_list(Writer &writer, const char *name, const Values &values, Put put)
     writer.EndArray();
 }
 
+/* An object of products, which have a name, modules, a count and a status. */
+template <typename Writer, typename Products>
+void json_products(Writer &writer, const Products &products)
+{
+    writer.StartObject();
+    for (const auto &product : products) {
+        writer.Key(product.name.c_str());
+        writer.StartObject();
+        json_member(writer, "modules", product.modules);
+        json_member(writer, "count", product.count);
+        json_member(writer, "status", product.status);
+        writer.EndObject();
+    }
+    writer.EndObject();
+}
+
 /* The text of a document that write writes. */
 template <class Writer, class Write> std::string json_text(Write write)
 {

@@ -64,21 +64,6 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
     return evidence;
 }
 
-static void put_products(json_line &writer, const replay_evidence &evidence)
-{
-    writer.Key("products");
-    writer.StartObject();
-    for (const replay_product &product : evidence.products) {
-        writer.Key(product.name.c_str());
-        writer.StartObject();
-        json_member(writer, "modules", product.modules);
-        json_member(writer, "count", product.count);
-        json_member(writer, "status", product.status);
-        writer.EndObject();
-    }
-    writer.EndObject();
-}
-
 /* A management side that takes the alarm of each product. */
 static void put_management(json_line &writer, const replay_evidence &evidence)
 {
@@ -99,7 +84,8 @@ std::string replay_scenario(const replay_evidence &evidence)
 {
     return json_text<json_line>([&](json_line &writer) {
         writer.StartObject();
-        put_products(writer, evidence);
+        writer.Key("products");
+        json_products(writer, evidence.products);
         put_management(writer, evidence);
         writer.Key("boots");
         writer.StartArray();

@@ -182,18 +182,8 @@ void synthesis_finish(synthesis *made)
 
 static std::string products_text(const history &history)
 {
-    return json_text<json_lines>([&](json_lines &writer) {
-               writer.StartObject();
-               for (const history_product &product : history.products) {
-                   writer.Key(product.name.c_str());
-                   writer.StartObject();
-                   json_member(writer, "modules", product.modules);
-                   json_member(writer, "count", product.count);
-                   json_member(writer, "status", product.status);
-                   writer.EndObject();
-               }
-               writer.EndObject();
-           }) +
+    return json_text<json_lines>(
+               [&](json_lines &writer) { json_products(writer, history.products); }) +
            "\n";
 }
 
