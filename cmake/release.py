@@ -4,7 +4,8 @@ materials (CycloneDX), the changes since the previous version, and the checksums
 
 usage: release.py SOURCE BUILD DEPS VERSION OUTPUT_DIRECTORY HOST...
 
-HOST is the command that runs the development host. OUTPUT_DIRECTORY "-" only checks. Nothing is released from sources that are not
+HOST is the command that runs the development host. OUTPUT_DIRECTORY "-" checks and writes nothing.
+Nothing is released from sources that are not
 committed, of another version, without an entry in CHANGELOG.md, or without the files of this version
 in scenarios/updates/; what is missing is written, to be looked at and committed.
 """
@@ -52,6 +53,8 @@ def change_entry():
     entry = re.search(rf"^## {re.escape(version)}\n(.*?)(?=^## |\Z)", text, re.M | re.S)
     if entry:
         return entry.group(0).strip() + "\n"
+    if output == "-":
+        fail(f"CHANGELOG.md has no entry for {version}")
     previous = re.search(r"^## (\S+)", text, re.M)
     tag = f"v{previous.group(1)}" if previous else ""
     known = tag and run("git", "-C", source, "tag", "--list", tag)
@@ -61,7 +64,7 @@ def change_entry():
     with open(path, "w", encoding="utf-8") as file:
         file.write(f"{text[:at]}## {version}\n\n{subjects}\n{text[at:]}")
     fail(f"CHANGELOG.md had no entry for {version}; it has a draft now, from the commits "
-                f"since {tag or 'the last 30'}. Edit and commit it")
+         f"since {tag or 'the last 30'}. Edit and commit it")
 
 
 def check_update_files():
@@ -72,7 +75,9 @@ def check_update_files():
         for name in FILES:
             written = f"{work}/run/agent/var/bypass_mgr/{name}"
             kept = f"{folder}/{name}"
-            if not os.path.exists(kept):
+            if not os.path.exists(kept) and output == "-":
+                fail(f"{kept} is missing")
+            elif not os.path.exists(kept):
                 os.makedirs(folder, exist_ok=True)
                 shutil.copy(written, kept)
                 print(f"release: {kept} was missing and is written")

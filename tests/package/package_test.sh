@@ -68,7 +68,8 @@ release() {
 version=${package##*-}
 check "this version has its changes and the files that it writes" release "$version"
 check "another version is refused" sh -c \
-    "! python3 '$source/cmake/release.py' '$source' '$build' '$deps' 9.9.9 - 2>&1 | grep -v 'project version $version, expected 9.9.9'"
+    "python3 '$source/cmake/release.py' '$source' '$build' '$deps' 9.9.9 - 2>&1 |
+    grep -q 'project version $version, expected 9.9.9'"
 
 git -C "$source" ls-files -z | (cd "$source" && tar c --null -T -) | tar x -C "$work/sources"
 check "the plug-in builds against the package" documented "$work/sources" "cmake "
@@ -76,7 +77,7 @@ loaded_bytes "$package/bin/libbypass_mgr.dll" "$work/shipped.bin"
 loaded_bytes "$work/plugin/bin/libbypass_mgr.dll" "$work/built.bin"
 check "the plug-in is identical to the shipped one" cmp "$work/shipped.bin" "$work/built.bin"
 
-if command -v clang lld-link >/dev/null; then
+if command -v clang >/dev/null && command -v lld-link >/dev/null; then
     check "MSVC's dialect and linker" "$source/tests/package/msvc_test.sh" "$package" "$work/msvc"
 else
     echo "MSVC's dialect is not checked: it needs clang and lld"
