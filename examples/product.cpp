@@ -117,7 +117,7 @@ static void product_callback(oxni_subscriber *subscriber, uint32_t event, void *
 }
 
 /* 4. The management side: names the devices of the products when the plug-in asks, and takes the
- * reports. An errcode other than 0 would make the plug-in keep the report for later. */
+ * reports. After an errcode other than 0 the plug-in neither repeats the report nor records it. */
 static void answer_devices(oxnih_request *call, const char *command_line, void *user)
 {
     (void)user;
