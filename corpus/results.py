@@ -66,7 +66,7 @@ class Results:
         return self.base.execute("SELECT value FROM run WHERE name = ?", (name,)).fetchone()[0]
 
     def add_cases(self, cases, resume):
-        """Those that are there already stay as they are, unless they failed: then they are played again."""
+        """Cases that the database has keep their results; failed ones are played again."""
         for name, request, truth in cases:
             added = self.base.execute("INSERT OR IGNORE INTO cases(name, request, truth) VALUES(?, ?, ?)",
                                       (name, json.dumps(request), truth and json.dumps(truth)))

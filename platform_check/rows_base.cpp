@@ -268,7 +268,7 @@ PROMISE(tables, "oxni_xhash_create", "a function that frees values, or NULL; fla
 {
     oxni_xhash *table = oxni_xhash_create(nullptr, 0);
     HOLDS(table != nullptr);
-    put(table, "a", "value of nobody");
+    put(table, "a", "value that stays");
     SAME(0, oxni_xhash_delete(table, "a", 1));
     oxni_xhash_destroy(table);
 }

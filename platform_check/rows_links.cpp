@@ -150,7 +150,7 @@ PROMISE(links, "oxni_dbg_exec",
 
 PROMISE(links, "oxni_dbg_exec", "an error when there is no handler")
 {
-    SAME(0, oxni_dbg_exec(unique("nobody"), "info", 0, on_answer));
+    SAME(0, oxni_dbg_exec(unique("missing"), "info", 0, on_answer));
     deliver();
     SAME("error:NULL", notes());
     SAME(-1, oxni_dbg_exec("oxni", nullptr, 0, on_answer));

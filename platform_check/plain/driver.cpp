@@ -1,6 +1,6 @@
 /*
- * A driver for a platform that delivers on threads of its own. Time passes by itself, nobody plays
- * the other side of a link: promises that need more are listed as not checked. Start here for a
+ * A driver for a platform that delivers on threads of its own. Time passes by itself, and a
+ * link has no other side: promises that need more are listed as not checked. Start here for a
  * driver of your platform.
  */
 #include "driver.h"

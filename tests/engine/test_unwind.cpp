@@ -244,7 +244,7 @@ TEST(unwind, test_against_windows)
     }
 }
 
-/* The bytes of an instruction of a function, after those that the prologue has. */
+/* The place in the image of an offset in a function. */
 static uint32_t rva_of(const char *function, uint32_t offset)
 {
     const loaded_image &loaded = load(L"unwind_functions");
