@@ -177,11 +177,9 @@ static bool is_json(const evidence_file &file)
     return at < file.bytes() && (file.data()[at] == '[' || file.data()[at] == '{');
 }
 
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
-                       const event_filter *filter)
+void evidence_log_parse(const std::string &path, const evidence_file &file,
+                        enum evidence_damage allowed, evidence_log *log, const event_filter *filter)
 {
-    const evidence_file file(path, UINT64_MAX);
-
     *log = {};
     if (file.bytes() == 0)
         evidence_bad(path, "empty, expected an event log");
@@ -198,6 +196,12 @@ void evidence_log_read(const std::string &path, enum evidence_damage allowed, ev
         evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)
         evidence_bad(path, log->damage.front());
+}
+
+void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
+                       const event_filter *filter)
+{
+    evidence_log_parse(path, evidence_file(path, UINT64_MAX), allowed, log, filter);
 }
 
 std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t most)

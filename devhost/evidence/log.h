@@ -46,6 +46,11 @@ enum evidence_damage {
  */
 void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
                        const event_filter *filter = nullptr);
+/* The same for a file that is open; path: for errors. */
+class evidence_file;
+void evidence_log_parse(const std::string &path, const evidence_file &file,
+                        enum evidence_damage allowed, evidence_log *log,
+                        const event_filter *filter = nullptr);
 
 /* The damage in lines for a person, the last one a summary; none for a sound log. most: lines without
  * the summary. */
@@ -66,7 +71,6 @@ std::string evidence_event_name(const event_record &event);
 void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end);
 
 /* evtx.cpp: files in the format of Windows. */
-class evidence_file;
 bool evidence_is_evtx(const evidence_file &file);
 void evidence_read_evtx(const std::string &path, const evidence_file &file,
                         const event_filter *filter, evidence_log *log);
