@@ -12,7 +12,7 @@
 
 #include "../devhost/evidence/boots.h"
 #include "../devhost/evidence/evtx_writer.h"
-#include "../devhost/evidence/file.h"
+#include "../devhost/base/file.h"
 #include "../devhost/evidence/log.h"
 #include "../devhost/machine/machine.h"
 #include "../devhost/base/text.h"

@@ -14,7 +14,7 @@
 #include "../base/text.h"
 #include "binary_xml.h"
 #include "evtx_values.h"
-#include "file.h"
+#include "../base/file.h"
 
 static constexpr uint32_t HEADER_BYTES = 4096u;
 static constexpr uint32_t CHUNK_BYTES = 65536u;

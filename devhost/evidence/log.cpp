@@ -10,7 +10,7 @@
 #include <rapidjson/memorystream.h>
 
 #include "../base/text.h"
-#include "file.h"
+#include "../base/file.h"
 
 /* More than any System log in this form: another kind of file must not fill the memory. */
 static constexpr uint64_t MOST_JSON_BYTES = 1ull << 30;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "../base/text_json.h"
-#include "event_record.h"
+#include "../base/event_record.h"
 
 /* Record numbers that are missing, last inclusive. */
 struct evidence_gap {

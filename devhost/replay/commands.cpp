@@ -9,7 +9,7 @@
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "../evidence/evtx_writer.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../view/view.h"
 
 static enum evidence_damage allowed(const replay_arguments &arguments)

@@ -15,7 +15,7 @@
 #include "evidence/evtx_writer.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
-#include "evidence/system_events.h"
+#include "base/system_events.h"
 #include "replay/replay.h"
 #include "scenario/scenario.h"
 #include "synthesis/damage.h"
