@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <windows.h>
 
-#include "../machine/machine.h"
 #include "../base/text.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";

@@ -5,7 +5,7 @@
 
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../machine/machine.h"
+#include "../machine/modules.h"
 #include "collect.h"
 
 static void add_image(const collected_file &found, replay_images *images)
@@ -84,11 +84,11 @@ void images_put(json_lines &writer, const std::vector<replay_image_use> &uses)
 
 void images_place(const replay_images *images)
 {
-    machine_get().images.clear();
+    machine_get_engine().images.clear();
     if (images == nullptr)
         return;
     for (const kernel_image &image : images->images)
-        machine_get().images.push_back({image.file, image.bytes, image.size});
+        machine_get_engine().images.push_back({image.file, image.bytes, image.size});
 }
 
 const char *images_found_name(enum kernel_dump_found found)

@@ -5,6 +5,7 @@
 
 #include "../base/text.h"
 #include "../machine/machine.h"
+#include "../machine/registry.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 
