@@ -1,6 +1,6 @@
 /* Evidence that may leave a customer's site: of the log only the strings of records that the plug-in
  * queries, of dumps only the stacks, of the registry only the keys that it reads. */
-#include "replay.h"
+#include "commands.h"
 
 #include <cstring>
 

@@ -1,5 +1,5 @@
 /* Which crash a dump is of, and where it lies on the machine. */
-#include "replay.h"
+#include "case.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
 /* What this computer offers, by real calls: the results that the plug-in itself would get here. */
-#include "replay.h"
+#include "commands.h"
 
 #include <cstdio>
 #include <windows.h>
