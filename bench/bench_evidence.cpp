@@ -10,12 +10,12 @@
 
 #include <cstring>
 
-#include "../devhost/evidence/boots.h"
-#include "../devhost/evidence/evtx_writer.h"
-#include "../devhost/evidence/file.h"
-#include "../devhost/evidence/log.h"
-#include "../devhost/machine/machine.h"
+#include "../devhost/base/file.h"
 #include "../devhost/base/text.h"
+#include "../devhost/evidence/boots.h"
+#include "../devhost/evidence/log.h"
+#include "../devhost/evtx/evtx_writer.h"
+#include "../devhost/machine/machine.h"
 #include "../tests/unit/import_patch.h"
 
 static constexpr int LOG_RECORDS = 65536;

@@ -9,22 +9,11 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/memorystream.h>
 
+#include "../base/file.h"
 #include "../base/text.h"
-#include "file.h"
 
 /* More than any System log in this form: another kind of file must not fill the memory. */
 static constexpr uint64_t MOST_JSON_BYTES = 1ull << 30;
-
-void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
-{
-    if (first >= end)
-        return;
-    log->damage.push_back(first + 1 == end ? "record missing: " + std::to_string(first)
-                                           : "records missing: " + std::to_string(first) + " to " +
-                                                 std::to_string(end - 1));
-    log->gaps.push_back({first, end - 1});
-    log->lost_records += end - first;
-}
 
 namespace
 {

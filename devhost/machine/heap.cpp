@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../machine/imports.h"
-#include "../machine/stand_in.h"
+#include "imports.h"
+#include "stand_in.h"
 
 /* A span is cut into blocks of one class, which is a size: steps of 16 bytes up to 512, and above it
  * four to each doubling. */

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../evidence/event_record.h"
+#include "../base/event_record.h"
 
 struct machine_process {
     uint32_t pid;

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../evidence/system_events.h"
+#include "../base/system_events.h"
 #include "../machine/machine.h"
 #include "../base/text.h"
 #include "machine_setup.h"

@@ -8,7 +8,7 @@
 
 #include "../base/terminal.h"
 #include "../base/text.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../evidence/zip.h"
 
 /* A customer's folder has some tens of files; another one must not be searched for minutes. */

@@ -6,10 +6,10 @@
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
+#include "../base/file.h"
 #include "../base/terminal.h"
 #include "../base/text.h"
-#include "../evidence/evtx_writer.h"
-#include "../evidence/file.h"
+#include "../evtx/evtx_writer.h"
 #include "../view/view.h"
 
 static enum evidence_damage allowed(const replay_arguments &arguments)

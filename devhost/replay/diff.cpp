@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../scenario/scenario.h"
 #include "../base/text.h"
 

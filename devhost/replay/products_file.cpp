@@ -2,7 +2,7 @@
 #include "products_file.h"
 
 #include "../base/text.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../scenario/scenario.h"
 
 static constexpr int STANDARD_COUNT = 3;

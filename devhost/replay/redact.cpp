@@ -8,8 +8,8 @@
 
 #include "../base/terminal.h"
 #include "../base/text_json.h"
-#include "../evidence/file.h"
-#include "../evidence/system_events.h"
+#include "../base/file.h"
+#include "../base/system_events.h"
 #include "../machine/machine.h"
 #include "../scenario/scenario.h"
 #include "../base/text.h"

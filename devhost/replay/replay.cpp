@@ -7,7 +7,7 @@
 #include <algorithm>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../machine/calls.h"
 #include "../machine/machine.h"
 #include "../play/play.h"

@@ -13,7 +13,7 @@
 #include "../base/text_json.h"
 #include "../evidence/boots.h"
 #include "../evidence/dump_file.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
 #include "explain.h"

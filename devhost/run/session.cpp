@@ -8,7 +8,7 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../machine/calls.h"
 #include "../replay/explain.h"
 #include "../play/agent_process.h"

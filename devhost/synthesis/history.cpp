@@ -6,7 +6,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
-#include "../evidence/system_events.h"
+#include "../base/system_events.h"
 #include "../machine/machine.h"
 #include "../play/play.h"
 #include "../scenario/timeline.h"

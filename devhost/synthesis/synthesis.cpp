@@ -6,8 +6,8 @@
 #include "../base/run_folder.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../evidence/file.h"
-#include "../evidence/system_events.h"
+#include "../base/file.h"
+#include "../base/system_events.h"
 #include "../machine/machine.h"
 #include "../play/load.h"
 

@@ -11,11 +11,11 @@
 
 #include <oxni/base/algo.h>
 
+#include "base/system_events.h"
 #include "base/text.h"
-#include "evidence/evtx_writer.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
-#include "evidence/system_events.h"
+#include "evtx/evtx_writer.h"
 #include "replay/replay.h"
 #include "scenario/scenario.h"
 #include "synthesis/damage.h"

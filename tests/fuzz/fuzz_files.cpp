@@ -11,7 +11,7 @@
 #include <oxni/base/json.h>
 
 #include "../engine/dump_mutate.h"
-#include "kernel_dump.h"
+#include "kernel_dump/kernel_dump.h"
 #include "liboxnibase/host.h"
 #include "scenario/scenario.h"
 #include "play/load.h"

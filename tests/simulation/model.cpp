@@ -10,7 +10,7 @@
 
 #include "liboxnibase/host.h"
 #include "agent/agent.h"
-#include "evidence/system_events.h"
+#include "base/system_events.h"
 #include "machine/machine.h"
 #include "base/text.h"
 

@@ -12,7 +12,7 @@
 #include "liboxnibase/host.h"
 #include "base/run_folder.h"
 #include "base/text.h"
-#include "evidence/system_events.h"
+#include "base/system_events.h"
 #include "machine/machine.h"
 #include "play/play.h"
 #include "model.h"

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "event_record.h"
+#include "../base/event_record.h"
 
 enum xml_result {
     XML_READ,

@@ -1,8 +1,8 @@
 /*
  * Files that are handed in as evidence: mapped, never changed, never trusted.
  */
-#ifndef DEVHOST_EVIDENCE_FILE_H
-#define DEVHOST_EVIDENCE_FILE_H
+#ifndef DEVHOST_FILE_H
+#define DEVHOST_FILE_H
 
 #include <cstdint>
 

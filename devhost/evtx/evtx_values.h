@@ -10,7 +10,7 @@
 
 #include <string>
 
-#include "event_record.h"
+#include "../base/event_record.h"
 
 enum evtx_type {
     EVTX_NULL = 0x00,

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "event_record.h"
+#include "../base/event_record.h"
 
 /*
  * Returns the bytes of a log with these records.

@@ -2,7 +2,7 @@
  * Reading of an .evtx file: its chunks, their records, and what is damaged. Intact records after
  * damage are found again, since all records begin at multiples of 8.
  */
-#include "log.h"
+#include "evtx_reader.h"
 
 #include <cstring>
 
@@ -14,7 +14,6 @@
 #include "../base/text.h"
 #include "binary_xml.h"
 #include "evtx_values.h"
-#include "file.h"
 
 static constexpr uint32_t HEADER_BYTES = 4096u;
 static constexpr uint32_t CHUNK_BYTES = 65536u;
@@ -35,6 +34,17 @@ struct log_reader {
     std::vector<uint32_t> numbers; /* of all records, unwanted ones included */
     uint64_t first, last;          /* the record numbers that the headers name */
 };
+
+void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
+{
+    if (first >= end)
+        return;
+    log->damage.push_back(first + 1 == end ? "record missing: " + std::to_string(first)
+                                           : "records missing: " + std::to_string(first) + " to " +
+                                                 std::to_string(end - 1));
+    log->gaps.push_back({first, end - 1});
+    log->lost_records += end - first;
+}
 
 static std::string chunk_place(uint64_t number)
 {

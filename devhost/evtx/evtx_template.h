@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "event_record.h"
+#include "../base/event_record.h"
 
 /* Index of the value that contains an event's data, in records of a manifest and in classic ones. */
 static constexpr uint32_t EVTX_MANIFEST_BODY = 17u;

@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "event_record.h"
+#include "../base/event_record.h"
 
 struct evtx_field {
     const wchar_t *name;

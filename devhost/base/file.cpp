@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "../base/text.h"
+#include "text.h"
 
 void evidence_bad(const std::string &path, const std::string &what)
 {

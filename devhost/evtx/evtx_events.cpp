@@ -1,8 +1,8 @@
 /* Definitions as in the manifests of Windows 7 to 11. */
 #include "evtx_events.h"
 
+#include "../base/system_events.h"
 #include "evtx_values.h"
-#include "system_events.h"
 
 static constexpr int32_t NO = EVTX_NO_QUALIFIERS;
 static constexpr uint64_t CLASSIC_KEYWORDS = 0x0080000000000000ull;
