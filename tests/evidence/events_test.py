@@ -7,7 +7,6 @@ import json
 import pathlib
 import re
 import struct
-import subprocess
 import sys
 import tempfile
 
@@ -52,32 +51,18 @@ def test_refused(folder):
 
 
 def test_whole(folder, log, count):
-    """Returns the records."""
+    """Its content is compared with other readers elsewhere."""
     out = play([("whole log", 0, "", "--strict", log)])
     records = json.loads(out)
     check("lines", all(map(LINE.fullmatch, out.splitlines()[1:-1])) and len(records) == count, out[:500])
     numbers = [one["record"] for one in records]
-    check("order", numbers == sorted(set(numbers)), "not rising")
-    kernel = [one for one in records if one["source"] == "Microsoft-Windows-Kernel-General"]
-    starts = [one for one in kernel if one["id"] == 12]
-    check("starts", len(starts) == 2 and sum(one["id"] == 13 for one in kernel) == 1, kernel)
-    check("a start's strings", starts[-1]["strings"] == ["10", "0", "19041", "1", "0", "0", "2024-03-07T09:00:00.000000000Z"],
-          starts[-1])
-    check("a source of its own", not any("WER" in one["source"] for one in records), "the provider shows")
-    began = [one["strings"] for one in records if (one["source"], one["id"]) == ("EventLog", 2147489653)]
-    check("qualifiers, no strings", began == [[], []], began)
     file, (first, *_, last) = folder / "a.json", numbers[5:8]
-    for row, found in (("range", numbers[5:8]), ("nothing in range", [])):
-        some = json.loads(play([(row, 0, "", "--from", first if found else 90000, "--to", last if found else 90001, log)]))
+    for row, bounds, found in (("range", (first, last), numbers[5:8]), ("nothing in range", (90000, 90001), [])):
+        some = json.loads(play([(row, 0, "", "--from", bounds[0], "--to", bounds[1], log)]))
         check(row, [one["record"] for one in some] == found, some)
     play([("output file", 0, "", "-o", file, log),
           ("no such folder", 2, r"no/a.json.: path not found .3.", "-o", folder / "no/a.json", log)])
     check("output file", file.read_bytes().decode() == out, "differs from the printed result")
-    if pathlib.Path("/dev/full").exists():
-        with open("/dev/full", "wb") as full:
-            done = subprocess.run([WINE, PROGRAM, "events", log], stdout=full, stderr=subprocess.PIPE, timeout=60)
-        check("full device", done.returncode == 2, f"exit status {done.returncode}")
-    return records
 
 
 def test_damaged(folder, log, count):
