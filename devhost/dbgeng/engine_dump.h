@@ -4,7 +4,7 @@
 
 #include <windows.h>
 
-#include "kernel_dump.h"
+#include "../kernel_dump/kernel_dump.h"
 
 /*
  * The file is mapped, since it may be larger than the memory, and only while it is read.

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "../unwind/kernel_image.h"
 #include "engine_script.h"
-#include "kernel_image.h"
 
 enum engine_call {
     ENGINE_CALL_DEBUG_CREATE,

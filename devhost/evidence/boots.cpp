@@ -2,7 +2,7 @@
 #include "boots.h"
 
 #include "../base/text.h"
-#include "system_events.h"
+#include "../base/system_events.h"
 
 /* The string of a start record that contains the time of the start. */
 static constexpr int START_TIME_STRING = 6;

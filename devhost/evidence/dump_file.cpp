@@ -2,7 +2,7 @@
 #include "dump_file.h"
 
 #include "../base/text.h"
-#include "file.h"
+#include "../base/file.h"
 
 void evidence_dump_read(const std::string &path, evidence_dump *dump)
 {

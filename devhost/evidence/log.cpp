@@ -9,22 +9,11 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/memorystream.h>
 
+#include "../base/file.h"
 #include "../base/text.h"
-#include "file.h"
 
 /* More than any System log in this form: another kind of file must not fill the memory. */
 static constexpr uint64_t MOST_JSON_BYTES = 1ull << 30;
-
-void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
-{
-    if (first >= end)
-        return;
-    log->damage.push_back(first + 1 == end ? "record missing: " + std::to_string(first)
-                                           : "records missing: " + std::to_string(first) + " to " +
-                                                 std::to_string(end - 1));
-    log->gaps.push_back({first, end - 1});
-    log->lost_records += end - first;
-}
 
 namespace
 {
@@ -183,15 +172,14 @@ void evidence_log_parse(const std::string &path, const evidence_file &file,
     *log = {};
     if (file.bytes() == 0)
         evidence_bad(path, "empty, expected an event log");
-    if (!evidence_is_evtx(file)) {
-        if (!is_json(file))
-            evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
-        if (file.bytes() > MOST_JSON_BYTES)
-            evidence_bad(path, "larger than any log in JSON, 1 GiB");
+    if (evidence_is_evtx(file))
+        evidence_read_evtx(path, file, filter, log);
+    else if (!is_json(file))
+        evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
+    else if (file.bytes() > MOST_JSON_BYTES)
+        evidence_bad(path, "larger than any log in JSON, 1 GiB");
+    else
         read_json(path, file, filter, log);
-        return;
-    }
-    evidence_read_evtx(path, file, filter, log);
     if (!log->cut_off.empty() && allowed != EVIDENCE_LENIENT)
         evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)

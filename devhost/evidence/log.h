@@ -11,24 +11,7 @@
 #include <vector>
 
 #include "../base/text_json.h"
-#include "event_record.h"
-
-/* Record numbers that are missing, last inclusive. */
-struct evidence_gap {
-    uint64_t first, last;
-};
-
-struct evidence_log {
-    std::vector<event_record> events; /* by rising record number, each number once */
-    /* The damage and its place, one line each, without a full stop. */
-    std::vector<std::string> damage;
-    std::string cut_off; /* where the file is truncated; empty: it is complete */
-    std::vector<evidence_gap> gaps;
-    uint64_t lost_records = 0; /* in all gaps */
-    /* What was read, unwanted records included; the numbers are 0 for an empty log. */
-    uint64_t records = 0;
-    uint32_t first_number = 0, last_number = 0;
-};
+#include "../evtx/evtx_reader.h"
 
 /* The damage that ends the run. */
 enum evidence_damage {
@@ -65,14 +48,5 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
 
 /* Source and event id of a record: "BugCheck 1001". */
 std::string evidence_event_name(const event_record &event);
-
-/* Adds the missing numbers from first to end, exclusive, to the damage; none if first is not below
- * end. */
-void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end);
-
-/* evtx.cpp: files in the format of Windows. */
-bool evidence_is_evtx(const evidence_file &file);
-void evidence_read_evtx(const std::string &path, const evidence_file &file,
-                        const event_filter *filter, evidence_log *log);
 
 #endif

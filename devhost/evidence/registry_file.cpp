@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "../base/text.h"
-#include "file.h"
+#include "../base/file.h"
 
 /* A complete export of a SYSTEM hive has some tens of megabytes. */
 static constexpr uint64_t MOST_BYTES = 256ull << 20;

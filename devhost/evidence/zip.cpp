@@ -11,7 +11,7 @@
 #include <zlib.h>
 
 #include "../base/text.h"
-#include "file.h"
+#include "../base/file.h"
 
 static constexpr uint32_t END_MARK = 0x06054b50u;
 static constexpr uint32_t END_BYTES = 22u;

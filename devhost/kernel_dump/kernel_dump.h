@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "kernel_image.h"
-#include "unwind.h"
+#include "../unwind/kernel_image.h"
+#include "../unwind/unwind.h"
 
 enum kernel_dump_error {
     KERNEL_DUMP_OK = 0,

@@ -2,7 +2,7 @@
 #ifndef DEVHOST_KERNEL_DUMP_INTERNAL_H
 #define DEVHOST_KERNEL_DUMP_INTERNAL_H
 
-#include "file_span.h"
+#include "../unwind/file_span.h"
 #include "kernel_dump.h"
 
 /* The header of every dump; the part that depends on the kind follows. */

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "../base/text.h"
-#include "../evidence/system_events.h"
+#include "../base/system_events.h"
 
 /* Where Windows writes dumps by default. */
 static constexpr char DEFAULT_SMALL[] = "c:\\windows\\minidump\\";

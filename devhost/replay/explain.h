@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../evidence/event_record.h"
+#include "../base/event_record.h"
 #include "../view/page.h"
 
 /* The part of the story that a reason belongs to, in order. */

@@ -5,7 +5,7 @@
 
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../evidence/file.h"
+#include "../base/file.h"
 #include "../kernel_dump/bug_check.h"
 #include "../scenario/journal.h"
 #include "../view/view.h"

@@ -6,7 +6,7 @@
 #include <random>
 
 #include "../base/text.h"
-#include "../evidence/system_events.h"
+#include "../base/system_events.h"
 
 static const wchar_t *const s_services[] = {
     L"Windows Update",

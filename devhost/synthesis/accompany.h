@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "../evidence/event_record.h"
+#include "../base/event_record.h"
 
 struct accompanied_boot {
     uint64_t from_100ns, to_100ns; /* start, and end or export, by the clock as it is set then */

@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "../base/text.h"
+#include "../dump_writer/memory_model.h"
 #include "../kernel_dump/kernel_dump.h"
-#include "../kernel_dump/memory_model.h"
 
 static constexpr uint32_t BUILD = 19041u;
 

@@ -8,7 +8,7 @@
 #include <oxni/base/algo.h>
 
 #include "../base/text.h"
-#include "../evidence/evtx_writer.h"
+#include "../evtx/evtx_writer.h"
 
 static constexpr uint32_t HEADER_BYTES = 4096u;
 static constexpr uint32_t CHUNK_BYTES = 65536u;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "../evidence/event_record.h"
+#include "../base/event_record.h"
 
 struct damage_report {
     std::set<uint32_t> gone; /* numbers of records that cannot be read any more */

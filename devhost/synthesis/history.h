@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "../evidence/event_record.h"
+#include "../base/event_record.h"
 #include "../scenario/scenario.h"
 #include "crash_dump.h"
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/text.h"
-#include "evidence/evtx_values.h"
+#include "evtx/evtx_values.h"
 
 namespace
 {

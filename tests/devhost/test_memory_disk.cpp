@@ -1,4 +1,4 @@
-#include "machine/memory_disk.h"
+#include "disk/memory_disk.h"
 
 #include <cstdio>
 

@@ -2,7 +2,7 @@
 #ifndef TESTS_DUMP_MUTATE_H
 #define TESTS_DUMP_MUTATE_H
 
-#include "memory_model.h"
+#include "dump_writer/memory_model.h"
 
 #include <random>
 

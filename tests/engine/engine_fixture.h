@@ -2,8 +2,8 @@
 #ifndef TESTS_ENGINE_FIXTURE_H
 #define TESTS_ENGINE_FIXTURE_H
 
-#include "dump_writer.h"
-#include "engine_script.h"
+#include "dbgeng/engine_script.h"
+#include "dump_writer/dump_writer.h"
 
 #include <fstream>
 

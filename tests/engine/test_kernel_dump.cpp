@@ -1,6 +1,6 @@
 /* Tests of the reader of small dumps: stack walk, names, and rejected files. */
 #include "dump_mutate.h"
-#include "kernel_dump.h"
+#include "kernel_dump/kernel_dump.h"
 
 #include <windows.h>
 

@@ -1,8 +1,8 @@
 /* Tests of memory dumps: every kind of dump of one machine gives the same result, and missing data
  * is reported, not invented. */
 #include "engine_fixture.h"
-#include "kernel_dump.h"
 #include "dump_mutate.h"
+#include "kernel_dump/kernel_dump.h"
 
 #include <algorithm>
 

@@ -1,6 +1,6 @@
 /* Tests of the unwinder: step by step against that of Windows, on damaged images, and on stacks. */
-#include "dump_writer.h"
-#include "kernel_dump.h"
+#include "dump_writer/dump_writer.h"
+#include "kernel_dump/kernel_dump.h"
 
 #include <windows.h>
 

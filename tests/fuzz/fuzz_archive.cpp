@@ -4,10 +4,12 @@
 #include <cstring>
 #include <windows.h>
 
+#include <algorithm>
+
 #include <zlib.h>
 
+#include "base/file.h"
 #include "base/text.h"
-#include "evidence/file.h"
 #include "evidence/zip.h"
 
 static constexpr char NAME[] = "input";
@@ -20,7 +22,10 @@ static std::vector<std::string> s_good;
 
 static std::string number(uint64_t value, size_t bytes)
 {
-    return std::string(reinterpret_cast<const char *>(&value), bytes);
+    std::string text(std::max(bytes, sizeof(value)), '\0');
+
+    memcpy(&text[0], &value, sizeof(value));
+    return text.substr(0, bytes);
 }
 
 static std::string deflated(const std::string &text)

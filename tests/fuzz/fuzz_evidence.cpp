@@ -11,13 +11,13 @@
 
 #include <oxni/base/algo.h>
 
+#include "base/system_events.h"
 #include "base/text.h"
-#include "evidence/evtx_writer.h"
-#include "evidence/file.h"
+#include "base/file.h"
+#include "commands/commands.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
-#include "evidence/system_events.h"
-#include "replay/replay.h"
+#include "evtx/evtx_writer.h"
 #include "scenario/scenario.h"
 #include "synthesis/damage.h"
 

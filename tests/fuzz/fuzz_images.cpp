@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "kernel_dump/dump_writer.h"
+#include "dump_writer/dump_writer.h"
 #include "kernel_dump/kernel_dump.h"
 
 static constexpr uint64_t BASE = 0xFFFFF80100000000ull;

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <windows.h>
 
-#include "engine_script.h"
+#include "dbgeng/engine_script.h"
 #include "import_patch.h"
 #include "system_log.h"
 
