@@ -147,10 +147,7 @@ def from_xml(text):
 
 def compare(reader, name, texts, records):
     ours = [[one["record"], one["id"], one["source"], one["time"], as_others(one["strings"])] for one in records]
-    theirs = sorted(map(from_xml, texts))
-    if reader == "python3-evtx": # moves the empty texts of an array
-        ours, theirs = ([[*one[:4], list(filter(None, one[4]))] for one in side] for side in (ours, theirs))
-    expect(f"{reader} of {name}", theirs, ours)
+    expect(f"{reader} of {name}", sorted(map(from_xml, texts)), ours)
 
 
 class OtherReaders:
@@ -159,10 +156,12 @@ class OtherReaders:
     def __init__(self):
         self.logs = []
 
-    def add(self, name, records):
+    def add(self, name, records, by_python=True):
         done = subprocess.run(["evtxexport", "-f", "xml", path(name)], capture_output=True, timeout=300)
         events = done.stdout.decode(errors="replace").split("<Event ")[1:]
         compare("evtxexport", name, ["<Event " + text[:text.rindex("</Event>")] + "</Event>" for text in events], records)
+        if not by_python:
+            return
         with open(path("python"), "w+", encoding="utf-8") as output: # which may be larger than a pipe
             self.logs.append((name, records, open(output.name, encoding="utf-8"), subprocess.Popen(
                 ["/usr/bin/python3", "-c", PYTHON_EVTX, path(name)], stdout=output)))
@@ -194,7 +193,8 @@ def check_real(others):
     for log in pathlib.Path(os.environ.get("BYPASS_SHARED_DATA") or "/none").glob("*.evtx"):
         with open(path(log.name), "wb") as copy:
             copy.write(log.read_bytes())
-        others.add(log.name, read(log.name)[0])
+        # python3-evtx repeats and moves texts of the arrays that classic sources write.
+        others.add(log.name, read(log.name)[0], False)
 
 
 def place_of(data, number):
