@@ -15,7 +15,9 @@
 #include "../devhost/evidence/boots.h"
 #include "../devhost/evidence/log.h"
 #include "../devhost/evtx/evtx_writer.h"
+#include "../devhost/machine/event_log.h"
 #include "../devhost/machine/machine.h"
+#include "../devhost/machine/machine_open.h"
 #include "../tests/unit/import_patch.h"
 
 static constexpr int LOG_RECORDS = 65536;
@@ -63,7 +65,7 @@ static const std::vector<event_record> &usual_log(void)
 
 template <typename Function> static Function stand_in(const char *name)
 {
-    return reinterpret_cast<Function>(machine_event_log_stand_in(name));
+    return reinterpret_cast<Function>(machine_stand_in(name));
 }
 
 /* Returns the log as the reader receives it: one block per read, newest first. */
@@ -156,7 +158,7 @@ static void copy_log(const std::vector<std::string> &blocks)
 
 struct stand_in_patch : import_patch {
     explicit stand_in_patch(const char *name)
-        : import_patch(name, reinterpret_cast<void (*)()>(machine_event_log_stand_in(name)))
+        : import_patch(name, reinterpret_cast<void (*)()>(machine_stand_in(name)))
     {
     }
 };

@@ -6,11 +6,11 @@
 
 #include <oxni/base/subscriber.h>
 
-#include "../devhost/machine/calls.h"
-#include "../devhost/machine/machine.h"
-#include "../devhost/play/play.h"
-#include "../devhost/play/load.h"
 #include "../devhost/base/text.h"
+#include "../devhost/calls/calls.h"
+#include "../devhost/machine/machine_open.h"
+#include "../devhost/play/load.h"
+#include "../devhost/play/play.h"
 #include "../platform/liboxni_core/host.h"
 #include "../platform/liboxnibase/host.h"
 
@@ -67,7 +67,7 @@ static void load_init_free(benchmark::State &state)
         const bench_moment loading = bench_now();
         HMODULE plugin = load(L"libbypass_mgr.dll");
         const bench_moment loaded = bench_now();
-        calls_patch(plugin);
+        calls_patch(plugin, machine_stand_in);
         const bench_moment patched = bench_now();
         call_entry(plugin);
         const bench_moment initialised = bench_now();

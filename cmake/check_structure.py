@@ -3,6 +3,7 @@
 
 usage: check_structure.py SOURCE
 """
+import collections
 import os
 import re
 import subprocess
@@ -22,26 +23,36 @@ MAY_INCLUDE = {
     "devhost/dbgeng": ["devhost/kernel_dump", "devhost/unwind"],
     "devhost/evtx": ["devhost/base"],
     "devhost/evidence": ["devhost/base", "devhost/evtx", "devhost/kernel_dump"],
-    "devhost/machine": ["devhost/base", "devhost/dbgeng", "platform"],
-    "devhost/agent": ["devhost/base", "devhost/machine", "platform"],
-    "devhost/scenario": ["devhost/base", "devhost/machine", "platform"],
-    "devhost/participants": ["devhost/agent", "devhost/base", "devhost/evidence",
+    "devhost/calls": ["devhost/base", "platform"],
+    "devhost/disk": ["devhost/base", "devhost/calls", "platform"],
+    "devhost/machine": ["devhost/base", "devhost/calls", "devhost/dbgeng", "devhost/disk",
+                        "platform"],
+    "devhost/agent": ["devhost/base", "devhost/calls", "devhost/disk", "devhost/machine",
+                      "platform"],
+    "devhost/scenario": ["devhost/base", "devhost/disk", "devhost/machine", "platform"],
+    "devhost/participants": ["devhost/agent", "devhost/base", "devhost/disk", "devhost/evidence",
                              "devhost/machine", "devhost/scenario", "platform"],
-    "devhost/expect": ["devhost/agent", "devhost/base", "devhost/machine", "devhost/participants",
-                       "devhost/scenario", "platform"],
-    "devhost/play": ["devhost/agent", "devhost/base", "devhost/expect", "devhost/machine",
-                     "devhost/participants", "devhost/scenario", "platform"],
+    "devhost/expect": ["devhost/agent", "devhost/base", "devhost/calls", "devhost/disk",
+                       "devhost/machine", "devhost/participants", "devhost/scenario", "platform"],
+    "devhost/play": ["devhost/agent", "devhost/base", "devhost/calls", "devhost/disk",
+                     "devhost/expect", "devhost/machine", "devhost/participants",
+                     "devhost/scenario", "platform"],
     "devhost/view": ["devhost/base", "devhost/scenario"],
-    "devhost/replay": ["devhost/agent", "devhost/base", "devhost/evidence", "devhost/evtx", "devhost/kernel_dump",
-                       "devhost/machine", "devhost/participants", "devhost/play",
-                       "devhost/scenario", "devhost/view", "platform"],
-    "devhost/synthesis": ["devhost/base", "devhost/dump_writer", "devhost/evidence", "devhost/evtx", "devhost/kernel_dump",
-                          "devhost/machine", "devhost/play", "devhost/scenario", "platform"],
-    "devhost/run": ["devhost/agent", "devhost/base", "devhost/evidence", "devhost/machine",
-                    "devhost/participants", "devhost/play", "devhost/replay", "devhost/scenario",
-                    "devhost/view", "platform"],
-    "devhost": ["devhost/base", "devhost/replay", "devhost/run", "devhost/scenario",
-                "devhost/synthesis", "devhost/view", "platform"],
+    "devhost/case": ["devhost/base", "devhost/evidence", "devhost/machine", "devhost/scenario"],
+    "devhost/replay": ["devhost/base", "devhost/calls", "devhost/case", "devhost/disk",
+                       "devhost/evidence", "devhost/kernel_dump", "devhost/machine",
+                       "devhost/participants", "devhost/play", "devhost/scenario", "devhost/view",
+                       "platform"],
+    "devhost/synthesis": ["devhost/base", "devhost/disk", "devhost/dump_writer", "devhost/evidence",
+                          "devhost/evtx", "devhost/kernel_dump", "devhost/machine", "devhost/play",
+                          "devhost/scenario", "platform"],
+    "devhost/commands": ["devhost/agent", "devhost/base", "devhost/calls", "devhost/case",
+                         "devhost/disk", "devhost/evidence", "devhost/evtx",
+                         "devhost/kernel_dump", "devhost/machine", "devhost/participants",
+                         "devhost/play", "devhost/replay", "devhost/scenario", "devhost/view",
+                         "platform"],
+    "devhost": ["devhost/base", "devhost/commands", "devhost/scenario", "devhost/synthesis",
+                "devhost/view", "platform"],
     "tests": ["devhost", "platform", "oxni_sys"],
     "bench": ["devhost", "platform", "oxni_sys", "tests"],
     "examples": ["platform"],
@@ -53,6 +64,11 @@ WITHOUT_CIRCLE = ["oxni_sys", "platform", "platform_check", "devhost", "tests", 
 
 # A longer file holds more than one subject.
 MAX_LINES = 500
+
+# So does a directory with more sources in it.
+MAX_FILES = 14
+FEW_FILES = ("devhost", "platform", "platform_check", "tests")
+MANY_FILES = ("tests",)  # directories whose sources are being parted
 
 # What sources do not contain outside of texts and comments: pattern, what to write. The compiler
 # reports C casts outside the plug-in, clang-tidy checks names.
@@ -156,6 +172,19 @@ def dialect(name, text, top):
             for pattern, instead in rules if re.search(pattern, line)]
 
 
+def crowded():
+    """Returns the directories that hold too many sources, scripts included."""
+    names = subprocess.run(["git", "-C", source, "ls-files", "-co", "--exclude-standard", "--",
+                            "*.cpp", "*.h", "*.py", "*.sh", "*.def", "*.html", "*.schema.json"],
+                           capture_output=True, text=True, check=True).stdout.splitlines()
+    counts = collections.Counter(os.path.dirname(name) for name in names
+                                 if name.split("/")[0] in FEW_FILES
+                                 and os.path.exists(os.path.join(source, name)))
+    return [f"{place}/: {count} sources, expected at most {MAX_FILES}"
+            for place, count in counts.items()
+            if count > MAX_FILES and not place.startswith(MANY_FILES)]
+
+
 def main():
     files = sources()
     complaints = []
@@ -179,6 +208,7 @@ def main():
         if circle[0].split("/")[0] in WITHOUT_CIRCLE:
             complaints.append("circle of includes: " + " ".join(circle))
     complaints += ["circle of directories: " + " ".join(circle) for circle in circles(MAY_INCLUDE)]
+    complaints += crowded()
     print("\n".join(complaints + [f"{len(files)} files, {len(complaints)} findings of structure"]))
     sys.exit(1 if complaints else 0)
 

@@ -15,11 +15,11 @@
 #include <oxni/base/log.h>
 
 #include "../../platform/liboxnibase/host.h"
-#include "replay/commands.h"
-#include "scenario/journal.h"
-#include "run/session.h"
 #include "base/terminal.h"
 #include "base/text.h"
+#include "commands/commands.h"
+#include "commands/session.h"
+#include "scenario/journal.h"
 #include "synthesis/synthesis.h"
 #include "view/view.h"
 

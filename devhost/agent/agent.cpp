@@ -5,12 +5,15 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
-#include "../machine/heap.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../machine/memory_disk.h"
-#include "plugin_image.h"
 #include "../base/text.h"
+#include "../calls/calls.h"
+#include "../calls/heap.h"
+#include "../disk/files.h"
+#include "../disk/memory_disk.h"
+#include "../machine/machine.h"
+#include "../machine/machine_open.h"
+#include "../machine/modules.h"
+#include "plugin_image.h"
 
 typedef uint64_t (*plugin_init_fn)(void);
 
@@ -82,7 +85,7 @@ static void redirect_imports(HMODULE plugin)
 {
     heap_redirect(plugin);
     memory_disk_redirect(plugin, false);
-    calls_patch(plugin);
+    calls_patch(plugin, machine_stand_in);
     if (s_load_fn != nullptr)
         s_load_fn(plugin);
 }

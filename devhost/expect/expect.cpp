@@ -7,7 +7,7 @@
 #include <oxni/base/log.h>
 
 #include "../base/text.h"
-#include "../machine/calls.h"
+#include "../calls/calls.h"
 #include "../scenario/journal.h"
 #include "../scenario/match.h"
 

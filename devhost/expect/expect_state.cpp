@@ -6,11 +6,12 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../agent/agent.h"
 #include "../base/text.h"
-#include "../machine/machine.h"
+#include "../disk/files.h"
+#include "../machine/registry.h"
 #include "../participants/machine_setup.h"
-#include "../scenario/match.h"
 #include "../participants/observe.h"
 #include "../participants/products.h"
+#include "../scenario/match.h"
 #include "../scenario/timeline.h"
 
 void expect_fail(const expect_context &context, const std::string &why)

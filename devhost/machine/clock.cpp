@@ -1,8 +1,8 @@
 /* Windows' time calls read the platform's clock: host, platform and plug-in have one time. */
-#include "machine.h"
+#include "machine_internal.h"
 
 #include "../../platform/liboxnibase/host.h"
-#include "stand_in.h"
+#include "../calls/stand_in.h"
 
 static void WINAPI stand_in_GetSystemTime(SYSTEMTIME *time)
 {

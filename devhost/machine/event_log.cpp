@@ -2,12 +2,17 @@
  * The System log as ReadEventLogW returns it: whole records in the layout of EVENTLOGRECORD. All
  * other logs are empty.
  */
-#include "machine.h"
+#include "event_log.h"
 
 #include <cstring>
 
+#include <map>
+#include <vector>
+
 #include "../base/text.h"
-#include "stand_in.h"
+#include "../calls/stand_in.h"
+#include "machine.h"
+#include "machine_internal.h"
 
 static constexpr uint32_t RECORD_SIGNATURE = 0x654c664cu; /* "LfLe" */
 static constexpr uint32_t RECORD_HEADER_BYTES = 56u;
@@ -116,7 +121,7 @@ void machine_open_event_log(void)
 
 static HANDLE WINAPI stand_in_OpenEventLogW(const wchar_t *server, const wchar_t *source)
 {
-    const HANDLE none = nullptr, handle = machine_new_handle();
+    const HANDLE none = nullptr, handle = stand_in_new_handle();
 
     if (server != nullptr && *server != L'\0')
         return stand_in_fail(RPC_S_SERVER_UNAVAILABLE, none);

@@ -1,19 +1,23 @@
 /* Modules that the plug-in loads and looks up at run time: kernel32's tick count, the debugger
  * engine and its presence check. */
-#include "machine.h"
+#include "modules.h"
 
 #include <map>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../dbgeng/engine_script.h"
-#include "calls.h"
-#include "heap.h"
 #include "../base/text.h"
-#include "memory_disk.h"
-#include "stand_in.h"
+#include "../calls/calls.h"
+#include "../calls/heap.h"
+#include "../calls/stand_in.h"
+#include "../dbgeng/engine_script.h"
+#include "../disk/files.h"
+#include "../disk/memory_disk.h"
+#include "machine.h"
+#include "machine_internal.h"
 
 /* The engine beside this program; NULL until it is needed. */
 static HMODULE s_engine;
+static struct machine_engine s_state;
 static void (*s_watch)(const std::string &news);
 
 /* What the agent's process has loaded at run time. */
@@ -71,7 +75,7 @@ template <typename function> static function engine_function(const char *name)
 
 static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)
 {
-    const auto &files = machine_get().dump_files;
+    const auto &files = s_state.dump_files;
     const auto file = files.find(text_lower(std::wstring(path)));
     std::wstring real_path = file != files.end() ? file->second : machine_real_path(path);
 
@@ -96,7 +100,7 @@ static HMODULE load_library(const std::wstring &lower)
 {
     if (lower != L"dbghelp.dll" && lower != L"dbgeng.dll")
         return LoadLibraryW(lower.c_str());
-    if (!machine_get().has_engine)
+    if (!s_state.present)
         return stand_in_fail(ERROR_MOD_NOT_FOUND, static_cast<HMODULE>(nullptr));
     return lower == L"dbgeng.dll" ? engine_module() : presence_module();
 }
@@ -161,11 +165,10 @@ static HRESULT open_scripted_dump(const wchar_t *path)
 
 static void update_loading(void)
 {
-    const machine &machine = machine_get();
     engine_loading loading = {};
 
-    loading.ms = machine.engine_load_ms;
-    loading.text = machine.engine_load_text.empty() ? nullptr : machine.engine_load_text.c_str();
+    loading.ms = s_state.load_ms;
+    loading.text = s_state.load_text.empty() ? nullptr : s_state.load_text.c_str();
     loading.wait = [](unsigned ms) { oxnih_clock_advance(ms); };
     loading.open = open_scripted_dump;
     engine_function<engine_loading_set_fn>("engine_loading_set")(&loading);
@@ -175,7 +178,7 @@ static void update_images(void)
 {
     std::vector<engine_image> images;
 
-    for (const machine_image &image : machine_get().images)
+    for (const machine_image &image : s_state.images)
         images.push_back({image.file.c_str(), image.bytes, image.size});
     if (engine_function<engine_images_set_fn>("engine_images_set")(images.data(), images.size()) !=
         S_OK)
@@ -184,15 +187,14 @@ static void update_images(void)
 
 void machine_update_engine(void)
 {
-    const machine &machine = machine_get();
     std::vector<engine_script_fault> faults;
     std::vector<engine_script_stack> stacks;
     engine_script script = {};
     HRESULT result;
 
-    for (const auto &fault : machine.engine_faults)
+    for (const auto &fault : s_state.faults)
         faults.push_back({fault.first.c_str(), fault.second});
-    for (const auto &stack : machine.stacks)
+    for (const auto &stack : s_state.stacks)
         stacks.push_back({stack.first.c_str(), stack.second.c_str()});
     script.struct_bytes = sizeof(script);
     script.faults = faults.data();
@@ -211,8 +213,14 @@ void machine_update_engine(void)
     engine_function<engine_watch_fn>("engine_watch")(trace_engine);
 }
 
+struct machine_engine &machine_get_engine(void)
+{
+    return s_state;
+}
+
 void machine_reset_engine(void)
 {
+    s_state = {};
     if (s_engine != nullptr)
         machine_update_engine();
 }

@@ -1,10 +1,12 @@
-/* Process snapshots and times. Rights are granted as to an administrator on Windows 8.1 and later. */
+/* Process snapshots and times, handles and the environment. Rights are granted as to an administrator on Windows 8.1 and later. */
 #include "machine.h"
 
 #include <tlhelp32.h>
 
 #include "../base/text.h"
-#include "stand_in.h"
+#include "../calls/stand_in.h"
+#include "../disk/files.h"
+#include "machine_internal.h"
 
 static constexpr wchar_t AGENT_NAME[] = L"oxni_agent.exe";
 
@@ -41,7 +43,7 @@ static std::vector<machine_process> all_processes(void)
 
 static HANDLE WINAPI stand_in_CreateToolhelp32Snapshot(DWORD flags, DWORD pid)
 {
-    HANDLE handle = machine_new_handle();
+    HANDLE handle = stand_in_new_handle();
 
     (void)pid; /* for modules and heaps only */
     if ((flags & SNAPSHOT_FLAGS) == 0)
@@ -99,7 +101,7 @@ static HANDLE WINAPI stand_in_OpenProcess(DWORD access, BOOL inherit, DWORD pid)
             continue;
         if (process.is_protected && (access & ~static_cast<DWORD>(PROTECTED_RIGHTS)) != 0)
             return stand_in_fail(ERROR_ACCESS_DENIED, static_cast<HANDLE>(nullptr));
-        HANDLE handle = machine_new_handle();
+        HANDLE handle = stand_in_new_handle();
         s_processes[handle] = {process.created_100ns, access};
         return handle;
     }
@@ -126,9 +128,10 @@ static BOOL WINAPI stand_in_GetProcessTimes(HANDLE handle, FILETIME *creation, F
     return TRUE;
 }
 
-bool machine_close_process_handle(HANDLE handle)
+static BOOL WINAPI stand_in_CloseHandle(HANDLE handle)
 {
-    return s_snapshots.erase(handle) != 0 || s_processes.erase(handle) != 0;
+    return s_snapshots.erase(handle) != 0 || s_processes.erase(handle) != 0 ||
+           machine_close_token(handle) || machine_close_file(handle);
 }
 
 bool machine_process_grants(HANDLE handle, DWORD rights)
@@ -139,12 +142,52 @@ bool machine_process_grants(HANDLE handle, DWORD rights)
            (process != s_processes.end() && (process->second.access & rights) != 0);
 }
 
+static UINT WINAPI stand_in_GetWindowsDirectoryW(wchar_t *buffer, UINT size)
+{
+    const std::wstring &folder = machine_get().windows_folder;
+
+    if (folder.size() >= size)
+        return static_cast<UINT>(folder.size() + 1);
+    lstrcpyW(buffer, folder.c_str());
+    return static_cast<UINT>(folder.size());
+}
+
+/* Unknown names stay, with both of their percent signs. */
+std::wstring machine_expand(const std::wstring &text)
+{
+    const auto &environment = machine_get().environment;
+    std::wstring expanded;
+    size_t at = 0, open, end;
+
+    while ((open = text.find(L'%', at)) != std::wstring::npos &&
+           (end = text.find(L'%', open + 1)) != std::wstring::npos) {
+        auto value = environment.find(text_lower(text.substr(open + 1, end - open - 1)));
+
+        expanded += text.substr(at, open - at);
+        expanded += value != environment.end() ? value->second : text.substr(open, end + 1 - open);
+        at = end + 1;
+    }
+    return expanded + text.substr(at);
+}
+
+static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
+                                                       DWORD size)
+{
+    if (source == nullptr || (buffer == nullptr && size != 0))
+        return stand_in_fail(ERROR_INVALID_PARAMETER, 0ul);
+    const std::wstring expanded = machine_expand(source);
+    if (expanded.size() < size)
+        lstrcpyW(buffer, expanded.c_str());
+    return static_cast<DWORD>(expanded.size() + 1);
+}
+
 void *machine_process_stand_in(const char *name)
 {
     static const stand_in_row rows[] = {
         STAND_IN(CreateToolhelp32Snapshot), STAND_IN(Process32FirstW),
         STAND_IN(Process32NextW),           STAND_IN(OpenProcess),
-        STAND_IN(GetProcessTimes),
+        STAND_IN(GetProcessTimes),          STAND_IN(CloseHandle),
+        STAND_IN(GetWindowsDirectoryW),     STAND_IN(ExpandEnvironmentStringsW),
     };
 
     return stand_in_find(rows, name);

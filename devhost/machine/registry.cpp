@@ -3,13 +3,15 @@
  * changed, and a restart of Windows drops the volatile keys. Plug-in and platform reach it through
  * their imports.
  */
-#include "machine.h"
+#include "registry.h"
 
+#include <map>
 #include <memory>
 
 #include "../base/text.h"
-#include "imports.h"
-#include "stand_in.h"
+#include "../calls/imports.h"
+#include "../calls/stand_in.h"
+#include "machine_internal.h"
 
 struct registry_value {
     DWORD type;
@@ -115,7 +117,7 @@ static LONG normalize_path(HKEY parent, const wchar_t *given, REGSAM access, std
 
 static HKEY open_handle(const std::shared_ptr<registry_key> &key, REGSAM access)
 {
-    HKEY handle = reinterpret_cast<HKEY>(machine_new_handle());
+    HKEY handle = reinterpret_cast<HKEY>(stand_in_new_handle());
 
     s_open[handle] = {key, access};
     return handle;

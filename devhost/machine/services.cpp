@@ -2,7 +2,8 @@
 #include "machine.h"
 
 #include "../base/text.h"
-#include "stand_in.h"
+#include "../calls/stand_in.h"
+#include "machine_internal.h"
 
 static constexpr int MAX_SERVICE_NAME_CHARS = 256;
 
@@ -22,7 +23,7 @@ static bool grants_query(DWORD access)
 
 static SC_HANDLE open_handle(const open_service &service)
 {
-    HANDLE handle = machine_new_handle();
+    HANDLE handle = stand_in_new_handle();
 
     s_open[handle] = service;
     return static_cast<SC_HANDLE>(handle);

@@ -7,48 +7,10 @@
 #include <utility>
 
 #include "../base/text.h"
-#include "stand_in.h"
+#include "../calls/privileges.h"
+#include "../calls/stand_in.h"
+#include "machine_internal.h"
 
-/* Privileges by their LUID, from 2 (winnt.h, SE_MIN_WELL_KNOWN_PRIVILEGE in wdm.h). */
-static const char *const s_names[] = {
-    "SeCreateTokenPrivilege",
-    "SeAssignPrimaryTokenPrivilege",
-    "SeLockMemoryPrivilege",
-    "SeIncreaseQuotaPrivilege",
-    "SeMachineAccountPrivilege",
-    "SeTcbPrivilege",
-    "SeSecurityPrivilege",
-    "SeTakeOwnershipPrivilege",
-    "SeLoadDriverPrivilege",
-    "SeSystemProfilePrivilege",
-    "SeSystemtimePrivilege",
-    "SeProfileSingleProcessPrivilege",
-    "SeIncreaseBasePriorityPrivilege",
-    "SeCreatePagefilePrivilege",
-    "SeCreatePermanentPrivilege",
-    "SeBackupPrivilege",
-    "SeRestorePrivilege",
-    "SeShutdownPrivilege",
-    "SeDebugPrivilege",
-    "SeAuditPrivilege",
-    "SeSystemEnvironmentPrivilege",
-    "SeChangeNotifyPrivilege",
-    "SeRemoteShutdownPrivilege",
-    "SeUndockPrivilege",
-    "SeSyncAgentPrivilege",
-    "SeEnableDelegationPrivilege",
-    "SeManageVolumePrivilege",
-    "SeImpersonatePrivilege",
-    "SeCreateGlobalPrivilege",
-    "SeTrustedCredManAccessPrivilege",
-    "SeRelabelPrivilege",
-    "SeIncreaseWorkingSetPrivilege",
-    "SeTimeZonePrivilege",
-    "SeCreateSymbolicLinkPrivilege",
-    "SeDelegateSessionUserImpersonatePrivilege",
-};
-
-static constexpr int FIRST_LUID = 2;
 static constexpr uint32_t MAX_PRIVILEGES =
     1024u; /* a count beyond is taken for a mistake, not read */
 static constexpr size_t PRIVILEGE_BYTES = sizeof(LUID_AND_ATTRIBUTES);
@@ -59,27 +21,21 @@ static std::set<DWORD> s_enabled, s_removed;
 
 static bool luid_of(const std::string &name, DWORD *luid)
 {
-    for (size_t i = 0; i < ARRAYSIZE(s_names); i++)
-        if (_stricmp(s_names[i], name.c_str()) == 0) {
-            *luid = static_cast<DWORD>(i) + FIRST_LUID;
+    for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
+        if (_stricmp(PRIVILEGES[i], name.c_str()) == 0) {
+            *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
             return true;
         }
     return false;
 }
 
-std::string machine_privilege_name(DWORD luid)
-{
-    const DWORD place = luid - FIRST_LUID;
-
-    return place < ARRAYSIZE(s_names) ? s_names[place] : "";
-}
-
 static bool is_held(const LUID &luid)
 {
-    const DWORD place = luid.LowPart - FIRST_LUID;
+    const DWORD place = luid.LowPart - FIRST_PRIVILEGE;
 
-    return luid.HighPart == 0 && place < ARRAYSIZE(s_names) && s_removed.count(luid.LowPart) == 0 &&
-           machine_get().privileges.count(s_names[place]) != 0;
+    return luid.HighPart == 0 && place < ARRAYSIZE(PRIVILEGES) &&
+           s_removed.count(luid.LowPart) == 0 &&
+           machine_get().privileges.count(PRIVILEGES[place]) != 0;
 }
 
 void machine_start_token(void)
@@ -103,7 +59,7 @@ std::string machine_token_changes(void)
     for (const auto &change :
          {std::make_pair(s_enabled, " enabled"), std::make_pair(s_removed, " removed")})
         for (const DWORD luid : change.first)
-            text += (text.empty() ? "" : ", ") + std::string(s_names[luid - FIRST_LUID]) +
+            text += (text.empty() ? "" : ", ") + std::string(PRIVILEGES[luid - FIRST_PRIVILEGE]) +
                     change.second;
     return text;
 }
@@ -115,7 +71,7 @@ static BOOL WINAPI stand_in_OpenProcessToken(HANDLE process, DWORD access, HANDL
         return stand_in_fail(ERROR_INVALID_HANDLE, FALSE);
     if (token == nullptr)
         return stand_in_fail(ERROR_NOACCESS, FALSE);
-    *token = machine_new_handle();
+    *token = stand_in_new_handle();
     s_open[*token] = access;
     return TRUE;
 }

@@ -11,9 +11,13 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
-#include "../evidence/log.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
+#include "../disk/files.h"
+#include "../evidence/log.h"
+#include "../machine/event_log.h"
+#include "../machine/machine.h"
+#include "../machine/modules.h"
+#include "../machine/registry.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
 
@@ -117,17 +121,17 @@ static void set_engine(const node &engine)
 {
     node fails = engine["fails"];
 
-    machine_get().has_engine = engine.flag("present", machine_get().has_engine);
+    machine_get_engine().present = engine.flag("present", machine_get_engine().present);
     if (!fails && !engine["loads_for"] && !engine["prints"])
         return;
     if (engine["loads_for"])
-        machine_get().engine_load_ms = static_cast<uint32_t>(engine.integer("loads_for", 0)) * 1000;
+        machine_get_engine().load_ms = static_cast<uint32_t>(engine.integer("loads_for", 0)) * 1000;
     if (engine["prints"])
-        machine_get().engine_load_text = engine["prints"]->GetString();
+        machine_get_engine().load_text = engine["prints"]->GetString();
     if (fails)
-        machine_get().engine_faults.clear();
+        machine_get_engine().faults.clear();
     for (const auto &[call, result] : fails.members())
-        machine_get().engine_faults[call] = static_cast<HRESULT>(result->GetUint());
+        machine_get_engine().faults[call] = static_cast<HRESULT>(result->GetUint());
     machine_update_engine();
 }
 
@@ -278,7 +282,7 @@ void machine_setup_file(const node &file)
         bytes = crash_record(static_cast<uint32_t>(file.integer("record_count", 0)));
     if (file["stack"] || file["frames"]) {
         bytes = SCRIPTED_DUMP_BYTES;
-        machine_get().stacks[path] = machine_setup_stack(file);
+        machine_get_engine().stacks[path] = machine_setup_stack(file);
         machine_update_engine();
     }
     bytes.resize(static_cast<size_t>(file.integer("size", static_cast<int64_t>(bytes.size()))));

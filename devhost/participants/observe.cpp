@@ -7,8 +7,8 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
+#include "../machine/modules.h"
 #include "../scenario/journal.h"
 #include "products.h"
 

@@ -5,11 +5,14 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/system_events.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
-#include "machine_setup.h"
+#include "../disk/files.h"
+#include "../machine/event_log.h"
+#include "../machine/machine.h"
+#include "../machine/modules.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
+#include "machine_setup.h"
 
 /* Seconds after the start of Windows at which it writes these. */
 static constexpr double START_SECONDS = 0.0;
@@ -72,11 +75,11 @@ static void write_dump(const std::wstring &path, const node &crash)
 
     if (path.empty())
         return;
-    machine_get().stacks.erase(path);
+    machine_get_engine().stacks.erase(path);
     if (crash["dump"])
         bytes = machine_read_real_file(text_wide(crash["dump"].path()), EXIT_BAD_EVIDENCE);
     else
-        machine_get().stacks[path] = machine_setup_stack(crash);
+        machine_get_engine().stacks[path] = machine_setup_stack(crash);
     machine_update_engine();
     machine_write_file(path, bytes, now, now);
     journal_add(HAPPENED_STEP, "windows", "writes the dump " + text_narrow(path));

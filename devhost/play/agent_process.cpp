@@ -3,14 +3,14 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
-#include "../machine/calls.h"
+#include "../calls/calls.h"
 #include "../machine/machine.h"
-#include "callbacks.h"
 #include "../participants/management.h"
 #include "../participants/observe.h"
 #include "../participants/products.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
+#include "callbacks.h"
 
 /* All that ends with the agent's process. */
 static void forget_agent(void)

@@ -10,9 +10,9 @@
 
 #include "../../platform/liboxni_core/host.h"
 #include "../base/text.h"
-#include "../machine/calls.h"
-#include "../scenario/journal.h"
+#include "../calls/calls.h"
 #include "../participants/products.h"
+#include "../scenario/journal.h"
 
 static struct {
     oxni_subscribee_fn service;

@@ -12,10 +12,10 @@
 #include <rapidjson/pointer.h>
 
 #include "../base/text.h"
-#include "../machine/machine.h"
+#include "../machine/registry.h"
 #include "../participants/machine_setup.h"
-#include "steps.h"
 #include "../scenario/timeline.h"
+#include "steps.h"
 
 static constexpr uint32_t MOST_PROBLEMS = 20u;
 static constexpr uint32_t MOST_SHOWN = 60u; /* characters of a value */

@@ -4,17 +4,18 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
 #include "../base/text.h"
-#include "../scenario/journal.h"
-#include "agent_process.h"
-#include "callbacks.h"
+#include "../calls/calls.h"
+#include "../disk/files.h"
 #include "../expect/expect.h"
+#include "../machine/registry.h"
 #include "../participants/machine_setup.h"
 #include "../participants/management.h"
 #include "../participants/products.h"
+#include "../scenario/journal.h"
 #include "../scenario/timeline.h"
+#include "agent_process.h"
+#include "callbacks.h"
 
 struct step_context {
     const node &step;

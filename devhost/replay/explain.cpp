@@ -3,9 +3,10 @@
 
 #include <cstring>
 
+#include "../base/text.h"
+#include "../machine/event_log.h"
 #include "../machine/machine.h"
 #include "../scenario/journal.h"
-#include "../base/text.h"
 #include "../view/view.h"
 
 static constexpr char BLAME_LINE[] = "find [*] crach!";

@@ -8,14 +8,17 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/file.h"
-#include "../machine/calls.h"
-#include "../machine/machine.h"
-#include "../play/play.h"
-#include "../participants/products.h"
-#include "../scenario/timeline.h"
-#include "../scenario/journal.h"
 #include "../base/terminal.h"
 #include "../base/text.h"
+#include "../calls/calls.h"
+#include "../disk/files.h"
+#include "../machine/event_log.h"
+#include "../machine/modules.h"
+#include "../machine/registry.h"
+#include "../participants/products.h"
+#include "../play/play.h"
+#include "../scenario/journal.h"
+#include "../scenario/timeline.h"
 #include "../view/page.h"
 #include "../view/view.h"
 
@@ -68,7 +71,7 @@ static void place_dumps(replay_evidence *evidence)
             continue;
         const std::wstring place = text_wide(dump.place);
 
-        machine_get().dump_files[text_lower(place)] = text_wide(dump.dump.path);
+        machine_get_engine().dump_files[text_lower(place)] = text_wide(dump.dump.path);
         machine_write_file(place, "", dump.written_100ns, dump.written_100ns);
     }
     images_place(evidence->images.get());

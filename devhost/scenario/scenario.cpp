@@ -5,8 +5,8 @@
 
 #include <rapidjson/error/en.h>
 
-#include "../machine/machine.h"
 #include "../base/text.h"
+#include "../disk/files.h"
 
 static constexpr int MOST_LEVELS = 100;
 

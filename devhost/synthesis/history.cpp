@@ -5,9 +5,12 @@
 #include <tuple>
 
 #include "../../platform/liboxnibase/host.h"
-#include "../base/text.h"
 #include "../base/system_events.h"
+#include "../base/text.h"
+#include "../disk/files.h"
+#include "../machine/event_log.h"
 #include "../machine/machine.h"
+#include "../machine/modules.h"
 #include "../play/play.h"
 #include "../scenario/timeline.h"
 #include "accompany.h"
@@ -219,7 +222,7 @@ static bool is_taken(const history &made, const std::string &path, uint64_t writ
 /* The dumps that this boot wrote. */
 static void take_dumps(player &player, history_boot *boot)
 {
-    for (const auto &[path, stack] : machine_get().stacks) {
+    for (const auto &[path, stack] : machine_get_engine().stacks) {
         if (!machine_file_exists(path))
             continue;
         const uint64_t written = machine_file_times(path).written_100ns;

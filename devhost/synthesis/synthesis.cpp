@@ -3,12 +3,12 @@
 
 #include <cstdio>
 
+#include "../base/file.h"
 #include "../base/run_folder.h"
+#include "../base/system_events.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../base/file.h"
-#include "../base/system_events.h"
-#include "../machine/machine.h"
+#include "../machine/registry.h"
 #include "../play/load.h"
 
 #define CONTROL_KEY L"SYSTEM\\CurrentControlSet\\Control\\"

@@ -59,7 +59,7 @@ def compare(machine, lines):
 
 
 def calls_of_plugin():
-    with open(f"{source}/devhost/machine/calls_table.h", encoding="utf-8") as file:
+    with open(f"{source}/devhost/calls/calls_table.h", encoding="utf-8") as file:
         return set(re.findall(r'\{"(?:kernel32|advapi32|msvcrt)\.dll",\s*"(\w+)"', file.read()))
 
 

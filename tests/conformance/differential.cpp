@@ -23,8 +23,10 @@
 
 #include "base/run_folder.h"
 #include "base/text.h"
+#include "disk/memory_disk.h"
 #include "machine/machine.h"
-#include "machine/memory_disk.h"
+#include "machine/machine_open.h"
+#include "machine/registry.h"
 
 static constexpr int CALLS_PER_SEQUENCE = 40;
 static constexpr wchar_t REAL_KEY[] = L"SOFTWARE\\differential_check";
@@ -264,7 +266,7 @@ static std::string play_files(disk &memory, disk &real)
 
 template <typename Function> static Function stand_in(const char *name)
 {
-    return reinterpret_cast<Function>(machine_registry_stand_in(name));
+    return reinterpret_cast<Function>(machine_stand_in(name));
 }
 
 /* Not the imports of this program: they may be redirected. */

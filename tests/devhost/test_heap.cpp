@@ -1,4 +1,4 @@
-#include "machine/heap.h"
+#include "calls/heap.h"
 
 #include <cstdint>
 #include <cstdlib>

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "machine/imports.h"
+#include "calls/imports.h"
 
 namespace
 {

@@ -25,19 +25,19 @@
 
 #include <oxni/base/memory.h>
 
-#include "liboxnibase/host.h"
-#include "play/agent_process.h"
-#include "play/load.h"
-#include "participants/products.h"
-#include "scenario/timeline.h"
-#include "play/play.h"
-#include "machine/machine.h"
-#include "scenario/journal.h"
 #include "base/run_folder.h"
 #include "base/text.h"
+#include "disk/files.h"
 #include "fault_scenario.h"
 #include "file_operations.h"
 #include "harness/watch.h"
+#include "liboxnibase/host.h"
+#include "participants/products.h"
+#include "play/agent_process.h"
+#include "play/load.h"
+#include "play/play.h"
+#include "scenario/journal.h"
+#include "scenario/timeline.h"
 
 static constexpr int HANG_SECONDS = 120;
 static constexpr uint32_t SLICE_MS = 1000u;

@@ -1,11 +1,11 @@
 /* The list of failures, and how each is injected. */
 #include "failures.h"
 
-#include "liboxnibase/host.h"
-#include "machine/calls.h"
-#include "machine/machine.h"
-#include "participants/products.h"
 #include "base/text.h"
+#include "calls/calls.h"
+#include "liboxnibase/host.h"
+#include "machine/modules.h"
+#include "participants/products.h"
 
 /* Calls of a name that fail with each of their errors; the later ones take one error in turn. */
 static constexpr uint32_t ALL_ERRORS_CALLS = 2u;
@@ -99,7 +99,7 @@ void failure_arm(const failure *failure)
         product_disturb(failure->nth, failure->persistent, static_cast<int32_t>(failure->error));
         break;
     case FAILS_ENGINE:
-        machine_get().engine_faults[failure->call] = static_cast<HRESULT>(failure->error);
+        machine_get_engine().faults[failure->call] = static_cast<HRESULT>(failure->error);
         machine_update_engine();
         break;
     }
@@ -123,7 +123,7 @@ boot_counts failure_disarm(const failure *failure)
         counts.calls[name] = calls_count(name);
     oxnih_memory_fail(0, 0);
     if (failure != nullptr && failure->kind == FAILS_ENGINE) {
-        machine_get().engine_faults.erase(failure->call);
+        machine_get_engine().faults.erase(failure->call);
         machine_update_engine();
     }
     return counts;

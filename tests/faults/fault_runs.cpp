@@ -41,25 +41,25 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/log.h>
 
-#include "liboxnibase/host.h"
 #include "agent/agent.h"
-#include "machine/heap.h"
-#include "machine/calls.h"
-#include "scenario/timeline.h"
-#include "play/load.h"
-#include "play/play.h"
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
 #include "agent/plugin_image.h"
-#include "scenario/journal.h"
 #include "base/run_folder.h"
 #include "base/text.h"
-#include "view/view.h"
+#include "calls/calls.h"
+#include "calls/heap.h"
+#include "disk/files.h"
+#include "disk/memory_disk.h"
 #include "failures.h"
 #include "fault_scenario.h"
 #include "harness/leaks.h"
 #include "harness/previous_boot.h"
 #include "harness/watch.h"
+#include "liboxnibase/host.h"
+#include "play/load.h"
+#include "play/play.h"
+#include "scenario/journal.h"
+#include "scenario/timeline.h"
+#include "view/view.h"
 
 static constexpr int HANG_SECONDS = 120;
 /* The boot of an allocation or call that fails persistently ends 60 to 120 s after the first failure:

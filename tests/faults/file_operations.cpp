@@ -7,8 +7,8 @@
 #include <string>
 
 #include "agent/agent.h"
-#include "machine/imports.h"
 #include "base/text.h"
+#include "calls/imports.h"
 
 struct file_operations file_operations;
 

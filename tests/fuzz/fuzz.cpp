@@ -10,11 +10,10 @@
 #include <iterator>
 #include <sstream>
 
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
 #include "base/run_folder.h"
-#include "harness/watch.h"
 #include "base/text.h"
+#include "disk/memory_disk.h"
+#include "harness/watch.h"
 
 static constexpr int HANG_SECONDS = 60;
 

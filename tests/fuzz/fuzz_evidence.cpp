@@ -13,10 +13,10 @@
 
 #include "base/system_events.h"
 #include "base/text.h"
+#include "commands/commands.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
 #include "evtx/evtx_writer.h"
-#include "replay/replay.h"
 #include "scenario/scenario.h"
 #include "synthesis/damage.h"
 

@@ -11,12 +11,12 @@
 #include <oxni/base/json.h>
 
 #include "../engine/dump_mutate.h"
+#include "base/text.h"
+#include "disk/memory_disk.h"
 #include "kernel_dump/kernel_dump.h"
 #include "liboxnibase/host.h"
-#include "scenario/scenario.h"
 #include "play/load.h"
-#include "machine/memory_disk.h"
-#include "base/text.h"
+#include "scenario/scenario.h"
 
 /* Header and text of an ".ejs" file. */
 static std::string ejs_of(const std::string &text)

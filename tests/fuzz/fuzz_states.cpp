@@ -13,14 +13,14 @@
 #include <oxni/base/time.h>
 
 #include "../unit/import_patch.h"
+#include "base/text.h"
 #include "bypass_mgr_store.h"
 #include "crash_config.h"
+#include "disk/memory_disk.h"
 #include "dump_record.h"
 #include "liboxnibase/host.h"
-#include "machine/memory_disk.h"
 #include "recover_tag.h"
 #include "report_history.h"
-#include "base/text.h"
 
 static constexpr int SECTOR_BYTES = 512;
 static constexpr int BOOT = 1709802000;

@@ -1,11 +1,11 @@
 /* The agent's blocks and handles at its end. */
 #include "leaks.h"
 
-#include "liboxnibase/host.h"
 #include "agent/agent.h"
-#include "machine/calls.h"
-#include "machine/machine.h"
 #include "base/text.h"
+#include "calls/calls.h"
+#include "liboxnibase/host.h"
+#include "machine/modules.h"
 
 /* Longer than any product's name in scenarios and on random machines. */
 static constexpr int NAME_BYTES = 32;

@@ -6,12 +6,14 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 
-#include "liboxnibase/host.h"
 #include "agent/agent.h"
-#include "evidence/boots.h"
-#include "machine/calls.h"
-#include "machine/machine.h"
 #include "base/text.h"
+#include "calls/calls.h"
+#include "disk/files.h"
+#include "evidence/boots.h"
+#include "liboxnibase/host.h"
+#include "machine/event_log.h"
+#include "machine/machine.h"
 
 static constexpr char STORE_FILE[] = "bypass_mgr_persistence.ejs";
 static constexpr uint64_t UNIX_EPOCH_SECONDS = 11644473600ull;

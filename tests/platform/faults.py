@@ -49,6 +49,10 @@ def link_command(library):
     raise SystemExit(f"the build's last command for {target} does not link it")
 
 
+def library_of(source):
+    return source.relative_to(options.source / "platform").parts[0]
+
+
 def build_fault(folder, source, text):
     """Compiles a changed source and links its library. Result: empty, or what failed."""
     words = [word for word in commands[str(source)] if word not in ("-Werror", "-g1")]
@@ -60,9 +64,10 @@ def build_fault(folder, source, text):
     status, output = run([*words, "-w", "-O0", f"-I{source.parent}"])
     if status != 0:
         return output
-    link = links[source.parent.name]
+    library = library_of(source)
+    link = links[library]
     words = [str(folder / "changed.obj") if word == unchanged else word for word in link]
-    words[words.index("-o") + 1] = str(folder / f"{source.parent.name}.dll")
+    words[words.index("-o") + 1] = str(folder / f"{library}.dll")
     status, output = run(words)
     return output if status != 0 else ""
 
@@ -81,7 +86,7 @@ def try_fault(row):
         for library in [*links, PROGRAM[:-4]]:
             file = library + (".exe" if library == PROGRAM[:-4] else ".dll")
             shutil.copy(options.build / "bin" / file, folder / file)
-        (folder / f"{source.parent.name}.dll").unlink()
+        (folder / f"{library_of(source)}.dll").unlink()
         failed = build_fault(folder, source, text.replace(old, new))
         if failed:
             return f"does not compile: {failed}"

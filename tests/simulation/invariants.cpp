@@ -13,17 +13,17 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 
-#include "liboxni_core/host.h"
-#include "liboxnibase/host.h"
 #include "agent/agent.h"
-#include "machine/calls.h"
-#include "machine/machine.h"
-#include "scenario/journal.h"
+#include "base/text.h"
+#include "calls/calls.h"
 #include "harness/leaks.h"
 #include "harness/previous_boot.h"
-#include "base/text.h"
 #include "invariants.h"
+#include "liboxni_core/host.h"
+#include "liboxnibase/host.h"
+#include "machine/machine.h"
 #include "model.h"
+#include "scenario/journal.h"
 
 static constexpr uint32_t POLL_MS = 30000u;
 

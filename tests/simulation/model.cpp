@@ -8,11 +8,14 @@
 #include <oxni/base/log.h>
 #include <oxni/base/time.h>
 
-#include "liboxnibase/host.h"
 #include "agent/agent.h"
 #include "base/system_events.h"
-#include "machine/machine.h"
 #include "base/text.h"
+#include "disk/files.h"
+#include "liboxnibase/host.h"
+#include "machine/machine.h"
+#include "machine/modules.h"
+#include "machine/registry.h"
 
 static constexpr int POLLS = 12;
 
@@ -74,16 +77,15 @@ bool model_tag_exists(void)
 /* Local text of a file's creation time; of 1970 when there is no such file. */
 static std::string creation_text(const std::wstring &real_path)
 {
-    const auto &times = machine_get().created_100ns;
-    const auto at = times.find(text_lower(real_path));
+    const uint64_t known_100ns = machine_file_created(real_path);
     FILETIME created = {};
     struct tm local = {};
     char text[32];
 
-    if (at != times.end() && write_time(real_path) != 0)
-        created = {static_cast<DWORD>(at->second), static_cast<DWORD>(at->second >> 32)};
-    if (oxni_time_stamp_to_local(at != times.end() ? oxni_filetime_to_timet(&created) : 0,
-                                 &local) != 0)
+    if (write_time(real_path) != 0)
+        created = {static_cast<DWORD>(known_100ns), static_cast<DWORD>(known_100ns >> 32)};
+    if (oxni_time_stamp_to_local(known_100ns != 0 ? oxni_filetime_to_timet(&created) : 0, &local) !=
+        0)
         return "1970-01-01 00:00:00";
     strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local);
     return text;
@@ -135,24 +137,24 @@ static std::set<std::string> stack_modules(const std::string &text)
  * minidump, however old; empty: none. */
 static std::set<std::string> crashed_modules(std::wstring *small_path)
 {
-    const struct machine &machine = machine_get();
+    const struct machine_engine &engine = machine_get_engine();
+    const uint64_t boot_100ns = machine_get().boot_100ns;
     const std::string *small = nullptr, *complete = nullptr;
     uint64_t newest_small = 0;
 
-    for (const auto &stack : machine.stacks) {
+    for (const auto &stack : engine.stacks) {
         uint64_t time = write_time(machine_real_path(stack.first));
 
         if (stack.first.find(L"\\Minidump\\") == std::wstring::npos) {
-            if (time > machine.boot_100ns)
+            if (time > boot_100ns)
                 complete = &stack.second;
         } else if (time > newest_small) {
             newest_small = time;
             *small_path = machine_real_path(stack.first);
-            small = time > machine.boot_100ns ? &stack.second : nullptr;
+            small = time > boot_100ns ? &stack.second : nullptr;
         }
     }
-    if (!machine.has_engine || !machine.engine_faults.empty() ||
-        (small == nullptr && complete == nullptr))
+    if (!engine.present || !engine.faults.empty() || (small == nullptr && complete == nullptr))
         return {};
     return stack_modules(small != nullptr ? *small : *complete);
 }

@@ -14,18 +14,18 @@
 
 #include <oxni/base/log.h>
 
-#include "liboxnibase/host.h"
-#include "machine/heap.h"
-#include "machine/calls.h"
-#include "machine/memory_disk.h"
 #include "agent/plugin_image.h"
-#include "play/play.h"
-#include "play/load.h"
-#include "scenario/journal.h"
 #include "base/run_folder.h"
-#include "harness/watch.h"
 #include "base/text.h"
+#include "calls/calls.h"
+#include "calls/heap.h"
+#include "disk/memory_disk.h"
+#include "harness/watch.h"
+#include "liboxnibase/host.h"
 #include "machines.h"
+#include "play/load.h"
+#include "play/play.h"
+#include "scenario/journal.h"
 
 static constexpr int PROGRESS_MS = 10000;
 /* A machine takes well under a second, one of ten days some; a busy computer makes it many. */

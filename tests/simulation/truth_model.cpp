@@ -9,13 +9,17 @@
 
 #include <oxni/base/json.h>
 
-#include "liboxnibase/host.h"
 #include "base/run_folder.h"
-#include "base/text.h"
 #include "base/system_events.h"
+#include "base/text.h"
+#include "disk/files.h"
+#include "liboxnibase/host.h"
+#include "machine/event_log.h"
 #include "machine/machine.h"
-#include "play/play.h"
+#include "machine/modules.h"
+#include "machine/registry.h"
 #include "model.h"
+#include "play/play.h"
 
 static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */
 static constexpr uint32_t PRODUCTS_MS = 15000u;
@@ -189,7 +193,7 @@ static void open_machine(shown_boot &shown)
 
             for (const std::string &frame : dump.frames)
                 stack += frame + "\n";
-            machine.stacks[text_wide(dump.path)] = stack;
+            machine_get_engine().stacks[text_wide(dump.path)] = stack;
             machine_write_file(text_wide(dump.path), "", dump.written_100ns, dump.written_100ns);
             if (&boot == &shown.boot)
                 shown.dumps.push_back(&dump);

@@ -12,12 +12,12 @@
 #include "agent/plugin_image.h"
 #include "base/run_folder.h"
 #include "base/text.h"
+#include "commands/commands.h"
+#include "disk/memory_disk.h"
 #include "harness/watch.h"
-#include "machine/memory_disk.h"
-#include "replay/replay.h"
-#include "scenario/journal.h"
-#include "play/load.h"
 #include "machines.h"
+#include "play/load.h"
+#include "scenario/journal.h"
 
 static constexpr int HANG_SECONDS = 300;
 static constexpr int DAMAGE_EVERY = 3;       /* machines */

@@ -1,8 +1,8 @@
 /* Products, as text or JSON. */
 #include "products_file.h"
 
-#include "../base/text.h"
 #include "../base/file.h"
+#include "../base/text.h"
 #include "../scenario/scenario.h"
 
 static constexpr int STANDARD_COUNT = 3;

@@ -8,7 +8,7 @@
 #include <set>
 #include <vector>
 
-#include "base.h"
+#include "../base.h"
 
 struct arena {
     char *base;

@@ -1,5 +1,5 @@
 /* Reading of all evidence, and the machine that it describes. */
-#include "replay.h"
+#include "case.h"
 
 #include "../base/text.h"
 #include "../base/text_json.h"

@@ -6,9 +6,9 @@
 
 #include <algorithm>
 
+#include "../base/file.h"
 #include "../base/terminal.h"
 #include "../base/text.h"
-#include "../base/file.h"
 #include "../evidence/zip.h"
 
 /* A customer's folder has some tens of files; another one must not be searched for minutes. */

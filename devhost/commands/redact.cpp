@@ -1,18 +1,19 @@
 /* Evidence that may leave a customer's site: of the log only the strings of records that the plug-in
  * queries, of dumps only the stacks, of the registry only the keys that it reads. */
-#include "replay.h"
+#include "commands.h"
 
 #include <cstring>
 
 #include <algorithm>
 
-#include "../base/terminal.h"
-#include "../base/text_json.h"
 #include "../base/file.h"
 #include "../base/system_events.h"
-#include "../machine/machine.h"
-#include "../scenario/scenario.h"
+#include "../base/terminal.h"
 #include "../base/text.h"
+#include "../base/text_json.h"
+#include "../machine/machine_open.h"
+#include "../machine/registry.h"
+#include "../scenario/scenario.h"
 
 /* A check with the standard number of polls is over by then. */
 static constexpr int UNTIL_SECONDS = 900;

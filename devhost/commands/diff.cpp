@@ -1,13 +1,13 @@
 /* Comparison of two results. */
-#include "replay.h"
+#include "commands.h"
 
 #include <cstdio>
 
 #include <algorithm>
 
 #include "../base/file.h"
-#include "../scenario/scenario.h"
 #include "../base/text.h"
+#include "../scenario/scenario.h"
 
 static constexpr uint64_t MOST_BYTES = 256ull << 20;
 

@@ -15,8 +15,8 @@
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../machine/heap.h"
-#include "../machine/memory_disk.h"
+#include "../calls/heap.h"
+#include "../disk/memory_disk.h"
 
 /* What the members of a case set. */
 static const struct {

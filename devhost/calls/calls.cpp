@@ -13,7 +13,7 @@
 #include "../base/text.h"
 #include "calls_table.h"
 #include "imports.h"
-#include "machine.h"
+#include "privileges.h"
 
 /* More than any call of the table takes, log lines included. Reading the places of arguments that
  * were not passed reads what lies above them on the caller's stack, which is not used. */
@@ -103,7 +103,7 @@ static std::string privilege_text(const TOKEN_PRIVILEGES *wanted)
     if (wanted == nullptr || wanted->PrivilegeCount == 0)
         return "null";
     const LUID_AND_ATTRIBUTES &first = wanted->Privileges[0];
-    return machine_privilege_name(first.Luid.LowPart) +
+    return std::string(privilege_name(first.Luid.LowPart)) +
            ((first.Attributes & SE_PRIVILEGE_REMOVED) != 0   ? " removed"
             : (first.Attributes & SE_PRIVILEGE_ENABLED) != 0 ? " enabled"
                                                              : " disabled");
@@ -286,20 +286,6 @@ static constexpr std::array<any_call_fn, sizeof...(indices)> make_thunks(
 
 static const std::array<any_call_fn, ROWS> s_thunks = make_thunks(std::make_index_sequence<ROWS>());
 
-static void *stand_in(const char *name)
-{
-    static void *(*const finders[])(const char *) = {
-        machine_clock_stand_in,    machine_event_log_stand_in, machine_process_stand_in,
-        machine_token_stand_in,    machine_service_stand_in,   machine_file_stand_in,
-        machine_registry_stand_in, machine_module_stand_in,
-    };
-
-    for (void *(*find)(const char *) : finders)
-        if (void *function = find(name))
-            return function;
-    return nullptr;
-}
-
 /* Row of an import; ROWS when the table has none. */
 static size_t find_row(const std::string &module, const char *name)
 {
@@ -312,9 +298,8 @@ static size_t find_row(const std::string &module, const char *name)
     return at != rows.end() ? at->second : ROWS;
 }
 
-static void patch_entry(void **entry, size_t index)
+static void patch_entry(void **entry, size_t index, void *function)
 {
-    void *function = stand_in(s_rows[index].name);
     void *real = imports_redirect(entry, reinterpret_cast<void *>(s_thunks[index]));
 
     s_calls[index].target = reinterpret_cast<any_call_fn>(function != nullptr ? function : real);
@@ -323,13 +308,13 @@ static void patch_entry(void **entry, size_t index)
             s_calls[index].handles = &call;
 }
 
-void calls_patch(HMODULE plugin)
+void calls_patch(HMODULE plugin, void *(*stand_in)(const char *name))
 {
-    imports_each(plugin, [](const std::string &module, const char *name, void **entry) {
+    imports_each(plugin, [stand_in](const std::string &module, const char *name, void **entry) {
         size_t index = find_row(module, name);
 
         if (index < ROWS)
-            patch_entry(entry, index);
+            patch_entry(entry, index, stand_in(name));
     });
 }
 

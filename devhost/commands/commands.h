@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "../replay/replay.h"
 #include "dump.h"
-#include "replay.h"
 
 struct replay_arguments {
     struct replay_options options = {};
@@ -19,6 +19,11 @@ struct replay_arguments {
     std::string log, output;                  /* of "events": input and output; empty: stdout */
     bool evtx = false;                        /* of "events": a log of Windows, not JSON */
     uint64_t from = 0, to = UINT64_MAX;
+
+    enum evidence_damage allowed() const
+    {
+        return strict ? EVIDENCE_STRICT : lenient ? EVIDENCE_LENIENT : EVIDENCE_STANDARD;
+    }
 };
 
 /* "replay", "redact", "events" and "dump". Result: enum devhost_exit. Throw devhost_error. Host's one
@@ -30,5 +35,15 @@ int replay_command_dump(struct dump_options &options);
 /* serve.cpp: "serve", which takes a case a line from the standard input and prints its result, until the
  * input ends. */
 int replay_command_serve(struct replay_arguments &arguments);
+
+/* Prints what differs between two results of --json. Result: 0 nothing, 1 something. */
+int replay_diff(const std::string &old_file, const std::string &new_file);
+/* Prints what this computer offers. */
+int replay_doctor(void);
+/* Writes the evidence as a scenario without names of computers and people into a new folder. */
+int replay_redact(const struct replay_options &options, const std::string &folder);
+
+/* Sets the plug-in, unless it is named, and that a boot prints nothing while it is played. */
+void replay_prepare(struct run_options *session);
 
 #endif

@@ -3,11 +3,13 @@
  * file; creation times are kept here because Wine has none that can be set. Handles have the rights
  * that they were opened with, also where Wine does not check them.
  */
-#include "machine.h"
+#include "files.h"
+
+#include <map>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
-#include "stand_in.h"
+#include "../calls/stand_in.h"
 
 static constexpr DWORD TIME_RIGHTS =
     FILE_WRITE_ATTRIBUTES | GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED;
@@ -19,6 +21,10 @@ struct open_file {
     bool time_set; /* ... unless the plug-in set it */
 };
 
+static std::wstring s_disk; /* the folder that "C:\..." lies in */
+/* Creation times by real path in lower case. */
+static std::map<std::wstring, uint64_t> s_created;
+
 static std::map<HANDLE, open_file> s_open_files;
 static std::map<HANDLE, std::wstring> s_searches; /* to the real folder, in lower case */
 static std::map<std::wstring, HANDLE> s_held; /* real path of a file that another program opened */
@@ -26,6 +32,14 @@ static std::map<std::wstring, HANDLE> s_held; /* real path of a file that anothe
 static FILETIME filetime_of(uint64_t time)
 {
     return {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+}
+
+void machine_open_disk(const std::wstring &folder)
+{
+    machine_release_all_files();
+    s_disk = folder;
+    s_created.clear();
+    CreateDirectoryW(s_disk.c_str(), nullptr);
 }
 
 /* "C:\dir\file" from any spelling of it. */
@@ -39,19 +53,18 @@ static std::wstring full_path(const std::wstring &path)
 
 std::wstring machine_real_path(const std::wstring &path)
 {
-    const std::wstring &disk = machine_get().disk_folder;
-    std::wstring run_folder = text_lower(disk.substr(0, disk.find_last_of(L'\\')));
+    std::wstring run_folder = text_lower(s_disk.substr(0, s_disk.find_last_of(L'\\')));
     std::wstring full = full_path(path);
 
     if (text_lower(full).rfind(run_folder + L"\\", 0) == 0)
         return full;
     if (full.size() > 2 && full[1] == L':')
-        return disk + L"\\" + full[0] + full.substr(2);
+        return s_disk + L"\\" + full[0] + full.substr(2);
     /* "\\\\server\\..." and the like, which must not reach the developer's network. */
     for (wchar_t &c : full)
         if (c == L'?' || c == L':' || c == L'*')
             c = L'_';
-    return disk + L"\\other\\" + full;
+    return s_disk + L"\\other\\" + full;
 }
 
 static void make_parents(const std::wstring &real_path)
@@ -86,7 +99,7 @@ static HANDLE open_real(const wchar_t *path, DWORD access, DWORD share, DWORD di
         lower, access, !existed || disposition == CREATE_ALWAYS || disposition == TRUNCATE_EXISTING,
         false};
     if (!existed)
-        machine_get().created_100ns[lower] = oxnih_clock_now_100ns();
+        s_created[lower] = oxnih_clock_now_100ns();
     SetLastError(error);
     return handle;
 }
@@ -126,12 +139,10 @@ static BOOL WINAPI stand_in_WriteFile(HANDLE handle, const void *buffer, DWORD b
     return TRUE;
 }
 
-static BOOL WINAPI stand_in_CloseHandle(HANDLE handle)
+BOOL machine_close_file(HANDLE handle)
 {
     auto file = s_open_files.find(handle);
 
-    if (machine_close_process_handle(handle) || machine_close_token(handle))
-        return TRUE;
     if (file != s_open_files.end()) {
         FILETIME now = filetime_of(oxnih_clock_now_100ns());
 
@@ -145,10 +156,9 @@ static BOOL WINAPI stand_in_CloseHandle(HANDLE handle)
 /* Sets the creation time that the machine keeps for a file, and leaves an unknown file's alone. */
 static void set_created(const std::wstring &real_path, FILETIME *created)
 {
-    const auto &times = machine_get().created_100ns;
-    const auto time = times.find(real_path);
+    const auto time = s_created.find(real_path);
 
-    if (time != times.end())
+    if (time != s_created.end())
         *created = filetime_of(time->second);
 }
 
@@ -197,7 +207,7 @@ static BOOL WINAPI stand_in_SetFileTime(HANDLE handle, const FILETIME *created,
         return TRUE;
     file->second.time_set = file->second.time_set || written != nullptr;
     if (created != nullptr)
-        machine_get().created_100ns[file->second.real_path] =
+        s_created[file->second.real_path] =
             (static_cast<uint64_t>(created->dwHighDateTime) << 32) | created->dwLowDateTime;
     return TRUE;
 }
@@ -246,7 +256,7 @@ static BOOL WINAPI stand_in_DeleteFileW(const wchar_t *path)
     const std::wstring real_path = machine_real_path(path);
     if (!DeleteFileW(real_path.c_str()))
         return FALSE;
-    machine_get().created_100ns.erase(text_lower(real_path));
+    s_created.erase(text_lower(real_path));
     return TRUE;
 }
 
@@ -280,45 +290,6 @@ void machine_release_all_files(void)
     s_held.clear();
 }
 
-static UINT WINAPI stand_in_GetWindowsDirectoryW(wchar_t *buffer, UINT size)
-{
-    const std::wstring &folder = machine_get().windows_folder;
-
-    if (folder.size() >= size)
-        return static_cast<UINT>(folder.size() + 1);
-    lstrcpyW(buffer, folder.c_str());
-    return static_cast<UINT>(folder.size());
-}
-
-/* Unknown names stay, with both of their percent signs. */
-std::wstring machine_expand(const std::wstring &text)
-{
-    const auto &environment = machine_get().environment;
-    std::wstring expanded;
-    size_t at = 0, open, end;
-
-    while ((open = text.find(L'%', at)) != std::wstring::npos &&
-           (end = text.find(L'%', open + 1)) != std::wstring::npos) {
-        auto value = environment.find(text_lower(text.substr(open + 1, end - open - 1)));
-
-        expanded += text.substr(at, open - at);
-        expanded += value != environment.end() ? value->second : text.substr(open, end + 1 - open);
-        at = end + 1;
-    }
-    return expanded + text.substr(at);
-}
-
-static DWORD WINAPI stand_in_ExpandEnvironmentStringsW(const wchar_t *source, wchar_t *buffer,
-                                                       DWORD size)
-{
-    if (source == nullptr || (buffer == nullptr && size != 0))
-        return stand_in_fail(ERROR_INVALID_PARAMETER, 0ul);
-    const std::wstring expanded = machine_expand(source);
-    if (expanded.size() < size)
-        lstrcpyW(buffer, expanded.c_str());
-    return static_cast<DWORD>(expanded.size() + 1);
-}
-
 void machine_write_file(const std::wstring &path, const std::string &bytes, uint64_t written_100ns,
                         uint64_t created_100ns)
 {
@@ -342,7 +313,7 @@ void machine_write_file(const std::wstring &path, const std::string &bytes, uint
                                         text_narrow(path).c_str(), error));
     }
     CloseHandle(file);
-    machine_get().created_100ns[text_lower(real_path)] = created_100ns;
+    s_created[text_lower(real_path)] = created_100ns;
 }
 
 void machine_delete_file(const std::wstring &path)
@@ -355,10 +326,16 @@ bool machine_file_exists(const std::wstring &path)
     return GetFileAttributesW(machine_real_path(path).c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
+uint64_t machine_file_created(const std::wstring &real_path)
+{
+    const auto created = s_created.find(text_lower(real_path));
+
+    return created != s_created.end() ? created->second : 0;
+}
+
 machine_times machine_file_times(const std::wstring &path)
 {
     const std::wstring real_path = machine_real_path(path);
-    const auto created = machine_get().created_100ns.find(text_lower(real_path));
     WIN32_FIND_DATAW data = {};
     HANDLE search = FindFirstFileW(real_path.c_str(), &data);
 
@@ -366,7 +343,7 @@ machine_times machine_file_times(const std::wstring &path)
         FindClose(search);
     return {(static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
                 data.ftLastWriteTime.dwLowDateTime,
-            created != machine_get().created_100ns.end() ? created->second : 0};
+            machine_file_created(real_path)};
 }
 
 std::string machine_read_real_file(const std::wstring &real_path, int status)
@@ -403,19 +380,10 @@ void machine_close_agent_files(void)
 void *machine_file_stand_in(const char *name)
 {
     static const stand_in_row rows[] = {
-        STAND_IN(CreateFileA),
-        STAND_IN(CreateFileW),
-        STAND_IN(WriteFile),
-        STAND_IN(CloseHandle),
-        STAND_IN(GetFileTime),
-        STAND_IN(SetFileTime),
-        STAND_IN(GetFileInformationByHandle),
-        STAND_IN(FindFirstFileW),
-        STAND_IN(FindNextFileW),
-        STAND_IN(FindClose),
+        STAND_IN(CreateFileA),    STAND_IN(CreateFileW),   STAND_IN(WriteFile),
+        STAND_IN(GetFileTime),    STAND_IN(SetFileTime),   STAND_IN(GetFileInformationByHandle),
+        STAND_IN(FindFirstFileW), STAND_IN(FindNextFileW), STAND_IN(FindClose),
         STAND_IN(DeleteFileW),
-        STAND_IN(GetWindowsDirectoryW),
-        STAND_IN(ExpandEnvironmentStringsW),
     };
 
     return stand_in_find(rows, name);

@@ -15,8 +15,9 @@
 /* text: one call with its arguments and result, without a line feed. */
 typedef void (*calls_trace_fn)(const std::string &text);
 
-/* Redirects the imports of a loaded plug-in to here. */
-void calls_patch(HMODULE plugin);
+/* Redirects the imports of a loaded plug-in to here. stand_in: returns the stand-in of a call; NULL:
+ * the real function is called. */
+void calls_patch(HMODULE plugin, void *(*stand_in)(const char *name));
 
 /* nullptr, the initial state: no tracing. wanted: whether calls of that name are traced, nullptr: all are.
  * Making the text of a call takes far longer than the call. */

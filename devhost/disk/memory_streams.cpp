@@ -8,9 +8,8 @@
 
 #include <algorithm>
 
-#include "imports.h"
-#include "machine.h"
-#include "stand_in.h"
+#include "../calls/imports.h"
+#include "../calls/stand_in.h"
 
 REAL(L"msvcrt.dll", _wfopen);
 REAL(L"msvcrt.dll", fread);
@@ -71,7 +70,7 @@ static FILE *open_memory_stream(const wchar_t *path, const wchar_t *mode)
         file->bytes.clear();
         file->written = memory_now();
     }
-    FILE *stream = reinterpret_cast<FILE *>(machine_new_handle());
+    FILE *stream = reinterpret_cast<FILE *>(stand_in_new_handle());
     s_streams[stream] = {file, mode[0] == L'r' || updates, mode[0] == L'w' || updates, 0};
     return stream;
 }

@@ -7,10 +7,9 @@
 #include <map>
 
 #include "../base/text.h"
-#include "imports.h"
-#include "machine.h"
+#include "../calls/imports.h"
+#include "../calls/stand_in.h"
 #include "memory_disk_internal.h"
-#include "stand_in.h"
 
 REAL(L"kernel32.dll", CreateFileW);
 REAL(L"kernel32.dll", ReadFile);
@@ -93,7 +92,7 @@ static HANDLE WINAPI stand_in_CreateFileW(const wchar_t *path, DWORD access, DWO
         file->bytes.clear();
         file->written = memory_now();
     }
-    HANDLE handle = machine_new_handle();
+    HANDLE handle = stand_in_new_handle();
     s_open[handle] = {file, access, share, 0};
     SetLastError(there && (disposition == CREATE_ALWAYS || disposition == OPEN_ALWAYS)
                      ? ERROR_ALREADY_EXISTS

@@ -1,10 +1,11 @@
 /* Which crash a dump is of, and where it lies on the machine. */
-#include "replay.h"
+#include "case.h"
 
 #include <algorithm>
 
 #include "../base/text.h"
 #include "../machine/machine.h"
+#include "../machine/registry.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 

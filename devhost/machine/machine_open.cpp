@@ -1,28 +1,14 @@
-/* The machine as a whole: opened once, started anew for each boot. */
+#include "machine_open.h"
+
+#include "../disk/files.h"
+#include "event_log.h"
 #include "machine.h"
-
-#include "../base/text.h"
-
-/* Real handles are small; stand-ins begin far above them. */
-static constexpr uint64_t FIRST_STAND_IN_HANDLE = 0x40000000ull;
+#include "machine_internal.h"
+#include "modules.h"
+#include "registry.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 #define SERVICES_KEY L"SYSTEM\\CurrentControlSet\\Services\\"
-
-struct machine &machine_get(void)
-{
-    static struct machine the_machine;
-
-    return the_machine;
-}
-
-HANDLE machine_new_handle(void)
-{
-    static uint64_t last = FIRST_STAND_IN_HANDLE;
-
-    last += 4;
-    return reinterpret_cast<HANDLE>(last);
-}
 
 /* What a machine with the agent has before anything happens to it. */
 static void set_usual_registry(void)
@@ -49,13 +35,11 @@ void machine_open(const std::wstring &run_folder)
 {
     struct machine &machine = machine_get();
 
-    machine_release_all_files();
+    machine_open_disk(run_folder + L"\\disk");
     machine_start_token();
     machine_start_modules();
     machine_open_event_log();
     machine = {};
-    machine.disk_folder = run_folder + L"\\disk";
-    CreateDirectoryW(machine.disk_folder.c_str(), nullptr);
     machine.environment[L"systemroot"] = machine.windows_folder;
     machine.environment[L"windir"] = machine.windows_folder;
     machine.environment[L"systemdrive"] = machine.windows_folder.substr(0, 2);
@@ -80,4 +64,18 @@ void machine_boot(uint64_t now_100ns)
         if (process.pid != 0)
             process.created_100ns = now_100ns;
     machine_remove_volatile_keys();
+}
+
+void *machine_stand_in(const char *name)
+{
+    static void *(*const finders[])(const char *) = {
+        machine_clock_stand_in,    machine_event_log_stand_in, machine_process_stand_in,
+        machine_token_stand_in,    machine_service_stand_in,   machine_file_stand_in,
+        machine_registry_stand_in, machine_module_stand_in,
+    };
+
+    for (void *(*find)(const char *) : finders)
+        if (void *function = find(name))
+            return function;
+    return nullptr;
 }

@@ -2,6 +2,7 @@
 #ifndef DEVHOST_STAND_IN_H
 #define DEVHOST_STAND_IN_H
 
+#include <cstdint>
 #include <cstring>
 #include <windows.h>
 
@@ -25,6 +26,15 @@ template <typename Result> Result stand_in_fail(DWORD error, Result result)
 {
     SetLastError(error);
     return result;
+}
+
+/* A number that no real handle has, each once in a process: real ones are small. */
+inline HANDLE stand_in_new_handle(void)
+{
+    static uint64_t last = 0x40000000u;
+
+    last += 4;
+    return reinterpret_cast<HANDLE>(last);
 }
 
 #define STAND_IN(name)                                                                             \

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "../base/text.h"
-#include "../machine/machine.h"
+#include "../machine/registry.h"
 
 static constexpr wchar_t ZONE_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\TimeZoneInformation";
 /* No zone is further from UTC. */

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "../base/run_folder.h"
-#include "replay.h"
+#include "case.h"
 
 /* A file that was found. */
 struct collected_file {

@@ -5,14 +5,15 @@
 
 #include <algorithm>
 
+#include "../base/file.h"
+#include "../base/system_events.h"
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../base/file.h"
-#include "../base/system_events.h"
-#include "../kernel_dump/bug_check.h"
+#include "../case/collect.h"
 #include "../evidence/zip.h"
-#include "collect.h"
+#include "../kernel_dump/bug_check.h"
+#include "../replay/replay.h"
 
 static constexpr int STACK_FRAMES = 40;
 /* From the crash to the start of Windows that reports it. */

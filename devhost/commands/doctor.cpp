@@ -1,10 +1,9 @@
 /* What this computer offers, by real calls: the results that the plug-in itself would get here. */
-#include "replay.h"
+#include "commands.h"
 
 #include <cstdio>
 #include <windows.h>
 
-#include "../machine/machine.h"
 #include "../base/text.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";

@@ -2,9 +2,8 @@
 #include <vector>
 
 #include "../base/text.h"
-#include "machine.h"
+#include "../calls/stand_in.h"
 #include "memory_disk_internal.h"
-#include "stand_in.h"
 
 REAL(L"kernel32.dll", FindFirstFileW);
 REAL(L"kernel32.dll", FindNextFileW);
@@ -61,7 +60,7 @@ static HANDLE WINAPI stand_in_FindFirstFileW(const wchar_t *pattern, WIN32_FIND_
     open_search search = search_for(key);
     if (search.found.empty() || !memory_is_folder(memory_parent(key)))
         return stand_in_fail(memory_missing(key), INVALID_HANDLE_VALUE);
-    HANDLE handle = machine_new_handle();
+    HANDLE handle = stand_in_new_handle();
     *data = search.found[search.next++];
     s_searches[handle] = search;
     return handle;
