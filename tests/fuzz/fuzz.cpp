@@ -252,7 +252,8 @@ static void run(const arguments &arguments)
     const fuzz_target &target = *arguments.target;
     ULONGLONG began = GetTickCount64();
 
-    target.open();
+    if (target.open != nullptr)
+        target.open();
     for (uint64_t i = arguments.from; i < arguments.from + arguments.inputs; i++) {
         uint64_t fresh = i / target.period * target.period;
         chance chance(arguments.seed << 32 ^ i);
