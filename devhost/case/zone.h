@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "../base/text_json.h"
 #include "../evidence/boots.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
@@ -23,6 +24,8 @@ struct replay_zone {
 /* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
  * whether it is one. */
 bool zone_parse(const std::string &text, replay_zone *zone);
+/* The member "time_zone" of a scenario's machine. */
+void zone_put(json_lines &writer, const replay_zone &zone);
 /* The zone of the computer that runs this program: "UTC+09:00 (Tokyo Standard Time)". */
 std::string zone_of_this_computer(void);
 /* The zone of a boot: of the option when it is not empty, else of the registry, else of the last

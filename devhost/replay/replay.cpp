@@ -148,8 +148,7 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     return story;
 }
 
-/* The commands of the boot, without their times. */
-static std::vector<std::string> orders_now(void)
+std::vector<std::string> replay_orders(void)
 {
     std::vector<std::string> orders;
 
@@ -184,7 +183,7 @@ std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                       static_cast<unsigned>(order.size())));
         replay_choose(options, *run, evidence);
         *story = replay_play(evidence, options.session);
-        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed, orders_now()});
+        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed, replay_orders()});
     }
     std::sort(rows.begin(), rows.end(), [](const replay_row &a, const replay_row &b) {
         return a.run->number < b.run->number;

@@ -43,6 +43,8 @@ int replay_run(const struct replay_options &options);
 int replay_list_boots(const struct replay_options &options);
 /* Plays the chosen boot to its end. Afterwards journal_all() contains it. */
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options);
+/* The commands of the boot that was played, without their times: "guard bypass". */
+std::vector<std::string> replay_orders(void);
 /* Plays every boot of the log, the chosen one last. Result: a row for each, in their order. */
 std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story);

@@ -63,8 +63,9 @@ class guarded
 const std::string &fuzz_folder(void);
 /* The same on the disk, for files that are mapped: those of the other folder are in memory. */
 const std::string &fuzz_real_folder(void);
-/* Deletes all of them. */
+/* Delete all of them. */
 void fuzz_empty_folder(void);
+void fuzz_empty_real_folder(void);
 
 /* Replaces a file of the trials by those bytes. */
 void put_file(const std::string &path, const std::string &bytes);
