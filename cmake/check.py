@@ -56,6 +56,9 @@ def ours():
         in_build = os.path.abspath(one["file"]).startswith(build + os.sep)
         if name.startswith("..") or in_build or compiler is None or options.name not in name:
             continue
+        if "-Winvalid-pch" in words:  # followed by -include and the precompiled header
+            place = words.index("-Winvalid-pch")
+            del words[place:place + 3]
         words = [compiler, "--target=x86_64-w64-mingw32",
                  *(cxx_headers if compiler == "clang++" else []), *words[1:], *LEFT_OUT]
         found.setdefault(name, {"directory": one["directory"], "file": one["file"],

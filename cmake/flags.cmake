@@ -2,7 +2,7 @@
 # plug-in, whose casts are C's, as in the contract's headers.
 add_library(own_code INTERFACE)
 target_compile_definitions(own_code INTERFACE
-  UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX _WIN32_WINNT=0x0601)
+  UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOGDI NOMINMAX _WIN32_WINNT=0x0601)
 target_compile_options(own_code INTERFACE
   -fvisibility=hidden -fstack-protector-strong
   # The last matching prefix wins, since the build directory may be inside the source directory.

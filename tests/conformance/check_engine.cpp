@@ -13,18 +13,18 @@ static void check_dumps(conformance &run, IDebugClient4 *client, IDebugControl *
     DEBUG_STACK_FRAME frame;
     ULONG filled = 0;
 
-    conform(run, "WaitForEvent", "without a dump fails", control->WaitForEvent(0, 0) != S_OK, {1});
-    conform(run, "GetStackTrace", "before the event fails",
-            control->GetStackTrace(0, 0, 0, &frame, 1, &filled) != S_OK, {1});
-    conform(run, "OpenDumpFileWide", "a missing file fails",
-            client->OpenDumpFileWide(path.c_str(), 0) != S_OK, {1});
+    run.holds("WaitForEvent", "without a dump fails", control->WaitForEvent(0, 0) != S_OK);
+    run.holds("GetStackTrace", "before the event fails",
+              control->GetStackTrace(0, 0, 0, &frame, 1, &filled) != S_OK);
+    run.holds("OpenDumpFileWide", "a missing file fails",
+              client->OpenDumpFileWide(path.c_str(), 0) != S_OK);
     HANDLE held = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                               0, nullptr);
-    conform(run, "OpenDumpFileWide", "a file that its writer holds open fails",
-            client->OpenDumpFileWide(path.c_str(), 0) != S_OK, {1});
+    run.holds("OpenDumpFileWide", "a file that its writer holds open fails",
+              client->OpenDumpFileWide(path.c_str(), 0) != S_OK);
     CloseHandle(held);
-    conform(run, "OpenDumpFileWide", "a file that is no dump fails",
-            client->OpenDumpFileWide(path.c_str(), 0) != S_OK, {1});
+    run.holds("OpenDumpFileWide", "a file that is no dump fails",
+              client->OpenDumpFileWide(path.c_str(), 0) != S_OK);
     DeleteFileW(path.c_str());
 }
 
@@ -34,34 +34,34 @@ static void check_client(conformance &run, debug_create_fn create)
     IDebugClient4 *client4 = nullptr;
     IDebugControl *control = nullptr;
 
-    conform(run, "DebugCreate", "a client",
-            static_cast<uint32_t>(create(IID_IDebugClient, reinterpret_cast<void **>(&client))),
-            {0});
+    run.gives("DebugCreate", "a client",
+              static_cast<uint32_t>(create(IID_IDebugClient, reinterpret_cast<void **>(&client))),
+              {0});
     if (client == nullptr)
         return;
     (void)client->QueryInterface(IID_IDebugControl, reinterpret_cast<void **>(&control));
     (void)client->QueryInterface(IID_IDebugClient4, reinterpret_cast<void **>(&client4));
-    conform(run, "DebugCreate", "its control", control != nullptr, {1});
-    conform(run, "DebugCreate", "its interface for wide paths", client4 != nullptr, {1});
+    run.holds("DebugCreate", "its control", control != nullptr);
+    run.holds("DebugCreate", "its interface for wide paths", client4 != nullptr);
     if (control != nullptr && client4 != nullptr)
         check_dumps(run, client4, control);
     if (control != nullptr)
         control->Release();
     if (client4 != nullptr)
         client4->Release();
-    conform(run, "DebugCreate", "the last reference", client->Release(), {0});
+    run.gives("DebugCreate", "the last reference", client->Release(), {0});
 }
 
 void check_engine(conformance &run)
 {
     HMODULE engine = LoadLibraryW(run.engine.c_str());
 
-    conform(run, "LoadLibraryW", "the debugger engine", error_if(engine == nullptr), {0});
+    run.works("LoadLibraryW", "the debugger engine", engine != nullptr);
     if (engine == nullptr)
         return;
     debug_create_fn create = reinterpret_cast<debug_create_fn>(
         reinterpret_cast<void *>(GetProcAddress(engine, "DebugCreate")));
-    conform(run, "GetProcAddress", "DebugCreate", error_if(create == nullptr), {0});
+    run.works("GetProcAddress", "DebugCreate", create != nullptr);
     if (create != nullptr)
         check_client(run, create);
     FreeLibrary(engine);

@@ -61,51 +61,50 @@ static void check_opening(conformance &run)
     const std::wstring path = in_folder(run, L"opening.txt");
     HANDLE file = open(path, GENERIC_WRITE, CREATE_ALWAYS, 0);
 
-    conform(run, "CreateFileW", "a new file", error_if(file == INVALID_HANDLE_VALUE), {0});
-    conform(run, "CreateFileW", "a file that its writer does not share",
-            open_error(path, GENERIC_READ, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
+    run.works("CreateFileW", "a new file", file != INVALID_HANDLE_VALUE);
+    run.gives("CreateFileW", "a file that its writer does not share",
+              open_error(path, GENERIC_READ, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
     CloseHandle(file);
     file = open(path, GENERIC_READ, OPEN_EXISTING, FILE_SHARE_READ);
-    conform(run, "CreateFileW", "a writer where readers share reading",
-            open_error(path, GENERIC_WRITE, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
-    conform(run, "DeleteFileW", "a file that is open without sharing",
-            error_if(!DeleteFileW(path.c_str())), {ERROR_SHARING_VIOLATION});
+    run.gives("CreateFileW", "a writer where readers share reading",
+              open_error(path, GENERIC_WRITE, OPEN_EXISTING), {ERROR_SHARING_VIOLATION});
+    run.fails("DeleteFileW", "a file that is open without sharing", DeleteFileW(path.c_str()),
+              {ERROR_SHARING_VIOLATION});
     CloseHandle(file);
-    conform(run, "CreateFileW", "creating a file that exists",
-            open_error(path, GENERIC_WRITE, CREATE_NEW), {ERROR_FILE_EXISTS});
+    run.gives("CreateFileW", "creating a file that exists",
+              open_error(path, GENERIC_WRITE, CREATE_NEW), {ERROR_FILE_EXISTS});
     file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
-    conform(run, "CreateFileW", "overwriting a file: last error", GetLastError(),
-            {ERROR_ALREADY_EXISTS});
+    run.gives("CreateFileW", "overwriting a file: last error", GetLastError(),
+              {ERROR_ALREADY_EXISTS});
     CloseHandle(file);
-    conform(run, "CreateFileW", "truncating without a right to write",
-            open_error(path, GENERIC_READ, TRUNCATE_EXISTING),
-            {ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED}, OBSERVED);
-    conform(run, "CreateFileW", "a file that is none",
-            open_error(in_folder(run, L"none.txt"), GENERIC_READ, OPEN_EXISTING),
-            {ERROR_FILE_NOT_FOUND});
-    conform(run, "CreateFileW", "a folder that is none",
-            open_error(in_folder(run, L"none\\none.txt"), GENERIC_READ, OPEN_EXISTING),
-            {ERROR_PATH_NOT_FOUND});
-    conform(run, "CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
-            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    run.gives("CreateFileW", "truncating without a right to write",
+              open_error(path, GENERIC_READ, TRUNCATE_EXISTING),
+              {ERROR_INVALID_PARAMETER, ERROR_ACCESS_DENIED}, OBSERVED);
+    run.gives("CreateFileW", "a file that is none",
+              open_error(in_folder(run, L"none.txt"), GENERIC_READ, OPEN_EXISTING),
+              {ERROR_FILE_NOT_FOUND});
+    run.gives("CreateFileW", "a folder that is none",
+              open_error(in_folder(run, L"none\\none.txt"), GENERIC_READ, OPEN_EXISTING),
+              {ERROR_PATH_NOT_FOUND});
+    run.gives("CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
+              {ERROR_PATH_NOT_FOUND}, OBSERVED);
     file = CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    conform(run, "CreateFileW", "no path", error_if(file == INVALID_HANDLE_VALUE),
-            {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
-    conform(
-        run, "CreateFileW", "a path above 259 characters",
+    run.fails("CreateFileW", "no path", file != INVALID_HANDLE_VALUE,
+              {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
+    run.gives(
+        "CreateFileW", "a path above 259 characters",
         open_error(in_folder(run, std::wstring(260, L'x').c_str()), GENERIC_READ, OPEN_EXISTING),
         {ERROR_PATH_NOT_FOUND, ERROR_INVALID_NAME, ERROR_FILENAME_EXCED_RANGE}, OBSERVED);
-    conform(run, "CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
-            {ERROR_ACCESS_DENIED});
-    conform(run, "CreateFileA", "an empty path",
-            error_if(CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) ==
-                     INVALID_HANDLE_VALUE),
-            {ERROR_PATH_NOT_FOUND}, OBSERVED);
-    conform(run, "DeleteFileW", "a file", error_if(!DeleteFileW(path.c_str())), {0});
-    conform(run, "DeleteFileW", "a file that is none", error_if(!DeleteFileW(path.c_str())),
-            {ERROR_FILE_NOT_FOUND});
-    conform(run, "DeleteFileW", "an empty path", error_if(!DeleteFileW(L"")),
-            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    run.gives("CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
+              {ERROR_ACCESS_DENIED});
+    run.fails("CreateFileA", "an empty path",
+              CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) !=
+                  INVALID_HANDLE_VALUE,
+              {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    run.works("DeleteFileW", "a file", DeleteFileW(path.c_str()));
+    run.fails("DeleteFileW", "a file that is none", DeleteFileW(path.c_str()),
+              {ERROR_FILE_NOT_FOUND});
+    run.fails("DeleteFileW", "an empty path", DeleteFileW(L""), {ERROR_PATH_NOT_FOUND}, OBSERVED);
 }
 
 static void check_content(conformance &run)
@@ -116,26 +115,22 @@ static void check_content(conformance &run)
     char buffer[8] = {};
     DWORD count = 0;
 
-    conform(run, "WriteFile", "four bytes", error_if(!WriteFile(file, "four", 4, &count, nullptr)),
-            {0});
-    conform(run, "WriteFile", "four bytes: written", count, {4});
-    conform(run, "ReadFile", "a handle for writing only",
-            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, nullptr)),
-            {ERROR_ACCESS_DENIED});
-    conform(run, "WriteFile", "no bytes", error_if(!WriteFile(file, "", 0, &count, nullptr)), {0});
+    run.works("WriteFile", "four bytes", WriteFile(file, "four", 4, &count, nullptr));
+    run.gives("WriteFile", "four bytes: written", count, {4});
+    run.fails("ReadFile", "a handle for writing only",
+              ReadFile(file, buffer, sizeof(buffer), &count, nullptr), {ERROR_ACCESS_DENIED});
+    run.works("WriteFile", "no bytes", WriteFile(file, "", 0, &count, nullptr));
     CloseHandle(file);
     file = open(path, GENERIC_READ, OPEN_EXISTING);
-    conform(run, "GetFileInformationByHandle", "a file",
-            error_if(!GetFileInformationByHandle(file, &information)), {0});
-    conform(run, "WriteFile", "no bytes never extend", information.nFileSizeLow, {4}, OBSERVED);
-    conform(run, "ReadFile", "a file",
-            error_if(!ReadFile(file, buffer, sizeof(buffer), &count, nullptr)), {0});
-    conform(run, "ReadFile", "a file: read", count, {4});
-    conform(run, "ReadFile", "at the end", error_if(!ReadFile(file, buffer, 1, &count, nullptr)),
-            {0});
-    conform(run, "ReadFile", "at the end: read", count, {0});
-    conform(run, "WriteFile", "a handle for reading only",
-            error_if(!WriteFile(file, "x", 1, &count, nullptr)), {ERROR_ACCESS_DENIED});
+    run.works("GetFileInformationByHandle", "a file",
+              GetFileInformationByHandle(file, &information));
+    run.gives("WriteFile", "no bytes never extend", information.nFileSizeLow, {4}, OBSERVED);
+    run.works("ReadFile", "a file", ReadFile(file, buffer, sizeof(buffer), &count, nullptr));
+    run.gives("ReadFile", "a file: read", count, {4});
+    run.works("ReadFile", "at the end", ReadFile(file, buffer, 1, &count, nullptr));
+    run.gives("ReadFile", "at the end: read", count, {0});
+    run.fails("WriteFile", "a handle for reading only", WriteFile(file, "x", 1, &count, nullptr),
+              {ERROR_ACCESS_DENIED});
     CloseHandle(file);
     DeleteFileW(path.c_str());
 }
@@ -151,35 +146,33 @@ static void check_times(conformance &run)
     DWORD count;
 
     WriteFile(file, "x", 1, &count, nullptr);
-    conform(run, "SetFileTime", "creation and write time",
-            error_if(!SetFileTime(file, &time, nullptr, &other)), {0});
+    run.works("SetFileTime", "creation and write time", SetFileTime(file, &time, nullptr, &other));
     CloseHandle(file);
-    conform(run, "SetFileTime", "the write time survives the close", times_of(path).written,
-            {written}, OBSERVED);
-    conform(run, "GetFileTime", "the creation time is its own", times_of(path).created, {created});
+    run.gives("SetFileTime", "the write time survives the close", times_of(path).written, {written},
+              OBSERVED);
+    run.gives("GetFileTime", "the creation time is its own", times_of(path).created, {created});
     file = open(path, GENERIC_WRITE, OPEN_EXISTING);
     CloseHandle(file);
-    conform(run, "CloseHandle", "without a write leaves the write time", times_of(path).written,
-            {written}, OBSERVED);
+    run.gives("CloseHandle", "without a write leaves the write time", times_of(path).written,
+              {written}, OBSERVED);
     file = open(path, GENERIC_READ, OPEN_EXISTING);
-    conform(run, "SetFileTime", "a handle without the right",
-            error_if(!SetFileTime(file, &time, nullptr, nullptr)), {ERROR_ACCESS_DENIED});
+    run.fails("SetFileTime", "a handle without the right",
+              SetFileTime(file, &time, nullptr, nullptr), {ERROR_ACCESS_DENIED});
     GetFileInformationByHandle(file, &information);
-    conform(run, "GetFileInformationByHandle", "the creation time",
-            value_of(information.ftCreationTime), {created});
-    conform(run, "GetFileTime", "no outputs",
-            error_if(!GetFileTime(file, nullptr, nullptr, nullptr)), {0});
+    run.gives("GetFileInformationByHandle", "the creation time",
+              value_of(information.ftCreationTime), {created});
+    run.works("GetFileTime", "no outputs", GetFileTime(file, nullptr, nullptr, nullptr));
     CloseHandle(file);
     FindClose(FindFirstFileW(path.c_str(), &found));
-    conform(run, "FindFirstFileW", "the creation time", value_of(found.ftCreationTime), {created});
+    run.gives("FindFirstFileW", "the creation time", value_of(found.ftCreationTime), {created});
     file = open(path, GENERIC_WRITE, CREATE_ALWAYS);
     CloseHandle(file);
-    conform(run, "CreateFileW", "overwriting keeps the creation time", times_of(path).created,
-            {created}, OBSERVED);
-    conform(run, "GetFileTime", "a handle that is none",
-            error_if(!GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)),
-                                  nullptr, nullptr, nullptr)),
-            {ERROR_INVALID_HANDLE});
+    run.gives("CreateFileW", "overwriting keeps the creation time", times_of(path).created,
+              {created}, OBSERVED);
+    run.fails("GetFileTime", "a handle that is none",
+              GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)), nullptr,
+                          nullptr, nullptr),
+              {ERROR_INVALID_HANDLE});
     DeleteFileW(path.c_str());
 }
 
@@ -213,21 +206,21 @@ void check_searches(conformance &run)
 
     for (const wchar_t *name : {L"first.dmp", L"SECOND.DMP", L"plain"})
         CloseHandle(open(in_folder(run, name), GENERIC_WRITE, CREATE_ALWAYS));
-    conform(run, "FindNextFileW", "after the last name",
-            count_found(in_folder(run, L"*.dmp"), &names), {ERROR_NO_MORE_FILES});
-    conform(run, "FindNextFileW", "the case of names is ignored", names.size(), {2});
+    run.gives("FindNextFileW", "after the last name", count_found(in_folder(run, L"*.dmp"), &names),
+              {ERROR_NO_MORE_FILES});
+    run.gives("FindNextFileW", "the case of names is ignored", names.size(), {2});
     names.clear();
     count_found(in_folder(run, L"*.*"), &names);
-    conform(run, "FindNextFileW", "*.* lists names without a dot, too", names.count(L"plain"), {1},
-            OBSERVED);
-    conform(run, "FindFirstFileW", "a pattern that fits nothing",
-            count_found(in_folder(run, L"*.none"), &names), {ERROR_FILE_NOT_FOUND});
-    conform(run, "FindFirstFileW", "a folder that is none",
-            count_found(in_folder(run, L"none\\*"), &names), {ERROR_PATH_NOT_FOUND});
-    conform(run, "FindFirstFileW", "an empty pattern", count_found(L"", &names),
-            {ERROR_PATH_NOT_FOUND}, OBSERVED);
+    run.gives("FindNextFileW", "*.* lists names without a dot, too", names.count(L"plain"), {1},
+              OBSERVED);
+    run.gives("FindFirstFileW", "a pattern that fits nothing",
+              count_found(in_folder(run, L"*.none"), &names), {ERROR_FILE_NOT_FOUND});
+    run.gives("FindFirstFileW", "a folder that is none",
+              count_found(in_folder(run, L"none\\*"), &names), {ERROR_PATH_NOT_FOUND});
+    run.gives("FindFirstFileW", "an empty pattern", count_found(L"", &names),
+              {ERROR_PATH_NOT_FOUND}, OBSERVED);
     HANDLE search = FindFirstFileW(in_folder(run, L"plain").c_str(), &data);
-    conform(run, "FindClose", "a search", error_if(!FindClose(search)), {0});
+    run.works("FindClose", "a search", FindClose(search));
     for (const wchar_t *name : {L"first.dmp", L"SECOND.DMP", L"plain"})
         DeleteFileW(in_folder(run, name).c_str());
 }
@@ -244,16 +237,15 @@ void check_streams(conformance &run)
     FILE *stream = run.open_stream(path.c_str(), L"r+b");
     if (stream == nullptr)
         return;
-    conform(run, "fread", "more than there is", fread(buffer, 1, sizeof(buffer), stream), {6});
-    conform(run, "fread", "at the end", fread(buffer, 1, 1, stream), {0});
-    conform(run, "fseek", "to the begin", static_cast<uint64_t>(fseek(stream, 0, SEEK_SET)), {0});
-    conform(run, "fseek", "before the begin", fseek(stream, -1, SEEK_SET) != 0, {1});
-    conform(run, "fwrite", "over the first bytes", fwrite("XY", 1, 2, stream), {2});
-    conform(run, "fclose", "an open stream", static_cast<uint64_t>(fclose(stream)), {0});
+    run.gives("fread", "more than there is", fread(buffer, 1, sizeof(buffer), stream), {6});
+    run.gives("fread", "at the end", fread(buffer, 1, 1, stream), {0});
+    run.gives("fseek", "to the begin", fseek(stream, 0, SEEK_SET), {0});
+    run.holds("fseek", "before the begin", fseek(stream, -1, SEEK_SET) != 0);
+    run.gives("fwrite", "over the first bytes", fwrite("XY", 1, 2, stream), {2});
+    run.gives("fclose", "an open stream", fclose(stream), {0});
     file = open(path, GENERIC_READ, OPEN_EXISTING);
     ReadFile(file, buffer, sizeof(buffer), &count, nullptr);
-    conform(run, "fwrite", "what is in the file", memcmp(buffer, "XYcdef", 6) == 0 && count == 6,
-            {1});
+    run.holds("fwrite", "what is in the file", memcmp(buffer, "XYcdef", 6) == 0 && count == 6);
     CloseHandle(file);
     DeleteFileW(path.c_str());
 }

@@ -86,42 +86,42 @@ static void check_reading(conformance &run, HANDLE log)
 
     for (const auto &row : refused) {
         read = read_log(log, row.flags, 0, block.data(), READ_BYTES);
-        conform(run, "ReadEventLogW", row.when, read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
+        run.gives("ReadEventLogW", row.when, read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
     }
     read = read_log(log, backwards, 0, nullptr, READ_BYTES);
-    conform(run, "ReadEventLogW", "no buffer", read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
-    conform(run, "ReadEventLogW", "no buffer: bytes read", read.read, {UNTOUCHED}, OBSERVED);
-    conform(run, "ReadEventLogW", "no buffer: bytes needed", read.needed, {UNTOUCHED}, OBSERVED);
+    run.gives("ReadEventLogW", "no buffer", read.error, {ERROR_INVALID_PARAMETER}, OBSERVED);
+    run.gives("ReadEventLogW", "no buffer: bytes read", read.read, {UNTOUCHED}, OBSERVED);
+    run.gives("ReadEventLogW", "no buffer: bytes needed", read.needed, {UNTOUCHED}, OBSERVED);
     read = read_log(log, backwards, 0, block.data(), MAX_READ_BYTES + 1);
-    conform(run, "ReadEventLogW", "a buffer above 0x7ffff bytes", read.error, {}, OPEN);
+    run.gives("ReadEventLogW", "a buffer above 0x7ffff bytes", read.error, {}, OPEN);
     read = read_log(no_handle(), backwards, 0, block.data(), READ_BYTES);
-    conform(run, "ReadEventLogW", "a handle that is none", read.error, {ERROR_INVALID_HANDLE});
+    run.gives("ReadEventLogW", "a handle that is none", read.error, {ERROR_INVALID_HANDLE});
     read = read_log(log, backwards, 0, block.data(), 1);
-    conform(run, "ReadEventLogW", "a buffer of one byte", read.error,
-            {ERROR_INSUFFICIENT_BUFFER, ERROR_HANDLE_EOF});
-    conform(run, "ReadEventLogW", "a buffer of one byte: the need is returned",
-            read.error == ERROR_HANDLE_EOF || (read.needed > 56 && read.needed <= 0x10000), {1});
+    run.gives("ReadEventLogW", "a buffer of one byte", read.error,
+              {ERROR_INSUFFICIENT_BUFFER, ERROR_HANDLE_EOF});
+    run.holds("ReadEventLogW", "a buffer of one byte: the need is returned",
+              read.error == ERROR_HANDLE_EOF || (read.needed > 56 && read.needed <= 0x10000));
     read = read_log(log, backwards, 0, block.data(), READ_BYTES);
-    conform(run, "ReadEventLogW", "backwards", read.error, {0, ERROR_HANDLE_EOF});
+    run.gives("ReadEventLogW", "backwards", read.error, {0, ERROR_HANDLE_EOF});
     if (read.error != ERROR_SUCCESS)
         return;
-    conform(run, "ReadEventLogW", "backwards: the record is sound",
-            is_record_sound(block.data(), read.read), {1});
+    run.holds("ReadEventLogW", "backwards: the record is sound",
+              is_record_sound(block.data(), read.read));
     const DWORD newest = first_number(block);
     HANDLE second = OpenEventLogW(nullptr, L"System");
     read = read_log(second, forwards, 0, other.data(), READ_BYTES);
-    conform(run, "ReadEventLogW", "forwards", read.error, {0});
-    conform(run, "ReadEventLogW", "forwards begins with the oldest",
-            read.error == 0 && first_number(other) <= newest, {1});
+    run.gives("ReadEventLogW", "forwards", read.error, {0});
+    run.holds("ReadEventLogW", "forwards begins with the oldest",
+              read.error == 0 && first_number(other) <= newest);
     read = read_log(second, EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ, newest, other.data(),
                     READ_BYTES);
-    conform(run, "ReadEventLogW", "seeking the newest", read.error, {0});
-    conform(run, "ReadEventLogW", "seeking the newest gives it",
-            read.error == 0 && first_number(other) == newest, {1});
+    run.gives("ReadEventLogW", "seeking the newest", read.error, {0});
+    run.holds("ReadEventLogW", "seeking the newest gives it",
+              read.error == 0 && first_number(other) == newest);
     read = read_log(second, EVENTLOG_SEEK_READ | EVENTLOG_BACKWARDS_READ, 0xfffffff0, other.data(),
                     READ_BYTES);
-    conform(run, "ReadEventLogW", "seeking a number that no record has", read.error,
-            {ERROR_INVALID_PARAMETER, ERROR_HANDLE_EOF});
+    run.gives("ReadEventLogW", "seeking a number that no record has", read.error,
+              {ERROR_INVALID_PARAMETER, ERROR_HANDLE_EOF});
     CloseEventLog(second);
 }
 
@@ -129,19 +129,19 @@ void check_event_log(conformance &run)
 {
     HANDLE log = OpenEventLogW(nullptr, L"System");
 
-    conform(run, "OpenEventLogW", "System", error_if(log == nullptr), {0});
-    conform(run, "OpenEventLogW", "no source", open_log_error(nullptr, nullptr),
-            {ERROR_INVALID_PARAMETER}, OBSERVED);
-    conform(run, "OpenEventLogW", "an unknown source opens Application",
-            open_log_error(nullptr, L"no such source of events"), {0});
-    conform(run, "OpenEventLogW", "an empty server is this machine", open_log_error(L"", L"System"),
-            {0}, OBSERVED);
+    run.works("OpenEventLogW", "System", log != nullptr);
+    run.gives("OpenEventLogW", "no source", open_log_error(nullptr, nullptr),
+              {ERROR_INVALID_PARAMETER}, OBSERVED);
+    run.gives("OpenEventLogW", "an unknown source opens Application",
+              open_log_error(nullptr, L"no such source of events"), {0});
+    run.gives("OpenEventLogW", "an empty server is this machine", open_log_error(L"", L"System"),
+              {0}, OBSERVED);
     if (log != nullptr) {
         check_reading(run, log);
-        conform(run, "CloseEventLog", "an open log", error_if(!CloseEventLog(log)), {0});
+        run.works("CloseEventLog", "an open log", CloseEventLog(log));
     }
-    conform(run, "CloseEventLog", "a handle that is none", error_if(!CloseEventLog(no_handle())),
-            {ERROR_INVALID_HANDLE});
+    run.fails("CloseEventLog", "a handle that is none", CloseEventLog(no_handle()),
+              {ERROR_INVALID_HANDLE});
 }
 
 static void check_snapshot(conformance &run, HANDLE snapshot)
@@ -150,23 +150,21 @@ static void check_snapshot(conformance &run, HANDLE snapshot)
     bool own = false, threads = true, system = false;
 
     entry.dwSize = sizeof(entry) - 1;
-    conform(run, "Process32FirstW", "a structure that is too small",
-            error_if(!Process32FirstW(snapshot, &entry)),
-            {ERROR_BAD_LENGTH, ERROR_INSUFFICIENT_BUFFER});
+    run.fails("Process32FirstW", "a structure that is too small", Process32FirstW(snapshot, &entry),
+              {ERROR_BAD_LENGTH, ERROR_INSUFFICIENT_BUFFER});
     entry.dwSize = sizeof(entry);
-    conform(run, "Process32FirstW", "the first entry", error_if(!Process32FirstW(snapshot, &entry)),
-            {0});
-    conform(run, "Process32FirstW", "the size stays", entry.dwSize, {sizeof(entry)});
+    run.works("Process32FirstW", "the first entry", Process32FirstW(snapshot, &entry));
+    run.gives("Process32FirstW", "the size stays", entry.dwSize, {sizeof(entry)});
     do {
         own = own || entry.th32ProcessID == GetCurrentProcessId();
         threads = threads && (entry.cntThreads > 0 || entry.th32ProcessID == 0);
         system = system || entry.th32ProcessID == SYSTEM_PROCESS;
     } while (Process32NextW(snapshot, &entry));
-    conform(run, "Process32NextW", "after the last entry", GetLastError(), {ERROR_NO_MORE_FILES});
-    conform(run, "CreateToolhelp32Snapshot", "holds the own process", own, {1}, OBSERVED);
-    conform(run, "CreateToolhelp32Snapshot", "each process has a thread", threads, {1}, OBSERVED);
-    conform(run, "CreateToolhelp32Snapshot", "holds System, process 4", system, {1}, OBSERVED);
-    conform(run, "CloseHandle", "a snapshot", error_if(!CloseHandle(snapshot)), {0});
+    run.gives("Process32NextW", "after the last entry", GetLastError(), {ERROR_NO_MORE_FILES});
+    run.holds("CreateToolhelp32Snapshot", "holds the own process", own, OBSERVED);
+    run.holds("CreateToolhelp32Snapshot", "each process has a thread", threads, OBSERVED);
+    run.holds("CreateToolhelp32Snapshot", "holds System, process 4", system, OBSERVED);
+    run.works("CloseHandle", "a snapshot", CloseHandle(snapshot));
 }
 
 static DWORD open_process_error(DWORD access, DWORD pid)
@@ -190,35 +188,33 @@ void check_processes(conformance &run)
 {
     HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
 
-    conform(run, "CreateToolhelp32Snapshot", "processes",
-            error_if(snapshot == INVALID_HANDLE_VALUE), {0});
+    run.works("CreateToolhelp32Snapshot", "processes", snapshot != INVALID_HANDLE_VALUE);
     check_snapshot(run, snapshot);
     snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS | TH32CS_SNAPTHREAD, 0);
-    conform(run, "CreateToolhelp32Snapshot", "processes and more",
-            error_if(snapshot == INVALID_HANDLE_VALUE), {0});
+    run.works("CreateToolhelp32Snapshot", "processes and more", snapshot != INVALID_HANDLE_VALUE);
     CloseHandle(snapshot);
-    conform(run, "OpenProcess", "process 0",
-            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, 0), {ERROR_INVALID_PARAMETER});
-    conform(run, "OpenProcess", "a process that is none",
-            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, NO_PROCESS),
-            {ERROR_INVALID_PARAMETER});
-    conform(run, "OpenProcess", "System, full queries",
-            open_process_error(PROCESS_QUERY_INFORMATION, SYSTEM_PROCESS), {ERROR_ACCESS_DENIED},
-            OBSERVED);
-    conform(run, "OpenProcess", "System, limited queries",
-            open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, SYSTEM_PROCESS),
-            {0, ERROR_ACCESS_DENIED});
-    conform(run, "GetProcessTimes", "the own process", times_error(GetCurrentProcess()), {0});
-    conform(run, "GetProcessTimes", "a handle that is none", times_error(no_handle()),
-            {ERROR_INVALID_HANDLE});
+    run.gives("OpenProcess", "process 0", open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, 0),
+              {ERROR_INVALID_PARAMETER});
+    run.gives("OpenProcess", "a process that is none",
+              open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, NO_PROCESS),
+              {ERROR_INVALID_PARAMETER});
+    run.gives("OpenProcess", "System, full queries",
+              open_process_error(PROCESS_QUERY_INFORMATION, SYSTEM_PROCESS), {ERROR_ACCESS_DENIED},
+              OBSERVED);
+    run.gives("OpenProcess", "System, limited queries",
+              open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, SYSTEM_PROCESS),
+              {0, ERROR_ACCESS_DENIED});
+    run.gives("GetProcessTimes", "the own process", times_error(GetCurrentProcess()), {0});
+    run.gives("GetProcessTimes", "a handle that is none", times_error(no_handle()),
+              {ERROR_INVALID_HANDLE});
     HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, GetCurrentProcessId());
-    conform(run, "GetProcessTimes", "a handle without a right to query", times_error(process),
-            {ERROR_ACCESS_DENIED});
+    run.gives("GetProcessTimes", "a handle without a right to query", times_error(process),
+              {ERROR_ACCESS_DENIED});
     CloseHandle(process);
-    conform(run, "GetCurrentProcess", "the pseudo-handle",
-            reinterpret_cast<uintptr_t>(GetCurrentProcess()), {UINTPTR_MAX});
-    conform(run, "CloseHandle", "a handle that is none", error_if(!CloseHandle(no_handle())),
-            {ERROR_INVALID_HANDLE});
+    run.gives("GetCurrentProcess", "the pseudo-handle",
+              reinterpret_cast<uintptr_t>(GetCurrentProcess()), {UINTPTR_MAX});
+    run.fails("CloseHandle", "a handle that is none", CloseHandle(no_handle()),
+              {ERROR_INVALID_HANDLE});
 }
 
 /* The last error of an adjustment, also when it succeeds, and what it changed. */
@@ -246,25 +242,24 @@ static void check_adjusting(conformance &run, HANDLE token)
     bool done;
     DWORD error = adjust(token, 0x7777, SE_PRIVILEGE_ENABLED, nullptr, &done);
 
-    conform(run, "AdjustTokenPrivileges", "an unknown privilege succeeds", done, {1});
-    conform(run, "AdjustTokenPrivileges", "an unknown privilege: last error", error,
-            {ERROR_NOT_ALL_ASSIGNED});
+    run.holds("AdjustTokenPrivileges", "an unknown privilege succeeds", done);
+    run.gives("AdjustTokenPrivileges", "an unknown privilege: last error", error,
+              {ERROR_NOT_ALL_ASSIGNED});
     error = adjust(token, SECURITY_LUID, SE_PRIVILEGE_ENABLED, &previous, &done);
-    conform(run, "AdjustTokenPrivileges", "enabling: last error", error,
-            {ERROR_SUCCESS, ERROR_NOT_ALL_ASSIGNED});
+    run.gives("AdjustTokenPrivileges", "enabling: last error", error,
+              {ERROR_SUCCESS, ERROR_NOT_ALL_ASSIGNED});
     if (error != ERROR_SUCCESS)
         return;
-    conform(run, "AdjustTokenPrivileges", "enabling: what changed", previous.PrivilegeCount,
-            {0, 1});
+    run.gives("AdjustTokenPrivileges", "enabling: what changed", previous.PrivilegeCount, {0, 1});
     error = adjust(token, SECURITY_LUID, SE_PRIVILEGE_ENABLED, &previous, &done);
-    conform(run, "AdjustTokenPrivileges", "enabling again changes nothing", previous.PrivilegeCount,
-            {0}, OBSERVED);
+    run.gives("AdjustTokenPrivileges", "enabling again changes nothing", previous.PrivilegeCount,
+              {0}, OBSERVED);
     error = adjust(token, SECURITY_LUID, 0, &previous, &done);
-    conform(run, "AdjustTokenPrivileges", "disabling: what changed", previous.PrivilegeCount, {1},
-            OBSERVED);
-    conform(run, "AdjustTokenPrivileges", "disabling: the previous attributes",
-            previous.Privileges[0].Attributes & SE_PRIVILEGE_ENABLED, {SE_PRIVILEGE_ENABLED},
-            OBSERVED);
+    run.gives("AdjustTokenPrivileges", "disabling: what changed", previous.PrivilegeCount, {1},
+              OBSERVED);
+    run.gives("AdjustTokenPrivileges", "disabling: the previous attributes",
+              previous.Privileges[0].Attributes & SE_PRIVILEGE_ENABLED, {SE_PRIVILEGE_ENABLED},
+              OBSERVED);
 }
 
 void check_token(conformance &run)
@@ -273,35 +268,33 @@ void check_token(conformance &run)
     LUID luid = {};
     bool done;
 
-    conform(run, "OpenProcessToken", "adjusting and querying",
-            error_if(!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY,
-                                       &token)),
-            {0});
-    conform(run, "OpenProcessToken", "querying only",
-            error_if(!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &query_only)), {0});
-    conform(run, "OpenProcessToken", "a handle that is none",
-            error_if(!OpenProcessToken(no_handle(), TOKEN_QUERY, &none)), {ERROR_INVALID_HANDLE});
-    conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege",
-            error_if(!LookupPrivilegeValueA(nullptr, "SeSecurityPrivilege", &luid)), {0});
-    conform(run, "LookupPrivilegeValueA", "SeSecurityPrivilege: its LUID", luid.LowPart,
-            {SECURITY_LUID}, OBSERVED);
-    conform(run, "LookupPrivilegeValueA", "the case of a name is ignored",
-            error_if(!LookupPrivilegeValueA(nullptr, "SESECURITYPRIVILEGE", &luid)), {0}, OBSERVED);
-    conform(run, "LookupPrivilegeValueA", "an unknown name",
-            error_if(!LookupPrivilegeValueA(nullptr, "SeNoSuchPrivilege", &luid)),
-            {ERROR_NO_SUCH_PRIVILEGE});
-    conform(run, "AdjustTokenPrivileges", "a handle without the right",
-            adjust(query_only, SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
-            {ERROR_ACCESS_DENIED});
-    conform(run, "AdjustTokenPrivileges", "a handle that is none",
-            adjust(no_handle(), SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
-            {ERROR_INVALID_HANDLE});
-    conform(run, "AdjustTokenPrivileges", "no state",
-            error_if(!AdjustTokenPrivileges(token, FALSE, nullptr, 0, nullptr, nullptr)),
-            {ERROR_INVALID_PARAMETER}, OBSERVED);
+    run.works("OpenProcessToken", "adjusting and querying",
+              OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token));
+    run.works("OpenProcessToken", "querying only",
+              OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &query_only));
+    run.fails("OpenProcessToken", "a handle that is none",
+              OpenProcessToken(no_handle(), TOKEN_QUERY, &none), {ERROR_INVALID_HANDLE});
+    run.works("LookupPrivilegeValueA", "SeSecurityPrivilege",
+              LookupPrivilegeValueA(nullptr, "SeSecurityPrivilege", &luid));
+    run.gives("LookupPrivilegeValueA", "SeSecurityPrivilege: its LUID", luid.LowPart,
+              {SECURITY_LUID}, OBSERVED);
+    run.works("LookupPrivilegeValueA", "the case of a name is ignored",
+              LookupPrivilegeValueA(nullptr, "SESECURITYPRIVILEGE", &luid), OBSERVED);
+    run.fails("LookupPrivilegeValueA", "an unknown name",
+              LookupPrivilegeValueA(nullptr, "SeNoSuchPrivilege", &luid),
+              {ERROR_NO_SUCH_PRIVILEGE});
+    run.gives("AdjustTokenPrivileges", "a handle without the right",
+              adjust(query_only, SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
+              {ERROR_ACCESS_DENIED});
+    run.gives("AdjustTokenPrivileges", "a handle that is none",
+              adjust(no_handle(), SECURITY_LUID, SE_PRIVILEGE_ENABLED, nullptr, &done),
+              {ERROR_INVALID_HANDLE});
+    run.fails("AdjustTokenPrivileges", "no state",
+              AdjustTokenPrivileges(token, FALSE, nullptr, 0, nullptr, nullptr),
+              {ERROR_INVALID_PARAMETER}, OBSERVED);
     check_adjusting(run, token);
     CloseHandle(query_only);
-    conform(run, "CloseHandle", "a token", error_if(!CloseHandle(token)), {0});
+    run.works("CloseHandle", "a token", CloseHandle(token));
 }
 
 static DWORD open_manager_error(const wchar_t *database)
@@ -332,40 +325,39 @@ static void check_query(conformance &run, SC_HANDLE manager)
     SERVICE_STATUS status = {};
     SC_HANDLE service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_STATUS);
 
-    conform(run, "OpenServiceW", "a service in another case",
-            open_service_error(manager, L"eVENTlOG"), {0});
-    conform(run, "QueryServiceStatus", "a service", error_if(!QueryServiceStatus(service, &status)),
-            {0});
-    conform(run, "QueryServiceStatus", "a service: its state", status.dwCurrentState,
-            {SERVICE_STOPPED, SERVICE_RUNNING, SERVICE_START_PENDING});
+    run.gives("OpenServiceW", "a service in another case", open_service_error(manager, L"eVENTlOG"),
+              {0});
+    run.works("QueryServiceStatus", "a service", QueryServiceStatus(service, &status));
+    run.gives("QueryServiceStatus", "a service: its state", status.dwCurrentState,
+              {SERVICE_STOPPED, SERVICE_RUNNING, SERVICE_START_PENDING});
     CloseServiceHandle(service);
     service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_CONFIG);
-    conform(run, "QueryServiceStatus", "a handle without the right",
-            error_if(!QueryServiceStatus(service, &status)), {ERROR_ACCESS_DENIED});
+    run.fails("QueryServiceStatus", "a handle without the right",
+              QueryServiceStatus(service, &status), {ERROR_ACCESS_DENIED});
     CloseServiceHandle(service);
-    conform(run, "QueryServiceStatus", "the manager's handle",
-            error_if(!QueryServiceStatus(manager, &status)), {ERROR_INVALID_HANDLE});
+    run.fails("QueryServiceStatus", "the manager's handle", QueryServiceStatus(manager, &status),
+              {ERROR_INVALID_HANDLE});
 }
 
 void check_services(conformance &run)
 {
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
 
-    conform(run, "OpenSCManagerW", "connecting", error_if(manager == nullptr), {0});
-    conform(run, "OpenSCManagerW", "the active database by name",
-            open_manager_error(L"ServicesActive"), {0});
-    conform(run, "OpenSCManagerW", "an unknown database", open_manager_error(L"no such database"),
-            {ERROR_INVALID_NAME}, OBSERVED);
-    conform(run, "OpenSCManagerW", "the failed database", open_manager_error(L"ServicesFailed"),
-            {ERROR_DATABASE_DOES_NOT_EXIST}, OBSERVED);
-    conform(run, "OpenServiceW", "an empty name", open_service_error(manager, L""),
-            {ERROR_INVALID_NAME}, OBSERVED);
-    conform(run, "OpenServiceW", "a name with a backslash", open_service_error(manager, L"a\\b"),
-            {ERROR_INVALID_NAME});
-    conform(run, "OpenServiceW", "a service that is none",
-            open_service_error(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
+    run.works("OpenSCManagerW", "connecting", manager != nullptr);
+    run.gives("OpenSCManagerW", "the active database by name",
+              open_manager_error(L"ServicesActive"), {0});
+    run.gives("OpenSCManagerW", "an unknown database", open_manager_error(L"no such database"),
+              {ERROR_INVALID_NAME}, OBSERVED);
+    run.gives("OpenSCManagerW", "the failed database", open_manager_error(L"ServicesFailed"),
+              {ERROR_DATABASE_DOES_NOT_EXIST}, OBSERVED);
+    run.gives("OpenServiceW", "an empty name", open_service_error(manager, L""),
+              {ERROR_INVALID_NAME}, OBSERVED);
+    run.gives("OpenServiceW", "a name with a backslash", open_service_error(manager, L"a\\b"),
+              {ERROR_INVALID_NAME});
+    run.gives("OpenServiceW", "a service that is none",
+              open_service_error(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
     check_query(run, manager);
-    conform(run, "CloseServiceHandle", "the manager", error_if(!CloseServiceHandle(manager)), {0});
-    conform(run, "CloseServiceHandle", "a closed handle", error_if(!CloseServiceHandle(manager)),
-            {ERROR_INVALID_HANDLE});
+    run.works("CloseServiceHandle", "the manager", CloseServiceHandle(manager));
+    run.fails("CloseServiceHandle", "a closed handle", CloseServiceHandle(manager),
+              {ERROR_INVALID_HANDLE});
 }

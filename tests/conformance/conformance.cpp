@@ -5,16 +5,16 @@
 
 #include <algorithm>
 
-void conform(conformance &run, const char *call, const char *when, uint64_t answer,
-             std::initializer_list<uint64_t> permitted, enum promise source)
+void conformance::compare(const char *call, const char *when, uint64_t answer, numbers permitted,
+                          enum promise source)
 {
     const bool fits = std::find(permitted.begin(), permitted.end(), answer) != permitted.end();
     char line[512];
     int length;
 
-    run.checks++;
+    checks++;
     if (source != OPEN && !fits)
-        run.differences++;
+        differences++;
     length = snprintf(line, sizeof(line), "%s %s: %s: %llu",
                       source == OPEN ? "open" : (fits ? "ok" : "DIFFERS"), call, when,
                       static_cast<unsigned long long>(answer));
@@ -23,7 +23,7 @@ void conform(conformance &run, const char *call, const char *when, uint64_t answ
             length += snprintf(line + length, sizeof(line) - static_cast<size_t>(length), "%s%llu",
                                one == *permitted.begin() ? ", expected " : " or ",
                                static_cast<unsigned long long>(one));
-    run.print(line, run.user);
+    print(line, user);
 }
 
 DWORD error_if(bool failed)

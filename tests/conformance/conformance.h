@@ -20,9 +20,43 @@ enum promise {
     OPEN        /* nothing settles it: the answer of a Windows machine is noted */
 };
 
+/* The last error after a call that failed; 0 after a success. */
+DWORD error_if(bool failed);
+
+/*
+ * One run of the checks. Each of the functions below prints "ok", "DIFFERS" or "open", the call, the
+ * case and the answer.
+ *
+ * call     Name of the Windows function, as in the plug-in's import table.
+ * when     The case, in words; unique for its call.
+ */
 struct conformance {
-    std::wstring
-        folder; /* an existing folder, without a backslash at its end; files are made here */
+    typedef std::initializer_list<uint64_t> numbers;
+
+    /* Compares a number with the permitted ones; none for an open question. */
+    template <typename Number>
+    void gives(const char *call, const char *when, Number answer, numbers permitted,
+               enum promise source = DOCUMENTED)
+    {
+        compare(call, when, static_cast<uint64_t>(answer), permitted, source);
+    }
+    /* The same of the last error, 0 for a call that is done. */
+    void fails(const char *call, const char *when, bool done, numbers permitted,
+               enum promise source = DOCUMENTED)
+    {
+        compare(call, when, error_if(!done), permitted, source);
+    }
+    void works(const char *call, const char *when, bool done, enum promise source = DOCUMENTED)
+    {
+        fails(call, when, done, {ERROR_SUCCESS}, source);
+    }
+    void holds(const char *call, const char *when, bool truth, enum promise source = DOCUMENTED)
+    {
+        compare(call, when, truth, {1}, source);
+    }
+
+    /* An existing folder, without a backslash at its end; files are made here. */
+    std::wstring folder;
     std::wstring engine; /* Windows' own dbgeng.dll, as LoadLibraryW takes it */
     HKEY root;           /* predefined key below which SOFTWARE may be written */
     HKEY system_root;    /* HKEY_LOCAL_MACHINE */
@@ -30,21 +64,11 @@ struct conformance {
     void (*print)(const char *line, void *user);                    /* line has no line feed */
     void *user;
     unsigned checks, differences;
+
+  private:
+    void compare(const char *call, const char *when, uint64_t answer, numbers permitted,
+                 enum promise source);
 };
-
-/*
- * Compares the answer of a call and prints "ok", "DIFFERS" or "open", the call, the case and the
- * answer.
- *
- * call     Name of the Windows function, as in the plug-in's import table.
- * when     The case, in words; unique for its call.
- * permitted  Empty for an open question.
- */
-void conform(conformance &run, const char *call, const char *when, uint64_t answer,
-             std::initializer_list<uint64_t> permitted, enum promise source = DOCUMENTED);
-
-/* The last error after a call that failed; 0 after a success. */
-DWORD error_if(bool failed);
 
 /* The checks, one function a subject. */
 void check_event_log(conformance &run);

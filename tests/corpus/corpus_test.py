@@ -21,7 +21,7 @@ import zipfile
 
 sys.dont_write_bytecode = True
 SOURCE, BUILD = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
-sys.path.insert(0, str(SOURCE / "tests/devhost"))
+sys.path[:0] = [str(SOURCE / "tests/devhost"), str(SOURCE / "tests/evidence")]
 from evidence_files import Checks # noqa: E402
 from page_test import Browser # noqa: E402
 

@@ -18,9 +18,10 @@ import sys
 import tempfile
 import time
 
-from evidence_files import LOGON, Checks, record, start, write
-
 SOURCE, BUILD = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
+sys.path.insert(0, str(SOURCE / "tests/evidence"))
+from evidence_files import LOGON, Checks, record, start, write # noqa: E402
+
 DEFAULT = SOURCE / "scenarios" / "default.json"
 COLOUR = re.compile(r"\x1b\[[0-9;]*m")
 MEMORY = pathlib.Path("/dev/shm")

@@ -181,7 +181,7 @@ def check_equivalents(finder):
 
 def check_named(root, files):
     scenarios = {path.name for path in (root / "scenarios").glob("*.json")}
-    unit_tests = "".join(path.read_text() for path in (root / "tests/unit").glob("*.cpp"))
+    unit_tests = "".join(path.read_text() for path in (root / "tests/unit").rglob("*.cpp"))
     for problem in named.problems(files, scenarios, unit_tests):
         check("named.json", False, problem)
 

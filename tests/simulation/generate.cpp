@@ -1,11 +1,12 @@
 /*
  * Random machines, written as scenarios: what is played is what `run` would play of the same file.
+ * A grammar says what is random; boots and the moments of their steps are put together here.
  */
 #include "machines.h"
 
 #include <algorithm>
+#include <cstring>
 
-#include "participants/products.h"
 #include "base/text.h"
 
 static constexpr int TEN_DAYS_SECONDS = 864000;
@@ -31,19 +32,7 @@ struct dice {
     {
         return range(1, 100) <= percent;
     }
-    template <size_t size> const char *pick(const char *const (&words)[size])
-    {
-        return words[next() % size];
-    }
 };
-
-static const char *const s_modules[] = {"a_flt", "b_flt",       "c_net",        "d_sp",
-                                        "e_fs",  "load_driver", "oxnisp_driver"};
-static const char *const s_strangers[] = {"nt", "win32k", "tcpip", "other"};
-static const char *const s_statuses[] = {"working", "working", "working", "bypass", "initializing"};
-static const char *const s_zones[] = {"UTC", "Tokyo Standard Time", "Pacific Standard Time",
-                                      "India Standard Time", "W. Europe Standard Time"};
-static const char *const s_services[] = {"running", "running", "stopped", "stop_pending"};
 
 /* A machine in the making. */
 struct sketch {
@@ -54,308 +43,227 @@ struct sketch {
     bool blamed; /* most boots end with a blue screen of a driver, and recovery is requested */
 };
 
-static std::string quoted(const std::string &text)
-{
-    return "\"" + text + "\"";
-}
+#define DRIVER_FOLDER "{base}\\\\Quorvel\\\\OXNI3_CFG\\\\"
+#define UPDATE_FILE   "'path':'" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg'"
 
-static std::string joined(const std::vector<std::string> &parts)
-{
-    std::string text;
+/*
+ * JSON with apostrophes in place of quotation marks and commas that may trail. In it:
+ *
+ *   <3-7>        a number from 3 to 7
+ *   <0-3*TEXT>   so many TEXTs with commas between them
+ *   <20%A|B>     A in 20 of 100 cases, else B, which may be missing
+ *   <plain?A|B>  A on such machines ("plain", "sticky", "blamed"), else B
+ *   <name>       a row of that name, by weight
+ *   <who>        a product of the machine
+ */
+static const struct rule {
+    const char *name;
+    int weight;
+    const char *text;
+} s_rules[] = {
+    {"module",       1,  "a_flt"                                                                    },
+    {"module",       1,  "b_flt"                                                                    },
+    {"module",       1,  "c_net"                                                                    },
+    {"module",       1,  "d_sp"                                                                     },
+    {"module",       1,  "e_fs"                                                                     },
+    {"module",       1,  "load_driver"                                                              },
+    {"module",       1,  "oxnisp_driver"                                                            },
+    {"modules",      1,  "[<0-3*'<module>'>]"                                                       },
+    {"stranger",     1,  "<25%nt|<33%win32k|<50%tcpip|other>>>"                                     },
+    {"status",       1,  "<60%working|<50%bypass|initializing>>"                                    },
+    {"own_status",   1,  "<sticky?<70%bypass|<status>>|<status>>"                                   },
+    {"zone",         1,  "UTC"                                                                      },
+    {"zone",         1,  "Tokyo Standard Time"                                                      },
+    {"zone",         1,  "Pacific Standard Time"                                                    },
+    {"zone",         1,  "India Standard Time"                                                      },
+    {"zone",         1,  "W. Europe Standard Time"                                                  },
 
-    for (const std::string &part : parts)
-        text += (text.empty() ? "" : ",") + part;
-    return text;
-}
+ /* A product: what it is, and how it can be reached and answers commands. */
+    {"product",      1,
+     "{'modules':<modules>,'count':<0-5>,'registers':<10%null|<0-120>>,"
+     "<plain?|'status':'<own_status>',<manners>>"                                                   },
+    {"manners",      1,
+     "<15%'unreachable':<0-2>,><20%'reply_delay':<30%null|<0-120>>,>"
+     "<sticky?<70%'answers':{'recover':null},|<answers>>|<answers>>"                                },
+    {"answers",      1,  "<25%'answers':{'<33%bypass|<50%recover|set_count>>':<answer>},>"          },
+    {"answer",       1,  "<40%null|{'status':'<status>','count':<0-10>,'after':<0-90>}>"            },
+
+ /* How a boot ends. */
+    {"frame",        1,
+     "'<blamed?<95%<module>|<stranger>>|<65%<module>|<stranger>>><50%!Work+0x2|+0x1a2b>'"           },
+    {"frames",       1,  "'frames':['nt!KeBugCheckEx+0x107',<blamed?<1-3*<frame>>|<0-3*<frame>>>]"  },
+    {"crash",        1,
+     "{<20%'minidump':false,><25%'complete':true,><30%'written':<0-200>,>"
+     "<40%'recorded':<15%null|<0-400>>,><frames>}"                                                  },
+    {"blue_screen",  1,  "'ends':'blue_screen','crash':<crash>"                                     },
+    {"ends",         1,
+     "<plain?'ends':'clean'|<blamed?<10%'ends':'clean'|<20%'ends':'power_loss'|<blue_screen>>>|"
+     "<35%'ends':'clean'|<40%'ends':'power_loss'|<blue_screen>>>>>"                                 },
+
+    {"devices",      1,  "<25%[]|[{'product':'<who>',<70%'device_id':'d1','agent_version':'1.2'>}]>"},
+    {"management",   1,
+     "{<40%'devices':<devices>,><20%'error':<0-1>,>"
+     "<20%'answer':<30%null|{'errcode':<0-1>}>,><20%'echo_error':<0-1>,>"
+     "<20%'delay':<0-90>,'echo_delay':<0-90>,><10%'silent':<50%true|false>,>"
+     "'link':<60%true|false>}"                                                                      },
+
+ /* Changes of the machine at a boot: crash records of the platform's drivers, an update of the
+     * drivers, a dump that was created at another time than it was written. */
+    {"files",        1,
+     "'files':[<15%{'path':'{bin}\\\\crash_config.cfg','record_count':<0-5>},{'path':'" DRIVER_FOLDER
+     "oxnisp_driver\\\\crash_config.cfg','record_count':<0-3>},>"
+     "<6%{" UPDATE_FILE ",'text':'x'},>"
+     "<10%{'path':'C:\\\\Windows\\\\Minidump\\\\copied.dmp',<frames>,'written':<0-200>,"
+     "'created':'2024-0<1-9>-1<0-9>T0<0-9>:30:00Z'}>],"                                             },
+    {"service",      1,  "['<50%running|<50%stopped|stop_pending>>']"                               },
+    {"services",     1,  "'services':{'load_driver':<service>,'oxnisp_driver':<service>},"          },
+    {"base",         1,  "'base_folder':<50%true|false>,"                                           },
+    {"engine",       1,
+     "'engine':{'fails':{<25%'OpenDumpFileWide':2147942402|<33%'GetStackTrace':2147500037>>}},"     },
+    {"polls",        1,
+     "'registry':[{'key':'SYSTEM\\\\CurrentControlSet\\\\Services\\\\load_driver',"
+     "'name':'TimerMaxCount','data':'<10%-1|<0-14>>'}],"                                            },
+    {"machine",      1,
+     "{<20%'time_zone':'<zone>',><plain?|<15%<services>><files><6%<base>><10%<engine>>>"
+     "<10%<polls>>}"                                                                                },
+    {"log",          1,
+     "<4%null|<10%{'winlogon':null}|<5%{'start':null}|"
+     "{'winlogon':<20%<5-300>|<5-60>>}>>>"                                                          },
+
+ /* A step of which the agent must run. */
+    {"agent_step",   25, "'register':'<who>'"                                                       },
+    {"agent_step",   20, "'unsubscribe':'<who>'"                                                    },
+    {"agent_step",   20, "'tell':'<who>'"                                                           },
+    {"agent_step",   10,
+     "'send':'<who>','message':{'product_name':'z','type':'<80%conflict|nonsense>','count':1,"
+     "'status':'working','data':{'driver_module':[]}}"                                              },
+    {"agent_step",   25, "'console':'<sticky?<recovery>|<blamed?<recovery>|<line>>>'"               },
+    {"recovery",     1,  "<40%bypass -r|<line>>"                                                    },
+    {"line",         1,  "bypass -p"                                                                },
+    {"line",         1,  "bypass"                                                                   },
+    {"line",         1,  "bypass -rx"                                                               },
+    {"line",         2,  "<plain?bypass|<50%bypass -r|other>>"                                      },
+
+ /* A step that needs none. A registration without effect is followed by an ordinary one. */
+    {"machine_step", 60, "<any_step>"                                                               },
+    {"machine_step", 40, "<plain?<any_step>|<failing_step>>"                                        },
+    {"any_step",     25, "'link':<20%2|<60%true|false>>"                                            },
+    {"any_step",     20,
+     "'product':'<who>','set':{'count':<0-10>,<plain?|'status':'<own_status>',<manners>>}"          },
+    {"any_step",     10, "'management':<management>"                                                },
+    {"any_step",     5,
+     "'product':'<who>','set':{'registration':{'product_name':'b','type':'<50%conflict|reg>',"
+     "'count':<0-11>,'status':'<plain?working|<status>>','data':{'driver_module':<modules>}}}"      },
+    {"failing_step", 7,  "'machine':{'time_zone':'<zone>'}"                                         },
+    {"failing_step", 5,  "'machine':{<base>}"                                                       },
+    {"failing_step", 11, "'fail':<failing_call>,'nth':<50%1|<1-6>>"                                 },
+    {"failing_step", 7,  "'clock':'2024-03-0<6-9>T<80%<0-1><0-9>|2<0-3>>:<0-5><0-9>:00Z'"           },
+    {"failing_step", 6,  "'file':{" UPDATE_FILE ",'text':'x'}"                                      },
+    {"failing_step", 4,  "'delete_file':'" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg'"        },
+    {"failing_call", 1,  "'oxni_timer_start'"                                                       },
+    {"failing_call", 1,  "'OpenEventLogW','error':5"                                                },
+    {"failing_call", 1,  "'wdu_json_dump_file_ejs'"                                                 },
+    {"failing_call", 1,  "'oxni_path_del_file_u','error':32,'times':9"                              },
+};
+
+static std::string expand(sketch &sketch, const std::string &text);
 
 static std::string product_key(int index)
 {
     return std::string(1, static_cast<char>('a' + index));
 }
 
-static std::string some_product(sketch &sketch)
+static std::string expand_rule(sketch &sketch, const std::string &name)
 {
-    return quoted(product_key(sketch.dice.range(0, sketch.products - 1)));
+    int sum = 0;
+
+    if (name == "who")
+        return product_key(sketch.dice.range(0, sketch.products - 1));
+    for (const rule &rule : s_rules)
+        sum += name == rule.name ? rule.weight : 0;
+    int left = sketch.dice.range(1, std::max(sum, 1));
+    for (const rule &rule : s_rules)
+        if (name == rule.name && (left -= rule.weight) <= 0)
+            return expand(sketch, rule.text);
+    throw devhost_error(EXIT_BAD_CALL, "no rule " + name);
 }
 
-static std::string modules(sketch &sketch)
+/* The end of what is before a character that no brackets enclose, or of the text. */
+static size_t find_outside(const std::string &text, size_t at, char wanted)
 {
-    std::vector<std::string> names;
-
-    for (int left = sketch.dice.range(0, 3); left > 0; left--)
-        names.push_back(quoted(sketch.dice.pick(s_modules)));
-    return "[" + joined(names) + "]";
-}
-
-/* How a product answers a command that it does not obey. */
-static std::string answer(sketch &sketch)
-{
-    if (sketch.dice.chance(40))
-        return "null";
-    return text_format("{\"status\":\"%s\",\"count\":%d,\"after\":%d}",
-                       sketch.dice.pick(s_statuses), sketch.dice.range(0, 10),
-                       sketch.dice.range(0, 90));
-}
-
-static std::string some_status(sketch &sketch)
-{
-    return quoted(sketch.sticky && sketch.dice.chance(70) ? "bypass"
-                                                          : sketch.dice.pick(s_statuses));
-}
-
-/* How it can be reached and how it answers. */
-static void add_manners(sketch &sketch, std::vector<std::string> &members)
-{
-    static const char *const commands[] = {"bypass", "recover", "set_count"};
-
-    if (sketch.dice.chance(15))
-        members.push_back(text_format("\"unreachable\":%d", sketch.dice.range(0, 2)));
-    if (sketch.dice.chance(20))
-        members.push_back(sketch.dice.chance(30)
-                              ? "\"reply_delay\":null"
-                              : text_format("\"reply_delay\":%d", sketch.dice.range(0, 120)));
-    if (sketch.sticky && sketch.dice.chance(70))
-        members.push_back("\"answers\":{\"recover\":null}");
-    else if (sketch.dice.chance(25))
-        members.push_back("\"answers\":{" + quoted(sketch.dice.pick(commands)) + ":" +
-                          answer(sketch) + "}");
-}
-
-static std::string product(sketch &sketch, int index)
-{
-    std::vector<std::string> members;
-
-    members.push_back("\"modules\":" + modules(sketch));
-    members.push_back(text_format("\"count\":%d", sketch.dice.range(0, 5)));
-    if (!sketch.plain)
-        members.push_back("\"status\":" + some_status(sketch));
-    members.push_back(sketch.dice.chance(10)
-                          ? "\"registers\":null"
-                          : text_format("\"registers\":%d", sketch.dice.range(0, 120)));
-    if (!sketch.plain)
-        add_manners(sketch, members);
-    if (index > 0 && sketch.dice.chance(5))
-        members.push_back("\"product_name\":\"a\""); /* two of one name */
-    return quoted(product_key(index)) + ":{" + joined(members) + "}";
-}
-
-static std::string frames(sketch &sketch)
-{
-    std::vector<std::string> frames = {"\"nt!KeBugCheckEx+0x107\""};
-
-    for (int left = sketch.dice.range(sketch.blamed ? 1 : 0, 3); left > 0; left--)
-        frames.push_back(quoted(std::string(sketch.dice.chance(sketch.blamed ? 95 : 65)
-                                                ? sketch.dice.pick(s_modules)
-                                                : sketch.dice.pick(s_strangers)) +
-                                (sketch.dice.chance(50) ? "!Work+0x2" : "+0x1a2b")));
-    return "\"frames\":[" + joined(frames) + "]";
-}
-
-static std::string crash(sketch &sketch)
-{
-    std::vector<std::string> members;
-
-    members.push_back(frames(sketch));
-    if (sketch.dice.chance(20))
-        members.push_back("\"minidump\":false");
-    if (sketch.dice.chance(25))
-        members.push_back("\"complete\":true");
-    if (sketch.dice.chance(30))
-        members.push_back(text_format("\"written\":%d", sketch.dice.range(0, 200)));
-    if (sketch.dice.chance(40))
-        members.push_back(sketch.dice.chance(15)
-                              ? "\"recorded\":null"
-                              : text_format("\"recorded\":%d", sketch.dice.range(0, 400)));
-    return "{" + joined(members) + "}";
-}
-
-static std::string how_it_ends(sketch &sketch)
-{
-    if (sketch.plain || sketch.dice.chance(sketch.blamed ? 10 : 35))
-        return "\"ends\":\"clean\"";
-    if (sketch.dice.chance(sketch.blamed ? 20 : 40))
-        return "\"ends\":\"power_loss\"";
-    return "\"ends\":\"blue_screen\",\"crash\":" + crash(sketch);
-}
-
-static std::string some_devices(sketch &sketch)
-{
-    if (sketch.dice.chance(25))
-        return "[]";
-    return "[{\"product\":" + some_product(sketch) +
-           (sketch.dice.chance(70) ? ",\"device_id\":\"d1\",\"agent_version\":\"1.2\"}]" : "}]");
-}
-
-static std::string management(sketch &sketch)
-{
-    std::vector<std::string> members;
-
-    if (sketch.dice.chance(40))
-        members.push_back("\"devices\":" + some_devices(sketch));
-    if (sketch.dice.chance(20))
-        members.push_back(text_format("\"error\":%d", sketch.dice.range(0, 1)));
-    if (sketch.dice.chance(20))
-        members.push_back(sketch.dice.chance(30) ? "\"answer\":null"
-                                                 : text_format("\"answer\":{\"errcode\":%d}",
-                                                               sketch.dice.range(0, 1)));
-    if (sketch.dice.chance(20))
-        members.push_back(text_format("\"echo_error\":%d", sketch.dice.range(0, 1)));
-    if (sketch.dice.chance(20))
-        members.push_back(text_format("\"delay\":%d,\"echo_delay\":%d", sketch.dice.range(0, 90),
-                                      sketch.dice.range(0, 90)));
-    if (sketch.dice.chance(10))
-        members.push_back(sketch.dice.chance(50) ? "\"silent\":true" : "\"silent\":false");
-    members.push_back(sketch.dice.chance(60) ? "\"link\":true" : "\"link\":false");
-    return "{" + joined(members) + "}";
-}
-
-#define DRIVER_FOLDER "{base}\\\\Quorvel\\\\OXNI3_CFG\\\\"
-#define UPDATE_FILE   "\"path\":\"" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg\""
-
-/* Files at a boot: crash records of the platform's drivers, an update of the drivers, and a dump
- * that was created at another time than it was written. */
-static std::string files(sketch &sketch)
-{
-    std::vector<std::string> files;
-
-    if (sketch.dice.chance(15))
-        files.push_back(text_format("{\"path\":\"{bin}\\\\crash_config.cfg\",\"record_count\":%d},"
-                                    "{\"path\":\"" DRIVER_FOLDER
-                                    "oxnisp_driver\\\\crash_config.cfg\","
-                                    "\"record_count\":%d}",
-                                    sketch.dice.range(0, 5), sketch.dice.range(0, 3)));
-    if (sketch.dice.chance(6))
-        files.push_back("{" UPDATE_FILE ",\"text\":\"x\"}");
-    if (sketch.dice.chance(10))
-        files.push_back("{\"path\":\"C:\\\\Windows\\\\Minidump\\\\copied.dmp\"," + frames(sketch) +
-                        text_format(",\"written\":%d,\"created\":\"2024-0%d-1%dT0%d:30:00Z\"}",
-                                    sketch.dice.range(0, 200), sketch.dice.range(1, 9),
-                                    sketch.dice.range(0, 9), sketch.dice.range(0, 9)));
-    return "\"files\":[" + joined(files) + "]";
-}
-
-static const char *base_folder(sketch &sketch)
-{
-    return sketch.dice.chance(50) ? "\"base_folder\":false" : "\"base_folder\":true";
-}
-
-/* Changes of the machine at a boot. */
-static std::string machine(sketch &sketch)
-{
-    static const char *const faults[] = {"{}", "{}", "{\"OpenDumpFileWide\":2147942402}",
-                                         "{\"GetStackTrace\":2147500037}"};
-    std::vector<std::string> members;
-
-    if (sketch.dice.chance(20))
-        members.push_back("\"time_zone\":" + quoted(sketch.dice.pick(s_zones)));
-    if (!sketch.plain && sketch.dice.chance(15))
-        members.push_back(text_format("\"services\":{\"load_driver\":[\"%s\"],"
-                                      "\"oxnisp_driver\":[\"%s\"]}",
-                                      sketch.dice.pick(s_services), sketch.dice.pick(s_services)));
-    if (!sketch.plain)
-        members.push_back(files(sketch));
-    if (!sketch.plain && sketch.dice.chance(6))
-        members.push_back(base_folder(sketch));
-    if (!sketch.plain && sketch.dice.chance(10))
-        members.push_back(std::string("\"engine\":{\"fails\":") + sketch.dice.pick(faults) + "}");
-    if (sketch.dice.chance(10))
-        members.push_back(
-            text_format("\"registry\":[{\"key\":\"SYSTEM\\\\CurrentControlSet\\\\Services\\\\"
-                        "load_driver\",\"name\":\"TimerMaxCount\",\"data\":\"%d\"}]",
-                        sketch.dice.range(-1, 14)));
-    return "{" + joined(members) + "}";
-}
-
-static std::string log_of_boot(sketch &sketch)
-{
-    if (sketch.dice.chance(4))
-        return "null";
-    if (sketch.dice.chance(10))
-        return "{\"winlogon\":null}";
-    if (sketch.dice.chance(5))
-        return "{\"start\":null}";
-    return text_format("{\"winlogon\":%d}",
-                       sketch.dice.range(5, sketch.dice.chance(20) ? 300 : 60));
-}
-
-/* A step of which the agent must run, as members. */
-static std::string agent_step(sketch &sketch)
-{
-    static const char *const lines[] = {"bypass -p", "bypass", "bypass -rx", "bypass -r", "other"};
-    std::string who = some_product(sketch);
-    int which = sketch.dice.range(1, 100);
-
-    if (which <= 25)
-        return "\"register\":" + who;
-    if (which <= 45)
-        return "\"unsubscribe\":" + who;
-    if (which <= 65)
-        return "\"tell\":" + who;
-    if (which <= 75)
-        return "\"send\":" + who + ",\"message\":{\"product_name\":\"z\",\"type\":" +
-               (sketch.dice.chance(80) ? "\"conflict\"" : "\"nonsense\"") +
-               ",\"count\":1,\"status\":\"working\",\"data\":{\"driver_module\":[]}}";
-    if ((sketch.sticky || sketch.blamed) && sketch.dice.chance(40))
-        return "\"console\":\"bypass -r\"";
-    return "\"console\":" +
-           quoted(sketch.plain ? lines[sketch.dice.range(0, 2)] : sketch.dice.pick(lines));
-}
-
-static std::string product_change(sketch &sketch)
-{
-    std::vector<std::string> members;
-
-    members.push_back(text_format("\"count\":%d", sketch.dice.range(0, 10)));
-    if (!sketch.plain) {
-        members.push_back("\"status\":" + some_status(sketch));
-        add_manners(sketch, members);
+    for (int depth = 0; at < text.size(); at++) {
+        if (depth == 0 && text[at] == wanted)
+            break;
+        depth += (text[at] == '<') - (text[at] == '>');
     }
-    return "\"product\":" + some_product(sketch) + ",\"set\":{" + joined(members) + "}";
+    return at;
 }
 
-/* A registration without effect. The next one of the product is an ordinary one. */
-static std::string odd_registration(sketch &sketch)
+/* "A|B" */
+static std::string expand_either(sketch &sketch, const std::string &text, bool first)
 {
-    return "\"product\":" + some_product(sketch) +
-           ",\"set\":{\"registration\":{\"product_name\":\"b\",\"type\":" +
-           (sketch.dice.chance(50) ? "\"conflict\"" : "\"reg\"") +
-           text_format(",\"count\":%d,\"status\":\"%s\",\"data\":{\"driver_module\":%s}}}",
-                       sketch.dice.range(0, 11),
-                       sketch.plain ? "working" : sketch.dice.pick(s_statuses),
-                       modules(sketch).c_str());
+    const size_t bar = find_outside(text, 0, '|');
+
+    if (first)
+        return expand(sketch, text.substr(0, bar));
+    return bar < text.size() ? expand(sketch, text.substr(bar + 1)) : "";
 }
 
-/* A step that needs no agent, as members. */
-static std::string machine_step(sketch &sketch)
+static std::string expand_number(sketch &sketch, int first, const char *rest)
 {
-    static const char *const calls[] = {"\"oxni_timer_start\"", "\"OpenEventLogW\",\"error\":5",
-                                        "\"wdu_json_dump_file_ejs\"",
-                                        "\"oxni_path_del_file_u\",\"error\":32,\"times\":9"};
-    int which = sketch.dice.range(1, sketch.plain ? 60 : 100);
+    char *end;
+    const long last = strtol(rest, &end, 10);
+    int number = sketch.dice.range(first, static_cast<int>(last));
+    std::string text;
 
-    if (which <= 25)
-        return sketch.dice.chance(20)
-                   ? "\"link\":2"
-                   : (sketch.dice.chance(60) ? "\"link\":true" : "\"link\":false");
-    if (which <= 45)
-        return product_change(sketch);
-    if (which <= 55)
-        return "\"management\":" + management(sketch);
-    if (which <= 60)
-        return odd_registration(sketch);
-    if (which <= 67)
-        return "\"machine\":{\"time_zone\":" + quoted(sketch.dice.pick(s_zones)) + "}";
-    if (which <= 72)
-        return std::string("\"machine\":{") + base_folder(sketch) + "}";
-    if (which <= 83)
-        return std::string("\"fail\":") + sketch.dice.pick(calls) +
-               text_format(",\"nth\":%d", sketch.dice.range(1, sketch.dice.chance(50) ? 1 : 6));
-    if (which <= 90)
-        return text_format("\"clock\":\"2024-03-%02dT%02d:%02d:00Z\"", sketch.dice.range(6, 9),
-                           sketch.dice.range(0, 23), sketch.dice.range(0, 59));
-    if (which <= 96)
-        return "\"file\":{" UPDATE_FILE ",\"text\":\"x\"}";
-    return "\"delete_file\":\"" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg\"";
+    if (*end != '*')
+        return std::to_string(number);
+    while (number-- > 0)
+        text += expand(sketch, end + 1) + (number > 0 ? "," : "");
+    return text;
+}
+
+/* What is between two brackets. */
+static std::string expand_inside(sketch &sketch, const std::string &text)
+{
+    const size_t at = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_");
+    char *end;
+
+    if (at == std::string::npos)
+        return expand_rule(sketch, text);
+    if (text[at] == '?') {
+        const std::string kind = text.substr(0, at);
+        return expand_either(sketch, text.substr(at + 1),
+                             kind == "plain"    ? sketch.plain
+                             : kind == "sticky" ? sketch.sticky
+                                                : sketch.blamed);
+    }
+    const int number = static_cast<int>(strtol(text.c_str(), &end, 10));
+    if (*end == '%')
+        return expand_either(sketch, end + 1, sketch.dice.chance(number));
+    return expand_number(sketch, number, end + 1);
+}
+
+static std::string expand(sketch &sketch, const std::string &text)
+{
+    std::string expanded;
+
+    for (size_t at = 0; at < text.size(); at++) {
+        if (text[at] != '<') {
+            expanded += text[at];
+            continue;
+        }
+        const size_t end = find_outside(text, at + 1, '>');
+
+        expanded += expand_inside(sketch, text.substr(at + 1, end - at - 1));
+        at = end;
+    }
+    return expanded;
+}
+
+static void parse(const std::string &text, rapidjson::Document &document)
+{
+    document.Parse<rapidjson::kParseTrailingCommasFlag>(text_replace(text, "'", "\"").c_str());
 }
 
 /* Half of all moments are whole seconds, where other things happen, too. */
@@ -374,31 +282,30 @@ static std::string seconds_text(int ms)
 /* Steps in the order of time; agent_at: when it starts. All in ms. */
 static std::string steps(sketch &sketch, int from, int until, int agent_at)
 {
-    std::vector<std::string> texts;
+    std::string text;
     std::vector<int> times;
-    bool running = false, by_itself = agent_at >= 0;
+    bool running = false, by_itself = true;
 
     for (int left = sketch.dice.range(0, sketch.dice.chance(30) ? 20 : 6); left > 0; left--)
         times.push_back(some_moment(sketch, from, until));
     std::sort(times.begin(), times.end());
     for (int time : times) {
-        std::string what;
+        const char *what = "<machine_step>";
 
         if (by_itself && time > agent_at) {
             running = true;
             by_itself = false;
         }
         if (sketch.dice.chance(12) && !by_itself) {
-            what = !running
-                       ? "\"agent\":\"start\""
-                       : (sketch.dice.chance(70) ? "\"agent\":\"restart\"" : "\"agent\":\"stop\"");
-            running = what != "\"agent\":\"stop\"";
-        } else {
-            what = running && sketch.dice.chance(60) ? agent_step(sketch) : machine_step(sketch);
+            const bool stops = running && sketch.dice.chance(30);
+            what = stops ? "'agent':'stop'" : running ? "'agent':'restart'" : "'agent':'start'";
+            running = !stops;
+        } else if (running && sketch.dice.chance(60)) {
+            what = "<agent_step>";
         }
-        texts.push_back("{\"at\":" + seconds_text(time) + "," + what + "}");
+        text += "{'at':" + seconds_text(time) + "," + expand(sketch, what) + "},";
     }
-    return "[" + joined(texts) + "]";
+    return text;
 }
 
 static std::string boot(sketch &sketch)
@@ -409,51 +316,44 @@ static std::string boot(sketch &sketch)
     int until = uptime * 1000 + (sketch.dice.chance(80) ? some_moment(sketch, 100000, 900000)
                                                         : some_moment(sketch, 900000, 8000000));
     int agent = sketch.dice.range(1, 60);
-    std::vector<std::string> members;
 
-    members.push_back(text_format("\"uptime\":%d,\"until\":%s,\"agent_start\":%d", uptime,
-                                  seconds_text(until).c_str(), agent));
-    if (sketch.dice.chance(40))
-        members.push_back("\"log\":" + log_of_boot(sketch));
-    members.push_back("\"machine\":" + machine(sketch));
-    members.push_back(how_it_ends(sketch));
-    members.push_back("\"steps\":" + steps(sketch, uptime * 1000, until, (uptime + agent) * 1000));
-    return "{" + joined(members) + "}";
+    return text_format("{'uptime':%d,'until':%s,'agent_start':%d,", uptime,
+                       seconds_text(until).c_str(), agent) +
+           expand(sketch, "<40%'log':<log>,>'machine':<machine>,<ends>,'steps':[") +
+           steps(sketch, uptime * 1000, until, (uptime + agent) * 1000) + "]},";
 }
 
 void machine_generate(rapidjson::Document &document, uint64_t seed)
 {
     sketch sketch = {{seed}, 0, false, false, false};
-    std::vector<std::string> products, boots;
-    std::string text;
+    std::string products, boots;
 
     sketch.products = sketch.dice.range(1, 5);
     sketch.plain = sketch.dice.chance(15);
     sketch.sticky = !sketch.plain && sketch.dice.chance(15);
     sketch.blamed = !sketch.plain && sketch.dice.chance(15);
     for (int index = 0; index < sketch.products; index++)
-        products.push_back(product(sketch, index));
+        products += "'" + product_key(index) + "':" + expand(sketch, "<product>") +
+                    (index > 0 ? expand(sketch, "<5%'product_name':'a'>},") : "},");
     for (int left = sketch.dice.range(2, 8); left > 0; left--)
-        boots.push_back(boot(sketch));
-    text = "{\"products\":{" + joined(products) + "},\"management\":" + management(sketch) +
-           ",\"before\":{" + how_it_ends(sketch) + "},\"boots\":[" + joined(boots) + "]}";
-    document.Parse(text.data(), text.size());
+        boots += boot(sketch);
+    parse("{'products':{" + products + "},'boots':[" + boots + "]," +
+              expand(sketch, "'management':<management>,'before':{<ends>}}"),
+          document);
 }
 
-/* A step that must not change anything. who: a product of the machine. */
-static json_value noise_step(double at, int which, const std::string &who,
+/* A step that must not change anything. who: a product of the machine; empty: on the console. */
+static json_value noise_step(double at, const std::string &who,
                              rapidjson::Document::AllocatorType &allocator)
 {
     rapidjson::Document step(&allocator);
-    std::string text = text_format("{\"at\":%.3f,", at);
 
-    if (which == 0)
-        text += "\"console\":\"bypass -p\"}";
-    else
-        text += "\"send\":" + quoted(who) +
-                ",\"message\":{\"product_name\":\"z\",\"type\":\"conflict\",\"count\":1,"
-                "\"status\":\"bypass\",\"data\":{\"driver_module\":[\"a_flt\",\"nt\"]}}}";
-    step.Parse(text.data(), text.size());
+    parse(text_format("{'at':%.3f,", at) +
+              (who.empty() ? "'console':'bypass -p'}"
+                           : "'send':'" + who +
+                                 "','message':{'product_name':'z','type':'conflict','count':1,"
+                                 "'status':'bypass','data':{'driver_module':['a_flt','nt']}}}"),
+          step);
     return json_value(step, allocator);
 }
 
@@ -488,8 +388,7 @@ void machine_add_noise(rapidjson::Document &document, uint64_t seed)
 
             noisy.PushBack(json_value(step, document.GetAllocator()), document.GetAllocator());
             for (int left = fits ? dice.range(1, 4) : 0; left > 0; left--)
-                noisy.PushBack(noise_step(at, who.empty() ? 0 : dice.range(0, 1), who,
-                                          document.GetAllocator()),
+                noisy.PushBack(noise_step(at, dice.chance(50) ? who : "", document.GetAllocator()),
                                document.GetAllocator());
         }
         boot["steps"] = noisy;

@@ -24,8 +24,14 @@ class Checks:
             self.failures += 1
 
 
-def host(wine, program, *arguments, env=None):
-    done = subprocess.run([wine, program, *map(str, arguments)], capture_output=True, timeout=120, env=env)
+def windows(path):
+    return "Z:" + str(path).replace("/", "\\")
+
+
+def host(wine, program, *arguments, env=None, lines=()):
+    """Result: exit status, output and errors. lines: of the standard input."""
+    done = subprocess.run([wine, program, *map(str, arguments)], capture_output=True, timeout=120, env=env,
+                          input="".join(line + "\n" for line in lines).encode())
     # Wine's own services share our stderr when they end badly.
     lines = [line for line in done.stderr.decode().splitlines(True) if not line.startswith("wine: ")]
     return done.returncode, done.stdout.decode(), "".join(lines)
