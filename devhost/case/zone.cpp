@@ -46,7 +46,9 @@ static bool parse_offset(const std::string &text, LONG *bias)
     return true;
 }
 
-bool zone_parse(const std::string &text, replay_zone *zone)
+/* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
+ * whether it is one. */
+static bool zone_parse(const std::string &text, replay_zone *zone)
 {
     LONG bias = 0;
 

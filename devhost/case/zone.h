@@ -20,9 +20,6 @@ struct replay_zone {
     std::string source;
 };
 
-/* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
- * whether it is one. */
-bool zone_parse(const std::string &text, replay_zone *zone);
 /* The zone of the computer that runs this program: "UTC+09:00 (Tokyo Standard Time)". */
 std::string zone_of_this_computer(void);
 /* The zone of a boot: of the option when it is not empty, else of the registry, else of the last

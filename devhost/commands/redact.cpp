@@ -341,9 +341,11 @@ static void write_scenario(const std::string &folder, const std::string &scenari
     }
 }
 
-int replay_redact(const struct replay_options &options, const std::string &folder)
+int replay_command_redact(struct replay_arguments &arguments)
 {
-    replay_evidence evidence = replay_read(options, true);
+    commands_prepare(arguments);
+    const std::string &folder = arguments.folder;
+    replay_evidence evidence = replay_read(arguments.options, true);
     evidence_log before;
 
     place_dumps(&evidence);

@@ -148,26 +148,6 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     return story;
 }
 
-/* The commands of the boot, without their times. */
-static std::vector<std::string> orders_now(void)
-{
-    std::vector<std::string> orders;
-
-    for (const happening &what : journal_all()) {
-        rapidjson::Document message;
-
-        if (what.kind != HAPPENED_COMMAND)
-            continue;
-        message.Parse(what.json.c_str());
-        const std::string type = node_text_of(&message, "type", "");
-
-        orders.push_back(what.whom + " " + type);
-        if (type == "set_count")
-            orders.back() += " " + std::to_string(node_integer_of(&message, "count", 0));
-    }
-    return orders;
-}
-
 std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story)
 {
@@ -184,7 +164,7 @@ std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                       static_cast<unsigned>(order.size())));
         replay_choose(options, *run, evidence);
         *story = replay_play(evidence, options.session);
-        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed, orders_now()});
+        rows.push_back({run, replay_answer_of(*evidence, *story), story->blamed, replay_orders()});
     }
     std::sort(rows.begin(), rows.end(), [](const replay_row &a, const replay_row &b) {
         return a.run->number < b.run->number;
@@ -207,7 +187,7 @@ int replay_run(const struct replay_options &options)
     terminal_progress_end();
     const replay_answer answer = replay_answer_of(evidence, story);
     const std::string json =
-        replay_json(evidence, story, answer, rows, options.session.plugin_path);
+        replay_json(evidence, story, answer, rows, options.session.plugin_path, true);
 
     if (!options.html.empty())
         evidence_write(options.html, page_of(json));
