@@ -1,5 +1,5 @@
 /* Crash dumps: read by the engine's reader, and judged by the plug-in on a generated boot. */
-#include "dump.h"
+#include "commands.h"
 
 #include <cstdio>
 
@@ -313,8 +313,9 @@ static bool read_source(const struct dump_options &options,
     return sound;
 }
 
-int replay_dump_command(const struct dump_options &options)
+int replay_command_dump(struct dump_options &options)
 {
+    replay_prepare(&options.session);
     const std::vector<replay_product> products =
         products_read(options.products, options.products_file);
     const std::shared_ptr<const replay_images> images =

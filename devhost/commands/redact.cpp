@@ -378,8 +378,11 @@ static decision play_redacted(const std::string &file, const struct run_options 
     return decision_of(explain_story());
 }
 
-int replay_redact(const struct replay_options &options, const std::string &folder)
+int replay_command_redact(struct replay_arguments &arguments)
 {
+    commands_prepare(arguments);
+    const std::string &folder = arguments.folder;
+    const struct replay_options &options = arguments.options;
     replay_evidence evidence = replay_read(options, true);
     const replay_story story = replay_play(&evidence, options.session);
     const decision original = decision_of(story);

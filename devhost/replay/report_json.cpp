@@ -94,21 +94,6 @@ static void put_dump(json_lines &writer, const replay_evidence &evidence, const 
     writer.EndObject();
 }
 
-static void put_record(json_lines &writer, const event_record &event)
-{
-    std::vector<std::string> strings;
-
-    for (size_t i = 0; i < event.strings.count(); i++)
-        strings.push_back(text_narrow(event.strings.at(i)));
-    writer.StartObject();
-    json_member(writer, "record", event.number);
-    json_member(writer, "source", text_narrow(event.source));
-    json_member(writer, "id", event.id);
-    json_member(writer, "time", time_iso(time_of_unix(event.time)));
-    json_member(writer, "strings", strings);
-    writer.EndObject();
-}
-
 static void put_reason(json_lines &writer, const replay_reason &reason)
 {
     static const char *const topics[REASON_TOPICS] = {"log", "dump", "stack", "verdict"};
@@ -208,7 +193,7 @@ static void put_story(json_lines &writer, const replay_evidence &evidence,
                       const replay_story &story)
 {
     json_list(writer, "records", story.records,
-              [&](const event_record &event) { put_record(writer, event); });
+              [&](const event_record &event) { evidence_put_record(writer, event, false); });
     json_list(writer, "dumps", evidence.dumps,
               [&](const replay_dump &placed) { put_dump(writer, evidence, placed, story); });
     json_list(writer, "stack", story.stack, [&](const replay_frame &frame) {
@@ -250,24 +235,14 @@ static void put_head(json_lines &writer, const replay_evidence &evidence, const 
 
 std::string replay_json(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows,
-                        const std::string &plugin)
+                        const std::string &plugin, bool with_story)
 {
     return json_text<json_lines>([&](json_lines &writer) {
                writer.StartObject();
                put_head(writer, evidence, story, answer, rows, plugin);
-               put_story(writer, evidence, story);
+               if (with_story)
+                   put_story(writer, evidence, story);
                writer.EndObject();
            }) +
            "\n";
-}
-
-std::string replay_json_of_boots(const replay_evidence &evidence, const replay_story &story,
-                                 const replay_answer &answer, const std::vector<replay_row> &rows,
-                                 const std::string &plugin)
-{
-    return json_text<json_lines>([&](json_lines &writer) {
-        writer.StartObject();
-        put_head(writer, evidence, story, answer, rows, plugin);
-        writer.EndObject();
-    });
 }
