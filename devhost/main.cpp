@@ -278,6 +278,8 @@ static void add_redact(CLI::App &app, int *status)
 
     add_evidence_options(*command, *arguments);
     command->get_option("--events")->required();
+    add_images_option(*command, arguments->options.images);
+    add_plugin_option(*command, arguments->options.session.plugin_path);
     command->add_option("FOLDER", arguments->folder, "New folder for the scenario")->required();
     command->callback([arguments, status] { *status = replay_command_redact(*arguments); });
 }

@@ -25,7 +25,8 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
 {
     const std::wstring wide = text_wide(path);
     const DWORD attributes = GetFileAttributesW(wide.c_str());
-    BY_HANDLE_FILE_INFORMATION facts;
+    LARGE_INTEGER size;
+    FILETIME written;
 
     if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
         evidence_bad(path, "a folder, expected a file");
@@ -33,14 +34,15 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
         wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr)};
 
-    if (file.handle == INVALID_HANDLE_VALUE || !GetFileInformationByHandle(file.handle, &facts)) {
+    /* Not GetFileInformationByHandle, which asks another process for the volume under Wine. */
+    if (file.handle == INVALID_HANDLE_VALUE || !GetFileSizeEx(file.handle, &size) ||
+        !GetFileTime(file.handle, nullptr, nullptr, &written)) {
         const DWORD error = GetLastError();
 
         evidence_bad(path, "cannot be opened: " + text_error(error));
     }
-    bytes_ = static_cast<uint64_t>(facts.nFileSizeHigh) << 32 | facts.nFileSizeLow;
-    written_100ns_ = static_cast<uint64_t>(facts.ftLastWriteTime.dwHighDateTime) << 32 |
-                     facts.ftLastWriteTime.dwLowDateTime;
+    bytes_ = static_cast<uint64_t>(size.QuadPart);
+    written_100ns_ = static_cast<uint64_t>(written.dwHighDateTime) << 32 | written.dwLowDateTime;
     if (bytes_ > most_bytes)
         evidence_bad(path, text_format("has %llu bytes, expected %llu at most",
                                        static_cast<unsigned long long>(bytes_),
@@ -57,11 +59,12 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
 
         evidence_bad(path, "cannot be read: " + text_error(error));
     }
+    is_mapped_ = true;
 }
 
 evidence_file::~evidence_file()
 {
-    if (data_ != nullptr)
+    if (is_mapped_)
         UnmapViewOfFile(data_);
 }
 

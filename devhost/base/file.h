@@ -18,6 +18,10 @@ class evidence_file
     /* path: UTF-8. Throws devhost_error with EXIT_BAD_EVIDENCE for a file that cannot be read or
      * has more than most_bytes. */
     evidence_file(const std::string &path, uint64_t most_bytes);
+    /* The content of a file that is in memory already; borrowed. */
+    evidence_file(const uint8_t *data, uint64_t bytes) : data_(data), bytes_(bytes)
+    {
+    }
     ~evidence_file();
     evidence_file(const evidence_file &) = delete;
     evidence_file &operator=(const evidence_file &) = delete;
@@ -41,6 +45,7 @@ class evidence_file
     const uint8_t *data_ = nullptr;
     uint64_t bytes_ = 0;
     uint64_t written_100ns_ = 0;
+    bool is_mapped_ = false;
 };
 
 /* Writes a result: to a temporary file, which then replaces the old one, so that a reader sees the old

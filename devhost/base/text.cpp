@@ -99,6 +99,24 @@ std::string text_replace(std::string text, const std::string &from, const std::s
     return text;
 }
 
+std::string text_hex(const std::string &bytes)
+{
+    std::string hex;
+
+    for (char byte : bytes)
+        hex += text_format("%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
+    return hex;
+}
+
+std::string text_of_hex(const std::string &hex)
+{
+    std::string bytes;
+
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
+    return bytes;
+}
+
 std::string text_count(uint64_t number, const std::string &noun)
 {
     std::string text = std::to_string(number);

@@ -26,6 +26,10 @@ std::string text_lower(const std::string &ascii);
 /* text with every occurrence of one part replaced. */
 std::string text_replace(std::string text, const std::string &from, const std::string &to);
 
+/* Bytes as hexadecimal digits, "00ff", and back; half a pair at the end is left out. */
+std::string text_hex(const std::string &bytes);
+std::string text_of_hex(const std::string &hex);
+
 /* "1 dump", "2,345 records": a number with its noun, which takes an s. */
 std::string text_count(uint64_t number, const std::string &noun);
 

@@ -7,8 +7,6 @@
 #include "../machine/registry.h"
 
 static constexpr wchar_t ZONE_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\TimeZoneInformation";
-/* No zone is further from UTC. */
-static constexpr int BIAS_MOST = 900;
 /* The string of record 24 with minutes that local time is behind UTC. */
 static constexpr int BIAS_STRING = 1;
 
@@ -32,35 +30,61 @@ static replay_zone fixed_zone(LONG bias, const std::string &source)
     return zone;
 }
 
-/* "+9", "-03:30". */
-static bool parse_offset(const std::string &text, LONG *bias)
+static bool is_offset(const std::string &text)
 {
-    unsigned hours, minutes = 0;
-    char sign, rest;
-    const int fields = sscanf(text.c_str(), "%c%2u:%2u%c", &sign, &hours, &minutes, &rest);
-
-    if ((fields != 2 && fields != 3) || (sign != '+' && sign != '-') || minutes > 59 ||
-        hours * 60 + minutes > BIAS_MOST || (fields == 2 && text.back() == ':'))
-        return false;
-    *bias = static_cast<LONG>(hours * 60 + minutes) * (sign == '+' ? -1 : 1);
-    return true;
+    return !text.empty() && (text[0] == '+' || text[0] == '-');
 }
 
 /* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
  * whether it is one. */
 static bool zone_parse(const std::string &text, replay_zone *zone)
 {
-    LONG bias = 0;
-
     *zone = replay_zone();
     if (text_lower(text) == "utc")
         return true;
-    if (parse_offset(text, &bias)) {
-        *zone = fixed_zone(bias, "");
-        return true;
+    if (!machine_time_zone(text_wide(text), &zone->rules))
+        return false;
+    zone->name = is_offset(text) ? offset_text(zone->rules.Bias) : text;
+    return true;
+}
+
+static bool has_rules_of(const replay_zone &zone, const std::string &name)
+{
+    TIME_ZONE_INFORMATION known;
+
+    return machine_time_zone(text_wide(name), &known) && known.Bias == zone.rules.Bias &&
+           known.StandardBias == zone.rules.StandardBias &&
+           known.DaylightBias == zone.rules.DaylightBias &&
+           memcmp(&known.StandardDate, &zone.rules.StandardDate, sizeof(SYSTEMTIME)) == 0 &&
+           memcmp(&known.DaylightDate, &zone.rules.DaylightDate, sizeof(SYSTEMTIME)) == 0;
+}
+
+static std::string date_hex(const SYSTEMTIME &date)
+{
+    return text_hex(std::string(reinterpret_cast<const char *>(&date), sizeof(date)));
+}
+
+void zone_put(json_lines &writer, const replay_zone &zone)
+{
+    const std::string offset = offset_text(zone.rules.Bias);
+
+    writer.Key("time_zone");
+    if (has_rules_of(zone, zone.name)) {
+        json_put(writer, zone.name);
+        return;
     }
-    zone->name = text;
-    return machine_time_zone(text_wide(text), &zone->rules);
+    if (zone.rules.DaylightDate.wMonth == 0) {
+        json_put(writer, offset == "UTC" ? offset : offset.substr(3));
+        return;
+    }
+    /* Windows changes the rules of its zones: those of the machine may be older or newer ones. */
+    writer.StartObject();
+    json_member(writer, "bias", static_cast<int64_t>(zone.rules.Bias));
+    json_member(writer, "standard_bias", static_cast<int64_t>(zone.rules.StandardBias));
+    json_member(writer, "daylight_bias", static_cast<int64_t>(zone.rules.DaylightBias));
+    json_member(writer, "standard_start", date_hex(zone.rules.StandardDate));
+    json_member(writer, "daylight_start", date_hex(zone.rules.DaylightDate));
+    writer.EndObject();
 }
 
 std::string zone_of_this_computer(void)
@@ -106,8 +130,8 @@ static bool of_registry(const evidence_registry &registry, replay_zone *zone)
     TIME_ZONE_INFORMATION rules = {};
     DWORD fixed = 0;
 
-    if (!read_value(registry, L"Bias", REG_DWORD, &rules.Bias) || rules.Bias > BIAS_MOST ||
-        rules.Bias < -BIAS_MOST)
+    if (!read_value(registry, L"Bias", REG_DWORD, &rules.Bias) || rules.Bias > MACHINE_BIAS_MOST ||
+        rules.Bias < -MACHINE_BIAS_MOST)
         return false;
     (void)read_value(registry, L"DynamicDaylightTimeDisabled", REG_DWORD, &fixed);
     if (fixed == 0 && read_value(registry, L"StandardStart", REG_BINARY, &rules.StandardDate) &&
@@ -136,7 +160,7 @@ static bool of_log(const evidence_log &log, const evidence_run &boot, replay_zon
         const std::wstring text = event.strings.at(BIAS_STRING);
         const long bias = wcstol(text.c_str(), &end, 10);
 
-        if (text.empty() || *end != L'\0' || bias > BIAS_MOST || bias < -BIAS_MOST)
+        if (text.empty() || *end != L'\0' || bias > MACHINE_BIAS_MOST || bias < -MACHINE_BIAS_MOST)
             continue;
         *zone = fixed_zone(bias, text_format("record %u", event.number));
         return true;

@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "../base/text_json.h"
 #include "../evidence/boots.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
@@ -20,6 +21,8 @@ struct replay_zone {
     std::string source;
 };
 
+/* The member "time_zone" of a scenario's machine. */
+void zone_put(json_lines &writer, const replay_zone &zone);
 /* The zone of the computer that runs this program: "UTC+09:00 (Tokyo Standard Time)". */
 std::string zone_of_this_computer(void);
 /* The zone of a boot: of the option when it is not empty, else of the registry, else of the last

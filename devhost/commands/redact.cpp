@@ -11,12 +11,13 @@
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../machine/machine_open.h"
-#include "../machine/registry.h"
-#include "../scenario/scenario.h"
+#include "../play/load.h"
+#include "../play/play.h"
+#include "../scenario/journal.h"
 
 /* A check with the standard number of polls is over by then. */
-static constexpr int UNTIL_SECONDS = 900;
+static constexpr uint64_t USUAL_MS = 900ull * 1000;
+static constexpr uint64_t AFTER_MS = 60ull * 1000;
 
 static constexpr int STACK_FRAMES = 99;
 
@@ -138,7 +139,8 @@ static event_record redacted(const event_record &event)
 }
 
 /* A dump becomes its stack, as call sites. */
-static void put_dump(json_lines &writer, const replay_dump &placed, const std::string &place)
+static void put_dump(json_lines &writer, const replay_dump &placed,
+                     const std::vector<kernel_image> &images, const std::string &place)
 {
     const evidence_file file(placed.dump.path, UINT64_MAX);
     struct kernel_dump facts;
@@ -147,7 +149,7 @@ static void put_dump(json_lines &writer, const replay_dump &placed, const std::s
 
     if (kernel_dump_read(file.data(), file.bytes(), &facts, &reason) != KERNEL_DUMP_OK)
         evidence_bad(placed.dump.path, reason);
-    for (const kernel_dump_frame &frame : kernel_dump_walk(facts, STACK_FRAMES))
+    for (const kernel_dump_frame &frame : kernel_dump_walk(facts, STACK_FRAMES, images))
         frames.push_back(kernel_dump_call_site(facts, frame.instruction));
     writer.StartObject();
     json_member(writer, "path", place);
@@ -159,6 +161,7 @@ static void put_dump(json_lines &writer, const replay_dump &placed, const std::s
 
 static void put_dumps(json_lines &writer, const replay_evidence &evidence)
 {
+    const std::vector<kernel_image> none;
     size_t number = 0;
 
     writer.Key("files");
@@ -169,7 +172,8 @@ static void put_dumps(json_lines &writer, const replay_evidence &evidence)
 
         /* The setting names the file of a complete dump, and the folder of small ones. */
         if (placed.there)
-            put_dump(writer, placed, redacted_file(placed.place, small ? name : OTHER_DUMP));
+            put_dump(writer, placed, evidence.images != nullptr ? evidence.images->images : none,
+                     redacted_file(placed.place, small ? name : OTHER_DUMP));
     }
     writer.EndArray();
 }
@@ -240,13 +244,13 @@ static void put_event(json_lines &writer, const event_record &event)
 }
 
 /* The boot's records as steps, each at its time. */
-static void put_steps(json_lines &writer, const replay_evidence &evidence)
+static void put_steps(json_lines &writer, const replay_evidence &evidence, uint64_t until_ms)
 {
     uint64_t start = evidence.boot->started_100ns; /* as the clock stands at a record */
 
     writer.Key("steps");
     writer.StartArray();
-    for (const replay_moment &moment : replay_moments(evidence, UNTIL_SECONDS * 1000ull)) {
+    for (const replay_moment &moment : replay_moments(evidence, until_ms)) {
         const double at = static_cast<double>(moment.ms) / 1000.0;
 
         start += static_cast<uint64_t>(moment.clock_change_100ns);
@@ -266,12 +270,15 @@ static void put_steps(json_lines &writer, const replay_evidence &evidence)
 
 static void put_boot(json_lines &writer, const replay_evidence &evidence)
 {
+    /* The registry may ask for more polls than usual. */
+    const uint64_t until = std::max(USUAL_MS, journal_all().back().ms / 1000 * 1000 + AFTER_MS);
+
     writer.StartObject();
     json_member(writer, "at", time_iso(evidence.boot->started_100ns, true));
-    json_member(writer, "until", UNTIL_SECONDS);
+    json_member(writer, "until", until / 1000);
     writer.Key("log");
     writer.Null();
-    put_steps(writer, evidence);
+    put_steps(writer, evidence, until);
     writer.EndObject();
 }
 
@@ -290,6 +297,7 @@ static std::string scenario_json(const replay_evidence &evidence)
                json_member_as_is(writer, "management", node_to_text(base["management"]));
                writer.Key("machine");
                writer.StartObject();
+               zone_put(writer, evidence.zone);
                put_registry(writer, evidence.registry);
                put_dumps(writer, evidence);
                json_member(writer, "events_from", "events.json");
@@ -301,17 +309,6 @@ static std::string scenario_json(const replay_evidence &evidence)
                writer.EndObject();
            }) +
            "\n";
-}
-
-/* Their places depend on the registry, which needs a machine. */
-static void place_dumps(replay_evidence *evidence)
-{
-    const run_folder machine("");
-
-    machine_open(text_wide(machine.path));
-    for (const evidence_value &value : evidence->registry.values)
-        machine_set_value(value.key, value.name, value.type, value.data);
-    replay_place_dumps(evidence);
 }
 
 static std::string below(const std::string &folder, const std::string &name)
@@ -341,22 +338,76 @@ static void write_scenario(const std::string &folder, const std::string &scenari
     }
 }
 
+/* What the plug-in decides on a boot that was played. */
+struct decision {
+    enum replay_verdict verdict;
+    std::string blamed;
+    std::vector<std::string> orders;
+};
+
+static decision decision_of(const replay_story &story)
+{
+    return {story.verdict, story.blamed, replay_orders()};
+}
+
+static std::string decision_text(const decision &decided)
+{
+    return std::string(explain_verdict_name(decided.verdict)) + ", blames " +
+           (decided.blamed.empty() ? "nobody" : decided.blamed) + ", " +
+           text_count(decided.orders.size(), "order");
+}
+
+/* The decision on the redacted boot. */
+static decision play_redacted(const std::string &file, const struct run_options &session)
+{
+    const run_folder own("");
+    const struct play_options options = {own.path, session.plugin_path, false, false};
+    struct scenario scenario;
+
+    scenario_load(scenario, file, {});
+    try {
+        play_open(scenario, options);
+        explain_start();
+        (void)play_begin_boot();
+        play_run_until(play_boot_end_ms());
+    } catch (...) {
+        (void)play_close();
+        throw;
+    }
+    (void)play_close();
+    return decision_of(explain_story());
+}
+
 int replay_command_redact(struct replay_arguments &arguments)
 {
     commands_prepare(arguments);
     const std::string &folder = arguments.folder;
     replay_evidence evidence = replay_read(arguments.options, true);
+    const replay_story story = replay_play(&evidence, arguments.options.session);
+    const decision original = decision_of(story);
+    const replay_answer answer = replay_answer_of(evidence, story);
     evidence_log before;
 
-    place_dumps(&evidence);
     for (size_t i = 0; i <= evidence.boot->begin; i++)
         before.events.push_back(redacted(evidence.log.events[i]));
     const std::string scenario = scenario_json(evidence),
-                      events = evidence_log_json(before, 0, UINT64_MAX);
+                      events = evidence_log_json(before, 0, UINT64_MAX),
+                      file = below(folder, "scenario.json");
 
     write_scenario(folder, scenario, events);
-    terminal_write(folder + ": " + text_count(evidence.log.events.size(), "record") + ", " +
-                   text_count(evidence.dumps.size(), "dump") + "; play it with\n  " +
-                   terminal_command("run", below(folder, "scenario.json")) + "\n");
-    return EXIT_ALL_HOLD;
+    const decision redacted = play_redacted(file, arguments.options.session);
+    const bool same = original.verdict == redacted.verdict && original.blamed == redacted.blamed &&
+                      original.orders == redacted.orders;
+
+    terminal_write(
+        folder + ": " + text_count(evidence.log.events.size(), "record") + ", " +
+        text_count(evidence.dumps.size(), "dump") + "; play it with\n  " +
+        terminal_command("run", file) + "\n" +
+        (same ? "The plug-in decides as on the original: " + decision_text(original) +
+                    ". The answer is \"" + replay_answer_name(answer.kind) + "\"" +
+                    (answer.doubts.empty() ? "" : "; its doubts are in the result of replay only") +
+                    ".\n"
+              : "The plug-in decides otherwise on it: " + decision_text(redacted) +
+                    ". On the original: " + decision_text(original) + ".\n"));
+    return same ? EXIT_ALL_HOLD : EXIT_EXPECTATION_FAILED;
 }

@@ -166,27 +166,30 @@ static bool is_json(const evidence_file &file)
     return at < file.bytes() && (file.data()[at] == '[' || file.data()[at] == '{');
 }
 
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
-                       const event_filter *filter)
+void evidence_log_parse(const std::string &path, const evidence_file &file,
+                        enum evidence_damage allowed, evidence_log *log, const event_filter *filter)
 {
-    const evidence_file file(path, UINT64_MAX);
-
     *log = {};
     if (file.bytes() == 0)
         evidence_bad(path, "empty, expected an event log");
-    if (!evidence_is_evtx(file)) {
-        if (!is_json(file))
-            evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
-        if (file.bytes() > MOST_JSON_BYTES)
-            evidence_bad(path, "larger than any log in JSON, 1 GiB");
+    if (evidence_is_evtx(file))
+        evidence_read_evtx(path, file, filter, log);
+    else if (!is_json(file))
+        evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
+    else if (file.bytes() > MOST_JSON_BYTES)
+        evidence_bad(path, "larger than any log in JSON, 1 GiB");
+    else
         read_json(path, file, filter, log);
-        return;
-    }
-    evidence_read_evtx(path, file, filter, log);
     if (!log->cut_off.empty() && allowed != EVIDENCE_LENIENT)
         evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)
         evidence_bad(path, log->damage.front());
+}
+
+void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
+                       const event_filter *filter)
+{
+    evidence_log_parse(path, evidence_file(path, UINT64_MAX), allowed, log, filter);
 }
 
 std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t most)

@@ -30,6 +30,11 @@ enum evidence_damage {
  */
 void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
                        const event_filter *filter = nullptr);
+/* The same for a file that is open; path: for errors. */
+class evidence_file;
+void evidence_log_parse(const std::string &path, const evidence_file &file,
+                        enum evidence_damage allowed, evidence_log *log,
+                        const event_filter *filter = nullptr);
 
 /* The damage in lines for a person, the last one a summary; none for a sound log. most: lines without
  * the summary. */

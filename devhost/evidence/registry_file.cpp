@@ -251,9 +251,9 @@ static void parse_value(const reader &from, const std::wstring &line, const std:
         registry->values.push_back(value);
 }
 
-void evidence_registry_read(const std::string &path, evidence_registry *registry)
+void evidence_registry_parse(const std::string &path, const evidence_file &file,
+                             evidence_registry *registry)
 {
-    const evidence_file file(path, MOST_BYTES);
     reader from = {path, decode(path, file)};
     std::wstring line, key;
     bool in_key = false;
@@ -279,4 +279,9 @@ void evidence_registry_read(const std::string &path, evidence_registry *registry
         }
     }
     name_current_set(registry);
+}
+
+void evidence_registry_read(const std::string &path, evidence_registry *registry)
+{
+    evidence_registry_parse(path, evidence_file(path, MOST_BYTES), registry);
 }

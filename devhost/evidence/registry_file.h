@@ -23,5 +23,9 @@ struct evidence_registry {
 /* Adds the values of a file that regedit or "reg export" wrote, version 5 (UTF-16 or UTF-8) or 4
  * (UTF-8). Throws devhost_error with EXIT_BAD_EVIDENCE that names the line. */
 void evidence_registry_read(const std::string &path, evidence_registry *registry);
+/* The same for a file that is open; path: for errors. */
+class evidence_file;
+void evidence_registry_parse(const std::string &path, const evidence_file &file,
+                             evidence_registry *registry);
 
 #endif

@@ -292,10 +292,10 @@ bool zip_is_archive(const std::string &path)
     return at<uint32_t>(file, 0) == LOCAL_MARK || at<uint32_t>(file, 0) == END_MARK;
 }
 
-std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
-                                    bool (*wanted)(const std::string &name))
+std::vector<zip_member> zip_extract_file(const std::string &path, const evidence_file &file,
+                                         const std::string &folder,
+                                         bool (*wanted)(const std::string &name))
 {
-    const evidence_file file(path, UINT64_MAX);
     const std::vector<entry> entries = read_directory(path, file);
     std::vector<zip_member> members;
 
@@ -322,4 +322,10 @@ std::vector<zip_member> zip_extract(const std::string &path, const std::string &
             member.path = own + "\\" + name;
     }
     return members;
+}
+
+std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
+                                    bool (*wanted)(const std::string &name))
+{
+    return zip_extract_file(path, evidence_file(path, UINT64_MAX), folder, wanted);
 }

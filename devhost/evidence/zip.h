@@ -23,5 +23,10 @@ bool zip_is_archive(const std::string &path);
  * EXIT_BAD_CALL when a file cannot be written. */
 std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
                                     bool (*wanted)(const std::string &name));
+/* The same for a file that is open; path: for errors. */
+class evidence_file;
+std::vector<zip_member> zip_extract_file(const std::string &path, const evidence_file &file,
+                                         const std::string &folder,
+                                         bool (*wanted)(const std::string &name));
 
 #endif

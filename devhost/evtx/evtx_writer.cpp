@@ -26,7 +26,9 @@ struct chunk_state {
     std::string bytes;
     std::map<std::wstring, uint32_t> names;             /* to their offsets */
     std::map<const xml_template *, uint32_t> templates; /* likewise */
-    uint32_t name_table[NAME_BUCKETS], template_table[TEMPLATE_BUCKETS];
+    struct {
+        uint32_t names[NAME_BUCKETS], templates[TEMPLATE_BUCKETS];
+    } tables;
     uint64_t first, last; /* record numbers; 0: none */
     uint32_t last_offset;
 };
@@ -64,7 +66,7 @@ static void put_name(chunk_state &chunk, const std::wstring &name)
     const auto known = chunk.names.find(name);
     const std::string text = evtx_text_bytes(name);
     const uint16_t hash = static_cast<uint16_t>(hash_of(text));
-    uint32_t &bucket = chunk.name_table[hash % NAME_BUCKETS];
+    uint32_t &bucket = chunk.tables.names[hash % NAME_BUCKETS];
 
     if (known != chunk.names.end()) {
         put(&chunk.bytes, known->second);
@@ -142,7 +144,7 @@ static void put_fragment(chunk_state &chunk)
 static void put_definition(chunk_state &chunk, const xml_template &used)
 {
     const std::string guid(reinterpret_cast<const char *>(used.guid), sizeof(used.guid));
-    uint32_t &bucket = chunk.template_table[hash_of(guid) % TEMPLATE_BUCKETS];
+    uint32_t &bucket = chunk.tables.templates[hash_of(guid) % TEMPLATE_BUCKETS];
     const uint32_t offset = static_cast<uint32_t>(chunk.bytes.size() + sizeof(uint32_t));
 
     put(&chunk.bytes, offset);
@@ -193,31 +195,32 @@ static bool put_instance(chunk_state &chunk, const xml_value &instance)
     return true;
 }
 
-/* Result: false, and an unchanged chunk, when the record does not fit. */
+/* Result: false when the record does not fit; then nothing else can be added to the chunk. */
 static bool add_record(chunk_state *chunk, const event_record &event, const xml_value &instance)
 {
-    chunk_state grown = *chunk;
-    const size_t begin = grown.bytes.size();
+    std::string &bytes = chunk->bytes;
+    const auto tables = chunk->tables;
+    const size_t begin = bytes.size();
 
-    grown.bytes += std::string("**\0\0", 4);
-    put(&grown.bytes, uint32_t(0));
-    put(&grown.bytes, uint64_t(event.number));
-    put(&grown.bytes, time_of_unix(event.time));
-    put_fragment(grown);
-    if (!put_instance(grown, instance))
+    bytes += std::string("**\0\0", 4);
+    put(&bytes, uint32_t(0));
+    put(&bytes, uint64_t(event.number));
+    put(&bytes, time_of_unix(event.time));
+    put_fragment(*chunk);
+    const bool holds = put_instance(*chunk, instance);
+    bytes += '\0';
+    bytes.append((RECORD_ALIGN - (bytes.size() + 4) % RECORD_ALIGN) % RECORD_ALIGN, '\0');
+    const uint32_t size = static_cast<uint32_t>(bytes.size() + 4 - begin);
+    if (!holds || begin + size > MAX_RECORD_END) {
+        bytes.resize(begin);
+        chunk->tables = tables;
         return false;
-    grown.bytes += '\0';
-    grown.bytes.append((RECORD_ALIGN - (grown.bytes.size() + 4) % RECORD_ALIGN) % RECORD_ALIGN,
-                       '\0');
-    const uint32_t size = static_cast<uint32_t>(grown.bytes.size() + 4 - begin);
-    if (begin + size > MAX_RECORD_END)
-        return false;
-    put(&grown.bytes, size);
-    patch(&grown.bytes, begin + 4, size);
-    grown.first = grown.first != 0 ? grown.first : event.number;
-    grown.last = event.number;
-    grown.last_offset = static_cast<uint32_t>(begin);
-    *chunk = std::move(grown);
+    }
+    put(&bytes, size);
+    patch(&bytes, begin + 4, size);
+    chunk->first = chunk->first != 0 ? chunk->first : event.number;
+    chunk->last = event.number;
+    chunk->last_offset = static_cast<uint32_t>(begin);
     return true;
 }
 
@@ -238,9 +241,7 @@ static std::string seal(const chunk_state &chunk)
     put(&head, end);
     put(&head, oxni_crc32_calc(&chunk.bytes[CHUNK_HEADER_BYTES], end - CHUNK_HEADER_BYTES));
     head.append(64, '\0');
-    tables.append(reinterpret_cast<const char *>(chunk.name_table), sizeof(chunk.name_table));
-    tables.append(reinterpret_cast<const char *>(chunk.template_table),
-                  sizeof(chunk.template_table));
+    tables.append(reinterpret_cast<const char *>(&chunk.tables), sizeof(chunk.tables));
     const std::string summed = head + tables;
     const uint32_t sum = oxni_crc32_calc(summed.data(), summed.size());
     put(&head, uint32_t(1)); /* flags: as in every chunk of Windows */

@@ -108,7 +108,7 @@ static std::string file_member(const std::wstring &path, const std::string &memb
     if (member == "text")
         return bytes;
     if (member == "bytes")
-        return machine_setup_hex(bytes);
+        return text_hex(bytes);
     if (member == "record_count")
         return std::to_string(machine_setup_record_count(bytes));
     if (member == "size")

@@ -389,6 +389,20 @@ struct registry_zone {
 };
 static_assert(sizeof(registry_zone) == 44, "REG_TZI_FORMAT");
 
+/* "+9", "-03:30"; in minutes that local time is behind UTC. */
+static bool parse_offset(const std::string &text, LONG *bias)
+{
+    unsigned hours, minutes = 0;
+    char sign, rest;
+    const int fields = sscanf(text.c_str(), "%c%2u:%2u%c", &sign, &hours, &minutes, &rest);
+
+    if ((fields != 2 && fields != 3) || (sign != '+' && sign != '-') || minutes > 59 ||
+        hours * 60 + minutes > MACHINE_BIAS_MOST || (fields == 2 && text.back() == ':'))
+        return false;
+    *bias = static_cast<LONG>(hours * 60 + minutes) * (sign == '+' ? -1 : 1);
+    return true;
+}
+
 bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
 {
     static std::map<std::wstring, registry_zone> known; /* long runs repeat a few zones */
@@ -396,6 +410,9 @@ bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
     registry_zone rules;
     DWORD bytes = sizeof(rules);
 
+    ZeroMemory(zone, sizeof(*zone));
+    if (name == L"UTC" || parse_offset(text_narrow(name), &zone->Bias))
+        return true;
     if (known.count(name) == 0) {
         if (RegGetValueW(HKEY_LOCAL_MACHINE, path.c_str(), L"TZI", RRF_RT_REG_BINARY, nullptr,
                          &rules, &bytes) != ERROR_SUCCESS ||
@@ -404,7 +421,6 @@ bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone)
         known[name] = rules;
     }
     rules = known[name];
-    ZeroMemory(zone, sizeof(*zone));
     zone->Bias = rules.bias;
     zone->StandardBias = rules.standard_bias;
     zone->DaylightBias = rules.daylight_bias;

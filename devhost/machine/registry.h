@@ -16,8 +16,9 @@ bool machine_key_exists(const std::wstring &key);
 /* The value as text: a string unchanged, a number in decimal. Result: whether it exists. */
 bool machine_get_value(const std::wstring &key, const std::wstring &name, std::string *text);
 
-/* The rules of a time zone by its Windows name, "Tokyo Standard Time", from the real registry.
- * Result: whether there is one. */
+static constexpr int MACHINE_BIAS_MOST = 900; /* no zone is more minutes from UTC */
+/* The rules of a time zone by its Windows name, "Tokyo Standard Time", from the real registry, or by its
+ * offset, "+09:00", "-3:30". Result: whether there is one. */
 bool machine_time_zone(const std::wstring &name, TIME_ZONE_INFORMATION *zone);
 
 #endif

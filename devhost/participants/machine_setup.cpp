@@ -70,14 +70,36 @@ void machine_setup_log_level(const std::string &name)
             oxnih_log_set_level(level);
 }
 
-static void set_zone(const node &name)
+/* Result: whether it is one, or none is given. */
+static bool date_of(const std::string &hex, SYSTEMTIME *date)
+{
+    const std::string bytes = text_of_hex(hex);
+
+    if (bytes.size() == sizeof(*date))
+        memcpy(date, bytes.data(), sizeof(*date));
+    return hex.empty() || bytes.size() == sizeof(*date);
+}
+
+bool machine_setup_zone(const node &said, TIME_ZONE_INFORMATION *zone)
+{
+    *zone = {};
+    if (said->IsString())
+        return machine_time_zone(text_wide(said->GetString()), zone);
+    zone->Bias = static_cast<LONG>(said.integer("bias", 0));
+    zone->StandardBias = static_cast<LONG>(said.integer("standard_bias", 0));
+    zone->DaylightBias = static_cast<LONG>(said.integer("daylight_bias", 0));
+    return date_of(said.text("standard_start"), &zone->StandardDate) &&
+           date_of(said.text("daylight_start"), &zone->DaylightDate);
+}
+
+static void set_zone(const node &said)
 {
     TIME_ZONE_INFORMATION zone;
 
-    if (!name)
+    if (!said)
         return;
-    if (!machine_time_zone(text_wide(name->GetString()), &zone))
-        name.bad("unknown time zone " + node_to_text(*name));
+    if (!machine_setup_zone(said, &zone))
+        said.bad("unknown time zone " + node_to_text(*said));
     oxnih_clock_set_zone(&zone);
 }
 
@@ -235,24 +257,6 @@ std::wstring machine_setup_path(const std::string &path)
     return text_wide(text_replace(full, "{bin}", agent_bin_folder()));
 }
 
-std::string machine_setup_hex(const std::string &bytes)
-{
-    std::string hex;
-
-    for (char byte : bytes)
-        hex += text_format("%02x", static_cast<unsigned>(static_cast<uint8_t>(byte)));
-    return hex;
-}
-
-static std::string bytes_of_hex(const std::string &hex)
-{
-    std::string bytes;
-
-    for (size_t i = 0; i + 1 < hex.size(); i += 2)
-        bytes += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
-    return bytes;
-}
-
 /* The bytes of an .ejs document, as the platform writes it at that path. */
 static std::string document_bytes(const std::wstring &path, const json_value &document)
 {
@@ -275,7 +279,7 @@ void machine_setup_file(const node &file)
     if (file["from"])
         bytes = machine_read_real_file(text_wide(file["from"].path()), EXIT_BAD_EVIDENCE);
     if (file["bytes"])
-        bytes = bytes_of_hex(file.text("bytes"));
+        bytes = text_of_hex(file.text("bytes"));
     if (file["document"])
         bytes = document_bytes(path, *file["document"]);
     if (file["record_count"])

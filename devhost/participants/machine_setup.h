@@ -3,6 +3,7 @@
 #define DEVHOST_MACHINE_SETUP_H
 
 #include <cstdint>
+#include <windows.h>
 
 #include <string>
 
@@ -21,8 +22,8 @@ void machine_setup_value(const node &value);
 std::string machine_setup_value_problem(const node &value);
 /* A path of the machine in which "{base}", "{bin}" and "{data}" are replaced. */
 std::wstring machine_setup_path(const std::string &path);
-/* Returns bytes as hexadecimal digits, "00ff". */
-std::string machine_setup_hex(const std::string &bytes);
+/* The rules of a member "time_zone". Result: whether they are known. */
+bool machine_setup_zone(const node &said, TIME_ZONE_INFORMATION *zone);
 /* Returns the count in the bytes of a driver's crash record; -1 for another size. */
 int64_t machine_setup_record_count(const std::string &bytes);
 

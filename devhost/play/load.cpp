@@ -84,10 +84,11 @@ static std::string check_time_zone(const node &value)
 {
     TIME_ZONE_INFORMATION zone;
 
-    return machine_time_zone(text_wide(value->GetString()), &zone)
+    return machine_setup_zone(value, &zone)
                ? ""
                : "unknown time zone " + node_to_text(*value) +
-                     ", expected a name such as \"Tokyo Standard Time\"";
+                     ", expected UTC, an offset such as \"+09:00\", a name such as \"Tokyo "
+                     "Standard Time\", or rules with dates of 32 hexadecimal digits";
 }
 
 /* Ends the check when the file is named by an undefined name: it is skipped. */
@@ -251,7 +252,7 @@ static void check_members(problem_list &problems, const json_value &rules, const
     const json_value *others = node_member(&rules, "additionalProperties");
 
     for (const json_value *name : node_elements(&rules, "required"))
-        if (!object[name->GetString()])
+        if (object->IsObject() && !object[name->GetString()])
             add(problems, object, std::string("member \"") + name->GetString() + "\" is missing");
     for (const auto &[name, value] : object.members()) {
         const json_value *its = node_member(properties, name.c_str());

@@ -1,6 +1,8 @@
 /* Plays a scenario without its agent, and takes what Windows leaves. */
 #include "history.h"
 
+#include <cstring>
+
 #include <algorithm>
 #include <tuple>
 
@@ -11,6 +13,7 @@
 #include "../machine/event_log.h"
 #include "../machine/machine.h"
 #include "../machine/modules.h"
+#include "../participants/machine_setup.h"
 #include "../play/play.h"
 #include "../scenario/timeline.h"
 #include "accompany.h"
@@ -390,17 +393,25 @@ static void take_products(const node &root, history *made)
     }
 }
 
-/* The zone that the registry export contains. */
-static std::string last_zone(const node &root)
+/* The zone that the registry export contains: the machine's last one. */
+static void take_zone(const node &root, history *made)
 {
-    std::string zone = root["machine"].text("time_zone", "UTC");
+    node zone = root["machine"]["time_zone"];
+    const auto take = [&zone](const node &machine) {
+        if (machine["time_zone"])
+            zone = machine["time_zone"];
+    };
 
     for (const node &boot : root["boots"].elements()) {
-        zone = boot["machine"].text("time_zone", zone);
+        take(boot["machine"]);
         for (const node &step : boot["steps"].elements())
-            zone = step["machine"].text("time_zone", zone);
+            take(step["machine"]);
     }
-    return zone;
+    made->zone = {};
+    made->time_zone = zone ? "" : "UTC";
+    if (zone && machine_setup_zone(zone, &made->zone) && zone->IsString() &&
+        strchr("+-", zone->GetString()[0]) == nullptr)
+        made->time_zone = zone->GetString();
 }
 
 static void check_shown(const struct scenario &scenario, const player &player)
@@ -445,7 +456,7 @@ history history_of(const struct scenario &scenario, const std::string &run_folde
     }
     (void)play_close();
     take_products(node(scenario), &made);
-    made.time_zone = last_zone(node(scenario));
+    take_zone(node(scenario), &made);
     check_shown(scenario, player);
     return made;
 }

@@ -6,6 +6,7 @@
 #define DEVHOST_HISTORY_H
 
 #include <cstdint>
+#include <windows.h>
 
 #include <set>
 #include <string>
@@ -58,8 +59,9 @@ struct history {
     std::vector<event_record> records; /* by rising number */
     std::vector<history_boot> boots;
     std::vector<history_product> products;
-    std::string ended_before; /* how the run before the first boot ended */
-    std::string time_zone;    /* name of the machine's last one */
+    std::string ended_before;   /* how the run before the first boot ended */
+    std::string time_zone;      /* name of the machine's last one; empty: it has only rules */
+    TIME_ZONE_INFORMATION zone; /* its rules */
 };
 
 struct history_options {

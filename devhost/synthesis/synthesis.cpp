@@ -64,8 +64,8 @@ static std::wstring zone_lines(const std::string &name, const TIME_ZONE_INFORMAT
            number_line(L"DaylightBias", zone.DaylightBias) + L"\"StandardStart\"=hex:" +
            hex_of(bytes_of(&zone.StandardDate, sizeof(zone.StandardDate))) +
            L"\r\n\"DaylightStart\"=hex:" +
-           hex_of(bytes_of(&zone.DaylightDate, sizeof(zone.DaylightDate))) +
-           L"\r\n\"TimeZoneKeyName\"=\"" + text_wide(name) + L"\"\r\n";
+           hex_of(bytes_of(&zone.DaylightDate, sizeof(zone.DaylightDate))) + L"\r\n" +
+           (name.empty() ? L"" : L"\"TimeZoneKeyName\"=\"" + text_wide(name) + L"\"\r\n");
 }
 
 /* As "reg export" writes it. */
@@ -80,7 +80,7 @@ static std::string registry_text(const synthesis &made)
         text += L"\"" + value.name + L"\"=hex(" + std::to_wstring(value.type) + L"):" +
                 hex_of(value.data) + L"\r\n";
     }
-    text += zone_lines(made.history.time_zone, made.zone);
+    text += zone_lines(made.history.time_zone, made.history.zone);
     return bytes_of(text.data(), text.size() * sizeof(wchar_t));
 }
 
@@ -108,8 +108,6 @@ synthesis synthesis_make(const struct scenario &scenario, const history_options 
 
     made.history = history_of(scenario, folder.path, options);
     made.log = damage_log(made.history.records, damage, options.seed, &made.damage);
-    if (!machine_time_zone(text_wide(made.history.time_zone), &made.zone))
-        made.zone = {};
     made.values = values_now();
     return made;
 }

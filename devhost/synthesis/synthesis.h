@@ -17,7 +17,6 @@ struct synthesis {
     std::string log; /* the bytes of System.evtx */
     damage_report damage;
     std::vector<evidence_value> values; /* of the machine's registry */
-    TIME_ZONE_INFORMATION zone;
 
     /* Whether the record of the boot's start can be read. */
     bool shows(const history_boot &boot) const;

@@ -111,6 +111,9 @@ def run(folder, name, stack, images):
         status, out, errors = evidence_files.host(WINE, PROGRAM, *call, "--json", *options)
         check(name, status == 0, f"status {status}: {errors}")
         results.append(json.loads(out))
+    status, out, errors = evidence_files.host(WINE, PROGRAM, "redact", "--events", log, "--dump", dump, "--product",
+                                              "guard:guard_flt", *options, folder / f"{name} redacted")
+    check(name + ", redacted", status == 0 and f'The answer is "{results[0]["answer"]}"' in out, out + errors)
     return results
 
 

@@ -7,6 +7,7 @@ usage: replay_test.py WINE_RUN PROGRAM
 import json
 import os
 import pathlib
+import re
 import sys
 import tempfile
 import zipfile
@@ -218,7 +219,7 @@ def test_redact(folder, log):
     events = a_log()
     events[10:10] = [record(r"\\ALICE-PC\Source", 1, "2009-01-01T00:00:02Z", "ALICE-PC")]
     events[12]["strings"] += ["2", r"\Device\HarddiskVolume3\Users\Alice\time.exe"]
-    events[13]["strings"][1] = r"\\?\UNC\ALICE-PC\dumps" + 300000 * r"\a" + r"\Alice.dmp"
+    events[13]["strings"][1] = r"\\?\UNC\ALICE-PC\dumps" + 5000 * r"\a" + r"\Alice.dmp"
     smuggled = write(folder / "smuggled.json", events)
     dump = a_dump(folder / "Alice.dmp", "2009-01-01T00:00:00Z")
     target = folder / "redacted"
@@ -235,6 +236,51 @@ def test_redact(folder, log):
           "the clock is set to 2024-03-05T09:00:12Z" in out, out + err)
     status, _, err = host("redact", "--events", log, target)
     check("redact twice", status == 2 and "already exists" in err, err)
+    events[13]["strings"][1] = 300000 * "n" # the classic interface cannot deliver it, and it does not remain
+    status, out, err = host("redact", "--events", write(smuggled, events), "--dump", dump, "--product",
+                            "guard:guard_flt:3", folder / "otherwise")
+    check("decided otherwise", status == 1 and "The plug-in decides otherwise on it: blue screen" in out, out + err)
+
+
+def plugin_lines(timeline):
+    """What the plug-in logs, local times included, without addresses and the engine's remarks."""
+    return [re.sub(r"\([0-9A-F]{16}\)", "", entry["text"]) for entry in timeline
+            if entry.get("kind") == "log" and "dump info" not in entry["text"]]
+
+
+def test_redacted_decision(folder):
+    """A redacted machine has the zone of the original, with its rules, and is decided as it."""
+    rules = {"bias": -60, "standard_bias": 0, "daylight_bias": -75,
+             "standard_start": "00000a00000005000300000000000000", "daylight_start": "00000200000001000200000000000000"}
+    late = {"key": r"SYSTEM\CurrentControlSet\Services\load_driver", "name": "TimerMaxCount", "type": "REG_SZ", "data": "90"}
+    rows = [
+        # name, zone, its name, offset of local time in March, when the crash is recorded, further values
+        ("daylight saving", "AUS Eastern Standard Time", "AUS Eastern Standard Time", "20:00", 25, []),
+        ("other rules", rules, "UTC+01:00", "11:15", 25, []),
+        ("offset", "-03:30", "UTC-03:30", "05:30", 25, []),
+        ("longer search", "UTC", "UTC", "09:00", 2000, [late]),
+    ]
+    for name, zone, zone_name, local, recorded, values in rows:
+        scenario = json.loads((EVIDENCE.parent / "default.json").read_text())
+        scenario["machine"] = {**scenario.get("machine", {}), "time_zone": zone, "registry": values}
+        scenario["boots"] = scenario["boots"][:1]
+        scenario["boots"][0].update(until=4000, steps=[])
+        del scenario["boots"][0]["expect"]
+        scenario["before"]["crash"]["recorded"] = recorded
+        made, target = folder / name, folder / (name + " redacted")
+        status, _, err = host("synthesize", write(folder / "scenario.json", scenario), made)
+        check(name, status == 0, err)
+        evidence = ["--events", made / "System.evtx", "--registry", made / "machine.reg", "--products",
+                    made / "products.json", *[f"--dump={dump}" for dump in made.glob("Minidump/*")]]
+        original = json.loads(host("replay", *evidence, "--json")[1])
+        status, out, err = host("redact", *evidence, target)
+        check(name, status == 0 and 'blames guard_flt' in out and 'The answer is "bypass"' in out, out + err)
+        played = [json.loads(line) for line in
+                  host("run", "--json", "--log", "debug", target / "scenario.json")[1].splitlines()]
+        check(name, (original["answer"], original["time_zone"]["name"]) == ("bypass", zone_name), original["time_zone"])
+        lines = plugin_lines(original["timeline"])
+        check(name, any(f" {local}:00]" in line for line in lines if "system boot up at" in line), lines[0])
+        check(name, lines == plugin_lines(played), "the plug-in logs other lines")
 
 
 def test_example(folder):
@@ -387,6 +433,7 @@ def main():
         test_bad_files(folder, log)
         test_diff(folder)
         test_redact(folder, log)
+        test_redacted_decision(folder)
         test_example(folder)
         test_archive(folder)
         test_dump(folder)

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <windows.h>
+#include <psapi.h>
 
 #include <algorithm>
 #include <iterator>
@@ -32,7 +33,7 @@ bool fuzz_add(const fuzz_target &target)
 }
 
 static std::string s_folder, s_real_folder;
-static const run_folder *s_run_folder;
+static const run_folder *s_run_folder, *s_real_run_folder;
 
 uint64_t chance::next()
 {
@@ -201,6 +202,11 @@ void fuzz_empty_folder(void)
     s_run_folder->empty();
 }
 
+void fuzz_empty_real_folder(void)
+{
+    s_real_run_folder->empty();
+}
+
 void put_file(const std::string &path, const std::string &bytes)
 {
     DWORD written = 0;
@@ -247,15 +253,50 @@ static bool parse(int argc, char **argv, arguments *arguments)
     return arguments->target != nullptr && argc % 2 == 0;
 }
 
+static double try_input(const arguments &arguments, uint64_t number)
+{
+    chance chance(arguments.seed << 32 ^ number);
+    const double began = time_real_ms();
+
+    arguments.target->try_one(chance, number);
+    return time_real_ms() - began;
+}
+
+/* The input that took longest. */
+struct slowest {
+    double ms = 0;
+    uint64_t number = 0;
+};
+
+/* Other programs interrupt a trial, so one that seems slow is repeated, and its fastest turn counts. */
+static void note_slow(const arguments &arguments, uint64_t number, double ms, slowest *worst)
+{
+    for (int turns = 0; turns < 3 && ms > worst->ms && arguments.target->period == 1; turns++)
+        ms = std::min(ms, try_input(arguments, number));
+    if (ms > worst->ms)
+        *worst = {ms, number};
+}
+
+static unsigned long long peak_mib(void)
+{
+    PROCESS_MEMORY_COUNTERS counters = {};
+
+    (void)GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof(counters));
+    return counters.PeakWorkingSetSize >> 20;
+}
+
 static void run(const arguments &arguments)
 {
     const fuzz_target &target = *arguments.target;
-    ULONGLONG began = GetTickCount64();
+    const double began = time_real_ms();
+    slowest worst;
 
-    target.open();
+    if (target.open != nullptr)
+        target.open();
+    const unsigned long long opened_mib = peak_mib();
+
     for (uint64_t i = arguments.from; i < arguments.from + arguments.inputs; i++) {
         uint64_t fresh = i / target.period * target.period;
-        chance chance(arguments.seed << 32 ^ i);
 
         if (i % 64 == 0 || i == arguments.from || target.period > 1)
             watch_try(text_format("fuzz %s --seed %llu --from %llu --inputs %llu", target.name,
@@ -264,11 +305,14 @@ static void run(const arguments &arguments)
                                   static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1
                                                                                     : 64 - i % 64)),
                       i);
-        target.try_one(chance, i);
+        note_slow(arguments, i, try_input(arguments, i), &worst);
     }
-    printf("fuzz %-10s %10llu inputs, 0 violations, %.1f s\n", target.name,
-           static_cast<unsigned long long>(arguments.inputs),
-           static_cast<double>(GetTickCount64() - began) / 1000.0);
+    printf(
+        "fuzz %-10s %10llu inputs, 0 violations, %.1f s; slowest: %llu, %.1f ms; memory: %llu MiB, "
+        "%llu of them before the first input\n",
+        target.name, static_cast<unsigned long long>(arguments.inputs),
+        (time_real_ms() - began) / 1000.0, static_cast<unsigned long long>(worst.number), worst.ms,
+        peak_mib(), opened_mib);
 }
 
 int main(int argc, char **argv)
@@ -290,6 +334,7 @@ int main(int argc, char **argv)
         s_folder = folder.path + "\\";
         s_real_folder = real.path + "\\";
         s_run_folder = &folder;
+        s_real_run_folder = &real;
         memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);
         run(arguments);

@@ -63,15 +63,16 @@ class guarded
 const std::string &fuzz_folder(void);
 /* The same on the disk, for files that are mapped: those of the other folder are in memory. */
 const std::string &fuzz_real_folder(void);
-/* Deletes all of them. */
+/* Delete all of them. */
 void fuzz_empty_folder(void);
+void fuzz_empty_real_folder(void);
 
 /* Replaces a file of the trials by those bytes. */
 void put_file(const std::string &path, const std::string &bytes);
 
 struct fuzz_target {
     const char *name;
-    void (*open)(void);
+    void (*open)(void); /* before the first input; may be NULL */
     /* number: of the input, for targets that start afresh now and then. */
     void (*try_one)(chance &chance, uint64_t number);
     uint64_t period; /* inputs from one fresh start to the next; 1: each is independent */

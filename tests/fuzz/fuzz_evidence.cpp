@@ -13,6 +13,7 @@
 
 #include "base/system_events.h"
 #include "base/text.h"
+#include "base/file.h"
 #include "commands/commands.h"
 #include "evidence/log.h"
 #include "evidence/registry_file.h"
@@ -24,6 +25,8 @@ static constexpr uint32_t MOMENT = 1709802341u; /* seconds since 1970 */
 static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
 static constexpr uint32_t EVTX_CHUNK_BYTES = 65536u;
 static constexpr uint32_t EVTX_CHUNK_HEADER_BYTES = 512u;
+static constexpr uint32_t MOST_INPUT_BYTES = 64u << 20;
+static constexpr char NAME[] = "input"; /* of an input that lies in memory */
 
 /* Bytes of good files, one of which is damaged. */
 static std::vector<std::string> s_good;
@@ -50,6 +53,16 @@ static std::string put_input(const char *name, const std::string &text)
     return path;
 }
 
+/* An input that lies in memory, since a file would take longer than most readers. */
+static evidence_file input(const std::string &text)
+{
+    static guarded s_guarded(MOST_INPUT_BYTES);
+    size_t size = text.size();
+    const uint8_t *block = s_guarded.put(text.data(), &size);
+
+    return evidence_file(block, size);
+}
+
 static std::string damaged_good(chance &chance)
 {
     std::string text = chance.of(s_good);
@@ -70,14 +83,14 @@ static void check_log(const evidence_log &log)
     (void)evidence_log_json(log, 0, UINT64_MAX);
 }
 
-static void read_log(const std::string &path, chance &chance)
+static void read_log(const std::string &text, chance &chance)
 {
     static const evidence_damage s_allowed[] = {EVIDENCE_LENIENT, EVIDENCE_STANDARD,
                                                 EVIDENCE_STRICT};
     const evidence_damage allowed = chance.of(s_allowed);
     evidence_log log;
 
-    if (!accepts(path, [&] { evidence_log_read(path, allowed, &log); }))
+    if (!accepts(NAME, [&] { evidence_log_parse(NAME, input(text), allowed, &log); }))
         return;
     check_log(log);
     if (allowed == EVIDENCE_STRICT && !(log.damage.empty() && log.cut_off.empty()))
@@ -113,7 +126,6 @@ static void seal(std::string *log)
 
 static void open_evtx(void)
 {
-    const std::string path = fuzz_real_folder() + "good.evtx";
     const std::vector<event_record> records = {
         {5,
          MOMENT,    12,
@@ -134,8 +146,7 @@ static void open_evtx(void)
 
     s_good = {evtx_bytes(records, L"DESKTOP"),
               evtx_bytes({records[2], records[0], records[0]}, L"DESKTOP")};
-    put_file(path, s_good[0]);
-    evidence_log_read(path, EVIDENCE_STRICT, &log);
+    evidence_log_parse(NAME, input(s_good[0]), EVIDENCE_STRICT, &log);
     if (log.events.size() != records.size() || log.events[2].id != records[2].id ||
         log.events[4].strings.packed() != records[4].strings.packed())
         violated("the good log is not read as it was written");
@@ -155,7 +166,7 @@ static void try_evtx(chance &chance, uint64_t)
     }
     if (!chance.one_in(4))
         seal(&log);
-    read_log(put_input("fuzz.evtx", log), chance);
+    read_log(log, chance);
 }
 FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
 
@@ -170,7 +181,7 @@ static std::wstring odd_text(chance &chance)
 
     if (chance.one_in(2))
         return chance.of(s_values);
-    for (size_t left = chance.below(chance.one_in(8) ? 3000 : 20); left > 0; left--)
+    for (size_t left = chance.below(chance.one_in(64) ? 3000 : 20); left > 0; left--)
         text += static_cast<wchar_t>(1 + chance.below(chance.one_in(2) ? 0x7e : 0xfffe));
     return text;
 }
@@ -209,10 +220,6 @@ static std::string json_of(const event_record &event)
     return json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
 }
 
-static void open_written_log(void)
-{
-}
-
 /* A log is read as it was written, and what was damaged on purpose is reported. */
 static void try_written_log(chance &chance, uint64_t)
 {
@@ -223,14 +230,14 @@ static void try_written_log(chance &chance, uint64_t)
     evidence_log log;
     size_t next = 0;
 
-    for (size_t left = 1 + chance.below(chance.one_in(4) ? 800 : 20); left > 0; left--)
+    for (size_t left = 1 + chance.below(chance.one_in(32) ? 800 : 20); left > 0; left--)
         records.push_back(odd_record(static_cast<uint32_t>(100 + records.size()), chance));
     try {
         bytes = damage_log(records, kind, chance.next(), &report);
     } catch (const devhost_error &) {
         return; /* too short for that damage */
     }
-    evidence_log_read(put_input("written.evtx", bytes), EVIDENCE_LENIENT, &log);
+    evidence_log_parse(NAME, input(bytes), EVIDENCE_LENIENT, &log);
     if (log.records != records.size() - report.gone.size() || log.lost_records != report.lost ||
         log.cut_off.empty() == report.cut_off ||
         (log.damage.empty() && log.cut_off.empty()) == report.damaged)
@@ -247,7 +254,7 @@ static void try_written_log(chance &chance, uint64_t)
             violated("a record is read as another one: " + json_of(wrote) + " as " + json_of(got));
     }
 }
-FUZZ_TARGET(written_log, open_written_log, try_written_log, 1, 200)
+FUZZ_TARGET(written_log, nullptr, try_written_log, 1, 200)
 
 static const std::vector<const char *> s_log_keys = {"record", "source", "id",
                                                      "type",   "time",   "strings"};
@@ -268,8 +275,7 @@ static void try_json_log(chance &chance, uint64_t)
 
     for (size_t left = chance.below(4); left > 0; left--)
         text += (text.empty() ? "" : ",") + odd_json(s_log_keys, s_log_words, chance);
-    read_log(put_input("fuzz.json", chance.one_in(2) ? damaged_good(chance) : "[" + text + "]"),
-             chance);
+    read_log(chance.one_in(2) ? damaged_good(chance) : "[" + text + "]", chance);
 }
 FUZZ_TARGET(json_log, open_json_log, try_json_log, 1, 1000)
 
@@ -293,10 +299,10 @@ static void open_registry(void)
 
 static void try_registry(chance &chance, uint64_t)
 {
-    const std::string path = put_input("fuzz.reg", damaged_good(chance));
+    const std::string text = damaged_good(chance);
     evidence_registry registry;
 
-    if (accepts(path, [&] { evidence_registry_read(path, &registry); }))
+    if (accepts(NAME, [&] { evidence_registry_parse(NAME, input(text), &registry); }))
         for (const evidence_value &value : registry.values)
             if (value.key.empty())
                 violated("a value without a key");

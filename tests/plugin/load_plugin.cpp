@@ -14,7 +14,7 @@
 typedef uint64_t (*plugin_init_fn)(void);
 
 /* Allowed growth of private bytes from the tenth to the last load: noise of the heap. */
-static constexpr uint64_t NOISE_BYTES = 256ull * 1024;
+static constexpr uint64_t NOISE_BYTES = 16ull * 1024;
 
 struct usage {
     uint64_t next_handle; /* the lowest free handle, which rises when handles leak */

@@ -182,7 +182,7 @@ static void open_machine(shown_boot &shown)
             machine.events.push_back(event);
     for (const evidence_value &value : shown.made.values)
         machine_set_value(value.key, value.name, value.type, value.data);
-    oxnih_clock_set_zone(&shown.made.zone);
+    oxnih_clock_set_zone(&shown.made.history.zone);
     for (const history_boot &boot : shown.made.history.boots) {
         if (&boot > &shown.boot)
             break;
