@@ -396,7 +396,7 @@ int replay_command_redact(struct replay_arguments &arguments)
                       file = below(folder, "scenario.json");
 
     write_scenario(folder, scenario, events);
-    const decision redacted = play_redacted(file, options.session);
+    const decision redacted = play_redacted(file, arguments.options.session);
     const bool same = original.verdict == redacted.verdict && original.blamed == redacted.blamed &&
                       original.orders == redacted.orders;
 

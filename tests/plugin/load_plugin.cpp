@@ -114,10 +114,7 @@ static int leave_loaded(void)
 /* Loads the platform as an agent does, so that unloading the plug-in does not unload it. */
 static void load_platform(void)
 {
-    static const wchar_t *const libraries[] = {L"liboxnialgo.dll", L"liboxni_agentid.dll",
-                                               L"libwdu_ejs.dll", L"libwdu_jansson.dll"};
-
-    for (const wchar_t *library : libraries)
+    for (const wchar_t *library : {PLATFORM_DLLS})
         LoadLibraryW(library);
 }
 
