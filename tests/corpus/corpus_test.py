@@ -326,8 +326,10 @@ def test_interrupted(folder):
     cases, out = make_cases(folder / "cases", *names), folder / "out"
     run = start(cases, "--out", out, "--workers", 1, *FAKE)
     wait_for(lambda: answered(out) > 2)
+    os.killpg(run.pid, signal.SIGSTOP) # however long the second one takes
     status, _, error = corpus(cases, "--out", out, "--resume", *FAKE)
     check("two runs", status == 2 and "another run is writing" in error, f"status {status}, {error}")
+    os.killpg(run.pid, signal.SIGCONT)
     os.killpg(run.pid, signal.SIGINT)
     _, error = run.communicate(timeout=60)
     check("Ctrl-C", run.returncode == 130 and "Traceback" not in error, f"status {run.returncode}, {error}")
