@@ -382,8 +382,9 @@ int replay_command_redact(struct replay_arguments &arguments)
 {
     commands_prepare(arguments);
     const std::string &folder = arguments.folder;
-    replay_evidence evidence = replay_read(arguments.options, true);
-    const replay_story story = replay_play(&evidence, arguments.options.session);
+    const struct replay_options &options = arguments.options;
+    replay_evidence evidence = replay_read(options, true);
+    const replay_story story = replay_play(&evidence, options.session);
     const decision original = decision_of(story);
     const replay_answer answer = replay_answer_of(evidence, story);
     evidence_log before;

@@ -1,14 +1,7 @@
-/* CRC-32 and the XOR encoding of driver files. Stateless; any thread. */
+/* The XOR encoding of driver files. Stateless; any thread. */
 #include <oxni/base/algo.h>
 
 #include <cstring>
-
-#include <zlib.h>
-
-uint32_t oxni_crc32_calc(const void *data, size_t length)
-{
-    return static_cast<uint32_t>(crc32_z(0, static_cast<const Bytef *>(data), length));
-}
 
 void xor_encry(void *data, size_t length, const char *key)
 {

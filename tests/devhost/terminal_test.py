@@ -233,6 +233,20 @@ def test_progress(folder):
     check("progress", terminal.status() == 0 and re.search(r"playing boot \d+ of 204 \.\.\.", terminal.text), "none")
     check("progress", terminal.text.rindex("playing boot") < terminal.text.index("Cannot tell: "), "it stays")
     (folder / "System.json").unlink()
+    rows = [ # command, what it shows
+        (["simulate", "--boots", 100000], r"simulate: [\d,]+ of 100,000 boots"),
+        (["truth", "--machines", 5000], r"truth: [\d,]+ of 5,000 machines"),
+        (["host", "synthesize", "--random", 1, "--count", 5000, folder / "made"], r"synthesize: \d+ of 5,000 machines"),
+        (["faults", "calls", DEFAULT], r"faults: \d of 4 parts"),
+        (["crashpoints", SOURCE / "scenarios" / "six_boots.json"], r"crashpoints: \d of 4 parts"),
+        (["fuzz", "evtx", "--inputs", 10000000], r"fuzz evtx: \d+ of 10,000,000 inputs"),
+    ]
+    for command, shown in rows:
+        terminal = Terminal(*command)
+        check(command, terminal.read(" ...", 100) and re.search(shown + r" \.\.\.", terminal.text), terminal.text)
+        terminal.write("\x03")
+        terminal.read(seconds=20)
+        check(command, terminal.status() == 130, terminal.text[-300:])
 
 
 def main():

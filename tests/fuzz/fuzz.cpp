@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "base/run_folder.h"
+#include "base/terminal.h"
 #include "base/text.h"
 #include "disk/memory_disk.h"
 #include "harness/watch.h"
@@ -305,8 +306,13 @@ static void run(const arguments &arguments)
                                   static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1
                                                                                     : 64 - i % 64)),
                       i);
+        if (i % 64 == 0)
+            terminal_progress(text_format("fuzz %s: %llu of %s", target.name,
+                                          static_cast<unsigned long long>(i - arguments.from),
+                                          text_count(arguments.inputs, "input").c_str()));
         note_slow(arguments, i, try_input(arguments, i), &worst);
     }
+    terminal_progress_end();
     printf(
         "fuzz %-10s %10llu inputs, 0 violations, %.1f s; slowest: %llu, %.1f ms; memory: %llu MiB, "
         "%llu of them before the first input\n",
@@ -319,6 +325,7 @@ int main(int argc, char **argv)
 {
     arguments arguments;
 
+    terminal_open();
     if (!parse(argc, argv, &arguments)) {
         fprintf(stderr, "usage: fuzz TARGET [--inputs N] [--seed S] [--from I] [--place FOLDER]\n"
                         "targets:");

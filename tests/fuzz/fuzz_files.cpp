@@ -4,7 +4,10 @@
 #include <cstring>
 #include <windows.h>
 
+#include <algorithm>
 #include <memory>
+
+#include <zlib.h>
 
 #include <oxni/base/algo.h>
 #include <oxni/base/ejs.h>
@@ -68,6 +71,28 @@ static void try_ejs(chance &chance, uint64_t)
         oxnih_memory_drop_all();
 }
 FUZZ_TARGET(ejs, open_ejs, try_ejs, 1, 400)
+
+static constexpr size_t MOST_SUMMED_BYTES = 2000;
+
+/* Any length at any alignment, up to an inaccessible page: as zlib, which takes a byte at a time. */
+static void try_crc32(chance &chance, uint64_t)
+{
+    static guarded s_block(MOST_SUMMED_BYTES + 64);
+    std::string bytes(chance.below(MOST_SUMMED_BYTES), '\0');
+    size_t size = bytes.size() + chance.below(64);
+    uLong sum = 0;
+
+    for (char &byte : bytes)
+        byte = static_cast<char>(chance.next());
+    bytes.resize(size);
+    const uint8_t *block = s_block.put(bytes.data(), &size);
+    size -= chance.below(std::min<size_t>(size, 64) + 1);
+    for (size_t i = 0; i < size; i++)
+        sum = crc32(sum, block + i, 1);
+    if (oxni_crc32_calc(block, size) != sum)
+        violated("another check sum of " + std::to_string(size) + " bytes");
+}
+FUZZ_TARGET(crc32, nullptr, try_crc32, 1, 5000)
 
 static std::vector<std::string> s_scenarios;
 

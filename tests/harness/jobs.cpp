@@ -6,11 +6,14 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <sstream>
 #include <thread>
 
 #include "agent/agent.h"
+#include "base/terminal.h"
 #include "scenario/scenario.h"
 #include "play/load.h"
 #include "base/text.h"
@@ -19,6 +22,7 @@
 static constexpr int START_TRIES = 3;
 /* Jobs of one file: so many that the processors finish at about the same time. */
 static constexpr size_t PARTS = static_cast<size_t>(4);
+static constexpr std::chrono::milliseconds PROGRESS_EVERY(500);
 
 bool jobs_is_mine(const struct job_options &options, uint64_t index)
 {
@@ -174,7 +178,8 @@ static void run_all(const std::vector<std::vector<std::string>> &jobs, totals &t
 {
     std::vector<std::thread> workers;
     std::mutex mutex;
-    size_t next = 0;
+    std::condition_variable ended;
+    size_t next = 0, done = 0;
     auto work = [&] {
         std::unique_lock<std::mutex> lock(mutex);
 
@@ -184,12 +189,22 @@ static void run_all(const std::vector<std::vector<std::string>> &jobs, totals &t
             lock.unlock();
             std::string lines = run_job(job);
             lock.lock();
+            terminal_progress_end();
             print_lines(lines, totals);
+            done++;
+            ended.notify_one();
         }
     };
 
     for (unsigned i = 0; i < std::max(1u, std::thread::hardware_concurrency()); i++)
         workers.emplace_back(work);
+    for (std::unique_lock<std::mutex> lock(mutex); done < jobs.size();) {
+        terminal_progress(jobs.front().front() +
+                          text_format(": %u of %s", static_cast<unsigned>(done),
+                                      text_count(jobs.size(), "part").c_str()));
+        (void)ended.wait_for(lock, PROGRESS_EVERY);
+    }
+    terminal_progress_end();
     for (std::thread &worker : workers)
         worker.join();
 }

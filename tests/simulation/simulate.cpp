@@ -16,6 +16,7 @@
 
 #include "agent/plugin_image.h"
 #include "base/run_folder.h"
+#include "base/terminal.h"
 #include "base/text.h"
 #include "calls/calls.h"
 #include "calls/heap.h"
@@ -230,6 +231,7 @@ static void print_progress(progress &progress, uint64_t now, const char *what)
 {
     double seconds = static_cast<double>(now - progress.started_ms) / 1000.0;
 
+    terminal_progress_end();
     printf("%s%" PRIu64 " boots of %" PRIu64 " machines in %.1f s, %.0f boots/s\n", what,
            progress.boots, progress.machines, seconds,
            static_cast<double>(progress.boots) / (seconds > 0 ? seconds : 1));
@@ -262,6 +264,8 @@ static int play_random(const run_folder &folder, const struct simulate_options &
         if (options.hash_calls)
             hash_begin(folder);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
+        terminal_progress(text_format("simulate: %" PRIu64 " of %s", progress.boots,
+                                      text_count(options.boots, "boot").c_str()));
         machine_generate(document, seed);
         oxnih_log_set_level(log_level(seed));
         oxnih_memory_set_mode(memory_mode(seed));

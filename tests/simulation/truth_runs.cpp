@@ -11,6 +11,7 @@
 
 #include "agent/plugin_image.h"
 #include "base/run_folder.h"
+#include "base/terminal.h"
 #include "base/text.h"
 #include "commands/commands.h"
 #include "disk/memory_disk.h"
@@ -398,6 +399,12 @@ static void keep_in_memory(const run_folder &folder)
     memory_disk_open(text_wide(folder.path));
 }
 
+static void show_progress(const char *command, uint64_t done, uint64_t count)
+{
+    terminal_progress(
+        text_format("%s: %" PRIu64 " of %s", command, done, text_count(count, "machine").c_str()));
+}
+
 int truth_run(const struct truth_options &options)
 {
     const run_folder base(""), evidence(base.path + "\\evidence"), runs(base.path + "\\runs");
@@ -414,6 +421,7 @@ int truth_run(const struct truth_options &options)
                                   : "./dev truth " + options.files[i];
 
         watch_try(command, seed);
+        show_progress("truth", i, count);
         unsigned found = 0;
 
         unless_unshown([&] {
@@ -424,6 +432,7 @@ int truth_run(const struct truth_options &options)
             printf("  reproduce: %s\n", command.c_str());
         differences += found;
     }
+    terminal_progress_end();
     printf("%s of %s: %s\n", text_count(boots, "boot").c_str(),
            text_count(count, options.files.empty() ? "machine" : "scenario").c_str(),
            text_count(differences, "difference").c_str());
@@ -440,12 +449,15 @@ int truth_write_random(const struct truth_options &options)
         throw devhost_error(EXIT_BAD_CALL, "cannot make the folder '" + options.folder +
                                                "': " + text_error(GetLastError()));
     keep_in_memory(runs);
-    for (uint64_t i = 0; i < options.machines; i++)
+    for (uint64_t i = 0; i < options.machines; i++) {
+        show_progress("synthesize", i, options.machines);
         unless_unshown([&] {
             synthesis_write(make_random(options.seed + i),
                             options.folder + text_format("\\%06" PRIu64, options.seed + i));
             written++;
         });
+    }
+    terminal_progress_end();
     printf("%s: %s; ./dev replay plays one of them\n", options.folder.c_str(),
            text_count(written, "machine").c_str());
     return EXIT_ALL_HOLD;
