@@ -205,8 +205,7 @@ static void check_log_counts(const expect_context &context)
             count += match_part(what->text, name) ? 1 : 0;
         if (count != value->GetInt64())
             expect_fail(context, text_format("\"%s\" occurs %lld times, expected %lld",
-                                             name.c_str(), static_cast<long long>(count),
-                                             static_cast<long long>(value->GetInt64())));
+                                             name.c_str(), count, value->GetInt64()));
     }
 }
 
@@ -223,8 +222,7 @@ static void check_call_counts(const expect_context &context)
             expect_fail(context, name + " is not a call that is counted");
         if (count != value->GetUint64())
             expect_fail(context, text_format("%s was called %llu times, expected %llu",
-                                             name.c_str(), static_cast<unsigned long long>(count),
-                                             static_cast<unsigned long long>(value->GetUint64())));
+                                             name.c_str(), count, value->GetUint64()));
     }
 }
 

@@ -85,13 +85,11 @@ static void step_init(const step_context &context)
 {
     const uint64_t result = agent_process_init_again();
 
-    say(text_format("oxni_plugin_init is called again, result %llu",
-                    static_cast<unsigned long long>(result)));
+    say(text_format("oxni_plugin_init is called again, result %llu", result));
     if (result != context.value->GetUint64())
-        context.failures.push_back(
-            context.value.place() +
-            text_format(": result %llu, expected ", static_cast<unsigned long long>(result)) +
-            node_to_text(*context.value));
+        context.failures.push_back(context.value.place() +
+                                   text_format(": result %llu, expected ", result) +
+                                   node_to_text(*context.value));
 }
 
 static void step_callback(const step_context &context)
@@ -192,16 +190,14 @@ static void step_fail(const step_context &context)
     std::string with = context.step.text("with");
 
     calls_fail(call, nth, times, error, with);
-    say(text_format("call %llu of %s from now on fails with %u",
-                    static_cast<unsigned long long>(nth),
+    say(text_format("call %llu of %s from now on fails with %u", nth,
                     (with.empty() ? call : call + "(" + with + ")").c_str(), error));
 }
 
 static void step_fail_allocation(const step_context &context)
 {
     oxnih_memory_fail(context.value->GetUint64(), context.step.flag("forever", false));
-    say(text_format("allocation %llu from here on fails",
-                    static_cast<unsigned long long>(context.value->GetUint64())));
+    say(text_format("allocation %llu from here on fails", context.value->GetUint64()));
 }
 
 static const struct {
