@@ -119,9 +119,9 @@ static void answer_now(void *user)
     product &product = product_find(answer->key);
 
     if (product.status != answer->status || product.count != answer->count)
-        journal_add(HAPPENED_STATE, product.key,
-                    text_format("changes to %s, count %lld", answer->status.c_str(),
-                                static_cast<long long>(answer->count)));
+        journal_add(
+            HAPPENED_STATE, product.key,
+            text_format("changes to %s, count %lld", answer->status.c_str(), answer->count));
     product.status = answer->status;
     product.count = answer->count;
     if (answer->reports)
@@ -335,8 +335,7 @@ std::string product_summary(const std::string &key)
 {
     const product &product = product_find(key);
 
-    return text_format("%-13s count %lld, %s", product.status.c_str(),
-                       static_cast<long long>(product.count),
+    return text_format("%-13s count %lld, %s", product.status.c_str(), product.count,
                        product.last_command.empty() ? "never ordered anything"
                                                     : ("ordered " + product.last_command).c_str());
 }

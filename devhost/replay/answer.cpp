@@ -86,10 +86,8 @@ static std::string bypass_sentence(const replay_evidence &evidence, const replay
            (ordered == 0 && !evidence.products.empty()
                 ? "the plug-in decides on bypass, and no product has to be ordered,"
                 : "every product is ordered into bypass") +
-           text_format(" %llu s after Windows starts. ",
-                       static_cast<unsigned long long>(story.blamed_ms / 1000)) +
-           story.blamed + " (" + who + ") is on the crashed stack of " +
-           dump_name(evidence, story) + ".";
+           text_format(" %llu s after Windows starts. ", story.blamed_ms / 1000) + story.blamed +
+           " (" + who + ") is on the crashed stack of " + dump_name(evidence, story) + ".";
 }
 
 static std::string no_bypass_reason(const replay_evidence &evidence, const replay_story &story)

@@ -43,10 +43,8 @@ static std::string record_name(const event_record &event)
 
 static std::string numbers(const evidence_gap &gap)
 {
-    return gap.first == gap.last
-               ? text_format("record %llu", static_cast<unsigned long long>(gap.first))
-               : text_format("records %llu to %llu", static_cast<unsigned long long>(gap.first),
-                             static_cast<unsigned long long>(gap.last));
+    return gap.first == gap.last ? text_format("record %llu", gap.first)
+                                 : text_format("records %llu to %llu", gap.first, gap.last);
 }
 
 /* Records that are missing between this start and the next one. */
@@ -256,11 +254,10 @@ static void doubt_disagreement(doubter &d)
               ", and the plug-in concludes " + s_verdicts[d.story.verdict],
           d.evidence.events_file + ": " + record_name(*proof) +
               text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
-                          static_cast<long long>(seconds_after_start(d, *proof))) +
+                          seconds_after_start(d, *proof)) +
               s_verdicts[d.story.verdict] +
               (d.story.last_query_ms != 0
-                   ? text_format(" after %llu s",
-                                 static_cast<unsigned long long>(d.story.last_query_ms / 1000))
+                   ? text_format(" after %llu s", d.story.last_query_ms / 1000)
                    : "") +
               "; hand in the agent's log of this boot");
 }
@@ -347,7 +344,7 @@ static void doubt_early_end(doubter &d)
           d.evidence.events_file +
               text_format(": %s, the last one, was written %lld s after the start, and the plug-in "
                           "searches for %u s; hand in a System log that was exported later",
-                          record_name(last).c_str(), static_cast<long long>(seconds),
+                          record_name(last).c_str(), seconds,
                           static_cast<unsigned>(SEARCH_SECONDS)));
 }
 

@@ -81,9 +81,8 @@ static void put_dump(json_lines &writer, const replay_evidence &evidence, const 
     json_member(writer, "bytes", placed.dump.bytes);
     json_member(writer, "bug_check", text_format("0x%x", facts.bug_check));
     json_member_or_null(writer, "bug_check_name", bug_check_name(facts.bug_check));
-    json_list(writer, "parameters", facts.parameters, [&](uint64_t parameter) {
-        json_put(writer, text_format("0x%llx", static_cast<unsigned long long>(parameter)));
-    });
+    json_list(writer, "parameters", facts.parameters,
+              [&](uint64_t parameter) { json_put(writer, text_format("0x%llx", parameter)); });
     json_member(writer, "crashed", time_iso(facts.crash_time_100ns, true));
     json_member(writer, "gaps", facts.gaps);
     json_member_or_null(writer, "place", placed.there ? placed.place : "");
