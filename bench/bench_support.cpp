@@ -40,12 +40,10 @@ static void remove_files(void)
  * log and the search for allocation sites, which must not be measured. */
 static void open_platform(void)
 {
-    static const wchar_t *const libraries[] = {L"liboxnialgo.dll", L"liboxni_agentid.dll",
-                                               L"libwdu_ejs.dll", L"libwdu_jansson.dll"};
     const char *parent = getenv("BENCH_FOLDER");
     wchar_t temp[MAX_PATH];
 
-    for (const wchar_t *library : libraries)
+    for (const wchar_t *library : {PLATFORM_DLLS})
         bench_require(LoadLibraryW(library) != nullptr, "a library of the platform is missing");
     GetTempPathW(MAX_PATH, temp);
     s_folder = (parent != nullptr ? parent : text_narrow(temp)) +

@@ -50,6 +50,8 @@ def ours():
     for one in commands:
         name = os.path.relpath(one["file"], source)
         words = shlex.split(one["command"])
+        if len(words) > 1 and os.path.basename(words[1]) in COMPILERS:
+            del words[0]  # a compiler cache
         compiler = COMPILERS.get(os.path.basename(words[0]))
         in_build = os.path.abspath(one["file"]).startswith(build + os.sep)
         if name.startswith("..") or in_build or compiler is None or options.name not in name:

@@ -38,3 +38,13 @@ function(precompile_headers target)
   target_precompile_headers(${target} PRIVATE <windows.h> <algorithm> <functional> <list> <map>
     <memory> <optional> <set> <string> <string_view> <vector> ${ARGN})
 endfunction()
+
+# A DLL of the reference platform.
+function(platform_library name)
+  add_library(${name} SHARED ${ARGN})
+  set_target_properties(${name} PROPERTIES IMPORT_PREFIX "")
+  target_compile_definitions(${name} PRIVATE OXNI_EXPORTING)
+  target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR}/platform)
+  target_link_libraries(${name} PUBLIC oxni_base PRIVATE own_code)
+  split_symbols(${name})
+endfunction()

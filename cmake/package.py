@@ -16,8 +16,7 @@ import tempfile
 import zipfile
 
 source, build, deps, output = (os.path.abspath(path) for path in sys.argv[1:5])
-LIBRARIES = ["liboxnibase", "liboxni_core", "liboxnialgo", "liboxni_agentid", "libwdu_ejs",
-             "libwdu_jansson"]
+LIBRARIES = sorted(os.listdir(f"{source}/platform"))
 MODULES = [f"{name}.dll" for name in ["libbypass_mgr", *LIBRARIES, "dbgeng"]] + [
     "oxni_devhost.exe", "platform_check.exe", "windows_check.exe"]
 TIME = (1980, 1, 1, 0, 0, 0)

@@ -2,26 +2,22 @@
  * oxni_devhost: plays whole boots through the real plug-in DLL. This file: the command line and the
  * exit status.
  */
-#include <cstdio>
-#include <windows.h>
-
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
 #include <oxni/base/log.h>
 
-#include "../../platform/liboxnibase/host.h"
-#include "base/terminal.h"
-#include "base/text.h"
+#include "../platform/liboxnibase/host.h"
+#include "commands/command_line.h"
 #include "commands/commands.h"
 #include "commands/session.h"
 #include "scenario/journal.h"
 #include "synthesis/synthesis.h"
 #include "view/view.h"
+
+static constexpr char PROGRAM[] = "oxni_devhost";
 
 struct arguments {
     std::vector<std::string> files;
@@ -57,14 +53,6 @@ static std::map<std::string, std::string> split_defines(const std::vector<std::s
     return map;
 }
 
-static int report_error(const devhost_error &error)
-{
-    terminal_progress_end();
-    fflush(stdout);
-    fprintf(stderr, "oxni_devhost: %s\n", error.what());
-    return error.status;
-}
-
 /* Plays every file, with --stop up to the first failure. Result: the highest status. */
 static int run_files(const arguments &arguments)
 {
@@ -80,9 +68,10 @@ static int run_files(const arguments &arguments)
         try {
             status = session_run(file, arguments.session);
         } catch (const devhost_error &error) {
-            status = report_error(error);
+            status = command_line_report(PROGRAM, error);
         } catch (const std::exception &error) {
-            status = report_error(devhost_error(EXIT_BAD_CALL, file + ": " + error.what()));
+            status = command_line_report(PROGRAM,
+                                         devhost_error(EXIT_BAD_CALL, file + ": " + error.what()));
         }
         if (status == EXIT_SKIPPED)
             skipped++;
@@ -375,35 +364,11 @@ int wmain(int argc, wchar_t **argv);
 
 int wmain(int argc, wchar_t **argv)
 {
-    CLI::App app("Plays whole boots through the bypass plug-in.", "oxni_devhost");
-    std::vector<std::string> words;
-    int status = EXIT_ALL_HOLD;
-
-    terminal_open();
-    terminal_watch_interrupt();
-    for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
-        words.push_back(text_narrow(argv[i]));
-    app.allow_windows_style_options(false); /* a path may begin with a slash */
-    for (void (*add)(CLI::App &, int *) :
-         {add_run, add_console, add_replay, add_serve, add_dump, add_diff, add_redact, add_events,
-          add_synthesize, add_doctor})
-        add(app, &status);
-    app.require_subcommand(1);
-    app.footer(
+    return command_line_run(
+        PROGRAM, "Plays whole boots through the bypass plug-in.",
         "Exit status: 0 every expectation holds, 1 one does not, 2 invalid call or scenario,\n"
-        "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped, 130 interrupted.");
-    try {
-        app.parse(words); /* runs the command */
-    } catch (const CLI::ParseError &error) {
-        status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
-    } catch (const devhost_error &error) {
-        status = report_error(error);
-    }
-    const std::string reason = terminal_flush();
-
-    /* An incomplete result is not a result. */
-    if (!reason.empty() && status != EXIT_BAD_CALL)
-        status = report_error(
-            devhost_error(EXIT_BAD_CALL, "cannot write to the standard output: " + reason));
-    return status;
+        "3 unreadable evidence, 4 the plug-in cannot be loaded, 77 skipped, 130 interrupted.",
+        {add_run, add_console, add_replay, add_serve, add_dump, add_diff, add_redact, add_events,
+         add_synthesize, add_doctor},
+        argc, argv);
 }

@@ -36,6 +36,14 @@ struct promise {
     static const promise s_promise_##line(#area, operation, sentence, promise_##line, ends);       \
     static void promise_##line()
 
+/* A row whose body is that of a function that several rows have. */
+#define PROMISE_BY(function, area, operation, sentence)                                            \
+    PROMISE_BY_AT(function, area, operation, sentence, __LINE__)
+#define PROMISE_BY_AT(function, area, operation, sentence, line)                                   \
+    PROMISE_BY_NAMED(function, area, operation, sentence, line)
+#define PROMISE_BY_NAMED(function, area, operation, sentence, line)                                \
+    static const promise s_promise_##line(#area, operation, sentence, function, false);
+
 /* Runs the rows of an area that do not end the process, inside another row. */
 void check_area(const char *area);
 

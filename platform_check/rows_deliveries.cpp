@@ -238,20 +238,11 @@ static void messages_are_kept()
     oxni_subscriber_delete(a);
 }
 
-PROMISE(deliveries, "oxni_subscribee_pushback", "message kept")
-{
-    messages_are_kept();
-}
+PROMISE_BY(messages_are_kept, deliveries, "oxni_subscribee_pushback", "message kept")
 
-PROMISE(deliveries, "oxni_subscriber_pushforward", "message kept")
-{
-    messages_are_kept();
-}
+PROMISE_BY(messages_are_kept, deliveries, "oxni_subscriber_pushforward", "message kept")
 
-PROMISE(deliveries, "oxni_subscriber_subscribe", "message kept")
-{
-    messages_are_kept();
-}
+PROMISE_BY(messages_are_kept, deliveries, "oxni_subscriber_subscribe", "message kept")
 
 PROMISE(deliveries, "oxni_subscriber_pushforward",
         "its own handle and a \"modify\" message, no reply; validated against the schema too")

@@ -142,15 +142,10 @@ PROMISE(json, "wdu_json_object", "a new value, or NULL when memory runs out")
     json_decref(all);
 }
 
-PROMISE(json, "wdu_json_object_get", "container of any type, or NULL")
-{
-    values_of_other_types();
-}
+PROMISE_BY(values_of_other_types, json, "wdu_json_object_get", "container of any type, or NULL")
 
-PROMISE(json, "wdu_json_string_value", "a value of any type, or NULL: NULL and 0 for another type")
-{
-    values_of_other_types();
-}
+PROMISE_BY(values_of_other_types, json, "wdu_json_string_value",
+           "a value of any type, or NULL: NULL and 0 for another type")
 
 PROMISE(json, "wdu_json_array_size", "array; 0 for any other type")
 {

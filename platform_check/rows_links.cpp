@@ -46,23 +46,16 @@ static void responses_arrive_once()
     SAME(1, message->refcount);
 }
 
-PROMISE(links, "oxni_res_deliver",
-        "\"/oxni/quality_opr\", the alarm, a copy of the product's name as user pointer, the reply "
-        "function, 0; at most one reply; not 0: none")
-{
-    responses_arrive_once();
-}
+PROMISE_BY(
+    responses_arrive_once, links, "oxni_res_deliver",
+    "\"/oxni/quality_opr\", the alarm, a copy of the product's name as user pointer, the reply "
+    "function, 0; at most one reply; not 0: none")
 
-PROMISE(links, "oxnir_rsp_get_errno", "the reply; 0 when a response arrived")
-{
-    responses_arrive_once();
-}
+PROMISE_BY(responses_arrive_once, links, "oxnir_rsp_get_errno",
+           "the reply; 0 when a response arrived")
 
-PROMISE(links, "oxnir_rsp_get_resp",
-        "the reply; the response, of which the plug-in reads \"errcode\", or NULL")
-{
-    responses_arrive_once();
-}
+PROMISE_BY(responses_arrive_once, links, "oxnir_rsp_get_resp",
+           "the reply; the response, of which the plug-in reads \"errcode\", or NULL")
 
 static void commands_run()
 {
@@ -81,16 +74,10 @@ static void commands_run()
     SAME(name, ABLE(printed)());
 }
 
-PROMISE(links, "oxni_dbg_decl",
-        "\"oxni\", \"bypass\", its help, the function: argv[0] is the command name")
-{
-    commands_run();
-}
+PROMISE_BY(commands_run, links, "oxni_dbg_decl",
+           "\"oxni\", \"bypass\", its help, the function: argv[0] is the command name")
 
-PROMISE(links, "oxni_dbg_echo", "the context of the running command, 0, text")
-{
-    commands_run();
-}
+PROMISE_BY(commands_run, links, "oxni_dbg_echo", "the context of the running command, 0, text")
 
 PROMISE(links, "oxni_res_require",
         "the path of the management module's console, 0, a callback: the current state, then each "

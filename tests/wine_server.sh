@@ -4,5 +4,11 @@
 # usage: wine_server.sh WINE_RUN
 set -u
 export WINEPREFIX=${WINEPREFIX:-${BYPASS_BUILD:-$(dirname "$1")/../build}/wineprefix}
-wineserver --persistent=60 </dev/null >/dev/null 2>&1 # fails when it runs already
+# Fails while a server runs. One that a program started ends seconds after it, and in the middle of
+# the tests if they rely on it.
+for _ in $(seq 50); do
+    wineserver --persistent=60 </dev/null >/dev/null 2>&1 && break
+    pgrep -f -- "wineserver.* --persistent=60" >/dev/null && break
+    sleep 0.1
+done
 exec "$1" cmd /c ver </dev/null >/dev/null 2>&1

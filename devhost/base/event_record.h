@@ -24,11 +24,6 @@ class event_strings
         text_.append(text.c_str(), wcslen(text.c_str()) + 1); /* ends at its first NUL */
         count_++;
     }
-    void drop_last()
-    {
-        text_.resize(text_.size() - last().size() - 1);
-        count_--;
-    }
     size_t count() const
     {
         return count_;

@@ -44,9 +44,8 @@ evidence_file::evidence_file(const std::string &path, uint64_t most_bytes)
     bytes_ = static_cast<uint64_t>(size.QuadPart);
     written_100ns_ = static_cast<uint64_t>(written.dwHighDateTime) << 32 | written.dwLowDateTime;
     if (bytes_ > most_bytes)
-        evidence_bad(path, text_format("has %llu bytes, expected %llu at most",
-                                       static_cast<unsigned long long>(bytes_),
-                                       static_cast<unsigned long long>(most_bytes)));
+        evidence_bad(path,
+                     text_format("has %llu bytes, expected %llu at most", bytes_, most_bytes));
     if (bytes_ == 0)
         return;
     const scoped_handle mapping = {

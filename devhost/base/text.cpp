@@ -360,7 +360,7 @@ std::string time_span(uint64_t ms)
     std::string text = days != 0 ? text_format("%llud ", days) : "";
 
     return text + text_format("%02llu:%02llu:%02llu.%03llu", seconds / 3600 % 24, seconds / 60 % 60,
-                              seconds % 60, static_cast<unsigned long long>(ms % 1000));
+                              seconds % 60, ms % 1000);
 }
 
 int64_t time_unix(uint64_t filetime_100ns)

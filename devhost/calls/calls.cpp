@@ -115,7 +115,7 @@ static std::string value_text(char letter, uint64_t value)
     case 'd': return text_format("%d", static_cast<int32_t>(value));
     case 'u': return text_format("%u", static_cast<uint32_t>(value));
     case 'x': return text_format("0x%x", static_cast<uint32_t>(value));
-    case 'U': return text_format("%llu", static_cast<unsigned long long>(value));
+    case 'U': return text_format("%llu", value);
     case 's':
         return value != 0 ? text_format("\"%s\"", reinterpret_cast<const char *>(value)) : "null";
     case 'w':
@@ -390,8 +390,7 @@ std::string calls_left_open(void)
 
     for (const auto &open : s_open)
         if (open.second != 0)
-            text += (text.empty() ? "" : ", ") +
-                    text_format("%lld ", static_cast<long long>(open.second)) + open.first;
+            text += (text.empty() ? "" : ", ") + text_format("%lld ", open.second) + open.first;
     s_open.clear();
     return text;
 }

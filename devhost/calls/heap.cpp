@@ -243,13 +243,7 @@ template <typename Function> static Function runtime_function(const char *name)
 
 void heap_open(void)
 {
-    static const wchar_t *const modules[] = {nullptr, /* this program */
-                                             L"liboxni_core.dll",
-                                             L"liboxni_agentid.dll",
-                                             L"libwdu_ejs.dll",
-                                             L"liboxnialgo.dll",
-                                             L"libwdu_jansson.dll",
-                                             L"liboxnibase.dll"};
+    static const wchar_t *const modules[] = {nullptr, /* this program */ PLATFORM_DLLS};
 
     if (s_heap.base != nullptr)
         return;

@@ -35,7 +35,9 @@ static bool is_offset(const std::string &text)
     return !text.empty() && (text[0] == '+' || text[0] == '-');
 }
 
-bool zone_parse(const std::string &text, replay_zone *zone)
+/* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
+ * whether it is one. */
+static bool zone_parse(const std::string &text, replay_zone *zone)
 {
     *zone = replay_zone();
     if (text_lower(text) == "utc")

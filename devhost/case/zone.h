@@ -21,9 +21,6 @@ struct replay_zone {
     std::string source;
 };
 
-/* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
- * whether it is one. */
-bool zone_parse(const std::string &text, replay_zone *zone);
 /* The member "time_zone" of a scenario's machine. */
 void zone_put(json_lines &writer, const replay_zone &zone);
 /* The zone of the computer that runs this program: "UTC+09:00 (Tokyo Standard Time)". */

@@ -18,7 +18,7 @@ void replay_prepare(struct run_options *session)
     oxnih_log_set_level(OXNI_LOG_DEBUG);
 }
 
-static void prepare(replay_arguments &arguments)
+void commands_prepare(struct replay_arguments &arguments)
 {
     const replay_options &options = arguments.options;
 
@@ -34,18 +34,6 @@ static void prepare(replay_arguments &arguments)
 
 int replay_command(struct replay_arguments &arguments)
 {
-    prepare(arguments);
+    commands_prepare(arguments);
     return arguments.boots ? replay_list_boots(arguments.options) : replay_run(arguments.options);
-}
-
-int replay_command_redact(struct replay_arguments &arguments)
-{
-    prepare(arguments);
-    return replay_redact(arguments.options, arguments.folder);
-}
-
-int replay_command_dump(struct dump_options &options)
-{
-    replay_prepare(&options.session);
-    return replay_dump_command(options);
 }

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "../replay/replay.h"
-#include "dump.h"
 
 struct replay_arguments {
     struct replay_options options = {};
@@ -26,23 +25,33 @@ struct replay_arguments {
     }
 };
 
-/* "replay", "redact", "events" and "dump". Result: enum devhost_exit. Throw devhost_error. Host's one
- * thread. */
+struct dump_options {
+    std::vector<std::string> sources; /* files, folders, archives */
+    std::vector<std::string> products;
+    std::string products_file;
+    std::string images; /* folder with drivers and kernel files; empty: none */
+    bool json;
+    struct run_options session;
+};
+
+/* A function for each command. Result: enum devhost_exit. Throw devhost_error. Host's one thread. */
+
 int replay_command(struct replay_arguments &arguments);
+/* Writes the evidence as a scenario without names of computers and people into a new folder. */
 int replay_command_redact(struct replay_arguments &arguments);
 int replay_command_events(const struct replay_arguments &arguments);
+/* Prints each dump. With products, also the module that the plug-in blames on a boot after the crash.
+ * Result: EXIT_BAD_EVIDENCE when a file that was named is not a readable dump. */
 int replay_command_dump(struct dump_options &options);
-/* serve.cpp: "serve", which takes a case a line from the standard input and prints its result, until the
- * input ends. */
+/* Takes a case a line from the standard input and prints its result, until the input ends. */
 int replay_command_serve(struct replay_arguments &arguments);
-
 /* Prints what differs between two results of --json. Result: 0 nothing, 1 something. */
 int replay_diff(const std::string &old_file, const std::string &new_file);
 /* Prints what this computer offers. */
 int replay_doctor(void);
-/* Writes the evidence as a scenario without names of computers and people into a new folder. */
-int replay_redact(const struct replay_options &options, const std::string &folder);
 
+/* Checks and completes the options that name evidence. */
+void commands_prepare(struct replay_arguments &arguments);
 /* Sets the plug-in, unless it is named, and that a boot prints nothing while it is played. */
 void replay_prepare(struct run_options *session);
 

@@ -1,5 +1,5 @@
 /* Crash dumps: read by the engine's reader, and judged by the plug-in on a generated boot. */
-#include "dump.h"
+#include "commands.h"
 
 #include <cstdio>
 
@@ -86,10 +86,7 @@ static std::string bug_check_text(const kernel_dump &facts)
     const uint64_t *p = facts.parameters;
 
     return text_format("0x%08x (0x%016llx, 0x%016llx, 0x%016llx, 0x%016llx)",
-                       facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG,
-                       static_cast<unsigned long long>(p[0]), static_cast<unsigned long long>(p[1]),
-                       static_cast<unsigned long long>(p[2]),
-                       static_cast<unsigned long long>(p[3]));
+                       facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG, p[0], p[1], p[2], p[3]);
 }
 
 /* The records of a boot that follows the crash. */
@@ -140,8 +137,7 @@ static std::string parameter_text(const kernel_dump &facts, size_t index)
 {
     const bug_check *row = bug_check_find(facts.bug_check);
     const char *meaning = row != nullptr ? row->parameters[index] : nullptr;
-    std::string text =
-        text_format("0x%016llx", static_cast<unsigned long long>(facts.parameters[index]));
+    std::string text = text_format("0x%016llx", facts.parameters[index]);
 
     if (meaning == nullptr)
         return text;
@@ -211,8 +207,7 @@ static void put_bug_check(json_lines &writer, const kernel_dump &facts)
     writer.StartArray();
     for (size_t i = 0; i < 4; i++) {
         writer.StartObject();
-        json_member(writer, "value",
-                    text_format("0x%llx", static_cast<unsigned long long>(facts.parameters[i])));
+        json_member(writer, "value", text_format("0x%llx", facts.parameters[i]));
         json_member_or_null(writer, "meaning",
                             row != nullptr && row->parameters[i] != nullptr ? row->parameters[i]
                                                                             : "");
@@ -225,8 +220,7 @@ static void put_driver(json_lines &writer, const kernel_dump_module &module)
 {
     writer.StartObject();
     json_member(writer, "name", module.name);
-    json_member(writer, "base",
-                text_format("0x%llx", static_cast<unsigned long long>(module.base)));
+    json_member(writer, "base", text_format("0x%llx", module.base));
     json_member(writer, "bytes", module.bytes);
     json_member_or_null(writer, "time_stamp",
                         module.time_stamp != 0 ? text_format("0x%08x", module.time_stamp) : "");
@@ -246,8 +240,7 @@ static void put_dump(json_lines &writer, const shown_dump &dump)
     json_member(writer, "build", dump.facts.build);
     json_member(writer, "processors", dump.facts.processors);
     json_member_or_null(writer, "faulting_module", dump.module);
-    json_member(writer, "faulting_address",
-                text_format("0x%llx", static_cast<unsigned long long>(dump.address)));
+    json_member(writer, "faulting_address", text_format("0x%llx", dump.address));
     json_member(writer, "faulting_site", dump.site);
     json_list(writer, "stack", dump.frames, [&](const kernel_dump_frame &frame) {
         json_put(writer, kernel_dump_call_site(dump.facts, frame.instruction));
@@ -313,8 +306,9 @@ static bool read_source(const struct dump_options &options,
     return sound;
 }
 
-int replay_dump_command(const struct dump_options &options)
+int replay_command_dump(struct dump_options &options)
 {
+    replay_prepare(&options.session);
     const std::vector<replay_product> products =
         products_read(options.products, options.products_file);
     const std::shared_ptr<const replay_images> images =

@@ -378,8 +378,11 @@ static decision play_redacted(const std::string &file, const struct run_options 
     return decision_of(explain_story());
 }
 
-int replay_redact(const struct replay_options &options, const std::string &folder)
+int replay_command_redact(struct replay_arguments &arguments)
 {
+    commands_prepare(arguments);
+    const std::string &folder = arguments.folder;
+    const struct replay_options &options = arguments.options;
     replay_evidence evidence = replay_read(options, true);
     const replay_story story = replay_play(&evidence, options.session);
     const decision original = decision_of(story);
@@ -393,7 +396,7 @@ int replay_redact(const struct replay_options &options, const std::string &folde
                       file = below(folder, "scenario.json");
 
     write_scenario(folder, scenario, events);
-    const decision redacted = play_redacted(file, options.session);
+    const decision redacted = play_redacted(file, arguments.options.session);
     const bool same = original.verdict == redacted.verdict && original.blamed == redacted.blamed &&
                       original.orders == redacted.orders;
 

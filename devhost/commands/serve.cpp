@@ -104,8 +104,8 @@ static std::string play_case(const replay_options &options)
     replay_story story;
     const std::vector<replay_row> rows = replay_play_all(options, &evidence, &story);
 
-    return on_one_line(replay_json_of_boots(evidence, story, replay_answer_of(evidence, story),
-                                            rows, options.session.plugin_path));
+    return on_one_line(replay_json(evidence, story, replay_answer_of(evidence, story), rows,
+                                   options.session.plugin_path, false));
 }
 
 /* Result: the line for a case. No error of a case ends the host, but a plug-in that cannot be loaded

@@ -1,7 +1,5 @@
 #include "dump_writer.h"
 
-static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
-
 void dump_put(std::vector<uint8_t> *dump, uint64_t offset, uint64_t value, size_t bytes)
 {
     if (dump->size() < offset + bytes)
@@ -13,9 +11,9 @@ void dump_put(std::vector<uint8_t> *dump, uint64_t offset, uint64_t value, size_
 static void put_header(std::vector<uint8_t> *dump, const dump_model &model)
 {
     dump_put(dump, 0x00, 0x3436554445474150, 8); /* "PAGEDU64" */
-    dump_put(dump, 0x20, model.loaded_modules, 8);
-    dump_put(dump, 0x30, 0x8664, 4);
-    dump_put(dump, 0x34, 1, 4); /* processors */
+    dump_put(dump, DUMP_LOADED_MODULES, model.loaded_modules, 8);
+    dump_put(dump, DUMP_MACHINE, DUMP_MACHINE_X64, 4);
+    dump_put(dump, DUMP_PROCESSORS, 1, 4);
     dump_put(dump, DUMP_BUILD, model.build, 4);
     dump_put(dump, DUMP_BUG_CHECK, model.bug_check, 4);
     for (size_t i = 0; i < 4; i++)
@@ -24,9 +22,9 @@ static void put_header(std::vector<uint8_t> *dump, const dump_model &model)
     dump_put(dump, DUMP_EXCEPTION + 0x10, model.exception != 0 ? model.rip : 0, 8);
     dump_put(dump, DUMP_CRASH_TIME, model.crash_time_100ns, 8);
     dump_put(dump, DUMP_UPTIME, model.uptime_100ns, 8);
-    dump_put(dump, DUMP_CONTEXT + 0x30, 0x10001F, 4);
-    dump_put(dump, DUMP_CONTEXT + 0x98, model.rsp, 8);
-    dump_put(dump, DUMP_CONTEXT + 0xF8, model.rip, 8);
+    dump_put(dump, DUMP_CONTEXT + CONTEXT_FLAGS, 0x10001F, 4);
+    dump_put(dump, DUMP_CONTEXT + CONTEXT_RSP, model.rsp, 8);
+    dump_put(dump, DUMP_CONTEXT + CONTEXT_RIP, model.rip, 8);
     dump_put(dump, DUMP_KIND, 4, 4);
 }
 
@@ -36,9 +34,9 @@ static void put_modules(std::vector<uint8_t> *dump, const std::vector<dump_modul
 
     dump->resize(entry + modules.size() * DRIVER_ENTRY_BYTES);
     for (const dump_module &module : modules) {
-        dump_put(dump, entry, dump->size(), 4);
-        dump_put(dump, entry + 0x38, module.base, 8);
-        dump_put(dump, entry + 0x48, module.bytes, 4);
+        dump_put(dump, entry + DRIVER_NAME_AT, dump->size(), 4);
+        dump_put(dump, entry + DRIVER_BASE, module.base, 8);
+        dump_put(dump, entry + DRIVER_SIZE, module.bytes, 4);
         dump_put(dump, dump->size(), module.path.size(), 4);
         for (const char16_t unit : module.path)
             dump_put(dump, dump->size(), unit, 2);

@@ -6,28 +6,10 @@
 #include <string>
 #include <vector>
 
-/* Offsets in every built dump. The list of modules, their names and the end mark follow the
- * stack. */
-enum dump_place : uint32_t {
-    DUMP_BUILD = 0x0C,
-    DUMP_BUG_CHECK = 0x38,
-    DUMP_PARAMETERS = 0x40,
-    DUMP_CONTEXT = 0x348,
-    DUMP_EXCEPTION = 0xF00,
-    DUMP_KIND = 0xF98,
-    DUMP_CRASH_TIME = 0xFA8,
-    DUMP_UPTIME = 0x1030,
-    DUMP_TRIAGE = 0x2000, /* 32-bit fields, including the following ones */
-    DUMP_SIZE = 0x2004,
-    DUMP_VALID = 0x2008,
-    DUMP_CONTEXT_AT = 0x200C,
-    DUMP_STACK_AT = 0x2028,
-    DUMP_STACK_BYTES = 0x202C,
-    DUMP_DRIVERS_AT = 0x2030,
-    DUMP_DRIVER_COUNT = 0x2034,
-    DUMP_STACK_START = 0x2048,
-    DUMP_STACK = 0x2080,
-};
+#include "../kernel_dump/dump_layout.h"
+
+/* Where every built dump has its stack. The list of modules, their names and the end mark follow. */
+static constexpr uint32_t DUMP_STACK = 0x2080u;
 
 struct dump_module {
     std::u16string path;

@@ -4,7 +4,6 @@
 #include <cstring>
 
 static constexpr uint64_t PAGE_BYTES = 0x1000ull;
-static constexpr uint64_t ENTRY_FRAME = 0x000FFFFFFFFFF000ull;
 /* The list and its texts are 1 GiB apart, so that a page of that size contains only the texts. */
 static constexpr uint64_t LIST_BASE = 0xFFFFE00000000000ull;
 static constexpr uint64_t TEXTS_BASE = 0xFFFFE00040000000ull;
@@ -68,7 +67,7 @@ uint64_t memory_model::entry_place(uint64_t address, unsigned shift) const
 
         if (level == shift)
             return place;
-        table = get_physical(place) & ENTRY_FRAME;
+        table = get_physical(place) & MEMORY_FRAME;
     }
 }
 
@@ -98,7 +97,7 @@ bool memory_model::find(uint64_t address, uint64_t *physical) const
 
         if (entry == 0)
             return false;
-        *physical = (entry & ENTRY_FRAME & ~within) | (address & within);
+        *physical = (entry & MEMORY_FRAME & ~within) | (address & within);
         if (level == 12 || (entry & MEMORY_LARGE) != 0)
             return true;
     }
@@ -130,9 +129,9 @@ void memory_model::put(uint64_t address, uint64_t value, size_t bytes)
 
 void memory_model::put_text(uint64_t field, uint64_t address, const std::u16string &text)
 {
-    put(field, 2 * text.size(), 2);
-    put(field + 2, 2 * text.size() + 2, 2);
-    put(field + 8, address, 8);
+    put(field + TEXT_BYTES, 2 * text.size(), 2);
+    put(field + TEXT_ROOM, 2 * text.size() + 2, 2);
+    put(field + TEXT_ADDRESS, address, 8);
     for (const char16_t unit : text) {
         put(address, unit, 2);
         address += 2;
@@ -179,7 +178,8 @@ uint64_t memory_model::first_place(enum memory_layout layout) const
 {
     const uint64_t bitmap_end = MEMORY_BITS + pages_.rbegin()->first / 8 + 2;
 
-    return layout == MEMORY_RUNS ? 0x2000 : (bitmap_end + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+    return layout == MEMORY_RUNS ? uint64_t{DUMP_HEADER_BYTES}
+                                 : (bitmap_end + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
 }
 
 uint64_t memory_model::place_in_file(uint64_t physical, enum memory_layout layout) const
@@ -193,7 +193,7 @@ uint64_t memory_model::place_in_file(uint64_t physical, enum memory_layout layou
 
 void memory_model::put_runs(std::vector<uint8_t> *dump) const
 {
-    uint64_t place = MEMORY_RUN_FIRST - 16;
+    uint64_t place = MEMORY_RUN_FIRST - MEMORY_RUN_BYTES;
     uint64_t runs = 0;
     uint64_t next = 0;
     uint64_t count = 0;
@@ -201,7 +201,7 @@ void memory_model::put_runs(std::vector<uint8_t> *dump) const
     for (const uint64_t number : pages()) {
         if (runs == 0 || number != next) {
             runs++;
-            place += 16;
+            place += MEMORY_RUN_BYTES;
             count = 0;
             dump_put(dump, place, number, 8);
         }
@@ -235,8 +235,8 @@ std::vector<uint8_t> memory_model::build(uint32_t kind, enum memory_layout layou
 {
     std::vector<uint8_t> dump = dump_build(machine_);
 
-    dump.resize(0x2000);
-    dump_put(&dump, 0x10, directory_table_ | 0x18, 8);
+    dump.resize(DUMP_HEADER_BYTES);
+    dump_put(&dump, DUMP_DIRECTORY_TABLE, directory_table_ | 0x18, 8);
     dump_put(&dump, DUMP_KIND, kind, 4);
     if (layout == MEMORY_RUNS)
         put_runs(&dump);

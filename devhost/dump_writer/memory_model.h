@@ -16,36 +16,6 @@ enum memory_layout {
     MEMORY_FDMP,
 };
 
-/* Bits of a page table entry. */
-enum memory_entry : uint64_t {
-    MEMORY_PRESENT = 0x001,
-    MEMORY_LARGE = 0x080,
-    MEMORY_PROTOTYPE = 0x400,
-    MEMORY_TRANSITION = 0x800,
-};
-
-/* Offsets in the files. */
-enum memory_place : uint32_t {
-    MEMORY_RUN_COUNT = 0x88,
-    MEMORY_RUN_PAGES = 0x90,
-    MEMORY_RUN_FIRST = 0x98,
-    MEMORY_BITMAP = 0x2000, /* the bitmap's header */
-    MEMORY_FIRST_PAGE = 0x2020,
-    MEMORY_BITMAP_PRESENT = 0x2028,
-    MEMORY_BITMAP_BITS = 0x2030,
-    MEMORY_BITS = 0x2038,
-};
-
-/* Offsets in an entry of the list of modules. */
-enum memory_list : uint32_t {
-    MEMORY_NEXT = 0x00,
-    MEMORY_PREVIOUS = 0x08,
-    MEMORY_BASE = 0x30,
-    MEMORY_SIZE = 0x40,
-    MEMORY_PATH = 0x48,
-    MEMORY_NAME = 0x58,
-};
-
 typedef std::vector<uint8_t> memory_page;
 
 class memory_model

@@ -216,22 +216,6 @@ std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t mos
     return lines;
 }
 
-void evidence_put_record(json_line &writer, const event_record &event)
-{
-    std::vector<std::string> strings;
-
-    for (size_t i = 0; i < event.strings.count(); i++)
-        strings.push_back(text_narrow(event.strings.at(i)));
-    writer.StartObject();
-    json_member(writer, "record", event.number);
-    json_member(writer, "source", text_narrow(event.source));
-    json_member(writer, "id", event.id);
-    json_member(writer, "time", time_iso(time_of_unix(event.time)));
-    json_member(writer, "type", event.type);
-    json_member(writer, "strings", strings);
-    writer.EndObject();
-}
-
 std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t to)
 {
     std::string text = "[";

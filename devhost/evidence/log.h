@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "../base/text.h"
 #include "../base/text_json.h"
 #include "../evtx/evtx_reader.h"
 
@@ -39,8 +40,24 @@ void evidence_log_parse(const std::string &path, const evidence_file &file,
  * the summary. */
 std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t most);
 
-/* One record as a JSON object. */
-void evidence_put_record(json_line &writer, const event_record &event);
+/* One record as a JSON object. with_type: with its type, too. */
+template <typename Writer>
+void evidence_put_record(Writer &writer, const event_record &event, bool with_type = true)
+{
+    std::vector<std::string> strings;
+
+    for (size_t i = 0; i < event.strings.count(); i++)
+        strings.push_back(text_narrow(event.strings.at(i)));
+    writer.StartObject();
+    json_member(writer, "record", event.number);
+    json_member(writer, "source", text_narrow(event.source));
+    json_member(writer, "id", event.id);
+    json_member(writer, "time", time_iso(time_of_unix(event.time)));
+    if (with_type)
+        json_member(writer, "type", event.type);
+    json_member(writer, "strings", strings);
+    writer.EndObject();
+}
 
 /* The records from one number to another, inclusive, as a JSON array, oldest first, one record a
  * line. */

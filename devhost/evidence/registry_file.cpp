@@ -247,9 +247,7 @@ static void parse_value(const reader &from, const std::wstring &line, const std:
     if (at >= line.size() || line[at] != L'=')
         from.bad("expected \"=\" after the name");
     parse_data(from, line.substr(at + 1), &value);
-    if (key.empty())
-        registry->left_out++;
-    else
+    if (!key.empty()) /* below another root: skipped */
         registry->values.push_back(value);
 }
 

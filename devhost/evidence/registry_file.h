@@ -18,7 +18,6 @@ struct evidence_value {
 
 struct evidence_registry {
     std::vector<evidence_value> values;
-    size_t left_out = 0; /* values below other roots, which are skipped */
 };
 
 /* Adds the values of a file that regedit or "reg export" wrote, version 5 (UTF-16 or UTF-8) or 4

@@ -154,8 +154,8 @@ static std::vector<entry> read_directory(const std::string &path, const evidence
         evidence_bad(path, "the archive is truncated: its directory is missing");
     for (; count > 0; count--) {
         if (!holds(file, offset, ENTRY_BYTES) || at<uint32_t>(file, offset) != ENTRY_MARK)
-            evidence_bad(path, text_format("the archive's directory is damaged at byte %llu",
-                                           static_cast<unsigned long long>(offset)));
+            evidence_bad(path,
+                         text_format("the archive's directory is damaged at byte %llu", offset));
         const uint64_t name = at<uint16_t>(file, offset + 28),
                        extra = at<uint16_t>(file, offset + 30),
                        comment = at<uint16_t>(file, offset + 32);
@@ -277,12 +277,10 @@ static void refuse_harm(const std::string &path, const evidence_file &file,
         evidence_bad(path,
                      text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
                                  "unpack it and hand in the folder",
-                                 static_cast<unsigned long long>(file.bytes() >> 20),
-                                 static_cast<unsigned long long>(bytes >> 20)));
+                                 file.bytes() >> 20, bytes >> 20));
     if (bytes > free_bytes(folder))
         evidence_bad(path, text_format("refused: it needs %llu MiB, and '%s' has %llu MiB free",
-                                       static_cast<unsigned long long>(bytes >> 20), folder.c_str(),
-                                       static_cast<unsigned long long>(free_bytes(folder) >> 20)));
+                                       bytes >> 20, folder.c_str(), free_bytes(folder) >> 20));
 }
 
 bool zip_is_archive(const std::string &path)

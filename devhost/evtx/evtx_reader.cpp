@@ -191,9 +191,8 @@ static uint64_t read_chunks(log_reader &reader, const std::string &path, const e
         const bool unused = !has_header(chunk, size) && is_unused(chunk, size);
 
         if (number % PROGRESS_CHUNKS == 0)
-            terminal_progress(text_format("reading %s, %llu of %llu MiB", path.c_str(),
-                                          static_cast<unsigned long long>(number >> 4),
-                                          static_cast<unsigned long long>(bytes >> 20)));
+            terminal_progress(text_format("reading %s, %llu of %llu MiB", path.c_str(), number >> 4,
+                                          bytes >> 20));
         /* Windows enlarges a log by several chunks at a time and uses them in order. */
         if (!unused && after_unused)
             reader.log->damage.push_back("empty chunk before a used one: " +

@@ -76,9 +76,8 @@ static std::string date_text(uint64_t filetime)
     const uint64_t second = seconds % SECONDS_PER_DAY;
 
     return text_format("%04lld-%02lld-%02lldT%02u:%02u:%02u.%07u00Z",
-                       static_cast<long long>(era * 400 + year_of_era + (month >= 10 ? 1 : 0)),
-                       static_cast<long long>(month < 10 ? month + 3 : month - 9),
-                       static_cast<long long>(day_of_year - (153 * month + 2) / 5 + 1),
+                       era * 400 + year_of_era + (month >= 10 ? 1 : 0),
+                       month < 10 ? month + 3 : month - 9, day_of_year - (153 * month + 2) / 5 + 1,
                        static_cast<unsigned>(second / 3600),
                        static_cast<unsigned>(second / 60 % 60), static_cast<unsigned>(second % 60),
                        static_cast<unsigned>(ticks));
@@ -120,7 +119,7 @@ static std::string sid_text(const uint8_t *bytes, size_t size)
 
 static std::string hexadecimal_text(uint64_t number)
 {
-    return text_format("0x%llx", static_cast<unsigned long long>(number));
+    return text_format("0x%llx", number);
 }
 
 static std::string ascii_text(uint8_t type, const uint8_t *bytes, size_t size)

@@ -8,7 +8,6 @@
 
 #include "../base/text.h"
 #include "../calls/calls.h"
-#include "../scenario/journal.h"
 #include "../scenario/match.h"
 
 /* The first journal entry that the next expectation covers. */
@@ -44,9 +43,9 @@ static void message_json(const happening &what, rapidjson::Document &json)
 }
 
 /* Messages of a kind, in order, as many as expected and each fitting. */
-static void check_messages(const expect_context &context, enum happening_kind kind)
+static void check_messages(const expect_context &context)
 {
-    std::vector<const happening *> found = happenings(kind);
+    std::vector<const happening *> found = happenings(context.kind);
     size_t index = 0;
 
     for (const node &expected : context.value.elements()) {
@@ -66,21 +65,6 @@ static void check_messages(const expect_context &context, enum happening_kind ki
                     text_format("%u events, expected %u; the next is ",
                                 static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
                         found[index]->text + " " + found[index]->json);
-}
-
-static void check_commands(const expect_context &context)
-{
-    check_messages(context, HAPPENED_COMMAND);
-}
-
-static void check_product_messages(const expect_context &context)
-{
-    check_messages(context, HAPPENED_MESSAGE);
-}
-
-static void check_uploads(const expect_context &context)
-{
-    check_messages(context, HAPPENED_UPLOAD);
 }
 
 /* A log line that contains a text, or has a level, a file and a part of its text. */
@@ -133,12 +117,12 @@ static void check_order(const expect_context &context, const std::vector<expecte
                                     : " after " + node_to_text(*expected[found - 1].value)));
 }
 
-static void check_in_order(const expect_context &context, enum happening_kind kind)
+static void check_in_order(const expect_context &context)
 {
     std::vector<expected_event> expected;
 
     for (const node &element : context.value.elements())
-        expected.push_back({kind, element});
+        expected.push_back({context.kind, element});
     check_order(context, expected);
 }
 
@@ -153,10 +137,10 @@ static void check_sequence(const expect_context &context)
     check_order(context, expected);
 }
 
-static void check_none(const expect_context &context, enum happening_kind kind)
+static void check_none(const expect_context &context)
 {
     for (const node &unexpected : context.value.elements())
-        for (const happening *what : happenings(kind))
+        for (const happening *what : happenings(context.kind))
             if (event_fits(unexpected, *what)) {
                 expect_fail(context, "not expected: " + what->text);
                 return;
@@ -164,9 +148,9 @@ static void check_none(const expect_context &context, enum happening_kind kind)
 }
 
 /* As many as expected, each fitting. */
-static void check_list(const expect_context &context, enum happening_kind kind)
+static void check_list(const expect_context &context)
 {
-    std::vector<const happening *> found = happenings(kind);
+    std::vector<const happening *> found = happenings(context.kind);
 
     if (found.size() != context.value->Size()) {
         expect_fail(context,
@@ -185,23 +169,13 @@ static void check_list(const expect_context &context, enum happening_kind kind)
     }
 }
 
-static void check_log(const expect_context &context)
-{
-    check_in_order(context, HAPPENED_LOG);
-}
-
-static void check_no_log(const expect_context &context)
-{
-    check_none(context, HAPPENED_LOG);
-}
-
 /* All lines of level warn and error, in order, and no others. */
 static void check_warnings(const expect_context &context)
 {
     std::vector<happening> found;
     size_t index = 0;
 
-    for (const happening *what : happenings(HAPPENED_LOG))
+    for (const happening *what : happenings(context.kind))
         if (what->number <= OXNI_LOG_WARN)
             found.push_back(*what);
     for (const node &expected : context.value.elements()) {
@@ -227,38 +201,12 @@ static void check_log_counts(const expect_context &context)
     for (const auto &[name, value] : context.value.members()) {
         int64_t count = 0;
 
-        for (const happening *what : happenings(HAPPENED_LOG))
+        for (const happening *what : happenings(context.kind))
             count += match_part(what->text, name) ? 1 : 0;
         if (count != value->GetInt64())
             expect_fail(context, text_format("\"%s\" occurs %lld times, expected %lld",
-                                             name.c_str(), static_cast<long long>(count),
-                                             static_cast<long long>(value->GetInt64())));
+                                             name.c_str(), count, value->GetInt64()));
     }
-}
-
-static void check_echo(const expect_context &context)
-{
-    check_list(context, HAPPENED_ECHO);
-}
-
-static void check_refused(const expect_context &context)
-{
-    check_list(context, HAPPENED_REFUSED);
-}
-
-static void check_complaints(const expect_context &context)
-{
-    check_list(context, HAPPENED_COMPLAINT);
-}
-
-static void check_calls(const expect_context &context)
-{
-    check_in_order(context, HAPPENED_CALL);
-}
-
-static void check_no_calls(const expect_context &context)
-{
-    check_none(context, HAPPENED_CALL);
 }
 
 /* A name counts all its calls; a text with "(" the traced calls that contain it. */
@@ -268,32 +216,31 @@ static void check_call_counts(const expect_context &context)
         bool traced = name.find('(') != std::string::npos;
         uint64_t count = traced ? 0 : calls_count(name);
 
-        for (const happening *what : happenings(HAPPENED_CALL))
+        for (const happening *what : happenings(context.kind))
             count += traced && match_part(what->text, name) ? 1u : 0u;
         if (!traced && !calls_known(name))
             expect_fail(context, name + " is not a call that is counted");
         if (count != value->GetUint64())
             expect_fail(context, text_format("%s was called %llu times, expected %llu",
-                                             name.c_str(), static_cast<unsigned long long>(count),
-                                             static_cast<unsigned long long>(value->GetUint64())));
+                                             name.c_str(), count, value->GetUint64()));
     }
 }
 
 static const expect_member s_members[] = {
-    {"commands",    check_commands        },
-    {"messages",    check_product_messages},
-    {"uploads",     check_uploads         },
-    {"sequence",    check_sequence        },
-    {"log",         check_log             },
-    {"no_log",      check_no_log          },
-    {"warnings",    check_warnings        },
-    {"log_counts",  check_log_counts      },
-    {"echo",        check_echo            },
-    {"refused",     check_refused         },
-    {"complaints",  check_complaints      },
-    {"calls",       check_calls           },
-    {"no_calls",    check_no_calls        },
-    {"call_counts", check_call_counts     },
+    {"commands",    check_messages,    HAPPENED_COMMAND  },
+    {"messages",    check_messages,    HAPPENED_MESSAGE  },
+    {"uploads",     check_messages,    HAPPENED_UPLOAD   },
+    {"sequence",    check_sequence,    HAPPENED_BOOT     },
+    {"log",         check_in_order,    HAPPENED_LOG      },
+    {"no_log",      check_none,        HAPPENED_LOG      },
+    {"warnings",    check_warnings,    HAPPENED_LOG      },
+    {"log_counts",  check_log_counts,  HAPPENED_LOG      },
+    {"echo",        check_list,        HAPPENED_ECHO     },
+    {"refused",     check_list,        HAPPENED_REFUSED  },
+    {"complaints",  check_list,        HAPPENED_COMPLAINT},
+    {"calls",       check_in_order,    HAPPENED_CALL     },
+    {"no_calls",    check_none,        HAPPENED_CALL     },
+    {"call_counts", check_call_counts, HAPPENED_CALL     },
 };
 
 static void check_unexpected(const node &where, enum happening_kind kind,
@@ -306,12 +253,11 @@ static void check_unexpected(const node &where, enum happening_kind kind,
 void expect_check(const node &expect, std::vector<std::string> &failures)
 {
     for (const auto &[name, value] : expect.members()) {
-        const expect_context context = {value, failures};
-
-        if (!expect_state(name, context))
-            for (const expect_member &member : s_members)
-                if (name == member.name)
-                    member.check(context);
+        if (expect_state(name, {value, failures, HAPPENED_BOOT}))
+            continue;
+        for (const expect_member &member : s_members)
+            if (name == member.name)
+                member.check({value, failures, member.kind});
     }
     if (!expect["complaints"])
         check_unexpected(expect, HAPPENED_COMPLAINT, failures);

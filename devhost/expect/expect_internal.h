@@ -2,11 +2,13 @@
 #ifndef DEVHOST_EXPECT_INTERNAL_H
 #define DEVHOST_EXPECT_INTERNAL_H
 
+#include "../scenario/journal.h"
 #include "expect.h"
 
 struct expect_context {
     const node &value; /* of the member */
     std::vector<std::string> &failures;
+    enum happening_kind kind; /* of events; HAPPENED_BOOT when the member has no single one */
 };
 
 /* Adds a failure; an empty text is none. */
@@ -16,6 +18,7 @@ void expect_fail(const expect_context &context, const std::string &why);
 struct expect_member {
     const char *name;
     void (*check)(const expect_context &context);
+    enum happening_kind kind = HAPPENED_BOOT;
 };
 
 /* Checks a member that looks at the present state, not at events. Result: whether it is one. */

@@ -27,9 +27,8 @@ static void check_timers(const expect_context &context)
         uint64_t count = observe_timers(strtoull(delay.c_str(), nullptr, 10));
 
         if (count != value->GetUint64())
-            expect_fail(context, text_format("%llu timers of %s ms, expected %llu",
-                                             static_cast<unsigned long long>(count), delay.c_str(),
-                                             static_cast<unsigned long long>(value->GetUint64())));
+            expect_fail(context, text_format("%llu timers of %s ms, expected %llu", count,
+                                             delay.c_str(), value->GetUint64()));
     }
 }
 
@@ -43,9 +42,8 @@ static void check_references(const expect_context &context)
             expect_fail(context,
                         "no subscriber \"" + name + "\" was seen since the start of the agent");
         else if (count != value->GetUint64())
-            expect_fail(context, text_format("%llu references to %s, expected %llu",
-                                             static_cast<unsigned long long>(count), name.c_str(),
-                                             static_cast<unsigned long long>(value->GetUint64())));
+            expect_fail(context, text_format("%llu references to %s, expected %llu", count,
+                                             name.c_str(), value->GetUint64()));
     }
 }
 
@@ -160,10 +158,8 @@ static void check_agent(const expect_context &context)
 static void check_pending_replies(const expect_context &context)
 {
     if (oxnih_core_pending_replies() != context.value->GetUint64())
-        expect_fail(context,
-                    text_format("%llu, expected %llu",
-                                static_cast<unsigned long long>(oxnih_core_pending_replies()),
-                                static_cast<unsigned long long>(context.value->GetUint64())));
+        expect_fail(context, text_format("%llu, expected %llu", oxnih_core_pending_replies(),
+                                         context.value->GetUint64()));
 }
 
 static const expect_member s_members[] = {

@@ -5,30 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 
-static constexpr uint32_t CONTEXT_BYTES = 0x4D0u;
-static constexpr uint32_t MACHINE_X64 = 0x8664u;
 static constexpr uint32_t CONTEXT_CONTROL = 0x100001u;
 static constexpr uint32_t CONTEXT_INTEGER = 0x100002u;
-
-/* Places in the header. */
-enum header_field : uint64_t {
-    HEADER_BUILD = 0x0C,
-    HEADER_DIRECTORY_TABLE = 0x10,
-    HEADER_LOADED_MODULES = 0x20,
-    HEADER_MACHINE = 0x30,
-    HEADER_PROCESSORS = 0x34,
-    HEADER_BUG_CHECK = 0x38,
-    HEADER_PARAMETERS = 0x40,
-    HEADER_KIND = 0xF98,
-    HEADER_CRASH_TIME = 0xFA8,
-    HEADER_UPTIME = 0x1030,
-};
-
-enum context_field : uint64_t {
-    CONTEXT_FLAGS = 0x30,
-    CONTEXT_GENERAL = 0x78, /* in the order of their numbers */
-    CONTEXT_RIP = 0xF8,
-};
 
 std::string kernel_dump_hex(uint64_t value)
 {
@@ -60,9 +38,9 @@ static enum kernel_dump_error check_signature(const file_span &file, std::string
         *reason = "not a dump: it does not begin with \"PAGEDU64\"";
         return KERNEL_DUMP_NOT_A_DUMP;
     }
-    if (file.size < KERNEL_DUMP_HEADER_BYTES) {
+    if (file.size < DUMP_HEADER_BYTES) {
         *reason = "the file is truncated: " + std::to_string(file.size) +
-                  " bytes, and the header alone has " + std::to_string(KERNEL_DUMP_HEADER_BYTES);
+                  " bytes, and the header alone has " + std::to_string(DUMP_HEADER_BYTES);
         return KERNEL_DUMP_CUT_OFF;
     }
     return KERNEL_DUMP_OK;
@@ -70,9 +48,9 @@ static enum kernel_dump_error check_signature(const file_span &file, std::string
 
 static enum kernel_dump_error check_machine(const file_span &file, std::string *reason)
 {
-    const uint32_t machine = file.at<uint32_t>(HEADER_MACHINE);
+    const uint32_t machine = file.at<uint32_t>(DUMP_MACHINE);
 
-    if (machine == MACHINE_X64)
+    if (machine == DUMP_MACHINE_X64)
         return KERNEL_DUMP_OK;
     *reason =
         "the machine type " + kernel_dump_hex(machine) + " is not supported, only x64 (0x8664)";
@@ -81,16 +59,16 @@ static enum kernel_dump_error check_machine(const file_span &file, std::string *
 
 static void read_header(const file_span &file, kernel_dump *dump)
 {
-    dump->kind = file.at<uint32_t>(HEADER_KIND);
-    dump->directory_table = file.at<uint64_t>(HEADER_DIRECTORY_TABLE);
-    dump->loaded_modules = file.at<uint64_t>(HEADER_LOADED_MODULES);
-    dump->build = file.at<uint32_t>(HEADER_BUILD);
-    dump->processors = file.at<uint32_t>(HEADER_PROCESSORS);
-    dump->bug_check = file.at<uint32_t>(HEADER_BUG_CHECK);
+    dump->kind = file.at<uint32_t>(DUMP_KIND);
+    dump->directory_table = file.at<uint64_t>(DUMP_DIRECTORY_TABLE);
+    dump->loaded_modules = file.at<uint64_t>(DUMP_LOADED_MODULES);
+    dump->build = file.at<uint32_t>(DUMP_BUILD);
+    dump->processors = file.at<uint32_t>(DUMP_PROCESSORS);
+    dump->bug_check = file.at<uint32_t>(DUMP_BUG_CHECK);
     for (uint64_t i = 0; i < 4; i++)
-        dump->parameters[i] = file.at<uint64_t>(HEADER_PARAMETERS + 8 * i);
-    dump->crash_time_100ns = file.at<uint64_t>(HEADER_CRASH_TIME);
-    dump->uptime_100ns = file.at<uint64_t>(HEADER_UPTIME);
+        dump->parameters[i] = file.at<uint64_t>(DUMP_PARAMETERS + 8 * i);
+    dump->crash_time_100ns = file.at<uint64_t>(DUMP_CRASH_TIME);
+    dump->uptime_100ns = file.at<uint64_t>(DUMP_UPTIME);
 }
 
 enum kernel_dump_error kernel_dump_read_context(const file_span &file, uint64_t offset,

@@ -3,10 +3,9 @@
 #define DEVHOST_KERNEL_DUMP_INTERNAL_H
 
 #include "../unwind/file_span.h"
+#include "dump_layout.h"
 #include "kernel_dump.h"
 
-/* The header of every dump; the part that depends on the kind follows. */
-static constexpr uint32_t KERNEL_DUMP_HEADER_BYTES = 0x2000u;
 /* The longest file name of a file system. It also bounds the work: thousands of modules may share one
  * text as long as the file. */
 static constexpr uint32_t KERNEL_DUMP_FILE_NAME_CHARS = 255u;

@@ -4,31 +4,12 @@
 
 #include <algorithm>
 
-static constexpr uint32_t CONTEXT_OFFSET = 0x348u;
 /* More than ten times what a Windows with very many drivers loads: it bounds the work. */
 static constexpr uint32_t MODULES_MAX = 4096u;
 /* A kernel stack has 24 KiB, and an expanded one little more than this: frames further out are not
  * among the few innermost ones that a client asks for. The end of the stack is not looked up; the page
  * after it is not mapped. */
 static constexpr uint32_t STACK_BYTES_MAX = 0x10000u;
-
-/* Places in an entry of the list. */
-enum list_entry_field : uint64_t {
-    ENTRY_LINKS = 0x00, /* next, previous */
-    ENTRY_BASE = 0x30,
-    ENTRY_SIZE = 0x40,
-    ENTRY_PATH = 0x48,
-    ENTRY_NAME = 0x58,
-    ENTRY_BYTES = 0x68,
-    ENTRY_TIME_STAMP = 0x9C,
-};
-
-/* Places in a counted text. */
-enum counted_text_field : uint64_t {
-    TEXT_BYTES = 0x00,
-    TEXT_ROOM = 0x02,
-    TEXT_ADDRESS = 0x08,
-};
 
 /* The link of an entry that a walk follows. */
 enum list_direction {
@@ -52,7 +33,7 @@ static bool read_path_end(const memory_dump &memory, const file_span &entry, uin
 /* From the file's name or, where that is missing, from its path; unchanged when both are. */
 static void read_name(const memory_dump &memory, const file_span &entry, kernel_dump_module *module)
 {
-    for (const uint64_t field : {ENTRY_NAME, ENTRY_PATH}) {
+    for (const uint64_t field : {MEMORY_NAME, MEMORY_PATH}) {
         std::u16string end;
 
         if (read_path_end(memory, entry, field, &end) &&
@@ -64,18 +45,18 @@ static void read_name(const memory_dump &memory, const file_span &entry, kernel_
 static const char *add_entry(const memory_dump &memory, uint64_t address, kernel_dump *dump,
                              size_t *nameless)
 {
-    uint8_t bytes[ENTRY_BYTES];
+    uint8_t bytes[MEMORY_ENTRY_BYTES];
     const file_span entry = {bytes, sizeof bytes};
     const enum memory_result result = memory_dump_read(memory, address, bytes, sizeof bytes);
 
     if (result != MEMORY_OK)
         return memory_result_text(result);
-    kernel_dump_module module = {"", "", entry.at<uint64_t>(ENTRY_BASE),
-                                 entry.at<uint32_t>(ENTRY_SIZE), 0};
+    kernel_dump_module module = {"", "", entry.at<uint64_t>(MEMORY_BASE),
+                                 entry.at<uint32_t>(MEMORY_SIZE), 0};
 
     read_name(memory, entry, &module);
     /* Without it the size alone has to tell builds apart, so an entry whose end is missing counts too. */
-    if (memory_dump_read(memory, address + ENTRY_TIME_STAMP, &module.time_stamp,
+    if (memory_dump_read(memory, address + MEMORY_TIME_STAMP, &module.time_stamp,
                          sizeof module.time_stamp) != MEMORY_OK)
         module.time_stamp = 0;
     *nameless += module.name.empty();
@@ -99,7 +80,7 @@ static const char *walk_list(const memory_dump &memory, enum list_direction dire
         const uint64_t at = links[direction];
         const char *fault;
 
-        result = memory_dump_read(memory, at + ENTRY_LINKS, links, sizeof links);
+        result = memory_dump_read(memory, at + MEMORY_NEXT, links, sizeof links);
         if (result != MEMORY_OK)
             break;
         if (links[1 - direction] != from)
@@ -171,7 +152,7 @@ enum kernel_dump_error kernel_dump_read_memory(const file_span &file, kernel_dum
                                                std::string *reason)
 {
     memory_dump memory;
-    enum kernel_dump_error error = kernel_dump_read_context(file, CONTEXT_OFFSET, dump, reason);
+    enum kernel_dump_error error = kernel_dump_read_context(file, DUMP_CONTEXT, dump, reason);
 
     if (error == KERNEL_DUMP_OK)
         error = memory_dump_open(file, *dump, &memory, reason);

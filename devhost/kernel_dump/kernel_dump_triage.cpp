@@ -3,38 +3,16 @@
 
 #include <algorithm>
 
-static constexpr uint32_t TRIAGE_BYTES = 0x50u;
-static constexpr uint32_t DRIVER_ENTRY_BYTES = 0x90u;
-
-/* Places in the file of the block's fields. */
-enum triage_field : uint64_t {
-    TRIAGE_SIZE_OF_DUMP = KERNEL_DUMP_HEADER_BYTES + 0x04,
-    TRIAGE_VALID_OFFSET = KERNEL_DUMP_HEADER_BYTES + 0x08,
-    TRIAGE_CONTEXT_OFFSET = KERNEL_DUMP_HEADER_BYTES + 0x0C,
-    TRIAGE_STACK_OFFSET = KERNEL_DUMP_HEADER_BYTES + 0x28,
-    TRIAGE_STACK_BYTES = KERNEL_DUMP_HEADER_BYTES + 0x2C,
-    TRIAGE_DRIVERS_OFFSET = KERNEL_DUMP_HEADER_BYTES + 0x30,
-    TRIAGE_DRIVER_COUNT = KERNEL_DUMP_HEADER_BYTES + 0x34,
-    TRIAGE_STACK_START = KERNEL_DUMP_HEADER_BYTES + 0x48,
-};
-
-enum driver_field : uint64_t {
-    DRIVER_NAME_OFFSET = 0x00,
-    DRIVER_BASE = 0x38,
-    DRIVER_BYTES = 0x48,
-    DRIVER_TIME_STAMP = 0x88,
-};
-
 /* Windows writes the mark last, so a dump that has it is complete. */
 static enum kernel_dump_error check_whole(const file_span &file, std::string *reason)
 {
-    if (!file.holds(KERNEL_DUMP_HEADER_BYTES, TRIAGE_BYTES)) {
+    if (!file.holds(0, DUMP_TRIAGE_END)) {
         *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
                   " bytes, inside the fields that follow the header";
         return KERNEL_DUMP_CUT_OFF;
     }
-    const uint32_t size = file.at<uint32_t>(TRIAGE_SIZE_OF_DUMP);
-    const uint32_t valid = file.at<uint32_t>(TRIAGE_VALID_OFFSET);
+    const uint32_t size = file.at<uint32_t>(DUMP_SIZE);
+    const uint32_t valid = file.at<uint32_t>(DUMP_VALID);
 
     if (size > file.size) {
         *reason = "the file is truncated: " + std::to_string(file.size) + " of " +
@@ -53,7 +31,7 @@ static enum kernel_dump_error check_whole(const file_span &file, std::string *re
 static enum kernel_dump_error read_context(const file_span &file, kernel_dump *dump,
                                            std::string *reason)
 {
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_CONTEXT_OFFSET);
+    const uint32_t offset = file.at<uint32_t>(DUMP_CONTEXT_AT);
 
     if (offset == 0) {
         *reason = "the dump contains no context";
@@ -65,10 +43,10 @@ static enum kernel_dump_error read_context(const file_span &file, kernel_dump *d
 static enum kernel_dump_error read_stack(const file_span &file, kernel_dump *dump,
                                          std::string *reason)
 {
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_STACK_OFFSET);
-    const uint32_t length = file.at<uint32_t>(TRIAGE_STACK_BYTES);
+    const uint32_t offset = file.at<uint32_t>(DUMP_STACK_AT);
+    const uint32_t length = file.at<uint32_t>(DUMP_STACK_BYTES);
 
-    dump->stack_start = file.at<uint64_t>(TRIAGE_STACK_START);
+    dump->stack_start = file.at<uint64_t>(DUMP_STACK_START);
     if (!file.holds(offset, length))
         return kernel_dump_outside(file, "the stack", offset, length, reason);
     if (dump->stack_start > UINT64_MAX - length) {
@@ -107,10 +85,10 @@ static enum kernel_dump_error read_module(const file_span &file, uint64_t entry,
                                           std::string *reason)
 {
     kernel_dump_module module = {"", "", file.at<uint64_t>(entry + DRIVER_BASE),
-                                 file.at<uint32_t>(entry + DRIVER_BYTES),
+                                 file.at<uint32_t>(entry + DRIVER_SIZE),
                                  file.at<uint32_t>(entry + DRIVER_TIME_STAMP)};
     const enum kernel_dump_error error =
-        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_OFFSET), &module, reason);
+        read_name(file, who, file.at<uint32_t>(entry + DRIVER_NAME_AT), &module, reason);
 
     if (error != KERNEL_DUMP_OK || kernel_dump_add_module(dump, module))
         return error;
@@ -122,8 +100,8 @@ static enum kernel_dump_error read_module(const file_span &file, uint64_t entry,
 static enum kernel_dump_error read_modules(const file_span &file, kernel_dump *dump,
                                            std::string *reason)
 {
-    const uint32_t offset = file.at<uint32_t>(TRIAGE_DRIVERS_OFFSET);
-    const uint32_t count = file.at<uint32_t>(TRIAGE_DRIVER_COUNT);
+    const uint32_t offset = file.at<uint32_t>(DUMP_DRIVERS_AT);
+    const uint32_t count = file.at<uint32_t>(DUMP_DRIVER_COUNT);
     const uint64_t length = static_cast<uint64_t>(count) * DRIVER_ENTRY_BYTES;
 
     if (!file.holds(offset, length))

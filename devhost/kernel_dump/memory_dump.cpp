@@ -4,38 +4,18 @@
 
 #include <algorithm>
 
-static constexpr uint32_t RUN_BYTES = 16u;
 /* The processor has 52 bits of physical address. */
 static constexpr uint64_t PAGES_MAX = 0x10000000000ull;
 /* The most bits that one look-up in the bitmap counts. */
 static constexpr uint32_t BLOCK_BITS = 4096u;
 
-static constexpr uint32_t ENTRY_PRESENT = 0x001u;
-static constexpr uint32_t ENTRY_LARGE = 0x080u;
-static constexpr uint32_t ENTRY_PROTOTYPE = 0x400u;
-static constexpr uint32_t ENTRY_TRANSITION = 0x800u;
-static constexpr uint64_t ENTRY_FRAME = 0x000FFFFFFFFFF000ull;
-
-/* Offsets in the file. */
-enum memory_field : uint64_t {
-    RUNS_COUNT = 0x88,
-    RUNS_PAGES = 0x90,
-    RUNS_FIRST = 0x98,
-    BITMAP_SIGNATURE = KERNEL_DUMP_HEADER_BYTES + 0x00,
-    BITMAP_VALID = KERNEL_DUMP_HEADER_BYTES + 0x04,
-    BITMAP_FIRST_PAGE = KERNEL_DUMP_HEADER_BYTES + 0x20,
-    BITMAP_PRESENT = KERNEL_DUMP_HEADER_BYTES + 0x28,
-    BITMAP_BITS = KERNEL_DUMP_HEADER_BYTES + 0x30,
-    BITMAP = KERNEL_DUMP_HEADER_BYTES + 0x38,
-};
-
 /* The list of runs ends where the context begins. */
-static constexpr uint64_t RUNS_MAX = (0x348u - RUNS_FIRST) / RUN_BYTES;
+static constexpr uint64_t RUNS_MAX = (DUMP_CONTEXT - MEMORY_RUN_FIRST) / MEMORY_RUN_BYTES;
 
 static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason)
 {
-    const uint32_t count = memory->file.at<uint32_t>(RUNS_COUNT);
-    const uint64_t pages = memory->file.at<uint64_t>(RUNS_PAGES);
+    const uint32_t count = memory->file.at<uint32_t>(MEMORY_RUN_COUNT);
+    const uint64_t pages = memory->file.at<uint64_t>(MEMORY_RUN_PAGES);
     uint64_t free_from = 0;
 
     if (count == 0 || count > RUNS_MAX) {
@@ -43,7 +23,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
         return KERNEL_DUMP_DAMAGED;
     }
     for (uint32_t i = 0; i < count; i++) {
-        const uint64_t at = RUNS_FIRST + static_cast<uint64_t>(i) * RUN_BYTES;
+        const uint64_t at = MEMORY_RUN_FIRST + static_cast<uint64_t>(i) * MEMORY_RUN_BYTES;
         const memory_run run = {memory->file.at<uint64_t>(at), memory->file.at<uint64_t>(at + 8),
                                 memory->pages};
 
@@ -62,7 +42,7 @@ static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason
                   " pages, and the header counts " + std::to_string(pages);
         return KERNEL_DUMP_DAMAGED;
     }
-    memory->pages_offset = KERNEL_DUMP_HEADER_BYTES;
+    memory->pages_offset = DUMP_HEADER_BYTES;
     return KERNEL_DUMP_OK;
 }
 
@@ -72,13 +52,14 @@ static uint64_t bits_set(const file_span &file, uint64_t first, uint64_t end)
     uint64_t set = 0;
 
     for (; end - first >= 64; first += 64)
-        set += static_cast<uint64_t>(__builtin_popcountll(file.at<uint64_t>(BITMAP + first / 8)));
+        set +=
+            static_cast<uint64_t>(__builtin_popcountll(file.at<uint64_t>(MEMORY_BITS + first / 8)));
     while (first < end) {
         const uint64_t bits = std::min<uint64_t>(end - first, 8);
         const unsigned mask = (1u << bits) - 1;
 
-        set +=
-            static_cast<uint64_t>(__builtin_popcount(file.at<uint8_t>(BITMAP + first / 8) & mask));
+        set += static_cast<uint64_t>(
+            __builtin_popcount(file.at<uint8_t>(MEMORY_BITS + first / 8) & mask));
         first += bits;
     }
     return set;
@@ -87,9 +68,9 @@ static uint64_t bits_set(const file_span &file, uint64_t first, uint64_t end)
 /* The caller has checked that the file holds the two marks. */
 static bool has_bitmap(const file_span &file)
 {
-    return (memcmp(file.bytes + BITMAP_SIGNATURE, "SDMP", 4) == 0 ||
-            memcmp(file.bytes + BITMAP_SIGNATURE, "FDMP", 4) == 0) &&
-           memcmp(file.bytes + BITMAP_VALID, "DUMP", 4) == 0;
+    return (memcmp(file.bytes + MEMORY_BITMAP, "SDMP", 4) == 0 ||
+            memcmp(file.bytes + MEMORY_BITMAP, "FDMP", 4) == 0) &&
+           memcmp(file.bytes + MEMORY_BITMAP + 4, "DUMP", 4) == 0;
 }
 
 static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::string *reason)
@@ -101,7 +82,7 @@ static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::strin
         *reason = "no machine has " + std::to_string(memory.bits) + " pages of memory";
         return KERNEL_DUMP_DAMAGED;
     }
-    if (memory.pages_offset < BITMAP + bytes) {
+    if (memory.pages_offset < MEMORY_BITS + bytes) {
         *reason = "the bitmap of " + std::to_string(bytes) + " bytes reaches into the pages at " +
                   kernel_dump_hex(memory.pages_offset);
         return KERNEL_DUMP_DAMAGED;
@@ -118,18 +99,17 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
 {
     const file_span &file = memory->file;
 
-    if (!file.holds(KERNEL_DUMP_HEADER_BYTES, BITMAP - KERNEL_DUMP_HEADER_BYTES)) {
+    if (!file.holds(DUMP_HEADER_BYTES, MEMORY_BITS - DUMP_HEADER_BYTES)) {
         *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
                   " bytes, inside the header of the bitmap";
         return KERNEL_DUMP_CUT_OFF;
     }
     if (!has_bitmap(file)) {
-        *reason =
-            "the header of the bitmap is missing at " + kernel_dump_hex(KERNEL_DUMP_HEADER_BYTES);
+        *reason = "the header of the bitmap is missing at " + kernel_dump_hex(DUMP_HEADER_BYTES);
         return KERNEL_DUMP_DAMAGED;
     }
-    memory->pages_offset = file.at<uint64_t>(BITMAP_FIRST_PAGE);
-    memory->bits = file.at<uint64_t>(BITMAP_BITS);
+    memory->pages_offset = file.at<uint64_t>(MEMORY_FIRST_PAGE);
+    memory->bits = file.at<uint64_t>(MEMORY_BITMAP_BITS);
     const enum kernel_dump_error error = check_bitmap(*memory, reason);
 
     if (error != KERNEL_DUMP_OK)
@@ -139,10 +119,10 @@ static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reas
         memory->pages += bits_set(file, bit, std::min(memory->bits, bit + BLOCK_BITS));
     }
     /* A wrong bit would shift all following pages. */
-    if (memory->pages != file.at<uint64_t>(BITMAP_PRESENT)) {
+    if (memory->pages != file.at<uint64_t>(MEMORY_BITMAP_PRESENT)) {
         *reason = "the bitmap marks " + std::to_string(memory->pages) +
                   " pages, and its header counts " +
-                  std::to_string(file.at<uint64_t>(BITMAP_PRESENT));
+                  std::to_string(file.at<uint64_t>(MEMORY_BITMAP_PRESENT));
         return KERNEL_DUMP_DAMAGED;
     }
     return KERNEL_DUMP_OK;
@@ -153,11 +133,10 @@ enum kernel_dump_error memory_dump_open(const file_span &file, const kernel_dump
 {
     *memory = memory_dump();
     memory->file = file;
-    memory->directory_table = dump.directory_table & ENTRY_FRAME;
+    memory->directory_table = dump.directory_table & MEMORY_FRAME;
     /* The contents of a kernel dump decide which of the two it has. */
     if (dump.kind == KERNEL_DUMP_KIND_FULL ||
-        (dump.kind == KERNEL_DUMP_KIND_KERNEL && file.holds(BITMAP_SIGNATURE, 8) &&
-         !has_bitmap(file)))
+        (dump.kind == KERNEL_DUMP_KIND_KERNEL && file.holds(MEMORY_BITMAP, 8) && !has_bitmap(file)))
         return open_runs(memory, reason);
     return open_bitmap(memory, reason);
 }
@@ -177,7 +156,7 @@ static bool place_of_page(const memory_dump &memory, uint64_t page, uint64_t *pl
         }
     }
     if (page >= memory.bits ||
-        (memory.file.at<uint8_t>(BITMAP + page / 8) & (1u << (page % 8))) == 0)
+        (memory.file.at<uint8_t>(MEMORY_BITS + page / 8) & (1u << (page % 8))) == 0)
         return false;
     *place =
         memory.ranks[page / BLOCK_BITS] + bits_set(memory.file, page - page % BLOCK_BITS, page);
@@ -217,15 +196,15 @@ static enum memory_result translate(const memory_dump &memory, uint64_t address,
         if (!read_physical(memory, table + 8 * ((address >> shift) & 0x1FF), &entry, sizeof entry))
             return MEMORY_NO_TABLE;
         const bool in_transition =
-            last && (entry & (ENTRY_TRANSITION | ENTRY_PROTOTYPE)) == ENTRY_TRANSITION;
+            last && (entry & (MEMORY_TRANSITION | MEMORY_PROTOTYPE)) == MEMORY_TRANSITION;
 
-        if ((entry & ENTRY_PRESENT) == 0 && !in_transition)
+        if ((entry & MEMORY_PRESENT) == 0 && !in_transition)
             return MEMORY_UNMAPPED;
-        if (last || (shift < 39 && (entry & ENTRY_LARGE) != 0)) {
-            *physical = (entry & ENTRY_FRAME & ~within) | (address & within);
+        if (last || (shift < 39 && (entry & MEMORY_LARGE) != 0)) {
+            *physical = (entry & MEMORY_FRAME & ~within) | (address & within);
             return MEMORY_OK;
         }
-        table = entry & ENTRY_FRAME;
+        table = entry & MEMORY_FRAME;
     }
 }
 

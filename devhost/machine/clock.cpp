@@ -17,23 +17,13 @@ static DWORD WINAPI stand_in_GetTickCount(void)
     return static_cast<DWORD>(oxnih_clock_tick_ms());
 }
 
-static BOOL WINAPI stand_in_FileTimeToLocalFileTime(const FILETIME *utc, FILETIME *local)
-{
-    return oxnih_filetime_to_local(utc, local);
-}
-
-static BOOL WINAPI stand_in_LocalFileTimeToFileTime(const FILETIME *local, FILETIME *utc)
-{
-    return oxnih_local_to_filetime(local, utc);
-}
-
 void *machine_clock_stand_in(const char *name)
 {
     static const stand_in_row rows[] = {
         STAND_IN(GetSystemTime),
         STAND_IN(GetTickCount),
-        STAND_IN(FileTimeToLocalFileTime),
-        STAND_IN(LocalFileTimeToFileTime),
+        {"FileTimeToLocalFileTime", reinterpret_cast<void *>(oxnih_filetime_to_local)},
+        {"LocalFileTimeToFileTime", reinterpret_cast<void *>(oxnih_local_to_filetime)},
     };
 
     return stand_in_find(rows, name);

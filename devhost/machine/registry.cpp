@@ -374,7 +374,7 @@ bool machine_get_value(const std::wstring &key, const std::wstring &name, std::s
         uint64_t number = 0;
 
         memcpy(&number, data.data(), sizeof(number));
-        *text = text_format("%llu", static_cast<unsigned long long>(number));
+        *text = text_format("%llu", number);
     }
     return true;
 }

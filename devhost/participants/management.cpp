@@ -6,13 +6,12 @@
 
 #include <deque>
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <oxni/base/json.h>
 
 #include "../../platform/liboxni_core/host.h"
+#include "../base/json.h"
 #include "../base/text.h"
+#include "../base/text_json.h"
 #include "../scenario/timeline.h"
 
 static constexpr char LINK_PATH[] = "/:broadcast/dbg/oxni/quality_opr";
@@ -44,21 +43,13 @@ static struct {
 /* The usual answer to "quality_opr info". */
 static std::string devices_text(void)
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
-
-    json.StartObject();
-    json.Key("total");
-    json.Uint(static_cast<unsigned>(s_management.devices.elements().size()));
-    json.Key("info");
-    if (s_management.devices) {
-        s_management.devices->Accept(json);
-    } else {
-        json.StartArray();
-        json.EndArray();
-    }
-    json.EndObject();
-    return buffer.GetString();
+    return json_text<json_line>([](json_line &json) {
+        json.StartObject();
+        json_member(json, "total", s_management.devices.elements().size());
+        json_member_as_is(json, "info",
+                          s_management.devices ? node_to_text(*s_management.devices) : "[]");
+        json.EndObject();
+    });
 }
 
 static void answer_console(oxnih_request *call, const char *command_line, void *user)

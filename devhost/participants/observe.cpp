@@ -46,8 +46,7 @@ static std::string message_words(const json_t *message)
         return "sends the plug-in " + text_of_json(message);
     words =
         (type == "reg" ? "registers as " : "reports status ") + status +
-        text_format(", count %lld, modules",
-                    static_cast<long long>(json_integer_value(json_object_get(message, "count"))));
+        text_format(", count %lld, modules", json_integer_value(json_object_get(message, "count")));
     for (size_t i = 0; i < json_array_size(modules); i++)
         words += std::string(" ") + text_of_json(json_array_get(modules, i));
     return words;

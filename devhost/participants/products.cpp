@@ -7,9 +7,6 @@
 #include <list>
 #include <map>
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <oxni/base/json.h>
 #include <oxni/base/subscribee.h>
 #include <oxni/base/subscriber.h>
@@ -17,6 +14,7 @@
 #include "../../platform/liboxni_core/host.h"
 #include "../agent/agent.h"
 #include "../base/text.h"
+#include "../base/text_json.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
 
@@ -67,28 +65,18 @@ static product *product_by_handle(const oxni_subscriber *subscriber)
 
 static std::string usual_message(const product &product, const char *type)
 {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
-
-    json.StartObject();
-    json.Key("product_name");
-    json.String(product.product_name.c_str());
-    json.Key("type");
-    json.String(type);
-    json.Key("count");
-    json.Int64(product.count);
-    json.Key("status");
-    json.String(product.status.c_str());
-    json.Key("data");
-    json.StartObject();
-    json.Key("driver_module");
-    json.StartArray();
-    for (const std::string &module : product.modules)
-        json.String(module.c_str());
-    json.EndArray();
-    json.EndObject();
-    json.EndObject();
-    return buffer.GetString();
+    return json_text<json_line>([&](json_line &json) {
+        json.StartObject();
+        json_member(json, "product_name", product.product_name);
+        json_member(json, "type", type);
+        json_member(json, "count", product.count);
+        json_member(json, "status", product.status);
+        json.Key("data");
+        json.StartObject();
+        json_member(json, "driver_module", product.modules);
+        json.EndObject();
+        json.EndObject();
+    });
 }
 
 /* Throws when it is no JSON; NULL only when the platform's memory is made to fail. */
@@ -131,9 +119,9 @@ static void answer_now(void *user)
     product &product = product_find(answer->key);
 
     if (product.status != answer->status || product.count != answer->count)
-        journal_add(HAPPENED_STATE, product.key,
-                    text_format("changes to %s, count %lld", answer->status.c_str(),
-                                static_cast<long long>(answer->count)));
+        journal_add(
+            HAPPENED_STATE, product.key,
+            text_format("changes to %s, count %lld", answer->status.c_str(), answer->count));
     product.status = answer->status;
     product.count = answer->count;
     if (answer->reports)
@@ -321,21 +309,17 @@ void product_replied(oxni_subscriber *subscriber)
 std::string product_state_text(const std::string &key)
 {
     const product &product = product_find(key);
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> json(buffer);
 
-    json.StartObject();
-    json.Key("status");
-    json.String(product.status.c_str());
-    json.Key("count");
-    json.Int64(product.count);
-    json.Key("commands");
-    json.Int64(product.commands);
-    json.Key("references");
-    json.Uint64(product.subscriber != nullptr ? oxnih_subscriber_references(product.subscriber)
-                                              : 0);
-    json.EndObject();
-    return buffer.GetString();
+    return json_text<json_line>([&](json_line &json) {
+        json.StartObject();
+        json_member(json, "status", product.status);
+        json_member(json, "count", product.count);
+        json_member(json, "commands", product.commands);
+        json_member(json, "references",
+                    product.subscriber != nullptr ? oxnih_subscriber_references(product.subscriber)
+                                                  : 0u);
+        json.EndObject();
+    });
 }
 
 std::vector<std::string> product_keys(void)
@@ -351,8 +335,7 @@ std::string product_summary(const std::string &key)
 {
     const product &product = product_find(key);
 
-    return text_format("%-13s count %lld, %s", product.status.c_str(),
-                       static_cast<long long>(product.count),
+    return text_format("%-13s count %lld, %s", product.status.c_str(), product.count,
                        product.last_command.empty() ? "never ordered anything"
                                                     : ("ordered " + product.last_command).c_str());
 }

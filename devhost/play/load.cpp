@@ -315,7 +315,7 @@ static void check_boot(problem_list &problems, const node &boot)
     double until = boot.number("until", BOOT_SECONDS), uptime = boot.number("uptime", 0);
 
     for (const node &step : boot["steps"].elements())
-        if (step.number("at", 0) > until)
+        if (timeline_seconds(step) > until)
             add(problems, step["at"], "is after the end of the boot, \"until\"");
     if (boot["agent_start"] && uptime + boot.number("agent_start", 0) > until)
         add(problems, boot["agent_start"], "is after the end of the boot, \"until\"");
@@ -332,7 +332,7 @@ static bool reaches(const node &boot, double registers)
         first = boot.number("uptime", 0) + boot.number("agent_start", AGENT_START_SECONDS);
     for (const node &step : boot["steps"].elements())
         if (step["agent"] && step.text("agent") != "stop")
-            first = std::min(first, step.number("at", 0));
+            first = std::min(first, timeline_seconds(step));
     return first + registers <= until;
 }
 

@@ -97,7 +97,7 @@ static void plan_boot(const node &boot)
                     agent_process_start);
     for (const node &step : boot["steps"].elements())
         timeline_at(
-            timeline_ms(step.number("at", 0)), [step] { run_step(step); },
+            timeline_ms(timeline_seconds(step)), [step] { run_step(step); },
             step.text("when") == "before");
 }
 

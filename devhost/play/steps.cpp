@@ -38,68 +38,40 @@ static void step_agent(const step_context &context)
         agent_process_start();
 }
 
-/* Throws when the agent's modules cannot do anything: its process is not there. */
-static void need_agent(const step_context &context)
-{
-    if (agent_state_get() != AGENT_RUNNING)
-        context.step.bad("the agent is not running at this moment");
-}
-
 static void step_register(const step_context &context)
 {
-    need_agent(context);
     product_register(context.value->GetString());
 }
 
 static void step_send(const step_context &context)
 {
-    need_agent(context);
     product_send(context.value->GetString(), *context.step["message"]);
 }
 
 static void step_order(const step_context &context)
 {
-    need_agent(context);
     if (!subscriber_order(context.value->GetString(), *context.step["message"]))
         context.value.bad("no subscriber of this name was seen since the start of the agent");
 }
 
 static void step_tell(const step_context &context)
 {
-    need_agent(context);
     product_tell(context.value->GetString());
 }
 
 static void step_unsubscribe(const step_context &context)
 {
-    need_agent(context);
     product_unsubscribe(context.value->GetString());
 }
 
 static void step_console(const step_context &context)
 {
-    need_agent(context);
     oxnih_dbg_run("oxni", context.value->GetString());
 }
 
 static void step_product(const step_context &context)
 {
     product_change(context.value->GetString(), context.step["set"]);
-}
-
-static void step_management(const step_context &context)
-{
-    management_change(context.value);
-}
-
-static void step_link(const step_context &context)
-{
-    management_set_link(context.value);
-}
-
-static void step_report_link(const step_context &context)
-{
-    management_report_link(context.value);
 }
 
 static void step_log_level(const step_context &context)
@@ -111,21 +83,17 @@ static void step_log_level(const step_context &context)
 /* A second call of the plug-in's entry; the value is the expected result. */
 static void step_init(const step_context &context)
 {
-    need_agent(context);
     const uint64_t result = agent_process_init_again();
 
-    say(text_format("oxni_plugin_init is called again, result %llu",
-                    static_cast<unsigned long long>(result)));
+    say(text_format("oxni_plugin_init is called again, result %llu", result));
     if (result != context.value->GetUint64())
-        context.failures.push_back(
-            context.value.place() +
-            text_format(": result %llu, expected ", static_cast<unsigned long long>(result)) +
-            node_to_text(*context.value));
+        context.failures.push_back(context.value.place() +
+                                   text_format(": result %llu, expected ", result) +
+                                   node_to_text(*context.value));
 }
 
 static void step_callback(const step_context &context)
 {
-    need_agent(context);
     callbacks_call(context.value->GetString(), context.step["arguments"]);
 }
 
@@ -135,11 +103,6 @@ static void step_event(const step_context &context)
                     static_cast<unsigned>(context.value.integer("id", 0)) & 0xffff,
                     context.value.text("source").c_str()));
     machine_setup_event(context.value);
-}
-
-static void step_file(const step_context &context)
-{
-    machine_setup_file(context.value);
 }
 
 static void step_delete_file(const step_context &context)
@@ -207,11 +170,6 @@ static void step_delete_key(const step_context &context)
     say(std::string("registry key ") + context.value->GetString() + " is deleted");
 }
 
-static void step_machine(const step_context &context)
-{
-    machine_setup_apply(context.value);
-}
-
 static void step_clock(const step_context &context)
 {
     uint64_t now = timeline_time(context.value, 0);
@@ -232,55 +190,49 @@ static void step_fail(const step_context &context)
     std::string with = context.step.text("with");
 
     calls_fail(call, nth, times, error, with);
-    say(text_format("call %llu of %s from now on fails with %u",
-                    static_cast<unsigned long long>(nth),
+    say(text_format("call %llu of %s from now on fails with %u", nth,
                     (with.empty() ? call : call + "(" + with + ")").c_str(), error));
 }
 
 static void step_fail_allocation(const step_context &context)
 {
     oxnih_memory_fail(context.value->GetUint64(), context.step.flag("forever", false));
-    say(text_format("allocation %llu from here on fails",
-                    static_cast<unsigned long long>(context.value->GetUint64())));
-}
-
-static void step_expect(const step_context &context)
-{
-    expect_check(context.value, context.failures);
+    say(text_format("allocation %llu from here on fails", context.value->GetUint64()));
 }
 
 static const struct {
     const char *member;
+    bool needs_agent; /* its process must be there */
     void (*run)(const step_context &context);
 } s_steps[] = {
-    {"agent",           step_agent          },
-    {"register",        step_register       },
-    {"send",            step_send           },
-    {"order",           step_order          },
-    {"tell",            step_tell           },
-    {"unsubscribe",     step_unsubscribe    },
-    {"console",         step_console        },
-    {"product",         step_product        },
-    {"management",      step_management     },
-    {"link",            step_link           },
-    {"report_link",     step_report_link    },
-    {"log_level",       step_log_level      },
-    {"init",            step_init           },
-    {"callback",        step_callback       },
-    {"event",           step_event          },
-    {"file",            step_file           },
-    {"delete_file",     step_delete_file    },
-    {"copy_file",       step_copy_file      },
-    {"hold_file",       step_hold_file      },
-    {"release_file",    step_release_file   },
-    {"registry",        step_registry       },
-    {"delete_value",    step_delete_value   },
-    {"delete_key",      step_delete_key     },
-    {"machine",         step_machine        },
-    {"clock",           step_clock          },
-    {"fail",            step_fail           },
-    {"fail_allocation", step_fail_allocation},
-    {"expect",          step_expect         },
+    {"agent",           false, step_agent                                                         },
+    {"register",        true,  step_register                                                      },
+    {"send",            true,  step_send                                                          },
+    {"order",           true,  step_order                                                         },
+    {"tell",            true,  step_tell                                                          },
+    {"unsubscribe",     true,  step_unsubscribe                                                   },
+    {"console",         true,  step_console                                                       },
+    {"product",         false, step_product                                                       },
+    {"management",      false, [](const step_context &at) { management_change(at.value); }        },
+    {"link",            false, [](const step_context &at) { management_set_link(at.value); }      },
+    {"report_link",     false, [](const step_context &at) { management_report_link(at.value); }   },
+    {"log_level",       false, step_log_level                                                     },
+    {"init",            true,  step_init                                                          },
+    {"callback",        true,  step_callback                                                      },
+    {"event",           false, step_event                                                         },
+    {"file",            false, [](const step_context &at) { machine_setup_file(at.value); }       },
+    {"delete_file",     false, step_delete_file                                                   },
+    {"copy_file",       false, step_copy_file                                                     },
+    {"hold_file",       false, step_hold_file                                                     },
+    {"release_file",    false, step_release_file                                                  },
+    {"registry",        false, step_registry                                                      },
+    {"delete_value",    false, step_delete_value                                                  },
+    {"delete_key",      false, step_delete_key                                                    },
+    {"machine",         false, [](const step_context &at) { machine_setup_apply(at.value); }      },
+    {"clock",           false, step_clock                                                         },
+    {"fail",            false, step_fail                                                          },
+    {"fail_allocation", false, step_fail_allocation                                               },
+    {"expect",          false, [](const step_context &at) { expect_check(at.value, at.failures); }},
 };
 
 /* Members that belong to a step of another name, and the step. */
@@ -323,6 +275,9 @@ std::string step_problem(const node &step)
 void step_run(const node &step, std::vector<std::string> &failures)
 {
     for (const auto &row : s_steps)
-        if (node value = step[row.member])
+        if (node value = step[row.member]) {
+            if (row.needs_agent && agent_state_get() != AGENT_RUNNING)
+                step.bad("the agent is not running at this moment");
             row.run({step, value, failures});
+        }
 }

@@ -1,7 +1,7 @@
 /* The answer of a replay as one sentence. */
 #include "replay.h"
 
-#include <set>
+#include <algorithm>
 
 #include "../base/text.h"
 #include "../scenario/journal.h"
@@ -34,10 +34,9 @@ std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump 
     return "was passed over for " + story.dump;
 }
 
-/* Products that the plug-in ordered into bypass. */
-static size_t count_ordered(const replay_evidence &evidence)
+std::vector<std::string> replay_orders(void)
 {
-    std::set<std::string> ordered;
+    std::vector<std::string> orders;
 
     for (const happening &what : journal_all()) {
         rapidjson::Document message;
@@ -45,13 +44,24 @@ static size_t count_ordered(const replay_evidence &evidence)
         if (what.kind != HAPPENED_COMMAND)
             continue;
         message.Parse(what.json.c_str());
-        if (node_text_of(&message, "type", "") != "bypass")
-            continue;
-        for (const replay_product &product : evidence.products)
-            if (product.name == what.whom)
-                ordered.insert(what.whom);
+        const std::string type = node_text_of(&message, "type", "");
+
+        orders.push_back(what.whom + " " + type);
+        if (type == "set_count")
+            orders.back() += " " + std::to_string(node_integer_of(&message, "count", 0));
     }
-    return ordered.size();
+    return orders;
+}
+
+/* Products that the plug-in ordered into bypass. */
+static size_t count_ordered(const replay_evidence &evidence)
+{
+    const std::vector<std::string> orders = replay_orders();
+
+    return static_cast<size_t>(std::count_if(
+        evidence.products.begin(), evidence.products.end(), [&](const replay_product &product) {
+            return std::count(orders.begin(), orders.end(), product.name + " bypass") != 0;
+        }));
 }
 
 /* The dump that the engine read, as it was handed in. */
@@ -76,10 +86,8 @@ static std::string bypass_sentence(const replay_evidence &evidence, const replay
            (ordered == 0 && !evidence.products.empty()
                 ? "the plug-in decides on bypass, and no product has to be ordered,"
                 : "every product is ordered into bypass") +
-           text_format(" %llu s after Windows starts. ",
-                       static_cast<unsigned long long>(story.blamed_ms / 1000)) +
-           story.blamed + " (" + who + ") is on the crashed stack of " +
-           dump_name(evidence, story) + ".";
+           text_format(" %llu s after Windows starts. ", story.blamed_ms / 1000) + story.blamed +
+           " (" + who + ") is on the crashed stack of " + dump_name(evidence, story) + ".";
 }
 
 static std::string no_bypass_reason(const replay_evidence &evidence, const replay_story &story)

@@ -36,17 +36,15 @@ struct doubter {
 };
 } // namespace
 
-std::string doubts_record_name(const event_record &event)
+static std::string record_name(const event_record &event)
 {
     return text_format("record %u (", event.number) + evidence_event_name(event) + ")";
 }
 
 static std::string numbers(const evidence_gap &gap)
 {
-    return gap.first == gap.last
-               ? text_format("record %llu", static_cast<unsigned long long>(gap.first))
-               : text_format("records %llu to %llu", static_cast<unsigned long long>(gap.first),
-                             static_cast<unsigned long long>(gap.last));
+    return gap.first == gap.last ? text_format("record %llu", gap.first)
+                                 : text_format("records %llu to %llu", gap.first, gap.last);
 }
 
 /* Records that are missing between this start and the next one. */
@@ -90,7 +88,7 @@ static void doubt_unexpected(doubter &d)
     for (const event_record *event : d.unexpected)
         if (evidence_unexpected_code(*event) != 0)
             d.add(true, "the record of the blue screen is missing",
-                  d.evidence.events_file + ": " + doubts_record_name(*event) +
+                  d.evidence.events_file + ": " + record_name(*event) +
                       text_format(" contains bug check 0x%x, and no BugCheck 1001 follows; hand in "
                                   "a System log that was exported later, and the dump",
                                   evidence_unexpected_code(*event)));
@@ -116,7 +114,7 @@ static void doubt_missing_dump(doubter &d, const event_record &event)
     d.add(true,
           path.empty() ? "no dump of the crash was handed in"
                        : "the dump " + path + " was not handed in",
-          d.evidence.events_file + ": " + doubts_record_name(event) +
+          d.evidence.events_file + ": " + record_name(event) +
               (path.empty()
                    ? " reports a blue screen, and no dump of it was handed in; hand in the "
                      "files of C:\\Windows\\Minidump, and C:\\Windows\\MEMORY.DMP"
@@ -133,7 +131,7 @@ static void doubt_other_dump(doubter &d, const event_record &event)
             placed.dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE)
             d.add(true, "the plug-in reads another dump than that of the crash",
                   placed.dump.shown + ": " + replay_dump_fate(d.evidence, placed, d.story) +
-                      ", although it matches " + doubts_record_name(event) +
+                      ", although it matches " + record_name(event) +
                       "; hand in all files of its folder with their times");
 }
 
@@ -229,7 +227,7 @@ static void doubt_clock(doubter &d)
 
             d.add(!logon || !d.bug_checks.empty() || !d.unexpected.empty(),
                   "the clock was set back during this boot",
-                  d.evidence.events_file + ": " + doubts_record_name(*event) + " has the time " +
+                  d.evidence.events_file + ": " + record_name(*event) + " has the time " +
                       time_iso(time_of_unix(event->time)) + ", before the start at " +
                       time_iso(d.evidence.boot->started_100ns) +
                       ": the clock was set back, and the plug-in skips a logon and dumps that seem "
@@ -254,13 +252,12 @@ static void doubt_disagreement(doubter &d)
           std::string("the log shows ") +
               (d.bug_checks.empty() ? "an unexpected shutdown" : "a blue screen") +
               ", and the plug-in concludes " + s_verdicts[d.story.verdict],
-          d.evidence.events_file + ": " + doubts_record_name(*proof) +
+          d.evidence.events_file + ": " + record_name(*proof) +
               text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
-                          static_cast<long long>(seconds_after_start(d, *proof))) +
+                          seconds_after_start(d, *proof)) +
               s_verdicts[d.story.verdict] +
               (d.story.last_query_ms != 0
-                   ? text_format(" after %llu s",
-                                 static_cast<unsigned long long>(d.story.last_query_ms / 1000))
+                   ? text_format(" after %llu s", d.story.last_query_ms / 1000)
                    : "") +
               "; hand in the agent's log of this boot");
 }
@@ -327,9 +324,8 @@ static void doubt_registry(doubter &d)
           usual ? "no registry export was handed in"
                 : "no registry export was handed in, and the dump is not in the default folder",
           "no registry export was handed in: Windows' default folders are assumed, " +
-              (path.empty()
-                   ? "and " + doubts_record_name(event) + " names no dump"
-                   : "and " + doubts_record_name(event) + " names " + replay_dump_path(event)) +
+              (path.empty() ? "and " + record_name(event) + " names no dump"
+                            : "and " + record_name(event) + " names " + replay_dump_path(event)) +
               "; hand in an export of HKEY_LOCAL_MACHINE\\SYSTEM\\CurrentControlSet\\Control");
 }
 
@@ -348,7 +344,7 @@ static void doubt_early_end(doubter &d)
           d.evidence.events_file +
               text_format(": %s, the last one, was written %lld s after the start, and the plug-in "
                           "searches for %u s; hand in a System log that was exported later",
-                          doubts_record_name(last).c_str(), static_cast<long long>(seconds),
+                          record_name(last).c_str(), seconds,
                           static_cast<unsigned>(SEARCH_SECONDS)));
 }
 

@@ -16,7 +16,4 @@ struct replay_doubt {
 /* The doubts of a boot that was played, the deciding ones first. */
 std::vector<replay_doubt> doubts_of(const replay_evidence &evidence, const replay_story &story);
 
-/* "record 13 (BugCheck 1001)" */
-std::string doubts_record_name(const event_record &event);
-
 #endif

@@ -148,25 +148,6 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     return story;
 }
 
-std::vector<std::string> replay_orders(void)
-{
-    std::vector<std::string> orders;
-
-    for (const happening &what : journal_all()) {
-        rapidjson::Document message;
-
-        if (what.kind != HAPPENED_COMMAND)
-            continue;
-        message.Parse(what.json.c_str());
-        const std::string type = node_text_of(&message, "type", "");
-
-        orders.push_back(what.whom + " " + type);
-        if (type == "set_count")
-            orders.back() += " " + std::to_string(node_integer_of(&message, "count", 0));
-    }
-    return orders;
-}
-
 std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story)
 {
@@ -206,7 +187,7 @@ int replay_run(const struct replay_options &options)
     terminal_progress_end();
     const replay_answer answer = replay_answer_of(evidence, story);
     const std::string json =
-        replay_json(evidence, story, answer, rows, options.session.plugin_path);
+        replay_json(evidence, story, answer, rows, options.session.plugin_path, true);
 
     if (!options.html.empty())
         evidence_write(options.html, page_of(json));

@@ -43,8 +43,6 @@ int replay_run(const struct replay_options &options);
 int replay_list_boots(const struct replay_options &options);
 /* Plays the chosen boot to its end. Afterwards journal_all() contains it. */
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options);
-/* The commands of the boot that was played, without their times: "guard bypass". */
-std::vector<std::string> replay_orders(void);
 /* Plays every boot of the log, the chosen one last. Result: a row for each, in their order. */
 std::vector<replay_row> replay_play_all(const struct replay_options &options,
                                         replay_evidence *evidence, replay_story *story);
@@ -56,6 +54,8 @@ const char *images_found_name(enum kernel_dump_found found);
 
 /* answer.cpp */
 
+/* The commands of the boot that was played, without their times: "guard bypass". */
+std::vector<std::string> replay_orders(void);
 replay_answer replay_answer_of(const replay_evidence &evidence, const replay_story &story);
 /* "bypass", "no bypass", "cannot tell". */
 const char *replay_answer_name(enum replay_answer_kind kind);
@@ -70,14 +70,11 @@ std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump 
 std::string replay_boots_text(const replay_evidence &evidence, const std::vector<replay_row> &rows);
 std::string replay_text(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows);
-/* The result in the form that docs/replay.md describes. */
+/* The result in the form that docs/replay.md describes. with_story: false leaves out what only the
+ * boot that is played shows, all members after "blamed". */
 std::string replay_json(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows,
-                        const std::string &plugin);
-/* The same without what only the boot that is played shows: its members up to "blamed". */
-std::string replay_json_of_boots(const replay_evidence &evidence, const replay_story &story,
-                                 const replay_answer &answer, const std::vector<replay_row> &rows,
-                                 const std::string &plugin);
+                        const std::string &plugin, bool with_story);
 std::string replay_boots_json(const replay_evidence &evidence);
 
 #endif

@@ -178,8 +178,7 @@ static std::string command_text(const std::vector<happening> &all, size_t index)
         text = "orders " + whom + " to recover";
     else if (type == "set_count")
         text = "orders " + whom +
-               text_format(" to set its count to %lld",
-                           static_cast<long long>(node_integer_of(&message, "count", 0)));
+               text_format(" to set its count to %lld", node_integer_of(&message, "count", 0));
     return "  " + time_span(all[index].ms) + "  " + text + ", " + delivery_of(all, index) + "\n";
 }
 
@@ -223,7 +222,7 @@ static std::string products_text(const replay_evidence &evidence)
         state.Parse(evidence.states[i].c_str());
         text += text_format("  %-12s %s, count %lld\n", evidence.products[i].name.c_str(),
                             node_text_of(&state, "status", "").c_str(),
-                            static_cast<long long>(node_integer_of(&state, "count", 0)));
+                            node_integer_of(&state, "count", 0));
     }
     return evidence.products.empty() ? "" : text;
 }

@@ -81,9 +81,8 @@ static void put_dump(json_lines &writer, const replay_evidence &evidence, const 
     json_member(writer, "bytes", placed.dump.bytes);
     json_member(writer, "bug_check", text_format("0x%x", facts.bug_check));
     json_member_or_null(writer, "bug_check_name", bug_check_name(facts.bug_check));
-    json_list(writer, "parameters", facts.parameters, [&](uint64_t parameter) {
-        json_put(writer, text_format("0x%llx", static_cast<unsigned long long>(parameter)));
-    });
+    json_list(writer, "parameters", facts.parameters,
+              [&](uint64_t parameter) { json_put(writer, text_format("0x%llx", parameter)); });
     json_member(writer, "crashed", time_iso(facts.crash_time_100ns, true));
     json_member(writer, "gaps", facts.gaps);
     json_member_or_null(writer, "place", placed.there ? placed.place : "");
@@ -91,21 +90,6 @@ static void put_dump(json_lines &writer, const replay_evidence &evidence, const 
                         placed.there ? time_iso(placed.written_100ns, true) : "");
     json_member(writer, "why_there", placed.why);
     json_member(writer, "fate", replay_dump_fate(evidence, placed, story));
-    writer.EndObject();
-}
-
-static void put_record(json_lines &writer, const event_record &event)
-{
-    std::vector<std::string> strings;
-
-    for (size_t i = 0; i < event.strings.count(); i++)
-        strings.push_back(text_narrow(event.strings.at(i)));
-    writer.StartObject();
-    json_member(writer, "record", event.number);
-    json_member(writer, "source", text_narrow(event.source));
-    json_member(writer, "id", event.id);
-    json_member(writer, "time", time_iso(time_of_unix(event.time)));
-    json_member(writer, "strings", strings);
     writer.EndObject();
 }
 
@@ -208,7 +192,7 @@ static void put_story(json_lines &writer, const replay_evidence &evidence,
                       const replay_story &story)
 {
     json_list(writer, "records", story.records,
-              [&](const event_record &event) { put_record(writer, event); });
+              [&](const event_record &event) { evidence_put_record(writer, event, false); });
     json_list(writer, "dumps", evidence.dumps,
               [&](const replay_dump &placed) { put_dump(writer, evidence, placed, story); });
     json_list(writer, "stack", story.stack, [&](const replay_frame &frame) {
@@ -250,24 +234,14 @@ static void put_head(json_lines &writer, const replay_evidence &evidence, const 
 
 std::string replay_json(const replay_evidence &evidence, const replay_story &story,
                         const replay_answer &answer, const std::vector<replay_row> &rows,
-                        const std::string &plugin)
+                        const std::string &plugin, bool with_story)
 {
     return json_text<json_lines>([&](json_lines &writer) {
                writer.StartObject();
                put_head(writer, evidence, story, answer, rows, plugin);
-               put_story(writer, evidence, story);
+               if (with_story)
+                   put_story(writer, evidence, story);
                writer.EndObject();
            }) +
            "\n";
-}
-
-std::string replay_json_of_boots(const replay_evidence &evidence, const replay_story &story,
-                                 const replay_answer &answer, const std::vector<replay_row> &rows,
-                                 const std::string &plugin)
-{
-    return json_text<json_lines>([&](json_lines &writer) {
-        writer.StartObject();
-        put_head(writer, evidence, story, answer, rows, plugin);
-        writer.EndObject();
-    });
 }

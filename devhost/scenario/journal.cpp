@@ -61,11 +61,6 @@ void journal_set_view(journal_view_fn view, void *user)
     s_view_user = user;
 }
 
-journal_view_fn journal_view(void)
-{
-    return s_view;
-}
-
 void journal_clear(void)
 {
     s_all.clear();

@@ -61,7 +61,6 @@ void journal_set_folder(const std::string &folder, const std::string &shown);
 
 /* Sets the function that receives each event as it is added. */
 void journal_set_view(journal_view_fn view, void *user);
-journal_view_fn journal_view(void);
 
 void journal_clear(void);
 

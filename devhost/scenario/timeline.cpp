@@ -39,6 +39,11 @@ uint64_t timeline_now_ms(void)
     return oxnih_clock_tick_ms();
 }
 
+double timeline_seconds(const node &step)
+{
+    return step.number("at", 0);
+}
+
 uint64_t timeline_ms(double seconds)
 {
     return static_cast<uint64_t>(llround(seconds * 1000.0));

@@ -33,6 +33,9 @@ void timeline_clear(void);
 /* Milliseconds since Windows started. */
 uint64_t timeline_now_ms(void);
 
+/* "at" of a step or of an expected event: seconds since Windows started. */
+double timeline_seconds(const node &step);
+
 /* Milliseconds of a number of seconds. */
 uint64_t timeline_ms(double seconds);
 

@@ -35,6 +35,15 @@ struct damaged_log {
     {
         return HEADER_BYTES + chunk * CHUNK_BYTES;
     }
+    std::vector<placed_record> of_chunk(size_t chunk) const
+    {
+        std::vector<placed_record> found;
+
+        for (const placed_record &record : records)
+            if (record.chunk == chunk)
+                found.push_back(record);
+        return found;
+    }
     template <typename T> T get(size_t at) const
     {
         T value;
@@ -90,11 +99,7 @@ static void find_records(damaged_log *log)
 /* In the middle of a record of the last chunk. */
 static void truncate(damaged_log *log)
 {
-    std::vector<placed_record> last;
-
-    for (const placed_record &record : log->records)
-        if (record.chunk + 1 == log->chunks)
-            last.push_back(record);
+    const std::vector<placed_record> last = log->of_chunk(log->chunks - 1);
     const size_t kept = last.size() - 1 - log->random() % ((last.size() + 1) / 2);
 
     for (size_t i = kept; i < last.size(); i++)
@@ -131,9 +136,8 @@ static void clear_chunk(damaged_log *log)
     log->needs(3);
     const size_t chunk = 1 + log->random() % (log->chunks - 2);
 
-    for (const placed_record &record : log->records)
-        if (record.chunk == chunk)
-            log->lose(record);
+    for (const placed_record &record : log->of_chunk(chunk))
+        log->lose(record);
     memset(&log->bytes[log->chunk_at(chunk)], log->random() % 2 == 0 ? 0 : 'N', CHUNK_BYTES);
 }
 
@@ -141,11 +145,7 @@ static void clear_chunk(damaged_log *log)
 static void make_dirty(damaged_log *log)
 {
     const size_t at = log->chunk_at(log->chunks - 1);
-    std::vector<placed_record> last;
-
-    for (const placed_record &record : log->records)
-        if (record.chunk + 1 == log->chunks)
-            last.push_back(record);
+    const std::vector<placed_record> last = log->of_chunk(log->chunks - 1);
     const placed_record &known = last[log->random() % last.size()];
     const uint32_t end = static_cast<uint32_t>(known.at - at) + log->get<uint32_t>(known.at + 4);
 

@@ -69,7 +69,7 @@ static std::string step_text(const node &step)
 {
     for (const auto &[name, value] : step.members())
         if (name != "at" && name != "about" && name != "when")
-            return text_format("its step \"%s\" at %g s", name.c_str(), step.number("at", 0));
+            return text_format("its step \"%s\" at %g s", name.c_str(), timeline_seconds(step));
     return "its step";
 }
 
@@ -118,8 +118,8 @@ std::string history_unshown(const struct scenario &scenario, size_t number, doub
         return why;
     *from = boot.number("until", BOOT_SECONDS);
     for (const node &step : boot["steps"].elements())
-        if (!is_shown_step(step, number == 0) && step.number("at", 0) <= *from) {
-            *from = step.number("at", 0);
+        if (!is_shown_step(step, number == 0) && timeline_seconds(step) <= *from) {
+            *from = timeline_seconds(step);
             why = step_text(step);
         }
     return why;
@@ -131,7 +131,7 @@ static std::vector<node> expectations(const node &boot, const std::string &why, 
     std::vector<node> found;
 
     for (const node &step : boot["steps"].elements())
-        if (step["expect"] && step.number("at", 0) <= until)
+        if (step["expect"] && timeline_seconds(step) <= until)
             found.push_back(step["expect"]);
     if (why.empty() && boot["expect"])
         found.push_back(boot["expect"]);
@@ -158,7 +158,7 @@ static bool take_orders(const std::vector<node> &expectations, history_truth *tr
                                          command.integer("count", 0)};
 
             if (order.type == "bypass" && truth->blamed.empty() && command["at"])
-                truth->blamed_ms = timeline_ms(command.number("at", 0));
+                truth->blamed_ms = timeline_ms(timeline_seconds(command));
             if (order.type == "bypass")
                 truth->blamed = order.reason;
             truth->all_orders |= order.type == "bypass";

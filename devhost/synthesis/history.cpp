@@ -134,8 +134,7 @@ static void choose_bug_check(player &player, crash_sketch *sketch)
     std::copy(std::begin(usual), std::end(usual), sketch->parameters);
     std::string text = text_format("0x%08x (", sketch->code);
     for (size_t i = 0; i < 4; i++)
-        text += text_format(i == 0 ? "0x%016llx" : ", 0x%016llx",
-                            static_cast<unsigned long long>(usual[i]));
+        text += text_format(i == 0 ? "0x%016llx" : ", 0x%016llx", usual[i]);
     set_text(player, sketch->node, "bug_check", text + ")");
 }
 
@@ -260,7 +259,7 @@ static void put_code(const crash_sketch &crash, event_record *event)
     event_strings strings = {std::to_wstring(crash.code)};
 
     for (const uint64_t parameter : crash.parameters)
-        strings.add(text_wide(text_format("0x%llx", static_cast<unsigned long long>(parameter))));
+        strings.add(text_wide(text_format("0x%llx", parameter)));
     strings.add(event->strings.at(5));
     strings.add(event->strings.at(6));
     event->strings = strings;

@@ -103,8 +103,6 @@ OXNI_API void oxnih_memory_set_mode(enum oxnih_memory_mode mode);
 /* Makes the nth allocation from now on fail (1 is the next one); forever nonzero: that one and all
  * later ones. 0: none. */
 OXNI_API void oxnih_memory_fail(uint64_t nth, int forever);
-/* Makes a further nth allocation fail once. The next call of oxnih_memory_fail cancels it. */
-OXNI_API void oxnih_memory_fail_also(uint64_t nth);
 OXNI_API void oxnih_memory_get_stats(oxnih_memory_stats *stats);
 /* Calls fn for each site that allocated live blocks, most bytes first. */
 OXNI_API void oxnih_memory_leaks(oxnih_leak_fn fn, void *user);

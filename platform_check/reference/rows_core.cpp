@@ -197,16 +197,10 @@ static void leaving()
     SAME(1, oxnih_subscriber_references(b));
 }
 
-PROMISE(host_core, "oxnih_subscriber_leave",
-        "Pending pushes to it, including those with delayed replies, then get error replies.")
-{
-    leaving();
-}
+PROMISE_BY(leaving, host_core, "oxnih_subscriber_leave",
+           "Pending pushes to it, including those with delayed replies, then get error replies.")
 
-PROMISE(host_core, "oxni_subscribee_pushback", "queued")
-{
-    leaving();
-}
+PROMISE_BY(leaving, host_core, "oxni_subscribee_pushback", "queued")
 
 PROMISE(host_core, "oxnih_subscriber_set_unreachable",
         "Makes pushes to the subscriber fail with this error")
@@ -300,17 +294,11 @@ PROMISE(host_core, "oxnih_dbg_run",
     SAME("oxni_dbg_echo: no command runs with that context", complaints());
 }
 
-PROMISE(host_core, "oxnih_core_run_until",
-        "A complaint names the exception unless the host's exit function threw it.")
-{
-    exceptions();
-}
+PROMISE_BY(exceptions, host_core, "oxnih_core_run_until",
+           "A complaint names the exception unless the host's exit function threw it.")
 
-PROMISE(host_core, "OXNIH_EVENT_REFUSED",
-        "a message was rejected or its service is missing: text is why")
-{
-    rejections();
-}
+PROMISE_BY(rejections, host_core, "OXNIH_EVENT_REFUSED",
+           "a message was rejected or its service is missing: text is why")
 
 /* clang-format off */
 /* Bias in minutes; end and start of daylight saving time: month, day of week, week (5: last),

@@ -8,8 +8,7 @@
  * Not made, because Wine is known to differ: opening with TRUNCATE_EXISTING or setting times without
  * the right, creation times, keys directly below HKEY_LOCAL_MACHINE, unknown options, the disposition
  * of a key that is created by an empty name, a move that changes the case only, a move of a missing
- * file, or of a folder onto something or with open
- * files.
+ * file, or of a folder onto something or with open files. Streams that append are left to the C runtime.
  */
 #include <cstdio>
 #include <cstdlib>
@@ -19,6 +18,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include <oxni/base/path.h>
 
 #include "base/run_folder.h"
 #include "base/text.h"
@@ -72,6 +73,8 @@ struct file_call {
     unsigned kind, slot;
     std::wstring name, other;
     DWORD access, share, disposition, bytes;
+    const wchar_t *mode; /* of a stream, and what it does */
+    const char *steps;
 };
 
 static std::string list(const std::wstring &pattern)
@@ -104,6 +107,42 @@ static std::string transfer(HANDLE handle, bool writes, DWORD bytes)
                        : ReadFile(handle, buffer, bytes, &count, nullptr);
 
     return bool_text(done) + text_format(" %lu '%s'", done ? count : 0, done ? buffer : "");
+}
+
+static std::string bytes_of(const std::wstring &path)
+{
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+
+    if (file == INVALID_HANDLE_VALUE)
+        return "missing";
+    std::string text = transfer(file, false, 60);
+    CloseHandle(file);
+    return text;
+}
+
+/* What a stream's calls return and leave in the file. */
+static std::string play_stream(const std::wstring &path, const wchar_t *mode, const char *steps)
+{
+    FILE *stream = oxni_file_open_w(path.c_str(), mode);
+    char bytes[8] = "";
+    std::string text;
+
+    if (stream == nullptr)
+        return "no stream";
+    for (const char *step = steps; *step != '\0'; step++) {
+        size_t result = 0;
+
+        switch (*step) {
+        case 'r': result = fread(bytes, 2, 3, stream); break;
+        case 'w': result = fwrite("abcdef", 3, 2, stream); break;
+        case '0': result = static_cast<size_t>(fseek(stream, 0, SEEK_SET)); break;
+        case '-': result = static_cast<size_t>(fseek(stream, -3, SEEK_CUR)); break;
+        default: result = static_cast<size_t>(fseek(stream, 2, SEEK_END)); break;
+        }
+        text += *step + std::to_string(static_cast<int>(result)) + " ";
+    }
+    fclose(stream);
+    return text + bytes + ", file: " + bytes_of(path);
 }
 
 static void close_all(disk &on)
@@ -171,6 +210,9 @@ static std::string make_file_call(disk &on, const file_call &call)
                (attributes == INVALID_FILE_ATTRIBUTES
                     ? bool_text(FALSE)
                     : std::to_string(attributes & FILE_ATTRIBUTE_DIRECTORY));
+    case 10:
+        close_all(on); /* streams share no file with handles */
+        return "stream " + play_stream(path, call.mode, call.steps);
     default:
         if (handle == INVALID_HANDLE_VALUE)
             return "";
@@ -185,9 +227,12 @@ static file_call random_file_call(void)
     static const DWORD shares[] = {0, FILE_SHARE_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE};
     static const DWORD dispositions[] = {CREATE_NEW, CREATE_ALWAYS, OPEN_EXISTING, OPEN_ALWAYS};
+    static const wchar_t *const modes[] = {L"rb", L"wb", L"wb+", L"rb+", L"r+b"};
+    static const char *const steps[] = {"", "r", "rrr", "0w0r", "w", "0w", "r-r", "er", "e0w"};
 
-    return {pick(11),         pick(4),        random_name(),        random_name(),
-            one_of(accesses), one_of(shares), one_of(dispositions), pick(40)};
+    return {pick(12),         pick(4),        random_name(),        random_name(),
+            one_of(accesses), one_of(shares), one_of(dispositions), pick(40),
+            one_of(modes),    one_of(steps)};
 }
 
 static void remove_all(disk &on)
@@ -206,10 +251,10 @@ static std::string play_files(disk &memory, disk &real)
     for (int i = 0; i < CALLS_PER_SEQUENCE && problem.empty(); i++) {
         const file_call call = random_file_call();
 
-        s_calls.push_back(
-            text_format("slot %u, '%s' '%s', access %lx, share %lx, disposition %lu, %lu",
-                        call.slot, text_narrow(call.name).c_str(), text_narrow(call.other).c_str(),
-                        call.access, call.share, call.disposition, call.bytes));
+        s_calls.push_back(text_format(
+            "slot %u, '%s' '%s', access %lx, share %lx, disposition %lu, %lu, %s '%s'", call.slot,
+            text_narrow(call.name).c_str(), text_narrow(call.other).c_str(), call.access,
+            call.share, call.disposition, call.bytes, text_narrow(call.mode).c_str(), call.steps));
         problem = differs(make_file_call(memory, call), make_file_call(real, call));
     }
     remove_all(memory);

@@ -10,45 +10,52 @@
 
 namespace
 {
-struct row {
+/* A value of a type, as hexadecimal digits, and its text. */
+const struct row {
     uint8_t type;
-    std::string bytes;
+    const char *hex;
     const char *text;
+} s_rows[] = {
+    {EVTX_INT8,       "80",                               "-128"                           },
+    {EVTX_INT16,      "4cff",                             "-180"                           },
+    {EVTX_INT32,      "4cffffff",                         "-180"                           },
+    {EVTX_INT64,      "0000000000000080",                 "-9223372036854775808"           },
+    {EVTX_UINT32,     "ffffffff",                         "4294967295"                     },
+    {EVTX_UINT64,     "ffffffffffffffff",                 "18446744073709551615"           },
+    {EVTX_HEX32,      "e7030000",                         "0x3e7"                          },
+    {EVTX_SIZE,       "1000000000000000",                 "0x10"                           },
+    {EVTX_BOOLEAN,    "01000000",                         "true"                           },
+    {EVTX_BINARY,     "0fa0",                             "0FA0"                           },
+    {EVTX_STRING,     "6100ac2000007800",                 "a\xe2\x82\xac"                  },
+    {EVTX_STRING,     "3dd842de",                         "\xf0\x9f\x99\x82"               },
+    {EVTX_FILETIME,   "0000000000000000",                 "1601-01-01T00:00:00.000000000Z" },
+    {EVTX_FILETIME,   "879fbddb6d70da01",                 "2024-03-07T09:00:10.123456700Z" },
+    {EVTX_FILETIME,   "ffffffffffffff7f",                 "30828-09-14T02:48:05.477580700Z"},
+    {EVTX_SYSTEMTIME, "e807030004000700090000000a000500", "2024-03-07T09:00:10.005Z"       },
+    {EVTX_SID,        "010100000000000512000000",         "S-1-5-18"                       },
+    {EVTX_SID,        "010200000000000512000000",         ""                               },
+    {EVTX_INT32,      "ff",                               ""                               },
+    {0x7f,            "ff",                               ""                               },
 };
+
+std::string bytes_of(const std::string &hex)
+{
+    std::string bytes;
+
+    for (size_t at = 0; at < hex.size(); at += 2)
+        bytes += static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16));
+    return bytes;
+}
 
 TEST(event_values, are_shown_as_windows_shows_them)
 {
-    const row rows[] = {
-        {EVTX_INT8,                                               "\x80",                                                  "-128"                                                                                  },
-        {EVTX_INT16,                                              "\x4c\xff",                                              "-180"                                                                                  },
-        {EVTX_INT32,                                              "\x4c\xff\xff\xff",                                      "-180"                                                                                  },
-        {EVTX_INT64,                                              std::string("\0\0\0\0\0\0\0\x80",                        8),                                                                                       "-9223372036854775808"},
-        {EVTX_UINT32,                                                       "\xff\xff\xff\xff",                                                                                                    "4294967295"                                                                                                                   },
-        {EVTX_UINT64,                                                       "\xff\xff\xff\xff\xff\xff\xff\xff",                                                                                                    "18446744073709551615"},
-        {EVTX_HEX32,                                                       std::string("\xe7\x03\0\0",                                                                                                     4),                                                                                                                             "0x3e7"},
-        {EVTX_SIZE,                                                std::string("\x10\0\0\0\0\0\0\0",                                                                                                       8),                                                           "0x10"},
-        {EVTX_BOOLEAN,                                                     std::string("\1\0\0\0",4),                              "true"},
-        {EVTX_BINARY,"\x0f\xa0",                                   "0FA0"                                                                                       },
-        {EVTX_STRING,                                             std::string("a\0\xac\x20\0\0x\0",                                                                                                              8),                                                                                                                                                              "a\xe2\x82\xac"},
-        {EVTX_STRING,                                             "\x3d\xd8\x42\xde",                        "\xf0\x9f\x99\x82"},
-        {EVTX_FILETIME,                                                       std::string("\0\0\0\0\0\0\0\0",                                                                                                    8),                                                                                                                              "1601-01-01T00:00:00.000000000Z"},
-        {EVTX_FILETIME,                                                       std::string("\x87\x9f\xbd\xdb\x6d\x70\xda\x01",                                                                                                  8),
-         "2024-03-07T09:00:10.123456700Z"},
-        {EVTX_FILETIME,                       "\xff\xff\xff\xff\xff\xff\xff\x7f",                                                                              "30828-09-14T02:48:05.477580700Z"                            },
-        {EVTX_SYSTEMTIME,                                                     std::string("\xe8\7\3\0\4\0\7\0\x09\0\0\0\x0a\0\x05\0",                                                                                 16),
-         "2024-03-07T09:00:10.005Z"},
-        {EVTX_SID,std::string("\1\1\0\0\0\0\0\5\x12\0\0\0",12),    "S-1-5-18"},
-        {EVTX_SID,std::string("\1\2\0\0\0\0\0\5\x12\0\0\0",12),                                                                                                                                                                                 ""},
-        {EVTX_INT32,                                                "\xff",                                                                 ""                                                                                                                                                                                                              },
-        {0x7f,                                                       "\xff",                                                                                                       ""                                                                                                                                                                                                          },
-    };
-
-    for (const row &each : rows) {
+    for (const row &row : s_rows) {
+        const std::string bytes = bytes_of(row.hex);
         std::wstring text;
 
-        evtx_append_value(each.type, reinterpret_cast<const uint8_t *>(each.bytes.data()),
-                          each.bytes.size(), &text);
-        EXPECT_EQ(each.text, text_narrow(text)) << static_cast<int>(each.type);
+        evtx_append_value(row.type, reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size(),
+                          &text);
+        EXPECT_EQ(row.text, text_narrow(text)) << static_cast<int>(row.type) << " " << row.hex;
     }
 }
 

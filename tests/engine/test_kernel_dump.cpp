@@ -1,5 +1,5 @@
 /* Tests of the reader of small dumps: stack walk, names, and rejected files. */
-#include "dump_mutate.h"
+#include "dump_writer/dump_writer.h"
 #include "kernel_dump/kernel_dump.h"
 
 #include <windows.h>

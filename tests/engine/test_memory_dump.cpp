@@ -1,7 +1,7 @@
 /* Tests of memory dumps: every kind of dump of one machine gives the same result, and missing data
  * is reported, not invented. */
 #include "engine_fixture.h"
-#include "dump_mutate.h"
+#include "dump_writer/memory_model.h"
 #include "kernel_dump/kernel_dump.h"
 
 #include <algorithm>

@@ -72,7 +72,7 @@ void put_file(const std::string &path, const std::string &bytes);
 
 struct fuzz_target {
     const char *name;
-    void (*open)(void);
+    void (*open)(void); /* before the first input; may be NULL */
     /* number: of the input, for targets that start afresh now and then. */
     void (*try_one)(chance &chance, uint64_t number);
     uint64_t period; /* inputs from one fresh start to the next; 1: each is independent */

@@ -1,4 +1,4 @@
-/* Files: documents of the store, dumps, scenarios. */
+/* Files: documents of the store, scenarios. */
 #include "fuzz.h"
 
 #include <cstring>
@@ -13,10 +13,8 @@
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 
-#include "../engine/dump_mutate.h"
 #include "base/text.h"
 #include "disk/memory_disk.h"
-#include "kernel_dump/kernel_dump.h"
 #include "liboxnibase/host.h"
 #include "play/load.h"
 #include "scenario/scenario.h"
@@ -76,10 +74,6 @@ FUZZ_TARGET(ejs, open_ejs, try_ejs, 1, 400)
 
 static constexpr size_t MOST_SUMMED_BYTES = 2000;
 
-static void open_crc32(void)
-{
-}
-
 /* Any length at any alignment, up to an inaccessible page: as zlib, which takes a byte at a time. */
 static void try_crc32(chance &chance, uint64_t)
 {
@@ -98,79 +92,7 @@ static void try_crc32(chance &chance, uint64_t)
     if (oxni_crc32_calc(block, size) != sum)
         violated("another check sum of " + std::to_string(size) + " bytes");
 }
-FUZZ_TARGET(crc32, open_crc32, try_crc32, 1, 5000)
-
-/* A dump that is damaged; places: where the reader looks, none for a small one. */
-struct dump_subject {
-    std::vector<uint8_t> whole;
-    std::vector<uint64_t> places;
-};
-
-static std::vector<dump_subject> s_dumps;
-static guarded *s_guarded;
-
-static void add_dump(const memory_model &machine, uint32_t kind, enum memory_layout layout)
-{
-    s_dumps.push_back({machine.build(kind, layout), memory_vital_places(machine, layout)});
-}
-
-static void open_dumps(void)
-{
-    dump_model model;
-    size_t most = 0;
-
-    model.stack = {0xFFFFF80100010001, 0, 0xFFFFF80000000107, 5};
-    s_dumps.push_back({dump_build(model), {}});
-    const memory_model memory(model), large(model, 21);
-    add_dump(memory, 1, MEMORY_RUNS);
-    add_dump(large, 1, MEMORY_RUNS);
-    add_dump(memory, 2, MEMORY_RUNS);
-    add_dump(memory, 2, MEMORY_SDMP);
-    add_dump(large, 5, MEMORY_FDMP);
-    add_dump(memory, 6, MEMORY_SDMP);
-    for (const dump_subject &subject : s_dumps)
-        most = std::max(most, subject.whole.size());
-    s_guarded = new guarded(most + (1 << 20));
-}
-
-/* Walks and names everything. */
-static void look_at_dump(enum kernel_dump_error error, const kernel_dump &dump,
-                         const std::string &reason)
-{
-    const std::vector<kernel_dump_frame> frames = kernel_dump_walk(dump, 99);
-
-    if (reason.empty() != (error == KERNEL_DUMP_OK) || frames.empty() || frames.size() > 99)
-        violated("result, reason and frames do not fit: " + reason);
-    for (const std::string &gap : dump.gaps)
-        if (error != KERNEL_DUMP_OK || gap.find_first_of("\n!+") != std::string::npos)
-            violated("a gap that cannot be: " + gap);
-    for (size_t i = 0; i < frames.size(); i++) {
-        if (kernel_dump_call_site(dump, frames[i].instruction).find_first_of("\n!") !=
-            std::string::npos)
-            violated("a call site of more than a line");
-        if (i > 0 && kernel_dump_module_at(dump, frames[i].instruction) == nullptr)
-            violated("a frame in no module");
-        (void)kernel_dump_stack_value(dump, frames[i].stack);
-    }
-}
-
-static void try_dump(chance &chance, uint64_t)
-{
-    const dump_subject &subject = s_dumps[chance.one_in(2) ? 0 : chance.below(s_dumps.size())];
-    std::vector<uint8_t> bytes = subject.whole;
-    std::mt19937_64 random(chance.next());
-    kernel_dump dump;
-    std::string reason;
-
-    if (subject.places.empty())
-        dump_mutate(&bytes, &random);
-    else
-        memory_mutate(&bytes, subject.places, &random);
-    size_t size = bytes.size();
-    const uint8_t *block = s_guarded->put(bytes.data(), &size);
-    look_at_dump(kernel_dump_read(block, size, &dump, &reason), dump, reason);
-}
-FUZZ_TARGET(dumps, open_dumps, try_dump, 1, 30000)
+FUZZ_TARGET(crc32, nullptr, try_crc32, 1, 5000)
 
 static std::vector<std::string> s_scenarios;
 

@@ -98,10 +98,6 @@ static void try_event(chance &chance, uint64_t)
 }
 FUZZ_TARGET(events, open_events, try_event, 1, 400)
 
-static void open_nothing(void)
-{
-}
-
 static std::string stack_text(chance &chance)
 {
     static const char *const pieces[] = {"Call Site\n",
@@ -143,7 +139,7 @@ static void try_stack(chance &chance, uint64_t)
             text.find(module) == std::string::npos)
             violated("a module that is not in the text: " + module);
 }
-FUZZ_TARGET(debugger, open_nothing, try_stack, 1, 400)
+FUZZ_TARGET(debugger, nullptr, try_stack, 1, 400)
 
 static void try_record(chance &chance, uint64_t)
 {
@@ -166,4 +162,4 @@ static void try_record(chance &chance, uint64_t)
         memcmp(&again, &record, sizeof(record)) != 0)
         violated("a record that was written is not read as it was");
 }
-FUZZ_TARGET(records, open_nothing, try_record, 1, 400)
+FUZZ_TARGET(records, nullptr, try_record, 1, 400)

@@ -3,21 +3,15 @@
  * points, all through the development host's library and the real plug-in DLL. This file: the
  * command line, and what the exit status means.
  */
-#include <cstdio>
-#include <windows.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-
+#include "commands/command_line.h"
 #include "faults/crash_points.h"
 #include "faults/fault_runs.h"
 #include "simulation/truth_runs.h"
 #include "simulation/simulate.h"
-#include "base/terminal.h"
-#include "base/text.h"
 
 static void add_plugin_option(CLI::App &command, std::string &path)
 {
@@ -130,31 +124,9 @@ int wmain(int argc, wchar_t **argv);
 
 int wmain(int argc, wchar_t **argv)
 {
-    CLI::App app("Looks for faults of the bypass plug-in.", "harness");
-    std::vector<std::string> words;
-    int status = EXIT_ALL_HOLD;
-
-    terminal_open();
-    terminal_watch_interrupt();
-    for (int i = argc - 1; i > 0; i--) /* CLI11 takes them last first */
-        words.push_back(text_narrow(argv[i]));
-    app.allow_windows_style_options(false); /* a path may begin with a slash */
-    add_simulate(app, &status);
-    add_truth(app, &status);
-    add_synthesize(app, &status);
-    add_faults(app, &status);
-    add_crash_points(app, &status);
-    app.require_subcommand(1);
-    app.footer("Exit status: 0 no violation, 1 a violation, 2 bad call or scenario, 4 the plug-in\n"
-               "cannot be loaded, 70 the program crashed, 71 it hung.");
-    try {
-        app.parse(words); /* runs the command */
-    } catch (const CLI::ParseError &error) {
-        status = app.exit(error) == 0 ? EXIT_ALL_HOLD : EXIT_BAD_CALL;
-    } catch (const devhost_error &error) {
-        fflush(stdout);
-        fprintf(stderr, "harness: %s\n", error.what());
-        status = error.status;
-    }
-    return fflush(stdout) == 0 ? status : EXIT_BAD_CALL;
+    return command_line_run(
+        "harness", "Looks for faults of the bypass plug-in.",
+        "Exit status: 0 no violation, 1 a violation, 2 bad call or scenario, 4 the plug-in\n"
+        "cannot be loaded, 70 the program crashed, 71 it hung.",
+        {add_simulate, add_truth, add_synthesize, add_faults, add_crash_points}, argc, argv);
 }

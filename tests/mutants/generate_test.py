@@ -77,36 +77,30 @@ const char *name(int kind)
     return NULL;
 }
 '''
-# All mutants of the sample but swaps: function, operator, original, replacement.
-WANTED = {
-    ("", "constant", "10", "11"), ("", "constant", "10", "9"),
-    ("", "relational", "<", "<="), ("", "relational", "<", ">="),
-    ("", "constant", "1", "2"), ("", "constant", "1", "0"),
-    ("", "constant", "12", "13"), ("", "constant", "12", "11"),
-    ("", "constant", "7", "8"), ("", "constant", "7", "6"),
-    ("box::operator<", "relational", "<", "<="), ("box::operator<", "relational", "<", ">="),
-    ("box::operator()", "arithmetic", "^", "&"), ("box::operator()", "return", "a ^ size_", "{}"),
-    ("whole", "logical", "||", "&&"), ("whole", "negation", "!", ""),
-    ("whole", "constant", "false", "true"),
-    ("whole", "constant", "0", "1"), ("whole", "constant", "0", "-1"),
-    ("whole", "relational", "<", "<="), ("whole", "relational", "<", ">="),
-    ("whole", "arithmetic", "++", "--"), ("whole", "remove", "done ( a )", ""),
-    ("whole", "remove",
-     "( void ) put ( map , [ & ] ( int a ) { done ( a ) ; return a * 2 ; } )", ""),
-    ("whole", "arithmetic", "*", "/"), ("whole", "constant", "2", "3"),
-    ("whole", "constant", "2", "1"), ("whole", "return", "a * 2", "{}"),
-    ("whole", "level", "LOG_WARN", "LOG_ERROR"), ("whole", "arithmetic", "-", "+"),
-    ("whole", "constant", "1", "2"), ("whole", "constant", "1", "0"),
-    ("whole", "remove", 'LOG_WARN ( "1 < 2 && %d" , names . size ( ) - 1 )', ""),
-    ("whole", "remove", "* out = text", ""), ("whole", "remove", "close ( map )", ""),
-    ("whole", "relational", "==", "!="), ("whole", "level", "LOG_INFO_JSON", "LOG_DEBUG_JSON"),
-    ("whole", "remove", "LOG_INFO_JSON ( map )", ""),
-    ("whole", "return", "ready ( map )", "!(ready(map))"),
-    ("kind_of", "relational", "<", "<="), ("kind_of", "relational", "<", ">="),
-    ("kind_of", "constant", "3", "4"), ("kind_of", "constant", "3", "2"),
-    ("kind_of", "return", "a < 3 ? KIND_A : KIND_B", "{}"),
-    ("name", "relational", "==", "!="), ("name", "return", '"b"', "{}"),
-}
+# All mutants of the sample but swaps: function, operator, originals with their replacements.
+WANTED = {(function, operator, original, new) for function, operator, changes in [
+    ("", "constant", {"10": "11 9", "1": "2 0", "12": "13 11", "7": "8 6"}),
+    ("", "relational", {"<": "<= >="}),
+    ("box::operator<", "relational", {"<": "<= >="}),
+    ("box::operator()", "arithmetic", {"^": "&"}),
+    ("box::operator()", "return", {"a ^ size_": "{}"}),
+    ("whole", "arithmetic", {"++": "--", "*": "/", "-": "+"}),
+    ("whole", "constant", {"false": "true", "0": "1 -1", "1": "2 0", "2": "3 1"}),
+    ("whole", "level", {"LOG_WARN": "LOG_ERROR", "LOG_INFO_JSON": "LOG_DEBUG_JSON"}),
+    ("whole", "logical", {"||": "&&"}),
+    ("whole", "negation", {"!": ""}),
+    ("whole", "relational", {"<": "<= >=", "==": "!="}),
+    ("whole", "remove", dict.fromkeys([
+        "( void ) put ( map , [ & ] ( int a ) { done ( a ) ; return a * 2 ; } )", "done ( a )",
+        'LOG_WARN ( "1 < 2 && %d" , names . size ( ) - 1 )', "* out = text", "close ( map )",
+        "LOG_INFO_JSON ( map )"], "")),
+    ("whole", "return", {"a * 2": "{}", "ready ( map )": "!(ready(map))"}),
+    ("kind_of", "constant", {"3": "4 2"}),
+    ("kind_of", "relational", {"<": "<= >="}),
+    ("kind_of", "return", {"a < 3 ? KIND_A : KIND_B": "{}"}),
+    ("name", "relational", {"==": "!="}),
+    ("name", "return", {'"b"': "{}"}),
+] for original, replacements in changes.items() for new in replacements.split(" ")}
 problems = []
 
 

@@ -14,7 +14,7 @@
 typedef uint64_t (*plugin_init_fn)(void);
 
 /* Allowed growth of private bytes from the tenth to the last load: noise of the heap. */
-static constexpr uint64_t NOISE_BYTES = 256ull * 1024;
+static constexpr uint64_t NOISE_BYTES = 16ull * 1024;
 
 struct usage {
     uint64_t next_handle; /* the lowest free handle, which rises when handles leak */
@@ -114,10 +114,7 @@ static int leave_loaded(void)
 /* Loads the platform as an agent does, so that unloading the plug-in does not unload it. */
 static void load_platform(void)
 {
-    static const wchar_t *const libraries[] = {L"liboxnialgo.dll", L"liboxni_agentid.dll",
-                                               L"libwdu_ejs.dll", L"libwdu_jansson.dll"};
-
-    for (const wchar_t *library : libraries)
+    for (const wchar_t *library : {PLATFORM_DLLS})
         LoadLibraryW(library);
 }
 

@@ -441,12 +441,14 @@ int truth_run(const struct truth_options &options)
 
 int truth_write_random(const struct truth_options &options)
 {
+    const run_folder runs("");
     uint64_t written = 0;
 
     if (!CreateDirectoryW(text_wide(options.folder).c_str(), nullptr) &&
         GetLastError() != ERROR_ALREADY_EXISTS)
         throw devhost_error(EXIT_BAD_CALL, "cannot make the folder '" + options.folder +
                                                "': " + text_error(GetLastError()));
+    keep_in_memory(runs);
     for (uint64_t i = 0; i < options.machines; i++) {
         show_progress("synthesize", i, options.machines);
         unless_unshown([&] {

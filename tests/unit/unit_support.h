@@ -48,6 +48,15 @@ class failing_memory
     uint64_t failed_before_;
 };
 
+/* Makes a call meanwhile. Result: whether any allocation failed. */
+template <typename Function> bool while_failing(uint64_t nth, Function call, bool forever = false)
+{
+    const failing_memory failing(nth, forever);
+
+    call();
+    return failing.reached();
+}
+
 /* The nth call of malloc in this executable fails, too, once: C++ code may use either. Test code that
  * runs meanwhile must not allocate. */
 class failing_allocations : public failing_memory

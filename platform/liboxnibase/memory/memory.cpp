@@ -23,10 +23,6 @@ HANDLE memory_own_heap()
 static bool must_fail()
 {
     memory_all.stats.allocations++;
-    if (memory_all.fail_also.count(memory_all.stats.allocations) != 0) {
-        memory_all.stats.failed++;
-        return true;
-    }
     if (memory_all.fail_in == 0 || --memory_all.fail_in > 0)
         return false;
     memory_all.fail_in = memory_all.fail_forever ? 1 : 0;
@@ -233,12 +229,6 @@ void oxnih_memory_fail(uint64_t nth, int forever)
 {
     memory_all.fail_in = nth;
     memory_all.fail_forever = forever != 0;
-    memory_all.fail_also.clear();
-}
-
-void oxnih_memory_fail_also(uint64_t nth)
-{
-    memory_all.fail_also.insert(memory_all.stats.allocations + nth);
 }
 
 void oxnih_memory_get_stats(oxnih_memory_stats *stats)

@@ -86,7 +86,6 @@ struct memory_state {
     oxnih_memory_stats stats = {};
     uint64_t fail_in = 0; /* allocations until one fails; 0: none fails */
     bool fail_forever = false;
-    std::set<uint64_t> fail_also; /* further allocations that fail, by stats.allocations */
     bool sites = true;
 };
 

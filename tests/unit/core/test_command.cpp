@@ -108,11 +108,8 @@ TEST(test_command, memory)
     for (uint64_t nth = 1; nth < 100 && reached; nth++) {
         SCOPED_TRACE(nth);
         int result;
-        {
-            failing_memory failing(nth);
-            result = bypass_mgr_send(core_subscriber(0), &request);
-            reached = failing.reached();
-        }
+        reached =
+            while_failing(nth, [&] { result = bypass_mgr_send(core_subscriber(0), &request); });
         const std::string calls = core_calls();
         EXPECT_EQ(result, calls.empty() ? -1 : 0);
         failed |= result != 0;

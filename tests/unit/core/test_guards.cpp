@@ -177,12 +177,10 @@ TEST(test_guards, store_without_memory)
     s_core.document = nullptr;
     for (uint64_t nth = 1; nth < 100 && reached; nth++) {
         SCOPED_TRACE(nth);
-        {
-            failing_memory failing(nth);
+        reached = while_failing(nth, [&] {
             bypass_mgr_store_load(5);
             bypass_mgr_store_product(record);
-            reached = failing.reached();
-        }
+        });
         const int64_t count = bypass_mgr_stored_count("a");
         EXPECT_EQ(bypass_mgr_stored_status("a"), count == 3 ? STATUS_BYPASS : STATUS_UNKNOWN);
         EXPECT_TRUE(count == 3 || (count == -1 && reached));
@@ -259,11 +257,8 @@ TEST(test_guards, alarm_without_memory)
         SCOPED_TRACE(nth);
         const uint64_t blocks = live_blocks();
         s_alarms = 0;
-        {
-            failing_memory failing(nth);
-            EXPECT_EQ(bypass_mgr_report_trigger(record), nth == 1 ? -1 : 0);
-            reached = failing.reached();
-        }
+        reached = while_failing(
+            nth, [&] { EXPECT_EQ(bypass_mgr_report_trigger(record), nth == 1 ? -1 : 0); });
         EXPECT_LE(s_alarms, 1);
         EXPECT_TRUE(s_alarms == 1 || reached);
         report_forget("a");

@@ -118,11 +118,8 @@ TEST(test_registration, memory)
         int32_t result;
 
         log_forget();
-        {
-            failing_memory failing(nth);
-            result = bypass_mgr_receive(core_subscriber(0), message);
-            reached = failing.reached();
-        }
+        reached =
+            while_failing(nth, [&] { result = bypass_mgr_receive(core_subscriber(0), message); });
         EXPECT_TRUE(result == 0 || live_blocks() == blocks);
         const struct suber_set *record = bypass_mgr_table_find(core_subscriber(0));
         EXPECT_EQ(record != nullptr, result == 0);
@@ -166,11 +163,7 @@ TEST(test_bypass_subscriber, memory)
         SCOPED_TRACE(nth);
         log_forget();
         s_core.calls.clear();
-        {
-            failing_memory failing(nth);
-            EXPECT_EQ(bypass_subscriber_init(), 0);
-            reached = failing.reached();
-        }
+        reached = while_failing(nth, [&] { EXPECT_EQ(bypass_subscriber_init(), 0); });
         const bool logged = log_contains("registration of XNI failed, message(0) subscriber(1)");
         EXPECT_EQ(core_calls(), logged ? "timer 1800000" : "timer 1800000; subscribe");
         failed |= logged;

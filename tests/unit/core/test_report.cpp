@@ -40,9 +40,7 @@ TEST(test_report_pending, memory)
     for (uint64_t nth = 1; nth <= ARRAYSIZE(s_lines); nth++) {
         SCOPED_TRACE(nth);
         log_forget();
-        oxnih_memory_fail(nth, 0);
-        drv_info_add(names, 2, "a", &crash);
-        oxnih_memory_fail(0, 0);
+        while_failing(nth, [&] { drv_info_add(names, 2, "a", &crash); });
         EXPECT_TRUE(log_contains(s_lines[nth - 1]));
         EXPECT_FALSE(report_pending_has("a"));
         EXPECT_EQ(live_blocks(), blocks);

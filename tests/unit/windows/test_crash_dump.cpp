@@ -48,9 +48,7 @@ TEST(test_read_reg_string_value, values)
         EXPECT_EQ(text, row.text) << &row - rows;
     }
     for (uint64_t nth = 1; nth <= 2; nth++) {
-        oxnih_memory_fail(nth, 0);
-        EXPECT_EQ(read_reg_string_value(key, L"long", &text), 8u);
-        oxnih_memory_fail(0, 0);
+        while_failing(nth, [&] { EXPECT_EQ(read_reg_string_value(key, L"long", &text), 8u); });
     }
     EXPECT_EQ(read_reg_string_value(key, L"none", &text), 2u);
     EXPECT_EQ(read_reg_string_value(nullptr, L"V", &text), 87u);
@@ -77,9 +75,7 @@ TEST(test_expand_env_path, lengths)
     SetEnvironmentVariableW(L"BYPASS_D", long_text.c_str());
     for (const auto &row : rows)
         EXPECT_EQ(expand_env_path(row.text), row.expanded);
-    oxnih_memory_fail(1, 0);
-    EXPECT_EQ(expand_env_path(L"%BYPASS_D%%BYPASS_D%"), L"");
-    oxnih_memory_fail(0, 0);
+    while_failing(1, [&] { EXPECT_EQ(expand_env_path(L"%BYPASS_D%%BYPASS_D%"), L""); });
 }
 
 /* The one minidump is listed with a time long before, or long after the start of this machine; no
@@ -245,8 +241,7 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
     EXPECT_TRUE(set_dumprecord_time(INT64_MAX));
     EXPECT_TRUE(get_dumprecord_time(&time));
     EXPECT_EQ(time, INT64_MAX);
-    oxnih_memory_fail(1, 1);
-    EXPECT_FALSE(set_dumprecord_time(5));
-    oxnih_memory_fail(0, 0);
+    while_failing(
+        1, [&] { EXPECT_FALSE(set_dumprecord_time(5)); }, true);
     oxnih_set_install_dir(nullptr);
 }

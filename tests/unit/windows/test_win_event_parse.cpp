@@ -242,9 +242,8 @@ TEST(test_get_crash_info, no_memory)
         system_log log(event_record(7036, L"Large", {std::wstring(5000, L'x')}));
         event_info info = {};
         const uint64_t blocks = live_blocks();
-        oxnih_memory_fail(nth, 0);
-        EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 2u);
-        oxnih_memory_fail(0, 0);
+        while_failing(nth,
+                      [&] { EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 2u); });
         EXPECT_EQ(live_blocks(), blocks);
     }
 }
