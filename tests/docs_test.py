@@ -56,7 +56,7 @@ def undocumented_members(root):
                 yield from members(value)
 
     schema = json.loads((root / "devhost/scenario/scenario.schema.json").read_text())
-    documented = set(re.findall(r"`(\w+)`", (root / "docs/scenarios.md").read_text()))
+    documented = set(re.findall(r"`(\$?\w+)`", (root / "docs/scenarios.md").read_text()))
     return sorted(set(members(schema)) - documented)
 
 
