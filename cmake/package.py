@@ -106,6 +106,7 @@ def documents():
     """Uses docs/package.md as README.md: the project's own README describes the sources."""
     page = read(f"{source}/docs/package.md").decode()
     yield "README.md", re.sub(r"\]\((?=\w+\.md)", "](docs/", page).encode()
+    yield "schema/scenario.schema.json", read(f"{source}/devhost/scenario/scenario.schema.json")
     for name in tracked("CHANGELOG.md", "CONTRIBUTING.md", "docs", "scenarios", "examples"):
         yield name, read(f"{source}/{name}")
 

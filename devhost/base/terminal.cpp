@@ -22,7 +22,7 @@ static constexpr double PROGRESS_EVERY_MS = 200.0;
 static bool s_colours;
 static bool s_shows_progress;
 static double s_began_ms, s_shown_ms;
-static bool s_line_is_shown;
+static bool s_line_is_shown, s_shows_whole;
 static std::mutex s_reached_lock;
 static std::string s_reached;
 
@@ -63,6 +63,8 @@ void terminal_progress(const std::string &text)
 {
     const double now = time_real_ms();
 
+    if (s_shows_whole)
+        return;
     terminal_reached(text);
     if (!s_shows_progress || now - s_began_ms < PROGRESS_AFTER_MS ||
         now - s_shown_ms < PROGRESS_EVERY_MS)
@@ -73,8 +75,16 @@ void terminal_progress(const std::string &text)
     s_line_is_shown = true;
 }
 
+void terminal_progress_whole(const std::string &text)
+{
+    s_shows_whole = false;
+    terminal_progress(text);
+    s_shows_whole = true;
+}
+
 void terminal_progress_end(void)
 {
+    s_shows_whole = false;
     if (!s_line_is_shown)
         return;
     fprintf(stderr, CLEAR_LINE);

@@ -22,6 +22,8 @@ bool terminal_has_colours(void);
 /* Replaces the progress line by this text, when the work has taken more than two seconds and a
  * person watches. terminal_progress_end removes the line. */
 void terminal_progress(const std::string &text);
+/* The same for work that consists of others, whose own progress is not shown until the end. */
+void terminal_progress_whole(const std::string &text);
 void terminal_progress_end(void);
 
 /* Handles Ctrl-C from here on: prints what was reached last, and ends the program with

@@ -35,9 +35,9 @@ __attribute__((target("pclmul"))) static __m128i fold(__m128i lane, __m128i powe
 
 template <unsigned bits> static __m128i powers(void)
 {
-    constexpr long long low = power(bits + 32), high = power(bits - 32);
+    constexpr long long LOW = power(bits + 32), HIGH = power(bits - 32);
 
-    return _mm_set_epi64x(high, low);
+    return _mm_set_epi64x(HIGH, LOW);
 }
 
 /* size: a multiple of LANE_BYTES, at least FOLD_BYTES. rest: the bytes that have the same remainder, where

@@ -307,9 +307,9 @@ static void run(const arguments &arguments)
                                                                                     : 64 - i % 64)),
                       i);
         if (i % 64 == 0)
-            terminal_progress(text_format("fuzz %s: %llu of %s", target.name,
-                                          static_cast<unsigned long long>(i - arguments.from),
-                                          text_count(arguments.inputs, "input").c_str()));
+            terminal_progress_whole(text_format("fuzz %s: %llu of %s", target.name,
+                                                static_cast<unsigned long long>(i - arguments.from),
+                                                text_count(arguments.inputs, "input").c_str()));
         note_slow(arguments, i, try_input(arguments, i), &worst);
     }
     terminal_progress_end();

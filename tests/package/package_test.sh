@@ -55,6 +55,14 @@ package=${package%/}
 check "no file contains a path of this machine" sh -c \
     "! grep -rlF -e '$source/' -e '$build/' -e '$deps/' '$package'"
 check "the host plays a scenario" documented "$package" "WINEDLLOVERRIDES="
+# The document's first member of a scenario leads to the schema that the host checks by.
+schema=$(grep -o '"\$schema": "[^"]*"' "$source/docs/package.md")
+sed "1a $schema," "$package/scenarios/default.json" >"$package/scenarios/named.json"
+check "an editor finds the schema" sh -c "cd '$package/scenarios' &&
+    grep -q '\"title\": \"oxni_devhost scenario\"' \"\$(echo '$schema' | cut -d '\"' -f 4)\""
+check "the host plays a scenario that names the schema" env WINEDLLOVERRIDES=dbgeng=n,b timeout 100 \
+    wine "$package/bin/oxni_devhost.exe" run --quiet --log none "$package/scenarios/named.json"
+rm "$package/scenarios/named.json"
 
 # Both checks need nothing but their files: no prefix of the build, no sources beside them.
 alone() {

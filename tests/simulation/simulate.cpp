@@ -264,8 +264,8 @@ static int play_random(const run_folder &folder, const struct simulate_options &
         if (options.hash_calls)
             hash_begin(folder);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
-        terminal_progress(text_format("simulate: %" PRIu64 " of %s", progress.boots,
-                                      text_count(options.boots, "boot").c_str()));
+        terminal_progress_whole(text_format("simulate: %" PRIu64 " of %s", progress.boots,
+                                            text_count(options.boots, "boot").c_str()));
         machine_generate(document, seed);
         oxnih_log_set_level(log_level(seed));
         oxnih_memory_set_mode(memory_mode(seed));
