@@ -11,18 +11,20 @@ signature, which the linker sets to the time, is the GUID's first 32 bits.
 
 Layouts: Microsoft's "PDB" documentation for MSF and the info stream, CV_INFO_PDB70 for the DLL.
 """
-import fcntl
+import contextlib
 import os
 import shlex
 import shutil
 import struct
 import subprocess
 import sys
+import time
 
 MSF_MAGIC = b"Microsoft C/C++ MSF 7.00\r\n\x1aDS\0\0\0"
 DEBUG_DIRECTORY = 6  # IMAGE_DIRECTORY_ENTRY_DEBUG
 CODEVIEW = 2         # IMAGE_DEBUG_TYPE_CODEVIEW
 TOOL = "x86_64-w64-mingw32-"
+STALE_SECONDS = 120  # a link takes some
 
 
 def run(*words, cwd=None):
@@ -104,18 +106,31 @@ def link_again(build, words, folder):
         return bytearray(file.read())
 
 
+def take_folder(folder):
+    """Makes the folder. While another build of the same DLL has it, waits; one that old is of a build that
+    was killed."""
+    while True:
+        try:
+            os.mkdir(folder)
+            return
+        except FileExistsError:
+            with contextlib.suppress(OSError):
+                if time.time() - os.stat(folder).st_mtime > STALE_SECONDS:
+                    shutil.rmtree(folder)
+            time.sleep(0.1)
+
+
 def main(build, dll, output):
     words = link_command(build, dll)
     guid, age = codeview(os.path.join(build, dll))
     # The PDB contains the absolute paths of what is linked, so the folder's name depends on the DLL
     # alone.
     folder = f"/tmp/{os.path.basename(dll)}-{guid.hex()}"
-    with open(folder + ".lock", "w") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        os.makedirs(folder, exist_ok=True)
+    take_folder(folder)
+    try:
         pdb = link_again(build, words, folder)
+    finally:
         shutil.rmtree(folder)
-        os.unlink(lock.name)
     at = info_stream(pdb)
     pdb[at + 4:at + 28] = guid[:4] + struct.pack("<I", age) + guid
     with open(output, "wb") as file:
