@@ -401,7 +401,7 @@ static void keep_in_memory(const run_folder &folder)
 
 static void show_progress(const char *command, uint64_t done, uint64_t count)
 {
-    terminal_progress(
+    terminal_progress_whole(
         text_format("%s: %" PRIu64 " of %s", command, done, text_count(count, "machine").c_str()));
 }
 
