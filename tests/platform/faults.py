@@ -79,8 +79,6 @@ def try_fault(row):
     text = source.read_text()
     if time.monotonic() > until:
         return None
-    if text.count(old) != 1:
-        return f"the text occurs {text.count(old)} times"
     with tempfile.TemporaryDirectory() as made:
         folder = pathlib.Path(made)
         for library in [*links, PROGRAM[:-4]]:
@@ -103,6 +101,9 @@ last_of_area = {area: operation for area, operation, _ in listed if not area.sta
 last_of = {operation: last_of_area[area] for area, operation, _ in reversed(listed)
            if area in last_of_area}
 faults = json.loads((pathlib.Path(__file__).parent / "faults.json").read_text())
+for operation, name, old, _ in faults: # also those that do not fit today
+    if (options.source / "platform" / name).read_text().count(old) != 1:
+        raise SystemExit(f"FAILED: {operation}: {name}: {old}\nexpected once")
 links = {row[1].split("/")[0]: None for row in faults}
 links = {name: link_command(name) for name in links}
 random.Random(options.seed).shuffle(faults)
