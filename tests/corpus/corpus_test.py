@@ -60,11 +60,15 @@ def answered(folder):
         return 0
 
 
-def wait_for(holds, seconds=60):
+def wait_for(holds, run=None, seconds=60):
     end = time.monotonic() + seconds
     while not holds():
+        if run and run.poll() is not None:
+            sys.exit(f"FAILED: ended with {run.returncode} before: {run.communicate()}")
         if time.monotonic() > end:
-            sys.exit("FAILED: waited in vain")
+            if run:
+                os.killpg(run.pid, signal.SIGABRT)
+            sys.exit(f"FAILED: waited in vain{run and f': {run.communicate()}'}")
         time.sleep(0.05)
 
 
@@ -303,7 +307,7 @@ def test_cases_that_fail(folder):
     cases = make_cases(folder / "cases", *good, "crashes", "hangs", "prints", "once")
     out = folder / "out"
     run = start(cases, "--out", out, "--workers", 2, "--timeout", 2, *FAKE)
-    wait_for(lambda: len(list(hosts_of(run))) == 2 and answered(out) > 2)
+    wait_for(lambda: len(list(hosts_of(run))) == 2 and answered(out) > 2, run)
     host, worker = next(hosts_of(run))
     os.kill(worker, signal.SIGKILL)
     text, error = run.communicate(timeout=100)
@@ -325,7 +329,7 @@ def test_interrupted(folder):
     names = [f"busy{i}" for i in range(40)]
     cases, out = make_cases(folder / "cases", *names), folder / "out"
     run = start(cases, "--out", out, "--workers", 1, *FAKE)
-    wait_for(lambda: answered(out) > 2)
+    wait_for(lambda: answered(out) > 2, run)
     os.killpg(run.pid, signal.SIGSTOP) # however long the second one takes
     status, _, error = corpus(cases, "--out", out, "--resume", *FAKE)
     check("two runs", status == 2 and "another run is writing" in error, f"status {status}, {error}")
@@ -354,7 +358,7 @@ def test_scheduler_killed(folder):
     try:
         wait_for(address.exists)
         run = start(cases, "--out", out, "--scheduler", json.loads(address.read_text())["address"], *FAKE)
-        wait_for(lambda: answered(out) > 2)
+        wait_for(lambda: answered(out) > 2, run)
         scheduler.kill()
         text, error = run.communicate(timeout=60)
         check("scheduler killed", run.returncode == 5 and "--resume goes on" in error,

@@ -4,6 +4,7 @@ redact. A real log and dump are used, too, where BYPASS_SHARED_DATA names their 
 
 usage: replay_test.py WINE_RUN PROGRAM
 """
+import itertools
 import json
 import os
 import pathlib
@@ -318,7 +319,8 @@ def test_archive(folder):
                 packed.write(file, f"PC 7/{file.name}")
             packed.writestr(zipfile.ZipInfo("PC 7/notes.txt", (2024, 3, 7, 12, 0, 0)), "called at noon", method)
         results[method] = host("replay", archive, "--products", products, "--json")
-    check("archive", results[zipfile.ZIP_DEFLATED] == results[zipfile.ZIP_STORED], "the methods differ")
+    packed, stored = (str(results[method]).split("\\n") for method in results)
+    check("archive", packed == stored, [pair for pair in itertools.zip_longest(packed, stored) if pair[0] != pair[1]])
     result = json.loads(results[zipfile.ZIP_STORED][1])
     check("archive", result["answer"] == "bypass" and result["dumps"][0]["file"] == "PC 7/030724-5437-01.dmp" and
           [i["file"] for i in result["ignored"]] == ["PC 7/notes.txt"], result["ignored"])
