@@ -107,9 +107,10 @@ def link_again(build, words, folder):
 
 
 def take_folder(folder):
-    """Makes the folder. While another build of the same DLL has it, waits; one that old is of a build that
+    """Makes the folder. Waits while another build of the same DLL has it; removes the folder of a build that
     was killed."""
-    while True:
+    end = time.monotonic() + 2 * STALE_SECONDS
+    while time.monotonic() < end:
         try:
             os.mkdir(folder)
             return
@@ -118,6 +119,7 @@ def take_folder(folder):
                 if time.time() - os.stat(folder).st_mtime > STALE_SECONDS:
                     shutil.rmtree(folder)
             time.sleep(0.1)
+    sys.exit(f"pdb.py: {folder} is in the way, of another user's build that was killed: remove it")
 
 
 def main(build, dll, output):

@@ -353,7 +353,7 @@ static decision decision_of(const replay_story &story)
 static std::string decision_text(const decision &decided)
 {
     return std::string(explain_verdict_name(decided.verdict)) + ", blames " +
-           (decided.blamed.empty() ? "nobody" : decided.blamed) + ", " +
+           (decided.blamed.empty() ? "no module" : decided.blamed) + ", " +
            text_count(decided.orders.size(), "order");
 }
 
