@@ -19,14 +19,25 @@ static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
 /* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
 static std::set<DWORD> s_enabled, s_removed;
 
+/* By name in lower case. */
+static std::map<std::string, DWORD> all_luids(void)
+{
+    std::map<std::string, DWORD> luids;
+    DWORD luid = FIRST_PRIVILEGE;
+
+    for (const char *name : PRIVILEGES)
+        luids[text_lower(std::string(name))] = luid++;
+    return luids;
+}
+
 static bool luid_of(const std::string &name, DWORD *luid)
 {
-    for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
-        if (_stricmp(PRIVILEGES[i], name.c_str()) == 0) {
-            *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
-            return true;
-        }
-    return false;
+    static const std::map<std::string, DWORD> luids = all_luids();
+    auto at = luids.find(text_lower(name));
+
+    if (at != luids.end())
+        *luid = at->second;
+    return at != luids.end();
 }
 
 static bool is_held(const LUID &luid)
