@@ -30,14 +30,15 @@ static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
 {
     wchar_t previous = L'\0';
 
-    normal->clear();
-    for (; *path != L'\0'; path++) {
+    normal->resize(wcslen(path));
+    for (wchar_t &to : *normal) {
         const wchar_t c = *path == L'/' ? L'\\' : *path;
 
         if (c >= 0x80 || (previous == L'\\' && (c == L'\\' || c == L'.')))
             return false;
-        normal->push_back(c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c);
+        to = c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
         previous = c;
+        path++;
     }
     return true;
 }
