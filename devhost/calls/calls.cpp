@@ -239,17 +239,18 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     std::string arguments;
     uint32_t planned_error = 0;
     const bool traced = is_traced(row.name);
+    const bool formats = traced || !state.failures.empty(); /* which may set the last error */
     bool planned;
     uint64_t result;
-    DWORD error;
+    DWORD error = formats ? GetLastError() : ERROR_SUCCESS;
 
     /* Formatted before the call, which may overwrite them. */
-    error = GetLastError();
     if (traced)
         arguments = arguments_text(row, a);
     state.total++;
     planned = failure_due(row, state, a, &planned_error);
-    SetLastError(error);
+    if (formats)
+        SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
         set_outputs(row, planned_error, a);

@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "../base/text.h"
 #include "../calls/privileges.h"
 #include "../calls/stand_in.h"
 #include "machine_internal.h"
@@ -19,25 +18,16 @@ static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
 /* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
 static std::set<DWORD> s_enabled, s_removed;
 
-/* By name in lower case. */
-static std::map<std::string, DWORD> all_luids(void)
+static bool luid_of(const char *name, DWORD *luid)
 {
-    std::map<std::string, DWORD> luids;
-    DWORD luid = FIRST_PRIVILEGE;
-
-    for (const char *name : PRIVILEGES)
-        luids[text_lower(std::string(name))] = luid++;
-    return luids;
-}
-
-static bool luid_of(const std::string &name, DWORD *luid)
-{
-    static const std::map<std::string, DWORD> luids = all_luids();
-    auto at = luids.find(text_lower(name));
-
-    if (at != luids.end())
-        *luid = at->second;
-    return at != luids.end();
+    /* In the usual spelling first: a plug-in looks one up at each poll. */
+    for (int (*compare)(const char *, const char *) : {strcmp, _stricmp})
+        for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
+            if (compare(PRIVILEGES[i], name) == 0) {
+                *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
+                return true;
+            }
+    return false;
 }
 
 static bool is_held(const LUID &luid)
