@@ -475,6 +475,14 @@ void memory_disk_redirect(HMODULE module, bool maps)
         redirect(module, maps);
 }
 
+void memory_disk_empty(void)
+{
+    for (const auto &file : memory_files)
+        if (!file.second->real_path.empty())
+            (void)real_DeleteFileW(file.second->real_path.c_str());
+    memory_files.clear();
+}
+
 std::string &memory_disk_file(const std::string &path)
 {
     std::wstring key;
