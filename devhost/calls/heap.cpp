@@ -11,6 +11,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "imports.h"
+#include "quick_functions.h"
 #include "stand_in.h"
 
 /* A span is cut into blocks of one class, which is a size: steps of 16 bytes up to 512, and above it
@@ -240,7 +241,11 @@ void heap_redirect(HMODULE module)
     imports_each(module, [](const std::string &library, const char *name, void **entry) {
         if (library != "msvcrt.dll")
             return;
-        if (void *function = stand_in_find(rows, name))
+        void *function = stand_in_find(rows, name);
+
+        if (function == nullptr)
+            function = quick_function(name);
+        if (function != nullptr)
             imports_redirect(entry, function);
     });
 }
