@@ -68,15 +68,19 @@ static void *stand_in_memmove(void *to, const void *from, size_t bytes)
 static int stand_in_memcmp(const void *one, const void *other, size_t bytes)
 {
     const uint8_t *a = static_cast<const uint8_t *>(one), *b = static_cast<const uint8_t *>(other);
+    size_t at = 0;
 
-    while (bytes >= STEP && _mm_movemask_epi8(_mm_cmpeq_epi8(load(a), load(b))) == 0xffff) {
-        a += STEP;
-        b += STEP;
-        bytes -= STEP;
+    for (; at + STEP <= bytes; at += STEP) {
+        const int equal = _mm_movemask_epi8(_mm_cmpeq_epi8(load(a + at), load(b + at)));
+
+        if (equal != 0xffff) {
+            at += static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(~equal)));
+            return a[at] < b[at] ? -1 : 1;
+        }
     }
-    for (; bytes > 0; bytes--, a++, b++)
-        if (*a != *b)
-            return *a < *b ? -1 : 1;
+    for (; at < bytes; at++)
+        if (a[at] != b[at])
+            return a[at] < b[at] ? -1 : 1;
     return 0;
 }
 

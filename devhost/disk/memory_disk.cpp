@@ -360,7 +360,7 @@ static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key
 static void move_content(const std::wstring &old_key, const std::wstring &new_key)
 {
     const std::wstring folder = old_key + L"\\";
-    std::map<std::wstring, file_ptr> moved;
+    file_map moved;
 
     for (auto at = memory_files.lower_bound(folder);
          at != memory_files.end() && at->first.rfind(folder, 0) == 0; at = memory_files.erase(at))
