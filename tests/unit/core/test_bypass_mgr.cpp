@@ -7,10 +7,8 @@
 #include "bypass_mgr_debug.h"
 #include "bypass_mgr_schema.h"
 #include "core_patches.h"
-#include "driver_update.h"
 #include "liboxnibase/host.h"
 #include "platform_path.h"
-#include "recover_tag.h"
 #include "report_link.h"
 #include "unit_support.h"
 
@@ -71,35 +69,6 @@ TEST(platform_path, one_that_does_not_fit_is_a_missing_base_folder)
     }
 }
 
-static bool s_opened;
-
-static HANDLE WINAPI open_narrow(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                                 HANDLE)
-{
-    s_opened = true;
-    return INVALID_HANDLE_VALUE;
-}
-
-static HANDLE WINAPI open_wide(const wchar_t *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                               HANDLE)
-{
-    s_opened = true;
-    return INVALID_HANDLE_VALUE;
-}
-
-/* Tag and update file would get one and the same truncated path. */
-TEST(platform_path, no_tag_and_no_update_below_a_long_base_folder)
-{
-    const base_folder base(230);
-    const import_patch narrow("CreateFileA", open_narrow), wide("CreateFileW", open_wide);
-
-    s_opened = false;
-    EXPECT_EQ(-1, recover_tag_write());
-    EXPECT_FALSE(recover_tag_check());
-    EXPECT_FALSE(driver_update_check());
-    EXPECT_FALSE(s_opened);
-}
-
 static int s_failing; /* the nth allocation fails */
 static std::pair<std::string, int> s_fatal;
 
@@ -145,28 +114,4 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
     }
     EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
     s_core.link("path", 0);
-}
-
-/* A product that is named twice has the later ids, and nothing of the earlier ones is left. */
-TEST(report_link, a_product_named_twice)
-{
-    static const char answer[] =
-        R"({"total": 1, "total": 2,
-            "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
-    const core_patches patches;
-
-    report_link_create();
-    report_link_watch();
-    s_core.link("path", 1);
-    EXPECT_FALSE(report_link_connected());
-    s_core.answer(0, answer);
-    EXPECT_TRUE(report_link_connected());
-    const uint64_t blocks = live_blocks();
-    for (int again = 0; again < 3; again++)
-        s_core.answer(0, answer);
-    EXPECT_EQ(blocks, live_blocks());
-    EXPECT_STREQ("1", report_link_device("a")->device_id);
-    EXPECT_STREQ("1", report_link_device("b")->device_id);
-    s_core.link("path", 0);
-    report_link_create();
 }

@@ -8,7 +8,6 @@
 #include "bypass_mgr.h"
 #include "bypass_mgr_command.h"
 #include "bypass_mgr_debug.h"
-#include "bypass_mgr_store.h"
 #include "unit_support.h"
 
 #define SET_1 "push a {'count':1,'reason':'none','type':'set_count'}"
@@ -18,11 +17,11 @@ static const struct command_row {
     const char *name, *type, *reason;
     int32_t error;
     const char *message;
-    int32_t status, recover_sent, parsed; /* after the reply; before: 1, 0, 0 */
+    int32_t status, recover_sent, parsed; /* after the reply; before: 1, 0, 0, without a type 1, 1, 0 */
     const char *calls;                    /* of the reply */
 } s_commands[] = {
     {"bypass",        "bypass",    "m",  0, "{'reason':'m','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
-    {"no type",       nullptr,        nullptr, 0, "{'reason':'none','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
+    {"no type",       nullptr,        nullptr, 0, "{'reason':'none','type':'bypass'}", 2, 1, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
     {"recover",       "recover",   nullptr, 0, "{'reason':'none','type':'recover'}", 1, 1, 0, ""},
     {"set_count",     "set_count", nullptr, 0, "{'count':7,'reason':'none','type':'set_count'}", 1, 0, 0, ""},
     {"another",       "Bypass",    nullptr, 0, "{'reason':'none','type':'Bypass'}", 1, 0, 0, ""},
@@ -39,6 +38,7 @@ TEST(test_command, messages_and_replies)
         struct suber_set *record = core_product(0, STATUS_WORKING, 3);
         const struct bypass_cmd request = {row.type, row.reason, 7};
 
+        record->recover_sent = row.type == nullptr;
         EXPECT_EQ(bypass_mgr_send(core_subscriber(0), &request), 0);
         EXPECT_EQ(core_calls(), std::string("push a ") + row.message);
         s_core.reply(row.error, s_core.cookie, s_core.pushed_to, nullptr);
@@ -49,24 +49,6 @@ TEST(test_command, messages_and_replies)
         EXPECT_EQ(record->parsed, row.parsed);
         EXPECT_EQ(record->count, 3);
     }
-}
-
-/* Once recovered it is not sent another "recover", and a bypass has this boot's crash. */
-TEST(test_command, bypass_delivered)
-{
-    const core_patches patches;
-    struct suber_set *record = core_product(0, STATUS_WORKING, 3);
-    const struct bypass_cmd request = {"bypass", "m", 0};
-
-    record->recover_sent = 1;
-    bypass_mgr_store_crash("C:\\d", "then", "m");
-    (void)bypass_mgr_send(core_subscriber(0), &request);
-    s_core.reply(0, s_core.cookie, s_core.pushed_to, nullptr);
-    s_core.cookie = nullptr;
-    EXPECT_EQ(record->recover_sent, 1);
-    EXPECT_STREQ(record->crash.crash_path, "C:\\d");
-    EXPECT_STREQ(record->crash.crash_create_time, "then");
-    EXPECT_STREQ(record->crash.crash_module, "m");
 }
 
 /* Without a registered subscriber nothing is sent, and a late reply changes nothing. */
@@ -121,28 +103,6 @@ TEST(test_command, memory)
     }
     EXPECT_FALSE(reached);
     EXPECT_TRUE(failed && without_reason);
-}
-
-TEST(test_command, recovery_request)
-{
-    static const struct {
-        int32_t status, recover_sent, parsed;
-    } s_products[] = {
-        {STATUS_BYPASS,       0, 0},
-        {STATUS_BYPASS,       1, 1},
-        {STATUS_INITIALIZING, 0, 1},
-        {STATUS_BYPASS,       0, 1},
-    };
-    const core_patches patches;
-
-    for (const auto &one : s_products) {
-        struct suber_set *record =
-            core_product(static_cast<size_t>(&one - s_products), one.status, 3);
-        record->recover_sent = one.recover_sent;
-        record->parsed = one.parsed;
-    }
-    bypass_mgr_send_recovery();
-    EXPECT_EQ(core_calls(), "push d {'reason':'none','type':'recover'}");
 }
 
 /* The old counts stay in records and store. */

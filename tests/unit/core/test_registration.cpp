@@ -76,34 +76,6 @@ TEST(test_registration, calls_in_order)
     }
 }
 
-/* Of a "modify" only the status counts, and the store keeps the registered count. */
-TEST(test_registration, modify)
-{
-    static const struct {
-        const char *status;
-        const char *calls;
-        int32_t stored;
-    } s_rows[] = {
-        {"bypass",       "store {'a':{'count':3,'status':2}}",          2},
-        {"working",      "history; store {'a':{'count':3,'status':1}}", 1},
-        {"initializing", "store {'a':{'count':3,'status':3}}",          3},
-        {"Working",      "store {'a':{'count':3,'status':0}}",          0},
-    };
-
-    for (const auto &row : s_rows) {
-        SCOPED_TRACE(row.status);
-        const core_patches patches;
-        struct suber_set *record = core_product(0, STATUS_INITIALIZING, 3);
-
-        record->parsed = 1;
-        EXPECT_EQ(send_message("modify", row.status, 8), 0);
-        EXPECT_EQ(core_calls(), row.calls);
-        EXPECT_EQ(record->status, row.stored);
-        EXPECT_EQ(record->count, 3);
-        EXPECT_EQ(record->parsed, 1);
-    }
-}
-
 /* Whichever allocation fails, a product is registered as a whole or not at all, without a leak. */
 TEST(test_registration, memory)
 {
@@ -186,44 +158,4 @@ TEST(test_registration, results)
     EXPECT_EQ(send_message("reg", "bypass", 2), -1);
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0))->count, 1);
     json_decref(message);
-}
-
-TEST(test_install_callback, moments_and_errors)
-{
-    static const struct {
-        int32_t error, moment;
-        const char *logged; /* after the first line */
-        bool registered;    /* afterwards; before: yes */
-    } s_rows[] = {
-        {0,  0,  nullptr,                                                         true },
-        {0,  3,  nullptr,                                                         true },
-        {0,  -1, "invalid moment[-1]",                                            true },
-        {0,  4,  "invalid moment[4]",                                             true },
-        {0,  1,  "multiple registration",                                         true },
-        {0,  2,  "bypass_mgr subscriber ns(space) name : a unsubscribe!",         false},
-        {5,  2,  "expr[0 == err] false! bypass_mgr callback failed! errcode(5)",  true },
-        {-1, 1,  "expr[0 == err] false! bypass_mgr callback failed! errcode(-1)", true },
-        {5,  9,  "expr[0 == err] false! bypass_mgr callback failed! errcode(5)",  true },
-    };
-
-    for (const auto &row : s_rows) {
-        SCOPED_TRACE(testing::Message() << row.error << " " << row.moment);
-        const core_patches patches;
-        json_t *message = core_json("{'product_name':'a','type':'reg','status':'working'}");
-        char first[80];
-
-        EXPECT_EQ(bypass_mgr_init(), 0);
-        core_product(0, STATUS_WORKING, 3);
-        core_calls();
-        log_forget();
-        s_core.install_cb(row.error, nullptr, row.moment, message, core_subscriber(0));
-        snprintf(first, sizeof(first), "start install bypass_mgr errcode(%d) moment(%d)", row.error,
-                 row.moment);
-        EXPECT_TRUE(log_contains(first));
-        EXPECT_EQ(log_contains("[warn]") || log_contains("[info]"), row.logged != nullptr);
-        EXPECT_TRUE(row.logged == nullptr || log_contains(row.logged));
-        EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)) != nullptr, row.registered);
-        EXPECT_EQ(core_calls(), row.registered ? "" : "release a");
-        json_decref(message);
-    }
 }
