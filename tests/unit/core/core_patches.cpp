@@ -163,23 +163,6 @@ static int ask_management(const char *, const char *, unsigned, oxni_dbg_echo_fn
     return 0;
 }
 
-static int install(const char *, const char *, unsigned, oxni_subscribee_fn fn,
-                   oxni_subscribee_second_fn second)
-{
-    s_core.install_cb = fn;
-    s_core.install_second = second;
-    return 0;
-}
-
-static int declare_command(const char *, const char *, const char *, oxni_dbg_fn)
-{
-    return 0;
-}
-
-static void do_not_sleep(unsigned)
-{
-}
-
 static void forget_everything(void)
 {
     for (size_t number = 0; number < ARRAYSIZE(s_attrs); number++)
@@ -202,9 +185,7 @@ core_patches::core_patches()
       open_wide_("CreateFileW", open_wide), open_narrow_("CreateFileA", open_narrow),
       information_("GetFileInformationByHandle", get_information),
       close_("CloseHandle", close_handle), tick_("oxni_time_get_tick_cout", get_ticks),
-      require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
-      declare_("oxni_dbg_decl", declare_command), sleep_("oxni_msleep", do_not_sleep),
-      exec_("oxni_dbg_exec", ask_management)
+      require_("oxni_res_require", watch_resource), exec_("oxni_dbg_exec", ask_management)
 {
     (void)bypass_mgr_table_create();
     oxnih_set_log_dir("C:\\base");
