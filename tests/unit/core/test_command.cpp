@@ -5,12 +5,9 @@
 
 #include <oxni/base/debug_console.h>
 
-#include "bypass_mgr.h"
 #include "bypass_mgr_command.h"
 #include "bypass_mgr_debug.h"
 #include "unit_support.h"
-
-#define SET_1 "push a {'count':1,'reason':'none','type':'set_count'}"
 
 /* clang-format off */
 static const struct command_row {
@@ -105,23 +102,6 @@ TEST(test_command, memory)
     EXPECT_TRUE(failed && without_reason);
 }
 
-/* The old counts stay in records and store. */
-TEST(test_command, calibration)
-{
-    const core_patches patches;
-
-    core_product(0, STATUS_WORKING, 1);
-    core_product(1, STATUS_INITIALIZING, 2);
-    core_product(2, STATUS_BYPASS, 10);
-    struct suber_set *last = core_product(3, STATUS_WORKING, 10);
-    bypass_mgr_calibrate_counts();
-    EXPECT_EQ(core_calls(), "push b {'count':1,'reason':'none','type':'set_count'}; "
-                            "store {'b':{'count':2,'status':3}}; "
-                            "push d {'count':1,'reason':'none','type':'set_count'}; "
-                            "store {'b':{'count':2,'status':3},'d':{'count':10,'status':1}}");
-    EXPECT_EQ(last->count, 10);
-}
-
 static std::string s_echo;
 
 static void keep_echo(oxni_dbg_context *, int, const char *text)
@@ -149,28 +129,5 @@ TEST(test_debug_command, memory)
                                                   "tag=");
         EXPECT_EQ(live_blocks(), blocks + (first ? 1 : 0)); /* the last command's kind */
         EXPECT_EQ(s_echo[0], '[');
-    }
-}
-
-/* Up to the last second before ten days it waits another hour. */
-TEST(test_uptime_timer, seconds)
-{
-    static const struct {
-        uint64_t uptime;
-        const char *calls;
-    } s_rows[] = {
-        {864000 - 1, "timer 3600000"                             },
-        {864000,     SET_1 "; store {'a':{'count':3,'status':1}}"},
-    };
-
-    for (const auto &row : s_rows) {
-        const core_patches patches;
-
-        EXPECT_EQ(bypass_mgr_init(), 0);
-        core_product(0, STATUS_WORKING, 3);
-        core_calls();
-        s_core.uptime_seconds = row.uptime;
-        s_core.last_timer(nullptr, nullptr);
-        EXPECT_EQ(core_calls(), row.calls);
     }
 }
