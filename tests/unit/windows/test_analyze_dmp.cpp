@@ -136,6 +136,7 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
         EXPECT_EQ(out, s_client.callbacks);
         EXPECT_EQ(s_client.callbacks->Release(), 1u);
     }
+    EXPECT_EQ(s_client.callbacks->Output(DEBUG_OUTPUT_NORMAL, STACK), S_OK);
     EXPECT_EQ(s_client.callbacks->Release(), 0u);
 }
 
