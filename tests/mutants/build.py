@@ -10,14 +10,12 @@ import shlex
 import shutil
 import subprocess
 
-import lexer
-
 PLUGINS = "oxni_sys/plugins"
 DLL = "bin/libbypass_mgr.dll"
 UNIT_TESTS = "bin/unit_tests.exe"
 # A fault may cause a warning, or a line that differs only in what a debugger shows.
 NOT_FOR_FAULTS = {"-Werror", "-g1", "-g"}
-INCLUDE = re.compile(r"#\s*include\s*([<\"])([^>\"]+)")
+INCLUDE = re.compile(r"^#\s*include\s*<[^>]+>", re.M)
 
 
 class Failed(Exception):
@@ -112,23 +110,12 @@ class Build:
         return [*words, "-w", "-g0"]
 
     def outside_includes(self, object_name):
-        """Names in angle brackets that an object's source and its plug-in headers include, in the
-        order in which the compiler meets them."""
-        found, seen = {}, set()
-
-        def read(path):
-            seen.add(path)
-            for token in lexer.tokens_of(self.texts[path]):
-                match = INCLUDE.match(token.text) if token.kind == "directive" else None
-                if match and match.group(1) == "<":
-                    found.setdefault(match.group(2))
-                elif match:
-                    for header in sorted(self.depends[object_name] - seen):
-                        if header.match(match.group(2)) and header.is_relative_to(self.plugins):
-                            read(header)
-
-        read(self.compile[object_name][0])
-        return list(found)
+        """Lines that an object's source and its plug-in headers include from outside. Those of the
+        source come first: their order matters."""
+        source = self.compile[object_name][0]
+        texts = [self.texts[source], *(self.texts[path] for path in sorted(self.depends[object_name])
+                                       if path.is_relative_to(self.plugins) and path != source)]
+        return list(dict.fromkeys(INCLUDE.findall("\n".join(texts))))
 
     def key_of(self, object_name):
         """Returns a name for what is made from all of an object's sources."""
@@ -194,7 +181,7 @@ class Worker:
         includes = self.build.outside_includes(object_name)
         header = self.kept / (self.build.key_of_outside(object_name) + ".h")
         if not header.with_suffix(".h.gch").exists():
-            header.write_text("".join(f"#include <{name}>\n" for name in includes))
+            header.write_text("\n".join(includes) + "\n")
             made = self.folder / "outside.gch"
             words = self.build.command(object_name, made)
             words[words.index("-c"):words.index("-c") + 2] = ["-x", "c++-header", str(header)]
@@ -223,14 +210,15 @@ class Worker:
             if path.name.split(".")[0] not in wanted:
                 path.unlink()
 
-    def compile_changed(self, apply):
-        """Puts a fault into the copied sources and compiles what depends on them. Result: the new
-        objects by their names in the build, None when one does not compile; whether any differs
-        from that without the fault; what the compiler printed."""
+    def compile_changed(self, texts):
+        """Compiles what depends on sources with faulty texts. Result: the new objects by their names
+        in the build, None when one does not compile; whether any differs from that without the
+        fault; what the compiler printed."""
         objects = {}
         try:
-            apply()
-            changed = {self.build.plugins / name for name in self.changed()}
+            for name, text in texts.items():
+                self.write(name, text)
+            changed = {self.build.plugins / name for name in texts}
             for name, depends in self.build.depends.items():
                 if depends & changed:
                     objects[name] = self.folder / "objects" / name
