@@ -53,13 +53,37 @@ class Processes:
             self.kill(process)
 
 
+def ninja(folder, *arguments):
+    done = subprocess.run(["ninja", "-C", folder, "-t", *arguments], capture_output=True, text=True)
+    if done.returncode != 0:
+        raise Failed(f"ninja -t {' '.join(arguments)}: {done.stderr.strip()}")
+    return done.stdout
+
+
+def link_command(folder, target):
+    """Returns the words of the build's command that links a program or a library."""
+    for part in ninja(folder, "commands", target).strip().splitlines()[-1].split(" && "):
+        words = shlex.split(part)
+        if "-o" in words and words[words.index("-o") + 1] == target:
+            outputs = ("-Wl,--out-implib", "-Wl,--pdb")
+            return [word for word in words if not word.startswith(outputs)]
+    raise Failed(f"the build's last command for {target} does not link it")
+
+
+def for_output(words, output):
+    """Returns a compile command of the build for a faulty source."""
+    words = [word for word in words if word not in NOT_FOR_FAULTS]
+    words[words.index("-o") + 1] = str(output)
+    return [*words, "-w", "-g0"]
+
+
 class Build:
     """The project's build: its objects, their commands, and the files that they depend on."""
 
     def __init__(self, root, folder):
         self.root, self.folder = root, folder
         self.plugins = root / PLUGINS
-        self.links = {target: self.link_command(target) for target in (DLL, UNIT_TESTS)}
+        self.links = {target: link_command(folder, target) for target in (DLL, UNIT_TESTS)}
         linked = {word for words in self.links.values() for word in words}
         self.compile = {}  # object: (source, command)
         for one in json.loads((folder / "compile_commands.json").read_text()):
@@ -77,26 +101,10 @@ class Build:
         if not self.files:
             raise Failed(f"{folder} has no object of a source in {PLUGINS}")
 
-    def ninja(self, *arguments):
-        done = subprocess.run(["ninja", "-C", self.folder, "-t", *arguments], capture_output=True,
-                              text=True)
-        if done.returncode != 0:
-            raise Failed(f"ninja -t {' '.join(arguments)}: {done.stderr.strip()}")
-        return done.stdout
-
-    def link_command(self, target):
-        last = self.ninja("commands", target).strip().splitlines()[-1]
-        for part in last.split(" && "):
-            words = shlex.split(part)
-            if "-o" in words and words[words.index("-o") + 1] == target:
-                outputs = ("-Wl,--out-implib", "-Wl,--pdb")
-                return [word for word in words if not word.startswith(outputs)]
-        raise Failed(f"the build's last command for {target} does not link it")
-
     def dependencies(self):
         """Of each object: its source and the headers in it."""
         found = {}
-        for block in self.ninja("deps").split("\n\n"):
+        for block in ninja(self.folder, "deps").split("\n\n"):
             lines = block.strip().splitlines()
             output = lines[0].split(":")[0] if lines else ""
             if output in self.compile:
@@ -105,9 +113,7 @@ class Build:
 
     def command(self, object_name, output):
         """The build's command for an object, for another output."""
-        words = [word for word in self.compile[object_name][1] if word not in NOT_FOR_FAULTS]
-        words[words.index("-o") + 1] = str(output)
-        return [*words, "-w", "-g0"]
+        return for_output(self.compile[object_name][1], output)
 
     def outside_includes(self, object_name):
         """Lines that an object's source and its plug-in headers include from outside. Those of the
