@@ -24,12 +24,7 @@ static HANDLE open(const std::wstring &path, DWORD access, DWORD disposition,
 static DWORD open_error(const std::wstring &path, DWORD access, DWORD disposition,
                         DWORD share = ALL_SHARES)
 {
-    HANDLE file = open(path, access, disposition, share);
-    const DWORD error = error_if(file == INVALID_HANDLE_VALUE);
-
-    if (file != INVALID_HANDLE_VALUE)
-        CloseHandle(file);
-    return error;
+    return opening_error(open(path, access, disposition, share), CloseHandle);
 }
 
 static uint64_t value_of(const FILETIME &time)
@@ -170,9 +165,7 @@ static void check_times(conformance &run)
     run.gives("CreateFileW", "overwriting keeps the creation time", times_of(path).created,
               {created}, OBSERVED);
     run.fails("GetFileTime", "a handle that is none",
-              GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)), nullptr,
-                          nullptr, nullptr),
-              {ERROR_INVALID_HANDLE});
+              GetFileTime(no_handle(), nullptr, nullptr, nullptr), {ERROR_INVALID_HANDLE});
     DeleteFileW(path.c_str());
 }
 
