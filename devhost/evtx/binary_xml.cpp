@@ -142,7 +142,8 @@ bool binary_xml::number(const span &text, const std::vector<value> &values, uint
         memcpy(number, chunk_ + one->at, std::min<size_t>(one->size, sizeof(*number)));
         return true;
     }
-    if (!append(text, values, &digits))
+    if (!append(text, values, &digits) ||
+        digits.find_first_not_of(L"0123456789") != std::wstring::npos)
         return false;
     *number = static_cast<uint32_t>(wcstoul(digits.c_str(), nullptr, 10));
     return true;

@@ -197,12 +197,19 @@ static void log_clock_change(uint64_t old)
 static void play_to_end(const std::vector<uint64_t> &clocks)
 {
     for (const uint64_t ms : clocks) {
-        if (ms <= timeline_now_ms() || ms > play_boot_end_ms())
+        if (ms > play_boot_end_ms())
             continue;
-        play_run_until(ms - 1);
-        const uint64_t old = oxnih_clock_now_100ns() + TICKS_PER_MS;
-        play_run_until(ms);
-        log_clock_change(old);
+        uint64_t waited = 0;
+
+        if (ms > timeline_now_ms()) {
+            play_run_until(ms - 1);
+            waited = TICKS_PER_MS;
+        }
+        const uint64_t old = oxnih_clock_now_100ns() + waited;
+
+        play_run_until(std::max(ms, timeline_now_ms()));
+        if (oxnih_clock_now_100ns() != old) /* as an earlier step of the same moment has done */
+            log_clock_change(old);
     }
     play_run_until(play_boot_end_ms());
 }
