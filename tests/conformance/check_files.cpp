@@ -83,18 +83,20 @@ static void check_opening(conformance &run)
               {ERROR_PATH_NOT_FOUND});
     run.gives("CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
               {ERROR_PATH_NOT_FOUND}, OBSERVED);
-    file = CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    run.fails("CreateFileW", "no path", file != INVALID_HANDLE_VALUE,
-              {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
+    run.gives(
+        "CreateFileW", "no path",
+        opening_error(CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+                      CloseHandle),
+        {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
     run.gives(
         "CreateFileW", "a path above 259 characters",
         open_error(in_folder(run, std::wstring(260, L'x').c_str()), GENERIC_READ, OPEN_EXISTING),
         {ERROR_PATH_NOT_FOUND, ERROR_INVALID_NAME, ERROR_FILENAME_EXCED_RANGE}, OBSERVED);
     run.gives("CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
               {ERROR_ACCESS_DENIED});
-    run.fails("CreateFileA", "an empty path",
-              CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) !=
-                  INVALID_HANDLE_VALUE,
+    run.gives("CreateFileA", "an empty path",
+              opening_error(CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+                            CloseHandle),
               {ERROR_PATH_NOT_FOUND}, OBSERVED);
     run.works("DeleteFileW", "a file", DeleteFileW(path.c_str()));
     run.fails("DeleteFileW", "a file that is none", DeleteFileW(path.c_str()),

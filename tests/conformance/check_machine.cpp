@@ -283,6 +283,11 @@ static DWORD open_manager(const wchar_t *database)
     return opening_error(OpenSCManagerW(nullptr, database, SC_MANAGER_CONNECT), CloseServiceHandle);
 }
 
+static DWORD open_service(SC_HANDLE manager, const wchar_t *name)
+{
+    return opening_error(OpenServiceW(manager, name, SERVICE_QUERY_STATUS), CloseServiceHandle);
+}
+
 /* Every Windows has this service; the scenario of the development host, too. */
 static constexpr wchar_t KNOWN_SERVICE[] = L"EventLog";
 
@@ -291,10 +296,7 @@ static void check_query(conformance &run, SC_HANDLE manager)
     SERVICE_STATUS status = {};
     SC_HANDLE service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_STATUS);
 
-    run.gives(
-        "OpenServiceW", "a service in another case",
-        opening_error(OpenServiceW(manager, L"eVENTlOG", SERVICE_QUERY_STATUS), CloseServiceHandle),
-        {0});
+    run.gives("OpenServiceW", "a service in another case", open_service(manager, L"eVENTlOG"), {0});
     run.works("QueryServiceStatus", "a service", QueryServiceStatus(service, &status));
     run.gives("QueryServiceStatus", "a service: its state", status.dwCurrentState,
               {SERVICE_STOPPED, SERVICE_RUNNING, SERVICE_START_PENDING});
@@ -318,17 +320,12 @@ void check_services(conformance &run)
               {ERROR_INVALID_NAME}, OBSERVED);
     run.gives("OpenSCManagerW", "the failed database", open_manager(L"ServicesFailed"),
               {ERROR_DATABASE_DOES_NOT_EXIST}, OBSERVED);
-    run.gives("OpenServiceW", "an empty name",
-              opening_error(OpenServiceW(manager, L"", SERVICE_QUERY_STATUS), CloseServiceHandle),
-              {ERROR_INVALID_NAME}, OBSERVED);
-    run.gives(
-        "OpenServiceW", "a name with a backslash",
-        opening_error(OpenServiceW(manager, L"a\\b", SERVICE_QUERY_STATUS), CloseServiceHandle),
-        {ERROR_INVALID_NAME});
+    run.gives("OpenServiceW", "an empty name", open_service(manager, L""), {ERROR_INVALID_NAME},
+              OBSERVED);
+    run.gives("OpenServiceW", "a name with a backslash", open_service(manager, L"a\\b"),
+              {ERROR_INVALID_NAME});
     run.gives("OpenServiceW", "a service that is none",
-              opening_error(OpenServiceW(manager, L"no_such_service_here", SERVICE_QUERY_STATUS),
-                            CloseServiceHandle),
-              {ERROR_SERVICE_DOES_NOT_EXIST});
+              open_service(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
     check_query(run, manager);
     run.works("CloseServiceHandle", "the manager", CloseServiceHandle(manager));
     run.fails("CloseServiceHandle", "a closed handle", CloseServiceHandle(manager),
