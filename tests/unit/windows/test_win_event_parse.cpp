@@ -176,16 +176,3 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
         EXPECT_EQ(info.strings, row.strings);
     }
 }
-
-/* No memory for the buffer, at first and when it has to grow. */
-TEST(test_get_crash_info, no_memory)
-{
-    for (uint64_t nth = 1; nth <= 2; nth++) {
-        system_log log(event_record(7036, L"Large", {std::wstring(5000, L'x')}));
-        event_info info = {};
-        const uint64_t blocks = live_blocks();
-        while_failing(nth,
-                      [&] { EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 2u); });
-        EXPECT_EQ(live_blocks(), blocks);
-    }
-}
