@@ -144,6 +144,13 @@ static int ask_management(const char *, const char *, unsigned, oxni_dbg_echo_fn
     return 0;
 }
 
+static int install(const char *, const char *, unsigned, oxni_subscribee_fn,
+                   oxni_subscribee_second_fn second)
+{
+    s_core.install_second = second;
+    return 0;
+}
+
 static void forget_everything(void)
 {
     for (size_t number = 0; number < ARRAYSIZE(s_attrs); number++)
@@ -164,7 +171,8 @@ core_patches::core_patches()
       start_("oxni_timer_start", start_timer), stop_("oxni_timer_stop", stop_timer),
       exist_("oxni_path_is_exist_u", is_there), delete_("oxni_path_del_file_u", delete_tag),
       open_("CreateFileA", write_tag), tick_("oxni_time_get_tick_cout", get_ticks),
-      require_("oxni_res_require", watch_resource), exec_("oxni_dbg_exec", ask_management)
+      require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
+      exec_("oxni_dbg_exec", ask_management)
 {
     (void)bypass_mgr_table_create();
     oxnih_set_log_dir("C:\\base");

@@ -29,6 +29,7 @@ struct core_state {
     oxni_push_reply_fn reply;
     void *cookie;
     oxni_subscriber *pushed_to;
+    oxni_subscribee_second_fn install_second;
     oxni_timer_fn last_timer; /* the one that was started last */
     oxni_res_state_fn link;   /* of the management link */
     oxni_dbg_echo_fn answer;  /* of the management side */
@@ -45,7 +46,7 @@ class core_patches
 
   private:
     import_patch push_, dump_, load_, attr_, retain_, release_, start_, stop_, exist_, delete_,
-        open_, tick_, require_, exec_;
+        open_, tick_, require_, install_, exec_;
 };
 
 /* Handle number 0 to 3; their names are "a" to "d". */

@@ -58,6 +58,26 @@ TEST(test_read_reg_string_value, values)
     EXPECT_EQ(live_blocks(), blocks);
 }
 
+TEST(test_expand_env_path, lengths)
+{
+    const std::wstring long_text(200, L'd'), filler(254, L'f');
+    /* clang-format off */
+    const struct {
+        std::wstring text, expanded;
+    } rows[] = {
+        {L"%BYPASS_D%\\M.DMP", long_text + L"\\M.DMP"},
+        {filler + L"12345", filler + L"12345"}, /* fills the short buffer */
+        {filler + L"123456", filler + L"123456"},
+        {L"%BYPASS_D%%BYPASS_D%%BYPASS_D%", long_text + long_text + long_text},
+    };
+    /* clang-format on */
+
+    SetEnvironmentVariableW(L"BYPASS_D", long_text.c_str());
+    for (const auto &row : rows)
+        EXPECT_EQ(expand_env_path(row.text), row.expanded);
+    while_failing(1, [&] { EXPECT_EQ(expand_env_path(L"%BYPASS_D%%BYPASS_D%"), L""); });
+}
+
 /* The one minidump is listed with a time long before, or long after the start of this machine; no
  * scenario has the record asked for. */
 TEST(test_find_new_crash_dump, record_and_names)
