@@ -7,7 +7,6 @@
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
 #include "../calls/calls.h"
-#include "../calls/heap.h"
 #include "../disk/files.h"
 #include "../disk/memory_disk.h"
 #include "../machine/machine.h"
@@ -83,7 +82,6 @@ void agent_check_plugin(const std::string &plugin_path)
 
 static void redirect_imports(HMODULE plugin)
 {
-    heap_redirect(plugin);
     memory_disk_redirect(plugin, false);
     calls_patch(plugin, machine_stand_in);
     if (s_load_fn != nullptr)

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "../base/text.h"
+#include "../calls/heap.h"
 
 /* Structures of the loader's notification; mingw's headers lack them. */
 struct unicode_string {
@@ -36,8 +37,8 @@ static struct {
     std::wstring path;
     HMODULE module;                /* NULL: none is loaded */
     std::vector<saved_bytes> data; /* writable sections before the entry point first ran */
-    /* The import table as the loader filled it, which may lie in a section that is not writable; and
-     * as redirect left it. */
+    /* The import table as the loader filled it, but for the heap, which may lie in a section that is
+     * not writable; and as redirect left it. */
     saved_bytes imports, redirected;
 } s_image;
 
@@ -174,6 +175,8 @@ static HMODULE start_from_file(const std::wstring &path, void (*redirect)(HMODUL
     s_image.module = load();
     if (s_image.module == nullptr)
         return nullptr;
+    /* The C++ runtime allocates 72 KB at each start, which Windows' heap maps anew each time. */
+    heap_redirect(s_image.module);
     s_image.imports = save_imports();
     redirect(s_image.module);
     s_image.redirected = save_imports();

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <map>
+#include <string_view>
 #include <utility>
 
 #include <oxni/base/subscriber.h>
@@ -71,7 +72,7 @@ static const struct handle_call {
     {"fclose",                   "files",           -1},
 #endif
 };
-static std::map<std::string, int64_t> s_open;
+static std::map<std::string_view, int64_t> s_open;
 static calls_trace_fn s_trace;
 static bool (*s_trace_wanted)(const char *name);
 
@@ -193,6 +194,13 @@ static bool failure_due(const call_row &row, call_state &state, const uint64_t *
     return due;
 }
 
+/* Whether a call only counts, as most do. */
+static bool is_plain(const call_state &state)
+{
+    return s_trace == nullptr && state.failures.empty() && state.handles == nullptr &&
+           state.watch == nullptr;
+}
+
 static bool is_traced(const char *name)
 {
     return s_trace != nullptr && (s_trace_wanted == nullptr || s_trace_wanted(name));
@@ -231,17 +239,18 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     std::string arguments;
     uint32_t planned_error = 0;
     const bool traced = is_traced(row.name);
+    const bool formats = traced || !state.failures.empty(); /* which may set the last error */
     bool planned;
     uint64_t result;
-    DWORD error;
+    DWORD error = formats ? GetLastError() : ERROR_SUCCESS;
 
     /* Formatted before the call, which may overwrite them. */
-    error = GetLastError();
     if (traced)
         arguments = arguments_text(row, a);
     state.total++;
     planned = failure_due(row, state, a, &planned_error);
-    SetLastError(error);
+    if (formats)
+        SetLastError(error);
     if (planned) {
         result = failed_result(row, planned_error);
         set_outputs(row, planned_error, a);
@@ -271,6 +280,14 @@ static uint64_t thunk(uint64_t a0, uint64_t a1, uint64_t a2, uint64_t a3, uint64
                       uint64_t a11, uint64_t a12, uint64_t a13, uint64_t a14, uint64_t a15,
                       uint64_t a16, uint64_t a17)
 {
+    call_state &state = s_calls[index];
+
+    /* The compiler makes this a jump: the arguments are not copied. */
+    if (is_plain(state)) {
+        state.total++;
+        return state.target(a0, a1, a2, a3, a4, a5, a6, a7, a8, a9, a10, a11, a12, a13, a14, a15,
+                            a16, a17);
+    }
     const uint64_t arguments[ARGUMENTS] = {a0, a1,  a2,  a3,  a4,  a5,  a6,  a7,  a8,
                                            a9, a10, a11, a12, a13, a14, a15, a16, a17};
 
@@ -330,29 +347,40 @@ void calls_trace(const std::string &text)
         s_trace(text);
 }
 
+/* Row of a name; ROWS when the table has none. */
+static size_t find_name(const std::string &name)
+{
+    static const std::map<std::string_view, size_t> rows = [] {
+        std::map<std::string_view, size_t> made;
+
+        for (size_t index = 0; index < ROWS; index++)
+            made[s_rows[index].name] = index;
+        return made;
+    }();
+    auto at = rows.find(name);
+
+    return at != rows.end() ? at->second : ROWS;
+}
+
 void calls_set_watch(const std::string &name, calls_watch_fn fn)
 {
-    for (size_t index = 0; index < ROWS; index++)
-        if (name == s_rows[index].name)
-            s_calls[index].watch = fn;
+    const size_t index = find_name(name);
+
+    if (index < ROWS)
+        s_calls[index].watch = fn;
 }
 
 /* Row of a name that can fail; ROWS when there is none. */
 static size_t find_failing(const std::string &name)
 {
-    size_t index = 0;
+    const size_t index = find_name(name);
 
-    while (index < ROWS && (name != s_rows[index].name || s_rows[index].failing == '-'))
-        index++;
-    return index;
+    return index < ROWS && s_rows[index].failing != '-' ? index : ROWS;
 }
 
 bool calls_known(const std::string &name)
 {
-    for (const call_row &row : s_rows)
-        if (name == row.name)
-            return true;
-    return false;
+    return find_name(name) < ROWS;
 }
 
 bool calls_can_fail(const std::string &name, uint32_t error)
@@ -390,7 +418,8 @@ std::string calls_left_open(void)
 
     for (const auto &open : s_open)
         if (open.second != 0)
-            text += (text.empty() ? "" : ", ") + text_format("%lld ", open.second) + open.first;
+            text += (text.empty() ? "" : ", ") + text_format("%lld ", open.second) +
+                    std::string(open.first);
     s_open.clear();
     return text;
 }
@@ -414,18 +443,16 @@ void calls_clear_failures(void)
 
 uint64_t calls_count(const std::string &name)
 {
-    for (size_t index = 0; index < ROWS; index++)
-        if (name == s_rows[index].name)
-            return s_calls[index].total - s_calls[index].since;
-    return 0;
+    const size_t index = find_name(name);
+
+    return index < ROWS ? s_calls[index].total - s_calls[index].since : 0;
 }
 
 uint64_t calls_failed(const std::string &name)
 {
-    for (size_t index = 0; index < ROWS; index++)
-        if (name == s_rows[index].name)
-            return s_calls[index].failed;
-    return 0;
+    const size_t index = find_name(name);
+
+    return index < ROWS ? s_calls[index].failed : 0;
 }
 
 void calls_reset_counts(void)

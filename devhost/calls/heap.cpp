@@ -11,6 +11,7 @@
 
 #include "../../platform/liboxnibase/host.h"
 #include "imports.h"
+#include "quick_functions.h"
 #include "stand_in.h"
 
 /* A span is cut into blocks of one class, which is a size: steps of 16 bytes up to 512, and above it
@@ -31,9 +32,9 @@ struct free_block {
 };
 
 static struct {
-    DWORD thread;  /* that opened it */
-    uint8_t *base; /* of all spans; NULL: not open */
-    size_t spans;  /* in use */
+    const void *thread; /* that opened it */
+    uint8_t *base;      /* of all spans; NULL: not open */
+    size_t spans;       /* in use */
     uint8_t span_class[SPANS];
     free_block *free[CLASSES];
     uint8_t *unused[CLASSES], *unused_end[CLASSES]; /* of the newest span, never given out so far */
@@ -78,9 +79,19 @@ static size_t block_class(const void *block)
     return s_heap.span_class[offset_of(block) >> SPAN_SHIFT];
 }
 
+/* The address of the thread's block, read as NtCurrentTeb does, which compilers warn of: asking for
+ * the thread's id takes a call at each block. */
+static const void *this_thread(void)
+{
+    const void *block;
+
+    __asm__("movq %%gs:0x30, %0" : "=r"(block));
+    return block;
+}
+
 static bool is_our_thread(void)
 {
-    return GetCurrentThreadId() == s_heap.thread;
+    return this_thread() == s_heap.thread;
 }
 
 static bool add_span(size_t which)
@@ -230,7 +241,11 @@ void heap_redirect(HMODULE module)
     imports_each(module, [](const std::string &library, const char *name, void **entry) {
         if (library != "msvcrt.dll")
             return;
-        if (void *function = stand_in_find(rows, name))
+        void *function = stand_in_find(rows, name);
+
+        if (function == nullptr)
+            function = quick_function(name);
+        if (function != nullptr)
             imports_redirect(entry, function);
     });
 }
@@ -251,7 +266,7 @@ void heap_open(void)
               runtime_function<decltype(&calloc)>("calloc"),
               runtime_function<decltype(&realloc)>("realloc"),
               runtime_function<decltype(&free)>("free")};
-    s_heap.thread = GetCurrentThreadId();
+    s_heap.thread = this_thread();
     s_heap.base = static_cast<uint8_t *>(
         VirtualAlloc(nullptr, SPANS * SPAN_BYTES, MEM_RESERVE, PAGE_NOACCESS));
     for (const wchar_t *module : modules)

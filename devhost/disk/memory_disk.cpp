@@ -26,6 +26,7 @@ REAL(L"kernel32.dll", CreateDirectoryW);
 REAL(L"kernel32.dll", RemoveDirectoryW);
 REAL(L"kernel32.dll", MoveFileExW);
 REAL(L"kernel32.dll", GetFileInformationByHandle);
+REAL(L"kernel32.dll", GetFullPathNameW);
 
 struct disk_handle {
     file_ptr file;
@@ -359,7 +360,7 @@ static DWORD move_error(const std::wstring &old_key, const std::wstring &new_key
 static void move_content(const std::wstring &old_key, const std::wstring &new_key)
 {
     const std::wstring folder = old_key + L"\\";
-    std::map<std::wstring, file_ptr> moved;
+    file_map moved;
 
     for (auto at = memory_files.lower_bound(folder);
          at != memory_files.end() && at->first.rfind(folder, 0) == 0; at = memory_files.erase(at))
@@ -387,6 +388,39 @@ static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, 
     return TRUE;
 }
 
+/* Whether Windows takes a path as it is: absolute, all names in their usual spelling, and the last
+ * one not that of a device ("nul", "com1.txt", "conin$"). */
+static bool is_full(const wchar_t *path)
+{
+    static constexpr size_t DEVICE_CHARS = 4;
+    const wchar_t *name = path + 3;
+
+    if (!iswalpha(path[0]) || path[1] != L':' || (path[2] != L'\\' && path[2] != L'/'))
+        return false;
+    for (const wchar_t *at = name;; at++) {
+        const bool ends = *at == L'\0' || *at == L'\\' || *at == L'/';
+
+        if (*at == L'$' || (ends && (at == name || at[-1] == L'.' || at[-1] == L' ')))
+            return false;
+        if (*at == L'\0')
+            return wcscspn(name, L".: ") > DEVICE_CHARS;
+        if (ends)
+            name = at + 1;
+    }
+}
+
+/* Windows takes longer for it than for all else that is done with a path. */
+static DWORD WINAPI stand_in_GetFullPathNameW(const wchar_t *path, DWORD chars, wchar_t *full,
+                                              wchar_t **name)
+{
+    const size_t length = wcslen(path);
+
+    if (name != nullptr || length >= chars || length < 4 || !is_full(path))
+        return real_GetFullPathNameW(path, chars, full, name);
+    std::replace_copy(path, path + length + 1, full, L'/', L'\\');
+    return static_cast<DWORD>(length);
+}
+
 static const stand_in_row s_stand_ins[] = {
     STAND_IN(CreateFileA),
     STAND_IN(CreateFileW),
@@ -404,6 +438,7 @@ static const stand_in_row s_stand_ins[] = {
     STAND_IN(MoveFileExW),
     STAND_IN(GetFileInformationByHandle),
     STAND_IN(GetFileAttributesExW),
+    STAND_IN(GetFullPathNameW),
 };
 
 static void redirect(HMODULE module, bool maps)
@@ -438,6 +473,14 @@ void memory_disk_redirect(HMODULE module, bool maps)
 {
     if (memory_files_are_open())
         redirect(module, maps);
+}
+
+void memory_disk_empty(void)
+{
+    for (const auto &file : memory_files)
+        if (!file.second->real_path.empty())
+            (void)real_DeleteFileW(file.second->real_path.c_str());
+    memory_files.clear();
 }
 
 std::string &memory_disk_file(const std::string &path)

@@ -17,6 +17,8 @@ void memory_disk_open(const std::wstring &folder);
  * opens. Does nothing when no such disk is open. */
 void memory_disk_redirect(HMODULE module, bool maps);
 
+/* Deletes all files and folders below the folder; none is open. */
+void memory_disk_empty(void);
 /* The bytes of a file, which is created when it is missing; deleting a missing file is harmless. */
 std::string &memory_disk_file(const std::string &path);
 void memory_disk_delete(const std::string &path);

@@ -2,6 +2,7 @@
 #include "memory_disk_internal.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
@@ -11,8 +12,10 @@ REAL(L"kernel32.dll", WriteFile);
 REAL(L"kernel32.dll", SetFileTime);
 REAL(L"kernel32.dll", CloseHandle);
 
-std::map<std::wstring, file_ptr> memory_files;
+file_map memory_files;
 static std::wstring s_folder; /* in lower case, with a backslash; empty: there is no such disk */
+/* The folder as callers spell it, with backslashes or slashes. */
+static std::wstring s_spellings[2];
 
 bool memory_files_are_open(void)
 {
@@ -22,6 +25,8 @@ bool memory_files_are_open(void)
 void memory_files_open(const std::wstring &folder)
 {
     s_folder = text_lower(folder) + L"\\";
+    s_spellings[0] = s_spellings[1] = folder + L"\\";
+    std::replace(s_spellings[1].begin(), s_spellings[1].end(), L'\\', L'/');
 }
 
 /* In lower case, with backslashes, in one pass: this is done for each file operation of a boot.
@@ -30,16 +35,29 @@ static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
 {
     wchar_t previous = L'\0';
 
-    normal->clear();
-    for (; *path != L'\0'; path++) {
+    normal->resize(wcslen(path));
+    for (wchar_t &to : *normal) {
         const wchar_t c = *path == L'/' ? L'\\' : *path;
 
         if (c >= 0x80 || (previous == L'\\' && (c == L'\\' || c == L'.')))
             return false;
-        normal->push_back(c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c);
+        to = c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
         previous = c;
+        path++;
     }
     return true;
+}
+
+/* The key of a path that begins as the folder is spelled: most do. */
+static bool usual_key(const wchar_t *path, std::wstring *key)
+{
+    const size_t chars = wcslen(path);
+
+    for (const std::wstring &folder : s_spellings)
+        if (chars > folder.size() &&
+            memcmp(path, folder.data(), folder.size() * sizeof(wchar_t)) == 0)
+            return normalize_ascii(path + folder.size() - 1, key) && key->back() != L'\\';
+    return false;
 }
 
 bool memory_file_key(const wchar_t *path, std::wstring *key)
@@ -48,6 +66,8 @@ bool memory_file_key(const wchar_t *path, std::wstring *key)
 
     if (s_folder.empty())
         return false;
+    if (usual_key(path, key))
+        return true;
     if (!normalize_ascii(path, key)) {
         DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, nullptr);
 

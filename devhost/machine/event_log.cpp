@@ -127,10 +127,11 @@ static HANDLE WINAPI stand_in_OpenEventLogW(const wchar_t *server, const wchar_t
         return stand_in_fail(RPC_S_SERVER_UNAVAILABLE, none);
     if (source == nullptr)
         return stand_in_fail(ERROR_INVALID_PARAMETER, none);
-    if (lstrcmpiW(source, L"Security") == 0 && !machine_token_has_enabled("SeSecurityPrivilege"))
+    const std::wstring log = text_lower(std::wstring(source));
+    if (log == L"security" && !machine_token_has_enabled("SeSecurityPrivilege"))
         return stand_in_fail(ERROR_PRIVILEGE_NOT_HELD, none);
     /* Windows takes an unknown name for a source of the Application log. */
-    s_open_logs[handle] = {lstrcmpiW(source, L"System") == 0, false, 0};
+    s_open_logs[handle] = {log == L"system", false, 0};
     return handle;
 }
 

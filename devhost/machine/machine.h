@@ -39,7 +39,7 @@ struct machine {
     std::map<std::wstring, std::vector<DWORD>> services;
 
     /* Privileges that the agent's token holds. */
-    std::set<std::string> privileges;
+    std::set<std::string, std::less<>> privileges;
 
     /* The environment that the agent has. */
     std::wstring windows_folder = L"C:\\Windows";

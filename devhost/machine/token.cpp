@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "../base/text.h"
 #include "../calls/privileges.h"
 #include "../calls/stand_in.h"
 #include "machine_internal.h"
@@ -19,13 +18,15 @@ static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
 /* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
 static std::set<DWORD> s_enabled, s_removed;
 
-static bool luid_of(const std::string &name, DWORD *luid)
+static bool luid_of(const char *name, DWORD *luid)
 {
-    for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
-        if (_stricmp(PRIVILEGES[i], name.c_str()) == 0) {
-            *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
-            return true;
-        }
+    /* In the usual spelling first: a plug-in looks one up at each poll. */
+    for (int (*compare)(const char *, const char *) : {strcmp, _stricmp})
+        for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
+            if (compare(PRIVILEGES[i], name) == 0) {
+                *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
+                return true;
+            }
     return false;
 }
 

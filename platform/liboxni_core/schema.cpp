@@ -1,4 +1,4 @@
-/* Validation of messages against a service's JSON Schema. Stateless. */
+/* Validation of messages against a service's JSON Schema. Keeps the last schema. The host's thread. */
 #include "core.h"
 
 /* RapidJSON asserts on some errors in a schema's text, an invalid regular expression for example.
@@ -20,7 +20,7 @@ struct schema {
     std::unique_ptr<rapidjson::SchemaDocument> compiled;
 };
 
-std::shared_ptr<schema> schema_new(const char *text)
+static std::shared_ptr<schema> compile(const char *text)
 {
     auto made = std::make_shared<schema>();
 
@@ -33,6 +33,19 @@ std::shared_ptr<schema> schema_new(const char *text)
         return nullptr;
     }
     return made;
+}
+
+std::shared_ptr<schema> schema_new(const char *text)
+{
+    static std::string last_text;
+    static std::shared_ptr<schema> last;
+
+    /* A plug-in that is loaded again installs the same service, and compiling takes long. */
+    if (last == nullptr || last_text != text) {
+        last = compile(text);
+        last_text = text;
+    }
+    return last;
 }
 
 /* Feeds a value to the validator as a parser would. */

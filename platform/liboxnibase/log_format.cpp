@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <string_view>
 #include <vector>
 
 /* On this target each variadic argument takes a slot of 8 bytes. */
@@ -14,16 +15,42 @@ static_assert(sizeof(va_list) == sizeof(char *), "a va_list points to the first 
 
 /* One conversion of a format, "%-*.3lls". */
 struct conversion {
-    std::string prefix;    /* "%", flags and width */
-    std::string precision; /* with its point; may be empty */
-    std::string modifiers;
+    std::string_view prefix;    /* "%", flags and width */
+    std::string_view precision; /* with its point; may be empty */
+    std::string_view modifiers;
     char type;
     size_t length; /* characters in the format */
 };
 
+static bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+static bool is_flag(char c)
+{
+    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
+}
+
+static bool is_modifier(char c)
+{
+    return is_digit(c) || c == 'h' || c == 'l' || c == 'L' || c == 'q' || c == 'j' || c == 'z' ||
+           c == 't' || c == 'w' || c == 'I';
+}
+
+/* Characters at the start of a text that are of a kind. */
+static size_t count_of(const char *text, bool (*is)(char c))
+{
+    size_t count = 0;
+
+    while (is(text[count]))
+        count++;
+    return count;
+}
+
 static size_t digits_or_star(const char *text)
 {
-    return *text == '*' ? 1 : strspn(text, "0123456789");
+    return *text == '*' ? 1 : count_of(text, is_digit);
 }
 
 /* format points to "%". */
@@ -32,16 +59,16 @@ static conversion read_conversion(const char *format)
     const char *at = format + 1;
     conversion found = {};
 
-    at += strspn(at, "-+ #0");
+    at += count_of(at, is_flag);
     at += digits_or_star(at);
-    found.prefix.assign(format, at);
+    found.prefix = {format, static_cast<size_t>(at - format)};
     if (*at == '.') {
         size_t length = 1 + digits_or_star(at + 1);
-        found.precision.assign(at, length);
+        found.precision = {at, length};
         at += length;
     }
-    const size_t length = strspn(at, "hlLqjztwI0123456789");
-    found.modifiers.assign(at, length);
+    const size_t length = count_of(at, is_modifier);
+    found.modifiers = {at, length};
     at += length;
     found.type = *at;
     found.length = static_cast<size_t>(at - format) + (*at != '\0' ? 1 : 0);
@@ -56,6 +83,18 @@ static bool is_wide(const conversion &conversion)
 
     return ((conversion.type == 'S' || conversion.type == 'C') && !narrow) ||
            ((conversion.type == 's' || conversion.type == 'c') && wide);
+}
+
+static bool has_wide(const char *format)
+{
+    while ((format = strchr(format, '%')) != nullptr) {
+        const conversion conversion = read_conversion(format);
+
+        if (is_wide(conversion))
+            return true;
+        format += conversion.length;
+    }
+    return false;
 }
 
 /* A format and its arguments, with each wide argument converted to UTF-8. */
@@ -111,7 +150,7 @@ class narrowed_call
         if (!conversion.precision.empty())
             limit = static_cast<size_t>(conversion.precision.back() == '*'
                                             ? va_arg(*arguments, int)
-                                            : atoi(conversion.precision.c_str() + 1));
+                                            : atoi(conversion.precision.data() + 1));
         if (conversion.type == 'S' || conversion.type == 's') {
             const wchar_t *wide = va_arg(*arguments, const wchar_t *);
             wide = wide != nullptr ? wide : L"(null)";
@@ -121,7 +160,7 @@ class narrowed_call
         }
         texts_.push_back(str_to_utf8(text.c_str()));
         slots_.push_back(reinterpret_cast<uint64_t>(texts_.back().c_str()));
-        format_ += conversion.prefix + "s";
+        format_.append(conversion.prefix).push_back('s');
     }
 
     std::string format_;
@@ -129,18 +168,24 @@ class narrowed_call
     std::deque<std::string> texts_; /* a deque, since slots_ points into its elements */
 };
 
+static std::string format_narrow(const char *format, va_list arguments)
+{
+    char usual[1024];
+    int length = _vsnprintf(usual, sizeof(usual), format, arguments);
+
+    if (length >= 0 && static_cast<size_t>(length) < sizeof(usual))
+        return {usual, static_cast<size_t>(length)};
+    for (std::string line(2 * sizeof(usual), '\0');; line.resize(line.size() * 2)) {
+        length = _vsnprintf(line.data(), line.size(), format, arguments);
+        if (length >= 0 && static_cast<size_t>(length) < line.size())
+            return line.substr(0, static_cast<size_t>(length));
+    }
+}
+
 std::string log_format(const char *format, va_list arguments)
 {
+    if (!has_wide(format))
+        return format_narrow(format, arguments);
     const narrowed_call call(format, arguments);
-    std::string line(1024, '\0');
-
-    for (;;) {
-        const int length = _vsnprintf(line.data(), line.size(), call.format(), call.arguments());
-
-        if (length >= 0 && static_cast<size_t>(length) < line.size()) {
-            line.resize(static_cast<size_t>(length));
-            return line;
-        }
-        line.resize(line.size() * 2);
-    }
+    return format_narrow(call.format(), call.arguments());
 }

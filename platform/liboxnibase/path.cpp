@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 
 #include <oxni/base/log.h>
 #include <oxni/base/path.h>
@@ -11,6 +12,11 @@
 static std::string s_install_dir; /* empty: use the executable's directory */
 static std::string s_log_dir;     /* empty: none */
 static std::string s_process_path;
+
+/* Absolute paths and what they are resolved to: a plug-in asks for the same few ones, and Windows takes
+ * long. */
+static constexpr size_t MOST_RESOLVED = 64;
+static std::unordered_map<std::string, std::string> s_resolved;
 
 static std::string without_end_slash(const char *path)
 {
@@ -67,15 +73,11 @@ static std::string directory_of(const std::string &path)
     return slash == std::string::npos ? "" : path.substr(0, slash);
 }
 
-bool path_resolve(const char *path, std::string *resolved)
+static bool resolve(const std::string &text, std::string *resolved)
 {
-    std::string text = path == nullptr ? "" : path;
     std::wstring wide, full;
     DWORD chars;
 
-    resolved->clear();
-    if (text[0] == '@' && (text[1] == '\0' || text[1] == '/' || text[1] == '\\'))
-        text.replace(0, 1, s_install_dir.empty() ? directory_of(process_path()) : s_install_dir);
     if (!str_to_wide(text.c_str(), &wide))
         return false;
     /* Windows resolves "..", so that the result is the file that Windows would open. */
@@ -90,6 +92,33 @@ bool path_resolve(const char *path, std::string *resolved)
     full.resize(chars);
     *resolved = str_to_utf8(full.c_str());
     std::replace(resolved->begin(), resolved->end(), '\\', '/');
+    return true;
+}
+
+/* Whether the present directory has no part in it. */
+static bool is_absolute(const std::string &path)
+{
+    return path.size() > 2 && path[1] == ':' && (path[2] == '/' || path[2] == '\\');
+}
+
+bool path_resolve(const char *path, std::string *resolved)
+{
+    std::string text = path == nullptr ? "" : path;
+
+    resolved->clear();
+    if (text[0] == '@' && (text[1] == '\0' || text[1] == '/' || text[1] == '\\'))
+        text.replace(0, 1, s_install_dir.empty() ? directory_of(process_path()) : s_install_dir);
+    auto known = s_resolved.find(text);
+    if (known != s_resolved.end()) {
+        *resolved = known->second;
+        return true;
+    }
+    if (!resolve(text, resolved))
+        return false;
+    if (s_resolved.size() == MOST_RESOLVED)
+        s_resolved.clear();
+    if (is_absolute(text))
+        s_resolved[text] = *resolved;
     return true;
 }
 

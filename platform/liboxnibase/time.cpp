@@ -61,16 +61,14 @@ static bool utc_to_local(uint64_t utc, SYSTEMTIME *local)
            SystemTimeToTzSpecificLocalTime(zone_rules(), &broken, local);
 }
 
-/* Computes local time minus UTC at that time, in 100 ns. */
-static bool offset_at(uint64_t utc, int64_t *offset)
+/* Computes the local date of a whole second, and local time minus UTC at that time, in 100 ns. */
+static bool local_of(uint64_t utc, SYSTEMTIME *local, int64_t *offset)
 {
-    SYSTEMTIME local;
     FILETIME time;
-    uint64_t whole = utc - utc % BASE_SECOND_100NS;
 
-    if (!utc_to_local(whole, &local) || !SystemTimeToFileTime(&local, &time))
+    if (!utc_to_local(utc, local) || !SystemTimeToFileTime(local, &time))
         return false;
-    *offset = static_cast<int64_t>(to_number(&time) - whole);
+    *offset = static_cast<int64_t>(to_number(&time) - utc);
     return true;
 }
 
@@ -99,7 +97,7 @@ int oxni_time_stamp_to_local(int64_t seconds, struct tm *local)
     if (local == nullptr)
         return -1;
     memset(local, 0, sizeof(*local));
-    if (!seconds_to_100ns(seconds, &utc) || !utc_to_local(utc, &date) || !offset_at(utc, &offset))
+    if (!seconds_to_100ns(seconds, &utc) || !local_of(utc, &date, &offset))
         return -1;
     local->tm_sec = date.wSecond;
     local->tm_min = date.wMinute;
@@ -141,9 +139,12 @@ static BOOL shifted(const FILETIME *time, int64_t offset, FILETIME *result)
 
 static BOOL shifted_by_bias_of_now(const FILETIME *time, int sign, FILETIME *result)
 {
+    const uint64_t now = oxnih_clock_now_100ns();
+    SYSTEMTIME date;
     int64_t offset;
 
-    if (time == nullptr || result == nullptr || !offset_at(oxnih_clock_now_100ns(), &offset)) {
+    if (time == nullptr || result == nullptr ||
+        !local_of(now - now % BASE_SECOND_100NS, &date, &offset)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }

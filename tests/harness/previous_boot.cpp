@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include <oxni/base/ejs.h>
+#include <oxni/base/algo.h>
 #include <oxni/base/json.h>
 
 #include "agent/agent.h"
@@ -37,15 +37,25 @@ static std::string store_bytes(void)
     return machine_file_exists(path) ? machine_read_real_file(path, EXIT_EXPECTATION_FAILED) : "";
 }
 
+/* The text follows a header, whose last member is its check sum (libwdu_ejs/ejs.cpp). */
+std::string ejs_text(const std::string &bytes)
+{
+    static constexpr size_t HEADER_BYTES = 16;
+    uint32_t sum;
+
+    if (bytes.size() <= HEADER_BYTES)
+        return "";
+    memcpy(&sum, bytes.data() + HEADER_BYTES - sizeof(sum), sizeof(sum));
+    std::string text = bytes.substr(HEADER_BYTES);
+    return oxni_crc32_calc(text.data(), text.size()) == sum ? text : "";
+}
+
 /* New; NULL for no store and a damaged one. */
 static json_t *parse_store(const std::string &bytes)
 {
-    std::string path = agent_data_path("previous_boot.ejs");
+    const std::string text = ejs_text(bytes);
 
-    machine_write_file(text_wide(path), bytes, oxnih_clock_now_100ns(), oxnih_clock_now_100ns());
-    json_t *store = wdu_json_load_file_ejs(path.c_str());
-    machine_delete_file(text_wide(path));
-    return store;
+    return json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr);
 }
 
 static int64_t start_time_of(const json_t *store)

@@ -23,6 +23,9 @@ void previous_boot_note(const happening &what);
 /* The agent's initialisation is over: called before each delivery to it, and at its end. */
 void previous_boot_initialised(void);
 
+/* The JSON text in the bytes of an .ejs file; empty: they are damaged. */
+std::string ejs_text(const std::string &bytes);
+
 /* The violations since the last call. Called when no allocation is made to fail. */
 std::vector<std::string> previous_boot_violations(void);
 

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
+#include <string_view>
 
 #include "base/text.h"
 
@@ -166,30 +168,59 @@ static const struct rule {
     {"failing_call", 1,  "'oxni_path_del_file_u','error':32,'times':9"                              },
 };
 
-static std::string expand(sketch &sketch, const std::string &text);
+static void expand(sketch &sketch, std::string_view text, std::string &expanded);
+
+static std::string expand(sketch &sketch, std::string_view text)
+{
+    std::string expanded;
+
+    expand(sketch, text, expanded);
+    return expanded;
+}
 
 static std::string product_key(int index)
 {
     return std::string(1, static_cast<char>('a' + index));
 }
 
-static std::string expand_rule(sketch &sketch, const std::string &name)
-{
-    int sum = 0;
+/* The rows of one name. */
+struct choice {
+    int weight; /* of all */
+    std::vector<const rule *> rules;
+};
 
-    if (name == "who")
-        return product_key(sketch.dice.range(0, sketch.products - 1));
-    for (const rule &rule : s_rules)
-        sum += name == rule.name ? rule.weight : 0;
-    int left = sketch.dice.range(1, std::max(sum, 1));
-    for (const rule &rule : s_rules)
-        if (name == rule.name && (left -= rule.weight) <= 0)
-            return expand(sketch, rule.text);
-    throw devhost_error(EXIT_BAD_CALL, "no rule " + name);
+static std::map<std::string_view, choice> all_choices(void)
+{
+    std::map<std::string_view, choice> choices;
+
+    for (const rule &rule : s_rules) {
+        choice &choice = choices[rule.name];
+
+        choice.weight += rule.weight;
+        choice.rules.push_back(&rule);
+    }
+    return choices;
+}
+
+static void expand_rule(sketch &sketch, std::string_view name, std::string &expanded)
+{
+    static const std::map<std::string_view, choice> choices = all_choices();
+
+    if (name == "who") {
+        expanded += product_key(sketch.dice.range(0, sketch.products - 1));
+        return;
+    }
+    const choice &choice = choices.at(name);
+    int left = sketch.dice.range(1, choice.weight);
+    auto rule = choice.rules.begin();
+
+    while ((left -= (*rule)->weight) > 0)
+        rule++;
+    expand(sketch, (*rule)->text, expanded);
 }
 
 /* The end of what is before a character that no brackets enclose, or of the text. */
-static size_t find_outside(const std::string &text, size_t at, char wanted)
+static size_t find_outside(std::string_view text, size_t at, char wanted)
 {
     for (int depth = 0; at < text.size(); at++) {
         if (depth == 0 && text[at] == wanted)
@@ -200,65 +231,73 @@ static size_t find_outside(const std::string &text, size_t at, char wanted)
 }
 
 /* "A|B" */
-static std::string expand_either(sketch &sketch, const std::string &text, bool first)
+static void expand_either(sketch &sketch, std::string_view text, bool first, std::string &expanded)
 {
     const size_t bar = find_outside(text, 0, '|');
 
     if (first)
-        return expand(sketch, text.substr(0, bar));
-    return bar < text.size() ? expand(sketch, text.substr(bar + 1)) : "";
+        expand(sketch, text.substr(0, bar), expanded);
+    else if (bar < text.size())
+        expand(sketch, text.substr(bar + 1), expanded);
 }
 
-static std::string expand_number(sketch &sketch, int first, const char *rest)
+/* What is after the first number of a range. */
+static void expand_number(sketch &sketch, int first, std::string_view rest, std::string &expanded)
 {
-    char *end;
-    const long last = strtol(rest, &end, 10);
-    int number = sketch.dice.range(first, static_cast<int>(last));
-    std::string text;
+    const size_t star = rest.find('*');
+    int number = sketch.dice.range(first, atoi(rest.data()));
 
-    if (*end != '*')
-        return std::to_string(number);
-    while (number-- > 0)
-        text += expand(sketch, end + 1) + (number > 0 ? "," : "");
-    return text;
+    if (star == std::string_view::npos) {
+        expanded += std::to_string(number);
+        return;
+    }
+    while (number-- > 0) {
+        expand(sketch, rest.substr(star + 1), expanded);
+        expanded += number > 0 ? "," : "";
+    }
 }
 
 /* What is between two brackets. */
-static std::string expand_inside(sketch &sketch, const std::string &text)
+static void expand_inside(sketch &sketch, std::string_view text, std::string &expanded)
 {
     const size_t at = text.find_first_not_of("abcdefghijklmnopqrstuvwxyz_");
     char *end;
 
-    if (at == std::string::npos)
-        return expand_rule(sketch, text);
-    if (text[at] == '?') {
-        const std::string kind = text.substr(0, at);
-        return expand_either(sketch, text.substr(at + 1),
-                             kind == "plain"    ? sketch.plain
-                             : kind == "sticky" ? sketch.sticky
-                                                : sketch.blamed);
+    if (at == std::string_view::npos) {
+        expand_rule(sketch, text, expanded);
+        return;
     }
-    const int number = static_cast<int>(strtol(text.c_str(), &end, 10));
+    if (text[at] == '?') {
+        const std::string_view kind = text.substr(0, at);
+        expand_either(sketch, text.substr(at + 1),
+                      kind == "plain"    ? sketch.plain
+                      : kind == "sticky" ? sketch.sticky
+                                         : sketch.blamed,
+                      expanded);
+        return;
+    }
+    const int number = static_cast<int>(strtol(text.data(), &end, 10));
+    const std::string_view rest = text.substr(static_cast<size_t>(end - text.data()) + 1);
     if (*end == '%')
-        return expand_either(sketch, end + 1, sketch.dice.chance(number));
-    return expand_number(sketch, number, end + 1);
+        expand_either(sketch, rest, sketch.dice.chance(number), expanded);
+    else
+        expand_number(sketch, number, rest, expanded);
 }
 
-static std::string expand(sketch &sketch, const std::string &text)
+static void expand(sketch &sketch, std::string_view text, std::string &expanded)
 {
-    std::string expanded;
-
     for (size_t at = 0; at < text.size(); at++) {
-        if (text[at] != '<') {
-            expanded += text[at];
-            continue;
-        }
+        const size_t open = std::min(text.find('<', at), text.size());
+
+        expanded += text.substr(at, open - at);
+        at = open;
+        if (open == text.size())
+            break;
         const size_t end = find_outside(text, at + 1, '>');
 
-        expanded += expand_inside(sketch, text.substr(at + 1, end - at - 1));
+        expand_inside(sketch, text.substr(at + 1, end - at - 1), expanded);
         at = end;
     }
-    return expanded;
 }
 
 static void parse(const std::string &text, rapidjson::Document &document)

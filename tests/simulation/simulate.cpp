@@ -77,7 +77,7 @@ static played play_machine(const rapidjson::Document &document, const run_folder
 static played play_pair(const rapidjson::Document &document, bool twin, const run_folder &folder,
                         const struct simulate_options &options)
 {
-    folder.empty();
+    memory_disk_empty();
     played first = play_machine(document, folder, options), second;
     rapidjson::Document noisy;
 
@@ -85,7 +85,7 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
         return first;
     noisy.CopyFrom(document, noisy.GetAllocator());
     machine_add_noise(noisy, first.boots);
-    folder.empty();
+    memory_disk_empty();
     second = play_machine(noisy, folder, options);
     first.boots += second.boots;
     first.finding = second.finding;

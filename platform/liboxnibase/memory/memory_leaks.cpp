@@ -57,6 +57,10 @@ class reach
         for (const auto &entry : memory_all.blocks)
             if (entry.second.freed_by == nullptr)
                 targets_.push_back({entry.first, &entry.second, false});
+        if (!targets_.empty()) {
+            begin_ = targets_.front().begin;
+            bytes_ = targets_.back().begin + targets_.back().is->size - begin_;
+        }
     }
 
     bool has_targets() const
@@ -70,7 +74,9 @@ class reach
     {
         for (uintptr_t pointer; begin + sizeof(pointer) <= end; begin += sizeof(pointer)) {
             memcpy(&pointer, reinterpret_cast<const void *>(begin), sizeof(pointer));
-            mark(pointer);
+            /* Most values are outside the range of the blocks: they skip the search. */
+            if (pointer - begin_ <= bytes_)
+                mark(pointer);
         }
     }
 
@@ -101,10 +107,6 @@ class reach
 
     void mark(uintptr_t pointer)
     {
-        /* Most values are outside the range of the blocks: they skip the search. */
-        if (targets_.empty() || pointer < targets_.front().begin ||
-            pointer > targets_.back().begin + targets_.back().is->size)
-            return;
         auto next = std::upper_bound(
             targets_.begin(), targets_.end(), pointer,
             [](uintptr_t value, const target &other) { return value < other.begin; });
@@ -118,6 +120,7 @@ class reach
     /* In a heap of their own: they must neither count as pointers nor change a heap during its
      * walk. */
     std::vector<target, own_allocator<target>> targets_; /* sorted by address */
+    uintptr_t begin_ = UINTPTR_MAX, bytes_ = 0;          /* of all targets */
     std::vector<size_t, own_allocator<size_t>> found_;   /* not scanned yet */
 };
 
