@@ -64,9 +64,10 @@ def replay(row, folder):
     """Returns the result of a host of its own, which the zone of the computer must not change."""
     results = [host("replay", folder, "--json", *row.get("options", []), env={**os.environ, "TZ": zone})
                for zone in ("UTC", "America/New_York")]
-    status, out, errors = results[0]
-    check(row["name"], status == 0, f"status {status}: {errors}")
-    check(row["name"], results[1][1] == out, "the zone of this computer shows")
+    for status, _, errors in results:
+        check(row["name"], status == 0, f"status {status}: {errors}")
+    status, out, _ = results[0]
+    check(row["name"], results[1][1] == out, f"the zone of this computer shows: {out} {results[1][1]}")
     return json.loads(out) if status == 0 else None
 
 
