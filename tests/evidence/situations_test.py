@@ -3,9 +3,11 @@
 
 usage: situations_test.py WINE_RUN PROGRAM [NAME]      NAME: only rows whose name contains it
 """
+import itertools
 import json
 import os
 import pathlib
+import re
 import sys
 
 from evidence_files import BUG_CHECK, KERNEL, POWER, a_dump, check, host, logon, record, run, serve, start, write
@@ -67,7 +69,10 @@ def replay(row, folder):
     for status, _, errors in results:
         check(row["name"], status == 0, f"status {status}: {errors}")
     status, out, _ = results[0]
-    check(row["name"], results[1][1] == out, f"the zone of this computer shows: {out} {results[1][1]}")
+    # The plug-in logs an address, which depends on the environment's size.
+    lines = [re.sub(r"\([0-9A-F]{16}\)", "", text).splitlines() for _, text, _ in results]
+    other = [pair for pair in itertools.zip_longest(*lines) if pair[0] != pair[1]]
+    check(row["name"], not other, f"the zone of this computer shows: {other[:1]}")
     return json.loads(out) if status == 0 else None
 
 
