@@ -44,15 +44,6 @@ static void forget_agent(void)
     oxnih_memory_drop_all();
 }
 
-/* Adds the mean time of a step to the raw results. */
-static void add_step(benchmark::State &state, const char *name, bench_moment::duration time)
-{
-    benchmark::Counter &counter = state.counters[name];
-
-    counter.flags = benchmark::Counter::kAvgIterations;
-    counter.value += std::chrono::duration<double>(time).count() * 1e6;
-}
-
 static void load_init_free(benchmark::State &state)
 {
     bench_pair pair(state);
@@ -77,9 +68,6 @@ static void load_init_free(benchmark::State &state)
         const bench_moment freed = bench_now();
         pair.add(1, loading - begin,
                  (loaded - loading) + (initialised - patched) + (freed - freeing));
-        add_step(state, "load_us", loaded - loading);
-        add_step(state, "init_us", initialised - patched);
-        add_step(state, "free_us", freed - freeing);
         forget_agent();
     }
 }

@@ -24,12 +24,7 @@ static HANDLE open(const std::wstring &path, DWORD access, DWORD disposition,
 static DWORD open_error(const std::wstring &path, DWORD access, DWORD disposition,
                         DWORD share = ALL_SHARES)
 {
-    HANDLE file = open(path, access, disposition, share);
-    const DWORD error = error_if(file == INVALID_HANDLE_VALUE);
-
-    if (file != INVALID_HANDLE_VALUE)
-        CloseHandle(file);
-    return error;
+    return opening_error(open(path, access, disposition, share), CloseHandle);
 }
 
 static uint64_t value_of(const FILETIME &time)
@@ -88,18 +83,20 @@ static void check_opening(conformance &run)
               {ERROR_PATH_NOT_FOUND});
     run.gives("CreateFileW", "an empty path", open_error(L"", GENERIC_READ, OPEN_EXISTING),
               {ERROR_PATH_NOT_FOUND}, OBSERVED);
-    file = CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    run.fails("CreateFileW", "no path", file != INVALID_HANDLE_VALUE,
-              {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
+    run.gives(
+        "CreateFileW", "no path",
+        opening_error(CreateFileW(nullptr, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+                      CloseHandle),
+        {ERROR_PATH_NOT_FOUND, ERROR_INVALID_PARAMETER});
     run.gives(
         "CreateFileW", "a path above 259 characters",
         open_error(in_folder(run, std::wstring(260, L'x').c_str()), GENERIC_READ, OPEN_EXISTING),
         {ERROR_PATH_NOT_FOUND, ERROR_INVALID_NAME, ERROR_FILENAME_EXCED_RANGE}, OBSERVED);
     run.gives("CreateFileW", "a folder", open_error(run.folder, GENERIC_READ, OPEN_EXISTING),
               {ERROR_ACCESS_DENIED});
-    run.fails("CreateFileA", "an empty path",
-              CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr) !=
-                  INVALID_HANDLE_VALUE,
+    run.gives("CreateFileA", "an empty path",
+              opening_error(CreateFileA("", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr),
+                            CloseHandle),
               {ERROR_PATH_NOT_FOUND}, OBSERVED);
     run.works("DeleteFileW", "a file", DeleteFileW(path.c_str()));
     run.fails("DeleteFileW", "a file that is none", DeleteFileW(path.c_str()),
@@ -170,9 +167,7 @@ static void check_times(conformance &run)
     run.gives("CreateFileW", "overwriting keeps the creation time", times_of(path).created,
               {created}, OBSERVED);
     run.fails("GetFileTime", "a handle that is none",
-              GetFileTime(reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4)), nullptr,
-                          nullptr, nullptr),
-              {ERROR_INVALID_HANDLE});
+              GetFileTime(no_handle(), nullptr, nullptr, nullptr), {ERROR_INVALID_HANDLE});
     DeleteFileW(path.c_str());
 }
 

@@ -12,21 +12,6 @@ static constexpr uint32_t SECURITY_LUID = 8u;
 static constexpr uint32_t SYSTEM_PROCESS = 4u;
 static constexpr uint32_t NO_PROCESS = 0xfffffffcu;
 
-static HANDLE no_handle(void)
-{
-    return reinterpret_cast<HANDLE>(static_cast<intptr_t>(0x3ffffff4));
-}
-
-static DWORD open_log_error(const wchar_t *server, const wchar_t *source)
-{
-    HANDLE log = OpenEventLogW(server, source);
-    const DWORD error = error_if(log == nullptr);
-
-    if (log != nullptr)
-        CloseEventLog(log);
-    return error;
-}
-
 struct log_read {
     DWORD error, read, needed;
 };
@@ -130,12 +115,14 @@ void check_event_log(conformance &run)
     HANDLE log = OpenEventLogW(nullptr, L"System");
 
     run.works("OpenEventLogW", "System", log != nullptr);
-    run.gives("OpenEventLogW", "no source", open_log_error(nullptr, nullptr),
+    run.gives("OpenEventLogW", "no source",
+              opening_error(OpenEventLogW(nullptr, nullptr), CloseEventLog),
               {ERROR_INVALID_PARAMETER}, OBSERVED);
     run.gives("OpenEventLogW", "an unknown source opens Application",
-              open_log_error(nullptr, L"no such source of events"), {0});
-    run.gives("OpenEventLogW", "an empty server is this machine", open_log_error(L"", L"System"),
-              {0}, OBSERVED);
+              opening_error(OpenEventLogW(nullptr, L"no such source of events"), CloseEventLog),
+              {0});
+    run.gives("OpenEventLogW", "an empty server is this machine",
+              opening_error(OpenEventLogW(L"", L"System"), CloseEventLog), {0}, OBSERVED);
     if (log != nullptr) {
         check_reading(run, log);
         run.works("CloseEventLog", "an open log", CloseEventLog(log));
@@ -167,16 +154,6 @@ static void check_snapshot(conformance &run, HANDLE snapshot)
     run.works("CloseHandle", "a snapshot", CloseHandle(snapshot));
 }
 
-static DWORD open_process_error(DWORD access, DWORD pid)
-{
-    HANDLE process = OpenProcess(access, FALSE, pid);
-    const DWORD error = error_if(process == nullptr);
-
-    if (process != nullptr)
-        CloseHandle(process);
-    return error;
-}
-
 static DWORD times_error(HANDLE process)
 {
     FILETIME creation = {}, exited = {}, kernel = {}, user = {};
@@ -193,16 +170,20 @@ void check_processes(conformance &run)
     snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS | TH32CS_SNAPTHREAD, 0);
     run.works("CreateToolhelp32Snapshot", "processes and more", snapshot != INVALID_HANDLE_VALUE);
     CloseHandle(snapshot);
-    run.gives("OpenProcess", "process 0", open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, 0),
+    run.gives("OpenProcess", "process 0",
+              opening_error(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, 0), CloseHandle),
               {ERROR_INVALID_PARAMETER});
     run.gives("OpenProcess", "a process that is none",
-              open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, NO_PROCESS),
+              opening_error(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, NO_PROCESS),
+                            CloseHandle),
               {ERROR_INVALID_PARAMETER});
-    run.gives("OpenProcess", "System, full queries",
-              open_process_error(PROCESS_QUERY_INFORMATION, SYSTEM_PROCESS), {ERROR_ACCESS_DENIED},
-              OBSERVED);
+    run.gives(
+        "OpenProcess", "System, full queries",
+        opening_error(OpenProcess(PROCESS_QUERY_INFORMATION, FALSE, SYSTEM_PROCESS), CloseHandle),
+        {ERROR_ACCESS_DENIED}, OBSERVED);
     run.gives("OpenProcess", "System, limited queries",
-              open_process_error(PROCESS_QUERY_LIMITED_INFORMATION, SYSTEM_PROCESS),
+              opening_error(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, SYSTEM_PROCESS),
+                            CloseHandle),
               {0, ERROR_ACCESS_DENIED});
     run.gives("GetProcessTimes", "the own process", times_error(GetCurrentProcess()), {0});
     run.gives("GetProcessTimes", "a handle that is none", times_error(no_handle()),
@@ -297,24 +278,14 @@ void check_token(conformance &run)
     run.works("CloseHandle", "a token", CloseHandle(token));
 }
 
-static DWORD open_manager_error(const wchar_t *database)
+static DWORD open_manager(const wchar_t *database)
 {
-    SC_HANDLE manager = OpenSCManagerW(nullptr, database, SC_MANAGER_CONNECT);
-    const DWORD error = error_if(manager == nullptr);
-
-    if (manager != nullptr)
-        CloseServiceHandle(manager);
-    return error;
+    return opening_error(OpenSCManagerW(nullptr, database, SC_MANAGER_CONNECT), CloseServiceHandle);
 }
 
-static DWORD open_service_error(SC_HANDLE manager, const wchar_t *name)
+static DWORD open_service(SC_HANDLE manager, const wchar_t *name)
 {
-    SC_HANDLE service = OpenServiceW(manager, name, SERVICE_QUERY_STATUS);
-    const DWORD error = error_if(service == nullptr);
-
-    if (service != nullptr)
-        CloseServiceHandle(service);
-    return error;
+    return opening_error(OpenServiceW(manager, name, SERVICE_QUERY_STATUS), CloseServiceHandle);
 }
 
 /* Every Windows has this service; the scenario of the development host, too. */
@@ -325,8 +296,7 @@ static void check_query(conformance &run, SC_HANDLE manager)
     SERVICE_STATUS status = {};
     SC_HANDLE service = OpenServiceW(manager, KNOWN_SERVICE, SERVICE_QUERY_STATUS);
 
-    run.gives("OpenServiceW", "a service in another case", open_service_error(manager, L"eVENTlOG"),
-              {0});
+    run.gives("OpenServiceW", "a service in another case", open_service(manager, L"eVENTlOG"), {0});
     run.works("QueryServiceStatus", "a service", QueryServiceStatus(service, &status));
     run.gives("QueryServiceStatus", "a service: its state", status.dwCurrentState,
               {SERVICE_STOPPED, SERVICE_RUNNING, SERVICE_START_PENDING});
@@ -344,18 +314,18 @@ void check_services(conformance &run)
     SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
 
     run.works("OpenSCManagerW", "connecting", manager != nullptr);
-    run.gives("OpenSCManagerW", "the active database by name",
-              open_manager_error(L"ServicesActive"), {0});
-    run.gives("OpenSCManagerW", "an unknown database", open_manager_error(L"no such database"),
+    run.gives("OpenSCManagerW", "the active database by name", open_manager(L"ServicesActive"),
+              {0});
+    run.gives("OpenSCManagerW", "an unknown database", open_manager(L"no such database"),
               {ERROR_INVALID_NAME}, OBSERVED);
-    run.gives("OpenSCManagerW", "the failed database", open_manager_error(L"ServicesFailed"),
+    run.gives("OpenSCManagerW", "the failed database", open_manager(L"ServicesFailed"),
               {ERROR_DATABASE_DOES_NOT_EXIST}, OBSERVED);
-    run.gives("OpenServiceW", "an empty name", open_service_error(manager, L""),
-              {ERROR_INVALID_NAME}, OBSERVED);
-    run.gives("OpenServiceW", "a name with a backslash", open_service_error(manager, L"a\\b"),
+    run.gives("OpenServiceW", "an empty name", open_service(manager, L""), {ERROR_INVALID_NAME},
+              OBSERVED);
+    run.gives("OpenServiceW", "a name with a backslash", open_service(manager, L"a\\b"),
               {ERROR_INVALID_NAME});
     run.gives("OpenServiceW", "a service that is none",
-              open_service_error(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
+              open_service(manager, L"no_such_service_here"), {ERROR_SERVICE_DOES_NOT_EXIST});
     check_query(run, manager);
     run.works("CloseServiceHandle", "the manager", CloseServiceHandle(manager));
     run.fails("CloseServiceHandle", "a closed handle", CloseServiceHandle(manager),

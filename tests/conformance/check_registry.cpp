@@ -6,11 +6,6 @@
 #define OWN_KEY L"SOFTWARE\\conformance_check"
 static constexpr int UNTOUCHED = 0x5a5a5a5a;
 
-static HKEY marked_key(void)
-{
-    return reinterpret_cast<HKEY>(static_cast<intptr_t>(UNTOUCHED));
-}
-
 static LONG create(HKEY parent, const wchar_t *path, HKEY *key, DWORD *disposition = nullptr,
                    DWORD options = REG_OPTION_VOLATILE)
 {
@@ -30,7 +25,7 @@ static LONG open_and_close(HKEY parent, const wchar_t *path, REGSAM access = KEY
 
 static void check_opening(conformance &run, HKEY own)
 {
-    HKEY key = marked_key();
+    HKEY key = no_handle<HKEY>();
 
     run.gives("RegOpenKeyExW", "a key that is none", RegOpenKeyExW(own, L"none", 0, KEY_READ, &key),
               {ERROR_FILE_NOT_FOUND});
@@ -43,7 +38,7 @@ static void check_opening(conformance &run, HKEY own)
               open_and_close(run.root, L"software\\CONFORMANCE_check"), {0});
     run.gives("RegOpenKeyExW", "no result", RegOpenKeyExW(own, L"", 0, KEY_READ, nullptr),
               {ERROR_INVALID_PARAMETER}, OBSERVED);
-    run.gives("RegOpenKeyExW", "an invalid handle", open_and_close(marked_key(), L"any"),
+    run.gives("RegOpenKeyExW", "an invalid handle", open_and_close(no_handle<HKEY>(), L"any"),
               {ERROR_INVALID_HANDLE});
     run.gives("RegOpenKeyExW", "the handle -1",
               open_and_close(reinterpret_cast<HKEY>(static_cast<intptr_t>(-1)), L"any"), {}, OPEN);
@@ -109,7 +104,7 @@ static void check_querying(conformance &run, HKEY own)
               {ERROR_ACCESS_DENIED});
     RegCloseKey(weak);
     run.gives("RegQueryValueExW", "an invalid handle",
-              RegQueryValueExW(marked_key(), L"none", nullptr, nullptr, nullptr, nullptr),
+              RegQueryValueExW(no_handle<HKEY>(), L"none", nullptr, nullptr, nullptr, nullptr),
               {ERROR_INVALID_HANDLE});
     if (RegOpenKeyExW(run.system_root, L"SYSTEM\\CurrentControlSet\\Control\\CrashControl", 0,
                       KEY_READ, &weak) != ERROR_SUCCESS)
@@ -160,7 +155,7 @@ void check_registry(conformance &run)
     check_creating(run, own);
     check_querying(run, own);
     check_deleting(run, own);
-    run.gives("RegCloseKey", "an invalid handle", RegCloseKey(marked_key()),
+    run.gives("RegCloseKey", "an invalid handle", RegCloseKey(no_handle<HKEY>()),
               {ERROR_INVALID_HANDLE});
     run.gives("RegCloseKey", "a predefined key", RegCloseKey(run.root), {0});
 }

@@ -23,6 +23,22 @@ enum promise {
 /* The last error after a call that failed; 0 after a success. */
 DWORD error_if(bool failed);
 
+/* The same of a call that opens something, which is closed again. */
+template <typename Handle, typename Close> DWORD opening_error(Handle handle, Close close)
+{
+    const DWORD error = error_if(handle == nullptr || reinterpret_cast<intptr_t>(handle) == -1);
+
+    if (error == ERROR_SUCCESS)
+        close(handle);
+    return error;
+}
+
+/* A handle that is none. */
+template <typename Handle = HANDLE> Handle no_handle(void)
+{
+    return reinterpret_cast<Handle>(static_cast<intptr_t>(0x3ffffff4));
+}
+
 /*
  * One run of the checks. Each of the functions below prints "ok", "DIFFERS" or "open", the call, the
  * case and the answer.

@@ -1,9 +1,11 @@
-/* Fixture of the tests of the engine's DLL: output callbacks, a client, and a dump file. */
+/* What the tests of dumps share: the reading of one, and a fixture of the engine's DLL with output
+ * callbacks, a client, and a dump file. */
 #ifndef TESTS_ENGINE_FIXTURE_H
 #define TESTS_ENGINE_FIXTURE_H
 
 #include "dbgeng/engine_script.h"
 #include "dump_writer/dump_writer.h"
+#include "kernel_dump/kernel_dump.h"
 
 #include <fstream>
 
@@ -146,6 +148,43 @@ class engine_test : public testing::Test
     ULONG filled_ = 0;
     std::wstring path_;
 };
+
+struct reading {
+    kernel_dump dump;
+    enum kernel_dump_error error;
+    std::string names, sites; /* of the modules and of the frames */
+    std::string findings;     /* why it is rejected, or its gaps, one a line */
+
+    /* Whether it finds what contains the part; an empty one: whether it finds nothing. */
+    bool mentions(const std::string &part) const
+    {
+        return part.empty() ? findings.empty() : findings.find(part) != std::string::npos;
+    }
+};
+
+/* Reads a dump whose bytes end at an inaccessible page: an access after them ends the program. */
+inline reading read(const std::vector<uint8_t> &bytes, size_t frames = 99)
+{
+    static constexpr size_t room = 0x4000000;
+    static uint8_t *const s_end = static_cast<uint8_t *>(VirtualAlloc(
+                                      VirtualAlloc(nullptr, 2 * room, MEM_RESERVE, PAGE_NOACCESS),
+                                      room, MEM_COMMIT, PAGE_READWRITE)) +
+                                  room;
+    reading made;
+    const auto add = [](std::string &list, const std::string &word) {
+        list += (list.empty() ? "" : " ") + word;
+    };
+
+    std::copy(bytes.begin(), bytes.end(), s_end - bytes.size());
+    made.error = kernel_dump_read(s_end - bytes.size(), bytes.size(), &made.dump, &made.findings);
+    for (const kernel_dump_module &module : made.dump.modules)
+        add(made.names, module.name);
+    for (const kernel_dump_frame &frame : kernel_dump_walk(made.dump, frames))
+        add(made.sites, kernel_dump_call_site(made.dump, frame.instruction));
+    for (const std::string &gap : made.dump.gaps)
+        made.findings += gap + "\n";
+    return made;
+}
 
 /* Returns a model with three frames: one+0x1234, two+0x1, nt+0x107. */
 inline dump_model crashed_model()

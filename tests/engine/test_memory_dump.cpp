@@ -2,7 +2,6 @@
  * is reported, not invented. */
 #include "engine_fixture.h"
 #include "dump_writer/memory_model.h"
-#include "kernel_dump/kernel_dump.h"
 
 #include <algorithm>
 
@@ -33,33 +32,6 @@ static dump_model machine()
     model.stack.resize(0x1010 / 8);
     model.stack[0x1000 / 8] = TWO_BASE + 0x22;
     return model;
-}
-
-struct reading {
-    kernel_dump dump;
-    enum kernel_dump_error error;
-    std::string names, sites; /* of the modules and of the frames */
-    std::string findings;     /* why it is rejected, or its gaps, one a line */
-};
-
-static reading read(const std::vector<uint8_t> &bytes)
-{
-    reading made;
-
-    made.error = kernel_dump_read(bytes.data(), bytes.size(), &made.dump, &made.findings);
-    for (const kernel_dump_module &module : made.dump.modules)
-        made.names += (made.names.empty() ? "" : " ") + module.name;
-    for (const kernel_dump_frame &frame : kernel_dump_walk(made.dump, 99))
-        made.sites +=
-            (made.sites.empty() ? "" : " ") + kernel_dump_call_site(made.dump, frame.instruction);
-    for (const std::string &gap : made.dump.gaps)
-        made.findings += gap + "\n";
-    return made;
-}
-
-static bool mentions(const reading &made, const std::string &part)
-{
-    return part.empty() ? made.findings.empty() : made.findings.find(part) != std::string::npos;
 }
 
 /* Expects that part contains only data of whole, and that no gap could be parsed as a frame. */
@@ -213,8 +185,8 @@ TEST(memory_dump, test_changed_memory)
             const reading made = read(memory.build(kind.kind, kind.layout));
 
             EXPECT_EQ(made.error, row.names != nullptr ? KERNEL_DUMP_OK : KERNEL_DUMP_NO_MODULES);
-            EXPECT_TRUE(mentions(made, row.findings) &&
-                        (row.also[0] == '\0' || mentions(made, row.also)))
+            EXPECT_TRUE(made.mentions(row.findings) &&
+                        (row.also[0] == '\0' || made.mentions(row.also)))
                 << made.findings;
             EXPECT_LE(made.dump.gaps.size(), 1u) << made.findings;
             EXPECT_EQ(made.names, row.names != nullptr ? row.names : "");
@@ -249,7 +221,7 @@ TEST(memory_dump, test_list_length)
     const reading none = read(empty.build(1, MEMORY_RUNS));
 
     EXPECT_EQ(none.error, KERNEL_DUMP_NO_MODULES);
-    EXPECT_TRUE(mentions(none, "empty")) << none.findings;
+    EXPECT_TRUE(none.mentions("empty")) << none.findings;
     for (const size_t more : {4093u, 4094u}) {
         dump_model model = machine();
 
@@ -258,7 +230,7 @@ TEST(memory_dump, test_list_length)
         const reading made = read(memory_model(model).build(6, MEMORY_SDMP));
 
         EXPECT_EQ(made.dump.modules.size(), 4096u);
-        EXPECT_TRUE(mentions(made, more == 4094 ? "too many" : "")) << made.findings;
+        EXPECT_TRUE(made.mentions(more == 4094 ? "too many" : "")) << made.findings;
     }
 }
 
@@ -298,12 +270,20 @@ TEST(memory_dump, test_stack)
 
         EXPECT_EQ(made.error, KERNEL_DUMP_OK);
         EXPECT_EQ(made.dump.stack.size(), row.bytes);
-        EXPECT_TRUE(mentions(made, row.gap)) << made.findings;
+        EXPECT_TRUE(made.mentions(row.gap)) << made.findings;
         EXPECT_EQ(kernel_dump_stack_value(made.dump, STACK + 2 * SPAN),
                   row.rsp <= 2 * SPAN ? 2u : 0u);
     }
 }
 
+/* Offsets in a small dump: names and a base in the list of modules; and the file size. */
+static constexpr size_t NAME_0 = DUMP_STACK + 64;
+static constexpr size_t NAME_1 = NAME_0 + 0x90;
+static constexpr size_t NAME_2 = NAME_1 + 0x90;
+static constexpr size_t BASE_1 = NAME_1 + 0x38;
+static constexpr uint64_t FILE_BYTES = 0x2336;
+
+#define SMALL  4, MEMORY_RUNS
 #define RUNS_1 1, MEMORY_RUNS
 #define FDMP_5 5, MEMORY_FDMP
 #define SDMP_6 6, MEMORY_SDMP
@@ -336,34 +316,48 @@ static const struct refused_memory_row {
     enum kernel_dump_error error;
     const char *reason;
 } s_refused_rows[] = {
-    {"no runs",           RUNS_1, COUNT,       0,            4, DAMAGED,  "hold 0 runs"          },
-    {"too many runs",     RUNS_1, COUNT,       44,           4, DAMAGED,  "hold 44 runs"         },
-    {"never filled",      RUNS_1, COUNT,       0x45474150,   4, DAMAGED,  "runs"                 },
-    {"runs left out",     RUNS_1, COUNT,       2,            4, DAMAGED,  "have 6 pages"         },
-    {"pages do not fit",  RUNS_1, PAGES,       7,            8, DAMAGED,  "counts 7"             },
-    {"huge page count",   RUNS_1, PAGES,       UINT64_MAX,   8, DAMAGED,  "counts 1844"          },
-    {"run too far out",   RUNS_1, RUN_1,       TWO_40 + 1,   8, DAMAGED,  "run 1"                },
-    {"run wraps",         RUNS_1, RUN_0 + 8,   UINT64_MAX,   8, DAMAGED,  "run 0"                },
-    {"run ends too far",  RUNS_1, RUN_0 + 8,   0xFFFFFFFF01, 8, DAMAGED,  "run 0"                },
-    {"runs overlap",      RUNS_1, RUN_1,       0x102,        8, DAMAGED,  "run 1"                },
-    {"runs for a bitmap", RUNS_1, DUMP_KIND,   5,            4, DAMAGED,  "bitmap is missing"    },
-    {"no bitmap",         FDMP_5, BITMAP_AT,   'X',          1, DAMAGED,  "bitmap is missing"    },
-    {"not finished",      SDMP_6, MARK,        'X',          1, DAMAGED,  "bitmap is missing"    },
-    {"bitmap for runs",   SDMP_6, DUMP_KIND,   1,            4, DAMAGED,  "hold 0 runs"          },
-    {"pages in bitmap",   SDMP_6, FIRST,       MEMORY_BITS,  8, DAMAGED,  "reaches into"         },
-    {"pages at 0",        SDMP_6, FIRST,       0,            8, DAMAGED,  "reaches into"         },
-    {"pages far out",     SDMP_6, FIRST,       UINT64_MAX,   8, CUT_OFF,  "first page"           },
-    {"no bits",           SDMP_6, BITS,        0,            8, DAMAGED,  "has 0 pages"          },
-    {"too many bits",     SDMP_6, BITS,        TWO_40 + 1,   8, DAMAGED,  "no machine"           },
-    {"bits do not fit",   SDMP_6, BITS,        0x7E41,       8, DAMAGED,  "of 4041 bytes"        },
-    {"bits left out",     SDMP_6, BITS,        0x101,        8, DAMAGED,  "marks 1 pages"        },
-    {"huge count",        SDMP_6, PRESENT,     UINT64_MAX,   8, DAMAGED,  "counts 1844"          },
-    {"a bit too many",    SDMP_6, MEMORY_BITS, 1,            1, DAMAGED,  "pages, and its header"},
-    {"no context",        SDMP_6, FLAGS,       0x45474150,   4, NOT_CTX,  "Rip"                  },
-    {"no page tables",    RUNS_1, TABLES,      0,            8, NOT_LIST, "table is not"         },
-    {"tables far out",    RUNS_1, TABLES,      UINT64_MAX,   8, NOT_LIST, "table is not"         },
-    {"no list",           RUNS_1, LIST,        0,            8, NOT_LIST, "not mapped"           },
-    {"list nowhere",      RUNS_1, LIST,        UINT64_MAX,   8, NOT_LIST, "not mapped"           },
+    {"unknown kind",      SMALL,  DUMP_KIND,           3,                  4, KERNEL_DUMP_KIND, "unknown"              },
+    {"no context",        SMALL,  DUMP_CONTEXT_AT,     0,                  4, NOT_CTX,          "contains no"          },
+    {"no Rip in it",      SMALL,  DUMP_CONTEXT + 0x30, 0x100002,           4, NOT_CTX,          "0x100002"             },
+    {"context cut",       SMALL,  DUMP_CONTEXT_AT,     FILE_BYTES - 0x4CF, 4, DAMAGED,          "context"              },
+    {"mark runs out",     SMALL,  DUMP_VALID,          FILE_BYTES - 3,     4, DAMAGED,          "mark"                 },
+    {"mark missing",      SMALL,  FILE_BYTES - 4,      'X',                1, DAMAGED,          "mark"                 },
+    {"says longer",       SMALL,  DUMP_SIZE,           FILE_BYTES + 1,     4, CUT_OFF,          "truncated"            },
+    {"stack runs out",    SMALL,  DUMP_STACK_AT,       FILE_BYTES - 63,    4, DAMAGED,          "stack"                },
+    {"stack wraps",       SMALL,  DUMP_STACK_START,    0 - 63ull,          8, DAMAGED,          "space"                },
+    {"count wraps",       SMALL,  DUMP_DRIVER_COUNT,   29826162,           4, DAMAGED,          "29826162"             },
+    {"name outside",      SMALL,  NAME_0,              UINT32_MAX,         4, DAMAGED,          "module 0"             },
+    {"length runs out",   SMALL,  NAME_1,              FILE_BYTES - 3,     4, DAMAGED,          "module 1"             },
+    {"name runs out",     SMALL,  NAME_2,              FILE_BYTES - 4,     4, DAMAGED,          "module 2"             },
+    {"module wraps",      SMALL,  BASE_1,              0 - 0xFFFFull,      8, DAMAGED,          "space"                },
+    {"no runs",           RUNS_1, COUNT,               0,                  4, DAMAGED,          "hold 0 runs"          },
+    {"too many runs",     RUNS_1, COUNT,               44,                 4, DAMAGED,          "hold 44 runs"         },
+    {"never filled",      RUNS_1, COUNT,               0x45474150,         4, DAMAGED,          "runs"                 },
+    {"runs left out",     RUNS_1, COUNT,               2,                  4, DAMAGED,          "have 6 pages"         },
+    {"pages do not fit",  RUNS_1, PAGES,               7,                  8, DAMAGED,          "counts 7"             },
+    {"huge page count",   RUNS_1, PAGES,               UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
+    {"run too far out",   RUNS_1, RUN_1,               TWO_40 + 1,         8, DAMAGED,          "run 1"                },
+    {"run wraps",         RUNS_1, RUN_0 + 8,           UINT64_MAX,         8, DAMAGED,          "run 0"                },
+    {"run ends too far",  RUNS_1, RUN_0 + 8,           0xFFFFFFFF01,       8, DAMAGED,          "run 0"                },
+    {"runs overlap",      RUNS_1, RUN_1,               0x102,              8, DAMAGED,          "run 1"                },
+    {"runs for a bitmap", RUNS_1, DUMP_KIND,           5,                  4, DAMAGED,          "bitmap is missing"    },
+    {"no bitmap",         FDMP_5, BITMAP_AT,           'X',                1, DAMAGED,          "bitmap is missing"    },
+    {"not finished",      SDMP_6, MARK,                'X',                1, DAMAGED,          "bitmap is missing"    },
+    {"bitmap for runs",   SDMP_6, DUMP_KIND,           1,                  4, DAMAGED,          "hold 0 runs"          },
+    {"pages in bitmap",   SDMP_6, FIRST,               MEMORY_BITS,        8, DAMAGED,          "reaches into"         },
+    {"pages at 0",        SDMP_6, FIRST,               0,                  8, DAMAGED,          "reaches into"         },
+    {"pages far out",     SDMP_6, FIRST,               UINT64_MAX,         8, CUT_OFF,          "first page"           },
+    {"no bits",           SDMP_6, BITS,                0,                  8, DAMAGED,          "has 0 pages"          },
+    {"too many bits",     SDMP_6, BITS,                TWO_40 + 1,         8, DAMAGED,          "no machine"           },
+    {"bits do not fit",   SDMP_6, BITS,                0x7E41,             8, DAMAGED,          "of 4041 bytes"        },
+    {"bits left out",     SDMP_6, BITS,                0x101,              8, DAMAGED,          "marks 1 pages"        },
+    {"huge count",        SDMP_6, PRESENT,             UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
+    {"a bit too many",    SDMP_6, MEMORY_BITS,         1,                  1, DAMAGED,          "pages, and its header"},
+    {"no context",        SDMP_6, FLAGS,               0x45474150,         4, NOT_CTX,          "Rip"                  },
+    {"no page tables",    RUNS_1, TABLES,              0,                  8, NOT_LIST,         "table is not"         },
+    {"tables far out",    RUNS_1, TABLES,              UINT64_MAX,         8, NOT_LIST,         "table is not"         },
+    {"no list",           RUNS_1, LIST,                0,                  8, NOT_LIST,         "not mapped"           },
+    {"list nowhere",      RUNS_1, LIST,                UINT64_MAX,         8, NOT_LIST,         "not mapped"           },
 };
 
 TEST(memory_dump, test_rejected)
@@ -372,14 +366,17 @@ TEST(memory_dump, test_rejected)
 
     for (const refused_memory_row &row : s_refused_rows) {
         SCOPED_TRACE(row.row);
-        std::vector<uint8_t> bytes = memory.build(row.kind, row.layout);
+        std::vector<uint8_t> bytes = row.kind == KERNEL_DUMP_KIND_TRIAGE
+                                         ? dump_build(dump_model())
+                                         : memory.build(row.kind, row.layout);
 
         dump_put(&bytes, row.place, row.value, row.bytes);
         const reading made = read(bytes);
 
         EXPECT_EQ(made.error, row.error) << made.findings;
-        EXPECT_TRUE(mentions(made, row.reason)) << made.findings;
+        EXPECT_TRUE(made.mentions(row.reason)) << made.findings;
         EXPECT_TRUE(made.dump.modules.empty() && made.dump.gaps.empty() && made.dump.rip == 0);
+        EXPECT_TRUE(made.dump.stack.empty());
     }
 }
 
@@ -403,7 +400,7 @@ TEST(memory_dump, test_truncated_anywhere)
             if (made.error != KERNEL_DUMP_OK)
                 continue;
             shown++;
-            ASSERT_TRUE(mentions(made, ", " + std::to_string(size) + " of "));
+            ASSERT_TRUE(made.mentions(", " + std::to_string(size) + " of "));
             expect_part_of(made.dump, whole.dump, size);
         }
         EXPECT_GT(shown, 10) << row.row;

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Damages logs at random. Where another reader reads a record of them, too, both must read the same.
 
-usage: damaged_test.py WINE PROGRAM SCENARIO [LOGS [SEED]]
+usage: damaged_test.py WINE_RUN PROGRAM [LOGS [SEED]]
 
 Each log is the synthetic one of a scenario, one chunk, with up to four places changed. Our reader and
 python3-evtx read them as the chunks of one log, whose records get new numbers; evtxexport, which
@@ -10,20 +10,17 @@ header, theirs that of the damaged values.
 """
 import collections
 import json
-import pathlib
 import random
 import re
 import struct
 import subprocess
 import sys
-import tempfile
 import zlib
 
-from evidence_files import host, windows
+from evidence_files import DEFAULT, check, host, prints, run
 from other_readers import NO_XML, PYTHON_EVTX, as_others, from_xml, sound_xml, xml_of_evtxexport
 
-wine, program, scenario = sys.argv[1:4]
-logs, seed = (int(word) for word in (sys.argv[4:] + ["16", "1"][len(sys.argv) - 4:]))
+logs, seed = (int(word) for word in (sys.argv[3:] + ["16", "1"][len(sys.argv) - 3:]))
 CHUNK, HEADER, CHUNK_HEADER = 65536, 4096, 512
 NUMBERS = 1000 # of each chunk in the common log
 
@@ -89,7 +86,7 @@ def common_log(variants, places):
 
 
 def read_by_us(path):
-    _, output, _ = host(wine, program, "events", "--lenient", windows(path))
+    _, output, _ = host("events", "--lenient", path)
     return {one["record"]: [one["id"], one["source"], one["strings"]] for one in json.loads(output)}
 
 
@@ -135,23 +132,20 @@ def compare(reader, texts, ours):
     return same, problems
 
 
-with tempfile.TemporaryDirectory() as work:
-    work = pathlib.Path(work)
-    status, _, errors = host(wine, program, "synthesize", scenario, windows(work / "case"))
-    if status != 0:
-        sys.exit(f"FAILED: synthesize: {errors}")
-    sound = (work / "case" / "System.evtx").read_bytes()
+def test_damaged(folder):
+    prints("synthesize", "synthesize", DEFAULT, folder / "case")
+    sound = (folder / "case" / "System.evtx").read_bytes()
     places = places_of(sound)
     variants = [damaged(sound, places, number) for number in range(logs)]
-    (work / "all.evtx").write_bytes(common_log(variants, places))
-    ours = read_by_us(work / "all.evtx")
-    problems = []
-    for reader, texts in (("python3-evtx", read_by_python(work / "all.evtx")),
-                          ("evtxexport", read_by_evtxexport(work / "one.evtx", variants, places))):
+    (folder / "all.evtx").write_bytes(common_log(variants, places))
+    ours = read_by_us(folder / "all.evtx")
+    for reader, texts in (("python3-evtx", read_by_python(folder / "all.evtx")),
+                          ("evtxexport", read_by_evtxexport(folder / "one.evtx", variants, places))):
         same, differences = compare(reader, texts, ours)
         print(f"{reader}: {same} records of {logs} damaged logs are the same, of {len(ours)} that we read")
-        problems += differences
-        if same < len(places) * logs // 2:
-            problems.append(f"{reader}: too few records to compare")
-print("\n".join(f"FAILED: {problem}" for problem in problems[:20]))
-sys.exit(1 if problems else 0)
+        for difference in differences:
+            check(reader, False, difference)
+        check(reader, same >= len(places) * logs // 2, "too few records to compare")
+
+
+run(test_damaged)

@@ -2,11 +2,10 @@
 """Writes .evtx logs, reads them back, and compares with two other readers; damages them and checks
 what is found again and what is reported.
 
-usage: evtx_test.py WINE PROGRAM SCENARIO
+usage: evtx_test.py WINE_RUN PROGRAM
 
 Two other readers read each log, too: python3-evtx and evtxexport. Number, id, source, time and strings of
-each record are compared. Real logs are used, too, where
-BYPASS_SHARED_DATA names their folder.
+each record are compared. Real logs are used, too, where BYPASS_SHARED_DATA names their folder.
 """
 import json
 import os
@@ -14,30 +13,13 @@ import pathlib
 import struct
 import subprocess
 import sys
-import tempfile
 
+import evidence_files
+from evidence_files import DEFAULT, KERNEL, LOGON, POWER, check, host, prints, result, run
 from other_readers import PYTHON_EVTX, as_others, from_xml, python_repeats, xml_of_evtxexport
 
-wine, program, scenario = sys.argv[1:4]
-work = tempfile.TemporaryDirectory()
-problems = []
 CHUNK, HEADER = 65536, 4096
-REPEATS = 12 # each takes more than a chunk
-GENERAL, POWER = "Microsoft-Windows-Kernel-General", "Microsoft-Windows-Kernel-Power"
-def path(name):
-    return os.path.join(work.name, name)
-
-
-def windows(name):
-    return "Z:" + path(name).replace("/", "\\")
-
-
-def host(*arguments):
-    done = subprocess.run([wine, program, *arguments], capture_output=True, text=True,
-                          encoding="utf-8", timeout=300)
-    # Wine's own services share our stderr when they end badly.
-    done.stderr = "".join(line for line in done.stderr.splitlines(True) if not line.startswith("wine: "))
-    return done
+REPEATS = 4 # each takes more than a chunk
 
 
 def record(number, source, code, strings, kind=4):
@@ -50,19 +32,19 @@ def sample():
     stamp = "2024-03-07T09:00:10.123456700Z"
     crash = ["126", "0xffffffffc0000005", "0xfffff8048b58334c", "0x0", "0x1"]
     rows = [
-        (GENERAL, 12, ["10", "0", "19045", "5007", "0", "0", stamp]),
-        (GENERAL, 13, [stamp]),
-        (GENERAL, 1, [stamp, stamp, "3"]),
-        (GENERAL, 1, [stamp, stamp, "3", "C:\\Windows\\System32\\svchost.exe", "1204"]),
-        (GENERAL, 24, ["-180", "2"]),
+        (KERNEL, 12, ["10", "0", "19045", "5007", "0", "0", stamp]),
+        (KERNEL, 13, [stamp]),
+        (KERNEL, 1, [stamp, stamp, "3"]),
+        (KERNEL, 1, [stamp, stamp, "3", "C:\\Windows\\System32\\svchost.exe", "1204"]),
+        (KERNEL, 24, ["-180", "2"]),
         (POWER, 41, [*crash, "false", "0"]),
         (POWER, 41, [*crash, "0", "0", "0"]),
         (POWER, 41, [*crash, "0", "0", "0", "0", "false", "0", "0"]),
         (POWER, 41, [*crash, "0", "0", "0", "0", "true", "0", "0", "false", "0"]),
         (POWER, 41, [*crash, "0", "0", "0", "0", "true", "0", "0", "false", "0", "0"]),
         (POWER, 41, ["no number", *crash[1:], "false", "0"]),
-        ("Microsoft-Windows-Winlogon", 7001, ["1", "S-1-5-21-1-2-3-1000"]),
-        ("Microsoft-Windows-Winlogon", 7002, ["1", "S-1-5-18"]),
+        (LOGON, 7001, ["1", "S-1-5-21-1-2-3-1000"]),
+        (LOGON, 7002, ["1", "S-1-5-18"]),
         ("BugCheck", 0x400003E9, ["0x0000007e (0x1, 0x2, 0x3, 0x4)", "C:\\dump.dmp", "id"]),
         ("EventLog", 0x80001775, []),
         ("EventLog", 0x80001778, ["09:59:58", "07/03/2024", "", "", "4,012", "", ""]),
@@ -73,35 +55,31 @@ def sample():
     return [record(number, *row) for number, row in enumerate(rows * REPEATS, 1)]
 
 
-def write(records, name):
-    with open(path("records.json"), "w", encoding="utf-8") as file:
-        json.dump(records, file)
-    done = host("events", "--evtx", "-o", windows(name), windows("records.json"))
-    if done.returncode != 0:
-        sys.exit(f"FAILED: {name} is not written: {done.stderr}")
-    with open(path(name), "rb") as file:
-        return bytearray(file.read())
+def write(folder, name, content):
+    return evidence_files.write(folder / name, bytes(content))
 
 
-def read(name, *arguments):
-    done = host("events", *arguments, windows(name))
-    return (json.loads(done.stdout) if done.stdout.strip() else None), done.stderr, done.returncode
+def read(log, *arguments, status=0):
+    """Returns the records and what is reported."""
+    got, out, errors = host("events", *arguments, log)
+    check(log.name, got == status, f"status {got}: {errors}")
+    return json.loads(out) if out.strip() else [], errors
 
 
 def expect(what, got, wanted):
     if got != wanted and isinstance(got, list) and len(got) == len(wanted): # the first that differs
         got, wanted = next((a, b) for a, b in zip(got, wanted) if a != b)
-    if got != wanted:
-        problems.append(f"{what}: got {str(got)[:300]}, expected {str(wanted)[:300]}")
+    check(what, got == wanted, f"got {str(got)[:300]}, expected {str(wanted)[:300]}")
 
 
-def check_round_trip(records):
-    write(records, "whole.evtx")
-    back, errors, status = read("whole.evtx", "--strict")
-    expect("the log's status", (status, errors), (0, ""))
-    for wrote, got in zip(records, back or []):
-        expect(f"record {wrote['record']}", got, dict(wrote, type=got["type"]))
-    expect("records read", len(back or []), len(records))
+def test_round_trip(folder):
+    records, log = sample(), folder / "whole.evtx"
+    prints("written", "events", "--evtx", "-o", log, evidence_files.write(folder / "records.json", records))
+    back, errors = read(log, "--strict")
+    expect("errors", errors, "")
+    expect("records", back, [dict(wrote, type=got["type"]) for wrote, got in zip(records, back)])
+    expect("records read", len(back), len(records))
+    others.add(log, records)
 
 
 def compare(reader, name, texts, records):
@@ -115,43 +93,42 @@ class OtherReaders:
     def __init__(self):
         self.logs = []
 
-    def add(self, name, records, most_by_python=sys.maxsize):
-        compare("evtxexport", name, xml_of_evtxexport(path(name)), records)
-        with open(path("python"), "w+", encoding="utf-8") as output: # which may be larger than a pipe
-            self.logs.append((name, records[:most_by_python], open(output.name, encoding="utf-8"), subprocess.Popen(
-                ["/usr/bin/python3", "-c", PYTHON_EVTX, path(name), str(most_by_python)], stdout=output)))
-        os.unlink(path("python"))
+    def add(self, log, records, most_by_python=sys.maxsize):
+        compare("evtxexport", log, xml_of_evtxexport(log), records)
+        output = open(log.with_suffix(".python"), "w+", encoding="utf-8") # which may be larger than a pipe
+        self.logs.append((log, records[:most_by_python], output, subprocess.Popen(
+            ["/usr/bin/python3", "-c", PYTHON_EVTX, log, str(most_by_python)], stdout=output)))
 
-    def end(self):
-        for name, records, output, process in self.logs:
+    def end(self, _):
+        for log, records, output, process in self.logs:
             process.wait(300)
             with output:
+                output.seek(0)
                 texts = json.loads(output.read() or "[]")
             repeated = {one["record"] for one in records if python_repeats(one["strings"])}
-            compare("python3-evtx", name, [text for number, text in texts if number not in repeated],
+            compare("python3-evtx", log, [text for number, text in texts if number not in repeated],
                     [one for one in records if one["record"] not in repeated])
 
 
-def check_synthetic(others):
+others = OtherReaders()
+
+
+def test_synthetic(folder):
     """The log of a synthetic machine: each reader finds the same records."""
     for damage in ("dirty", "wrapped", ""):
-        folder = f"synthetic{damage}"
-        done = host("synthesize", "--noise", "300", *(["--damage", damage] if damage else []), scenario,
-                    windows(folder))
-        expect("synthesize", (done.returncode, done.stderr), (0, ""))
-        log = f"{folder}/System.evtx"
-        records, errors, _ = read(log, "--strict")
-        with open(path(f"{folder}/truth.json"), encoding="utf-8") as file:
-            expect(log, (len(records), errors), (json.load(file)["log"]["records"], ""))
-        if damage != "dirty": # both trust lagging headers
-            others.add(log, records)
+        made = folder / f"synthetic{damage}"
+        prints("synthesize", "synthesize", "--noise", 300, *(["--damage", damage] if damage else []), DEFAULT, made)
+        records, errors = read(made / "System.evtx", "--strict")
+        truth = json.loads((made / "truth.json").read_text())
+        expect(f"synthetic, {damage}", (len(records), errors), (truth["log"]["records"], ""))
+        if damage == "wrapped": # both trust lagging headers
+            others.add(made / "System.evtx", records)
 
 
-def check_real(others):
+def test_real(folder):
     for log in pathlib.Path(os.environ.get("BYPASS_SHARED_DATA") or "/none").glob("*.evtx"):
-        with open(path(log.name), "wb") as copy:
-            copy.write(log.read_bytes())
-        others.add(log.name, read(log.name)[0], 400) # python3-evtx takes its time
+        copy = write(folder, log.name, log.read_bytes())
+        others.add(copy, read(copy)[0], 400) # python3-evtx takes its time
 
 
 def place_of(data, number):
@@ -163,11 +140,13 @@ def place_of(data, number):
             if found == number:
                 return at + offset
             offset += size
-    sys.exit(f"FAILED: record {number} is nowhere")
+    raise SystemExit(f"FAILED: record {number} is nowhere")
 
 
-def check_damage(data, last):
+def test_damage(folder):
     """What is done to a sound log: change, numbers that are lost, line of the report."""
+    data, last = (folder / "whole.evtx").read_bytes(), len(sample())
+
     def put(at, value):
         return lambda log: log.__setitem__(slice(at, at + len(value)), value)
     first_of_chunk_2 = next(n for n in range(1, last) if place_of(data, n) > HEADER + CHUNK)
@@ -191,54 +170,32 @@ def check_damage(data, last):
     for what, change, lost, line in rows:
         damaged = bytearray(data)
         change(damaged)
-        with open(path("damaged.evtx"), "wb") as file:
-            file.write(damaged)
-        back, errors, status = read("damaged.evtx")
-        got = {one["record"] for one in back or []}
-        expect(f"{what}: lost", set(range(1, last + 1)) - got, lost)
-        if line not in errors or status != 0:
-            problems.append(f"{what}: status {status}, no '{line}' in: {errors}")
+        back, errors = read(write(folder, "damaged.evtx", damaged))
+        expect(f"{what}: lost", set(range(1, last + 1)) - {one["record"] for one in back}, lost)
+        check(what, line in errors, f"no '{line}' in: {errors}")
 
 
-def check_cut(data):
-    with open(path("cut.evtx"), "wb") as file:
-        file.write(data[:HEADER + CHUNK + 3000])
-    expect("truncated", read("cut.evtx")[2], 3)
-    back, errors, _ = read("cut.evtx", "--lenient")
+def test_cut(folder):
+    data = (folder / "whole.evtx").read_bytes()
+    cut = write(folder, "cut.evtx", data[:HEADER + CHUNK + 3000])
+    read(cut, status=3)
+    back, errors = read(cut, "--lenient")
     whole = sum(place_of(data, n) < HEADER + CHUNK for n in range(1, 40))
-    if not back or len(back) < whole or "truncated inside chunk 1" not in errors:
-        problems.append(f"truncated, lenient: {len(back or [])} records: {errors}")
+    check("truncated, lenient", len(back) >= whole and "truncated inside chunk 1" in errors, f"{len(back)}: {errors}")
 
 
-def check_wrapped(data):
+def test_wrapped(folder):
     """The second chunk before the first one, as in a log that went round."""
-    swapped = (data[:HEADER] + data[HEADER + CHUNK:HEADER + 2 * CHUNK] +
-               data[HEADER:HEADER + CHUNK] + data[HEADER + 2 * CHUNK:])
-    with open(path("wrapped.evtx"), "wb") as file:
-        file.write(swapped)
-    back, errors, status = read("wrapped.evtx", "--strict")
-    expect("wrapped", (status, errors, back == read("whole.evtx")[0]), (0, "", True))
+    data = (folder / "whole.evtx").read_bytes()
+    first, second, rest = HEADER, HEADER + CHUNK, HEADER + 2 * CHUNK
+    swapped = write(folder, "wrapped.evtx", data[:first] + data[second:rest] + data[first:second] + data[rest:])
+    expect("wrapped", read(swapped, "--strict"), read(folder / "whole.evtx"))
 
 
-def check_boots():
-    back = json.loads(host("replay", "--boots", "--json", "--events", windows("whole.evtx")).stdout)
-    expect("starts", len([one for one in back["boots"] if one["boot"] > 0]), REPEATS)
-    expect("records of the second start", [back["boots"][1]["first_record"],
-                                           back["boots"][1]["last_record"]], [20, 38])
+def test_boots(folder):
+    boots = result("boots", "replay", "--boots", "--events", folder / "whole.evtx")["boots"]
+    expect("starts", len([one for one in boots if one["boot"] > 0]), REPEATS)
+    expect("records of the second start", [boots[1]["first_record"], boots[1]["last_record"]], [20, 38])
 
 
-records = sample()
-others = OtherReaders()
-check_round_trip(records)
-others.add("whole.evtx", records)
-check_synthetic(others)
-check_real(others)
-log = open(path("whole.evtx"), "rb").read()
-check_damage(log, len(records))
-check_cut(log)
-check_wrapped(log)
-check_boots()
-others.end()
-print("\n".join(f"FAILED: {problem}" for problem in problems) or
-      f"{len(records)} records, {len(log) // CHUNK} chunks")
-sys.exit(1 if problems else 0)
+run(test_round_trip, test_synthetic, test_real, test_damage, test_cut, test_wrapped, test_boots, others.end)

@@ -4,24 +4,19 @@ images at hand, they do not. The images are copies of a library of the tests.
 
 usage: images_test.py WINE_RUN PROGRAM LIBRARY LISTING
 """
-import json
 import pathlib
 import re
 import struct
 import sys
-import tempfile
 
-import evidence_files
-from evidence_files import BUG_CHECK, LOGON, POWER, Checks, a_dump, record, start, write
+from evidence_files import BUG_CHECK, POWER, a_dump, check, logon, prints, record, refused, result, run, start, write
 
-WINE, PROGRAM, LIBRARY, LISTING = sys.argv[1:]
-check = Checks()
-library = pathlib.Path(LIBRARY).read_bytes()
+library = pathlib.Path(sys.argv[3]).read_bytes()
 pe = struct.unpack_from("<I", library, 0x3C)[0]
 preferred, = struct.unpack_from("<Q", library, pe + 0x30)
 image_bytes, = struct.unpack_from("<I", library, pe + 0x50)
 functions = {name: int(address, 16) - preferred for address, name in
-             re.findall(r"^([0-9a-f]+) <(\w+)>:", pathlib.Path(LISTING).read_text(), re.M)}
+             re.findall(r"^([0-9a-f]+) <(\w+)>:", pathlib.Path(sys.argv[4]).read_text(), re.M)}
 # Number in the list of the dump's modules, file, and its time stamp.
 MODULES = {"nt": (0, "ntoskrnl.exe", 0x5E000000), "FLTMGR": (1, "fltMgr.sys", 0x5E000001),
            "guard_flt": (3, "guard_flt.sys", 0x5E000002)}
@@ -88,37 +83,33 @@ ROWS = [
 ]
 
 
-def run(folder, name, stack, images):
+def play(folder, name, stack, images):
+    """Returns the results of replay and of dump."""
     log = write(folder / "log.json", [
         start("2024-03-04T09:00:00Z"), start("2024-03-05T09:01:00Z"),
         record(POWER, 41, "2024-03-05T09:01:05Z", "80", "0x1", "0x2", "0x3", "0x4"),
-        record(LOGON, 7001, "2024-03-05T09:01:20Z", "1", "S-1-5-21-11-22-33-1001"),
+        logon("2024-03-05T09:01:20Z"),
         record("BugCheck", BUG_CHECK, "2024-03-05T09:01:25Z", "0x00000050 (0x1, 0x2, 0x3, 0x4)",
                r"C:\Windows\Minidump\030724-5437-01.dmp", "11111111-2222-3333-4444-555555555555")])
     dump = the_dump(folder / "030724-5437-01.dmp", stack, ("FLTMGR", SIX, 5))
+    evidence = ["--events", log, "--dump", dump, "--product", "guard:guard_flt"]
     options = []
     if images is not None:
-        place = folder / name.replace(" ", "_").replace("'", "")
+        place = folder / re.sub(r"\W", "_", name)
         place.mkdir()
         for module in images:
             other = module.startswith("other ")
             module = module.removeprefix("other ")
             write(place / MODULES[module][1], image(module, 0x5F000000 if other else None))
         options = ["--images", place]
-    results = []
-    for call in (["replay", "--events", log, "--dump", dump, "--product", "guard:guard_flt",
-                  "--html", folder / "page.html"], ["dump", dump]):
-        status, out, errors = evidence_files.host(WINE, PROGRAM, *call, "--json", *options)
-        check(name, status == 0, f"status {status}: {errors}")
-        results.append(json.loads(out))
-    status, out, errors = evidence_files.host(WINE, PROGRAM, "redact", "--events", log, "--dump", dump, "--product",
-                                              "guard:guard_flt", *options, folder / f"{name} redacted")
-    check(name + ", redacted", status == 0 and f'The answer is "{results[0]["answer"]}"' in out, out + errors)
-    return results
+    played = result(name, "replay", *evidence, "--html", folder / "page.html", *options)
+    prints(name + ", redacted", "redact", *evidence, *options, folder / f"{name} redacted",
+           contains=[f'The answer is "{played["answer"]}"'])
+    return played, result(name, "dump", dump, *options)
 
 
 def test_row(folder, name, stack, images, answer, frames, doubt):
-    result, dumps = run(folder, name, stack, images)
+    result, dumps = play(folder, name, stack, images)
     check(name, result["answer"] == answer, result["sentence"])
     shown = [" ".join(filter(None, [frame["module"], frame.get("found")]))
              for frame in result["stack"] if frame["module"]]
@@ -134,25 +125,21 @@ def test_row(folder, name, stack, images, answer, frames, doubt):
     check(name + ", used", used == sum(" " not in module for module in images or []), result.get("images"))
 
 
+def test_rows(folder):
+    for row in ROWS:
+        test_row(folder, *row)
+
+
 def test_texts(folder):
     """Of the last row."""
     page = (folder / "page.html").read_text()
     check("page", '"found": "scanned"' in page and '"used": true' in page, "no frame is marked")
-    options = ["--images", folder / "a_scanned_frame_hides_the_drivers"]
-    dump = folder / "030724-5437-01.dmp"
-    for call in (["replay", "--events", folder / "log.json", "--dump", dump], ["dump", dump]):
-        _, out, _ = evidence_files.host(WINE, PROGRAM, *call, *options)
-        check(call[0], "  (scanned)\n" in out and "ntoskrnl.exe: image, unwinds its frames" in out, out)
+    log, dump = folder / "log.json", folder / "030724-5437-01.dmp"
+    for call in (["replay", "--events", log, "--dump", dump], ["dump", dump]):
+        prints(call[0], *call, "--images", folder / "a_scanned_frame_hides_the_driver_s",
+               contains=["  (scanned)\n", "ntoskrnl.exe: image, unwinds its frames"])
+    refused([(3, "not a folder", *call, "--images", folder / "missing")
+             for call in (["replay", "--events", log], ["dump", dump])])
 
 
-with tempfile.TemporaryDirectory() as work:
-    place = pathlib.Path(work)
-    for row in ROWS:
-        test_row(place, *row)
-    test_texts(place)
-    for command in ("replay", "dump"):
-        given = [place / "log.json"] if command == "dump" else ["--events", place / "log.json"]
-        status, _, errors = evidence_files.host(WINE, PROGRAM, command, *given, "--images", place / "missing")
-        check(command, status == 3 and "not a folder" in errors, errors)
-print(f"{check.failures} failures")
-sys.exit(check.failures != 0)
+run(test_rows, test_texts)

@@ -10,14 +10,12 @@ import shlex
 import shutil
 import subprocess
 
-import lexer
-
 PLUGINS = "oxni_sys/plugins"
 DLL = "bin/libbypass_mgr.dll"
 UNIT_TESTS = "bin/unit_tests.exe"
 # A fault may cause a warning, or a line that differs only in what a debugger shows.
 NOT_FOR_FAULTS = {"-Werror", "-g1", "-g"}
-INCLUDE = re.compile(r"#\s*include\s*([<\"])([^>\"]+)")
+INCLUDE = re.compile(r"^#\s*include\s*<[^>]+>", re.M)
 
 
 class Failed(Exception):
@@ -55,13 +53,37 @@ class Processes:
             self.kill(process)
 
 
+def ninja(folder, *arguments):
+    done = subprocess.run(["ninja", "-C", folder, "-t", *arguments], capture_output=True, text=True)
+    if done.returncode != 0:
+        raise Failed(f"ninja -t {' '.join(arguments)}: {done.stderr.strip()}")
+    return done.stdout
+
+
+def link_command(folder, target):
+    """Returns the words of the build's command that links a program or a library."""
+    for part in ninja(folder, "commands", target).strip().splitlines()[-1].split(" && "):
+        words = shlex.split(part)
+        if "-o" in words and words[words.index("-o") + 1] == target:
+            outputs = ("-Wl,--out-implib", "-Wl,--pdb")
+            return [word for word in words if not word.startswith(outputs)]
+    raise Failed(f"the build's last command for {target} does not link it")
+
+
+def for_output(words, output):
+    """Returns a compile command of the build for a faulty source."""
+    words = [word for word in words if word not in NOT_FOR_FAULTS]
+    words[words.index("-o") + 1] = str(output)
+    return [*words, "-w", "-g0"]
+
+
 class Build:
     """The project's build: its objects, their commands, and the files that they depend on."""
 
     def __init__(self, root, folder):
         self.root, self.folder = root, folder
         self.plugins = root / PLUGINS
-        self.links = {target: self.link_command(target) for target in (DLL, UNIT_TESTS)}
+        self.links = {target: link_command(folder, target) for target in (DLL, UNIT_TESTS)}
         linked = {word for words in self.links.values() for word in words}
         self.compile = {}  # object: (source, command)
         for one in json.loads((folder / "compile_commands.json").read_text()):
@@ -79,26 +101,10 @@ class Build:
         if not self.files:
             raise Failed(f"{folder} has no object of a source in {PLUGINS}")
 
-    def ninja(self, *arguments):
-        done = subprocess.run(["ninja", "-C", self.folder, "-t", *arguments], capture_output=True,
-                              text=True)
-        if done.returncode != 0:
-            raise Failed(f"ninja -t {' '.join(arguments)}: {done.stderr.strip()}")
-        return done.stdout
-
-    def link_command(self, target):
-        last = self.ninja("commands", target).strip().splitlines()[-1]
-        for part in last.split(" && "):
-            words = shlex.split(part)
-            if "-o" in words and words[words.index("-o") + 1] == target:
-                outputs = ("-Wl,--out-implib", "-Wl,--pdb")
-                return [word for word in words if not word.startswith(outputs)]
-        raise Failed(f"the build's last command for {target} does not link it")
-
     def dependencies(self):
         """Of each object: its source and the headers in it."""
         found = {}
-        for block in self.ninja("deps").split("\n\n"):
+        for block in ninja(self.folder, "deps").split("\n\n"):
             lines = block.strip().splitlines()
             output = lines[0].split(":")[0] if lines else ""
             if output in self.compile:
@@ -107,28 +113,15 @@ class Build:
 
     def command(self, object_name, output):
         """The build's command for an object, for another output."""
-        words = [word for word in self.compile[object_name][1] if word not in NOT_FOR_FAULTS]
-        words[words.index("-o") + 1] = str(output)
-        return [*words, "-w", "-g0"]
+        return for_output(self.compile[object_name][1], output)
 
     def outside_includes(self, object_name):
-        """Names in angle brackets that an object's source and its plug-in headers include, in the
-        order in which the compiler meets them."""
-        found, seen = {}, set()
-
-        def read(path):
-            seen.add(path)
-            for token in lexer.tokens_of(self.texts[path]):
-                match = INCLUDE.match(token.text) if token.kind == "directive" else None
-                if match and match.group(1) == "<":
-                    found.setdefault(match.group(2))
-                elif match:
-                    for header in sorted(self.depends[object_name] - seen):
-                        if header.match(match.group(2)) and header.is_relative_to(self.plugins):
-                            read(header)
-
-        read(self.compile[object_name][0])
-        return list(found)
+        """Lines that an object's source and its plug-in headers include from outside. Those of the
+        source come first: their order matters."""
+        source = self.compile[object_name][0]
+        texts = [self.texts[source], *(self.texts[path] for path in sorted(self.depends[object_name])
+                                       if path.is_relative_to(self.plugins) and path != source)]
+        return list(dict.fromkeys(INCLUDE.findall("\n".join(texts))))
 
     def key_of(self, object_name):
         """Returns a name for what is made from all of an object's sources."""
@@ -194,7 +187,7 @@ class Worker:
         includes = self.build.outside_includes(object_name)
         header = self.kept / (self.build.key_of_outside(object_name) + ".h")
         if not header.with_suffix(".h.gch").exists():
-            header.write_text("".join(f"#include <{name}>\n" for name in includes))
+            header.write_text("\n".join(includes) + "\n")
             made = self.folder / "outside.gch"
             words = self.build.command(object_name, made)
             words[words.index("-c"):words.index("-c") + 2] = ["-x", "c++-header", str(header)]
@@ -223,14 +216,15 @@ class Worker:
             if path.name.split(".")[0] not in wanted:
                 path.unlink()
 
-    def compile_changed(self, apply):
-        """Puts a fault into the copied sources and compiles what depends on them. Result: the new
-        objects by their names in the build, None when one does not compile; whether any differs
-        from that without the fault; what the compiler printed."""
+    def compile_changed(self, texts):
+        """Compiles what depends on sources with faulty texts. Result: the new objects by their names
+        in the build, None when one does not compile; whether any differs from that without the
+        fault; what the compiler printed."""
         objects = {}
         try:
-            apply()
-            changed = {self.build.plugins / name for name in self.changed()}
+            for name, text in texts.items():
+                self.write(name, text)
+            changed = {self.build.plugins / name for name in texts}
             for name, depends in self.build.depends.items():
                 if depends & changed:
                     objects[name] = self.folder / "objects" / name

@@ -21,7 +21,12 @@ ARITHMETIC = {"+": ("-",), "-": ("+",), "*": ("/",), "/": ("*",), "%": ("*",), "
 LEVELS = {"ERROR": "WARN", "WARN": "ERROR", "INFO": "DEBUG", "DEBUG": "INFO"}
 LEVEL = re.compile(r"LOG_(ERROR|WARN|INFO|DEBUG)(_\w+)?$")
 INTEGER = re.compile(r"(0[xX][0-9a-fA-F]+|0[bB][01]+|[0-9]+)([uUlLzZ]*)$")
-JUMPS = {"return", "break", "continue", "goto", "throw", "case", "default"}
+# Of statements as they are laid out, without what is inside of brackets.
+DECLARATION = re.compile(r"(?!return|delete|throw|goto)(?:(?:const|static|auto|struct|enum|unsigned"
+                         r"|constexpr)\b|[\w:]+(?:<.*?>)? [*&]*\w)")
+CALL = re.compile(r"(?!return|throw)(?:\(\))?[A-Za-z_](?:[\w.<>()[\]]|::|->)*\(\);|delete\b.*", re.S)
+ASSIGNMENT = re.compile(r"(?!return|throw)[^=]*?(?: [-+*/|&]?= |\+\+|--)")
+COMPARING = {**RELATIONAL, **LOGICAL}
 IDENTITY = ("file", "function", "operator", "statement", "occurrence", "at", "original",
             "replacement", "after")
 
@@ -91,8 +96,8 @@ def on_tokens(unit):
                 yield from ((kind, index, new) for new in table[token.text])
         if token.text == "!" and token.kind == "operator":
             yield "negation", index, ""
-        if token.kind == "number" and not sizes_an_array(unit, index) and \
-                not (before == "(" and index > 1 and tokens[index - 2].text == "while"):
+        if token.kind == "number" and not (before == "[" and is_declaration(unit)) and \
+                lexer.joined(tokens[max(0, index - 2):index]) != "while (":
             yield from (("constant", index, new) for new in neighbours_of_integer(token.text))
         if token.text in ("true", "false"):
             yield "constant", index, "false" if token.text == "true" else "true"
@@ -101,58 +106,28 @@ def on_tokens(unit):
             yield "level", index, f"LOG_{LEVELS[level.group(1)]}{level.group(2) or ''}"
 
 
-def sizes_an_array(unit, index):
-    return index > 2 and unit.tokens[index - 1].text == "[" and is_declaration(unit)
-
-
 def is_declaration(unit):
     """Returns whether a statement begins with a type and a name."""
-    words = [token.text for token in unit.tokens]
-    if not words or unit.tokens[0].kind != "word" or words[0] in JUMPS or unit.kind != "statement":
-        return False
-    if words[0] in ("const", "static", "auto", "struct", "enum", "unsigned", "constexpr"):
-        return True
-    at = 1
-    while at + 1 < len(words) and words[at] == "::":
-        at += 2
-    if at < len(words) and words[at] == "<":
-        return ">" in words[at:] and unit.tokens[at].spaced is False
-    # "type name", "type *name", "type &name": only an expression has blanks on both sides.
-    return at < len(words) and (unit.tokens[at].kind == "word" or words[at] in "*&" and
-                                not unit.tokens[at].spaced)
+    return unit.kind == "statement" and DECLARATION.match(unit.outline) is not None
 
 
-def plain_call(unit):
+def is_call(unit):
     """Returns whether a statement only calls, with or without (void)."""
-    words = [token.text for token in unit.tokens]
-    if unit.kind != "statement" or words[:1] == ["delete"]:
-        return unit.kind == "statement"
-    if words[:3] == ["(", "void", ")"]:
-        words = words[3:]
-    if len(words) < 4 or words[-2:] != [")", ";"] or not re.match(r"[A-Za-z_]", words[0]) or \
-            words[0] in JUMPS or is_declaration(unit):
-        return False
-    depth = 0
-    for word in words[:-1]:
-        if depth == 0 and not re.match(r"(\w+|::|\.|->|[()\[\]<>])$", word):
-            return False
-        depth += (word in "([") - (word in ")]")
-    return True
+    return unit.kind == "statement" and not is_declaration(unit) and \
+        CALL.fullmatch(unit.outline) is not None
 
 
-def assignment(unit):
-    if unit.kind != "statement" or is_declaration(unit) or unit.tokens[0].text in JUMPS:
-        return False
-    depth = 0
-    for token in unit.tokens:
-        if depth == 0 and token.text in ("=", "+=", "-=", "|=", "&=", "*=", "/=", "++", "--"):
-            return True
-        depth += (token.text in "([{") - (token.text in ")]}")
-    return False
+def is_assignment(unit):
+    return unit.kind == "statement" and not is_declaration(unit) and \
+        ASSIGNMENT.match(unit.outline) is not None
+
+
+def is_effect(unit):
+    return is_call(unit) or is_assignment(unit)
 
 
 def has_operator(tokens):
-    return any(token.spaced and token.text in {**RELATIONAL, **LOGICAL} for token in tokens)
+    return any(token.spaced and token.text in COMPARING for token in tokens)
 
 
 def on_condition(unit):
@@ -187,72 +162,61 @@ def swappable(first, second):
     """Returns whether two statements of one block can change places with an effect. One of them
     must be a call: two assignments give the same in either order."""
     return first.block == second.block and first.text != second.text and \
-        all(plain_call(unit) or assignment(unit) for unit in (first, second)) and \
-        (plain_call(first) or plain_call(second))
+        is_effect(first) and is_effect(second) and (is_call(first) or is_call(second))
 
 
 def faults_of(units):
-    """Yields all faults: unit, operator, first and last token, and their replacement, in which {}
-    is the original text. A swap replaces two units."""
+    """Yields all faults: a unit's number, the operator, first and last token, and their replacement,
+    in which {} is the original text. A swap replaces two units."""
     for number, unit in enumerate(units):
+        tokens = unit.tokens
         for kind, index, new in on_tokens(unit):
-            yield unit, kind, unit.tokens[index], unit.tokens[index], new
+            yield number, kind, tokens[index], tokens[index], new
         if unit.kind not in ("statement", "header") or not unit.function:
             continue
         for kind, first, last, new in (*on_condition(unit), *on_return(unit)):
-            yield unit, kind, unit.tokens[first], unit.tokens[last], new
-        if plain_call(unit) or assignment(unit):
-            yield unit, "remove", unit.tokens[0], unit.tokens[-2], ""
+            yield number, kind, tokens[first], tokens[last], new
+        if is_effect(unit):
+            yield number, "remove", tokens[0], tokens[-2], ""
         # A control statement between them has units of other blocks, which are next in the list.
         if number + 1 < len(units) and swappable(unit, units[number + 1]):
-            yield unit, "swap", unit.tokens[0], units[number + 1].tokens[-1], None
-
-
-def swapped(text, unit, other):
-    """Returns both statements in the other order; the text between them stays."""
-    first, second = ((one.tokens[0].start, one.tokens[-1].end) for one in (unit, other))
-    return text[slice(*second)] + text[first[1]:second[0]] + text[slice(*first)]
+            yield number, "swap", tokens[0], units[number + 1].tokens[-1], ""
 
 
 def mutants_of(file, text):
     """Returns all mutants of one file's text."""
     units = lexer.units_of(text)
-    seen, occurrence, before = {}, {}, {}
-    last = None
-    for unit in units:
-        key = (unit.function, unit.text)
-        occurrence[unit] = seen.get(key, 0)
-        seen[key] = occurrence[unit] + 1
-        before[unit] = last.text if last is not None and last.function == unit.function else ""
-        last = unit
+    statements = [(unit.function, unit.text) for unit in units]
     found = {}
-    for unit, kind, first, end, new in faults_of(units):
-        original = text[first.start:end.end]
-        if kind == "swap":
-            new = swapped(text, unit, units[units.index(unit) + 1])
+    for number, operator, first, last, new in faults_of(units):
+        unit, after = units[number], units[number - 1] if number else None
+        original = text[first.start:last.end]
+        if operator == "swap":  # the text between them stays
+            end, begin = unit.tokens[-1].end, units[number + 1].tokens[0].start
+            new = text[begin:last.end] + text[end:begin] + text[first.start:end]
         elif "{" in new:
             new = new.format(original)
-        mutant = Mutant(file, unit.function, kind, unit.text, occurrence[unit],
-                        unit.tokens.index(first), normal(original), new, before[unit],
-                        first.start, end.end, text.count("\n", 0, first.start) + 1)
+        mutant = Mutant(
+            file, unit.function, operator, unit.text,
+            statements[:number].count(statements[number]), unit.tokens.index(first),
+            normal(original), new, after.text if after and after.function == unit.function else "",
+            first.start, last.end, text.count("\n", 0, first.start) + 1)
         found.setdefault(mutant.key, mutant)
     return sorted(found.values(), key=lambda mutant: (mutant.start, mutant.end, mutant.operator))
 
 
 def normal(text):
-    return " ".join(token.text for token in lexer.tokens_of(text))
+    return lexer.joined(lexer.tokens_of(text))
 
 
 def sample(mutants, seed):
     """Returns the mutants in an order whose every prefix is spread over all files in proportion."""
-    by_file = {}
-    for mutant in mutants:
-        by_file.setdefault(mutant.file, []).append(mutant)
     ranked = []
-    for file, own in sorted(by_file.items()):
+    for file in sorted({one.file for one in mutants}):
+        own = [one for one in mutants if one.file == file]
         random.Random(f"{seed} {file}").shuffle(own)
-        ranked += [((place + 0.5) / len(own), file, place, one) for place, one in enumerate(own)]
-    return [row[3] for row in sorted(ranked, key=lambda row: row[:3])]
+        ranked += [((place + 0.5) / len(own), one) for place, one in enumerate(own)]
+    return [one for _, one in sorted(ranked, key=lambda row: row[0])]
 
 
 class Finder:
@@ -260,28 +224,24 @@ class Finder:
     in another file, then anywhere if exactly one fits."""
 
     def __init__(self, mutants):
-        self.same, self.elsewhere, self.anywhere = {}, {}, {}
+        self.places = {}
         for one in mutants:
-            fault = self.fault(one.identity)
-            self.same[(one.file, one.function, one.occurrence, *fault)] = one
-            self.elsewhere.setdefault((one.function, one.occurrence, *fault), []).append(one)
-            self.anywhere.setdefault(fault, []).append(one)
+            for place in self.places_of(one.identity):
+                self.places.setdefault(place, []).append(one)
 
     @staticmethod
-    def fault(identity):
-        return tuple(identity[name] for name in ("operator", "statement", "at")) + \
-            (normal(identity["replacement"]),)
+    def places_of(identity):
+        fault = (*(identity[name] for name in ("operator", "statement", "at")),
+                 normal(identity["replacement"]))
+        function = (identity["function"], identity["occurrence"], fault)
+        return (identity["file"], function), function if identity["function"] else (), fault
 
     def find(self, identity):
         """Returns the mutant, or None when it no longer applies."""
-        fault = self.fault(identity)
-        place = (identity["function"], identity["occurrence"], *fault)
-        exact = self.same.get((identity["file"], *place))
-        if exact is not None:
-            return exact
-        found = self.elsewhere.get(place, []) if identity["function"] else []
-        if len(found) != 1:
-            found = self.anywhere.get(fault, [])
-        if len(found) > 1:
-            found = [one for one in found if one.after == identity["after"]]
+        found = []
+        for place in self.places_of(identity):
+            found = self.places.get(place, []) if place else []
+            if len(found) == 1:
+                return found[0]
+        found = [one for one in found if one.after == identity["after"]]
         return found[0] if len(found) == 1 else None

@@ -17,10 +17,8 @@ def key_of(record):
 
 
 def text_of(record):
-    if "patch" in record:
-        return record["patch"]
-    return str(generate.Mutant(**{name: record[name] for name in generate.IDENTITY},
-                               line=record["line"]))
+    return record.get("patch") or str(generate.Mutant(
+        **{name: record[name] for name in generate.IDENTITY}, line=record.get("line", 0)))
 
 
 def show(title, records):

@@ -23,115 +23,80 @@ TIMEOUTS = (124, 137, -signal.SIGKILL, -signal.SIGXCPU, 128 + signal.SIGXCPU)
 MEMORY_BYTES = 4 << 30
 SIMULATED_BOOTS = 2000
 CRASH_KEY = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
-
-
-def scenario_order(path):
-    place = FIRST.index(path.stem) if path.stem in FIRST else len(FIRST)
-    return place, path.stem
-
-
-def failing_scenario(output):
-    for line in output.splitlines():
-        match = re.match(r".*?([^/\\]+\.json): (?!everything holds)(.*)", line)
-        if match:
-            return f"{match.group(1)}: {match.group(2)}"
-    return ""
-
-
-def failing_test(output):
-    match = re.search(r"^\[  FAILED  \] (\S+)", output, re.M)
-    return match.group(1).rstrip(",") if match else ""
-
-
-def failing_rule(output):
-    match = re.search(r"^broken: (.*)", output, re.M)
-    return match.group(1) if match else ""
+# In a program's output: the first test that failed, and a test that has begun or is done.
+SCENARIO = r"([^/\\\n]+\.json: (?!everything holds).*)", r"([^/\\\n]+\.json): everything holds"
+UNIT_TEST = r"^\[  FAILED  \] ([^\s,]+)", r"^\[ RUN      \] (\S+)"
+RULE = r"^broken: (.*)", r"$^"
 
 
 @dataclasses.dataclass
 class Stage:
-    """name     in the results
-    program  the build's target to link with the fault
-    failing  returns the first test that failed, from the output; "" when there is none
-    running  returns the test that was running, for a crash or a timeout
-    memory   the host's allocator for scenarios
-    zone     time zone; empty for the developer's own
+    """name       in the results
+    program    the build's target to link with the fault
+    patterns   in its output
+    memory     the host's allocator for scenarios
+    zone       time zone; empty for the developer's own
     """
     name: str
     program: str
-    failing: object
-    running: object
+    patterns: tuple
     memory: str = "plain"
     zone: str = ""
     cpu_seconds: float = 0
-    wall_seconds: float = 0
-
-
-def running_test(output):
-    started = re.findall(r"^\[ RUN      \] (\S+)", output, re.M)
-    return started[-1] if started else "its start"
+    wall_seconds: float = 600
 
 
 class Stages:
     """Runs stages in a Wine prefix of this tool's own, whose processes end with it."""
 
     def __init__(self, root, folder, processes):
-        self.root, self.processes = root, processes
-        self.files = sorted((root / "scenarios").glob("*.json"), key=scenario_order)
+        self.wine_run, self.processes = root / "cmake/wine-run", processes
+        self.files = sorted((root / "scenarios").glob("*.json"), key=lambda path: (
+            FIRST.index(path.stem) if path.stem in FIRST else len(FIRST), path.stem))
         # In memory if possible: flushing files to a disk takes longer than the rest of a scenario.
         self.place = tempfile.mkdtemp(
             prefix="mutants-", dir="/dev/shm" if os.access("/dev/shm", os.W_OK) else folder)
         self.environment = {**os.environ, "WINEPREFIX": str(folder / "wineprefix")}
         self.all = [
-            Stage("scenarios", build.DLL, failing_scenario, self.running_scenario),
-            Stage("unit tests", build.UNIT_TESTS, failing_test, running_test),
-            Stage("simulation", build.DLL, failing_rule, lambda output: "a random machine"),
-            Stage("guarded scenarios", build.DLL, failing_scenario, self.running_scenario, "guard",
-                  "Asia/Tokyo"),
+            Stage("scenarios", build.DLL, SCENARIO),
+            Stage("unit tests", build.UNIT_TESTS, UNIT_TEST),
+            Stage("simulation", build.DLL, RULE),
+            Stage("guarded scenarios", build.DLL, SCENARIO, "guard", "Asia/Tokyo"),
         ]
 
-    def running_scenario(self, output):
-        held = {os.path.basename(line.rsplit(": ", 1)[0]) for line in output.splitlines()
-                if line.endswith(": everything holds")}
-        return next((path.name for path in self.files if path.name not in held), "its end")
-
-    def windows_place(self):
-        return "Z:" + self.place.replace("/", "\\")
-
-    def command(self, stage, folder, test=""):
-        host, plugin = folder / "bin/oxni_devhost.exe", folder / build.DLL
-        if stage.program == build.UNIT_TESTS:
-            return [folder / build.UNIT_TESTS, "--gtest_fail_fast",
-                    *([f"--gtest_filter={test}"] if test else [])]
-        if stage.name == "simulation":
-            return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS), "--seed", "1", "--no-shrink",
-                    "--folder", self.windows_place(), "--plugin", plugin]
-        return [host, "run", "--quiet", "--stop", "--log", "none", "--memory", stage.memory,
-                "--place", self.windows_place(), "--plugin", plugin,
+    def command(self, stage, folder, test):
+        place = ["--plugin", folder / build.DLL, "Z:" + self.place.replace("/", "\\")]
+        if stage.patterns is UNIT_TEST:
+            return [folder / build.UNIT_TESTS, "--gtest_fail_fast", f"--gtest_filter={test or '*'}"]
+        if stage.patterns is RULE:
+            return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS),
+                    "--seed", "1", "--no-shrink", *place[:2], "--folder", place[2]]
+        return [folder / "bin/oxni_devhost.exe", "run", "--quiet", "--stop", "--log", "none",
+                "--memory", stage.memory, *place[:2], "--place", place[2],
                 *(path for path in self.files if test in ("", path.name))]
 
-    def wine(self, stage, folder, cpu_seconds=0, wall_seconds=600, test=""):
+    def wine(self, stage, folder, test=""):
         limits = [f"--data={MEMORY_BYTES}"]
-        if cpu_seconds:
-            limits.append(f"--cpu={math.ceil(cpu_seconds)}")
-        environment = {**self.environment, "WINE_RUN_SECONDS": str(math.ceil(wall_seconds))}
+        if stage.cpu_seconds:
+            limits.append(f"--cpu={math.ceil(stage.cpu_seconds)}")
+        environment = {**self.environment, "WINE_RUN_SECONDS": str(math.ceil(stage.wall_seconds))}
         if stage.zone:
             environment["TZ"] = stage.zone
         return self.processes.run(
-            ["prlimit", *limits, self.root / "cmake/wine-run", *self.command(stage, folder, test)],
+            ["prlimit", *limits, self.wine_run, *self.command(stage, folder, test)],
             env=environment)
 
     def start_wine(self):
         """Starts one server for all runs, and Windows' own services, outside of every limit."""
         prefix = self.environment["WINEPREFIX"]
         if not os.path.exists(os.path.join(prefix, "system.reg")):
-            self.quietly(self.root / "cmake/wine-run", "wineboot", "--init")
+            self.quietly(self.wine_run, "wineboot", "--init")
             # Wine's debugger takes 15 s for each crash.
-            self.quietly(self.root / "cmake/wine-run", "reg", "add", CRASH_KEY, "/v", "Debugger",
+            self.quietly(self.wine_run, "reg", "add", CRASH_KEY, "/v", "Debugger",
                          "/d", "none", "/f")
             self.quietly("wineserver", "--wait")
         self.quietly("wineserver", "--persistent")
-        if self.quietly(self.root / "cmake/wine-run", "cmd", "/c", "ver") != 0:
+        if self.quietly(self.wine_run, "cmd", "/c", "ver") != 0:
             raise build.Failed(f"Wine does not start in {prefix}")
 
     def stop_wine(self):
@@ -148,8 +113,7 @@ class Stages:
         for stage in self.all:
             before, start = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic()
             status, output = self.wine(stage, folder)
-            seconds = time.monotonic() - start
-            after = resource.getrusage(resource.RUSAGE_CHILDREN)
+            after, seconds = resource.getrusage(resource.RUSAGE_CHILDREN), time.monotonic() - start
             if status != 0:
                 raise build.Failed(
                     f"{stage.name}: failed without a fault, status {status}:\n{output}")
@@ -160,12 +124,14 @@ class Stages:
     def run(self, stage, folder, test=""):
         """Result: what killed the mutant, empty when it passed. test: the only one to run."""
         for _ in range(2):
-            status, output = self.wine(stage, folder, stage.cpu_seconds, stage.wall_seconds, test)
+            status, output = self.wine(stage, folder, test)
             # A program that Wine failed to start prints nothing of its own.
             if status == 0 or re.sub(r"^wine: .*", "", output, flags=re.M).strip():
                 break
         if status == 0:
             return ""
-        if status in TIMEOUTS:
-            return f"timeout: {stage.running(output)}"
-        return stage.failing(output) or f"crash: {stage.running(output)}, status {status}"
+        failed, known = (re.findall(pattern, output, re.M) for pattern in stage.patterns)
+        if failed and status not in TIMEOUTS:
+            return failed[0]
+        what = "timeout" if status in TIMEOUTS else "crash"
+        return f"{what}: last {known[-1] if known else 'its start'}, status {status}"

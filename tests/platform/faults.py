@@ -17,8 +17,12 @@ import random
 import shlex
 import shutil
 import subprocess
+import sys
 import tempfile
 import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "mutants"))
+from build import for_output, link_command # noqa: E402
 
 parser = argparse.ArgumentParser()
 parser.add_argument("source", type=pathlib.Path)
@@ -39,34 +43,22 @@ def run(command):
     return done.returncode, done.stdout.replace("\r", "")
 
 
-def link_command(library):
-    """The build's command that links a library."""
-    target = f"bin/{library}.dll"
-    for part in run(["ninja", "-t", "commands", target])[1].splitlines()[-1].split(" && "):
-        words = shlex.split(part)
-        if "-o" in words and words[words.index("-o") + 1] == target:
-            return [word for word in words if not word.startswith("-Wl,--out-implib")]
-    raise SystemExit(f"the build's last command for {target} does not link it")
-
-
 def library_of(source):
     return source.relative_to(options.source / "platform").parts[0]
 
 
 def build_fault(folder, source, text):
     """Compiles a changed source and links its library. Result: empty, or what failed."""
-    words = [word for word in commands[str(source)] if word not in ("-Werror", "-g1")]
-    unchanged = words[words.index("-o") + 1]
-    changed = folder / source.name
-    changed.write_text(text)
-    words[words.index("-o") + 1] = str(folder / "changed.obj")
-    words[words.index("-c") + 1] = str(changed)
-    status, output = run([*words, "-w", "-O0", f"-I{source.parent}"])
+    words = commands[str(source)]
+    unchanged, changed = words[words.index("-o") + 1], str(folder / "changed.obj")
+    words = for_output(words, changed)
+    (folder / source.name).write_text(text)
+    words[words.index("-c") + 1] = str(folder / source.name)
+    status, output = run([*words, "-O0", f"-I{source.parent}"])
     if status != 0:
         return output
     library = library_of(source)
-    link = links[library]
-    words = [str(folder / "changed.obj") if word == unchanged else word for word in link]
+    words = [changed if word == unchanged else word for word in links[library]]
     words[words.index("-o") + 1] = str(folder / f"{library}.dll")
     status, output = run(words)
     return output if status != 0 else ""
@@ -105,7 +97,7 @@ for operation, name, old, _ in faults: # all of them, though the time permits on
     if (options.source / "platform" / name).read_text().count(old) != 1:
         raise SystemExit(f"FAILED: {operation}: {name}: {old}\nexpected once")
 links = {row[1].split("/")[0]: None for row in faults}
-links = {name: link_command(name) for name in links}
+links = {name: link_command(options.build, f"bin/{name}.dll") for name in links}
 random.Random(options.seed).shuffle(faults)
 with concurrent.futures.ThreadPoolExecutor(min(2, os.cpu_count())) as pool:
     results = [(row, found) for row, found in zip(faults, pool.map(try_fault, faults))

@@ -79,16 +79,6 @@ void log_forget(void)
     s_lines_bytes = 0;
 }
 
-log_sink::log_sink(void (*sink)(int level, const char *line, void *user))
-{
-    oxnih_log_set_sink(sink, nullptr);
-}
-
-log_sink::~log_sink()
-{
-    oxnih_log_set_sink(keep_line, nullptr);
-}
-
 uint64_t live_blocks(void)
 {
     oxnih_memory_stats stats;

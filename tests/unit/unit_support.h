@@ -23,13 +23,6 @@ static constexpr uint64_t MOMENT_FILETIME = 133542759410000000ULL;
  * does: code that uses it must take it before. */
 bool log_contains(const std::string &text);
 void log_forget(void);
-/* While it lives, lines go elsewhere. */
-class log_sink
-{
-  public:
-    explicit log_sink(void (*sink)(int level, const char *line, void *user));
-    ~log_sink();
-};
 
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);

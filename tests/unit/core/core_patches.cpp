@@ -120,35 +120,16 @@ static int delete_tag(const char *)
     return 0;
 }
 
-static HANDLE WINAPI open_wide(const wchar_t *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
+static HANDLE WINAPI write_tag(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
                                HANDLE)
 {
-    note("update?");
-    return s_core.updated ? &s_core : INVALID_HANDLE_VALUE;
-}
-
-static HANDLE WINAPI open_narrow(const char *path, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD,
-                                 DWORD, HANDLE)
-{
-    note(strstr(path, "oxni_driver_recover") != nullptr ? "tag=" : "dump?");
+    note("tag=");
     return INVALID_HANDLE_VALUE;
-}
-
-/* Written long after any boot. */
-static BOOL WINAPI get_information(HANDLE, BY_HANDLE_FILE_INFORMATION *information)
-{
-    information->ftLastWriteTime = {0, 0x7FFFFFFF};
-    return TRUE;
-}
-
-static BOOL WINAPI close_handle(HANDLE)
-{
-    return TRUE;
 }
 
 static uint64_t get_ticks(void)
 {
-    return s_core.uptime_seconds * 1000;
+    return 0; /* no late product */
 }
 
 static int watch_resource(const char *, unsigned, oxni_res_state_fn fn)
@@ -161,23 +142,6 @@ static int ask_management(const char *, const char *, unsigned, oxni_dbg_echo_fn
 {
     s_core.answer = answer;
     return 0;
-}
-
-static int install(const char *, const char *, unsigned, oxni_subscribee_fn fn,
-                   oxni_subscribee_second_fn second)
-{
-    s_core.install_cb = fn;
-    s_core.install_second = second;
-    return 0;
-}
-
-static int declare_command(const char *, const char *, const char *, oxni_dbg_fn)
-{
-    return 0;
-}
-
-static void do_not_sleep(unsigned)
-{
 }
 
 static void forget_everything(void)
@@ -199,12 +163,8 @@ core_patches::core_patches()
       retain_("oxni_subscriber_retain", retain), release_("oxni_subscriber_delete", release),
       start_("oxni_timer_start", start_timer), stop_("oxni_timer_stop", stop_timer),
       exist_("oxni_path_is_exist_u", is_there), delete_("oxni_path_del_file_u", delete_tag),
-      open_wide_("CreateFileW", open_wide), open_narrow_("CreateFileA", open_narrow),
-      information_("GetFileInformationByHandle", get_information),
-      close_("CloseHandle", close_handle), tick_("oxni_time_get_tick_cout", get_ticks),
-      require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
-      declare_("oxni_dbg_decl", declare_command), sleep_("oxni_msleep", do_not_sleep),
-      exec_("oxni_dbg_exec", ask_management)
+      open_("CreateFileA", write_tag), tick_("oxni_time_get_tick_cout", get_ticks),
+      require_("oxni_res_require", watch_resource), exec_("oxni_dbg_exec", ask_management)
 {
     (void)bypass_mgr_table_create();
     oxnih_set_log_dir("C:\\base");

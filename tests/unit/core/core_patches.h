@@ -18,22 +18,17 @@
 
 /* Input and calls of the core. */
 struct core_state {
-    bool tag;                /* there is a recovery tag; deleting it clears this */
-    bool updated;            /* the drivers were updated in this boot */
-    bool nameless;           /* no handle has attributes */
-    uint64_t uptime_seconds; /* of Windows */
-    json_t *document;        /* what the store's file holds, owned; NULL: no file */
-    /* Recorded calls. "tag?" looks whether the tag exists, "tag-" deletes it, "update?" asks for
-     * the update file, "dump?" for a dump's creation time, "history" loads the upload history,
-     * "store DATA" writes the store's "data", "record TIME" the dump record, "push NAME MESSAGE",
-     * "timer MS", "stop", "release NAME". */
+    bool tag;         /* there is a recovery tag; deleting it clears this */
+    bool nameless;    /* no handle has attributes */
+    json_t *document; /* what the store's file holds, owned; NULL: no file */
+    /* Recorded calls. "tag?" looks whether the tag exists, "tag-" deletes it, "tag=" writes it,
+     * "history" loads the upload history, "store DATA" writes the store's "data",
+     * "push NAME MESSAGE", "timer MS", "stop", "release NAME". */
     std::vector<std::string> calls;
     /* The last push's reply and what it needs. */
     oxni_push_reply_fn reply;
     void *cookie;
     oxni_subscriber *pushed_to;
-    oxni_subscribee_fn install_cb;
-    oxni_subscribee_second_fn install_second;
     oxni_timer_fn last_timer; /* the one that was started last */
     oxni_res_state_fn link;   /* of the management link */
     oxni_dbg_echo_fn answer;  /* of the management side */
@@ -50,8 +45,7 @@ class core_patches
 
   private:
     import_patch push_, dump_, load_, attr_, retain_, release_, start_, stop_, exist_, delete_,
-        open_wide_, open_narrow_, information_, close_, tick_, require_, install_, declare_, sleep_,
-        exec_;
+        open_, tick_, require_, exec_;
 };
 
 /* Handle number 0 to 3; their names are "a" to "d". */

@@ -7,10 +7,8 @@
 #include "bypass_mgr_debug.h"
 #include "bypass_mgr_schema.h"
 #include "core_patches.h"
-#include "driver_update.h"
 #include "liboxnibase/host.h"
 #include "platform_path.h"
-#include "recover_tag.h"
 #include "report_link.h"
 #include "unit_support.h"
 
@@ -29,75 +27,20 @@ TEST(bypass_mgr, given_texts_byte_by_byte)
                  bypass_mgr_dbg_help);
 }
 
-/* The platform's base folder has a path of that many characters while it lives. */
-class base_folder
-{
-  public:
-    explicit base_folder(size_t chars)
-    {
-        oxnih_set_log_dir(("C:" + std::string(chars - 2, 'x')).c_str());
-    }
-
-    ~base_folder()
-    {
-        oxnih_set_log_dir("");
-    }
-};
-
+/* The last path that fits, and one character more. */
 TEST(platform_path, one_that_does_not_fit_is_a_missing_base_folder)
 {
-    static const struct path_row {
-        const char *name;
-        size_t base_chars, suffix_chars, size;
-        bool fits;
-    } rows[] = {
-        {"the last that fits",              200, 59, 260, true },
-        {"one character more",              200, 60, 260, false},
-        {"a smaller buffer, just filled",   20,  10, 31,  true },
-        {"a smaller buffer",                20,  10, 30,  false},
-        {"a base folder that fills it all", 259, 1,  260, false},
-        {"a base folder that is too long",  260, 1,  300, false},
-    };
+    const std::string base = "C:" + std::string(198, 'x'), suffix(59, '/');
 
-    for (const path_row &row : rows) {
-        const base_folder base(row.base_chars);
-        const std::string suffix(row.suffix_chars, '/');
-        char path[300] = "untouched";
-
+    oxnih_set_log_dir(base.c_str());
+    for (const size_t size : {260u, 259u}) {
+        char path[260] = "untouched";
         log_forget();
-        EXPECT_EQ(row.fits, platform_path_config(suffix.c_str(), path, row.size)) << row.name;
-        EXPECT_EQ(row.fits ? row.base_chars + row.suffix_chars : 0, strlen(path)) << row.name;
-        EXPECT_EQ(!row.fits, log_contains("get log dir is error")) << row.name;
+        EXPECT_EQ(platform_path_config(suffix.c_str(), path, size), size == 260);
+        EXPECT_EQ(path, size == 260 ? base + suffix : "");
+        EXPECT_EQ(log_contains("get log dir is error"), size != 260);
     }
-}
-
-static bool s_opened;
-
-static HANDLE WINAPI open_narrow(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                                 HANDLE)
-{
-    s_opened = true;
-    return INVALID_HANDLE_VALUE;
-}
-
-static HANDLE WINAPI open_wide(const wchar_t *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                               HANDLE)
-{
-    s_opened = true;
-    return INVALID_HANDLE_VALUE;
-}
-
-/* Tag and update file would get one and the same truncated path. */
-TEST(platform_path, no_tag_and_no_update_below_a_long_base_folder)
-{
-    const base_folder base(230);
-    const import_patch narrow("CreateFileA", open_narrow), wide("CreateFileW", open_wide);
-
-    s_opened = false;
-    EXPECT_EQ(-1, recover_tag_write());
-    EXPECT_FALSE(recover_tag_check());
-    EXPECT_FALSE(driver_update_check());
-    EXPECT_FALSE(s_opened);
+    oxnih_set_log_dir(nullptr);
 }
 
 static int s_failing; /* the nth allocation fails */
@@ -145,28 +88,4 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
     }
     EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
     s_core.link("path", 0);
-}
-
-/* A product that is named twice has the later ids, and nothing of the earlier ones is left. */
-TEST(report_link, a_product_named_twice)
-{
-    static const char answer[] =
-        R"({"total": 1, "total": 2,
-            "info": [{"product": "a", "device_id": "1", "agent_version": "2"}]})";
-    const core_patches patches;
-
-    report_link_create();
-    report_link_watch();
-    s_core.link("path", 1);
-    EXPECT_FALSE(report_link_connected());
-    s_core.answer(0, answer);
-    EXPECT_TRUE(report_link_connected());
-    const uint64_t blocks = live_blocks();
-    for (int again = 0; again < 3; again++)
-        s_core.answer(0, answer);
-    EXPECT_EQ(blocks, live_blocks());
-    EXPECT_STREQ("1", report_link_device("a")->device_id);
-    EXPECT_STREQ("1", report_link_device("b")->device_id);
-    s_core.link("path", 0);
-    report_link_create();
 }

@@ -5,24 +5,20 @@
 
 #include <oxni/base/debug_console.h>
 
-#include "bypass_mgr.h"
 #include "bypass_mgr_command.h"
 #include "bypass_mgr_debug.h"
-#include "bypass_mgr_store.h"
 #include "unit_support.h"
-
-#define SET_1 "push a {'count':1,'reason':'none','type':'set_count'}"
 
 /* clang-format off */
 static const struct command_row {
     const char *name, *type, *reason;
     int32_t error;
     const char *message;
-    int32_t status, recover_sent, parsed; /* after the reply; before: 1, 0, 0 */
+    int32_t status, recover_sent, parsed; /* after the reply; before: 1, 0, 0, without a type 1, 1, 0 */
     const char *calls;                    /* of the reply */
 } s_commands[] = {
     {"bypass",        "bypass",    "m",  0, "{'reason':'m','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
-    {"no type",       nullptr,        nullptr, 0, "{'reason':'none','type':'bypass'}", 2, 0, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
+    {"no type",       nullptr,        nullptr, 0, "{'reason':'none','type':'bypass'}", 2, 1, 1, "history; timer 60000; store {'a':{'count':3,'status':2}}"},
     {"recover",       "recover",   nullptr, 0, "{'reason':'none','type':'recover'}", 1, 1, 0, ""},
     {"set_count",     "set_count", nullptr, 0, "{'count':7,'reason':'none','type':'set_count'}", 1, 0, 0, ""},
     {"another",       "Bypass",    nullptr, 0, "{'reason':'none','type':'Bypass'}", 1, 0, 0, ""},
@@ -39,6 +35,7 @@ TEST(test_command, messages_and_replies)
         struct suber_set *record = core_product(0, STATUS_WORKING, 3);
         const struct bypass_cmd request = {row.type, row.reason, 7};
 
+        record->recover_sent = row.type == nullptr;
         EXPECT_EQ(bypass_mgr_send(core_subscriber(0), &request), 0);
         EXPECT_EQ(core_calls(), std::string("push a ") + row.message);
         s_core.reply(row.error, s_core.cookie, s_core.pushed_to, nullptr);
@@ -49,24 +46,6 @@ TEST(test_command, messages_and_replies)
         EXPECT_EQ(record->parsed, row.parsed);
         EXPECT_EQ(record->count, 3);
     }
-}
-
-/* Once recovered it is not sent another "recover", and a bypass has this boot's crash. */
-TEST(test_command, bypass_delivered)
-{
-    const core_patches patches;
-    struct suber_set *record = core_product(0, STATUS_WORKING, 3);
-    const struct bypass_cmd request = {"bypass", "m", 0};
-
-    record->recover_sent = 1;
-    bypass_mgr_store_crash("C:\\d", "then", "m");
-    (void)bypass_mgr_send(core_subscriber(0), &request);
-    s_core.reply(0, s_core.cookie, s_core.pushed_to, nullptr);
-    s_core.cookie = nullptr;
-    EXPECT_EQ(record->recover_sent, 1);
-    EXPECT_STREQ(record->crash.crash_path, "C:\\d");
-    EXPECT_STREQ(record->crash.crash_create_time, "then");
-    EXPECT_STREQ(record->crash.crash_module, "m");
 }
 
 /* Without a registered subscriber nothing is sent, and a late reply changes nothing. */
@@ -123,45 +102,6 @@ TEST(test_command, memory)
     EXPECT_TRUE(failed && without_reason);
 }
 
-TEST(test_command, recovery_request)
-{
-    static const struct {
-        int32_t status, recover_sent, parsed;
-    } s_products[] = {
-        {STATUS_BYPASS,       0, 0},
-        {STATUS_BYPASS,       1, 1},
-        {STATUS_INITIALIZING, 0, 1},
-        {STATUS_BYPASS,       0, 1},
-    };
-    const core_patches patches;
-
-    for (const auto &one : s_products) {
-        struct suber_set *record =
-            core_product(static_cast<size_t>(&one - s_products), one.status, 3);
-        record->recover_sent = one.recover_sent;
-        record->parsed = one.parsed;
-    }
-    bypass_mgr_send_recovery();
-    EXPECT_EQ(core_calls(), "push d {'reason':'none','type':'recover'}");
-}
-
-/* The old counts stay in records and store. */
-TEST(test_command, calibration)
-{
-    const core_patches patches;
-
-    core_product(0, STATUS_WORKING, 1);
-    core_product(1, STATUS_INITIALIZING, 2);
-    core_product(2, STATUS_BYPASS, 10);
-    struct suber_set *last = core_product(3, STATUS_WORKING, 10);
-    bypass_mgr_calibrate_counts();
-    EXPECT_EQ(core_calls(), "push b {'count':1,'reason':'none','type':'set_count'}; "
-                            "store {'b':{'count':2,'status':3}}; "
-                            "push d {'count':1,'reason':'none','type':'set_count'}; "
-                            "store {'b':{'count':2,'status':3},'d':{'count':10,'status':1}}");
-    EXPECT_EQ(last->count, 10);
-}
-
 static std::string s_echo;
 
 static void keep_echo(oxni_dbg_context *, int, const char *text)
@@ -189,28 +129,5 @@ TEST(test_debug_command, memory)
                                                   "tag=");
         EXPECT_EQ(live_blocks(), blocks + (first ? 1 : 0)); /* the last command's kind */
         EXPECT_EQ(s_echo[0], '[');
-    }
-}
-
-/* Up to the last second before ten days it waits another hour. */
-TEST(test_uptime_timer, seconds)
-{
-    static const struct {
-        uint64_t uptime;
-        const char *calls;
-    } s_rows[] = {
-        {864000 - 1, "timer 3600000"                             },
-        {864000,     SET_1 "; store {'a':{'count':3,'status':1}}"},
-    };
-
-    for (const auto &row : s_rows) {
-        const core_patches patches;
-
-        EXPECT_EQ(bypass_mgr_init(), 0);
-        core_product(0, STATUS_WORKING, 3);
-        core_calls();
-        s_core.uptime_seconds = row.uptime;
-        s_core.last_timer(nullptr, nullptr);
-        EXPECT_EQ(core_calls(), row.calls);
     }
 }

@@ -4,60 +4,22 @@
 
 #include <gtest/gtest.h>
 
-#include <oxni/base/debug_console.h>
 #include <oxni/base/log.h>
 #include <oxni/base/memory.h>
 #include <oxni/base/resource.h>
 
-#include "bypass_mgr.h"
 #include "bypass_mgr_command.h"
-#include "bypass_mgr_debug.h"
 #include "bypass_mgr_decision.h"
 #include "bypass_mgr_registry.h"
 #include "bypass_mgr_report.h"
-#include "bypass_mgr_store.h"
 #include "crash_dump.h"
 #include "liboxnibase/host.h"
 #include "report_abnormal_crash.h"
 #include "report_history.h"
 #include "report_link.h"
 #include "report_pending.h"
-#include "time_text.h"
 #include "unit_support.h"
 #include "win_event_parse.h"
-
-static int s_echoes;
-
-static void count_echo(oxni_dbg_context *, int, const char *)
-{
-    s_echoes++;
-}
-
-/* Nothing is called, and the product that is registered remains. */
-TEST(test_guards, missing_arguments)
-{
-    const core_patches patches;
-    const import_patch echo("oxni_dbg_echo", count_echo);
-    char word[] = "other", option[] = "-r", *arguments[] = {word, option};
-
-    EXPECT_EQ(bypass_mgr_init(), 0);
-    core_product(0, STATUS_BYPASS, 3);
-    core_calls();
-    s_echoes = 0;
-    log_forget();
-    suber_set_free(nullptr);
-    EXPECT_TRUE(log_contains("suber_set is NULL"));
-    bypass_mgr_unsubscribe(nullptr);
-    s_core.install_second();
-    report_forget(nullptr);
-    EXPECT_FALSE(upload_history_need_report(nullptr));
-    EXPECT_FALSE(upload_history_save(nullptr));
-    EXPECT_FALSE(upload_history_delete(nullptr));
-    bypass_mgr_dbg_cmd(2, arguments, nullptr);
-    EXPECT_EQ(s_echoes, 0);
-    EXPECT_EQ(core_calls(), "");
-    EXPECT_NE(bypass_mgr_table_find(core_subscriber(0)), nullptr);
-}
 
 /* A product and a handle without names have empty ones in log lines, and no entry in the store. */
 TEST(test_guards, missing_names)
@@ -88,31 +50,6 @@ template <typename... Arguments> static BOOL WINAPI refuse(Arguments...)
 {
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
-}
-
-static HANDLE WINAPI open_any(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                              HANDLE)
-{
-    return &s_core;
-}
-
-/* A dump whose creation time cannot be read has the time 0. */
-TEST(test_guards, creation_time_of_a_dump)
-{
-    const core_patches patches;
-    const import_patch open("CreateFileA", open_any);
-    const import_patch times("GetFileTime", refuse<HANDLE, FILETIME *, FILETIME *, FILETIME *>);
-
-    core_product(0, STATUS_WORKING, 2);
-    log_forget();
-    (void)bypass_mgr_check_cb(2, {"ma"}, "C:\\d", {}, core_subscriber(0));
-    EXPECT_TRUE(log_contains("Failed to GetFileTime [C:\\d]"));
-    const std::string calls = core_calls();
-    char text[TIME_TEXT_CHARS];
-
-    time_text_local(0, text, sizeof(text));
-    EXPECT_NE(calls.find("'module_name':'ma'"), std::string::npos) << calls;
-    EXPECT_NE(calls.find(std::string("'create_time':'") + text + "'"), std::string::npos) << calls;
 }
 
 static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *)
@@ -164,35 +101,6 @@ TEST(test_guards, calls_of_windows)
         EXPECT_EQ(win_event_parse().get_crash_info(&info, {nullptr, 0}), 13u);
         EXPECT_EQ(system_log::logs_open, 0);
     }
-}
-
-/* Whichever allocation fails, a product's entry is stored as a whole or not at all; a document that
- * could not be made is made by the next entry. */
-TEST(test_guards, store_without_memory)
-{
-    const core_patches patches;
-    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
-    bool reached = true;
-
-    s_core.document = nullptr;
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        reached = while_failing(nth, [&] {
-            bypass_mgr_store_load(5);
-            bypass_mgr_store_product(record);
-        });
-        const int64_t count = bypass_mgr_stored_count("a");
-        EXPECT_EQ(bypass_mgr_stored_status("a"), count == 3 ? STATUS_BYPASS : STATUS_UNKNOWN);
-        EXPECT_TRUE(count == 3 || (count == -1 && reached));
-    }
-    EXPECT_FALSE(reached);
-    {
-        failing_memory failing(1, true);
-        bypass_mgr_store_load(5);
-        bypass_mgr_store_product(record);
-    }
-    bypass_mgr_store_product(record);
-    EXPECT_EQ(bypass_mgr_stored_count("a"), 3);
 }
 
 static int s_alarms, s_deliver_result;

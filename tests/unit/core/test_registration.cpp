@@ -1,51 +1,12 @@
-/* Messages of products: what each is compared with, which calls follow, and in which order. */
+/* Messages of products, and the registration of the platform's own drivers. */
 #include "core_patches.h"
 
 #include <gtest/gtest.h>
 
-#include "bypass_mgr.h"
 #include "bypass_mgr_registry.h"
 #include "bypass_mgr_store.h"
 #include "bypass_subscriber.h"
 #include "unit_support.h"
-
-static constexpr uint32_t TEN_DAYS = 864000u;
-#define CRASH  "'crash_info':{'path':'C:\\\\d','create_time':'then','module_name':'mx'}"
-#define SET_1  "push a {'count':1,'reason':'none','type':'set_count'}"
-#define BYPASS "push a {'reason':'mx','type':'bypass'}"
-
-/* clang-format off */
-static const struct registration_row {
-    const char *name, *data; /* the store's, without braces */
-    const char *status;
-    int64_t count;
-    uint64_t uptime;
-    bool updated;
-    const char *calls;
-    int64_t count_after;
-    int32_t parsed;
-} s_registrations[] = {
-    {"unknown",                 "", "working",      3, 1, false, "history; timer 30000", 3, 0},
-    {"unknown, bypassed",       "", "bypass",       3, 1, false, "timer 30000", 3, 0},
-    {"unknown after a crash",   CRASH, "working",   3, 1, false, "history; " BYPASS, 3, 1},
-    {"the same",                "'a':{'count':3,'status':1}", "working", 3, 1, true, "history", 3, 1},
-    {"known after a crash",     "'a':{'count':3,'status':1}," CRASH, "working", 5, 1, false, "history; " BYPASS, 5, 1},
-    {"its state wins",          "'a':{'count':3,'status':2}," CRASH, "working", 5, 1, false, "history; store {'a':{'count':5,'status':1},'crash_info':{'create_time':'then','module_name':'mx','path':'C:\\\\d'}}", 5, 0},
-    {"higher",                  "'a':{'count':3,'status':1}", "working", 5, 1, false, "history; update?; push a {'count':3,'reason':'none','type':'set_count'}", 3, 1},
-    {"lower",                   "'a':{'count':3,'status':1}", "working", 2, 1, false, "history; update?; store {'a':{'count':2,'status':1}}", 2, 1},
-    {"higher, updated",         "'a':{'count':3,'status':1}", "working", 5, 1, true,  "history; update?", 5, 1},
-    {"lower, updated",          "'a':{'count':3,'status':1}", "working", 2, 1, true,  "history; update?", 2, 1},
-    {"higher, bypassed",        "'a':{'count':3,'status':2}", "bypass",  5, 1, false, "update?; history; timer 60000", 5, 1},
-    {"lower, bypassed",         "'a':{'count':3,'status':2}", "bypass",  2, 1, false, "update?; history; timer 60000", 2, 1},
-    {"higher, bypassed, update","'a':{'count':3,'status':2}", "bypass",  5, 1, true,  "update?", 5, 1},
-    {"count 0 is known",        "'a':{'count':0,'status':1}", "working", 0, 1, false, "history", 0, 1},
-    {"late",                    "", "working", 2, TEN_DAYS,     false, "history; store {'a':{'count':1,'status':1}}; " SET_1, 1, 1},
-    {"late, initializing",      "", "initializing", 9, TEN_DAYS, false, "store {'a':{'count':1,'status':3}}; " SET_1, 1, 1},
-    {"a second before",         "", "working", 2, TEN_DAYS - 1, false, "history; timer 30000", 2, 0},
-    {"late, count 1",           "", "working", 1, TEN_DAYS,     false, "history; timer 30000", 1, 0},
-    {"late, bypassed",          "", "bypass",  9, TEN_DAYS,     false, "timer 30000", 9, 0},
-};
-/* clang-format on */
 
 static int32_t send_message(const char *type, const char *status, int64_t count)
 {
@@ -58,50 +19,16 @@ static int32_t send_message(const char *type, const char *status, int64_t count)
     return result;
 }
 
-TEST(test_registration, calls_in_order)
+/* Even when the order does not reach it. */
+TEST(test_registration, an_ordered_product_counts_as_examined)
 {
-    for (const registration_row &row : s_registrations) {
-        SCOPED_TRACE(row.name);
-        const core_patches patches;
+    const core_patches patches;
 
-        s_core.document = core_json(std::string("{'start_time':9,'data':{") + row.data + "}}");
-        bypass_mgr_store_load(9);
-        s_core.uptime_seconds = row.uptime;
-        s_core.updated = row.updated;
-        EXPECT_EQ(send_message("reg", row.status, row.count), 0);
-        EXPECT_EQ(core_calls(), row.calls);
-        const struct suber_set *record = bypass_mgr_table_find(core_subscriber(0));
-        EXPECT_EQ(record->count, row.count_after);
-        EXPECT_EQ(record->parsed, row.parsed);
-    }
-}
-
-/* Of a "modify" only the status counts, and the store keeps the registered count. */
-TEST(test_registration, modify)
-{
-    static const struct {
-        const char *status;
-        const char *calls;
-        int32_t stored;
-    } s_rows[] = {
-        {"bypass",       "store {'a':{'count':3,'status':2}}",          2},
-        {"working",      "history; store {'a':{'count':3,'status':1}}", 1},
-        {"initializing", "store {'a':{'count':3,'status':3}}",          3},
-        {"Working",      "store {'a':{'count':3,'status':0}}",          0},
-    };
-
-    for (const auto &row : s_rows) {
-        SCOPED_TRACE(row.status);
-        const core_patches patches;
-        struct suber_set *record = core_product(0, STATUS_INITIALIZING, 3);
-
-        record->parsed = 1;
-        EXPECT_EQ(send_message("modify", row.status, 8), 0);
-        EXPECT_EQ(core_calls(), row.calls);
-        EXPECT_EQ(record->status, row.stored);
-        EXPECT_EQ(record->count, 3);
-        EXPECT_EQ(record->parsed, 1);
-    }
+    bypass_mgr_store_crash("C:\\d", "then", "mx");
+    core_calls();
+    EXPECT_EQ(send_message("reg", "working", 3), 0);
+    EXPECT_EQ(core_calls(), "history; push a {'reason':'mx','type':'bypass'}");
+    EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0))->parsed, 1);
 }
 
 /* Whichever allocation fails, a product is registered as a whole or not at all, without a leak. */
@@ -186,44 +113,4 @@ TEST(test_registration, results)
     EXPECT_EQ(send_message("reg", "bypass", 2), -1);
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0))->count, 1);
     json_decref(message);
-}
-
-TEST(test_install_callback, moments_and_errors)
-{
-    static const struct {
-        int32_t error, moment;
-        const char *logged; /* after the first line */
-        bool registered;    /* afterwards; before: yes */
-    } s_rows[] = {
-        {0,  0,  nullptr,                                                         true },
-        {0,  3,  nullptr,                                                         true },
-        {0,  -1, "invalid moment[-1]",                                            true },
-        {0,  4,  "invalid moment[4]",                                             true },
-        {0,  1,  "multiple registration",                                         true },
-        {0,  2,  "bypass_mgr subscriber ns(space) name : a unsubscribe!",         false},
-        {5,  2,  "expr[0 == err] false! bypass_mgr callback failed! errcode(5)",  true },
-        {-1, 1,  "expr[0 == err] false! bypass_mgr callback failed! errcode(-1)", true },
-        {5,  9,  "expr[0 == err] false! bypass_mgr callback failed! errcode(5)",  true },
-    };
-
-    for (const auto &row : s_rows) {
-        SCOPED_TRACE(testing::Message() << row.error << " " << row.moment);
-        const core_patches patches;
-        json_t *message = core_json("{'product_name':'a','type':'reg','status':'working'}");
-        char first[80];
-
-        EXPECT_EQ(bypass_mgr_init(), 0);
-        core_product(0, STATUS_WORKING, 3);
-        core_calls();
-        log_forget();
-        s_core.install_cb(row.error, nullptr, row.moment, message, core_subscriber(0));
-        snprintf(first, sizeof(first), "start install bypass_mgr errcode(%d) moment(%d)", row.error,
-                 row.moment);
-        EXPECT_TRUE(log_contains(first));
-        EXPECT_EQ(log_contains("[warn]") || log_contains("[info]"), row.logged != nullptr);
-        EXPECT_TRUE(row.logged == nullptr || log_contains(row.logged));
-        EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)) != nullptr, row.registered);
-        EXPECT_EQ(core_calls(), row.registered ? "" : "release a");
-        json_decref(message);
-    }
 }

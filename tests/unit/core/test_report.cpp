@@ -5,6 +5,7 @@
 
 #include <oxni/base/resource.h>
 
+#include "bypass_mgr_report.h"
 #include "liboxnibase/host.h"
 #include "report_abnormal_crash.h"
 #include "report_alarm.h"
@@ -18,6 +19,23 @@ static int refuse_request(const char *, json_t *request, void *, oxni_res_reply_
     s_deliveries++;
     json_decref(request); /* taken over all the same */
     return -1;
+}
+
+TEST(test_report_trigger, results)
+{
+    const core_patches patches;
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+    struct suber_set nameless = {};
+
+    nameless.status = STATUS_BYPASS;
+    nameless.parsed = 1;
+    EXPECT_EQ(bypass_mgr_report_trigger(nullptr), -1);
+    EXPECT_EQ(bypass_mgr_report_trigger(&nameless), -1);
+    EXPECT_EQ(bypass_mgr_report_trigger(record), -2);
+    record->parsed = 1;
+    for (record->status = 0; record->status < 5; record->status++)
+        EXPECT_EQ(bypass_mgr_report_trigger(record), record->status == STATUS_BYPASS ? 0 : -2);
+    EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
 /* A report and what it owns; whichever allocation fails, nothing of it leaks and the log line names what

@@ -85,20 +85,6 @@ TEST(test_store, reset)
     }
 }
 
-/* A text that fills its field, and one that does not fit. */
-TEST(test_store, long_crash_texts)
-{
-    const core_patches patches;
-    struct crash_info crash = {};
-
-    bypass_mgr_store_crash(std::string(259, 'p').c_str(), std::string(260, 't').c_str(),
-                           std::string(300, 'm').c_str());
-    EXPECT_EQ(bypass_mgr_stored_crash(&crash), 0);
-    EXPECT_EQ(crash.crash_path, std::string(259, 'p'));
-    EXPECT_EQ(crash.crash_create_time, std::string(259, 't'));
-    EXPECT_EQ(crash.crash_module, std::string(259, 'm'));
-}
-
 TEST(test_recover_tag, results)
 {
     const core_patches patches;

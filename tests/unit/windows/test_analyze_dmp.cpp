@@ -1,59 +1,26 @@
-/* The analysis of a dump: what the engine is asked and gets back, and the modules cut from what it
- * prints. */
+/* The analysis of a dump: the search for the engine, what is given back to it, and the modules cut
+ * from what it prints. dump_analysis.json has the calls of the engine. */
 #include "analyze_dmp.h"
 
 #include "proc_address.h"
-#include "status_check.h"
 #include "unit_support.h"
-#include "win_event_parse.h"
-
-#include <cstring>
 
 #include <initguid.h>
-#include <dbgeng.h>
-#include <gtest/gtest.h>
+#include "dbgeng/engine_unused.h"
 
-#include <oxni/base/timer.h>
+#include <gtest/gtest.h>
 
 static constexpr wchar_t DUMP[] = L"C:\\d.dmp";
 static constexpr char STACK[] = "Call Site\nnt+0x107\n";
 
-/* Slot of the client's function, as the debugger's SDK publishes it, and how many are copied. */
-static constexpr int SET_OUTPUT_CALLBACKS = 34;
-static constexpr int WATCHED_SLOTS = 70;
-
 typedef HRESULT(WINAPI *create_fn)(REFIID iid, void **client);
-typedef HRESULT(STDMETHODCALLTYPE *set_callbacks_fn)(IDebugClient *, IDebugOutputCallbacks *);
 
 static const wchar_t *s_missing_module; /* that cannot be loaded */
-static void *s_watched[WATCHED_SLOTS];  /* the client's functions, one of them of the test */
-static create_fn s_create;              /* the engine's own, as is the next */
-static set_callbacks_fn s_set_callbacks;
-static bool s_keep_callbacks;
-static IDebugOutputCallbacks *s_callbacks; /* with a reference of the test's own, if kept */
+static create_fn s_create;              /* the engine's own, but for one test */
 
-static HRESULT STDMETHODCALLTYPE set_callbacks(IDebugClient *client,
-                                               IDebugOutputCallbacks *callbacks)
+static HRESULT WINAPI create(REFIID iid, void **client)
 {
-    if (callbacks != nullptr && s_keep_callbacks) {
-        s_callbacks = callbacks;
-        callbacks->AddRef();
-    }
-    return s_set_callbacks(client, callbacks);
-}
-
-static HRESULT WINAPI create_watched(REFIID iid, void **client)
-{
-    const HRESULT hr = s_create(iid, client);
-
-    if (hr == S_OK) {
-        void ***object = static_cast<void ***>(*client);
-        memcpy(s_watched, *object, sizeof(s_watched));
-        s_set_callbacks = reinterpret_cast<set_callbacks_fn>(s_watched[SET_OUTPUT_CALLBACKS]);
-        s_watched[SET_OUTPUT_CALLBACKS] = reinterpret_cast<void *>(set_callbacks);
-        *object = s_watched;
-    }
-    return hr;
+    return s_create(iid, client);
 }
 
 static HMODULE WINAPI load(const wchar_t *name)
@@ -68,9 +35,9 @@ static FARPROC WINAPI no_address(HMODULE, const char *)
     return nullptr;
 }
 
-static FARPROC WINAPI watched_address(HMODULE, const char *)
+static FARPROC WINAPI our_address(HMODULE, const char *)
 {
-    return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(create_watched));
+    return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(create));
 }
 
 /* Before all tests: the engine is searched for only until it is found. */
@@ -88,7 +55,7 @@ struct engine_search : public testing::Environment {
             EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
             EXPECT_EQ(text, "untouched");
         }
-        import_patch address_patch("GetProcAddress", watched_address);
+        import_patch address_patch("GetProcAddress", our_address);
         EXPECT_TRUE(get_dmp_info(DUMP, 1, &text));
         EXPECT_EQ(text, STACK);
     }
@@ -103,37 +70,74 @@ TEST(test_get_dmp_info, references)
          {"DebugCreate", "QueryInterface", "SetOutputCallbacks", "OpenDumpFileWide", "WaitForEvent",
           "GetStackTrace", "OutputStackTrace", static_cast<const char *>(nullptr)}) {
         SCOPED_TRACE(failing == nullptr ? "none" : failing);
+        const uint64_t blocks = live_blocks();
         std::string text = "untouched";
         engine_play(DUMP, STACK, failing, S_FALSE);
-        s_callbacks = nullptr;
-        s_keep_callbacks = true;
         EXPECT_EQ(get_dmp_info(DUMP, 1, &text), failing == nullptr);
         EXPECT_EQ(text, failing == nullptr ? STACK : "untouched");
+        text = std::string();
         EXPECT_EQ(engine_left(), 0u);
-        s_keep_callbacks = false;
-        if (s_callbacks != nullptr) {
-            EXPECT_EQ(s_callbacks->Release(), 0u);
-        }
+        EXPECT_EQ(live_blocks(), blocks);
     }
 }
 
+/* A client that keeps the callbacks, and takes none. */
+static struct : engine_unused_client {
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **out) override
+    {
+        *out = this; /* the control, of which only the release is called */
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override
+    {
+        return 1;
+    }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        return 1;
+    }
+    HRESULT STDMETHODCALLTYPE SetOutputCallbacks(IDebugOutputCallbacks *given) override
+    {
+        if (given != nullptr) {
+            callbacks = given;
+            given->AddRef();
+        }
+        return E_FAIL;
+    }
+    HRESULT STDMETHODCALLTYPE EndSession(ULONG) override
+    {
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE OpenDumpFileWide(const wchar_t *, ULONG64) override
+    {
+        return S_OK;
+    }
+
+    IDebugOutputCallbacks *callbacks = nullptr;
+} s_client;
+
 TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
 {
+    const create_fn engines_own = s_create;
     std::string text;
     void *out = &text;
 
-    engine_play(DUMP, STACK);
-    s_keep_callbacks = true;
-    ASSERT_TRUE(get_dmp_info(DUMP, 1, &text));
-    s_keep_callbacks = false;
-    EXPECT_EQ(s_callbacks->QueryInterface(IID_IDebugClient, &out), E_NOINTERFACE);
+    s_create = [](REFIID, void **client) -> HRESULT {
+        *client = &s_client;
+        return S_OK;
+    };
+    EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
+    s_create = engines_own;
+    ASSERT_NE(s_client.callbacks, nullptr);
+    EXPECT_EQ(s_client.callbacks->QueryInterface(IID_IDebugClient, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     for (const IID *iid : {&IID_IUnknown, &IID_IDebugOutputCallbacks}) {
-        EXPECT_EQ(s_callbacks->QueryInterface(*iid, &out), S_OK);
-        EXPECT_EQ(out, s_callbacks);
-        EXPECT_EQ(s_callbacks->Release(), 1u);
+        EXPECT_EQ(s_client.callbacks->QueryInterface(*iid, &out), S_OK);
+        EXPECT_EQ(out, s_client.callbacks);
+        EXPECT_EQ(s_client.callbacks->Release(), 1u);
     }
-    EXPECT_EQ(s_callbacks->Release(), 0u);
+    EXPECT_EQ(s_client.callbacks->Output(DEBUG_OUTPUT_NORMAL, STACK), S_OK);
+    EXPECT_EQ(s_client.callbacks->Release(), 0u);
 }
 
 /* A text that lost a part is no text: the rest of a line would name another module. */
@@ -160,159 +164,6 @@ TEST(test_get_dmp_info, no_memory_for_the_text)
     }
     EXPECT_FALSE(reached);
     EXPECT_TRUE(stopped);
-}
-
-/* An engine of this test, which records its calls. */
-static constexpr int ENGINE_SLOTS = 128;
-
-struct recording_object {
-    void **functions;
-    const char *name;
-};
-
-static void *s_client_functions[ENGINE_SLOTS], *s_control_functions[ENGINE_SLOTS];
-static recording_object s_client = {s_client_functions, "client"};
-static recording_object s_control = {s_control_functions, "control"};
-static std::string s_asked;
-
-static void note(const std::string &word)
-{
-    s_asked += word + "; ";
-}
-
-static HRESULT STDMETHODCALLTYPE note_query(recording_object *, REFIID iid, void **out)
-{
-    const bool control = IsEqualIID(iid, IID_IDebugControl);
-
-    note(control ? "query control" : IsEqualIID(iid, IID_IDebugClient4) ? "query client" : "query");
-    *out = control ? &s_control : &s_client;
-    return S_OK;
-}
-
-static ULONG STDMETHODCALLTYPE note_release(recording_object *object)
-{
-    note(std::string("release ") + object->name);
-    return 1;
-}
-
-/* The engine keeps no reference of its own, so releasing the callbacks frees them. */
-static HRESULT STDMETHODCALLTYPE note_callbacks(recording_object *, IDebugOutputCallbacks *given)
-{
-    note(given != nullptr ? "callbacks" : "no callbacks");
-    s_callbacks = given;
-    return S_OK;
-}
-
-static HRESULT STDMETHODCALLTYPE note_open(recording_object *, const wchar_t *path, ULONG64 handle)
-{
-    note("open " + std::to_string(wcscmp(path, DUMP)) + " " + std::to_string(handle));
-    return S_OK;
-}
-
-static HRESULT STDMETHODCALLTYPE note_wait(recording_object *, ULONG flags, ULONG timeout)
-{
-    note("wait " + std::to_string(flags) + " " + std::to_string(timeout));
-    return S_OK;
-}
-
-static HRESULT STDMETHODCALLTYPE note_frames(recording_object *, ULONG64 frame, ULONG64 stack,
-                                             ULONG64 instruction, DEBUG_STACK_FRAME *frames,
-                                             ULONG size, ULONG *filled)
-{
-    note("frames " + std::to_string(frame + stack + instruction) + " of " + std::to_string(size));
-    EXPECT_EQ(frames[size].InstructionOffset, 0u); /* the array has one more element, zeroed */
-    *filled = 7;
-    return S_OK;
-}
-
-static HRESULT STDMETHODCALLTYPE note_print(recording_object *, ULONG control, DEBUG_STACK_FRAME *,
-                                            ULONG frames, ULONG flags)
-{
-    note("print " + std::to_string(frames) + " to " + std::to_string(control) + " as " +
-         std::to_string(flags));
-    return s_callbacks->Output(DEBUG_OUTPUT_NORMAL, STACK);
-}
-
-static HRESULT STDMETHODCALLTYPE note_end(recording_object *, ULONG flags)
-{
-    note("end " + std::to_string(flags));
-    return S_OK;
-}
-
-static HRESULT WINAPI note_create(REFIID iid, void **client)
-{
-    note(IsEqualIID(iid, IID_IDebugClient) ? "create client" : "create");
-    s_client.functions = s_client_functions;
-    *client = &s_client;
-    return S_OK;
-}
-
-/* Puts a function into the slot of a virtual one. */
-template <typename Member, typename Function>
-static void put(void **functions, Member member, Function *function)
-{
-    uintptr_t slot; /* one more than its offset, as this compiler has it */
-
-    memcpy(&slot, &member, sizeof(slot));
-    functions[(slot - 1) / sizeof(void *)] = reinterpret_cast<void *>(function);
-}
-
-TEST(test_get_dmp_info, what_the_engine_is_asked)
-{
-    const create_fn engines_own = s_create;
-    std::string text;
-
-    put(s_client_functions, &IDebugClient::QueryInterface, note_query);
-    put(s_client_functions, &IDebugClient::Release, note_release);
-    put(s_client_functions, &IDebugClient::SetOutputCallbacks, note_callbacks);
-    put(s_client_functions, &IDebugClient::EndSession, note_end);
-    put(s_client_functions, &IDebugClient4::OpenDumpFileWide, note_open);
-    put(s_control_functions, &IDebugControl::Release, note_release);
-    put(s_control_functions, &IDebugControl::WaitForEvent, note_wait);
-    put(s_control_functions, &IDebugControl::GetStackTrace, note_frames);
-    put(s_control_functions, &IDebugControl::OutputStackTrace, note_print);
-    s_create = note_create;
-    s_asked.clear();
-    EXPECT_TRUE(get_dmp_info(DUMP, 300001, &text));
-    s_create = engines_own;
-    EXPECT_EQ(text, STACK);
-    EXPECT_EQ(s_asked, "create client; query control; callbacks; query client; open 0 0; "
-                       "release client; wait 0 300001; frames 0 of 99; print 7 to 1 as 144; "
-                       "release control; no callbacks; end 0; release client; ");
-}
-
-static oxni_timer_fn s_poll;
-static void *s_poll_argument;
-
-static uint64_t keep_poll(uint32_t, oxni_timer_fn poll, void *argument)
-{
-    s_poll = poll;
-    s_poll_argument = argument;
-    return 1;
-}
-
-static int ignore_verdict(int32_t, const crash_module_set &, const std::string &,
-                          const event_info &, void *)
-{
-    return 0;
-}
-
-/* A check waits at most five minutes for the engine. */
-TEST(test_get_dmp_info, time_of_a_check)
-{
-    const create_fn engines_own = s_create;
-    import_patch timer("oxni_timer_start", keep_poll);
-    system_log log(event_record(1001, L"BugCheck"));
-    listed_file dump(L"a.dmp", INT64_MAX / 2);
-
-    registry_set(L"SYSTEM\\CurrentControlSet\\Services\\load_driver", L"TimerMaxCount", REG_SZ,
-                 wide_bytes(L"0"));
-    s_create = note_create;
-    s_asked.clear();
-    EXPECT_EQ(start_bypass_status_check(ignore_verdict, nullptr), 1);
-    s_poll(nullptr, s_poll_argument);
-    s_create = engines_own;
-    EXPECT_NE(s_asked.find("wait 0 300000; "), std::string::npos) << s_asked;
 }
 
 TEST(test_analyze_dmp_file, no_path)

@@ -3,8 +3,6 @@
 
 #include "unit_support.h"
 
-#include <stdexcept>
-
 #include <cstddef>
 #include <cstring>
 
@@ -191,16 +189,6 @@ TEST(test_find_expected_event, look_ups)
     EXPECT_TRUE(event_key_less()({1, L"B"}, {1, L"A"})) << "no order of providers";
 }
 
-TEST(test_unix_time_to_filetime, seconds_are_unsigned)
-{
-    FILETIME filetime;
-
-    unix_time_to_filetime(UINT32_MAX, &filetime);
-    EXPECT_EQ((static_cast<uint64_t>(filetime.dwHighDateTime) << 32) | filetime.dwLowDateTime,
-              159394408950000000);
-    unix_time_to_filetime(1, nullptr);
-}
-
 /* Insertion strings that the record's fields place wrongly. */
 TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
 {
@@ -245,60 +233,5 @@ TEST(test_get_crash_info, no_memory)
         while_failing(nth,
                       [&] { EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 2u); });
         EXPECT_EQ(live_blocks(), blocks);
-    }
-}
-
-static bool s_privilege_enabled;
-
-static BOOL WINAPI adjust_privileges(HANDLE, BOOL, TOKEN_PRIVILEGES *privileges, DWORD,
-                                     TOKEN_PRIVILEGES *, DWORD *)
-{
-    s_privilege_enabled = privileges->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED;
-    SetLastError(ERROR_SUCCESS);
-    return TRUE;
-}
-
-/* An exception leaves the privilege disabled, the log closed and the buffer freed. */
-TEST(test_get_crash_info, exception)
-{
-    import_patch adjust("AdjustTokenPrivileges", adjust_privileges);
-    system_log log({});
-    event_info info = {};
-    const uint64_t blocks = live_blocks();
-
-    system_log::read_throws = true;
-    log_forget();
-    EXPECT_THROW(win_event_parse().get_crash_info(&info, s_crash_map), std::range_error);
-    EXPECT_TRUE(log_contains("adjust process privilege success with 1 "));
-    EXPECT_FALSE(s_privilege_enabled);
-    EXPECT_EQ(system_log::logs_open, 0);
-    EXPECT_EQ(live_blocks(), blocks);
-}
-
-/* The word of an event depends on its id alone. */
-TEST(test_get_crash_info, words)
-{
-    static const struct {
-        uint32_t id;
-        const char *word;
-    } s_rows[] = {
-        {12,   "event[12][windows_start] provider[x]"           },
-        {41,   "event[41][windows_nonomal_shutdown] provider[x]"},
-        {1001, "event[1001][windows_system_crash] provider[x]"  },
-        {7001, "event[7001][windows_winlogin] provider[x]"      },
-        {5,    "event[5][unknown] provider[x]"                  },
-    };
-
-    for (const auto &row : s_rows) {
-        const event_key key = {row.id, nullptr};
-        const expected_event_map expected = {&key, 1};
-        system_log log(event_record(row.id, L"x", {L"text"}));
-        event_info info = {};
-        log_forget();
-        EXPECT_EQ(win_event_parse().get_crash_info(&info, expected), 0u);
-        EXPECT_EQ(info.event_id, row.id);
-        EXPECT_EQ(info.time_generated, static_cast<uint32_t>(MOMENT));
-        EXPECT_EQ(info.strings.size(), row.id == 1001 ? 1u : 0u);
-        EXPECT_TRUE(log_contains(row.word));
     }
 }
