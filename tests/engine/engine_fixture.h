@@ -165,11 +165,11 @@ struct reading {
 /* Reads a dump whose bytes end at an inaccessible page: an access after them ends the program. */
 inline reading read(const std::vector<uint8_t> &bytes, size_t frames = 99)
 {
-    static constexpr size_t room = 0x4000000;
+    static constexpr size_t ROOM = 0x4000000;
     static uint8_t *const s_end = static_cast<uint8_t *>(VirtualAlloc(
-                                      VirtualAlloc(nullptr, 2 * room, MEM_RESERVE, PAGE_NOACCESS),
-                                      room, MEM_COMMIT, PAGE_READWRITE)) +
-                                  room;
+                                      VirtualAlloc(nullptr, 2 * ROOM, MEM_RESERVE, PAGE_NOACCESS),
+                                      ROOM, MEM_COMMIT, PAGE_READWRITE)) +
+                                  ROOM;
     reading made;
     const auto add = [](std::string &list, const std::string &word) {
         list += (list.empty() ? "" : " ") + word;

@@ -14,7 +14,7 @@ static constexpr uint64_t INNER = ONE_BASE + 0x100; /* a module inside another o
 /* Reads a dump that must be valid. */
 static reading read_valid(const dump_model &model, size_t frames = 99)
 {
-    const reading made = read(dump_build(model), frames);
+    reading made = read(dump_build(model), frames);
 
     EXPECT_EQ(made.error, KERNEL_DUMP_OK);
     EXPECT_EQ(made.findings, "");

@@ -1,12 +1,9 @@
-/* Commands to products: messages, what a reply changes, and the two broadcasts. */
+/* Commands to products: messages, and what a reply changes. */
 #include "core_patches.h"
 
 #include <gtest/gtest.h>
 
-#include <oxni/base/debug_console.h>
-
 #include "bypass_mgr_command.h"
-#include "bypass_mgr_debug.h"
 #include "unit_support.h"
 
 /* clang-format off */
@@ -100,34 +97,4 @@ TEST(test_command, memory)
     }
     EXPECT_FALSE(reached);
     EXPECT_TRUE(failed && without_reason);
-}
-
-static std::string s_echo;
-
-static void keep_echo(oxni_dbg_context *, int, const char *text)
-{
-    s_echo = text;
-}
-
-/* Neither option keeps anything; "-r" orders everyone, registered or bypassed. */
-TEST(test_debug_command, memory)
-{
-    const core_patches patches;
-    import_patch echo("oxni_dbg_echo", keep_echo);
-    char word[] = "bypass", restore[] = "-r", print[] = "-p";
-
-    core_product(0, STATUS_WORKING, 3);
-    core_product(1, STATUS_BYPASS, 3);
-    for (char *option : {restore, print, restore, print}) {
-        char *arguments[] = {word, option};
-        const uint64_t blocks = live_blocks();
-        const bool first = s_core.cookie == nullptr;
-        bypass_mgr_dbg_cmd(2, arguments, nullptr);
-        EXPECT_EQ(core_calls(), option == print ? ""
-                                                : "push a {'reason':'none','type':'recover'}; "
-                                                  "push b {'reason':'none','type':'recover'}; "
-                                                  "tag=");
-        EXPECT_EQ(live_blocks(), blocks + (first ? 1 : 0)); /* the last command's kind */
-        EXPECT_EQ(s_echo[0], '[');
-    }
 }

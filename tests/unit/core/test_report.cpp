@@ -1,16 +1,26 @@
-/* Reports and alarms: what they hold, and what is left when memory runs out. */
+/* Reports and alarms: what they hold, and what is left when memory runs out; guards that no host reaches
+ * in order: missing names, calls of Windows that fail at odd moments. */
 #include "core_patches.h"
 
 #include <gtest/gtest.h>
 
+#include <oxni/base/log.h>
+#include <oxni/base/memory.h>
 #include <oxni/base/resource.h>
 
+#include "bypass_mgr_command.h"
+#include "bypass_mgr_decision.h"
+#include "bypass_mgr_registry.h"
 #include "bypass_mgr_report.h"
+#include "crash_dump.h"
 #include "liboxnibase/host.h"
 #include "report_abnormal_crash.h"
 #include "report_alarm.h"
+#include "report_history.h"
+#include "report_link.h"
 #include "report_pending.h"
 #include "unit_support.h"
+#include "win_event_parse.h"
 
 static int s_deliveries;
 
@@ -38,28 +48,17 @@ TEST(test_report_trigger, results)
     EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
-/* A report and what it owns; whichever allocation fails, nothing of it leaks and the log line names what
- * was missing. */
+/* A report and what it owns; whichever of its six allocations fails, nothing of it leaks. */
 TEST(test_report_pending, memory)
 {
-    static const char *const s_lines[] = {
-        "Failed to zero_malloc memory", /* the names */
-        "Failed to zero_malloc memory", /* the report */
-        "Failed to strdup memory",
-        "strdup filed!",
-        "strdup filed!",
-        "expr[drv_info->crash_info] false! zero_malloc fail",
-    };
     const core_patches patches;
     const struct crash_info crash = {"C:\\d", "then", "ma"};
     char first[] = "ma", second[] = "mb", *names[] = {first, second};
     const uint64_t blocks = live_blocks();
 
-    for (uint64_t nth = 1; nth <= ARRAYSIZE(s_lines); nth++) {
+    for (uint64_t nth = 1; nth <= 6; nth++) {
         SCOPED_TRACE(nth);
-        log_forget();
         while_failing(nth, [&] { drv_info_add(names, 2, "a", &crash); });
-        EXPECT_TRUE(log_contains(s_lines[nth - 1]));
         EXPECT_FALSE(report_pending_has("a"));
         EXPECT_EQ(live_blocks(), blocks);
     }
@@ -111,4 +110,185 @@ TEST(test_alarm, without_a_device)
     EXPECT_STREQ(json_string_value(json_object_get(data, "appversion")), "16.20.933");
     json_decref(content);
     EXPECT_EQ(live_blocks(), blocks);
+}
+
+/* A product and a handle without names have empty ones in log lines, and no entry in the store. */
+TEST(test_guards, missing_names)
+{
+    const core_patches patches;
+    const struct bypass_cmd request = {"bypass", "m", 0};
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+
+    oxni_free_(record->product_name);
+    record->product_name = nullptr;
+    s_core.nameless = true;
+    log_forget();
+    (void)bypass_mgr_check_cb(3, {}, "", {}, core_subscriber(0));
+    EXPECT_TRUE(log_contains("The product () has already passed"));
+    EXPECT_FALSE(log_contains("Malloc memory failure"));
+    EXPECT_EQ(core_calls(), "tag?; store {}; release a");
+    for (const int32_t error : {5, 0}) {
+        (void)bypass_mgr_send(core_subscriber(0), &request);
+        s_core.reply(error, s_core.cookie, s_core.pushed_to, nullptr);
+        s_core.cookie = nullptr;
+    }
+    EXPECT_TRUE(log_contains("Successfully send bypass command, ns(), name()"));
+    bypass_mgr_unsubscribe(core_subscriber(0));
+    EXPECT_TRUE(log_contains("bypass_mgr subscriber ns() name :  unsubscribe!"));
+}
+
+template <typename... Arguments> static BOOL WINAPI refuse(Arguments...)
+{
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+
+static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *)
+{
+    *filled = 0;
+    return TRUE;
+}
+
+static std::vector<DWORD> s_expanded; /* results of the next calls, the last one first */
+
+static DWORD WINAPI expand(const wchar_t *, wchar_t *, DWORD)
+{
+    const DWORD chars = s_expanded.back();
+
+    s_expanded.pop_back();
+    return chars;
+}
+
+TEST(test_guards, calls_of_windows)
+{
+    const import_patch information("GetFileInformationByHandle",
+                                   refuse<HANDLE, BY_HANDLE_FILE_INFORMATION *>);
+    const temporary_folder folder;
+    const std::wstring path = (folder.path / "d.dmp").wstring();
+    uint64_t time = 7;
+
+    std::filesystem::create_directories(folder.path);
+    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    EXPECT_EQ(get_file_write_time(path.c_str(), &time), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(time, 7u);
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
+    log_forget();
+    EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
+    EXPECT_TRUE(log_contains("d.dmp information failed 5."));
+    for (const std::vector<DWORD> &results : {
+             std::vector<DWORD>{0   },
+             { 0, 300},
+             { 400, 300}
+    }) {
+        const import_patch patch("ExpandEnvironmentStringsW", expand);
+        s_expanded = results;
+        EXPECT_EQ(expand_env_path(L"%A%"), L"");
+        EXPECT_TRUE(s_expanded.empty());
+    }
+    {
+        const system_log log({});
+        const import_patch read("ReadEventLogW", read_nothing);
+        event_info info = {};
+        EXPECT_EQ(win_event_parse().get_crash_info(&info, {nullptr, 0}), 13u);
+        EXPECT_EQ(system_log::logs_open, 0);
+    }
+}
+
+static int s_alarms, s_deliver_result;
+
+static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_fn, unsigned)
+{
+    const json_t *content = json_object_get(json_object_get(request, "data"), "content");
+    const json_t *data = json_object_get(content, "data");
+    const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
+
+    s_alarms++;
+    EXPECT_EQ(json_object_size(data), 26u);
+    EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
+    EXPECT_NE(detail == nullptr
+                  ? nullptr
+                  : strstr(detail,
+                           "\"driverName\": [\"ma\"], \"crashInfo\": {\"dumpPath\": \"C:\\\\d\", "
+                           "\"dumpPathCreateTime\": \"then\", \"crashModuleName\": \"ma\"}}]"),
+              nullptr)
+        << detail;
+    json_decref(request);
+    if (s_deliver_result == 0)
+        oxni_free_(user);
+    return s_deliver_result;
+}
+
+static int insert_nothing(oxni_xhash *, const void *, size_t, void *)
+{
+    return -1;
+}
+
+static int info_level(void)
+{
+    return OXNI_LOG_INFO;
+}
+
+/* Whichever allocation fails, an alarm is delivered once with all its members, or not at all, and
+ * nothing of it leaks. */
+TEST(test_guards, alarm_without_memory)
+{
+    static const char answer[] = R"({"total": 1, "info": [{"product": "a", "device_id": "d",
+                                                          "agent_version": "1"}]})";
+    const core_patches patches;
+    const import_patch deliver("oxni_res_deliver", keep_alarm);
+    struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
+    bool reached = true;
+
+    report_link_create();
+    report_link_watch();
+    s_core.link("path", 1);
+    {
+        const import_patch insert("oxni_xhash_insert", insert_nothing);
+        const uint64_t blocks = live_blocks();
+        s_core.answer(0, answer);
+        EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_FALSE(report_link_connected());
+    }
+    s_core.answer(0, answer);
+    record->parsed = 1;
+    record->crash = {"C:\\d", "then", "ma"};
+    for (uint64_t nth = 1; nth < 300 && reached; nth++) {
+        SCOPED_TRACE(nth);
+        const uint64_t blocks = live_blocks();
+        s_alarms = 0;
+        reached = while_failing(
+            nth, [&] { EXPECT_EQ(bypass_mgr_report_trigger(record), nth == 1 ? -1 : 0); });
+        EXPECT_LE(s_alarms, 1);
+        EXPECT_TRUE(s_alarms == 1 || reached);
+        report_forget("a");
+        EXPECT_EQ(live_blocks(), blocks);
+    }
+    EXPECT_FALSE(reached);
+    {
+        const import_patch insert("oxni_xhash_insert", insert_nothing),
+            level("oxni_log_level_get", info_level);
+        const uint64_t blocks = live_blocks();
+        s_deliver_result = -1;
+        log_forget();
+        EXPECT_EQ(bypass_mgr_report_trigger(record), 0);
+        EXPECT_FALSE(log_contains("crach info"));
+        EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_FALSE(report_pending_has("a"));
+        s_deliver_result = 0;
+    }
+    s_core.link("path", 0);
+    report_link_create();
+}
+
+/* A path that does not fit is empty, and names no other file. */
+TEST(test_guards, long_install_folder)
+{
+    const core_patches patches;
+
+    oxnih_set_install_dir(("C:\\" + std::string(240, 'i') + "\\x").c_str());
+    log_forget();
+    EXPECT_TRUE(upload_history_need_report("a"));
+    EXPECT_TRUE(log_contains("cannot be resolved or is too long"));
+    EXPECT_TRUE(log_contains("Failed to open []!"));
+    oxnih_set_install_dir(nullptr);
 }

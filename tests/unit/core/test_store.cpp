@@ -1,4 +1,4 @@
-/* The documents on the disk: odd content, another boot, texts that are too long; the recovery tag that cannot be reached. */
+/* The store's document with odd content; the recovery tag that cannot be reached. */
 #include "core_patches.h"
 
 #include <gtest/gtest.h>
@@ -53,35 +53,6 @@ TEST(test_store, odd_content)
         EXPECT_EQ(strcmp(crash.crash_path, "before") == 0, !row.crash);
         EXPECT_EQ(strcmp(crash.crash_module, "before") == 0, !row.crash);
         EXPECT_EQ(core_calls(), "");
-    }
-}
-
-/* Which documents are of this boot, 9; and what of another boot's document stays. */
-TEST(test_store, reset)
-{
-    static const struct {
-        const char *document, *calls, *after;
-    } s_rows[] = {
-        {"{'start_time':9,'data':{'a':{'count':3}}}",    "",
-         "{'start_time':9,'data':{'a':{'count':3}}}"                                             },
-        {"{'start_time':8,'data':{'a':{'count':3}}}",    "store {}", "{'start_time':9,'data':{}}"},
-        {"{'start_time':9.0,'data':{'a':{'count':3}}}",  "store {}", "{'start_time':9,'data':{}}"},
-        {"{'start_time':'9','data':{'a':{'count':3}}}",  "store {}", "{'start_time':9,'data':{}}"},
-        {"{'data':{'a':{'count':3}}}",                   "store {}", "{'start_time':9,'data':{}}"},
-        {"{'start_time':8,'data':[1],'more':{'a':[1]}}", "store {}",
-         "{'start_time':9,'data':{},'more':{'a':[1]}}"                                           },
-    };
-
-    for (const auto &row : s_rows) {
-        SCOPED_TRACE(row.document);
-        const core_patches patches;
-        json_t *after = core_json(row.after);
-
-        s_core.document = core_json(row.document);
-        bypass_mgr_store_load(9);
-        EXPECT_EQ(core_calls(), row.calls);
-        EXPECT_TRUE(json_equal(s_core.document, after));
-        json_decref(after);
     }
 }
 
