@@ -21,7 +21,8 @@ struct open_file {
     bool time_set; /* ... unless the plug-in set it */
 };
 
-static std::wstring s_disk; /* the folder that "C:\..." lies in */
+static std::wstring s_disk;       /* the folder that "C:\..." lies in */
+static std::wstring s_run_folder; /* the one around it, in lower case, with a backslash */
 /* Creation times by real path in lower case. */
 static std::map<std::wstring, uint64_t> s_created;
 
@@ -38,6 +39,7 @@ void machine_open_disk(const std::wstring &folder)
 {
     machine_release_all_files();
     s_disk = folder;
+    s_run_folder = text_lower(s_disk.substr(0, s_disk.find_last_of(L'\\') + 1));
     s_created.clear();
     CreateDirectoryW(s_disk.c_str(), nullptr);
 }
@@ -53,10 +55,9 @@ static std::wstring full_path(const std::wstring &path)
 
 std::wstring machine_real_path(const std::wstring &path)
 {
-    std::wstring run_folder = text_lower(s_disk.substr(0, s_disk.find_last_of(L'\\')));
     std::wstring full = full_path(path);
 
-    if (text_lower(full).rfind(run_folder + L"\\", 0) == 0)
+    if (text_lower(full.substr(0, s_run_folder.size())) == s_run_folder)
         return full;
     if (full.size() > 2 && full[1] == L':')
         return s_disk + L"\\" + full[0] + full.substr(2);

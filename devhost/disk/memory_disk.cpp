@@ -26,7 +26,6 @@ REAL(L"kernel32.dll", CreateDirectoryW);
 REAL(L"kernel32.dll", RemoveDirectoryW);
 REAL(L"kernel32.dll", MoveFileExW);
 REAL(L"kernel32.dll", GetFileInformationByHandle);
-REAL(L"kernel32.dll", GetFullPathNameW);
 
 struct disk_handle {
     file_ptr file;
@@ -388,39 +387,6 @@ static BOOL WINAPI stand_in_MoveFileExW(const wchar_t *from, const wchar_t *to, 
     return TRUE;
 }
 
-/* Whether Windows takes a path as it is: absolute, all names in their usual spelling, and the last
- * one not that of a device ("nul", "com1.txt", "conin$"). */
-static bool is_full(const wchar_t *path)
-{
-    static constexpr size_t DEVICE_CHARS = 4;
-    const wchar_t *name = path + 3;
-
-    if (!iswalpha(path[0]) || path[1] != L':' || (path[2] != L'\\' && path[2] != L'/'))
-        return false;
-    for (const wchar_t *at = name;; at++) {
-        const bool ends = *at == L'\0' || *at == L'\\' || *at == L'/';
-
-        if (*at == L'$' || (ends && (at == name || at[-1] == L'.' || at[-1] == L' ')))
-            return false;
-        if (*at == L'\0')
-            return wcscspn(name, L".: ") > DEVICE_CHARS;
-        if (ends)
-            name = at + 1;
-    }
-}
-
-/* Windows takes longer for it than for all else that is done with a path. */
-static DWORD WINAPI stand_in_GetFullPathNameW(const wchar_t *path, DWORD chars, wchar_t *full,
-                                              wchar_t **name)
-{
-    const size_t length = wcslen(path);
-
-    if (name != nullptr || length >= chars || length < 4 || !is_full(path))
-        return real_GetFullPathNameW(path, chars, full, name);
-    std::replace_copy(path, path + length + 1, full, L'/', L'\\');
-    return static_cast<DWORD>(length);
-}
-
 static const stand_in_row s_stand_ins[] = {
     STAND_IN(CreateFileA),
     STAND_IN(CreateFileW),
@@ -438,7 +404,6 @@ static const stand_in_row s_stand_ins[] = {
     STAND_IN(MoveFileExW),
     STAND_IN(GetFileInformationByHandle),
     STAND_IN(GetFileAttributesExW),
-    STAND_IN(GetFullPathNameW),
 };
 
 static void redirect(HMODULE module, bool maps)

@@ -2,7 +2,6 @@
 #include "memory_disk_internal.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
@@ -14,8 +13,6 @@ REAL(L"kernel32.dll", CloseHandle);
 
 file_map memory_files;
 static std::wstring s_folder; /* in lower case, with a backslash; empty: there is no such disk */
-/* The folder as callers spell it, with backslashes or slashes. */
-static std::wstring s_spellings[2];
 
 bool memory_files_are_open(void)
 {
@@ -25,8 +22,6 @@ bool memory_files_are_open(void)
 void memory_files_open(const std::wstring &folder)
 {
     s_folder = text_lower(folder) + L"\\";
-    s_spellings[0] = s_spellings[1] = folder + L"\\";
-    std::replace(s_spellings[1].begin(), s_spellings[1].end(), L'\\', L'/');
 }
 
 /* In lower case, with backslashes, in one pass: this is done for each file operation of a boot.
@@ -48,26 +43,12 @@ static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
     return true;
 }
 
-/* The key of a path that begins as the folder is spelled: most do. */
-static bool usual_key(const wchar_t *path, std::wstring *key)
-{
-    const size_t chars = wcslen(path);
-
-    for (const std::wstring &folder : s_spellings)
-        if (chars > folder.size() &&
-            memcmp(path, folder.data(), folder.size() * sizeof(wchar_t)) == 0)
-            return normalize_ascii(path + folder.size() - 1, key) && key->back() != L'\\';
-    return false;
-}
-
 bool memory_file_key(const wchar_t *path, std::wstring *key)
 {
     wchar_t full[1024];
 
     if (s_folder.empty())
         return false;
-    if (usual_key(path, key))
-        return true;
     if (!normalize_ascii(path, key)) {
         DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, nullptr);
 

@@ -3,6 +3,7 @@
 #include "modules.h"
 
 #include <map>
+#include <string_view>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
@@ -60,17 +61,18 @@ static HMODULE engine_module(void)
 
 template <typename function> static function engine_function(const char *name)
 {
-    HMODULE engine = engine_module();
-    function found = nullptr;
+    static std::map<std::string_view, void *> functions; /* the engine stays loaded */
+    const HMODULE engine = engine_module();
+    void *&found = functions[name];
 
-    if (engine != nullptr)
-        found = reinterpret_cast<function>(reinterpret_cast<void *>(GetProcAddress(engine, name)));
+    if (found == nullptr && engine != nullptr)
+        found = reinterpret_cast<void *>(GetProcAddress(engine, name));
     if (found == nullptr)
         throw devhost_error(EXIT_NO_PLUGIN,
                             text_format("dbgeng.dll beside oxni_devhost.exe lacks %s (under Wine "
                                         "it is taken only with WINEDLLOVERRIDES=dbgeng=n,b)",
                                         name));
-    return found;
+    return reinterpret_cast<function>(found);
 }
 
 static HRESULT map_dump(const wchar_t *path, wchar_t *mapped, size_t chars, void *user)

@@ -5,6 +5,7 @@
  */
 #include "registry.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
 
@@ -45,15 +46,18 @@ static constexpr DWORD CREATE_OPTIONS =
 /* Removes the first name of a path and returns it. */
 static std::wstring take_name(std::wstring *path)
 {
-    size_t end = path->find(L'\\');
-    std::wstring name = text_lower(path->substr(0, end));
+    const size_t end = std::min(path->find(L'\\'), path->size());
+    std::wstring name = path->substr(0, end);
 
-    *path = end == std::wstring::npos ? L"" : path->substr(end + 1);
+    path->erase(0, end + 1);
     return name;
 }
 
-static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key, std::wstring path)
+static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key,
+                                              const std::wstring &given)
 {
+    std::wstring path = text_lower(given);
+
     while (key != nullptr && !path.empty()) {
         auto child = key->keys.find(take_name(&path));
 
@@ -64,9 +68,12 @@ static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key,
 
 /* Creates the missing keys of a path. NULL: a key that is not volatile cannot be created below a
  * volatile one. */
-static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key, std::wstring path,
-                                              bool is_volatile, bool *made)
+static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key,
+                                              const std::wstring &given, bool is_volatile,
+                                              bool *made)
 {
+    std::wstring path = text_lower(given);
+
     while (!path.empty()) {
         std::wstring name = take_name(&path);
 
@@ -108,9 +115,10 @@ static LONG normalize_path(HKEY parent, const wchar_t *given, REGSAM access, std
         return ERROR_INVALID_PARAMETER;
     while (!path->empty() && path->back() == L'\\')
         path->pop_back();
+    if ((access & KEY_WOW64_32KEY) == 0 || parent != HKEY_LOCAL_MACHINE)
+        return ERROR_SUCCESS;
     const std::wstring lower = text_lower(*path) + L"\\";
-    if ((access & KEY_WOW64_32KEY) != 0 && parent == HKEY_LOCAL_MACHINE &&
-        lower.rfind(software + L"\\", 0) == 0 && lower.rfind(software + wow + L"\\", 0) != 0)
+    if (lower.rfind(software + L"\\", 0) == 0 && lower.rfind(software + wow + L"\\", 0) != 0)
         path->insert(software.size(), wow);
     return ERROR_SUCCESS;
 }

@@ -15,8 +15,15 @@ static constexpr uint32_t MAX_PRIVILEGES =
 static constexpr size_t PRIVILEGE_BYTES = sizeof(LUID_AND_ATTRIBUTES);
 
 static std::map<HANDLE, DWORD> s_open; /* token handle to its rights */
-/* LUIDs of the privileges that the process enabled, and that it removed, which is final. */
-static std::set<DWORD> s_enabled, s_removed;
+/* The privileges that the process enabled, and that it removed, which is final: a bit for each. */
+static uint64_t s_enabled, s_removed;
+
+static_assert(FIRST_PRIVILEGE + ARRAYSIZE(PRIVILEGES) <= 64, "each LUID has a bit");
+
+static uint64_t bit_of(DWORD luid)
+{
+    return uint64_t{1} << luid;
+}
 
 static bool luid_of(const char *name, DWORD *luid)
 {
@@ -35,22 +42,21 @@ static bool is_held(const LUID &luid)
     const DWORD place = luid.LowPart - FIRST_PRIVILEGE;
 
     return luid.HighPart == 0 && place < ARRAYSIZE(PRIVILEGES) &&
-           s_removed.count(luid.LowPart) == 0 &&
+           (s_removed & bit_of(luid.LowPart)) == 0 &&
            machine_get().privileges.count(PRIVILEGES[place]) != 0;
 }
 
 void machine_start_token(void)
 {
     s_open.clear();
-    s_enabled.clear();
-    s_removed.clear();
+    s_enabled = s_removed = 0;
 }
 
 bool machine_token_has_enabled(const char *name)
 {
     DWORD luid;
 
-    return luid_of(name, &luid) && is_held({luid, 0}) && s_enabled.count(luid) != 0;
+    return luid_of(name, &luid) && is_held({luid, 0}) && (s_enabled & bit_of(luid)) != 0;
 }
 
 std::string machine_token_changes(void)
@@ -59,9 +65,9 @@ std::string machine_token_changes(void)
 
     for (const auto &change :
          {std::make_pair(s_enabled, " enabled"), std::make_pair(s_removed, " removed")})
-        for (const DWORD luid : change.first)
-            text += (text.empty() ? "" : ", ") + std::string(PRIVILEGES[luid - FIRST_PRIVILEGE]) +
-                    change.second;
+        for (DWORD i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
+            if ((change.first & bit_of(FIRST_PRIVILEGE + i)) != 0)
+                text += (text.empty() ? "" : ", ") + std::string(PRIVILEGES[i]) + change.second;
     return text;
 }
 
@@ -96,29 +102,30 @@ static std::vector<LUID_AND_ATTRIBUTES> wanted_states(BOOL disable_all, const TO
 {
     std::vector<LUID_AND_ATTRIBUTES> wanted;
 
-    if (disable_all)
-        for (const DWORD luid : s_enabled)
+    if (!disable_all)
+        return {set->Privileges, set->Privileges + set->PrivilegeCount};
+    for (DWORD luid = FIRST_PRIVILEGE; luid < FIRST_PRIVILEGE + ARRAYSIZE(PRIVILEGES); luid++)
+        if ((s_enabled & bit_of(luid)) != 0)
             wanted.push_back({
                 {luid, 0},
                 0
             });
-    else
-        wanted.assign(set->Privileges, set->Privileges + set->PrivilegeCount);
     return wanted;
 }
 
 /* Applies one change to a held privilege. Result: whether it changed anything. */
 static bool apply(const LUID_AND_ATTRIBUTES &wanted)
 {
-    const DWORD luid = wanted.Luid.LowPart;
+    const uint64_t bit = bit_of(wanted.Luid.LowPart), enabled = s_enabled, removed = s_removed;
 
-    if ((wanted.Attributes & SE_PRIVILEGE_REMOVED) != 0) {
-        s_enabled.erase(luid);
-        return s_removed.insert(luid).second;
-    }
-    if ((wanted.Attributes & SE_PRIVILEGE_ENABLED) != 0)
-        return s_enabled.insert(luid).second;
-    return s_enabled.erase(luid) != 0;
+    if ((wanted.Attributes & (SE_PRIVILEGE_REMOVED | SE_PRIVILEGE_ENABLED)) == SE_PRIVILEGE_ENABLED)
+        s_enabled |= bit;
+    else
+        s_enabled &= ~bit;
+    if ((wanted.Attributes & SE_PRIVILEGE_REMOVED) == 0)
+        return s_enabled != enabled;
+    s_removed |= bit;
+    return s_removed != removed;
 }
 
 static BOOL apply_all(const std::vector<LUID_AND_ATTRIBUTES> &wanted, TOKEN_PRIVILEGES *previous)
@@ -127,12 +134,13 @@ static BOOL apply_all(const std::vector<LUID_AND_ATTRIBUTES> &wanted, TOKEN_PRIV
     DWORD changed = 0;
 
     for (const LUID_AND_ATTRIBUTES &one : wanted) {
-        const DWORD before = s_enabled.count(one.Luid.LowPart) != 0 ? SE_PRIVILEGE_ENABLED : 0;
+        const uint64_t enabled = s_enabled;
 
         if (!is_held(one.Luid))
             all_held = false;
         else if (apply(one) && previous != nullptr)
-            previous->Privileges[changed++] = {one.Luid, before};
+            previous->Privileges[changed++] = {
+                one.Luid, (enabled & bit_of(one.Luid.LowPart)) != 0 ? SE_PRIVILEGE_ENABLED : 0ul};
     }
     if (previous != nullptr)
         previous->PrivilegeCount = changed;

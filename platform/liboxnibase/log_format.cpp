@@ -22,35 +22,9 @@ struct conversion {
     size_t length; /* characters in the format */
 };
 
-static bool is_digit(char c)
-{
-    return c >= '0' && c <= '9';
-}
-
-static bool is_flag(char c)
-{
-    return c == '-' || c == '+' || c == ' ' || c == '#' || c == '0';
-}
-
-static bool is_modifier(char c)
-{
-    return is_digit(c) || c == 'h' || c == 'l' || c == 'L' || c == 'q' || c == 'j' || c == 'z' ||
-           c == 't' || c == 'w' || c == 'I';
-}
-
-/* Characters at the start of a text that are of a kind. */
-static size_t count_of(const char *text, bool (*is)(char c))
-{
-    size_t count = 0;
-
-    while (is(text[count]))
-        count++;
-    return count;
-}
-
 static size_t digits_or_star(const char *text)
 {
-    return *text == '*' ? 1 : count_of(text, is_digit);
+    return *text == '*' ? 1 : strspn(text, "0123456789");
 }
 
 /* format points to "%". */
@@ -59,7 +33,7 @@ static conversion read_conversion(const char *format)
     const char *at = format + 1;
     conversion found = {};
 
-    at += count_of(at, is_flag);
+    at += strspn(at, "-+ #0");
     at += digits_or_star(at);
     found.prefix = {format, static_cast<size_t>(at - format)};
     if (*at == '.') {
@@ -67,7 +41,7 @@ static conversion read_conversion(const char *format)
         found.precision = {at, length};
         at += length;
     }
-    const size_t length = count_of(at, is_modifier);
+    const size_t length = strspn(at, "hlLqjztwI0123456789");
     found.modifiers = {at, length};
     at += length;
     found.type = *at;

@@ -61,7 +61,7 @@ def answered(folder):
         return 0
 
 
-def wait_for(holds, run=None, seconds=60):
+def wait_for(holds, run=None, seconds=300):
     end = time.monotonic() + seconds
     while not holds():
         if run and run.poll() is not None:

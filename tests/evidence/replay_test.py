@@ -332,7 +332,7 @@ def test_synthetic(folder):
             check("synthetic", got == wanted, f"{got}, expected {wanted}")
     refused([
         (2, "synthetic' is not empty", DEFAULT, made),
-        (2, "boot_time.json: cannot be evidence: ", DEFAULT.with_name("boot_time.json"), new),
+        (2, "event_log_empty.json: cannot be evidence: ", DEFAULT.with_name("event_log_empty.json"), new),
         (2, "the log has 1 chunk", "--damage", "missing-chunk", DEFAULT, new),
         (2, "no crash leaves a dump", "--memory-dump", DEFAULT.with_name("status_check.json"), new),
         (2, "path not found", DEFAULT, folder / "no" / "new"),

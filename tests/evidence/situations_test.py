@@ -3,9 +3,11 @@
 
 usage: situations_test.py WINE_RUN PROGRAM [NAME]      NAME: only rows whose name contains it
 """
+import itertools
 import json
 import os
 import pathlib
+import re
 import sys
 
 from evidence_files import BUG_CHECK, KERNEL, POWER, a_dump, check, host, logon, record, run, serve, start, write
@@ -64,9 +66,13 @@ def replay(row, folder):
     """Returns the result of a host of its own, which the zone of the computer must not change."""
     results = [host("replay", folder, "--json", *row.get("options", []), env={**os.environ, "TZ": zone})
                for zone in ("UTC", "America/New_York")]
-    status, out, errors = results[0]
-    check(row["name"], status == 0, f"status {status}: {errors}")
-    check(row["name"], results[1][1] == out, "the zone of this computer shows")
+    for status, _, errors in results:
+        check(row["name"], status == 0, f"status {status}: {errors}")
+    status, out, _ = results[0]
+    # The plug-in logs an address, which depends on the environment's size.
+    lines = [re.sub(r"\([0-9A-F]{16}\)", "", text).splitlines() for _, text, _ in results]
+    other = [pair for pair in itertools.zip_longest(*lines) if pair[0] != pair[1]]
+    check(row["name"], not other, f"the zone of this computer shows: {other[:1]}")
     return json.loads(out) if status == 0 else None
 
 

@@ -18,6 +18,7 @@
 #include "harness/watch.h"
 
 static constexpr int HANG_SECONDS = 60;
+static constexpr size_t MOST_INPUT_BYTES = 64u << 20;
 
 /* Of the program; made by the first target that is added. */
 static std::vector<fuzz_target> &targets(void)
@@ -33,8 +34,7 @@ bool fuzz_add(const fuzz_target &target)
     return true;
 }
 
-static std::string s_folder, s_real_folder;
-static const run_folder *s_run_folder, *s_real_run_folder;
+trial_folder fuzz_memory, fuzz_disk;
 
 uint64_t chance::next()
 {
@@ -163,22 +163,22 @@ std::string odd_json(const std::vector<const char *> &keys, const std::vector<co
     return "{" + text + "}";
 }
 
-guarded::guarded(size_t most) : most_((most + 4095) / 4096 * 4096)
+const uint8_t *fuzz_guarded(const void *bytes, size_t size)
 {
+    static uint8_t *s_end;
     DWORD before;
 
-    end_ = static_cast<uint8_t *>(
-               VirtualAlloc(nullptr, most_ + 4096, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) +
-           most_;
-    VirtualProtect(end_, 4096, PAGE_NOACCESS, &before);
-}
-
-const uint8_t *guarded::put(const void *bytes, size_t *size)
-{
-    *size = std::min(*size, most_);
-    if (*size > 0)
-        memcpy(end_ - *size, bytes, *size);
-    return end_ - *size;
+    if (s_end == nullptr) {
+        s_end = static_cast<uint8_t *>(VirtualAlloc(nullptr, MOST_INPUT_BYTES + 4096,
+                                                    MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE)) +
+                MOST_INPUT_BYTES;
+        VirtualProtect(s_end, 4096, PAGE_NOACCESS, &before);
+    }
+    if (size > MOST_INPUT_BYTES)
+        violated("an input is larger than the block for it");
+    if (size > 0)
+        memcpy(s_end - size, bytes, size);
+    return s_end - size;
 }
 
 void violated(const std::string &what)
@@ -188,24 +188,9 @@ void violated(const std::string &what)
     abort(); /* the watch prints the command to reproduce */
 }
 
-const std::string &fuzz_folder(void)
+void trial_folder::empty() const
 {
-    return s_folder;
-}
-
-const std::string &fuzz_real_folder(void)
-{
-    return s_real_folder;
-}
-
-void fuzz_empty_folder(void)
-{
-    s_run_folder->empty();
-}
-
-void fuzz_empty_real_folder(void)
-{
-    s_real_run_folder->empty();
+    folder->empty();
 }
 
 void put_file(const std::string &path, const std::string &bytes)
@@ -338,10 +323,8 @@ int main(int argc, char **argv)
         run_folder folder("", arguments.place), real(folder.path + "-real");
 
         real.kept = false;
-        s_folder = folder.path + "\\";
-        s_real_folder = real.path + "\\";
-        s_run_folder = &folder;
-        s_real_run_folder = &real;
+        fuzz_memory = {folder.path + "\\", &folder};
+        fuzz_disk = {real.path + "\\", &real};
         memory_disk_open(text_wide(folder.path));
         watch_open(HANG_SECONDS);
         run(arguments);

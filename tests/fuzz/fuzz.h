@@ -43,29 +43,22 @@ void damage(std::string *bytes, const std::string &other, chance &chance);
 std::string odd_json(const std::vector<const char *> &keys, const std::vector<const char *> &words,
                      chance &chance);
 
-/* Bytes that end where an inaccessible page begins. */
-class guarded
-{
-  public:
-    explicit guarded(size_t most);
-    /* Returns the copy, valid until the next one. A larger size is reduced to the maximum. */
-    const uint8_t *put(const void *bytes, size_t *size);
-
-  private:
-    uint8_t *end_;
-    size_t most_;
-};
+/* Copies up to 64 MiB to the end of a block, where an inaccessible page begins. Returns the copy, valid
+ * until the next one. */
+const uint8_t *fuzz_guarded(const void *bytes, size_t size);
 
 /* Ends the trial: what was required does not hold. */
 [[noreturn]] void violated(const std::string &what);
 
-/* Where files of the trials lie, with a backslash at the end; UTF-8. */
-const std::string &fuzz_folder(void);
-/* The same on the disk, for files that are mapped: those of the other folder are in memory. */
-const std::string &fuzz_real_folder(void);
-/* Delete all of them. */
-void fuzz_empty_folder(void);
-void fuzz_empty_real_folder(void);
+/* Where files of the trials lie. path: UTF-8, with a backslash at the end. */
+struct trial_folder {
+    std::string path;
+    const struct run_folder *folder;
+
+    void empty() const;
+};
+/* In memory; and on the disk, for files that are mapped. */
+extern trial_folder fuzz_memory, fuzz_disk;
 
 /* Replaces a file of the trials by those bytes. */
 void put_file(const std::string &path, const std::string &bytes);

@@ -13,11 +13,8 @@
 #include "evidence/zip.h"
 
 static constexpr char NAME[] = "input";
-static constexpr uint32_t MOST_INPUT_BYTES = 1u << 20;
 static constexpr uint16_t STORED = 0, DEFLATED = 8;
 
-/* Where the members are extracted; in memory if that can be had. */
-static std::string s_folder;
 static std::vector<std::string> s_good;
 
 static std::string number(uint64_t value, size_t bytes)
@@ -92,12 +89,11 @@ static bool wants_all(const std::string &)
 /* Result: the members, or none with the reason. */
 static std::vector<zip_member> extracted(const std::string &archive, std::string *refused)
 {
-    static guarded s_guarded(MOST_INPUT_BYTES);
-    size_t size = archive.size();
-    const uint8_t *block = s_guarded.put(archive.data(), &size);
+    const uint8_t *block = fuzz_guarded(archive.data(), archive.size());
 
     try {
-        return zip_extract_file(NAME, evidence_file(block, size), s_folder, wants_all);
+        return zip_extract_file(NAME, evidence_file(block, archive.size()), fuzz_disk.path,
+                                wants_all);
     } catch (const devhost_error &error) {
         *refused = error.what();
         return {};
@@ -119,7 +115,6 @@ static void open_zip(void)
                       name = "a/System.evtx";
     std::string refused;
 
-    s_folder = fuzz_real_folder();
     s_good = {
         archive_of({{name, text, DEFLATED}, {"machine.reg", text, STORED}, {"b/", "", STORED}},
                    false),
@@ -132,7 +127,7 @@ static void open_zip(void)
         if (members.size() != 2 || members[0].name != name ||
             size_of(members[0].path) != text.size() || size_of(members[1].path) != text.size())
             violated("a good archive is not extracted: " + refused);
-        fuzz_empty_real_folder();
+        fuzz_disk.empty();
     }
 }
 
@@ -148,13 +143,13 @@ static void try_zip(chance &chance, uint64_t)
     for (const zip_member &one : members) {
         if (one.path.empty() == one.why.empty())
             violated("a member that is neither extracted nor refused: " + one.name);
-        if (!one.path.empty() && (one.path.compare(0, s_folder.size(), s_folder) != 0 ||
-                                  one.path.find("..", s_folder.size()) != std::string::npos))
+        if (!one.path.empty() && (one.path.compare(0, fuzz_disk.path.size(), fuzz_disk.path) != 0 ||
+                                  one.path.find("..", fuzz_disk.path.size()) != std::string::npos))
             violated("a member was extracted to " + one.path);
         if (!one.path.empty())
             (void)size_of(one.path);
     }
     if (!members.empty())
-        fuzz_empty_real_folder();
+        fuzz_disk.empty();
 }
 FUZZ_TARGET(zip, open_zip, try_zip, 1, 500)

@@ -15,7 +15,6 @@ struct dump_subject {
 };
 
 static std::vector<dump_subject> s_dumps;
-static guarded *s_guarded;
 
 /* Writes up to eight boundary or random values to fields that the reader uses. */
 static void damage_small(std::vector<uint8_t> *dump, chance &chance)
@@ -95,7 +94,6 @@ static void add_dump(const memory_model &machine, uint32_t kind, enum memory_lay
 static void open_dumps(void)
 {
     dump_model model;
-    size_t most = 0;
 
     model.stack = {0xFFFFF80100010001, 0, 0xFFFFF80000000107, 5};
     s_dumps.push_back({dump_build(model), {}});
@@ -106,9 +104,6 @@ static void open_dumps(void)
     add_dump(memory, 2, MEMORY_SDMP);
     add_dump(large, 5, MEMORY_FDMP);
     add_dump(memory, 6, MEMORY_SDMP);
-    for (const dump_subject &subject : s_dumps)
-        most = std::max(most, subject.whole.size());
-    s_guarded = new guarded(most + (1 << 20));
 }
 
 /* Walks and names everything. */
@@ -145,8 +140,7 @@ static void try_dump(chance &chance, uint64_t)
         damage_places(&bytes, subject.places, chance);
     if (chance.one_in(16))
         bytes.resize(chance.below(bytes.size()));
-    size_t size = bytes.size();
-    const uint8_t *block = s_guarded->put(bytes.data(), &size);
-    look_at_dump(kernel_dump_read(block, size, &dump, &reason), dump, reason);
+    const uint8_t *block = fuzz_guarded(bytes.data(), bytes.size());
+    look_at_dump(kernel_dump_read(block, bytes.size(), &dump, &reason), dump, reason);
 }
 FUZZ_TARGET(dumps, open_dumps, try_dump, 1, 30000)

@@ -25,7 +25,6 @@ static constexpr uint32_t MOMENT = 1709802341u; /* seconds since 1970 */
 static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
 static constexpr uint32_t EVTX_CHUNK_BYTES = 65536u;
 static constexpr uint32_t EVTX_CHUNK_HEADER_BYTES = 512u;
-static constexpr uint32_t MOST_INPUT_BYTES = 64u << 20;
 static constexpr char NAME[] = "input"; /* of an input that lies in memory */
 
 /* Bytes of good files, one of which is damaged. */
@@ -47,7 +46,7 @@ static bool accepts(const std::string &named, const std::function<void()> &read)
 /* Writes an input. Result: its path. */
 static std::string put_input(const char *name, const std::string &text)
 {
-    std::string path = fuzz_real_folder() + name;
+    std::string path = fuzz_disk.path + name;
 
     put_file(path, text);
     return path;
@@ -56,11 +55,7 @@ static std::string put_input(const char *name, const std::string &text)
 /* An input that lies in memory, since a file would take longer than most readers. */
 static evidence_file input(const std::string &text)
 {
-    static guarded s_guarded(MOST_INPUT_BYTES);
-    size_t size = text.size();
-    const uint8_t *block = s_guarded.put(text.data(), &size);
-
-    return evidence_file(block, size);
+    return evidence_file(fuzz_guarded(text.data(), text.size()), text.size());
 }
 
 static std::string damaged_good(chance &chance)
@@ -359,7 +354,7 @@ FUZZ_TARGET(results, open_results, try_results, 1, 1000)
 
 static void open_products(void)
 {
-    put_file(fuzz_real_folder() + "log.json",
+    put_file(fuzz_disk.path + "log.json",
              R"([{"record": 1, "source": "Microsoft-Windows-Kernel-General", "id": 12, "type": 4,
                   "time": "2024-03-07T09:00:00Z", "strings": []}])");
     s_good = {"guard:guard_flt,guard_net:3:working", "b:m", "c:x,y:0", "d:z:2147483647:bypass"};
@@ -371,7 +366,7 @@ static void try_products(chance &chance, uint64_t)
     replay_options options = {};
     rapidjson::Document scenario;
 
-    options.events = fuzz_real_folder() + "log.json";
+    options.events = fuzz_disk.path + "log.json";
     options.damage = EVIDENCE_STRICT;
     options.boot = "last";
     for (size_t left = 1 + chance.below(3); left > 0; left--)

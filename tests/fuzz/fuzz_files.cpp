@@ -38,7 +38,7 @@ static void try_ejs(chance &chance, uint64_t)
     static const std::vector<const char *> keys = {"start_time", "data", "crash_info", "guard",
                                                    "dump_time",  "path", "count",      "status"};
     static const std::vector<const char *> words = {"guard", "C:\\\\x.dmp", "2024-03-07 09:00:00"};
-    std::string path = fuzz_folder() + "fuzz.ejs", text = odd_json(keys, words, chance), bytes;
+    std::string path = fuzz_memory.path + "fuzz.ejs", text = odd_json(keys, words, chance), bytes;
 
     if (chance.one_in(3))
         damage(&text, "{\"data\":{}}", chance);
@@ -77,7 +77,6 @@ static constexpr size_t MOST_SUMMED_BYTES = 2000;
 /* Any length at any alignment, up to an inaccessible page: as zlib, which takes a byte at a time. */
 static void try_crc32(chance &chance, uint64_t)
 {
-    static guarded s_block(MOST_SUMMED_BYTES + 64);
     std::string bytes(chance.below(MOST_SUMMED_BYTES), '\0');
     size_t size = bytes.size() + chance.below(64);
     uLong sum = 0;
@@ -85,7 +84,7 @@ static void try_crc32(chance &chance, uint64_t)
     for (char &byte : bytes)
         byte = static_cast<char>(chance.next());
     bytes.resize(size);
-    const uint8_t *block = s_block.put(bytes.data(), &size);
+    const uint8_t *block = fuzz_guarded(bytes.data(), size);
     size -= chance.below(std::min<size_t>(size, 64) + 1);
     for (size_t i = 0; i < size; i++)
         sum = crc32(sum, block + i, 1);
@@ -124,7 +123,7 @@ static void try_scenario(chance &chance, uint64_t)
     static const std::vector<const char *> keys = {"name",  "machine", "products", "management",
                                                    "boots", "before",  "steps",    "at"};
     static const std::vector<const char *> words = {"clean", "start", "2024-03-07T09:00:00Z"};
-    std::string path = fuzz_folder() + "fuzz.json", text = chance.of(s_scenarios);
+    std::string path = fuzz_memory.path + "fuzz.json", text = chance.of(s_scenarios);
 
     if (chance.one_in(4))
         text = odd_json(keys, words, chance);

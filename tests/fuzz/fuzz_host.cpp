@@ -77,7 +77,7 @@ static void complained(const char *text, void *)
 static void put_document(const char *name, json_t *document)
 {
     for (const char *folder : {"agent\\var", "agent\\var\\bypass_mgr"})
-        CreateDirectoryW(text_wide(fuzz_folder() + folder).c_str(), nullptr);
+        CreateDirectoryW(text_wide(fuzz_memory.path + folder).c_str(), nullptr);
     /* Nothing else is a document. */
     if (json_is_object(document) &&
         wdu_json_dump_file_ejs(document, agent_data_path(name).c_str()) != 0)
@@ -131,11 +131,11 @@ static void start_afresh(enum disk disk, uint64_t period, chance &chance)
     oxnih_memory_set_mode(period % 16 == 0 ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     s_subscribers.clear();
     s_left = 0;
-    fuzz_empty_folder();
+    fuzz_memory.empty();
     scenario.file = "fuzz";
     scenario.document.Parse(R"({"boots": [{"agent_start": null, "until": 1000000}]})");
-    play_open(scenario,
-              {fuzz_folder().substr(0, fuzz_folder().size() - 1), plugin_path(), false, true});
+    play_open(scenario, {fuzz_memory.path.substr(0, fuzz_memory.path.size() - 1), plugin_path(),
+                         false, true});
     oxnih_log_set_sink(nullptr, nullptr);
     oxnih_log_set_level(period % 8 == 1 ? OXNI_LOG_DEBUG : -1);
     oxnih_set_complaint(complained, nullptr);

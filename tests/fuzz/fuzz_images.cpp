@@ -16,7 +16,6 @@ static std::string s_whole;
 /* Offsets in the file of headers, function table, unwind information and code, and their lengths. */
 static std::vector<std::pair<size_t, size_t>> s_places;
 static std::vector<uint32_t> s_begins; /* of functions, in the loaded image */
-static guarded *s_guarded;
 
 static const uint8_t *bytes_of(const std::string &text)
 {
@@ -49,7 +48,6 @@ static void open_images(void)
         s_places.push_back({kernel_image_at(image, function.unwind, 4) - image.bytes, 24});
         s_places.push_back({kernel_image_at(image, function.begin, 4) - image.bytes, 64});
     }
-    s_guarded = new guarded(s_whole.size());
 }
 
 static std::string damaged_image(chance &chance)
@@ -126,11 +124,10 @@ static void try_image(chance &chance, uint64_t)
 {
     const std::string bytes = damaged_image(chance);
     std::vector<uint64_t> values;
-    size_t size = bytes.size();
-    const uint8_t *block = s_guarded->put(bytes.data(), &size);
+    const uint8_t *block = fuzz_guarded(bytes.data(), bytes.size());
     kernel_image image;
 
-    if (kernel_image_open("one.sys", block, size, &image) != nullptr)
+    if (kernel_image_open("one.sys", block, bytes.size(), &image) != nullptr)
         return;
     for (size_t i = 0; i < STACK_VALUES; i++)
         values.push_back(some_value(chance, 0xFFFF850000001000));

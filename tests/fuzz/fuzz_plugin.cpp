@@ -13,10 +13,6 @@
 #include "liboxnibase/host.h"
 #include "base/text.h"
 
-static constexpr uint64_t MOST_EVENT_BYTES = 64ull * 1024;
-
-static guarded *s_guarded;
-
 /* A record of an event that the plug-in expects, or of another one. */
 static std::string event(chance &chance)
 {
@@ -43,7 +39,6 @@ static std::string event(chance &chance)
 
 static void open_events(void)
 {
-    s_guarded = new guarded(MOST_EVENT_BYTES);
     oxnih_memory_set_mode(OXNIH_MEMORY_GUARD);
 }
 
@@ -74,16 +69,13 @@ static void look_through(const uint8_t *bytes, size_t size)
 static void try_event(chance &chance, uint64_t)
 {
     std::string log, other = event(chance);
-    size_t size;
 
     for (size_t left = chance.below(4); left > 0; left--)
         log += event(chance);
     log += other;
     if (!chance.one_in(16))
         damage(&log, other, chance);
-    size = log.size();
-    const uint8_t *bytes = s_guarded->put(log.data(), &size);
-    look_through(bytes, size);
+    look_through(fuzz_guarded(log.data(), log.size()), log.size());
     /* In the plug-in's own buffer, which ends with the block when it has to grow for it. */
     if (chance.one_in(4)) {
         event_info info = {};
@@ -143,7 +135,7 @@ FUZZ_TARGET(debugger, nullptr, try_stack, 1, 400)
 
 static void try_record(chance &chance, uint64_t)
 {
-    std::string path = fuzz_folder() + "crash_config.cfg";
+    std::string path = fuzz_memory.path + "crash_config.cfg";
     std::string bytes(chance.below(120), '\0');
     crash_config_record record = {};
 

@@ -63,13 +63,13 @@ static void store(const char *product, int64_t count)
 static void open_states(void)
 {
     static import_patch time("GetFileTime", file_time);
-    std::string base = fuzz_folder() + "base";
+    std::string base = fuzz_memory.path + "base";
 
     oxnih_log_set_level(-1);
     oxnih_clock_simulate(133542756000000000ull, 1000);
-    oxnih_set_install_dir((fuzz_folder() + "agent\\bin").c_str());
+    oxnih_set_install_dir((fuzz_memory.path + "agent\\bin").c_str());
     oxnih_set_log_dir(base.c_str());
-    s_data = fuzz_folder() + "agent\\var\\bypass_mgr\\";
+    s_data = fuzz_memory.path + "agent\\var\\bypass_mgr\\";
     s_tag = base + "\\Quorvel\\OXNI3_CFG\\driver\\oxni_driver_recover";
     bypass_mgr_store_load(BOOT);
     store("guard", 3);
@@ -203,7 +203,7 @@ static void try_tag(chance &chance)
 
 static void try_crash_record(chance &chance)
 {
-    std::string path = fuzz_folder() + "crash_config.cfg", old(50, 'o'), fresh(50, 'n');
+    std::string path = fuzz_memory.path + "crash_config.cfg", old(50, 'o'), fresh(50, 'n');
     std::string left = chance.one_in(3) ? old : fresh.substr(0, chance.below(51));
     crash_config_record record = {};
 

@@ -159,13 +159,10 @@ def check_order(mutants):
         check("spread", abs(part - own / 4) <= 1, f"{file}: {part} of {own}")
 
 
-def check_equivalents(finder):
+def check_lists(root, finder, files):
     for entry in json.loads((pathlib.Path(__file__).parent / "equivalents.json").read_text()):
         check("equivalents.json", finder.find(entry) is not None, f"no longer applies: {entry}")
         check("equivalents.json", bool(entry.get("reason")), f"no reason: {entry}")
-
-
-def check_named(root, files):
     scenarios = {path.name for path in (root / "scenarios").glob("*.json")}
     unit_tests = "".join(path.read_text() for path in (root / "tests/unit").rglob("*.cpp"))
     for problem in named.problems(files, scenarios, unit_tests):
@@ -179,8 +176,7 @@ def main(root):
     check_sample()
     mutants = check_finding(files)
     check_order(mutants)
-    check_equivalents(generate.Finder(mutants))
-    check_named(pathlib.Path(root), files)
+    check_lists(pathlib.Path(root), generate.Finder(mutants), files)
     for problem in problems[:20]:
         print("FAILED:", problem)
     print(f"{len(mutants)} mutants in {len(files)} files")

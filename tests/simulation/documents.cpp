@@ -2,6 +2,8 @@
  * disk, and the upload history. */
 #include "invariants.h"
 
+#include <cstring>
+
 #include <oxni/base/ejs.h>
 #include <oxni/base/json.h>
 #include <oxni/base/memory.h>
@@ -17,17 +19,26 @@ static constexpr char STORE_FILE[] = "bypass_mgr_persistence.ejs";
 static constexpr char HISTORY_FILE[] = "bypass_mgr_upload.ejs";
 static constexpr char DUMP_RECORD_FILE[] = "bypass_mgr_dumprecord.ejs";
 
-/* One step of FNV-1a, with 64 bits at a time. */
+/* FNV-1a with 64 bits at a time, whose high bits reach the low ones, too. */
 static uint64_t hash_step(uint64_t hash, uint64_t value)
 {
-    return (hash ^ value) * 0x100000001b3ull;
+    hash = (hash ^ value) * 0x100000001b3ull;
+    return hash ^ (hash >> 32);
 }
 
 static uint64_t hash_text(uint64_t hash, const char *text)
 {
-    for (; *text != '\0'; text++)
-        hash = hash_step(hash, static_cast<uint8_t>(*text));
-    return hash_step(hash, 0x100); /* no byte: the end */
+    size_t left = strlen(text);
+    uint64_t word;
+
+    hash = hash_step(hash, left);
+    for (; left >= sizeof(word); text += sizeof(word), left -= sizeof(word)) {
+        memcpy(&word, text, sizeof(word));
+        hash = hash_step(hash, word);
+    }
+    word = 0;
+    memcpy(&word, text, left);
+    return hash_step(hash, word);
 }
 
 /* Of all that the text of a value shows, but for reals, of which the store has none. */
