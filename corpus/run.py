@@ -12,15 +12,15 @@ import sys
 import time
 
 import cases
+import cluster
 import compare
-import engine
 import host
 import page
 import results
 from progress import Progress
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-BATCH_SECONDS = 1 # of work in a task: the engine takes some milliseconds for each
+BATCH_SECONDS = 1 # of work in a task: the cluster takes some milliseconds for each
 MOST_BATCH = 100
 EPILOG = """CASES: a folder or .zip with one machine's evidence, a folder of those, or a manifest (.jsonl).
 Exit status: 0 every case was played, and nothing differs from baseline and truth; 1 something differs, or
@@ -73,12 +73,12 @@ class Run:
 
     def settle(self, job, result, error):
         _, batch, alone = job
-        if error is not None: # the engine gave up: workers ended again and again
+        if error is not None: # the cluster gave up: workers ended again and again
             rows = [{"id": number, "state": "died", "seconds": 0, "error": f"its workers ended: {error}"}
                     for number, _, _ in batch]
             result = {"rows": rows, "worker": None, "checksum": self.checksum}
         if result["checksum"] != self.checksum:
-            raise engine.EngineLost(f"{result['worker']} has another plug-in at the same path")
+            raise cluster.ClusterLost(f"{result['worker']} has another plug-in at the same path")
         for case, row in zip(batch, result["rows"]):
             self.busy += row["seconds"]
             if row["state"] == "died" and not alone:
@@ -99,7 +99,7 @@ def check_host(options):
     done = subprocess.run([*options.program, "serve", "--plugin", options.plugin], stdin=subprocess.DEVNULL,
                           capture_output=True, text=True)
     if done.returncode != 0:
-        engine.fail(f"the host ended with {done.returncode}\n{done.stderr.strip()}", done.returncode)
+        cluster.fail(f"the host ended with {done.returncode}\n{done.stderr.strip()}", done.returncode)
 
 
 def play(options, kept):
@@ -112,15 +112,15 @@ def play(options, kept):
     if open_cases == 0:
         return
     check_host(options)
-    engine.by_value(host)
+    cluster.by_value(host)
     name = f"bypass_mgr-{os.getpid()}-{os.urandom(4).hex()}"
-    with engine.connect(options.scheduler, options.workers) as client:
+    with cluster.connect(options.scheduler, options.workers) as client:
         client.register_worker_plugin(plugin, name)
         workers = len(client.nthreads())
         run = Run(kept, name, checksum, Progress(open_cases, "cases"))
         try:
             with run.progress:
-                engine.run(client, host.play_batch, run.next_job, run.settle)
+                cluster.run(client, host.play_batch, run.next_job, run.settle)
         finally:
             kept.commit()
         client.unregister_worker_plugin(name)
@@ -180,13 +180,13 @@ def main():
         play(options, kept)
         return finish(options)
     except (cases.BadCase, results.BadFolder) as error:
-        return engine.fail(error)
-    except engine.EngineLost as error:
-        return engine.fail(f"{error}; --resume goes on", 5)
+        return cluster.fail(error)
+    except cluster.ClusterLost as error:
+        return cluster.fail(f"{error}; --resume goes on", 5)
     except (sqlite3.Error, OSError) as error:
-        return engine.fail(f"cannot write the results: {error}; what was written is kept, --resume goes on")
+        return cluster.fail(f"cannot write the results: {error}; what was written is kept, --resume goes on")
     except KeyboardInterrupt:
-        return engine.fail(f"interrupted; go on with --resume --out {options.out}", 130)
+        return cluster.fail(f"interrupted; go on with --resume --out {options.out}", 130)
     finally:
         if kept:
             kept.close()

@@ -10,7 +10,7 @@ import signal
 import subprocess
 import sys
 
-import engine
+import cluster
 from progress import Progress
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -90,7 +90,7 @@ class Seeds:
         piece = job[1]
         status, output = result or (CRASHED, f"violation: its workers ended: {error}")
         if status not in (0, 1, CRASHED, HUNG):
-            engine.fail(f"{' '.join(job[0])} ended with {status}\n{output}", status)
+            cluster.fail(f"{' '.join(job[0])} ended with {status}\n{output}", status)
         self.progress.done += 1
         found = self.take_sums(output)
         if status != 0:
@@ -140,12 +140,12 @@ def main():
         parser.error("expected allocations or calls, and perhaps scenario files")
     seeds = Seeds(options, rest)
     try:
-        with engine.connect(options.scheduler, options.workers) as client, seeds.progress:
-            engine.run(client, run_piece, seeds.next_job, seeds.settle)
-    except engine.EngineLost as error:
-        return engine.fail(error, 5)
+        with cluster.connect(options.scheduler, options.workers) as client, seeds.progress:
+            cluster.run(client, run_piece, seeds.next_job, seeds.settle)
+    except cluster.ClusterLost as error:
+        return cluster.fail(error, 5)
     except KeyboardInterrupt:
-        return engine.fail("interrupted", 130)
+        return cluster.fail("interrupted", 130)
     sums = ", ".join(f"{count:,} {name}" for name, count in seeds.sums.items())
     print(f"{options.kind}: {sums or 'nothing'}, {seeds.progress.failed:,} findings")
     return 1 if seeds.progress.failed else 0

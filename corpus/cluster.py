@@ -1,4 +1,4 @@
-"""The engine: a Dask cluster of this machine, or one that exists. It owns the queue, the heartbeats and the
+"""A Dask cluster of this machine, or one that exists. It owns the queue, the heartbeats and the
 repetition of what a lost worker did; here is only how much of it is in use at a time."""
 import contextlib
 import logging
@@ -17,11 +17,11 @@ CONNECT_SECONDS = 15
 WORKER_SECONDS = 60  # until the first worker is there
 RECOUNT_SECONDS = 5  # workers may come and go; asking for them costs the scheduler time
 # Tasks of a worker that are submitted: one that runs, and what it takes up next. The rest waits in our
-# own list, so that the engine's memory does not grow with the number of cases.
+# own list, so that the memory of the scheduler does not grow with the number of cases.
 TASKS_A_WORKER = 3
 
 
-class EngineLost(Exception):
+class ClusterLost(Exception):
     """The scheduler ended, or cannot be reached."""
 
 
@@ -51,7 +51,7 @@ def connect(scheduler, workers):
             client = Client(cluster or scheduler, timeout=CONNECT_SECONDS)
             client.wait_for_workers(1, timeout=WORKER_SECONDS)
         except OSError as error: # a timeout, too
-            raise EngineLost(f"no worker of {scheduler or 'this machine'} can be reached: {error}") from error
+            raise ClusterLost(f"no worker of {scheduler or 'this machine'} can be reached: {error}") from error
         yield client
     finally:
         for each in (client, cluster):
@@ -87,7 +87,7 @@ def run(client, function, next_job, settle):
         elif future.status == "error":
             settle(job, None, future.exception())
         else:
-            raise EngineLost("the scheduler ended")
+            raise ClusterLost("the scheduler ended")
 
 
 def fail(text, status=2):
