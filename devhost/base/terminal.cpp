@@ -8,22 +8,20 @@
 #include <cstdlib>
 #include <windows.h>
 
-#include <mutex>
-
 #include "exit_status.h"
 #include "run_folder.h"
 #include "text.h"
 
-static constexpr double PROGRESS_AFTER_MS = 2000.0;
+static constexpr double PROGRESS_AFTER_S = 2.0;
 static constexpr double PROGRESS_EVERY_MS = 200.0;
-/* Time for a handler to print before the program ends. */
 #define CLEAR_LINE "\r\x1b[K"
 
 static bool s_colours;
 static bool s_shows_progress;
+static double s_shows_after_s = PROGRESS_AFTER_S;
 static double s_began_ms, s_shown_ms;
 static bool s_line_is_shown, s_shows_whole;
-static std::mutex s_reached_lock;
+static std::mutex s_interrupt;
 static std::string s_reached;
 
 static bool is_set(const char *name)
@@ -51,6 +49,8 @@ void terminal_open(void)
     s_colours = !is_set("NO_COLOR") &&
                 (is_set("BYPASS_COLOUR") || console_takes_escapes(STD_OUTPUT_HANDLE));
     s_shows_progress = is_set("BYPASS_PROGRESS") || console_takes_escapes(STD_ERROR_HANDLE);
+    if (is_set("BYPASS_PROGRESS"))
+        s_shows_after_s = strtod(getenv("BYPASS_PROGRESS"), nullptr);
     s_began_ms = time_real_ms();
 }
 
@@ -66,7 +66,7 @@ void terminal_progress(const std::string &text)
     if (s_shows_whole)
         return;
     terminal_reached(text);
-    if (!s_shows_progress || now - s_began_ms < PROGRESS_AFTER_MS ||
+    if (!s_shows_progress || now - s_began_ms < 1000.0 * s_shows_after_s ||
         now - s_shown_ms < PROGRESS_EVERY_MS)
         return;
     fprintf(stderr, CLEAR_LINE "%s ...", text.c_str());
@@ -95,7 +95,7 @@ void terminal_progress_end(void)
 /* Runs on a thread of its own, while the program goes on. */
 static BOOL WINAPI interrupted(DWORD)
 {
-    const std::lock_guard<std::mutex> lock(s_reached_lock);
+    const std::lock_guard<std::mutex> lock(s_interrupt);
 
     fflush(stdout);
     fprintf(stderr, "%sinterrupted%s%s\n", s_line_is_shown ? CLEAR_LINE : "",
@@ -104,6 +104,11 @@ static BOOL WINAPI interrupted(DWORD)
     run_folder_remove_all();
     TerminateProcess(GetCurrentProcess(), EXIT_INTERRUPTED);
     return TRUE;
+}
+
+std::mutex &terminal_interrupt_mutex(void)
+{
+    return s_interrupt;
 }
 
 void terminal_watch_interrupt(void)
@@ -116,7 +121,7 @@ void terminal_watch_interrupt(void)
 
 void terminal_reached(const std::string &what)
 {
-    const std::lock_guard<std::mutex> lock(s_reached_lock);
+    const std::lock_guard<std::mutex> lock(s_interrupt);
 
     s_reached = what;
 }

@@ -75,6 +75,8 @@ static HANDLE start(std::wstring line, HANDLE output)
     startup.hStdOutput = output;
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     for (int i = 0; i < START_TRIES && !started; i++) {
+        const std::lock_guard<std::mutex> lock(terminal_interrupt_mutex());
+
         started = CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                                  &startup, &process);
         if (!started && GetLastError() != ERROR_INTERNAL_ERROR)
@@ -174,6 +176,20 @@ static void print_lines(const std::string &text, totals &totals)
     fflush(stdout);
 }
 
+/* However this process ends, Windows ends those that it has started, and theirs: one that has just
+ * started does not notice Ctrl-C, and would go on. */
+static void end_with_me(void)
+{
+    JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
+    const HANDLE job = CreateJobObjectW(nullptr, nullptr); /* stays open to the end */
+
+    limits.BasicLimitInformation.LimitFlags = JOB_OBJECT_LIMIT_KILL_ON_JOB_CLOSE;
+    if (!SetInformationJobObject(job, JobObjectExtendedLimitInformation, &limits, sizeof(limits)))
+        complain("SetInformationJobObject");
+    else if (!AssignProcessToJobObject(job, GetCurrentProcess()))
+        complain("AssignProcessToJobObject");
+}
+
 static void run_all(const std::vector<std::vector<std::string>> &jobs, totals &totals)
 {
     std::vector<std::thread> workers;
@@ -239,6 +255,7 @@ int jobs_run(const struct job_options &options, const std::vector<std::string> &
         scenario_load(scenario, file, {});
     }
     agent_check_plugin(options.plugin_path);
+    end_with_me();
     run_all(jobs_of(options, command), totals);
     printf("%-12s", "");
     for (const std::string &column : columns)
