@@ -1,9 +1,11 @@
-/* The core where no scenario reaches: given texts, paths that do not fit, the allocation guard. */
+/* The core where no scenario reaches: given texts, paths that do not fit, the allocation guard, timers
+ * that cannot be armed. */
 #include <fstream>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "bypass_mgr.h"
 #include "bypass_mgr_debug.h"
 #include "bypass_mgr_schema.h"
 #include "core_patches.h"
@@ -11,6 +13,7 @@
 #include "platform_path.h"
 #include "report_link.h"
 #include "unit_support.h"
+#include "watch_timer.h"
 
 TEST(bypass_mgr, given_texts_byte_by_byte)
 {
@@ -88,4 +91,37 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
     }
     EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
     s_core.link("path", 0);
+}
+
+static uint64_t start_nothing(uint32_t, oxni_timer_fn, void *)
+{
+    return 0;
+}
+
+template <int> static void timer_function(void *, void *)
+{
+}
+
+/* All five timers of the plug-in wait for the next event, which the uptime timer is, too. */
+TEST(watch_timer, missed_ones_are_armed_later)
+{
+    static const oxni_timer_fn s_functions[] = {timer_function<0>, timer_function<1>,
+                                                timer_function<2>, timer_function<3>,
+                                                timer_function<4>};
+    const core_patches patches;
+    uint64_t slots[5] = {};
+    uint32_t milliseconds = 0;
+
+    ASSERT_EQ(bypass_mgr_init(), 0);
+    const oxni_timer_fn uptime = s_core.last_timer;
+    {
+        const import_patch start("oxni_timer_start", start_nothing);
+        for (uint64_t &slot : slots)
+            watch_timer_start("missed", ++milliseconds, s_functions[&slot - slots], &slot);
+    }
+    core_calls();
+    uptime(nullptr, nullptr);
+    EXPECT_EQ(core_calls(), "timer 1; timer 2; timer 3; timer 4; timer 5; timer 3600000");
+    watch_timer_resume();
+    EXPECT_EQ(core_calls(), "");
 }

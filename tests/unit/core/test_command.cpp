@@ -83,11 +83,13 @@ TEST(test_command, memory)
     core_product(0, STATUS_WORKING, 3);
     for (uint64_t nth = 1; nth < 100 && reached; nth++) {
         SCOPED_TRACE(nth);
+        const uint64_t blocks = live_blocks();
         int result;
         reached =
             while_failing(nth, [&] { result = bypass_mgr_send(core_subscriber(0), &request); });
         const std::string calls = core_calls();
         EXPECT_EQ(result, calls.empty() ? -1 : 0);
+        EXPECT_TRUE(result == 0 || live_blocks() == blocks);
         failed |= result != 0;
         without_reason |= calls == "push a {'count':7,'reason':'none','type':'set_count'}";
         /* The text of what was sent may itself lack memory. */

@@ -53,6 +53,20 @@ TEST(test_report_trigger, results)
     EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
+/* A product in bypass is reported before it is stored, whatever the verdict. */
+TEST(test_report_trigger, comes_before_the_store)
+{
+    for (const int32_t kind : {1, 2, 3}) {
+        SCOPED_TRACE(kind);
+        const core_patches patches;
+
+        core_product(0, STATUS_BYPASS, 3);
+        (void)bypass_mgr_check_cb(kind, {}, "", {}, core_subscriber(0));
+        const std::string calls = core_calls();
+        EXPECT_LT(calls.find("history; timer 60000"), calls.find("store {'a'")) << calls;
+    }
+}
+
 /* A report and what it owns; whichever of its six allocations fails, nothing of it leaks. */
 TEST(test_report_pending, memory)
 {
@@ -71,7 +85,9 @@ TEST(test_report_pending, memory)
          {&crash, static_cast<const struct crash_info *>(nullptr)}) {
         drv_info_add(names, 2, "a", given);
         EXPECT_TRUE(report_pending_has("a"));
-        drv_info_add(names, 2, "a", given);
+        drv_info_add(names, 1, "a", given); /* the first one stays */
+        for (auto at = report_pending_first(); at != nullptr; at = report_pending_next(at))
+            EXPECT_EQ(static_cast<drv_info *>(at->value)->driver_count, 2);
         report_forget("a");
         EXPECT_FALSE(report_pending_has("a"));
         EXPECT_EQ(live_blocks(), blocks);

@@ -56,6 +56,17 @@ TEST(test_store, odd_content)
     }
 }
 
+/* Another initialisation frees the document of the one before. */
+TEST(test_store, loaded_again)
+{
+    const core_patches patches;
+
+    bypass_mgr_store_load(9);
+    const uint64_t blocks = live_blocks();
+    bypass_mgr_store_load(9);
+    EXPECT_EQ(live_blocks(), blocks);
+}
+
 TEST(test_recover_tag, results)
 {
     const core_patches patches;

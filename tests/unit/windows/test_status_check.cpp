@@ -65,6 +65,8 @@ static int32_t play_check(unsigned refused)
     while (s_timer.fn != nullptr && s_timer.armed < 40) {
         const oxni_timer_fn fn = s_timer.fn;
         s_timer.fn = nullptr;
+        fn(nullptr, nullptr); /* without a check it does nothing */
+        EXPECT_EQ(s_timer.fn, nullptr);
         fn(nullptr, s_timer.arg);
     }
     return started;
