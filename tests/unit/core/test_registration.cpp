@@ -90,8 +90,10 @@ TEST(test_bypass_subscriber, memory)
         SCOPED_TRACE(nth);
         log_forget();
         s_core.calls.clear();
+        const uint64_t blocks = live_blocks();
         reached = while_failing(nth, [&] { EXPECT_EQ(bypass_subscriber_init(), 0); });
         const bool logged = log_contains("registration of XNI failed, message(0) subscriber(1)");
+        EXPECT_TRUE(!logged || live_blocks() == blocks);
         EXPECT_EQ(core_calls(), logged ? "timer 1800000" : "timer 1800000; subscribe");
         failed |= logged;
     }

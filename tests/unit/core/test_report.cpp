@@ -357,6 +357,10 @@ TEST(test_guards, alarm_without_memory)
         EXPECT_EQ(live_blocks(), blocks);
         EXPECT_FALSE(report_link_connected());
     }
+    for (const char *const text : {answer, static_cast<const char *>(nullptr)}) {
+        s_core.answer(5, text);
+        EXPECT_FALSE(report_link_connected());
+    }
     s_core.answer(0, answer);
     record->parsed = 1;
     record->crash = {"C:\\d", "then", "ma"};
