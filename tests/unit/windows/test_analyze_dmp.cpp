@@ -171,7 +171,7 @@ TEST(test_analyze_dmp_file, no_path)
     crash_module_set modules = {"before"};
 
     EXPECT_FALSE(analyze_dmp_file(nullptr, 1, &modules));
-    EXPECT_FALSE(analyze_dmp_file(L"", 1, &modules));
+    EXPECT_FALSE(analyze_dmp_file(L"\0not read", 1, &modules));
     EXPECT_EQ(modules, crash_module_set{"before"});
 }
 

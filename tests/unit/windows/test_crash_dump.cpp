@@ -228,7 +228,9 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
         ASSERT_EQ(wdu_json_dump_file_ejs(record, path), 0);
         wdu_json_delete_ejs(record);
         time = 7;
+        const uint64_t blocks = live_blocks();
         EXPECT_EQ(get_dumprecord_time(&time), row.time != 7) << row.json;
+        EXPECT_EQ(live_blocks(), blocks);
         EXPECT_EQ(time, row.time);
     }
     EXPECT_TRUE(set_dumprecord_time(INT64_MAX));
