@@ -10,6 +10,6 @@ hashes() {
 }
 mapped=$(hashes)
 loaded=$(hashes --reload)
-[ "$(wc -l <<<"$mapped")" -ge 50 ] && [ "$mapped" = "$loaded" ] && exit 0
+[ "$(wc -l <<<"$mapped")" -ge $((boots / 8)) ] && [ "$mapped" = "$loaded" ] && exit 0
 diff <(echo "$mapped") <(echo "$loaded") | head -20
 exit 1
