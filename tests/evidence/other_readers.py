@@ -30,7 +30,8 @@ SEPARATOR = "\x1f"
 FAULTS = [
     (r"\b0x0*([0-9a-fA-F]+)\b", lambda found: "0x" + found[1].lower(), "hexadecimal numbers have other widths"),
     (r"\{[0-9a-fA-F-]{36}\}", lambda found: found[0].lower(), "GUIDs are in capitals"),
-    (r"(\d{4}-\d\d-\d\d)[T ](\d\d:\d\d:\d\d)(\.\d+)?Z?", r"\1 \2", "times are rounded, and without a zone"),
+    (r"(\d{4,}-\d\d-\d\d)[T ](\d\d:\d\d:\d\d)(\.\d+)?Z?", r"\1 \2", "times are rounded, and without a zone"),
+    (r"\b\d{5,}-\d\d-\d\d \d\d:\d\d:\d\d\b", "0001-01-01 00:00:00", "python3-evtx has no times after the year 9999"),
     (r"^(True|False)$", lambda found: found[0].lower(), "python3-evtx prints truth values as Python does"),
     (r"^(?:[0-9A-F]{2}){8,}$", lambda found: base64.b64encode(bytes.fromhex(found[0])).decode(),
      "python3-evtx prints binary values as Base64"),
@@ -56,6 +57,11 @@ def xml_of_evtxexport(path):
 def python_repeats(strings):
     """python3-evtx returns strings twice when the first one of an array is empty."""
     return len(strings) > 1 and not strings[0]
+
+
+def evtxexport_joins(strings):
+    """evtxexport takes a lone surrogate and what follows it for one character."""
+    return any(re.search("[\ud800-\udfff\ufffd]", text) for text in strings)
 
 
 def as_others(strings):
