@@ -1,5 +1,6 @@
 /* Paths, directories and files. Calls only the UTF-16 functions of Windows, since the narrow ones
- * use the machine's code page. The directories of the run belong to the host's thread. */
+ * use the machine's code page. The directories of the run, and what paths were resolved to, belong
+ * to the host's thread. */
 #include "base.h"
 
 #include <algorithm>

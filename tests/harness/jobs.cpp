@@ -176,8 +176,8 @@ static void print_lines(const std::string &text, totals &totals)
     fflush(stdout);
 }
 
-/* However this process ends, Windows ends those that it has started, and theirs: one that has just
- * started does not notice Ctrl-C, and would go on. */
+/* However this process ends, Windows ends the processes that it and they have started: a process that
+ * has just started does not notice Ctrl-C, and would go on. */
 static void end_with_me(void)
 {
     JOBOBJECT_EXTENDED_LIMIT_INFORMATION limits = {};
