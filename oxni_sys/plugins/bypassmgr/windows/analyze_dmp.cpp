@@ -107,11 +107,11 @@ struct engine_session {
     }
 };
 
-/* The engine's entry point, or NULL; a failure is retried at the next call. The engine stays loaded
- * for the life of the process. */
+/* The engine's entry point, or NULL; a failure is retried at the next call and leaves nothing
+ * loaded. The engine stays loaded for the life of the process. */
 static debug_create_fn debug_create(void)
 {
-    HMODULE helper;
+    HMODULE helper, engine;
 
     if (s_debug_create != NULL)
         return s_debug_create;
@@ -120,7 +120,10 @@ static debug_create_fn debug_create(void)
     if (helper == NULL)
         return NULL;
     FreeLibrary(helper);
-    s_debug_create = proc_address<debug_create_fn>(LoadLibraryW(L"dbgeng.dll"), "DebugCreate");
+    engine = LoadLibraryW(L"dbgeng.dll");
+    s_debug_create = proc_address<debug_create_fn>(engine, "DebugCreate");
+    if (s_debug_create == NULL && engine != NULL)
+        FreeLibrary(engine);
     return s_debug_create;
 }
 
