@@ -31,7 +31,7 @@ FAKE = ["--host", f"setpriv --pdeathsig KILL {sys.executable} {pathlib.Path(__fi
 HOST = [str(SOURCE / "cmake/wine-run"), str(BUILD / "win/bin/oxni_devhost.exe")]
 EVIDENCE = SOURCE / "scenarios/evidence"
 PRODUCTS = {"guard": {"modules": ["guard_flt", "guard_net"], "count": 3}}
-MACHINES = 16 # as many as take some seconds
+MACHINES = 8 # as many as take a second
 check = Checks()
 
 
