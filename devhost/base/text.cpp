@@ -52,16 +52,20 @@ std::wstring text_wide(const std::string &utf8)
 
 std::string text_format(const char *format, ...)
 {
+    char usual[256]; /* formatting twice, once for the length, takes twice as long */
     va_list arguments, again;
     std::string text;
-    int length;
 
     va_start(arguments, format);
     va_copy(again, arguments);
-    length = vsnprintf(nullptr, 0, format, arguments);
+    const int length = vsnprintf(usual, sizeof(usual), format, arguments);
     va_end(arguments);
-    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
-    vsnprintf(text.data(), text.size() + 1, format, again);
+    const size_t bytes = length > 0 ? static_cast<size_t>(length) : 0;
+    text.assign(usual, std::min(bytes, sizeof(usual) - 1));
+    if (bytes >= sizeof(usual)) {
+        text.resize(bytes);
+        vsnprintf(text.data(), bytes + 1, format, again);
+    }
     va_end(again);
     return text;
 }
