@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <emmintrin.h>
 
+#include "quick_format.h"
 #include "stand_in.h"
 
 static constexpr size_t STEP = sizeof(__m128i);
@@ -125,11 +126,13 @@ static size_t stand_in_wcslen(const wchar_t *text)
 void *quick_function(const char *name)
 {
     static const stand_in_row rows[] = {
-        {"memcpy", reinterpret_cast<void *>(stand_in_memmove)},
+        {"memcpy",     reinterpret_cast<void *>(stand_in_memmove)},
         STAND_IN(memmove),
         STAND_IN(memcmp),
         STAND_IN(strlen),
         STAND_IN(wcslen),
+        {"_vsnprintf", reinterpret_cast<void *>(quick_vsnprintf) },
+        {"_snprintf",  reinterpret_cast<void *>(quick_snprintf)  },
     };
 
     return stand_in_find(rows, name);
