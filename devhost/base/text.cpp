@@ -237,7 +237,8 @@ bool text_fits(const std::string &text, const std::string &pattern)
     return p == pattern.size();
 }
 
-static void append_json(std::string &out, const json_t *json)
+/* space: what follows commas and colons. */
+static void append_json(std::string &out, const json_t *json, const char *space)
 {
     /* Jansson declares its iterators for non-constant objects. */
     json_t *object = const_cast<json_t *>(json);
@@ -248,19 +249,21 @@ static void append_json(std::string &out, const json_t *json)
         out += '{';
         for (void *it = json_object_iter(object); it != nullptr;
              it = json_object_iter_next(object, it)) {
-            out += first ? "" : ", ";
+            if (!first)
+                (out += ',') += space;
             first = false;
             out += text_quoted(json_object_iter_key(it));
-            out += ": ";
-            append_json(out, json_object_iter_value(it));
+            (out += ':') += space;
+            append_json(out, json_object_iter_value(it), space);
         }
         out += '}';
         break;
     case JSON_ARRAY:
         out += '[';
         for (size_t index = 0; index < json_array_size(json); index++) {
-            out += index == 0 ? "" : ", ";
-            append_json(out, json_array_get(json, index));
+            if (index != 0)
+                (out += ',') += space;
+            append_json(out, json_array_get(json, index), space);
         }
         out += ']';
         break;
@@ -273,11 +276,11 @@ static void append_json(std::string &out, const json_t *json)
     }
 }
 
-std::string text_of_json(const json_t *json)
+std::string text_of_json(const json_t *json, bool compact)
 {
     std::string out;
 
-    append_json(out, json);
+    append_json(out, json, compact ? "" : " ");
     return out;
 }
 
