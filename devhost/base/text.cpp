@@ -52,16 +52,20 @@ std::wstring text_wide(const std::string &utf8)
 
 std::string text_format(const char *format, ...)
 {
+    char usual[256]; /* formatting twice, once for the length, takes twice as long */
     va_list arguments, again;
     std::string text;
-    int length;
 
     va_start(arguments, format);
     va_copy(again, arguments);
-    length = vsnprintf(nullptr, 0, format, arguments);
+    const int length = vsnprintf(usual, sizeof(usual), format, arguments);
     va_end(arguments);
-    text.resize(length > 0 ? static_cast<size_t>(length) : 0);
-    vsnprintf(text.data(), text.size() + 1, format, again);
+    const size_t bytes = length > 0 ? static_cast<size_t>(length) : 0;
+    text.assign(usual, std::min(bytes, sizeof(usual) - 1));
+    if (bytes >= sizeof(usual)) {
+        text.resize(bytes);
+        vsnprintf(text.data(), bytes + 1, format, again);
+    }
     va_end(again);
     return text;
 }
@@ -233,7 +237,8 @@ bool text_fits(const std::string &text, const std::string &pattern)
     return p == pattern.size();
 }
 
-static void append_json(std::string &out, const json_t *json)
+/* space: what follows commas and colons. */
+static void append_json(std::string &out, const json_t *json, const char *space)
 {
     /* Jansson declares its iterators for non-constant objects. */
     json_t *object = const_cast<json_t *>(json);
@@ -244,19 +249,21 @@ static void append_json(std::string &out, const json_t *json)
         out += '{';
         for (void *it = json_object_iter(object); it != nullptr;
              it = json_object_iter_next(object, it)) {
-            out += first ? "" : ", ";
+            if (!first)
+                (out += ',') += space;
             first = false;
             out += text_quoted(json_object_iter_key(it));
-            out += ": ";
-            append_json(out, json_object_iter_value(it));
+            (out += ':') += space;
+            append_json(out, json_object_iter_value(it), space);
         }
         out += '}';
         break;
     case JSON_ARRAY:
         out += '[';
         for (size_t index = 0; index < json_array_size(json); index++) {
-            out += index == 0 ? "" : ", ";
-            append_json(out, json_array_get(json, index));
+            if (index != 0)
+                (out += ',') += space;
+            append_json(out, json_array_get(json, index), space);
         }
         out += ']';
         break;
@@ -269,11 +276,11 @@ static void append_json(std::string &out, const json_t *json)
     }
 }
 
-std::string text_of_json(const json_t *json)
+std::string text_of_json(const json_t *json, bool compact)
 {
     std::string out;
 
-    append_json(out, json);
+    append_json(out, json, compact ? "" : " ");
     return out;
 }
 

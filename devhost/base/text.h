@@ -53,9 +53,9 @@ log_line text_log_line(const std::string &line);
 /* Whether pattern matches the whole text; * matches any characters. */
 bool text_fits(const std::string &text, const std::string &pattern);
 
-/* JSON text of a Jansson value with separators ", " and ": ". Allocates nothing from the platform,
- * whose allocations are counted. NULL gives "null". */
-std::string text_of_json(const json_t *json);
+/* JSON text of a Jansson value with separators ", " and ": ", or without spaces. Allocates nothing
+ * from the platform, whose allocations are counted. NULL gives "null". */
+std::string text_of_json(const json_t *json, bool compact = false);
 
 /* "2024-03-07T09:05:41Z" of a UTC FILETIME, with milliseconds if wanted. */
 std::string time_iso(uint64_t filetime_100ns, bool milliseconds = false);

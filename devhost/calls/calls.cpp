@@ -34,18 +34,21 @@ struct planned_failure {
     uint64_t seen;    /* calls with these arguments so far */
 };
 
-struct call_state {
+/* What each call reads comes first, in one line of the cache. */
+struct alignas(64) call_state {
     any_call_fn target; /* stand-in or real function; nullptr until a plug-in imports it */
+    uint64_t total;     /* ever */
     const struct handle_call *handles; /* nullptr: neither opens nor closes */
-    uint64_t total, failed;            /* ever; failed: made to fail */
-    uint64_t since;                    /* total at the last reset of the counts */
-    std::vector<planned_failure> failures;
     calls_watch_fn watch;
+    std::vector<planned_failure> failures;
+    uint64_t failed; /* ever: made to fail */
+    uint64_t since;  /* total at the last reset of the counts */
+    int64_t opened;  /* handles, less closed ones */
 };
 
 static call_state s_calls[ROWS];
 
-/* Calls that open and close handles, by kind; s_open counts the open ones. */
+/* Calls that open and close handles, by kind. */
 static const struct handle_call {
     const char *name, *what;
     int change;
@@ -72,7 +75,6 @@ static const struct handle_call {
     {"fclose",                   "files",           -1},
 #endif
 };
-static std::map<std::string_view, int64_t> s_open;
 static calls_trace_fn s_trace;
 static bool (*s_trace_wanted)(const char *name);
 
@@ -220,7 +222,7 @@ static void trace_call(const call_row &row, const std::string &arguments, uint64
 }
 
 /* Counts calls that opened or closed something. */
-static void count_handle(const call_row &row, const handle_call &call, uint64_t result)
+static void count_handle(const call_row &row, call_state &state, uint64_t result)
 {
     bool done = static_cast<uint32_t>(result) != 0;
 
@@ -229,7 +231,7 @@ static void count_handle(const call_row &row, const handle_call &call, uint64_t 
     else if (row.failing == 'I')
         done = result != failed_result(row, 0);
     if (done)
-        s_open[call.what] += call.change;
+        state.opened += state.handles->change;
 }
 
 static uint64_t run_call(size_t index, const uint64_t *a)
@@ -265,7 +267,7 @@ static uint64_t run_call(size_t index, const uint64_t *a)
     /* Closing INVALID_HANDLE_VALUE succeeds on Windows, too. */
     if (state.handles != nullptr &&
         (state.handles->change > 0 || reinterpret_cast<HANDLE>(a[0]) != INVALID_HANDLE_VALUE))
-        count_handle(row, *state.handles, result);
+        count_handle(row, state, result);
     if (traced)
         trace_call(row, arguments, result, error, planned);
     if (state.watch != nullptr)
@@ -348,7 +350,7 @@ void calls_trace(const std::string &text)
 }
 
 /* Row of a name; ROWS when the table has none. */
-static size_t find_name(const std::string &name)
+static size_t find_name(std::string_view name)
 {
     static const std::map<std::string_view, size_t> rows = [] {
         std::map<std::string_view, size_t> made;
@@ -362,7 +364,7 @@ static size_t find_name(const std::string &name)
     return at != rows.end() ? at->second : ROWS;
 }
 
-void calls_set_watch(const std::string &name, calls_watch_fn fn)
+void calls_set_watch(std::string_view name, calls_watch_fn fn)
 {
     const size_t index = find_name(name);
 
@@ -371,19 +373,19 @@ void calls_set_watch(const std::string &name, calls_watch_fn fn)
 }
 
 /* Row of a name that can fail; ROWS when there is none. */
-static size_t find_failing(const std::string &name)
+static size_t find_failing(std::string_view name)
 {
     const size_t index = find_name(name);
 
     return index < ROWS && s_rows[index].failing != '-' ? index : ROWS;
 }
 
-bool calls_known(const std::string &name)
+bool calls_known(std::string_view name)
 {
     return find_name(name) < ROWS;
 }
 
-bool calls_can_fail(const std::string &name, uint32_t error)
+bool calls_can_fail(std::string_view name, uint32_t error)
 {
     size_t index = find_failing(name);
 
@@ -414,13 +416,15 @@ std::vector<uint32_t> calls_errors(const std::string &name)
 
 std::string calls_left_open(void)
 {
+    std::map<std::string_view, int64_t> kinds;
     std::string text;
 
-    for (const auto &open : s_open)
-        if (open.second != 0)
-            text += (text.empty() ? "" : ", ") + text_format("%lld ", open.second) +
-                    std::string(open.first);
-    s_open.clear();
+    for (call_state &state : s_calls)
+        if (state.handles != nullptr)
+            kinds[state.handles->what] += std::exchange(state.opened, 0);
+    for (const auto &[what, open] : kinds)
+        if (open != 0)
+            text += (text.empty() ? "" : ", ") + text_format("%lld ", open) + std::string(what);
     return text;
 }
 
@@ -441,14 +445,14 @@ void calls_clear_failures(void)
         state.failures.clear();
 }
 
-uint64_t calls_count(const std::string &name)
+uint64_t calls_count(std::string_view name)
 {
     const size_t index = find_name(name);
 
     return index < ROWS ? s_calls[index].total - s_calls[index].since : 0;
 }
 
-uint64_t calls_failed(const std::string &name)
+uint64_t calls_failed(std::string_view name)
 {
     const size_t index = find_name(name);
 

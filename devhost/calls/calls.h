@@ -10,6 +10,7 @@
 #include <windows.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 /* text: one call with its arguments and result, without a line feed. */
@@ -28,13 +29,13 @@ void calls_trace(const std::string &text);
 /* arguments: as passed, as many as the call has; result as the plug-in gets it. */
 typedef void (*calls_watch_fn)(const uint64_t *arguments, uint64_t result);
 /* fn is called after each call of a name that the table has; nullptr ends it. */
-void calls_set_watch(const std::string &name, calls_watch_fn fn);
+void calls_set_watch(std::string_view name, calls_watch_fn fn);
 
 /* Whether a call of that name is counted. */
-bool calls_known(const std::string &name);
+bool calls_known(std::string_view name);
 /* Whether a call of that name is known and can fail with that error: calls that set an error cannot
  * fail with 0. */
-bool calls_can_fail(const std::string &name, uint32_t error);
+bool calls_can_fail(std::string_view name, uint32_t error);
 /* The calls that can fail, and the errors that Windows documents for one: 0 alone for a call that
  * sets none. */
 std::vector<std::string> calls_failing(void);
@@ -47,9 +48,9 @@ void calls_fail(const std::string &name, uint64_t nth, uint64_t times, uint32_t 
 void calls_clear_failures(void);
 
 /* Calls of a name since the start or the last reset. */
-uint64_t calls_count(const std::string &name);
+uint64_t calls_count(std::string_view name);
 /* Number of calls of a name that were made to fail. */
-uint64_t calls_failed(const std::string &name);
+uint64_t calls_failed(std::string_view name);
 void calls_reset_counts(void);
 
 /* What the plug-in opened and did not close since the last call of this function, "2 registry keys";

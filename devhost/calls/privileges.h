@@ -4,9 +4,11 @@
 
 #include <windows.h>
 
+#include <string_view>
+
 static constexpr DWORD FIRST_PRIVILEGE = 2;
 /* By their LUID, from the first one on. */
-static constexpr const char *PRIVILEGES[] = {
+static constexpr std::string_view PRIVILEGES[] = {
     "SeCreateTokenPrivilege",
     "SeAssignPrimaryTokenPrivilege",
     "SeLockMemoryPrivilege",
@@ -45,7 +47,7 @@ static constexpr const char *PRIVILEGES[] = {
 };
 
 /* Empty: there is none. */
-inline const char *privilege_name(DWORD luid)
+inline std::string_view privilege_name(DWORD luid)
 {
     const DWORD place = luid - FIRST_PRIVILEGE;
 

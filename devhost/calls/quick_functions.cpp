@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <emmintrin.h>
 
+#include "quick_format.h"
 #include "stand_in.h"
 
 static constexpr size_t STEP = sizeof(__m128i);
@@ -65,20 +66,44 @@ static void *stand_in_memmove(void *to, const void *from, size_t bytes)
     return to;
 }
 
+/* The order of the 16 bytes from a place on; 0 when they are equal. */
+static int compare_step(const uint8_t *a, const uint8_t *b)
+{
+    const int equal = _mm_movemask_epi8(_mm_cmpeq_epi8(load(a), load(b)));
+    const unsigned at = static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(~equal)));
+
+    return equal == 0xffff ? 0 : a[at] < b[at] ? -1 : 1;
+}
+
+/* The same of one to two words, which overlap. */
+static int compare_words(const uint8_t *a, const uint8_t *b, size_t bytes)
+{
+    uint64_t one, other;
+
+    memcpy(&one, a, sizeof(one));
+    memcpy(&other, b, sizeof(other));
+    if (one == other) {
+        memcpy(&one, a + bytes - sizeof(one), sizeof(one));
+        memcpy(&other, b + bytes - sizeof(other), sizeof(other));
+    }
+    if (one == other)
+        return 0;
+    return __builtin_bswap64(one) < __builtin_bswap64(other) ? -1 : 1;
+}
+
 static int stand_in_memcmp(const void *one, const void *other, size_t bytes)
 {
     const uint8_t *a = static_cast<const uint8_t *>(one), *b = static_cast<const uint8_t *>(other);
-    size_t at = 0;
+    int order = 0;
 
-    for (; at + STEP <= bytes; at += STEP) {
-        const int equal = _mm_movemask_epi8(_mm_cmpeq_epi8(load(a + at), load(b + at)));
-
-        if (equal != 0xffff) {
-            at += static_cast<unsigned>(__builtin_ctz(static_cast<unsigned>(~equal)));
-            return a[at] < b[at] ? -1 : 1;
-        }
+    if (bytes >= STEP) {
+        for (size_t at = 0; order == 0 && at + STEP <= bytes; at += STEP)
+            order = compare_step(a + at, b + at);
+        return order != 0 ? order : compare_step(a + bytes - STEP, b + bytes - STEP);
     }
-    for (; at < bytes; at++)
+    if (bytes >= sizeof(uint64_t))
+        return compare_words(a, b, bytes);
+    for (size_t at = 0; at < bytes; at++)
         if (a[at] != b[at])
             return a[at] < b[at] ? -1 : 1;
     return 0;
@@ -125,11 +150,13 @@ static size_t stand_in_wcslen(const wchar_t *text)
 void *quick_function(const char *name)
 {
     static const stand_in_row rows[] = {
-        {"memcpy", reinterpret_cast<void *>(stand_in_memmove)},
+        {"memcpy",     reinterpret_cast<void *>(stand_in_memmove)},
         STAND_IN(memmove),
         STAND_IN(memcmp),
         STAND_IN(strlen),
         STAND_IN(wcslen),
+        {"_vsnprintf", reinterpret_cast<void *>(quick_vsnprintf) },
+        {"_snprintf",  reinterpret_cast<void *>(quick_snprintf)  },
     };
 
     return stand_in_find(rows, name);

@@ -6,6 +6,7 @@
 #include "files.h"
 
 #include <map>
+#include <unordered_map>
 
 #include "../../platform/liboxnibase/host.h"
 #include "../base/text.h"
@@ -13,6 +14,7 @@
 
 static constexpr DWORD TIME_RIGHTS =
     FILE_WRITE_ATTRIBUTES | GENERIC_WRITE | GENERIC_ALL | MAXIMUM_ALLOWED;
+static constexpr size_t MOST_KNOWN_PATHS = 64;
 
 struct open_file {
     std::wstring real_path; /* in lower case */
@@ -44,13 +46,28 @@ void machine_open_disk(const std::wstring &folder)
     CreateDirectoryW(s_disk.c_str(), nullptr);
 }
 
+/* Whether the present directory has no part in it. */
+static bool is_absolute(const std::wstring &path)
+{
+    return path.size() > 2 && path[1] == L':' && (path[2] == L'\\' || path[2] == L'/');
+}
+
 /* "C:\dir\file" from any spelling of it. */
 static std::wstring full_path(const std::wstring &path)
 {
+    static std::unordered_map<std::wstring, std::wstring> known; /* Windows takes long */
     wchar_t full[1024];
-    DWORD chars = GetFullPathNameW(path.c_str(), ARRAYSIZE(full), full, nullptr);
 
-    return chars > 0 && chars < ARRAYSIZE(full) ? full : path;
+    const auto at = known.find(path);
+    if (at != known.end())
+        return at->second;
+    const DWORD chars = GetFullPathNameW(path.c_str(), ARRAYSIZE(full), full, nullptr);
+    std::wstring found = chars > 0 && chars < ARRAYSIZE(full) ? full : path;
+    if (known.size() == MOST_KNOWN_PATHS)
+        known.clear();
+    if (is_absolute(path))
+        known[path] = found;
+    return found;
 }
 
 std::wstring machine_real_path(const std::wstring &path)

@@ -13,6 +13,8 @@ REAL(L"kernel32.dll", CloseHandle);
 
 file_map memory_files;
 static std::wstring s_folder; /* in lower case, with a backslash; empty: there is no such disk */
+/* The folder as callers spell it, which use backslashes or slashes: of the last path of each. */
+static std::wstring s_spelled[2];
 
 bool memory_files_are_open(void)
 {
@@ -22,6 +24,7 @@ bool memory_files_are_open(void)
 void memory_files_open(const std::wstring &folder)
 {
     s_folder = text_lower(folder) + L"\\";
+    s_spelled[0] = s_spelled[1] = L"";
 }
 
 /* In lower case, with backslashes, in one pass: this is done for each file operation of a boot.
@@ -43,22 +46,38 @@ static bool normalize_ascii(const wchar_t *path, std::wstring *normal)
     return true;
 }
 
+static void remove_last_backslashes(std::wstring *key)
+{
+    while (!key->empty() && key->back() == L'\\')
+        key->pop_back();
+}
+
 bool memory_file_key(const wchar_t *path, std::wstring *key)
 {
+    const size_t length = wcslen(path), folder = s_folder.size();
+    std::wstring &spelled = s_spelled[length > 2 && path[2] == L'/' ? 1 : 0];
     wchar_t full[1024];
 
     if (s_folder.empty())
         return false;
-    if (!normalize_ascii(path, key)) {
+    if (length > folder && spelled.size() == folder &&
+        memcmp(path, spelled.data(), folder * sizeof(wchar_t)) == 0 &&
+        normalize_ascii(path + folder - 1, key)) {
+        remove_last_backslashes(key);
+        return !key->empty();
+    }
+    const bool is_plain = normalize_ascii(path, key); /* then it keeps its length */
+    if (!is_plain) {
         DWORD chars = GetFullPathNameW(path, ARRAYSIZE(full), full, nullptr);
 
         *key = text_lower(std::wstring(chars < ARRAYSIZE(full) ? full : L""));
     }
-    while (!key->empty() && key->back() == L'\\')
-        key->pop_back();
-    if (key->size() <= s_folder.size() || key->compare(0, s_folder.size(), s_folder) != 0)
+    remove_last_backslashes(key);
+    if (key->size() <= folder || key->compare(0, folder, s_folder) != 0)
         return false;
-    key->erase(0, s_folder.size() - 1);
+    key->erase(0, folder - 1);
+    if (is_plain)
+        spelled.assign(path, folder);
     return true;
 }
 

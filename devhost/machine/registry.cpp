@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <string_view>
 
 #include "../base/text.h"
 #include "../calls/imports.h"
@@ -24,7 +25,7 @@ struct registry_key {
     bool is_volatile = false;
     bool deleted = false; /* a handle may outlive it */
     std::map<std::wstring, registry_value> values;
-    std::map<std::wstring, std::shared_ptr<registry_key>> keys;
+    std::map<std::wstring, std::shared_ptr<registry_key>, std::less<>> keys;
 };
 
 static std::shared_ptr<registry_key> s_root;
@@ -44,19 +45,20 @@ static constexpr DWORD CREATE_OPTIONS =
     REG_OPTION_VOLATILE | REG_OPTION_BACKUP_RESTORE | REG_OPTION_OPEN_LINK;
 
 /* Removes the first name of a path and returns it. */
-static std::wstring take_name(std::wstring *path)
+static std::wstring_view take_name(std::wstring_view *path)
 {
     const size_t end = std::min(path->find(L'\\'), path->size());
-    std::wstring name = path->substr(0, end);
+    const std::wstring_view name = path->substr(0, end);
 
-    path->erase(0, end + 1);
+    path->remove_prefix(std::min(end + 1, path->size()));
     return name;
 }
 
 static std::shared_ptr<registry_key> find_key(std::shared_ptr<registry_key> key,
                                               const std::wstring &given)
 {
-    std::wstring path = text_lower(given);
+    const std::wstring lower = text_lower(given);
+    std::wstring_view path = lower;
 
     while (key != nullptr && !path.empty()) {
         auto child = key->keys.find(take_name(&path));
@@ -72,19 +74,21 @@ static std::shared_ptr<registry_key> make_key(std::shared_ptr<registry_key> key,
                                               const std::wstring &given, bool is_volatile,
                                               bool *made)
 {
-    std::wstring path = text_lower(given);
+    const std::wstring lower = text_lower(given);
+    std::wstring_view path = lower;
 
     while (!path.empty()) {
-        std::wstring name = take_name(&path);
+        const std::wstring_view name = take_name(&path);
+        auto child = key->keys.find(name);
 
-        *made = key->keys.count(name) == 0;
+        *made = child == key->keys.end();
         if (*made) {
             if (key->is_volatile && !is_volatile)
                 return nullptr;
-            key->keys[name] = std::make_shared<registry_key>();
-            key->keys[name]->is_volatile = is_volatile;
+            child = key->keys.emplace(name, std::make_shared<registry_key>()).first;
+            child->second->is_volatile = is_volatile;
         }
-        key = key->keys[name];
+        key = child->second;
     }
     return key;
 }

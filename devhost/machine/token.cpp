@@ -4,6 +4,8 @@
  */
 #include "machine.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "../calls/privileges.h"
@@ -28,13 +30,14 @@ static uint64_t bit_of(DWORD luid)
 static bool luid_of(const char *name, DWORD *luid)
 {
     /* In the usual spelling first: a plug-in looks one up at each poll. */
-    for (int (*compare)(const char *, const char *) : {strcmp, _stricmp})
-        for (size_t i = 0; i < ARRAYSIZE(PRIVILEGES); i++)
-            if (compare(PRIVILEGES[i], name) == 0) {
-                *luid = static_cast<DWORD>(i) + FIRST_PRIVILEGE;
-                return true;
-            }
-    return false;
+    const auto *found =
+        std::find(std::begin(PRIVILEGES), std::end(PRIVILEGES), std::string_view(name));
+
+    if (found == std::end(PRIVILEGES))
+        found = std::find_if(std::begin(PRIVILEGES), std::end(PRIVILEGES),
+                             [name](auto each) { return _stricmp(each.data(), name) == 0; });
+    *luid = static_cast<DWORD>(found - std::begin(PRIVILEGES)) + FIRST_PRIVILEGE;
+    return found != std::end(PRIVILEGES);
 }
 
 static bool is_held(const LUID &luid)

@@ -26,8 +26,8 @@ struct product {
     std::vector<std::string> modules;
     std::string status;
     int64_t count;
-    std::string registration; /* JSON text in place of the usual message; empty: the usual one */
-    double registers;         /* seconds after the agent's start; negative: not by itself */
+    node registration; /* in place of the usual message; may be missing */
+    double registers;  /* seconds after the agent's start; negative: not by itself */
     int32_t unreachable;
     double reply_delay; /* negative: never */
     node answers;
@@ -63,32 +63,36 @@ static product *product_by_handle(const oxni_subscriber *subscriber)
     return nullptr;
 }
 
-static std::string usual_message(const product &product, const char *type)
+/* NULL only when the platform's memory is made to fail, as in the two functions below. */
+static json_t *usual_message(const product &product, const char *type)
 {
-    return json_text<json_line>([&](json_line &json) {
-        json.StartObject();
-        json_member(json, "product_name", product.product_name);
-        json_member(json, "type", type);
-        json_member(json, "count", product.count);
-        json_member(json, "status", product.status);
-        json.Key("data");
-        json.StartObject();
-        json_member(json, "driver_module", product.modules);
-        json.EndObject();
-        json.EndObject();
-    });
+    json_t *modules = json_array();
+
+    for (const std::string &module : product.modules)
+        if (json_array_append_new(modules, json_string(module.c_str())) != 0) {
+            json_decref(modules);
+            modules = nullptr;
+        }
+    return json_pack("{s:s, s:s, s:I, s:s, s:{s:o}}", "product_name", product.product_name.c_str(),
+                     "type", type, "count", product.count, "status", product.status.c_str(), "data",
+                     "driver_module", modules);
 }
 
-/* Throws when it is no JSON; NULL only when the platform's memory is made to fail. */
-static json_t *message_of(const std::string &text)
+static json_t *message_of(const json_value &value)
 {
+    const std::string text = node_to_text(value);
+
     return json_loadb(text.data(), text.size(), 0, nullptr);
 }
 
-static void push_text(product &product, const std::string &text)
+static json_t *registration_of(const product &product)
 {
-    json_t *message = message_of(text);
+    return product.registration ? message_of(*product.registration) : usual_message(product, "reg");
+}
 
+/* Takes over the message. */
+static void push(product &product, json_t *message)
+{
     if (message == nullptr || product.subscriber == nullptr ||
         oxni_subscriber_pushforward(product.subscriber, message, nullptr, nullptr) != 0)
         journal_add(HAPPENED_STATE, product.key, "cannot send: it is not registered");
@@ -125,7 +129,7 @@ static void answer_now(void *user)
     product.status = answer->status;
     product.count = answer->count;
     if (answer->reports)
-        push_text(product, usual_message(product, "modify"));
+        push(product, usual_message(product, "modify"));
     s_answers.remove_if([answer](const planned_answer &other) { return &other == answer; });
 }
 
@@ -186,7 +190,7 @@ static void apply_members(product &product, const node &said)
     product.registers = seconds("registers", product.registers);
     product.reply_delay = seconds("reply_delay", product.reply_delay);
     if (said["registration"])
-        product.registration = node_to_text(*said["registration"]);
+        product.registration = said["registration"];
     if (said["answers"])
         product.answers = said["answers"];
     if (said["modules"])
@@ -235,15 +239,12 @@ void product_register(const std::string &key)
 {
     product &product = product_find(key);
     oxni_subscriber_attr attr = {product.ns.c_str(), product.name.c_str(), nullptr};
-    json_t *message;
+    json_t *message = registration_of(product);
 
     if (product.subscriber != nullptr) {
-        push_text(product, product.registration.empty() ? usual_message(product, "reg")
-                                                        : product.registration);
+        push(product, message);
         return;
     }
-    message = message_of(product.registration.empty() ? usual_message(product, "reg")
-                                                      : product.registration);
     product.subscriber = oxni_subscriber_new(&attr);
     apply_delivery(product);
     (void)oxni_subscriber_subscribe(product.subscriber, "bypass_mgr", message, product_cb);
@@ -252,14 +253,14 @@ void product_register(const std::string &key)
 
 void product_send(const std::string &key, const json_value &message)
 {
-    push_text(product_find(key), node_to_text(message));
+    push(product_find(key), message_of(message));
 }
 
 void product_tell(const std::string &key)
 {
     product &product = product_find(key);
 
-    push_text(product, usual_message(product, "modify"));
+    push(product, usual_message(product, "modify"));
 }
 
 void product_unsubscribe(const std::string &key)
@@ -371,7 +372,7 @@ bool subscriber_order(const std::string &whom, const json_value &message)
 
     if (handle == nullptr)
         return false;
-    json = message_of(node_to_text(message));
+    json = message_of(message);
     (void)oxni_subscribee_pushback(handle, json, nullptr, nullptr);
     json_decref(json);
     return true;

@@ -1,6 +1,8 @@
 /* The steps of a scenario: one table, a row for each thing that can be done. */
 #include "steps.h"
 
+#include <string_view>
+
 #include "../../platform/liboxni_core/host.h"
 #include "../../platform/liboxnibase/host.h"
 #include "../agent/agent.h"
@@ -201,7 +203,7 @@ static void step_fail_allocation(const step_context &context)
 }
 
 static const struct {
-    const char *member;
+    std::string_view member;
     bool needs_agent; /* its process must be there */
     void (*run)(const step_context &context);
 } s_steps[] = {
@@ -251,10 +253,10 @@ std::string step_problem(const node &step)
     std::string does;
 
     for (const auto &row : s_steps) {
-        if (!step[row.member])
+        if (!step[row.member.data()])
             continue;
         if (!does.empty())
-            return "both \"" + does + "\" and \"" + row.member +
+            return "both \"" + does + "\" and \"" + std::string(row.member) +
                    "\", expected one action in a step";
         does = row.member;
     }
@@ -274,10 +276,11 @@ std::string step_problem(const node &step)
 
 void step_run(const node &step, std::vector<std::string> &failures)
 {
-    for (const auto &row : s_steps)
-        if (node value = step[row.member]) {
-            if (row.needs_agent && agent_state_get() != AGENT_RUNNING)
-                step.bad("the agent is not running at this moment");
-            row.run({step, value, failures});
-        }
+    for (const auto &[name, value] : step.members())
+        for (const auto &row : s_steps)
+            if (name == row.member) {
+                if (row.needs_agent && agent_state_get() != AGENT_RUNNING)
+                    step.bad("the agent is not running at this moment");
+                row.run({step, value, failures});
+            }
 }

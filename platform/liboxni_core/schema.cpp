@@ -18,6 +18,8 @@ struct broken_schema {
 struct schema {
     rapidjson::Document text;
     std::unique_ptr<rapidjson::SchemaDocument> compiled;
+    /* Used for one message after the other, since it keeps its memory. */
+    std::unique_ptr<rapidjson::SchemaValidator> validator;
 };
 
 static std::shared_ptr<schema> compile(const char *text)
@@ -29,6 +31,7 @@ static std::shared_ptr<schema> compile(const char *text)
         return nullptr;
     try {
         made->compiled = std::make_unique<rapidjson::SchemaDocument>(made->text);
+        made->validator = std::make_unique<rapidjson::SchemaValidator>(*made->compiled);
     } catch (const broken_schema &) {
         return nullptr;
     }
@@ -52,8 +55,9 @@ std::shared_ptr<schema> schema_new(const char *text)
 class walker
 {
   public:
-    explicit walker(const schema &rules) : rules_(rules), validator_(*rules.compiled)
+    explicit walker(const schema &rules) : rules_(rules), validator_(*rules.validator)
     {
+        validator_.Reset();
     }
 
     /* Returns false for an invalid value; reason() then describes it. */
@@ -114,7 +118,7 @@ class walker
             return false;
         json_object_foreach(object, key, member)
         {
-            place_ += std::string("/") + key;
+            (place_ += '/') += key;
             if (!validator_.Key(key, size(strlen(key)), true) || !value(member))
                 return false;
             place_.resize(outside);
@@ -151,7 +155,7 @@ class walker
     }
 
     const schema &rules_;
-    rapidjson::SchemaValidator validator_;
+    rapidjson::SchemaValidator &validator_;
     std::string place_; /* JSON pointer; empty for the whole message */
     json_t *refused_ = nullptr;
 };

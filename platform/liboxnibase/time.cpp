@@ -52,23 +52,35 @@ static const TIME_ZONE_INFORMATION *zone_rules()
     return &s_own;
 }
 
-static bool utc_to_local(uint64_t utc, SYSTEMTIME *local)
+static bool utc_to_local(const TIME_ZONE_INFORMATION *zone, uint64_t utc, SYSTEMTIME *local)
 {
     FILETIME time = to_filetime(utc);
     SYSTEMTIME broken;
 
     return FileTimeToSystemTime(&time, &broken) &&
-           SystemTimeToTzSpecificLocalTime(zone_rules(), &broken, local);
+           SystemTimeToTzSpecificLocalTime(zone, &broken, local);
 }
 
-/* Computes the local date of a whole second, and local time minus UTC at that time, in 100 ns. */
+/* Computes the local date of a whole second, and local time minus UTC at that time, in 100 ns.
+ * Remembers the last one: Windows takes long, and many log lines are of one second. */
 static bool local_of(uint64_t utc, SYSTEMTIME *local, int64_t *offset)
 {
+    static struct {
+        uint64_t utc;
+        TIME_ZONE_INFORMATION zone;
+        SYSTEMTIME local;
+        int64_t offset;
+    } s_last = {UINT64_MAX, {}, {}, 0};
+    const TIME_ZONE_INFORMATION *zone = zone_rules();
     FILETIME time;
 
-    if (!utc_to_local(utc, local) || !SystemTimeToFileTime(local, &time))
-        return false;
-    *offset = static_cast<int64_t>(to_number(&time) - utc);
+    if (utc != s_last.utc || memcmp(zone, &s_last.zone, sizeof(*zone)) != 0) {
+        if (!utc_to_local(zone, utc, local) || !SystemTimeToFileTime(local, &time))
+            return false;
+        s_last = {utc, *zone, *local, static_cast<int64_t>(to_number(&time) - utc)};
+    }
+    *local = s_last.local;
+    *offset = s_last.offset;
     return true;
 }
 

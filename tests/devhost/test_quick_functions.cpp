@@ -48,6 +48,38 @@ TEST(quick_functions, compare_as_unsigned_bytes)
         }
 }
 
+/* As the C runtime formats, byte for byte, into buffers of all sizes. */
+TEST(quick_functions, format_as_the_runtime)
+{
+    typedef int (*format_fn)(char *buffer, size_t size, const char *format, ...);
+    static const char *const formats[] = {
+        "",      "plain",  "%d",    "%u",   "%x",       "%02d",    "%4d",   "%04d", "%I64d",
+        "%lld",  "%llu",   "%I64u", "%llx", "%p",       "%ld",     "%lu",   "%i",   "%X",
+        "%-5d|", "%+d",    "%.3d",  "%#x",  "%08x",     "%020d",   "%25d",  "%hd",  "%5u",
+        "%%",    "a%d%%b", "%d %d", "%c",   "%s is %d", "%5s|",    "%.2s|", "%",    "%lls",
+        "%zd",   "%1d",    "%00d",  "%0d",  "%5%",      "%02I64d", "%021d", "%5p",  "%ls",
+    };
+    static const int64_t values[] = {0,  1,         9,         10,        -1,       -10,
+                                     65, INT32_MAX, INT32_MIN, INT64_MAX, INT64_MIN};
+    const auto format = quick<format_fn>("_snprintf");
+    const auto real = reinterpret_cast<format_fn>(
+        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"msvcrt.dll"), "_snprintf")));
+
+    for (const char *each : formats)
+        for (const int64_t value : values)
+            for (size_t size = 0; size < 40; size++) {
+                const bool texts = strchr(each, 's') != nullptr;
+                const char *text = value == 0 ? nullptr : "text\0"; /* also as a wide text */
+                const int64_t first = texts ? reinterpret_cast<int64_t>(text) : value;
+                std::string made(50, '.'), expected = made;
+
+                ASSERT_EQ(format(&made[0], size, each, first, value),
+                          real(&expected[0], size, each, first, value))
+                    << each << " " << value << " " << size;
+                ASSERT_EQ(made, expected) << each << " " << value << " " << size;
+            }
+}
+
 /* A page that an inaccessible one follows: a text at its end, with and without a text before it. */
 TEST(quick_functions, measure_up_to_the_end_of_a_page)
 {

@@ -44,7 +44,6 @@ static uint64_t hash_text(uint64_t hash, const char *text)
 /* Of all that the text of a value shows, but for reals, of which the store has none. */
 static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
 {
-    const char *name;
     json_t *inner;
     size_t index;
 
@@ -53,10 +52,8 @@ static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
         return hash_text(hash, json_string_value(value));
     if (json_is_integer(value))
         return hash_step(hash, static_cast<uint64_t>(json_integer_value(value)));
-    json_object_foreach(value, name, inner)
-    {
-        hash = hash_of(inner, hash_text(hash, name));
-    }
+    for (void *at = json_object_iter(value); at != nullptr; at = json_object_iter_next(value, at))
+        hash = hash_of(json_object_iter_value(at), hash_text(hash, json_object_iter_key(at)));
     json_array_foreach(value, index, inner)
     {
         hash = hash_of(inner, hash);
@@ -64,14 +61,25 @@ static uint64_t hash_of(json_t *value, uint64_t hash = 0xcbf29ce484222325ull)
     return hash_step(hash, 0x100);
 }
 
-void documents_check_store(void)
+/* Of all that the document is compared with. */
+static uint64_t hash_of_model(void)
+{
+    uint64_t hash = model_machine.has_crash;
+
+    for (const auto &[name, entry] : model_machine.store) {
+        hash = hash_step(hash_text(hash, name.c_str()), static_cast<uint64_t>(entry.count));
+        hash = hash_step(hash, static_cast<uint64_t>(entry.status));
+    }
+    hash = hash_text(hash, model_machine.blamed.c_str());
+    return hash_text(hash, model_machine.dump_created.c_str());
+}
+
+static void compare_store(void)
 {
     json_t *data = json_object_get(model_agent.document, "data");
     const char *name;
     json_t *value;
 
-    WANT(model_machine.behind || hash_of(model_agent.document) == model_machine.on_disk_hash,
-         "store on disk", "the file holds " + model_machine.on_disk);
     WANT(json_object_size(data) == model_machine.store.size() + (model_machine.has_crash ? 1 : 0),
          "store", "it holds " + text_of_json(data));
     json_object_foreach(data, name, value)
@@ -92,11 +100,37 @@ void documents_check_store(void)
     }
 }
 
+void documents_check_store(void)
+{
+    const uint64_t document = hash_of(model_agent.document), model = hash_of_model();
+
+    WANT(model_machine.behind || document == model_machine.on_disk_hash, "store on disk",
+         "the file holds " + model_machine.on_disk);
+    /* Few deliveries change one of them, and as long as none does they agree as before. */
+    if (document == model_machine.compared_document && model == model_machine.compared_model)
+        return;
+    model_machine.compared_document = document;
+    model_machine.compared_model = model;
+    compare_store();
+}
+
 static bool ends_with(uint64_t path, const std::string &name)
 {
     std::string text = reinterpret_cast<const char *>(path);
 
     return text.size() >= name.size() && text.substr(text.size() - name.size()) == name;
+}
+
+/* Whether a text is what the platform writes of a document. */
+static bool is_text_of(const std::string &text, const json_t *document)
+{
+    /* Without the platform's allocations, which take most of its time. */
+    if (text == text_of_json(document, true))
+        return true;
+    char *written = json_dumps(document, JSON_COMPACT); /* control characters look different */
+    const bool equal = written != nullptr && text == written;
+    oxni_free_(written);
+    return equal;
 }
 
 static void set_on_disk(const std::string &text, json_t *document)
@@ -127,10 +161,8 @@ void documents_on_dump(const uint64_t *a, uint64_t result)
     /* The texts are compared: parsing what was just written takes as long as writing it. */
     const std::string written =
         ejs_text(machine_read_real_file(text_wide(path), EXIT_EXPECTATION_FAILED));
-    char *expected = json_dumps(model_agent.document, JSON_COMPACT);
     set_on_disk(written,
-                expected != nullptr && written == expected ? model_agent.document : nullptr);
-    oxni_free_(expected);
+                is_text_of(written, model_agent.document) ? model_agent.document : nullptr);
 }
 
 void documents_check_history(void)

@@ -300,9 +300,10 @@ static void expand(sketch &sketch, std::string_view text, std::string &expanded)
     }
 }
 
-static void parse(const std::string &text, rapidjson::Document &document)
+static void parse(std::string text, rapidjson::Document &document)
 {
-    document.Parse<rapidjson::kParseTrailingCommasFlag>(text_replace(text, "'", "\"").c_str());
+    std::replace(text.begin(), text.end(), '\'', '"');
+    document.Parse<rapidjson::kParseTrailingCommasFlag>(text.c_str());
 }
 
 /* Half of all moments are whole seconds, where other things happen, too. */

@@ -122,6 +122,8 @@ struct machine_model {
     std::set<std::string> bypassed;
     std::string on_disk; /* the document in the store's file */
     uint64_t on_disk_hash;
+    /* Hashes of the document and of this model when they were compared last; 0: never. */
+    uint64_t compared_document, compared_model;
     bool behind; /* the document changed, and its last write failed */
     std::vector<uint64_t> blocks;
     uint64_t boot_seconds; /* of the boot that the store is of */

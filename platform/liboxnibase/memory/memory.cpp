@@ -59,19 +59,11 @@ static void plain_release(plain_block *old)
 
 void *memory_allocate(size_t size, const void *caller)
 {
-    block made = {size, nullptr, nullptr, nullptr, nullptr, 0};
-    char *address;
-
     if (must_fail())
         return nullptr;
-    made.caller = memory_all.sites ? memory_site_of(caller) : caller;
-    if (memory_all.mode == OXNIH_MEMORY_PLAIN) {
-        address = plain_new(size, made.caller);
-    } else {
-        address = guard_new(&made);
-        if (address != nullptr)
-            memory_all.blocks[reinterpret_cast<uintptr_t>(address)] = made;
-    }
+    const void *site = memory_all.sites ? memory_site_of(caller) : caller;
+    char *address =
+        memory_all.mode == OXNIH_MEMORY_PLAIN ? plain_new(size, site) : guard_new(size, site);
     if (address == nullptr)
         return nullptr;
     memory_all.stats.live_blocks++;
@@ -89,13 +81,14 @@ struct block_place {
 
 static block_place place_of(uintptr_t number)
 {
-    auto next = memory_all.blocks.upper_bound(number);
+    block_place found = {};
 
-    if (next != memory_all.blocks.begin()) {
-        auto below = std::prev(next);
-        if (number - below->first < below->second.size)
-            return {below->first, below->second.size, below->second.caller, below->second.freed_by};
-    }
+    guard_each([&](uintptr_t begin, const block &at) {
+        if (number >= begin && number - begin < at.size)
+            found = {begin, at.size, at.caller, at.freed_by};
+    });
+    if (found.size != 0)
+        return found;
     for (plain_block *at = memory_all.plain.next; at != &memory_all.plain; at = at->next) {
         uintptr_t begin = reinterpret_cast<uintptr_t>(memory_bytes_of(at));
         if (number >= begin && number - begin < at->size)
@@ -143,10 +136,10 @@ static found_block block_find(void *address, const void *caller)
 {
     uintptr_t number = reinterpret_cast<uintptr_t>(address);
     plain_block *header = reinterpret_cast<plain_block *>(address) - 1;
-    auto guarded = memory_all.blocks.find(number);
+    block *guarded = guard_find(number);
 
-    if (guarded != memory_all.blocks.end() && guarded->second.freed_by == nullptr)
-        return {nullptr, &guarded->second};
+    if (guarded != nullptr && guarded->freed_by == nullptr)
+        return {nullptr, guarded};
     /* An invalid pointer faults here, which reports the bad free as well. */
     if (guard_contains(number) || header->self != header)
         end_bad_free(address, caller);

@@ -23,6 +23,7 @@ static constexpr char FREED = '\xdd';
 
 static struct {
     char *base;
+    block *blocks; /* by slot; in pages that the search for lost blocks does not look at */
     size_t used, committed;
     bool closed[SLOTS]; /* first page inaccessible until the slot is reused */
 } s_slots;
@@ -63,38 +64,41 @@ static void arenas_trim()
     }
 }
 
-static char *arena_block_new(block *made)
+static char *arena_block_new(size_t size, const void *site)
 {
     arena *home;
-    char *end;
+    char *pages;
 
-    if (made->size > SIZE_MAX - 2 * PAGE_BYTES)
+    if (size > SIZE_MAX - 2 * PAGE_BYTES)
         return nullptr;
-    made->page_bytes = (made->size + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+    const size_t page_bytes = (size + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
     home = memory_all.arenas.empty() ? nullptr : memory_all.arenas.back();
-    if (home == nullptr || home->bytes - home->used < made->page_bytes + PAGE_BYTES) {
-        if (!arena_open(made->page_bytes + PAGE_BYTES))
+    if (home == nullptr || home->bytes - home->used < page_bytes + PAGE_BYTES) {
+        if (!arena_open(page_bytes + PAGE_BYTES))
             return nullptr;
         arenas_trim();
         home = memory_all.arenas.back();
     }
-    made->pages = home->base + home->used;
-    if (made->page_bytes != 0 &&
-        VirtualAlloc(made->pages, made->page_bytes, MEM_COMMIT, PAGE_READWRITE) == nullptr)
+    pages = home->base + home->used;
+    if (page_bytes != 0 && VirtualAlloc(pages, page_bytes, MEM_COMMIT, PAGE_READWRITE) == nullptr)
         return nullptr;
-    home->used += made->page_bytes + PAGE_BYTES;
+    home->used += page_bytes + PAGE_BYTES;
     home->live++;
-    made->guarded_in = home;
-    end = made->pages + made->page_bytes;
-    return end - made->size;
+    char *address = pages + page_bytes - size;
+    memory_all.blocks[reinterpret_cast<uintptr_t>(address)] = {size, site,  nullptr,
+                                                               home, pages, page_bytes};
+    return address;
 }
 
 static bool slot_commit()
 {
+    if (s_slots.blocks == nullptr)
+        s_slots.blocks = static_cast<block *>(
+            VirtualAlloc(nullptr, SLOTS * sizeof(block), MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
     if (s_slots.base == nullptr)
         s_slots.base = static_cast<char *>(
             VirtualAlloc(nullptr, SLOTS * SLOT_BYTES, MEM_RESERVE, PAGE_NOACCESS));
-    if (s_slots.base == nullptr || s_slots.committed == SLOTS ||
+    if (s_slots.blocks == nullptr || s_slots.base == nullptr || s_slots.committed == SLOTS ||
         VirtualAlloc(s_slots.base + s_slots.committed * SLOT_BYTES, PAGE_BYTES, MEM_COMMIT,
                      PAGE_READWRITE) == nullptr)
         return false;
@@ -112,19 +116,20 @@ static void slot_set_closed(char *pages, bool closed)
     is_closed = closed;
 }
 
-/* Returns NULL when the block does not fit or all slots are used. */
-static char *slot_block_new(block *made)
+static char *begin_of_slot_block(const block &block)
 {
-    char *address;
+    return block.pages + PAGE_BYTES - block.size;
+}
 
-    if (made->size == 0 || made->size > PAGE_BYTES ||
-        (s_slots.used == s_slots.committed && !slot_commit()))
+/* Returns NULL when the block does not fit or all slots are used. */
+static char *slot_block_new(size_t size, const void *site)
+{
+    if (size == 0 || size > PAGE_BYTES || (s_slots.used == s_slots.committed && !slot_commit()))
         return nullptr;
-    made->pages = s_slots.base + s_slots.used++ * SLOT_BYTES;
-    slot_set_closed(made->pages, false);
-    address = made->pages + PAGE_BYTES - made->size;
-    memset(address, 0, made->size);
-    return address;
+    block &made = s_slots.blocks[s_slots.used];
+    made = {size, site, nullptr, nullptr, s_slots.base + s_slots.used++ * SLOT_BYTES, 0};
+    slot_set_closed(made.pages, false);
+    return static_cast<char *>(memset(begin_of_slot_block(made), 0, size));
 }
 
 static bool is_slot(uintptr_t number)
@@ -140,13 +145,15 @@ static void slot_release(const block &old)
     if (memory_all.mode == OXNIH_MEMORY_GUARD)
         slot_set_closed(old.pages, true);
     else
-        memset(old.pages + PAGE_BYTES - old.size, FREED, old.size);
+        memset(begin_of_slot_block(old), FREED, old.size);
 }
 
-static void check_freed(const char *bytes, const block &freed)
+static void check_freed(const block &freed)
 {
+    const char *bytes = begin_of_slot_block(freed);
+
     if (s_slots.closed[static_cast<size_t>(freed.pages - s_slots.base) / SLOT_BYTES] ||
-        std::all_of(bytes, bytes + freed.size, [](char c) { return c == FREED; }))
+        (bytes[0] == FREED && memcmp(bytes, bytes + 1, freed.size - 1) == 0))
         return;
     oxnih_complain("block %p of %llu bytes from %s was written to after its free by %s", bytes,
                    static_cast<unsigned long long>(freed.size),
@@ -157,22 +164,42 @@ static void check_freed(const char *bytes, const block &freed)
 /* Checks and releases all slots, so that they can be reused. */
 static void slots_end()
 {
-    for (const auto &entry : memory_all.blocks) {
-        if (entry.second.guarded_in != nullptr)
-            continue;
-        if (entry.second.freed_by != nullptr)
-            check_freed(reinterpret_cast<const char *>(entry.first), entry.second);
+    for (size_t slot = 0; slot < s_slots.used; slot++)
+        if (s_slots.blocks[slot].freed_by != nullptr)
+            check_freed(s_slots.blocks[slot]);
         else
-            slot_release(entry.second);
-    }
+            slot_release(s_slots.blocks[slot]);
     s_slots.used = 0;
 }
 
-char *guard_new(block *made)
+char *guard_new(size_t size, const void *site)
 {
-    char *address = slot_block_new(made);
+    char *address = slot_block_new(size, site);
 
-    return address != nullptr ? address : arena_block_new(made);
+    return address != nullptr ? address : arena_block_new(size, site);
+}
+
+block *guard_find(uintptr_t begin)
+{
+    if (is_slot(begin)) {
+        const size_t slot = (begin - reinterpret_cast<uintptr_t>(s_slots.base)) / SLOT_BYTES;
+
+        return slot < s_slots.used && begin == reinterpret_cast<uintptr_t>(
+                                                   begin_of_slot_block(s_slots.blocks[slot]))
+                   ? &s_slots.blocks[slot]
+                   : nullptr;
+    }
+    auto found = memory_all.blocks.find(begin);
+    return found != memory_all.blocks.end() ? &found->second : nullptr;
+}
+
+void guard_each(const std::function<void(uintptr_t begin, const block &block)> &fn)
+{
+    for (size_t slot = 0; slot < s_slots.used; slot++)
+        fn(reinterpret_cast<uintptr_t>(begin_of_slot_block(s_slots.blocks[slot])),
+           s_slots.blocks[slot]);
+    for (const auto &entry : memory_all.blocks)
+        fn(entry.first, entry.second);
 }
 
 void guard_release(block *old, const void *caller)

@@ -3,6 +3,7 @@
 #define OXNIBASE_MEMORY_INTERNAL_H
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <new>
 #include <set>
@@ -79,7 +80,7 @@ typedef std::map<uintptr_t, block, std::less<>, own_allocator<std::pair<const ui
 
 struct memory_state {
     plain_block plain = {&plain, &plain, 0, nullptr, nullptr}; /* head of the ring */
-    block_map blocks;           /* guarded blocks, including freed ones */
+    block_map blocks;           /* guarded blocks in arenas, including freed ones */
     std::deque<arena *> arenas; /* new blocks come from the last one */
     std::vector<module_range> seen_through;
     oxnih_memory_mode mode = OXNIH_MEMORY_PLAIN;
@@ -95,9 +96,13 @@ char *memory_bytes_of(plain_block *header);
 
 /* memory_guard.cpp */
 
-/* Allocates a zeroed block of made->size bytes, guarded or fenced by the current mode, and fills
- * the other members of made. Returns its first byte; NULL when memory runs out. */
-char *guard_new(block *made);
+/* Allocates a zeroed block, guarded or fenced by the current mode. Returns its first byte; NULL when
+ * memory runs out. */
+char *guard_new(size_t size, const void *site);
+/* Returns the guarded block that begins at an address, which may be freed; NULL when none does. */
+block *guard_find(uintptr_t begin);
+/* Calls fn for each guarded block, including freed ones. */
+void guard_each(const std::function<void(uintptr_t begin, const block &block)> &fn);
 void guard_release(block *old, const void *caller);
 /* Returns whether an address is in the address space of guarded blocks. */
 bool guard_contains(uintptr_t number);

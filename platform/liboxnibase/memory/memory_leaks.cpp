@@ -39,9 +39,10 @@ void oxnih_memory_leaks(oxnih_leak_fn fn, void *user)
 {
     leak_map found;
 
-    for (const auto &entry : memory_all.blocks)
-        if (entry.second.freed_by == nullptr)
-            add_leak(found, entry.second.caller, entry.second.size);
+    guard_each([&found](uintptr_t, const block &each) {
+        if (each.freed_by == nullptr)
+            add_leak(found, each.caller, each.size);
+    });
     for (plain_block *each = memory_all.plain.next; each != &memory_all.plain; each = each->next)
         add_leak(found, each->caller, each->size);
     report_leaks(found, fn, user);
@@ -54,9 +55,12 @@ class reach
   public:
     reach()
     {
-        for (const auto &entry : memory_all.blocks)
-            if (entry.second.freed_by == nullptr)
-                targets_.push_back({entry.first, &entry.second, false});
+        guard_each([this](uintptr_t begin, const block &each) {
+            if (each.freed_by == nullptr)
+                targets_.push_back({begin, &each, false});
+        });
+        std::sort(targets_.begin(), targets_.end(),
+                  [](const target &one, const target &other) { return one.begin < other.begin; });
         if (!targets_.empty()) {
             begin_ = targets_.front().begin;
             bytes_ = targets_.back().begin + targets_.back().is->size - begin_;
