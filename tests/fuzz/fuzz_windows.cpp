@@ -1,13 +1,11 @@
 /*
- * Random sequences of calls, made to a stand-in and to Wine's real call in one process: each result
- * must be the same. Files: one folder is on the memory disk, another on the real one. Registry and
- * environment: the machine's stand-in and the real call. A call draws its arguments itself, from chances
- * that begin equal on both sides.
+ * Random sequences of calls of files, made below a folder on the memory disk and below one on the real
+ * disk, in one process: each result must be the same. A call draws its arguments itself, from chances
+ * that begin equal on both sides. Named checks (tests/conformance) hold the other stand-ins to Windows.
  *
  * Not made, because Wine is known to differ: opening with TRUNCATE_EXISTING or setting times without
- * the right, creation times, keys directly below HKEY_LOCAL_MACHINE, unknown options, the disposition
- * of a key that is created by an empty name, a move that changes the case only, a move of a missing
- * file, or of a folder onto something or with open files. Streams that append are left to the C runtime.
+ * the right, creation times, a move that changes the case only, a move of a missing file, or of a
+ * folder onto something or with open files. Streams that append are left to the C runtime.
  */
 #include "fuzz.h"
 
@@ -19,44 +17,15 @@
 #include <oxni/base/path.h>
 
 #include "base/text.h"
-#include "machine/machine.h"
-#include "machine/machine_open.h"
-#include "machine/registry.h"
 
 static constexpr int CALLS_PER_SEQUENCE = 40;
 
 /* One side of the comparison, with what its calls have opened. */
 struct side {
-    bool is_real;
     std::wstring folder; /* with a backslash at the end */
     std::vector<HANDLE> handles;
-    HKEY keys[4]; /* the first is the own one */
-    decltype(&RegCreateKeyExW) create;
-    decltype(&RegOpenKeyExW) open;
-    decltype(&RegDeleteKeyW) remove;
-    decltype(&RegQueryValueExW) query;
-    decltype(&RegCloseKey) close;
 };
-static side s_sides[2];
-
-/* make: makes a call on one side. Result: its arguments and results in words; empty: no call. */
-static void compare(std::string (*make)(side &on, chance &chance), int calls, chance &chance)
-{
-    std::string all;
-
-    for (int i = 0; i < calls; i++) {
-        const uint64_t drawn = chance.next();
-        std::string made[2];
-
-        for (side &on : s_sides) {
-            class chance same(drawn);
-            made[on.is_real] = make(on, same);
-        }
-        all += "\n  stand-in: " + made[0] + "\n  real:     " + made[1];
-        if (made[0] != made[1])
-            violated("the last call differs:" + all);
-    }
-}
+static side s_memory, s_real;
 
 static std::string bool_text(BOOL done)
 {
@@ -229,139 +198,26 @@ static std::string make_file_call(side &on, chance &chance)
 
 static void open_files(void)
 {
-    s_sides[0].folder = text_wide(fuzz_memory.path);
-    s_sides[1].folder = text_wide(fuzz_disk.path);
-    s_sides[1].is_real = true;
-    for (side &on : s_sides)
-        on.handles.assign(4, INVALID_HANDLE_VALUE);
+    s_memory = {text_wide(fuzz_memory.path), std::vector<HANDLE>(4, INVALID_HANDLE_VALUE)};
+    s_real = {text_wide(fuzz_disk.path), s_memory.handles};
 }
 
 static void try_files(chance &chance, uint64_t)
 {
-    compare(make_file_call, CALLS_PER_SEQUENCE, chance);
-    for (side &on : s_sides)
-        close_files(on);
+    std::string all;
+
+    for (int i = 0; i < CALLS_PER_SEQUENCE; i++) {
+        class chance first(chance.next()), second = first;
+        const std::string memory = make_file_call(s_memory, first),
+                          real = make_file_call(s_real, second);
+
+        all += "\n  memory: " + memory + "\n  real:   " + real;
+        if (memory != real)
+            violated("the last call differs:" + all);
+    }
+    close_files(s_memory);
+    close_files(s_real);
     fuzz_memory.empty();
     fuzz_disk.empty();
 }
 FUZZ_TARGET(file_calls, open_files, try_files, 1, 300)
-
-static std::wstring s_key; /* of this process */
-
-/* Not the imports of this program: they may be redirected. */
-template <typename Function> static void take(bool real, const char *name, Function *function)
-{
-    const HMODULE library = GetModuleHandleW(L"advapi32.dll");
-
-    *function = reinterpret_cast<Function>(
-        real ? reinterpret_cast<void *>(GetProcAddress(library, name)) : machine_stand_in(name));
-}
-
-static void open_machine(void)
-{
-    machine_open(text_wide(fuzz_disk.path.substr(0, fuzz_disk.path.size() - 1)));
-    for (const wchar_t *name : {L"SystemRoot", L"windir"})
-        SetEnvironmentVariableW(name, machine_get().windows_folder.c_str());
-    s_key = L"SOFTWARE\\fuzz_" + std::to_wstring(GetCurrentProcessId());
-    s_sides[1].is_real = true;
-    for (side &on : s_sides) {
-        take(on.is_real, "RegCreateKeyExW", &on.create);
-        take(on.is_real, "RegOpenKeyExW", &on.open);
-        take(on.is_real, "RegDeleteKeyW", &on.remove);
-        take(on.is_real, "RegQueryValueExW", &on.query);
-        take(on.is_real, "RegCloseKey", &on.close);
-    }
-}
-
-static std::string query_text(const side &on, HKEY key, DWORD capacity)
-{
-    BYTE data[64] = {};
-    DWORD bytes = capacity, type = 0;
-    const LONG error =
-        on.query(key, L"Value", nullptr, &type, capacity != 0 ? data : nullptr, &bytes);
-
-    return text_format("RegQueryValueExW %lu: %ld, type %lu, %lu bytes, %02x %02x", capacity, error,
-                       error == 0 ? type : 0, error == 0 || error == ERROR_MORE_DATA ? bytes : 0,
-                       data[0], data[2]);
-}
-
-/* Creates or opens a key, which is kept where there is a place for it. */
-static std::string open_key(side &on, HKEY from, const wchar_t *name, bool creates, chance &chance)
-{
-    static const REGSAM accesses[] = {KEY_READ, KEY_ALL_ACCESS, KEY_QUERY_VALUE};
-    const REGSAM access = chance.of(accesses);
-    HKEY &kept = on.keys[1 + chance.below(3)], key = nullptr;
-    DWORD disposition = 0;
-    const LONG error = creates ? on.create(from, name, 0, nullptr, REG_OPTION_VOLATILE, access,
-                                           nullptr, &key, &disposition)
-                               : on.open(from, name, 0, access, &key);
-
-    if (error == ERROR_SUCCESS && kept == nullptr)
-        kept = key;
-    else if (error == ERROR_SUCCESS)
-        on.close(key);
-    return text_format("%s access %lx: %ld, disposition %lu", creates ? "create" : "open", access,
-                       error, *name == L'\0' ? 0 : disposition);
-}
-
-static std::string make_registry_call(side &on, chance &chance)
-{
-    static const wchar_t *const names[] = {L"one",   L"ONE",   L"one\\two", L"one\\two\\",
-                                           L"three", L"\\one", L""};
-    const size_t index = chance.below(4), kind = chance.below(5);
-    const wchar_t *name = chance.of(names);
-    const HKEY from = on.keys[index];
-    const std::string place = std::to_string(index) + " '" + text_narrow(name) + "': ";
-
-    if (from == nullptr || (kind == 4 && index == 0))
-        return "";
-    switch (kind) {
-    case 0:
-    case 1: return place + open_key(on, from, name, kind == 0, chance);
-    case 2: return place + text_format("RegDeleteKeyW %ld", on.remove(from, name));
-    case 3: return place + query_text(on, from, 20 * static_cast<DWORD>(chance.below(3)));
-    default: on.keys[index] = nullptr; return place + text_format("close %ld", on.close(from));
-    }
-}
-
-static void try_registry_calls(chance &chance, uint64_t)
-{
-    const std::wstring text = L"text " + std::to_wstring(chance.below(1000000));
-    const DWORD bytes = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-
-    for (side &on : s_sides)
-        on.create(HKEY_LOCAL_MACHINE, s_key.c_str(), 0, nullptr, REG_OPTION_VOLATILE,
-                  KEY_ALL_ACCESS, nullptr, &on.keys[0], nullptr);
-    machine_set_value(s_key, L"Value", REG_SZ,
-                      std::string(reinterpret_cast<const char *>(text.c_str()), bytes));
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, s_key.c_str(), L"Value", REG_SZ, text.c_str(), bytes);
-    compare(make_registry_call, CALLS_PER_SEQUENCE, chance);
-    for (side &on : s_sides)
-        for (HKEY &key : on.keys) {
-            if (key != nullptr)
-                on.close(key);
-            key = nullptr;
-        }
-    machine_delete_key(s_key);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, s_key.c_str());
-}
-FUZZ_TARGET(registry_calls, open_machine, try_registry_calls, 1, 300)
-
-static std::string expand(side &on, chance &chance)
-{
-    static const wchar_t *const parts[] = {L"%",    L"SystemRoot", L"windir", L"%SystemRoot%",
-                                           L"none", L"\\x",        L" ",      L"%none%"};
-    std::wstring text;
-    wchar_t real[1024] = {};
-
-    for (size_t left = 1 + chance.below(8); left > 0; left--)
-        text += chance.of(parts);
-    ExpandEnvironmentStringsW(text.c_str(), real, ARRAYSIZE(real));
-    return text_narrow(text + L" is " + (on.is_real ? real : machine_expand(text)));
-}
-
-static void try_expansion(chance &chance, uint64_t)
-{
-    compare(expand, 1, chance);
-}
-FUZZ_TARGET(expansions, open_machine, try_expansion, 1, 300)

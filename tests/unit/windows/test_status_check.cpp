@@ -53,12 +53,8 @@ static int note_verdict(int32_t result, const crash_module_set &modules,
     return 99;
 }
 
-class test_start_bypass_status_check : public testing::Test
-{
-    const import_patch timer_{"oxni_timer_start", arm_timer};
-};
-
-/* Starts a check and lets its timers fire until none is pending. Result: that of the start. */
+/* Starts a check and lets its timers fire until none is pending; the caller has patched their start.
+ * Result: that of the start. */
 static int32_t play_check(unsigned refused)
 {
     s_timer = {nullptr, nullptr, 0, refused};
@@ -79,8 +75,10 @@ static void set_polls(const wchar_t *polls)
     registry_set(DRIVER_KEY, L"TimerMaxCount", REG_SZ, wide_bytes(polls));
 }
 
-TEST_F(test_start_bypass_status_check, polls)
+TEST(test_start_bypass_status_check, polls)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
+
     for (const wchar_t *polls : {L"-5", L"x"}) {
         system_log log({});
         const uint64_t blocks = live_blocks();
@@ -94,8 +92,9 @@ TEST_F(test_start_bypass_status_check, polls)
 }
 
 /* A check that cannot continue reports its failure once. */
-TEST_F(test_start_bypass_status_check, cannot_go_on)
+TEST(test_start_bypass_status_check, cannot_go_on)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     const uint64_t blocks = live_blocks();
 
     set_polls(L"12");
@@ -114,8 +113,9 @@ TEST_F(test_start_bypass_status_check, cannot_go_on)
 
 /* No exception reaches the host's timer: one below a poll ends the check, one in the search for a
  * dump or in the callback does not change the verdict. */
-TEST_F(test_start_bypass_status_check, exceptions)
+TEST(test_start_bypass_status_check, exceptions)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     static const struct {
         const wchar_t *polls;
         bool read_throws; /* otherwise the search for a dump */
@@ -153,8 +153,9 @@ TEST_F(test_start_bypass_status_check, exceptions)
 }
 
 /* Whichever allocation fails: there is one verdict, and everything that was opened is closed. */
-TEST_F(test_start_bypass_status_check, no_memory)
+TEST(test_start_bypass_status_check, no_memory)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     listed_file dump(L"a minidump with a long name.dmp", INT64_MAX / 2);
     const std::wstring folder = L"C:\\dumps that are not there";
     const std::wstring path = folder + L"\\a minidump with a long name.dmp";
