@@ -56,15 +56,6 @@ class engine_test : public testing::Test
     {
         wchar_t folder[MAX_PATH];
 
-        module_ = LoadLibraryW(L"dbgeng.dll");
-        create_ = reinterpret_cast<decltype(create_)>(
-            reinterpret_cast<void *>(GetProcAddress(module_, "DebugCreate")));
-        set_ = reinterpret_cast<engine_script_set_fn>(
-            reinterpret_cast<void *>(GetProcAddress(module_, "engine_script_set")));
-        loading_ = reinterpret_cast<engine_loading_set_fn>(
-            reinterpret_cast<void *>(GetProcAddress(module_, "engine_loading_set")));
-        counts_ = reinterpret_cast<engine_counts_get_fn>(
-            reinterpret_cast<void *>(GetProcAddress(module_, "engine_counts_get")));
         ASSERT_TRUE(create_ && set_ && loading_ && counts_)
             << "this is not the engine of this project";
         ASSERT_NE(GetTempPathW(MAX_PATH, folder), 0u);
@@ -137,11 +128,16 @@ class engine_test : public testing::Test
         return result;
     }
 
-    HMODULE module_ = nullptr;
-    HRESULT(WINAPI *create_)(REFIID iid, void **out) = nullptr;
-    engine_script_set_fn set_ = nullptr;
-    engine_loading_set_fn loading_ = nullptr;
-    engine_counts_get_fn counts_ = nullptr;
+    template <typename Function> Function exported(const char *name)
+    {
+        return reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(module_, name)));
+    }
+
+    const HMODULE module_ = LoadLibraryW(L"dbgeng.dll");
+    const decltype(&DebugCreate) create_ = exported<decltype(&DebugCreate)>("DebugCreate");
+    const engine_script_set_fn set_ = exported<engine_script_set_fn>("engine_script_set");
+    const engine_loading_set_fn loading_ = exported<engine_loading_set_fn>("engine_loading_set");
+    const engine_counts_get_fn counts_ = exported<engine_counts_get_fn>("engine_counts_get");
     IDebugClient4 *client_ = nullptr; /* created as IDebugClient, as many clients do */
     IDebugControl *control_ = nullptr;
     DEBUG_STACK_FRAME frames_[100] = {};

@@ -287,18 +287,7 @@ static constexpr uint64_t FILE_BYTES = 0x2336;
 #define RUNS_1 1, MEMORY_RUNS
 #define FDMP_5 5, MEMORY_FDMP
 #define SDMP_6 6, MEMORY_SDMP
-static constexpr size_t COUNT = MEMORY_RUN_COUNT;
-static constexpr size_t PAGES = MEMORY_RUN_PAGES;
-static constexpr size_t RUN_0 = MEMORY_RUN_FIRST;
-static constexpr size_t RUN_1 = MEMORY_RUN_FIRST + 16;
-static constexpr size_t FIRST = MEMORY_FIRST_PAGE;
-static constexpr size_t BITS = MEMORY_BITMAP_BITS;
-static constexpr size_t PRESENT = MEMORY_BITMAP_PRESENT;
-static constexpr size_t BITMAP_AT = MEMORY_BITMAP;
-static constexpr size_t MARK = MEMORY_BITMAP + 4;
 static constexpr size_t FLAGS = DUMP_CONTEXT + 0x30;
-static constexpr int TABLES = 0x10;
-static constexpr int LIST = 0x20;
 static constexpr uint64_t TWO_40 = 0x10000000000ull;
 #define DAMAGED  KERNEL_DUMP_DAMAGED
 #define CUT_OFF  KERNEL_DUMP_CUT_OFF
@@ -316,48 +305,48 @@ static const struct refused_memory_row {
     enum kernel_dump_error error;
     const char *reason;
 } s_refused_rows[] = {
-    {"unknown kind",      SMALL,  DUMP_KIND,           3,                  4, KERNEL_DUMP_KIND, "unknown"              },
-    {"no context",        SMALL,  DUMP_CONTEXT_AT,     0,                  4, NOT_CTX,          "contains no"          },
-    {"no Rip in it",      SMALL,  DUMP_CONTEXT + 0x30, 0x100002,           4, NOT_CTX,          "0x100002"             },
-    {"context cut",       SMALL,  DUMP_CONTEXT_AT,     FILE_BYTES - 0x4CF, 4, DAMAGED,          "context"              },
-    {"mark runs out",     SMALL,  DUMP_VALID,          FILE_BYTES - 3,     4, DAMAGED,          "mark"                 },
-    {"mark missing",      SMALL,  FILE_BYTES - 4,      'X',                1, DAMAGED,          "mark"                 },
-    {"says longer",       SMALL,  DUMP_SIZE,           FILE_BYTES + 1,     4, CUT_OFF,          "truncated"            },
-    {"stack runs out",    SMALL,  DUMP_STACK_AT,       FILE_BYTES - 63,    4, DAMAGED,          "stack"                },
-    {"stack wraps",       SMALL,  DUMP_STACK_START,    0 - 63ull,          8, DAMAGED,          "space"                },
-    {"count wraps",       SMALL,  DUMP_DRIVER_COUNT,   29826162,           4, DAMAGED,          "29826162"             },
-    {"name outside",      SMALL,  NAME_0,              UINT32_MAX,         4, DAMAGED,          "module 0"             },
-    {"length runs out",   SMALL,  NAME_1,              FILE_BYTES - 3,     4, DAMAGED,          "module 1"             },
-    {"name runs out",     SMALL,  NAME_2,              FILE_BYTES - 4,     4, DAMAGED,          "module 2"             },
-    {"module wraps",      SMALL,  BASE_1,              0 - 0xFFFFull,      8, DAMAGED,          "space"                },
-    {"no runs",           RUNS_1, COUNT,               0,                  4, DAMAGED,          "hold 0 runs"          },
-    {"too many runs",     RUNS_1, COUNT,               44,                 4, DAMAGED,          "hold 44 runs"         },
-    {"never filled",      RUNS_1, COUNT,               0x45474150,         4, DAMAGED,          "runs"                 },
-    {"runs left out",     RUNS_1, COUNT,               2,                  4, DAMAGED,          "have 6 pages"         },
-    {"pages do not fit",  RUNS_1, PAGES,               7,                  8, DAMAGED,          "counts 7"             },
-    {"huge page count",   RUNS_1, PAGES,               UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
-    {"run too far out",   RUNS_1, RUN_1,               TWO_40 + 1,         8, DAMAGED,          "run 1"                },
-    {"run wraps",         RUNS_1, RUN_0 + 8,           UINT64_MAX,         8, DAMAGED,          "run 0"                },
-    {"run ends too far",  RUNS_1, RUN_0 + 8,           0xFFFFFFFF01,       8, DAMAGED,          "run 0"                },
-    {"runs overlap",      RUNS_1, RUN_1,               0x102,              8, DAMAGED,          "run 1"                },
-    {"runs for a bitmap", RUNS_1, DUMP_KIND,           5,                  4, DAMAGED,          "bitmap is missing"    },
-    {"no bitmap",         FDMP_5, BITMAP_AT,           'X',                1, DAMAGED,          "bitmap is missing"    },
-    {"not finished",      SDMP_6, MARK,                'X',                1, DAMAGED,          "bitmap is missing"    },
-    {"bitmap for runs",   SDMP_6, DUMP_KIND,           1,                  4, DAMAGED,          "hold 0 runs"          },
-    {"pages in bitmap",   SDMP_6, FIRST,               MEMORY_BITS,        8, DAMAGED,          "reaches into"         },
-    {"pages at 0",        SDMP_6, FIRST,               0,                  8, DAMAGED,          "reaches into"         },
-    {"pages far out",     SDMP_6, FIRST,               UINT64_MAX,         8, CUT_OFF,          "first page"           },
-    {"no bits",           SDMP_6, BITS,                0,                  8, DAMAGED,          "has 0 pages"          },
-    {"too many bits",     SDMP_6, BITS,                TWO_40 + 1,         8, DAMAGED,          "no machine"           },
-    {"bits do not fit",   SDMP_6, BITS,                0x7E41,             8, DAMAGED,          "of 4041 bytes"        },
-    {"bits left out",     SDMP_6, BITS,                0x101,              8, DAMAGED,          "marks 1 pages"        },
-    {"huge count",        SDMP_6, PRESENT,             UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
-    {"a bit too many",    SDMP_6, MEMORY_BITS,         1,                  1, DAMAGED,          "pages, and its header"},
-    {"no context",        SDMP_6, FLAGS,               0x45474150,         4, NOT_CTX,          "Rip"                  },
-    {"no page tables",    RUNS_1, TABLES,              0,                  8, NOT_LIST,         "table is not"         },
-    {"tables far out",    RUNS_1, TABLES,              UINT64_MAX,         8, NOT_LIST,         "table is not"         },
-    {"no list",           RUNS_1, LIST,                0,                  8, NOT_LIST,         "not mapped"           },
-    {"list nowhere",      RUNS_1, LIST,                UINT64_MAX,         8, NOT_LIST,         "not mapped"           },
+    {"unknown kind",      SMALL,  DUMP_KIND,             3,                  4, KERNEL_DUMP_KIND, "unknown"              },
+    {"no context",        SMALL,  DUMP_CONTEXT_AT,       0,                  4, NOT_CTX,          "contains no"          },
+    {"no Rip in it",      SMALL,  DUMP_CONTEXT + 0x30,   0x100002,           4, NOT_CTX,          "0x100002"             },
+    {"context cut",       SMALL,  DUMP_CONTEXT_AT,       FILE_BYTES - 0x4CF, 4, DAMAGED,          "context"              },
+    {"mark runs out",     SMALL,  DUMP_VALID,            FILE_BYTES - 3,     4, DAMAGED,          "mark"                 },
+    {"mark missing",      SMALL,  FILE_BYTES - 4,        'X',                1, DAMAGED,          "mark"                 },
+    {"says longer",       SMALL,  DUMP_SIZE,             FILE_BYTES + 1,     4, CUT_OFF,          "truncated"            },
+    {"stack runs out",    SMALL,  DUMP_STACK_AT,         FILE_BYTES - 63,    4, DAMAGED,          "stack"                },
+    {"stack wraps",       SMALL,  DUMP_STACK_START,      0 - 63ull,          8, DAMAGED,          "space"                },
+    {"count wraps",       SMALL,  DUMP_DRIVER_COUNT,     29826162,           4, DAMAGED,          "29826162"             },
+    {"name outside",      SMALL,  NAME_0,                UINT32_MAX,         4, DAMAGED,          "module 0"             },
+    {"length runs out",   SMALL,  NAME_1,                FILE_BYTES - 3,     4, DAMAGED,          "module 1"             },
+    {"name runs out",     SMALL,  NAME_2,                FILE_BYTES - 4,     4, DAMAGED,          "module 2"             },
+    {"module wraps",      SMALL,  BASE_1,                0 - 0xFFFFull,      8, DAMAGED,          "space"                },
+    {"no runs",           RUNS_1, MEMORY_RUN_COUNT,      0,                  4, DAMAGED,          "hold 0 runs"          },
+    {"too many runs",     RUNS_1, MEMORY_RUN_COUNT,      44,                 4, DAMAGED,          "hold 44 runs"         },
+    {"never filled",      RUNS_1, MEMORY_RUN_COUNT,      0x45474150,         4, DAMAGED,          "runs"                 },
+    {"runs left out",     RUNS_1, MEMORY_RUN_COUNT,      2,                  4, DAMAGED,          "have 6 pages"         },
+    {"pages do not fit",  RUNS_1, MEMORY_RUN_PAGES,      7,                  8, DAMAGED,          "counts 7"             },
+    {"huge page count",   RUNS_1, MEMORY_RUN_PAGES,      UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
+    {"run too far out",   RUNS_1, MEMORY_RUN_FIRST + 16, TWO_40 + 1,         8, DAMAGED,          "run 1"                },
+    {"run wraps",         RUNS_1, MEMORY_RUN_FIRST + 8,  UINT64_MAX,         8, DAMAGED,          "run 0"                },
+    {"run ends too far",  RUNS_1, MEMORY_RUN_FIRST + 8,  0xFFFFFFFF01,       8, DAMAGED,          "run 0"                },
+    {"runs overlap",      RUNS_1, MEMORY_RUN_FIRST + 16, 0x102,              8, DAMAGED,          "run 1"                },
+    {"runs for a bitmap", RUNS_1, DUMP_KIND,             5,                  4, DAMAGED,          "bitmap is missing"    },
+    {"no bitmap",         FDMP_5, MEMORY_BITMAP,         'X',                1, DAMAGED,          "bitmap is missing"    },
+    {"not finished",      SDMP_6, MEMORY_BITMAP + 4,     'X',                1, DAMAGED,          "bitmap is missing"    },
+    {"bitmap for runs",   SDMP_6, DUMP_KIND,             1,                  4, DAMAGED,          "hold 0 runs"          },
+    {"pages in bitmap",   SDMP_6, MEMORY_FIRST_PAGE,     MEMORY_BITS,        8, DAMAGED,          "reaches into"         },
+    {"pages at 0",        SDMP_6, MEMORY_FIRST_PAGE,     0,                  8, DAMAGED,          "reaches into"         },
+    {"pages far out",     SDMP_6, MEMORY_FIRST_PAGE,     UINT64_MAX,         8, CUT_OFF,          "first page"           },
+    {"no bits",           SDMP_6, MEMORY_BITMAP_BITS,    0,                  8, DAMAGED,          "has 0 pages"          },
+    {"too many bits",     SDMP_6, MEMORY_BITMAP_BITS,    TWO_40 + 1,         8, DAMAGED,          "no machine"           },
+    {"bits do not fit",   SDMP_6, MEMORY_BITMAP_BITS,    0x7E41,             8, DAMAGED,          "of 4041 bytes"        },
+    {"bits left out",     SDMP_6, MEMORY_BITMAP_BITS,    0x101,              8, DAMAGED,          "marks 1 pages"        },
+    {"huge count",        SDMP_6, MEMORY_BITMAP_PRESENT, UINT64_MAX,         8, DAMAGED,          "counts 1844"          },
+    {"a bit too many",    SDMP_6, MEMORY_BITS,           1,                  1, DAMAGED,          "pages, and its header"},
+    {"no context",        SDMP_6, FLAGS,                 0x45474150,         4, NOT_CTX,          "Rip"                  },
+    {"no page tables",    RUNS_1, DUMP_DIRECTORY_TABLE,  0,                  8, NOT_LIST,         "table is not"         },
+    {"tables far out",    RUNS_1, DUMP_DIRECTORY_TABLE,  UINT64_MAX,         8, NOT_LIST,         "table is not"         },
+    {"no list",           RUNS_1, DUMP_LOADED_MODULES,   0,                  8, NOT_LIST,         "not mapped"           },
+    {"list nowhere",      RUNS_1, DUMP_LOADED_MODULES,   UINT64_MAX,         8, NOT_LIST,         "not mapped"           },
 };
 
 TEST(memory_dump, test_rejected)

@@ -397,51 +397,39 @@ static std::string frames_of(const kernel_dump &dump, const std::vector<kernel_i
     return text;
 }
 
-/* images: the first letters of the modules whose images are at hand; "?" before a scanned frame */
-static const struct stack_row {
-    const char *row;
-    const char *function; /* of the crash */
-    uint32_t offset;
-    std::vector<uint64_t> (*stack)();
-    const char *images;
-    const char *frames;
-} s_stack_rows[] = {
-    {"no images",                              "unwind_parent",    PARENT,    [] { return stack_of_two(0); }, "",
-     "one ?two ?two ?nt ?two ?two"                                                                                                },
-    {"all images, to the start of the thread", "unwind_parent",    PARENT,
-     [] { return stack_of_two(0); },                                                                          "not", "one nt"     },
-    {"kernel's image missing",                 "unwind_parent",    PARENT,    [] { return stack_of_two(0); }, "ot",
-     "one nt ?two ?two"                                                                                                           },
-    {"crashed module's image missing",         "unwind_parent",    PARENT,    [] { return stack_of_two(0); }, "n",
-     "one ?two ?two ?nt ?two ?two"                                                                                                },
-    {"return address overwritten",             "unwind_parent",    PARENT,
-     [] { return stack_of_two(0x4141414141414141); },                                                         "not", "one nt ?two"},
-    {"stack ends in a frame",                  "unwind_parent",    PARENT,
-     [] {
-         auto s = stack_of_two(0);
-         s.resize(17);
-         return s;
-     },                                                                                                       "not", "one nt ?two"},
-    {"interrupt",                              "unwind_interrupt", INTERRUPT,
-     [] { return stack_of_interrupt(address(2, "unwind_parent", PARENT), 0xFFFF850000001038); },
-     "not",                                                                                                          "one two nt" },
-    {"call by a process",                      "unwind_interrupt", INTERRUPT,
-     [] { return stack_of_interrupt(0x7FF612345678, 0x12FF00); },                                             "not", "one"        },
-    {"frame register after a scan",            "unwind_parent",    PARENT,    stack_of_frame_register,        "n",
-     "one ?nt ?two ?nt"                                                                                                           },
-    {"call at the end of a function",          "unwind_parent",    PARENT,
-     [] {
-         auto s = stack_of_two(0);
-         s[7] = address(0, "unwind_part", 0) - 1;
-         return s;
-     },                                                                                                       "not", "one nt ?two"},
-};
-
 TEST(unwind, test_stacks)
 {
     const loaded_image &loaded = load(L"unwind_functions");
+    const uint64_t crash = address(1, "unwind_parent", PARENT);
+    const uint64_t interrupt = address(1, "unwind_interrupt", INTERRUPT);
+    const std::vector<uint64_t> whole = stack_of_two(0);
+    std::vector<uint64_t> ends = whole, called_at_end = whole;
 
-    for (const stack_row &row : s_stack_rows) {
+    ends.resize(17);
+    called_at_end[7] = address(0, "unwind_part", 0) - 1;
+    /* clang-format off */
+    /* images: the first letters of the modules whose images are at hand; "?" before a scanned frame */
+    const struct {
+        const char *row;
+        uint64_t rip;
+        std::vector<uint64_t> stack;
+        const char *images, *frames;
+    } rows[] = {
+        {"no images", crash, whole, "", "one ?two ?two ?nt ?two ?two"},
+        {"all images, to the start of the thread", crash, whole, "not", "one nt"},
+        {"kernel's image missing", crash, whole, "ot", "one nt ?two ?two"},
+        {"crashed module's image missing", crash, whole, "n", "one ?two ?two ?nt ?two ?two"},
+        {"return address overwritten", crash, stack_of_two(0x4141414141414141), "not", "one nt ?two"},
+        {"stack ends in a frame", crash, ends, "not", "one nt ?two"},
+        {"interrupt", interrupt,
+         stack_of_interrupt(address(2, "unwind_parent", PARENT), 0xFFFF850000001038), "not", "one two nt"},
+        {"call by a process", interrupt, stack_of_interrupt(0x7FF612345678, 0x12FF00), "not", "one"},
+        {"frame register after a scan", crash, stack_of_frame_register(), "n", "one ?nt ?two ?nt"},
+        {"call at the end of a function", crash, called_at_end, "not", "one nt ?two"},
+    };
+    /* clang-format on */
+
+    for (const auto &row : rows) {
         std::vector<kernel_image> images;
         dump_model model;
         kernel_dump dump;
@@ -456,8 +444,8 @@ TEST(unwind, test_stacks)
             images.back().file = module.file;
         }
         model.loaded_modules = s_modules[0].base + 0x1000;
-        model.rip = address(1, row.function, row.offset);
-        model.stack = row.stack();
+        model.rip = row.rip;
+        model.stack = row.stack;
         const std::vector<uint8_t> bytes = dump_build(model);
 
         ASSERT_EQ(kernel_dump_read(bytes.data(), bytes.size(), &dump, &reason), KERNEL_DUMP_OK);

@@ -5,30 +5,49 @@
 /* Directives cannot write two entries of one function, version 2, and the frame of an interrupt with an
  * error code, so their tables are written out. */
 asm(R"(
+    .macro exported name
+    .globl \name
+\name:
+    .section .drectve
+    .ascii " -export:\name"
     .text
-    .globl unwind_leaf
-unwind_leaf:
+    .endm
+    .macro function name
+    .def \name; .scl 2; .type 32; .endef
+    .seh_proc \name
+    exported \name
+    .endm
+    .macro push_saved register
+    pushq %\register
+    .seh_pushreg %\register
+    .endm
+    .macro allocate bytes
+    subq $\bytes, %rsp
+    .seh_stackalloc \bytes
+    .endm
+    .macro save instruction, register, bytes
+    \instruction %\register, \bytes(%rsp)
+    .ifc \instruction, movaps
+    .seh_savexmm %\register, \bytes
+    .else
+    .seh_savereg %\register, \bytes
+    .endif
+    .endm
+
+    .text
+    exported unwind_leaf
     leal 1(%rcx), %eax
     ret
 
-    .globl unwind_saves
-    .def unwind_saves; .scl 2; .type 32; .endef
-    .seh_proc unwind_saves
-unwind_saves:
-    pushq %rbp
-    .seh_pushreg %rbp
-    pushq %r12
-    .seh_pushreg %r12
-    subq $0x98, %rsp
-    .seh_stackalloc 0x98
+    function unwind_saves
+    push_saved rbp
+    push_saved r12
+    allocate 0x98
     leaq 0x40(%rsp), %rbp
     .seh_setframe %rbp, 0x40
-    movq %rbx, 0x50(%rsp)
-    .seh_savereg %rbx, 0x50
-    movq %r14, 0x58(%rsp)
-    .seh_savereg %r14, 0x58
-    movaps %xmm6, 0x60(%rsp)
-    .seh_savexmm %xmm6, 0x60
+    save movq, rbx, 0x50
+    save movq, r14, 0x58
+    save movaps, xmm6, 0x60
     .seh_endprologue
     subq $0x20, %rsp
     nop
@@ -41,18 +60,11 @@ unwind_saves:
     ret
     .seh_endproc
 
-    .globl unwind_large
-    .def unwind_large; .scl 2; .type 32; .endef
-    .seh_proc unwind_large
-unwind_large:
-    pushq %rdi
-    .seh_pushreg %rdi
-    subq $0x90000, %rsp
-    .seh_stackalloc 0x90000
-    movq %rsi, 0x80010(%rsp)
-    .seh_savereg %rsi, 0x80010
-    movaps %xmm7, 0x80020(%rsp)
-    .seh_savexmm %xmm7, 0x80020
+    function unwind_large
+    push_saved rdi
+    allocate 0x90000
+    save movq, rsi, 0x80010
+    save movaps, xmm7, 0x80020
     .seh_endprologue
     nop
     movaps 0x80020(%rsp), %xmm7
@@ -62,13 +74,9 @@ unwind_large:
     ret $8
     .seh_endproc
 
-    .globl unwind_trap
-    .def unwind_trap; .scl 2; .type 32; .endef
-    .seh_proc unwind_trap
-unwind_trap:
+    function unwind_trap
     .seh_pushframe
-    subq $0x28, %rsp
-    .seh_stackalloc 0x28
+    allocate 0x28
     .seh_endprologue
     nop
     nop
@@ -76,14 +84,9 @@ unwind_trap:
     iretq
     .seh_endproc
 
-    .globl unwind_tail_call
-    .def unwind_tail_call; .scl 2; .type 32; .endef
-    .seh_proc unwind_tail_call
-unwind_tail_call:
-    pushq %rbx
-    .seh_pushreg %rbx
-    subq $0x30, %rsp
-    .seh_stackalloc 0x30
+    function unwind_tail_call
+    push_saved rbx
+    allocate 0x30
     .seh_endprologue
     nop
     addq $0x30, %rsp
@@ -91,8 +94,7 @@ unwind_tail_call:
     jmp unwind_large
     .seh_endproc
 
-    .globl unwind_parent
-unwind_parent:
+    exported unwind_parent
     pushq %rsi
 unwind_parent_1:
     subq $0x30, %rsp
@@ -104,8 +106,7 @@ unwind_parent_back:
     ret
 unwind_parent_end:
     nop
-    .globl unwind_part
-unwind_part:
+    exported unwind_part
     movq %rdi, 0x20(%rsp)
 unwind_part_1:
     nop
@@ -114,8 +115,7 @@ unwind_part_1:
     jmp unwind_parent_back
 unwind_part_end:
     nop
-    .globl unwind_second
-unwind_second:
+    exported unwind_second
     pushq %r15
 unwind_second_1:
     subq $0x40, %rsp
@@ -134,8 +134,7 @@ unwind_second_out_end:
     ret
 unwind_second_end:
     nop
-    .globl unwind_interrupt
-unwind_interrupt:
+    exported unwind_interrupt
     pushq %rbx
 unwind_interrupt_1:
     nop
@@ -174,10 +173,6 @@ unwind_interrupt_info:
     .rva unwind_part, unwind_part_end, unwind_part_info
     .rva unwind_second, unwind_second_end, unwind_second_info
     .rva unwind_interrupt, unwind_interrupt_end, unwind_interrupt_info
-    .section .drectve
-    .ascii " -export:unwind_leaf -export:unwind_saves -export:unwind_large -export:unwind_interrupt"
-    .ascii " -export:unwind_trap -export:unwind_tail_call -export:unwind_parent -export:unwind_part"
-    .ascii " -export:unwind_second"
     .text
 )");
 

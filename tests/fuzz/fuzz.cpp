@@ -8,17 +8,22 @@
 #include <psapi.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
+#include <memory>
 #include <sstream>
 
+#include "base/file.h"
 #include "base/run_folder.h"
 #include "base/terminal.h"
 #include "base/text.h"
+#include "commands/command_line.h"
 #include "disk/memory_disk.h"
 #include "harness/watch.h"
 
 static constexpr int HANG_SECONDS = 60;
 static constexpr size_t MOST_INPUT_BYTES = 64u << 20;
+static constexpr uint64_t MOST_FILE_BYTES = 16u << 20;
 
 /* Of the program; made by the first target that is added. */
 static std::vector<fuzz_target> &targets(void)
@@ -35,15 +40,6 @@ bool fuzz_add(const fuzz_target &target)
 }
 
 trial_folder fuzz_memory, fuzz_disk;
-
-uint64_t chance::next()
-{
-    uint64_t mixed = (state_ += 0x9e3779b97f4a7c15ull);
-
-    mixed = (mixed ^ (mixed >> 30)) * 0xbf58476d1ce4e5b9ull;
-    mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebull;
-    return mixed ^ (mixed >> 31);
-}
 
 size_t chance::below(size_t limit)
 {
@@ -108,6 +104,14 @@ void damage(std::string *bytes, const std::string &other, chance &chance)
 {
     for (size_t left = 1 + chance.below(8); left > 0; left--)
         damage_once(bytes, other, chance);
+}
+
+std::string damaged(const std::vector<std::string> &good, chance &chance)
+{
+    std::string bytes = chance.of(good);
+
+    damage(&bytes, chance.of(good), chance);
+    return bytes;
 }
 
 static std::string odd_text(const std::vector<const char *> &words, chance &chance)
@@ -193,17 +197,13 @@ void trial_folder::empty() const
     folder->empty();
 }
 
-void put_file(const std::string &path, const std::string &bytes)
+std::string file_bytes(const std::string &path)
 {
-    DWORD written = 0;
-    HANDLE file = CreateFileW(text_wide(path).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                              FILE_ATTRIBUTE_NORMAL, nullptr);
+    const auto program = std::filesystem::u8path(run_standard_plugin());
+    const evidence_file file((program.parent_path() / std::filesystem::u8path(path)).u8string(),
+                             MOST_FILE_BYTES);
 
-    if (file == INVALID_HANDLE_VALUE ||
-        !WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr))
-        throw devhost_error(EXIT_BAD_CALL, text_format("%s: cannot be written, error %lu",
-                                                       path.c_str(), GetLastError()));
-    CloseHandle(file);
+    return std::string(reinterpret_cast<const char *>(file.data()), file.bytes());
 }
 
 struct arguments {
@@ -211,33 +211,6 @@ struct arguments {
     uint64_t inputs = 10000, seed = 1, from = 0;
     std::string place;
 };
-
-/* Result: whether they make sense. */
-static bool parse(int argc, char **argv, arguments *arguments)
-{
-    for (const fuzz_target &target : targets())
-        if (argc > 1 && strcmp(argv[1], target.name) == 0)
-            arguments->target = &target;
-    for (int i = 2; i + 1 < argc; i += 2) {
-        std::string name = argv[i];
-        char *end = nullptr;
-        uint64_t number = strtoull(argv[i + 1], &end, 10);
-
-        if (name == "--inputs")
-            arguments->inputs = number;
-        else if (name == "--seed")
-            arguments->seed = number;
-        else if (name == "--from")
-            arguments->from = number;
-        else if (name == "--place")
-            arguments->place = argv[i + 1];
-        else
-            return false;
-        if (name != "--place" && (argv[i + 1][0] < '0' || argv[i + 1][0] > '9' || *end != '\0'))
-            return false;
-    }
-    return arguments->target != nullptr && argc % 2 == 0;
-}
 
 static double try_input(const arguments &arguments, uint64_t number)
 {
@@ -263,7 +236,7 @@ static void note_slow(const arguments &arguments, uint64_t number, double ms, sl
         *worst = {ms, number};
 }
 
-static unsigned long long peak_mib(void)
+static uint64_t peak_mib(void)
 {
     PROCESS_MEMORY_COUNTERS counters = {};
 
@@ -279,21 +252,19 @@ static void run(const arguments &arguments)
 
     if (target.open != nullptr)
         target.open();
-    const unsigned long long opened_mib = peak_mib();
+    const uint64_t opened_mib = peak_mib();
 
     for (uint64_t i = arguments.from; i < arguments.from + arguments.inputs; i++) {
         uint64_t fresh = i / target.period * target.period;
 
         if (i % 64 == 0 || i == arguments.from || target.period > 1)
             watch_try(text_format("fuzz %s --seed %llu --from %llu --inputs %llu", target.name,
-                                  static_cast<unsigned long long>(arguments.seed),
-                                  static_cast<unsigned long long>(fresh),
-                                  static_cast<unsigned long long>(target.period > 1 ? i - fresh + 1
-                                                                                    : 64 - i % 64)),
+                                  arguments.seed, fresh,
+                                  target.period > 1 ? i - fresh + 1 : 64 - i % 64),
                       i);
         if (i % 64 == 0)
             terminal_progress_whole(text_format("fuzz %s: %llu of %s", target.name,
-                                                static_cast<unsigned long long>(i - arguments.from),
+                                                i - arguments.from,
                                                 text_count(arguments.inputs, "input").c_str()));
         note_slow(arguments, i, try_input(arguments, i), &worst);
     }
@@ -301,36 +272,46 @@ static void run(const arguments &arguments)
     printf(
         "fuzz %-10s %10llu inputs, 0 violations, %.1f s; slowest: %llu, %.1f ms; memory: %llu MiB, "
         "%llu of them before the first input\n",
-        target.name, static_cast<unsigned long long>(arguments.inputs),
-        (time_real_ms() - began) / 1000.0, static_cast<unsigned long long>(worst.number), worst.ms,
+        target.name, arguments.inputs, (time_real_ms() - began) / 1000.0, worst.number, worst.ms,
         peak_mib(), opened_mib);
 }
 
-int main(int argc, char **argv)
+static void run_in_folders(const arguments &arguments)
 {
-    arguments arguments;
+    run_folder folder("", arguments.place), real(folder.path + "-real");
 
-    terminal_open();
-    if (!parse(argc, argv, &arguments)) {
-        fprintf(stderr, "usage: fuzz TARGET [--inputs N] [--seed S] [--from I] [--place FOLDER]\n"
-                        "targets:");
-        for (const fuzz_target &target : targets())
-            fprintf(stderr, " %s", target.name);
-        fprintf(stderr, "\n");
-        return 2;
-    }
-    try {
-        run_folder folder("", arguments.place), real(folder.path + "-real");
+    real.kept = false;
+    fuzz_memory = {folder.path + "\\", &folder};
+    fuzz_disk = {real.path + "\\", &real};
+    memory_disk_open(text_wide(folder.path));
+    watch_open(HANG_SECONDS);
+    run(arguments);
+}
 
-        real.kept = false;
-        fuzz_memory = {folder.path + "\\", &folder};
-        fuzz_disk = {real.path + "\\", &real};
-        memory_disk_open(text_wide(folder.path));
-        watch_open(HANG_SECONDS);
-        run(arguments);
-    } catch (const std::exception &error) {
-        fprintf(stderr, "fuzz: %s\n", error.what());
-        return 2;
+static void add_targets(CLI::App &app, int *)
+{
+    const auto options = std::make_shared<arguments>();
+
+    for (const fuzz_target &target : targets()) {
+        CLI::App *command = app.add_subcommand(target.name);
+
+        command->add_option("--inputs", options->inputs, "Number of inputs");
+        command->add_option("--seed", options->seed, "From which all inputs follow");
+        command->add_option("--from", options->from, "The first input");
+        command->add_option("--place", options->place, "Folder for the files of the inputs");
+        command->callback([options, &target] {
+            options->target = &target;
+            run_in_folders(*options);
+        });
     }
-    return 0;
+}
+
+int wmain(int argc, wchar_t **argv);
+
+int wmain(int argc, wchar_t **argv)
+{
+    return command_line_run("fuzz", "Reads generated and damaged input, see docs/faults.md",
+                            "Exit status: 0 no violation, 2 bad call, 70 a violation or a crash, "
+                            "71 it hung.",
+                            {add_targets}, argc, argv);
 }

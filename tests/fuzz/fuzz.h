@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -14,10 +15,13 @@
 class chance
 {
   public:
-    explicit chance(uint64_t seed) : state_(seed)
+    explicit chance(uint64_t seed) : random_(seed)
     {
     }
-    uint64_t next();
+    uint64_t next()
+    {
+        return random_();
+    }
     /* Below limit; 0 for a limit of 0. */
     size_t below(size_t limit);
     /* Once in n. */
@@ -31,12 +35,15 @@ class chance
     }
 
   private:
-    uint64_t state_;
+    std::mt19937_64 random_;
 };
 
 /* Changes bytes in up to eight places: bits, edges of numbers, parts cut out, doubled, put in and
  * taken from other. */
 void damage(std::string *bytes, const std::string &other, chance &chance);
+
+/* One of the good inputs, damaged. */
+std::string damaged(const std::vector<std::string> &good, chance &chance);
 
 /* A JSON text: an object with the keys that the reader knows and others, values of all types,
  * sometimes deep or long. words: texts that mean something to the reader. */
@@ -60,8 +67,8 @@ struct trial_folder {
 /* In memory; and on the disk, for files that are mapped. */
 extern trial_folder fuzz_memory, fuzz_disk;
 
-/* Replaces a file of the trials by those bytes. */
-void put_file(const std::string &path, const std::string &bytes);
+/* The bytes of a file of at most 16 MiB. path: UTF-8; where it is relative, from this program's folder. */
+std::string file_bytes(const std::string &path);
 
 struct fuzz_target {
     const char *name;

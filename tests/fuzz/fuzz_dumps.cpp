@@ -8,7 +8,7 @@
 
 static constexpr uint64_t PAGE_BYTES = 0x1000ull;
 
-/* A dump that is damaged; places: where the reader looks, none for a small one. */
+/* A dump that is damaged, and the places where the reader looks. */
 struct dump_subject {
     std::vector<uint8_t> whole;
     std::vector<uint64_t> places;
@@ -16,25 +16,10 @@ struct dump_subject {
 
 static std::vector<dump_subject> s_dumps;
 
-/* Writes up to eight boundary or random values to fields that the reader uses. */
-static void damage_small(std::vector<uint8_t> *dump, chance &chance)
+static void add_range(std::vector<uint64_t> *places, uint64_t from, uint64_t bytes, uint64_t step)
 {
-    const uint64_t size = dump->size();
-
-    for (size_t left = 1 + chance.below(8); left > 0; left--) {
-        const uint64_t any = chance.next();
-        const uint64_t values[] = {
-            0, 1, 0x80000000, UINT32_MAX, UINT64_MAX, size - any % 16, any % size, any};
-        const size_t bytes = static_cast<size_t>(1) << chance.below(4);
-        uint32_t starts[] = {DUMP_CONTEXT, DUMP_TRIAGE, 0, 0};
-
-        if (size >= DUMP_STACK)
-            memcpy(&starts[3], dump->data() + DUMP_DRIVERS_AT, 4);
-        const uint64_t place = chance.of(starts) + 4 * chance.below(0xC0);
-
-        if (place + bytes <= size)
-            dump_put(dump, place, chance.of(values), bytes);
-    }
+    for (uint64_t place = 0; place < bytes; place += step)
+        places->push_back(from + place);
 }
 
 /* The file offsets of all data that the reader uses: header fields, bits, runs, page table entries in
@@ -50,10 +35,10 @@ static std::vector<uint64_t> vital_places(const memory_model &machine, enum memo
                                     DUMP_CONTEXT + 0x98,
                                     DUMP_CONTEXT + 0xF8};
 
-    for (uint64_t place = 0; layout == MEMORY_RUNS && place < 0x100; place += 8)
-        places.push_back(MEMORY_RUN_COUNT + place);
-    for (uint64_t place = 0; layout != MEMORY_RUNS && place < 0x80; place += 8)
-        places.push_back(MEMORY_BITMAP + place);
+    if (layout == MEMORY_RUNS)
+        add_range(&places, MEMORY_RUN_COUNT, 0x100, 8);
+    else
+        add_range(&places, MEMORY_BITMAP, 0x80, 8);
     /* All nonzero values in the pages belong to page tables, entries, texts or the stack. */
     for (const uint64_t page : machine.pages())
         for (uint64_t at = page * PAGE_BYTES; at < (page + 1) * PAGE_BYTES; at += 8)
@@ -71,18 +56,29 @@ static uint64_t value_at(const std::vector<uint8_t> &dump, uint64_t place)
     return value;
 }
 
-/* Changes up to six of the places: to boundary values, by single bits, or to the value at another. */
+/* Changes up to eight of the places: to boundary values, by single bits, or to the value at another. */
 static void damage_places(std::vector<uint8_t> *dump, const std::vector<uint64_t> &places,
                           chance &chance)
 {
-    for (size_t left = 1 + chance.below(6); left > 0; left--) {
+    for (size_t left = 1 + chance.below(8); left > 0; left--) {
         const uint64_t place = chance.of(places), other = value_at(*dump, chance.of(places));
-        const uint64_t old = value_at(*dump, place), any = chance.next();
-        const uint64_t off = old ^ (1ull << (any % 64));
-        const uint64_t values[] = {0,   UINT64_MAX, any,   any >> (any % 64),
-                                   off, off,        other, old + any % 0x2000 - 0x1000};
+        const uint64_t old = value_at(*dump, place), any = chance.next(), size = dump->size();
+        const uint64_t values[] = {0,
+                                   1,
+                                   0x80000000,
+                                   UINT32_MAX,
+                                   UINT64_MAX,
+                                   size - any % 16,
+                                   any % size,
+                                   any,
+                                   any >> (any % 64),
+                                   old ^ (1ull << (any % 64)),
+                                   other,
+                                   old + any % 0x2000 - 0x1000};
+        const size_t bytes = chance.one_in(2) ? 8 : static_cast<size_t>(1) << chance.below(4);
 
-        dump_put(dump, place, chance.of(values), 8);
+        if (place + bytes <= size)
+            dump_put(dump, place, chance.of(values), bytes);
     }
 }
 
@@ -97,6 +93,9 @@ static void open_dumps(void)
 
     model.stack = {0xFFFFF80100010001, 0, 0xFFFFF80000000107, 5};
     s_dumps.push_back({dump_build(model), {}});
+    for (const uint64_t from : {uint64_t{0}, uint64_t{DUMP_CONTEXT}, uint64_t{DUMP_TRIAGE},
+                                value_at(s_dumps[0].whole, DUMP_DRIVERS_AT) & UINT32_MAX})
+        add_range(&s_dumps[0].places, from, 0x300, 4);
     const memory_model memory(model), large(model, 21);
     add_dump(memory, 1, MEMORY_RUNS);
     add_dump(large, 1, MEMORY_RUNS);
@@ -134,10 +133,7 @@ static void try_dump(chance &chance, uint64_t)
     kernel_dump dump;
     std::string reason;
 
-    if (subject.places.empty())
-        damage_small(&bytes, chance);
-    else
-        damage_places(&bytes, subject.places, chance);
+    damage_places(&bytes, subject.places, chance);
     if (chance.one_in(16))
         bytes.resize(chance.below(bytes.size()));
     const uint8_t *block = fuzz_guarded(bytes.data(), bytes.size());

@@ -21,7 +21,6 @@
 #include "scenario/scenario.h"
 #include "synthesis/damage.h"
 
-static constexpr uint32_t MOMENT = 1709802341u; /* seconds since 1970 */
 static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
 static constexpr uint32_t EVTX_CHUNK_BYTES = 65536u;
 static constexpr uint32_t EVTX_CHUNK_HEADER_BYTES = 512u;
@@ -43,27 +42,10 @@ static bool accepts(const std::string &named, const std::function<void()> &read)
     }
 }
 
-/* Writes an input. Result: its path. */
-static std::string put_input(const char *name, const std::string &text)
-{
-    std::string path = fuzz_disk.path + name;
-
-    put_file(path, text);
-    return path;
-}
-
 /* An input that lies in memory, since a file would take longer than most readers. */
 static evidence_file input(const std::string &text)
 {
     return evidence_file(fuzz_guarded(text.data(), text.size()), text.size());
-}
-
-static std::string damaged_good(chance &chance)
-{
-    std::string text = chance.of(s_good);
-
-    damage(&text, chance.of(s_good), chance);
-    return text;
 }
 
 /* Numbers rise, and each damage has a line. */
@@ -119,52 +101,6 @@ static void seal(std::string *log)
     }
 }
 
-static void open_evtx(void)
-{
-    const std::vector<event_record> records = {
-        {5,
-         MOMENT,    12,
-         4,                                SOURCE_KERNEL_GENERAL,
-         {L"10", L"0", L"19045", L"1", L"0", L"0", L"2024-03-07T09:00:10.1234567Z"}             },
-        {6, MOMENT, 7001,               4, SOURCE_WINLOGON,       {L"1", L"S-1-5-18"}           },
-        {7,
-         MOMENT,    BUG_CHECK_EVENT_ID,
-         1,                                SOURCE_BUG_CHECK,
-         {L"0x0000007e (0x1)", L"C:\\one.dmp", L"id"}                                           },
-        {8,
-         MOMENT,    41,
-         1,                                SOURCE_KERNEL_POWER,
-         {L"126", L"0x1", L"0x2", L"0x3", L"0x4", L"false", L"0"}                               },
-        {9, MOMENT, 0x40010007,         4, L"Another",            {L"one", L"", L"\x65e5\x672c"}},
-    };
-    evidence_log log;
-
-    s_good = {evtx_bytes(records, L"DESKTOP"),
-              evtx_bytes({records[2], records[0], records[0]}, L"DESKTOP")};
-    evidence_log_parse(NAME, input(s_good[0]), EVIDENCE_STRICT, &log);
-    if (log.events.size() != records.size() || log.events[2].id != records[2].id ||
-        log.events[4].strings.packed() != records[4].strings.packed())
-        violated("the good log is not read as it was written");
-}
-
-/* Most damage hits the records, which take a tenth of the file. */
-static void try_evtx(chance &chance, uint64_t)
-{
-    std::string log = chance.of(s_good);
-
-    if (chance.one_in(4)) {
-        damage(&log, chance.of(s_good), chance);
-    } else {
-        std::string records = log.substr(EVTX_HEADER_BYTES, 8192);
-        damage(&records, s_good[0].substr(4608, 6144), chance);
-        log.replace(EVTX_HEADER_BYTES, 8192, records);
-    }
-    if (!chance.one_in(4))
-        seal(&log);
-    read_log(log, chance);
-}
-FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
-
 /* Any text without a NUL, lone surrogates included; some are values of the known fields. */
 static std::wstring odd_text(chance &chance)
 {
@@ -215,6 +151,36 @@ static std::string json_of(const event_record &event)
     return json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
 }
 
+static void open_evtx(void)
+{
+    chance chance(1);
+
+    for (const uint32_t count : {3u, 20u}) {
+        std::vector<event_record> records;
+
+        for (uint32_t i = 0; i < count; i++)
+            records.push_back(odd_record(5 + i, chance));
+        s_good.push_back(evtx_bytes(records, L"DESKTOP"));
+    }
+}
+
+/* Most damage hits the records, which take a tenth of the file. */
+static void try_evtx(chance &chance, uint64_t)
+{
+    const bool anywhere = chance.one_in(4);
+    std::string log = anywhere ? damaged(s_good, chance) : chance.of(s_good);
+
+    if (!anywhere) {
+        std::string records = log.substr(EVTX_HEADER_BYTES, 8192);
+        damage(&records, s_good[0].substr(4608, 6144), chance);
+        log.replace(EVTX_HEADER_BYTES, 8192, records);
+    }
+    if (!chance.one_in(4))
+        seal(&log);
+    read_log(log, chance);
+}
+FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
+
 /* A log is read as it was written, and what was damaged on purpose is reported. */
 static void try_written_log(chance &chance, uint64_t)
 {
@@ -258,10 +224,9 @@ static const std::vector<const char *> s_log_words = {
 
 static void open_json_log(void)
 {
-    s_good = {R"([{"record": 1, "source": "Microsoft-Windows-Kernel-General", "id": 12, "type": 4,
-                   "time": "2024-03-07T09:00:00Z", "strings": ["a", "b"]},
-                  {"record": 2, "source": "BugCheck", "id": 1073742825, "type": 1,
-                   "time": "2024-03-07T09:01:00Z", "strings": ["0x0000007e"]}])"};
+    chance chance(1);
+
+    s_good = {"[" + json_of(odd_record(1, chance)) + "," + json_of(odd_record(2, chance)) + "]"};
 }
 
 static void try_json_log(chance &chance, uint64_t)
@@ -270,7 +235,7 @@ static void try_json_log(chance &chance, uint64_t)
 
     for (size_t left = chance.below(4); left > 0; left--)
         text += (text.empty() ? "" : ",") + odd_json(s_log_keys, s_log_words, chance);
-    read_log(chance.one_in(2) ? damaged_good(chance) : "[" + text + "]", chance);
+    read_log(chance.one_in(2) ? damaged(s_good, chance) : "[" + text + "]", chance);
 }
 FUZZ_TARGET(json_log, open_json_log, try_json_log, 1, 1000)
 
@@ -294,7 +259,7 @@ static void open_registry(void)
 
 static void try_registry(chance &chance, uint64_t)
 {
-    const std::string text = damaged_good(chance);
+    const std::string text = damaged(s_good, chance);
     evidence_registry registry;
 
     if (accepts(NAME, [&] { evidence_registry_parse(NAME, input(text), &registry); }))
@@ -341,8 +306,10 @@ static int diff_silently(const std::string &old_file, const std::string &new_fil
 
 static void try_results(chance &chance, uint64_t)
 {
-    const std::string good = put_input("good.json", chance.of(s_good));
-    const std::string text = damaged_good(chance), path = put_input("fuzz.json", text);
+    const std::string good = fuzz_disk.path + "good.json", path = fuzz_disk.path + "fuzz.json";
+
+    evidence_write(good, chance.of(s_good));
+    evidence_write(path, damaged(s_good, chance));
     const int result = diff_silently(path, path);
 
     if (result > 0)
@@ -354,8 +321,9 @@ FUZZ_TARGET(results, open_results, try_results, 1, 1000)
 
 static void open_products(void)
 {
-    put_file(fuzz_disk.path + "log.json",
-             R"([{"record": 1, "source": "Microsoft-Windows-Kernel-General", "id": 12, "type": 4,
+    evidence_write(
+        fuzz_disk.path + "log.json",
+        R"([{"record": 1, "source": "Microsoft-Windows-Kernel-General", "id": 12, "type": 4,
                   "time": "2024-03-07T09:00:00Z", "strings": []}])");
     s_good = {"guard:guard_flt,guard_net:3:working", "b:m", "c:x,y:0", "d:z:2147483647:bypass"};
 }
@@ -370,7 +338,7 @@ static void try_products(chance &chance, uint64_t)
     options.damage = EVIDENCE_STRICT;
     options.boot = "last";
     for (size_t left = 1 + chance.below(3); left > 0; left--)
-        options.products.push_back(chance.one_in(4) ? chance.of(s_good) : damaged_good(chance));
+        options.products.push_back(chance.one_in(4) ? chance.of(s_good) : damaged(s_good, chance));
     (void)accepts("--product", [&] {
         scenario.Parse(replay_scenario(replay_read(options, true)).c_str());
         if (scenario.HasParseError() || !scenario["products"].IsObject())

@@ -5,7 +5,7 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <memory>
+#include <filesystem>
 
 #include <zlib.h>
 
@@ -97,24 +97,9 @@ static std::vector<std::string> s_scenarios;
 
 static void open_scenarios(void)
 {
-    static const char *const texts[] = {
-        R"({"name": "a", "products": {"guard": {"modules": ["guard_flt"], "count": 3,
-            "answers": {"bypass": null, "recover": {"status": "working", "after": 2}}}},
-            "before": {"ends": "blue_screen", "crash": {"frames": ["nt!KeBugCheckEx+0x107"]}},
-            "boots": [{"at": "2024-03-07T09:00:00Z", "log": {"start": 0, "winlogon": null},
-            "steps": [{"at": 60, "expect": {"commands": [{"to": "guard", "type": "bypass"}],
-            "documents": {"x.ejs": null}}}]}]})",
-        R"({"machine": {"services": {"load_driver": ["stopped"]}, "registry": [{"key": "SYSTEM",
-            "name": "n", "type": "REG_DWORD", "data": 4}], "files": [{"path": "C:\\a", "size": 3,
-            "record_count": 2}], "events": [{"source": "s", "id": 7, "strings": ["a"],
-            "padding": 9}], "engine": {"present": false, "fails": {"WaitForEvent": 2147500037}}},
-            "management": {"link": true, "devices": [{"device_id": "d"}], "echo": null},
-            "boots": [{"ends": "power_loss", "steps": [{"at": 1.5, "fail": "ReadEventLogW",
-            "error": 5, "nth": 2, "times": 0}, {"at": 2, "fail_allocation": 3, "forever": true},
-            {"at": 3, "console": "bypass -p"}, {"at": 4, "agent": "restart"}]}]})",
-    };
-
-    s_scenarios.assign(std::begin(texts), std::end(texts));
+    for (const auto &entry : std::filesystem::directory_iterator(SCENARIOS))
+        if (entry.path().extension() == ".json")
+            s_scenarios.push_back(file_bytes(entry.path().u8string()));
 }
 
 /* A scenario loads, or one line names the file and the mistake. */
@@ -123,13 +108,10 @@ static void try_scenario(chance &chance, uint64_t)
     static const std::vector<const char *> keys = {"name",  "machine", "products", "management",
                                                    "boots", "before",  "steps",    "at"};
     static const std::vector<const char *> words = {"clean", "start", "2024-03-07T09:00:00Z"};
-    std::string path = fuzz_memory.path + "fuzz.json", text = chance.of(s_scenarios);
+    const std::string path = fuzz_memory.path + "fuzz.json";
 
-    if (chance.one_in(4))
-        text = odd_json(keys, words, chance);
-    else
-        damage(&text, chance.of(s_scenarios), chance);
-    put_file(path, text);
+    memory_disk_file(path) =
+        chance.one_in(4) ? odd_json(keys, words, chance) : damaged(s_scenarios, chance);
     try {
         scenario scenario;
 

@@ -23,6 +23,7 @@
 #include "scenario/timeline.h"
 #include "scenario/journal.h"
 #include "harness/leaks.h"
+#include "base/run_folder.h"
 #include "base/text.h"
 
 /* Inputs from one start of the agent to the next; reports that wait for an answer add up. */
@@ -45,14 +46,6 @@ static chance *s_answers; /* for those given inside of an input */
 
 static void ignore(oxni_subscriber *, uint32_t, void *, json_t *)
 {
-}
-
-static std::string plugin_path(void)
-{
-    wchar_t path[1024];
-    std::string text = text_narrow(std::wstring(path, GetModuleFileNameW(nullptr, path, 1024)));
-
-    return text.substr(0, text.find_last_of('\\')) + "\\libbypass_mgr.dll";
 }
 
 static void look_through(const void *plugin)
@@ -134,8 +127,8 @@ static void start_afresh(enum disk disk, uint64_t period, chance &chance)
     fuzz_memory.empty();
     scenario.file = "fuzz";
     scenario.document.Parse(R"({"boots": [{"agent_start": null, "until": 1000000}]})");
-    play_open(scenario, {fuzz_memory.path.substr(0, fuzz_memory.path.size() - 1), plugin_path(),
-                         false, true});
+    play_open(scenario, {fuzz_memory.path.substr(0, fuzz_memory.path.size() - 1),
+                         run_standard_plugin(), false, true});
     oxnih_log_set_sink(nullptr, nullptr);
     oxnih_log_set_level(period % 8 == 1 ? OXNI_LOG_DEBUG : -1);
     oxnih_set_complaint(complained, nullptr);

@@ -2,9 +2,6 @@
 #include "fuzz.h"
 
 #include <cstring>
-#include <windows.h>
-
-#include <fstream>
 
 #include "dump_writer/dump_writer.h"
 #include "kernel_dump/kernel_dump.h"
@@ -24,16 +21,9 @@ static const uint8_t *bytes_of(const std::string &text)
 
 static void open_images(void)
 {
-    wchar_t path[MAX_PATH] = {};
     kernel_image image;
 
-    GetModuleFileNameW(nullptr, path, MAX_PATH);
-    wcscpy(wcsrchr(path, L'\\') + 1, L"unwind_functions.dll");
-    std::ifstream file(path, std::ios::binary);
-
-    s_whole.assign(0x20000, '\0');
-    file.read(&s_whole[0], static_cast<std::streamsize>(s_whole.size()));
-    s_whole.resize(static_cast<size_t>(file.gcount()));
+    s_whole = file_bytes("unwind_functions.dll");
     if (kernel_image_open("one.sys", bytes_of(s_whole), s_whole.size(), &image) != nullptr)
         violated("the good image is refused");
     s_places = {

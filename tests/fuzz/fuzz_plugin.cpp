@@ -12,6 +12,7 @@
 #include "../unit/system_log.h"
 #include "liboxnibase/host.h"
 #include "base/text.h"
+#include "disk/memory_disk.h"
 
 /* A record of an event that the plug-in expects, or of another one. */
 static std::string event(chance &chance)
@@ -141,7 +142,7 @@ static void try_record(chance &chance, uint64_t)
 
     for (char &byte : bytes)
         byte = static_cast<char>(chance.next());
-    put_file(path, bytes);
+    memory_disk_file(path) = bytes;
     int result = read_crash_config(&record, text_wide(path).c_str());
     if (result != (bytes.size() < sizeof(record) ? CRASH_CONFIG_TOO_SHORT : CRASH_CONFIG_OK))
         violated("a record was taken for another length");

@@ -6,17 +6,20 @@
 #ifndef IMPORT_PATCH_H
 #define IMPORT_PATCH_H
 
-#include <cstdint>
-
 class import_patch
 {
   public:
-    /* Replaces the imported function of that name; ends the program when nothing imports it, as a
-     * test would silently reach the real one. One patch a name at a time. */
-    template <typename Function> import_patch(const char *name, Function *replacement)
+    /* Replaces the imported function of that name, by a function or a lambda expression without
+     * captures; ends the program when nothing imports it, as a test would silently reach the real
+     * one. One patch a name at a time. */
+    template <typename Function>
+    import_patch(const char *name, Function replacement)
+        : name_(name), original_(exchange(name, reinterpret_cast<void *>(+replacement)))
     {
-        replace(name, reinterpret_cast<uintptr_t>(replacement));
     }
+    /* By one that returns 0 and sets the last error to ERROR_ACCESS_DENIED, whatever its arguments
+     * are: the caller removes them. */
+    explicit import_patch(const char *name);
 
     /* Puts the real function back. */
     ~import_patch();
@@ -24,10 +27,10 @@ class import_patch
     import_patch &operator=(const import_patch &) = delete;
 
   private:
-    void replace(const char *name, uintptr_t replacement);
+    static void *exchange(const char *name, void *function);
 
-    uintptr_t *entry_ = nullptr;
-    uintptr_t original_ = 0;
+    const char *name_;
+    void *original_;
 };
 
 #endif

@@ -46,12 +46,6 @@ block event_record(uint32_t event_id, const std::wstring &source,
 int system_log::logs_open;
 bool system_log::read_throws;
 
-static HANDLE WINAPI open_log(const wchar_t *, const wchar_t *)
-{
-    system_log::logs_open++;
-    return &s_log_bytes;
-}
-
 static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWORD *filled,
                             DWORD *needed)
 {
@@ -68,16 +62,22 @@ static BOOL WINAPI read_log(HANDLE, DWORD, DWORD, void *buffer, DWORD size, DWOR
     return TRUE;
 }
 
-static BOOL WINAPI close_log(HANDLE)
+system_log::system_log(const block &bytes)
+    : open_("OpenEventLogW",
+            [](const wchar_t *, const wchar_t *) -> void * {
+                logs_open++;
+                return &s_log_bytes;
+            }),
+      read_("ReadEventLogW", read_log), close_("CloseEventLog", [](HANDLE) {
+          logs_open--;
+          return TRUE;
+      })
 {
-    system_log::logs_open--;
-    return TRUE;
+    fill(bytes);
+    read_throws = false;
 }
 
-system_log::system_log(const block &bytes)
-    : open_("OpenEventLogW", open_log), read_("ReadEventLogW", read_log),
-      close_("CloseEventLog", close_log)
+void system_log::fill(const block &bytes)
 {
     s_log_bytes = bytes;
-    read_throws = false;
 }

@@ -23,6 +23,8 @@ class system_log
 {
   public:
     explicit system_log(const block &bytes);
+    /* The same bytes, or others, again. */
+    static void fill(const block &bytes);
     /* Logs that were not closed, of all objects. */
     static int logs_open;
     /* Whether a read throws std::runtime_error("read"). */

@@ -2,6 +2,7 @@
 #include "unit_support.h"
 
 #include <algorithm>
+#include <fstream>
 #include <stdexcept>
 
 #include <cstdio>
@@ -79,62 +80,73 @@ void log_forget(void)
     s_lines_bytes = 0;
 }
 
-uint64_t live_blocks(void)
+static oxnih_memory_stats memory_stats(void)
 {
     oxnih_memory_stats stats;
 
     oxnih_memory_get_stats(&stats);
-    return stats.live_blocks;
+    return stats;
 }
 
-static uint64_t failed_blocks(void)
+uint64_t live_blocks(void)
 {
-    oxnih_memory_stats stats;
+    return memory_stats().live_blocks;
+}
 
-    oxnih_memory_get_stats(&stats);
-    return stats.failed;
+bool while_failing(uint64_t nth, const std::function<void()> &call, bool forever)
+{
+    const uint64_t failed_before = memory_stats().failed;
+
+    oxnih_memory_fail(nth, forever);
+    call();
+    oxnih_memory_fail(0, 0);
+    return memory_stats().failed != failed_before;
 }
 
 static uint64_t s_fail_in; /* calls of malloc until one fails; 0: none */
 static bool s_malloc_failed;
 
-static void *(*s_real_malloc)(size_t bytes);
-
 static void *failing_malloc(size_t bytes)
 {
+    static const auto s_real =
+        proc_address<void *(*)(size_t)>(GetModuleHandleW(L"msvcrt.dll"), "malloc");
+
     if (s_fail_in == 0 || --s_fail_in > 0)
-        return s_real_malloc(bytes);
+        return s_real(bytes);
     s_malloc_failed = true;
     return nullptr;
 }
 
-failing_allocations::failing_allocations(uint64_t nth, bool forever)
-    : failing_memory(nth, forever), malloc_("malloc", failing_malloc)
+bool while_malloc_failing(uint64_t nth, const std::function<void()> &call, bool forever)
 {
-    s_real_malloc =
-        proc_address<decltype(s_real_malloc)>(GetModuleHandleW(L"msvcrt.dll"), "malloc");
-    s_fail_in = nth;
+    const import_patch patch("malloc", failing_malloc);
+
     s_malloc_failed = false;
+    const bool failed = while_failing(
+        nth,
+        [&] {
+            s_fail_in = nth;
+            call();
+            s_fail_in = 0;
+        },
+        forever);
+    return s_malloc_failed || failed;
 }
 
-bool failing_allocations::reached() const
+void each_allocation_fails(const std::function<void()> &call,
+                           const std::function<void(bool failed, uint64_t left)> &check,
+                           decltype(&while_failing) fail, bool forever)
 {
-    return s_malloc_failed || failing_memory::reached();
-}
+    bool failed = true;
 
-failing_memory::failing_memory(uint64_t nth, bool forever) : failed_before_(failed_blocks())
-{
-    oxnih_memory_fail(nth, forever);
-}
+    for (uint64_t nth = 1; nth < 300 && failed; nth++) {
+        SCOPED_TRACE(nth);
+        const uint64_t blocks = live_blocks();
 
-failing_memory::~failing_memory()
-{
-    oxnih_memory_fail(0, 0);
-}
-
-bool failing_memory::reached() const
-{
-    return failed_blocks() != failed_before_;
+        failed = fail(nth, call, forever);
+        check(failed, live_blocks() - blocks);
+    }
+    EXPECT_FALSE(failed);
 }
 
 void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const std::string &bytes)
@@ -147,9 +159,24 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
             "value not set");
 }
 
+void set_dump_places(const std::wstring &complete, const std::wstring &minidumps)
+{
+    static const wchar_t key[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
+
+    registry_set(key, L"DumpFile", REG_SZ, wide_bytes(complete));
+    registry_set(key, L"MinidumpDir", REG_SZ, wide_bytes(minidumps));
+}
+
 temporary_folder::~temporary_folder()
 {
     std::filesystem::remove_all(path);
+}
+
+std::wstring temporary_folder::file(const wchar_t *name) const
+{
+    std::filesystem::create_directories(path);
+    std::ofstream(path / name).close();
+    return (path / name).wstring();
 }
 
 int listed_file::finds_open;
@@ -165,20 +192,11 @@ static HANDLE WINAPI find_first(const wchar_t *, WIN32_FIND_DATAW *data)
     return &s_name;
 }
 
-static BOOL WINAPI find_next(HANDLE, WIN32_FIND_DATAW *)
-{
-    return FALSE;
-}
-
-static BOOL WINAPI find_close(HANDLE)
-{
-    listed_file::finds_open--;
-    return TRUE;
-}
-
 listed_file::listed_file(const wchar_t *name, uint64_t written)
-    : first_("FindFirstFileW", find_first), next_("FindNextFileW", find_next),
-      close_("FindClose", find_close)
+    : first_("FindFirstFileW", find_first), next_("FindNextFileW"), close_("FindClose", [](HANDLE) {
+          finds_open--;
+          return TRUE;
+      })
 {
     s_name = name;
     s_written = written;

@@ -4,6 +4,7 @@
 #define UNIT_SUPPORT_H
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,40 +28,19 @@ void log_forget(void);
 /* Live blocks of the platform's allocator. */
 uint64_t live_blocks(void);
 
-/* While it lives, the nth allocation of the platform's allocator fails; forever: all later ones, too.
- * Test code may allocate by other means. */
-class failing_memory
-{
-  public:
-    explicit failing_memory(uint64_t nth, bool forever = false);
-    ~failing_memory();
-    /* Whether any allocation has failed. */
-    bool reached() const;
+/* Makes a call while the nth allocation of the platform's allocator fails; forever: all later ones,
+ * too. Test code may allocate by other means. Result: whether any allocation failed. */
+bool while_failing(uint64_t nth, const std::function<void()> &call, bool forever = false);
+/* The nth call of malloc in this executable fails, too, once: C++ code may use either. Test code in
+ * the call must not allocate. */
+bool while_malloc_failing(uint64_t nth, const std::function<void()> &call, bool forever = false);
 
-  private:
-    uint64_t failed_before_;
-};
-
-/* Makes a call meanwhile. Result: whether any allocation failed. */
-template <typename Function> bool while_failing(uint64_t nth, Function call, bool forever = false)
-{
-    const failing_memory failing(nth, forever);
-
-    call();
-    return failing.reached();
-}
-
-/* The nth call of malloc in this executable fails, too, once: C++ code may use either. Test code that
- * runs meanwhile must not allocate. */
-class failing_allocations : public failing_memory
-{
-  public:
-    failing_allocations(uint64_t nth, bool forever);
-    bool reached() const;
-
-  private:
-    import_patch malloc_;
-};
+/* Makes a call for each of its allocations, which fails, until none does. After each, checks: whether
+ * any failed, and how many blocks of the platform's allocator are left of the call. fail: one of the
+ * functions above. */
+void each_allocation_fails(const std::function<void()> &call,
+                           const std::function<void(bool failed, uint64_t left)> &check,
+                           decltype(&while_failing) fail = while_failing, bool forever = false);
 
 /* Sets a value below HKEY_LOCAL_MACHINE, which is a key of the tests, empty at their start; bytes
  * are stored as they are. */
@@ -69,10 +49,15 @@ void registry_set(const wchar_t *path, const wchar_t *name, DWORD type, const st
 /* A folder below the system's temporary one, removed with its content. */
 struct temporary_folder {
     ~temporary_folder();
+    /* Creates an empty file in it. Result: its path. */
+    std::wstring file(const wchar_t *name) const;
 
     const std::filesystem::path path = std::filesystem::temp_directory_path() /
                                        ("bypass_unit_" + std::to_string(GetCurrentProcessId()));
 };
+
+/* Where Windows is set to write dumps. */
+void set_dump_places(const std::wstring &complete, const std::wstring &minidumps);
 
 /* While it lives, every folder lists one file, which is not there. */
 class listed_file

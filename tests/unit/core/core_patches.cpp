@@ -46,109 +46,91 @@ static std::string text_of(const json_t *json)
     return copy;
 }
 
-static int push(oxni_subscriber *subscriber, json_t *message, void *cookie,
-                oxni_push_reply_fn reply)
+void core_patches::patch_subscribers()
 {
-    note("push " + name_of(subscriber) + " " + text_of(message));
-    if (s_core.cookie != nullptr)
-        oxni_free_(s_core.cookie);
-    s_core.reply = reply;
-    s_core.cookie = cookie;
-    s_core.pushed_to = subscriber;
-    return 0;
+    patches_.emplace_back(
+        "oxni_subscribee_pushback",
+        [](oxni_subscriber *subscriber, json_t *message, void *cookie, oxni_push_reply_fn reply) {
+            note("push " + name_of(subscriber) + " " + text_of(message));
+            if (s_core.cookie != nullptr)
+                oxni_free_(s_core.cookie);
+            s_core.reply = reply;
+            s_core.cookie = cookie;
+            s_core.pushed_to = subscriber;
+            return 0;
+        });
+    patches_.emplace_back("oxni_subscriber_get_attr", [](oxni_subscriber *subscriber) {
+        return s_core.nameless ? nullptr : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
+    });
+    patches_.emplace_back("oxni_subscriber_retain");
+    patches_.emplace_back("oxni_subscriber_delete", [](oxni_subscriber *subscriber) {
+        note("release " + name_of(subscriber));
+    });
+    patches_.emplace_back("oxni_subscribee_install",
+                          [](const char *, const char *, unsigned, oxni_subscribee_fn,
+                             oxni_subscribee_second_fn second) {
+                              s_core.install_second = second;
+                              return 0;
+                          });
 }
 
-static int dump_document(json_t *document, const char *path)
+void core_patches::patch_files()
 {
-    if (strstr(path, "dumprecord") != nullptr)
-        note("record " + text_of(json_object_get(document, "dump_time")));
-    else if (strstr(path, "persistence") != nullptr)
-        note("store " + text_of(json_object_get(document, "data")));
-    else
-        note("save " + text_of(document));
-    return 0;
+    patches_.emplace_back("wdu_json_dump_file_ejs", [](json_t *document, const char *path) {
+        if (strstr(path, "dumprecord") != nullptr)
+            note("record " + text_of(json_object_get(document, "dump_time")));
+        else if (strstr(path, "persistence") != nullptr)
+            note("store " + text_of(json_object_get(document, "data")));
+        else
+            note("save " + text_of(document));
+        return 0;
+    });
+    patches_.emplace_back("wdu_json_load_file_ejs", [](const char *path) -> json_t * {
+        if (strstr(path, "persistence") != nullptr)
+            return json_incref(s_core.document);
+        note("history");
+        return nullptr;
+    });
+    patches_.emplace_back("oxni_path_is_exist_u", [](const char *path) -> int {
+        if (strstr(path, "oxni_driver_recover") == nullptr)
+            return 1;
+        note("tag?");
+        return s_core.tag;
+    });
+    patches_.emplace_back("oxni_path_del_file_u", [](const char *) {
+        note("tag-");
+        s_core.tag = false;
+        return 0;
+    });
+    patches_.emplace_back(
+        "CreateFileA",
+        [](const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD, HANDLE) -> HANDLE {
+            note("tag=");
+            return INVALID_HANDLE_VALUE;
+        });
 }
 
-static json_t *load_document(const char *path)
+void core_patches::patch_times_and_links()
 {
-    if (strstr(path, "persistence") != nullptr)
-        return json_incref(s_core.document);
-    note("history");
-    return nullptr;
-}
-
-static const oxni_subscriber_attr *get_attr(oxni_subscriber *subscriber)
-{
-    return s_core.nameless ? nullptr : reinterpret_cast<oxni_subscriber_attr *>(subscriber);
-}
-
-static void retain(oxni_subscriber *)
-{
-}
-
-static void release(oxni_subscriber *subscriber)
-{
-    note("release " + name_of(subscriber));
-}
-
-static uint64_t start_timer(uint32_t ms, oxni_timer_fn fn, void *argument)
-{
-    s_core.last_timer = fn;
-    note("timer " + std::to_string(ms));
-    if (ms == 30000) /* a check's context, which the timer would own */
-        oxni_free_(argument);
-    return s_core.calls.size();
-}
-
-static void stop_timer(uint64_t)
-{
-    note("stop");
-}
-
-static int is_there(const char *path)
-{
-    if (strstr(path, "oxni_driver_recover") == nullptr)
-        return 1;
-    note("tag?");
-    return s_core.tag;
-}
-
-static int delete_tag(const char *)
-{
-    note("tag-");
-    s_core.tag = false;
-    return 0;
-}
-
-static HANDLE WINAPI write_tag(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                               HANDLE)
-{
-    note("tag=");
-    return INVALID_HANDLE_VALUE;
-}
-
-static uint64_t get_ticks(void)
-{
-    return 0; /* no late product */
-}
-
-static int watch_resource(const char *, unsigned, oxni_res_state_fn fn)
-{
-    s_core.link = fn;
-    return 0;
-}
-
-static int ask_management(const char *, const char *, unsigned, oxni_dbg_echo_fn answer)
-{
-    s_core.answer = answer;
-    return 0;
-}
-
-static int install(const char *, const char *, unsigned, oxni_subscribee_fn,
-                   oxni_subscribee_second_fn second)
-{
-    s_core.install_second = second;
-    return 0;
+    patches_.emplace_back("oxni_timer_start",
+                          [](uint32_t ms, oxni_timer_fn fn, void *argument) -> uint64_t {
+                              s_core.last_timer = fn;
+                              note("timer " + std::to_string(ms));
+                              if (ms == 30000) /* a check's context, which the timer would own */
+                                  oxni_free_(argument);
+                              return s_core.calls.size();
+                          });
+    patches_.emplace_back("oxni_timer_stop", [](uint64_t) { note("stop"); });
+    patches_.emplace_back("oxni_time_get_tick_cout"); /* 0: no late product */
+    patches_.emplace_back("oxni_res_require", [](const char *, unsigned, oxni_res_state_fn fn) {
+        s_core.link = fn;
+        return 0;
+    });
+    patches_.emplace_back("oxni_dbg_exec",
+                          [](const char *, const char *, unsigned, oxni_dbg_echo_fn answer) {
+                              s_core.answer = answer;
+                              return 0;
+                          });
 }
 
 static void forget_everything(void)
@@ -165,15 +147,10 @@ static void forget_everything(void)
 }
 
 core_patches::core_patches()
-    : push_("oxni_subscribee_pushback", push), dump_("wdu_json_dump_file_ejs", dump_document),
-      load_("wdu_json_load_file_ejs", load_document), attr_("oxni_subscriber_get_attr", get_attr),
-      retain_("oxni_subscriber_retain", retain), release_("oxni_subscriber_delete", release),
-      start_("oxni_timer_start", start_timer), stop_("oxni_timer_stop", stop_timer),
-      exist_("oxni_path_is_exist_u", is_there), delete_("oxni_path_del_file_u", delete_tag),
-      open_("CreateFileA", write_tag), tick_("oxni_time_get_tick_cout", get_ticks),
-      require_("oxni_res_require", watch_resource), install_("oxni_subscribee_install", install),
-      exec_("oxni_dbg_exec", ask_management)
 {
+    patch_subscribers();
+    patch_files();
+    patch_times_and_links();
     (void)bypass_mgr_table_create();
     oxnih_set_log_dir("C:\\base");
     report_init();

@@ -3,6 +3,7 @@
 #ifndef CORE_PATCHES_H
 #define CORE_PATCHES_H
 
+#include <list>
 #include <string>
 #include <vector>
 
@@ -45,8 +46,11 @@ class core_patches
     ~core_patches();
 
   private:
-    import_patch push_, dump_, load_, attr_, retain_, release_, start_, stop_, exist_, delete_,
-        open_, tick_, require_, install_, exec_;
+    void patch_subscribers();
+    void patch_files();
+    void patch_times_and_links();
+
+    std::list<import_patch> patches_;
 };
 
 /* Handle number 0 to 3; their names are "a" to "d". */

@@ -1,7 +1,6 @@
 /* The core where no scenario reaches: given texts, paths that do not fit, the allocation guard, timers
  * that cannot be armed. */
 #include <fstream>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -46,56 +45,39 @@ TEST(platform_path, one_that_does_not_fit_is_a_missing_base_folder)
     oxnih_set_log_dir(nullptr);
 }
 
-static int s_failing; /* the nth allocation fails */
-static std::pair<std::string, int> s_fatal;
-
 struct process_end {
+    std::string file;
+    int line;
 };
 
-static void *failing_malloc(size_t size)
+/* Where the guard ends the process when the stand-in of an allocation fails. */
+static process_end answer_without_memory(const char *allocation)
 {
-    return --s_failing == 0 ? nullptr : calloc(1, size);
-}
+    const import_patch failing(allocation);
+    const import_patch end("oxni_out_of_memory_", [](const char *file, int line) {
+        throw process_end{file, line};
+    });
 
-static char *failing_strdup(const char *)
-{
-    return nullptr;
-}
-
-static void end_process(const char *file, int line)
-{
-    s_fatal = {file, line};
-    throw process_end();
+    try {
+        s_core.answer(0, R"({"total": 1, "info": [{"product": "a"}]})");
+    } catch (const process_end &where) {
+        return where;
+    }
+    return {};
 }
 
 TEST(report_link, the_guard_names_the_allocation_that_failed)
 {
     const core_patches patches;
-    const import_patch end("oxni_out_of_memory_", end_process);
-    int record_line, name_line;
 
     report_link_create();
     report_link_watch();
     s_core.link("path", 1);
-    {
-        const import_patch malloc("oxni_zero_malloc_", failing_malloc);
-        s_failing = 1;
-        EXPECT_THROW(s_core.answer(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
-        EXPECT_EQ("report_link.cpp", s_fatal.first);
-        record_line = s_fatal.second;
-    }
-    {
-        const import_patch strdup("oxni_strdup", failing_strdup);
-        EXPECT_THROW(s_core.answer(0, R"({"total": 1, "info": [{"product": "a"}]})"), process_end);
-        name_line = s_fatal.second;
-    }
-    EXPECT_EQ(record_line + 2, name_line); /* the record, then its first text */
+    const process_end record = answer_without_memory("oxni_zero_malloc_");
+    EXPECT_EQ("report_link.cpp", record.file);
+    /* The record, then its first text. */
+    EXPECT_EQ(record.line + 2, answer_without_memory("oxni_strdup").line);
     s_core.link("path", 0);
-}
-
-static uint64_t start_nothing(uint32_t, oxni_timer_fn, void *)
-{
-    return 0;
 }
 
 template <int> static void timer_function(void *, void *)
@@ -115,7 +97,7 @@ TEST(watch_timer, missed_ones_are_armed_later)
     ASSERT_EQ(bypass_mgr_init(), 0);
     const oxni_timer_fn uptime = s_core.last_timer;
     {
-        const import_patch start("oxni_timer_start", start_nothing);
+        const import_patch start("oxni_timer_start");
         for (uint64_t &slot : slots)
             watch_timer_start("missed", ++milliseconds, s_functions[&slot - slots], &slot);
     }

@@ -78,25 +78,22 @@ TEST(test_command, memory)
 {
     const core_patches patches;
     const struct bypass_cmd request = {"set_count", "m", 7};
-    bool reached = true, failed = false, without_reason = false;
+    bool refused = false, without_reason = false;
+    int result;
 
     core_product(0, STATUS_WORKING, 3);
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        const uint64_t blocks = live_blocks();
-        int result;
-        reached =
-            while_failing(nth, [&] { result = bypass_mgr_send(core_subscriber(0), &request); });
-        const std::string calls = core_calls();
-        EXPECT_EQ(result, calls.empty() ? -1 : 0);
-        EXPECT_TRUE(result == 0 || live_blocks() == blocks);
-        failed |= result != 0;
-        without_reason |= calls == "push a {'count':7,'reason':'none','type':'set_count'}";
-        /* The text of what was sent may itself lack memory. */
-        EXPECT_TRUE(calls.empty() || calls == "push a nothing" ||
-                    calls.find("'count':7") != std::string::npos)
-            << calls;
-    }
-    EXPECT_FALSE(reached);
-    EXPECT_TRUE(failed && without_reason);
+    each_allocation_fails([&] { result = bypass_mgr_send(core_subscriber(0), &request); },
+                          [&](bool, uint64_t left) {
+                              const std::string calls = core_calls();
+                              EXPECT_EQ(result, calls.empty() ? -1 : 0);
+                              EXPECT_TRUE(result == 0 || left == 0);
+                              refused |= result != 0;
+                              without_reason |=
+                                  calls == "push a {'count':7,'reason':'none','type':'set_count'}";
+                              /* The text of what was sent may itself lack memory. */
+                              EXPECT_TRUE(calls.empty() || calls == "push a nothing" ||
+                                          calls.find("'count':7") != std::string::npos)
+                                  << calls;
+                          });
+    EXPECT_TRUE(refused && without_reason);
 }

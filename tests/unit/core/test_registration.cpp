@@ -34,38 +34,32 @@ TEST(test_registration, an_ordered_product_counts_as_examined)
 /* Whichever allocation fails, a product is registered as a whole or not at all, without a leak. */
 TEST(test_registration, memory)
 {
-    bool reached = true, parsing_failed = false;
+    const core_patches patches;
+    json_t *message = core_json("{'product_name':'a','type':'reg','status':'working',"
+                                "'data':{'driver_module':['ma','mb']}}");
+    int32_t result;
 
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        const core_patches patches;
-        json_t *message = core_json("{'product_name':'a','type':'reg','status':'working',"
-                                    "'data':{'driver_module':['ma','mb']}}");
-        const uint64_t blocks = live_blocks();
-        int32_t result;
-
-        log_forget();
-        reached =
-            while_failing(nth, [&] { result = bypass_mgr_receive(core_subscriber(0), message); });
-        EXPECT_TRUE(result == 0 || live_blocks() == blocks);
-        const struct suber_set *record = bypass_mgr_table_find(core_subscriber(0));
-        EXPECT_EQ(record != nullptr, result == 0);
-        parsing_failed |= log_contains("expr[msg] false! Parsing JSON failed!");
-        if (record != nullptr) {
-            EXPECT_STREQ(record->product_name, "a");
-            EXPECT_EQ(oxni_xhash_count(record->driver_modules), 2u);
-        }
-        json_decref(message);
-    }
-    EXPECT_FALSE(reached);
-    EXPECT_TRUE(parsing_failed);
+    log_forget();
+    each_allocation_fails([&] { result = bypass_mgr_receive(core_subscriber(0), message); },
+                          [&](bool, uint64_t left) {
+                              const struct suber_set *record =
+                                  bypass_mgr_table_find(core_subscriber(0));
+                              EXPECT_TRUE(result == 0 || left == 0);
+                              EXPECT_EQ(record != nullptr, result == 0);
+                              if (record != nullptr) {
+                                  EXPECT_STREQ(record->product_name, "a");
+                                  EXPECT_EQ(oxni_xhash_count(record->driver_modules), 2u);
+                              }
+                              bypass_mgr_table_delete(core_subscriber(0));
+                              bypass_mgr_store_load(5);
+                          });
+    EXPECT_TRUE(log_contains("expr[msg] false! Parsing JSON failed!"));
+    json_decref(message);
 }
 
 static int take_registration(oxni_subscriber *, const char *, json_t *message, oxni_subscriber_fn)
 {
-    static const char *const s_members[] = {"product_name", "type", "status", "count", "data"};
-
-    for (const char *member : s_members)
+    for (const char *member : {"product_name", "type", "status", "count", "data"})
         EXPECT_NE(json_object_get(message, member), nullptr) << member;
     const json_t *modules = json_object_get(json_object_get(message, "data"), "driver_module");
     EXPECT_EQ(json_array_size(modules), 5u);
@@ -73,32 +67,26 @@ static int take_registration(oxni_subscriber *, const char *, json_t *message, o
     return 0;
 }
 
-static oxni_subscriber *new_subscriber(const oxni_subscriber_attr *)
-{
-    return core_subscriber(3);
-}
-
 /* An incomplete registration is not sent. */
 TEST(test_bypass_subscriber, memory)
 {
     const core_patches patches;
-    import_patch subscribe("oxni_subscriber_subscribe", take_registration),
-        create("oxni_subscriber_new", new_subscriber);
-    bool reached = true, failed = false;
+    const import_patch subscribe("oxni_subscriber_subscribe", take_registration);
+    const import_patch create("oxni_subscriber_new",
+                              [](const oxni_subscriber_attr *) { return core_subscriber(3); });
+    bool incomplete = false;
 
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        log_forget();
-        s_core.calls.clear();
-        const uint64_t blocks = live_blocks();
-        reached = while_failing(nth, [&] { EXPECT_EQ(bypass_subscriber_init(), 0); });
-        const bool logged = log_contains("registration of XNI failed, message(0) subscriber(1)");
-        EXPECT_TRUE(!logged || live_blocks() == blocks);
-        EXPECT_EQ(core_calls(), logged ? "timer 1800000" : "timer 1800000; subscribe");
-        failed |= logged;
-    }
-    EXPECT_FALSE(reached);
-    EXPECT_TRUE(failed);
+    each_allocation_fails(
+        [] { EXPECT_EQ(bypass_subscriber_init(), 0); },
+        [&](bool, uint64_t left) {
+            const bool logged =
+                log_contains("registration of XNI failed, message(0) subscriber(1)");
+            EXPECT_TRUE(!logged || left == 0);
+            EXPECT_EQ(core_calls(), logged ? "timer 1800000" : "timer 1800000; subscribe");
+            incomplete |= logged;
+            log_forget();
+        });
+    EXPECT_TRUE(incomplete);
 }
 
 TEST(test_registration, results)

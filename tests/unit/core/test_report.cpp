@@ -27,15 +27,6 @@
 #include "unit_support.h"
 #include "win_event_parse.h"
 
-static int s_deliveries;
-
-static int refuse_request(const char *, json_t *request, void *, oxni_res_reply_fn, unsigned)
-{
-    s_deliveries++;
-    json_decref(request); /* taken over all the same */
-    return -1;
-}
-
 TEST(test_report_trigger, results)
 {
     const core_patches patches;
@@ -75,12 +66,11 @@ TEST(test_report_pending, memory)
     char first[] = "ma", second[] = "mb", *names[] = {first, second};
     const uint64_t blocks = live_blocks();
 
-    for (uint64_t nth = 1; nth <= 6; nth++) {
-        SCOPED_TRACE(nth);
-        while_failing(nth, [&] { drv_info_add(names, 2, "a", &crash); });
-        EXPECT_FALSE(report_pending_has("a"));
-        EXPECT_EQ(live_blocks(), blocks);
-    }
+    each_allocation_fails([&] { drv_info_add(names, 2, "a", &crash); },
+                          [&](bool failed, uint64_t left) {
+                              EXPECT_EQ(report_pending_has("a"), !failed);
+                              EXPECT_EQ(left == 0, failed);
+                          });
     for (const struct crash_info *given :
          {&crash, static_cast<const struct crash_info *>(nullptr)}) {
         drv_info_add(names, 2, "a", given);
@@ -97,8 +87,14 @@ TEST(test_report_pending, memory)
 /* The upload of a report that the host refuses gives everything back. */
 TEST(test_report_abnormal_crash, results)
 {
+    static int s_deliveries;
     const core_patches patches;
-    import_patch deliver("oxni_res_deliver", refuse_request);
+    const import_patch deliver(
+        "oxni_res_deliver", [](const char *, json_t *request, void *, oxni_res_reply_fn, unsigned) {
+            s_deliveries++;
+            json_decref(request); /* taken over all the same */
+            return -1;
+        });
     char module[] = "ma", *names[] = {module}, *none[] = {nullptr};
 
     EXPECT_EQ(report_abnormal_crash(nullptr, 1, "a", nullptr), -1);
@@ -106,12 +102,10 @@ TEST(test_report_abnormal_crash, results)
     EXPECT_EQ(report_abnormal_crash(names, 0, "a", nullptr), -1);
     EXPECT_EQ(report_abnormal_crash(names, 1, nullptr, nullptr), -1);
     EXPECT_EQ(core_calls(), "");
-    EXPECT_EQ(report_abnormal_crash(names, 1, "a", nullptr), 0);
-    EXPECT_EQ(report_abnormal_crash(names, 1, "a", nullptr), 0);
-    EXPECT_EQ(report_abnormal_crash(names, 1, "b", nullptr), 0);
+    for (const char *name : {"a", "a", "b"})
+        EXPECT_EQ(report_abnormal_crash(names, 1, name, nullptr), 0);
     EXPECT_EQ(core_calls(), "history; timer 60000; history; history"); /* its timer waits already */
     const uint64_t blocks = live_blocks();
-    s_deliveries = 0;
     s_core.last_timer(nullptr, nullptr); /* there is no device: armed again */
     EXPECT_EQ(core_calls(), "timer 60000");
     EXPECT_EQ(s_deliveries, 0);
@@ -133,24 +127,18 @@ TEST(test_alarm, without_a_device)
     EXPECT_EQ(live_blocks(), blocks);
 }
 
-static int s_echoes;
-
-static void count_echo(oxni_dbg_context *, int, const char *)
-{
-    s_echoes++;
-}
-
 /* Nothing is called, and the product that is registered remains. */
 TEST(test_guards, missing_arguments)
 {
     const core_patches patches;
-    const import_patch echo("oxni_dbg_echo", count_echo);
+    const import_patch echo("oxni_dbg_echo", [](oxni_dbg_context *, int, const char *) {
+        ADD_FAILURE() << "there is nobody to answer";
+    });
     char word[] = "other", option[] = "-r", *arguments[] = {word, option};
 
     EXPECT_EQ(bypass_mgr_init(), 0);
     core_product(0, STATUS_BYPASS, 3);
     core_calls();
-    s_echoes = 0;
     log_forget();
     suber_set_free(nullptr);
     EXPECT_TRUE(log_contains("suber_set is NULL"));
@@ -161,7 +149,6 @@ TEST(test_guards, missing_arguments)
     EXPECT_FALSE(upload_history_save(nullptr));
     EXPECT_FALSE(upload_history_delete(nullptr));
     bypass_mgr_dbg_cmd(2, arguments, nullptr);
-    EXPECT_EQ(s_echoes, 0);
     EXPECT_EQ(core_calls(), "");
     EXPECT_NE(bypass_mgr_table_find(core_subscriber(0)), nullptr);
 }
@@ -191,24 +178,14 @@ TEST(test_guards, missing_names)
     EXPECT_TRUE(log_contains("bypass_mgr subscriber ns() name :  unsubscribe!"));
 }
 
-template <typename... Arguments> static BOOL WINAPI refuse(Arguments...)
-{
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-}
-
-static HANDLE WINAPI open_any(const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
-                              HANDLE)
-{
-    return &s_core;
-}
-
 /* A dump whose creation time cannot be read has the time 0. */
 TEST(test_guards, creation_time_of_a_dump)
 {
     const core_patches patches;
-    const import_patch open("CreateFileA", open_any);
-    const import_patch times("GetFileTime", refuse<HANDLE, FILETIME *, FILETIME *, FILETIME *>);
+    const import_patch open("CreateFileA",
+                            [](const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
+                               HANDLE) -> HANDLE { return &s_core; });
+    const import_patch times("GetFileTime");
 
     core_product(0, STATUS_WORKING, 2);
     log_forget();
@@ -222,55 +199,42 @@ TEST(test_guards, creation_time_of_a_dump)
     EXPECT_NE(calls.find(std::string("'create_time':'") + text + "'"), std::string::npos) << calls;
 }
 
-static BOOL WINAPI read_nothing(HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *)
-{
-    *filled = 0;
-    return TRUE;
-}
-
 static std::vector<DWORD> s_expanded; /* results of the next calls, the last one first */
-
-static DWORD WINAPI expand(const wchar_t *, wchar_t *, DWORD)
-{
-    const DWORD chars = s_expanded.back();
-
-    s_expanded.pop_back();
-    return chars;
-}
 
 TEST(test_guards, calls_of_windows)
 {
-    const import_patch information("GetFileInformationByHandle",
-                                   refuse<HANDLE, BY_HANDLE_FILE_INFORMATION *>);
-    const temporary_folder folder;
-    const std::wstring path = (folder.path / "d.dmp").wstring();
-    uint64_t time = 7;
+    const import_patch information("GetFileInformationByHandle");
+    const import_patch expand("ExpandEnvironmentStringsW", [](const wchar_t *, wchar_t *, DWORD) {
+        const DWORD chars = s_expanded.back();
 
-    std::filesystem::create_directories(folder.path);
-    CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        s_expanded.pop_back();
+        return chars;
+    });
+    const temporary_folder folder;
+    const std::wstring path = folder.file(L"d.dmp");
+    uint64_t time = 7;
+    event_info info = {};
+
     EXPECT_EQ(get_file_write_time(path.c_str(), &time), static_cast<uint32_t>(ERROR_ACCESS_DENIED));
     EXPECT_EQ(time, 7u);
     EXPECT_TRUE(log_contains("d.dmp information failed 5."));
     log_forget();
     EXPECT_FALSE(is_file_updated_since_boot(path.c_str()));
     EXPECT_TRUE(log_contains("d.dmp information failed 5."));
-    for (const std::vector<DWORD> &results : {
-             std::vector<DWORD>{0   },
-             { 0, 300},
-             { 400, 300}
-    }) {
-        const import_patch patch("ExpandEnvironmentStringsW", expand);
+    for (const std::vector<DWORD> &results :
+         {std::vector<DWORD>(1), std::vector<DWORD>({0, 300}), std::vector<DWORD>({400, 300})}) {
         s_expanded = results;
         EXPECT_EQ(expand_env_path(L"%A%"), L"");
         EXPECT_TRUE(s_expanded.empty());
     }
-    {
-        const system_log log({});
-        const import_patch read("ReadEventLogW", read_nothing);
-        event_info info = {};
-        EXPECT_EQ(win_event_parse().get_crash_info(&info, {nullptr, 0}), 13u);
-        EXPECT_EQ(system_log::logs_open, 0);
-    }
+    const system_log log({});
+    const import_patch read("ReadEventLogW",
+                            [](HANDLE, DWORD, DWORD, void *, DWORD, DWORD *filled, DWORD *) {
+                                *filled = 0;
+                                return TRUE;
+                            });
+    EXPECT_EQ(win_event_parse().get_crash_info(&info, {nullptr, 0}), 13u);
+    EXPECT_EQ(system_log::logs_open, 0);
 }
 
 /* Whichever allocation fails, a product's entry is stored as a whole or not at all; a document that
@@ -279,25 +243,17 @@ TEST(test_guards, store_without_memory)
 {
     const core_patches patches;
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
-    bool reached = true;
-
-    s_core.document = nullptr;
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        reached = while_failing(nth, [&] {
-            bypass_mgr_store_load(5);
-            bypass_mgr_store_product(record);
-        });
-        const int64_t count = bypass_mgr_stored_count("a");
-        EXPECT_EQ(bypass_mgr_stored_status("a"), count == 3 ? STATUS_BYPASS : STATUS_UNKNOWN);
-        EXPECT_TRUE(count == 3 || (count == -1 && reached));
-    }
-    EXPECT_FALSE(reached);
-    {
-        failing_memory failing(1, true);
+    const auto store = [&] {
         bypass_mgr_store_load(5);
         bypass_mgr_store_product(record);
-    }
+    };
+
+    each_allocation_fails(store, [](bool failed, uint64_t) {
+        const int64_t count = bypass_mgr_stored_count("a");
+        EXPECT_EQ(bypass_mgr_stored_status("a"), count == 3 ? STATUS_BYPASS : STATUS_UNKNOWN);
+        EXPECT_TRUE(count == 3 || (count == -1 && failed));
+    });
+    while_failing(1, store, true);
     bypass_mgr_store_product(record);
     EXPECT_EQ(bypass_mgr_stored_count("a"), 3);
 }
@@ -331,11 +287,6 @@ static int insert_nothing(oxni_xhash *, const void *, size_t, void *)
     return -1;
 }
 
-static int info_level(void)
-{
-    return OXNI_LOG_INFO;
-}
-
 /* Whichever allocation fails, an alarm is delivered once with all its members, or not at all, and
  * nothing of it leaks. */
 TEST(test_guards, alarm_without_memory)
@@ -345,41 +296,41 @@ TEST(test_guards, alarm_without_memory)
     const core_patches patches;
     const import_patch deliver("oxni_res_deliver", keep_alarm);
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
-    bool reached = true;
+    int expected = -1;
 
     report_link_create();
     report_link_watch();
     s_core.link("path", 1);
+    uint64_t blocks = live_blocks();
     {
         const import_patch insert("oxni_xhash_insert", insert_nothing);
-        const uint64_t blocks = live_blocks();
         s_core.answer(0, answer);
-        EXPECT_EQ(live_blocks(), blocks);
-        EXPECT_FALSE(report_link_connected());
     }
+    EXPECT_EQ(live_blocks(), blocks);
     for (const char *const text : {answer, static_cast<const char *>(nullptr)}) {
-        s_core.answer(5, text);
         EXPECT_FALSE(report_link_connected());
+        s_core.answer(5, text);
     }
+    EXPECT_FALSE(report_link_connected());
     s_core.answer(0, answer);
     record->parsed = 1;
     record->crash = {"C:\\d", "then", "ma"};
-    for (uint64_t nth = 1; nth < 300 && reached; nth++) {
-        SCOPED_TRACE(nth);
-        const uint64_t blocks = live_blocks();
-        s_alarms = 0;
-        reached = while_failing(
-            nth, [&] { EXPECT_EQ(bypass_mgr_report_trigger(record), nth == 1 ? -1 : 0); });
-        EXPECT_LE(s_alarms, 1);
-        EXPECT_TRUE(s_alarms == 1 || reached);
-        report_forget("a");
-        EXPECT_EQ(live_blocks(), blocks);
-    }
-    EXPECT_FALSE(reached);
+    each_allocation_fails(
+        [&] {
+            s_alarms = 0;
+            EXPECT_EQ(bypass_mgr_report_trigger(record), expected);
+            report_forget("a");
+        },
+        [&](bool failed, uint64_t left) {
+            EXPECT_LE(s_alarms, 1);
+            EXPECT_TRUE(s_alarms == 1 || failed);
+            EXPECT_EQ(left, 0u);
+            expected = 0; /* without memory for its first part nothing is reported */
+        });
     {
-        const import_patch insert("oxni_xhash_insert", insert_nothing),
-            level("oxni_log_level_get", info_level);
-        const uint64_t blocks = live_blocks();
+        const import_patch insert("oxni_xhash_insert", insert_nothing);
+        const import_patch level("oxni_log_level_get", [] { return OXNI_LOG_INFO; });
+        blocks = live_blocks();
         s_deliver_result = -1;
         log_forget();
         EXPECT_EQ(bypass_mgr_report_trigger(record), 0);

@@ -18,44 +18,30 @@ typedef HRESULT(WINAPI *create_fn)(REFIID iid, void **client);
 static const wchar_t *s_missing_module; /* that cannot be loaded */
 static create_fn s_create;              /* the engine's own, but for one test */
 
-static HRESULT WINAPI create(REFIID iid, void **client)
-{
-    return s_create(iid, client);
-}
-
-static HMODULE WINAPI load(const wchar_t *name)
-{
-    if (s_missing_module != nullptr && wcscmp(name, s_missing_module) == 0)
-        return nullptr;
-    return LoadLibraryExW(name, nullptr, 0);
-}
-
-static FARPROC WINAPI no_address(HMODULE, const char *)
-{
-    return nullptr;
-}
-
-static FARPROC WINAPI our_address(HMODULE, const char *)
-{
-    return reinterpret_cast<FARPROC>(reinterpret_cast<void *>(create));
-}
-
 /* Before all tests: the engine is searched for only until it is found. */
 struct engine_search : public testing::Environment {
     void SetUp() override
     {
-        import_patch load_patch("LoadLibraryW", load);
+        const import_patch load("LoadLibraryW", [](const wchar_t *name) -> HMODULE {
+            const bool missing = s_missing_module != nullptr && wcscmp(name, s_missing_module) == 0;
+            return missing ? nullptr : LoadLibraryExW(name, nullptr, 0);
+        });
         std::string text = "untouched";
 
         engine_play(DUMP, STACK);
         s_create = proc_address<create_fn>(GetModuleHandleW(L"dbgeng.dll"), "DebugCreate");
         for (const wchar_t *missing : {L"dbghelp.dll", L"dbgeng.dll", L""}) {
-            import_patch address_patch("GetProcAddress", no_address);
+            const import_patch address("GetProcAddress");
             s_missing_module = missing;
             EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
             EXPECT_EQ(text, "untouched");
         }
-        import_patch address_patch("GetProcAddress", our_address);
+        const import_patch address("GetProcAddress", [](HMODULE, const char *) {
+            const create_fn create = [](REFIID iid, void **client) {
+                return s_create(iid, client);
+            };
+            return reinterpret_cast<void *>(create);
+        });
         EXPECT_TRUE(get_dmp_info(DUMP, 1, &text));
         EXPECT_EQ(text, STACK);
     }
@@ -144,25 +130,22 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
 TEST(test_get_dmp_info, no_memory_for_the_text)
 {
     static const char stack[] = "Call Site\na_driver_with_a_long_name+0x107\n";
-    bool reached = true, stopped = false; /* an exception, before it reached the engine */
+    std::string text = "untouched";
+    bool taken, stopped = false; /* an exception, before it reached the engine */
 
     engine_play(DUMP, stack);
-    for (uint64_t nth = 1; nth < 100 && reached; nth++) {
-        std::string text = "untouched";
-        bool taken;
-        log_forget();
-        {
-            failing_allocations failing(nth, false);
-            taken = get_dmp_info(DUMP, 1, &text);
-            reached = failing.reached();
-        }
-        EXPECT_EQ(taken, !reached);
-        EXPECT_EQ(text, taken ? stack : "untouched");
-        EXPECT_EQ(log_contains("[error]"), reached) << "allocation " << nth;
-        stopped |= log_contains("Output: exception ");
-        EXPECT_EQ(engine_left(), 0u);
-    }
-    EXPECT_FALSE(reached);
+    log_forget();
+    each_allocation_fails([&] { taken = get_dmp_info(DUMP, 1, &text); },
+                          [&](bool failed, uint64_t) {
+                              EXPECT_EQ(taken, !failed);
+                              EXPECT_EQ(text, taken ? stack : "untouched");
+                              EXPECT_EQ(log_contains("[error]"), failed);
+                              stopped |= log_contains("Output: exception ");
+                              EXPECT_EQ(engine_left(), 0u);
+                              text = std::string("untouched");
+                              log_forget();
+                          },
+                          while_malloc_failing);
     EXPECT_TRUE(stopped);
 }
 

@@ -50,6 +50,12 @@ TEST(test_read_load_driver_value, values)
     EXPECT_TRUE(log_contains("open service key SYSTEM\\CurrentControlSet"));
 }
 
+static void set_errortime(DWORD type, uint64_t time)
+{
+    registry_set(DRIVER_KEY, L"errortime", type,
+                 std::string(reinterpret_cast<const char *>(&time), sizeof(time)));
+}
+
 TEST(test_get_errortime_string, times)
 {
     static const struct {
@@ -67,16 +73,12 @@ TEST(test_get_errortime_string, times)
     uint64_t time = 5;
 
     for (const auto &row : s_rows) {
-        const std::string bytes(reinterpret_cast<const char *>(&row.time), sizeof(row.time));
         strcpy(text, "before");
-        registry_set(DRIVER_KEY, L"errortime", REG_QWORD, bytes);
+        set_errortime(REG_QWORD, row.time);
         EXPECT_EQ(get_load_driver_errortime(text, row.size), row.text != nullptr) << &row - s_rows;
         EXPECT_STREQ(text, row.text != nullptr ? row.text : "before");
     }
-    time = MOMENT_FILETIME;
-    registry_set(DRIVER_KEY, L"errortime", REG_QWORD,
-                 std::string(reinterpret_cast<const char *>(&time), sizeof(time)));
-    time = 5;
+    set_errortime(REG_QWORD, MOMENT_FILETIME);
     EXPECT_FALSE(get_load_driver_errortime(nullptr, 20));
     log_forget();
     EXPECT_FALSE(get_oxnisp_driver_errortime(text, -1));
@@ -87,13 +89,9 @@ TEST(test_get_errortime_string, times)
     EXPECT_FALSE(get_errortime_string(text, 0, DRIVER_KEY));
     EXPECT_FALSE(query_errortime(nullptr, DRIVER_KEY));
     EXPECT_FALSE(query_errortime(&time, nullptr));
-    registry_set(DRIVER_KEY, L"errortime", REG_BINARY, "12345678");
+    set_errortime(REG_BINARY, MOMENT_FILETIME);
     EXPECT_FALSE(query_errortime(&time, DRIVER_KEY));
     EXPECT_EQ(time, 5u);
-}
-
-static void do_not_sleep(unsigned)
-{
 }
 
 /* Results of the attempts to delete a key, and the number of attempts. */
@@ -118,7 +116,7 @@ TEST(test_delete_service_crashflag, tries)
         {{5, 1168, 5},    0, 2},
         {{5, 5, 6, 1168}, 6, 3},
     };
-    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
+    const import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep");
 
     for (const auto &row : s_rows) {
         s_answers = row.answers;
@@ -143,7 +141,7 @@ TEST(test_service_crashflag, long_names)
         {226, 206, 206, 0},
         {500, 206, 206, 0},
     };
-    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
+    const import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep");
 
     s_answers = s_missing;
     for (const auto &row : s_rows) {
@@ -158,19 +156,6 @@ TEST(test_service_crashflag, long_names)
 }
 
 static std::wstring s_opened; /* the file that was opened or deleted last */
-
-static FILE *open_no_file(const wchar_t *path, const wchar_t *)
-{
-    s_opened = path;
-    return nullptr;
-}
-
-static BOOL WINAPI delete_no_file(const wchar_t *path)
-{
-    s_opened = path;
-    SetLastError(ERROR_FILE_NOT_FOUND);
-    return FALSE;
-}
 
 #define SP_SUFFIX "\\Quorvel\\OXNI3_CFG\\oxnisp_driver\\crash_config.cfg"
 
@@ -192,9 +177,17 @@ TEST(test_record_path, long_and_odd_folders)
         {"longer than the platform's",    300, "",         false, false},
         {"not UTF-8",                     1,   "\xFF",     false, false},
     };
-    import_patch open("oxni_file_open_w", open_no_file), remove("DeleteFileW", delete_no_file);
-    import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep", do_not_sleep);
     static const DWORD s_deleted[ARRAYSIZE(s_rows) * 2] = {};
+    const import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep");
+    const import_patch open("oxni_file_open_w", [](const wchar_t *path, const wchar_t *) -> FILE * {
+        s_opened = path;
+        return nullptr;
+    });
+    const import_patch remove("DeleteFileW", [](const wchar_t *path) {
+        s_opened = path;
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return FALSE;
+    });
 
     s_answers = s_deleted;
     s_tries = 0;
@@ -269,35 +262,6 @@ static size_t s_queries;
 static unsigned s_slept; /* seconds */
 static int s_handles;    /* that were not closed */
 
-static SC_HANDLE WINAPI open_manager(const wchar_t *, const wchar_t *, DWORD)
-{
-    s_handles++;
-    return reinterpret_cast<SC_HANDLE>(&s_states);
-}
-
-static SC_HANDLE WINAPI open_service(SC_HANDLE manager, const wchar_t *, DWORD)
-{
-    s_handles++;
-    return manager;
-}
-
-static BOOL WINAPI query_service(SC_HANDLE, SERVICE_STATUS *status)
-{
-    status->dwCurrentState = s_states[std::min(s_queries++, s_states.size() - 1)];
-    return status->dwCurrentState != 0;
-}
-
-static BOOL WINAPI close_service(SC_HANDLE)
-{
-    s_handles--;
-    return TRUE;
-}
-
-static void note_sleep(unsigned seconds)
-{
-    s_slept += seconds;
-}
-
 TEST(test_is_service_stopped, waits)
 {
     static const DWORD stopped = SERVICE_STOPPED, stopping = SERVICE_STOP_PENDING,
@@ -317,9 +281,23 @@ TEST(test_is_service_stopped, waits)
         {{stopping}, INT32_MIN, false, 0},
     };
     /* clang-format on */
-    import_patch manager("OpenSCManagerW", open_manager), open("OpenServiceW", open_service);
-    import_patch query("QueryServiceStatus", query_service);
-    import_patch close("CloseServiceHandle", close_service), sleep("oxni_sleep", note_sleep);
+    const import_patch manager("OpenSCManagerW", [](const wchar_t *, const wchar_t *, DWORD) {
+        s_handles++;
+        return reinterpret_cast<SC_HANDLE>(&s_states);
+    });
+    const import_patch open("OpenServiceW", [](SC_HANDLE opened, const wchar_t *, DWORD) {
+        s_handles++;
+        return opened;
+    });
+    const import_patch query("QueryServiceStatus", [](SC_HANDLE, SERVICE_STATUS *status) {
+        status->dwCurrentState = s_states[std::min(s_queries++, s_states.size() - 1)];
+        return BOOL{status->dwCurrentState != 0};
+    });
+    const import_patch close("CloseServiceHandle", [](SC_HANDLE) {
+        s_handles--;
+        return TRUE;
+    });
+    const import_patch sleep("oxni_sleep", [](unsigned seconds) { s_slept += seconds; });
 
     for (const auto &row : s_rows) {
         s_states = row.states;
@@ -330,15 +308,9 @@ TEST(test_is_service_stopped, waits)
     }
 }
 
-static HANDLE WINAPI no_snapshot(DWORD, DWORD)
-{
-    SetLastError(ERROR_ACCESS_DENIED);
-    return nullptr;
-}
-
 TEST(test_find_system_process_id, no_snapshot)
 {
-    import_patch snapshot("CreateToolhelp32Snapshot", no_snapshot);
+    const import_patch snapshot("CreateToolhelp32Snapshot");
     uint32_t id;
 
     log_forget();

@@ -111,8 +111,7 @@ TEST(test_find_new_crash_dump, record_and_names)
     const std::filesystem::path dumps = folder.path / "none";
 
     oxnih_set_install_dir((folder.path / "agent").u8string().c_str());
-    registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(dumps.wstring() + L".dmp"));
-    registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes(dumps.wstring()));
+    set_dump_places(dumps.wstring() + L".dmp", dumps.wstring());
     for (const auto &row : s_rows) {
         SCOPED_TRACE(&row - s_rows);
         listed_file dump(row.name, row.written);
@@ -141,15 +140,12 @@ TEST(test_find_new_crash_dump, record_and_names)
 TEST(test_find_new_crash_dump, complete_dump)
 {
     temporary_folder folder;
-    const std::filesystem::path dump = folder.path / "MEMORY.DMP";
+    const std::wstring dump = folder.file(L"MEMORY.DMP");
     crash_module_set modules;
     std::string path = "before";
     uint64_t time = 7;
 
-    std::filesystem::create_directories(folder.path);
-    CloseHandle(CreateFileW(dump.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(dump.wstring()));
-    registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes((folder.path / "no").wstring()));
+    set_dump_places(dump, (folder.path / "no").wstring());
     engine_play(dump.c_str(), "Call Site\ndrv+1\n", "OpenDumpFileWide");
     EXPECT_FALSE(find_new_crash_dump(5, 0, &modules, &time, &path));
     EXPECT_EQ(path, "before");
@@ -160,26 +156,17 @@ TEST(test_find_new_crash_dump, complete_dump)
     EXPECT_EQ(modules, crash_module_set{"drv"});
 }
 
-static BOOL WINAPI two_times(HANDLE, BY_HANDLE_FILE_INFORMATION *information)
-{
-    information->ftCreationTime = {1, 1};
-    information->ftLastAccessTime = {3, 3};
-    information->ftLastWriteTime = {2, 2};
-    return TRUE;
-}
-
 TEST(test_get_file_write_time, last_write)
 {
     const FILETIME created = filetime_of_value(MOMENT_FILETIME - 10000000),
                    written = filetime_of_value(MOMENT_FILETIME);
     temporary_folder folder;
-    const std::wstring path = (folder.path / "d.dmp").wstring();
+    const std::wstring path = folder.file(L"d.dmp");
     std::wstring found;
     uint64_t time = 0;
-
-    std::filesystem::create_directories(folder.path);
-    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+    const HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                     FILE_ATTRIBUTE_NORMAL, nullptr);
+
     ASSERT_TRUE(SetFileTime(file, &created, &created, &written));
     CloseHandle(file);
     EXPECT_EQ(find_newest_file(folder.path.c_str(), &found, &time), 0u);
@@ -187,7 +174,13 @@ TEST(test_get_file_write_time, last_write)
     EXPECT_EQ(time, MOMENT_FILETIME);
     time = 0;
     {
-        import_patch times("GetFileInformationByHandle", two_times);
+        const import_patch times("GetFileInformationByHandle",
+                                 [](HANDLE, BY_HANDLE_FILE_INFORMATION *information) {
+                                     information->ftCreationTime = {1, 1};
+                                     information->ftLastAccessTime = {3, 3};
+                                     information->ftLastWriteTime = {2, 2};
+                                     return TRUE;
+                                 });
         EXPECT_EQ(get_file_write_time(path.c_str(), &time), 0u);
         EXPECT_EQ(time, (2ULL << 32) + 2);
     }

@@ -13,7 +13,6 @@
 
 #include "liboxnibase/host.h"
 
-static constexpr wchar_t CRASH_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
 static constexpr wchar_t DRIVER_KEY[] = L"SYSTEM\\CurrentControlSet\\Services\\load_driver";
 
 /* The one timer that is pending. */
@@ -54,11 +53,10 @@ static int note_verdict(int32_t result, const crash_module_set &modules,
     return 99;
 }
 
-/* Starts a check and lets its timers fire until none is pending. Result: that of the start. */
+/* Starts a check and lets its timers fire until none is pending; the caller has patched their start.
+ * Result: that of the start. */
 static int32_t play_check(unsigned refused)
 {
-    import_patch timer("oxni_timer_start", arm_timer);
-
     s_timer = {nullptr, nullptr, 0, refused};
     s_verdict = {0, -1, 0, false, s_verdict.throws};
     const int32_t started = start_bypass_status_check(note_verdict, nullptr);
@@ -79,6 +77,8 @@ static void set_polls(const wchar_t *polls)
 
 TEST(test_start_bypass_status_check, polls)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
+
     for (const wchar_t *polls : {L"-5", L"x"}) {
         system_log log({});
         const uint64_t blocks = live_blocks();
@@ -94,6 +94,7 @@ TEST(test_start_bypass_status_check, polls)
 /* A check that cannot continue reports its failure once. */
 TEST(test_start_bypass_status_check, cannot_go_on)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     const uint64_t blocks = live_blocks();
 
     set_polls(L"12");
@@ -110,15 +111,11 @@ TEST(test_start_bypass_status_check, cannot_go_on)
     EXPECT_EQ(live_blocks(), blocks);
 }
 
-static HANDLE WINAPI find_throws(const wchar_t *, WIN32_FIND_DATAW *)
-{
-    throw std::range_error("bad conversion");
-}
-
 /* No exception reaches the host's timer: one below a poll ends the check, one in the search for a
  * dump or in the callback does not change the verdict. */
 TEST(test_start_bypass_status_check, exceptions)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     static const struct {
         const wchar_t *polls;
         bool read_throws; /* otherwise the search for a dump */
@@ -132,7 +129,9 @@ TEST(test_start_bypass_status_check, exceptions)
         {L"5", true,  false, STATUS_CHECK_FAILED, "winlogin_check_timer: exception read"         },
         {L"5", true,  true,  STATUS_CHECK_FAILED, "status_check_cb: exception callback"          },
     };
-    import_patch find("FindFirstFileW", find_throws);
+    const import_patch find("FindFirstFileW", [](const wchar_t *, WIN32_FIND_DATAW *) -> HANDLE {
+        throw std::range_error("bad conversion");
+    });
 
     for (const auto &row : s_rows) {
         SCOPED_TRACE(row.logged);
@@ -153,42 +152,35 @@ TEST(test_start_bypass_status_check, exceptions)
     s_verdict.throws = false;
 }
 
-/* A check of a blue screen with a dump, in which one allocation fails. Result: whether any did. */
-static bool play_without_memory(uint64_t nth, bool forever)
-{
-    system_log log(event_record(1001, L"BugCheck", {L"0x0000007e, longer than a small string"}));
-    failing_allocations failing(nth, forever);
-
-    (void)play_check(0);
-    return failing.reached();
-}
-
 /* Whichever allocation fails: there is one verdict, and everything that was opened is closed. */
 TEST(test_start_bypass_status_check, no_memory)
 {
+    const import_patch timer("oxni_timer_start", arm_timer);
     listed_file dump(L"a minidump with a long name.dmp", INT64_MAX / 2);
     const std::wstring folder = L"C:\\dumps that are not there";
     const std::wstring path = folder + L"\\a minidump with a long name.dmp";
-    bool results[4] = {}, reached = true;
+    const block crash =
+        event_record(1001, L"BugCheck", {L"0x0000007e, longer than a small string"});
+    bool results[4] = {};
 
     set_polls(L"0");
-    registry_set(CRASH_KEY, L"DumpFile", REG_SZ, wide_bytes(path));
-    registry_set(CRASH_KEY, L"MinidumpDir", REG_SZ, wide_bytes(folder));
+    set_dump_places(path, folder);
     engine_play(path.c_str(), "Call Site\na_driver_with_a_long_name+1\nnt!x\n");
     play_check(0); /* creates what is kept */
-    for (uint64_t nth = 1; nth < 200 && reached; nth++)
-        for (const bool forever : {true, false}) {
-            SCOPED_TRACE(testing::Message() << "allocation " << nth << " forever " << forever);
-            const uint64_t blocks = live_blocks();
-            reached = play_without_memory(nth, forever);
-            ASSERT_EQ(s_verdict.count, 1);
-            results[s_verdict.result] = true;
-            EXPECT_EQ(live_blocks(), blocks);
-            EXPECT_EQ(system_log::logs_open, 0);
-            EXPECT_EQ(listed_file::finds_open, 0);
-            EXPECT_EQ(engine_left(), 0u);
-        }
-    EXPECT_FALSE(reached);
+    for (const bool forever : {true, false}) {
+        const system_log log(crash);
+        each_allocation_fails([] { (void)play_check(0); },
+                              [&](bool, uint64_t left) {
+                                  ASSERT_EQ(s_verdict.count, 1);
+                                  results[s_verdict.result] = true;
+                                  EXPECT_EQ(left, 0u);
+                                  EXPECT_EQ(system_log::logs_open, 0);
+                                  EXPECT_EQ(listed_file::finds_open, 0);
+                                  EXPECT_EQ(engine_left(), 0u);
+                                  system_log::fill(crash);
+                              },
+                              while_malloc_failing, forever);
+    }
     EXPECT_TRUE(s_verdict.modules == 2 && s_verdict.has_path) << "nothing failed in the last one";
     EXPECT_TRUE(results[STATUS_CHECK_FAILED]) << "no memory for the record";
     EXPECT_TRUE(results[STATUS_CHECK_NORMAL]) << "no memory for the read";

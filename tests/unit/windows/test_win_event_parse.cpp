@@ -204,18 +204,16 @@ TEST(test_get_crash_info, no_memory)
 
 static bool s_privilege_enabled;
 
-static BOOL WINAPI adjust_privileges(HANDLE, BOOL, TOKEN_PRIVILEGES *privileges, DWORD,
-                                     TOKEN_PRIVILEGES *, DWORD *)
-{
-    s_privilege_enabled = privileges->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED;
-    SetLastError(ERROR_SUCCESS);
-    return TRUE;
-}
-
 /* An exception leaves the privilege disabled, the log closed and the buffer freed. */
 TEST(test_get_crash_info, exception)
 {
-    import_patch adjust("AdjustTokenPrivileges", adjust_privileges);
+    const import_patch adjust(
+        "AdjustTokenPrivileges",
+        [](HANDLE, BOOL, TOKEN_PRIVILEGES *privileges, DWORD, TOKEN_PRIVILEGES *, DWORD *) {
+            s_privilege_enabled = privileges->Privileges[0].Attributes == SE_PRIVILEGE_ENABLED;
+            SetLastError(ERROR_SUCCESS);
+            return TRUE;
+        });
     system_log log({});
     event_info info = {};
     const uint64_t blocks = live_blocks();
