@@ -55,7 +55,7 @@ static std::string put_input(const char *name, const std::string &text)
 /* An input that lies in memory, since a file would take longer than most readers. */
 static evidence_file input(const std::string &text)
 {
-    return evidence_file(fuzz_guarded(text.data(), text.size()), text.size());
+    return evidence_file(NAME, fuzz_guarded(text.data(), text.size()), text.size());
 }
 
 static std::string damaged_good(chance &chance)
@@ -85,7 +85,7 @@ static void read_log(const std::string &text, chance &chance)
     const evidence_damage allowed = chance.of(s_allowed);
     evidence_log log;
 
-    if (!accepts(NAME, [&] { evidence_log_parse(NAME, input(text), allowed, &log); }))
+    if (!accepts(NAME, [&] { evidence_log_read(input(text), allowed, &log); }))
         return;
     check_log(log);
     if (allowed == EVIDENCE_STRICT && !(log.damage.empty() && log.cut_off.empty()))
@@ -141,7 +141,7 @@ static void open_evtx(void)
 
     s_good = {evtx_bytes(records, L"DESKTOP"),
               evtx_bytes({records[2], records[0], records[0]}, L"DESKTOP")};
-    evidence_log_parse(NAME, input(s_good[0]), EVIDENCE_STRICT, &log);
+    evidence_log_read(input(s_good[0]), EVIDENCE_STRICT, &log);
     if (log.events.size() != records.size() || log.events[2].id != records[2].id ||
         log.events[4].strings.packed() != records[4].strings.packed())
         violated("the good log is not read as it was written");
@@ -232,7 +232,7 @@ static void try_written_log(chance &chance, uint64_t)
     } catch (const devhost_error &) {
         return; /* too short for that damage */
     }
-    evidence_log_parse(NAME, input(bytes), EVIDENCE_LENIENT, &log);
+    evidence_log_read(input(bytes), EVIDENCE_LENIENT, &log);
     if (log.records != records.size() - report.gone.size() || log.lost_records != report.lost ||
         log.cut_off.empty() == report.cut_off ||
         (log.damage.empty() && log.cut_off.empty()) == report.damaged)
@@ -297,7 +297,7 @@ static void try_registry(chance &chance, uint64_t)
     const std::string text = damaged_good(chance);
     evidence_registry registry;
 
-    if (accepts(NAME, [&] { evidence_registry_parse(NAME, input(text), &registry); }))
+    if (accepts(NAME, [&] { evidence_registry_read(input(text), &registry); }))
         for (const evidence_value &value : registry.values)
             if (value.key.empty())
                 violated("a value without a key");
