@@ -204,7 +204,7 @@ static std::string evtx_file(size_t mib)
 static void evtx(benchmark::State &state)
 {
     const std::string path = evtx_file(static_cast<size_t>(state.range(0)));
-    const evidence_file file(path, UINT64_MAX);
+    const evidence_file file(path);
     std::vector<uint8_t> copy(static_cast<size_t>(file.bytes()));
     bench_pair pair(state);
 
@@ -217,7 +217,7 @@ static void evtx(benchmark::State &state)
             },
             [&] {
                 evidence_log log;
-                evidence_read_evtx(path, file, &evidence_run_records(), &log);
+                evidence_read_evtx(file, &evidence_run_records(), &log);
                 bench_require(log.records > 0 && log.gaps.empty(), "the log is not read whole");
             });
 }

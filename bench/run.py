@@ -4,6 +4,7 @@ import argparse
 import json
 import math
 import os
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -192,11 +193,7 @@ def print_table(results, bytes_of_dll):
 def exponent(points):
     """Returns the exponent of n in the growth of the times: the least-squares slope of the
     logarithms."""
-    logs = [(math.log(n), math.log(t)) for n, t in points]
-    mean_n = sum(n for n, _ in logs) / len(logs)
-    mean_t = sum(t for _, t in logs) / len(logs)
-    return (sum((n - mean_n) * (t - mean_t) for n, t in logs) /
-            sum((n - mean_n) ** 2 for n, _ in logs))
+    return statistics.linear_regression(*([math.log(value) for value in values] for values in zip(*points))).slope
 
 
 def print_growth(results):

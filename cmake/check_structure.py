@@ -22,7 +22,7 @@ MAY_INCLUDE = {
     "devhost/dump_writer": ["devhost/kernel_dump"],
     "devhost/dbgeng": ["devhost/kernel_dump", "devhost/unwind"],
     "devhost/evtx": ["devhost/base"],
-    "devhost/evidence": ["devhost/base", "devhost/evtx", "devhost/kernel_dump"],
+    "devhost/evidence": ["devhost/base", "devhost/evtx", "devhost/kernel_dump", "devhost/unwind"],
     "devhost/calls": ["devhost/base", "platform"],
     "devhost/disk": ["devhost/base", "devhost/calls", "platform"],
     "devhost/machine": ["devhost/base", "devhost/calls", "devhost/dbgeng", "devhost/disk",

@@ -14,17 +14,11 @@ OPTIONS = {"events": "--events", "time_zone": "--time-zone", "products_file": "-
 LISTS = {"dumps": "--dump", "registries": "--registry"}
 
 
-class Index:
-    """Texts by number, in the order in which they were first needed."""
+class Index(dict):
+    """Texts and their numbers, in the order in which they were first needed."""
 
-    def __init__(self):
-        self.numbers = {}
-
-    def __call__(self, text):
-        return self.numbers.setdefault(text, len(self.numbers))
-
-    def texts(self):
-        return list(self.numbers)
+    def __missing__(self, text):
+        return self.setdefault(text, len(self))
 
 
 def kind_of(doubt):
@@ -43,17 +37,17 @@ def data_of(base):
     """What the page shows. A case is a row: name, state, answer, blamed modules, doubts, milliseconds,
     and a text when it failed or differs from the truth; numbers are places in the lists of texts."""
     answers, modules, doubts = Index(), Index(), Index()
-    blamed = by_case(base, "SELECT DISTINCT case_id, blamed FROM boots WHERE blamed NOT NULL", modules)
-    doubted = by_case(base, "SELECT case_id, doubt FROM doubts", lambda doubt: doubts(kind_of(doubt)))
+    blamed = by_case(base, "SELECT DISTINCT case_id, blamed FROM boots WHERE blamed NOT NULL", modules.__getitem__)
+    doubted = by_case(base, "SELECT case_id, doubt FROM doubts", lambda doubt: doubts[kind_of(doubt)])
     cases = []
     for number, name, state, answer, seconds, error, different in base.execute(
             "SELECT id, name, state, answer, seconds, error, differences FROM cases ORDER BY id"):
-        row = [name, STATES.index(state), -1 if answer is None else answers(answer),
+        row = [name, STATES.index(state), -1 if answer is None else answers[answer],
                sorted(blamed.get(number, ())), sorted(doubted.get(number, ())), round(1000 * (seconds or 0))]
         if error or different:
             row.append(error or "differs from the truth: " + "; ".join(json.loads(different)))
         cases.append(row)
-    return {"states": STATES, "answers": answers.texts(), "modules": modules.texts(), "doubts": doubts.texts(),
+    return {"states": STATES, "answers": list(answers), "modules": list(modules), "doubts": list(doubts),
             "cases": cases, "run": dict(base.execute("SELECT name, value FROM run"))}
 
 

@@ -12,7 +12,6 @@
 #include "../platform/liboxnibase/host.h"
 #include "commands/command_line.h"
 #include "commands/commands.h"
-#include "commands/session.h"
 #include "scenario/journal.h"
 #include "synthesis/synthesis.h"
 #include "view/view.h"
@@ -178,14 +177,13 @@ static void add_damage_options(CLI::App &command, replay_arguments &arguments)
         ->excludes(strict);
 }
 
-static void add_product_options(CLI::App &command, std::vector<std::string> &products,
-                                std::string &file)
+static void add_product_options(CLI::App &command, replay_options &options)
 {
     command
-        .add_option("--product", products,
+        .add_option("--product", options.products,
                     "NAME:MODULE,MODULE[:COUNT[:STATUS]]: a registered product; can be repeated")
         ->allow_extra_args(false);
-    command.add_option("--products", file,
+    command.add_option("--products", options.products_file,
                        "Products as JSON: {\"NAME\": {\"modules\": [...], \"count\": 3}}");
 }
 
@@ -199,7 +197,7 @@ static void add_evidence_options(CLI::App &command, replay_arguments &arguments)
     command.add_option("--dump", options.dumps, "Crash dump; can be repeated")
         ->allow_extra_args(false);
     command.add_option("--boot", options.boot, "Start of Windows in the log: N or last");
-    add_product_options(command, options.products, options.products_file);
+    add_product_options(command, options);
     command.add_option("--registry", options.registries, "Registry export (.reg); can be repeated")
         ->allow_extra_args(false);
     command.add_option("--time-zone", options.time_zone,
@@ -258,16 +256,18 @@ static void add_serve(CLI::App &app, int *status)
 
 static void add_dump(CLI::App &app, int *status)
 {
-    auto options = std::make_shared<dump_options>();
+    auto arguments = std::make_shared<replay_arguments>();
+    replay_options &options = arguments->options;
     CLI::App *command = app.add_subcommand(
         "dump", "Prints the bug check, stack and drivers of crash dumps; needs no log");
 
-    command->add_option("DUMP", options->sources, "Crash dumps, folders or .zip files")->required();
-    add_product_options(*command, options->products, options->products_file);
-    command->add_flag("--json", options->json, "Prints the result as JSON");
-    add_images_option(*command, options->images);
-    add_plugin_option(*command, options->session.plugin_path);
-    command->callback([options, status] { *status = replay_command_dump(*options); });
+    command->add_option("DUMP", arguments->sources, "Crash dumps, folders or .zip files")
+        ->required();
+    add_product_options(*command, options);
+    command->add_flag("--json", options.json, "Prints the result as JSON");
+    add_images_option(*command, options.images);
+    add_plugin_option(*command, options.session.plugin_path);
+    command->callback([arguments, status] { *status = replay_command_dump(*arguments); });
 }
 
 static void add_redact(CLI::App &app, int *status)

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <cwchar>
 
+#include <algorithm>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 /* Insertion strings of a record, packed one after the other: a log of tens of thousands of records must
  * not take many times its size. */
@@ -52,6 +54,12 @@ class event_strings
     uint16_t count_ = 0;
 };
 
+/* Records of one source with one id, without qualifiers. */
+struct event_kind {
+    const wchar_t *source;
+    uint32_t id;
+};
+
 /* One record of the System log. */
 struct event_record {
     uint32_t number;     /* record number; they give the order */
@@ -60,16 +68,28 @@ struct event_record {
     uint16_t type;       /* EVENTLOG_INFORMATION_TYPE and so on */
     std::wstring source; /* EventSourceName where the provider has one, else its name */
     event_strings strings;
+
+    bool is(const event_kind &kind) const
+    {
+        return (id & 0xffff) == kind.id && source == kind.source;
+    }
 };
 
-/* Which records are wanted, by event id (without qualifiers) and source. */
-class event_filter
-{
-  public:
-    virtual ~event_filter() = default;
+/* Which records are wanted. */
+struct event_filter {
+    std::vector<event_kind> kinds;
+
     /* Asked first, since most records end here. */
-    virtual bool wants_id(uint32_t id) const = 0;
-    virtual bool wants(uint32_t id, const std::wstring &source) const = 0;
+    bool wants_id(uint32_t id) const
+    {
+        return std::any_of(kinds.begin(), kinds.end(),
+                           [id](const event_kind &kind) { return kind.id == (id & 0xffff); });
+    }
+    bool wants(const event_record &event) const
+    {
+        return std::any_of(kinds.begin(), kinds.end(),
+                           [&event](const event_kind &kind) { return event.is(kind); });
+    }
 };
 
 #endif

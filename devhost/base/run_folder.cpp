@@ -6,6 +6,7 @@
 #include <mutex>
 #include <set>
 
+#include "file.h"
 #include "text.h"
 
 /* Folders that are not kept. */
@@ -30,36 +31,9 @@ static std::string make_run_folder(const std::string &keep, const std::string &p
     if (folder.empty())
         folder = (place.empty() ? usual_place() : place) +
                  text_format("\\oxni_devhost-%08lu-%010lu", GetCurrentProcessId(), GetTickCount());
+    folder_make(folder);
     GetFullPathNameW(text_wide(folder).c_str(), ARRAYSIZE(full), full, nullptr);
-    if (!CreateDirectoryW(full, nullptr)) {
-        const DWORD error = GetLastError();
-
-        throw devhost_error(EXIT_BAD_CALL,
-                            "cannot make the folder '" + folder + "': " + text_error(error));
-    }
     return text_narrow(full);
-}
-
-static void empty_folder(const std::wstring &folder)
-{
-    WIN32_FIND_DATAW entry;
-    HANDLE find = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-
-    if (find == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        std::wstring name = entry.cFileName, path = folder + L"\\" + name;
-
-        if (name == L"." || name == L"..")
-            continue;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            empty_folder(path);
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-            RemoveDirectoryW(path.c_str());
-        else
-            DeleteFileW(path.c_str());
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
 }
 
 run_folder::run_folder(const std::string &keep, const std::string &place)
@@ -85,7 +59,7 @@ run_folder::~run_folder()
 
 void run_folder::empty() const
 {
-    empty_folder(text_wide(path));
+    folder_empty(path);
 }
 
 void run_folder_remove_all(void)
@@ -93,7 +67,7 @@ void run_folder_remove_all(void)
     const std::lock_guard<std::mutex> lock(s_lock);
 
     for (const std::string &path : s_temporary) {
-        empty_folder(text_wide(path));
+        folder_empty(path);
         RemoveDirectoryW(text_wide(path).c_str());
     }
 }

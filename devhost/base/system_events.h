@@ -5,6 +5,9 @@
 #ifndef DEVHOST_SYSTEM_EVENTS_H
 #define DEVHOST_SYSTEM_EVENTS_H
 
+#include "event_record.h"
+#include "text.h"
+
 /* The low 16 bits of an EventID. */
 enum system_event {
     EVENT_CLOCK_CHANGE = 1,
@@ -35,5 +38,20 @@ static constexpr wchar_t SOURCE_WINLOGON[] = L"Microsoft-Windows-Winlogon";
 static constexpr wchar_t SOURCE_BUG_CHECK[] = L"BugCheck";
 static constexpr wchar_t SOURCE_EVENT_LOG[] = L"EventLog";
 static constexpr wchar_t SOURCE_SERVICES[] = L"Service Control Manager";
+
+static constexpr event_kind RECORD_CLOCK_CHANGE = {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE};
+static constexpr event_kind RECORD_START = {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START};
+static constexpr event_kind RECORD_SHUTDOWN = {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN};
+static constexpr event_kind RECORD_TIME_ZONE = {SOURCE_KERNEL_GENERAL, EVENT_TIME_ZONE};
+static constexpr event_kind RECORD_UNEXPECTED = {SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN};
+static constexpr event_kind RECORD_BUG_CHECK = {SOURCE_BUG_CHECK, EVENT_BUG_CHECK};
+static constexpr event_kind RECORD_LOGON = {SOURCE_WINLOGON, EVENT_LOGON};
+
+/* A new record, which has no number yet. id: with its qualifiers. */
+inline event_record event_at(uint64_t time_100ns, const wchar_t *source, uint32_t id, uint16_t type,
+                             event_strings strings)
+{
+    return {0, static_cast<uint32_t>(time_unix(time_100ns)), id, type, source, std::move(strings)};
+}
 
 #endif

@@ -26,6 +26,16 @@ std::string text_lower(const std::string &ascii);
 /* text with every occurrence of one part replaced. */
 std::string text_replace(std::string text, const std::string &from, const std::string &to);
 
+/* The bytes of a number or a structure, and of UTF-16 without its NUL. */
+template <typename T> std::string text_bytes(const T &value)
+{
+    return std::string(reinterpret_cast<const char *>(&value), sizeof(value));
+}
+inline std::string text_bytes(const std::wstring &text)
+{
+    return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
+}
+
 /* Bytes as hexadecimal digits, "00ff", and back; half a pair at the end is left out. */
 std::string text_hex(const std::string &bytes);
 std::string text_of_hex(const std::string &hex);

@@ -55,6 +55,39 @@ void json_member(Writer &writer, const char *name, const Value &value)
     json_put(writer, value);
 }
 
+/* Several members: name, value, name, value and so on. */
+template <class Writer> void json_members(Writer &)
+{
+}
+
+template <class Writer, class Value, class... More>
+void json_members(Writer &writer, const char *name, const Value &value, const More &...more)
+{
+    json_member(writer, name, value);
+    json_members(writer, more...);
+}
+
+/* An object that ends with its scope. name: of the member; NULL: it is no member. */
+template <class Writer> class json_scope
+{
+  public:
+    explicit json_scope(Writer &writer, const char *name = nullptr) : writer_(writer)
+    {
+        if (name != nullptr)
+            writer.Key(name);
+        writer.StartObject();
+    }
+    ~json_scope()
+    {
+        writer_.EndObject();
+    }
+    json_scope(const json_scope &) = delete;
+    json_scope &operator=(const json_scope &) = delete;
+
+  private:
+    Writer &writer_;
+};
+
 /* An empty text becomes null. */
 template <class Writer>
 void json_member_or_null(Writer &writer, const char *name, const std::string &text)
@@ -87,20 +120,29 @@ void json_list(Writer &writer, const char *name, const Values &values, Put put)
     writer.EndArray();
 }
 
-/* An object of products, which have a name, modules, a count and a status. */
-template <typename Writer, typename Products>
-void json_products(Writer &writer, const Products &products)
+/* An array of objects; put writes the members of one. */
+template <class Writer, class Values, class Put>
+void json_objects(Writer &writer, const char *name, const Values &values, Put put)
 {
-    writer.StartObject();
+    json_list(writer, name, values, [&](const auto &value) {
+        const json_scope object(writer);
+
+        put(value);
+    });
+}
+
+/* An object of products by their names. name: as of json_scope. */
+template <typename Writer, typename Products>
+void json_products(Writer &writer, const char *name, const Products &products)
+{
+    const json_scope object(writer, name);
+
     for (const auto &product : products) {
-        writer.Key(product.name.c_str());
-        writer.StartObject();
-        json_member(writer, "modules", product.modules);
-        json_member(writer, "count", product.count);
-        json_member(writer, "status", product.status);
-        writer.EndObject();
+        const json_scope one(writer, product.name.c_str());
+
+        json_members(writer, "modules", product.modules, "count", product.count, "status",
+                     product.status);
     }
-    writer.EndObject();
 }
 
 /* The text of a document that write writes. */
@@ -113,6 +155,20 @@ template <class Writer, class Write> std::string json_text(Write write)
         writer.SetIndent(' ', 1);
     write(writer);
     return buffer.GetString();
+}
+
+/* The same of an object; write writes its members. A file ends with a line feed. */
+template <class Writer, class Write> std::string json_object_text(Write write)
+{
+    return json_text<Writer>([&](Writer &writer) {
+        const json_scope object(writer);
+
+        write(writer);
+    });
+}
+template <class Write> std::string json_file_text(Write write)
+{
+    return json_object_text<json_lines>(write) + "\n";
 }
 
 #endif

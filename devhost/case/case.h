@@ -10,14 +10,20 @@
 #include <vector>
 
 #include "../base/file.h"
+#include "../base/json.h"
 #include "../base/run_folder.h"
 #include "../base/text_json.h"
 #include "../evidence/boots.h"
 #include "../evidence/dump_file.h"
 #include "../evidence/log.h"
 #include "../evidence/registry_file.h"
-#include "products_file.h"
-#include "zone.h"
+
+struct replay_product {
+    std::string name;
+    std::vector<std::string> modules;
+    int64_t count;
+    std::string status;
+};
 
 struct replay_options {
     std::string source;                  /* folder or archive with evidence; empty: none */
@@ -37,15 +43,25 @@ struct replay_options {
     struct run_options session;
 };
 
+/* The time zone of the machine that is played. The plug-in prints and compares local times, so the zone of
+ * the computer that plays must not matter. */
+struct replay_zone {
+    TIME_ZONE_INFORMATION rules = {};
+    std::string name = "UTC"; /* "Tokyo Standard Time", "UTC+09:00" */
+    /* Where the zone is from: "--time-zone", a file, a record; empty: it is assumed. */
+    std::string source;
+};
+
 /* Where a dump is placed on the machine, and why there. */
 struct replay_dump {
     evidence_dump dump;
-    bool there;                 /* whether it exists in this boot */
-    bool is_ours;               /* whether it is of the crash that this boot reports */
-    const event_record *record; /* of the boot, that matches its code and parameters; NULL: none */
-    std::string place;          /* path on the machine */
-    uint64_t written_100ns;     /* last write on the machine */
-    std::string why;            /* half a sentence on both */
+    bool there = false;   /* whether it exists in this boot */
+    bool is_ours = false; /* whether it is of the crash that this boot reports */
+    /* Of the boot, that matches its code and parameters; NULL: none. */
+    const event_record *record = nullptr;
+    std::string place = {};     /* path on the machine */
+    uint64_t written_100ns = 0; /* last write on the machine */
+    std::string why = {};       /* half a sentence on both */
 };
 
 /* A file of a folder or archive that is not used. */
@@ -83,6 +99,8 @@ struct replay_evidence {
     const evidence_run *boot;        /* in runs; NULL when none is needed */
     std::vector<std::string> states; /* of the products when all was played, as JSON */
 
+    /* The dump at a path of the machine; NULL: none. */
+    const replay_dump *dump_at(const std::string &place) const;
     /* The run whose end the boot judges; NULL: it is not in the log. */
     const evidence_run *before() const
     {
@@ -127,5 +145,60 @@ std::string images_text(const std::vector<replay_image_use> &uses);
 void images_put(json_lines &writer, const std::vector<replay_image_use> &uses);
 /* Hands the images to the machine, for the next update of its engine. NULL: none. */
 void images_place(const replay_images *images);
+
+/* collect.cpp: evidence in a folder or an archive. */
+
+/* A file that was found. */
+struct collected_file {
+    std::string path;  /* to open */
+    std::string shown; /* for a person: within the folder or the archive */
+};
+
+enum collected_kind {
+    COLLECTED_OTHER,
+    COLLECTED_LOG,
+    COLLECTED_DUMP,
+    COLLECTED_REGISTRY,
+    COLLECTED_JSON, /* records of a log, or a list of products */
+    COLLECTED_HIVE,
+};
+
+/* The files of a folder, by name; of an archive, extracted to *extracted. Files that cannot be
+ * extracted are added to ignored. Throws devhost_error. */
+std::vector<collected_file> collect_files(const std::string &source,
+                                          std::unique_ptr<run_folder> *extracted,
+                                          std::vector<replay_ignored> *ignored);
+/* The kind of a file by its first bytes. */
+enum collected_kind collect_kind(const std::string &path);
+
+/* Reads all evidence of a folder or archive: the log with the newest start of Windows, dumps,
+ * registry exports, products unless there are some. Fills ignored. Throws devhost_error with
+ * EXIT_BAD_EVIDENCE when no log contains a start of Windows. */
+void collect_evidence(const struct replay_options &options, replay_evidence *evidence);
+
+/* products_file.cpp: products, from the command line or a file. */
+
+/* Reads texts of the form NAME:MODULE,MODULE[:COUNT[:STATUS]], then a JSON file, unless its name is
+ * empty: {"NAME": {"modules": [...], "count": 3, "status": "working"}}, also as the member "products"
+ * of a scenario. Throws devhost_error. */
+std::vector<replay_product> products_read(const std::vector<std::string> &texts,
+                                          const std::string &file);
+/* The same of a JSON object; where: what contains it, for errors. */
+std::vector<replay_product> products_of_json(const std::string &where, const json_value &object);
+/* Whether a JSON file looks like a list of products. */
+bool products_is_file(const std::string &file);
+/* Whether it is the truth that "synthesize" wrote. */
+bool products_is_truth(const std::string &file);
+
+/* zone.cpp */
+
+/* The member "time_zone" of a scenario's machine. */
+void zone_put(json_lines &writer, const replay_zone &zone);
+/* The zone of the computer that runs this program: "UTC+09:00 (Tokyo Standard Time)". */
+std::string zone_of_this_computer(void);
+/* The zone of the chosen boot: of the option when it is not empty, else of the registry, else of the last
+ * record 24 of Kernel-General up to the boot's end, else UTC. Throws devhost_error for an option that
+ * is not a zone. */
+replay_zone zone_of(const std::string &option, const replay_evidence &evidence);
 
 #endif

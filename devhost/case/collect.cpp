@@ -1,8 +1,5 @@
 /* Evidence in a folder or an archive. */
-#include "collect.h"
-
-#include <cstring>
-#include <windows.h>
+#include "case.h"
 
 #include <algorithm>
 
@@ -14,13 +11,6 @@
 /* A customer's folder has some tens of files; another one must not be searched for minutes. */
 static constexpr int MOST_LEVELS = 8;
 static constexpr int MOST_FILES = 10000;
-
-bool collect_is_folder(const std::string &path)
-{
-    const DWORD attributes = GetFileAttributesW(text_wide(path).c_str());
-
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
 
 /* "a/b" or "a\b", as the folder is written. */
 static std::string below(const std::string &folder, const std::string &name)
@@ -34,23 +24,16 @@ static std::string below(const std::string &folder, const std::string &name)
 static void add_folder(const std::string &folder, const std::string &shown, int levels,
                        std::vector<collected_file> *files)
 {
-    WIN32_FIND_DATAW entry;
-    const HANDLE find = FindFirstFileW(text_wide(below(folder, "*")).c_str(), &entry);
+    for (const found_file &found : files_find(below(folder, "*"))) {
+        const std::string name_shown = shown.empty() ? found.name : shown + "/" + found.name;
 
-    if (find == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        const std::string name = text_narrow(entry.cFileName);
-        const std::string name_shown = shown.empty() ? name : shown + "/" + name;
-
-        if (name == "." || name == ".." || files->size() >= MOST_FILES)
-            continue;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
-            files->push_back({below(folder, name), name_shown});
-        else if (levels > 0 && (entry.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0)
-            add_folder(below(folder, name), name_shown, levels - 1, files);
-    } while (FindNextFileW(find, &entry));
-    FindClose(find);
+        if (files->size() >= MOST_FILES)
+            return;
+        if (!found.is_folder)
+            files->push_back({below(folder, found.name), name_shown});
+        else if (levels > 0 && !found.is_link)
+            add_folder(below(folder, found.name), name_shown, levels - 1, files);
+    }
 }
 
 static bool may_be_evidence(const std::string &name)
@@ -70,7 +53,7 @@ std::vector<collected_file> collect_files(const std::string &source,
 {
     std::vector<collected_file> files;
 
-    if (collect_is_folder(source)) {
+    if (folder_exists(source)) {
         add_folder(source, "", MOST_LEVELS, &files);
     } else if (zip_is_archive(source)) {
         *extracted = std::make_unique<run_folder>("");
@@ -91,7 +74,7 @@ std::vector<collected_file> collect_files(const std::string &source,
 
 enum collected_kind collect_kind(const std::string &path)
 {
-    const evidence_file file(path, UINT64_MAX);
+    const evidence_file file(path);
     const std::string start(reinterpret_cast<const char *>(file.data()),
                             static_cast<size_t>(std::min<uint64_t>(file.bytes(), 64)));
     static const struct {
@@ -147,16 +130,6 @@ static void take_log(const struct replay_options &options, const collected_file 
     }
 }
 
-static void take_dump(const collected_file &file, replay_evidence *evidence)
-{
-    evidence_dump dump;
-
-    evidence_dump_read(file.path, &dump);
-    dump.shown = file.shown;
-    evidence->dumps.push_back({});
-    evidence->dumps.back().dump = std::move(dump);
-}
-
 static void take_json(const struct replay_options &options, const collected_file &file,
                       replay_evidence *evidence)
 {
@@ -176,7 +149,9 @@ static void take(const struct replay_options &options, const collected_file &fil
     switch (collect_kind(file.path)) {
     case COLLECTED_LOG: take_log(options, file, evidence); break;
     case COLLECTED_JSON: take_json(options, file, evidence); break;
-    case COLLECTED_DUMP: take_dump(file, evidence); break;
+    case COLLECTED_DUMP:
+        evidence->dumps.push_back({evidence_dump_read(file.path, file.shown)});
+        break;
     case COLLECTED_REGISTRY:
         evidence_registry_read(file.path, &evidence->registry);
         evidence->registry_files.push_back(file.shown);

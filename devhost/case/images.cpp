@@ -4,15 +4,14 @@
 #include "../base/text.h"
 #include "../base/text_json.h"
 #include "../machine/modules.h"
-#include "collect.h"
 
 static void add_image(const collected_file &found, replay_images *images)
 {
-    const std::string name = found.shown.substr(found.shown.find_last_of('/') + 1);
+    const std::string name = file_name_of(found.shown);
     kernel_image image;
 
     try {
-        auto file = std::make_unique<evidence_file>(found.path, UINT64_MAX);
+        auto file = std::make_unique<evidence_file>(found.path);
         const char *fault = kernel_image_open(name, file->data(), file->bytes(), &image);
 
         if (fault != nullptr)
@@ -30,7 +29,7 @@ std::shared_ptr<const replay_images> images_read(const std::string &folder)
     std::unique_ptr<run_folder> extracted;
     std::vector<replay_ignored> ignored;
 
-    if (!collect_is_folder(folder))
+    if (!folder_exists(folder))
         evidence_bad(folder, "not a folder, expected one with drivers and kernel files");
     for (const collected_file &file : collect_files(folder, &extracted, &ignored))
         add_image(file, read.get());
@@ -71,12 +70,9 @@ std::string images_text(const std::vector<replay_image_use> &uses)
 
 void images_put(json_lines &writer, const std::vector<replay_image_use> &uses)
 {
-    json_list(writer, "images", uses, [&](const replay_image_use &use) {
-        writer.StartObject();
-        json_member(writer, "file", use.file);
-        json_member(writer, "used", use.why.empty());
+    json_objects(writer, "images", uses, [&](const replay_image_use &use) {
+        json_members(writer, "file", use.file, "used", use.why.empty());
         json_member_or_null(writer, "why", use.why);
-        writer.EndObject();
     });
 }
 

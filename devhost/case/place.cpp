@@ -26,14 +26,9 @@ static std::wstring dump_place(const wchar_t *value, const wchar_t *usual)
     return machine_expand(text_wide(text));
 }
 
-static bool is_small(const evidence_dump &dump)
-{
-    return dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE;
-}
-
 static std::string place_of(const evidence_dump &dump)
 {
-    if (!is_small(dump))
+    if (!dump.is_small())
         return text_narrow(dump_place(L"DumpFile", L"\\MEMORY.DMP"));
     return text_narrow(dump_place(L"MinidumpDir", L"\\Minidump") + L"\\") + dump.file_name;
 }
@@ -91,7 +86,7 @@ static bool has_better(const replay_evidence &evidence, const replay_dump &place
     for (const replay_dump &other : evidence.dumps) {
         const dump_ties ties = ties_of(evidence, other.dump);
 
-        if (&other != &placed && is_small(other.dump) == is_small(placed.dump) &&
+        if (&other != &placed && other.dump.is_small() == placed.dump.is_small() &&
             ties.fit == EVIDENCE_FITS && (ties.named || ties.in_time))
             return true;
     }
@@ -113,7 +108,7 @@ static bool is_of_this_boot(const replay_evidence &evidence, const replay_dump &
     }
     if (ties.fit == EVIDENCE_FITS) {
         *why = text_format("code and parameters are those of record %u", number);
-        if ((ties.named && is_small(placed.dump)) || ties.in_time || !has_better(evidence, placed))
+        if ((ties.named && placed.dump.is_small()) || ties.in_time || !has_better(evidence, placed))
             return true;
         *why += ", and another dump matches better";
         return false;
@@ -192,6 +187,14 @@ static void place_other(const replay_evidence &evidence, replay_dump *placed)
         /* Written by an earlier start, however short the run was. */
         placed->written_100ns = std::min(crashed + 60 * TICKS_PER_SECOND, start - TICKS_PER_SECOND);
     }
+}
+
+const replay_dump *replay_evidence::dump_at(const std::string &place) const
+{
+    for (const replay_dump &placed : dumps)
+        if (placed.there && text_lower(placed.place) == text_lower(place))
+            return &placed;
+    return nullptr;
 }
 
 static void place_dump(const replay_evidence &evidence, replay_dump *placed)

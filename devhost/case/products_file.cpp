@@ -1,7 +1,6 @@
 /* Products, as text or JSON. */
-#include "products_file.h"
+#include "case.h"
 
-#include "../base/file.h"
 #include "../base/text.h"
 #include "../scenario/scenario.h"
 
@@ -106,26 +105,18 @@ static void add_object(const std::string &file, const json_value *object,
         add_product(products, product_of(file, member.name.GetString(), member.value));
 }
 
-static void add_file(const std::string &file, std::vector<replay_product> *products)
-{
-    rapidjson::Document document;
-
-    {
-        const evidence_file checked(file, MOST_BYTES); /* readable, and of a sane size */
-    }
-    scenario_load_json(document, file, EXIT_BAD_CALL);
-    add_object(file, products_of(document), products);
-}
-
 std::vector<replay_product> products_read(const std::vector<std::string> &texts,
                                           const std::string &file)
 {
     std::vector<replay_product> products;
+    rapidjson::Document document;
 
     for (const std::string &text : texts)
         add_product(&products, parse_product(text));
-    if (!file.empty())
-        add_file(file, &products);
+    if (file.empty())
+        return products;
+    scenario_load_evidence(document, file, MOST_BYTES, EXIT_BAD_CALL);
+    add_object(file, products_of(document), &products);
     return products;
 }
 
@@ -141,9 +132,7 @@ std::vector<replay_product> products_of_json(const std::string &where, const jso
 static bool load(rapidjson::Document &document, const std::string &file)
 {
     try {
-        const evidence_file checked(file, MOST_BYTES);
-
-        scenario_load_json(document, file, EXIT_BAD_CALL);
+        scenario_load_evidence(document, file, MOST_BYTES, EXIT_BAD_CALL);
     } catch (const devhost_error &) {
         return false;
     }

@@ -3,7 +3,6 @@
 
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "collect.h"
 
 static const evidence_run *find_boot(const replay_evidence &evidence, const std::string &text)
 {
@@ -28,7 +27,7 @@ void replay_choose(const struct replay_options &options, const evidence_run &boo
                    replay_evidence *evidence)
 {
     evidence->boot = &boot;
-    evidence->zone = zone_of(options.time_zone, evidence->registry, evidence->log, boot);
+    evidence->zone = zone_of(options.time_zone, *evidence);
 }
 
 replay_evidence replay_read(const struct replay_options &options, bool needs_boot)
@@ -46,10 +45,8 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
                           needs_boot ? nullptr : &evidence_run_records());
     }
     evidence.runs = evidence_runs(evidence.log);
-    for (const std::string &path : options.dumps) {
-        evidence.dumps.push_back({});
-        evidence_dump_read(path, &evidence.dumps.back().dump);
-    }
+    for (const std::string &path : options.dumps)
+        evidence.dumps.push_back({evidence_dump_read(path, path)});
     for (const std::string &path : options.registries) {
         evidence_registry_read(path, &evidence.registry);
         evidence.registry_files.push_back(path);
@@ -67,35 +64,24 @@ replay_evidence replay_read(const struct replay_options &options, bool needs_boo
 /* A management side that takes the alarm of each product. */
 static void put_management(json_line &writer, const replay_evidence &evidence)
 {
-    writer.Key("management");
-    writer.StartObject();
+    const json_scope management(writer, "management");
+
     json_member(writer, "link", true);
-    json_list(writer, "devices", evidence.products, [&](const replay_product &product) {
-        writer.StartObject();
-        json_member(writer, "product", product.name);
-        json_member(writer, "device_id", "replay");
-        json_member(writer, "agent_version", "replay");
-        writer.EndObject();
+    json_objects(writer, "devices", evidence.products, [&](const replay_product &product) {
+        json_members(writer, "product", product.name, "device_id", "replay", "agent_version",
+                     "replay");
     });
-    writer.EndObject();
 }
 
 std::string replay_scenario(const replay_evidence &evidence)
 {
-    return json_text<json_line>([&](json_line &writer) {
-        writer.StartObject();
-        writer.Key("products");
-        json_products(writer, evidence.products);
+    return json_object_text<json_line>([&](json_line &writer) {
+        json_products(writer, "products", evidence.products);
         put_management(writer, evidence);
-        writer.Key("boots");
-        writer.StartArray();
-        writer.StartObject();
-        json_member(writer, "at", time_iso(evidence.boot->started_100ns, true));
-        writer.Key("log");
-        writer.Null();
-        writer.EndObject();
-        writer.EndArray();
-        writer.EndObject();
+        json_objects(writer, "boots", std::vector{evidence.boot}, [&](const evidence_run *boot) {
+            json_member(writer, "at", time_iso(boot->started_100ns, true));
+            json_member_or_null(writer, "log", "");
+        });
     });
 }
 
@@ -104,7 +90,7 @@ int64_t replay_clock_change(const event_record &event)
 {
     uint64_t to, from;
 
-    if (!evidence_is_clock_change(event) || !time_parse(text_narrow(event.strings.at(0)), &to) ||
+    if (!event.is(RECORD_CLOCK_CHANGE) || !time_parse(text_narrow(event.strings.at(0)), &to) ||
         !time_parse(text_narrow(event.strings.at(1)), &from))
         return 0;
     return static_cast<int64_t>(to - from);

@@ -1,5 +1,5 @@
 /* Time zones of evidence. */
-#include "zone.h"
+#include "case.h"
 
 #include <cstring>
 
@@ -30,11 +30,6 @@ static replay_zone fixed_zone(LONG bias, const std::string &source)
     return zone;
 }
 
-static bool is_offset(const std::string &text)
-{
-    return !text.empty() && (text[0] == '+' || text[0] == '-');
-}
-
 /* text: "UTC", "+09:00", "-3:30", or a name that this Windows knows, "Tokyo Standard Time". Result:
  * whether it is one. */
 static bool zone_parse(const std::string &text, replay_zone *zone)
@@ -44,7 +39,7 @@ static bool zone_parse(const std::string &text, replay_zone *zone)
         return true;
     if (!machine_time_zone(text_wide(text), &zone->rules))
         return false;
-    zone->name = is_offset(text) ? offset_text(zone->rules.Bias) : text;
+    zone->name = text.find_first_of("+-") == 0 ? offset_text(zone->rules.Bias) : text;
     return true;
 }
 
@@ -59,32 +54,26 @@ static bool has_rules_of(const replay_zone &zone, const std::string &name)
            memcmp(&known.DaylightDate, &zone.rules.DaylightDate, sizeof(SYSTEMTIME)) == 0;
 }
 
-static std::string date_hex(const SYSTEMTIME &date)
-{
-    return text_hex(std::string(reinterpret_cast<const char *>(&date), sizeof(date)));
-}
-
 void zone_put(json_lines &writer, const replay_zone &zone)
 {
     const std::string offset = offset_text(zone.rules.Bias);
 
-    writer.Key("time_zone");
     if (has_rules_of(zone, zone.name)) {
-        json_put(writer, zone.name);
+        json_member(writer, "time_zone", zone.name);
         return;
     }
     if (zone.rules.DaylightDate.wMonth == 0) {
-        json_put(writer, offset == "UTC" ? offset : offset.substr(3));
+        json_member(writer, "time_zone", offset == "UTC" ? offset : offset.substr(3));
         return;
     }
     /* Windows changes the rules of its zones: those of the machine may be older or newer ones. */
-    writer.StartObject();
-    json_member(writer, "bias", static_cast<int64_t>(zone.rules.Bias));
-    json_member(writer, "standard_bias", static_cast<int64_t>(zone.rules.StandardBias));
-    json_member(writer, "daylight_bias", static_cast<int64_t>(zone.rules.DaylightBias));
-    json_member(writer, "standard_start", date_hex(zone.rules.StandardDate));
-    json_member(writer, "daylight_start", date_hex(zone.rules.DaylightDate));
-    writer.EndObject();
+    const json_scope rules(writer, "time_zone");
+
+    json_member(writer, "bias", zone.rules.Bias);
+    json_member(writer, "standard_bias", zone.rules.StandardBias);
+    json_member(writer, "daylight_bias", zone.rules.DaylightBias);
+    json_member(writer, "standard_start", text_hex(text_bytes(zone.rules.StandardDate)));
+    json_member(writer, "daylight_start", text_hex(text_bytes(zone.rules.DaylightDate)));
 }
 
 std::string zone_of_this_computer(void)
@@ -98,30 +87,26 @@ std::string zone_of_this_computer(void)
     return offset_text(bias) + " (" + text_narrow(rules.StandardName) + ")";
 }
 
+/* size: 0 for any. Result: NULL when there is none. */
+static const evidence_value *find_value(const evidence_registry &registry, const wchar_t *name,
+                                        DWORD type, size_t size = 0)
+{
+    for (const evidence_value &one : registry.values)
+        if (_wcsicmp(one.key.c_str(), ZONE_KEY) == 0 && _wcsicmp(one.name.c_str(), name) == 0 &&
+            one.type == type && (size == 0 || one.data.size() == size))
+            return &one;
+    return nullptr;
+}
+
 template <typename Value>
 static bool read_value(const evidence_registry &registry, const wchar_t *name, DWORD type,
                        Value *value)
 {
-    for (const evidence_value &one : registry.values)
-        if (_wcsicmp(one.key.c_str(), ZONE_KEY) == 0 && _wcsicmp(one.name.c_str(), name) == 0 &&
-            one.type == type && one.data.size() == sizeof(*value)) {
-            memcpy(value, one.data.data(), sizeof(*value));
-            return true;
-        }
-    return false;
-}
+    const evidence_value *found = find_value(registry, name, type, sizeof(*value));
 
-static std::string key_name(const evidence_registry &registry)
-{
-    for (const evidence_value &one : registry.values)
-        if (_wcsicmp(one.key.c_str(), ZONE_KEY) == 0 &&
-            _wcsicmp(one.name.c_str(), L"TimeZoneKeyName") == 0 && one.type == REG_SZ) {
-            const std::wstring text(reinterpret_cast<const wchar_t *>(one.data.data()),
-                                    one.data.size() / sizeof(wchar_t));
-
-            return text_narrow(text.substr(0, text.find(L'\0')));
-        }
-    return "";
+    if (found != nullptr)
+        memcpy(value, found->data.data(), sizeof(*value));
+    return found != nullptr;
 }
 
 /* The rules themselves are in the registry, so no table of this Windows is needed. */
@@ -141,21 +126,22 @@ static bool of_registry(const evidence_registry &registry, replay_zone *zone)
     } else {
         rules.StandardDate = rules.DaylightDate = {};
     }
+    const evidence_value *name = find_value(registry, L"TimeZoneKeyName", REG_SZ);
+
+    *zone = fixed_zone(rules.Bias, "the registry export");
     zone->rules = rules;
-    zone->name = key_name(registry);
-    if (zone->name.empty())
-        zone->name = offset_text(rules.Bias);
-    zone->source = "the registry export";
+    if (name != nullptr && !name->text().empty())
+        zone->name = name->text();
     return true;
 }
 
-static bool of_log(const evidence_log &log, const evidence_run &boot, replay_zone *zone)
+static bool of_log(const replay_evidence &evidence, replay_zone *zone)
 {
-    for (size_t i = boot.end; i > 0; i--) {
-        const event_record &event = log.events[i - 1];
+    for (size_t i = evidence.boot->end; i > 0; i--) {
+        const event_record &event = evidence.log.events[i - 1];
         wchar_t *end = nullptr;
 
-        if (!evidence_is_time_zone(event) || event.strings.count() <= BIAS_STRING)
+        if (!event.is(RECORD_TIME_ZONE) || event.strings.count() <= BIAS_STRING)
             continue;
         const std::wstring text = event.strings.at(BIAS_STRING);
         const long bias = wcstol(text.c_str(), &end, 10);
@@ -168,8 +154,7 @@ static bool of_log(const evidence_log &log, const evidence_run &boot, replay_zon
     return false;
 }
 
-replay_zone zone_of(const std::string &option, const evidence_registry &registry,
-                    const evidence_log &log, const evidence_run &boot)
+replay_zone zone_of(const std::string &option, const replay_evidence &evidence)
 {
     replay_zone zone;
 
@@ -180,8 +165,8 @@ replay_zone zone_of(const std::string &option, const evidence_registry &registry
                                                    "such as +09:00, or a name of Windows such as "
                                                    "\"Tokyo Standard Time\"");
         zone.source = "--time-zone";
-    } else if (!of_registry(registry, &zone)) {
-        (void)of_log(log, boot, &zone);
+    } else if (!of_registry(evidence.registry, &zone)) {
+        (void)of_log(evidence, &zone);
     }
     return zone;
 }

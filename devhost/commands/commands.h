@@ -14,6 +14,7 @@ struct replay_arguments {
     bool strict = false;
     bool lenient = false;
     std::string memory = BYPASS_USUAL_MEMORY; /* "plain" or "guard" */
+    std::vector<std::string> sources;         /* of "dump": files, folders, archives */
     std::string folder;                       /* new one, for a redacted scenario */
     std::string log, output;                  /* of "events": input and output; empty: stdout */
     bool evtx = false;                        /* of "events": a log of Windows, not JSON */
@@ -25,15 +26,6 @@ struct replay_arguments {
     }
 };
 
-struct dump_options {
-    std::vector<std::string> sources; /* files, folders, archives */
-    std::vector<std::string> products;
-    std::string products_file;
-    std::string images; /* folder with drivers and kernel files; empty: none */
-    bool json;
-    struct run_options session;
-};
-
 /* A function for each command. Result: enum devhost_exit. Throw devhost_error. Host's one thread. */
 
 int replay_command(struct replay_arguments &arguments);
@@ -42,13 +34,21 @@ int replay_command_redact(struct replay_arguments &arguments);
 int replay_command_events(const struct replay_arguments &arguments);
 /* Prints each dump. With products, also the module that the plug-in blames on a boot after the crash.
  * Result: EXIT_BAD_EVIDENCE when a file that was named is not a readable dump. */
-int replay_command_dump(struct dump_options &options);
+int replay_command_dump(struct replay_arguments &arguments);
 /* Takes a case a line from the standard input and prints its result, until the input ends. */
 int replay_command_serve(struct replay_arguments &arguments);
 /* Prints what differs between two results of --json. Result: 0 nothing, 1 something. */
 int replay_diff(const std::string &old_file, const std::string &new_file);
 /* Prints what this computer offers. */
 int replay_doctor(void);
+
+/* session.cpp: one scenario from its opening to its end: the folder of the run, the boots, the result. */
+
+/* Plays all boots of a file. Result: enum devhost_exit. Throws devhost_error. */
+int session_run(const std::string &file, const struct run_options &options);
+
+/* Lets a person play a file: reads commands from the standard input until "quit" or end of file. */
+int session_console(const std::string &file, const struct run_options &options);
 
 /* Checks and completes the options that name evidence. */
 void commands_prepare(struct replay_arguments &arguments);

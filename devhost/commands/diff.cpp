@@ -32,10 +32,7 @@ static const struct {
 
 static void load_result(const std::string &file, rapidjson::Document *document)
 {
-    {
-        const evidence_file checked(file, MOST_BYTES); /* reports an unreadable file as evidence */
-    }
-    scenario_load_json(*document, file, EXIT_BAD_EVIDENCE);
+    scenario_load_evidence(*document, file, MOST_BYTES, EXIT_BAD_EVIDENCE);
     if (node_text_of(document, "schema", "") != REPLAY_SCHEMA)
         evidence_bad(file, "expected a result of replay --json, \"schema\": \"" REPLAY_SCHEMA "\"");
     if (node_integer_of(document, "version", 0) != 1)

@@ -4,6 +4,9 @@
 #include <cstdio>
 #include <windows.h>
 
+#include <algorithm>
+#include <map>
+
 #include "../base/text.h"
 
 static constexpr wchar_t CRASH_CONTROL_KEY[] = L"SYSTEM\\CurrentControlSet\\Control\\CrashControl";
@@ -13,15 +16,16 @@ static void show(const char *what, const std::string &found)
     printf("%-14s %s\n", what, found.c_str());
 }
 
+template <typename Function> static Function *function_of(const char *name)
+{
+    return reinterpret_cast<Function *>(
+        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), name)));
+}
+
 static void show_windows(void)
 {
-    typedef LONG(WINAPI * version_fn)(OSVERSIONINFOW *);
-    typedef const char *(*wine_fn)(void);
-    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-    const version_fn version = reinterpret_cast<version_fn>(
-        reinterpret_cast<void *>(GetProcAddress(ntdll, "RtlGetVersion")));
-    const wine_fn wine = reinterpret_cast<wine_fn>(
-        reinterpret_cast<void *>(GetProcAddress(ntdll, "wine_get_version")));
+    const auto version = function_of<LONG WINAPI(OSVERSIONINFOW *)>("RtlGetVersion");
+    const auto wine = function_of<const char *(void)>("wine_get_version");
     OSVERSIONINFOW info = {};
 
     info.dwOSVersionInfoSize = sizeof(info);
@@ -73,17 +77,15 @@ static void show_privilege(void)
 {
     TOKEN_PRIVILEGES wanted = {};
     HANDLE token = nullptr;
-    DWORD error = ERROR_SUCCESS;
 
     wanted.PrivilegeCount = 1;
     wanted.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token) ||
-        !LookupPrivilegeValueW(nullptr, L"SeSecurityPrivilege", &wanted.Privileges[0].Luid)) {
-        error = GetLastError();
-    } else {
+    /* The last call succeeds even when it adjusts nothing, so its error counts. */
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token) &&
+        LookupPrivilegeValueW(nullptr, L"SeSecurityPrivilege", &wanted.Privileges[0].Luid))
         (void)AdjustTokenPrivileges(token, FALSE, &wanted, 0, nullptr, nullptr);
-        error = GetLastError(); /* the call succeeds even when it adjusts nothing */
-    }
+    const DWORD error = GetLastError();
+
     if (token != nullptr)
         CloseHandle(token);
     show("privilege", error == ERROR_SUCCESS
@@ -124,52 +126,36 @@ static std::wstring expanded(const wchar_t *value, const wchar_t *usual)
 
 static void show_dump_settings(void)
 {
-    static const struct {
-        DWORD value;
-        const char *name;
-    } kinds[] = {
+    static const std::map<DWORD, const char *> kinds = {
         {0, "none"     },
         {1, "complete" },
         {2, "kernel"   },
         {3, "small"    },
-        {7, "automatic"},
+        {7, "automatic"}
     };
     DWORD enabled = 0, bytes = sizeof(enabled);
     std::string name = "by default";
 
     if (RegGetValueW(HKEY_LOCAL_MACHINE, CRASH_CONTROL_KEY, L"CrashDumpEnabled", RRF_RT_REG_DWORD,
                      nullptr, &enabled, &bytes) == ERROR_SUCCESS) {
-        name = text_format("unknown kind %lu", enabled);
-        for (const auto &kind : kinds)
-            if (kind.value == enabled)
-                name = kind.name;
+        const auto kind = kinds.find(enabled);
+
+        name = kind != kinds.end() ? kind->second : text_format("unknown kind %lu", enabled);
     }
     show("dumps", name);
 }
 
 static void show_file(const char *what, const std::wstring &pattern)
 {
-    WIN32_FIND_DATAW entry, newest = {};
-    const HANDLE find = FindFirstFileW(pattern.c_str(), &entry);
+    uint64_t newest = 0;
     unsigned count = 0;
 
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-                continue;
-            if (count++ == 0 ||
-                CompareFileTime(&entry.ftLastWriteTime, &newest.ftLastWriteTime) > 0)
-                newest = entry;
-        } while (FindNextFileW(find, &entry));
-        FindClose(find);
+    for (const found_file &found : files_find(text_narrow(pattern))) {
+        count += !found.is_folder;
+        newest = found.is_folder ? newest : std::max(newest, found.written_100ns);
     }
-    std::string text = text_narrow(pattern) + ", " + text_count(count, "file");
-
-    if (count > 0)
-        text += ", the newest written " +
-                time_iso(static_cast<uint64_t>(newest.ftLastWriteTime.dwHighDateTime) << 32 |
-                         newest.ftLastWriteTime.dwLowDateTime);
-    show(what, text);
+    show(what, text_narrow(pattern) + ", " + text_count(count, "file") +
+                   (count > 0 ? ", the newest written " + time_iso(newest) : ""));
 }
 
 int replay_doctor(void)

@@ -10,7 +10,6 @@
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "../base/text_json.h"
-#include "../case/collect.h"
 #include "../evidence/zip.h"
 #include "../kernel_dump/bug_check.h"
 #include "../replay/replay.h"
@@ -45,14 +44,10 @@ static uint64_t fault_address(const kernel_dump &facts)
 
 static shown_dump read_dump(const collected_file &from, const replay_images *images)
 {
-    const evidence_file file(from.path, UINT64_MAX);
     shown_dump dump = {};
-    std::string reason;
 
-    evidence_dump_read(from.path, &dump.file);
-    dump.file.shown = from.shown;
-    if (kernel_dump_read(file.data(), file.bytes(), &dump.facts, &reason) != KERNEL_DUMP_OK)
-        evidence_bad(from.path, reason);
+    dump.file = evidence_dump_read(from.path, from.shown);
+    dump.facts = evidence_dump_facts(from.path);
     dump.with_images = images != nullptr;
     if (images != nullptr)
         images_add_uses(*images, dump.facts, &dump.images);
@@ -66,49 +61,29 @@ static shown_dump read_dump(const collected_file &from, const replay_images *ima
     return dump;
 }
 
-static event_record record_of(uint32_t number, uint64_t time_100ns, const wchar_t *source,
-                              uint32_t id, std::initializer_list<std::string> strings)
-{
-    event_record record = {};
-
-    record.number = number;
-    record.time = static_cast<uint32_t>(time_unix(time_100ns));
-    record.id = id;
-    record.type = EVENTLOG_INFORMATION_TYPE;
-    record.source = source;
-    for (const std::string &text : strings)
-        record.strings.add(text_wide(text));
-    return record;
-}
-
-static std::string bug_check_text(const kernel_dump &facts)
-{
-    const uint64_t *p = facts.parameters;
-
-    return text_format("0x%08x (0x%016llx, 0x%016llx, 0x%016llx, 0x%016llx)",
-                       facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG, p[0], p[1], p[2], p[3]);
-}
-
 /* The records of a boot that follows the crash. */
 static void generate_log(const shown_dump &dump, evidence_log *log)
 {
     const uint64_t start =
         (dump.facts.crash_time_100ns / TICKS_PER_SECOND + REBOOT_SECONDS) * TICKS_PER_SECOND;
-    const auto at = [start](unsigned seconds) { return start + seconds * TICKS_PER_SECOND; };
-
-    log->events = {
-        record_of(1, start, SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START,
-                  {"10", "0", "0", "0", "0", "0", time_iso(start, true)}),
-        record_of(2, at(3), SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN,
-                  {std::to_string(dump.facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG)}),
-        record_of(3, at(20), SOURCE_WINLOGON, EVENT_LOGON, {"1"}),
-        record_of(4, at(25), SOURCE_BUG_CHECK, BUG_CHECK_EVENT_ID,
-                  {bug_check_text(dump.facts), ""}),
+    const uint32_t code = dump.facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG;
+    const auto add = [&](unsigned seconds, const wchar_t *source, uint32_t id,
+                         event_strings strings) {
+        log->events.push_back(event_at(start + seconds * TICKS_PER_SECOND, source, id,
+                                       EVENTLOG_INFORMATION_TYPE, std::move(strings)));
+        log->events.back().number = static_cast<uint32_t>(log->events.size());
     };
+
+    add(0, SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START,
+        {L"10", L"0", L"0", L"0", L"0", L"0", text_wide(time_iso(start, true))});
+    add(3, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN, {std::to_wstring(code)});
+    add(20, SOURCE_WINLOGON, EVENT_LOGON, {L"1"});
+    add(25, SOURCE_BUG_CHECK, BUG_CHECK_EVENT_ID,
+        {text_wide(bug_check_text(code, dump.facts.parameters)), L""});
 }
 
 /* Plays a boot after the crash. */
-static void judge(const struct dump_options &options, const std::vector<replay_product> &products,
+static void judge(const replay_options &options, const std::vector<replay_product> &products,
                   const std::shared_ptr<const replay_images> &images, shown_dump *dump)
 {
     replay_evidence evidence = {};
@@ -117,8 +92,7 @@ static void judge(const struct dump_options &options, const std::vector<replay_p
     evidence.events_file = "generated log";
     evidence.products = products;
     evidence.images = images;
-    evidence.dumps.push_back({});
-    evidence.dumps.back().dump = dump->file;
+    evidence.dumps.push_back({dump->file});
     evidence.runs = evidence_runs(evidence.log);
     evidence.boot = &evidence.runs.front();
     const replay_story story = replay_play(&evidence, options.session);
@@ -203,45 +177,27 @@ static void put_bug_check(json_lines &writer, const kernel_dump &facts)
     json_member(writer, "bug_check",
                 text_format("0x%x", facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG));
     json_member_or_null(writer, "bug_check_name", bug_check_name(facts.bug_check));
-    writer.Key("parameters");
-    writer.StartArray();
-    for (size_t i = 0; i < 4; i++) {
-        writer.StartObject();
-        json_member(writer, "value", text_format("0x%llx", facts.parameters[i]));
-        json_member_or_null(writer, "meaning",
-                            row != nullptr && row->parameters[i] != nullptr ? row->parameters[i]
-                                                                            : "");
-        writer.EndObject();
-    }
-    writer.EndArray();
-}
+    size_t i = 0;
 
-static void put_driver(json_lines &writer, const kernel_dump_module &module)
-{
-    writer.StartObject();
-    json_member(writer, "name", module.name);
-    json_member(writer, "base", text_format("0x%llx", module.base));
-    json_member(writer, "bytes", module.bytes);
-    json_member_or_null(writer, "time_stamp",
-                        module.time_stamp != 0 ? text_format("0x%08x", module.time_stamp) : "");
-    writer.EndObject();
+    json_objects(writer, "parameters", facts.parameters, [&](uint64_t parameter) {
+        const char *meaning = row != nullptr ? row->parameters[i++] : nullptr;
+
+        json_member(writer, "value", text_format("0x%llx", parameter));
+        json_member_or_null(writer, "meaning", meaning != nullptr ? meaning : "");
+    });
 }
 
 static void put_dump(json_lines &writer, const shown_dump &dump)
 {
-    writer.StartObject();
-    json_member(writer, "file", dump.file.shown);
-    json_member(writer, "kind", evidence_dump_kind(dump.file));
-    json_member(writer, "bytes", dump.file.bytes);
-    json_member(writer, "gaps", dump.facts.gaps);
+    json_members(writer, "file", dump.file.shown, "kind", evidence_dump_kind(dump.file), "bytes",
+                 dump.file.bytes, "gaps", dump.facts.gaps);
     put_bug_check(writer, dump.facts);
-    json_member(writer, "crashed", time_iso(dump.facts.crash_time_100ns, true));
-    json_member(writer, "uptime_ms", dump.facts.uptime_100ns / TICKS_PER_MS);
-    json_member(writer, "build", dump.facts.build);
-    json_member(writer, "processors", dump.facts.processors);
+    json_members(writer, "crashed", time_iso(dump.facts.crash_time_100ns, true), "uptime_ms",
+                 dump.facts.uptime_100ns / TICKS_PER_MS, "build", dump.facts.build, "processors",
+                 dump.facts.processors);
     json_member_or_null(writer, "faulting_module", dump.module);
-    json_member(writer, "faulting_address", text_format("0x%llx", dump.address));
-    json_member(writer, "faulting_site", dump.site);
+    json_members(writer, "faulting_address", text_format("0x%llx", dump.address), "faulting_site",
+                 dump.site);
     json_list(writer, "stack", dump.frames, [&](const kernel_dump_frame &frame) {
         json_put(writer, kernel_dump_call_site(dump.facts, frame.instruction));
     });
@@ -251,14 +207,17 @@ static void put_dump(json_lines &writer, const shown_dump &dump)
         });
         images_put(writer, dump.images);
     }
-    json_list(writer, "drivers", dump.facts.modules,
-              [&](const kernel_dump_module &module) { put_driver(writer, module); });
+    json_objects(writer, "drivers", dump.facts.modules, [&](const kernel_dump_module &module) {
+        json_members(writer, "name", module.name, "base", text_format("0x%llx", module.base),
+                     "bytes", module.bytes);
+        json_member_or_null(writer, "time_stamp",
+                            module.time_stamp != 0 ? text_format("0x%08x", module.time_stamp) : "");
+    });
     if (dump.judged) {
-        json_member(writer, "answer", replay_answer_name(dump.answer.kind));
-        json_member(writer, "sentence", dump.answer.sentence);
+        json_members(writer, "answer", replay_answer_name(dump.answer.kind), "sentence",
+                     dump.answer.sentence);
         json_member_or_null(writer, "blamed", dump.blamed);
     }
-    writer.EndObject();
 }
 
 /* The dumps of a file, folder or archive; other files of the latter two are skipped. */
@@ -268,7 +227,7 @@ static std::vector<collected_file> files_of(const std::string &source,
     std::vector<collected_file> dumps;
     std::vector<replay_ignored> ignored;
 
-    if (!collect_is_folder(source) && !zip_is_archive(source))
+    if (!folder_exists(source) && !zip_is_archive(source))
         return {
             {source, source}
         };
@@ -281,8 +240,7 @@ static std::vector<collected_file> files_of(const std::string &source,
 }
 
 /* Result: whether all could be read. */
-static bool read_source(const struct dump_options &options,
-                        const std::vector<replay_product> &products,
+static bool read_source(const replay_options &options, const std::vector<replay_product> &products,
                         const std::shared_ptr<const replay_images> &images,
                         const std::string &source, std::vector<shown_dump> *dumps)
 {
@@ -306,8 +264,10 @@ static bool read_source(const struct dump_options &options,
     return sound;
 }
 
-int replay_command_dump(struct dump_options &options)
+int replay_command_dump(struct replay_arguments &arguments)
 {
+    replay_options &options = arguments.options;
+
     replay_prepare(&options.session);
     const std::vector<replay_product> products =
         products_read(options.products, options.products_file);
@@ -317,19 +277,15 @@ int replay_command_dump(struct dump_options &options)
     std::string text;
     bool sound = true;
 
-    for (const std::string &source : options.sources)
+    for (const std::string &source : arguments.sources)
         sound = read_source(options, products, images, source, &dumps) && sound;
     terminal_progress_end();
     if (options.json) {
-        text = json_text<json_lines>([&](json_lines &writer) {
-                   writer.StartObject();
-                   json_member(writer, "schema", "bypass_mgr.dumps");
-                   json_member(writer, "version", 1);
-                   json_list(writer, "dumps", dumps,
-                             [&](const shown_dump &dump) { put_dump(writer, dump); });
-                   writer.EndObject();
-               }) +
-               "\n";
+        text = json_file_text([&](json_lines &writer) {
+            json_members(writer, "schema", "bypass_mgr.dumps", "version", 1);
+            json_objects(writer, "dumps", dumps,
+                         [&](const shown_dump &dump) { put_dump(writer, dump); });
+        });
     } else {
         for (const shown_dump &dump : dumps)
             text += (text.empty() ? "" : "\n") + dump_text(dump);

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <algorithm>
+#include <tuple>
 
 #include "../base/file.h"
 #include "../base/system_events.h"
@@ -27,15 +28,14 @@ static constexpr char OTHER_DUMP[] = "dump.dmp";
 /* Records that keep their first strings, and how many: the ones that the plug-in queries, and changes of
  * the clock. The following strings contain programs and accounts. */
 static const struct {
-    const wchar_t *source;
-    uint32_t id;
+    event_kind kind;
     size_t strings;
 } s_kept[] = {
-    {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE,        2},
-    {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START,       7},
-    {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN,      1},
-    {SOURCE_KERNEL_POWER,   EVENT_UNEXPECTED_SHUTDOWN, 5},
-    {SOURCE_BUG_CHECK,      EVENT_BUG_CHECK,           2},
+    {RECORD_CLOCK_CHANGE, 2},
+    {RECORD_START,        7},
+    {RECORD_SHUTDOWN,     1},
+    {RECORD_UNEXPECTED,   5},
+    {RECORD_BUG_CHECK,    2},
 };
 
 /* Keys that the plug-in reads, and their values that are kept: the ones that it reads, and the ones that
@@ -128,7 +128,7 @@ static event_record redacted(const event_record &event)
     out.strings = {};
     out.source = text_wide(without_names(text_narrow(event.source)));
     for (const auto &kept : s_kept)
-        if ((event.id & 0xffff) == kept.id && event.source == kept.source)
+        if (event.is(kept.kind))
             for (size_t i = 0; i < event.strings.count() && i < kept.strings; i++) {
                 const std::string text = text_narrow(event.strings.at(i));
 
@@ -142,21 +142,14 @@ static event_record redacted(const event_record &event)
 static void put_dump(json_lines &writer, const replay_dump &placed,
                      const std::vector<kernel_image> &images, const std::string &place)
 {
-    const evidence_file file(placed.dump.path, UINT64_MAX);
-    struct kernel_dump facts;
-    std::string reason;
+    const kernel_dump facts = evidence_dump_facts(placed.dump.path);
+    const std::string written = time_iso(placed.written_100ns, true);
+    const json_scope file(writer);
     std::vector<std::string> frames;
 
-    if (kernel_dump_read(file.data(), file.bytes(), &facts, &reason) != KERNEL_DUMP_OK)
-        evidence_bad(placed.dump.path, reason);
     for (const kernel_dump_frame &frame : kernel_dump_walk(facts, STACK_FRAMES, images))
         frames.push_back(kernel_dump_call_site(facts, frame.instruction));
-    writer.StartObject();
-    json_member(writer, "path", place);
-    json_member(writer, "written", time_iso(placed.written_100ns, true));
-    json_member(writer, "created", time_iso(placed.written_100ns, true));
-    json_member(writer, "frames", frames);
-    writer.EndObject();
+    json_members(writer, "path", place, "written", written, "created", written, "frames", frames);
 }
 
 static void put_dumps(json_lines &writer, const replay_evidence &evidence)
@@ -168,52 +161,39 @@ static void put_dumps(json_lines &writer, const replay_evidence &evidence)
     writer.StartArray();
     for (const replay_dump &placed : evidence.dumps) {
         const std::string name = text_format("dump%u.dmp", static_cast<unsigned>(++number));
-        const bool small = placed.dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE;
 
         /* The setting names the file of a complete dump, and the folder of small ones. */
         if (placed.there)
             put_dump(writer, placed, evidence.images != nullptr ? evidence.images->images : none,
-                     redacted_file(placed.place, small ? name : OTHER_DUMP));
+                     redacted_file(placed.place, placed.dump.is_small() ? name : OTHER_DUMP));
     }
     writer.EndArray();
 }
 
-static void put_number(json_lines &writer, const char *type, uint64_t number)
-{
-    json_member(writer, "type", type);
-    json_member(writer, "data", number);
-}
-
 static std::string redacted_text(const evidence_value &value)
 {
-    const std::wstring whole(reinterpret_cast<const wchar_t *>(value.data.data()),
-                             value.data.size() / sizeof(wchar_t));
-    const std::string text = text_narrow(whole.substr(0, whole.find(L'\0')));
-
-    return text_lower(value.name) == L"dumpfile" ? redacted_file(text, OTHER_DUMP)
-                                                 : without_names(text);
+    return text_lower(value.name) == L"dumpfile" ? redacted_file(value.text(), OTHER_DUMP)
+                                                 : without_names(value.text());
 }
 
 static void put_value(json_lines &writer, const evidence_value &value)
 {
+    const json_scope object(writer);
     uint64_t number = 0;
 
-    writer.StartObject();
-    json_member(writer, "key", text_narrow(value.key));
-    json_member(writer, "name", text_narrow(value.name));
+    json_members(writer, "key", text_narrow(value.key), "name", text_narrow(value.name));
     if (value.type == REG_SZ || value.type == REG_EXPAND_SZ) {
-        json_member(writer, "type", value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ");
-        json_member(writer, "data", redacted_text(value));
+        json_members(writer, "type", value.type == REG_SZ ? "REG_SZ" : "REG_EXPAND_SZ", "data",
+                     redacted_text(value));
     } else if ((value.type == REG_DWORD && value.data.size() == sizeof(uint32_t)) ||
                (value.type == REG_QWORD && value.data.size() == sizeof(uint64_t))) {
         memcpy(&number, value.data.data(), value.data.size());
-        put_number(writer, value.type == REG_DWORD ? "REG_DWORD" : "REG_QWORD", number);
+        json_members(writer, "type", value.type == REG_DWORD ? "REG_DWORD" : "REG_QWORD", "data",
+                     number);
     } else {
         /* Bytes may contain anything; the plug-in reads none. */
-        json_member(writer, "type", "REG_BINARY");
-        json_member(writer, "data", "");
+        json_members(writer, "type", "REG_BINARY", "data", "");
     }
-    writer.EndObject();
 }
 
 template <size_t size>
@@ -232,17 +212,6 @@ static void put_registry(json_lines &writer, const evidence_registry &registry)
     writer.EndArray();
 }
 
-/* The record of a step, without the members that the clock and the log give. */
-static void put_event(json_lines &writer, const event_record &event)
-{
-    evidence_log one;
-
-    one.events.push_back(event);
-    const std::string records = evidence_log_json(one, 0, UINT64_MAX);
-
-    json_member_as_is(writer, "event", records.substr(2, records.size() - 5)); /* no brackets */
-}
-
 /* The boot's records as steps, each at its time. */
 static void put_steps(json_lines &writer, const replay_evidence &evidence, uint64_t until_ms)
 {
@@ -255,15 +224,16 @@ static void put_steps(json_lines &writer, const replay_evidence &evidence, uint6
 
         start += static_cast<uint64_t>(moment.clock_change_100ns);
         if (moment.clock_change_100ns != 0) {
-            writer.StartObject();
-            json_member(writer, "at", at);
-            json_member(writer, "clock", time_iso(start + moment.ms * TICKS_PER_MS, true));
-            writer.EndObject();
+            const json_scope step(writer);
+
+            json_members(writer, "at", at, "clock",
+                         time_iso(start + moment.ms * TICKS_PER_MS, true));
         }
-        writer.StartObject();
+        const json_scope step(writer);
+
         json_member(writer, "at", at);
-        put_event(writer, redacted(evidence.log.events[moment.index]));
-        writer.EndObject();
+        json_member_as_is(writer, "event",
+                          evidence_record_json(redacted(evidence.log.events[moment.index])));
     }
     writer.EndArray();
 }
@@ -273,13 +243,19 @@ static void put_boot(json_lines &writer, const replay_evidence &evidence)
     /* The registry may ask for more polls than usual. */
     const uint64_t until = std::max(USUAL_MS, journal_all().back().ms / 1000 * 1000 + AFTER_MS);
 
-    writer.StartObject();
-    json_member(writer, "at", time_iso(evidence.boot->started_100ns, true));
-    json_member(writer, "until", until / 1000);
-    writer.Key("log");
-    writer.Null();
+    json_members(writer, "at", time_iso(evidence.boot->started_100ns, true), "until", until / 1000);
+    json_member_or_null(writer, "log", "");
     put_steps(writer, evidence, until);
-    writer.EndObject();
+}
+
+static void put_machine(json_lines &writer, const replay_evidence &evidence)
+{
+    const json_scope machine(writer, "machine");
+
+    zone_put(writer, evidence.zone);
+    put_registry(writer, evidence.registry);
+    put_dumps(writer, evidence);
+    json_member(writer, "events_from", "events.json");
 }
 
 /* The scenario of the boot with the rest of the machine. */
@@ -288,27 +264,16 @@ static std::string scenario_json(const replay_evidence &evidence)
     rapidjson::Document base;
 
     base.Parse(replay_scenario(evidence).c_str());
-    return json_text<json_lines>([&](json_lines &writer) {
-               writer.StartObject();
-               json_member(writer, "name",
-                           text_format("Evidence of a machine, boot %u of its log",
-                                       static_cast<unsigned>(evidence.boot->number)));
-               json_member_as_is(writer, "products", node_to_text(base["products"]));
-               json_member_as_is(writer, "management", node_to_text(base["management"]));
-               writer.Key("machine");
-               writer.StartObject();
-               zone_put(writer, evidence.zone);
-               put_registry(writer, evidence.registry);
-               put_dumps(writer, evidence);
-               json_member(writer, "events_from", "events.json");
-               writer.EndObject();
-               writer.Key("boots");
-               writer.StartArray();
-               put_boot(writer, evidence);
-               writer.EndArray();
-               writer.EndObject();
-           }) +
-           "\n";
+    return json_file_text([&](json_lines &writer) {
+        json_member(writer, "name",
+                    text_format("Evidence of a machine, boot %u of its log",
+                                static_cast<unsigned>(evidence.boot->number)));
+        json_member_as_is(writer, "products", node_to_text(base["products"]));
+        json_member_as_is(writer, "management", node_to_text(base["management"]));
+        put_machine(writer, evidence);
+        json_objects(writer, "boots", std::vector{evidence.boot},
+                     [&](const evidence_run *) { put_boot(writer, evidence); });
+    });
 }
 
 static std::string below(const std::string &folder, const std::string &name)
@@ -322,12 +287,7 @@ static void write_scenario(const std::string &folder, const std::string &scenari
 {
     const std::string events_file = below(folder, "events.json");
 
-    if (!CreateDirectoryW(text_wide(folder).c_str(), nullptr)) {
-        const DWORD error = GetLastError();
-
-        throw devhost_error(EXIT_BAD_CALL,
-                            "cannot make the folder '" + folder + "': " + text_error(error));
-    }
+    folder_make(folder);
     try {
         evidence_write(events_file, events);
         evidence_write(below(folder, "scenario.json"), scenario);
@@ -338,12 +298,8 @@ static void write_scenario(const std::string &folder, const std::string &scenari
     }
 }
 
-/* What the plug-in decides on a boot that was played. */
-struct decision {
-    enum replay_verdict verdict;
-    std::string blamed;
-    std::vector<std::string> orders;
-};
+/* What the plug-in decides on a boot that was played: verdict, blamed module, orders. */
+typedef std::tuple<enum replay_verdict, std::string, std::vector<std::string>> decision;
 
 static decision decision_of(const replay_story &story)
 {
@@ -352,9 +308,10 @@ static decision decision_of(const replay_story &story)
 
 static std::string decision_text(const decision &decided)
 {
-    return std::string(explain_verdict_name(decided.verdict)) + ", blames " +
-           (decided.blamed.empty() ? "no module" : decided.blamed) + ", " +
-           text_count(decided.orders.size(), "order");
+    const auto &[verdict, blamed, orders] = decided;
+
+    return std::string(explain_verdict_name(verdict)) + ", blames " +
+           (blamed.empty() ? "no module" : blamed) + ", " + text_count(orders.size(), "order");
 }
 
 /* The decision on the redacted boot. */
@@ -397,8 +354,7 @@ int replay_command_redact(struct replay_arguments &arguments)
 
     write_scenario(folder, scenario, events);
     const decision redacted = play_redacted(file, arguments.options.session);
-    const bool same = original.verdict == redacted.verdict && original.blamed == redacted.blamed &&
-                      original.orders == redacted.orders;
+    const bool same = original == redacted;
 
     terminal_write(
         folder + ": " + text_count(evidence.log.events.size(), "record") + ", " +

@@ -130,15 +130,13 @@ static std::string serve_line(const std::string &line, const replay_options &sha
     }
     const json_value *id = document.HasParseError() ? nullptr : node_member(&document, "id");
 
-    return json_text<json_line>([&](json_line &writer) {
-        writer.StartObject();
+    return json_object_text<json_line>([&](json_line &writer) {
         json_member_as_is(writer, "id", id != nullptr ? node_to_text(*id) : "");
         json_member(writer, "status", status);
         if (status != EXIT_ALL_HOLD)
             json_member(writer, "error", error);
         else
             json_member_as_is(writer, "result", result);
-        writer.EndObject();
     });
 }
 

@@ -1,5 +1,5 @@
 /* Sessions: a scenario that is played to its end, or by a person at the console. */
-#include "session.h"
+#include "commands.h"
 
 #include <cstdio>
 #include <cstring>
@@ -15,21 +15,14 @@
 #include "../play/agent_process.h"
 #include "../play/load.h"
 #include "../play/play.h"
-#include "../replay/explain.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
-#include "../view/page.h"
 #include "../view/view.h"
 
 static constexpr char CONSOLE_NAMESPACE[] = "oxni";
 /* Of a boot: docs/scenarios.md and the console's help state it. */
 static constexpr double LONGEST_SECONDS = 31622400.0;
 #define LONGEST_TEXT "366 days"
-
-static void trace_sink(const std::string &text)
-{
-    journal_add(HAPPENED_CALL, "plug-in", text);
-}
 
 /* Whether a scenario expects calls, so that they must be recorded. */
 static bool wants_trace(const json_value &value)
@@ -104,7 +97,7 @@ static void open_scenario(struct scenario &scenario, const std::string &file,
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     /* With guards, a bad free names the allocating function. */
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(options.trace || wants_trace(scenario.document) ? trace_sink : nullptr);
+    calls_set_trace(options.trace || wants_trace(scenario.document) ? explain_note_call : nullptr);
     view_start(file, node_text_of(&scenario.document, "name", ""));
     play_open(scenario, play);
 }
@@ -118,18 +111,13 @@ static std::vector<std::string> summary(void)
     return lines;
 }
 
-/* A boot without a bound would never end. */
-static void check_length(uint64_t ms)
-{
-    if (ms > timeline_ms(LONGEST_SECONDS))
-        throw devhost_error(EXIT_BAD_CALL, "a boot is longer than the limit of " LONGEST_TEXT);
-}
-
 static void play_all(const struct run_options &options)
 {
     for (unsigned long boot = 1; play_begin_boot(); boot++) {
         plan_commands(options, boot);
-        check_length(play_boot_end_ms());
+        /* A boot without a bound would never end. */
+        if (play_boot_end_ms() > timeline_ms(LONGEST_SECONDS))
+            throw devhost_error(EXIT_BAD_CALL, "a boot is longer than the limit of " LONGEST_TEXT);
         play_run_until(play_boot_end_ms());
         play_end_boot();
     }

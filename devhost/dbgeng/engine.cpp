@@ -1,18 +1,13 @@
 /* The engine's object: translates between the debugger's interfaces and the reader of dumps. One object
  * is both client and control. Used from one thread at a time. */
-#include "engine_dump.h"
+#include "engine_methods.h"
+
 #include "engine_script_internal.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <new>
-
-#include <windows.h>
-#include <initguid.h>
-#include <dbgeng.h>
-
-#include "engine_unused.h"
 
 namespace
 {
@@ -22,28 +17,27 @@ enum session_state {
     SESSION_READY, /* stopped at the crash */
 };
 
-class engine final : public engine_unused_client, public engine_unused_control
+class engine final
 {
   public:
     engine();
-    /* QueryInterface and Release, without telling the watch. */
+    /* As query_interface and release, without telling the watch. */
     HRESULT query(REFIID iid, void **out);
     ULONG drop();
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override;
-    ULONG STDMETHODCALLTYPE AddRef() override;
-    ULONG STDMETHODCALLTYPE Release() override;
+    HRESULT query_interface(REFIID iid, void **out);
+    ULONG add_ref();
+    ULONG release();
 
-    HRESULT STDMETHODCALLTYPE SetOutputCallbacks(IDebugOutputCallbacks *callbacks) override;
-    HRESULT STDMETHODCALLTYPE OpenDumpFileWide(PCWSTR path, ULONG64 handle) override;
-    HRESULT STDMETHODCALLTYPE EndSession(ULONG flags) override;
+    HRESULT set_output_callbacks(IDebugOutputCallbacks *callbacks);
+    HRESULT open_dump_file_wide(PCWSTR path, ULONG64 handle);
+    HRESULT end_session(ULONG flags);
 
-    HRESULT STDMETHODCALLTYPE WaitForEvent(ULONG flags, ULONG timeout_ms) override;
-    HRESULT STDMETHODCALLTYPE GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
-                                            ULONG64 instruction_offset, DEBUG_STACK_FRAME *frames,
-                                            ULONG frames_size, ULONG *filled) override;
-    HRESULT STDMETHODCALLTYPE OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames,
-                                               ULONG frames_size, ULONG flags) override;
+    HRESULT wait_for_event(ULONG flags, ULONG timeout_ms);
+    HRESULT get_stack_trace(ULONG64 frame_offset, ULONG64 stack_offset, ULONG64 instruction_offset,
+                            DEBUG_STACK_FRAME *frames, ULONG frames_size, ULONG *filled);
+    HRESULT output_stack_trace(ULONG output_control, DEBUG_STACK_FRAME *frames, ULONG frames_size,
+                               ULONG flags);
 
   private:
     ~engine();
@@ -56,6 +50,8 @@ class engine final : public engine_unused_client, public engine_unused_control
     void put_frame(const DEBUG_STACK_FRAME &frame, ULONG flags);
     void put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flags);
 
+    engine_face<IDebugClient4, engine> client_;
+    engine_face<IDebugControl, engine> control_;
     LONG references_ = 1;
     IDebugOutputCallbacks *callbacks_ = nullptr; /* a reference of our own */
     enum session_state session_ = SESSION_NONE;
@@ -92,7 +88,30 @@ static void fill_frames(const kernel_dump &dump, const std::vector<kernel_dump_f
     }
 }
 
-engine::engine()
+static IDebugClient4Vtbl client_methods(void)
+{
+    IDebugClient4Vtbl table = engine_methods<IDebugClient4Vtbl, engine>();
+
+    engine_put<&engine::set_output_callbacks, engine>(&table.SetOutputCallbacks);
+    engine_put<&engine::open_dump_file_wide, engine>(&table.OpenDumpFileWide);
+    engine_put<&engine::end_session, engine>(&table.EndSession);
+    return table;
+}
+
+static IDebugControlVtbl control_methods(void)
+{
+    IDebugControlVtbl table = engine_methods<IDebugControlVtbl, engine>();
+
+    engine_put<&engine::wait_for_event, engine>(&table.WaitForEvent);
+    engine_put<&engine::get_stack_trace, engine>(&table.GetStackTrace);
+    engine_put<&engine::output_stack_trace, engine>(&table.OutputStackTrace);
+    return table;
+}
+
+static IDebugClient4Vtbl s_client_methods = client_methods();
+static IDebugControlVtbl s_control_methods = control_methods();
+
+engine::engine() : client_{{&s_client_methods}, this}, control_{{&s_control_methods}, this}
 {
     InterlockedIncrement(&s_objects);
     InterlockedIncrement(&s_references);
@@ -104,7 +123,7 @@ engine::~engine()
     InterlockedDecrement(&s_objects);
 }
 
-HRESULT engine::QueryInterface(REFIID iid, void **out)
+HRESULT engine::query_interface(REFIID iid, void **out)
 {
     engine_script_called("QueryInterface(%s)",
                          IsEqualIID(iid, IID_IDebugControl) ? "IDebugControl" : "other");
@@ -121,25 +140,25 @@ HRESULT engine::query(REFIID iid, void **out)
     if (IsEqualIID(iid, IID_IDebugControl)) {
         if (fault != S_OK)
             return fault;
-        *out = static_cast<IDebugControl *>(this);
+        *out = &control_;
     } else if (IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IDebugClient) ||
                IsEqualIID(iid, IID_IDebugClient4)) {
         /* The fourth client interface begins with the methods of the first. */
-        *out = static_cast<IDebugClient4 *>(this);
+        *out = &client_;
     } else {
         return E_NOINTERFACE;
     }
-    AddRef();
+    add_ref();
     return S_OK;
 }
 
-ULONG engine::AddRef()
+ULONG engine::add_ref()
 {
     InterlockedIncrement(&s_references);
     return static_cast<ULONG>(InterlockedIncrement(&references_));
 }
 
-ULONG engine::Release()
+ULONG engine::release()
 {
     const ULONG left = drop();
 
@@ -162,17 +181,17 @@ void engine::keep_callbacks(IDebugOutputCallbacks *callbacks)
     IDebugOutputCallbacks *old = callbacks_;
 
     if (callbacks != nullptr) {
-        callbacks->AddRef();
+        callbacks->lpVtbl->AddRef(callbacks);
         InterlockedIncrement(&s_callbacks);
     }
     callbacks_ = callbacks;
     if (old != nullptr) {
         InterlockedDecrement(&s_callbacks);
-        old->Release();
+        old->lpVtbl->Release(old);
     }
 }
 
-HRESULT engine::SetOutputCallbacks(IDebugOutputCallbacks *callbacks)
+HRESULT engine::set_output_callbacks(IDebugOutputCallbacks *callbacks)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_SET_OUTPUT_CALLBACKS);
 
@@ -207,7 +226,7 @@ HRESULT engine::open(PCWSTR path)
     return S_OK;
 }
 
-HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
+HRESULT engine::open_dump_file_wide(PCWSTR path, ULONG64 handle)
 {
     HRESULT result = engine_script_fault_of(ENGINE_CALL_OPEN_DUMP);
 
@@ -219,17 +238,13 @@ HRESULT engine::OpenDumpFileWide(PCWSTR path, ULONG64 handle)
         return path == nullptr ? E_INVALIDARG : E_NOTIMPL;
     if (session_ != SESSION_NONE)
         return E_UNEXPECTED;
-    try {
-        result = open(path);
-    } catch (const std::bad_alloc &) {
-        result = E_OUTOFMEMORY;
-    }
+    result = open(path);
     if (result == S_OK)
         session_ = SESSION_OPEN;
     return result;
 }
 
-HRESULT engine::EndSession(ULONG flags)
+HRESULT engine::end_session(ULONG flags)
 {
     engine_script_called("EndSession(%lu)", flags);
     if (flags > DEBUG_END_ACTIVE_DETACH)
@@ -257,7 +272,7 @@ bool engine::load(unsigned timeout_ms)
     return ms == left;
 }
 
-HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
+HRESULT engine::wait_for_event(ULONG flags, ULONG timeout_ms)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_WAIT);
 
@@ -274,12 +289,11 @@ HRESULT engine::WaitForEvent(ULONG flags, ULONG timeout_ms)
     return S_OK;
 }
 
-HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
-                              ULONG64 instruction_offset, DEBUG_STACK_FRAME *frames,
-                              ULONG frames_size, ULONG *filled)
+HRESULT engine::get_stack_trace(ULONG64 frame_offset, ULONG64 stack_offset,
+                                ULONG64 instruction_offset, DEBUG_STACK_FRAME *frames,
+                                ULONG frames_size, ULONG *filled)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_GET_STACK);
-    std::vector<kernel_dump_frame> walked;
 
     engine_script_called("GetStackTrace(%lu, %lu, %lu, *, %lu, *)",
                          static_cast<unsigned long>(frame_offset),
@@ -295,12 +309,9 @@ HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
         return E_NOTIMPL;
     if (session_ != SESSION_READY)
         return E_UNEXPECTED;
-    try {
-        walked = kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size,
-                                  engine_script_images());
-    } catch (const std::bad_alloc &) {
-        return E_OUTOFMEMORY;
-    }
+    const std::vector<kernel_dump_frame> walked =
+        kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size, engine_script_images());
+
     fill_frames(dump_, walked, frames);
     if (filled != nullptr)
         *filled = static_cast<ULONG>(walked.size());
@@ -309,7 +320,7 @@ HRESULT engine::GetStackTrace(ULONG64 frame_offset, ULONG64 stack_offset,
 
 void engine::put(const std::string &text)
 {
-    callbacks_->Output(DEBUG_OUTPUT_NORMAL, text.c_str());
+    callbacks_->lpVtbl->Output(callbacks_, DEBUG_OUTPUT_NORMAL, text.c_str());
 }
 
 /* Sends a line at a time: a client must join the pieces. */
@@ -379,8 +390,8 @@ void engine::put_frames(const DEBUG_STACK_FRAME *frames, ULONG count, ULONG flag
     }
 }
 
-HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames, ULONG frames_size,
-                                 ULONG flags)
+HRESULT engine::output_stack_trace(ULONG output_control, DEBUG_STACK_FRAME *frames,
+                                   ULONG frames_size, ULONG flags)
 {
     const HRESULT fault = engine_script_fault_of(ENGINE_CALL_OUTPUT_STACK);
     const ULONG receivers = output_control & DEBUG_OUTCTL_SEND_MASK;
@@ -397,14 +408,10 @@ HRESULT engine::OutputStackTrace(ULONG output_control, DEBUG_STACK_FRAME *frames
     if (callbacks_ == nullptr ||
         (receivers != DEBUG_OUTCTL_THIS_CLIENT && receivers != DEBUG_OUTCTL_ALL_CLIENTS))
         return S_OK;
-    try {
-        if (script_text_ != nullptr)
-            put_script_text();
-        else
-            put_frames(frames, frames_size, flags);
-    } catch (const std::bad_alloc &) {
-        return E_OUTOFMEMORY;
-    }
+    if (script_text_ != nullptr)
+        put_script_text();
+    else
+        put_frames(frames, frames_size, flags);
     return S_OK;
 }
 

@@ -1,17 +1,12 @@
 /* A dump's file, and the results for what the reader refuses. */
-#include "engine_dump.h"
+#include "engine_script_internal.h"
 
-#include <new>
+#include <memory>
 
-namespace
-{
-struct error_row {
+static const struct {
     enum kernel_dump_error error;
     DWORD code;
-};
-} // namespace
-
-static const struct error_row s_errors[] = {
+} s_errors[] = {
     {KERNEL_DUMP_NOT_A_DUMP, ERROR_BAD_FORMAT   },
     {KERNEL_DUMP_USER_MODE,  ERROR_NOT_SUPPORTED},
     {KERNEL_DUMP_32_BIT,     ERROR_NOT_SUPPORTED},
@@ -25,53 +20,44 @@ static const struct error_row s_errors[] = {
 
 static HRESULT result_of(enum kernel_dump_error error)
 {
-    for (const error_row &row : s_errors) {
+    for (const auto &row : s_errors)
         if (row.error == error)
             return HRESULT_FROM_WIN32(row.code);
-    }
     return S_OK;
 }
 
-static HRESULT read_bytes(const void *bytes, uint64_t size, kernel_dump *dump, std::string *reason)
+static HRESULT cannot_read(std::string *reason)
 {
-    try {
-        return result_of(kernel_dump_read(static_cast<const uint8_t *>(bytes), size, dump, reason));
-    } catch (const std::bad_alloc &) {
-        return E_OUTOFMEMORY;
-    }
+    const DWORD error = GetLastError();
+
+    *reason = "the file cannot be read: error " + std::to_string(error);
+    return HRESULT_FROM_WIN32(error);
 }
 
 HRESULT engine_read_dump(const wchar_t *path, kernel_dump *dump, std::string *reason)
 {
-    HANDLE file = INVALID_HANDLE_VALUE;
-    HANDLE mapping = nullptr;
-    const void *view = nullptr;
+    typedef std::unique_ptr<void, BOOL(WINAPI *)(HANDLE)> scoped_handle;
+    const HANDLE opened =
+        CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
     LARGE_INTEGER size = {};
-    DWORD error = ERROR_SUCCESS;
-    HRESULT result;
 
-    file = CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE || !GetFileSizeEx(file, &size))
-        error = GetLastError();
+    if (opened == INVALID_HANDLE_VALUE)
+        return cannot_read(reason);
+    const scoped_handle file(opened, CloseHandle);
+
+    if (!GetFileSizeEx(opened, &size))
+        return cannot_read(reason);
     /* Windows maps no empty file. */
-    if (error == ERROR_SUCCESS && size.QuadPart > 0) {
-        mapping = CreateFileMappingW(file, nullptr, PAGE_READONLY, 0, 0, nullptr);
-        if (mapping != nullptr)
-            view = MapViewOfFile(mapping, FILE_MAP_READ, 0, 0, 0);
-        if (view == nullptr)
-            error = GetLastError();
-    }
-    if (error == ERROR_SUCCESS) {
-        result = read_bytes(view, static_cast<uint64_t>(size.QuadPart), dump, reason);
-    } else {
-        result = HRESULT_FROM_WIN32(error);
-        *reason = "the file cannot be read: error " + std::to_string(error);
-    }
-    if (view != nullptr)
-        UnmapViewOfFile(view);
-    if (mapping != nullptr)
-        CloseHandle(mapping);
-    if (file != INVALID_HANDLE_VALUE)
-        CloseHandle(file);
-    return result;
+    if (size.QuadPart == 0)
+        return result_of(kernel_dump_read(nullptr, 0, dump, reason));
+    const scoped_handle mapping(CreateFileMappingW(opened, nullptr, PAGE_READONLY, 0, 0, nullptr),
+                                CloseHandle);
+    const std::unique_ptr<const void, BOOL(WINAPI *)(LPCVOID)> view(
+        mapping != nullptr ? MapViewOfFile(mapping.get(), FILE_MAP_READ, 0, 0, 0) : nullptr,
+        UnmapViewOfFile);
+
+    if (view == nullptr)
+        return cannot_read(reason);
+    return result_of(kernel_dump_read(static_cast<const uint8_t *>(view.get()),
+                                      static_cast<uint64_t>(size.QuadPart), dump, reason));
 }

@@ -1,11 +1,11 @@
-/* The script as the engine's objects use it. On the engine's thread. */
+/* What the engine's object uses: the script, and the files of dumps. On the engine's thread. */
 #ifndef DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 #define DEVHOST_ENGINE_SCRIPT_INTERNAL_H
 
 #include <string>
 #include <vector>
 
-#include "../unwind/kernel_image.h"
+#include "../kernel_dump/kernel_dump.h"
 #include "engine_script.h"
 
 enum engine_call {
@@ -43,5 +43,15 @@ void engine_script_called(const char *format, ...)
 
 /* Reports the refusal to the script. Result: result. */
 HRESULT engine_script_refuse(const wchar_t *path, HRESULT result, const char *reason);
+
+/*
+ * engine_dump.cpp: reads a dump. The file is mapped, since it may be larger than the memory, and only while
+ * it is read.
+ *
+ * reason   Why it is refused, in one sentence.
+ *
+ * Result   S_OK, or that of OpenDumpFileWide. Throws std::bad_alloc.
+ */
+HRESULT engine_read_dump(const wchar_t *path, kernel_dump *dump, std::string *reason);
 
 #endif

@@ -2,70 +2,26 @@
 #include "boots.h"
 
 #include "../base/text.h"
-#include "../base/system_events.h"
 
 /* The string of a start record that contains the time of the start. */
 static constexpr int START_TIME_STRING = 6;
 
-static bool is(const event_record &event, const wchar_t *source, uint32_t id)
-{
-    return (event.id & 0xffff) == id && event.source == source;
-}
-
 bool evidence_is_start(const event_record &event)
 {
-    return is(event, SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START);
-}
-
-bool evidence_is_clock_change(const event_record &event)
-{
-    return is(event, SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE);
+    return event.is(RECORD_START);
 }
 
 bool evidence_is_bug_check(const event_record &event)
 {
-    return is(event, SOURCE_BUG_CHECK, EVENT_BUG_CHECK);
+    return event.is(RECORD_BUG_CHECK);
 }
-
-namespace
-{
-class run_records final : public event_filter
-{
-  public:
-    bool wants_id(uint32_t id) const override
-    {
-        for (const auto &each : RECORDS)
-            if (each.id == id)
-                return true;
-        return false;
-    }
-    bool wants(uint32_t id, const std::wstring &source) const override
-    {
-        for (const auto &each : RECORDS)
-            if (each.id == id && source == each.source)
-                return true;
-        return false;
-    }
-
-  private:
-    struct record {
-        const wchar_t *source;
-        uint32_t id;
-    };
-    static constexpr record RECORDS[] = {
-        {SOURCE_KERNEL_GENERAL, EVENT_WINDOWS_START      },
-        {SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN     },
-        {SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE       },
-        {SOURCE_KERNEL_GENERAL, EVENT_TIME_ZONE          },
-        {SOURCE_KERNEL_POWER,   EVENT_UNEXPECTED_SHUTDOWN},
-        {SOURCE_BUG_CHECK,      EVENT_BUG_CHECK          },
-    };
-};
-} // namespace
 
 const event_filter &evidence_run_records(void)
 {
-    static const run_records records;
+    static const event_filter records = {
+        {RECORD_START, RECORD_SHUTDOWN, RECORD_CLOCK_CHANGE, RECORD_TIME_ZONE, RECORD_UNEXPECTED,
+         RECORD_BUG_CHECK}
+    };
 
     return records;
 }
@@ -80,16 +36,6 @@ static uint64_t started(const event_record &event)
     return time_of_unix(event.time);
 }
 
-bool evidence_is_unexpected(const event_record &event)
-{
-    return is(event, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN);
-}
-
-bool evidence_is_time_zone(const event_record &event)
-{
-    return is(event, SOURCE_KERNEL_GENERAL, EVENT_TIME_ZONE);
-}
-
 /* The code is 0 after a loss of power; older Windows writes no string. */
 uint32_t evidence_unexpected_code(const event_record &event)
 {
@@ -101,7 +47,7 @@ uint32_t evidence_unexpected_code(const event_record &event)
 static void find_ending(const evidence_log &log, evidence_run *run, const evidence_run *next)
 {
     for (size_t i = run->begin; i < run->end; i++)
-        if (is(log.events[i], SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN)) {
+        if (log.events[i].is(RECORD_SHUTDOWN)) {
             run->ending = RUN_ENDED_CLEAN;
             run->told_by = i;
         }
@@ -111,7 +57,7 @@ static void find_ending(const evidence_log &log, evidence_run *run, const eviden
             run->told_by = i;
             return;
         }
-        if (evidence_is_unexpected(log.events[i]) &&
+        if (log.events[i].is(RECORD_UNEXPECTED) &&
             (run->told_by == NO_RECORD || run->told_by < next->begin)) {
             run->ending = evidence_unexpected_code(log.events[i]) == 0 ? RUN_ENDED_POWER_LOSS
                                                                        : RUN_ENDED_BLUE_SCREEN;
@@ -145,6 +91,7 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log)
         find_ending(log, &runs[i], i + 1 < runs.size() ? &runs[i + 1] : nullptr);
     return runs;
 }
+
 const char *evidence_ending_name(enum run_ending ending)
 {
     static const char *const names[] = {"unknown", "clean", "blue screen", "power loss"};

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "../base/system_events.h"
 #include "log.h"
 
 enum run_ending {
@@ -42,13 +43,9 @@ std::vector<evidence_run> evidence_runs(const evidence_log &log);
 /* "clean", "blue screen", "power loss", "unknown". */
 const char *evidence_ending_name(enum run_ending ending);
 
-/* Records of a start of Windows, a change of the clock, a blue screen, an unexpected shutdown and a
- * refresh of the time zone. */
+/* Records of a start of Windows and of a blue screen. */
 bool evidence_is_start(const event_record &event);
-bool evidence_is_clock_change(const event_record &event);
 bool evidence_is_bug_check(const event_record &event);
-bool evidence_is_unexpected(const event_record &event);
-bool evidence_is_time_zone(const event_record &event);
 
 /* The bug check code of a record of an unexpected shutdown; 0: the record contains none. */
 uint32_t evidence_unexpected_code(const event_record &event);

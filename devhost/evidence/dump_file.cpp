@@ -1,40 +1,45 @@
 /* Crash dumps that are handed in. */
 #include "dump_file.h"
 
-#include "../base/text.h"
-#include "../base/file.h"
+#include <algorithm>
 
-void evidence_dump_read(const std::string &path, evidence_dump *dump)
+#include "../kernel_dump/bug_check.h"
+
+kernel_dump evidence_dump_facts(const evidence_file &file)
 {
-    const evidence_file file(path, UINT64_MAX);
-    const size_t slash = path.find_last_of("/\\");
+    kernel_dump facts;
     std::string reason;
 
-    *dump = {path,
-             path,
-             slash == std::string::npos ? path : path.substr(slash + 1),
-             file.bytes(),
-             file.written_100ns(),
-             {}};
-    if (kernel_dump_read(file.data(), file.bytes(), &dump->facts, &reason) != KERNEL_DUMP_OK)
-        evidence_bad(path, reason);
-    dump->facts.stack.clear(); /* as large as the kernel's stack, and not needed here */
+    if (kernel_dump_read(file.data(), file.bytes(), &facts, &reason) != KERNEL_DUMP_OK)
+        file.bad(reason);
+    return facts;
+}
+
+evidence_dump evidence_dump_read(const std::string &path, const std::string &shown)
+{
+    const evidence_file file(path);
+    evidence_dump dump = {path,
+                          shown,
+                          file_name_of(path),
+                          file.bytes(),
+                          file.written_100ns(),
+                          evidence_dump_facts(file)};
+
+    dump.facts.stack.clear(); /* as large as the kernel's stack, and not needed here */
+    return dump;
 }
 
 enum evidence_fit evidence_dump_fits(const evidence_dump &dump, const std::string &bug_check)
 {
-    unsigned code;
-    unsigned long long parameters[4];
+    uint32_t code;
+    uint64_t parameters[4];
 
-    if (sscanf(bug_check.c_str(), "%x (%llx, %llx, %llx, %llx)", &code, &parameters[0],
-               &parameters[1], &parameters[2], &parameters[3]) != 5)
+    if (!bug_check_parse(bug_check, &code, parameters))
         return EVIDENCE_FIT_UNKNOWN;
-    if ((code & ~KERNEL_DUMP_TRIAGE_FLAG) != (dump.facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG))
-        return EVIDENCE_FITS_NOT;
-    for (size_t i = 0; i < 4; i++)
-        if (parameters[i] != dump.facts.parameters[i])
-            return EVIDENCE_FITS_NOT;
-    return EVIDENCE_FITS;
+    return ((code ^ dump.facts.bug_check) & ~KERNEL_DUMP_TRIAGE_FLAG) == 0 &&
+                   std::equal(std::begin(parameters), std::end(parameters), dump.facts.parameters)
+               ? EVIDENCE_FITS
+               : EVIDENCE_FITS_NOT;
 }
 
 const char *evidence_dump_kind(const evidence_dump &dump)

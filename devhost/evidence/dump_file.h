@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "../base/file.h"
 #include "../kernel_dump/kernel_dump.h"
 
 struct evidence_dump {
@@ -19,10 +20,17 @@ struct evidence_dump {
     uint64_t bytes;
     uint64_t written_100ns; /* of this file, which copying may have changed */
     struct kernel_dump facts;
+
+    bool is_small() const
+    {
+        return facts.kind == KERNEL_DUMP_KIND_TRIAGE;
+    }
 };
 
-/* Throws devhost_error with EXIT_BAD_EVIDENCE for a file that is not a readable x64 kernel dump. */
-void evidence_dump_read(const std::string &path, evidence_dump *dump);
+/* Throw devhost_error with EXIT_BAD_EVIDENCE for a file that is not a readable x64 kernel dump. The
+ * first one leaves out the stack. */
+evidence_dump evidence_dump_read(const std::string &path, const std::string &shown);
+kernel_dump evidence_dump_facts(const evidence_file &file);
 
 enum evidence_fit {
     EVIDENCE_FIT_UNKNOWN, /* the text has another form */

@@ -9,11 +9,24 @@
 #include <rapidjson/reader.h>
 #include <rapidjson/memorystream.h>
 
-#include "../base/file.h"
 #include "../base/text.h"
 
 /* More than any System log in this form: another kind of file must not fill the memory. */
 static constexpr uint64_t MOST_JSON_BYTES = 1ull << 30;
+
+/* The members of a record. */
+static const struct {
+    const char *name;
+    bool required;
+    const char *expected;
+} s_members[] = {
+    {"record",  false, "a number"                                             },
+    {"source",  true,  "a text"                                               },
+    {"id",      true,  "a number"                                             },
+    {"time",    true,  "a time from 1970 to 2106 such as 2024-03-07T09:05:41Z"},
+    {"type",    false, "a number"                                             },
+    {"strings", false, "an array of texts"                                    },
+};
 
 namespace
 {
@@ -50,9 +63,9 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
     bool EndObject(rapidjson::SizeType)
     {
         depth_--;
-        for (const char *name : {"source", "id", "time"})
-            if (seen_.find(name) == seen_.end())
-                return bad(std::string("member \"") + name + "\" is missing");
+        for (const auto &member : s_members)
+            if (member.required && seen_.count(member.name) == 0)
+                return bad(std::string("member \"") + member.name + "\" is missing");
         if (event_.number == 0)
             event_.number = last_ + 1;
         if (event_.number <= last_)
@@ -62,16 +75,15 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
         last_ = log_->last_number = event_.number;
         if (log_->records++ == 0)
             log_->first_number = event_.number;
-        if (filter_ == nullptr || (filter_->wants_id(event_.id & 0xffff) &&
-                                   filter_->wants(event_.id & 0xffff, event_.source)))
+        if (filter_ == nullptr || filter_->wants(event_))
             log_->events.push_back(std::move(event_));
         return true;
     }
     bool Key(const char *text, rapidjson::SizeType length, bool)
     {
         member_.assign(text, length);
-        for (const char *name : {"record", "source", "id", "time", "type", "strings"})
-            if (member_ == name)
+        for (const auto &member : s_members)
+            if (member_ == member.name)
                 return seen_.insert(member_).second ||
                        bad("member \"" + member_ + "\" occurs twice");
         return bad("unknown member \"" + member_ + "\"");
@@ -110,12 +122,10 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
             return bad("expected an array of event records");
         if (depth_ == 3)
             return bad("expected texts in \"strings\"");
-        if (member_ == "time")
-            return bad("\"time\": expected a time from 1970 to 2106 such as 2024-03-07T09:05:41Z");
-        if (member_ == "strings")
-            return bad("\"strings\": expected an array of texts");
-        return bad("\"" + member_ + "\": expected " +
-                   (member_ == "source" ? "a text" : "a number"));
+        for (const auto &member : s_members)
+            if (member_ == member.name)
+                return bad("\"" + member_ + "\": expected " + member.expected);
+        return false;
     }
 
     std::string reason;
@@ -137,8 +147,7 @@ class record_reader : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, rec
 };
 } // namespace
 
-static void read_json(const std::string &path, const evidence_file &file,
-                      const event_filter *filter, evidence_log *log)
+static void read_json(const evidence_file &file, const event_filter *filter, evidence_log *log)
 {
     rapidjson::MemoryStream stream(reinterpret_cast<const char *>(file.data()),
                                    static_cast<size_t>(file.bytes()));
@@ -149,10 +158,10 @@ static void read_json(const std::string &path, const evidence_file &file,
         reader.Parse<rapidjson::kParseValidateEncodingFlag>(input, handler);
 
     if (!handler.reason.empty())
-        evidence_bad(path, handler.reason);
+        file.bad(handler.reason);
     if (result.IsError())
-        evidence_bad(path, text_format("byte %u: ", static_cast<unsigned>(result.Offset())) +
-                               rapidjson::GetParseError_En(result.Code()));
+        file.bad(text_format("byte %u: ", static_cast<unsigned>(result.Offset())) +
+                 rapidjson::GetParseError_En(result.Code()));
 }
 
 /* JSON begins with a bracket. */
@@ -166,54 +175,49 @@ static bool is_json(const evidence_file &file)
     return at < file.bytes() && (file.data()[at] == '[' || file.data()[at] == '{');
 }
 
-void evidence_log_parse(const std::string &path, const evidence_file &file,
-                        enum evidence_damage allowed, evidence_log *log, const event_filter *filter)
+void evidence_log_read(const evidence_file &file, enum evidence_damage allowed, evidence_log *log,
+                       const event_filter *filter)
 {
     *log = {};
     if (file.bytes() == 0)
-        evidence_bad(path, "empty, expected an event log");
+        file.bad("empty, expected an event log");
     if (evidence_is_evtx(file))
-        evidence_read_evtx(path, file, filter, log);
+        evidence_read_evtx(file, filter, log);
     else if (!is_json(file))
-        evidence_bad(path, "not an event log: it does not begin with \"ElfFile\"");
+        file.bad("not an event log: it does not begin with \"ElfFile\"");
     else if (file.bytes() > MOST_JSON_BYTES)
-        evidence_bad(path, "larger than any log in JSON, 1 GiB");
+        file.bad("larger than any log in JSON, 1 GiB");
     else
-        read_json(path, file, filter, log);
+        read_json(file, filter, log);
     if (!log->cut_off.empty() && allowed != EVIDENCE_LENIENT)
-        evidence_bad(path, log->cut_off + " (--lenient reads the remaining records)");
+        file.bad(log->cut_off + " (--lenient reads the remaining records)");
     if (!log->damage.empty() && allowed == EVIDENCE_STRICT)
-        evidence_bad(path, log->damage.front());
-}
-
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
-                       const event_filter *filter)
-{
-    evidence_log_parse(path, evidence_file(path, UINT64_MAX), allowed, log, filter);
+        file.bad(log->damage.front());
 }
 
 std::vector<std::string> evidence_log_damage(const evidence_log &log, size_t most)
 {
     std::vector<std::string> lines;
 
-    if (log.cut_off.empty() && log.damage.empty())
-        return lines;
     if (!log.cut_off.empty())
         lines.push_back(log.cut_off);
-    for (const std::string &damage : log.damage) {
-        if (lines.size() >= most)
-            break;
-        lines.push_back(damage);
+    lines.insert(lines.end(), log.damage.begin(), log.damage.end());
+    if (lines.empty())
+        return lines;
+    if (const size_t all = lines.size(); all > most) {
+        lines.resize(most);
+        lines.push_back("and " + text_count(all - most, "further finding"));
     }
-    const size_t all = log.damage.size() + (log.cut_off.empty() ? 0 : 1);
-
-    if (all > lines.size())
-        lines.push_back("and " + text_count(all - lines.size(), "further finding"));
     lines.push_back("damaged: " + text_count(log.records, "record") + " read, " +
                     (log.cut_off.empty() ? "" : "an unknown number missing after them, ") +
                     text_count(log.lost_records, "record") + " missing" +
                     (log.cut_off.empty() ? "" : " between them"));
     return lines;
+}
+
+std::string evidence_record_json(const event_record &event)
+{
+    return json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
 }
 
 std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t to)
@@ -223,9 +227,7 @@ std::string evidence_log_json(const evidence_log &log, uint64_t from, uint64_t t
     for (const event_record &event : log.events) {
         if (event.number < from || event.number > to)
             continue;
-        text += text.size() == 1 ? "\n" : ",\n";
-        text +=
-            json_text<json_line>([&](json_line &writer) { evidence_put_record(writer, event); });
+        text += (text.size() == 1 ? "\n" : ",\n") + evidence_record_json(event);
     }
     return text + "\n]\n";
 }

@@ -22,19 +22,13 @@ enum evidence_damage {
 };
 
 /*
- * Reads all readable records of a file, or those that a filter wants. Throws devhost_error with EXIT_BAD_EVIDENCE when the file
- * cannot be read, is not a log, or is more damaged than is allowed.
+ * Reads all readable records of a file, or those that a filter wants. Throws devhost_error with
+ * EXIT_BAD_EVIDENCE when the file is not a log, or is more damaged than is allowed.
  *
- * path     UTF-8.
  * log      Filled. Sound except for what damage and cut_off list.
  */
-void evidence_log_read(const std::string &path, enum evidence_damage allowed, evidence_log *log,
+void evidence_log_read(const evidence_file &file, enum evidence_damage allowed, evidence_log *log,
                        const event_filter *filter = nullptr);
-/* The same for a file that is open; path: for errors. */
-class evidence_file;
-void evidence_log_parse(const std::string &path, const evidence_file &file,
-                        enum evidence_damage allowed, evidence_log *log,
-                        const event_filter *filter = nullptr);
 
 /* The damage in lines for a person, the last one a summary; none for a sound log. most: lines without
  * the summary. */
@@ -48,16 +42,16 @@ void evidence_put_record(Writer &writer, const event_record &event, bool with_ty
 
     for (size_t i = 0; i < event.strings.count(); i++)
         strings.push_back(text_narrow(event.strings.at(i)));
-    writer.StartObject();
-    json_member(writer, "record", event.number);
-    json_member(writer, "source", text_narrow(event.source));
-    json_member(writer, "id", event.id);
-    json_member(writer, "time", time_iso(time_of_unix(event.time)));
+    const json_scope object(writer);
+
+    json_members(writer, "record", event.number, "source", text_narrow(event.source), "id",
+                 event.id, "time", time_iso(time_of_unix(event.time)));
     if (with_type)
         json_member(writer, "type", event.type);
     json_member(writer, "strings", strings);
-    writer.EndObject();
 }
+
+std::string evidence_record_json(const event_record &event);
 
 /* The records from one number to another, inclusive, as a JSON array, oldest first, one record a
  * line. */

@@ -4,8 +4,9 @@
 
 #include <cstring>
 
+#include <sstream>
+
 #include "../base/text.h"
-#include "../base/file.h"
 
 /* A complete export of a SYSTEM hive has some tens of megabytes. */
 static constexpr uint64_t MOST_BYTES = 256ull << 20;
@@ -16,30 +17,29 @@ static constexpr wchar_t CONTROL_SET[] = L"SYSTEM\\ControlSet";
 namespace
 {
 struct reader {
-    const std::string &path;
-    std::wstring text;
-    size_t at = 0;
+    const evidence_file &file;
+    std::wistringstream text;
     size_t line = 0; /* number of the last line, the first one of its value */
 
     [[noreturn]] void bad(const std::string &what) const
     {
-        evidence_bad(path, "line " + std::to_string(line) + ": " + what);
+        file.bad("line " + std::to_string(line) + ": " + what);
     }
 };
 } // namespace
 
-static std::wstring decode(const std::string &path, const evidence_file &file)
+static std::wstring decode(const evidence_file &file)
 {
     const char *bytes = reinterpret_cast<const char *>(file.data());
     const size_t size = static_cast<size_t>(file.bytes());
 
     if (size == 0)
-        evidence_bad(path, "empty, expected a registry export");
+        file.bad("empty, expected a registry export");
     if (size >= 2 && memcmp(bytes, "\xff\xfe", 2) == 0) {
         std::wstring text((size - 2) / sizeof(wchar_t), L'\0');
 
         if (size % sizeof(wchar_t) != 0)
-            evidence_bad(path, "truncated inside the last character");
+            file.bad("truncated inside the last character");
         memcpy(&text[0], bytes + 2, size - 2);
         return text;
     }
@@ -51,13 +51,8 @@ static std::wstring decode(const std::string &path, const evidence_file &file)
 /* Reads one line without its end. Result: false after the last one. */
 static bool next_raw_line(reader &from, std::wstring *line)
 {
-    if (from.at >= from.text.size())
+    if (!std::getline(from.text, *line))
         return false;
-    const size_t end = from.text.find(L'\n', from.at);
-    const size_t stop = end == std::wstring::npos ? from.text.size() : end;
-
-    *line = from.text.substr(from.at, stop - from.at);
-    from.at = stop + 1;
     from.line++;
     if (!line->empty() && line->back() == L'\r')
         line->pop_back();
@@ -127,12 +122,6 @@ static std::wstring quoted(const reader &from, const std::wstring &line, size_t 
     from.bad("expected a closing quotation mark");
 }
 
-static std::string with_nul(const std::wstring &text)
-{
-    return std::string(reinterpret_cast<const char *>(text.c_str()),
-                       (text.size() + 1) * sizeof(wchar_t));
-}
-
 static uint32_t hexadecimal(const reader &from, const std::wstring &digits, size_t most)
 {
     if (digits.empty() || digits.size() > most ||
@@ -144,15 +133,12 @@ static uint32_t hexadecimal(const reader &from, const std::wstring &digits, size
 
 static std::string byte_list(const reader &from, const std::wstring &text)
 {
+    std::wistringstream list(text);
+    std::wstring digits;
     std::string bytes;
 
-    for (size_t at = 0; at < text.size();) {
-        const size_t comma = text.find(L',', at);
-        const size_t end = comma == std::wstring::npos ? text.size() : comma;
-
-        bytes += static_cast<char>(hexadecimal(from, text.substr(at, end - at), 2));
-        at = end + 1;
-    }
+    while (std::getline(list, digits, L','))
+        bytes += static_cast<char>(hexadecimal(from, digits, 2));
     return bytes;
 }
 
@@ -164,12 +150,10 @@ static void parse_data(const reader &from, const std::wstring &text, evidence_va
 
     if (!text.empty() && text[0] == L'"') {
         value->type = REG_SZ;
-        value->data = with_nul(quoted(from, text, &at));
+        value->data = text_bytes(quoted(from, text, &at) + L'\0');
     } else if (text.rfind(dword, 0) == 0) {
-        const uint32_t number = hexadecimal(from, text.substr(dword.size()), 8);
-
         value->type = REG_DWORD;
-        value->data.assign(reinterpret_cast<const char *>(&number), sizeof(number));
+        value->data = text_bytes(hexadecimal(from, text.substr(dword.size()), 8));
     } else if (text.rfind(hex, 0) == 0 && text.find(L':') != std::wstring::npos) {
         const size_t colon = text.find(L':');
         const std::wstring type = text.substr(hex.size(), colon - hex.size());
@@ -184,6 +168,14 @@ static void parse_data(const reader &from, const std::wstring &text, evidence_va
     } else {
         from.bad("expected a text in quotation marks, dword: or hex:");
     }
+}
+
+std::string evidence_value::text() const
+{
+    const std::wstring whole(reinterpret_cast<const wchar_t *>(data.data()),
+                             data.size() / sizeof(wchar_t));
+
+    return text_narrow(whole.substr(0, whole.find(L'\0')));
 }
 
 /* The number of "SYSTEM\ControlSetNNN\..."; 0 for any other key. */
@@ -251,18 +243,17 @@ static void parse_value(const reader &from, const std::wstring &line, const std:
         registry->values.push_back(value);
 }
 
-void evidence_registry_parse(const std::string &path, const evidence_file &file,
-                             evidence_registry *registry)
+void evidence_registry_read(const evidence_file &file, evidence_registry *registry)
 {
-    reader from = {path, decode(path, file)};
+    file.limit(MOST_BYTES);
+    reader from = {file, std::wistringstream(decode(file))};
     std::wstring line, key;
     bool in_key = false;
 
     if (!next_line(from, &line) ||
         (line != L"Windows Registry Editor Version 5.00" && line != L"REGEDIT4"))
-        evidence_bad(path,
-                     "not a registry export: expected \"Windows Registry Editor Version 5.00\" "
-                     "in line 1");
+        file.bad(
+            "not a registry export: expected \"Windows Registry Editor Version 5.00\" in line 1");
     while (next_line(from, &line)) {
         const size_t text = line.find_first_not_of(L" \t");
 
@@ -279,9 +270,4 @@ void evidence_registry_parse(const std::string &path, const evidence_file &file,
         }
     }
     name_current_set(registry);
-}
-
-void evidence_registry_read(const std::string &path, evidence_registry *registry)
-{
-    evidence_registry_parse(path, evidence_file(path, MOST_BYTES), registry);
 }

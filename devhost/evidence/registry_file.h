@@ -9,11 +9,16 @@
 #include <string>
 #include <vector>
 
+#include "../base/file.h"
+
 struct evidence_value {
     std::wstring key; /* below HKEY_LOCAL_MACHINE; the current control set is CurrentControlSet */
     std::wstring name;
     DWORD type;       /* REG_SZ and so on */
     std::string data; /* as in the registry: texts are UTF-16 with their NUL */
+
+    /* A text in UTF-8, without its NUL. */
+    std::string text() const;
 };
 
 struct evidence_registry {
@@ -22,10 +27,6 @@ struct evidence_registry {
 
 /* Adds the values of a file that regedit or "reg export" wrote, version 5 (UTF-16 or UTF-8) or 4
  * (UTF-8). Throws devhost_error with EXIT_BAD_EVIDENCE that names the line. */
-void evidence_registry_read(const std::string &path, evidence_registry *registry);
-/* The same for a file that is open; path: for errors. */
-class evidence_file;
-void evidence_registry_parse(const std::string &path, const evidence_file &file,
-                             evidence_registry *registry);
+void evidence_registry_read(const evidence_file &file, evidence_registry *registry);
 
 #endif

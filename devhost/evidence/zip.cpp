@@ -11,7 +11,7 @@
 #include <zlib.h>
 
 #include "../base/text.h"
-#include "../base/file.h"
+#include "../unwind/file_span.h"
 
 static constexpr uint32_t END_MARK = 0x06054b50u;
 static constexpr uint32_t END_BYTES = 22u;
@@ -87,57 +87,42 @@ class member_writer
 };
 } // namespace
 
-template <typename T> static T at(const evidence_file &file, uint64_t offset)
-{
-    T value = 0;
-
-    if (offset <= file.bytes() && sizeof(T) <= file.bytes() - offset)
-        memcpy(&value, file.data() + offset, sizeof(T));
-    return value;
-}
-
-static bool holds(const evidence_file &file, uint64_t offset, uint64_t bytes)
-{
-    return offset <= file.bytes() && bytes <= file.bytes() - offset;
-}
-
 /* Where the directory starts and how many members it lists. */
-static bool find_directory(const evidence_file &file, uint64_t *offset, uint64_t *count)
+static bool find_directory(const file_span &file, uint64_t *offset, uint64_t *count)
 {
-    const uint64_t size = file.bytes();
-    uint64_t end = size >= END_BYTES ? size - END_BYTES : 0;
+    uint64_t end = file.size >= END_BYTES ? file.size - END_BYTES : 0;
     const uint64_t first = end > COMMENT_MOST ? end - COMMENT_MOST : 0;
 
-    while (end > first && at<uint32_t>(file, end) != END_MARK)
+    while (end > first && file.get<uint32_t>(end) != END_MARK)
         end--;
-    if (at<uint32_t>(file, end) != END_MARK)
+    if (file.get<uint32_t>(end) != END_MARK)
         return false;
-    *count = at<uint16_t>(file, end + 10);
-    *offset = at<uint32_t>(file, end + 16);
-    if (end < LOCATOR64_BYTES || at<uint32_t>(file, end - LOCATOR64_BYTES) != LOCATOR64_MARK)
+    *count = file.get<uint16_t>(end + 10);
+    *offset = file.get<uint32_t>(end + 16);
+    if (end < LOCATOR64_BYTES || file.get<uint32_t>(end - LOCATOR64_BYTES) != LOCATOR64_MARK)
         return true;
-    const uint64_t end64 = at<uint64_t>(file, end - LOCATOR64_BYTES + 8);
+    const uint64_t end64 = file.get<uint64_t>(end - LOCATOR64_BYTES + 8);
 
-    if (at<uint32_t>(file, end64) != END64_MARK)
+    if (file.get<uint32_t>(end64) != END64_MARK)
         return false;
-    *count = at<uint64_t>(file, end64 + 32);
-    *offset = at<uint64_t>(file, end64 + 48);
+    *count = file.get<uint64_t>(end64 + 32);
+    *offset = file.get<uint64_t>(end64 + 48);
     return true;
 }
 
 /* Sizes and offset of a large member are in an extra field, in this order, each only where the usual
  * field is full. */
-static void read_extra_64(const evidence_file &file, uint64_t offset, uint64_t bytes, entry *entry)
+static void read_extra_64(const file_span &file, uint64_t offset, uint64_t bytes, entry *entry)
 {
     while (bytes >= 4) {
-        const uint16_t id = at<uint16_t>(file, offset);
-        const uint64_t length = std::min<uint64_t>(at<uint16_t>(file, offset + 2), bytes - 4);
+        const uint16_t id = file.get<uint16_t>(offset);
+        const uint64_t length = std::min<uint64_t>(file.get<uint16_t>(offset + 2), bytes - 4);
         uint64_t value = offset + 4;
 
         if (id == EXTRA_64)
             for (uint64_t *field : {&entry->bytes, &entry->packed, &entry->offset})
                 if (*field == UINT32_MAX && value + 8 <= offset + 4 + length) {
-                    *field = at<uint64_t>(file, value);
+                    *field = file.get<uint64_t>(value);
                     value += 8;
                 }
         offset += 4 + length;
@@ -145,32 +130,37 @@ static void read_extra_64(const evidence_file &file, uint64_t offset, uint64_t b
     }
 }
 
-static std::vector<entry> read_directory(const std::string &path, const evidence_file &file)
+static file_span span_of(const evidence_file &file)
 {
+    return {file.data(), file.bytes()};
+}
+
+static std::vector<entry> read_directory(const evidence_file &archive)
+{
+    const file_span file = span_of(archive);
     std::vector<entry> entries;
     uint64_t offset = 0, count = 0;
 
     if (!find_directory(file, &offset, &count))
-        evidence_bad(path, "the archive is truncated: its directory is missing");
+        archive.bad("the archive is truncated: its directory is missing");
     for (; count > 0; count--) {
-        if (!holds(file, offset, ENTRY_BYTES) || at<uint32_t>(file, offset) != ENTRY_MARK)
-            evidence_bad(path,
-                         text_format("the archive's directory is damaged at byte %llu", offset));
-        const uint64_t name = at<uint16_t>(file, offset + 28),
-                       extra = at<uint16_t>(file, offset + 30),
-                       comment = at<uint16_t>(file, offset + 32);
+        if (!file.holds(offset, ENTRY_BYTES) || file.get<uint32_t>(offset) != ENTRY_MARK)
+            archive.bad(text_format("the archive's directory is damaged at byte %llu", offset));
+        const uint64_t name = file.get<uint16_t>(offset + 28),
+                       extra = file.get<uint16_t>(offset + 30),
+                       comment = file.get<uint16_t>(offset + 32);
         entry one = {"",
-                     at<uint16_t>(file, offset + 8),
-                     at<uint16_t>(file, offset + 10),
-                     at<uint32_t>(file, offset + 16),
-                     at<uint32_t>(file, offset + 20),
-                     at<uint32_t>(file, offset + 24),
-                     at<uint32_t>(file, offset + 42)};
+                     file.get<uint16_t>(offset + 8),
+                     file.get<uint16_t>(offset + 10),
+                     file.get<uint32_t>(offset + 16),
+                     file.get<uint32_t>(offset + 20),
+                     file.get<uint32_t>(offset + 24),
+                     file.get<uint32_t>(offset + 42)};
 
         offset += ENTRY_BYTES;
-        if (!holds(file, offset, name + extra + comment))
-            evidence_bad(path, "the archive's directory is truncated");
-        one.name.assign(reinterpret_cast<const char *>(file.data()) + offset, name);
+        if (!file.holds(offset, name + extra + comment))
+            archive.bad("the archive's directory is truncated");
+        one.name.assign(reinterpret_cast<const char *>(file.bytes) + offset, name);
         one.name = text_narrow(text_wide(one.name));
         read_extra_64(file, offset + name, extra, &one);
         offset += name + extra + comment;
@@ -214,24 +204,24 @@ static bool inflate_member(const uint8_t *data, const entry &entry, member_write
 }
 
 /* Result: why the member cannot be extracted; empty: it is. */
-static std::string extract(const evidence_file &file, const entry &entry, const std::string &path)
+static std::string extract(const file_span &file, const entry &entry, const std::string &path)
 {
-    const uint64_t data = entry.offset + LOCAL_BYTES + at<uint16_t>(file, entry.offset + 26) +
-                          at<uint16_t>(file, entry.offset + 28);
+    const uint64_t data = entry.offset + LOCAL_BYTES + file.get<uint16_t>(entry.offset + 26) +
+                          file.get<uint16_t>(entry.offset + 28);
 
     if ((entry.flags & FLAG_ENCRYPTED) != 0)
         return "is encrypted, unpack the archive and hand in the folder";
     if (entry.method != METHOD_STORED && entry.method != METHOD_DEFLATED)
         return text_format("is packed by method %u, unpack the archive and hand in the folder",
                            entry.method);
-    if (!holds(file, entry.offset, LOCAL_BYTES) || at<uint32_t>(file, entry.offset) != LOCAL_MARK ||
-        !holds(file, data, entry.packed) || entry.bytes > MEMBER_MOST)
+    if (!file.holds(entry.offset, LOCAL_BYTES) || file.get<uint32_t>(entry.offset) != LOCAL_MARK ||
+        !file.holds(data, entry.packed) || entry.bytes > MEMBER_MOST)
         return "is damaged in the archive";
     member_writer out(path);
 
     if (entry.method == METHOD_STORED)
-        store(file.data() + data, entry.packed, &out);
-    else if (!inflate_member(file.data() + data, entry, &out))
+        store(file.bytes + data, entry.packed, &out);
+    else if (!inflate_member(file.bytes + data, entry, &out))
         return "is damaged in the archive";
     return out.total == entry.bytes && out.crc == entry.crc
                ? ""
@@ -258,50 +248,46 @@ static uint64_t free_bytes(const std::string &folder)
 }
 
 /* Nothing is unpacked from an archive that would fill the disk. */
-static void refuse_harm(const std::string &path, const evidence_file &file,
-                        const std::vector<entry> &entries, const std::string &folder)
+static void refuse_harm(const evidence_file &file, const std::vector<entry> &entries,
+                        const std::string &folder)
 {
     uint64_t packed = 0, bytes = 0;
 
     for (const entry &entry : entries) {
         if (leads_out(entry.name))
-            evidence_bad(path, "refused: the member '" + entry.name +
-                                   "' leads out of the folder in which the archive is unpacked");
+            file.bad("refused: the member '" + entry.name +
+                     "' leads out of the folder in which the archive is unpacked");
         packed += std::min(entry.packed, file.bytes() + 1);
         bytes += std::min(entry.bytes, MEMBER_MOST);
     }
     if (packed > file.bytes())
-        evidence_bad(path,
-                     "refused: its members overlap, as in an archive that is made to fill disks");
+        file.bad("refused: its members overlap, as in an archive that is made to fill disks");
     if (bytes > BOMB_BYTES && bytes / BOMB_RATIO > file.bytes())
-        evidence_bad(path,
-                     text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
-                                 "unpack it and hand in the folder",
-                                 file.bytes() >> 20, bytes >> 20));
+        file.bad(text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
+                             "unpack it and hand in the folder",
+                             file.bytes() >> 20, bytes >> 20));
     if (bytes > free_bytes(folder))
-        evidence_bad(path, text_format("refused: it needs %llu MiB, and '%s' has %llu MiB free",
-                                       bytes >> 20, folder.c_str(), free_bytes(folder) >> 20));
+        file.bad(text_format("refused: it needs %llu MiB, and '%s' has %llu MiB free", bytes >> 20,
+                             folder.c_str(), free_bytes(folder) >> 20));
 }
 
 bool zip_is_archive(const std::string &path)
 {
-    const evidence_file file(path, UINT64_MAX);
+    const evidence_file file(path);
+    const uint32_t mark = span_of(file).get<uint32_t>(0);
 
-    return at<uint32_t>(file, 0) == LOCAL_MARK || at<uint32_t>(file, 0) == END_MARK;
+    return mark == LOCAL_MARK || mark == END_MARK;
 }
 
-std::vector<zip_member> zip_extract_file(const std::string &path, const evidence_file &file,
-                                         const std::string &folder,
-                                         bool (*wanted)(const std::string &name))
+std::vector<zip_member> zip_extract(const evidence_file &file, const std::string &folder,
+                                    bool (*wanted)(const std::string &name))
 {
-    const std::vector<entry> entries = read_directory(path, file);
+    const std::vector<entry> entries = read_directory(file);
     std::vector<zip_member> members;
 
-    refuse_harm(path, file, entries, folder);
+    refuse_harm(file, entries, folder);
     for (const entry &entry : entries) {
-        const size_t slash = entry.name.find_last_of("/\\");
-        const std::string name =
-            slash == std::string::npos ? entry.name : entry.name.substr(slash + 1);
+        const std::string name = file_name_of(entry.name);
 
         if (name.empty()) /* a folder */
             continue;
@@ -315,15 +301,9 @@ std::vector<zip_member> zip_extract_file(const std::string &path, const evidence
         const std::string own = folder + text_format("\\%u", static_cast<unsigned>(members.size()));
 
         CreateDirectoryW(text_wide(own).c_str(), nullptr);
-        member.why = extract(file, entry, own + "\\" + name);
+        member.why = extract(span_of(file), entry, own + "\\" + name);
         if (member.why.empty())
             member.path = own + "\\" + name;
     }
     return members;
-}
-
-std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
-                                    bool (*wanted)(const std::string &name))
-{
-    return zip_extract_file(path, evidence_file(path, UINT64_MAX), folder, wanted);
 }

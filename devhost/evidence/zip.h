@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "../base/file.h"
+
 struct zip_member {
     std::string name; /* as in the archive */
     std::string path; /* of the extracted file; empty: not extracted */
@@ -21,12 +23,7 @@ bool zip_is_archive(const std::string &path);
  * with the reason. Throws devhost_error: EXIT_BAD_EVIDENCE for a file without a directory of members,
  * and for one that would fill the disk or has members with ".." in their path;
  * EXIT_BAD_CALL when a file cannot be written. */
-std::vector<zip_member> zip_extract(const std::string &path, const std::string &folder,
+std::vector<zip_member> zip_extract(const evidence_file &file, const std::string &folder,
                                     bool (*wanted)(const std::string &name));
-/* The same for a file that is open; path: for errors. */
-class evidence_file;
-std::vector<zip_member> zip_extract_file(const std::string &path, const evidence_file &file,
-                                         const std::string &folder,
-                                         bool (*wanted)(const std::string &name));
 
 #endif

@@ -53,7 +53,7 @@ bool binary_xml::read_instance(cursor *in, enum place where, program *found,
     in->skip(2);
     const uint32_t identifier = in->get<uint32_t>(), at = in->get<uint32_t>();
 
-    if (!in->sound || at < CHUNK_HEADER_BYTES || at + uint64_t(DEFINITION_HEADER) > size_ ||
+    if (!in->sound || at < EVTX_CHUNK_HEADER_BYTES || at + uint64_t(DEFINITION_HEADER) > size_ ||
         evtx_load<uint32_t>(chunk_ + at + 4) != identifier)
         return false;
     const uint32_t size = evtx_load<uint32_t>(chunk_ + at + 20);
@@ -232,19 +232,20 @@ enum xml_result binary_xml::read(uint32_t at, uint32_t end, const event_filter *
     if (!read_fragment(cursor(chunk_, at, end), IN_DOCUMENT, &found, &values) ||
         !found.fields[FIELD_ID].present || !number(found.fields[FIELD_ID], values, &id))
         return XML_BAD;
-    if (filter != nullptr && !filter->wants_id(id & 0xFFFF))
+    if (filter != nullptr && !filter->wants_id(id))
         return XML_UNWANTED;
     const span &source =
         found.fields[found.fields[FIELD_SOURCE].present ? FIELD_SOURCE : FIELD_PROVIDER];
     event->source.clear();
     if (!append(source, values, &event->source))
         return XML_BAD;
-    if (filter != nullptr && !filter->wants(id & 0xFFFF, event->source))
+    event->id = id & 0xFFFF;
+    if (filter != nullptr && !filter->wants(*event))
         return XML_UNWANTED;
     if (!number(found.fields[FIELD_QUALIFIERS], values, &qualifiers) ||
         !number(found.fields[FIELD_LEVEL], values, &level))
         return XML_BAD;
-    event->id = (id & 0xFFFF) | qualifiers << 16;
+    event->id |= qualifiers << 16;
     event->type = type_of(level);
     event->strings = event_strings();
     return add_items(found, values, MAX_DEPTH, &event->strings) ? XML_READ : XML_BAD;

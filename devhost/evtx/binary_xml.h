@@ -86,20 +86,26 @@ class binary_xml
         uint16_t size;
         uint8_t type;
     };
+    /* The name of an element, attribute or entity. */
+    struct xml_name {
+        const uint8_t *units = nullptr;
+        uint32_t count = 0;
+
+        bool is(const char *text) const;
+    };
     struct cursor;
 
-    bool is_name(const uint8_t *units, uint32_t count, const char *text) const;
-    bool read_name(cursor *in, const uint8_t **units, uint32_t *count);
+    bool read_name(cursor *in, xml_name *read);
     bool read_part(cursor *in, part *read);
     bool read_text(cursor *in, span *text);
-    enum field field_of(const uint8_t *units, uint32_t count, bool of_provider) const;
-    enum place place_below(enum place where, const uint8_t *units, uint32_t count) const;
+    static enum field field_of(const xml_name &name, bool of_provider);
+    static enum place place_below(enum place where, const xml_name &name);
     void read_attributes(cursor *in, enum place where, bool of_provider, program *made);
     void read_element(cursor *in, enum place where, bool in_template, int depth, program *made);
     span read_content(cursor *in, enum place where, bool in_template, int depth, program *made,
                       bool *children);
-    void take_element(enum place where, const uint8_t *units, uint32_t count, const item &read,
-                      bool children, program *made);
+    void take_element(enum place where, const xml_name &name, const item &read, bool children,
+                      program *made);
     program compile(uint32_t at, uint32_t size, bool in_template, enum place where);
     const program *find_template(uint32_t at, uint32_t size, enum place where);
     bool read_values(cursor *in, std::vector<value> *values);

@@ -3,9 +3,9 @@
 #define DEVHOST_BINARY_XML_INTERNAL_H
 
 #include "binary_xml.h"
+#include "evtx_layout.h"
 #include "evtx_values.h"
 
-static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
 static constexpr int MAX_DEPTH = 24;
 
 /* Tokens of binary XML; the bit says that more follow, or that an element has attributes. */

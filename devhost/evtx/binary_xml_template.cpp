@@ -3,7 +3,7 @@
 
 static constexpr uint32_t NO_DEPENDENCY = 0xFFFFu;
 
-bool binary_xml::is_name(const uint8_t *units, uint32_t count, const char *text) const
+bool binary_xml::xml_name::is(const char *text) const
 {
     for (uint32_t i = 0; i < count; i++)
         if (text[i] == '\0' ||
@@ -13,24 +13,23 @@ bool binary_xml::is_name(const uint8_t *units, uint32_t count, const char *text)
 }
 
 /* A name is stored where it is first used, directly after its offset. */
-bool binary_xml::read_name(cursor *in, const uint8_t **units, uint32_t *count)
+bool binary_xml::read_name(cursor *in, xml_name *read)
 {
     const uint32_t at = in->get<uint32_t>();
 
-    if (!in->sound || at < CHUNK_HEADER_BYTES || at + 8ull > size_)
+    if (!in->sound || at < EVTX_CHUNK_HEADER_BYTES || at + 8ull > size_)
         return in->sound = false;
-    *count = evtx_load<uint16_t>(chunk_ + at + 6); /* after next and hash */
-    *units = chunk_ + at + 8;
-    if (at + 8ull + 2ull * *count > size_)
+    read->count = evtx_load<uint16_t>(chunk_ + at + 6); /* after next and hash */
+    read->units = chunk_ + at + 8;
+    if (at + 8ull + 2ull * read->count > size_)
         return in->sound = false;
-    return at != in->at || in->skip(10ull + 2ull * *count);
+    return at != in->at || in->skip(10ull + 2ull * read->count);
 }
 
 /* Result: false for a token that is no text. */
 bool binary_xml::read_part(cursor *in, part *read)
 {
-    const uint8_t *units = nullptr;
-    uint32_t count = 0;
+    xml_name entity;
 
     switch (in->peek_kind()) {
     case TOKEN_SUBSTITUTION:
@@ -51,9 +50,10 @@ bool binary_xml::read_part(cursor *in, part *read)
         return in->skip(2);
     case TOKEN_ENTITY:
         in->skip(1);
-        if (!read_name(in, &units, &count))
+        if (!read_name(in, &entity))
             return false;
-        *read = {part::ENTITY, static_cast<uint32_t>(units - chunk_), static_cast<uint16_t>(count)};
+        *read = {part::ENTITY, static_cast<uint32_t>(entity.units - chunk_),
+                 static_cast<uint16_t>(entity.count)};
         return true;
     default: return false;
     }
@@ -72,14 +72,13 @@ bool binary_xml::read_text(cursor *in, span *text)
     return in->sound;
 }
 
-enum binary_xml::field binary_xml::field_of(const uint8_t *units, uint32_t count,
-                                            bool of_provider) const
+enum binary_xml::field binary_xml::field_of(const xml_name &name, bool of_provider)
 {
-    if (is_name(units, count, "Qualifiers"))
+    if (name.is("Qualifiers"))
         return FIELD_QUALIFIERS;
-    if (of_provider && is_name(units, count, "Name"))
+    if (of_provider && name.is("Name"))
         return FIELD_PROVIDER;
-    return is_name(units, count, "EventSourceName") ? FIELD_SOURCE : FIELD_COUNT;
+    return name.is("EventSourceName") ? FIELD_SOURCE : FIELD_COUNT;
 }
 
 void binary_xml::read_attributes(cursor *in, enum place where, bool of_provider, program *made)
@@ -90,17 +89,16 @@ void binary_xml::read_attributes(cursor *in, enum place where, bool of_provider,
     in->skip(4ull + bytes);
     list.limit = in->at;
     while (in->sound && list.sound && list.at < list.limit) {
-        const uint8_t *units = nullptr;
-        uint32_t count = 0;
+        xml_name attribute;
         span text = {};
 
         if ((list.get<uint8_t>() & ~TOKEN_MORE) != TOKEN_ATTRIBUTE ||
-            !read_name(&list, &units, &count) || !read_text(&list, &text))
+            !read_name(&list, &attribute) || !read_text(&list, &text))
             break;
-        const enum field name =
-            where == IN_SYSTEM ? field_of(units, count, of_provider) : FIELD_COUNT;
-        if (name != FIELD_COUNT)
-            made->fields[name] = text;
+        const enum field target =
+            where == IN_SYSTEM ? field_of(attribute, of_provider) : FIELD_COUNT;
+        if (target != FIELD_COUNT)
+            made->fields[target] = text;
         else if (where == IN_OTHER_DATA && text.count == 1 &&
                  parts_[text.first].kind == part::VALUE)
             items_.push_back({text, NO_DEPENDENCY, false});
@@ -108,16 +106,15 @@ void binary_xml::read_attributes(cursor *in, enum place where, bool of_provider,
     in->sound = in->sound && list.sound && list.at == list.limit;
 }
 
-enum binary_xml::place binary_xml::place_below(enum place where, const uint8_t *units,
-                                               uint32_t count) const
+enum binary_xml::place binary_xml::place_below(enum place where, const xml_name &name)
 {
     if (where == IN_DOCUMENT)
-        return is_name(units, count, "Event") ? IN_EVENT : IN_DOCUMENT;
+        return name.is("Event") ? IN_EVENT : IN_DOCUMENT;
     if (where != IN_EVENT)
         return where;
-    if (is_name(units, count, "System"))
+    if (name.is("System"))
         return IN_SYSTEM;
-    return is_name(units, count, "EventData") ? IN_EVENT_DATA : IN_OTHER_DATA;
+    return name.is("EventData") ? IN_EVENT_DATA : IN_OTHER_DATA;
 }
 
 /* What is between the start tag and the end tag; returns the last text. */
@@ -144,13 +141,13 @@ binary_xml::span binary_xml::read_content(cursor *in, enum place where, bool in_
 }
 
 /* Files what an element contains under its field, or among the strings. */
-void binary_xml::take_element(enum place where, const uint8_t *units, uint32_t count,
-                              const item &read, bool children, program *made)
+void binary_xml::take_element(enum place where, const xml_name &name, const item &read,
+                              bool children, program *made)
 {
     if (where == IN_SYSTEM) {
-        if (is_name(units, count, "EventID"))
+        if (name.is("EventID"))
             made->fields[FIELD_ID] = read.text;
-        else if (is_name(units, count, "Level"))
+        else if (name.is("Level"))
             made->fields[FIELD_LEVEL] = read.text;
         return;
     }
@@ -159,7 +156,7 @@ void binary_xml::take_element(enum place where, const uint8_t *units, uint32_t c
                                : read.text.present && (where != IN_OTHER_DATA || !children);
     if (is_string) {
         items_.push_back(read);
-        items_.back().binary = where == IN_EVENT_DATA && is_name(units, count, "Binary");
+        items_.back().binary = where == IN_EVENT_DATA && name.is("Binary");
     }
 }
 
@@ -168,8 +165,7 @@ void binary_xml::read_element(cursor *in, enum place where, bool in_template, in
 {
     const uint8_t token = in->get<uint8_t>();
     item read = {{}, NO_DEPENDENCY, false};
-    const uint8_t *units = nullptr;
-    uint32_t count = 0;
+    xml_name element;
     bool children = false;
 
     if (in_template)
@@ -179,20 +175,20 @@ void binary_xml::read_element(cursor *in, enum place where, bool in_template, in
     in->skip(size);
     inside.limit = in->at;
     if (!in->sound || depth == 0 || (token & ~TOKEN_MORE) != TOKEN_ELEMENT ||
-        !read_name(&inside, &units, &count)) {
+        !read_name(&inside, &element)) {
         in->sound = false;
         return;
     }
-    const enum place below = place_below(where, units, count);
+    const enum place below = place_below(where, element);
     if ((token & TOKEN_MORE) != 0)
         read_attributes(&inside, below == IN_OTHER_DATA ? IN_OTHER_DATA : where,
-                        is_name(units, count, "Provider"), made);
+                        element.is("Provider"), made);
     const uint8_t close = inside.get<uint8_t>();
     if (close == TOKEN_END_OF_START)
         read.text = read_content(&inside, below, in_template, depth, made, &children);
     in->sound = inside.sound && inside.at == inside.limit &&
                 (close == TOKEN_END_OF_START || close == TOKEN_END_OF_EMPTY);
-    take_element(where, units, count, read, children, made);
+    take_element(where, element, read, children, made);
 }
 
 binary_xml::program binary_xml::compile(uint32_t at, uint32_t size, bool in_template,

@@ -1,5 +1,5 @@
 /* Definitions as in the manifests of Windows 7 to 11. */
-#include "evtx_events.h"
+#include "evtx_template.h"
 
 #include "../base/system_events.h"
 #include "evtx_values.h"

@@ -8,20 +8,14 @@
 
 #include <algorithm>
 
-#include <oxni/base/algo.h>
-
 #include "../base/terminal.h"
 #include "../base/text.h"
 #include "binary_xml.h"
-#include "evtx_values.h"
+#include "evtx_layout.h"
 
-static constexpr uint32_t HEADER_BYTES = 4096u;
-static constexpr uint32_t CHUNK_BYTES = 65536u;
-static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
 static constexpr uint32_t RECORD_HEADER_BYTES = 24u;
 static constexpr uint32_t LEAST_RECORD_BYTES =
     RECORD_HEADER_BYTES + 4u; /* with the copy of its size */
-static constexpr uint32_t RECORD_ALIGNMENT = 8u;
 static constexpr uint32_t RECORD_MAGIC = 0x2A2Au;
 static constexpr uint32_t FLAG_NO_CHECK_SUMS = 4u;
 static constexpr uint32_t PROGRESS_CHUNKS = 256u;
@@ -49,22 +43,12 @@ void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end)
 static std::string chunk_place(uint64_t number)
 {
     return "chunk " + std::to_string(number) + " at byte " +
-           std::to_string(HEADER_BYTES + number * CHUNK_BYTES);
+           std::to_string(EVTX_HEADER_BYTES + number * EVTX_CHUNK_BYTES);
 }
 
 static bool has_header(const uint8_t *chunk, uint32_t size)
 {
-    return size >= CHUNK_HEADER_BYTES && memcmp(chunk, "ElfChnk", 8) == 0;
-}
-
-/* The CRC-32 of the header without the check sum itself. */
-static uint32_t crc32_of_chunk_header(const uint8_t *chunk)
-{
-    uint8_t pieces[0x78 + CHUNK_HEADER_BYTES - 0x80];
-
-    memcpy(pieces, chunk, 0x78);
-    memcpy(pieces + 0x78, chunk + 0x80, sizeof(pieces) - 0x78);
-    return oxni_crc32_calc(pieces, sizeof(pieces));
+    return size >= EVTX_CHUNK_HEADER_BYTES && memcmp(chunk, EVTX_CHUNK_BEGINS, 8) == 0;
 }
 
 /* The check sums of a chunk that has a header, and the record numbers that it names. */
@@ -75,13 +59,13 @@ static void check_chunk(log_reader &reader, const uint8_t *chunk, uint32_t size,
     const uint64_t last = evtx_load<uint64_t>(chunk + 0x20);
 
     if ((evtx_load<uint32_t>(chunk + 0x78) & FLAG_NO_CHECK_SUMS) == 0) {
-        if (crc32_of_chunk_header(chunk) != evtx_load<uint32_t>(chunk + 0x7C)) {
+        if (evtx_chunk_header_sum(chunk) != evtx_load<uint32_t>(chunk + 0x7C)) {
             reader.log->damage.push_back("wrong check sum of the header: " + chunk_place(number));
             return;
         }
-        if (size == CHUNK_BYTES &&
-            (end < CHUNK_HEADER_BYTES || end > size ||
-             oxni_crc32_calc(chunk + CHUNK_HEADER_BYTES, end - CHUNK_HEADER_BYTES) !=
+        if (size == EVTX_CHUNK_BYTES &&
+            (end < EVTX_CHUNK_HEADER_BYTES || end > size ||
+             oxni_crc32_calc(chunk + EVTX_CHUNK_HEADER_BYTES, end - EVTX_CHUNK_HEADER_BYTES) !=
                  evtx_load<uint32_t>(chunk + 0x34)))
             reader.log->damage.push_back("wrong check sum of the records, which are used: " +
                                          chunk_place(number));
@@ -131,10 +115,10 @@ static size_t read_records(log_reader &reader, const uint8_t *chunk, uint32_t si
     size_t bad = 0;
     bool searching = false;
 
-    if (end < CHUNK_HEADER_BYTES || end > size)
+    if (end < EVTX_CHUNK_HEADER_BYTES || end > size)
         end = size;
     reader.xml.begin(chunk, size);
-    for (uint32_t at = CHUNK_HEADER_BYTES; at + LEAST_RECORD_BYTES <= size; at += bytes) {
+    for (uint32_t at = EVTX_CHUNK_HEADER_BYTES; at + LEAST_RECORD_BYTES <= size; at += bytes) {
         const bool sound = is_record(chunk, size, at);
         const uint64_t number = evtx_load<uint64_t>(chunk + at + 8);
 
@@ -142,7 +126,7 @@ static size_t read_records(log_reader &reader, const uint8_t *chunk, uint32_t si
             break;
         if (!trusted && sound && number < next)
             break;
-        bytes = sound ? evtx_load<uint32_t>(chunk + at + 4) : RECORD_ALIGNMENT;
+        bytes = sound ? evtx_load<uint32_t>(chunk + at + 4) : EVTX_RECORD_ALIGNMENT;
         if (!sound && !searching && evtx_load<uint64_t>(chunk + at) != 0)
             bad++;
         searching = !sound;
@@ -161,7 +145,9 @@ static void read_chunk(log_reader &reader, const uint8_t *chunk, uint32_t size, 
 
     if (has_header(chunk, size))
         check_chunk(reader, chunk, size, number);
-    const size_t bad = size >= CHUNK_HEADER_BYTES ? read_records(reader, chunk, size) : 0;
+    const size_t bad = read_records(reader, chunk, size);
+    if (size < EVTX_CHUNK_BYTES)
+        return; /* it is reported as truncated */
     if (!has_header(chunk, size))
         reader.log->damage.push_back((reader.numbers.size() > before
                                           ? "chunk without a header, whose records are used: "
@@ -178,37 +164,32 @@ static bool is_unused(const uint8_t *chunk, uint32_t size)
 }
 
 /* Result: the number of whole chunks. */
-static uint64_t read_chunks(log_reader &reader, const std::string &path, const evidence_file &file)
+static uint64_t read_chunks(log_reader &reader, const evidence_file &file)
 {
-    const uint64_t bytes = file.bytes() - HEADER_BYTES;
+    const uint64_t bytes = file.bytes() - EVTX_HEADER_BYTES;
     bool after_unused = false;
 
-    for (uint64_t number = 0; number * CHUNK_BYTES < bytes; number++) {
-        const uint8_t *chunk = file.data() + HEADER_BYTES + number * CHUNK_BYTES;
-        const uint32_t size =
-            static_cast<uint32_t>(std::min<uint64_t>(CHUNK_BYTES, bytes - number * CHUNK_BYTES));
+    for (uint64_t number = 0; number * EVTX_CHUNK_BYTES < bytes; number++) {
+        const uint8_t *chunk = file.data() + EVTX_HEADER_BYTES + number * EVTX_CHUNK_BYTES;
+        const uint32_t size = static_cast<uint32_t>(
+            std::min<uint64_t>(EVTX_CHUNK_BYTES, bytes - number * EVTX_CHUNK_BYTES));
         /* Most chunks are used, so the rest is read only for the others. */
         const bool unused = !has_header(chunk, size) && is_unused(chunk, size);
 
         if (number % PROGRESS_CHUNKS == 0)
-            terminal_progress(text_format("reading %s, %llu of %llu MiB", path.c_str(), number >> 4,
-                                          bytes >> 20));
+            terminal_progress(text_format("reading %s, %llu of %llu MiB", file.path().c_str(),
+                                          number >> 4, bytes >> 20));
         /* Windows enlarges a log by several chunks at a time and uses them in order. */
         if (!unused && after_unused)
             reader.log->damage.push_back("empty chunk before a used one: " +
                                          chunk_place(number - 1));
-        if (!unused && size == CHUNK_BYTES) {
+        if (!unused)
             read_chunk(reader, chunk, size, number);
-        } else if (!unused) {
-            if (has_header(chunk, size))
-                check_chunk(reader, chunk, size, number);
-            (void)read_records(reader, chunk, size);
-        }
         after_unused = unused;
     }
-    if (bytes % CHUNK_BYTES != 0)
-        reader.log->cut_off = "truncated inside " + chunk_place(bytes / CHUNK_BYTES);
-    return bytes / CHUNK_BYTES;
+    if (bytes % EVTX_CHUNK_BYTES != 0)
+        reader.log->cut_off = "truncated inside " + chunk_place(bytes / EVTX_CHUNK_BYTES);
+    return bytes / EVTX_CHUNK_BYTES;
 }
 
 /* The header of a log in use is older than its chunks: it may count fewer chunks, never more. */
@@ -227,7 +208,7 @@ static void check_header(log_reader &reader, const uint8_t *header, uint64_t chu
     if (chunks < counted && reader.log->cut_off.empty())
         reader.log->cut_off = "truncated after " + std::to_string(chunks) + " of " +
                               text_count(counted, "chunk") + " at byte " +
-                              std::to_string(HEADER_BYTES + chunks * CHUNK_BYTES);
+                              std::to_string(EVTX_HEADER_BYTES + chunks * EVTX_CHUNK_BYTES);
 }
 
 /* A record that occurs twice is used once. */
@@ -264,17 +245,16 @@ static void check_numbers(log_reader &reader)
 
 bool evidence_is_evtx(const evidence_file &file)
 {
-    return file.bytes() >= 8 && memcmp(file.data(), "ElfFile", 8) == 0;
+    return file.bytes() >= 8 && memcmp(file.data(), EVTX_FILE_BEGINS, 8) == 0;
 }
 
-void evidence_read_evtx(const std::string &path, const evidence_file &file,
-                        const event_filter *filter, evidence_log *log)
+void evidence_read_evtx(const evidence_file &file, const event_filter *filter, evidence_log *log)
 {
     log_reader reader = {filter, log, {}, {}, UINT64_MAX, 0};
 
-    if (file.bytes() < HEADER_BYTES)
-        evidence_bad(path, "truncated inside the header at byte " + std::to_string(file.bytes()));
-    const uint64_t chunks = read_chunks(reader, path, file);
+    if (file.bytes() < EVTX_HEADER_BYTES)
+        file.bad("truncated inside the header at byte " + std::to_string(file.bytes()));
+    const uint64_t chunks = read_chunks(reader, file);
     check_header(reader, file.data(), chunks);
     check_numbers(reader);
     sort_events(log);

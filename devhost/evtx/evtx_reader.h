@@ -38,7 +38,6 @@ void evidence_note_gap(evidence_log *log, uint64_t first, uint64_t end);
 bool evidence_is_evtx(const evidence_file &file);
 /* Reads the records that a filter wants, NULL: all. Throws devhost_error with EXIT_BAD_EVIDENCE for a
  * file that ends within its header. */
-void evidence_read_evtx(const std::string &path, const evidence_file &file,
-                        const event_filter *filter, evidence_log *log);
+void evidence_read_evtx(const evidence_file &file, const event_filter *filter, evidence_log *log);
 
 #endif

@@ -1,22 +1,18 @@
 /* Templates of Windows' records, and the values of one record. */
 #include "evtx_template.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <cwchar>
 #include <windows.h>
 
+#include <algorithm>
+
 #include "../base/text.h"
-#include "evtx_events.h"
 #include "evtx_values.h"
 
 static constexpr uint32_t NO_DEPENDENCY = 0xFFFFu;
 static constexpr wchar_t XML_NAMESPACE[] = L"http://schemas.microsoft.com/win/2004/08/events/event";
-
-std::string evtx_text_bytes(const std::wstring &text)
-{
-    return std::string(reinterpret_cast<const char *>(text.data()), text.size() * sizeof(wchar_t));
-}
 
 static xml_node literal(const std::wstring &text)
 {
@@ -28,18 +24,16 @@ static xml_node value_node(uint16_t index, uint8_t type, bool optional = true)
     return {xml_node::VALUE, L"", index, type, optional, {}, {}};
 }
 
-static xml_node element(const std::wstring &name,
-                        std::vector<std::pair<std::wstring, xml_node>> attributes,
-                        std::vector<xml_node> content, uint16_t dependency = NO_DEPENDENCY)
+static xml_node element(const std::wstring &name, std::vector<xml_node> content = {},
+                        uint16_t dependency = NO_DEPENDENCY)
 {
-    return {xml_node::ELEMENT, name, dependency, 0, false, std::move(attributes),
-            std::move(content)};
+    return {xml_node::ELEMENT, name, dependency, 0, false, {}, std::move(content)};
 }
 
 /* An element that is removed with its value. */
 static xml_node optional_element(const std::wstring &name, uint16_t index, uint8_t type)
 {
-    return element(name, {}, {value_node(index, type)}, index);
+    return element(name, {value_node(index, type)}, index);
 }
 
 /* What a template is made of, as text: equal content gives an equal GUID, since readers may keep
@@ -68,7 +62,7 @@ static uint64_t fnv(const std::string &bytes, uint64_t hash)
 static template_ptr make_template(xml_node root)
 {
     auto made = std::make_shared<xml_template>();
-    const std::string content = evtx_text_bytes(content_of(root));
+    const std::string content = text_bytes(content_of(root));
     const uint64_t halves[] = {fnv(content, 0xcbf29ce484222325ull),
                                fnv(content, 0x9ae16a3b2f90404full)};
 
@@ -78,61 +72,38 @@ static template_ptr make_template(xml_node root)
 }
 
 /* The System part of every record, in Windows' order; body: index of the event's data. */
-static template_ptr event_template(std::vector<std::pair<std::wstring, xml_node>> provider,
-                                   xml_node channel, const std::wstring &computer, uint16_t body)
+static template_ptr event_template(const xml_node &provider, const xml_node &channel,
+                                   const std::wstring &computer, uint16_t body)
 {
-    std::vector<xml_node> system = {element(L"Provider", std::move(provider), {})};
-    xml_node id = optional_element(L"EventID", 3, EVTX_UINT16);
+    const uint16_t related = body == EVTX_CLASSIC_BODY ? 18 : 13;
+    const xml_node system = element(
+        L"System",
+        {provider,
+         optional_element(L"EventID", 3, EVTX_UINT16)
+             .with(L"Qualifiers", value_node(4, EVTX_UINT16)),
+         optional_element(L"Version", 11, EVTX_UINT8), optional_element(L"Level", 0, EVTX_UINT8),
+         optional_element(L"Task", 2, EVTX_UINT16), optional_element(L"Opcode", 1, EVTX_UINT8),
+         optional_element(L"Keywords", 5, EVTX_HEX64),
+         element(L"TimeCreated").with(L"SystemTime", value_node(6, EVTX_FILETIME)),
+         optional_element(L"EventRecordID", 10, EVTX_UINT64),
+         element(L"Correlation")
+             .with(L"ActivityID", value_node(7, EVTX_GUID))
+             .with(L"RelatedActivityID", value_node(related, EVTX_GUID)),
+         element(L"Execution")
+             .with(L"ProcessID", value_node(8, EVTX_UINT32))
+             .with(L"ThreadID", value_node(9, EVTX_UINT32)),
+         channel, element(L"Computer", {literal(computer)}),
+         element(L"Security").with(L"UserID", value_node(12, EVTX_SID))});
 
-    id.attributes = {
-        {L"Qualifiers", value_node(4, EVTX_UINT16)}
-    };
-    system.push_back(id);
-    system.push_back(optional_element(L"Version", 11, EVTX_UINT8));
-    system.push_back(optional_element(L"Level", 0, EVTX_UINT8));
-    system.push_back(optional_element(L"Task", 2, EVTX_UINT16));
-    system.push_back(optional_element(L"Opcode", 1, EVTX_UINT8));
-    system.push_back(optional_element(L"Keywords", 5, EVTX_HEX64));
-    system.push_back(element(L"TimeCreated",
-                             {
-                                 {L"SystemTime", value_node(6, EVTX_FILETIME)}
-    },
-                             {}));
-    system.push_back(optional_element(L"EventRecordID", 10, EVTX_UINT64));
-    system.push_back(element(
-        L"Correlation",
-        {
-            {L"ActivityID",        value_node(7,                                   EVTX_GUID)},
-            {L"RelatedActivityID", value_node(body == EVTX_CLASSIC_BODY ? 18 : 13, EVTX_GUID)}
-    },
-        {}));
-    system.push_back(element(
-        L"Execution",
-        {
-            {L"ProcessID", value_node(8, EVTX_UINT32)},
-            {L"ThreadID",  value_node(9, EVTX_UINT32)}
-    },
-        {}));
-    system.push_back(std::move(channel));
-    system.push_back(element(L"Computer", {}, {literal(computer)}));
-    system.push_back(element(L"Security",
-                             {
-                                 {L"UserID", value_node(12, EVTX_SID)}
-    },
-                             {}));
-    return make_template(
-        element(L"Event",
-                {
-                    {L"xmlns", literal(XML_NAMESPACE)}
-    },
-                {element(L"System", {}, std::move(system)), value_node(body, EVTX_XML)}, body));
+    return make_template(element(L"Event", {system, value_node(body, EVTX_XML)}, body)
+                             .with(L"xmlns", literal(XML_NAMESPACE)));
 }
 
 static template_ptr classic_data_template(void)
 {
-    return make_template(element(L"EventData", {},
-                                 {optional_element(L"Data", 0, EVTX_ARRAY | EVTX_STRING),
-                                  optional_element(L"Binary", 2, EVTX_BINARY)}));
+    return make_template(
+        element(L"EventData", {optional_element(L"Data", 0, EVTX_ARRAY | EVTX_STRING),
+                               optional_element(L"Binary", 2, EVTX_BINARY)}));
 }
 
 static template_ptr named_data_template(const std::vector<evtx_field> &fields)
@@ -140,44 +111,40 @@ static template_ptr named_data_template(const std::vector<evtx_field> &fields)
     std::vector<xml_node> data;
 
     for (size_t i = 0; i < fields.size(); i++)
-        data.push_back(element(L"Data",
-                               {
-                                   {L"Name", literal(fields[i].name)}
-        },
-                               {value_node(static_cast<uint16_t>(i), fields[i].type, false)}));
-    return make_template(element(L"EventData", {}, std::move(data)));
+        data.push_back(
+            element(L"Data", {value_node(static_cast<uint16_t>(i), fields[i].type, false)})
+                .with(L"Name", literal(fields[i].name)));
+    return make_template(element(L"EventData", std::move(data)));
 }
 
 static xml_value nothing(void)
 {
-    return {EVTX_NULL, "", nullptr, {}};
+    return {EVTX_NULL};
 }
 
 template <typename T> static xml_value number_value(uint8_t type, T number)
 {
-    return {type, evtx_number_bytes(number), nullptr, {}};
+    return {type, text_bytes(number)};
 }
 
 static xml_value string_value(const std::wstring &text)
 {
-    return {EVTX_STRING, evtx_text_bytes(text), nullptr, {}};
+    return {EVTX_STRING, text_bytes(text)};
 }
 
-/* "{8-4-4-4-12}" in the order of a GUID in memory. */
+/* "{8-4-4-4-12}", of which the first three parts are numbers. */
 static xml_value guid_value(const std::wstring &text)
 {
-    GUID guid = {};
-    unsigned values[11] = {};
+    std::string digits = text_narrow(text);
 
-    swscanf(text.c_str(), L"{%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x}", &values[0], &values[1],
-            &values[2], &values[3], &values[4], &values[5], &values[6], &values[7], &values[8],
-            &values[9], &values[10]);
-    guid.Data1 = values[0];
-    guid.Data2 = static_cast<unsigned short>(values[1]);
-    guid.Data3 = static_cast<unsigned short>(values[2]);
-    for (size_t i = 0; i < 8; i++)
-        guid.Data4[i] = static_cast<unsigned char>(values[3 + i]);
-    return number_value(EVTX_GUID, guid);
+    digits.erase(std::remove_if(digits.begin(), digits.end(), [](char c) { return !isxdigit(c); }),
+                 digits.end());
+    std::string bytes = text_of_hex(digits);
+
+    std::reverse(bytes.begin(), bytes.begin() + 4);
+    std::reverse(bytes.begin() + 4, bytes.begin() + 6);
+    std::reverse(bytes.begin() + 6, bytes.begin() + 8);
+    return {EVTX_GUID, bytes};
 }
 
 /* "S-1-5-18". Result: false for another text. */
@@ -193,20 +160,8 @@ static bool sid_bytes(const std::string &text, std::string *bytes)
     for (int shift = 40; shift >= 0; shift -= 8)
         bytes->push_back(static_cast<char>(authority >> shift));
     for (size_t i = 3; i < parts.size(); i++)
-        bytes->append(
-            evtx_number_bytes(static_cast<uint32_t>(strtoul(parts[i].c_str(), nullptr, 10))));
+        bytes->append(text_bytes(static_cast<uint32_t>(strtoul(parts[i].c_str(), nullptr, 10))));
     return true;
-}
-
-static size_t width_of(uint8_t type)
-{
-    switch (type) {
-    case EVTX_UINT8: return 1;
-    case EVTX_UINT16: return 2;
-    case EVTX_UINT32:
-    case EVTX_BOOLEAN: return 4;
-    default: return 8;
-    }
 }
 
 /* A value from its text as the classic interface shows it. Result: false when it is none of that
@@ -218,18 +173,18 @@ static bool typed_value(uint8_t type, const std::wstring &text, xml_value *value
     uint64_t number = 0;
     char *end = nullptr;
 
-    *value = {type == EVTX_SIZE ? static_cast<uint8_t>(EVTX_HEX64) : type, "", nullptr, {}};
+    *value = {type == EVTX_SIZE ? static_cast<uint8_t>(EVTX_HEX64) : type};
     if (type == EVTX_STRING)
-        value->bytes = evtx_text_bytes(text);
+        value->bytes = text_bytes(text);
     else if (type == EVTX_SID && !sid_bytes(ascii, &value->bytes))
         return false;
     else if (type == EVTX_FILETIME && time_parse(ascii, &number))
-        value->bytes = evtx_number_bytes(number);
+        value->bytes = text_bytes(number);
     else if (type == EVTX_FILETIME)
         return false;
     else if (type != EVTX_SID) {
         number = ascii == "true" ? 1 : ascii == "false" ? 0 : strtoull(ascii.c_str(), &end, 0);
-        value->bytes = evtx_number_bytes(number).substr(0, width_of(type));
+        value->bytes = text_bytes(number).substr(0, evtx_width(value->type));
     }
     evtx_append_value(value->type, reinterpret_cast<const uint8_t *>(value->bytes.data()),
                       value->bytes.size(), &shown);
@@ -272,10 +227,9 @@ xml_value evtx_templates::data(const event_record &event, const evtx_event *know
         return instance_value(cached(key, [&] { return named_data_template(fields); }), values);
     }
     values = {
-        event.strings.count() != 0 ? xml_value{EVTX_ARRAY | EVTX_STRING,
-                                               evtx_text_bytes(event.strings.packed()),
-                                               nullptr, {}}
-                                   : nothing(),
+        event.strings.count() != 0
+            ? xml_value{EVTX_ARRAY | EVTX_STRING, text_bytes(event.strings.packed())}
+            : nothing(),
         number_value(EVTX_UINT32, uint32_t(0)), nothing()
     };
     return instance_value(cached(L"classic data", classic_data_template), values);
@@ -306,58 +260,45 @@ static std::vector<xml_value> system_values(const event_record &event, const evt
             nothing()};
 }
 
-xml_value evtx_templates::manifest_record(const evtx_event &known, std::vector<xml_value> values,
-                                          const xml_value &body)
+template_ptr evtx_templates::manifest_template()
 {
-    const std::vector<std::pair<std::wstring, xml_node>> provider = {
-        {L"Name", value_node(14, EVTX_STRING)},
-        {L"Guid", value_node(15, EVTX_GUID)  }
-    };
-
-    values.push_back(string_value(known.provider->name));
-    values.push_back(guid_value(known.provider->guid));
-    values.push_back(string_value(L"System"));
-    values.push_back(body);
-    return instance_value(cached(L"manifest",
-                                 [&] {
-                                     return event_template(
-                                         provider, optional_element(L"Channel", 16, EVTX_STRING),
-                                         computer_, EVTX_MANIFEST_BODY);
-                                 }),
-                          values);
+    return cached(L"manifest", [&] {
+        return event_template(element(L"Provider")
+                                  .with(L"Name", value_node(14, EVTX_STRING))
+                                  .with(L"Guid", value_node(15, EVTX_GUID)),
+                              optional_element(L"Channel", 16, EVTX_STRING), computer_,
+                              EVTX_MANIFEST_BODY);
+    });
 }
 
-xml_value evtx_templates::classic_record(const evtx_provider &provider,
-                                         std::vector<xml_value> values, const xml_value &body)
+template_ptr evtx_templates::classic_template(const evtx_provider &provider)
 {
-    std::vector<std::pair<std::wstring, xml_node>> attributes = {
-        {L"Name", literal(provider.name)}
-    };
+    return cached(std::wstring(L"classic ") + provider.name, [&] {
+        xml_node node = element(L"Provider").with(L"Name", literal(provider.name));
 
-    if (provider.source != nullptr) {
-        attributes.push_back({L"Guid", literal(provider.guid)});
-        attributes.push_back({L"EventSourceName", literal(provider.source)});
-    }
-    values.resize(EVTX_CLASSIC_BODY, nothing());
-    values.push_back(body);
-    return instance_value(cached(std::wstring(L"classic ") + provider.name,
-                                 [&] {
-                                     return event_template(
-                                         attributes, element(L"Channel", {}, {literal(L"System")}),
-                                         computer_, EVTX_CLASSIC_BODY);
-                                 }),
-                          values);
+        if (provider.source != nullptr)
+            node = node.with(L"Guid", literal(provider.guid))
+                       .with(L"EventSourceName", literal(provider.source));
+        return event_template(node, element(L"Channel", {literal(L"System")}), computer_,
+                              EVTX_CLASSIC_BODY);
+    });
 }
 
 xml_value evtx_templates::record(const event_record &event)
 {
     const evtx_event *known = evtx_find_event(event);
     const evtx_provider unknown = {event.source.c_str(), nullptr, nullptr};
+    const evtx_provider &provider = known != nullptr ? *known->provider : unknown;
     const bool classic = known == nullptr || known->qualifiers != EVTX_NO_QUALIFIERS;
-    const xml_value body = data(event, known);
+    std::vector<xml_value> values = system_values(event, known, classic);
 
-    if (!classic)
-        return manifest_record(*known, system_values(event, known, false), body);
-    return classic_record(known != nullptr ? *known->provider : unknown,
-                          system_values(event, known, true), body);
+    if (classic) {
+        values.resize(EVTX_CLASSIC_BODY, nothing());
+    } else {
+        values.push_back(string_value(provider.name));
+        values.push_back(guid_value(provider.guid));
+        values.push_back(string_value(L"System"));
+    }
+    values.push_back(data(event, known));
+    return instance_value(classic ? classic_template(provider) : manifest_template(), values);
 }

@@ -4,14 +4,19 @@
 #include <algorithm>
 
 #include "../base/text.h"
+#include "evtx_layout.h"
 
-static constexpr int64_t DAYS_1601_TO_0000_MARCH =
-    584694ll; /* from 0000-03-01, where leap days end the year */
-static constexpr uint64_t SECONDS_PER_DAY = 86400ull;
+/* 400 years, after which the calendar repeats. */
+static constexpr uint64_t ERA_100NS = 146097ull * 86400 * TICKS_PER_SECOND;
 
-/* The size that a value of a type has at least; 0: any. Index: the type. */
+/* Index: the type. */
 static const uint8_t s_sizes[] = {0, 0, 0, 1, 1,  2, 2, 4,  4, 8, 8,
                                   4, 8, 4, 0, 16, 4, 8, 16, 8, 4, 8};
+
+size_t evtx_width(uint8_t type)
+{
+    return type < sizeof(s_sizes) ? s_sizes[type] : 0;
+}
 
 static void append(std::wstring *text, const std::string &ascii)
 {
@@ -61,26 +66,14 @@ static int64_t signed_of(const uint8_t *bytes, size_t size)
     return static_cast<int64_t>(number_of(bytes, size) << unused) >> unused;
 }
 
-/* A date of the Gregorian calendar; the C library's fails before 1970 and in the far future, and
- * logs contain both. */
+/* Windows converts no time in the far future, and logs contain such times. */
 static std::string date_text(uint64_t filetime)
 {
-    const uint64_t seconds = filetime / TICKS_PER_SECOND, ticks = filetime % TICKS_PER_SECOND;
-    const int64_t days = static_cast<int64_t>(seconds / SECONDS_PER_DAY) + DAYS_1601_TO_0000_MARCH;
-    const int64_t era = days / 146097, day_of_era = days % 146097;
-    const int64_t year_of_era =
-        (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-    const int64_t day_of_year =
-        day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-    const int64_t month = (5 * day_of_year + 2) / 153; /* from March */
-    const uint64_t second = seconds % SECONDS_PER_DAY;
+    const std::string date = time_iso(filetime % ERA_100NS);
 
-    return text_format("%04lld-%02lld-%02lldT%02u:%02u:%02u.%07u00Z",
-                       era * 400 + year_of_era + (month >= 10 ? 1 : 0),
-                       month < 10 ? month + 3 : month - 9, day_of_year - (153 * month + 2) / 5 + 1,
-                       static_cast<unsigned>(second / 3600),
-                       static_cast<unsigned>(second / 60 % 60), static_cast<unsigned>(second % 60),
-                       static_cast<unsigned>(ticks));
+    return text_format("%04llu",
+                       strtoull(date.c_str(), nullptr, 10) + 400 * (filetime / ERA_100NS)) +
+           date.substr(4, 15) + text_format(".%07llu00Z", filetime % TICKS_PER_SECOND);
 }
 
 static std::string systemtime_text(const uint8_t *bytes)
@@ -117,11 +110,6 @@ static std::string sid_text(const uint8_t *bytes, size_t size)
     return text;
 }
 
-static std::string hexadecimal_text(uint64_t number)
-{
-    return text_format("0x%llx", number);
-}
-
 static std::string ascii_text(uint8_t type, const uint8_t *bytes, size_t size)
 {
     const size_t width = std::min<size_t>(s_sizes[type], sizeof(uint64_t));
@@ -139,12 +127,12 @@ static std::string ascii_text(uint8_t type, const uint8_t *bytes, size_t size)
     case EVTX_DOUBLE: return text_format("%f", evtx_load<double>(bytes));
     case EVTX_BOOLEAN: return evtx_load<uint32_t>(bytes) != 0 ? "true" : "false";
     case EVTX_GUID: return guid_text(bytes);
-    case EVTX_SIZE: return hexadecimal_text(number_of(bytes, size < 8 ? 4 : 8));
+    case EVTX_SIZE: return text_format("0x%llx", number_of(bytes, size < 8 ? 4 : 8));
     case EVTX_FILETIME: return date_text(evtx_load<uint64_t>(bytes));
     case EVTX_SYSTEMTIME: return systemtime_text(bytes);
     case EVTX_SID: return sid_text(bytes, size);
     case EVTX_HEX32:
-    case EVTX_HEX64: return hexadecimal_text(number_of(bytes, width));
+    case EVTX_HEX64: return text_format("0x%llx", number_of(bytes, width));
     default: return "";
     }
 }
@@ -182,7 +170,7 @@ static void add_strings(const uint8_t *bytes, size_t size, event_strings *string
 
 void evtx_add_array(uint8_t type, const uint8_t *bytes, size_t size, event_strings *strings)
 {
-    const size_t width = type < sizeof(s_sizes) ? s_sizes[type] : 0;
+    const size_t width = evtx_width(type);
     std::wstring text;
 
     if (type == EVTX_STRING) {

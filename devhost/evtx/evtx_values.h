@@ -6,7 +6,6 @@
 #define DEVHOST_EVTX_VALUES_H
 
 #include <cstdint>
-#include <cstring>
 
 #include <string>
 
@@ -39,13 +38,8 @@ enum evtx_type {
     EVTX_ARRAY = 0x80 /* of the type in the lower bits */
 };
 
-template <typename T> T evtx_load(const uint8_t *bytes)
-{
-    T value;
-
-    memcpy(&value, bytes, sizeof(value));
-    return value;
-}
+/* The bytes that a value of a type has at least; 0: any number. */
+size_t evtx_width(uint8_t type);
 
 /* Appends UTF-16 up to the count of units or a NUL. */
 void evtx_append_text(const uint8_t *bytes, size_t units, std::wstring *text);

@@ -5,38 +5,33 @@
 
 #include <map>
 
-#include <oxni/base/algo.h>
-
 #include "../base/text.h"
+#include "evtx_layout.h"
 #include "evtx_template.h"
 #include "evtx_values.h"
 
-static constexpr uint32_t HEADER_BYTES = 4096u;
-static constexpr uint32_t CHUNK_BYTES = 65536u;
-static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
 /* Some readers lose a record that ends where its chunk does. */
-static constexpr uint32_t MAX_RECORD_END = CHUNK_BYTES - 8u;
-static constexpr uint32_t RECORD_ALIGN = 8u;
+static constexpr uint32_t MAX_RECORD_END = EVTX_CHUNK_BYTES - 8u;
 static constexpr uint32_t NAME_BUCKETS = 64u;
 static constexpr uint32_t TEMPLATE_BUCKETS = 32u;
 
 namespace
 {
 struct chunk_state {
-    std::string bytes;
+    std::string bytes = std::string(EVTX_CHUNK_HEADER_BYTES, '\0');
     std::map<std::wstring, uint32_t> names;             /* to their offsets */
     std::map<const xml_template *, uint32_t> templates; /* likewise */
     struct {
         uint32_t names[NAME_BUCKETS], templates[TEMPLATE_BUCKETS];
-    } tables;
-    uint64_t first, last; /* record numbers; 0: none */
-    uint32_t last_offset;
+    } tables = {};
+    uint64_t first = 0, last = 0; /* record numbers; 0: none */
+    uint32_t last_offset = 0;
 };
 } // namespace
 
 template <typename T> static void put(std::string *bytes, T number)
 {
-    bytes->append(evtx_number_bytes(number));
+    bytes->append(text_bytes(number));
 }
 
 static void patch(std::string *bytes, size_t at, uint32_t number)
@@ -54,17 +49,11 @@ static uint32_t hash_of(const std::string &bytes)
     return hash;
 }
 
-static void begin_chunk(chunk_state *chunk)
-{
-    *chunk = {};
-    chunk->bytes.assign(CHUNK_HEADER_BYTES, '\0');
-}
-
 /* A name is written where it is first used. */
 static void put_name(chunk_state &chunk, const std::wstring &name)
 {
     const auto known = chunk.names.find(name);
-    const std::string text = evtx_text_bytes(name);
+    const std::string text = text_bytes(name);
     const uint16_t hash = static_cast<uint16_t>(hash_of(text));
     uint32_t &bucket = chunk.tables.names[hash % NAME_BUCKETS];
 
@@ -125,7 +114,7 @@ static void put_node(chunk_state &chunk, const xml_node &node)
     case xml_node::TEXT:
         chunk.bytes += "\x05\x01";
         put(&chunk.bytes, static_cast<uint16_t>(node.text.size()));
-        chunk.bytes += evtx_text_bytes(node.text);
+        chunk.bytes += text_bytes(node.text);
         break;
     case xml_node::VALUE:
         chunk.bytes += node.optional ? '\x0e' : '\x0d';
@@ -209,7 +198,9 @@ static bool add_record(chunk_state *chunk, const event_record &event, const xml_
     put_fragment(*chunk);
     const bool holds = put_instance(*chunk, instance);
     bytes += '\0';
-    bytes.append((RECORD_ALIGN - (bytes.size() + 4) % RECORD_ALIGN) % RECORD_ALIGN, '\0');
+    bytes.append((EVTX_RECORD_ALIGNMENT - (bytes.size() + 4) % EVTX_RECORD_ALIGNMENT) %
+                     EVTX_RECORD_ALIGNMENT,
+                 '\0');
     const uint32_t size = static_cast<uint32_t>(bytes.size() + 4 - begin);
     if (!holds || begin + size > MAX_RECORD_END) {
         bytes.resize(begin);
@@ -230,45 +221,42 @@ static std::string seal(const chunk_state &chunk)
     const uint64_t none = UINT64_MAX;
     const uint32_t end = static_cast<uint32_t>(chunk.bytes.size());
     const bool used = chunk.first != 0;
-    std::string head = "ElfChnk", tables, sealed;
+    std::string sealed = text_bytes(EVTX_CHUNK_BEGINS);
 
-    head.push_back('\0');
     for (const uint64_t number : {used ? chunk.first : 1, used ? chunk.last : none,
                                   used ? chunk.first : none, used ? chunk.last : none})
-        put(&head, number);
-    put(&head, uint32_t(128));
-    put(&head, chunk.last_offset);
-    put(&head, end);
-    put(&head, oxni_crc32_calc(&chunk.bytes[CHUNK_HEADER_BYTES], end - CHUNK_HEADER_BYTES));
-    head.append(64, '\0');
-    tables.append(reinterpret_cast<const char *>(&chunk.tables), sizeof(chunk.tables));
-    const std::string summed = head + tables;
-    const uint32_t sum = oxni_crc32_calc(summed.data(), summed.size());
-    put(&head, uint32_t(1)); /* flags: as in every chunk of Windows */
-    put(&head, sum);
-    sealed = head + tables + chunk.bytes.substr(CHUNK_HEADER_BYTES);
-    sealed.resize(CHUNK_BYTES, '\0');
+        put(&sealed, number);
+    put(&sealed, uint32_t(128));
+    put(&sealed, chunk.last_offset);
+    put(&sealed, end);
+    put(&sealed,
+        oxni_crc32_calc(&chunk.bytes[EVTX_CHUNK_HEADER_BYTES], end - EVTX_CHUNK_HEADER_BYTES));
+    sealed.append(64, '\0');
+    put(&sealed, uint32_t(1)); /* flags: as in every chunk of Windows */
+    put(&sealed, uint32_t(0)); /* the check sum */
+    sealed += text_bytes(chunk.tables) + chunk.bytes.substr(EVTX_CHUNK_HEADER_BYTES);
+    patch(&sealed, 0x7C, evtx_chunk_header_sum(sealed.data()));
+    sealed.resize(EVTX_CHUNK_BYTES, '\0');
     return sealed;
 }
 
 static std::string file_header(uint64_t chunks, uint64_t next_record)
 {
-    std::string head = "ElfFile";
+    std::string head = text_bytes(EVTX_FILE_BEGINS);
 
-    head.push_back('\0');
     put(&head, uint64_t(0));
     put(&head, chunks - 1);
     put(&head, next_record);
     put(&head, uint32_t(128));
     put(&head, uint16_t(1)); /* version 3.1, minor first */
     put(&head, uint16_t(3));
-    put(&head, static_cast<uint16_t>(HEADER_BYTES));
+    put(&head, static_cast<uint16_t>(EVTX_HEADER_BYTES));
     put(&head, static_cast<uint16_t>(chunks));
     head.append(76, '\0');
     const uint32_t sum = oxni_crc32_calc(head.data(), head.size());
     put(&head, uint32_t(0)); /* flags: closed */
     put(&head, sum);
-    head.resize(HEADER_BYTES, '\0');
+    head.resize(EVTX_HEADER_BYTES, '\0');
     return head;
 }
 
@@ -278,7 +266,6 @@ std::string evtx_bytes(const std::vector<event_record> &events, const std::wstri
     chunk_state chunk;
     std::string chunks;
 
-    begin_chunk(&chunk);
     for (const event_record &event : events) {
         const xml_value instance = templates.record(event);
 
@@ -286,14 +273,14 @@ std::string evtx_bytes(const std::vector<event_record> &events, const std::wstri
             continue;
         if (chunk.first != 0)
             chunks += seal(chunk);
-        begin_chunk(&chunk);
+        chunk = chunk_state();
         if (!add_record(&chunk, event, instance))
             throw devhost_error(
                 EXIT_BAD_CALL,
                 text_format("record %u: longer than a chunk of a log", event.number));
     }
     chunks += seal(chunk);
-    return file_header(chunks.size() / CHUNK_BYTES,
+    return file_header(chunks.size() / EVTX_CHUNK_BYTES,
                        events.empty() ? 1 : events.back().number + 1ull) +
            chunks;
 }

@@ -42,6 +42,25 @@ static void message_json(const happening &what, rapidjson::Document &json)
     json.AddMember(rapidjson::StringRef(command ? "to" : "from"), name, memory);
 }
 
+static std::string place_of(size_t index)
+{
+    return "[" + std::to_string(index) + "]";
+}
+
+/* Adds a failure for more than was expected. */
+static void check_rest(const expect_context &context, const std::vector<const happening *> &found,
+                       const char *what)
+{
+    const unsigned expected = context.value->Size();
+
+    if (expected < found.size())
+        expect_fail(context,
+                    text_format("%u %s, expected %u; the next is ",
+                                static_cast<unsigned>(found.size()), what, expected) +
+                        found[expected]->text +
+                        (found[expected]->kind == HAPPENED_LOG ? "" : " " + found[expected]->json));
+}
+
 /* Messages of a kind, in order, as many as expected and each fitting. */
 static void check_messages(const expect_context &context)
 {
@@ -50,21 +69,16 @@ static void check_messages(const expect_context &context)
 
     for (const node &expected : context.value.elements()) {
         rapidjson::Document actual;
-        std::string place = "[" + std::to_string(index) + "]";
+        const std::string place = place_of(index);
 
         if (index == found.size()) {
             expect_fail(context, place + " is missing, expected " + node_to_text(*expected));
             return;
         }
-        message_json(*found[index], actual);
+        message_json(*found[index++], actual);
         expect_fail(context, match_json(*expected, actual, place));
-        index++;
     }
-    if (index < found.size())
-        expect_fail(context,
-                    text_format("%u events, expected %u; the next is ",
-                                static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
-                        found[index]->text + " " + found[index]->json);
+    check_rest(context, found, "events");
 }
 
 /* A log line that contains a text, or has a level, a file and a part of its text. */
@@ -163,37 +177,30 @@ static void check_list(const expect_context &context)
         const json_value *expected = &(*context.value)[static_cast<rapidjson::SizeType>(i)];
 
         if (!match_text(found[i]->text, expected->GetString()))
-            expect_fail(context, "[" + std::to_string(i) + "] is \"" + found[i]->text +
-                                     "\", expected \"" + match_expand(expected->GetString()) +
-                                     "\"");
+            expect_fail(context, place_of(i) + " is \"" + found[i]->text + "\", expected \"" +
+                                     match_expand(expected->GetString()) + "\"");
     }
 }
 
 /* All lines of level warn and error, in order, and no others. */
 static void check_warnings(const expect_context &context)
 {
-    std::vector<happening> found;
+    std::vector<const happening *> found;
     size_t index = 0;
 
     for (const happening *what : happenings(context.kind))
         if (what->number <= OXNI_LOG_WARN)
-            found.push_back(*what);
+            found.push_back(what);
     for (const node &expected : context.value.elements()) {
-        const std::string place = "[" + std::to_string(index) + "]";
-
-        if (index == found.size() || !log_fits(expected, found[index].text, found[index].number)) {
-            expect_fail(context, place + " is " +
-                                     (index == found.size() ? "missing" : found[index].text) +
+        if (index == found.size() || !event_fits(expected, *found[index])) {
+            expect_fail(context, place_of(index) + " is " +
+                                     (index == found.size() ? "missing" : found[index]->text) +
                                      ", expected " + node_to_text(*expected));
             return;
         }
         index++;
     }
-    if (index < found.size())
-        expect_fail(context,
-                    text_format("%u lines, expected %u; the next is ",
-                                static_cast<unsigned>(found.size()), static_cast<unsigned>(index)) +
-                        found[index].text);
+    check_rest(context, found, "lines");
 }
 
 static void check_log_counts(const expect_context &context)

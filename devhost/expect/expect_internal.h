@@ -14,6 +14,10 @@ struct expect_context {
 /* Adds a failure; an empty text is none. */
 void expect_fail(const expect_context &context, const std::string &why);
 
+/* Adds a failure unless there are as many as expected: "3 timers of 500 ms, expected 2". */
+void expect_count(const expect_context &context, const node &expected, uint64_t count,
+                  const std::string &what);
+
 /* A member of an "expect". */
 struct expect_member {
     const char *name;

@@ -20,30 +20,33 @@ void expect_fail(const expect_context &context, const std::string &why)
         context.failures.push_back(context.value.place() + ": " + why);
 }
 
+void expect_count(const expect_context &context, const node &expected, uint64_t count,
+                  const std::string &what)
+{
+    if (count != expected->GetUint64())
+        expect_fail(context, text_format("%llu%s, expected %llu", count, what.c_str(),
+                                         expected->GetUint64()));
+}
+
 /* Pending timers by their delay in ms. */
 static void check_timers(const expect_context &context)
 {
-    for (const auto &[delay, value] : context.value.members()) {
-        uint64_t count = observe_timers(strtoull(delay.c_str(), nullptr, 10));
-
-        if (count != value->GetUint64())
-            expect_fail(context, text_format("%llu timers of %s ms, expected %llu", count,
-                                             delay.c_str(), value->GetUint64()));
-    }
+    for (const auto &[delay, value] : context.value.members())
+        expect_count(context, value, observe_timers(strtoull(delay.c_str(), nullptr, 10)),
+                     " timers of " + delay + " ms");
 }
 
 static void check_references(const expect_context &context)
 {
     for (const auto &[name, value] : context.value.members()) {
         oxni_subscriber *handle = subscriber_seen(name);
-        uint64_t count = handle != nullptr ? oxnih_subscriber_references(handle) : 0;
 
         if (handle == nullptr)
             expect_fail(context,
                         "no subscriber \"" + name + "\" was seen since the start of the agent");
-        else if (count != value->GetUint64())
-            expect_fail(context, text_format("%llu references to %s, expected %llu", count,
-                                             name.c_str(), value->GetUint64()));
+        else
+            expect_count(context, value, oxnih_subscriber_references(handle),
+                         " references to " + name);
     }
 }
 
@@ -157,9 +160,7 @@ static void check_agent(const expect_context &context)
 
 static void check_pending_replies(const expect_context &context)
 {
-    if (oxnih_core_pending_replies() != context.value->GetUint64())
-        expect_fail(context, text_format("%llu, expected %llu", oxnih_core_pending_replies(),
-                                         context.value->GetUint64()));
+    expect_count(context, context.value, oxnih_core_pending_replies(), "");
 }
 
 static const expect_member s_members[] = {

@@ -16,45 +16,54 @@ std::string kernel_dump_hex(uint64_t value)
     return text;
 }
 
-enum kernel_dump_error kernel_dump_outside(const file_span &file, const std::string &what,
-                                           uint64_t offset, uint64_t length, std::string *reason)
+void kernel_dump_refuse(enum kernel_dump_error error, const std::string &reason)
 {
-    *reason = what + " (" + std::to_string(length) + " bytes at " + kernel_dump_hex(offset) +
-              ") reaches outside the file of " + std::to_string(file.size) + " bytes";
-    return KERNEL_DUMP_DAMAGED;
+    throw kernel_dump_refusal{error, reason};
 }
 
-static enum kernel_dump_error check_signature(const file_span &file, std::string *reason)
+void kernel_dump_damaged(const std::string &reason)
 {
-    if (file.holds(0, 4) && memcmp(file.bytes, "MDMP", 4) == 0) {
-        *reason = "a dump of a process, expected one of the kernel";
-        return KERNEL_DUMP_USER_MODE;
-    }
-    if (file.holds(0, 8) && memcmp(file.bytes, "PAGEDUMP", 8) == 0) {
-        *reason = "a dump of 32-bit Windows, expected x64";
-        return KERNEL_DUMP_32_BIT;
-    }
-    if (file.size >= 8 && memcmp(file.bytes, "PAGEDU64", 8) != 0) {
-        *reason = "not a dump: it does not begin with \"PAGEDU64\"";
-        return KERNEL_DUMP_NOT_A_DUMP;
-    }
-    if (file.size < DUMP_HEADER_BYTES) {
-        *reason = "the file is truncated: " + std::to_string(file.size) +
-                  " bytes, and the header alone has " + std::to_string(DUMP_HEADER_BYTES);
-        return KERNEL_DUMP_CUT_OFF;
-    }
-    return KERNEL_DUMP_OK;
+    kernel_dump_refuse(KERNEL_DUMP_DAMAGED, reason);
 }
 
-static enum kernel_dump_error check_machine(const file_span &file, std::string *reason)
+void kernel_dump_truncated(const file_span &file, const std::string &where)
 {
+    kernel_dump_refuse(KERNEL_DUMP_CUT_OFF, "the file is truncated: it ends at " +
+                                                std::to_string(file.size) + " bytes, " + where);
+}
+
+void kernel_dump_check(const file_span &file, const std::string &what, uint64_t offset,
+                       uint64_t length)
+{
+    if (!file.holds(offset, length))
+        kernel_dump_damaged(what + " (" + std::to_string(length) + " bytes at " +
+                            kernel_dump_hex(offset) + ") reaches outside the file of " +
+                            std::to_string(file.size) + " bytes");
+}
+
+static void check_kind_of_file(const file_span &file)
+{
+    const std::string start(reinterpret_cast<const char *>(file.bytes),
+                            static_cast<size_t>(std::min<uint64_t>(file.size, 8)));
+
+    if (start.compare(0, 4, "MDMP") == 0)
+        kernel_dump_refuse(KERNEL_DUMP_USER_MODE,
+                           "a dump of a process, expected one of the kernel");
+    if (start == "PAGEDUMP")
+        kernel_dump_refuse(KERNEL_DUMP_32_BIT, "a dump of 32-bit Windows, expected x64");
+    if (start.size() == 8 && start != "PAGEDU64")
+        kernel_dump_refuse(KERNEL_DUMP_NOT_A_DUMP,
+                           "not a dump: it does not begin with \"PAGEDU64\"");
+    if (file.size < DUMP_HEADER_BYTES)
+        kernel_dump_refuse(KERNEL_DUMP_CUT_OFF,
+                           "the file is truncated: " + std::to_string(file.size) +
+                               " bytes, and the header alone has " +
+                               std::to_string(DUMP_HEADER_BYTES));
     const uint32_t machine = file.at<uint32_t>(DUMP_MACHINE);
 
-    if (machine == DUMP_MACHINE_X64)
-        return KERNEL_DUMP_OK;
-    *reason =
-        "the machine type " + kernel_dump_hex(machine) + " is not supported, only x64 (0x8664)";
-    return KERNEL_DUMP_MACHINE;
+    if (machine != DUMP_MACHINE_X64)
+        kernel_dump_refuse(KERNEL_DUMP_MACHINE, "the machine type " + kernel_dump_hex(machine) +
+                                                    " is not supported, only x64 (0x8664)");
 }
 
 static void read_header(const file_span &file, kernel_dump *dump)
@@ -71,24 +80,20 @@ static void read_header(const file_span &file, kernel_dump *dump)
     dump->uptime_100ns = file.at<uint64_t>(DUMP_UPTIME);
 }
 
-enum kernel_dump_error kernel_dump_read_context(const file_span &file, uint64_t offset,
-                                                kernel_dump *dump, std::string *reason)
+void kernel_dump_read_context(const file_span &file, uint64_t offset, kernel_dump *dump)
 {
-    if (!file.holds(offset, CONTEXT_BYTES))
-        return kernel_dump_outside(file, "the context", offset, CONTEXT_BYTES, reason);
+    kernel_dump_check(file, "the context", offset, CONTEXT_BYTES);
     const uint32_t flags = file.at<uint32_t>(offset + CONTEXT_FLAGS);
 
-    if ((flags & CONTEXT_CONTROL) != CONTEXT_CONTROL) {
-        *reason = "the context at " + kernel_dump_hex(offset) +
-                  " does not contain Rip and Rsp (flags " + kernel_dump_hex(flags) + ")";
-        return KERNEL_DUMP_NO_CONTEXT;
-    }
+    if ((flags & CONTEXT_CONTROL) != CONTEXT_CONTROL)
+        kernel_dump_refuse(KERNEL_DUMP_NO_CONTEXT, "the context at " + kernel_dump_hex(offset) +
+                                                       " does not contain Rip and Rsp (flags " +
+                                                       kernel_dump_hex(flags) + ")");
     for (uint64_t i = 0; i < 16; i++)
         dump->general[i] = file.at<uint64_t>(offset + CONTEXT_GENERAL + 8 * i);
     dump->has_general = (flags & CONTEXT_INTEGER) == CONTEXT_INTEGER;
     dump->rsp = dump->general[UNWIND_RSP];
     dump->rip = file.at<uint64_t>(offset + CONTEXT_RIP);
-    return KERNEL_DUMP_OK;
 }
 
 static void append_utf8(std::string *text, uint32_t code)
@@ -153,41 +158,40 @@ bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module)
     return true;
 }
 
-static enum kernel_dump_error read_kind(const file_span &file, kernel_dump *dump,
-                                        std::string *reason)
+static void read_kind(const file_span &file, kernel_dump *dump)
 {
     switch (dump->kind) {
-    case KERNEL_DUMP_KIND_TRIAGE: return kernel_dump_read_triage(file, dump, reason);
+    case KERNEL_DUMP_KIND_TRIAGE: kernel_dump_read_triage(file, dump); break;
     case KERNEL_DUMP_KIND_FULL:
     case KERNEL_DUMP_KIND_KERNEL:
     case KERNEL_DUMP_KIND_BITMAP_FULL:
-    case KERNEL_DUMP_KIND_BITMAP_KERNEL: return kernel_dump_read_memory(file, dump, reason);
+    case KERNEL_DUMP_KIND_BITMAP_KERNEL: kernel_dump_read_memory(file, dump); break;
+    default:
+        kernel_dump_refuse(KERNEL_DUMP_KIND,
+                           "the dump type " + std::to_string(dump->kind) + " is unknown");
     }
-    *reason = "the dump type " + std::to_string(dump->kind) + " is unknown";
-    return KERNEL_DUMP_KIND;
 }
 
 enum kernel_dump_error kernel_dump_read(const uint8_t *bytes, uint64_t size, kernel_dump *dump,
                                         std::string *reason)
 {
     const file_span file = {bytes, size};
-    enum kernel_dump_error error;
 
     *dump = kernel_dump();
     reason->clear();
-    error = check_signature(file, reason);
-    if (error == KERNEL_DUMP_OK)
-        error = check_machine(file, reason);
-    if (error == KERNEL_DUMP_OK) {
+    try {
+        check_kind_of_file(file);
         read_header(file, dump);
-        error = read_kind(file, dump, reason);
-    }
-    if (error != KERNEL_DUMP_OK)
+        read_kind(file, dump);
+    } catch (const kernel_dump_refusal &refusal) {
         *dump = kernel_dump();
+        *reason = refusal.reason;
+        return refusal.error;
+    }
     std::stable_sort(
         dump->modules.begin(), dump->modules.end(),
         [](const kernel_dump_module &a, const kernel_dump_module &b) { return a.base < b.base; });
-    return error;
+    return KERNEL_DUMP_OK;
 }
 
 const kernel_dump_module *kernel_dump_module_at(const kernel_dump &dump, uint64_t address)

@@ -14,13 +14,22 @@ static constexpr uint32_t KERNEL_DUMP_PATH_END_CHARS = KERNEL_DUMP_FILE_NAME_CHA
 
 std::string kernel_dump_hex(uint64_t value);
 
-/* Result: KERNEL_DUMP_DAMAGED, with a reason that names what reaches outside the file. */
-enum kernel_dump_error kernel_dump_outside(const file_span &file, const std::string &what,
-                                           uint64_t offset, uint64_t length, std::string *reason);
+/* Thrown by the functions below; kernel_dump_read returns it as error and reason. */
+struct kernel_dump_refusal {
+    enum kernel_dump_error error;
+    std::string reason;
+};
+[[noreturn]] void kernel_dump_refuse(enum kernel_dump_error error, const std::string &reason);
+[[noreturn]] void kernel_dump_damaged(const std::string &reason);
+/* where: after which part the file ends. */
+[[noreturn]] void kernel_dump_truncated(const file_span &file, const std::string &where);
+
+/* Throws KERNEL_DUMP_DAMAGED unless the file contains what is at offset. */
+void kernel_dump_check(const file_span &file, const std::string &what, uint64_t offset,
+                       uint64_t length);
 
 /* Rip, Rsp and the other general registers from the context at offset of the file. */
-enum kernel_dump_error kernel_dump_read_context(const file_span &file, uint64_t offset,
-                                                kernel_dump *dump, std::string *reason);
+void kernel_dump_read_context(const file_span &file, uint64_t offset, kernel_dump *dump);
 
 /*
  * The name of a module from its file's path: without folders and extension, in UTF-8.
@@ -38,9 +47,7 @@ bool kernel_dump_add_module(kernel_dump *dump, const kernel_dump_module &module)
 
 /* Read the part after the header: Rip, Rsp, stack and modules in any order, for a memory dump also
  * gaps. dump contains the header already. */
-enum kernel_dump_error kernel_dump_read_triage(const file_span &file, kernel_dump *dump,
-                                               std::string *reason);
-enum kernel_dump_error kernel_dump_read_memory(const file_span &file, kernel_dump *dump,
-                                               std::string *reason);
+void kernel_dump_read_triage(const file_span &file, kernel_dump *dump);
+void kernel_dump_read_memory(const file_span &file, kernel_dump *dump);
 
 #endif

@@ -98,8 +98,7 @@ static const char *walk_list(const memory_dump &memory, enum list_direction dire
 }
 
 /* Reads a broken list from both ends. */
-static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dump *dump,
-                                           std::string *reason)
+static void read_modules(const memory_dump &memory, kernel_dump *dump)
 {
     size_t nameless = 0;
     const char *fault = walk_list(memory, LIST_FORWARD, dump, &nameless);
@@ -107,11 +106,11 @@ static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dum
 
     if (fault != nullptr)
         (void)walk_list(memory, LIST_BACKWARD, dump, &nameless);
-    if (dump->modules.empty()) {
-        *reason = "no entry of the list of modules at " + kernel_dump_hex(dump->loaded_modules) +
-                  " can be read: " + (fault != nullptr ? fault : "the list is empty");
-        return KERNEL_DUMP_NO_MODULES;
-    }
+    if (dump->modules.empty())
+        kernel_dump_refuse(KERNEL_DUMP_NO_MODULES,
+                           "no entry of the list of modules at " +
+                               kernel_dump_hex(dump->loaded_modules) +
+                               " can be read: " + (fault != nullptr ? fault : "the list is empty"));
     if (fault != nullptr)
         dump->gaps.push_back("the list of modules is incomplete, " + std::to_string(from_start) +
                              " are read from its start and " +
@@ -120,7 +119,6 @@ static enum kernel_dump_error read_modules(const memory_dump &memory, kernel_dum
     if (nameless > 0)
         dump->gaps.push_back("the names of " + std::to_string(nameless) +
                              " modules cannot be read");
-    return KERNEL_DUMP_OK;
 }
 
 static void read_stack(const memory_dump &memory, kernel_dump *dump)
@@ -148,30 +146,21 @@ static void read_stack(const memory_dump &memory, kernel_dump *dump)
     }
 }
 
-enum kernel_dump_error kernel_dump_read_memory(const file_span &file, kernel_dump *dump,
-                                               std::string *reason)
+void kernel_dump_read_memory(const file_span &file, kernel_dump *dump)
 {
-    memory_dump memory;
-    enum kernel_dump_error error = kernel_dump_read_context(file, DUMP_CONTEXT, dump, reason);
-
-    if (error == KERNEL_DUMP_OK)
-        error = memory_dump_open(file, *dump, &memory, reason);
-    if (error != KERNEL_DUMP_OK)
-        return error;
+    kernel_dump_read_context(file, DUMP_CONTEXT, dump);
+    const memory_dump memory = memory_dump_open(file, *dump);
     const uint64_t whole = memory_dump_whole_bytes(memory);
-    const std::string cut = file.size >= whole
-                                ? ""
-                                : "the file is truncated, " + std::to_string(file.size) + " of " +
-                                      std::to_string(whole) + " bytes";
 
-    if (!cut.empty())
-        dump->gaps.push_back(cut);
-    error = read_modules(memory, dump, reason);
-    if (error == KERNEL_DUMP_OK) {
-        read_stack(memory, dump);
-    } else if (!cut.empty()) {
-        *reason = cut + ": " + *reason;
-        error = KERNEL_DUMP_CUT_OFF;
+    if (file.size < whole)
+        dump->gaps.push_back("the file is truncated, " + std::to_string(file.size) + " of " +
+                             std::to_string(whole) + " bytes");
+    try {
+        read_modules(memory, dump);
+    } catch (const kernel_dump_refusal &refusal) {
+        if (dump->gaps.empty())
+            throw;
+        kernel_dump_refuse(KERNEL_DUMP_CUT_OFF, dump->gaps[0] + ": " + refusal.reason);
     }
-    return error;
+    read_stack(memory, dump);
 }

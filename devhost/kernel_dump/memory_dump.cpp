@@ -12,38 +12,32 @@ static constexpr uint32_t BLOCK_BITS = 4096u;
 /* The list of runs ends where the context begins. */
 static constexpr uint64_t RUNS_MAX = (DUMP_CONTEXT - MEMORY_RUN_FIRST) / MEMORY_RUN_BYTES;
 
-static enum kernel_dump_error open_runs(memory_dump *memory, std::string *reason)
+static void open_runs(memory_dump *memory)
 {
     const uint32_t count = memory->file.at<uint32_t>(MEMORY_RUN_COUNT);
     const uint64_t pages = memory->file.at<uint64_t>(MEMORY_RUN_PAGES);
     uint64_t free_from = 0;
 
-    if (count == 0 || count > RUNS_MAX) {
-        *reason = "the header cannot hold " + std::to_string(count) + " runs of physical memory";
-        return KERNEL_DUMP_DAMAGED;
-    }
+    if (count == 0 || count > RUNS_MAX)
+        kernel_dump_damaged("the header cannot hold " + std::to_string(count) +
+                            " runs of physical memory");
     for (uint32_t i = 0; i < count; i++) {
         const uint64_t at = MEMORY_RUN_FIRST + static_cast<uint64_t>(i) * MEMORY_RUN_BYTES;
         const memory_run run = {memory->file.at<uint64_t>(at), memory->file.at<uint64_t>(at + 8),
                                 memory->pages};
 
-        if (run.first < free_from || run.first > PAGES_MAX || run.count > PAGES_MAX - run.first) {
-            *reason = "run " + std::to_string(i) + " of physical memory (" +
-                      std::to_string(run.count) + " pages from " + kernel_dump_hex(run.first) +
-                      ") is invalid";
-            return KERNEL_DUMP_DAMAGED;
-        }
+        if (run.first < free_from || run.first > PAGES_MAX || run.count > PAGES_MAX - run.first)
+            kernel_dump_damaged("run " + std::to_string(i) + " of physical memory (" +
+                                std::to_string(run.count) + " pages from " +
+                                kernel_dump_hex(run.first) + ") is invalid");
         free_from = run.first + run.count;
         memory->pages += run.count;
         memory->runs.push_back(run);
     }
-    if (pages != memory->pages) {
-        *reason = "the runs of physical memory have " + std::to_string(memory->pages) +
-                  " pages, and the header counts " + std::to_string(pages);
-        return KERNEL_DUMP_DAMAGED;
-    }
+    if (pages != memory->pages)
+        kernel_dump_damaged("the runs of physical memory have " + std::to_string(memory->pages) +
+                            " pages, and the header counts " + std::to_string(pages));
     memory->pages_offset = DUMP_HEADER_BYTES;
-    return KERNEL_DUMP_OK;
 }
 
 /* Number of bits that are set from first, a multiple of 8, to end, exclusive. */
@@ -73,72 +67,57 @@ static bool has_bitmap(const file_span &file)
            memcmp(file.bytes + MEMORY_BITMAP + 4, "DUMP", 4) == 0;
 }
 
-static enum kernel_dump_error check_bitmap(const memory_dump &memory, std::string *reason)
+static void check_bitmap(const memory_dump &memory)
 {
-    const file_span &file = memory.file;
     const uint64_t bytes = memory.bits / 8 + (memory.bits % 8 != 0);
 
-    if (memory.bits == 0 || memory.bits > PAGES_MAX) {
-        *reason = "no machine has " + std::to_string(memory.bits) + " pages of memory";
-        return KERNEL_DUMP_DAMAGED;
-    }
-    if (memory.pages_offset < MEMORY_BITS + bytes) {
-        *reason = "the bitmap of " + std::to_string(bytes) + " bytes reaches into the pages at " +
-                  kernel_dump_hex(memory.pages_offset);
-        return KERNEL_DUMP_DAMAGED;
-    }
-    if (memory.pages_offset > file.size) {
-        *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
-                  " bytes, and its first page is at " + std::to_string(memory.pages_offset);
-        return KERNEL_DUMP_CUT_OFF;
-    }
-    return KERNEL_DUMP_OK;
+    if (memory.bits == 0 || memory.bits > PAGES_MAX)
+        kernel_dump_damaged("no machine has " + std::to_string(memory.bits) + " pages of memory");
+    if (memory.pages_offset < MEMORY_BITS + bytes)
+        kernel_dump_damaged("the bitmap of " + std::to_string(bytes) +
+                            " bytes reaches into the pages at " +
+                            kernel_dump_hex(memory.pages_offset));
+    if (memory.pages_offset > memory.file.size)
+        kernel_dump_truncated(memory.file,
+                              "and its first page is at " + std::to_string(memory.pages_offset));
 }
 
-static enum kernel_dump_error open_bitmap(memory_dump *memory, std::string *reason)
+static void open_bitmap(memory_dump *memory)
 {
     const file_span &file = memory->file;
 
-    if (!file.holds(DUMP_HEADER_BYTES, MEMORY_BITS - DUMP_HEADER_BYTES)) {
-        *reason = "the file is truncated: it ends at " + std::to_string(file.size) +
-                  " bytes, inside the header of the bitmap";
-        return KERNEL_DUMP_CUT_OFF;
-    }
-    if (!has_bitmap(file)) {
-        *reason = "the header of the bitmap is missing at " + kernel_dump_hex(DUMP_HEADER_BYTES);
-        return KERNEL_DUMP_DAMAGED;
-    }
+    if (!file.holds(DUMP_HEADER_BYTES, MEMORY_BITS - DUMP_HEADER_BYTES))
+        kernel_dump_truncated(file, "inside the header of the bitmap");
+    if (!has_bitmap(file))
+        kernel_dump_damaged("the header of the bitmap is missing at " +
+                            kernel_dump_hex(DUMP_HEADER_BYTES));
     memory->pages_offset = file.at<uint64_t>(MEMORY_FIRST_PAGE);
     memory->bits = file.at<uint64_t>(MEMORY_BITMAP_BITS);
-    const enum kernel_dump_error error = check_bitmap(*memory, reason);
-
-    if (error != KERNEL_DUMP_OK)
-        return error;
+    check_bitmap(*memory);
     for (uint64_t bit = 0; bit < memory->bits; bit += BLOCK_BITS) {
         memory->ranks.push_back(memory->pages);
         memory->pages += bits_set(file, bit, std::min(memory->bits, bit + BLOCK_BITS));
     }
     /* A wrong bit would shift all following pages. */
-    if (memory->pages != file.at<uint64_t>(MEMORY_BITMAP_PRESENT)) {
-        *reason = "the bitmap marks " + std::to_string(memory->pages) +
-                  " pages, and its header counts " +
-                  std::to_string(file.at<uint64_t>(MEMORY_BITMAP_PRESENT));
-        return KERNEL_DUMP_DAMAGED;
-    }
-    return KERNEL_DUMP_OK;
+    if (memory->pages != file.at<uint64_t>(MEMORY_BITMAP_PRESENT))
+        kernel_dump_damaged("the bitmap marks " + std::to_string(memory->pages) +
+                            " pages, and its header counts " +
+                            std::to_string(file.at<uint64_t>(MEMORY_BITMAP_PRESENT)));
 }
 
-enum kernel_dump_error memory_dump_open(const file_span &file, const kernel_dump &dump,
-                                        memory_dump *memory, std::string *reason)
+memory_dump memory_dump_open(const file_span &file, const kernel_dump &dump)
 {
-    *memory = memory_dump();
-    memory->file = file;
-    memory->directory_table = dump.directory_table & MEMORY_FRAME;
+    memory_dump memory;
+
+    memory.file = file;
+    memory.directory_table = dump.directory_table & MEMORY_FRAME;
     /* The contents of a kernel dump decide which of the two it has. */
     if (dump.kind == KERNEL_DUMP_KIND_FULL ||
         (dump.kind == KERNEL_DUMP_KIND_KERNEL && file.holds(MEMORY_BITMAP, 8) && !has_bitmap(file)))
-        return open_runs(memory, reason);
-    return open_bitmap(memory, reason);
+        open_runs(&memory);
+    else
+        open_bitmap(&memory);
+    return memory;
 }
 
 uint64_t memory_dump_whole_bytes(const memory_dump &memory)
@@ -234,11 +213,9 @@ enum memory_result memory_dump_read(const memory_dump &memory, uint64_t address,
 
 const char *memory_result_text(enum memory_result result)
 {
-    switch (result) {
-    case MEMORY_OK: return "nothing is missing";
-    case MEMORY_UNMAPPED: return "the address is not mapped";
-    case MEMORY_NO_PAGE: return "the page is not in the dump";
-    case MEMORY_NO_TABLE: return "a page table is not in the dump";
-    }
-    return "unknown";
+    static const char *const texts[] = {"nothing is missing", "the address is not mapped",
+                                        "the page is not in the dump",
+                                        "a page table is not in the dump"};
+
+    return texts[result];
 }

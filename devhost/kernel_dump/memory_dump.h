@@ -48,16 +48,11 @@ enum memory_result {
  * Finds the pages of a file.
  *
  * file     A dump whose header was read into dump. Borrowed as long as memory is used.
- * memory   Filled; undefined on failure.
- * reason   As of kernel_dump_read.
  *
- * Result   KERNEL_DUMP_CUT_OFF when the file ends before its first page, KERNEL_DUMP_DAMAGED. A file
- *          that ends later only lacks pages. Throws std::bad_alloc; allocates at most 1/64 of the
- *          bitmap's size.
+ * Throws KERNEL_DUMP_CUT_OFF when the file ends before its first page, and KERNEL_DUMP_DAMAGED. A file
+ * that ends later only lacks pages. Throws std::bad_alloc; allocates at most 1/64 of the bitmap's size.
  */
-[[nodiscard]] enum kernel_dump_error memory_dump_open(const file_span &file,
-                                                      const kernel_dump &dump, memory_dump *memory,
-                                                      std::string *reason);
+memory_dump memory_dump_open(const file_span &file, const kernel_dump &dump);
 
 /* The size of the complete file. */
 uint64_t memory_dump_whole_bytes(const memory_dump &memory);

@@ -6,7 +6,6 @@
 #include "../base/text.h"
 #include "../scenario/journal.h"
 #include "../scenario/scenario.h"
-#include "doubts.h"
 
 const char *replay_answer_name(enum replay_answer_kind kind)
 {
@@ -18,20 +17,18 @@ const char *replay_answer_name(enum replay_answer_kind kind)
 std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump &placed,
                              const replay_story &story)
 {
-    const bool chosen = !story.dump.empty() && text_lower(story.dump) == text_lower(placed.place);
+    const replay_dump *chosen = evidence.dump_at(story.dump);
 
     if (!placed.there)
         return "is not on the machine: " + placed.why;
-    if (chosen)
+    if (chosen == &placed)
         return "was given to the debugger engine";
     if (story.dump.empty())
         return "was not given to the debugger engine; Windows started at " +
                time_iso(evidence.boot->started_100ns, true);
-    for (const replay_dump &other : evidence.dumps)
-        if (other.there && text_lower(story.dump) == text_lower(other.place))
-            return "was passed over for " + other.place + ", written " +
-                   time_iso(other.written_100ns, true);
-    return "was passed over for " + story.dump;
+    return "was passed over for " +
+           (chosen != nullptr ? chosen->place + ", written " + time_iso(chosen->written_100ns, true)
+                              : story.dump);
 }
 
 std::vector<std::string> replay_orders(void)
@@ -67,10 +64,11 @@ static size_t count_ordered(const replay_evidence &evidence)
 /* The dump that the engine read, as it was handed in. */
 static std::string dump_name(const replay_evidence &evidence, const replay_story &story)
 {
-    for (const replay_dump &placed : evidence.dumps)
-        if (placed.there && text_lower(placed.place) == text_lower(story.dump))
-            return placed.dump.file_name;
-    return story.dump.empty() ? "the dump" : story.dump;
+    const replay_dump *placed = evidence.dump_at(story.dump);
+
+    return placed != nullptr    ? placed->dump.file_name
+           : story.dump.empty() ? "the dump"
+                                : story.dump;
 }
 
 static std::string bypass_sentence(const replay_evidence &evidence, const replay_story &story,

@@ -1,5 +1,5 @@
 /* Doubts, one function a kind. */
-#include "doubts.h"
+#include "replay.h"
 
 #include <algorithm>
 
@@ -24,6 +24,16 @@ struct doubter {
     void add(bool decides, const std::string &reason, const std::string &text)
     {
         doubts.push_back({reason, text, decides});
+    }
+    /* A doubt about the log. */
+    void add_log(bool decides, const std::string &reason, const std::string &text)
+    {
+        add(decides, reason, evidence.events_file + ": " + text);
+    }
+    void add_dump(bool decides, const std::string &reason, const replay_dump &placed,
+                  const std::string &text)
+    {
+        add(decides, reason, placed.dump.shown + ": " + text);
     }
     const event_record &start() const
     {
@@ -59,21 +69,20 @@ static void doubt_gaps(doubter &d)
         if (gap.first > begin && gap.first < end) {
             const std::string many = text_count(gap.last - gap.first + 1, "record");
 
-            d.add(true, many + " of this boot " + (many == "1 record" ? "is" : "are") + " missing",
-                  d.evidence.events_file + ": " + numbers(gap) + " of boot " +
-                      std::to_string(d.evidence.boot->number) +
-                      " cannot be read; hand in a complete export of the System log");
+            d.add_log(true,
+                      many + " of this boot " + (many == "1 record" ? "is" : "are") + " missing",
+                      numbers(gap) + " of boot " + std::to_string(d.evidence.boot->number) +
+                          " cannot be read; hand in a complete export of the System log");
             any = true;
         }
     if (!log.cut_off.empty())
-        d.add(d.is_last_boot(), "the log is truncated",
-              d.evidence.events_file + ": " + log.cut_off + ", after " +
-                  text_format("record %u", log.events.back().number) +
-                  "; hand in a complete export of the System log");
+        d.add_log(d.is_last_boot(), "the log is truncated",
+                  log.cut_off + ", after " + text_format("record %u", log.events.back().number) +
+                      "; hand in a complete export of the System log");
     else if (!log.damage.empty() && !any)
-        d.add(
+        d.add_log(
             false, "the log is damaged",
-            d.evidence.events_file + ": " + log.damage.front() +
+            log.damage.front() +
                 (log.damage.size() > 1
                      ? ", and " + text_count(log.damage.size() - 1, "further finding")
                      : "") +
@@ -87,21 +96,16 @@ static void doubt_unexpected(doubter &d)
         return;
     for (const event_record *event : d.unexpected)
         if (evidence_unexpected_code(*event) != 0)
-            d.add(true, "the record of the blue screen is missing",
-                  d.evidence.events_file + ": " + record_name(*event) +
-                      text_format(" contains bug check 0x%x, and no BugCheck 1001 follows; hand in "
-                                  "a System log that was exported later, and the dump",
-                                  evidence_unexpected_code(*event)));
-}
-
-static bool was_given_to_engine(const doubter &d, const replay_dump &placed)
-{
-    return placed.there && text_lower(placed.place) == text_lower(d.story.dump);
+            d.add_log(true, "the record of the blue screen is missing",
+                      record_name(*event) +
+                          text_format(" contains bug check 0x%x, and no BugCheck 1001 follows; "
+                                      "hand in a System log that was exported later, and the dump",
+                                      evidence_unexpected_code(*event)));
 }
 
 static std::string file_of(const std::string &path)
 {
-    return text_lower(path.substr(path.find_last_of("\\/") + 1));
+    return text_lower(file_name_of(path));
 }
 
 static void doubt_missing_dump(doubter &d, const event_record &event)
@@ -111,28 +115,26 @@ static void doubt_missing_dump(doubter &d, const event_record &event)
     for (const replay_dump &placed : d.evidence.dumps)
         if (placed.is_ours)
             return;
-    d.add(true,
-          path.empty() ? "no dump of the crash was handed in"
-                       : "the dump " + path + " was not handed in",
-          d.evidence.events_file + ": " + record_name(event) +
-              (path.empty()
-                   ? " reports a blue screen, and no dump of it was handed in; hand in the "
-                     "files of C:\\Windows\\Minidump, and C:\\Windows\\MEMORY.DMP"
-                   : " names " + path + ", which was not handed in; hand it in"));
+    if (path.empty())
+        d.add_log(true, "no dump of the crash was handed in",
+                  record_name(event) +
+                      " reports a blue screen, and no dump of it was handed in; hand in the files "
+                      "of C:\\Windows\\Minidump, and C:\\Windows\\MEMORY.DMP");
+    else
+        d.add_log(true, "the dump " + path + " was not handed in",
+                  record_name(event) + " names " + path + ", which was not handed in; hand it in");
 }
 
 /* The plug-in prefers the small dump, so a complete one that is missing changes nothing by itself. */
 static void doubt_other_dump(doubter &d, const event_record &event)
 {
-    const std::string path = replay_dump_path(event);
-
     for (const replay_dump &placed : d.evidence.dumps)
-        if (placed.is_ours && !d.story.dump.empty() && !was_given_to_engine(d, placed) &&
-            placed.dump.facts.kind == KERNEL_DUMP_KIND_TRIAGE)
-            d.add(true, "the plug-in reads another dump than that of the crash",
-                  placed.dump.shown + ": " + replay_dump_fate(d.evidence, placed, d.story) +
-                      ", although it matches " + record_name(event) +
-                      "; hand in all files of its folder with their times");
+        if (placed.is_ours && !d.story.dump.empty() &&
+            &placed != d.evidence.dump_at(d.story.dump) && placed.dump.is_small())
+            d.add_dump(true, "the plug-in reads another dump than that of the crash", placed,
+                       replay_dump_fate(d.evidence, placed, d.story) + ", although it matches " +
+                           record_name(event) +
+                           "; hand in all files of its folder with their times");
 }
 
 /* A log that was exported before the crash, or is of another machine. */
@@ -152,30 +154,27 @@ static void doubt_unknown_dump(doubter &d, const replay_dump &placed)
         if (evidence_is_bug_check(event) &&
             evidence_dump_fits(placed.dump, text_narrow(event.strings.at(0))) == EVIDENCE_FITS)
             return;
-    d.add(in_time, "the crash of " + placed.dump.file_name + " is not in the log",
-          placed.dump.shown +
-              text_format(": bug check 0x%x of ", facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG) +
-              time_iso(facts.crash_time_100ns) + " matches no record BugCheck 1001 of " +
-              d.evidence.events_file + "; hand in the System log of that machine, exported after " +
-              "its next start");
+    d.add_dump(in_time, "the crash of " + placed.dump.file_name + " is not in the log", placed,
+               text_format("bug check 0x%x of ", facts.bug_check & ~KERNEL_DUMP_TRIAGE_FLAG) +
+                   time_iso(facts.crash_time_100ns) + " matches no record BugCheck 1001 of " +
+                   d.evidence.events_file +
+                   "; hand in the System log of that machine, exported after its next start");
 }
 
 static void doubt_engine(doubter &d)
 {
-    for (const replay_dump &placed : d.evidence.dumps) {
-        if (!was_given_to_engine(d, placed))
-            continue;
-        for (const std::string &gap : placed.dump.facts.gaps)
-            d.add(true, placed.dump.file_name + " is incomplete",
-                  placed.dump.shown + ": " + gap +
-                      "; hand in a complete copy, or the small dump of the same crash");
-        if (d.story.stack.empty())
-            d.add(true, "no stack was read from " + placed.dump.file_name,
-                  placed.dump.shown + ": " +
-                      (d.story.engine_error.empty() ? "the engine printed no stack"
-                                                    : d.story.engine_error) +
-                      "; hand in another dump of the same crash");
-    }
+    const replay_dump *placed = d.evidence.dump_at(d.story.dump);
+
+    if (placed == nullptr)
+        return;
+    for (const std::string &gap : placed->dump.facts.gaps)
+        d.add_dump(true, placed->dump.file_name + " is incomplete", *placed,
+                   gap + "; hand in a complete copy, or the small dump of the same crash");
+    if (d.story.stack.empty())
+        d.add_dump(
+            true, "no stack was read from " + placed->dump.file_name, *placed,
+            (d.story.engine_error.empty() ? "the engine printed no stack" : d.story.engine_error) +
+                "; hand in another dump of the same crash");
 }
 
 /* Of images that were handed in: what they leave open. */
@@ -225,13 +224,12 @@ static void doubt_clock(doubter &d)
                 continue;
             const bool logon = event->source == SOURCE_WINLOGON;
 
-            d.add(!logon || !d.bug_checks.empty() || !d.unexpected.empty(),
-                  "the clock was set back during this boot",
-                  d.evidence.events_file + ": " + record_name(*event) + " has the time " +
-                      time_iso(time_of_unix(event->time)) + ", before the start at " +
-                      time_iso(d.evidence.boot->started_100ns) +
-                      ": the clock was set back, and the plug-in skips a logon and dumps that seem "
-                      "older than the start; hand in the agent's log of this boot");
+            d.add_log(!logon || !d.bug_checks.empty() || !d.unexpected.empty(),
+                      "the clock was set back during this boot",
+                      record_name(*event) + " has the time " + time_iso(time_of_unix(event->time)) +
+                          ", before the start at " + time_iso(d.evidence.boot->started_100ns) +
+                          ": the clock was set back, and the plug-in skips a logon and dumps that "
+                          "seem older than the start; hand in the agent's log of this boot");
         }
 }
 
@@ -248,18 +246,18 @@ static void doubt_disagreement(doubter &d)
     if (proof == nullptr || d.story.verdict == VERDICT_CRASH ||
         (d.bug_checks.empty() && d.story.verdict == VERDICT_POWER_LOSS))
         return;
-    d.add(true,
-          std::string("the log shows ") +
-              (d.bug_checks.empty() ? "an unexpected shutdown" : "a blue screen") +
-              ", and the plug-in concludes " + s_verdicts[d.story.verdict],
-          d.evidence.events_file + ": " + record_name(*proof) +
-              text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
-                          seconds_after_start(d, *proof)) +
-              s_verdicts[d.story.verdict] +
-              (d.story.last_query_ms != 0
-                   ? text_format(" after %llu s", d.story.last_query_ms / 1000)
-                   : "") +
-              "; hand in the agent's log of this boot");
+    d.add_log(true,
+              std::string("the log shows ") +
+                  (d.bug_checks.empty() ? "an unexpected shutdown" : "a blue screen") +
+                  ", and the plug-in concludes " + s_verdicts[d.story.verdict],
+              record_name(*proof) +
+                  text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
+                              seconds_after_start(d, *proof)) +
+                  s_verdicts[d.story.verdict] +
+                  (d.story.last_query_ms != 0
+                       ? text_format(" after %llu s", d.story.last_query_ms / 1000)
+                       : "") +
+                  "; hand in the agent's log of this boot");
 }
 
 /* Without blanks, folder and the ending of a file, in lower case. */
@@ -340,12 +338,11 @@ static void doubt_early_end(doubter &d)
         return;
     const bool clean = before != nullptr && before->ending == RUN_ENDED_CLEAN;
 
-    d.add(!clean && d.unexpected.empty() && before != nullptr, "the log ends soon after the start",
-          d.evidence.events_file +
-              text_format(": %s, the last one, was written %lld s after the start, and the plug-in "
-                          "searches for %u s; hand in a System log that was exported later",
-                          record_name(last).c_str(), seconds,
-                          static_cast<unsigned>(SEARCH_SECONDS)));
+    d.add_log(
+        !clean && d.unexpected.empty() && before != nullptr, "the log ends soon after the start",
+        text_format("%s, the last one, was written %lld s after the start, and the plug-in "
+                    "searches for %u s; hand in a System log that was exported later",
+                    record_name(last).c_str(), seconds, static_cast<unsigned>(SEARCH_SECONDS)));
 }
 
 static void doubt_unknown_end(doubter &d)
@@ -353,9 +350,8 @@ static void doubt_unknown_end(doubter &d)
     const evidence_run *before = d.evidence.before();
 
     if (before != nullptr && before->ending == RUN_ENDED_UNKNOWN && d.doubts.empty())
-        d.add(false, "the log does not show how the previous run ended",
-              d.evidence.events_file +
-                  text_format(": no record shows how the run before record %u ended; hand in a log "
+        d.add_log(false, "the log does not show how the previous run ended",
+                  text_format("no record shows how the run before record %u ended; hand in a log "
                               "that covers it, if there is one",
                               d.start().number));
 }
@@ -369,9 +365,9 @@ std::vector<replay_doubt> doubts_of(const replay_evidence &evidence, const repla
 
         if (evidence_is_bug_check(event))
             d.bug_checks.push_back(&event);
-        else if (evidence_is_unexpected(event))
+        else if (event.is(RECORD_UNEXPECTED))
             d.unexpected.push_back(&event);
-        else if (event.source == SOURCE_WINLOGON && (event.id & 0xffff) == EVENT_LOGON)
+        else if (event.is(RECORD_LOGON))
             d.logons.push_back(&event);
     }
     doubt_gaps(d);

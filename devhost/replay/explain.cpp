@@ -3,6 +3,8 @@
 
 #include <cstring>
 
+#include <algorithm>
+
 #include "../base/text.h"
 #include "../machine/event_log.h"
 #include "../machine/machine.h"
@@ -17,90 +19,71 @@ static constexpr char UPDATED_LINE[] = "Upgraded without notification";
 /* A log line of the plug-in, in which * matches a value, and its sentence; %1 is the first value. Only
  * the first row that matches counts. */
 struct line_row {
-    const char *line;
     enum reason_topic topic;
-    bool ends_check;             /* one such line a check */
-    enum replay_verdict verdict; /* that the line begins */
+    const char *line;
     const char *sentence;
+    bool ends_check = false;                    /* one such line a check */
+    enum replay_verdict verdict = VERDICT_NONE; /* that the line begins */
 };
 
 /* clang-format off */
 static const line_row s_lines[] = {
-    {"system boot up at [*]",
-     REASON_LOG, false, VERDICT_NONE,
+    {REASON_LOG, "system boot up at [*]",
      "takes %1 (local time) as the start of Windows"},
-    {"windows_winlogin left count[*] time[*]",
-     REASON_LOG, false, VERDICT_NONE,
+    {REASON_LOG, "windows_winlogin left count[*] time[*]",
      "finds a logon in this run, %2 (local time), and starts to look for a crash"},
-    {"get_crash_info failed:13 ",
-     REASON_LOG, false, VERDICT_NONE,
+    {REASON_LOG, "get_crash_info failed:13 ",
      "reads the whole log and finds no record that it looks for"},
-    {"get_crash_info failed:* ",
-     REASON_LOG, false, VERDICT_NONE,
+    {REASON_LOG, "get_crash_info failed:* ",
      "cannot read the log, result %1"},
-    {"windows_nonomal_shutdown time [*], waitting crash event, left count[*] ",
-     REASON_LOG, false, VERDICT_NONE,
+    {REASON_LOG, "windows_nonomal_shutdown time [*], waitting crash event, left count[*] ",
      "finds the record of an unexpected shutdown, and waits for the record of a blue screen"},
-    {"dump not found.",
-     REASON_DUMP, false, VERDICT_NONE,
+    {REASON_DUMP, "dump not found.",
      "finds no dump that was written since the start of Windows"},
-    {"* failed with hr = *. ",
-     REASON_DUMP, false, VERDICT_NONE,
+    {REASON_DUMP, "* failed with hr = *. ",
      "fails to call %1 of the debugger engine, result %2"},
-    {"* failed with out of memory. ",
-     REASON_DUMP, false, VERDICT_NONE,
+    {REASON_DUMP, "* failed with out of memory. ",
      "runs out of memory: %1"},
-    {"invalid dmp file path. ",
-     REASON_DUMP, false, VERDICT_NONE,
+    {REASON_DUMP, "invalid dmp file path. ",
      "has no path to a dump"},
-    {EMPTY_STACK_LINE,
-     REASON_STACK, false, VERDICT_NONE,
+    {REASON_STACK, EMPTY_STACK_LINE,
      "gets no stack from the debugger engine"},
-    {"can not parse dump info[*] ",
-     REASON_STACK, false, VERDICT_NONE,
+    {REASON_STACK, "can not parse dump info[*] ",
      "finds no module in the output of the debugger engine"},
-    {"parse dump info success with module size=* ",
-     REASON_STACK, false, VERDICT_NONE,
+    {REASON_STACK, "parse dump info success with module size=* ",
      "counts the different modules on the stack: %1"},
-    {"crash module[*]",
-     REASON_STACK, false, VERDICT_NONE,
+    {REASON_STACK, "crash module[*]",
      "finds %1 on the stack, which no product registered"},
-    {BLAME_LINE,
-     REASON_VERDICT, false, VERDICT_NONE,
+    {REASON_VERDICT, BLAME_LINE,
      "blames %1: it is on the stack, and a product registered it"},
-    {NO_BLAME_LINE,
-     REASON_VERDICT, false, VERDICT_NONE,
+    {REASON_VERDICT, NO_BLAME_LINE,
      "blames no product: no registered module is on the stack"},
-    {"It is necessary to delete the tag when encountering a blue screen.dump path[]",
-     REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the previous run ended with a blue screen, and names no small dump"},
-    {"It is necessary to delete the tag when encountering a blue screen.dump path[*]",
-     REASON_VERDICT, true, VERDICT_CRASH,
-     "concludes that the previous run ended with a blue screen, and names the small dump %1"},
-    {"It is necessary to delete the tag when encountering a nonormal shutdown!",
-     REASON_VERDICT, true, VERDICT_POWER_LOSS,
-     "concludes that the previous run ended unexpectedly, without a blue screen"},
-    {"The previous shutdown was not due to an abnormal poweroff or blue screen, start check "
+    {REASON_VERDICT,
+     "It is necessary to delete the tag when encountering a blue screen.dump path[]",
+     "concludes that the previous run ended with a blue screen, and names no small dump",
+     true, VERDICT_CRASH},
+    {REASON_VERDICT,
+     "It is necessary to delete the tag when encountering a blue screen.dump path[*]",
+     "concludes that the previous run ended with a blue screen, and names the small dump %1",
+     true, VERDICT_CRASH},
+    {REASON_VERDICT, "It is necessary to delete the tag when encountering a nonormal shutdown!",
+     "concludes that the previous run ended unexpectedly, without a blue screen",
+     true, VERDICT_POWER_LOSS},
+    {REASON_VERDICT,
+     "The previous shutdown was not due to an abnormal poweroff or blue screen, start check "
      "recover file!",
-     REASON_VERDICT, true, VERDICT_NORMAL,
-     "concludes that the previous run ended normally"},
-    {"Failed to query abnormal shutdown information",
-     REASON_VERDICT, true, VERDICT_NOT_KNOWN,
-     "cannot determine how the previous run ended"},
-    {"The subscriber may have lost contact",
-     REASON_VERDICT, true, VERDICT_NONE,
-     "drops a verdict: the product has unsubscribed"},
-    {UPDATED_LINE,
-     REASON_VERDICT, false, VERDICT_NONE,
+     "concludes that the previous run ended normally", true, VERDICT_NORMAL},
+    {REASON_VERDICT, "Failed to query abnormal shutdown information",
+     "cannot determine how the previous run ended", true, VERDICT_NOT_KNOWN},
+    {REASON_VERDICT, "The subscriber may have lost contact",
+     "drops a verdict: the product has unsubscribed", true},
+    {REASON_VERDICT, UPDATED_LINE,
      "blames no product: the drivers were updated in this run"},
-    {"Manually restored or upgraded, no longer sending count calibration",
-     REASON_VERDICT, false, VERDICT_NONE,
+    {REASON_VERDICT, "Manually restored or upgraded, no longer sending count calibration",
      "lowers no count: products were restored or drivers updated by hand"},
-    {"find normal shutdown event, but count[*] <= 1, nothing to do!",
-     REASON_VERDICT, false, VERDICT_NONE,
+    {REASON_VERDICT, "find normal shutdown event, but count[*] <= 1, nothing to do!",
      "lowers no count: it is %1"},
-    {"The product (*) has already passed and does not need to set a count",
-     REASON_VERDICT, false, VERDICT_NONE,
+    {REASON_VERDICT, "The product (*) has already passed and does not need to set a count",
      "does not lower the count of %1: it is in bypass"},
 };
 /* clang-format on */
@@ -174,28 +157,38 @@ static void note_record(size_t happening, const std::vector<std::string> &values
     const machine_read read = machine_last_read();
     const std::vector<event_record> &events = machine_get().events;
     const std::wstring source = text_wide(values[2]);
-    const uint32_t id = static_cast<uint32_t>(strtoul(values[0].c_str(), nullptr, 10));
+    const event_kind kind = {source.c_str(),
+                             static_cast<uint32_t>(strtoul(values[0].c_str(), nullptr, 10))};
 
     for (size_t i = events.size(); i > 0; i--) {
         const event_record &event = events[i - 1];
 
-        if (event.number <= read.newest && event.number >= read.oldest &&
-            (event.id & 0xffff) == id && event.source == source) {
+        if (event.number <= read.newest && event.number >= read.oldest && event.is(kind)) {
             s_records.push_back({happening, event});
             return;
         }
     }
 }
 
-/* The row of a line that begins a verdict, one a check; NULL for another line. */
-static const line_row *verdict_of(const std::string &line)
+/* The row of a line, with the values in it; NULL for a line that explains nothing. */
+static const line_row *row_of(const std::string &line, std::vector<std::string> *values)
+{
+    for (const line_row &row : s_lines) {
+        values->clear();
+        if (captures(line, row.line, values))
+            return &row;
+    }
+    return nullptr;
+}
+
+/* Whether a line ends a check. */
+static bool is_verdict(const std::string &line)
 {
     std::vector<std::string> values;
 
-    for (const line_row &row : s_lines)
-        if (row.ends_check && captures(line, row.line, &values))
-            return &row;
-    return nullptr;
+    return std::any_of(std::begin(s_lines), std::end(s_lines), [&](const line_row &row) {
+        return row.ends_check && captures(line, row.line, &values);
+    });
 }
 
 static void watch(const happening &what, void *user)
@@ -211,7 +204,7 @@ static void watch(const happening &what, void *user)
         s_begun++;
     else if (captures(line, RECORD_LINE, &values))
         note_record(journal_all().size() - 1, values);
-    else if (verdict_of(line) != nullptr)
+    else if (is_verdict(line))
         s_ended++;
 }
 
@@ -222,14 +215,14 @@ void explain_start(void)
     journal_set_view(watch, nullptr);
 }
 
-size_t explain_begun(void)
+void explain_note_call(const std::string &text)
 {
-    return s_begun;
+    journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
-size_t explain_ended(void)
+bool explain_is_checking(void)
 {
-    return s_ended;
+    return s_ended < s_begun;
 }
 
 /* A repeated action is one reason. */
@@ -266,16 +259,15 @@ static void add_record(replay_story *story, const seen_record &seen, const std::
 /* Takes the stack as the engine printed it; the last one counts. */
 static void take_stack(replay_story *story, const std::string &text)
 {
-    story->stack.clear();
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = text.find('\n', at);
-        const std::string line =
-            text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        size_t cut = line.find('!');
+    std::vector<std::string> lines = text_split(text, '\n');
 
-        cut = cut != std::string::npos ? cut : line.find('+');
-        story->stack.push_back({line, cut != std::string::npos ? line.substr(0, cut) : "", ""});
-        at = end == std::string::npos ? text.size() : end + 1;
+    if (lines.back().empty())
+        lines.pop_back();
+    story->stack.clear();
+    for (const std::string &line : lines) {
+        const size_t mark = line.find('!'), cut = mark != line.npos ? mark : line.find('+');
+
+        story->stack.push_back({line, cut != line.npos ? line.substr(0, cut) : "", ""});
     }
 }
 
@@ -288,29 +280,26 @@ static void explain_line(replay_story *story, size_t index, const std::string &l
         add_reason(story, REASON_STACK, index, "gets the stack from the debugger engine");
         return;
     }
-    for (const auto &row : s_lines) {
-        values.clear();
-        if (!captures(line, row.line, &values))
-            continue;
-        add_reason(story, row.topic, index,
-                   strcmp(row.line, NO_BLAME_LINE) == 0 && story->stack.empty()
-                       ? "blames no product: no stack was read"
-                       : filled(row.sentence, values));
-        /* One of several checks may have ended before the blue screen was recorded. */
-        if (row.verdict != VERDICT_NONE &&
-            (story->verdict == VERDICT_NONE || row.verdict == VERDICT_CRASH))
-            story->verdict = row.verdict;
-        if (strcmp(row.line, BLAME_LINE) == 0 && story->blamed.empty()) {
-            story->blamed = values[0];
-            story->blamed_ms = journal_all()[index].ms;
-        }
-        if (row.topic == REASON_DUMP)
-            story->engine_error = filled(row.sentence, values);
-        if (row.ends_check)
-            story->last_query_ms = journal_all()[index].ms;
-        story->drivers_updated = story->drivers_updated || strcmp(row.line, UPDATED_LINE) == 0;
+    const line_row *row = row_of(line, &values);
+
+    if (row == nullptr)
         return;
+    add_reason(story, row->topic, index,
+               strcmp(row->line, NO_BLAME_LINE) == 0 && story->stack.empty()
+                   ? "blames no product: no stack was read"
+                   : filled(row->sentence, values));
+    /* One of several checks may have ended before the blue screen was recorded. */
+    if (story->verdict == VERDICT_NONE || row->verdict == VERDICT_CRASH)
+        story->verdict = row->verdict;
+    if (strcmp(row->line, BLAME_LINE) == 0 && story->blamed.empty()) {
+        story->blamed = values[0];
+        story->blamed_ms = journal_all()[index].ms;
     }
+    if (row->topic == REASON_DUMP)
+        story->engine_error = filled(row->sentence, values);
+    if (row->ends_check)
+        story->last_query_ms = journal_all()[index].ms;
+    story->drivers_updated = story->drivers_updated || strcmp(row->line, UPDATED_LINE) == 0;
 }
 
 /* The search for dumps. */
@@ -338,13 +327,9 @@ static void explain_call(replay_story *story, size_t index, const std::string &c
 static std::string sentence_of(const std::string &line)
 {
     std::vector<std::string> values;
+    const line_row *row = row_of(line, &values);
 
-    for (const line_row &row : s_lines) {
-        values.clear();
-        if (captures(line, row.line, &values))
-            return filled(row.sentence, values);
-    }
-    return line;
+    return row != nullptr ? filled(row->sentence, values) : line;
 }
 
 std::vector<page_highlight> explain_decisions(void)
@@ -358,7 +343,7 @@ std::vector<page_highlight> explain_decisions(void)
             continue;
         const std::string line = text_log_line(all[i].text).message;
 
-        if (captures(line, BLAME_LINE, &values) || verdict_of(line) != nullptr)
+        if (captures(line, BLAME_LINE, &values) || is_verdict(line))
             decisions.push_back({i, sentence_of(line)});
     }
     return decisions;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "../base/event_record.h"
-#include "../view/page.h"
+#include "../view/view.h"
 
 /* The part of the story that a reason belongs to, in order. */
 enum reason_topic {
@@ -72,9 +72,10 @@ struct replay_story {
 /* Watches what happens from here on, and passes it to the view. Called once a run, before it is
  * played. */
 void explain_start(void);
-/* Checks that have begun, and checks that reached a verdict. */
-size_t explain_begun(void);
-size_t explain_ended(void);
+/* Adds a call of the plug-in to the journal. */
+void explain_note_call(const std::string &text);
+/* Whether a check has begun that has not reached its verdict. */
+bool explain_is_checking(void);
 /* The story since the start. */
 replay_story explain_story(void);
 /* Verdicts and blames alone. */

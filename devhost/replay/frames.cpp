@@ -3,8 +3,6 @@
 
 #include <algorithm>
 
-#include "../base/text.h"
-
 const char *images_found_name(enum kernel_dump_found found)
 {
     static const char *const names[] = {"rip", "unwound", "scanned"};
@@ -77,25 +75,18 @@ static void mark_frames(const kernel_dump &dump, const std::vector<kernel_dump_f
 
 void images_judge(const replay_evidence &evidence, replay_story *story)
 {
-    for (const replay_dump &placed : evidence.dumps) {
-        if (evidence.images == nullptr || story->stack.empty() || !placed.there ||
-            text_lower(placed.place) != text_lower(story->dump))
-            continue;
-        const evidence_file file(placed.dump.path, UINT64_MAX);
-        kernel_dump dump;
-        std::string reason;
+    const replay_dump *placed = evidence.dump_at(story->dump);
 
-        if (kernel_dump_read(file.data(), file.bytes(), &dump, &reason) != KERNEL_DUMP_OK)
-            continue;
-        const std::vector<kernel_dump_frame> frames =
-            kernel_dump_walk(dump, story->stack.size(), evidence.images->images);
+    if (evidence.images == nullptr || story->stack.empty() || placed == nullptr)
+        return;
+    const kernel_dump dump = evidence_dump_facts(placed->dump.path);
+    const std::vector<kernel_dump_frame> frames =
+        kernel_dump_walk(dump, story->stack.size(), evidence.images->images);
 
-        mark_frames(dump, frames, story);
-        story->scanned = {};
-        story->scanned.module =
-            story->blamed.empty() ? skipped_module(evidence, dump, frames) : story->blamed;
-        if (!story->scanned.module.empty())
-            story->scanned.wanted = wanted_for(*evidence.images, dump, frames,
-                                               index_of(dump, frames, story->scanned.module));
-    }
+    mark_frames(dump, frames, story);
+    story->scanned.module =
+        story->blamed.empty() ? skipped_module(evidence, dump, frames) : story->blamed;
+    if (!story->scanned.module.empty())
+        story->scanned.wanted = wanted_for(*evidence.images, dump, frames,
+                                           index_of(dump, frames, story->scanned.module));
 }

@@ -19,7 +19,6 @@
 #include "../play/play.h"
 #include "../scenario/journal.h"
 #include "../scenario/timeline.h"
-#include "../view/page.h"
 #include "../view/view.h"
 
 /* A check takes 13 polls of 30 s, or as many as the registry names, and alarms follow within minutes. No
@@ -56,12 +55,6 @@ static void place_log(const replay_evidence &evidence)
     }
 }
 
-static void place_registry(const evidence_registry &registry)
-{
-    for (const evidence_value &value : registry.values)
-        machine_set_value(value.key, value.name, value.type, value.data);
-}
-
 /* The file on the machine has only the times; the bytes are not copied. */
 static void place_dumps(replay_evidence *evidence)
 {
@@ -84,30 +77,15 @@ static void play(void)
     uint64_t end = USUAL_MS;
 
     play_run_until(end);
-    while (explain_ended() < explain_begun() && end < LONGEST_MS)
+    while (explain_is_checking() && end < LONGEST_MS)
         play_run_until(end += STEP_MS);
     play_run_until(end + AFTER_MS);
-}
-
-static void note_call(const std::string &text)
-{
-    journal_add(HAPPENED_CALL, "plug-in", text);
 }
 
 /* Sentences are made of no other calls; all of them would be many times the log. */
 static bool is_noted(const char *name)
 {
     return strcmp(name, "CreateFileW") == 0 || strcmp(name, "FindFirstFileW") == 0;
-}
-
-/* {"status": ..., "count": ...} of each product, in their order. */
-static std::vector<std::string> products_now(const replay_evidence &evidence)
-{
-    std::vector<std::string> states;
-
-    for (const replay_product &product : evidence.products)
-        states.push_back(product_state_text(product.name));
-    return states;
 }
 
 replay_story replay_play(replay_evidence *evidence, const struct run_options &options)
@@ -126,17 +104,20 @@ replay_story replay_play(replay_evidence *evidence, const struct run_options &op
     play_options.plugin_path = options.plugin_path;
     oxnih_memory_set_mode(options.guard_memory ? OXNIH_MEMORY_GUARD : OXNIH_MEMORY_PLAIN);
     oxnih_memory_find_sites(options.guard_memory);
-    calls_set_trace(note_call, is_noted);
+    calls_set_trace(explain_note_call, is_noted);
     try {
         play_open(scenario, play_options);
         oxnih_clock_set_zone(&evidence->zone.rules);
         explain_start();
         (void)play_begin_boot();
-        place_registry(evidence->registry);
+        for (const evidence_value &value : evidence->registry.values)
+            machine_set_value(value.key, value.name, value.type, value.data);
         place_dumps(evidence);
         place_log(*evidence);
         play();
-        evidence->states = products_now(*evidence);
+        evidence->states.clear();
+        for (const replay_product &product : evidence->products)
+            evidence->states.push_back(product_state_text(product.name));
     } catch (...) {
         (void)play_close();
         throw;

@@ -60,6 +60,16 @@ replay_answer replay_answer_of(const replay_evidence &evidence, const replay_sto
 /* "bypass", "no bypass", "cannot tell". */
 const char *replay_answer_name(enum replay_answer_kind kind);
 
+/* doubts.cpp: what would change the answer, evidence that is missing or contradicts itself. */
+struct replay_doubt {
+    std::string reason; /* half a sentence: "no dump of the crash was handed in" */
+    std::string text;   /* file, event record and what to hand in */
+    bool decides;       /* without a bypass, the answer is "cannot tell" because of it */
+};
+
+/* The doubts of a boot that was played, the deciding ones first. */
+std::vector<replay_doubt> doubts_of(const replay_evidence &evidence, const replay_story &story);
+
 /* What became of a dump: "was given to the debugger engine". */
 std::string replay_dump_fate(const replay_evidence &evidence, const replay_dump &placed,
                              const replay_story &story);

@@ -144,15 +144,6 @@ static bool is_exactly(const json_value &expected, const json_value &actual)
     return expected == actual;
 }
 
-static std::string match_exactly(const json_value &expected, const json_value &actual,
-                                 const std::string &where)
-{
-    if (is_exactly(expected, actual))
-        return "";
-    return where + " is " + node_to_text(actual) + ", expected exactly " +
-           match_expand(node_to_text(expected));
-}
-
 static std::string match_object(const json_value &expected, const json_value &actual,
                                 const std::string &where)
 {
@@ -193,7 +184,10 @@ std::string match_json(const json_value &expected, const json_value &actual,
     const json_value *exactly = node_member(&expected, "exactly");
 
     if (exactly != nullptr && expected.MemberCount() == 1)
-        return match_exactly(*exactly, actual, where);
+        return is_exactly(*exactly, actual)
+                   ? ""
+                   : where + " is " + node_to_text(actual) + ", expected exactly " +
+                         match_expand(node_to_text(*exactly));
     if (names_type(expected, actual))
         return has_type_and_value(expected, actual) ? "" : differs(expected, actual, where);
     if (expected.IsObject())

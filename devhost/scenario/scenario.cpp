@@ -5,6 +5,7 @@
 
 #include <rapidjson/error/en.h>
 
+#include "../base/file.h"
 #include "../base/text.h"
 #include "../disk/files.h"
 
@@ -56,6 +57,13 @@ std::string scenario_load_json(rapidjson::Document &document, const std::string 
     return text;
 }
 
+void scenario_load_evidence(rapidjson::Document &document, const std::string &file,
+                            uint64_t most_bytes, int status)
+{
+    evidence_file(file).limit(most_bytes);
+    scenario_load_json(document, file, status);
+}
+
 node node::operator[](const char *member) const
 {
     node found = *this;
@@ -82,31 +90,6 @@ std::vector<std::pair<std::string, node>> node::members() const
         for (const auto &member : value_->GetObject())
             found.emplace_back(member.name.GetString(), node(*scenario_, &member.value));
     return found;
-}
-
-std::string node::text(const char *member, const std::string &missing) const
-{
-    return node_text_of(value_, member, missing);
-}
-
-double node::number(const char *member, double missing) const
-{
-    return node_number_of(value_, member, missing);
-}
-
-int64_t node::integer(const char *member, int64_t missing) const
-{
-    return node_integer_of(value_, member, missing);
-}
-
-bool node::flag(const char *member, bool missing) const
-{
-    return node_flag_of(value_, member, missing);
-}
-
-bool node::is_null(const char *member) const
-{
-    return node_is_null(value_, member);
 }
 
 std::string node::path() const

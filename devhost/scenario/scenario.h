@@ -22,8 +22,12 @@ struct scenario {
     rapidjson::Document document;
 };
 
-/* Reads a JSON file of another form. Throws devhost_error with that status. Returns its text. */
+/* Reads a JSON file of another form. Throws devhost_error with that status. Returns its text.
+ * scenario_load_evidence does not trust the file: one that cannot be read, or has more than most_bytes, is bad
+ * evidence. */
 std::string scenario_load_json(rapidjson::Document &document, const std::string &file, int status);
+void scenario_load_evidence(rapidjson::Document &document, const std::string &file,
+                            uint64_t most_bytes, int status);
 
 /* A value of a scenario, which must outlive it. Converts to false when it is missing; then it has no
  * members and no elements. */
@@ -66,11 +70,26 @@ class node
     std::vector<std::pair<std::string, node>> members() const;
 
     /* Return a member, or the default when it is missing or of another type. */
-    std::string text(const char *member, const std::string &missing = "") const;
-    double number(const char *member, double missing) const;
-    int64_t integer(const char *member, int64_t missing) const;
-    bool flag(const char *member, bool missing) const;
-    bool is_null(const char *member) const;
+    std::string text(const char *member, const std::string &missing = "") const
+    {
+        return node_text_of(value_, member, missing);
+    }
+    double number(const char *member, double missing) const
+    {
+        return node_number_of(value_, member, missing);
+    }
+    int64_t integer(const char *member, int64_t missing) const
+    {
+        return node_integer_of(value_, member, missing);
+    }
+    bool flag(const char *member, bool missing) const
+    {
+        return node_flag_of(value_, member, missing);
+    }
+    bool is_null(const char *member) const
+    {
+        return node_is_null(value_, member);
+    }
 
     /* Returns this text as a path of an evidence file: {name} replaced, relative to the scenario's
      * folder. Throws devhost_error with EXIT_SKIPPED for an undefined name. */

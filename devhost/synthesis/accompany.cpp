@@ -1,6 +1,5 @@
-#include "accompany.h"
-
-#include <windows.h>
+/* What accompanies the runs of Windows in its log. */
+#include "history.h"
 
 #include <algorithm>
 #include <random>
@@ -20,21 +19,15 @@ static const wchar_t *const s_services[] = {
 };
 static const wchar_t *const s_states[] = {L"running", L"stopped", L"実行中", L"остановлена"};
 
-static event_record record(uint64_t at, const wchar_t *source, uint32_t id, uint16_t type,
-                           event_strings strings)
-{
-    return {0, static_cast<uint32_t>(time_unix(at)), id, type, source, std::move(strings)};
-}
-
 static event_record of_service(uint64_t at, std::mt19937_64 &random)
 {
     const wchar_t *service = s_services[random() % ARRAYSIZE(s_services)];
 
     if (random() % 8 == 0)
-        return record(at, SOURCE_SERVICES, SERVICE_FAILED_EVENT_ID, EVENTLOG_ERROR_TYPE,
-                      {service, s_services[random() % ARRAYSIZE(s_services)], L"%%1058"});
-    return record(at, SOURCE_SERVICES, SERVICE_STATE_EVENT_ID, EVENTLOG_INFORMATION_TYPE,
-                  {service, s_states[random() % ARRAYSIZE(s_states)]});
+        return event_at(at, SOURCE_SERVICES, SERVICE_FAILED_EVENT_ID, EVENTLOG_ERROR_TYPE,
+                        {service, s_services[random() % ARRAYSIZE(s_services)], L"%%1058"});
+    return event_at(at, SOURCE_SERVICES, SERVICE_STATE_EVENT_ID, EVENTLOG_INFORMATION_TYPE,
+                    {service, s_states[random() % ARRAYSIZE(s_states)]});
 }
 
 /* The log of a run that ended unexpectedly has no end, so its last time is in the next run's. */
@@ -42,14 +35,9 @@ static event_record of_unexpected_end(uint64_t at)
 {
     const std::string time = time_iso(at - 75 * TICKS_PER_SECOND);
 
-    return record(at, SOURCE_EVENT_LOG, LOG_UNEXPECTED_EVENT_ID, EVENTLOG_ERROR_TYPE,
-                  {text_wide(time.substr(11, 8)), text_wide(time.substr(0, 10)), L"", L"", L"3610",
-                   L"60", L""});
-}
-
-static bool is(const event_record &event, const wchar_t *source, uint32_t id)
-{
-    return event.source == source && event.id == id;
+    return event_at(at, SOURCE_EVENT_LOG, LOG_UNEXPECTED_EVENT_ID, EVENTLOG_ERROR_TYPE,
+                    {text_wide(time.substr(11, 8)), text_wide(time.substr(0, 10)), L"", L"",
+                     L"3610", L"60", L""});
 }
 
 /* The time of the first change of the clock, as it was before; none: that of the end. */
@@ -58,7 +46,7 @@ static uint64_t first_change(const std::vector<event_record> &events, uint64_t e
     uint64_t old = end;
 
     for (*index = 0; *index < events.size(); ++*index)
-        if (is(events[*index], SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE) &&
+        if (events[*index].is(RECORD_CLOCK_CHANGE) &&
             time_parse(text_narrow(events[*index].strings.at(1)), &old))
             return old;
     return end;
@@ -93,7 +81,7 @@ static std::vector<event_record> at_start(const accompanied_boot &boot, uint64_t
         added.push_back(of_unexpected_end(begins));
     if (!boot.ended_before.empty())
         added.push_back(
-            record(begins, SOURCE_EVENT_LOG, LOG_BEGINS_EVENT_ID, EVENTLOG_INFORMATION_TYPE, {}));
+            event_at(begins, SOURCE_EVENT_LOG, LOG_BEGINS_EVENT_ID, EVENTLOG_INFORMATION_TYPE, {}));
     for (unsigned i = 0; i < boot.noise; i++)
         added.push_back(of_service(begins + (end - begins) / (boot.noise + 1) * (i + 1), random));
     return added;
@@ -105,16 +93,15 @@ void accompany_boot(const accompanied_boot &boot, std::vector<event_record> *eve
     std::mt19937_64 random(boot.seed);
     size_t change;
     const uint64_t until = std::max(first_change(*events, end, &change), boot.from_100ns);
-    const bool shuts_down =
-        !events->empty() && is(events->back(), SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN);
+    const bool shuts_down = !events->empty() && events->back().is(RECORD_SHUTDOWN);
     std::vector<event_record> last;
 
     merge(at_start(boot, until, random), std::min(change, events->size() - shuts_down), events);
     if (boot.ends == "clean")
-        last = {record(boot.to_100ns, SOURCE_WINLOGON, EVENT_LOGOFF, EVENTLOG_INFORMATION_TYPE,
-                       {L"1", L"S-1-5-21-1-2-3-1001"}),
-                record(boot.to_100ns, SOURCE_EVENT_LOG, LOG_ENDS_EVENT_ID,
-                       EVENTLOG_INFORMATION_TYPE, {})};
+        last = {event_at(boot.to_100ns, SOURCE_WINLOGON, EVENT_LOGOFF, EVENTLOG_INFORMATION_TYPE,
+                         {L"1", L"S-1-5-21-1-2-3-1001"}),
+                event_at(boot.to_100ns, SOURCE_EVENT_LOG, LOG_ENDS_EVENT_ID,
+                         EVENTLOG_INFORMATION_TYPE, {})};
     else
         last = {of_service(boot.to_100ns, random)};
     events->insert(events->end() - shuts_down, last.begin(), last.end());

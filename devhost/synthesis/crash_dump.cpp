@@ -1,5 +1,5 @@
 /* From call sites to the modules, addresses and stack of a dump. */
-#include "crash_dump.h"
+#include "history.h"
 
 #include <algorithm>
 
@@ -47,11 +47,6 @@ struct layout {
     }
 };
 } // namespace
-
-std::string crash_dump::file_name() const
-{
-    return path.substr(path.find_last_of('\\') + 1);
-}
 
 static std::string module_of(const std::string &frame)
 {

@@ -5,14 +5,10 @@
 #include <algorithm>
 #include <random>
 
-#include <oxni/base/algo.h>
-
 #include "../base/text.h"
+#include "../evtx/evtx_layout.h"
 #include "../evtx/evtx_writer.h"
 
-static constexpr uint32_t HEADER_BYTES = 4096u;
-static constexpr uint32_t CHUNK_BYTES = 65536u;
-static constexpr uint32_t CHUNK_HEADER_BYTES = 512u;
 static constexpr wchar_t COMPUTER[] = L"デスクトップ-17";
 static constexpr uint32_t MOST_BAD_RECORDS = 3u;
 static constexpr uint32_t LOST_IN_A_ROW = 3u;
@@ -33,7 +29,7 @@ struct damaged_log {
 
     size_t chunk_at(size_t chunk) const
     {
-        return HEADER_BYTES + chunk * CHUNK_BYTES;
+        return EVTX_HEADER_BYTES + chunk * EVTX_CHUNK_BYTES;
     }
     std::vector<placed_record> of_chunk(size_t chunk) const
     {
@@ -69,14 +65,11 @@ struct damaged_log {
         report->lost = report->gone.size();
         report->damaged = true;
     }
-    /* The header sums up to 120 bytes, and in a chunk the tables behind its own sum. */
     void sum_chunk_header(size_t chunk)
     {
         const size_t at = chunk_at(chunk);
-        const std::string summed =
-            bytes.substr(at, 0x78) + bytes.substr(at + 0x80, CHUNK_HEADER_BYTES - 0x80);
 
-        put(at + 0x7C, oxni_crc32_calc(summed.data(), summed.size()));
+        put(at + 0x7C, evtx_chunk_header_sum(&bytes[at]));
     }
     void sum_file_header()
     {
@@ -87,11 +80,12 @@ struct damaged_log {
 
 static void find_records(damaged_log *log)
 {
-    log->chunks = (log->bytes.size() - HEADER_BYTES) / CHUNK_BYTES;
+    log->chunks = (log->bytes.size() - EVTX_HEADER_BYTES) / EVTX_CHUNK_BYTES;
     for (size_t chunk = 0; chunk < log->chunks; chunk++) {
         const size_t begin = log->chunk_at(chunk), end = begin + log->get<uint32_t>(begin + 0x30);
 
-        for (size_t at = begin + CHUNK_HEADER_BYTES; at < end; at += log->get<uint32_t>(at + 4))
+        for (size_t at = begin + EVTX_CHUNK_HEADER_BYTES; at < end;
+             at += log->get<uint32_t>(at + 4))
             log->records.push_back({log->get<uint32_t>(at + 8), at, chunk});
     }
 }
@@ -138,7 +132,7 @@ static void clear_chunk(damaged_log *log)
 
     for (const placed_record &record : log->of_chunk(chunk))
         log->lose(record);
-    memset(&log->bytes[log->chunk_at(chunk)], log->random() % 2 == 0 ? 0 : 'N', CHUNK_BYTES);
+    memset(&log->bytes[log->chunk_at(chunk)], log->random() % 2 == 0 ? 0 : 'N', EVTX_CHUNK_BYTES);
 }
 
 /* A log that was copied while Windows had it open: its headers are older than its last chunk. */
@@ -153,8 +147,8 @@ static void make_dirty(damaged_log *log)
     log->put(at + 0x20, uint64_t(known.number));
     log->put(at + 0x2C, static_cast<uint32_t>(known.at - at));
     log->put(at + 0x30, end);
-    log->put(at + 0x34,
-             oxni_crc32_calc(&log->bytes[at + CHUNK_HEADER_BYTES], end - CHUNK_HEADER_BYTES));
+    log->put(at + 0x34, oxni_crc32_calc(&log->bytes[at + EVTX_CHUNK_HEADER_BYTES],
+                                        end - EVTX_CHUNK_HEADER_BYTES));
     log->sum_chunk_header(log->chunks - 1);
     log->put(0x18, uint64_t(last.front().number));
     log->put(0x2A, static_cast<uint16_t>(std::max<size_t>(log->chunks - 1, 1)));
@@ -171,7 +165,7 @@ static void wrap(damaged_log *log)
             log->report->gone.insert(record.number);
     const size_t last = log->chunk_at(log->chunks - 1);
 
-    log->bytes.replace(log->chunk_at(0), CHUNK_BYTES, log->bytes.substr(last));
+    log->bytes.replace(log->chunk_at(0), EVTX_CHUNK_BYTES, log->bytes.substr(last));
     log->bytes.resize(last);
     log->put(0x08, uint64_t(1));
     log->put(0x10, uint64_t(0));

@@ -10,13 +10,13 @@
 #include "../base/system_events.h"
 #include "../base/text.h"
 #include "../disk/files.h"
+#include "../kernel_dump/bug_check.h"
 #include "../machine/event_log.h"
 #include "../machine/machine.h"
 #include "../machine/modules.h"
 #include "../participants/machine_setup.h"
 #include "../play/play.h"
 #include "../scenario/timeline.h"
-#include "accompany.h"
 
 static constexpr char FIRST_START[] = "2024-03-07T09:00:00Z"; /* where the scenario names none */
 static constexpr uint64_t REBOOT = 60 * TICKS_PER_SECOND;
@@ -29,7 +29,7 @@ static constexpr wchar_t CLOCK_REASON[] = L"3"; /* another program set it */
 
 /* Steps that change the machine; all others need the agent, or make it fail. */
 static const char *const s_machine_steps[] = {
-    "event", "file", "delete_file", "registry", "delete_value", "delete_key", "machine"};
+    "event", "file", "delete_file", "registry", "delete_value", "delete_key", "machine", "clock"};
 
 bool history_order::operator<(const history_order &other) const
 {
@@ -116,14 +116,13 @@ static std::vector<std::string> frames_of(const json_value &crash)
 static void choose_bug_check(player &player, crash_sketch *sketch)
 {
     const std::string said = node_text_of(sketch->node, "bug_check", "");
-    unsigned code;
-    unsigned long long numbers[4];
+    uint32_t code;
+    uint64_t parameters[4];
 
     sketch->code = USUAL_CODE;
-    if (sscanf(said.c_str(), "%x (%llx, %llx, %llx, %llx)", &code, &numbers[0], &numbers[1],
-               &numbers[2], &numbers[3]) == 5) {
+    if (bug_check_parse(said, &code, parameters)) {
         sketch->code = code;
-        std::copy(std::begin(numbers), std::end(numbers), sketch->parameters);
+        std::copy(std::begin(parameters), std::end(parameters), sketch->parameters);
     }
     if (!said.empty())
         return;
@@ -132,10 +131,7 @@ static void choose_bug_check(player &player, crash_sketch *sketch)
                               USUAL_RECORD + step, USUAL_CONTEXT + step};
 
     std::copy(std::begin(usual), std::end(usual), sketch->parameters);
-    std::string text = text_format("0x%08x (", sketch->code);
-    for (size_t i = 0; i < 4; i++)
-        text += text_format(i == 0 ? "0x%016llx" : ", 0x%016llx", usual[i]);
-    set_text(player, sketch->node, "bug_check", text + ")");
+    set_text(player, sketch->node, "bug_check", bug_check_text(sketch->code, usual));
 }
 
 /* A run ends with a blue screen: its record and its dump get their text and their name. */
@@ -169,8 +165,6 @@ static std::vector<uint64_t> keep_machine_steps(player &player, json_value *boot
         for (const char *name : s_machine_steps)
             if (step->HasMember(name))
                 kept.PushBack(json_value(*step, allocator), allocator);
-        if (step->HasMember("clock"))
-            kept.PushBack(json_value(*step, allocator), allocator);
     }
     set_member(player, boot, "steps", json_value(kept, allocator));
     set_member(player, boot, "agent_start", json_value(rapidjson::kNullType));
@@ -184,14 +178,9 @@ static void log_clock_change(uint64_t old)
 {
     const uint64_t now = oxnih_clock_now_100ns();
 
-    machine_log({
-        0,
-        static_cast<uint32_t>(time_unix(now)),
-        EVENT_CLOCK_CHANGE,
-        EVENTLOG_INFORMATION_TYPE,
-        SOURCE_KERNEL_GENERAL,
-        {text_wide(time_iso(now, true)), text_wide(time_iso(old, true)), CLOCK_REASON}
-    });
+    machine_log(
+        event_at(now, SOURCE_KERNEL_GENERAL, EVENT_CLOCK_CHANGE, EVENTLOG_INFORMATION_TYPE,
+                 {text_wide(time_iso(now, true)), text_wide(time_iso(old, true)), CLOCK_REASON}));
 }
 
 static void play_to_end(const std::vector<uint64_t> &clocks)
@@ -260,8 +249,8 @@ static void take_dumps(player &player, history_boot *boot)
 /* The record of an unexpected shutdown contains the bug check. */
 static void put_code(const crash_sketch &crash, event_record *event)
 {
-    if (event->source != SOURCE_KERNEL_POWER || event->id != EVENT_UNEXPECTED_SHUTDOWN ||
-        crash.node == nullptr || event->strings.count() != 7 || event->strings.at(0) != L"0")
+    if (!event->is(RECORD_UNEXPECTED) || crash.node == nullptr || event->strings.count() != 7 ||
+        event->strings.at(0) != L"0")
         return;
     event_strings strings = {std::to_wstring(crash.code)};
 
@@ -270,6 +259,15 @@ static void put_code(const crash_sketch &crash, event_record *event)
     strings.add(event->strings.at(5));
     strings.add(event->strings.at(6));
     event->strings = strings;
+}
+
+static void add_records(const std::vector<event_record> &events, history *made)
+{
+    for (const event_record &event : events) {
+        made->records.push_back(event);
+        made->records.back().number =
+            static_cast<uint32_t>(FIRST_RECORD + made->records.size() - 1);
+    }
 }
 
 static void take_records(player &player, size_t from, const std::string &ended,
@@ -285,13 +283,11 @@ static void take_records(player &player, size_t from, const std::string &ended,
                     player.options.noise, player.options.seed + made.boots.size()},
                    &events);
     boot->records = made.records.size();
-    for (event_record &event : events) {
-        event.number = static_cast<uint32_t>(FIRST_RECORD + made.records.size());
-        if (event.source == SOURCE_KERNEL_GENERAL && event.id == EVENT_WINDOWS_START)
-            boot->start_record = event.number;
-        made.records.push_back(event);
-    }
+    add_records(events, &made);
     boot->end = made.records.size();
+    for (size_t i = boot->records; i < boot->end; i++)
+        if (made.records[i].is(RECORD_START))
+            boot->start_record = made.records[i].number;
 }
 
 /* The end of the run before the log, in the log's first records. */
@@ -304,16 +300,10 @@ static void play_before(player &player, uint64_t start)
                     player.options.noise / 4 + 1, player.options.seed},
                    &events);
     if (made.ended_before == "clean")
-        events.push_back({0,
-                          static_cast<uint32_t>(time_unix(start - REBOOT)),
-                          EVENT_CLEAN_SHUTDOWN,
-                          EVENTLOG_INFORMATION_TYPE,
-                          SOURCE_KERNEL_GENERAL,
-                          {text_wide(time_iso(start - REBOOT))}});
-    for (event_record &event : events) {
-        event.number = static_cast<uint32_t>(FIRST_RECORD + made.records.size());
-        made.records.push_back(event);
-    }
+        events.push_back(event_at(start - REBOOT, SOURCE_KERNEL_GENERAL, EVENT_CLEAN_SHUTDOWN,
+                                  EVENTLOG_INFORMATION_TYPE,
+                                  {text_wide(time_iso(start - REBOOT))}));
+    add_records(events, &made);
 }
 
 static void play_boot(player &player, json_value *node, const std::string &ended, bool last)

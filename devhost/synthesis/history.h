@@ -14,7 +14,28 @@
 
 #include "../base/event_record.h"
 #include "../scenario/scenario.h"
-#include "crash_dump.h"
+
+/* crash_dump.cpp: crash dumps with chosen call sites. */
+struct crash_dump {
+    std::string path;                /* on the machine */
+    bool complete;                   /* a kernel dump with bitmap; else a small dump */
+    std::vector<std::string> frames; /* call sites, top first: "nt!KeBugCheckEx+0x107" */
+    uint32_t code;                   /* bug check */
+    uint64_t parameters[4];
+    uint64_t crashed_100ns, uptime_100ns;
+    uint64_t written_100ns;
+    bool replaced; /* by a later one of the same path */
+};
+
+/* Splits the engine's text of a stack into call sites. Result: false for a text that is no list of call
+ * sites, which no dump contains. */
+bool crash_dump_frames(const std::string &stack, std::vector<std::string> *frames);
+
+/* The address at which the topmost frame outside the kernel executes; 0: there are no frames. */
+uint64_t crash_dump_fault(const std::vector<std::string> &frames);
+
+/* The bytes of the dump. loaded: names of further modules that were loaded. */
+std::string crash_dump_bytes(const crash_dump &dump, const std::vector<std::string> &loaded);
 
 struct history_product {
     std::string name;
@@ -80,5 +101,19 @@ void history_expect(const struct scenario &scenario, history *history);
 /* Returns why evidence shows a boot of the scenario only in part, and from which second on; empty: it
  * shows all of it. */
 std::string history_unshown(const struct scenario &scenario, size_t boot, double *from);
+
+/* accompany.cpp: records that only accompany the runs of Windows in a System log. */
+struct accompanied_boot {
+    uint64_t from_100ns, to_100ns; /* start, and end or export, by the clock as it is set then */
+    std::string
+        ended_before; /* how the previous run ended; empty: the boot's start is not in the log */
+    std::string ends; /* how this one ends; empty: it goes on */
+    unsigned noise;   /* number of records of services */
+    uint64_t seed;
+};
+
+/* Adds records to those of a boot, in the order of time up to a change of the clock: the event log and
+ * the session begin and end, and services, some with names in other scripts, change their state. */
+void accompany_boot(const accompanied_boot &boot, std::vector<event_record> *events);
 
 #endif

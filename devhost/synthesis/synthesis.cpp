@@ -46,11 +46,6 @@ static std::wstring hex_of(const std::string &bytes)
     return text;
 }
 
-static std::string bytes_of(const void *value, size_t size)
-{
-    return std::string(static_cast<const char *>(value), size);
-}
-
 static std::wstring number_line(const wchar_t *name, LONG number)
 {
     return std::wstring(L"\"") + name + L"\"=dword:" +
@@ -62,9 +57,8 @@ static std::wstring zone_lines(const std::string &name, const TIME_ZONE_INFORMAT
     return L"\r\n[HKEY_LOCAL_MACHINE\\" CONTROL_KEY L"TimeZoneInformation]\r\n" +
            number_line(L"Bias", zone.Bias) + number_line(L"StandardBias", zone.StandardBias) +
            number_line(L"DaylightBias", zone.DaylightBias) + L"\"StandardStart\"=hex:" +
-           hex_of(bytes_of(&zone.StandardDate, sizeof(zone.StandardDate))) +
-           L"\r\n\"DaylightStart\"=hex:" +
-           hex_of(bytes_of(&zone.DaylightDate, sizeof(zone.DaylightDate))) + L"\r\n" +
+           hex_of(text_bytes(zone.StandardDate)) + L"\r\n\"DaylightStart\"=hex:" +
+           hex_of(text_bytes(zone.DaylightDate)) + L"\r\n" +
            (name.empty() ? L"" : L"\"TimeZoneKeyName\"=\"" + text_wide(name) + L"\"\r\n");
 }
 
@@ -81,7 +75,7 @@ static std::string registry_text(const synthesis &made)
                 hex_of(value.data) + L"\r\n";
     }
     text += zone_lines(made.history.time_zone, made.history.zone);
-    return bytes_of(text.data(), text.size() * sizeof(wchar_t));
+    return text_bytes(text);
 }
 
 /* The values of the machine that was played. */
@@ -91,12 +85,9 @@ static std::vector<evidence_value> values_now(void)
     std::string text;
 
     for (const auto &value : s_values)
-        if (machine_get_value(value.key, value.name, &text)) {
-            const std::wstring wide = text_wide(text);
-
-            values.push_back({value.key, value.name, value.type,
-                              bytes_of(wide.c_str(), (wide.size() + 1) * sizeof(wchar_t))});
-        }
+        if (machine_get_value(value.key, value.name, &text))
+            values.push_back(
+                {value.key, value.name, value.type, text_bytes(text_wide(text) + L'\0')});
     return values;
 }
 
@@ -120,11 +111,10 @@ static bool any_gone(const synthesis &made, const history_boot &boot)
     return false;
 }
 
-static bool has_record(const history &history, const history_boot &boot, const wchar_t *source,
-                       uint32_t id)
+static bool has_record(const history &history, const history_boot &boot, const event_kind &kind)
 {
     for (size_t i = boot.records; i < boot.end; i++)
-        if (history.records[i].source == source && (history.records[i].id & 0xffff) == id)
+        if (history.records[i].is(kind))
             return true;
     return false;
 }
@@ -132,22 +122,13 @@ static bool has_record(const history &history, const history_boot &boot, const w
 /* Whether the scenario itself logs that a run ended otherwise than it did. */
 static bool contradicts(const history &history, const std::string &ended, const history_boot &next)
 {
-    return (ended != "blue_screen" &&
-            has_record(history, next, SOURCE_BUG_CHECK, EVENT_BUG_CHECK)) ||
-           (ended == "clean" &&
-            has_record(history, next, SOURCE_KERNEL_POWER, EVENT_UNEXPECTED_SHUTDOWN));
+    return (ended != "blue_screen" && has_record(history, next, RECORD_BUG_CHECK)) ||
+           (ended == "clean" && has_record(history, next, RECORD_UNEXPECTED));
 }
 
 /* A run's end is shown by its own last records and by the first ones of the next run. */
 static std::string shown_end(const synthesis &made, size_t number)
 {
-    static const struct {
-        const char *ends, *shown;
-    } names[] = {
-        {"clean",       "clean"      },
-        {"power_loss",  "power loss" },
-        {"blue_screen", "blue screen"},
-    };
     const std::vector<history_boot> &boots = made.history.boots;
 
     if (number + 1 == boots.size())
@@ -159,10 +140,7 @@ static std::string shown_end(const synthesis &made, size_t number)
         any_gone(made, boots[number + 1]) ||
         contradicts(made.history, boots[number].ended, boots[number + 1]))
         return "";
-    for (const auto &name : names)
-        if (boots[number].ended == name.ends)
-            return name.shown;
-    return "";
+    return text_replace(boots[number].ended, "_", " ");
 }
 
 void synthesis_finish(synthesis *made)
@@ -181,19 +159,8 @@ void synthesis_finish(synthesis *made)
 static std::string products_text(const history &history)
 {
     return json_text<json_lines>(
-               [&](json_lines &writer) { json_products(writer, history.products); }) +
+               [&](json_lines &writer) { json_products(writer, nullptr, history.products); }) +
            "\n";
-}
-
-static void put_order(json_lines &writer, const history_order &order)
-{
-    writer.StartObject();
-    json_member(writer, "to", order.to);
-    json_member(writer, "type", order.type);
-    json_member(writer, "reason", order.reason);
-    if (order.type == "set_count")
-        json_member(writer, "count", order.count);
-    writer.EndObject();
 }
 
 static void put_ms(json_lines &writer, const char *name, uint64_t ms)
@@ -204,10 +171,9 @@ static void put_ms(json_lines &writer, const char *name, uint64_t ms)
 static void put_boot(json_lines &writer, const history_boot &boot, unsigned number)
 {
     const history_truth &truth = boot.truth;
+    const json_scope object(writer);
 
-    writer.StartObject();
-    json_member(writer, "boot", number);
-    json_member(writer, "started", time_iso(boot.started_100ns));
+    json_members(writer, "boot", number, "started", time_iso(boot.started_100ns));
     json_member_or_null(writer, "ended", truth.ended);
     json_member_or_null(writer, "not_known", truth.why);
     json_member_or_null(writer, "answer", truth.answer);
@@ -216,92 +182,66 @@ static void put_boot(json_lines &writer, const history_boot &boot, unsigned numb
     put_ms(writer, "blamed_ms", truth.blamed_ms);
     put_ms(writer, "decided_ms", truth.decided_ms);
     json_member(writer, "all_orders", truth.all_orders);
-    json_list(writer, "orders", truth.orders,
-              [&](const history_order &order) { put_order(writer, order); });
-    writer.EndObject();
+    json_objects(writer, "orders", truth.orders, [&](const history_order &order) {
+        json_members(writer, "to", order.to, "type", order.type, "reason", order.reason);
+        if (order.type == "set_count")
+            json_member(writer, "count", order.count);
+    });
+}
+
+static void put_log(json_lines &writer, const synthesis &made)
+{
+    const damage_report &damage = made.damage;
+    const json_scope log(writer, "log");
+
+    json_members(writer, "records", made.history.records.size() - damage.gone.size(),
+                 "lost_records", damage.lost, "cut_off", damage.cut_off, "damaged", damage.damaged);
 }
 
 static std::string truth_text(const synthesis &made)
 {
-    const damage_report &damage = made.damage;
     unsigned number = 0;
 
-    return json_text<json_lines>([&](json_lines &writer) {
-               writer.StartObject();
-               json_member(writer, "schema", SYNTHESIS_TRUTH_SCHEMA);
-               json_member(writer, "version", 1);
-               json_member(writer, "name", made.history.name);
-               writer.Key("log");
-               writer.StartObject();
-               json_member(writer, "records", made.history.records.size() - damage.gone.size());
-               json_member(writer, "lost_records", damage.lost);
-               json_member(writer, "cut_off", damage.cut_off);
-               json_member(writer, "damaged", damage.damaged);
-               writer.EndObject();
-               json_list(writer, "boots", made.history.boots, [&](const history_boot &boot) {
-                   if (made.shows(boot))
-                       put_boot(writer, boot, ++number);
-               });
-               writer.EndObject();
-           }) +
-           "\n";
+    return json_file_text([&](json_lines &writer) {
+        json_members(writer, "schema", SYNTHESIS_TRUTH_SCHEMA, "version", 1, "name",
+                     made.history.name);
+        put_log(writer, made);
+        json_list(writer, "boots", made.history.boots, [&](const history_boot &boot) {
+            if (made.shows(boot))
+                put_boot(writer, boot, ++number);
+        });
+    });
 }
 
 namespace
 {
-/* The files so far; all of them go unless the work is complete. */
+/* The folder of the evidence, which goes unless the work is complete. */
 class new_folder
 {
   public:
-    explicit new_folder(const std::string &path) : path_(path)
+    explicit new_folder(const std::string &path) : path_(path), made_(!folder_exists(path))
     {
-        WIN32_FIND_DATAW entry;
-        const HANDLE find = FindFirstFileW(text_wide(path + "\\*").c_str(), &entry);
-
-        if (find != INVALID_HANDLE_VALUE) {
-            do {
-                const std::wstring name = entry.cFileName;
-
-                if (name != L"." && name != L"..") {
-                    FindClose(find);
-                    throw devhost_error(EXIT_BAD_CALL, "the folder '" + path + "' is not empty");
-                }
-            } while (FindNextFileW(find, &entry));
-            FindClose(find);
-        }
-        if (find == INVALID_HANDLE_VALUE)
-            make("");
+        if (!files_find(path + "\\*").empty())
+            throw devhost_error(EXIT_BAD_CALL, "the folder '" + path + "' is not empty");
+        if (made_)
+            folder_make(path);
     }
     ~new_folder()
     {
         if (complete)
             return;
-        for (const std::wstring &file : files_)
-            DeleteFileW(file.c_str());
-        for (size_t i = folders_.size(); i > 0; i--)
-            RemoveDirectoryW(folders_[i - 1].c_str());
+        folder_empty(path_);
+        if (made_)
+            RemoveDirectoryW(text_wide(path_).c_str());
     }
     new_folder(const new_folder &) = delete;
     new_folder &operator=(const new_folder &) = delete;
 
-    /* name: "" for the folder itself, or of one in it, with a backslash. */
-    void make(const std::string &name)
-    {
-        const std::string path = path_ + name;
-
-        if (!CreateDirectoryW(text_wide(path).c_str(), nullptr))
-            throw devhost_error(EXIT_BAD_CALL, "cannot make the folder '" + path +
-                                                   "': " + text_error(GetLastError()));
-        folders_.push_back(text_wide(path));
-    }
     void write(const std::string &name, const std::string &bytes, uint64_t written_100ns = 0)
     {
-        const std::string path = path_ + "\\" + name;
-
-        files_.push_back(text_wide(path));
-        evidence_write(path, bytes);
+        evidence_write(path_ + "\\" + name, bytes);
         if (written_100ns != 0)
-            set_time(files_.back(), written_100ns);
+            set_time(text_wide(path_ + "\\" + name), written_100ns);
     }
 
     bool complete = false;
@@ -321,14 +261,14 @@ class new_folder
     }
 
     std::string path_;
-    std::vector<std::wstring> files_, folders_;
+    bool made_;
 };
 } // namespace
 
-static void write_dumps(const history &history, new_folder *folder)
+static void write_dumps(const history &history, const std::string &path, new_folder *folder)
 {
+    const std::string small = path + "\\Minidump";
     std::vector<std::string> loaded;
-    bool has_folder = false;
 
     for (const history_product &product : history.products)
         loaded.insert(loaded.end(), product.modules.begin(), product.modules.end());
@@ -336,13 +276,10 @@ static void write_dumps(const history &history, new_folder *folder)
         for (const crash_dump &dump : boot.dumps) {
             if (dump.replaced)
                 continue;
-            const std::string name =
-                dump.complete ? dump.file_name() : "Minidump\\" + dump.file_name();
-
-            if (!dump.complete && !has_folder)
-                folder->make("\\Minidump");
-            has_folder |= !dump.complete;
-            folder->write(name, crash_dump_bytes(dump, loaded), dump.written_100ns);
+            if (!dump.complete && !folder_exists(small))
+                folder_make(small);
+            folder->write((dump.complete ? "" : "Minidump\\") + file_name_of(dump.path),
+                          crash_dump_bytes(dump, loaded), dump.written_100ns);
         }
 }
 
@@ -351,7 +288,7 @@ void synthesis_write(const synthesis &made, const std::string &path)
     new_folder folder(path);
 
     folder.write("System.evtx", made.log);
-    write_dumps(made.history, &folder);
+    write_dumps(made.history, path, &folder);
     folder.write("machine.reg", registry_text(made));
     folder.write("products.json", products_text(made.history));
     folder.write("truth.json", truth_text(made));

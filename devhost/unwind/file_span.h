@@ -23,6 +23,12 @@ struct file_span {
         memcpy(&value, bytes + offset, sizeof value);
         return value;
     }
+
+    /* 0 where the file ends. */
+    template <typename T> T get(uint64_t offset) const
+    {
+        return holds(offset, sizeof(T)) ? at<T>(offset) : T(0);
+    }
 };
 
 #endif

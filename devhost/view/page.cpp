@@ -1,10 +1,7 @@
 /* Pages: the template with the data in it. */
-#include "page.h"
+#include "view.h"
 
 #include "../base/text.h"
-#include "../base/text_json.h"
-#include "../scenario/journal.h"
-#include "view.h"
 
 /* Made from page.html by the build. */
 extern const char page_html_text[];
@@ -22,23 +19,24 @@ std::string page_of(const std::string &json)
            page.substr(mark + sizeof(DATA_MARK) - 1);
 }
 
+void page_put_timeline(json_lines &writer, const std::vector<page_highlight> &highlights)
+{
+    json_list(writer, "decisions", highlights,
+              [&](const page_highlight &highlight) { json_put(writer, highlight.index); });
+    json_list(writer, "decision_texts", highlights,
+              [&](const page_highlight &highlight) { json_put(writer, highlight.text); });
+    json_list(writer, "timeline", journal_all(),
+              [&](const happening &what) { view_put(writer, what); });
+}
+
 std::string page_of_run(const std::string &file, const std::string &name,
                         const std::vector<std::string> &summary,
                         const std::vector<std::string> &failures,
                         const std::vector<page_highlight> &highlights)
 {
-    return page_of(json_text<json_lines>([&](json_lines &writer) {
-        writer.StartObject();
-        json_member(writer, "title", file);
-        json_member(writer, "about", name);
-        json_member(writer, "summary", summary);
-        json_member(writer, "failures", failures);
-        json_list(writer, "decisions", highlights,
-                  [&](const page_highlight &highlight) { json_put(writer, highlight.index); });
-        json_list(writer, "decision_texts", highlights,
-                  [&](const page_highlight &highlight) { json_put(writer, highlight.text); });
-        json_list(writer, "timeline", journal_all(),
-                  [&](const happening &what) { view_put(writer, what); });
-        writer.EndObject();
+    return page_of(json_object_text<json_lines>([&](json_lines &writer) {
+        json_members(writer, "title", file, "about", name, "summary", summary, "failures",
+                     failures);
+        page_put_timeline(writer, highlights);
     }));
 }

@@ -90,17 +90,18 @@ void view_open(const struct view_options &options)
     s_options = options;
 }
 
+template <typename... Members> static void show_json(const Members &...members)
+{
+    printf("%s\n", json_object_text<json_line>([&](json_line &writer) {
+                       json_members(writer, members...);
+                   }).c_str());
+}
+
 void view_start(const std::string &file, const std::string &name)
 {
     terminal_reached(file);
     if (s_options.json)
-        printf("%s\n", json_text<json_line>([&](json_line &writer) {
-                           writer.StartObject();
-                           json_member(writer, "kind", "scenario");
-                           json_member(writer, "file", file);
-                           json_member(writer, "name", name);
-                           writer.EndObject();
-                       }).c_str());
+        show_json("kind", "scenario", "file", file, "name", name);
     else if (!s_options.quiet)
         printf("%s%s%s\n", file.c_str(), name.empty() ? "" : ": ", name.c_str());
 }
@@ -118,18 +119,6 @@ void view_happening(const happening &what, void *user)
         show_text(what);
 }
 
-static void show_result(const std::string &file, const std::vector<std::string> &failures)
-{
-    printf("%s\n", json_text<json_line>([&](json_line &writer) {
-                       writer.StartObject();
-                       json_member(writer, "kind", "result");
-                       json_member(writer, "file", file);
-                       json_member(writer, "holds", failures.empty());
-                       json_member(writer, "failures", failures);
-                       writer.EndObject();
-                   }).c_str());
-}
-
 void view_end(const std::string &file, const std::vector<std::string> &summary,
               const std::vector<std::string> &failures)
 {
@@ -137,7 +126,7 @@ void view_end(const std::string &file, const std::vector<std::string> &summary,
                *end = s_options.colour ? "\x1b[0m" : "";
 
     if (s_options.json) {
-        show_result(file, failures);
+        show_json("kind", "result", "file", file, "holds", failures.empty(), "failures", failures);
         return;
     }
     if (!s_options.quiet) {

@@ -37,18 +37,39 @@ std::string view_text(const happening &what);
 /* Writes a happening as a JSON object. */
 template <class Writer> void view_put(Writer &writer, const happening &what)
 {
-    writer.StartObject();
-    json_member(writer, "boot", what.boot);
-    json_member(writer, "ms", what.ms);
-    json_member(writer, "time", time_iso(what.now, true));
-    json_member(writer, "kind", journal_kind_name(what.kind));
-    json_member(writer, "who", what.who);
-    json_member(writer, "text", view_text(what));
+    const json_scope object(writer);
+
+    json_members(writer, "boot", what.boot, "ms", what.ms, "time", time_iso(what.now, true));
+    json_members(writer, "kind", journal_kind_name(what.kind), "who", what.who, "text",
+                 view_text(what));
     if (!what.whom.empty())
         json_member(writer, "whom", what.whom);
     if (!what.json.empty())
         json_member_as_is(writer, "message", what.json);
-    writer.EndObject();
 }
+
+/*
+ * page.cpp: a run as one page of HTML that needs nothing else: no network, no other file. The page contains
+ * the run as JSON; page.html draws it.
+ */
+
+/* An entry of journal_all() that stands out, and its sentence. */
+struct page_highlight {
+    size_t index;
+    std::string text;
+};
+
+/* The page of a result in JSON, of a replay or a run: docs/replay.md describes both. */
+std::string page_of(const std::string &json);
+
+/* Writes the members "decisions", "decision_texts" and "timeline": everything in journal_all(). */
+void page_put_timeline(json_lines &writer, const std::vector<page_highlight> &highlights);
+
+/* The page of a scenario that was just played, of everything in journal_all(). failures: expectations
+ * that did not hold. */
+std::string page_of_run(const std::string &file, const std::string &name,
+                        const std::vector<std::string> &summary,
+                        const std::vector<std::string> &failures,
+                        const std::vector<page_highlight> &highlights);
 
 #endif

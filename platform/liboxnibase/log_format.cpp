@@ -34,7 +34,12 @@ static conversion read_conversion(const char *format)
     conversion found = {};
 
     if (*at == 's' || *at == 'd') /* as most are */
-        return {{format, 1}, {}, {}, *at, 2};
+        return {
+            {format,        1},
+            {},
+            {             },
+            *at, 2
+        };
     at += strspn(at, "-+ #0");
     at += digits_or_star(at);
     found.prefix = {format, static_cast<size_t>(at - format)};

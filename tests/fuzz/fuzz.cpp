@@ -23,7 +23,6 @@
 
 static constexpr int HANG_SECONDS = 60;
 static constexpr size_t MOST_INPUT_BYTES = 64u << 20;
-static constexpr uint64_t MOST_FILE_BYTES = 16u << 20;
 
 /* Of the program; made by the first target that is added. */
 static std::vector<fuzz_target> &targets(void)
@@ -200,8 +199,7 @@ void trial_folder::empty() const
 std::string file_bytes(const std::string &path)
 {
     const auto program = std::filesystem::u8path(run_standard_plugin());
-    const evidence_file file((program.parent_path() / std::filesystem::u8path(path)).u8string(),
-                             MOST_FILE_BYTES);
+    const evidence_file file((program.parent_path() / std::filesystem::u8path(path)).u8string());
 
     return std::string(reinterpret_cast<const char *>(file.data()), file.bytes());
 }

@@ -24,8 +24,7 @@ static std::vector<zip_member> extracted(const std::string &archive, std::string
     const uint8_t *block = fuzz_guarded(archive.data(), archive.size());
 
     try {
-        return zip_extract_file(NAME, evidence_file(block, archive.size()), fuzz_disk.path,
-                                wants_all);
+        return zip_extract(evidence_file(NAME, block, archive.size()), fuzz_disk.path, wants_all);
     } catch (const devhost_error &error) {
         *refused = error.what();
         return {};

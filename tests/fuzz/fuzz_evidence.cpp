@@ -45,7 +45,7 @@ static bool accepts(const std::string &named, const std::function<void()> &read)
 /* An input that lies in memory, since a file would take longer than most readers. */
 static evidence_file input(const std::string &text)
 {
-    return evidence_file(fuzz_guarded(text.data(), text.size()), text.size());
+    return evidence_file(NAME, fuzz_guarded(text.data(), text.size()), text.size());
 }
 
 /* Numbers rise, and each damage has a line. */
@@ -67,7 +67,7 @@ static void read_log(const std::string &text, chance &chance)
     const evidence_damage allowed = chance.of(s_allowed);
     evidence_log log;
 
-    if (!accepts(NAME, [&] { evidence_log_parse(NAME, input(text), allowed, &log); }))
+    if (!accepts(NAME, [&] { evidence_log_read(input(text), allowed, &log); }))
         return;
     check_log(log);
     if (allowed == EVIDENCE_STRICT && !(log.damage.empty() && log.cut_off.empty()))
@@ -198,7 +198,7 @@ static void try_written_log(chance &chance, uint64_t)
     } catch (const devhost_error &) {
         return; /* too short for that damage */
     }
-    evidence_log_parse(NAME, input(bytes), EVIDENCE_LENIENT, &log);
+    evidence_log_read(input(bytes), EVIDENCE_LENIENT, &log);
     if (log.records != records.size() - report.gone.size() || log.lost_records != report.lost ||
         log.cut_off.empty() == report.cut_off ||
         (log.damage.empty() && log.cut_off.empty()) == report.damaged)
@@ -262,7 +262,7 @@ static void try_registry(chance &chance, uint64_t)
     const std::string text = damaged(s_good, chance);
     evidence_registry registry;
 
-    if (accepts(NAME, [&] { evidence_registry_parse(NAME, input(text), &registry); }))
+    if (accepts(NAME, [&] { evidence_registry_read(input(text), &registry); }))
         for (const evidence_value &value : registry.values)
             if (value.key.empty())
                 violated("a value without a key");

@@ -1,12 +1,11 @@
 /* The analysis of a dump: the search for the engine, what is given back to it, and the modules cut
  * from what it prints. dump_analysis.json has the calls of the engine. */
+#include "dbgeng/engine_methods.h"
+
 #include "analyze_dmp.h"
 
 #include "proc_address.h"
 #include "unit_support.h"
-
-#include <initguid.h>
-#include "dbgeng/engine_unused.h"
 
 #include <gtest/gtest.h>
 
@@ -68,62 +67,59 @@ TEST(test_get_dmp_info, references)
 }
 
 /* A client that keeps the callbacks, and takes none. */
-static struct : engine_unused_client {
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **out) override
+static struct keeping_client {
+    HRESULT query_interface(REFIID, void **out)
     {
-        *out = this; /* the control, of which only the release is called */
+        *out = &face; /* the control, of which only the release is called */
         return S_OK;
     }
-    ULONG STDMETHODCALLTYPE AddRef() override
+    ULONG add_ref()
     {
         return 1;
     }
-    ULONG STDMETHODCALLTYPE Release() override
+    ULONG release()
     {
         return 1;
     }
-    HRESULT STDMETHODCALLTYPE SetOutputCallbacks(IDebugOutputCallbacks *given) override
+    HRESULT set_output_callbacks(IDebugOutputCallbacks *given)
     {
         if (given != nullptr) {
             callbacks = given;
-            given->AddRef();
+            given->lpVtbl->AddRef(given);
         }
         return E_FAIL;
     }
-    HRESULT STDMETHODCALLTYPE EndSession(ULONG) override
-    {
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE OpenDumpFileWide(const wchar_t *, ULONG64) override
-    {
-        return S_OK;
-    }
 
-    IDebugOutputCallbacks *callbacks = nullptr;
+    IDebugOutputCallbacks *callbacks;
+    engine_face<IDebugClient4, keeping_client> face;
 } s_client;
 
 TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
 {
+    static IDebugClient4Vtbl methods = engine_methods<IDebugClient4Vtbl, keeping_client>();
     const create_fn engines_own = s_create;
     std::string text;
     void *out = &text;
 
+    engine_put<&keeping_client::set_output_callbacks, keeping_client>(&methods.SetOutputCallbacks);
+    s_client.face = {{&methods}, &s_client};
     s_create = [](REFIID, void **client) -> HRESULT {
-        *client = &s_client;
+        *client = &s_client.face;
         return S_OK;
     };
     EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
     s_create = engines_own;
     ASSERT_NE(s_client.callbacks, nullptr);
-    EXPECT_EQ(s_client.callbacks->QueryInterface(IID_IDebugClient, &out), E_NOINTERFACE);
+    IDebugOutputCallbacks *kept = s_client.callbacks;
+    EXPECT_EQ(kept->lpVtbl->QueryInterface(kept, IID_IDebugClient, &out), E_NOINTERFACE);
     EXPECT_EQ(out, nullptr);
     for (const IID *iid : {&IID_IUnknown, &IID_IDebugOutputCallbacks}) {
-        EXPECT_EQ(s_client.callbacks->QueryInterface(*iid, &out), S_OK);
-        EXPECT_EQ(out, s_client.callbacks);
-        EXPECT_EQ(s_client.callbacks->Release(), 1u);
+        EXPECT_EQ(kept->lpVtbl->QueryInterface(kept, *iid, &out), S_OK);
+        EXPECT_EQ(out, kept);
+        EXPECT_EQ(kept->lpVtbl->Release(kept), 1u);
     }
-    EXPECT_EQ(s_client.callbacks->Output(DEBUG_OUTPUT_NORMAL, STACK), S_OK);
-    EXPECT_EQ(s_client.callbacks->Release(), 0u);
+    EXPECT_EQ(kept->lpVtbl->Output(kept, DEBUG_OUTPUT_NORMAL, STACK), S_OK);
+    EXPECT_EQ(kept->lpVtbl->Release(kept), 0u);
 }
 
 /* A text that lost a part is no text: the rest of a line would name another module. */
