@@ -33,13 +33,12 @@ static conversion read_conversion(const char *format)
     const char *at = format + 1;
     conversion found = {};
 
-    if (*at == 's' || *at == 'd') /* as most are */
-        return {
-            {format,        1},
-            {},
-            {             },
-            *at, 2
-        };
+    if (*at == 's' || *at == 'd') { /* as most are */
+        found.prefix = {format, 1};
+        found.type = *at;
+        found.length = 2;
+        return found;
+    }
     at += strspn(at, "-+ #0");
     at += digits_or_star(at);
     found.prefix = {format, static_cast<size_t>(at - format)};
