@@ -73,6 +73,12 @@ def wait_for(holds, run=None, seconds=300):
         time.sleep(0.05)
 
 
+def address_in(file):
+    """The address that a scheduler has written; None while the file is not there or not whole."""
+    with contextlib.suppress(OSError, ValueError):
+        return json.loads(file.read_text())["address"]
+
+
 def make_cases(folder, *names):
     for name in names:
         (folder / name).mkdir(parents=True)
@@ -338,8 +344,8 @@ def test_interrupted(folder):
     worker = start("--scheduler-file", address, "--nthreads", 1, "--no-dashboard", "--local-directory", folder,
                    command=["dask-worker"])
     try:
-        wait_for(address.exists)
-        run = start(cases, "--out", out, "--scheduler", json.loads(address.read_text())["address"], *FAKE)
+        wait_for(lambda: address_in(address))
+        run = start(cases, "--out", out, "--scheduler", address_in(address), *FAKE)
         wait_for(lambda: answered(out) > 2, run)
         scheduler.kill()
         text, error = run.communicate(timeout=60)
