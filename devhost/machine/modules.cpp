@@ -25,7 +25,6 @@ static void (*s_watch)(const std::string &news);
 struct loaded_library {
     std::string name; /* in lower case */
     int64_t times;
-    bool in_use; /* a function was looked up */
 };
 static std::map<HMODULE, loaded_library> s_loaded;
 
@@ -134,10 +133,6 @@ static BOOL WINAPI stand_in_FreeLibrary(HMODULE module)
 
 static FARPROC WINAPI stand_in_GetProcAddress(HMODULE module, const char *name)
 {
-    auto loaded = s_loaded.find(module);
-
-    if (loaded != s_loaded.end())
-        loaded->second.in_use = true;
     /* By ordinal the name is a small number. */
     if (reinterpret_cast<uintptr_t>(name) > 0xffff && strcmp(name, "GetTickCount64") == 0) {
         if (machine_get().has_tick_count_64)
@@ -263,7 +258,7 @@ std::string machine_libraries_left(void)
     std::string text;
 
     for (const auto &[module, loaded] : s_loaded)
-        for (int64_t times = loaded.in_use ? 1 : 0; times < loaded.times; times++)
+        for (int64_t times = module == s_engine ? 1 : 0; times < loaded.times; times++)
             text += (text.empty() ? "" : ", ") + loaded.name;
     return text;
 }

@@ -35,8 +35,8 @@ struct machine_engine &machine_get_engine(void);
 void machine_update_engine(void);
 /* What clients of the engine did not release; empty: nothing. */
 std::string machine_engine_left(void);
-/* Libraries that the agent's process loaded and did not free, "dbghelp.dll"; empty: none. One whose
- * functions it looked up may stay loaded, once. */
+/* Libraries that the agent's process loaded and did not free, "dbghelp.dll"; empty: none. The debugger
+ * engine may stay loaded, once. */
 std::string machine_libraries_left(void);
 /* A new process of the agent has loaded none. */
 void machine_start_modules(void);

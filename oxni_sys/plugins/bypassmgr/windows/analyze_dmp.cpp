@@ -25,7 +25,9 @@
 
 typedef HRESULT(STDAPICALLTYPE *debug_create_fn)(REFIID iid, PVOID *client);
 
-static debug_create_fn s_debug_create; /* timer thread */
+/* Both: timer thread. The engine stays loaded for the life of the process. */
+static HMODULE s_engine;
+static debug_create_fn s_debug_create;
 
 /* Collects what the engine prints. The engine may hold and drop references from its own threads. */
 class CDebugOutputCallbacks final : public IDebugOutputCallbacks
@@ -107,11 +109,10 @@ struct engine_session {
     }
 };
 
-/* The engine's entry point, or NULL; a failure is retried at the next call and leaves nothing
- * loaded. The engine stays loaded for the life of the process. */
+/* The engine's entry point, or NULL; a failure is retried at the next call. */
 static debug_create_fn debug_create(void)
 {
-    HMODULE helper, engine;
+    HMODULE helper;
 
     if (s_debug_create != NULL)
         return s_debug_create;
@@ -120,10 +121,9 @@ static debug_create_fn debug_create(void)
     if (helper == NULL)
         return NULL;
     FreeLibrary(helper);
-    engine = LoadLibraryW(L"dbgeng.dll");
-    s_debug_create = proc_address<debug_create_fn>(engine, "DebugCreate");
-    if (s_debug_create == NULL && engine != NULL)
-        FreeLibrary(engine);
+    if (s_engine == NULL)
+        s_engine = LoadLibraryW(L"dbgeng.dll");
+    s_debug_create = proc_address<debug_create_fn>(s_engine, "DebugCreate");
     return s_debug_create;
 }
 
