@@ -22,7 +22,7 @@ enum evidence_damage {
 };
 
 /*
- * Reads all readable records of a file, or those that a filter wants. Throws devhost_error with
+ * Reads all readable records of a file; with a filter, only what it wants. Throws devhost_error with
  * EXIT_BAD_EVIDENCE when the file is not a log, or is more damaged than is allowed.
  *
  * log      Filled. Sound except for what damage and cut_off list.

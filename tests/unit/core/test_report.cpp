@@ -132,7 +132,7 @@ TEST(test_guards, missing_arguments)
 {
     const core_patches patches;
     const import_patch echo("oxni_dbg_echo", [](oxni_dbg_context *, int, const char *) {
-        ADD_FAILURE() << "there is nobody to answer";
+        ADD_FAILURE() << "nothing is to be printed";
     });
     char word[] = "other", option[] = "-r", *arguments[] = {word, option};
 
