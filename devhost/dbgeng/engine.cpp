@@ -318,9 +318,13 @@ HRESULT engine::get_stack_trace(ULONG64 frame_offset, ULONG64 stack_offset,
     return S_OK;
 }
 
+/* The note on a stack is a warning, all else ordinary text. */
 void engine::put(const std::string &text)
 {
-    callbacks_->lpVtbl->Output(callbacks_, DEBUG_OUTPUT_NORMAL, text.c_str());
+    const ULONG mask =
+        text.find("Stack unwind") == std::string::npos ? DEBUG_OUTPUT_NORMAL : DEBUG_OUTPUT_WARNING;
+
+    callbacks_->lpVtbl->Output(callbacks_, mask, text.c_str());
 }
 
 /* Sends a line at a time: a client must join the pieces. */

@@ -35,7 +35,8 @@ block event_record(uint32_t event_id, const std::wstring &source,
     bytes.resize((bytes.size() + 3) / 4 * 4 + sizeof(DWORD));
     header.Length = static_cast<DWORD>(bytes.size());
     header.Reserved = 0x654c664c;
-    header.TimeGenerated = header.TimeWritten = MOMENT;
+    header.TimeGenerated = MOMENT;
+    header.TimeWritten = MOMENT + 60; /* does not count */
     header.EventID = event_id;
     header.NumStrings = static_cast<WORD>(strings.size());
     memcpy(bytes.data(), &header, sizeof(header));

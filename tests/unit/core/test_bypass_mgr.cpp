@@ -72,7 +72,8 @@ TEST(report_link, the_guard_names_the_allocation_that_failed)
 
     report_link_create();
     report_link_watch();
-    s_core.link("path", 1);
+    s_core.link("path", -1); /* online: whatever differs from 0 */
+    ASSERT_TRUE(s_core.answer != nullptr);
     const process_end record = answer_without_memory("oxni_zero_malloc_");
     EXPECT_EQ("report_link.cpp", record.file);
     /* The record, then its first text. */
@@ -106,4 +107,17 @@ TEST(watch_timer, missed_ones_are_armed_later)
     EXPECT_EQ(core_calls(), "timer 1; timer 2; timer 3; timer 4; timer 5; timer 3600000");
     watch_timer_resume();
     EXPECT_EQ(core_calls(), "");
+
+    /* A slot that another timer has taken meanwhile ends the wait. */
+    slots[0] = 0;
+    {
+        const import_patch start("oxni_timer_start");
+        watch_timer_start_if_empty("missed", 6, s_functions[0], &slots[0]);
+    }
+    for (const uint64_t taken : {7u, 0u}) {
+        slots[0] = taken;
+        core_calls();
+        watch_timer_resume();
+        EXPECT_EQ(core_calls(), "");
+    }
 }

@@ -23,6 +23,7 @@ TEST(test_store, odd_content)
         {"'a':{'count':-1,'status':1}", -1, 1, false},
         {"'a':{'count':'3','status':'1'}", -1, 0, false},
         {"'a':{'count':3.0,'status':2.0}", -1, 0, false},
+        {"'a':{'count':3}", 3, 0, false},
         {"'a':{'count':3,'status':4}", 3, 0, false},
         {"'a':{'count':3,'status':0}", 3, 0, false},
         {"'a':{'count':3,'status':-1}", 3, 0, false},
