@@ -9,8 +9,6 @@
 /* Where Windows writes dumps by default. */
 static constexpr char DEFAULT_SMALL[] = "c:\\windows\\minidump\\";
 static constexpr char DEFAULT_COMPLETE[] = "c:\\windows\\memory.dmp";
-/* The plug-in searches for 12 polls of 30 s after the registration of a product. */
-static constexpr int SEARCH_SECONDS = 375;
 
 namespace
 {
@@ -334,16 +332,17 @@ static void doubt_early_end(doubter &d)
     const event_record &last = d.evidence.log.events.back();
     const evidence_run *before = d.evidence.before();
     const int64_t seconds = seconds_after_start(d, last);
+    const int64_t searched = static_cast<int64_t>(d.story.last_query_ms / 1000);
 
-    if (!d.is_last_boot() || !d.bug_checks.empty() || seconds >= SEARCH_SECONDS || seconds < 0)
+    if (!d.is_last_boot() || !d.bug_checks.empty() || seconds >= searched || seconds < 0)
         return;
     const bool clean = before != nullptr && before->ending == RUN_ENDED_CLEAN;
 
-    d.add_log(
-        !clean && d.unexpected.empty() && before != nullptr, "the log ends soon after the start",
-        text_format("%s, the last one, was written %lld s after the start, and the plug-in "
-                    "searches for %u s; hand in a System log that was exported later",
-                    record_name(last).c_str(), seconds, static_cast<unsigned>(SEARCH_SECONDS)));
+    d.add_log(!clean && d.unexpected.empty() && before != nullptr,
+              "the log ends soon after the start",
+              text_format("%s, the last one, was written %lld s after the start, and the plug-in "
+                          "searches until %lld s; hand in a System log that was exported later",
+                          record_name(last).c_str(), seconds, searched));
 }
 
 static void doubt_unknown_end(doubter &d)

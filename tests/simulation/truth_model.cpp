@@ -24,8 +24,6 @@
 static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */
 static constexpr uint32_t PRODUCTS_MS = 15000u;
 static constexpr uint32_t POLL_MS = 30000u;
-static constexpr int SEARCH_SECONDS =
-    375; /* a log that ends earlier may lack the record of a crash */
 static constexpr char DRIVERS[] = "XNI/BYPASS";
 
 /* One boot as the log shows it. */
@@ -38,6 +36,7 @@ struct shown_boot {
     bool stale;                            /* an older small dump seems newer */
     std::vector<uint64_t> ms;              /* when each record is there */
     size_t logged;                         /* records so far */
+    uint64_t searched_ms;                  /* when the last check searched last */
     std::map<oxni_subscriber *, std::string> names;
     enum verdict verdict;
 };
@@ -166,6 +165,7 @@ static void play_model(shown_boot &shown)
 
         plan.erase(next);
         log_until(shown, due.ms);
+        shown.searched_ms = due.ms;
         if (do_due(shown, due, checks))
             plan.push_back({due.ms + POLL_MS, due.subscriber, nullptr});
     }
@@ -320,7 +320,7 @@ static std::string doubt(const shown_boot &shown)
         return "a registered name differs in its case only";
     const int64_t seconds = int64_t(shown.events.back().time) - start;
     if (shown.last && !crash && !unexpected && before != "clean" && seconds >= 0 &&
-        seconds < SEARCH_SECONDS)
+        seconds < int64_t(shown.searched_ms / 1000))
         return "its log ends early";
     return "";
 }
@@ -366,7 +366,8 @@ void truth_predict(const struct scenario &scenario, synthesis *made)
         history_boot &boot = history.boots[i];
         const run_folder folder("");
         shown_boot shown = {
-            *made, boot, i + 1 == history.boots.size(), {}, {}, false, {}, 0, {}, VERDICT_NOT_YET};
+            *made, boot,           i + 1 == history.boots.size(), {}, {}, false, {}, 0, 0,
+            {},    VERDICT_NOT_YET};
 
         boot.truth = {};
         if (!made->shows(boot))
