@@ -225,7 +225,7 @@ static std::string extract(const file_span &file, const entry &entry, const std:
         return "is damaged in the archive";
     return out.total == entry.bytes && out.crc == entry.crc
                ? ""
-               : "is damaged in the archive: wrong check sum";
+               : "is damaged in the archive: wrong checksum";
 }
 
 /* Whether a path leads out of the folder in which an archive is unpacked. Ours are unpacked under
@@ -261,7 +261,7 @@ static void refuse_harm(const evidence_file &file, const std::vector<entry> &ent
         bytes += std::min(entry.bytes, MEMBER_MOST);
     }
     if (packed > file.bytes())
-        file.bad("refused: its members overlap, as in an archive that is made to fill disks");
+        file.bad("refused: its members overlap, which is typical of a decompression bomb");
     if (bytes > BOMB_BYTES && bytes / BOMB_RATIO > file.bytes())
         file.bad(text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
                              "unpack it and hand in the folder",

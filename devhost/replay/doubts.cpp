@@ -129,7 +129,7 @@ static void doubt_other_dump(doubter &d, const event_record &event)
     for (const replay_dump &placed : d.evidence.dumps)
         if (placed.is_ours && !d.story.dump.empty() &&
             &placed != d.evidence.dump_at(d.story.dump) && placed.dump.is_small())
-            d.add_dump(true, "the plug-in reads another dump than that of the crash", placed,
+            d.add_dump(true, "the plug-in does not read the dump of the crash", placed,
                        replay_dump_fate(d.evidence, placed, d.story) + ", although it matches " +
                            record_name(event) +
                            "; hand in all files of its folder with their times");
@@ -231,8 +231,9 @@ static void doubt_clock(doubter &d)
         }
 }
 
-static const char *const s_verdicts[] = {"nothing", "a normal end", "an unexpected shutdown",
-                                         "a blue screen", "nothing: its queries failed"};
+static const char *const s_verdicts[] = {
+    "reaches no verdict", "concludes a normal end", "concludes an unexpected shutdown",
+    "concludes a blue screen", "reaches no verdict: its queries failed"};
 
 /* What the records of the boot show, against what the plug-in made of them. */
 static void doubt_disagreement(doubter &d)
@@ -247,9 +248,9 @@ static void doubt_disagreement(doubter &d)
     d.add_log(true,
               std::string("the log shows ") +
                   (d.bug_checks.empty() ? "an unexpected shutdown" : "a blue screen") +
-                  ", and the plug-in concludes " + s_verdicts[d.story.verdict],
+                  ", and the plug-in " + s_verdicts[d.story.verdict],
               record_name(*proof) +
-                  text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
+                  text_format(", %lld s after the start, contradicts the plug-in, which ",
                               seconds_after_start(d, *proof)) +
                   s_verdicts[d.story.verdict] +
                   (d.story.last_query_ms != 0
@@ -293,7 +294,7 @@ static void doubt_names(doubter &d)
                           "\", and the stack of " + file_of(d.story.dump) + " contains \"" +
                           frame.module +
                           "\"; names match only letter by letter: check the name that the product "
-                          "registers, and hand in the registered one");
+                          "registers, and pass it with --product");
             }
 }
 

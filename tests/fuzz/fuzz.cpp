@@ -309,7 +309,7 @@ int wmain(int argc, wchar_t **argv);
 int wmain(int argc, wchar_t **argv)
 {
     return command_line_run("fuzz", "Reads generated and damaged input, see docs/faults.md",
-                            "Exit status: 0 no violation, 2 bad call, 70 a violation or a crash, "
-                            "71 it hung.",
+                            "Exit status: 0 no violation, 2 invalid call, 70 a violation or a "
+                            "crash, 71 it hung.",
                             {add_targets}, argc, argv);
 }

@@ -80,7 +80,7 @@ static void patch(std::string *log, size_t at, uint32_t value)
     memcpy(&(*log)[at], &value, sizeof(value));
 }
 
-/* Makes the check sums of a changed log right, so that a reader does not stop at them. */
+/* Makes the checksums of a changed log right, so that a reader does not stop at them. */
 static void seal(std::string *log)
 {
     if (log->size() < EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES)

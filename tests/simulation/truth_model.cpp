@@ -104,8 +104,9 @@ static void take_orders(shown_boot &shown)
     }
 }
 
-/* Result: whether a chain of polls goes on. */
-static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *, chain> &chains)
+/* Result: whether the check goes on. */
+static bool do_due(shown_boot &shown, const due &due,
+                   std::map<oxni_subscriber *, status_check> &checks)
 {
     bool goes_on = false;
 
@@ -117,10 +118,10 @@ static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *
 
         model_message(due.subscriber, message);
         json_decref(message);
-        goes_on = model_agent.now.chains_expected == 1;
-        chains[due.subscriber] = {due.subscriber, model_polls_at_start(), false};
+        goes_on = model_agent.now.checks_expected == 1;
+        checks[due.subscriber] = {due.subscriber, model_polls_at_start(), false};
     } else {
-        const enum verdict verdict = model_poll(chains[due.subscriber]);
+        const enum verdict verdict = model_poll(checks[due.subscriber]);
 
         goes_on = verdict == VERDICT_NOT_YET;
         if (!goes_on) {
@@ -144,7 +145,7 @@ static void play_model(shown_boot &shown)
         1,
         "working"
     };
-    std::map<oxni_subscriber *, chain> chains;
+    std::map<oxni_subscriber *, status_check> checks;
     std::vector<due> plan;
     uintptr_t key = 1; /* the model needs different ones, no real ones */
 
@@ -165,7 +166,7 @@ static void play_model(shown_boot &shown)
         plan.erase(next);
         log_until(shown, due.ms);
         shown.searched_ms = due.ms;
-        if (do_due(shown, due, chains))
+        if (do_due(shown, due, checks))
             plan.push_back({due.ms + POLL_MS, due.subscriber, nullptr});
     }
 }
