@@ -33,6 +33,7 @@ static constexpr uint64_t MEMBER_MOST = 1ull << 40;
 /* A dump that is mostly zeros shrinks that much, but then it is small enough. */
 static constexpr uint64_t BOMB_RATIO = 200;
 static constexpr uint64_t BOMB_BYTES = 4ull << 30;
+static constexpr size_t NAME_MOST = 255; /* characters of a file name on NTFS */
 
 namespace
 {
@@ -238,6 +239,14 @@ static bool leads_out(const std::string &name)
            path.find("/../") != std::string::npos;
 }
 
+static bool is_file_name(const std::string &name)
+{
+    return text_wide(name).size() <= NAME_MOST &&
+           std::none_of(name.begin(), name.end(), [](char c) {
+               return static_cast<unsigned char>(c) < ' ' || strchr("<>:\"|?*", c) != nullptr;
+           });
+}
+
 static uint64_t free_bytes(const std::string &folder)
 {
     ULARGE_INTEGER available = {};
@@ -294,10 +303,12 @@ std::vector<zip_member> zip_extract(const evidence_file &file, const std::string
         members.push_back({entry.name, "", ""});
         zip_member &member = members.back();
 
-        if (!wanted(name) || name.find_first_of("<>:\"|?*") != std::string::npos) {
+        if (!wanted(name))
             member.why = "neither a log, a dump, a registry export nor a list of products";
+        else if (!is_file_name(name))
+            member.why = "has a name that Windows does not permit";
+        if (!member.why.empty())
             continue;
-        }
         const std::string own = folder + text_format("\\%u", static_cast<unsigned>(members.size()));
 
         CreateDirectoryW(text_wide(own).c_str(), nullptr);

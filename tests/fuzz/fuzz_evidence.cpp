@@ -185,22 +185,6 @@ static void cut_records(std::string *log, chance &chance)
         log->resize(end);
 }
 
-/* Changes numbers in the records in place: all around them stays right, and the reader gets far. Some
- * become places near the end of the file, counted as the records do from the begin of their chunk. */
-static void change_numbers(std::string *log, chance &chance)
-{
-    const size_t begin = EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES;
-    const size_t bytes = std::min<size_t>(log->size(), begin + EVTX_RECORDS_BYTES) - begin;
-
-    for (size_t left = 1 + chance.below(3); left > 0 && bytes > 4; left--) {
-        const size_t place = log->size() - EVTX_HEADER_BYTES - chance.below(64);
-        const uint32_t value = static_cast<uint32_t>(
-            chance.one_in(4) ? place : (chance.next() & UINT32_MAX) >> (8 * chance.below(4)));
-
-        memcpy(&(*log)[begin + chance.below(bytes - 4)], &value, 1ull << chance.below(3));
-    }
-}
-
 /* Most damage hits the records, which take a tenth of the file. */
 static void try_evtx(chance &chance, uint64_t)
 {
@@ -210,7 +194,8 @@ static void try_evtx(chance &chance, uint64_t)
     if (!anywhere && chance.one_in(2))
         cut_records(&log, chance);
     if (!anywhere && !chance.one_in(4)) {
-        change_numbers(&log, chance);
+        change_numbers(&log, EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES, EVTX_RECORDS_BYTES,
+                       log.size() - EVTX_HEADER_BYTES, chance); /* offsets begin at the chunk */
     } else if (!anywhere) {
         std::string records = log.substr(EVTX_HEADER_BYTES, EVTX_RECORDS_BYTES);
 
