@@ -199,7 +199,7 @@ static std::string evtx_file(size_t mib)
     return path;
 }
 
-/* Reads the records that separate the runs of Windows, and the check sums. The baseline copies the file, which
+/* Reads the records that separate the runs of Windows, and the checksums. The baseline copies the file, which
  * is mapped for both. */
 static void evtx(benchmark::State &state)
 {

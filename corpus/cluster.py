@@ -5,7 +5,6 @@ import logging
 import os
 import shutil
 import signal
-import sys
 import tempfile
 import time
 
@@ -13,16 +12,14 @@ import cloudpickle
 import dask
 from distributed import Client, LocalCluster, as_completed
 
+from failure import ClusterLost
+
 CONNECT_SECONDS = 15
 WORKER_SECONDS = 60  # until the first worker is there
 RECOUNT_SECONDS = 5  # workers may come and go; asking for them costs the scheduler time
 # Tasks of a worker that are submitted: one that runs, and what it takes up next. The rest waits in our
 # own list, so that the memory of the scheduler does not grow with the number of cases.
 TASKS_A_WORKER = 3
-
-
-class ClusterLost(Exception):
-    """The scheduler ended, or cannot be reached."""
 
 
 def local_cluster(workers, folder):
@@ -88,8 +85,3 @@ def run(client, function, next_job, settle):
             settle(job, None, future.exception())
         else:
             raise ClusterLost("the scheduler ended")
-
-
-def fail(text, status=2):
-    sys.stderr.write(f"corpus: {text}\n")
-    sys.exit(status)

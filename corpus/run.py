@@ -2,26 +2,19 @@
 """Plays a corpus of cases through the plug-in, on this machine or on a cluster, and collects what it
 decides in a database and a page."""
 import argparse
-import collections
 import os
 import shlex
 import signal
 import sqlite3
-import subprocess
 import sys
-import time
 
 import cases
-import cluster
 import compare
-import host
 import page
 import results
-from progress import Progress
+from failure import ClusterLost, fail
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-BATCH_SECONDS = 1 # of work in a task: the cluster takes some milliseconds for each
-MOST_BATCH = 100
 EPILOG = """CASES: a folder or .zip with one machine's evidence, a folder of those, or a manifest (.jsonl).
 Exit status: 0 every case was played, and nothing differs from baseline and truth; 1 something differs, or
 a case failed; 2 invalid call, or results cannot be written; 3 no case has readable evidence; 4 the plug-in
@@ -50,83 +43,6 @@ def parse():
     program = [os.path.join(ROOT, "cmake", "wine-run"), os.path.join(bin_folder, "oxni_devhost.exe")]
     options.program = shlex.split(options.host) if options.host else program
     return options
-
-
-class Run:
-    """Which case is played next, and what becomes of its outcome."""
-
-    def __init__(self, kept, name, checksum, progress):
-        self.kept, self.name, self.checksum, self.progress = kept, name, checksum, progress
-        self.last = 0                    # id of the last case that was taken from the database
-        self.waiting = collections.deque() # cases that are played alone
-        self.size, self.mean = 1, None   # of a batch; seconds of a case
-        self.busy = 0                    # seconds of the hosts
-
-    def next_job(self):
-        if self.waiting:
-            return self.name, [self.waiting.popleft()], True
-        batch = self.kept.open_cases(self.last, self.size)
-        if not batch:
-            return None
-        self.last = batch[-1][0]
-        return self.name, batch, False
-
-    def settle(self, job, result, error):
-        _, batch, alone = job
-        if error is not None: # the cluster gave up: workers ended again and again
-            rows = [{"id": number, "state": "died", "seconds": 0, "error": f"its workers ended: {error}"}
-                    for number, _, _ in batch]
-            result = {"rows": rows, "worker": None, "checksum": self.checksum}
-        if result["checksum"] != self.checksum:
-            raise cluster.ClusterLost(f"{result['worker']} has another plug-in at the same path")
-        for case, row in zip(batch, result["rows"]):
-            self.busy += row["seconds"]
-            if row["state"] == "died" and not alone:
-                self.waiting.append(case)
-                continue
-            if row["state"] == "died":
-                row["state"] = "failed"
-            self.kept.put(row, result["worker"])
-            self.progress.done += 1
-            self.progress.failed += row["state"] == "failed"
-            self.mean = row["seconds"] if self.mean is None else 0.9 * self.mean + 0.1 * row["seconds"]
-        if self.mean:
-            self.size = max(1, min(MOST_BATCH, round(BATCH_SECONDS / self.mean)))
-
-
-def check_host(options):
-    """The host starts and loads the plug-in: else every case would fail."""
-    done = subprocess.run([*options.program, "serve", "--plugin", options.plugin], stdin=subprocess.DEVNULL,
-                          capture_output=True, text=True)
-    if done.returncode != 0:
-        cluster.fail(f"the host ended with {done.returncode}\n{done.stderr.strip()}", done.returncode)
-
-
-def play(options, kept):
-    plugin = host.HostPlugin([*options.program, "serve", "--plugin", options.plugin], options.plugin,
-                             options.timeout)
-    checksum = kept.note("plugin_sha256", host.checksum_of(options.plugin))
-    if checksum != host.checksum_of(options.plugin):
-        raise results.BadFolder(f"{options.out}: contains results of another plug-in")
-    open_cases = kept.counts().get("open", 0)
-    if open_cases == 0:
-        return
-    check_host(options)
-    cluster.by_value(host)
-    name = f"bypass_mgr-{os.getpid()}-{os.urandom(4).hex()}"
-    with cluster.connect(options.scheduler, options.workers) as client:
-        client.register_worker_plugin(plugin, name)
-        workers = len(client.nthreads())
-        run = Run(kept, name, checksum, Progress(open_cases, "cases"))
-        try:
-            with run.progress:
-                cluster.run(client, host.play_batch, run.next_job, run.settle)
-        finally:
-            kept.commit()
-        client.unregister_worker_plugin(name)
-    seconds = time.monotonic() - run.progress.begin
-    print(f"played {run.progress.done:,} cases in {seconds:.1f} s, {run.progress.done / seconds:.1f} a second; "
-          f"the hosts of {workers} workers were busy {run.busy / (workers * seconds):.0%} of it")
 
 
 def report(options, base):
@@ -177,16 +93,17 @@ def main():
             return finish(options)
         kept = results.Results(options.out, options.resume)
         kept.add_cases(cases.find(options.cases), options.resume)
-        play(options, kept)
+        import play # it loads Dask, which takes half a second: not for what only shows results
+        play.play(options, kept)
         return finish(options)
     except (cases.BadCase, results.BadFolder) as error:
-        return cluster.fail(error)
-    except cluster.ClusterLost as error:
-        return cluster.fail(f"{error}; --resume goes on", 5)
+        return fail(error)
+    except ClusterLost as error:
+        return fail(f"{error}; --resume goes on", 5)
     except (sqlite3.Error, OSError) as error:
-        return cluster.fail(f"cannot write the results: {error}; what was written is kept, --resume goes on")
+        return fail(f"cannot write the results: {error}; what was written is kept, --resume goes on")
     except KeyboardInterrupt:
-        return cluster.fail(f"interrupted; go on with --resume --out {options.out}", 130)
+        return fail(f"interrupted; go on with --resume --out {options.out}", 130)
     finally:
         if kept:
             kept.close()

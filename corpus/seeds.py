@@ -11,6 +11,7 @@ import subprocess
 import sys
 
 import cluster
+from failure import ClusterLost, fail
 from progress import Progress
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -90,7 +91,7 @@ class Seeds:
         piece = job[1]
         status, output = result or (CRASHED, f"violation: its workers ended: {error}")
         if status not in (0, 1, CRASHED, HUNG):
-            cluster.fail(f"{' '.join(job[0])} ended with {status}\n{output}", status)
+            fail(f"{' '.join(job[0])} ended with {status}\n{output}", status)
         self.progress.done += 1
         found = self.take_sums(output)
         if status != 0:
@@ -142,10 +143,10 @@ def main():
     try:
         with cluster.connect(options.scheduler, options.workers) as client, seeds.progress:
             cluster.run(client, run_piece, seeds.next_job, seeds.settle)
-    except cluster.ClusterLost as error:
-        return cluster.fail(error, 5)
+    except ClusterLost as error:
+        return fail(error, 5)
     except KeyboardInterrupt:
-        return cluster.fail("interrupted", 130)
+        return fail("interrupted", 130)
     sums = ", ".join(f"{count:,} {name}" for name, count in seeds.sums.items())
     print(f"{options.kind}: {sums or 'nothing'}, {seeds.progress.failed:,} findings")
     return 1 if seeds.progress.failed else 0

@@ -157,7 +157,7 @@ static void add_console(CLI::App &app, int *status)
 {
     auto options = std::make_shared<arguments>();
     CLI::App *command = app.add_subcommand(
-        "console", "Plays a scenario for a person, who types commands and lets time pass");
+        "console", "Plays a scenario interactively: type commands, advance the time");
 
     command->add_option("FILE", options->files, "Scenario file")->required()->expected(1);
     add_common_options(*command, *options);
@@ -244,7 +244,7 @@ static void add_serve(CLI::App &app, int *status)
 {
     auto arguments = std::make_shared<replay_arguments>();
     CLI::App *command = app.add_subcommand(
-        "serve", "Takes a case of evidence a line from stdin, and prints its result on a line");
+        "serve", "Reads one case per line from stdin and prints one result per line");
 
     add_plugin_option(*command, arguments->options.session.plugin_path);
     add_memory_option(*command, arguments->memory);
@@ -328,9 +328,9 @@ static void add_events(CLI::App &app, int *status)
 
 static const char s_synthesize_footer[] =
     "Writes System.evtx, Minidump, machine.reg, products.json and truth.json: what replay must\n"
-    "answer for each boot, and which records the log has lost. A scenario whose decisions depend on\n"
-    "what no evidence shows is rejected. --random SEED --count N in place of SCENARIO writes random\n"
-    "machines, one folder each.";
+    "answer for each boot, and which records the log has lost. Rejects a scenario whose decisions\n"
+    "depend on facts that evidence cannot contain. --random SEED --count N in place of SCENARIO\n"
+    "writes random machines, one folder each.";
 
 static void add_synthesize(CLI::App &app, int *status)
 {

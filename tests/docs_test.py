@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Every ./dev command in the documents is run, on evidence of the project where a name is a
-placeholder, or asked whether it knows its options where it would take long; links and paths lead
-somewhere; every member of a scenario is documented.
+placeholder. A command that would take long is only asked whether it knows its options. Links and
+paths exist. Every member of a scenario is documented.
 
 usage: docs_test.py PROJECT_FOLDER
 """

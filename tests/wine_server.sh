@@ -4,8 +4,8 @@
 # usage: wine_server.sh WINE_RUN
 set -u
 export WINEPREFIX=${WINEPREFIX:-${BYPASS_BUILD:-$(dirname "$1")/../build}/wineprefix}
-# Fails while a server runs. One that a program started ends seconds after it, and in the middle of
-# the tests if they rely on it.
+# Fails while a server runs. A server started by a program ends seconds after that program, in the
+# middle of the tests if they rely on it.
 for _ in $(seq 50); do
     wineserver --persistent=60 </dev/null >/dev/null 2>&1 && break
     pgrep -f -- "wineserver.* --persistent=60" >/dev/null && break

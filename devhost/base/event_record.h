@@ -39,10 +39,6 @@ class event_strings
             from = text_.find(L'\0', from) + 1;
         return index < count_ ? std::wstring(text_.c_str() + from) : std::wstring();
     }
-    std::wstring last() const
-    {
-        return at(count_ - 1);
-    }
     /* Each with its NUL. */
     const std::wstring &packed() const
     {

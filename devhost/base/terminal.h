@@ -30,8 +30,8 @@ void terminal_progress_end(void);
 /* Handles Ctrl-C from here on: prints what was reached last, and ends the program with
  * EXIT_INTERRUPTED. */
 void terminal_watch_interrupt(void);
-/* Ctrl-C waits while it is held. Held during the start of another process: Wine leaves behind a
- * process whose start is cut off. */
+/* Ctrl-C waits while it is held. Held during the start of another process: if the start is
+ * interrupted, Wine leaves a process running. */
 std::mutex &terminal_interrupt_mutex(void);
 /* What Ctrl-C prints. Any thread. */
 void terminal_reached(const std::string &what);

@@ -1,4 +1,4 @@
-/* Functions of the C runtime for runs of many boots: Wine's copy, measure and format by single bytes. */
+/* Functions of the C runtime for runs of many boots: Wine's versions work byte by byte. */
 #ifndef DEVHOST_QUICK_FUNCTIONS_H
 #define DEVHOST_QUICK_FUNCTIONS_H
 

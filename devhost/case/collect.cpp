@@ -140,7 +140,8 @@ static void take_json(const struct replay_options &options, const collected_file
     else if (evidence->products.empty())
         evidence->products = products_read({}, file.path);
     else
-        evidence->ignored.push_back({file.shown, "products are given otherwise"});
+        evidence->ignored.push_back(
+            {file.shown, "products from an option or another file are used"});
 }
 
 static void take(const struct replay_options &options, const collected_file &file,

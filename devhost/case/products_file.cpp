@@ -38,7 +38,7 @@ static replay_product parse_product(const std::string &text)
     if (parts.size() > 2) {
         product.count = strtoll(parts[2].c_str(), &end, 10);
         if (parts[2].empty() || *end != '\0' || product.count < 0 || product.count > INT32_MAX)
-            bad_product(text, "count \"" + parts[2] + "\" is not a number from 0 on");
+            bad_product(text, "count \"" + parts[2] + "\" is not a number of 0 or more");
     }
     if (parts.size() > 3) {
         product.status = parts[3];
@@ -73,7 +73,7 @@ static replay_product product_of(const std::string &file, const std::string &nam
     product.count = node_integer_of(&value, "count", STANDARD_COUNT);
     product.status = node_text_of(&value, "status", STANDARD_STATUS);
     if (product.count < 0 || product.count > INT32_MAX)
-        bad_file(file, place + "/count", "expected a number from 0 on");
+        bad_file(file, place + "/count", "expected a number of 0 or more");
     if (!is_status(product.status))
         bad_file(file, place + "/status", "expected working, bypass or initializing");
     return product;

@@ -33,6 +33,7 @@ static constexpr uint64_t MEMBER_MOST = 1ull << 40;
 /* A dump that is mostly zeros shrinks that much, but then it is small enough. */
 static constexpr uint64_t BOMB_RATIO = 200;
 static constexpr uint64_t BOMB_BYTES = 4ull << 30;
+static constexpr size_t NAME_MOST = 255; /* characters of a file name on NTFS */
 
 namespace
 {
@@ -225,7 +226,7 @@ static std::string extract(const file_span &file, const entry &entry, const std:
         return "is damaged in the archive";
     return out.total == entry.bytes && out.crc == entry.crc
                ? ""
-               : "is damaged in the archive: wrong check sum";
+               : "is damaged in the archive: wrong checksum";
 }
 
 /* Whether a path leads out of the folder in which an archive is unpacked. Ours are unpacked under
@@ -236,6 +237,14 @@ static bool leads_out(const std::string &name)
 
     return path[1] == '/' || (name.size() > 1 && name[1] == ':') ||
            path.find("/../") != std::string::npos;
+}
+
+static bool is_file_name(const std::string &name)
+{
+    return text_wide(name).size() <= NAME_MOST &&
+           std::none_of(name.begin(), name.end(), [](char c) {
+               return static_cast<unsigned char>(c) < ' ' || strchr("<>:\"|?*", c) != nullptr;
+           });
 }
 
 static uint64_t free_bytes(const std::string &folder)
@@ -261,7 +270,7 @@ static void refuse_harm(const evidence_file &file, const std::vector<entry> &ent
         bytes += std::min(entry.bytes, MEMBER_MOST);
     }
     if (packed > file.bytes())
-        file.bad("refused: its members overlap, as in an archive that is made to fill disks");
+        file.bad("refused: its members overlap, which is typical of a decompression bomb");
     if (bytes > BOMB_BYTES && bytes / BOMB_RATIO > file.bytes())
         file.bad(text_format("refused: %llu MiB would become %llu MiB; if that is genuine, "
                              "unpack it and hand in the folder",
@@ -294,10 +303,12 @@ std::vector<zip_member> zip_extract(const evidence_file &file, const std::string
         members.push_back({entry.name, "", ""});
         zip_member &member = members.back();
 
-        if (!wanted(name) || name.find_first_of("<>:\"|?*") != std::string::npos) {
+        if (!wanted(name))
             member.why = "neither a log, a dump, a registry export nor a list of products";
+        else if (!is_file_name(name))
+            member.why = "has a name that Windows does not permit";
+        if (!member.why.empty())
             continue;
-        }
         const std::string own = folder + text_format("\\%u", static_cast<unsigned>(members.size()));
 
         CreateDirectoryW(text_wide(own).c_str(), nullptr);

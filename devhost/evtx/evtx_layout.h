@@ -25,7 +25,7 @@ template <typename T> T evtx_load(const uint8_t *bytes)
     return value;
 }
 
-/* The check sum of a chunk's header, which covers neither the flags nor itself. */
+/* The checksum of a chunk's header, which covers neither the flags nor itself. */
 inline uint32_t evtx_chunk_header_sum(const void *chunk)
 {
     std::string summed(static_cast<const char *>(chunk), EVTX_CHUNK_HEADER_BYTES);

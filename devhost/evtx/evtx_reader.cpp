@@ -51,7 +51,7 @@ static bool has_header(const uint8_t *chunk, uint32_t size)
     return size >= EVTX_CHUNK_HEADER_BYTES && memcmp(chunk, EVTX_CHUNK_BEGINS, 8) == 0;
 }
 
-/* The check sums of a chunk that has a header, and the record numbers that it names. */
+/* The checksums of a chunk that has a header, and the record numbers that it names. */
 static void check_chunk(log_reader &reader, const uint8_t *chunk, uint32_t size, uint64_t number)
 {
     const uint32_t end = evtx_load<uint32_t>(chunk + 0x30);
@@ -60,14 +60,14 @@ static void check_chunk(log_reader &reader, const uint8_t *chunk, uint32_t size,
 
     if ((evtx_load<uint32_t>(chunk + 0x78) & FLAG_NO_CHECK_SUMS) == 0) {
         if (evtx_chunk_header_sum(chunk) != evtx_load<uint32_t>(chunk + 0x7C)) {
-            reader.log->damage.push_back("wrong check sum of the header: " + chunk_place(number));
+            reader.log->damage.push_back("wrong checksum of the header: " + chunk_place(number));
             return;
         }
         if (size == EVTX_CHUNK_BYTES &&
             (end < EVTX_CHUNK_HEADER_BYTES || end > size ||
              oxni_crc32_calc(chunk + EVTX_CHUNK_HEADER_BYTES, end - EVTX_CHUNK_HEADER_BYTES) !=
                  evtx_load<uint32_t>(chunk + 0x34)))
-            reader.log->damage.push_back("wrong check sum of the records, which are used: " +
+            reader.log->damage.push_back("wrong checksum of the records, which are used: " +
                                          chunk_place(number));
     }
     if (first <= last && last != UINT64_MAX) { /* a chunk without records has -1 */
@@ -200,7 +200,7 @@ static void check_header(log_reader &reader, const uint8_t *header, uint64_t chu
 
     if ((evtx_load<uint32_t>(header + 0x78) & FLAG_NO_CHECK_SUMS) == 0 &&
         oxni_crc32_calc(header, 0x78) != evtx_load<uint32_t>(header + 0x7C)) {
-        reader.log->damage.push_back("wrong check sum of the file's header at byte 0");
+        reader.log->damage.push_back("wrong checksum of the file's header at byte 0");
         return;
     }
     if (next_record > 0)

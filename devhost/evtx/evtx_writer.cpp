@@ -215,7 +215,7 @@ static bool add_record(chunk_state *chunk, const event_record &event, const xml_
     return true;
 }
 
-/* The chunk with its header and check sums. */
+/* The chunk with its header and checksums. */
 static std::string seal(const chunk_state &chunk)
 {
     const uint64_t none = UINT64_MAX;
@@ -233,7 +233,7 @@ static std::string seal(const chunk_state &chunk)
         oxni_crc32_calc(&chunk.bytes[EVTX_CHUNK_HEADER_BYTES], end - EVTX_CHUNK_HEADER_BYTES));
     sealed.append(64, '\0');
     put(&sealed, uint32_t(1)); /* flags: as in every chunk of Windows */
-    put(&sealed, uint32_t(0)); /* the check sum */
+    put(&sealed, uint32_t(0)); /* the checksum */
     sealed += text_bytes(chunk.tables) + chunk.bytes.substr(EVTX_CHUNK_HEADER_BYTES);
     patch(&sealed, 0x7C, evtx_chunk_header_sum(sealed.data()));
     sealed.resize(EVTX_CHUNK_BYTES, '\0');

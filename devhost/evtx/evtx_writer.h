@@ -1,5 +1,5 @@
 /*
- * Writes System logs in the .evtx format, version 3.1, as Windows would: chunks with check sums, name
+ * Writes System logs in the .evtx format, version 3.1, as Windows would: chunks with checksums, name
  * and template tables, and the real fields of the providers whose records matter to the plug-in.
  */
 #ifndef DEVHOST_EVTX_WRITER_H

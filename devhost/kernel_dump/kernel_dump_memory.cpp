@@ -55,7 +55,7 @@ static const char *add_entry(const memory_dump &memory, uint64_t address, kernel
                                  entry.at<uint32_t>(MEMORY_SIZE), 0};
 
     read_name(memory, entry, &module);
-    /* Without it the size alone has to tell builds apart, so an entry whose end is missing counts too. */
+    /* Without it only the size distinguishes builds, so an entry whose end is missing counts too. */
     if (memory_dump_read(memory, address + MEMORY_TIME_STAMP, &module.time_stamp,
                          sizeof module.time_stamp) != MEMORY_OK)
         module.time_stamp = 0;

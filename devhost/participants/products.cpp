@@ -41,7 +41,7 @@ static std::vector<product> s_products;
  * plug-in's own subscribers are among them. */
 static std::map<std::string, oxni_subscriber *> s_seen;
 
-/* Commands since the last product_disturb, and those that are undeliverable. */
+/* Commands since the last product_disturb, and the undeliverable ones. */
 static struct {
     uint64_t pushes, first, last;
     int32_t error;
@@ -345,7 +345,7 @@ std::string product_of(oxni_subscriber *subscriber)
 {
     const product *product = product_by_handle(subscriber);
     const oxni_subscriber_attr *attr;
-    std::string name = "nobody";
+    std::string name = "unknown product";
 
     if (product != nullptr) {
         name = product->key;

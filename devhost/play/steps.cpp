@@ -248,6 +248,18 @@ static const struct {
     {"copy_file", "to"       },
 };
 
+/* Why a call cannot fail as the step "fail" wants; empty: it can. */
+static std::string failure_problem(const node &step)
+{
+    const std::string name = step.text("fail");
+
+    if (!calls_can_fail(name, 1))
+        return "\"" + name + "\" is not a call of the plug-in that can fail";
+    if (!calls_can_fail(name, static_cast<uint32_t>(step.integer("error", 0))))
+        return "\"" + name + "\" needs an \"error\" that is not 0";
+    return "";
+}
+
 std::string step_problem(const node &step)
 {
     std::string does;
@@ -267,11 +279,7 @@ std::string step_problem(const node &step)
             return std::string("member \"") + row.member + "\" is missing";
     if (does == "callback" && step.text("callback") != "console" && !step["arguments"]["of"])
         return "\"arguments\": member \"of\" is missing, the subscriber that is passed";
-    if (does == "fail" &&
-        !calls_can_fail(step.text("fail"), static_cast<uint32_t>(step.integer("error", 0))))
-        return "\"" + step.text("fail") +
-               "\" is not a call of the plug-in that can fail, or needs an \"error\"";
-    return "";
+    return does == "fail" ? failure_problem(step) : "";
 }
 
 void step_run(const node &step, std::vector<std::string> &failures)

@@ -106,7 +106,7 @@ static std::string no_bypass_reason(const replay_evidence &evidence, const repla
         return story.stack.empty() ? "no stack was read"
                                    : "no registered module is on the crashed stack of " +
                                          dump_name(evidence, story);
-    case VERDICT_NONE: return "the plug-in does not conclude how the previous run ended";
+    case VERDICT_NONE: return "the plug-in reached no verdict about the previous run";
     case VERDICT_NOT_KNOWN: return "the plug-in cannot determine how the previous run ended";
     }
     return "";

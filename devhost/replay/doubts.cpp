@@ -9,8 +9,6 @@
 /* Where Windows writes dumps by default. */
 static constexpr char DEFAULT_SMALL[] = "c:\\windows\\minidump\\";
 static constexpr char DEFAULT_COMPLETE[] = "c:\\windows\\memory.dmp";
-/* The plug-in searches for 12 polls of 30 s after the registration of a product. */
-static constexpr int SEARCH_SECONDS = 375;
 
 namespace
 {
@@ -131,7 +129,7 @@ static void doubt_other_dump(doubter &d, const event_record &event)
     for (const replay_dump &placed : d.evidence.dumps)
         if (placed.is_ours && !d.story.dump.empty() &&
             &placed != d.evidence.dump_at(d.story.dump) && placed.dump.is_small())
-            d.add_dump(true, "the plug-in reads another dump than that of the crash", placed,
+            d.add_dump(true, "the plug-in does not read the dump of the crash", placed,
                        replay_dump_fate(d.evidence, placed, d.story) + ", although it matches " +
                            record_name(event) +
                            "; hand in all files of its folder with their times");
@@ -233,8 +231,9 @@ static void doubt_clock(doubter &d)
         }
 }
 
-static const char *const s_verdicts[] = {"nothing", "a normal end", "an unexpected shutdown",
-                                         "a blue screen", "nothing: its queries failed"};
+static const char *const s_verdicts[] = {
+    "reaches no verdict", "concludes a normal end", "concludes an unexpected shutdown",
+    "concludes a blue screen", "reaches no verdict: its queries failed"};
 
 /* What the records of the boot show, against what the plug-in made of them. */
 static void doubt_disagreement(doubter &d)
@@ -249,9 +248,9 @@ static void doubt_disagreement(doubter &d)
     d.add_log(true,
               std::string("the log shows ") +
                   (d.bug_checks.empty() ? "an unexpected shutdown" : "a blue screen") +
-                  ", and the plug-in concludes " + s_verdicts[d.story.verdict],
+                  ", and the plug-in " + s_verdicts[d.story.verdict],
               record_name(*proof) +
-                  text_format(", %lld s after the start, contradicts the plug-in, which concludes ",
+                  text_format(", %lld s after the start, contradicts the plug-in, which ",
                               seconds_after_start(d, *proof)) +
                   s_verdicts[d.story.verdict] +
                   (d.story.last_query_ms != 0
@@ -295,7 +294,7 @@ static void doubt_names(doubter &d)
                           "\", and the stack of " + file_of(d.story.dump) + " contains \"" +
                           frame.module +
                           "\"; names match only letter by letter: check the name that the product "
-                          "registers, and hand in the registered one");
+                          "registers, and pass it with --product");
             }
 }
 
@@ -333,16 +332,17 @@ static void doubt_early_end(doubter &d)
     const event_record &last = d.evidence.log.events.back();
     const evidence_run *before = d.evidence.before();
     const int64_t seconds = seconds_after_start(d, last);
+    const int64_t searched = static_cast<int64_t>(d.story.last_query_ms / 1000);
 
-    if (!d.is_last_boot() || !d.bug_checks.empty() || seconds >= SEARCH_SECONDS || seconds < 0)
+    if (!d.is_last_boot() || !d.bug_checks.empty() || seconds >= searched || seconds < 0)
         return;
     const bool clean = before != nullptr && before->ending == RUN_ENDED_CLEAN;
 
-    d.add_log(
-        !clean && d.unexpected.empty() && before != nullptr, "the log ends soon after the start",
-        text_format("%s, the last one, was written %lld s after the start, and the plug-in "
-                    "searches for %u s; hand in a System log that was exported later",
-                    record_name(last).c_str(), seconds, static_cast<unsigned>(SEARCH_SECONDS)));
+    d.add_log(!clean && d.unexpected.empty() && before != nullptr,
+              "the log ends soon after the start",
+              text_format("%s, the last one, was written %lld s after the start, and the plug-in "
+                          "searches until %lld s; hand in a System log that was exported later",
+                          record_name(last).c_str(), seconds, searched));
 }
 
 static void doubt_unknown_end(doubter &d)

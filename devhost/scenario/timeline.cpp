@@ -10,7 +10,7 @@
 #include "../machine/machine.h"
 #include "../base/text.h"
 
-/* The actions of this boot, by their moment; of one moment, those that come before have key false. */
+/* The actions of this boot, by their moment; of one moment, steps with "before" have key false. */
 static std::multimap<std::pair<uint64_t, bool>, planned_action> s_plan;
 
 void timeline_at(uint64_t ms, std::function<void()> run, bool before)

@@ -20,7 +20,7 @@ struct planned_action {
 };
 
 /* Plans an action of this boot; one in the past happens as soon as it can. Actions of one moment
- * happen in the order of the calls, those that come before first. */
+ * happen in the order of the calls, steps with "before" first. */
 void timeline_at(uint64_t ms, std::function<void()> run, bool before = false);
 
 /* Removes the first action that is planned up to that moment, inclusive, from the plan. Result:

@@ -85,7 +85,7 @@ enum subscriber_state {
 struct oxni_subscriber {
     oxni_subscriber_attr attr; /* points into the two texts */
     std::string ns, name;
-    uint64_t user_references;     /* those that the platform does not hold */
+    uint64_t user_references;     /* not held by the platform */
     uint64_t platform_references; /* one while it is live, one per queued delivery */
     subscriber_state state;
     std::shared_ptr<service> home; /* set when it is subscribed */

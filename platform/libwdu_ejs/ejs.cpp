@@ -78,7 +78,7 @@ static const char *find_damage(const std::string &bytes)
     if (header.length != bytes.size() - sizeof(header))
         return "its length is not the one that was written";
     if (header.crc != oxni_crc32_calc(bytes.data() + sizeof(header), header.length))
-        return "its check sum is wrong";
+        return "its checksum is wrong";
     return nullptr;
 }
 

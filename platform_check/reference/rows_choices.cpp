@@ -122,7 +122,7 @@ PROMISE(choices, "wdu_json_load_file_ejs", "logs a corrupted file, not a missing
         std::make_pair("FJS" + good.substr(3), "begin"),
         std::make_pair("EJS\x1a" + number(2) + good.substr(8), "version"),
         std::make_pair(good + " ", "length"),
-        std::make_pair(good.substr(0, 16) + "[]", "check sum"),
+        std::make_pair(good.substr(0, 16) + "[]", "checksum"),
         std::make_pair(framed("[1]"), "holds no object"),
         std::make_pair(framed("{\"a\":"), "not read"),
     };

@@ -3,7 +3,7 @@
 
 usage: conformance_test.py SOURCE BIN
 
-The answers that differ from Windows' must be those that differences.txt lists, and each call that
+The answers that differ from Windows' must be the ones in differences.txt, and each call that
 the plug-in makes needs a check.
 """
 import os

@@ -54,7 +54,7 @@ def damage_place(log, places, chance):
 
 
 def seal(log):
-    """Makes the chunk's check sums right, so that a reader does not stop at them."""
+    """Makes the chunk's checksums right, so that a reader does not stop at them."""
     end = struct.unpack_from("<I", log, HEADER + 0x30)[0]
     if CHUNK_HEADER <= end <= CHUNK:
         struct.pack_into("<I", log, HEADER + 0x34, zlib.crc32(bytes(log[HEADER + CHUNK_HEADER:HEADER + end])))

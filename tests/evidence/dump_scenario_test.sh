@@ -45,5 +45,5 @@ refused() {
 refused "32-bit dump" "PAGEDUMP" 0
 refused "user-mode dump" "MDMP" 0
 refused "another type of dump" '\x02' 3992
-refused "cut off" "P" 0 9000
+refused "truncated" "P" 0 9000
 echo "logs and dumps give what they should"

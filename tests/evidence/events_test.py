@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Logs as records: bad calls, bad files, and a synthetic log, whole and damaged.
+"""Logs as records: invalid calls, bad files, and a synthetic log, whole and damaged.
 
 usage: events_test.py WINE_RUN PROGRAM
 """
@@ -71,8 +71,8 @@ def test_damaged(folder):
     prints("noise", "events", put("noise.evtx", at, b"X" * CHUNK), contains=[
         f": records missing: {first} to {last}", f": damaged: {count - lost} records read, {lost} records missing"])
     prints("header", "events", put("header.evtx", 24, b"XXXX"),
-           contains=[": wrong check sum of the file's header at byte 0"])
-    prints("cut off", "events", "--lenient", cut, contains=[": truncated inside chunk 2 "])
+           contains=[": wrong checksum of the file's header at byte 0"])
+    prints("truncated", "events", "--lenient", cut, contains=[": truncated inside chunk 2 "])
     prints("lost", "events", "--lenient", between, contains=[f": records missing: {end + 1} to {4710 + count}"])
 
 

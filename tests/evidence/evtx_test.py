@@ -158,14 +158,14 @@ def test_damage(folder):
         ("a template's offset", put(place_of(data, 25) + 24 + 10, b"\xff\xff"), {25},
          "1 unreadable record"),
         ("a chunk's magic", put(HEADER + CHUNK, b"XXXX"), set(), "chunk without a header, whose"),
-        ("a chunk's check sum", put(HEADER + 0x7C, b"XXXX"), set(), "wrong check sum of the header"),
-        ("a string", put(place_of(data, 37) - 24, b"Y"), set(), "wrong check sum of the records"),
+        ("a chunk's checksum", put(HEADER + 0x7C, b"XXXX"), set(), "wrong checksum of the header"),
+        ("a string", put(place_of(data, 37) - 24, b"Y"), set(), "wrong checksum of the records"),
         ("a chunk of zeros", put(HEADER, bytes(CHUNK)), set(range(1, first_of_chunk_2)),
          "empty chunk before a used one"),
         ("a chunk of noise", put(HEADER, b"N" * CHUNK), set(range(1, first_of_chunk_2)),
          "chunk missing: chunk 0"),
         ("the free space, too low", put(HEADER + 0x30, struct.pack("<I", 600)), set(),
-         "wrong check sum of the header"),
+         "wrong checksum of the header"),
     ]
     for what, change, lost, line in rows:
         damaged = bytearray(data)

@@ -260,7 +260,7 @@ def test_redacted_decision(folder):
 
 
 def test_example(folder):
-    """The evidence of the documentation; another list of products blames nobody."""
+    """The evidence of the documentation; another list of products blames no product."""
     evidence = ["replay", "--events", EVIDENCE / "System.evtx", "--dump", EXAMPLE, "--registry",
                 EVIDENCE / "machine.reg", "--product", "vault:vault_fs:2"]
     page = folder / "example.html"
@@ -298,7 +298,7 @@ def test_archive(folder):
     content = bytearray(archive.read_bytes())
     content[content.index(b"PAGEDU64") + 0x2200] ^= 1
     prints("damaged archive", "replay", write(folder / "damaged.zip", bytes(content)), *products, contains=[
-        "Cannot tell: ", "not used: PC 7/030724-5437-01.dmp: is damaged in the archive: wrong check sum"])
+        "Cannot tell: ", "not used: PC 7/030724-5437-01.dmp: is damaged in the archive: wrong checksum"])
     refused([(3, what, write(folder / what, bytes(bad))) for what, bad in (
         ("cut.zip", content[:2000]), ("end.zip", content[:-30]), ("empty.zip", b"PK\5\6" + bytes(18)))], "replay")
 

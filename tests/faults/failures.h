@@ -26,7 +26,7 @@ struct failure {
 /* What the plug-in did in a boot, failed calls included. */
 struct boot_counts {
     uint64_t allocations;
-    std::map<std::string, uint64_t> calls; /* by name, those that can fail */
+    std::map<std::string, uint64_t> calls; /* by name, of calls that can fail */
     uint64_t commands;
 };
 

@@ -14,7 +14,7 @@
  * - the delivery of the nth command, as to an unreachable product, with two errors;
  * - the calls of the debugger engine, one name a run, in the whole boot, with three results each.
  *
- * What must hold, beside what the same run without a failure shows:
+ * What must hold; what the same run without a failure shows as well does not count:
  * - no crash, no exception that reaches the host, no hang. The allocation guard may end the agent,
  *   but only where allocations fail;
  * - no block, handle or engine reference is leaked by any of the agent's processes;

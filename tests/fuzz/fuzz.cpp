@@ -105,6 +105,23 @@ void damage(std::string *bytes, const std::string &other, chance &chance)
         damage_once(bytes, other, chance);
 }
 
+void change_numbers(std::string *bytes, size_t begin, size_t size, uint64_t end, chance &chance)
+{
+    size = std::min(size, bytes->size() - std::min(begin, bytes->size()));
+    for (size_t left = 1 + chance.below(3); left > 0 && size > sizeof(uint32_t); left--) {
+        char *at = &(*bytes)[begin + chance.below(size - sizeof(uint32_t))];
+        uint32_t number = 0;
+
+        memcpy(&number, at, sizeof(number));
+        switch (chance.below(4)) {
+        case 0: number += static_cast<uint32_t>(chance.below(512)) - 256; break;
+        case 1: number = static_cast<uint32_t>(end - chance.below(64)); break;
+        default: number = static_cast<uint32_t>(chance.next()) >> (8 * chance.below(4)); break;
+        }
+        memcpy(at, &number, 1ull << chance.below(3));
+    }
+}
+
 std::string damaged(const std::vector<std::string> &good, chance &chance)
 {
     std::string bytes = chance.of(good);
@@ -309,7 +326,7 @@ int wmain(int argc, wchar_t **argv);
 int wmain(int argc, wchar_t **argv)
 {
     return command_line_run("fuzz", "Reads generated and damaged input, see docs/faults.md",
-                            "Exit status: 0 no violation, 2 bad call, 70 a violation or a crash, "
-                            "71 it hung.",
+                            "Exit status: 0 no violation, 2 invalid call, 70 a violation or a "
+                            "crash, 71 it hung.",
                             {add_targets}, argc, argv);
 }

@@ -42,6 +42,10 @@ class chance
  * taken from other. */
 void damage(std::string *bytes, const std::string &other, chance &chance);
 
+/* Changes one to three numbers in a part of the bytes in place: all around them stays right, and a
+ * reader gets far. end: the offset of the input's end as its numbers count; some come near it. */
+void change_numbers(std::string *bytes, size_t begin, size_t size, uint64_t end, chance &chance);
+
 /* One of the good inputs, damaged. */
 std::string damaged(const std::vector<std::string> &good, chance &chance);
 

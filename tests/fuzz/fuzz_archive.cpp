@@ -55,10 +55,23 @@ static void open_zip(void)
     }
 }
 
+/* Most damage hits the directory, or the header of the last member: they decide what is read. */
+static std::string damaged_archive(chance &chance)
+{
+    std::string archive = chance.of(s_good);
+    const bool of_member = chance.one_in(3);
+    const size_t begin = of_member ? archive.rfind("PK\3\4") : archive.find("PK\1\2");
+
+    if (chance.one_in(4))
+        return damaged(s_good, chance);
+    change_numbers(&archive, begin, of_member ? 34 : archive.size(), archive.size(), chance);
+    return archive;
+}
+
 static void try_zip(chance &chance, uint64_t)
 {
     std::string refused;
-    const std::vector<zip_member> members = extracted(damaged(s_good, chance), &refused);
+    const std::vector<zip_member> members = extracted(damaged_archive(chance), &refused);
 
     if (members.empty() && !refused.empty() && refused.compare(0, strlen(NAME) + 2, "input: ") != 0)
         violated("an error that does not name the archive: " + refused);

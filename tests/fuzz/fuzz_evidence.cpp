@@ -24,7 +24,8 @@
 static constexpr uint32_t EVTX_HEADER_BYTES = 4096u;
 static constexpr uint32_t EVTX_CHUNK_BYTES = 65536u;
 static constexpr uint32_t EVTX_CHUNK_HEADER_BYTES = 512u;
-static constexpr char NAME[] = "input"; /* of an input that lies in memory */
+static constexpr uint32_t EVTX_RECORDS_BYTES = 8192u; /* where the records of a good log are */
+static constexpr char NAME[] = "input";               /* of an input that lies in memory */
 
 /* Bytes of good files, one of which is damaged. */
 static std::vector<std::string> s_good;
@@ -79,7 +80,7 @@ static void patch(std::string *log, size_t at, uint32_t value)
     memcpy(&(*log)[at], &value, sizeof(value));
 }
 
-/* Makes the check sums of a changed log right, so that a reader does not stop at them. */
+/* Makes the checksums of a changed log right, so that a reader does not stop at them. */
 static void seal(std::string *log)
 {
     if (log->size() < EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES)
@@ -164,22 +165,48 @@ static void open_evtx(void)
     }
 }
 
+/* Cuts a log inside its first records or after one of them, so that a read beyond a limit is one
+ * beyond the file. */
+static void cut_records(std::string *log, chance &chance)
+{
+    const size_t begin = EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES;
+    size_t end = begin + chance.below(EVTX_RECORDS_BYTES);
+
+    if (chance.one_in(2)) {
+        end = begin;
+        for (size_t left = 1 + chance.below(4); left > 0 && end + 8 <= log->size(); left--) {
+            uint32_t bytes = 0;
+
+            memcpy(&bytes, &(*log)[end + 4], sizeof(bytes));
+            end += bytes;
+        }
+    }
+    if (end < log->size())
+        log->resize(end);
+}
+
 /* Most damage hits the records, which take a tenth of the file. */
 static void try_evtx(chance &chance, uint64_t)
 {
-    const bool anywhere = chance.one_in(4);
+    const bool anywhere = chance.one_in(8);
     std::string log = anywhere ? damaged(s_good, chance) : chance.of(s_good);
 
-    if (!anywhere) {
-        std::string records = log.substr(EVTX_HEADER_BYTES, 8192);
+    if (!anywhere && chance.one_in(2))
+        cut_records(&log, chance);
+    if (!anywhere && !chance.one_in(4)) {
+        change_numbers(&log, EVTX_HEADER_BYTES + EVTX_CHUNK_HEADER_BYTES, EVTX_RECORDS_BYTES,
+                       log.size() - EVTX_HEADER_BYTES, chance); /* offsets begin at the chunk */
+    } else if (!anywhere) {
+        std::string records = log.substr(EVTX_HEADER_BYTES, EVTX_RECORDS_BYTES);
+
         damage(&records, s_good[0].substr(4608, 6144), chance);
-        log.replace(EVTX_HEADER_BYTES, 8192, records);
+        log.replace(EVTX_HEADER_BYTES, EVTX_RECORDS_BYTES, records);
     }
     if (!chance.one_in(4))
         seal(&log);
     read_log(log, chance);
 }
-FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 1000)
+FUZZ_TARGET(evtx, open_evtx, try_evtx, 1, 5000)
 
 /* A log is read as it was written, and what was damaged on purpose is reported. */
 static void try_written_log(chance &chance, uint64_t)

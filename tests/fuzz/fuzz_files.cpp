@@ -89,7 +89,7 @@ static void try_crc32(chance &chance, uint64_t)
     for (size_t i = 0; i < size; i++)
         sum = crc32(sum, block + i, 1);
     if (oxni_crc32_calc(block, size) != sum)
-        violated("another check sum of " + std::to_string(size) + " bytes");
+        violated("another checksum of " + std::to_string(size) + " bytes");
 }
 FUZZ_TARGET(crc32, nullptr, try_crc32, 1, 5000)
 

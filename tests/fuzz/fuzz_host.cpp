@@ -1,7 +1,7 @@
 /*
- * What comes to the plug-in through the platform: messages of its subscribers and answers of the
+ * Input that reaches the plug-in through the platform: messages of its subscribers and answers of the
  * management side, to the loaded DLL in a machine of the development host. The agent starts afresh
- * every so many inputs, and is looked through for what it lost.
+ * after a number of inputs, and is checked for leaks.
  */
 #include "fuzz.h"
 

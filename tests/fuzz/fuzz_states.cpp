@@ -144,7 +144,7 @@ static void open_states(void)
     s_tag_text = memory_disk_file(s_tag);
 }
 
-/* What may stand in a file while bytes are on their way to it and nothing is flushed yet. */
+/* Possible contents of a file before its bytes are flushed. */
 static std::string unflushed(const std::string &bytes, chance &chance)
 {
     std::string left = bytes.substr(0, chance.below(bytes.size() + 1));

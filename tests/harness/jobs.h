@@ -17,7 +17,7 @@ struct job_options {
     std::vector<std::string> files;
     std::string plugin_path;    /* empty: the DLL beside this program */
     std::string place;          /* where run folders are made; empty: the temporary folder */
-    size_t every = 1;           /* only every so many-th run */
+    size_t every = 1;           /* only every nth run */
     size_t from = 0;            /* first run */
     size_t part = 0, parts = 0; /* this process does part of parts; 0 parts: starts the processes */
 };

@@ -126,7 +126,7 @@ int wmain(int argc, wchar_t **argv)
 {
     return command_line_run(
         "harness", "Looks for faults of the bypass plug-in.",
-        "Exit status: 0 no violation, 1 a violation, 2 bad call or scenario, 4 the plug-in\n"
+        "Exit status: 0 no violation, 1 a violation, 2 invalid call or scenario, 4 the plug-in\n"
         "cannot be loaded, 70 the program crashed, 71 it hung.",
         {add_simulate, add_truth, add_synthesize, add_faults, add_crash_points}, argc, argv);
 }

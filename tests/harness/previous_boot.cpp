@@ -37,7 +37,7 @@ static std::string store_bytes(void)
     return machine_file_exists(path) ? machine_read_real_file(path, EXIT_EXPECTATION_FAILED) : "";
 }
 
-/* The text follows a header, whose last member is its check sum (libwdu_ejs/ejs.cpp). */
+/* The text follows a header, whose last member is its checksum (libwdu_ejs/ejs.cpp). */
 std::string ejs_text(const std::string &bytes)
 {
     static constexpr size_t HEADER_BYTES = 16;

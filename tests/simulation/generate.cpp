@@ -1,5 +1,5 @@
 /*
- * Random machines, written as scenarios: what is played is what `run` would play of the same file.
+ * Random machines, written as scenarios: `run` plays the same file identically.
  * A grammar says what is random; boots and the moments of their steps are put together here.
  */
 #include "machines.h"

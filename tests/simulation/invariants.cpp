@@ -1,5 +1,5 @@
 /*
- * The invariants of random machines. A model of products, chains and store follows what passes
+ * The invariants of random machines. A model of products, checks and store follows what passes
  * between plug-in and platform; after each delivery both must agree.
  */
 #include "machines.h"
@@ -52,26 +52,26 @@ static std::string orders_text(const std::vector<order> &orders)
     return text.empty() ? "nothing" : text;
 }
 
-static void check_chain(void)
+static void check_polls(void)
 {
     delivery &now = model_agent.now;
     enum verdict verdict = VERDICT_NOT_YET;
     oxni_subscriber *subscriber = nullptr;
-    auto at = model_agent.chains.find(now.context);
+    auto at = model_agent.checks.find(now.context);
 
-    if (at != model_agent.chains.end()) {
+    if (at != model_agent.checks.end()) {
         subscriber = at->second.subscriber;
         verdict = model_poll(at->second);
         if (verdict == VERDICT_NOT_YET && !now.arming_failed)
-            now.chains_expected = 1;
+            now.checks_expected = 1;
         else
-            model_agent.chains.erase(at);
+            model_agent.checks.erase(at);
     } else {
         subscriber = now.registers;
     }
     if (now.arming_failed) {
         verdict = VERDICT_FAILED;
-        now.chains_expected = 0;
+        now.checks_expected = 0;
     }
     if (verdict != VERDICT_NOT_YET && subscriber != nullptr)
         model_verdict(subscriber, verdict);
@@ -84,12 +84,12 @@ static void check_chain(void)
         model_agent.recover_function = now.plain_timer;
         model_agent.recover_missed = now.plain_failed;
     }
-    if (now.context == 0 && now.armed == 1 && now.chains_expected == 1)
-        model_agent.members[subscriber].chains++;
+    if (now.context == 0 && now.armed == 1 && now.checks_expected == 1)
+        model_agent.members[subscriber].checks++;
     if (now.context != 0 && verdict != VERDICT_NOT_YET)
-        model_agent.members[subscriber].chains--;
-    WANT(now.armed == now.chains_expected, "one chain",
-         text_format("%d chains go on, expected %d", now.armed, now.chains_expected));
+        model_agent.members[subscriber].checks--;
+    WANT(now.armed == now.checks_expected, "one check",
+         text_format("%d checks go on, expected %d", now.armed, now.checks_expected));
     WANT(now.verdicts == now.verdicts_expected, "one verdict",
          text_format("%d verdicts, expected %d", now.verdicts, now.verdicts_expected));
 }
@@ -100,14 +100,14 @@ static void check_handles(void)
 
     for (auto at = model_agent.members.begin(); at != model_agent.members.end();) {
         const member &member = at->second;
-        int64_t due = (member.filed ? 1 : 0) + member.chains;
+        int64_t due = (member.filed ? 1 : 0) + member.checks;
 
         if (model_agent.now.leaves == at->first)
             due = -1;
         WANT(member.references == due, "handles",
              text_format("%s: %lld references, expected %lld", member.name.c_str(),
                          static_cast<long long>(member.references), static_cast<long long>(due)));
-        if (member.left && member.chains == 0)
+        if (member.left && member.checks == 0)
             at = model_agent.members.erase(at);
         else
             ++at;
@@ -148,7 +148,7 @@ static void finish(void)
     if (!model_agent.now.open)
         return;
     if (model_agent.now.context != 0 || model_agent.now.registers != nullptr)
-        check_chain();
+        check_polls();
     WANT(model_agent.now.seen == model_agent.now.expected, order_invariant(),
          orders_text(model_agent.now.seen) + " ordered, expected " +
              orders_text(model_agent.now.expected));
@@ -183,8 +183,8 @@ static void on_timer_start(const uint64_t *a, uint64_t result)
         else
             now.armed++;
         if (result != 0 && now.context == 0 && now.registers != nullptr)
-            model_agent.chains[a[2]] = {now.registers, model_polls_at_start(), false};
-        WANT(now.context == 0 || a[2] == now.context, "one chain", "a chain arms another one");
+            model_agent.checks[a[2]] = {now.registers, model_polls_at_start(), false};
+        WANT(now.context == 0 || a[2] == now.context, "one check", "a check arms another one");
     }
     if (result != 0)
         model_agent.timers[result] = {a[1], a[2]};

@@ -132,9 +132,9 @@ static std::set<std::string> stack_modules(const std::string &text)
     return modules;
 }
 
-/* Modules on the stack of the dump that the blame of this boot is based on: the newest minidump if
+/* Modules on the stack of the dump that the blame of this boot is based on: the newest small dump if
  * it was written since the start of Windows, or else the complete dump. small_path: of the newest
- * minidump, however old; empty: none. */
+ * small dump, however old; empty: none. */
 static std::set<std::string> crashed_modules(std::wstring *small_path)
 {
     const struct machine_engine &engine = machine_get_engine();
@@ -191,7 +191,7 @@ static void reconcile(oxni_subscriber *subscriber, member &member)
         member.parsed = true;
         expect_order(subscriber, "bypass", model_machine.blamed, 0);
     } else if (!is_known) {
-        model_agent.now.chains_expected = 1;
+        model_agent.now.checks_expected = 1;
         model_agent.now.registers = subscriber;
     } else {
         member.parsed = true;
@@ -346,25 +346,25 @@ int model_polls_at_start(void)
     return atoi(text.c_str());
 }
 
-enum verdict model_poll(chain &chain)
+enum verdict model_poll(status_check &check)
 {
     const event_record *event;
 
-    if (!chain.logon_seen && chain.left >= 1) {
-        chain.left--;
+    if (!check.logon_seen && check.left >= 1) {
+        check.left--;
         event = newest(EVENT_LOGON, SOURCE_WINLOGON, EVENT_LOGON, L"", 0);
-        chain.logon_seen =
+        check.logon_seen =
             is_event(event, EVENT_LOGON) &&
             machine_get().boot_100ns <= (event->time + UNIX_EPOCH_SECONDS) * TICKS_PER_SECOND;
         return VERDICT_NOT_YET;
     }
-    chain.logon_seen = true;
+    check.logon_seen = true;
     if (is_event(newest(EVENT_BUG_CHECK, SOURCE_BUG_CHECK, EVENT_WINDOWS_START,
                         SOURCE_KERNEL_GENERAL, 0),
                  EVENT_BUG_CHECK))
         return VERDICT_CRASH;
-    if (chain.left >= 1) {
-        chain.left--;
+    if (check.left >= 1) {
+        check.left--;
         return VERDICT_NOT_YET;
     }
     return is_event(newest(EVENT_UNEXPECTED_SHUTDOWN, SOURCE_KERNEL_POWER, EVENT_WINDOWS_START,

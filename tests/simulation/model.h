@@ -1,6 +1,6 @@
 /*
  * The model of the plug-in on a random machine: from what passes between plug-in and platform, it
- * predicts commands, chains and entries of the store.
+ * predicts commands, checks and entries of the store.
  * Host's one thread.
  */
 #ifndef SIMULATION_MODEL_H
@@ -44,10 +44,10 @@ struct member {
     int64_t count;
     bool filed, parsed, recover_sent, left;
     int64_t references; /* of the plug-in */
-    int chains;
+    int checks;
 };
 
-struct chain {
+struct status_check {
     oxni_subscriber *subscriber;
     int left;
     bool logon_seen;
@@ -73,7 +73,7 @@ struct entry {
 
 struct timer {
     uint64_t function;
-    uint64_t context; /* of a chain; 0: none */
+    uint64_t context; /* of a check; 0: none */
 };
 
 /* What is delivered at present, and what it is seen and expected to do. */
@@ -81,10 +81,10 @@ struct delivery {
     bool open;
     enum oxnih_event_kind kind;
     std::vector<order> expected, seen;
-    uint64_t context;           /* of the chain whose timer fired */
-    oxni_subscriber *registers; /* who may start a chain */
-    int armed;                  /* chains armed or armed again */
-    int chains_expected;
+    uint64_t context;           /* of the check whose timer fired */
+    oxni_subscriber *registers; /* may start a check */
+    int armed;                  /* checks armed or armed again */
+    int checks_expected;
     int verdicts, verdicts_expected;
     std::vector<bool> logs; /* whether each opening of the event log succeeded */
     bool arming_failed;
@@ -97,9 +97,9 @@ struct delivery {
 /* Of the agent's process. */
 struct agent_model {
     std::map<oxni_subscriber *, member> members;
-    std::vector<oxni_subscriber *> table; /* filed ones, in order */
-    std::map<uint64_t, chain> chains;     /* by context */
-    std::map<uint64_t, timer> timers;     /* pending ones by handle */
+    std::vector<oxni_subscriber *> table;    /* filed ones, in order */
+    std::map<uint64_t, status_check> checks; /* by context */
+    std::map<uint64_t, timer> timers;        /* pending ones by handle */
     uint64_t recover_function, uptime_function;
     bool recover_missed;            /* the timer that watches the tag could not be armed */
     json_t *document;               /* the plug-in's own, borrowed */
@@ -118,7 +118,7 @@ struct machine_model {
     std::map<std::string, entry> store;
     bool has_crash;
     std::string blamed;
-    std::string dump_created; /* creation time of the minidump that was blamed with, as text */
+    std::string dump_created; /* creation time of the small dump that was blamed with, as text */
     std::set<std::string> bypassed;
     std::string on_disk; /* the document in the store's file */
     uint64_t on_disk_hash;
@@ -136,7 +136,7 @@ extern struct machine_model model_machine;
 std::string model_text(const json_t *object, const char *name);
 /* Whether the plug-in can find a recovery tag. */
 bool model_tag_exists(void);
-/* Polls that a chain has at its start. */
+/* Polls that a check has at its start. */
 int model_polls_at_start(void);
 
 /* What was delivered. */
@@ -144,12 +144,12 @@ void model_message(oxni_subscriber *subscriber, const json_t *message);
 void model_leave(oxni_subscriber *subscriber);
 void model_reply(oxni_subscriber *subscriber, int32_t error, const std::string &type);
 
-/* What one poll of a chain finds; moves the chain on. */
-enum verdict model_poll(chain &chain);
+/* What one poll of a check finds; moves the check on. */
+enum verdict model_poll(status_check &check);
 void model_verdict(oxni_subscriber *subscriber, enum verdict verdict);
-/* The ten days are over: everybody's count is called back, and the records stay as they are. */
+/* The ten days are over: every product's count is called back, and the records stay as they are. */
 void model_calibration(void);
-/* "recover" goes to those who wait for it, or to all. */
+/* "recover" goes to the products that wait for it, or to all. */
 void model_recover(bool all);
 
 #endif

@@ -24,8 +24,6 @@
 static constexpr uint32_t AGENT_MS = 10000u; /* the platform's own drivers register then */
 static constexpr uint32_t PRODUCTS_MS = 15000u;
 static constexpr uint32_t POLL_MS = 30000u;
-static constexpr int SEARCH_SECONDS =
-    375; /* a log that ends earlier may lack the record of a crash */
 static constexpr char DRIVERS[] = "XNI/BYPASS";
 
 /* One boot as the log shows it. */
@@ -38,6 +36,7 @@ struct shown_boot {
     bool stale;                            /* an older small dump seems newer */
     std::vector<uint64_t> ms;              /* when each record is there */
     size_t logged;                         /* records so far */
+    uint64_t searched_ms;                  /* when the last check searched last */
     std::map<oxni_subscriber *, std::string> names;
     enum verdict verdict;
 };
@@ -105,8 +104,9 @@ static void take_orders(shown_boot &shown)
     }
 }
 
-/* Result: whether a chain of polls goes on. */
-static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *, chain> &chains)
+/* Result: whether the check goes on. */
+static bool do_due(shown_boot &shown, const due &due,
+                   std::map<oxni_subscriber *, status_check> &checks)
 {
     bool goes_on = false;
 
@@ -118,10 +118,10 @@ static bool do_due(shown_boot &shown, const due &due, std::map<oxni_subscriber *
 
         model_message(due.subscriber, message);
         json_decref(message);
-        goes_on = model_agent.now.chains_expected == 1;
-        chains[due.subscriber] = {due.subscriber, model_polls_at_start(), false};
+        goes_on = model_agent.now.checks_expected == 1;
+        checks[due.subscriber] = {due.subscriber, model_polls_at_start(), false};
     } else {
-        const enum verdict verdict = model_poll(chains[due.subscriber]);
+        const enum verdict verdict = model_poll(checks[due.subscriber]);
 
         goes_on = verdict == VERDICT_NOT_YET;
         if (!goes_on) {
@@ -145,7 +145,7 @@ static void play_model(shown_boot &shown)
         1,
         "working"
     };
-    std::map<oxni_subscriber *, chain> chains;
+    std::map<oxni_subscriber *, status_check> checks;
     std::vector<due> plan;
     uintptr_t key = 1; /* the model needs different ones, no real ones */
 
@@ -165,7 +165,8 @@ static void play_model(shown_boot &shown)
 
         plan.erase(next);
         log_until(shown, due.ms);
-        if (do_due(shown, due, chains))
+        shown.searched_ms = due.ms;
+        if (do_due(shown, due, checks))
             plan.push_back({due.ms + POLL_MS, due.subscriber, nullptr});
     }
 }
@@ -319,7 +320,7 @@ static std::string doubt(const shown_boot &shown)
         return "a registered name differs in its case only";
     const int64_t seconds = int64_t(shown.events.back().time) - start;
     if (shown.last && !crash && !unexpected && before != "clean" && seconds >= 0 &&
-        seconds < SEARCH_SECONDS)
+        seconds < int64_t(shown.searched_ms / 1000))
         return "its log ends early";
     return "";
 }
@@ -365,7 +366,8 @@ void truth_predict(const struct scenario &scenario, synthesis *made)
         history_boot &boot = history.boots[i];
         const run_folder folder("");
         shown_boot shown = {
-            *made, boot, i + 1 == history.boots.size(), {}, {}, false, {}, 0, {}, VERDICT_NOT_YET};
+            *made, boot,           i + 1 == history.boots.size(), {}, {}, false, {}, 0, 0,
+            {},    VERDICT_NOT_YET};
 
         boot.truth = {};
         if (!made->shows(boot))

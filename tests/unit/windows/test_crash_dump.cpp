@@ -78,7 +78,7 @@ TEST(test_expand_env_path, lengths)
     while_failing(1, [&] { EXPECT_EQ(expand_env_path(L"%BYPASS_D%%BYPASS_D%"), L""); });
 }
 
-/* The one minidump is listed with a time long before, or long after the start of this machine; no
+/* The one small dump is listed with a time long before, or long after the start of this machine; no
  * scenario has the record asked for. */
 TEST(test_find_new_crash_dump, record_and_names)
 {
@@ -136,7 +136,7 @@ TEST(test_find_new_crash_dump, record_and_names)
     oxnih_set_install_dir(nullptr);
 }
 
-/* Without a minidump the complete dump counts, and its path stays unknown. */
+/* Without a small dump the complete dump counts, and its path stays unknown. */
 TEST(test_find_new_crash_dump, complete_dump)
 {
     temporary_folder folder;
