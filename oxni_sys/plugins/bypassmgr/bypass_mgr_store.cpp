@@ -116,8 +116,10 @@ void bypass_mgr_store_load(uint64_t boot_time)
     platform_path_create_data_folder(PERSISTENCE_FILE, path, sizeof(path));
     wdu_json_delete_ejs(s_persist_json); /* of an earlier initialisation */
     s_persist_json = wdu_json_load_file_ejs(path);
-    if (s_persist_json == NULL)
+    if (!json_is_object(s_persist_json)) { /* nothing could be kept in it */
+        wdu_json_delete_ejs(s_persist_json);
         s_persist_json = json_object();
+    }
     if (s_persist_json == NULL) {
         LOG_WARN("Malloc memory failure");
         return;

@@ -57,6 +57,22 @@ TEST(test_store, odd_content)
     }
 }
 
+/* A valid document that is no object is as none. */
+TEST(test_store, no_object)
+{
+    for (const char *content : {"[{'start_time':9}]", "[]"}) {
+        SCOPED_TRACE(content);
+        const core_patches patches;
+        struct crash_info crash = {};
+
+        s_core.document = core_json(content);
+        bypass_mgr_store_load(9);
+        bypass_mgr_store_crash("path", "then", "m");
+        EXPECT_EQ(bypass_mgr_stored_crash(&crash), 0);
+        EXPECT_STREQ(crash.crash_module, "m");
+    }
+}
+
 /* A crash record replaces another one as a whole or not at all. */
 TEST(test_store, crash_without_memory)
 {
