@@ -84,6 +84,9 @@ TEST(test_get_errortime_string, times)
     EXPECT_FALSE(get_oxnisp_driver_errortime(text, -1));
     EXPECT_TRUE(log_contains("[bypass_sp_driver.cpp:")); /* refused here, not below */
     EXPECT_FALSE(get_oxnisp_driver_errortime(nullptr, 20));
+    log_forget();
+    EXPECT_FALSE(get_oxnisp_driver_errortime(text, 0));
+    EXPECT_FALSE(log_contains("[bypass_sp_driver.cpp:")); /* refused below */
     EXPECT_FALSE(get_errortime_string(text, 20, nullptr));
     EXPECT_FALSE(get_errortime_string(nullptr, 20, DRIVER_KEY));
     EXPECT_FALSE(get_errortime_string(text, 0, DRIVER_KEY));
@@ -203,12 +206,14 @@ TEST(test_record_path, long_and_odd_folders)
         oxnih_set_log_dir(name.c_str());
         EXPECT_EQ(read_load_driver_crash_config(&record), CRASH_CONFIG_NOT_OPEN);
         EXPECT_EQ(s_opened, path);
+        s_opened = L"none";
         EXPECT_EQ(recover_load_driver(), 0u);
         EXPECT_EQ(s_opened, path);
         EXPECT_EQ(log_contains("too long\n"), !row.has_path);
         log_forget();
         EXPECT_EQ(write_oxnisp_crash_config(&record), CRASH_CONFIG_NOT_OPEN);
         EXPECT_EQ(s_opened, sp_path);
+        s_opened = L"none";
         EXPECT_EQ(recover_oxnisp_driver(), 0u);
         EXPECT_EQ(s_opened, sp_path);
         EXPECT_EQ(log_contains("too long\n") || log_contains("get log dir is error\n"),
@@ -242,6 +247,19 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
     }
     EXPECT_FALSE(get_oxnisp_crash_config_path(nullptr, 54));
     oxnih_set_log_dir(nullptr);
+}
+
+TEST(test_write_crash_config, leaves_the_record_coded)
+{
+    const temporary_folder folder;
+    const std::wstring path = folder.file(L"r");
+    crash_config_record record = {}, read = {};
+
+    record.count = 5;
+    EXPECT_EQ(write_crash_config(&record, path.c_str()), CRASH_CONFIG_OK);
+    EXPECT_NE(record.count, 5u);
+    EXPECT_EQ(read_crash_config(&read, path.c_str()), CRASH_CONFIG_OK);
+    EXPECT_EQ(read.count, 5u);
 }
 
 TEST(test_bypass_driver, null_arguments)

@@ -76,6 +76,12 @@ TEST(test_expand_env_path, lengths)
     for (const auto &row : rows)
         EXPECT_EQ(expand_env_path(row.text), row.expanded);
     while_failing(1, [&] { EXPECT_EQ(expand_env_path(L"%BYPASS_D%%BYPASS_D%"), L""); });
+    const import_patch growing("ExpandEnvironmentStringsW",
+                               [](const wchar_t *, wchar_t *buffer, DWORD chars) {
+                                   buffer[0] = L'c'; /* of a text that does not fit */
+                                   return chars + 1;
+                               });
+    EXPECT_EQ(expand_env_path(L"%BYPASS_D%"), L"");
 }
 
 /* The one small dump is listed with a time long before, or long after the start of this machine; no
@@ -95,6 +101,7 @@ TEST(test_find_new_crash_dump, record_and_names)
         const char *path; /* what it ends with; NULL: no dump is taken; "!": it throws */
     } s_rows[] = {
         {plain, fresh, 1, no_record, "\\a.dmp"},
+        {plain, old, 1, no_record, nullptr}, /* the start stays */
         {plain, old, 1, 999, "\\a.dmp"},
         {plain, old, 1, 1000, nullptr},
         {plain, old, 0, 999, nullptr},

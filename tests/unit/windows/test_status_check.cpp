@@ -4,6 +4,7 @@
 
 #include "crash_dump.h"
 #include "unit_support.h"
+#include "win_event_parse.h"
 
 #include <stdexcept>
 
@@ -29,6 +30,7 @@ static struct {
     int32_t result; /* of the last one */
     size_t modules;
     bool has_path;
+    bool has_event;
     bool throws; /* whether the callback throws */
 } s_verdict;
 
@@ -42,12 +44,14 @@ static uint64_t arm_timer(uint32_t, oxni_timer_fn fn, void *arg)
 }
 
 static int note_verdict(int32_t result, const crash_module_set &modules,
-                        const std::string &dump_path, const event_info &, void *)
+                        const std::string &dump_path, const event_info &event, void *)
 {
     s_verdict.count++;
     s_verdict.result = result;
     s_verdict.modules = modules.size();
     s_verdict.has_path = !dump_path.empty();
+    s_verdict.has_event = event.event_id != 0 || event.time_generated != 0 ||
+                          event.time_text[0] != '\0' || !event.strings.empty();
     if (s_verdict.throws)
         throw std::length_error("callback");
     return 99;
@@ -58,7 +62,7 @@ static int note_verdict(int32_t result, const crash_module_set &modules,
 static int32_t play_check(unsigned refused)
 {
     s_timer = {nullptr, nullptr, 0, refused};
-    s_verdict = {0, -1, 0, false, s_verdict.throws};
+    s_verdict = {0, -1, 0, false, false, s_verdict.throws};
     const int32_t started = start_bypass_status_check(note_verdict, nullptr);
     while (s_timer.fn != nullptr && s_timer.armed < 40) {
         const oxni_timer_fn fn = s_timer.fn;
@@ -144,12 +148,29 @@ TEST(test_start_bypass_status_check, exceptions)
         EXPECT_EQ(play_check(0), 1);
         EXPECT_EQ(s_verdict.result, row.result);
         EXPECT_EQ(s_verdict.count, 1);
+        EXPECT_FALSE(s_verdict.has_event); /* no verdict relies on the record */
         EXPECT_EQ(s_timer.armed, 1u);
         EXPECT_TRUE(log_contains(row.logged));
         EXPECT_EQ(live_blocks(), blocks);
         EXPECT_EQ(system_log::logs_open, 0);
     }
     s_verdict.throws = false;
+}
+
+/* A dump was analysed whose path is not UTF-16: its modules count. */
+TEST(test_start_bypass_status_check, odd_path)
+{
+    const import_patch timer("oxni_timer_start", arm_timer);
+    const listed_file dump(L"\xD83D.dmp", INT64_MAX / 2);
+    const system_log log(event_record(1001, L"BugCheck"));
+
+    set_polls(L"0");
+    set_dump_places(L"C:\\none.dmp", L"C:\\none");
+    engine_play(L"C:\\none\\\xD83D.dmp", "Call Site\nguard_flt+1\n");
+    play_check(0);
+    EXPECT_EQ(s_verdict.result, STATUS_CHECK_CRASH);
+    EXPECT_EQ(s_verdict.modules, 1u);
+    EXPECT_FALSE(s_verdict.has_path);
 }
 
 /* Whichever allocation fails: there is one verdict, and everything that was opened is closed. */

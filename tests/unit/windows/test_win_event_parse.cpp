@@ -1,6 +1,7 @@
 /* The event-log reader on what no scenario can produce: records that lie about themselves. */
 #include "win_event_parse.h"
 
+#include "process_privilege.h"
 #include "unit_support.h"
 
 #include <stdexcept>
@@ -180,6 +181,11 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
         EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
         EXPECT_EQ(info.strings, row.strings);
     }
+    event_info info = {};
+    info.strings = {L"before"};
+    system_log log(record);
+    EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
+    EXPECT_EQ(info.strings, (std::vector<std::wstring>{L"before", L"one", L"two"}));
 }
 
 TEST(test_unix_time_to_filetime, seconds_are_unsigned)
@@ -228,6 +234,10 @@ TEST(test_get_crash_info, exception)
     EXPECT_FALSE(s_privilege_enabled);
     EXPECT_EQ(system_log::logs_open, 0);
     EXPECT_EQ(live_blocks(), blocks);
+    adjust_process_privilege("SeSecurityPrivilege", 1);
+    EXPECT_TRUE(s_privilege_enabled);
+    adjust_process_privilege("SeSecurityPrivilege", 2); /* only 1 enables */
+    EXPECT_FALSE(s_privilege_enabled);
 }
 
 /* The word of an event depends on its id alone. */
