@@ -90,6 +90,21 @@ TEST(test_store, crash_without_memory)
                           });
 }
 
+/* A start time that memory was too short for comes with the next change. */
+TEST(test_store, start_time_without_memory)
+{
+    const core_patches patches;
+
+    s_core.document = core_json("{'data':{}}");
+    each_allocation_fails(
+        [] { bypass_mgr_store_load(9); },
+        [](bool, uint64_t) {
+            bypass_mgr_store_crash("path", "then", "m");
+            EXPECT_EQ(json_integer_value(json_object_get(s_core.document, "start_time")), 9);
+            EXPECT_EQ(json_object_del(s_core.document, "start_time"), 0);
+        });
+}
+
 /* Another initialisation frees the document of the one before. */
 TEST(test_store, loaded_again)
 {
