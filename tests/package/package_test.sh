@@ -6,6 +6,7 @@
 set -u
 source=$1 build=$2 deps=$3 objcopy=$4
 export WINEPREFIX=${WINEPREFIX:-$build/../wineprefix} WINEDEBUG=-all
+export LC_ALL=C.UTF-8 # paths are UTF-8, whatever the language of the caller
 work=$build/package_test
 failures=0
 
