@@ -310,7 +310,8 @@ HRESULT engine::get_stack_trace(ULONG64 frame_offset, ULONG64 stack_offset,
     if (session_ != SESSION_READY)
         return E_UNEXPECTED;
     const std::vector<kernel_dump_frame> walked =
-        kernel_dump_walk(dump_, script_text_ != nullptr ? 1 : frames_size, engine_script_images());
+        kernel_dump_walk(dump_, script_text_ != nullptr ? !script_text_->empty() : frames_size,
+                         engine_script_images());
 
     fill_frames(dump_, walked, frames);
     if (filled != nullptr)

@@ -25,8 +25,8 @@ struct engine_script_fault {
     HRESULT result; /* not S_OK */
 };
 
-/* A dump that is not read: it always opens, GetStackTrace returns one empty frame, and OutputStackTrace
- * prints the text unchanged. */
+/* A dump that is not read: it always opens, GetStackTrace returns one empty frame, none when the text
+ * is empty, and OutputStackTrace prints the text unchanged. */
 struct engine_script_stack {
     const wchar_t *path; /* as the client gives it; case does not matter */
     const char *text;

@@ -38,6 +38,7 @@ block event_record(uint32_t event_id, const std::wstring &source,
     header.TimeGenerated = MOMENT;
     header.TimeWritten = MOMENT + 60; /* does not count */
     header.EventID = event_id;
+    header.EventCategory = 63; /* nor does this */
     header.NumStrings = static_cast<WORD>(strings.size());
     memcpy(bytes.data(), &header, sizeof(header));
     memcpy(&bytes[bytes.size() - sizeof(DWORD)], &header.Length, sizeof(DWORD));

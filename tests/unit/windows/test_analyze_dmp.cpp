@@ -66,12 +66,13 @@ TEST(test_get_dmp_info, references)
     }
 }
 
-/* A client that keeps the callbacks, and takes none. */
+/* A client that keeps the callbacks, and opens no dump by a wide path. */
 static struct keeping_client {
-    HRESULT query_interface(REFIID, void **out)
+    /* The control, of which only the release is called. */
+    HRESULT query_interface(REFIID iid, void **out)
     {
-        *out = &face; /* the control, of which only the release is called */
-        return S_OK;
+        *out = IsEqualIID(iid, IID_IDebugControl) ? &face : nullptr;
+        return *out != nullptr ? S_OK : E_NOINTERFACE;
     }
     ULONG add_ref()
     {
@@ -87,9 +88,10 @@ static struct keeping_client {
             callbacks = given;
             given->lpVtbl->AddRef(given);
         }
-        return E_FAIL;
+        return result;
     }
 
+    HRESULT result; /* of setting the callbacks */
     IDebugOutputCallbacks *callbacks;
     engine_face<IDebugClient4, keeping_client> face;
 } s_client;
@@ -107,6 +109,12 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
         *client = &s_client.face;
         return S_OK;
     };
+    s_client.result = S_OK;
+    log_forget();
+    EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
+    EXPECT_TRUE(log_contains("OpenDumpFileWide failed with hr = 0x80004002. "));
+    s_client.callbacks->lpVtbl->Release(s_client.callbacks);
+    s_client.result = E_FAIL;
     EXPECT_FALSE(get_dmp_info(DUMP, 1, &text));
     s_create = engines_own;
     ASSERT_NE(s_client.callbacks, nullptr);
@@ -125,7 +133,7 @@ TEST(test_get_dmp_info, callbacks_answer_for_their_two_interfaces)
 /* A text that lost a part is no text: the rest of a line would name another module. */
 TEST(test_get_dmp_info, no_memory_for_the_text)
 {
-    static const char stack[] = "Call Site\na_driver_with_a_long_name+0x107\n";
+    static const char stack[] = "Call Site\na_driver_with_a_long_name+0x107\nnt+1\n";
     std::string text = "untouched";
     bool taken, stopped = false; /* an exception, before it reached the engine */
 
@@ -170,6 +178,7 @@ TEST(test_get_module_set_from_dmp_info, texts)
         {"nt!KeBugCheckEx+0x107\n", {}},
         {"call site\nCall Sit\nStack unwin\nnt+1\n", {}},
         {"nt+1\nCall Site", {}},
+        {"Call Site\nNT+1\nnt+1\n", {"NT", "nt"}},
         {"Call Site\n00000000`00000000\n", {}},
         {"", {}},
     };
@@ -181,4 +190,10 @@ TEST(test_get_module_set_from_dmp_info, texts)
         EXPECT_EQ(get_module_set_from_dmp_info(row.text, &modules), !row.modules.empty());
         EXPECT_EQ(modules, row.modules);
     }
+    std::string text = "Call Site\n";
+    crash_module_set modules;
+    for (int line = 0; line < 300; line++)
+        text += std::to_string(line) + "+1\n";
+    EXPECT_TRUE(get_module_set_from_dmp_info(text, &modules));
+    EXPECT_EQ(modules.size(), 300u); /* however many lines there are */
 }

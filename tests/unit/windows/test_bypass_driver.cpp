@@ -114,10 +114,11 @@ TEST(test_delete_service_crashflag, tries)
         uint32_t result;
         size_t tries;
     } s_rows[] = {
-        {{2, 2, 2},       2, 3},
-        {{5, 5, 1168},    0, 3},
-        {{5, 1168, 5},    0, 2},
-        {{5, 5, 6, 1168}, 6, 3},
+        {{2, 2, 2},          2,    3},
+        {{5, 5, 1168},       0,    3},
+        {{5, 1168, 5},       0,    2},
+        {{5, 5, 6, 1168},    6,    3},
+        {{1018, 1018, 1018}, 1018, 3},
     };
     const import_patch key("RegDeleteKeyW", delete_key), sleep("oxni_msleep");
 
@@ -249,6 +250,24 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
     oxnih_set_log_dir(nullptr);
 }
 
+/* Each byte is written and read as it is: line feeds and ends of texts, too. */
+TEST(test_crash_config, bytes)
+{
+    const temporary_folder folder;
+    const std::wstring path = folder.file(L"r");
+    crash_config_record record = {}, read = {};
+
+    EXPECT_EQ(read_crash_config(&read, path.c_str()), CRASH_CONFIG_TOO_SHORT);
+    for (int byte = 0; byte < 256; byte++) {
+        memset(&record, byte, sizeof(record));
+        EXPECT_EQ(write_crash_config(&record, path.c_str()), CRASH_CONFIG_OK);
+        EXPECT_EQ(read_crash_config(&read, path.c_str()), CRASH_CONFIG_OK);
+        memset(&record, byte, sizeof(record));
+        EXPECT_EQ(memcmp(&record, &read, sizeof(record)), 0) << byte;
+        EXPECT_EQ(std::filesystem::file_size(path), sizeof(record)) << byte;
+    }
+}
+
 TEST(test_write_crash_config, leaves_the_record_coded)
 {
     const temporary_folder folder;
@@ -256,6 +275,8 @@ TEST(test_write_crash_config, leaves_the_record_coded)
     crash_config_record record = {}, read = {};
 
     record.count = 5;
+    EXPECT_EQ(write_crash_config(&record, L""), CRASH_CONFIG_NOT_OPEN);
+    EXPECT_EQ(record.count, 5u);
     EXPECT_EQ(write_crash_config(&record, path.c_str()), CRASH_CONFIG_OK);
     EXPECT_NE(record.count, 5u);
     EXPECT_EQ(read_crash_config(&read, path.c_str()), CRASH_CONFIG_OK);
@@ -295,6 +316,7 @@ TEST(test_is_service_stopped, waits)
         {{stopping, stopped}, 2, true, 1},
         {{starting}, 4, false, 3},
         {{starting, SERVICE_RUNNING}, 4, false, 1},
+        {{starting, starting, stopped}, 3, true, 2},
         {{stopping, 0}, 3, true, 1},
         {{stopping}, INT32_MIN, false, 0},
     };
@@ -336,6 +358,17 @@ TEST(test_find_system_process_id, no_snapshot)
     EXPECT_TRUE(log_contains("Snapshot failed 5. "));
     EXPECT_EQ(find_system_process_id(nullptr), 87u);
     EXPECT_EQ(get_system_process_start_time(nullptr), 87u);
+}
+
+TEST(test_estimate_boot_filetime, milliseconds)
+{
+    const import_patch now("GetSystemTime",
+                           [](SYSTEMTIME *time) { *time = {2024, 3, 4, 7, 9, 5, 41, 500}; });
+    const uint64_t ticks = get_tick_count_ms();
+    const uint64_t up = MOMENT_FILETIME + 5000000 - estimate_boot_filetime();
+
+    EXPECT_GE(up, ticks * 10000);
+    EXPECT_LE(up, get_tick_count_ms() * 10000);
 }
 
 /* Text of a moment that no calendar of Windows has. */

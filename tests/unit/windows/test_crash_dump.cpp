@@ -92,6 +92,8 @@ TEST(test_find_new_crash_dump, record_and_names)
     static const int64_t no_record = INT64_MIN;
     static const wchar_t plain[] = L"a.dmp", scripts[] = L"\x00E9\x65E5\xD83D\xDE00.dmp",
                          half_pair[] = L"\xD83D.dmp", half_pair_last[] = L"a\xD83D";
+    static const std::wstring longest(MAX_PATH - 1, L'l');
+    static const std::string longest_path = "\\" + std::string(MAX_PATH - 1, 'l');
     /* clang-format off */
     static const struct {
         const wchar_t *name;
@@ -104,12 +106,14 @@ TEST(test_find_new_crash_dump, record_and_names)
         {plain, old, 1, no_record, nullptr}, /* the start stays */
         {plain, old, 1, 999, "\\a.dmp"},
         {plain, old, 1, 1000, nullptr},
+        {plain, old, 1, 0, "\\a.dmp"}, /* what a crash without a dump leaves */
         {plain, old, 0, 999, nullptr},
         {plain, old, 2, 999, nullptr},
         {plain, fresh, 1, INT64_MAX, "\\a.dmp"}, /* a record newer than the start */
         {plain, 1ULL << 63, 0, no_record, nullptr}, /* times are signed */
         {plain, 0, 1, -1, nullptr},                 /* no time */
         {scripts, fresh, 0, no_record, "\\\xC3\xA9\xE6\x97\xA5\xF0\x9F\x98\x80.dmp"},
+        {longest.c_str(), fresh, 0, no_record, longest_path.c_str()},
         {half_pair, fresh, 0, no_record, "!"},
         {half_pair_last, fresh, 0, no_record, "!"},
     };
@@ -125,6 +129,7 @@ TEST(test_find_new_crash_dump, record_and_names)
         crash_module_set modules;
         std::string path = "before";
         uint64_t time = 77;
+        log_forget();
         if (row.record != no_record) {
             ASSERT_TRUE(set_dumprecord_time(row.record));
         }
@@ -139,6 +144,10 @@ TEST(test_find_new_crash_dump, record_and_names)
         EXPECT_EQ(time, row.path != nullptr ? row.written : 77u);
         EXPECT_EQ(modules.size(), row.path != nullptr ? 1u : 0u);
         EXPECT_EQ(listed_file::finds_open, 0);
+        const std::string record = std::to_string(row.record);
+        EXPECT_EQ(log_contains(" > recordtime " + record),
+                  row.use_record == 1 && row.record != INT64_MAX && row.record != no_record);
+        EXPECT_FALSE(log_contains("starttime " + record));
     }
     oxnih_set_install_dir(nullptr);
 }
@@ -161,6 +170,24 @@ TEST(test_find_new_crash_dump, complete_dump)
     EXPECT_EQ(path, "");
     EXPECT_GT(time, MOMENT_FILETIME);
     EXPECT_EQ(modules, crash_module_set{"drv"});
+}
+
+static int s_keys_closed;
+
+/* What a failed open leaves behind is no key. */
+TEST(test_get_crash_dump_files, no_key)
+{
+    const import_patch open("RegOpenKeyExW", [](HKEY, const wchar_t *, DWORD, REGSAM, HKEY *key) {
+        *key = HKEY_LOCAL_MACHINE;
+        return LSTATUS{ERROR_ACCESS_DENIED};
+    });
+    const import_patch close("RegCloseKey", [](HKEY) { return LSTATUS{s_keys_closed++}; });
+    crash_dump_info complete, minidump;
+
+    log_forget();
+    get_crash_dump_files(&complete, &minidump);
+    EXPECT_TRUE(log_contains("query failed 6."));
+    EXPECT_EQ(s_keys_closed, 0);
 }
 
 TEST(test_get_file_write_time, last_write)
@@ -211,10 +238,10 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
         const char *json;
         int64_t time; /* 7: untouched */
     } s_rows[] = {
-        {"{\"dump_time\": -9223372036854775808, \"more\": []}", INT64_MIN},
         {"{\"dump_time\": 1.0}",                                7        },
         {"{\"dump_time\": \"1\"}",                              7        },
         {"{}",                                                  7        },
+        {"{\"dump_time\": -9223372036854775808, \"more\": []}", INT64_MIN},
     };
     temporary_folder folder;
     int64_t time = 7;
@@ -233,9 +260,14 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
         EXPECT_EQ(live_blocks(), blocks);
         EXPECT_EQ(time, row.time);
     }
-    EXPECT_TRUE(set_dumprecord_time(INT64_MAX));
-    EXPECT_TRUE(get_dumprecord_time(&time));
-    EXPECT_EQ(time, INT64_MAX);
+    for (const int64_t written : {INT64_MAX, INT64_MIN}) {
+        EXPECT_TRUE(set_dumprecord_time(written));
+        EXPECT_TRUE(get_dumprecord_time(&time));
+        EXPECT_EQ(time, written);
+    }
+    json_t *record = wdu_json_load_file_ejs(path);
+    EXPECT_EQ(json_object_size(record), 1u); /* nothing of the one before */
+    wdu_json_delete_ejs(record);
     while_failing(
         1, [&] { EXPECT_FALSE(set_dumprecord_time(5)); }, true);
     oxnih_set_install_dir(nullptr);

@@ -60,6 +60,8 @@ TEST(test_find_expected_event, blocks)
     const block start = event_record(12, KERNEL);
     const block crash = event_record(1001, L"BugCheck");
     const block odd = with_length(other + block(1), other.size() + 1);
+    const std::vector<std::wstring> strings(300, L"s");
+    const block many = event_record(7036, L"Many", strings);
     static const size_t none = SIZE_MAX;
     /* clang-format off */
     const struct {
@@ -69,6 +71,8 @@ TEST(test_find_expected_event, blocks)
         const char *warning; /* part of a log line, or NULL */
     } rows[] = {
         {"after one of odd length", odd + crash, odd.size(), nullptr},
+        {"after one of 300 strings", many + crash, many.size(), nullptr},
+        {"of 300 strings", event_record(1001, L"BugCheck", strings), 0, nullptr},
         {"after one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
          event_record(12 + 64, KERNEL).size(), nullptr},
         {"of any provider", event_record(12, L"BugCheck") + event_record(7001, L"any"),
@@ -102,6 +106,7 @@ TEST(test_find_expected_event, blocks)
             find_expected_event(row.bytes.data(), static_cast<uint32_t>(row.bytes.size()),
                                 &event_id, &provider, &record, s_crash_map);
         EXPECT_EQ(result, row.found == none ? NO_MATCH : 0u);
+        EXPECT_EQ(event_id == 0, row.found == none);
         EXPECT_EQ(record, row.found == none ? nullptr : row.bytes.data() + row.found);
         EXPECT_EQ(static_cast<const void *>(provider), record == nullptr ? nullptr : record + 56);
         if (row.warning != nullptr) {
@@ -169,6 +174,7 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
         {"ends in the second string", 104, as_written, 9, {L"one", L"tw"}},
         {"half a character left", size, size - 1, 1, {}},
         {"as far as it goes", size, UINT32_MAX - 1, 2, {}},
+        {"length of zero", 0, as_written, 2, {}},
     };
     /* clang-format on */
 
@@ -178,7 +184,9 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
         const block changed = with(with(record, offsetof(EVENTLOGRECORD, StringOffset), row.offset),
                                    offsetof(EVENTLOGRECORD, NumStrings), row.count);
         system_log log(with_length(changed, row.length));
+        log_forget();
         EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
+        EXPECT_TRUE(log_contains("system crash time:")); /* with or without strings */
         EXPECT_EQ(info.strings, row.strings);
     }
     event_info info = {};
@@ -186,6 +194,12 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
     system_log log(record);
     EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
     EXPECT_EQ(info.strings, (std::vector<std::wstring>{L"before", L"one", L"two"}));
+    std::vector<std::wstring> many(300);
+    many.back() = L"last";
+    info.strings.clear();
+    system_log::fill(event_record(1001, L"BugCheck", many));
+    EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
+    EXPECT_EQ(info.strings, many);
 }
 
 TEST(test_unix_time_to_filetime, seconds_are_unsigned)
@@ -203,11 +217,13 @@ TEST(test_get_crash_info, no_memory)
 {
     for (uint64_t nth = 1; nth <= 2; nth++) {
         system_log log(event_record(7036, L"Large", {std::wstring(5000, L'x')}));
-        event_info info = {};
+        event_info info = {"before", 5, 6, {}};
         const uint64_t blocks = live_blocks();
         while_failing(nth,
                       [&] { EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 2u); });
         EXPECT_EQ(live_blocks(), blocks);
+        EXPECT_STREQ(info.time_text, "before");
+        EXPECT_EQ(info.time_generated + info.event_id, 11u);
     }
 }
 
