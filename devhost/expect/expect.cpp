@@ -6,6 +6,7 @@
 
 #include <oxni/base/log.h>
 
+#include "../agent/agent.h"
 #include "../base/text.h"
 #include "../calls/calls.h"
 #include "../scenario/match.h"
@@ -275,7 +276,11 @@ void expect_check(const node &expect, std::vector<std::string> &failures)
 
 void expect_no_complaints(const node &boot, std::vector<std::string> &failures)
 {
+    const std::string open = calls_left_open();
+
     check_unexpected(boot, HAPPENED_COMPLAINT, failures);
+    if (!open.empty() && agent_state_get() != AGENT_EXITED)
+        failures.push_back(boot.place() + ": the plug-in leaves " + open + " open");
     s_from = journal_all().size();
 }
 

@@ -11,7 +11,8 @@
 void expect_check(const node &expect, std::vector<std::string> &failures);
 /* Begins a boot. */
 void expect_start_boot(void);
-/* Ends a boot: a complaint of the platform after the last "expect" fails it too. */
+/* Ends a boot: a complaint of the platform after the last "expect" fails it too, and so does what the
+ * plug-in left open. */
 void expect_no_complaints(const node &boot, std::vector<std::string> &failures);
 
 #endif

@@ -167,10 +167,13 @@ TEST(test_start_bypass_status_check, odd_path)
     set_polls(L"0");
     set_dump_places(L"C:\\none.dmp", L"C:\\none");
     engine_play(L"C:\\none\\\xD83D.dmp", "Call Site\nguard_flt+1\n");
+    log_forget();
     play_check(0);
     EXPECT_EQ(s_verdict.result, STATUS_CHECK_CRASH);
     EXPECT_EQ(s_verdict.modules, 1u);
     EXPECT_FALSE(s_verdict.has_path);
+    EXPECT_TRUE(log_contains("parse ret[0]"));
+    EXPECT_TRUE(log_contains(" timestamp[" + std::to_string(INT64_MAX / 2) + "]"));
 }
 
 /* Whichever allocation fails: there is one verdict, and everything that was opened is closed. */
