@@ -186,7 +186,7 @@ static uint64_t s_written;
 static HANDLE WINAPI find_first(const wchar_t *, WIN32_FIND_DATAW *data)
 {
     listed_file::finds_open++;
-    data->dwFileAttributes = FILE_ATTRIBUTE_NORMAL;
+    data->dwFileAttributes = ~static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY); /* no other counts */
     data->ftLastWriteTime = {static_cast<DWORD>(s_written), static_cast<DWORD>(s_written >> 32)};
     wcscpy(data->cFileName, s_name);
     return &s_name;

@@ -78,6 +78,7 @@ TEST(test_get_errortime_string, times)
         EXPECT_EQ(get_load_driver_errortime(text, row.size), row.text != nullptr) << &row - s_rows;
         EXPECT_STREQ(text, row.text != nullptr ? row.text : "before");
     }
+    EXPECT_TRUE(log_contains("errortime: 9223372036854775808"));
     set_errortime(REG_QWORD, MOMENT_FILETIME);
     EXPECT_FALSE(get_load_driver_errortime(nullptr, 20));
     log_forget();

@@ -151,6 +151,7 @@ TEST(test_start_bypass_status_check, exceptions)
         EXPECT_FALSE(s_verdict.has_event); /* no verdict relies on the record */
         EXPECT_EQ(s_timer.armed, 1u);
         EXPECT_TRUE(log_contains(row.logged));
+        EXPECT_EQ(log_contains("set record ret[1]"), row.result == STATUS_CHECK_CRASH);
         EXPECT_EQ(live_blocks(), blocks);
         EXPECT_EQ(system_log::logs_open, 0);
     }
