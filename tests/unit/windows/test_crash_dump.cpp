@@ -249,6 +249,7 @@ TEST(test_dumprecord, round_trip_and_wrong_records)
 
     oxnih_set_install_dir((folder.path / "agent").u8string().c_str());
     EXPECT_FALSE(get_dumprecord_time(&time));
+    EXPECT_EQ(time, 7);
     EXPECT_TRUE(std::filesystem::exists(folder.path / "var" / "bypass_mgr"));
     EXPECT_EQ(get_dumprecord_path(path, sizeof(path)), 0);
     for (const auto &row : s_rows) {
