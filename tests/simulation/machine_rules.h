@@ -152,7 +152,7 @@ static const struct rule {
     {"odd_value",    1,  "'<odd_text>'"                                                                         },
     {"odd_value",    1,  "<20%null|<25%-1|<33%2.5|<50%true|4294967297>>>>"                                      },
     {"odd_value",    1,  "<50%[<0-2*<0-3>>]|{'a':<0-3>}>"                                                       },
-    {"odd_count",    1,  "<70%<0-12>|<odd_value>>"                                                              },
+    {"odd_count",    1,  "<70%<0-12>|<30%70000|<odd_value>>>"                                                   },
     {"odd_order",    1,  "<90%'<33%bypass|<50%recover|set_count>>'|<odd_value>>"                                },
     {"odd_modules",  1,
      "<75%[<0-3*<90%'<module>'|<odd_value>>>]|<20%[<300-300*'m<0-9999>'>]|<odd_value>>>"                        },
@@ -180,6 +180,9 @@ static const struct rule {
      "{'path':'" DATA_FOLDER "bypass_mgr_dumprecord.ejs','document':{'dump_time':<50%<odd_value>|"
      "13354275<0-9>060000000>}}"                                                                                },
     {"odd_file",     2,  "{'path':'<odd_path>','text':'<odd_text>','written':<0-100>}"                          },
+    {"odd_file",     2,
+     "{'path':'<50%{bin}|" DRIVER_FOLDER
+     "oxnisp_driver>\\\\crash_config.cfg','record_count':<20%70000|<0-5>>}"                                     },
     {"odd_setting",  1,
      "Control\\\\CrashControl','name':'<50%DumpFile|MinidumpDir>','type':'REG_<25%SZ|"
      "<33%EXPAND_SZ|<50%MULTI_SZ|BINARY>>>','data':'<20%|<50%C:\\\\Windows\\\\|%TMP%\\\\>a>'"                   },
