@@ -64,6 +64,11 @@ TEST(test_get_dmp_info, references)
         EXPECT_EQ(engine_left(), 0u);
         EXPECT_EQ(live_blocks(), blocks);
     }
+    const std::string long_stack(100000, 'x');
+    std::string text;
+    engine_play(DUMP, (STACK + long_stack).c_str());
+    EXPECT_TRUE(get_dmp_info(DUMP, 1, &text));
+    EXPECT_EQ(text, STACK + long_stack);
 }
 
 /* A client that keeps the callbacks, and opens no dump by a wide path. */

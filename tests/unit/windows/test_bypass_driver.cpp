@@ -12,6 +12,9 @@
 
 #include <algorithm>
 
+#include <windows.h>
+#include <tlhelp32.h>
+
 #include <gtest/gtest.h>
 
 #include "liboxnibase/host.h"
@@ -248,6 +251,9 @@ TEST(test_get_oxnisp_crash_config_path, sizes)
         EXPECT_STREQ(path, row.path);
     }
     EXPECT_FALSE(get_oxnisp_crash_config_path(nullptr, 54));
+    wchar_t longer[520];
+    oxnih_set_log_dir(std::string(240, 'b').c_str());
+    EXPECT_FALSE(get_oxnisp_crash_config_path(longer, 520)); /* as UTF-8 it does not fit */
     oxnih_set_log_dir(nullptr);
 }
 
@@ -347,6 +353,25 @@ TEST(test_is_service_stopped, waits)
         EXPECT_EQ(s_slept, row.slept) << &row - s_rows;
         EXPECT_EQ(s_handles, 0) << &row - s_rows;
     }
+}
+
+static uint32_t s_listed; /* processes so far */
+
+static BOOL WINAPI list_process(HANDLE, PROCESSENTRY32W *entry)
+{
+    wcscpy(entry->szExeFile, ++s_listed == 5000 ? L"System" : L"a.exe");
+    entry->th32ProcessID = s_listed;
+    return s_listed < 6000;
+}
+
+TEST(test_find_system_process_id, many_processes)
+{
+    const import_patch first("Process32FirstW", list_process);
+    const import_patch next("Process32NextW", list_process);
+    uint32_t id;
+
+    EXPECT_EQ(find_system_process_id(&id), 0u);
+    EXPECT_EQ(id, 5000u);
 }
 
 TEST(test_find_system_process_id, no_snapshot)

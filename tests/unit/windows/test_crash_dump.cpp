@@ -172,6 +172,34 @@ TEST(test_find_new_crash_dump, complete_dump)
     EXPECT_EQ(modules, crash_module_set{"drv"});
 }
 
+static uint64_t s_listed; /* files so far, each newer than the one before */
+
+static void list_file(WIN32_FIND_DATAW *entry)
+{
+    entry->dwFileAttributes = 0;
+    entry->ftLastWriteTime = filetime_of_value(++s_listed);
+    wcscpy(entry->cFileName, std::to_wstring(s_listed).c_str());
+}
+
+TEST(test_find_newest_file, many_files)
+{
+    const import_patch first("FindFirstFileW", [](const wchar_t *, WIN32_FIND_DATAW *entry) {
+        list_file(entry);
+        return static_cast<HANDLE>(&s_listed);
+    });
+    const import_patch next("FindNextFileW", [](HANDLE, WIN32_FIND_DATAW *entry) {
+        list_file(entry);
+        return BOOL{s_listed <= 5000};
+    });
+    const import_patch close("FindClose");
+    std::wstring path;
+    uint64_t time;
+
+    EXPECT_EQ(find_newest_file(L"C:\\d", &path, &time), 0u);
+    EXPECT_EQ(path, L"C:\\d\\5000");
+    EXPECT_EQ(time, 5000u);
+}
+
 static int s_keys_closed;
 
 /* What a failed open leaves behind is no key. */

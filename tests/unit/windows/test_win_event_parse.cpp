@@ -59,6 +59,9 @@ TEST(test_find_expected_event, blocks)
     const block other = event_record(7036, L"Service Control Manager");
     const block start = event_record(12, KERNEL);
     const block crash = event_record(1001, L"BugCheck");
+    block large;
+    while (large.size() < 100000)
+        large = large + other;
     const block odd = with_length(other + block(1), other.size() + 1);
     const std::vector<std::wstring> strings(300, L"s");
     const block many = event_record(7036, L"Many", strings);
@@ -73,6 +76,8 @@ TEST(test_find_expected_event, blocks)
         {"after one of odd length", odd + crash, odd.size(), nullptr},
         {"after one of 300 strings", many + crash, many.size(), nullptr},
         {"of 300 strings", event_record(1001, L"BugCheck", strings), 0, nullptr},
+        {"after 100 KB", large + crash, large.size(), nullptr},
+        {"of a long name", event_record(7001, std::wstring(300, L'n')), 0, nullptr},
         {"after one whose id differs in a high bit", event_record(12 + 64, KERNEL) + start,
          event_record(12 + 64, KERNEL).size(), nullptr},
         {"of any provider", event_record(12, L"BugCheck") + event_record(7001, L"any"),
