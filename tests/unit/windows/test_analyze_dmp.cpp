@@ -64,8 +64,9 @@ TEST(test_get_dmp_info, references)
         EXPECT_EQ(engine_left(), 0u);
         EXPECT_EQ(live_blocks(), blocks);
     }
-    const std::string long_stack(100000, 'x');
-    std::string text;
+    std::string text, long_stack;
+    for (int line = 0; line < 2000; line++)
+        long_stack += std::string(49, 'x') + "\n";
     engine_play(DUMP, (STACK + long_stack).c_str());
     EXPECT_TRUE(get_dmp_info(DUMP, 1, &text));
     EXPECT_EQ(text, STACK + long_stack);
