@@ -41,7 +41,7 @@ static const struct rule {
 
  /* A product: what it is, and how it can be reached and answers commands. */
     {"product",      1,
-     "{'modules':<modules>,'count':<0-5>,'registers':<10%null|<0-120>>,"
+     "{'modules':<odd?<8%[<300-300*'m<0-9999>'>]|<modules>>|<modules>>,'count':<0-5>,'registers':<10%null|<0-120>>,"
      "<plain?|'status':'<own_status>',<manners>>"                                                               },
     {"manners",      1,
      "<15%'unreachable':<0-2>,><20%'reply_delay':<30%null|<0-120>>,>"
@@ -55,7 +55,8 @@ static const struct rule {
     {"frames",       1,  "'frames':['nt!KeBugCheckEx+0x107',<blamed?<1-3*<frame>>|<0-3*<frame>>>]"              },
     {"crash",        1,
      "{<20%'minidump':false,><25%'complete':true,><30%'written':<0-200>,>"
-     "<40%'recorded':<15%null|<0-400>>,><frames>}"                                                              },
+     "<40%'recorded':<15%null|<0-400>>,><odd?<30%'stack':'<odd_line>\\n<50%<odd_line>\\n<odd_line>\\n>',>>"
+     "<frames>}"                                                                                                },
     {"blue_screen",  1,  "'ends':'blue_screen','crash':<crash>"                                                 },
     {"ends",         1,
      "<plain?'ends':'clean'|<blamed?<10%'ends':'clean'|<20%'ends':'power_loss'|<blue_screen>>>|"
@@ -147,6 +148,10 @@ static const struct rule {
      "'event':{'source':'<50%Microsoft-Windows-Kernel-<50%Power|General>|"
      "<50%BugCheck|Microsoft-Windows-Winlogon>>','id':<20%<0-9>|<25%12|<33%41|<50%1001|7001>>>>,"
      "'strings':[<0-9*'<50%<0-300>|<odd_text>>'>]}"                                                             },
+    {"odd_line",     3,  "<module><50%!Work>+0x2"                                                               },
+    {"odd_line",     1,  "<50% a_flt|A_FLT.sys>+0x1"                                                            },
+    {"odd_line",     1,  "00 fffff801`00000000 fffff801`0001 : 1 2 : <50%b_flt|c_net!Send>+0x1a"                },
+    {"odd_line",     1,  "<50%!Work+0x2|<50%+0x1|d_sp>>"                                                        },
     {"odd_text",     1,  "<25%|<33%a_flt|<50%\xc3\xa9\xe6\x97\xa5|%s%n>>>"                                      },
     {"odd_value",    1,  "<0-400>"                                                                              },
     {"odd_value",    1,  "'<odd_text>'"                                                                         },
