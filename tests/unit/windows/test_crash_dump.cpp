@@ -32,6 +32,7 @@ TEST(test_read_reg_string_value, values)
         {REG_SZ, std::string(520, 'n'), 0, std::wstring(260, L'\x6e6e')},
         {REG_SZ, std::string(600, 'n'), 0, std::wstring(300, L'\x6e6e')}, /* a second query */
         {REG_SZ, std::string(601, 'n'), 0, std::wstring(300, L'\x6e6e') + L'\x6e'},
+        {REG_SZ, std::string(60000, 'n'), 0, std::wstring(30000, L'\x6e6e')},
         {REG_BINARY, std::string(600, '\1'), 1168, L"before"},
     };
     /* clang-format on */
@@ -68,6 +69,7 @@ TEST(test_expand_env_path, lengths)
         {L"%BYPASS_D%\\M.DMP", long_text + L"\\M.DMP"},
         {filler + L"12345", filler + L"12345"}, /* fills the short buffer */
         {filler + L"123456", filler + L"123456"},
+        {std::wstring(20000, L'f'), std::wstring(20000, L'f')},
         {L"%BYPASS_D%%BYPASS_D%%BYPASS_D%", long_text + long_text + long_text},
     };
     /* clang-format on */

@@ -200,7 +200,7 @@ TEST(test_get_crash_info, insertion_strings_stay_inside_the_record)
     EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
     EXPECT_EQ(info.strings, (std::vector<std::wstring>{L"before", L"one", L"two"}));
     std::vector<std::wstring> many(300);
-    many.back() = L"last";
+    many.back() = std::wstring(100000, L'l');
     info.strings.clear();
     system_log::fill(event_record(1001, L"BugCheck", many));
     EXPECT_EQ(win_event_parse().get_crash_info(&info, s_crash_map), 0u);
