@@ -98,6 +98,7 @@ TEST(test_registration, results)
     EXPECT_EQ(bypass_mgr_receive(nullptr, message), -1);
     EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), nullptr), -1);
     EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), message), 0);
+    EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), json_object_get(message, "type")), 0);
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)), nullptr);
     EXPECT_EQ(send_message("reg", "bypass", 1), 0);
     EXPECT_EQ(send_message("reg", "bypass", 2), -1);
