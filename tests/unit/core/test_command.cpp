@@ -79,9 +79,9 @@ TEST(test_command, unregistered)
     EXPECT_TRUE(log_contains("Sending notification failed, type(0), ns(space), name(a), error(5)"));
 }
 
-/* A delivered "bypass" is stored although its report lacks memory; a push that is refused keeps
- * nothing. */
-TEST(test_command, neither_reported_nor_pushed)
+/* A delivered "bypass" is stored although its report lacks memory; a recovery that lacks it keeps no
+ * other product from its own. */
+TEST(test_command, one_lacks_memory)
 {
     const core_patches patches;
     const struct bypass_cmd request = {"bypass", "m", 0};
@@ -92,6 +92,9 @@ TEST(test_command, neither_reported_nor_pushed)
     while_failing(1, [] { s_core.reply(0, s_core.cookie, s_core.pushed_to, nullptr); });
     s_core.cookie = nullptr;
     EXPECT_EQ(core_calls(), "store {'a':{'count':3,'status':2}}");
+    core_product(1, STATUS_BYPASS, 3)->parsed = 1;
+    while_failing(1, bypass_mgr_send_recovery);
+    EXPECT_EQ(core_calls(), "push b {'reason':'none','type':'recover'}");
 }
 
 /* Whichever allocation fails, the result shows whether the command was sent; only the reason of one

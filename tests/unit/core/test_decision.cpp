@@ -26,6 +26,7 @@ static const struct verdict_row {
 } s_verdicts[] = {
     {STATUS_CHECK_FAILED, &s_none,    false, false, 3, STORE3, 3},
     {STATUS_CHECK_FAILED, &s_none,    false, true,  3, REPORT STORE3, 3},
+    {STATUS_CHECK_FAILED, &s_none,    true,  true,  3, REPORT STORE3, 3},
     {STATUS_CHECK_CRASH,  &s_own,     false, false, 3, "tag?; tag=; " BLAME "push a {'reason':'ma','type':'bypass'}; ", 3},
     {STATUS_CHECK_CRASH,  &s_own,     false, true,  3, "tag?; tag=; " BLAME "push a {'reason':'ma','type':'bypass'}; ", 3},
     {STATUS_CHECK_CRASH,  &s_foreign, false, false, 3, "tag?; tag=; " STORE3, 3},
@@ -39,7 +40,7 @@ static const struct verdict_row {
     {STATUS_CHECK_UNEXPECTED_SHUTDOWN, &s_none, false, true,  3, "tag?; " REPORT STORE3, 3},
     {STATUS_CHECK_UNEXPECTED_SHUTDOWN, &s_none, true,  true,  3, "tag?; " REPORT STORE3, 3},
     {STATUS_CHECK_NORMAL, &s_none,    false, false, 3, "stop; timer 60000; ", 3},
-    {STATUS_CHECK_NORMAL, &s_none,    false, true,  3, "stop; timer 60000; ", 3},
+    {STATUS_CHECK_NORMAL, &s_none,    true,  true,  3, "stop; timer 60000; ", 3},
 };
 /* clang-format on */
 

@@ -98,6 +98,10 @@ TEST(test_report_abnormal_crash, results)
     EXPECT_EQ(core_calls(), "timer 60000");
     EXPECT_EQ(s_deliveries, 0);
     EXPECT_EQ(live_blocks(), blocks);
+    /* One that cannot be kept starts the timer, too. */
+    *report_link_timer_slot() = 0;
+    while_failing(1, [&] { (void)report_abnormal_crash(names, 1, "c", nullptr); });
+    EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
 /* Before the management side has named a device, constants take its place. The time needs more than
