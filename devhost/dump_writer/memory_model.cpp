@@ -112,10 +112,12 @@ uint64_t memory_model::physical(uint64_t address) const
 
 void memory_model::put(uint64_t address, uint64_t value, size_t bytes)
 {
-    for (size_t i = 0; i < bytes; i++) {
-        uint64_t place = 0;
+    uint64_t place = 0;
 
-        if (!find(address + i, &place)) {
+    for (size_t i = 0; i < bytes; i++, place++) {
+        const bool next_page = i == 0 || (address + i) % PAGE_BYTES == 0;
+
+        if (next_page && !find(address + i, &place)) {
             map(address + i, 12);
             place = physical(address + i);
         }

@@ -380,7 +380,7 @@ TEST(memory_dump, test_truncated_anywhere)
         const reading whole = read(bytes);
         int shown = 0;
 
-        for (size_t size = 8; size < bytes.size(); size += size < 0x2100 ? 1 : 61) {
+        for (size_t size = 8; size < bytes.size(); size += size < 0x2100 ? 1 : 241) {
             SCOPED_TRACE(testing::Message() << row.row << size);
             const reading made =
                 read({bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(size)});

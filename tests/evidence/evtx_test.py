@@ -128,7 +128,7 @@ def test_synthetic(folder):
 def test_real(folder):
     for log in pathlib.Path(os.environ.get("BYPASS_SHARED_DATA") or "/none").glob("*.evtx"):
         copy = write(folder, log.name, log.read_bytes())
-        others.add(copy, read(copy)[0], 400) # python3-evtx takes its time
+        others.add(copy, read(copy)[0], 200) # python3-evtx takes its time
 
 
 def place_of(data, number):

@@ -41,6 +41,7 @@ static void add_simulate(CLI::App &app, int *status)
     command->add_option("--file", options->file, "Plays this scenario instead of random machines");
     command->add_flag("--hash-calls", options->hash_calls,
                       "Prints a hash of each machine's calls with their arguments and results");
+    command->add_flag("--trace", options->trace, "Prints each call");
     add_plugin_option(*command, options->plugin_path);
     add_reload_option(*command, options->reload);
     command->callback([options, status] { *status = simulate_run(*options); });

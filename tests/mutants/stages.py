@@ -27,6 +27,7 @@ CRASH_KEY = r"HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug"
 SCENARIO = r"([^/\\\n]+\.json: (?!everything holds).*)", r"([^/\\\n]+\.json): everything holds"
 UNIT_TEST = r"^\[  FAILED  \] ([^\s,]+)", r"^\[ RUN      \] (\S+)"
 RULE = r"^broken: (.*)", r"$^"
+RECORDED = r"^FAILED: (.*)", r"$^"
 
 
 @dataclasses.dataclass
@@ -50,7 +51,7 @@ class Stages:
     """Runs stages in a Wine prefix of this tool's own, whose processes end with it."""
 
     def __init__(self, root, folder, processes):
-        self.wine_run, self.processes = root / "cmake/wine-run", processes
+        self.root, self.wine_run, self.processes = root, root / "cmake/wine-run", processes
         self.files = sorted((root / "scenarios").glob("*.json"), key=lambda path: (
             FIRST.index(path.stem) if path.stem in FIRST else len(FIRST), path.stem))
         # In memory if possible: flushing files to a disk takes longer than the rest of a scenario.
@@ -62,16 +63,19 @@ class Stages:
             Stage("unit tests", build.UNIT_TESTS, UNIT_TEST),
             Stage("simulation", build.DLL, RULE),
             Stage("guarded scenarios", build.DLL, SCENARIO, "guard", "Asia/Tokyo"),
+            Stage("behaviour", build.DLL, RECORDED),
         ]
 
     def command(self, stage, folder, test):
         place = ["--plugin", folder / build.DLL, "Z:" + self.place.replace("/", "\\")]
         if stage.patterns is UNIT_TEST:
-            return [folder / build.UNIT_TESTS, "--gtest_fail_fast", f"--gtest_filter={test or '*'}"]
+            return [self.wine_run, folder / build.UNIT_TESTS, "--gtest_fail_fast", f"--gtest_filter={test or '*'}"]
         if stage.patterns is RULE:
-            return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS),
+            return [self.wine_run, folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS),
                     "--seed", "1", "--no-shrink", *place[:2], "--folder", place[2]]
-        return [folder / "bin/oxni_devhost.exe", "run", "--quiet", "--stop", "--log", "none",
+        if stage.patterns is RECORDED:
+            return [self.root / "tests/plugin/behaviour.py", self.root, folder / "bin", *place[:2]]
+        return [self.wine_run, folder / "bin/oxni_devhost.exe", "run", "--quiet", "--stop", "--log", "none",
                 "--memory", stage.memory, *place[:2], "--place", place[2],
                 *(path for path in self.files if test in ("", path.name))]
 
@@ -83,8 +87,7 @@ class Stages:
         if stage.zone:
             environment["TZ"] = stage.zone
         return self.processes.run(
-            ["prlimit", *limits, self.wine_run, *self.command(stage, folder, test)],
-            env=environment)
+            ["prlimit", *limits, *self.command(stage, folder, test)], env=environment)
 
     def start_wine(self):
         """Starts one server for all runs, and Windows' own services, outside of every limit."""

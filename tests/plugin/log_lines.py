@@ -1,17 +1,14 @@
 #!/usr/bin/env python3
-"""The list of the plug-in's log lines: made from its sources, and compared with docs/log_lines.md
-and with the lines that runs print.
+"""The list of the plug-in's log lines: made from its sources, and compared with docs/log_lines.md;
+behaviour.py compares it with the lines that runs print.
 
-usage: log_lines.py PROJECT_FOLDER --write                      writes docs/log_lines.md
-       log_lines.py PROJECT_FOLDER                              compares sources and document
-       log_lines.py PROJECT_FOLDER WINE_RUN PROGRAM SCENARIO... and every line of the scenarios
+usage: log_lines.py PROJECT_FOLDER --write    writes docs/log_lines.md
+       log_lines.py PROJECT_FOLDER            compares sources and document
 """
 import collections
 import dataclasses
-import json
 import pathlib
 import re
-import subprocess
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "mutants"))
@@ -174,31 +171,14 @@ class Checker:
         return "" if known else f"no log statement there has this level and text: {text}"
 
 
-def log_lines(output):
-    """Yields the plug-in's lines of a run with --json --log debug."""
-    for line in output.splitlines():
-        if line.startswith('{"'):
-            what = json.loads(line)
-            # The platform's own lines about a damaged file are not the plug-in's.
-            if what.get("kind") == "log" and not what["text"].startswith("ejs: "):
-                yield what["text"]
-
-
-def run_problems(statements, rows, command):
-    """Plays scenarios with all levels on; returns the problems."""
-    wine, program, *scenarios = command
-    done = subprocess.run([wine, program, "run", "--json", "--log", "debug", *scenarios],
-                          capture_output=True, encoding="utf-8", errors="replace", check=False)
-    if done.returncode != 0:
-        return [f"the scenarios fail, exit status {done.returncode}: {done.stderr[-500:]}"]
-    checker = Checker(statements)
-    lines = list(log_lines(done.stdout))
+def run_problems(root, happenings):
+    """Compares the lines of a run at all levels with the sources; returns the problems."""
+    statements = statements_of(sources_of(root))
+    checker, rows = Checker(statements), set(places_of(statements))
+    lines = [what["text"] for what in happenings if what["kind"] == "log"]
     problems = [problem for problem in map(checker.problem, lines) if problem]
-    never = rows - checker.printed
-    print(f"{len(lines)} lines printed; of {len(rows)} rows {len(never)} are never printed")
-    if not lines:
-        problems.append("no line was printed")
-    return problems
+    print(f"{len(lines)} lines printed; of {len(rows)} rows {len(rows - checker.printed)} are never printed")
+    return problems if lines else ["no line was printed"]
 
 
 def main(root, *command):
@@ -209,8 +189,6 @@ def main(root, *command):
         return 0
     listed = rows_of_document(document.read_text() if document.exists() else "")
     problems = differences(statements, listed)
-    if command:
-        problems += run_problems(statements, set(places_of(statements)), command)
     for problem in problems[:20]:
         print("FAILED:", problem)
     if problems:

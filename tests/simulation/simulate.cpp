@@ -196,6 +196,7 @@ static void shrink(rapidjson::Document &document, const simulate_finding &findin
 static struct {
     uint64_t value;
     std::string folder, folder_with_slashes;
+    bool printed; /* each call, too */
 } s_hash;
 
 static void hash_add(const std::string &text)
@@ -206,14 +207,24 @@ static void hash_add(const std::string &text)
 
 static void hash_call(const std::string &text)
 {
-    hash_add(text_replace(text_replace(text, s_hash.folder, ""), s_hash.folder_with_slashes, "") +
-             "\n");
+    const std::string line =
+        text_replace(text_replace(text, s_hash.folder, ""), s_hash.folder_with_slashes, "") + "\n";
+
+    hash_add(line);
+    if (s_hash.printed)
+        fputs(line.c_str(), stdout);
 }
 
-static void hash_begin(const run_folder &folder)
+/* The results of conversions depend on the length of the folder's path. */
+static bool is_hashed(const char *name)
 {
-    s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/")};
-    calls_set_trace(hash_call);
+    return strcmp(name, "MultiByteToWideChar") != 0 && strcmp(name, "WideCharToMultiByte") != 0;
+}
+
+static void hash_begin(const run_folder &folder, bool printed)
+{
+    s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/"), printed};
+    calls_set_trace(hash_call, is_hashed);
 }
 
 static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)
@@ -261,8 +272,8 @@ static int play_random(const run_folder &folder, const struct simulate_options &
         uint64_t seed = options.seed + progress.machines;
         rapidjson::Document document;
 
-        if (options.hash_calls)
-            hash_begin(folder);
+        if (options.hash_calls || options.trace)
+            hash_begin(folder, options.trace);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
         terminal_progress_whole(text_format("simulate: %" PRIu64 " of %s", progress.boots,
                                             text_count(options.boots, "boot").c_str()));

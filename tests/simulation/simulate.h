@@ -19,6 +19,7 @@ struct simulate_options {
     std::string plugin_path; /* the DLL to load */
     bool reload = false;     /* it is loaded from its file at each start of the agent */
     bool hash_calls = false; /* each machine's hash of its plug-in's calls is printed */
+    bool trace = false;      /* each call is printed */
 };
 
 /* Plays until an invariant is broken or all boots are played, and prints the progress. Result: enum
