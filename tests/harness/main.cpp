@@ -42,6 +42,10 @@ static void add_simulate(CLI::App &app, int *status)
     command->add_flag("--hash-calls", options->hash_calls,
                       "Prints a hash of each machine's calls with their arguments and results");
     command->add_flag("--trace", options->trace, "Prints each call");
+    command->add_flag(
+        "--odd", options->odd,
+        "Plays machines without invariants: any call can fail, and messages, files and "
+        "settings can be of any form");
     add_plugin_option(*command, options->plugin_path);
     add_reload_option(*command, options->reload);
     command->callback([options, status] { *status = simulate_run(*options); });

@@ -18,7 +18,9 @@ import sys
 import log_lines
 
 RECORD = "tests/plugin/behaviour.txt"
-BOOTS, MACHINES_A_ROW = 2000, 10
+# Random machines: name, boots, option.
+MACHINES = [("machines", 2000, []), ("odd machines", 1000, ["--odd"])]
+MACHINES_A_ROW = 10
 # Calls that a person cannot observe: of memory, of clocks for log lines, of conversions.
 UNSEEN = re.compile(r'"text":"(?:oxni_time|oxni_time_stamp_to_local|oxni_log_output|oxni_log_is_regestered'
                     r'|oxni_free_|oxni_zero_malloc_|oxni_ralloc_|oxni_strdup|oxni_xhash_\w+|wdu_json_object'
@@ -26,8 +28,8 @@ UNSEEN = re.compile(r'"text":"(?:oxni_time|oxni_time_stamp_to_local|oxni_log_out
 # What differs between computers and between builds: line numbers, addresses, a folder that makes a path as
 # long as a scenario wants it, and timers, whose numbers go on from scenario to scenario.
 PLACE = re.compile(r"(\.cpp:|subscriber\()[0-9A-Fa-f]+")
-LONG_FOLDER = re.compile(r"(b+\\)*b{20,}")
 TIMER = re.compile(r"(?<=oxni_timer_stop\()\d+|(?<== )\d+$")
+LONG_FOLDER = re.compile(r"(b+\\)*b{20,}")
 
 
 def run(root, *command):
@@ -49,10 +51,8 @@ def of_scenarios(happenings):
         if what["kind"] == "scenario":
             name, lines, timers = pathlib.PurePath(what["file"]).name, [], {"0": 0}
         elif what["kind"] in ("call", "log"):
-            text = what["text"]
-            if what["kind"] == "log":
-                text = PLACE.sub(r"\1", text)
-            elif text.startswith("oxni_timer_"):
+            text = PLACE.sub(r"\1", what["text"]) if what["kind"] == "log" else what["text"]
+            if text.startswith("oxni_timer_"):
                 text = TIMER.sub(lambda number: str(timers.setdefault(number[0], len(timers))), text)
             text = LONG_FOLDER.sub("", text) if "bbbb" in text else text
             lines.append(f"{what['boot']} {what['ms']} {text}\n")
@@ -61,11 +61,16 @@ def of_scenarios(happenings):
     return found
 
 
-def of_machines(output):
-    """Returns a row for some machines at a time, of the hashes that the simulation prints."""
-    machines = [line for line in output if line.startswith("machine ")]
-    rows = [machines[at:at + MACHINES_A_ROW] for at in range(0, len(machines), MACHINES_A_ROW)]
-    return {f"machines from {row[0].split()[1]}": row_of(row) for row in rows}
+def of_machines(root, programs, options):
+    """Returns by seeds of some machines a hash of what the simulation prints of them."""
+    found = {}
+    for kind, boots, more in MACHINES:
+        output = run(root, f"{programs}/harness.exe", "simulate", "--boots", str(boots), "--seed", "1",
+                     "--hash-calls", *more, *options)
+        machines = [line for line in output if line.startswith("machine ")]
+        for at in range(0, len(machines), MACHINES_A_ROW):
+            found[f"{kind} from {at + 1}"] = row_of(machines[at:at + MACHINES_A_ROW])
+    return found
 
 
 def differences(found, recorded):
@@ -83,8 +88,7 @@ def main(root, programs, *options):
                                                    "--log", "debug", *options, *scenarios) if not UNSEEN.search(line)]
     # The platform's own lines about a damaged file do not count.
     happenings = [what for what in happenings if not what.get("text", "").startswith("ejs: ")]
-    found = {**of_scenarios(happenings), **of_machines(run(
-        root, f"{programs}/harness.exe", "simulate", "--boots", str(BOOTS), "--seed", "1", "--hash-calls", *options))}
+    found = {**of_scenarios(happenings), **of_machines(root, programs, options)}
     record = pathlib.Path(root, RECORD)
     if os.environ.get("BYPASS_RECORD"):
         record.write_text("".join(f"{name}: {what}\n" for name, what in found.items()))

@@ -10,6 +10,8 @@
 #include <string_view>
 
 #include "base/text.h"
+#include "calls/calls.h"
+#include "machine_rules.h"
 
 static constexpr int TEN_DAYS_SECONDS = 864000;
 
@@ -43,129 +45,7 @@ struct sketch {
     bool plain;  /* nothing fails */
     bool sticky; /* products start in bypass and remain there, whatever they are ordered */
     bool blamed; /* most boots end with a blue screen of a driver, and recovery is requested */
-};
-
-#define DRIVER_FOLDER "{base}\\\\Quorvel\\\\OXNI3_CFG\\\\"
-#define UPDATE_FILE   "'path':'" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg'"
-
-/*
- * JSON with apostrophes in place of quotation marks and commas that may trail. In it:
- *
- *   <3-7>        a number from 3 to 7
- *   <0-3*TEXT>   so many TEXTs with commas between them
- *   <20%A|B>     A in 20 of 100 cases, else B, which may be missing
- *   <plain?A|B>  A on such machines ("plain", "sticky", "blamed"), else B
- *   <name>       a row of that name, by weight
- *   <who>        a product of the machine
- */
-static const struct rule {
-    const char *name;
-    int weight;
-    const char *text;
-} s_rules[] = {
-    {"module",       1,  "a_flt"                                                                    },
-    {"module",       1,  "b_flt"                                                                    },
-    {"module",       1,  "c_net"                                                                    },
-    {"module",       1,  "d_sp"                                                                     },
-    {"module",       1,  "e_fs"                                                                     },
-    {"module",       1,  "load_driver"                                                              },
-    {"module",       1,  "oxnisp_driver"                                                            },
-    {"modules",      1,  "[<0-3*'<module>'>]"                                                       },
-    {"stranger",     1,  "<25%nt|<33%win32k|<50%tcpip|other>>>"                                     },
-    {"status",       1,  "<60%working|<50%bypass|initializing>>"                                    },
-    {"own_status",   1,  "<sticky?<70%bypass|<status>>|<status>>"                                   },
-    {"zone",         1,  "UTC"                                                                      },
-    {"zone",         1,  "Tokyo Standard Time"                                                      },
-    {"zone",         1,  "Pacific Standard Time"                                                    },
-    {"zone",         1,  "India Standard Time"                                                      },
-    {"zone",         1,  "W. Europe Standard Time"                                                  },
-
- /* A product: what it is, and how it can be reached and answers commands. */
-    {"product",      1,
-     "{'modules':<modules>,'count':<0-5>,'registers':<10%null|<0-120>>,"
-     "<plain?|'status':'<own_status>',<manners>>"                                                   },
-    {"manners",      1,
-     "<15%'unreachable':<0-2>,><20%'reply_delay':<30%null|<0-120>>,>"
-     "<sticky?<70%'answers':{'recover':null},|<answers>>|<answers>>"                                },
-    {"answers",      1,  "<25%'answers':{'<33%bypass|<50%recover|set_count>>':<answer>},>"          },
-    {"answer",       1,  "<40%null|{'status':'<status>','count':<0-10>,'after':<0-90>}>"            },
-
- /* How a boot ends. */
-    {"frame",        1,
-     "'<blamed?<95%<module>|<stranger>>|<65%<module>|<stranger>>><50%!Work+0x2|+0x1a2b>'"           },
-    {"frames",       1,  "'frames':['nt!KeBugCheckEx+0x107',<blamed?<1-3*<frame>>|<0-3*<frame>>>]"  },
-    {"crash",        1,
-     "{<20%'minidump':false,><25%'complete':true,><30%'written':<0-200>,>"
-     "<40%'recorded':<15%null|<0-400>>,><frames>}"                                                  },
-    {"blue_screen",  1,  "'ends':'blue_screen','crash':<crash>"                                     },
-    {"ends",         1,
-     "<plain?'ends':'clean'|<blamed?<10%'ends':'clean'|<20%'ends':'power_loss'|<blue_screen>>>|"
-     "<35%'ends':'clean'|<40%'ends':'power_loss'|<blue_screen>>>>>"                                 },
-
-    {"devices",      1,  "<25%[]|[{'product':'<who>',<70%'device_id':'d1','agent_version':'1.2'>}]>"},
-    {"management",   1,
-     "{<40%'devices':<devices>,><20%'error':<0-1>,>"
-     "<20%'answer':<30%null|{'errcode':<0-1>}>,><20%'echo_error':<0-1>,>"
-     "<20%'delay':<0-90>,'echo_delay':<0-90>,><10%'silent':<50%true|false>,>"
-     "'link':<60%true|false>}"                                                                      },
-
- /* Changes of the machine at a boot: crash records of the platform's drivers, an update of the
-     * drivers, a dump that was created at another time than it was written. */
-    {"files",        1,
-     "'files':[<15%{'path':'{bin}\\\\crash_config.cfg','record_count':<0-5>},{'path':'" DRIVER_FOLDER
-     "oxnisp_driver\\\\crash_config.cfg','record_count':<0-3>},>"
-     "<6%{" UPDATE_FILE ",'text':'x'},>"
-     "<10%{'path':'C:\\\\Windows\\\\Minidump\\\\copied.dmp',<frames>,'written':<0-200>,"
-     "'created':'2024-0<1-9>-1<0-9>T0<0-9>:30:00Z'}>],"                                             },
-    {"service",      1,  "['<50%running|<50%stopped|stop_pending>>']"                               },
-    {"services",     1,  "'services':{'load_driver':<service>,'oxnisp_driver':<service>},"          },
-    {"base",         1,  "'base_folder':<50%true|false>,"                                           },
-    {"engine",       1,
-     "'engine':{'fails':{<25%'OpenDumpFileWide':2147942402|<33%'GetStackTrace':2147500037>>}},"     },
-    {"polls",        1,
-     "'registry':[{'key':'SYSTEM\\\\CurrentControlSet\\\\Services\\\\load_driver',"
-     "'name':'TimerMaxCount','data':'<10%-1|<0-14>>'}],"                                            },
-    {"machine",      1,
-     "{<20%'time_zone':'<zone>',><plain?|<15%<services>><files><6%<base>><10%<engine>>>"
-     "<10%<polls>>}"                                                                                },
-    {"log",          1,
-     "<4%null|<10%{'winlogon':null}|<5%{'start':null}|"
-     "{'winlogon':<20%<5-300>|<5-60>>}>>>"                                                          },
-
- /* A step of which the agent must run. */
-    {"agent_step",   25, "'register':'<who>'"                                                       },
-    {"agent_step",   20, "'unsubscribe':'<who>'"                                                    },
-    {"agent_step",   20, "'tell':'<who>'"                                                           },
-    {"agent_step",   10,
-     "'send':'<who>','message':{'product_name':'z','type':'<80%conflict|nonsense>','count':1,"
-     "'status':'working','data':{'driver_module':[]}}"                                              },
-    {"agent_step",   25, "'console':'<sticky?<recovery>|<blamed?<recovery>|<line>>>'"               },
-    {"recovery",     1,  "<40%bypass -r|<line>>"                                                    },
-    {"line",         1,  "bypass -p"                                                                },
-    {"line",         1,  "bypass"                                                                   },
-    {"line",         1,  "bypass -rx"                                                               },
-    {"line",         2,  "<plain?bypass|<50%bypass -r|other>>"                                      },
-
- /* A step that needs none. A registration without effect is followed by an ordinary one. */
-    {"machine_step", 60, "<any_step>"                                                               },
-    {"machine_step", 40, "<plain?<any_step>|<failing_step>>"                                        },
-    {"any_step",     25, "'link':<20%2|<60%true|false>>"                                            },
-    {"any_step",     20,
-     "'product':'<who>','set':{'count':<0-10>,<plain?|'status':'<own_status>',<manners>>}"          },
-    {"any_step",     10, "'management':<management>"                                                },
-    {"any_step",     5,
-     "'product':'<who>','set':{'registration':{'product_name':'b','type':'<50%conflict|reg>',"
-     "'count':<0-11>,'status':'<plain?working|<status>>','data':{'driver_module':<modules>}}}"      },
-    {"failing_step", 7,  "'machine':{'time_zone':'<zone>'}"                                         },
-    {"failing_step", 5,  "'machine':{<base>}"                                                       },
-    {"failing_step", 11, "'fail':<failing_call>,'nth':<50%1|<1-6>>"                                 },
-    {"failing_step", 7,  "'clock':'2024-03-0<6-9>T<80%<0-1><0-9>|2<0-3>>:<0-5><0-9>:00Z'"           },
-    {"failing_step", 6,  "'file':{" UPDATE_FILE ",'text':'x'}"                                      },
-    {"failing_step", 4,  "'delete_file':'" DRIVER_FOLDER "driver\\\\oxni_driver_updata.cfg'"        },
-    {"failing_call", 1,  "'oxni_timer_start'"                                                       },
-    {"failing_call", 1,  "'OpenEventLogW','error':5"                                                },
-    {"failing_call", 1,  "'wdu_json_dump_file_ejs'"                                                 },
-    {"failing_call", 1,  "'oxni_path_del_file_u','error':32,'times':9"                              },
+    bool odd;    /* any call can fail, and messages, files and settings can be of any form */
 };
 
 static void expand(sketch &sketch, std::string_view text, std::string &expanded);
@@ -202,12 +82,29 @@ static std::map<std::string_view, choice> all_choices(void)
     return choices;
 }
 
+/* Calls that set no error have none to choose. */
+static void expand_failure(dice &dice, std::string &expanded)
+{
+    static const std::vector<std::string> names = calls_failing();
+    const std::string &name =
+        names[static_cast<size_t>(dice.range(1, static_cast<int>(names.size()))) - 1];
+    const std::vector<uint32_t> errors = calls_errors(name);
+    const uint32_t error =
+        errors[static_cast<size_t>(dice.range(1, static_cast<int>(errors.size()))) - 1];
+
+    expanded += "'" + name + "'" + (error != 0 ? ",'error':" + std::to_string(error) : "");
+}
+
 static void expand_rule(sketch &sketch, std::string_view name, std::string &expanded)
 {
     static const std::map<std::string_view, choice> choices = all_choices();
 
     if (name == "who") {
         expanded += product_key(sketch.dice.range(0, sketch.products - 1));
+        return;
+    }
+    if (name == "failure") {
+        expand_failure(sketch.dice, expanded);
         return;
     }
     const choice &choice = choices.at(name);
@@ -272,7 +169,8 @@ static void expand_inside(sketch &sketch, std::string_view text, std::string &ex
         expand_either(sketch, text.substr(at + 1),
                       kind == "plain"    ? sketch.plain
                       : kind == "sticky" ? sketch.sticky
-                                         : sketch.blamed,
+                      : kind == "blamed" ? sketch.blamed
+                                         : sketch.odd,
                       expanded);
         return;
     }
@@ -328,6 +226,9 @@ static std::string steps(sketch &sketch, int from, int until, int agent_at)
 
     for (int left = sketch.dice.range(0, sketch.dice.chance(30) ? 20 : 6); left > 0; left--)
         times.push_back(some_moment(sketch, from, until));
+    /* Most of what the plug-in does is around its start and its first checks. */
+    for (int left = sketch.odd ? sketch.dice.range(0, 12) : 0; left > 0; left--)
+        times.push_back(some_moment(sketch, agent_at - 1000, std::min(agent_at + 100000, until)));
     std::sort(times.begin(), times.end());
     for (int time : times) {
         const char *what = "<machine_step>";
@@ -340,6 +241,8 @@ static std::string steps(sketch &sketch, int from, int until, int agent_at)
             const bool stops = running && sketch.dice.chance(30);
             what = stops ? "'agent':'stop'" : running ? "'agent':'restart'" : "'agent':'start'";
             running = !stops;
+        } else if (sketch.odd && sketch.dice.chance(60)) {
+            what = running ? "<odd_step>" : "<odd_failure>";
         } else if (running && sketch.dice.chance(60)) {
             what = "<agent_step>";
         }
@@ -363,13 +266,13 @@ static std::string boot(sketch &sketch)
            steps(sketch, uptime * 1000, until, (uptime + agent) * 1000) + "]},";
 }
 
-void machine_generate(rapidjson::Document &document, uint64_t seed)
+void machine_generate(rapidjson::Document &document, uint64_t seed, bool odd)
 {
-    sketch sketch = {{seed}, 0, false, false, false};
+    sketch sketch = {{seed}, 0, false, false, false, odd};
     std::string products, boots;
 
     sketch.products = sketch.dice.range(1, 5);
-    sketch.plain = sketch.dice.chance(15);
+    sketch.plain = sketch.dice.chance(15) && !odd;
     sketch.sticky = !sketch.plain && sketch.dice.chance(15);
     sketch.blamed = !sketch.plain && sketch.dice.chance(15);
     for (int index = 0; index < sketch.products; index++)
@@ -378,7 +281,9 @@ void machine_generate(rapidjson::Document &document, uint64_t seed)
     for (int left = sketch.dice.range(2, 8); left > 0; left--)
         boots += boot(sketch);
     parse("{'products':{" + products + "},'boots':[" + boots + "]," +
-              expand(sketch, "'management':<management>,'before':{<ends>}}"),
+              expand(sketch,
+                     "'management':<management>,<odd?'machine':{'lenient':<50%true|false>},>"
+                     "'before':{<ends>}}"),
           document);
 }
 

@@ -13,8 +13,9 @@
 
 /* generate.cpp */
 
-/* A random machine as a scenario; the same one for the same seed. */
-void machine_generate(rapidjson::Document &document, uint64_t seed);
+/* A random machine as a scenario; the same one for the same seed. odd: any call of its plug-in can fail, and
+ * messages, files and settings can be of any form; the invariants do not hold. */
+void machine_generate(rapidjson::Document &document, uint64_t seed, bool odd);
 /* Adds what must leave no trace to each boot: messages and commands without effect. */
 void machine_add_noise(rapidjson::Document &document, uint64_t seed);
 /* invariants.cpp */

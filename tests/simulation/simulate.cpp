@@ -18,9 +18,9 @@
 #include "base/run_folder.h"
 #include "base/terminal.h"
 #include "base/text.h"
-#include "calls/calls.h"
 #include "calls/heap.h"
 #include "disk/memory_disk.h"
+#include "harness/call_hash.h"
 #include "harness/watch.h"
 #include "liboxnibase/host.h"
 #include "machines.h"
@@ -92,6 +92,59 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
     if (first.finding.invariant.empty() && first.blocks != second.blocks)
         first.finding = {"equal machines", "commands without effect leak memory", 0, 0};
     return first;
+}
+
+/* A log line of the plug-in, without what differs between processes and builds: what is before the
+ * source's name, its number in the source, and addresses. */
+static void hash_line(int level, const char *line, void *)
+{
+    const char *file = strstr(line, "[vkl] [");
+
+    if (file == nullptr)
+        return; /* the platform's own */
+    std::string text = file;
+
+    for (const char *place : {".cpp:", "subscriber("}) {
+        const size_t at = text.find(place);
+
+        if (at != std::string::npos) {
+            const size_t begin = at + strlen(place);
+            text.erase(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin) - begin);
+        }
+    }
+    text.pop_back(); /* the line feed */
+    call_hash_add(std::to_string(level) + " " + text);
+}
+
+static void ignore_complaint(const char *, void *)
+{
+}
+
+/* Its calls and log lines are compared with those of another plug-in, not with invariants. A step that
+ * is not possible ends the machine. */
+static played play_odd_machine(const rapidjson::Document &document, const run_folder &folder,
+                               const struct simulate_options &options)
+{
+    struct scenario scenario;
+    struct play_options play = {folder.path, options.plugin_path, false, false};
+    played played = {};
+
+    memory_disk_empty();
+    scenario.file = "simulation";
+    scenario.document.CopyFrom(document, scenario.document.GetAllocator());
+    try {
+        play_open(scenario, play);
+        oxnih_set_complaint(ignore_complaint, nullptr);
+        oxnih_log_set_sink(hash_line, nullptr);
+        for (; play_begin_boot(); played.boots++) {
+            play_run_until(play_boot_end_ms());
+            play_end_boot();
+        }
+    } catch (const devhost_error &error) {
+        call_hash_add(error.what());
+    }
+    (void)play_close();
+    return played;
 }
 
 /* Whether a smaller machine still breaks the invariant. */
@@ -191,47 +244,12 @@ static void shrink(rapidjson::Document &document, const simulate_finding &findin
     printf("  shrunk to %s: ./dev run shows it, ./dev simulate --file checks it\n", file.c_str());
 }
 
-/* A machine's hash: of all calls of its plug-in with arguments and results, and of the number of
- * live blocks at each end of an agent. The path of the run's folder is left out. */
-static struct {
-    uint64_t value;
-    std::string folder, folder_with_slashes;
-    bool printed; /* each call, too */
-} s_hash;
-
-static void hash_add(const std::string &text)
-{
-    for (char c : text)
-        s_hash.value = (s_hash.value ^ static_cast<uint8_t>(c)) * 0x100000001b3ull; /* FNV-1a */
-}
-
-static void hash_call(const std::string &text)
-{
-    const std::string line =
-        text_replace(text_replace(text, s_hash.folder, ""), s_hash.folder_with_slashes, "") + "\n";
-
-    hash_add(line);
-    if (s_hash.printed)
-        fputs(line.c_str(), stdout);
-}
-
-/* The results of conversions depend on the length of the folder's path. */
-static bool is_hashed(const char *name)
-{
-    return strcmp(name, "MultiByteToWideChar") != 0 && strcmp(name, "WideCharToMultiByte") != 0;
-}
-
-static void hash_begin(const run_folder &folder, bool printed)
-{
-    s_hash = {0xcbf29ce484222325ull, folder.path, text_replace(folder.path, "\\", "/"), printed};
-    calls_set_trace(hash_call, is_hashed);
-}
-
+/* The number of live blocks at each end of an agent is a part of a machine's hash. */
 static void hash_print(uint64_t seed, const std::vector<uint64_t> &blocks)
 {
     for (uint64_t count : blocks)
-        hash_add(std::to_string(count) + "\n");
-    printf("machine %" PRIu64 " %016" PRIx64 "\n", seed, s_hash.value);
+        call_hash_add(std::to_string(count));
+    printf("machine %" PRIu64 " %016" PRIx64 "\n", seed, call_hash_value());
 }
 
 struct progress {
@@ -273,14 +291,15 @@ static int play_random(const run_folder &folder, const struct simulate_options &
         rapidjson::Document document;
 
         if (options.hash_calls || options.trace)
-            hash_begin(folder, options.trace);
+            call_hash_begin(folder.path, options.trace);
         watch_try(text_format("./dev simulate --boots 1 --seed %" PRIu64, seed), seed);
         terminal_progress_whole(text_format("simulate: %" PRIu64 " of %s", progress.boots,
                                             text_count(options.boots, "boot").c_str()));
-        machine_generate(document, seed);
-        oxnih_log_set_level(log_level(seed));
+        machine_generate(document, seed, options.odd);
+        oxnih_log_set_level(options.odd ? OXNI_LOG_DEBUG : log_level(seed));
         oxnih_memory_set_mode(memory_mode(seed));
-        played played = play_pair(document, seed % TWIN_EVERY == 0, folder, options);
+        played played = options.odd ? play_odd_machine(document, folder, options)
+                                    : play_pair(document, seed % TWIN_EVERY == 0, folder, options);
         progress.boots += played.boots;
         progress.machines++;
         if (options.hash_calls)
@@ -295,7 +314,7 @@ static int play_random(const run_folder &folder, const struct simulate_options &
         if (GetTickCount64() - progress.printed_ms >= PROGRESS_MS)
             print_progress(progress, GetTickCount64(), "");
     }
-    print_progress(progress, GetTickCount64(), "no invariant is broken: ");
+    print_progress(progress, GetTickCount64(), options.odd ? "" : "no invariant is broken: ");
     return EXIT_ALL_HOLD;
 }
 

@@ -20,6 +20,7 @@ struct simulate_options {
     bool reload = false;     /* it is loaded from its file at each start of the agent */
     bool hash_calls = false; /* each machine's hash of its plug-in's calls is printed */
     bool trace = false;      /* each call is printed */
+    bool odd = false;        /* machines without invariants, of which any call can fail */
 };
 
 /* Plays until an invariant is broken or all boots are played, and prints the progress. Result: enum

@@ -136,7 +136,7 @@ static synthesis make_random(uint64_t seed)
         seed % DAMAGE_EVERY == 0 ? kinds[seed / DAMAGE_EVERY % kinds.size()] : "";
 
     scenario.file = text_format("machine %" PRIu64, seed);
-    machine_generate(scenario.document, seed);
+    machine_generate(scenario.document, seed, false);
     keep_shown(scenario.document, seed);
     scenario_check(scenario);
     if (damage == "wrapped" || damage == "missing-chunk")
