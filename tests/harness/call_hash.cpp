@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
+#include <string_view>
 
 #include "base/text.h"
 #include "calls/calls.h"
@@ -19,7 +21,16 @@ static struct {
 
 static bool is_hashed(const char *name)
 {
-    return strcmp(name, "MultiByteToWideChar") != 0 && strcmp(name, "WideCharToMultiByte") != 0;
+    static const std::set<std::string_view> unseen = {
+        "MultiByteToWideChar", "WideCharToMultiByte",      "oxni_free_",
+        "oxni_log_output",     "oxni_log_is_regestered",   "oxni_ralloc_",
+        "oxni_strdup",         "oxni_str_utf8_to_unicode", "oxni_time",
+        "oxni_xhash_create",   "oxni_time_stamp_to_local", "oxni_xhash_delete",
+        "oxni_xhash_insert",   "oxni_xhash_destroy",       "oxni_zero_malloc_",
+        "wdu_json_delete_ejs", "wdu_json_object",
+    };
+
+    return unseen.find(name) == unseen.end();
 }
 
 /* Of "oxni_timer_start(1000, *, null) = 7" and "oxni_timer_stop(7)". 0 is no timer. */

@@ -1,7 +1,7 @@
 /*
  * A hash of what a plug-in does: its calls with arguments and results, and whatever else is added, in
- * their order. Left out are the path of the run's folder and conversions of texts, whose results depend
- * on the path's length. Timers, whose handles are never used again, are numbered from 1. Host's one
+ * their order. Left out are the path of the run's folder, and calls that a person cannot observe: of
+ * memory, of clocks for log lines, of conversions, whose results depend on the path's length. Timers, whose handles are never used again, are numbered from 1. Host's one
  * thread.
  */
 #ifndef CALL_HASH_H

@@ -21,7 +21,7 @@ RECORD = "tests/plugin/behaviour.txt"
 # Random machines: name, boots, option.
 MACHINES = [("machines", 2000, []), ("odd machines", 1000, ["--odd"])]
 MACHINES_A_ROW = 10
-# Calls that a person cannot observe: of memory, of clocks for log lines, of conversions.
+# Calls that a person cannot observe: of memory, of clocks for log lines, of conversions; as in call_hash.cpp.
 UNSEEN = re.compile(r'"text":"(?:oxni_time|oxni_time_stamp_to_local|oxni_log_output|oxni_log_is_regestered'
                     r'|oxni_free_|oxni_zero_malloc_|oxni_ralloc_|oxni_strdup|oxni_xhash_\w+|wdu_json_object'
                     r'|wdu_json_delete_ejs|MultiByteToWideChar|WideCharToMultiByte|oxni_str_utf8_to_unicode)\(')
