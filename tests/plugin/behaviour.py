@@ -74,7 +74,7 @@ def of_machines(root, programs, options):
 
 
 def differences(found, recorded):
-    """A scenario that is not recorded may be somebody's own."""
+    """A scenario that is not recorded is no problem: it may be yours alone."""
     for name in sorted(found):
         if name not in recorded:
             print(f"{name}: not recorded")

@@ -41,6 +41,28 @@ struct played {
     uint64_t boots;
 };
 
+/* A log line of the plug-in, without what differs between processes and builds: what is before the
+ * source's name, its number in the source, and addresses. */
+static void hash_line(int level, const char *line, void *)
+{
+    const char *file = strstr(line, "[vkl] [");
+
+    if (file == nullptr)
+        return; /* the platform's own */
+    std::string text = file;
+
+    for (const char *place : {".cpp:", "subscriber("}) {
+        const size_t at = text.find(place);
+
+        if (at != std::string::npos) {
+            const size_t begin = at + strlen(place);
+            text.erase(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin) - begin);
+        }
+    }
+    text.pop_back(); /* the line feed */
+    call_hash_add(std::to_string(level) + " " + text);
+}
+
 static played play_machine(const rapidjson::Document &document, const run_folder &folder,
                            const struct simulate_options &options)
 {
@@ -53,6 +75,8 @@ static played play_machine(const rapidjson::Document &document, const run_folder
     try {
         play_open(scenario, play);
         invariants_open();
+        if (options.hash_calls || options.trace)
+            oxnih_log_set_sink(hash_line, nullptr);
         while (invariants_finding().invariant.empty() && play_begin_boot()) {
             play_run_until(play_boot_end_ms());
             play_end_boot();
@@ -92,28 +116,6 @@ static played play_pair(const rapidjson::Document &document, bool twin, const ru
     if (first.finding.invariant.empty() && first.blocks != second.blocks)
         first.finding = {"equal machines", "commands without effect leak memory", 0, 0};
     return first;
-}
-
-/* A log line of the plug-in, without what differs between processes and builds: what is before the
- * source's name, its number in the source, and addresses. */
-static void hash_line(int level, const char *line, void *)
-{
-    const char *file = strstr(line, "[vkl] [");
-
-    if (file == nullptr)
-        return; /* the platform's own */
-    std::string text = file;
-
-    for (const char *place : {".cpp:", "subscriber("}) {
-        const size_t at = text.find(place);
-
-        if (at != std::string::npos) {
-            const size_t begin = at + strlen(place);
-            text.erase(begin, text.find_first_not_of("0123456789ABCDEFabcdef", begin) - begin);
-        }
-    }
-    text.pop_back(); /* the line feed */
-    call_hash_add(std::to_string(level) + " " + text);
 }
 
 static void ignore_complaint(const char *, void *)
