@@ -128,4 +128,4 @@ static void try_image(chance &chance, uint64_t)
         step(image, stack, chance);
     walk(image, chance);
 }
-FUZZ_TARGET(images, open_images, try_image, 1, 10000)
+FUZZ_TARGET(images, open_images, try_image, 1, 6000)

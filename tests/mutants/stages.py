@@ -67,15 +67,19 @@ class Stages:
         ]
 
     def command(self, stage, folder, test):
+        if stage.patterns is RECORDED:
+            return [self.root / "tests/plugin/behaviour.py", self.root, folder / "bin",
+                    "--plugin", folder / build.DLL]
+        return [self.wine_run, *self.program(stage, folder, test)]
+
+    def program(self, stage, folder, test):
         place = ["--plugin", folder / build.DLL, "Z:" + self.place.replace("/", "\\")]
         if stage.patterns is UNIT_TEST:
-            return [self.wine_run, folder / build.UNIT_TESTS, "--gtest_fail_fast", f"--gtest_filter={test or '*'}"]
+            return [folder / build.UNIT_TESTS, "--gtest_fail_fast", f"--gtest_filter={test or '*'}"]
         if stage.patterns is RULE:
-            return [self.wine_run, folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS),
+            return [folder / "bin/harness.exe", "simulate", "--boots", str(SIMULATED_BOOTS),
                     "--seed", "1", "--no-shrink", *place[:2], "--folder", place[2]]
-        if stage.patterns is RECORDED:
-            return [self.root / "tests/plugin/behaviour.py", self.root, folder / "bin", *place[:2]]
-        return [self.wine_run, folder / "bin/oxni_devhost.exe", "run", "--quiet", "--stop", "--log", "none",
+        return [folder / "bin/oxni_devhost.exe", "run", "--quiet", "--stop", "--log", "none",
                 "--memory", stage.memory, *place[:2], "--place", place[2],
                 *(path for path in self.files if test in ("", path.name))]
 
