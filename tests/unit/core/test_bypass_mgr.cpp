@@ -99,6 +99,8 @@ TEST(watch_timer, missed_ones_are_armed_later)
     const oxni_timer_fn uptime = s_core.last_timer;
     {
         const import_patch start("oxni_timer_start");
+        for (int missed = 0; missed < 4; missed++) /* one row is enough for it */
+            watch_timer_start("missed", 1, s_functions[0], &slots[0]);
         for (uint64_t &slot : slots)
             watch_timer_start("missed", ++milliseconds, s_functions[&slot - slots], &slot);
     }
@@ -107,6 +109,24 @@ TEST(watch_timer, missed_ones_are_armed_later)
     EXPECT_EQ(core_calls(), "timer 1; timer 2; timer 3; timer 4; timer 5; timer 3600000");
     watch_timer_resume();
     EXPECT_EQ(core_calls(), "");
+
+    /* One that is missed again is logged again, and keeps no other from being armed. */
+    {
+        const import_patch start("oxni_timer_start");
+        watch_timer_start("first", 1, s_functions[0], &slots[0]);
+        watch_timer_start("second", 2, s_functions[1], &slots[1]);
+    }
+    log_forget();
+    {
+        const import_patch start("oxni_timer_start", [](uint32_t ms, oxni_timer_fn, void *) {
+            return static_cast<uint64_t>(ms - 1);
+        });
+        watch_timer_resume();
+    }
+    EXPECT_TRUE(log_contains("timer of first cannot be armed"));
+    EXPECT_FALSE(log_contains("timer of second cannot be armed"));
+    watch_timer_resume();
+    EXPECT_EQ(core_calls(), "timer 1");
 
     /* A slot that another timer has taken meanwhile ends the wait. */
     slots[0] = 0;

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <oxni/base/memory.h>
+
 #include "bypass_mgr_command.h"
 #include "unit_support.h"
 
@@ -33,6 +35,7 @@ TEST(test_command, messages_and_replies)
         const struct bypass_cmd request = {row.type, row.reason, 7};
 
         record->recover_sent = row.type == nullptr;
+        record->crash = {"of", "another", "blame"}; /* it stays while the store has none */
         EXPECT_EQ(bypass_mgr_send(core_subscriber(0), &request), 0);
         EXPECT_EQ(core_calls(), std::string("push a ") + row.message);
         s_core.reply(row.error, s_core.cookie, s_core.pushed_to, nullptr);
@@ -42,6 +45,7 @@ TEST(test_command, messages_and_replies)
         EXPECT_EQ(record->recover_sent, row.recover_sent);
         EXPECT_EQ(record->parsed, row.parsed);
         EXPECT_EQ(record->count, 3);
+        EXPECT_STREQ(record->crash.crash_module, "blame");
     }
 }
 
@@ -67,9 +71,30 @@ TEST(test_command, unregistered)
     s_core.reply(0, &kind, nullptr, nullptr);
     bypass_mgr_table_delete(core_subscriber(0));
     s_core.reply(0, s_core.cookie, core_subscriber(0), nullptr);
-    s_core.cookie = nullptr;
     EXPECT_EQ(core_calls(), "");
     EXPECT_TRUE(log_contains("The subscriber may have lost contact"));
+    s_core.cookie = oxni_zero_malloc_(sizeof(int32_t));
+    s_core.reply(5, s_core.cookie, core_subscriber(0), nullptr);
+    s_core.cookie = nullptr;
+    EXPECT_TRUE(log_contains("Sending notification failed, type(0), ns(space), name(a), error(5)"));
+}
+
+/* A delivered "bypass" is stored although its report lacks memory; a recovery that lacks it keeps no
+ * other product from its own. */
+TEST(test_command, one_lacks_memory)
+{
+    const core_patches patches;
+    const struct bypass_cmd request = {"bypass", "m", 0};
+
+    core_product(0, STATUS_WORKING, 3);
+    (void)bypass_mgr_send(core_subscriber(0), &request);
+    core_calls();
+    while_failing(1, [] { s_core.reply(0, s_core.cookie, s_core.pushed_to, nullptr); });
+    s_core.cookie = nullptr;
+    EXPECT_EQ(core_calls(), "store {'a':{'count':3,'status':2}}");
+    core_product(1, STATUS_BYPASS, 3)->parsed = 1;
+    while_failing(1, bypass_mgr_send_recovery);
+    EXPECT_EQ(core_calls(), "push b {'reason':'none','type':'recover'}");
 }
 
 /* Whichever allocation fails, the result shows whether the command was sent; only the reason of one

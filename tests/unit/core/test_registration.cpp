@@ -19,16 +19,24 @@ static int32_t send_message(const char *type, const char *status, int64_t count)
     return result;
 }
 
-/* Even when the order does not reach it. */
+/* Even when the order does not reach it, or cannot be built. */
 TEST(test_registration, an_ordered_product_counts_as_examined)
 {
     const core_patches patches;
+    int32_t result;
 
     bypass_mgr_store_crash("C:\\d", "then", "mx");
     core_calls();
     EXPECT_EQ(send_message("reg", "working", 3), 0);
     EXPECT_EQ(core_calls(), "history; push a {'reason':'mx','type':'bypass'}");
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0))->parsed, 1);
+    bypass_mgr_table_delete(core_subscriber(0));
+    each_allocation_fails([&] { result = send_message("reg", "working", 3); },
+                          [&](bool, uint64_t) {
+                              EXPECT_TRUE(result != 0 ||
+                                          bypass_mgr_table_find(core_subscriber(0))->parsed == 1);
+                              bypass_mgr_table_delete(core_subscriber(0));
+                          });
 }
 
 /* Whichever allocation fails, a product is registered as a whole or not at all, without a leak. */
@@ -72,8 +80,10 @@ TEST(test_bypass_subscriber, memory)
 {
     const core_patches patches;
     const import_patch subscribe("oxni_subscriber_subscribe", take_registration);
-    const import_patch create("oxni_subscriber_new",
-                              [](const oxni_subscriber_attr *) { return core_subscriber(3); });
+    const import_patch create("oxni_subscriber_new", [](const oxni_subscriber_attr *attr) {
+        EXPECT_EQ(attr->reserved, nullptr);
+        return core_subscriber(3);
+    });
     bool incomplete = false;
 
     each_allocation_fails(
@@ -98,6 +108,7 @@ TEST(test_registration, results)
     EXPECT_EQ(bypass_mgr_receive(nullptr, message), -1);
     EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), nullptr), -1);
     EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), message), 0);
+    EXPECT_EQ(bypass_mgr_receive(core_subscriber(0), json_object_get(message, "type")), 0);
     EXPECT_EQ(bypass_mgr_table_find(core_subscriber(0)), nullptr);
     EXPECT_EQ(send_message("reg", "bypass", 1), 0);
     EXPECT_EQ(send_message("reg", "bypass", 2), -1);

@@ -44,25 +44,11 @@ TEST(test_report_trigger, results)
     EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
-/* A product in bypass is reported before it is stored, whatever the verdict. */
-TEST(test_report_trigger, comes_before_the_store)
-{
-    for (const int32_t kind : {1, 2, 3}) {
-        SCOPED_TRACE(kind);
-        const core_patches patches;
-
-        core_product(0, STATUS_BYPASS, 3);
-        (void)bypass_mgr_check_cb(kind, {}, "", {}, core_subscriber(0));
-        const std::string calls = core_calls();
-        EXPECT_LT(calls.find("history; timer 60000"), calls.find("store {'a'")) << calls;
-    }
-}
-
 /* A report and what it owns; whichever of its six allocations fails, nothing of it leaks. */
 TEST(test_report_pending, memory)
 {
     const core_patches patches;
-    const struct crash_info crash = {"C:\\d", "then", "ma"};
+    const struct crash_info crash = {"C:\\d", "then", "ma"}, no_dump = {};
     char first[] = "ma", second[] = "mb", *names[] = {first, second};
     const uint64_t blocks = live_blocks();
 
@@ -72,12 +58,14 @@ TEST(test_report_pending, memory)
                               EXPECT_EQ(left == 0, failed);
                           });
     for (const struct crash_info *given :
-         {&crash, static_cast<const struct crash_info *>(nullptr)}) {
+         {&crash, &no_dump, static_cast<const struct crash_info *>(nullptr)}) {
         drv_info_add(names, 2, "a", given);
         EXPECT_TRUE(report_pending_has("a"));
         drv_info_add(names, 1, "a", given); /* the first one stays */
-        for (auto at = report_pending_first(); at != nullptr; at = report_pending_next(at))
+        for (auto at = report_pending_first(); at != nullptr; at = report_pending_next(at)) {
             EXPECT_EQ(static_cast<drv_info *>(at->value)->driver_count, 2);
+            EXPECT_EQ(static_cast<drv_info *>(at->value)->crash_info != nullptr, given != nullptr);
+        }
         report_forget("a");
         EXPECT_FALSE(report_pending_has("a"));
         EXPECT_EQ(live_blocks(), blocks);
@@ -95,7 +83,7 @@ TEST(test_report_abnormal_crash, results)
             json_decref(request); /* taken over all the same */
             return -1;
         });
-    char module[] = "ma", *names[] = {module}, *none[] = {nullptr};
+    char module[] = "" /* is a name, too */, *names[] = {module}, *none[] = {nullptr};
 
     EXPECT_EQ(report_abnormal_crash(nullptr, 1, "a", nullptr), -1);
     EXPECT_EQ(report_abnormal_crash(none, 1, "a", nullptr), -1);
@@ -110,12 +98,18 @@ TEST(test_report_abnormal_crash, results)
     EXPECT_EQ(core_calls(), "timer 60000");
     EXPECT_EQ(s_deliveries, 0);
     EXPECT_EQ(live_blocks(), blocks);
+    /* One that cannot be kept starts the timer, too. */
+    *report_link_timer_slot() = 0;
+    while_failing(1, [&] { (void)report_abnormal_crash(names, 1, "c", nullptr); });
+    EXPECT_EQ(core_calls(), "history; timer 60000");
 }
 
-/* Before the management side has named a device, constants take its place. */
+/* Before the management side has named a device, constants take its place. The time needs more than
+ * 31 bits. */
 TEST(test_alarm, without_a_device)
 {
     const core_patches patches;
+    const import_patch time("oxni_time", []() -> int64_t { return 4102444800; });
     char module[] = "ma", *names[] = {module};
     const uint64_t blocks = live_blocks();
     json_t *content = build_alarm_content(names, 1, "a", nullptr);
@@ -123,8 +117,25 @@ TEST(test_alarm, without_a_device)
 
     EXPECT_STREQ(json_string_value(json_object_get(data, "deviceId")), "XNI_DEVICE_ID");
     EXPECT_STREQ(json_string_value(json_object_get(data, "appversion")), "16.20.933");
+    EXPECT_EQ(json_integer_value(json_object_get(data, "recordTimestamp")), 4102444800);
+    EXPECT_NE(strstr(json_string_value(json_object_get(data, "alarmResultDetail")), "\": \"2"),
+              nullptr);
     json_decref(content);
     EXPECT_EQ(live_blocks(), blocks);
+
+    /* The first device of today's table, not of an earlier initialisation's. */
+    report_link_watch();
+    s_core.link("path", 1);
+    for (const std::string id : {"d1", "d2"}) {
+        s_core.answer(
+            0, (R"({"total": 1, "info": [{"product": "x", "device_id": ")" + id + "\"}]}").c_str());
+        content = build_alarm_content(names, 1, "a", nullptr);
+        EXPECT_EQ(json_string_value(json_object_get(json_object_get(content, "data"), "deviceId")),
+                  id);
+        json_decref(content);
+        report_link_create();
+    }
+    s_core.link("path", 0);
 }
 
 /* Nothing is called, and the product that is registered remains. */
@@ -158,6 +169,7 @@ TEST(test_guards, missing_names)
 {
     const core_patches patches;
     const struct bypass_cmd request = {"bypass", "m", 0};
+    const uint64_t blocks = live_blocks();
     struct suber_set *record = core_product(0, STATUS_BYPASS, 3);
 
     oxni_free_(record->product_name);
@@ -176,6 +188,7 @@ TEST(test_guards, missing_names)
     EXPECT_TRUE(log_contains("Successfully send bypass command, ns(), name()"));
     bypass_mgr_unsubscribe(core_subscriber(0));
     EXPECT_TRUE(log_contains("bypass_mgr subscriber ns() name :  unsubscribe!"));
+    EXPECT_EQ(live_blocks(), blocks);
 }
 
 /* A dump whose creation time cannot be read has the time 0. */
@@ -186,10 +199,13 @@ TEST(test_guards, creation_time_of_a_dump)
                             [](const char *, DWORD, DWORD, LPSECURITY_ATTRIBUTES, DWORD, DWORD,
                                HANDLE) -> HANDLE { return &s_core; });
     const import_patch times("GetFileTime");
+    static int s_closed;
+    const import_patch close("CloseHandle", [](HANDLE) -> BOOL { return ++s_closed; });
 
     core_product(0, STATUS_WORKING, 2);
     log_forget();
     (void)bypass_mgr_check_cb(2, {"ma"}, "C:\\d", {}, core_subscriber(0));
+    EXPECT_EQ(s_closed, 1);
     EXPECT_TRUE(log_contains("Failed to GetFileTime [C:\\d]"));
     const std::string calls = core_calls();
     char text[TIME_TEXT_CHARS];
@@ -267,6 +283,7 @@ static int keep_alarm(const char *, json_t *request, void *user, oxni_res_reply_
     const char *detail = json_string_value(json_object_get(data, "alarmResultDetail"));
 
     s_alarms++;
+    EXPECT_NE(user, nullptr);
     EXPECT_EQ(json_object_size(data), 26u);
     EXPECT_STREQ(json_string_value(json_object_get(content, "type")), "QA_ALERT_LOG");
     EXPECT_NE(detail == nullptr
@@ -302,10 +319,12 @@ TEST(test_guards, alarm_without_memory)
     report_link_watch();
     s_core.link("path", 1);
     uint64_t blocks = live_blocks();
+    core_calls();
     {
         const import_patch insert("oxni_xhash_insert", insert_nothing);
         s_core.answer(0, answer);
     }
+    EXPECT_EQ(core_calls(), ""); /* the poll goes on */
     EXPECT_EQ(live_blocks(), blocks);
     for (const char *const text : {answer, static_cast<const char *>(nullptr)}) {
         EXPECT_FALSE(report_link_connected());

@@ -6,6 +6,7 @@
 #include "bypass_mgr_store.h"
 #include "liboxnibase/host.h"
 #include "recover_tag.h"
+#include "report_pending.h"
 #include "unit_support.h"
 
 #define CRASH "'crash_info':{'path':'C:\\\\d','create_time':'then','module_name':'mx'}"
@@ -20,7 +21,7 @@ TEST(test_store, odd_content)
         bool crash;
     } s_rows[] = {
         {"'a':{'count':3,'status':3}", 3, 3, false},
-        {"'a':{'count':-1,'status':1}", -1, 1, false},
+        {"'a':{'count':-2,'status':1}", -2, 1, false},
         {"'a':{'count':'3','status':'1'}", -1, 0, false},
         {"'a':{'count':3.0,'status':2.0}", -1, 0, false},
         {"'a':{'count':3}", 3, 0, false},
@@ -71,6 +72,25 @@ TEST(test_store, no_object)
         EXPECT_EQ(bypass_mgr_stored_crash(&crash), 0);
         EXPECT_STREQ(crash.crash_module, "m");
     }
+}
+
+/* Texts that are too long for a record keep what fits, there and in a report. */
+TEST(test_store, long_texts)
+{
+    const core_patches patches;
+    const std::string text(300, 'x');
+    struct crash_info crash = {};
+    char module[] = "ma", *names[] = {module};
+
+    bypass_mgr_store_crash(text.c_str(), text.c_str(), text.c_str());
+    ASSERT_EQ(bypass_mgr_stored_crash(&crash), 0);
+    drv_info_add(names, 1, "a", &crash);
+    for (auto at = report_pending_first(); at != nullptr; at = report_pending_next(at))
+        for (const crash_info *of : {&crash, static_cast<drv_info *>(at->value)->crash_info}) {
+            EXPECT_EQ(of->crash_path, text.substr(41));
+            EXPECT_EQ(of->crash_create_time, text.substr(41));
+            EXPECT_EQ(of->crash_module, text.substr(41));
+        }
 }
 
 /* A crash record replaces another one as a whole or not at all. */
@@ -133,6 +153,7 @@ TEST(test_recover_tag, results)
     EXPECT_TRUE(log_contains("Failed to retrieve recovery tag path!"));
     log_forget();
     EXPECT_FALSE(recover_tag_check());
+    EXPECT_TRUE(log_contains("get log dir is error")); /* each time */
     EXPECT_TRUE(log_contains("Failed to retrieve recovery tag path!"));
     EXPECT_EQ(recover_tag_write(), -1);
     EXPECT_EQ(core_calls(), "");

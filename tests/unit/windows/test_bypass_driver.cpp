@@ -404,4 +404,6 @@ TEST(test_time_text_local, no_date)
 
     time_text_local(INT64_MAX, text, sizeof(text));
     EXPECT_STREQ(text, "1970-01-01 00:00:00");
+    time_text_local(-MOMENT, text, sizeof(text)); /* before 1970, and yet a date */
+    EXPECT_EQ(std::string(text, 8), "1915-10-");
 }
