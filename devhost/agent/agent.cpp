@@ -129,7 +129,9 @@ void agent_stop(void)
     oxnih_log_close();
     machine_close_agent_files();
     oxnih_memory_drop_all();
-    if (s_state == AGENT_RUNNING)
+    if (s_state == AGENT_EXITED)
+        (void)calls_left_open(); /* Windows closes what an exited process had open */
+    else if (s_state == AGENT_RUNNING)
         s_state = AGENT_STOPPED;
 }
 
