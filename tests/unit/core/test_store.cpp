@@ -117,11 +117,26 @@ TEST(test_store, start_time_without_memory)
 
     s_core.document = core_json("{'data':{}}");
     each_allocation_fails(
-        [] { bypass_mgr_store_load(9); },
+        [] {
+            log_forget();
+            bypass_mgr_store_load(9);
+        },
         [](bool, uint64_t) {
+            EXPECT_NE(log_contains("Malloc memory failure"),
+                      json_object_get(s_core.document, "start_time") != nullptr);
             bypass_mgr_store_crash("path", "then", "m");
             EXPECT_EQ(json_integer_value(json_object_get(s_core.document, "start_time")), 9);
             EXPECT_EQ(json_object_del(s_core.document, "start_time"), 0);
+        });
+    each_allocation_fails(
+        [] {
+            json_object_clear(s_core.document);
+            bypass_mgr_store_crash("path", "then", "m");
+        },
+        [](bool, uint64_t) { /* data without a start time would be of no boot */
+                             EXPECT_TRUE(
+                                 json_object_get(s_core.document, "start_time") != nullptr ||
+                                 json_object_size(json_object_get(s_core.document, "data")) == 0);
         });
 }
 
