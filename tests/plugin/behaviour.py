@@ -74,7 +74,8 @@ def of_machines(root, programs, options):
 
 
 def differences(found, recorded):
-    """A scenario that is not recorded is no problem: it may be yours alone."""
+    """A scenario that is not recorded is no problem: it may be yours alone. What was not played is one."""
+    yield from (f"{name}: recorded, but not played" for name in recorded if name not in found)
     for name in sorted(found):
         if name not in recorded:
             print(f"{name}: not recorded")
